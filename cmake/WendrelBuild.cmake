@@ -1,0 +1,31 @@
+# How every target of this tree is compiled.
+
+add_library(wendrel_build INTERFACE)
+target_compile_options(wendrel_build INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+    $<$<BOOL:${WENDREL_WERROR}>:-Werror>)
+target_compile_features(wendrel_build INTERFACE cxx_std_20)
+
+if(WENDREL_SANITIZE)
+    add_compile_options(-fsanitize=${WENDREL_SANITIZE} -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${WENDREL_SANITIZE})
+    if(WENDREL_SANITIZE MATCHES undefined)
+        add_compile_options(-fno-sanitize-recover=undefined)
+        add_link_options(-fno-sanitize-recover=undefined)
+    endif()
+endif()
+
+if(WENDREL_COVERAGE)
+    add_compile_options(--coverage -fprofile-update=atomic)
+    add_link_options(--coverage)
+endif()
+
+# wendrel_library_defaults(target): hidden symbols, position independent code, our warnings.
+function(wendrel_library_defaults target)
+    set_target_properties(${target} PROPERTIES
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON
+        POSITION_INDEPENDENT_CODE ON
+        CXX_EXTENSIONS OFF)
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:wendrel_build>)
+endfunction()

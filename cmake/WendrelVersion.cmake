@@ -1,0 +1,43 @@
+# The version stamps of the build: taken from git unless given; a tree without git builds too.
+
+function(wendrel_git out default)
+    execute_process(
+        COMMAND git -C ${PROJECT_SOURCE_DIR} ${ARGN}
+        OUTPUT_VARIABLE text OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET RESULT_VARIABLE failed)
+    if(failed OR text STREQUAL "" OR NOT EXISTS ${PROJECT_SOURCE_DIR}/.git)
+        set(text ${default})
+    endif()
+    set(${out} ${text} PARENT_SCOPE)
+endfunction()
+
+set(WENDREL_REVISION "" CACHE STRING "Revision number; empty: number of commits")
+set(WENDREL_COMMIT_ID "" CACHE STRING "Commit, 16 hexadecimal digits; empty: asked of git")
+set(WENDREL_BUILD_YEAR "" CACHE STRING "Year; empty: that of the commit")
+set(WENDREL_BUILD_MONTH "" CACHE STRING "Month, 1 to 12; empty: that of the commit")
+
+function(wendrel_stamp out given default)
+    if(given STREQUAL "")
+        wendrel_git(given "${default}" ${ARGN})
+    endif()
+    set(${out} ${given} PARENT_SCOPE)
+endfunction()
+
+string(TIMESTAMP wendrel_this_year "%Y" UTC)
+string(TIMESTAMP wendrel_this_month "%m" UTC)
+wendrel_stamp(wendrel_revision "${WENDREL_REVISION}" 0 rev-list --count HEAD)
+wendrel_stamp(wendrel_commit_id "${WENDREL_COMMIT_ID}" 0000000000000000 rev-parse HEAD)
+wendrel_stamp(wendrel_year "${WENDREL_BUILD_YEAR}" ${wendrel_this_year} log -1 --format=%cd --date=format:%Y)
+wendrel_stamp(wendrel_month "${WENDREL_BUILD_MONTH}" ${wendrel_this_month} log -1 --format=%cd --date=format:%m)
+
+string(SUBSTRING "${wendrel_commit_id}0000000000000000" 0 16 wendrel_commit_id)
+string(TOLOWER "${wendrel_commit_id}" wendrel_commit_id)
+math(EXPR wendrel_month "${wendrel_month} + 0" OUTPUT_FORMAT DECIMAL)
+if(NOT wendrel_commit_id MATCHES "^[0-9a-f]+$")
+    message(FATAL_ERROR "WENDREL_COMMIT_ID must be hexadecimal digits, not '${wendrel_commit_id}'")
+endif()
+if(NOT wendrel_revision MATCHES "^[0-9]+$" OR NOT wendrel_year MATCHES "^[0-9][0-9][0-9][0-9]$")
+    message(FATAL_ERROR "WENDREL_REVISION and WENDREL_BUILD_YEAR must be decimal numbers")
+endif()
+if(wendrel_month LESS 1 OR wendrel_month GREATER 12)
+    message(FATAL_ERROR "WENDREL_BUILD_MONTH must lie between 1 and 12")
+endif()

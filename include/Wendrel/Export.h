@@ -1,0 +1,8 @@
+/// Visibility of the library: what an application derives from or calls is marked, all else
+/// is hidden.
+#ifndef WENDREL_EXPORT_H
+#define WENDREL_EXPORT_H
+
+#define WENDREL_EXPORT __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,214 @@
+/// The bodies of a request: what was uploaded and what is answered.
+#ifndef WENDREL_HTTPDEVICES_H
+#define WENDREL_HTTPDEVICES_H
+
+#include <Wendrel/Export.h>
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvIoDevice.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv
+{
+
+class HttpBaseRequest;
+
+namespace impl
+{
+struct DispatchAccess;
+}
+
+/// The device from which an application reads the body that a client uploads.
+///
+/// One daemon thread feeds it, one worker thread reads it; both sides meet under its mutex.
+/// There is no back-pressure: what the client sends is kept until it is read. Owned by its
+/// request.
+class WENDREL_EXPORT HttpReceiveDevice : public qvIoDevice
+{
+public:
+    explicit HttpReceiveDevice(HttpBaseRequest& request);
+    ~HttpReceiveDevice() override;
+
+    /// Fills `buf` with `len` bytes of the body, waiting for them as long as it must.
+    ///
+    /// Returns less than `len` (also 0) when the body has ended, the device is in error, or
+    /// no byte has come for 360000 ms; then `atEnd()` is true. While the upload goes on, the
+    /// newest chunk of at least 64 KiB is not handed out yet. A client that goes away in the
+    /// middle of its upload does not end the wait by itself: the wait listener is notified
+    /// every second and can set an error here. Thread: the request's worker.
+    uint64_t readBytes(char* buf, size_t len) override;
+
+    /// Takes the next `len` bytes of the upload; returns `len`, or 0 after the feed ended.
+    /// Thread: the daemon's, with the device's mutex held. Not for applications.
+    uint64_t writeBytes(const char* data, size_t len) override;
+
+    /// True when the whole body has been read or the device is in error. Any thread, no lock.
+    bool atEnd() const override;
+
+    /// No more data will come. Thread: the daemon's, with the device's mutex held.
+    void endFeed();
+
+    /// Bytes handed to readers so far. Any thread, no lock.
+    uint64_t getReceivedBytes() const;
+
+    /// Clears error and end and counts from zero again; bytes not read yet are kept.
+    void reset();
+
+private:
+    friend struct impl::DispatchAccess;
+
+    using Chunk = std::vector<char>;
+
+    void keepAliveStep();
+    uint64_t takeFromQueue(char* buf, uint64_t wanted) QV_REQUIRES(mMutex);
+    uint64_t readLocked(char* buf, uint64_t len, int64_t idleSinceMs) QV_REQUIRES(mMutex);
+
+    qvMutex mMutex;
+    qvWaitCondition mDataArrived;
+    std::atomic<bool> mAtEnd;  // changed under mMutex
+    HttpBaseRequest* mRequest;
+    std::list<Chunk> mQueue QV_GUARDED_BY(mMutex);
+    uint64_t mQueuedBytes QV_GUARDED_BY(mMutex);
+    uint64_t mWantedBytes QV_GUARDED_BY(mMutex);
+    uint64_t mReadOffset QV_GUARDED_BY(mMutex);
+    std::atomic<uint64_t> mReceivedBytes;  // changed under mMutex
+    bool mFeedEnded QV_GUARDED_BY(mMutex);
+};
+
+/// The device into which an application writes a response body.
+///
+/// One worker thread writes, one daemon thread reads; whole chunks change hands under one
+/// mutex, so each byte is copied twice at most. Owned by its request.
+class WENDREL_EXPORT HttpResponseDevice : public qvIoDevice
+{
+public:
+    explicit HttpResponseDevice(HttpBaseRequest& request);
+    ~HttpResponseDevice() override;
+
+    /// The device is write-only: sets the error "read not implemented" and returns 0.
+    uint64_t readBytes(char* buf, size_t len) override;
+
+    /// Takes `len` bytes of the body.
+    ///
+    /// Returns `len`, or 0 when refused: not the request's worker thread, body ended, or
+    /// device in error. Waits, once, without limit, while more than 256 KiB are ready and
+    /// not yet sent; the client's going away ends the wait. The wait never ends when the
+    /// daemon does not fetch the body to its end: write nothing for HEAD and for status 204
+    /// and 304, and not more than the declared length. Thread: the request's worker.
+    uint64_t writeBytes(const char* data, size_t len) override;
+
+    /// Hands everything written so far to the daemon, also a chunk of less than 64 KiB.
+    /// Returns what `writeBytes(nullptr, 0)` returns. Thread: the request's worker.
+    uint64_t flush();
+
+    /// The body is complete; later writes are refused. Thread: the request's worker.
+    void endSending();
+
+    /// True when the body was sent from one buffer or the device is in error.
+    /// Any thread, no lock.
+    bool atEnd() const override;
+
+    /// The head of the answer is final and the daemon may send it. Returns true when this
+    /// call announced it, false when it had been announced before. The head must not be
+    /// changed any more. Any thread; takes the device's mutex.
+    bool setResponseReady();
+
+    /// Moves the ready bytes to `out`. Thread: the daemon's, with the device's mutex held.
+    /// Not for applications.
+    void getData(std::vector<char>& out);
+
+    /// Bytes handed over and not yet fetched by the daemon. Any thread, no lock.
+    size_t getDataSize() const;
+
+    /// True while there are such bytes. Any thread, no lock.
+    bool hasDataToSend() const;
+
+    /// Bytes accepted by `writeBytes` so far. Any thread, no lock.
+    uint64_t getSentBytes() const;
+
+    /// Copies up to `max` bytes to `buf` and returns how many. Both flags are set to whether
+    /// the body is complete when nothing more was ready, otherwise to false. Thread: the
+    /// daemon's. Not for applications.
+    size_t sendChunksThreadSafe(void* buf, size_t max, bool& ended, bool& endedToo);
+
+    /// Puts the device in error with "Http response device : " and `reason` and wakes the
+    /// writer. Thread: the daemon's, with the device's mutex held. Not for applications.
+    void setConnectionLost(const std::string& reason);
+
+private:
+    friend struct impl::DispatchAccess;
+
+    using Chunk = std::vector<char>;
+    using Queue = std::list<Chunk>;
+
+    bool mayWrite() const;
+    void handOver(Queue::iterator end, uint64_t bytes);
+    bool takeOver(size_t room);
+
+    HttpBaseRequest* mRequest;
+    std::atomic<uint32_t> mResponseState;  // changed under mMutex, first looked at without
+    Queue mReadyQueue QV_GUARDED_BY(*mMutex);
+    std::atomic<uint64_t> mReadyBytes;  // changed under mMutex
+    Queue mFillQueue;                   // writer
+    uint64_t mFillBytes;                // writer
+    int64_t mLastHandOverMs;            // writer
+    Queue mSendQueue;                   // daemon thread
+    uint64_t mSendOffset;               // daemon thread
+    std::atomic<uint64_t> mSentBytes;   // changed by the writer
+    std::unique_ptr<qvMutex> mMutex;
+    std::unique_ptr<qvWaitCondition> mSpaceFreed;
+    std::atomic<bool> mCompleted;   // changed under mMutex
+    std::atomic<bool> mTakenWhole;  // changed under mMutex
+    bool mFlushRequested;           // writer
+};
+
+/// The head of an answer: status, declared length, headers and cookies. Derive from it.
+///
+/// The operations are called on a daemon thread when the answer is queued; what they return
+/// must not change between `setResponseReady` and the completion of the request.
+class WENDREL_EXPORT HttpResponseInterface
+{
+public:
+    /// Ordering key to the header's name as it is sent and its value. Use the name in lower
+    /// case as key: the daemon sends a second Date when "Connection" comes after "Date".
+    using HeaderMap = std::map<std::string, std::pair<std::string, std::string>>;
+
+    /// Cookie name to cookie value.
+    using CookieMap = std::map<std::string, std::string>;
+
+    HttpResponseInterface() = default;
+    virtual ~HttpResponseInterface();
+
+    /// Each is sent as a Set-cookie header of its own, in the order of the names.
+    virtual const CookieMap& getCookies() = 0;
+
+    /// Sent in the order of the keys. The daemon adds Date and Content-Length (or
+    /// Transfer-Encoding) and drops a header with an empty value, a blank in its name or a
+    /// line break in its value.
+    virtual const HeaderMap& getHeaders() = 0;
+
+    /// 100 to 999; the daemon closes the connection without an answer on anything else.
+    virtual uint32_t getStatusCode() = 0;
+
+    /// Length of the body in bytes; negative: not known. Not asked when the body was complete
+    /// and at most 536870911 bytes long when the answer was queued.
+    virtual int64_t getContentLength() = 0;
+
+    /// A line for the application's own log. Not called by the library.
+    virtual std::string describe() = 0;
+};
+
+}  // namespace qv
+
+#endif

@@ -1,0 +1,205 @@
+/// A request as the application sees it.
+#ifndef WENDREL_HTTPREQUEST_H
+#define WENDREL_HTTPREQUEST_H
+
+#include <Wendrel/Export.h>
+
+#include <Ostrand/HttpHeaders.h>
+#include <Ostrand/HttpUrl.h>
+#include <qvSystem/IpAddress.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+struct MHD_Connection;
+
+namespace qv
+{
+
+class HttpReceiveDevice;
+class HttpResponseDevice;
+class HttpResponseInterface;
+
+namespace impl
+{
+struct DispatchAccess;
+}
+
+/// Told each time a worker thread is about to wait for more of the request's body: once at
+/// the start of `readBytes` and then every second at the latest.
+class WENDREL_EXPORT HttpWaitListener
+{
+public:
+    virtual ~HttpWaitListener();
+
+    /// Thread: the request's worker; from the second call of a read on with the receive
+    /// device's mutex held, so call nothing of that device but `setDeviceError`, which ends
+    /// the wait.
+    virtual void onWaitingForData() = 0;
+};
+
+/// Base of the application's request class.
+///
+/// Filled on a daemon thread before the application sees it, then served by one worker
+/// thread at a time. The application owns it and deletes it after its worker has finished
+/// with it and `isCompleted()` is true, whichever comes last. It has no lock of its own:
+/// the connection and the completed flag change under the response device's mutex.
+class WENDREL_EXPORT HttpBaseRequest
+{
+public:
+    /// One bit per method, so that a set of methods is one integer.
+    enum RequestType : uint16_t {
+        UNKNOWN_HTTP_METHOD = 1,
+        OPTIONS = 2,
+        GET = 4,
+        POST = 8,
+        PUT = 16,
+        DELETE = 32,
+        HEAD = 64,
+        CONNECT = 128,
+        TRACE = 256,
+        PATCH = 512
+    };
+
+    using ValueMap = std::map<std::string, std::list<std::string>>;
+
+    HttpBaseRequest();
+    virtual ~HttpBaseRequest();
+    HttpBaseRequest(const HttpBaseRequest&) = delete;
+    HttpBaseRequest& operator=(const HttpBaseRequest&) = delete;
+
+    /// The head of the answer; asked for on a daemon thread each time it looks whether the
+    /// answer is ready. The object belongs to the request and lives as long.
+    virtual HttpResponseInterface& getResponse() = 0;
+
+    /// Who is told when a worker waits for more of the body.
+    virtual HttpWaitListener& getWaitListener() = 0;
+
+    // Methods. The conversions to text may be called from any thread.
+
+    /// Method name to value; filled while the library is initialised. Read it only then.
+    static std::map<std::string, RequestType> sRequestTypes;
+
+    static void InitRequestTypes();
+    static void ClearRequestTypes();
+
+    /// "GET" and so on; "UNKNOWN_HTTP_METHOD" for anything but exactly one method.
+    static const std::string& RequestTypeToString(RequestType type);
+
+    /// The names of all methods in `bits`, joined by ",": "GET,HEAD". Other bits are ignored.
+    static std::string RequestTypeBitFieldToString(int bits);
+
+    // Intake, called by the library before the application sees the request. Bad input is
+    // recorded with `setParseError` and dropped.
+
+    void setHttpMethod(const std::string& method);
+    void setOriginalFullUrl(std::string&& target);
+    void addHeader(const char* name, const char* value);
+    void addCookie(const char* name, const char* value);
+    void addQueryParameter(const char* name, const char* value);
+
+    /// Marks the request as bad. The first text that is not empty is kept.
+    void setParseError(std::string&& message);
+
+    // What came in.
+
+    RequestType getRequestType() const { return mRequestType; }
+
+    /// The parsed target; its host and port are fixed and mean nothing.
+    const http::HttpUrl& getUrl() const { return mUrl; }
+
+    /// The target as received; "Invalid URI" when it could not be parsed.
+    const std::string& getOriginalFullUrl() const { return mOriginalFullUrl; }
+
+    const IpAddress& getClientAddress() const { return mClientAddress; }
+
+    /// Names in lower case.
+    const http::HttpHeaders& getHeaders() const { return mHeaders; }
+    const ValueMap& getCookies() const { return mCookies; }
+    const ValueMap& getQueryParameters() const { return mQueryParameters; }
+
+    /// The values of one header (name in lower case), cookie or query parameter, in order of
+    /// arrival; null when there is none. A null name throws std::logic_error.
+    const std::list<std::string>* getHeader(const char* name) const;
+    const std::list<std::string>* getCookie(const char* name) const;
+    const std::list<std::string>* getQueryParameter(const char* name) const;
+
+    bool hasParseError() const { return mHasParseError; }
+    const std::string& getParseError() const { return mParseError; }
+
+    /// Bytes of the accepted headers and cookies, as the library counts them.
+    uint64_t getRequestHeadBytes() const { return mRequestHeadBytes; }
+
+    // Serving.
+
+    HttpReceiveDevice& getReceiveDevice() const { return *mReceiveDevice; }
+    HttpResponseDevice& getResponseDevice() const { return *mResponseDevice; }
+
+    /// The thread with this identifier (`qvThread::CurrentThreadId()`) serves the request from
+    /// now on: only it may write the response.
+    void workerThreadStartHandling(const std::string& threadId);
+
+    /// No thread serves the request any more; the keep-alive callback is dropped. The argument
+    /// is not used.
+    void workerThreadStopHandling(const std::string& threadId);
+
+    /// Empty while no thread serves the request. Thread: the worker's.
+    const std::string& getCurrentWorkerThreadId() const { return mWorkerThreadId; }
+
+    /// True when the daemon is done with the request. Any thread; takes the response device's
+    /// mutex, so never call it from `onRequestCompleted`.
+    bool isCompleted() const;
+
+    /// Milliseconds from the arrival of the request to the last moment at which the daemon
+    /// looked for the answer with the body complete; grows until the answer is queued.
+    int64_t getReceiveDurationMs() const { return mReceiveDurationMs; }
+
+    /// When the answer was queued, in milliseconds of the monotonic clock; -1 before.
+    int64_t getResponseStartMs() const { return mResponseStartMs; }
+
+    /// Bytes of the answer's headers, as the library counts them (cookies not included).
+    uint64_t getResponseHeadBytes() const { return mResponseHeadBytes; }
+
+protected:
+    /// Has `callback` called while the worker waits for the body, at most once every
+    /// `intervalMs` milliseconds and never more often than once a second after the first.
+    /// Thread: the worker, after `workerThreadStartHandling`; dropped when it stops.
+    void setKeepAliveCallback(std::function<void()> callback, uint32_t intervalMs);
+
+private:
+    friend struct impl::DispatchAccess;
+
+    MHD_Connection* mConnection;  // changed under the response device's mutex
+    [[maybe_unused]] int64_t mAuxIndex;
+    IpAddress mClientAddress;
+    std::unique_ptr<HttpReceiveDevice> mReceiveDevice;
+    std::unique_ptr<HttpResponseDevice> mResponseDevice;
+    std::atomic<int64_t> mReceiveDurationMs;
+    std::atomic<int64_t> mResponseStartMs;
+    uint64_t mRequestHeadBytes;
+    std::atomic<uint64_t> mResponseHeadBytes;
+    std::string mWorkerThreadId;
+    int64_t mLastKeepAliveMs;
+    std::function<void()> mKeepAliveCallback;
+    std::string mOriginalFullUrl;
+    http::HttpUrl mUrl;
+    http::HttpHeaders mHeaders;
+    ValueMap mCookies;
+    ValueMap mQueryParameters;
+    std::string mParseError;
+    [[maybe_unused]] int64_t mAuxTimeMs;
+    uint32_t mKeepAliveIntervalMs;
+    std::atomic<bool> mBodyPending;
+    RequestType mRequestType;
+    bool mHasParseError;
+    bool mCompleted;  // changed under the response device's mutex
+};
+
+}  // namespace qv
+
+#endif

@@ -1,0 +1,159 @@
+/// The server and what an application derives from to be one.
+#ifndef WENDREL_HTTPSERVER_H
+#define WENDREL_HTTPSERVER_H
+
+#include <Wendrel/Export.h>
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+#include <qvSystem/qvWaitCondition.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace qv
+{
+
+class HttpBaseRequest;
+
+namespace impl
+{
+struct ServerAccess;
+}
+
+namespace http
+{
+
+class WebSocket;
+
+/// What the application does with requests. Derive from it and give a new object to
+/// HttpServer, which owns and deletes it.
+///
+/// `createRequest`, `handleRequest`, `onNewWebSocket` and `onRequestCompleted` are called on
+/// the daemon's threads, several at once, also after `onServerStopped` until the server has
+/// been destroyed. None of the operations may call `startServer`, `stopServer` or destroy
+/// the server: that would wait for the very thread it runs on. An exception that leaves one
+/// of them ends the process.
+class WENDREL_EXPORT HttpServerImpl
+{
+public:
+    HttpServerImpl();
+    virtual ~HttpServerImpl();
+    HttpServerImpl(const HttpServerImpl&) = delete;
+    HttpServerImpl& operator=(const HttpServerImpl&) = delete;
+
+    /// A new object of the application's request class; never null. The application owns it
+    /// and deletes it when its worker has finished with it and it is completed.
+    virtual HttpBaseRequest* createRequest() = 0;
+
+    /// Takes a request whose head is complete. The daemon thread, and every connection on it,
+    /// stands still until this returns: hand the request to a worker and return. Look at
+    /// `hasParseError()` first: a bad request arrives here too, and the application answers it.
+    virtual void handleRequest(HttpBaseRequest* request) = 0;
+
+    /// Takes an upgraded connection; the application owns it from here.
+    virtual void onNewWebSocket(http::WebSocket* socket) = 0;
+
+    /// The server is about to stop, or could not start; called once per start, on the server
+    /// thread with the server's lock held. The daemon is still running: do not delete
+    /// requests here.
+    virtual void onServerStopped() = 0;
+
+    /// Some request has been completed: the daemon will not touch it again once this and the
+    /// callback that called it have returned. Called under the response device's lock of that
+    /// request: take no lock here under which another thread asks a request or a response
+    /// device anything, and delete nothing.
+    virtual void onRequestCompleted() = 0;
+
+    /// The body sent with each status 500 that the library answers by itself.
+    const std::string& getErrorBody() const { return mErrorBody; }
+
+    /// Address of one of the library's daemon callbacks, without its type.
+    using Callback = void (*)();
+
+    static Callback GetHttpCallback();
+    static Callback GetRequestCompletedCallback();
+    static Callback GetUriLogCallback();
+    static Callback GetLogFunction();
+
+protected:
+    /// Sets the error body (empty at first; sent without a content type). Call before the
+    /// server is started: the daemon sends from this very text, not from a copy.
+    void setErrorBody(std::string body);
+
+private:
+    std::string mErrorBody;
+};
+
+/// An HTTP server: one thread that starts, watches over and stops one daemon.
+///
+/// Start and stop may be called from any thread except the daemon's own (see
+/// HttpServerImpl). A server that failed to start cannot be started again: make a new one.
+class WENDREL_EXPORT HttpServer : public qvThread
+{
+public:
+    /// What `startServer` is told; a plain value.
+    struct WENDREL_EXPORT Parameters
+    {
+        /// TCP port to listen on.
+        uint16_t port = 8181;
+        /// Connections that may wait to be accepted; the kernel caps it.
+        uint32_t listenBacklog = 1024;
+        /// Threads that serve connections. 0 and 1 give one thread and a warning in the log.
+        /// The daemon takes 1020 connections in all, shared out evenly among the threads:
+        /// never more than 1020 threads.
+        uint32_t threadPoolSize = qvSystemUtils::GetIdealThreadCount();
+        /// Milliseconds without a byte received or sent after which a connection is closed,
+        /// also while the application is still computing; rounded up to whole seconds.
+        /// 0: never. At most 4294967000.
+        uint32_t connectionTimeoutMs = 360000;
+        /// Whether connections can be upgraded to WebSockets.
+        bool allowWebSocket = false;
+        bool reserved1 = false;
+        bool reserved2 = true;
+        bool reserved3 = false;
+        /// false: listen on 127.0.0.1 only; true: on every IPv4 address of the machine.
+        bool listenOnAllInterfaces = false;
+    };
+
+    enum State : int32_t { Stopped = 0, Starting = 1, Running = 2, Failed = 3 };
+
+    /// Takes ownership of `impl`. Starts nothing.
+    explicit HttpServer(HttpServerImpl* impl);
+
+    /// Stops the server, waits for its thread, then deletes the application's object.
+    ~HttpServer() override;
+
+    /// Starts the server with a copy of `parameters`; does nothing unless it is stopped.
+    /// Returns at once: the state and the log tell whether the daemon came up.
+    void startServer(const Parameters& parameters);
+
+    /// Asks the server to stop; new requests are refused from now on. With `wait` it returns
+    /// when the daemon has stopped: at once if nothing is going on, otherwise after the
+    /// callbacks in progress. Requests still open then end with "DaemonShutdown".
+    void stopServer(bool wait);
+
+    /// Any thread, no lock.
+    State getState() const;
+
+protected:
+    void run() override;
+
+private:
+    friend struct qv::impl::ServerAccess;
+
+    HttpServerImpl* mImpl;  // owned
+    qvMutex mMutex;
+    qvWaitCondition mWake;
+    Parameters mParameters QV_GUARDED_BY(mMutex);
+    std::atomic<int32_t> mState;        // changed under mMutex, read by anyone
+    std::atomic<bool> mStopRequested;   // changed under mMutex, read by the daemon's threads
+};
+
+}  // namespace http
+}  // namespace qv
+
+#endif

@@ -1,0 +1,23 @@
+#ifndef QUENBY_QUENBY_H
+#define QUENBY_QUENBY_H
+
+#include <qvSystem/Export.h>
+
+namespace qv
+{
+namespace json
+{
+
+/// Counts one use of the JSON library; the first registers its version. Any thread.
+QV_EXPORT void initializeQvQuenby();
+
+/// Undoes one `initializeQvQuenby`. Any thread.
+QV_EXPORT void terminateQvQuenby();
+
+/// True between the first initialisation and the last termination. Any thread.
+QV_EXPORT bool IsQvQuenbyInitialized();
+
+}  // namespace json
+}  // namespace qv
+
+#endif

@@ -1,0 +1,7 @@
+/// Visibility of the platform libraries: everything not marked is hidden.
+#ifndef QVSYSTEM_EXPORT_H
+#define QVSYSTEM_EXPORT_H
+
+#define QV_EXPORT __attribute__((visibility("default")))
+
+#endif

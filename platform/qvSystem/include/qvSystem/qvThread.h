@@ -1,0 +1,65 @@
+#ifndef QVSYSTEM_QVTHREAD_H
+#define QVSYSTEM_QVTHREAD_H
+
+#include <qvSystem/Export.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace qv
+{
+
+/// A thread of execution; derive from it and override `run`.
+///
+/// The object can be started again after a run has ended. The derived class must make
+/// sure that its run has ended (`waitThread`) before its own destructor finishes; the
+/// destructor of this class joins what is left, but by then `run` is gone.
+class QV_EXPORT qvThread
+{
+public:
+    qvThread();
+
+    /// Joins a run that has ended or is about to.
+    virtual ~qvThread();
+
+    qvThread(const qvThread&) = delete;
+    qvThread& operator=(const qvThread&) = delete;
+
+    /// Starts `run` on a new thread named `name` (as shown by debuggers, cut to 15 bytes;
+    /// null: the name of the starting thread). A run that has ended before is joined first.
+    /// Returns false, and starts nothing, while a run is still going on. Throws
+    /// std::system_error when the system has no thread to give.
+    bool startThread(const char* name);
+
+    /// Waits at most `timeOutMs` milliseconds for the run to end. Returns true when it has
+    /// ended or none was started, false when the time ran out. From inside the thread
+    /// itself it returns false at once.
+    bool waitThread(unsigned long timeOutMs);
+
+    /// Puts the calling thread to sleep for `ms` milliseconds.
+    static void msleep(unsigned long ms);
+
+    /// A short text that names the calling thread, the same for its whole life and
+    /// different from that of every other thread alive in this process. Made once per
+    /// thread: no allocation on later calls. The reference is valid on the calling thread
+    /// for as long as it lives.
+    static const std::string& CurrentThreadId();
+
+protected:
+    /// What the thread does. Called on the new thread; the run has ended when it returns.
+    virtual void run() = 0;
+
+private:
+    void runAndReport();
+
+    std::mutex mMutex;                // guards all below
+    std::condition_variable mEnded;
+    std::thread mThread;
+    bool mRunning = false;
+};
+
+}  // namespace qv
+
+#endif

@@ -1,0 +1,40 @@
+#ifndef QVSYSTEM_QVWAITCONDITION_H
+#define QVSYSTEM_QVWAITCONDITION_H
+
+#include <qvSystem/Export.h>
+
+#include <condition_variable>
+
+namespace qv
+{
+
+class qvMutex;
+
+/// Lets threads sleep until another one wakes them.
+class QV_EXPORT qvWaitCondition
+{
+public:
+    /// The time-out that means: none.
+    static constexpr unsigned long kNoTimeOut = static_cast<unsigned long>(-1);
+
+    qvWaitCondition();
+    ~qvWaitCondition();
+    qvWaitCondition(const qvWaitCondition&) = delete;
+    qvWaitCondition& operator=(const qvWaitCondition&) = delete;
+
+    /// Releases `mutex`, which the caller holds, sleeps until woken or until `timeOutMs`
+    /// milliseconds of the monotonic clock have passed, and takes the mutex again.
+    /// Returns false when the time ran out, true when woken. As with every condition
+    /// variable a wake-up may come without reason: the caller looks at its condition again.
+    bool wait(qvMutex* mutex, unsigned long timeOutMs);
+
+    /// Wakes every waiting thread. May be called with or without the mutex held.
+    void wakeAll();
+
+private:
+    std::condition_variable mCondition;
+};
+
+}  // namespace qv
+
+#endif
