@@ -154,7 +154,7 @@ private:
 
     bool mayWrite() const;
     void handOver(Queue::iterator end, uint64_t bytes);
-    bool takeOver(size_t room);
+    bool takeOver(size_t room, bool& ended);
 
     HttpBaseRequest* mRequest;
     std::atomic<uint32_t> mResponseState;  // changed under mMutex, first looked at without

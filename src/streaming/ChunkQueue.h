@@ -1,0 +1,26 @@
+// How both body devices queue bytes: in chunks that never move and never grow beyond their
+// capacity, so that a whole chunk can change hands without copying.
+#ifndef WENDREL_STREAMING_CHUNKQUEUE_H
+#define WENDREL_STREAMING_CHUNKQUEUE_H
+
+#include <cstddef>
+#include <list>
+#include <vector>
+
+namespace qv::impl
+{
+
+// Least capacity of a chunk.
+inline constexpr size_t kChunkCapacityBytes = 65536;
+
+// Fills the last chunk's spare capacity, then puts all that remains into one new chunk.
+void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_t len);
+
+inline bool IsFull(const std::vector<char>& chunk)
+{
+    return chunk.size() == chunk.capacity();
+}
+
+}  // namespace qv::impl
+
+#endif

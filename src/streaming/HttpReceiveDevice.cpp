@@ -1,0 +1,162 @@
+// The upload: fed by the daemon in pieces of any size, read by the worker in what it asks for.
+
+#include <Wendrel/HttpDevices.h>
+
+#include <Wendrel/HttpRequest.h>
+
+#include "request/ConnectionContext.h"
+#include "request/DispatchAccess.h"
+#include "streaming/ChunkQueue.h"
+
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+namespace qv
+{
+namespace
+{
+
+constexpr unsigned long kWaitSliceMs = 1000;
+constexpr int64_t kIdleLimitMs = 360000;
+
+bool isIdleTooLong(int64_t sinceMs)
+{
+    return sinceMs == impl::kTimeNotSet || qvSystemUtils::GetTimeBaseMs() - sinceMs > kIdleLimitMs;
+}
+
+}  // namespace
+
+HttpReceiveDevice::HttpReceiveDevice(HttpBaseRequest& request)
+    : qvIoDevice(BothWays), mAtEnd(false), mRequest(&request), mQueuedBytes(0), mWantedBytes(0),
+      mReadOffset(0), mReceivedBytes(0), mFeedEnded(false)
+{
+    reset();
+}
+
+HttpReceiveDevice::~HttpReceiveDevice() = default;
+
+// The caller holds the mutex.
+uint64_t HttpReceiveDevice::writeBytes(const char* data, size_t len) QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (mFeedEnded) {
+        setDeviceError("no more feed");
+        return 0;
+    }
+    impl::AppendToChunks(mQueue, data, len);
+    mQueuedBytes += len;
+    if (mWantedBytes != 0 && mQueuedBytes >= mWantedBytes)
+        mDataArrived.wakeAll();
+    return len;
+}
+
+// The caller holds the mutex.
+void HttpReceiveDevice::endFeed() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    mDataArrived.wakeAll();
+    mFeedEnded = true;
+}
+
+// Required: the queue and its byte count stay as they are, although the read offset does not.
+void HttpReceiveDevice::reset()
+{
+    clearDeviceError();
+    qvMutexLocker locker(&mMutex);
+    mAtEnd = false;
+    mReadOffset = 0;
+    mReceivedBytes = 0;
+    mFeedEnded = false;
+}
+
+bool HttpReceiveDevice::atEnd() const
+{
+    return mAtEnd || hasDeviceError();
+}
+
+uint64_t HttpReceiveDevice::getReceivedBytes() const
+{
+    return mReceivedBytes;
+}
+
+// Calls the application: without any lock before a read's first pass, with the mutex held in
+// the later ones.
+void HttpReceiveDevice::keepAliveStep()
+{
+    using Access = impl::DispatchAccess;
+    if (mRequest->getCurrentWorkerThreadId() != qvThread::CurrentThreadId())
+        return;
+    if (Access::keepAliveCallback(*mRequest)) {
+        const int64_t last = Access::lastKeepAliveMs(*mRequest);
+        const int64_t interval = Access::keepAliveIntervalMs(*mRequest);
+        if (last == impl::kTimeNotSet || qvSystemUtils::GetTimeBaseMs() - last > interval) {
+            Access::keepAliveCallback (*mRequest)();
+            Access::lastKeepAliveMs(*mRequest) = qvSystemUtils::GetTimeBaseMs();
+        }
+    }
+    mRequest->getWaitListener().onWaitingForData();
+}
+
+uint64_t HttpReceiveDevice::readBytes(char* buf, size_t len)
+{
+    if (len == 0)
+        return 0;
+    keepAliveStep();
+    const int64_t idleSinceMs = qvSystemUtils::GetTimeBaseMs();
+    qvMutexLocker locker(&mMutex);
+    const uint64_t copied = readLocked(buf, len, idleSinceMs);
+    mWantedBytes = 0;
+    return copied;
+}
+
+uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinceMs)
+{
+    uint64_t copied = 0;
+    for (bool firstPass = true; !mAtEnd && !hasDeviceError(); firstPass = false) {
+        if (!firstPass) {
+            keepAliveStep();
+            mWantedBytes = len - copied;
+            mDataArrived.wait(&mMutex, kWaitSliceMs);
+            mWantedBytes = 0;
+        }
+        const uint64_t taken = takeFromQueue(buf + copied, len - copied);
+        copied += taken;
+        mReceivedBytes += taken;
+        mQueuedBytes -= taken;
+        if (taken == 0 && isIdleTooLong(idleSinceMs)) {
+            setDeviceError("Wait too long without incoming data");
+            break;
+        }
+        if (taken != 0)
+            idleSinceMs = qvSystemUtils::GetTimeBaseMs();
+        if (mFeedEnded && mQueue.empty())
+            mAtEnd = true;
+        if (copied == len)
+            break;
+    }
+    return copied;
+}
+
+// While the feed is open its newest chunk is left alone: it may still be growing.
+uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted)
+{
+    uint64_t taken = 0;
+    while (taken < wanted && !mQueue.empty()) {
+        if (!mFeedEnded && std::next(mQueue.begin()) == mQueue.end())
+            break;
+        const Chunk& front = mQueue.front();
+        const uint64_t part = std::min<uint64_t>(front.size() - mReadOffset, wanted - taken);
+        std::memcpy(buf + taken, front.data() + mReadOffset, part);
+        taken += part;
+        mReadOffset += part;
+        if (mReadOffset == front.size()) {
+            mQueue.pop_front();
+            mReadOffset = 0;
+        }
+    }
+    return taken;
+}
+
+}  // namespace qv

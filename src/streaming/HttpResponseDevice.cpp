@@ -1,0 +1,209 @@
+// The answer's body: filled by the worker, handed over chunk by chunk, drained by the daemon.
+
+#include <Wendrel/HttpDevices.h>
+
+#include <Wendrel/HttpRequest.h>
+
+#include "request/ConnectionContext.h"
+#include "request/DispatchAccess.h"
+#include "streaming/ChunkQueue.h"
+
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace qv
+{
+namespace
+{
+
+// Above this many ready bytes a writer that hands over waits, once.
+constexpr uint64_t kReadyLimitBytes = 262144;
+
+// A write later than this after the last hand-over hands over everything.
+constexpr int64_t kHandOverPeriodMs = 120000;
+
+}  // namespace
+
+HttpResponseInterface::~HttpResponseInterface() = default;
+
+HttpResponseDevice::HttpResponseDevice(HttpBaseRequest& request)
+    : qvIoDevice(WriteWay), mRequest(&request), mResponseState(impl::DispatchAccess::kNotReady),
+      mReadyBytes(0), mFillBytes(0), mLastHandOverMs(qvSystemUtils::GetTimeBaseMs()),
+      mSendOffset(0), mSentBytes(0), mMutex(std::make_unique<qvMutex>()),
+      mSpaceFreed(std::make_unique<qvWaitCondition>()), mCompleted(false), mTakenWhole(false),
+      mFlushRequested(false)
+{}
+
+HttpResponseDevice::~HttpResponseDevice()
+{
+    qvMutexLocker locker(mMutex.get());
+    mReadyQueue.clear();
+    mFillQueue.clear();
+    mSendQueue.clear();
+}
+
+uint64_t HttpResponseDevice::readBytes(char*, size_t)
+{
+    setDeviceError("read not implemented");
+    return 0;
+}
+
+// Required: a write from any other thread than the request's worker is dropped silently.
+bool HttpResponseDevice::mayWrite() const
+{
+    return mRequest->getCurrentWorkerThreadId() == qvThread::CurrentThreadId() && !mCompleted &&
+           !hasDeviceError();
+}
+
+uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
+{
+    if (!mayWrite())
+        return 0;
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    if (impl::DispatchAccess::keepAliveCallback(*mRequest))
+        impl::DispatchAccess::lastKeepAliveMs(*mRequest) = nowMs;
+
+    mSentBytes += len;
+    impl::AppendToChunks(mFillQueue, data, len);
+    mFillBytes += len;
+
+    if (mLastHandOverMs == impl::kTimeNotSet || nowMs - mLastHandOverMs > kHandOverPeriodMs)
+        mFlushRequested = true;
+    auto end = mFillQueue.begin();
+    uint64_t bytes = 0;
+    for (; end != mFillQueue.end() && (impl::IsFull(*end) || mFlushRequested); ++end)
+        bytes += end->size();
+    mFlushRequested = false;
+
+    if (end != mFillQueue.begin()) {
+        mLastHandOverMs = nowMs;
+        handOver(end, bytes);
+    }
+    return len;
+}
+
+// Moves the fill queue's chunks before `end` to the daemon's side; no byte is copied.
+void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
+{
+    qvMutexLocker locker(mMutex.get());
+    // Required: one wait only. After it the chunks go over even above the limit. A connection
+    // lost since the caller looked will wake nobody again, hence the second look.
+    if (mReadyBytes > kReadyLimitBytes && !hasDeviceError())
+        mSpaceFreed->wait(mMutex.get(), qvWaitCondition::kNoTimeOut);
+    mReadyQueue.splice(mReadyQueue.end(), mFillQueue, mFillQueue.begin(), end);
+    mReadyBytes += bytes;
+    mFillBytes -= bytes;
+}
+
+uint64_t HttpResponseDevice::flush()
+{
+    mFlushRequested = true;
+    return writeBytes(nullptr, 0);
+}
+
+void HttpResponseDevice::endSending()
+{
+    qvMutexLocker locker(mMutex.get());
+    mCompleted = true;
+    if (hasDeviceError())
+        return;
+    mReadyQueue.splice(mReadyQueue.end(), mFillQueue);
+    mReadyBytes += mFillBytes;
+    mFillBytes = 0;
+}
+
+bool HttpResponseDevice::atEnd() const
+{
+    return mTakenWhole || hasDeviceError();
+}
+
+bool HttpResponseDevice::setResponseReady()
+{
+    qvMutexLocker locker(mMutex.get());
+    if (mResponseState != impl::DispatchAccess::kNotReady)
+        return false;
+    mResponseState = impl::DispatchAccess::kReady;
+    return true;
+}
+
+// The caller holds the mutex.
+void HttpResponseDevice::getData(std::vector<char>& out) QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    out.resize(mReadyBytes);
+    char* to = out.data();
+    for (const Chunk& chunk : mReadyQueue)
+        to = std::copy(chunk.begin(), chunk.end(), to);
+    mReadyQueue.clear();
+    mReadyBytes = 0;
+    mTakenWhole = true;
+}
+
+size_t HttpResponseDevice::getDataSize() const
+{
+    return mReadyBytes;
+}
+
+bool HttpResponseDevice::hasDataToSend() const
+{
+    return mReadyBytes != 0;
+}
+
+uint64_t HttpResponseDevice::getSentBytes() const
+{
+    return mSentBytes;
+}
+
+size_t HttpResponseDevice::sendChunksThreadSafe(void* buf, size_t max, bool& ended, bool& endedToo)
+{
+    ended = endedToo = false;
+    char* to = static_cast<char*>(buf);
+    size_t room = max;
+    while (room != 0) {
+        if (mSendQueue.empty() && !takeOver(room, ended)) {
+            endedToo = ended;
+            break;
+        }
+        const Chunk& front = mSendQueue.front();
+        const size_t part = std::min<size_t>(front.size() - mSendOffset, room);
+        std::memcpy(to, front.data() + mSendOffset, part);
+        to += part;
+        room -= part;
+        mSendOffset += part;
+        if (mSendOffset == front.size()) {
+            mSendQueue.pop_front();
+            mSendOffset = 0;
+        }
+    }
+    return max - room;
+}
+
+// Takes the shortest run of ready chunks that fills `room`, or all there are. When there are
+// none, returns false and says whether the body has ended.
+bool HttpResponseDevice::takeOver(size_t room, bool& ended)
+{
+    qvMutexLocker locker(mMutex.get());
+    if (mReadyQueue.empty()) {
+        ended = mCompleted;
+        return false;
+    }
+    mSpaceFreed->wakeAll();
+    auto end = mReadyQueue.begin();
+    uint64_t bytes = 0;
+    for (; end != mReadyQueue.end() && bytes < room; ++end)
+        bytes += end->size();
+    mReadyBytes -= bytes;
+    mSendQueue.splice(mSendQueue.end(), mReadyQueue, mReadyQueue.begin(), end);
+    return true;
+}
+
+// The caller holds the mutex.
+void HttpResponseDevice::setConnectionLost(const std::string& reason)
+{
+    setDeviceError("Http response device : " + reason);
+    mSpaceFreed->wakeAll();
+}
+
+}  // namespace qv

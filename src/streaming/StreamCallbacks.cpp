@@ -1,0 +1,87 @@
+// The daemon fetches a body here, and says here that it is done with a request.
+
+#include "streaming/StreamCallbacks.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/HttpServer.h>
+
+#include "request/ConnectionContext.h"
+#include "request/DispatchAccess.h"
+#include "streaming/Throttle.h"
+
+#include <memory>
+
+namespace qv::impl
+{
+namespace
+{
+
+// Why the connection was lost; null when it was not, or for a code from the future.
+const char* lossReason(MHD_RequestTerminationCode code)
+{
+    switch (code) {
+    case MHD_REQUEST_TERMINATED_WITH_ERROR:
+        return "WriteError";
+    case MHD_REQUEST_TERMINATED_TIMEOUT_REACHED:
+        return "TimeoutReached";
+    case MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN:
+        return "DaemonShutdown";
+    case MHD_REQUEST_TERMINATED_READ_ERROR:
+        return "ReadError";
+    case MHD_REQUEST_TERMINATED_CLIENT_ABORT:
+        return "ClientAbort";
+    default:
+        return nullptr;
+    }
+}
+
+}  // namespace
+
+ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
+{
+    auto* request = static_cast<HttpBaseRequest*>(closure);
+    Throttle& throttle = Throttle::OfThisThread();
+    if (!request || request->getResponseDevice().hasDeviceError()) {
+        throttle.reset();
+        return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
+    bool ended = false;
+    bool endedToo = false;
+    const size_t copied =
+        request->getResponseDevice().sendChunksThreadSafe(buffer, size, ended, endedToo);
+    if (copied != 0) {
+        DispatchAccess::bodyPending(*request) = false;
+        throttle.reset();
+        return static_cast<ssize_t>(copied);
+    }
+    if (ended) {
+        throttle.reset();
+        return MHD_CONTENT_READER_END_OF_STREAM;
+    }
+    if (!endedToo)
+        throttle.pause();
+    return 0;
+}
+
+void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTerminationCode code)
+{
+    const std::unique_ptr<ConnectionContext> context(static_cast<ConnectionContext*>(*slot));
+    *slot = nullptr;
+    if (!context || !context->request)
+        return;
+    HttpBaseRequest& request = *context->request;
+    HttpResponseDevice& device = request.getResponseDevice();
+
+    // Once this lock is released another thread may delete the request: nothing of it is
+    // touched afterwards.
+    qvMutexLocker locker(&DispatchAccess::mutex(device));
+    DispatchAccess::connection(request) = nullptr;
+    DispatchAccess::completed(request) = true;
+    // Application code under the response device's lock.
+    static_cast<http::HttpServer*>(closure)->getImpl().onRequestCompleted();
+    if (const char* reason = lossReason(code))
+        device.setConnectionLost(reason);
+}
+
+}  // namespace qv::impl

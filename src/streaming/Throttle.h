@@ -1,0 +1,45 @@
+// How a daemon thread waits for an application that has nothing to send yet.
+#ifndef WENDREL_STREAMING_THROTTLE_H
+#define WENDREL_STREAMING_THROTTLE_H
+
+#include "request/ConnectionContext.h"
+
+#include <cstdint>
+
+namespace qv::impl
+{
+
+// One record per daemon thread, shared by the dispatch and the content reader: any progress
+// of any connection of the thread resets it.
+class Throttle
+{
+public:
+    // Fruitless calls return at once for this long after the first.
+    static constexpr int64_t kGraceMs = 100;
+    // Afterwards they are spaced like this, sleeping at least kLeastSleepMs each.
+    static constexpr int32_t kSpacingMs = 45;
+    static constexpr int32_t kLeastSleepMs = 10;
+    static constexpr int32_t kFirstSleepMs = 46;
+
+    static Throttle& OfThisThread();
+
+    // The thread made progress: the next fruitless call starts a new grace.
+    void reset();
+
+    // A fruitless call: returns at once during the grace, otherwise sleeps.
+    void pause();
+
+    int64_t waitSinceMs() const { return mWaitSinceMs; }
+    int64_t lastSleepMs() const { return mLastSleepMs; }
+
+    // How long to sleep at `nowMs` when the last sleep began at `lastSleepMs`.
+    static int32_t SleepMs(int64_t nowMs, int64_t lastSleepMs);
+
+private:
+    int64_t mWaitSinceMs = kTimeNotSet;
+    int64_t mLastSleepMs = kTimeNotSet;
+};
+
+}  // namespace qv::impl
+
+#endif
