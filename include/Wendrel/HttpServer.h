@@ -19,11 +19,6 @@ namespace qv
 
 class HttpBaseRequest;
 
-namespace impl
-{
-struct ServerAccess;
-}
-
 namespace http
 {
 
@@ -139,18 +134,22 @@ public:
     /// Any thread, no lock.
     State getState() const;
 
+    /// True from `stopServer` to the next `startServer`. Any thread, no lock.
+    bool isStopRequested() const;
+
+    /// The application's object. Any thread.
+    HttpServerImpl& getImpl() const { return *mImpl; }
+
 protected:
     void run() override;
 
 private:
-    friend struct qv::impl::ServerAccess;
-
     HttpServerImpl* mImpl;  // owned
     qvMutex mMutex;
     qvWaitCondition mWake;
     Parameters mParameters QV_GUARDED_BY(mMutex);
-    std::atomic<int32_t> mState;        // changed under mMutex, read by anyone
-    std::atomic<bool> mStopRequested;   // changed under mMutex, read by the daemon's threads
+    std::atomic<int32_t> mState;       // changed under mMutex, read by anyone
+    std::atomic<bool> mStopRequested;  // changed under mMutex, read by the daemon's threads
 };
 
 }  // namespace http

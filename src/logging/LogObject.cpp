@@ -1,0 +1,89 @@
+// From a finished log statement to an entry of the platform log.
+
+#include "logging/LogObject.h"
+
+#include <qvSystem/qvLog.h>
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+
+#include <iostream>
+
+namespace qv
+{
+namespace
+{
+
+std::unique_ptr<std::string> ownedText(const char* text)
+{
+    return text ? std::make_unique<std::string>(text) : nullptr;
+}
+
+void printToStandardOutput(const qvLog::LogEntry& entry)
+{
+    // One insertion, so that lines of several threads do not mix.
+    std::cout << entry.prefix + entry.message + '\n' << std::flush;
+}
+
+}  // namespace
+
+qvLogObject::qvLogObject(int level, const char* category, const char* systemLogName)
+    : mCategory(ownedText(category)), mSystemLogName(ownedText(systemLogName)), mSink(nullptr),
+      mLevel(level), mTimestampMs(qvSystemUtils::GetMSecElapsedSinceEpoch()),
+      mUrgent(level == kWarning || level == kError)
+{
+    qvLog* log = qvLog::msInstance;
+    if (!log)
+        return;
+    // Required: the switch of level 2 decides this, whatever the level of the statement.
+    if (log->isLevelEnabled(kInformation))
+        mThreadId = qvThread::CurrentThreadId();
+    if (log->isLevelEnabled(level))
+        mSink = log;
+    else
+        mLevel = kDiscard;
+}
+
+qvLogObject::~qvLogObject()
+{
+    if (mMessage)
+        emit();
+}
+
+qvLogObject& qvLogObject::operator<<(std::ios_base& (*manipulator)(std::ios_base&))
+{
+    if (mLevel != kDiscard)
+        stream() << manipulator;
+    return *this;
+}
+
+std::ostringstream& qvLogObject::stream()
+{
+    if (!mMessage)
+        mMessage = std::make_unique<std::ostringstream>();
+    return *mMessage;
+}
+
+void qvLogObject::emit()
+{
+    qvLog::LogEntry entry;
+    entry.message = mMessage->str();
+    if (entry.message.empty())
+        return;
+    if (mCategory)
+        entry.category = std::move(*mCategory);
+    if (mSystemLogName)
+        entry.systemLogName = std::move(*mSystemLogName);
+    entry.threadId = std::move(mThreadId);
+    entry.timestampMs = mTimestampMs;
+    entry.level = mLevel;
+    entry.computeLogPrefix(true);
+
+    if (mSystemLogName)
+        qvLog::WriteToSystemLog(entry, mSink == nullptr);
+    if (mSink)
+        mSink->Write(entry, mUrgent);
+    if (!mSystemLogName && !mSink)
+        printToStandardOutput(entry);
+}
+
+}  // namespace qv

@@ -1,0 +1,64 @@
+// The log statement: made on the stack where something is to be logged, filled by insertion,
+// written when it goes out of scope.
+#ifndef WENDREL_LOGGING_LOGOBJECT_H
+#define WENDREL_LOGGING_LOGOBJECT_H
+
+#include <cstdint>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace qv
+{
+
+class qvLog;
+
+class qvLogObject
+{
+public:
+    static constexpr int kInformation = 2;
+    static constexpr int kWarning = 4;
+    static constexpr int kError = 5;
+    static constexpr int kDiscard = 6;
+
+    // Null category or system-log name: none. Levels 4 and 5 are urgent: their line is
+    // flushed at once.
+    explicit qvLogObject(int level, const char* category = nullptr,
+                         const char* systemLogName = nullptr);
+    ~qvLogObject();
+    qvLogObject(const qvLogObject&) = delete;
+    qvLogObject& operator=(const qvLogObject&) = delete;
+
+    template <typename Value> qvLogObject& operator<<(const Value& value)
+    {
+        if (mLevel != kDiscard)
+            stream() << value;
+        return *this;
+    }
+
+    // Stream manipulators such as std::hex.
+    qvLogObject& operator<<(std::ios_base& (*manipulator)(std::ios_base&));
+
+    int getLevel() const { return mLevel; }
+    const qvLog* getSink() const { return mSink; }
+    const std::string& getThreadId() const { return mThreadId; }
+    bool isUrgent() const { return mUrgent; }
+    bool hasStream() const { return mMessage != nullptr; }
+
+private:
+    std::ostringstream& stream();
+    void emit();
+
+    std::string mThreadId;
+    std::unique_ptr<std::string> mCategory;
+    std::unique_ptr<std::string> mSystemLogName;
+    qvLog* mSink;
+    std::unique_ptr<std::ostringstream> mMessage;
+    int32_t mLevel;
+    int64_t mTimestampMs;
+    bool mUrgent;
+};
+
+}  // namespace qv
+
+#endif

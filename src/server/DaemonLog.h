@@ -1,0 +1,15 @@
+// The daemon's own messages, as lines of our log.
+#ifndef WENDREL_SERVER_DAEMONLOG_H
+#define WENDREL_SERVER_DAEMONLOG_H
+
+#include <cstdarg>
+
+namespace qv::impl
+{
+
+// External logger of the daemon. May run under the daemon's own locks: calls no MHD_ function.
+void LogDaemonMessage(void* closure, const char* format, va_list arguments);
+
+}  // namespace qv::impl
+
+#endif

@@ -1,0 +1,175 @@
+// The server thread: starts one daemon, sleeps until it is told to stop, stops it.
+
+#include <Wendrel/HttpServer.h>
+
+#include <Wendrel/Wendrel.h>
+
+#include "logging/LogObject.h"
+#include "server/DaemonLog.h"
+#include "server/Dispatch.h"
+#include "streaming/StreamCallbacks.h"
+
+#include <microhttpd.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cmath>
+#include <ios>
+
+namespace qv::http
+{
+namespace
+{
+
+constexpr size_t kConnectionMemoryBytes = 262144;
+constexpr int kStrictForClient = 1;
+constexpr unsigned long kStopLookMs = 200;
+constexpr unsigned long kJoinLimitMs = 0x7fffffff;  // in effect none
+
+using CompletedCallback = void (*)(void*, MHD_Connection*, void**, MHD_RequestTerminationCode);
+using UriLogCallback = void* (*)(void*, const char*, MHD_Connection*);
+using LogCallback = void (*)(void*, const char*, va_list);
+
+sockaddr_in addressOf(const HttpServer::Parameters& parameters)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(parameters.port);
+    address.sin_addr.s_addr =
+        htonl(parameters.listenOnAllInterfaces ? INADDR_ANY : INADDR_LOOPBACK);
+    return address;
+}
+
+// Whole seconds, rounded up, in single precision.
+unsigned int timeOutSeconds(uint32_t ms)
+{
+    return static_cast<unsigned int>(std::ceil(static_cast<float>(ms) / 1000.0f));
+}
+
+unsigned int daemonFlags(const HttpServer::Parameters& parameters)
+{
+    const unsigned int flags = MHD_USE_ERROR_LOG | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO;
+    return parameters.allowWebSocket ? flags | MHD_ALLOW_UPGRADE : flags;
+}
+
+// Required: a daemon that has only select is refused.
+bool canPoll()
+{
+    if (MHD_is_feature_supported(MHD_FEATURE_POLL) == MHD_YES ||
+        MHD_is_feature_supported(MHD_FEATURE_EPOLL) == MHD_YES)
+        return true;
+    qvLogObject(qvLogObject::kError)
+        << "Warning using microhttpd without poll or epoll support. The server will exit.";
+    return false;
+}
+
+// The daemon fetches each option with a fixed type from a variable argument list: the casts
+// decide whether the options after it are read right.
+MHD_Daemon* startDaemon(HttpServer& server, const HttpServer::Parameters& parameters)
+{
+    const sockaddr_in address = addressOf(parameters);
+    const unsigned int flags = daemonFlags(parameters);
+    if (MHD_is_feature_supported(MHD_FEATURE_EPOLL) != MHD_YES)
+        qvLogObject(qvLogObject::kWarning)
+            << "epoll is not supported, performance might be degraded";
+    qvLogObject(qvLogObject::kInformation, "httpserver")
+        << "Starting http server : listen @" << parameters.port << ", with flags 0x" << std::hex
+        << flags;
+    void* const noClosure = nullptr;
+    MHD_Daemon* daemon = MHD_start_daemon(
+        flags, parameters.port, nullptr, nullptr,
+        reinterpret_cast<MHD_AccessHandlerCallback>(HttpServerImpl::GetHttpCallback()), &server,
+        MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<LogCallback>(HttpServerImpl::GetLogFunction()),
+        noClosure, MHD_OPTION_URI_LOG_CALLBACK,
+        reinterpret_cast<UriLogCallback>(HttpServerImpl::GetUriLogCallback()), noClosure,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemoryBytes, MHD_OPTION_LISTEN_BACKLOG_SIZE,
+        static_cast<unsigned int>(parameters.listenBacklog), MHD_OPTION_CONNECTION_TIMEOUT,
+        timeOutSeconds(parameters.connectionTimeoutMs), MHD_OPTION_SOCK_ADDR,
+        reinterpret_cast<const sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE,
+        static_cast<unsigned int>(parameters.threadPoolSize), MHD_OPTION_NOTIFY_COMPLETED,
+        reinterpret_cast<CompletedCallback>(HttpServerImpl::GetRequestCompletedCallback()),
+        static_cast<void*>(&server), MHD_OPTION_STRICT_FOR_CLIENT, kStrictForClient,
+        MHD_OPTION_END);
+    if (!daemon)
+        qvLogObject(qvLogObject::kError) << "Failed to create mhd server context";
+    return daemon;
+}
+
+bool isLibraryInitialized()
+{
+    if (IsWendrelInitialized())
+        return true;
+    qvLogObject(qvLogObject::kError) << "Wendrel is not initialized";
+    return false;
+}
+
+}  // namespace
+
+HttpServer::HttpServer(HttpServerImpl* impl) : mImpl(impl), mState(Stopped), mStopRequested(false)
+{}
+
+HttpServer::~HttpServer()
+{
+    stopServer(true);
+    delete mImpl;
+}
+
+void HttpServer::startServer(const Parameters& parameters)
+{
+    qvMutexLocker locker(&mMutex);
+    if (mState != Stopped)
+        return;
+    // A run that has just set this state may not have left its thread yet; it needs no lock
+    // any more.
+    waitThread(kJoinLimitMs);
+    mParameters = parameters;
+    mStopRequested = false;
+    // The new thread waits for the lock: should there be none, the server is still stopped.
+    startThread(nullptr);
+    mState = Starting;
+    mWake.wakeAll();
+}
+
+void HttpServer::stopServer(bool wait)
+{
+    {
+        qvMutexLocker locker(&mMutex);
+        mStopRequested = true;
+        mWake.wakeAll();
+    }
+    if (wait)
+        waitThread(kJoinLimitMs);
+}
+
+HttpServer::State HttpServer::getState() const
+{
+    return static_cast<State>(mState.load());
+}
+
+bool HttpServer::isStopRequested() const
+{
+    return mStopRequested;
+}
+
+// Holds the lock from end to end; only the timed wait releases it. The application's
+// onServerStopped is called under it.
+void HttpServer::run()
+{
+    qvMutexLocker locker(&mMutex);
+    MHD_Daemon* daemon =
+        isLibraryInitialized() && canPoll() ? startDaemon(*this, mParameters) : nullptr;
+    if (!daemon) {
+        mImpl->onServerStopped();
+        mState = Failed;
+        return;
+    }
+    mState = Running;
+    while (!mStopRequested)
+        mWake.wait(&mMutex, kStopLookMs);
+    mImpl->onServerStopped();
+    MHD_stop_daemon(daemon);
+    mState = Stopped;
+}
+
+}  // namespace qv::http
