@@ -23,7 +23,8 @@ public:
     /// `outSize` bytes. Returns the digest's size: 16 (MD5), 20 (SHA-1), 32 (SHA-256) or
     /// 64 (SHA-512); 0, with `out` unchanged, when it does not fit, the type is not known
     /// or the digest is not available.
-    unsigned long hash(const char* data, unsigned long size, char* out, unsigned long outSize) const;
+    unsigned long hash(const char* data, unsigned long size, char* out,
+                       unsigned long outSize) const;
 
     /// Size of this type's digest in bytes; 0 when the type is not known.
     unsigned long getDigestSize() const;

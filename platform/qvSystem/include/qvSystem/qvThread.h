@@ -54,7 +54,7 @@ protected:
 private:
     void runAndReport();
 
-    std::mutex mMutex;                // guards all below
+    std::mutex mMutex;  // guards all below
     std::condition_variable mEnded;
     std::thread mThread;
     bool mRunning = false;

@@ -1,0 +1,41 @@
+# What `cmake --install` puts where: libraries, headers, the CMake package, a pkg-config file,
+# the documentation.
+
+get_property(wendrel_platform_targets GLOBAL PROPERTY WENDREL_PLATFORM_TARGETS)
+set(wendrel_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Wendrel)
+
+install(TARGETS Wendrel ${wendrel_platform_targets}
+    EXPORT WendrelTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(DIRECTORY include/Wendrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+if(WENDREL_BUNDLED_PLATFORM)
+    foreach(name qvSystem qvOpenSSL Ostrand Quenby)
+        install(DIRECTORY platform/${name}/include/${name}
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+    endforeach()
+endif()
+install(EXPORT WendrelTargets NAMESPACE Wendrel::
+    DESTINATION ${wendrel_package_dir} COMPONENT development)
+
+install(TARGETS WendrelKit EXPORT WendrelKitTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+install(DIRECTORY kit/include/Wendrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(EXPORT WendrelKitTargets NAMESPACE Wendrel::
+    DESTINATION ${wendrel_package_dir} COMPONENT development)
+
+configure_package_config_file(cmake/WendrelConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/WendrelConfig.cmake
+    INSTALL_DESTINATION ${wendrel_package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/WendrelConfig.cmake ${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmake
+    DESTINATION ${wendrel_package_dir} COMPONENT development)
+
+configure_file(cmake/wendrel.pc.in ${PROJECT_BINARY_DIR}/wendrel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/wendrel.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
