@@ -1,0 +1,250 @@
+// The platform log: switches, prefix, and sinks that stand on spdlog.
+
+#include <qvSystem/qvLog.h>
+
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/syslog_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdio>
+#include <ctime>
+
+#include <syslog.h>
+
+namespace qv
+{
+namespace
+{
+
+constexpr const char* kLevelNames[qvLog::kLevelCount] = {"trace",  "debug",   "information",
+                                                         "notice", "warning", "error"};
+
+bool hasSwitch(int level)
+{
+    return level >= 0 && level < qvLog::kLevelCount;
+}
+
+spdlog::level::level_enum spdlogLevel(int level)
+{
+    switch (level) {
+    case qvLog::Trace:
+        return spdlog::level::trace;
+    case qvLog::Debug:
+        return spdlog::level::debug;
+    case qvLog::Warning:
+        return spdlog::level::warn;
+    case qvLog::Error:
+        return spdlog::level::err;
+    default:
+        return spdlog::level::info;
+    }
+}
+
+int syslogPriority(int level)
+{
+    switch (level) {
+    case qvLog::Trace:
+    case qvLog::Debug:
+        return LOG_DEBUG;
+    case qvLog::Notice:
+        return LOG_NOTICE;
+    case qvLog::Warning:
+        return LOG_WARNING;
+    case qvLog::Error:
+        return LOG_ERR;
+    default:
+        return LOG_INFO;
+    }
+}
+
+// ISO-8601 local time with milliseconds and the offset from UTC.
+std::string timeText(int64_t timestampMs)
+{
+    const std::time_t seconds = static_cast<std::time_t>(timestampMs / 1000);
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char date[32];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &local);
+    const long offsetMinutes = local.tm_gmtoff / 60;
+    const long absolute = offsetMinutes < 0 ? -offsetMinutes : offsetMinutes;
+    char text[64];
+    std::snprintf(text, sizeof text, "%s.%03d%c%02ld:%02ld", date,
+                  static_cast<int>(timestampMs % 1000), offsetMinutes < 0 ? '-' : '+',
+                  absolute / 60, absolute % 60);
+    return text;
+}
+
+// A sink of spdlog that gets finished lines; time and level are in our prefix already.
+class SpdlogSink : public qvLogSink
+{
+public:
+    SpdlogSink(std::shared_ptr<spdlog::sinks::sink> sink, bool withPrefix)
+        : mSink(std::move(sink)), mWithPrefix(withPrefix)
+    {
+        mSink->set_pattern("%v");
+    }
+
+    void write(const qvLog::LogEntry& entry) override
+    {
+        std::string line = qvLog::EscapeControlCharacters(entry.message);
+        if (mWithPrefix)
+            line.insert(0, qvLog::EscapeControlCharacters(entry.prefix));
+        mSink->log(spdlog::details::log_msg(std::string(), spdlogLevel(entry.level), line));
+    }
+
+    void flush() override { mSink->flush(); }
+
+private:
+    std::shared_ptr<spdlog::sinks::sink> mSink;
+    bool mWithPrefix;
+};
+
+}  // namespace
+
+std::atomic<qvLog*> qvLog::msInstance{nullptr};
+
+qvLogSink::~qvLogSink() = default;
+
+void qvLog::LogEntry::computeLogPrefix(bool withTime)
+{
+    prefix.clear();
+    if (withTime)
+        prefix += timeText(timestampMs) + ' ';
+    prefix += LevelName(level) + ' ';
+    if (!category.empty())
+        prefix += '[' + category + "] ";
+    if (!threadId.empty())
+        prefix += threadId + ' ';
+}
+
+qvLog::qvLog()
+{
+    setMinimumLevel(Information);
+}
+
+qvLog::~qvLog()
+{
+    uninstall();
+}
+
+void qvLog::install()
+{
+    msInstance = this;
+}
+
+void qvLog::uninstall()
+{
+    qvLog* expected = this;
+    msInstance.compare_exchange_strong(expected, nullptr);
+}
+
+void qvLog::setLevelEnabled(int level, bool enabled)
+{
+    if (hasSwitch(level))
+        mLevelEnabled[static_cast<size_t>(level)] = enabled;
+}
+
+void qvLog::setMinimumLevel(int level)
+{
+    for (int each = 0; each < kLevelCount; ++each)
+        setLevelEnabled(each, each >= level);
+}
+
+bool qvLog::isLevelEnabled(int level) const
+{
+    return hasSwitch(level) && mLevelEnabled[static_cast<size_t>(level)];
+}
+
+void qvLog::addSink(std::unique_ptr<qvLogSink> sink)
+{
+    qvMutexLocker locker(&mMutex);
+    mSinks.push_back(std::move(sink));
+}
+
+void qvLog::Write(const LogEntry& entry, bool urgent)
+{
+    qvMutexLocker locker(&mMutex);
+    for (const auto& sink : mSinks) {
+        sink->write(entry);
+        if (urgent)
+            sink->flush();
+    }
+}
+
+void qvLog::WriteToSystemLog(const LogEntry& entry, bool alsoStandardError)
+{
+    const std::string message = EscapeControlCharacters(entry.message);
+    syslog(LOG_USER | syslogPriority(entry.level), "%s: %s", entry.systemLogName.c_str(),
+           message.c_str());
+    if (alsoStandardError)
+        std::fprintf(stderr, "%s%s\n", EscapeControlCharacters(entry.prefix).c_str(),
+                     message.c_str());
+}
+
+std::string qvLog::LevelName(int level)
+{
+    return hasSwitch(level) ? kLevelNames[level] : std::to_string(level);
+}
+
+int qvLog::LevelFromName(const std::string& name)
+{
+    if (name == "info")
+        return Information;
+    if (name == "warn")
+        return Warning;
+    for (int level = 0; level < kLevelCount; ++level) {
+        if (name == kLevelNames[level])
+            return level;
+    }
+    return -1;
+}
+
+std::string qvLog::EscapeControlCharacters(const std::string& text)
+{
+    constexpr char kHexDigits[] = "0123456789abcdef";
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\')
+            escaped += "\\\\";
+        else if (c == '\n')
+            escaped += "\\n";
+        else if (c == '\r')
+            escaped += "\\r";
+        else if (c == '\t')
+            escaped += "\\t";
+        else if (byte < 0x20 || byte == 0x7F)
+            (escaped += "\\x") += {kHexDigits[byte >> 4], kHexDigits[byte & 0xF]};
+        else
+            escaped += c;
+    }
+    return escaped;
+}
+
+std::unique_ptr<qvLogSink> MakeStandardErrorSink()
+{
+    return std::make_unique<SpdlogSink>(std::make_shared<spdlog::sinks::stderr_sink_mt>(), true);
+}
+
+std::unique_ptr<qvLogSink> MakeRotatingFileSink(const std::string& path, size_t maxBytes,
+                                                size_t maxFiles, std::string& error)
+{
+    try {
+        return std::make_unique<SpdlogSink>(
+            std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxBytes, maxFiles), true);
+    } catch (const spdlog::spdlog_ex& e) {
+        error = e.what();
+        return nullptr;
+    }
+}
+
+std::unique_ptr<qvLogSink> MakeSystemLogSink(const std::string& name)
+{
+    // The system log writes the time itself.
+    return std::make_unique<SpdlogSink>(
+        std::make_shared<spdlog::sinks::syslog_sink_mt>(name, LOG_PID, LOG_USER, false), false);
+}
+
+}  // namespace qv

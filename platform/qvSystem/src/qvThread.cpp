@@ -1,0 +1,79 @@
+// A thread that can be started again.
+
+#include <qvSystem/qvThread.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace qv
+{
+namespace
+{
+
+constexpr size_t kLongestNameBytes = 15;
+constexpr unsigned long kLongestTimeOutMs = 1000UL * 3600 * 24 * 365;
+
+}  // namespace
+
+qvThread::qvThread() = default;
+
+qvThread::~qvThread()
+{
+    if (mThread.joinable())
+        mThread.join();
+}
+
+bool qvThread::startThread(const char* name)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mRunning)
+        return false;
+    if (mThread.joinable())
+        mThread.join();
+    // Set before there is a thread: it may end before this returns.
+    mRunning = true;
+    try {
+        mThread = std::thread(&qvThread::runAndReport, this);
+    } catch (...) {
+        mRunning = false;
+        throw;
+    }
+    if (name)
+        pthread_setname_np(mThread.native_handle(),
+                           std::string(name).substr(0, kLongestNameBytes).c_str());
+    return true;
+}
+
+void qvThread::runAndReport()
+{
+    run();
+    std::lock_guard<std::mutex> lock(mMutex);
+    mRunning = false;
+    mEnded.notify_all();
+}
+
+bool qvThread::waitThread(unsigned long timeOutMs)
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (mThread.get_id() == std::this_thread::get_id())
+        return false;
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(std::min(timeOutMs, kLongestTimeOutMs));
+    return mEnded.wait_until(lock, end, [this] { return !mRunning; });
+}
+
+void qvThread::msleep(unsigned long ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+const std::string& qvThread::CurrentThreadId()
+{
+    thread_local const std::string id = std::to_string(gettid());
+    return id;
+}
+
+}  // namespace qv
