@@ -1,0 +1,34 @@
+// The smallest whole application: answers GET /hello/NAME until it is told to stop.
+
+#include <Wendrel/kit/Server.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+int main(int argc, char** argv)
+{
+    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+
+    qv::http::HttpServer::Parameters parameters;
+    if (argc > 1)
+        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
+
+    auto application = std::make_unique<qv::kit::Application>();
+    application->getRouter().add(
+        qv::HttpBaseRequest::GET, "/hello/{name}", [](qv::kit::Request& request) {
+            request.reply(200, "text/plain; charset=utf-8",
+                          "Hello, " + request.getPathParameter("name") + "!\n");
+        });
+
+    qv::kit::Server server(std::move(application));  // owns the application from here
+    if (!server.start(parameters)) {
+        std::fprintf(stderr, "hello: cannot listen on port %u\n", unsigned(parameters.port));
+        return 1;
+    }
+    std::printf("http://127.0.0.1:%u/hello/world\n", unsigned(parameters.port));
+    std::fflush(stdout);
+
+    stopSignal.wait();
+    server.stop(std::chrono::seconds(5));  // running requests are answered first
+    return 0;
+}

@@ -1,0 +1,91 @@
+/// The application interface of the library, with everything in it that is always the same.
+#ifndef WENDREL_KIT_APPLICATION_H
+#define WENDREL_KIT_APPLICATION_H
+
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/kit/Request.h>
+#include <Wendrel/kit/RequestKeeper.h>
+#include <Wendrel/kit/Router.h>
+#include <Wendrel/kit/WorkerPool.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+
+namespace qv::kit
+{
+
+/// Serves each request on a worker thread by its router, refuses with 503 what the workers
+/// cannot take, and has requests deleted. Use it as it is or derive from it; a derived class's
+/// own members must outlive the workers: call `stopWorkers` in its destructor if handlers use
+/// them.
+class Application : public http::HttpServerImpl
+{
+public:
+    struct Options
+    {
+        /// Threads that serve requests. A request occupies one from its first byte to the
+        /// moment its handler returns, also while its client is slow.
+        unsigned int workers = 16;
+        /// Requests that may wait for a worker; more are answered 503.
+        size_t queueLimit = 1024;
+    };
+
+    Application();
+    explicit Application(const Options& options);
+    ~Application() override;
+
+    /// Add routes before the server is started.
+    Router& getRouter() { return mRouter; }
+
+    /// From now on new requests are answered 503; waits at most `limit` until every request
+    /// has been answered and completed. Returns whether that was so. Any thread but a worker.
+    bool drain(std::chrono::milliseconds limit);
+
+    /// Serves what is queued, then ends the workers. Later requests are answered 503.
+    void stopWorkers();
+
+    /// Requests so far. Any thread.
+    uint64_t getRequestCount() const { return mRequests; }
+
+    /// Requests that are not yet deleted. Any thread.
+    size_t getOpenCount() const { return mKeeper.getOpenCount(); }
+
+protected:
+    /// A new object of the application's request class; the kit's unless overridden.
+    /// Thread: the daemon's.
+    virtual Request* newRequest();
+
+    /// Answers the request; by the router unless overridden. Thread: a worker.
+    virtual void serve(Request& request);
+
+    /// A handler has thrown. Answers 500, or abandons an answer that has begun, unless
+    /// overridden. Thread: a worker.
+    virtual void onHandlerFailed(Request& request, const std::exception& error);
+
+    void onServerStopped() override;
+
+    /// Never called unless connections can be upgraded (`Parameters::allowWebSocket`), and to
+    /// be overridden then: the socket belongs to the application.
+    void onNewWebSocket(http::WebSocket* socket) override;
+
+private:
+    HttpBaseRequest* createRequest() final;
+    void handleRequest(HttpBaseRequest* request) final;
+    void onRequestCompleted() final;
+    void serveOnWorker(Request* request);
+    void refuse(Request* request);
+    void release(Request* request);
+
+    Router mRouter;
+    RequestKeeper mKeeper;
+    std::atomic<uint64_t> mRequests{0};
+    std::atomic<bool> mDraining{false};
+    WorkerPool mPool;  // last: its threads use all above
+};
+
+}  // namespace qv::kit
+
+#endif

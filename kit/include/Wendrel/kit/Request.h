@@ -1,0 +1,124 @@
+/// A request that knows how to read its body and how to be answered.
+#ifndef WENDREL_KIT_REQUEST_H
+#define WENDREL_KIT_REQUEST_H
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/kit/ResponseHead.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace qv::kit
+{
+
+/// What became of reading a body.
+enum class BodyResult {
+    Complete,  ///< the body has been read to its end
+    More,      ///< the buffer is full, there may be more
+    TooLarge,  ///< longer than the limit
+    Aborted    ///< the client went away, the server stops, or nothing came for six minutes
+};
+
+/// The request class of the kit. Everything below is for the thread that serves the request,
+/// unless it says otherwise. Made by Application::newRequest, deleted by the RequestKeeper.
+///
+/// An answer is either one `reply`, or `startStream`, any number of `write`, and `finish`.
+/// What a handler leaves unanswered is answered 500 after it has returned.
+class Request : public HttpBaseRequest, private HttpWaitListener
+{
+public:
+    Request();
+    ~Request() override;
+
+    // What was asked.
+
+    /// The part of the path that the route's `{name}` stands for, decoded; empty when the
+    /// route has none of this name.
+    const std::string& getPathParameter(const std::string& name) const;
+
+    /// For the router.
+    void setPathParameters(std::map<std::string, std::string> parameters);
+
+    bool isHead() const { return getRequestType() == HEAD; }
+
+    /// The first value of a header (name in lower case); empty when there is none.
+    const std::string& getHeaderText(const char* name) const;
+
+    /// The length that the client declared for its body; -1 when it declared none.
+    int64_t getDeclaredBodyLength() const;
+
+    // The body.
+
+    /// Fills `buf` with `len` bytes, waiting for them; `got` is how many there are, less than
+    /// `len` only at the end. More: the buffer is full. A client that goes away ends the wait
+    /// within about two seconds: Aborted.
+    BodyResult readBody(char* buf, size_t len, size_t& got);
+
+    /// Appends the whole body to `body`. A declared length above `limitBytes` is refused
+    /// before anything is read, any other body as soon as it is longer: TooLarge.
+    BodyResult readWholeBody(uint64_t limitBytes, std::string& body);
+
+    // The answer.
+
+    /// The head of the answer; not to be changed after it has been announced.
+    ResponseHead& getHead() { return mHead; }
+
+    /// Answers with `body`. For HEAD and for status 204 and 304 only its length is sent.
+    /// False when the request has been answered already or the client is gone.
+    bool reply(uint32_t status, const std::string& contentType, const std::string& body);
+
+    /// Answers `{"error": message, "status": status}` as application/json.
+    bool replyError(uint32_t status, const std::string& message);
+
+    /// Announces the head; the body follows by `write`. With a length set in the head the
+    /// body must be exactly that long. False as with `reply`.
+    bool startStream();
+
+    /// Writes the next `len` bytes of the body; waits while the client is slow. Nothing is
+    /// sent for HEAD and for status 204 and 304, and true is returned. False when the client
+    /// is gone, the answer has ended or the declared length would be exceeded: stop then.
+    bool write(const char* data, size_t len);
+
+    /// Sends what has been written so far without waiting for 64 KiB to come together.
+    bool flush();
+
+    /// Ends the body. A body shorter than declared is cut off by closing the connection, so
+    /// that the client notices.
+    void finish();
+
+    /// Gives the answer up: the client finds the connection closed in the middle of it, or
+    /// gets a status 500 when nothing has been sent yet.
+    void abandon(const std::string& reason);
+
+    /// True once `reply` or `startStream` has announced the answer.
+    bool isAnnounced() const { return mAnnounced; }
+
+    /// False for HEAD and for status 204 and 304.
+    bool hasBody();
+
+    /// True when the client cannot be answered any more. Any thread.
+    bool isAborted() const { return getResponseDevice().hasDeviceError() || isCompleted(); }
+
+    HttpResponseInterface& getResponse() override { return mHead; }
+    HttpWaitListener& getWaitListener() override { return *this; }
+
+private:
+    friend class Application;
+
+    void onWaitingForData() override;
+    bool announce();
+    bool mayAnnounce() const;
+    void closeAnswer();
+
+    ResponseHead mHead;
+    std::map<std::string, std::string> mPathParameters;
+    uint64_t mWrittenBytes = 0;
+    bool mAnnounced = false;
+    bool mEnded = false;
+};
+
+}  // namespace qv::kit
+
+#endif

@@ -1,0 +1,62 @@
+/// A server from start to clean stop.
+#ifndef WENDREL_KIT_SERVER_H
+#define WENDREL_KIT_SERVER_H
+
+#include <Wendrel/kit/Application.h>
+
+#include <Wendrel/HttpServer.h>
+
+#include <chrono>
+#include <memory>
+
+namespace qv::kit
+{
+
+/// Initialises the library, owns the server and its application, and stops both in the order
+/// that loses nothing. Used by one thread.
+class Server
+{
+public:
+    explicit Server(std::unique_ptr<Application> application);
+
+    /// Stops without waiting for running requests, unless stopped before.
+    ~Server();
+
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    /// Starts and waits until the server listens. False when it could not (the log says why;
+    /// usually the port is in use) or did not within `limit`. A server can be started once.
+    bool start(const http::HttpServer::Parameters& parameters,
+               std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+    /// Stops. Running requests have `limit` to be answered, new ones are answered 503 during
+    /// it; then the daemon is stopped, which ends what is left, and the workers are joined.
+    /// Returns whether every request was answered. Workers that wait for a body notice the
+    /// stop within two seconds; one that does something else is waited for.
+    bool stop(std::chrono::milliseconds limit);
+
+    Application& getApplication() { return *mApplication; }
+    http::HttpServer& getHttpServer() { return *mServer; }
+
+private:
+    Application* mApplication;  // owned by the server
+    std::unique_ptr<http::HttpServer> mServer;
+};
+
+/// Lets a program wait for the order to stop.
+///
+/// Make one at the start of main: it blocks SIGINT and SIGTERM in this thread and in all that
+/// are started after it, and ignores SIGPIPE.
+class StopSignal
+{
+public:
+    StopSignal();
+
+    /// Waits for SIGINT or SIGTERM and returns its number.
+    int wait();
+};
+
+}  // namespace qv::kit
+
+#endif

@@ -1,0 +1,55 @@
+/// Threads that run tasks.
+#ifndef WENDREL_KIT_WORKERPOOL_H
+#define WENDREL_KIT_WORKERPOOL_H
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace qv::kit
+{
+
+/// A fixed number of threads with one bounded queue. Any thread may submit.
+class WorkerPool
+{
+public:
+    using Task = std::function<void()>;
+
+    /// Starts `threads` threads (at least 1). Up to `queueLimit` tasks wait beside those that
+    /// run.
+    WorkerPool(unsigned int threads, size_t queueLimit);
+
+    /// Stops.
+    ~WorkerPool();
+
+    WorkerPool(const WorkerPool&) = delete;
+    WorkerPool& operator=(const WorkerPool&) = delete;
+
+    /// Queues a task. False, with the task not taken, when the queue is full or the pool is
+    /// stopping. A task must not throw: an exception that leaves it ends the process.
+    bool submit(Task task);
+
+    /// Takes no more tasks, runs all that are queued, and joins the threads. Not from a task.
+    void stop();
+
+    /// Tasks that wait.
+    size_t getQueuedCount() const;
+
+private:
+    void work();
+
+    mutable std::mutex mMutex;
+    std::condition_variable mTaskQueued;
+    std::deque<Task> mQueue;
+    const size_t mQueueLimit;
+    bool mStopping = false;
+    std::vector<std::thread> mThreads;
+};
+
+}  // namespace qv::kit
+
+#endif

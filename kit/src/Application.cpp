@@ -1,0 +1,106 @@
+// Requests on their way from the daemon to a worker and from there to their end.
+
+#include <Wendrel/kit/Application.h>
+
+#include <qvSystem/qvThread.h>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr const char* kErrorBody = "{\"error\":\"The server failed.\",\"status\":500}";
+constexpr const char* kRetryAfterSeconds = "1";
+
+}  // namespace
+
+Application::Application() : Application(Options()) {}
+
+Application::Application(const Options& options) : mPool(options.workers, options.queueLimit)
+{
+    setErrorBody(kErrorBody);
+}
+
+Application::~Application() = default;
+
+bool Application::drain(std::chrono::milliseconds limit)
+{
+    mDraining = true;
+    return mKeeper.waitUntilEmpty(limit);
+}
+
+void Application::stopWorkers()
+{
+    mPool.stop();
+}
+
+Request* Application::newRequest()
+{
+    return new Request;
+}
+
+void Application::serve(Request& request)
+{
+    mRouter.dispatch(request);
+}
+
+void Application::onHandlerFailed(Request& request, const std::exception&)
+{
+    if (request.isAnnounced())
+        request.abandon("the handler failed");
+    else
+        request.replyError(500, "The server failed.");
+}
+
+void Application::onServerStopped() {}
+
+void Application::onNewWebSocket(http::WebSocket*) {}
+
+HttpBaseRequest* Application::createRequest()
+{
+    Request* request = newRequest();
+    ++mRequests;
+    mKeeper.opened();
+    return request;
+}
+
+void Application::handleRequest(HttpBaseRequest* base)
+{
+    auto* request = static_cast<Request*>(base);
+    if (mDraining || !mPool.submit([this, request] { serveOnWorker(request); }))
+        refuse(request);
+}
+
+void Application::onRequestCompleted()
+{
+    mKeeper.completed();
+}
+
+void Application::serveOnWorker(Request* request)
+{
+    request->workerThreadStartHandling(qvThread::CurrentThreadId());
+    try {
+        serve(*request);
+    } catch (const std::exception& error) {
+        onHandlerFailed(*request, error);
+    }
+    release(request);
+}
+
+// On the daemon's thread: the answer is complete before this returns.
+void Application::refuse(Request* request)
+{
+    request->workerThreadStartHandling(qvThread::CurrentThreadId());
+    request->getHead().setHeader("Retry-After", kRetryAfterSeconds);
+    request->replyError(503, "The server is busy.");
+    release(request);
+}
+
+void Application::release(Request* request)
+{
+    request->closeAnswer();
+    request->workerThreadStopHandling(qvThread::CurrentThreadId());
+    mKeeper.finished(std::unique_ptr<HttpBaseRequest>(request));
+}
+
+}  // namespace qv::kit

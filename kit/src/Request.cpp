@@ -1,0 +1,201 @@
+// Reading a body to its end, and answering in the ways that cannot hang.
+
+#include <Wendrel/kit/Request.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <vector>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr size_t kReadBytes = 65536;
+constexpr uint32_t kNoContent = 204;
+constexpr uint32_t kNotModified = 304;
+
+const std::string kNothing;
+
+}  // namespace
+
+Request::Request() = default;
+
+Request::~Request() = default;
+
+const std::string& Request::getPathParameter(const std::string& name) const
+{
+    const auto found = mPathParameters.find(name);
+    return found == mPathParameters.end() ? kNothing : found->second;
+}
+
+void Request::setPathParameters(std::map<std::string, std::string> parameters)
+{
+    mPathParameters = std::move(parameters);
+}
+
+const std::string& Request::getHeaderText(const char* name) const
+{
+    const std::list<std::string>* values = getHeader(name);
+    return values && !values->empty() ? values->front() : kNothing;
+}
+
+int64_t Request::getDeclaredBodyLength() const
+{
+    const std::string& text = getHeaderText("content-length");
+    int64_t length = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    return error == std::errc() && end == text.data() + text.size() ? length : -1;
+}
+
+BodyResult Request::readBody(char* buf, size_t len, size_t& got)
+{
+    HttpReceiveDevice& device = getReceiveDevice();
+    got = device.readBytes(buf, len);
+    if (device.hasDeviceError())
+        return BodyResult::Aborted;
+    return device.atEnd() ? BodyResult::Complete : BodyResult::More;
+}
+
+BodyResult Request::readWholeBody(uint64_t limitBytes, std::string& body)
+{
+    const int64_t declared = getDeclaredBodyLength();
+    if (declared >= 0 && static_cast<uint64_t>(declared) > limitBytes)
+        return BodyResult::TooLarge;
+    std::vector<char> piece(kReadBytes);
+    uint64_t total = 0;
+    BodyResult result = BodyResult::More;
+    while (result == BodyResult::More) {
+        size_t got = 0;
+        result = readBody(piece.data(), piece.size(), got);
+        total += got;
+        if (total > limitBytes)
+            return BodyResult::TooLarge;
+        body.append(piece.data(), got);
+    }
+    return result;
+}
+
+// Called about every second while the worker waits for the body. The daemon does not end the
+// wait of a reader whose client has gone.
+void Request::onWaitingForData()
+{
+    if (isCompleted())
+        getReceiveDevice().setDeviceError("the request ended before its body was complete");
+}
+
+bool Request::hasBody()
+{
+    const uint32_t status = mHead.getStatusCode();
+    return !isHead() && status != kNoContent && status != kNotModified;
+}
+
+bool Request::mayAnnounce() const
+{
+    return !mAnnounced && !getResponseDevice().hasDeviceError();
+}
+
+bool Request::announce()
+{
+    mAnnounced = true;
+    return getResponseDevice().setResponseReady();
+}
+
+bool Request::reply(uint32_t status, const std::string& contentType, const std::string& body)
+{
+    if (!mayAnnounce())
+        return false;
+    mHead.setStatus(status);
+    mHead.setContentType(contentType);
+    mHead.setContentLength(static_cast<int64_t>(body.size()));
+    if (!hasBody())
+        return startStream();
+    // Complete before it is announced, so that it goes out from one buffer; nothing is ready
+    // yet, so that this write does not wait.
+    HttpResponseDevice& device = getResponseDevice();
+    const bool taken = device.writeBytes(body.data(), body.size()) == body.size();
+    device.endSending();
+    mEnded = true;
+    return announce() && taken;
+}
+
+bool Request::replyError(uint32_t status, const std::string& message)
+{
+    const nlohmann::json body = {{"error", message}, {"status", status}};
+    return reply(status, "application/json",
+                 body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+// An answer without a body is never ended when its length is declared: ended, it would be
+// sent from a buffer, with the buffer's length. The daemon does not ask for its body.
+bool Request::startStream()
+{
+    if (!mayAnnounce())
+        return false;
+    if (!hasBody()) {
+        if (mHead.getContentLength() < 0)
+            getResponseDevice().endSending();
+        mEnded = true;
+    }
+    return announce();
+}
+
+bool Request::write(const char* data, size_t len)
+{
+    if (!mAnnounced && !startStream())
+        return false;
+    if (!hasBody())
+        return !isAborted();
+    const int64_t declared = mHead.getContentLength();
+    if (mEnded || (declared >= 0 && mWrittenBytes + len > static_cast<uint64_t>(declared)))
+        return false;
+    if (getResponseDevice().writeBytes(data, len) != len)
+        return false;
+    mWrittenBytes += len;
+    return !getResponseDevice().hasDeviceError();
+}
+
+bool Request::flush()
+{
+    if (!mAnnounced || mEnded)
+        return false;
+    getResponseDevice().flush();
+    return !getResponseDevice().hasDeviceError();
+}
+
+void Request::finish()
+{
+    if (!mAnnounced && !startStream())
+        return;
+    if (mEnded)
+        return;
+    const int64_t declared = mHead.getContentLength();
+    if (declared >= 0 && mWrittenBytes != static_cast<uint64_t>(declared)) {
+        abandon("the body is shorter than declared");
+        return;
+    }
+    getResponseDevice().endSending();
+    mEnded = true;
+}
+
+void Request::abandon(const std::string& reason)
+{
+    getResponseDevice().setDeviceError(reason);
+    mEnded = true;
+    if (!mAnnounced)
+        announce();
+}
+
+// After the handler: every request gets an answer with an end.
+void Request::closeAnswer()
+{
+    if (!mAnnounced)
+        replyError(500, "The request was not answered.");
+    if (!mAnnounced)
+        announce();
+    finish();
+}
+
+}  // namespace qv::kit

@@ -1,0 +1,76 @@
+// A server from start to clean stop.
+
+#include <Wendrel/kit/Server.h>
+
+#include <Wendrel/Wendrel.h>
+
+#include <csignal>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr unsigned long kStateLookMs = 1;
+
+sigset_t stopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+}  // namespace
+
+Server::Server(std::unique_ptr<Application> application) : mApplication(application.get())
+{
+    initializeWendrel();
+    mServer = std::make_unique<http::HttpServer>(application.release());
+}
+
+Server::~Server()
+{
+    stop(std::chrono::milliseconds(0));
+    mServer.reset();
+    terminateWendrel();
+}
+
+bool Server::start(const http::HttpServer::Parameters& parameters, std::chrono::milliseconds limit)
+{
+    if (mServer->getState() != http::HttpServer::Stopped || mServer->isStopRequested())
+        return false;
+    mServer->startServer(parameters);
+    // The server offers no condition to wait on, only its state.
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (mServer->getState() == http::HttpServer::Starting &&
+           std::chrono::steady_clock::now() < end)
+        qvThread::msleep(kStateLookMs);
+    return mServer->getState() == http::HttpServer::Running;
+}
+
+bool Server::stop(std::chrono::milliseconds limit)
+{
+    const bool drained = mApplication->drain(limit);
+    mServer->stopServer(true);
+    mApplication->stopWorkers();
+    return drained;
+}
+
+StopSignal::StopSignal()
+{
+    const sigset_t signals = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+int StopSignal::wait()
+{
+    const sigset_t signals = stopSignals();
+    int number = 0;
+    sigwait(&signals, &number);
+    return number;
+}
+
+}  // namespace qv::kit
