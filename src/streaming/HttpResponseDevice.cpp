@@ -12,7 +12,6 @@
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
-#include <cstring>
 
 namespace qv
 {
@@ -161,14 +160,14 @@ size_t HttpResponseDevice::sendChunksThreadSafe(void* buf, size_t max, bool& end
     ended = endedToo = false;
     char* to = static_cast<char*>(buf);
     size_t room = max;
-    while (room != 0) {
+    do {
         if (mSendQueue.empty() && !takeOver(room, ended)) {
             endedToo = ended;
             break;
         }
         const Chunk& front = mSendQueue.front();
         const size_t part = std::min<size_t>(front.size() - mSendOffset, room);
-        std::memcpy(to, front.data() + mSendOffset, part);
+        std::copy_n(front.data() + mSendOffset, part, to);
         to += part;
         room -= part;
         mSendOffset += part;
@@ -176,12 +175,12 @@ size_t HttpResponseDevice::sendChunksThreadSafe(void* buf, size_t max, bool& end
             mSendQueue.pop_front();
             mSendOffset = 0;
         }
-    }
+    } while (room != 0);
     return max - room;
 }
 
-// Takes the shortest run of ready chunks that fills `room`, or all there are. When there are
-// none, returns false and says whether the body has ended.
+// Takes the shortest run of ready chunks that fills `room`, at least one, or all there are. When
+// there are none, returns false and says whether the body has ended.
 bool HttpResponseDevice::takeOver(size_t room, bool& ended)
 {
     qvMutexLocker locker(mMutex.get());
@@ -192,8 +191,10 @@ bool HttpResponseDevice::takeOver(size_t room, bool& ended)
     mSpaceFreed->wakeAll();
     auto end = mReadyQueue.begin();
     uint64_t bytes = 0;
-    for (; end != mReadyQueue.end() && bytes < room; ++end)
+    do {
         bytes += end->size();
+        ++end;
+    } while (end != mReadyQueue.end() && bytes < room);
     mReadyBytes -= bytes;
     mSendQueue.splice(mSendQueue.end(), mReadyQueue, mReadyQueue.begin(), end);
     return true;

@@ -1,0 +1,177 @@
+// The request target: its limit, the fixed base it is parsed against and its two parse errors.
+
+#include "support/TestRequest.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+namespace qv::tests
+{
+namespace
+{
+
+// What the platform's parser says about a target behind the fixed base.
+std::string ParserError(const std::string& target)
+{
+    http::HttpUrl url;
+    std::string error;
+    url.fromEncodedUtf8String("http://127.0.0.1:80" + target, &error, true, 4096);
+    EXPECT_FALSE(url.isValid());
+    return error;
+}
+
+TEST(RequestTarget, IsStoredAsReceivedAndParsed)
+{
+    const struct
+    {
+        const char* name;
+        std::string target;
+        const char* path;
+        const char* query;
+    } rows[] = {
+        {"root", "/", "/", ""},
+        {"plain path", "/a/b", "/a/b", ""},
+        {"path and query", "/a/b?x=1&y=%20", "/a/b", "x=1&y=%20"},
+        {"encoded path stays encoded in the text", "/a%20b", "/a b", ""},
+        {"query only", "?x=1", "", "x=1"},
+        {"a second slash", "//a", "//a", ""},
+        {"UTF-8, percent-encoded", "/%C3%A4", "/\xC3\xA4", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TestRequest request;
+        request.setOriginalFullUrl(std::string(row.target));
+        EXPECT_EQ(request.getOriginalFullUrl(), row.target);
+        EXPECT_TRUE(request.getUrl().isValid());
+        EXPECT_EQ(request.getUrl().path(), row.path);
+        EXPECT_EQ(request.getUrl().query(), row.query);
+        EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    }
+}
+
+TEST(RequestTarget, IsParsedAgainstTheFixedBaseWhateverTheHostHeaderSays)
+{
+    TestRequest request;
+    request.addHeader("Host", "www.example.org:8080");
+    request.setOriginalFullUrl("/x");
+    EXPECT_EQ(request.getUrl().scheme(), "http");
+    EXPECT_EQ(request.getUrl().host(), "127.0.0.1");
+    EXPECT_EQ(request.getUrl().port(), 80);
+}
+
+TEST(RequestTarget, IsTakenUpTo4096Bytes)
+{
+    const struct
+    {
+        const char* name;
+        std::string target;
+        bool taken;
+    } rows[] = {
+        {"path of 4095", "/" + std::string(4094, 'a'), true},
+        {"path of 4096", "/" + std::string(4095, 'a'), true},
+        {"path of 4097", "/" + std::string(4096, 'a'), false},
+        {"path and query of 4096", "/p?" + std::string(4093, 'q'), true},
+        {"path and query of 4097", "/p?" + std::string(4094, 'q'), false},
+        {"very long", "/" + std::string(1000000, 'a'), false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TestRequest request;
+        request.setOriginalFullUrl(std::string(row.target));
+        EXPECT_EQ(request.getUrl().isValid(), row.taken);
+        EXPECT_EQ(request.getOriginalFullUrl(), row.taken ? row.target : "Invalid URI");
+        EXPECT_EQ(request.hasParseError(), !row.taken);
+        EXPECT_EQ(request.getParseError(), row.taken ? "" : "URI is too long");
+    }
+}
+
+TEST(RequestTarget, IsRefusedForItsLengthBeforeItIsParsed)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("not a target%zz" + std::string(4096, 'a'));
+    EXPECT_EQ(request.getParseError(), "URI is too long");
+}
+
+TEST(RequestTarget, TooLongLeavesTheParsedUrlUntouched)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("/first");
+    request.setOriginalFullUrl("/" + std::string(4096, 'a'));
+    EXPECT_TRUE(request.getUrl().isValid());
+    EXPECT_EQ(request.getUrl().path(), "/first");
+    EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
+}
+
+TEST(RequestTarget, ThatDoesNotParseIsReplacedAndTheParsersTextReported)
+{
+    const struct
+    {
+        const char* name;
+        std::string target;
+    } rows[] = {
+        {"no slash: glued to the port", "a/b"},
+        {"asterisk form", "*"},
+        {"absolute form", "http://www.example.org/x"},
+        {"digits that make the port too large", "123"},
+        {"a blank", "/a b"},
+        {"a control character", "/a\x01"},
+        {"a NUL", std::string("/a\0b", 4)},
+        {"a percent sign alone", "/%"},
+        {"a percent sign and no digits", "/%zz"},
+        {"percent-encoded bytes that are not UTF-8", "/%FF"},
+        {"raw bytes that are not UTF-8", "/\xFF"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TestRequest request;
+        request.setOriginalFullUrl(std::string(row.target));
+        EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
+        EXPECT_FALSE(request.getUrl().isValid());
+        EXPECT_TRUE(request.hasParseError());
+        EXPECT_EQ(request.getParseError(), "fail to parse request URI, " + ParserError(row.target));
+        EXPECT_GT(request.getParseError().size(),
+                  std::string("fail to parse request URI, ").size());
+    }
+}
+
+TEST(RequestTarget, RequiredDigitsWithoutSlashBecomePartOfThePort)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("81/x");
+    EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    EXPECT_EQ(request.getUrl().port(), 8081);
+    EXPECT_EQ(request.getOriginalFullUrl(), "81/x");
+}
+
+TEST(RequestTarget, EmptyTargetGivesTheBaseAlone)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("");
+    EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    EXPECT_TRUE(request.getUrl().isValid());
+    EXPECT_EQ(request.getOriginalFullUrl(), "");
+}
+
+TEST(RequestTarget, ErrorsLeaveAnEarlierParseErrorInPlaceButStillMarkTheTarget)
+{
+    for (const std::string& target : {"/" + std::string(4096, 'a'), std::string("/%zz")}) {
+        TestRequest request;
+        request.setHttpMethod("BREW");
+        request.setOriginalFullUrl(std::string(target));
+        EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
+        EXPECT_EQ(request.getParseError(), "Unexpected HTTP method");
+    }
+}
+
+TEST(RequestTarget, TakesTheTextWithoutCopyingIt)
+{
+    std::string target = "/" + std::string(1000, 'a');
+    const char* const bytes = target.data();
+    TestRequest request;
+    request.setOriginalFullUrl(std::move(target));
+    EXPECT_EQ(request.getOriginalFullUrl().data(), bytes);
+}
+
+}  // namespace
+}  // namespace qv::tests

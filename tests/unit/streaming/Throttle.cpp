@@ -1,0 +1,160 @@
+// The pace of a daemon thread that waits for an application.
+
+#include "streaming/Throttle.h"
+
+#include "support/FakeTime.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdint>
+#include <limits>
+#include <thread>
+
+namespace qv::tests
+{
+namespace
+{
+
+using impl::kTimeNotSet;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr int64_t kStartMs = 5000;
+
+TEST(Throttle, SleepIs45MinusTheTimeSinceTheLastSleepAndAtLeast10)
+{
+    constexpr int64_t now = 1000000;
+    const struct
+    {
+        const char* name;
+        int64_t lastSleepMs;
+        int32_t sleepMs;
+    } rows[] = {
+        {"last sleep not set", kTimeNotSet, 46},
+        {"last sleep just now", now, 45},
+        {"1 ms ago", now - 1, 44},
+        {"10 ms ago", now - 10, 35},
+        {"34 ms ago", now - 34, 11},
+        {"35 ms ago", now - 35, 10},
+        {"36 ms ago", now - 36, 10},
+        {"45 ms ago", now - 45, 10},
+        {"46 ms ago", now - 46, 10},
+        {"an hour ago", now - 3600000, 10},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(impl::Throttle::SleepMs(now, row.lastSleepMs), row.sleepMs);
+    }
+}
+
+TEST(Throttle, RequiredSleepIsComputedIn32Bits)
+{
+    constexpr int64_t turn = int64_t{1} << 32;  // the difference of times starts again here
+    EXPECT_EQ(impl::Throttle::SleepMs(turn + 5, 0), 40);
+    EXPECT_EQ(impl::Throttle::SleepMs(2 * turn + 40, 0), 10);
+}
+
+TEST(Throttle, StartsUnset)
+{
+    const impl::Throttle throttle;
+    EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
+    EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
+}
+
+TEST(Throttle, FirstPauseOnlyNotesTheTime)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    throttle.pause();
+    EXPECT_THAT(time.sleeps(), IsEmpty());
+    EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
+    EXPECT_EQ(throttle.lastSleepMs(), kStartMs);
+}
+
+TEST(Throttle, GraceLasts100Ms)
+{
+    const struct
+    {
+        const char* name;
+        int64_t afterMs;
+        size_t sleeps;
+    } rows[] = {{"at once", 0, 0}, {"99 ms", 99, 0}, {"100 ms", 100, 0}, {"101 ms", 101, 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        FakeTime time(kStartMs);
+        impl::Throttle throttle;
+        throttle.pause();
+        time.advanceMs(row.afterMs);
+        throttle.pause();
+        EXPECT_EQ(time.sleeps().size(), row.sleeps);
+        EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
+        EXPECT_EQ(throttle.lastSleepMs(), kStartMs + (row.sleeps != 0 ? row.afterMs : 0));
+    }
+}
+
+TEST(Throttle, SleepsTenAndThirtyFiveInTurnWhenCalledWithoutDelay)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    throttle.pause();
+    time.advanceMs(101);
+    for (int i = 0; i < 6; ++i)
+        throttle.pause();
+    EXPECT_THAT(time.sleeps(), ElementsAre(10, 35, 10, 35, 10, 35));
+    EXPECT_EQ(time.nowMs(), kStartMs + 101 + 3 * 45);
+}
+
+TEST(Throttle, CountsTheSpacingFromTheBeginningOfTheLastSleep)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    throttle.pause();
+    time.advanceMs(500);
+    throttle.pause();  // sleeps 10
+    EXPECT_EQ(throttle.lastSleepMs(), kStartMs + 500);
+    time.advanceMs(20);
+    throttle.pause();  // 30 ms after the beginning of the last
+    time.advanceMs(100);
+    throttle.pause();
+    EXPECT_THAT(time.sleeps(), ElementsAre(10, 15, 10));
+}
+
+TEST(Throttle, ResetStartsANewGrace)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    throttle.pause();
+    time.advanceMs(101);
+    throttle.pause();
+    throttle.reset();
+    EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
+    EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
+    time.clearRecords();
+
+    throttle.pause();
+    time.advanceMs(100);
+    throttle.pause();
+    EXPECT_THAT(time.sleeps(), IsEmpty());
+    time.advanceMs(1);
+    throttle.pause();
+    EXPECT_THAT(time.sleeps(), ElementsAre(10));
+}
+
+TEST(Throttle, IsOneRecordPerThread)
+{
+    impl::Throttle* const mine = &impl::Throttle::OfThisThread();
+    EXPECT_EQ(&impl::Throttle::OfThisThread(), mine);
+    mine->pause();
+    int64_t ofTheOther = 0;
+    std::thread other([&] {
+        EXPECT_NE(&impl::Throttle::OfThisThread(), mine);
+        ofTheOther = impl::Throttle::OfThisThread().waitSinceMs();
+    });
+    other.join();
+    EXPECT_EQ(ofTheOther, kTimeNotSet);
+    EXPECT_NE(mine->waitSinceMs(), kTimeNotSet);
+    mine->reset();
+}
+
+}  // namespace
+}  // namespace qv::tests

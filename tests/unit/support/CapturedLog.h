@@ -1,0 +1,103 @@
+// A platform log that keeps what is written to it; installed as the log of the process for as
+// long as it lives.
+#ifndef WENDREL_TESTS_CAPTUREDLOG_H
+#define WENDREL_TESTS_CAPTUREDLOG_H
+
+#include <qvSystem/qvLog.h>
+
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace qv::tests
+{
+
+// What a test compares of an entry.
+struct LogLine
+{
+    int level = 0;
+    std::string category;
+    std::string message;
+    bool urgent = false;
+
+    friend bool operator==(const LogLine& a, const LogLine& b)
+    {
+        return a.level == b.level && a.category == b.category && a.message == b.message &&
+               a.urgent == b.urgent;
+    }
+    friend std::ostream& operator<<(std::ostream& out, const LogLine& line)
+    {
+        return out << line.level << (line.urgent ? " urgent" : "") << " [" << line.category << "] "
+                   << line.message;
+    }
+};
+
+class CapturedLog
+{
+public:
+    CapturedLog() : mLog(std::make_unique<qvLog>()), mRecord(std::make_shared<Record>())
+    {
+        mLog->setMinimumLevel(0);
+        mLog->addSink(std::make_unique<Sink>(mRecord));
+        mLog->install();
+    }
+
+    qvLog& log() { return *mLog; }
+
+    std::vector<LogLine> lines() const
+    {
+        std::lock_guard<std::mutex> lock(mRecord->mutex);
+        std::vector<LogLine> lines;
+        for (size_t i = 0; i < mRecord->entries.size(); ++i) {
+            const qvLog::LogEntry& entry = mRecord->entries[i];
+            lines.push_back({entry.level, entry.category, entry.message, mRecord->flushed[i]});
+        }
+        return lines;
+    }
+
+    std::vector<qvLog::LogEntry> entries() const
+    {
+        std::lock_guard<std::mutex> lock(mRecord->mutex);
+        return mRecord->entries;
+    }
+
+private:
+    struct Record
+    {
+        std::mutex mutex;  // guards all below
+        std::vector<qvLog::LogEntry> entries;
+        std::vector<bool> flushed;  // an urgent entry is flushed at once
+    };
+
+    class Sink : public qvLogSink
+    {
+    public:
+        explicit Sink(std::shared_ptr<Record> record) : mRecord(std::move(record)) {}
+
+        void write(const qvLog::LogEntry& entry) override
+        {
+            std::lock_guard<std::mutex> lock(mRecord->mutex);
+            mRecord->entries.push_back(entry);
+            mRecord->flushed.push_back(false);
+        }
+
+        void flush() override
+        {
+            std::lock_guard<std::mutex> lock(mRecord->mutex);
+            if (!mRecord->flushed.empty())
+                mRecord->flushed.back() = true;
+        }
+
+    private:
+        std::shared_ptr<Record> mRecord;
+    };
+
+    std::unique_ptr<qvLog> mLog;  // uninstalls itself
+    std::shared_ptr<Record> mRecord;
+};
+
+}  // namespace qv::tests
+
+#endif

@@ -1,0 +1,60 @@
+// An application that writes into the record of the stand-in daemon what it is asked, so that
+// calls of both sides can be compared in one order.
+#ifndef WENDREL_TESTS_RECORDINGAPPLICATION_H
+#define WENDREL_TESTS_RECORDINGAPPLICATION_H
+
+#include "support/RecordingDaemon.h"
+
+#include <Wendrel/HttpServer.h>
+
+#include <functional>
+#include <string>
+#include <utility>
+
+namespace qv::tests
+{
+
+class RecordingApplication : public http::HttpServerImpl
+{
+public:
+    explicit RecordingApplication(RecordingDaemon& daemon) : mDaemon(daemon) {}
+    ~RecordingApplication() override { mDaemon.record("~HttpServerImpl"); }
+
+    using HttpServerImpl::setErrorBody;
+
+    HttpBaseRequest* createRequest() override
+    {
+        mDaemon.record("createRequest");
+        return makeRequest ? makeRequest() : nullptr;
+    }
+
+    void handleRequest(HttpBaseRequest* request) override
+    {
+        mDaemon.record("handleRequest");
+        if (onRequest)
+            onRequest(request);
+    }
+
+    void onNewWebSocket(http::WebSocket*) override { mDaemon.record("onNewWebSocket"); }
+
+    void onServerStopped() override
+    {
+        mDaemon.record("onServerStopped");
+        if (onStopped)
+            onStopped();
+    }
+
+    void onRequestCompleted() override { mDaemon.record("onRequestCompleted"); }
+
+    // Set by the test before the server is started.
+    std::function<HttpBaseRequest*()> makeRequest;
+    std::function<void(HttpBaseRequest*)> onRequest;
+    std::function<void()> onStopped;
+
+private:
+    RecordingDaemon& mDaemon;
+};
+
+}  // namespace qv::tests
+
+#endif

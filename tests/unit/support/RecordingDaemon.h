@@ -1,0 +1,170 @@
+// A stand-in for the daemon: defines every MHD_ function that the library calls, does what the
+// test tells it to and writes down what it was asked. A program that links it does not link
+// libmicrohttpd.
+#ifndef WENDREL_TESTS_RECORDINGDAEMON_H
+#define WENDREL_TESTS_RECORDINGDAEMON_H
+
+#include <microhttpd.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <netinet/in.h>
+
+// One request as the daemon has parsed it. Filled by the test.
+struct MHD_Connection
+{
+    struct Value
+    {
+        MHD_ValueKind kind;
+        std::optional<std::string> name;  // without: null
+        std::optional<std::string> value;
+    };
+
+    void add(MHD_ValueKind kind, std::optional<std::string> name, std::optional<std::string> value)
+    {
+        values.push_back({kind, std::move(name), std::move(value)});
+    }
+
+    void setClient(const char* ipv4, uint16_t port);
+
+    // The walk offers them in this order; a look-up gives the first one.
+    std::vector<Value> values;
+    bool hasInfo = true;     // otherwise MHD_get_connection_info gives null
+    bool hasClient = false;  // otherwise the information holds a null address
+    sockaddr_in client{};
+    MHD_ConnectionInfo info{};
+};
+
+// A response the library made. Stays readable after it has been destroyed.
+struct MHD_Response
+{
+    enum Kind { Buffer, Callback, Upgrade };
+
+    Kind kind = Buffer;
+
+    // Buffer: the bytes as they were when the response was made, and where they stood.
+    std::string body;
+    const void* bodyAddress = nullptr;
+    MHD_ResponseMemoryMode mode = MHD_RESPMEM_PERSISTENT;
+
+    // Callback.
+    uint64_t size = 0;
+    size_t blockSize = 0;
+    MHD_ContentReaderCallback reader = nullptr;
+    MHD_ContentReaderFreeCallback free = nullptr;
+
+    // Upgrade.
+    MHD_UpgradeHandler upgrade = nullptr;
+
+    void* closure = nullptr;  // of the reader or the upgrade handler
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::vector<std::pair<MHD_Connection*, unsigned int>> queued;  // with which status
+    int destroyed = 0;
+};
+
+namespace qv::tests
+{
+
+// At most one at a time; without one only MHD_get_version may be called. Its destructor
+// demands that each response has been destroyed exactly once.
+class RecordingDaemon
+{
+public:
+    // One option of MHD_start_daemon, read with the types the real daemon reads it with.
+    struct Option
+    {
+        int number = 0;
+        std::string type;    // "size_t", "unsigned int", "int", "sockaddr", "functions", "end"
+        uint64_t value = 0;  // of the integer types; two's complement
+        void (*function)() = nullptr;
+        void* closure = nullptr;
+        sockaddr_in address{};  // copied while the call was going on
+    };
+
+    struct Start
+    {
+        unsigned int flags = 0;
+        uint16_t port = 0;
+        MHD_AcceptPolicyCallback accept = nullptr;
+        void* acceptClosure = nullptr;
+        MHD_AccessHandlerCallback handler = nullptr;
+        void* handlerClosure = nullptr;
+        std::vector<Option> options;
+        MHD_Daemon* daemon = nullptr;  // what was returned
+
+        const Option* find(int number) const;
+    };
+
+    RecordingDaemon();
+    ~RecordingDaemon();
+    RecordingDaemon(const RecordingDaemon&) = delete;
+    RecordingDaemon& operator=(const RecordingDaemon&) = delete;
+
+    // A new connection; lives as long as the stand-in.
+    MHD_Connection& connection();
+
+    // Of the feature questions only these get a yes (at first poll and epoll).
+    void setFeatures(std::set<MHD_FEATURE> features);
+
+    // From now on the function named `function` ("MHD_queue_response") refuses: it returns
+    // null, MHD_NO or, for the walk, 0 without offering anything.
+    void fail(const std::string& function);
+
+    // Called at the beginning of each call of `function`, on its thread.
+    void onCall(const std::string& function, std::function<void()> hook);
+
+    // Adds a line of the test's own to the record.
+    void record(const std::string& line);
+
+    // What happened so far, one line a call: "MHD_queue_response 200".
+    std::vector<std::string> calls() const;
+    std::vector<std::string> callsOf(const std::string& function) const;
+    void clearCalls();
+
+    std::vector<Start> starts() const;
+    std::vector<MHD_Daemon*> stops() const;
+    size_t responseCount() const;
+    const MHD_Response& response(size_t index) const;
+
+    // Whether a value iterator has asked for the end of a walk.
+    bool walkWasStopped() const;
+
+    // For the MHD_ functions.
+    static RecordingDaemon& Current();
+    bool enter(const std::string& function, const std::string& details);  // false: refuse
+    bool supports(MHD_FEATURE feature) const;
+    MHD_Daemon* takeStart(Start start, bool refuse);
+    void takeStop(MHD_Daemon* daemon);
+    MHD_Response* takeResponse(std::unique_ptr<MHD_Response> response);
+    bool isUsable(const MHD_Response* response, const char* function) const;
+    void takeHeader(MHD_Response* response, const char* name, const char* value);
+    void takeQueued(MHD_Connection* connection, unsigned int status, MHD_Response* response);
+    void takeDestroyed(MHD_Response* response);
+    void takeWalkStopped();
+
+private:
+    mutable std::mutex mMutex;  // guards all below
+    std::vector<std::string> mCalls;
+    std::set<MHD_FEATURE> mFeatures{MHD_FEATURE_POLL, MHD_FEATURE_EPOLL};
+    std::set<std::string> mFailing;
+    std::map<std::string, std::function<void()>> mHooks;
+    std::vector<Start> mStarts;
+    std::vector<MHD_Daemon*> mStops;
+    std::deque<MHD_Connection> mConnections;
+    std::vector<std::unique_ptr<MHD_Response>> mResponses;
+    bool mWalkStopped = false;
+};
+
+}  // namespace qv::tests
+
+#endif
