@@ -1,0 +1,158 @@
+// The daemon's own messages in our log.
+
+#include "server/DaemonLog.h"
+#include "support/CapturedLog.h"
+
+#include <Wendrel/HttpServer.h>
+
+#include <microhttpd.h>
+
+#include <gmock/gmock.h>
+
+#include <cstdarg>
+#include <cwchar>
+#include <string>
+
+namespace qv::tests
+{
+
+namespace
+{
+
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+// As the daemon calls it.
+void Log(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    impl::LogDaemonMessage(nullptr, format, arguments);
+    va_end(arguments);
+}
+
+std::string Logged(const std::string& message)
+{
+    const CapturedLog log;
+    Log("%s", message.c_str());
+    const auto lines = log.lines();
+    return lines.size() == 1 ? lines[0].message : "not one line";
+}
+
+TEST(DaemonLog, IsWhatTheServerRegisters)
+{
+    EXPECT_EQ(http::HttpServerImpl::GetLogFunction(),
+              reinterpret_cast<http::HttpServerImpl::Callback>(&impl::LogDaemonMessage));
+}
+
+TEST(DaemonLog, WritesAnUrgentWarning)
+{
+    const CapturedLog log;
+    Log("Failed to bind to port %u: %s\n", 80u, "in use");
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{
+                                 4, "", "libmicrohttpd: Failed to bind to port 80: in use", true}));
+}
+
+TEST(DaemonLog, CutsAfter1023Characters)
+{
+    const struct
+    {
+        const char* name;
+        size_t size;
+        size_t kept;
+    } rows[] = {
+        {"shorter", 1022, 1022},     {"just fits", 1023, 1023},   {"one too many", 1024, 1023},
+        {"much longer", 2000, 1023}, {"very long", 100000, 1023},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(Logged(std::string(row.size, 'x')),
+                  "libmicrohttpd: " + std::string(row.kept, 'x'));
+    }
+}
+
+TEST(DaemonLog, TrimsTheEnd)
+{
+    const struct
+    {
+        const char* name;
+        const char* message;
+        const char* logged;
+    } rows[] = {
+        {"nothing", "text", "text"},
+        {"line feed", "text\n", "text"},
+        {"carriage return and line feed", "text\r\n", "text"},
+        {"tab", "text\t", "text"},
+        {"blank", "text ", "text"},
+        {"all of them, more than once", "text \t\r\n\n\r\t  ", "text"},
+        {"vertical tab stays", "text\v", "text\v"},
+        {"form feed stays", "text\f", "text\f"},
+        {"vertical tab before a line feed stays", "text\v\n", "text\v"},
+        {"bell stays", "text\a", "text\a"},
+        {"the front stays", " \t\r\ntext", " \t\r\ntext"},
+        {"the middle stays", "a \t\r\nb", "a \t\r\nb"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(Logged(row.message), std::string("libmicrohttpd: ") + row.logged);
+    }
+}
+
+TEST(DaemonLog, TrimsNulCharactersToo)
+{
+    const CapturedLog log;
+    Log("text%c%c", 0, 0);
+    Log("text%c\n", 0);
+    Log("text \t%c %c\r\n", 0, 0);
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{4, "", "libmicrohttpd: text", true},
+                                         LogLine{4, "", "libmicrohttpd: text", true},
+                                         LogLine{4, "", "libmicrohttpd: text", true}));
+}
+
+TEST(DaemonLog, TrimsAfterCutting)
+{
+    EXPECT_EQ(Logged(std::string(1000, 'x') + std::string(100, ' ') + "lost"),
+              "libmicrohttpd: " + std::string(1000, 'x'));
+}
+
+TEST(DaemonLog, LogsAnEmptyMessage)
+{
+    for (const char* message : {"", "\n", " \r\n\t"})
+        EXPECT_EQ(Logged(message), "libmicrohttpd: ");
+}
+
+TEST(DaemonLog, DropsAMessageThatCannotBeFormatted)
+{
+    const CapturedLog log;
+    const wchar_t unmappable[] = {static_cast<wchar_t>(0x110000), 0};
+    Log("text %ls more", unmappable);
+    EXPECT_THAT(log.lines(), SizeIs(0));
+    Log("text");
+    EXPECT_THAT(log.lines(), SizeIs(1));
+}
+
+TEST(DaemonLog, IgnoresItsClosure)
+{
+    const CapturedLog log;
+    int closure = 0;
+    const auto call = [&](const char* format, ...) {
+        va_list arguments;
+        va_start(arguments, format);
+        impl::LogDaemonMessage(&closure, format, arguments);
+        va_end(arguments);
+    };
+    call("text");
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{4, "", "libmicrohttpd: text", true}));
+}
+
+TEST(DaemonLog, IsSilentWhenWarningsAreOff)
+{
+    CapturedLog log;
+    log.log().setLevelEnabled(4, false);
+    Log("text");
+    EXPECT_THAT(log.lines(), SizeIs(0));
+}
+
+}  // namespace
+
+}  // namespace qv::tests
