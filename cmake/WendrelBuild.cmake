@@ -26,6 +26,7 @@ function(wendrel_library_defaults target)
         CXX_VISIBILITY_PRESET hidden
         VISIBILITY_INLINES_HIDDEN ON
         POSITION_INDEPENDENT_CODE ON
-        CXX_EXTENSIONS OFF)
+        CXX_EXTENSIONS OFF
+        INSTALL_RPATH "$ORIGIN")  # the libraries find each other wherever they are put
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:wendrel_build>)
 endfunction()

@@ -33,6 +33,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/WendrelConfig.cmake ${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmake
     DESTINATION ${wendrel_package_dir} COMPONENT development)
 
+# Relative to the file itself, so that a moved prefix works.
+file(RELATIVE_PATH wendrel_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/wendrel.pc.in ${PROJECT_BINARY_DIR}/wendrel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/wendrel.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
