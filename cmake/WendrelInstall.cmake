@@ -4,17 +4,29 @@
 get_property(wendrel_platform_targets GLOBAL PROPERTY WENDREL_PLATFORM_TARGETS)
 set(wendrel_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Wendrel)
 
-install(TARGETS Wendrel ${wendrel_platform_targets}
+# The platform libraries are a package of their own: another build of this library can stand on
+# them (WENDREL_BUNDLED_PLATFORM=OFF), or this library on another build of theirs.
+if(WENDREL_BUNDLED_PLATFORM)
+    install(TARGETS ${wendrel_platform_targets}
+        EXPORT WendrelPlatformTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+    foreach(name ${wendrel_platform_targets})
+        install(DIRECTORY platform/${name}/include/${name}
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+    endforeach()
+    set(wendrel_platform_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/WendrelPlatform)
+    install(EXPORT WendrelPlatformTargets NAMESPACE Wendrel::
+        DESTINATION ${wendrel_platform_package_dir} COMPONENT development)
+    install(FILES cmake/WendrelPlatformConfig.cmake
+        DESTINATION ${wendrel_platform_package_dir} COMPONENT development)
+endif()
+
+install(TARGETS Wendrel
     EXPORT WendrelTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(DIRECTORY include/Wendrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-if(WENDREL_BUNDLED_PLATFORM)
-    foreach(name qvSystem qvOpenSSL Ostrand Quenby)
-        install(DIRECTORY platform/${name}/include/${name}
-            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-    endforeach()
-endif()
 install(EXPORT WendrelTargets NAMESPACE Wendrel::
     DESTINATION ${wendrel_package_dir} COMPONENT development)
 

@@ -1,0 +1,4 @@
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+
+include(${CMAKE_CURRENT_LIST_DIR}/WendrelPlatformTargets.cmake)
