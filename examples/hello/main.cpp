@@ -10,8 +10,12 @@ int main(int argc, char** argv)
     qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
 
     qv::http::HttpServer::Parameters parameters;
-    if (argc > 1)
-        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
+    const int port = argc > 1 ? std::atoi(argv[1]) : parameters.port;
+    if (port < 1 || port > 65535) {
+        std::fprintf(stderr, "usage: hello [PORT]\n");
+        return 2;
+    }
+    parameters.port = static_cast<uint16_t>(port);
 
     auto application = std::make_unique<qv::kit::Application>();
     application->getRouter().add(
@@ -22,10 +26,10 @@ int main(int argc, char** argv)
 
     qv::kit::Server server(std::move(application));  // owns the application from here
     if (!server.start(parameters)) {
-        std::fprintf(stderr, "hello: cannot listen on port %u\n", unsigned(parameters.port));
+        std::fprintf(stderr, "hello: cannot listen on port %d\n", port);
         return 1;
     }
-    std::printf("http://127.0.0.1:%u/hello/world\n", unsigned(parameters.port));
+    std::printf("http://127.0.0.1:%u/hello/world\n", port);
     std::fflush(stdout);
 
     stopSignal.wait();

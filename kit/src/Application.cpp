@@ -2,7 +2,11 @@
 
 #include <Wendrel/kit/Application.h>
 
+#include <qvSystem/qvLog.h>
+#include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
+
+#include <iostream>
 
 namespace qv::kit
 {
@@ -11,6 +15,22 @@ namespace
 
 constexpr const char* kErrorBody = "{\"error\":\"The server failed.\",\"status\":500}";
 constexpr const char* kRetryAfterSeconds = "1";
+
+void logError(const std::string& message)
+{
+    qvLog::LogEntry entry;
+    entry.message = message;
+    entry.category = "kit";
+    entry.threadId = qvThread::CurrentThreadId();
+    entry.timestampMs = qvSystemUtils::GetMSecElapsedSinceEpoch();
+    entry.level = qvLog::Error;
+    entry.computeLogPrefix(true);
+    qvLog* log = qvLog::msInstance;
+    if (!log)
+        std::cerr << entry.prefix + qvLog::EscapeControlCharacters(message) + '\n' << std::flush;
+    else if (log->isLevelEnabled(qvLog::Error))
+        log->Write(entry, true);
+}
 
 }  // namespace
 
@@ -44,12 +64,11 @@ void Application::serve(Request& request)
     mRouter.dispatch(request);
 }
 
-void Application::onHandlerFailed(Request& request, const std::exception&)
+void Application::onHandlerFailed(Request& request, const std::exception& error)
 {
-    if (request.isAnnounced())
-        request.abandon("the handler failed");
-    else
-        request.replyError(500, "The server failed.");
+    logError(HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
+             request.getOriginalFullUrl() + " failed: " + error.what());
+    request.failWith("The server failed.");
 }
 
 void Application::onServerStopped() {}

@@ -13,7 +13,7 @@ namespace qv::kit
 namespace
 {
 
-constexpr size_t kReadBytes = 65536;
+constexpr size_t kPieceBytes = 65536;
 constexpr uint32_t kNoContent = 204;
 constexpr uint32_t kNotModified = 304;
 
@@ -64,7 +64,7 @@ BodyResult Request::readWholeBody(uint64_t limitBytes, std::string& body)
     const int64_t declared = getDeclaredBodyLength();
     if (declared >= 0 && static_cast<uint64_t>(declared) > limitBytes)
         return BodyResult::TooLarge;
-    std::vector<char> piece(kReadBytes);
+    std::vector<char> piece(kPieceBytes);
     uint64_t total = 0;
     BodyResult result = BodyResult::More;
     while (result == BodyResult::More) {
@@ -109,7 +109,9 @@ bool Request::reply(uint32_t status, const std::string& contentType, const std::
         return false;
     mHead.setStatus(status);
     mHead.setContentType(contentType);
-    mHead.setContentLength(static_cast<int64_t>(body.size()));
+    // An answer without a body may declare the length that it would have had.
+    if (hasBody() || !body.empty())
+        mHead.setContentLength(static_cast<int64_t>(body.size()));
     if (!hasBody())
         return startStream();
     // Complete before it is announced, so that it goes out from one buffer; nothing is ready
@@ -128,14 +130,15 @@ bool Request::replyError(uint32_t status, const std::string& message)
                  body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-// An answer without a body is never ended when its length is declared: ended, it would be
-// sent from a buffer, with the buffer's length. The daemon does not ask for its body.
+// An answer without a body is not ended when its length is declared: ended, it would be sent
+// from a buffer, with the buffer's length. The daemon does not ask for its body. But an upload
+// that nobody will read is dropped only once the answer has ended.
 bool Request::startStream()
 {
     if (!mayAnnounce())
         return false;
     if (!hasBody()) {
-        if (mHead.getContentLength() < 0)
+        if (mHead.getContentLength() < 0 || mayHaveUpload())
             getResponseDevice().endSending();
         mEnded = true;
     }
@@ -151,9 +154,15 @@ bool Request::write(const char* data, size_t len)
     const int64_t declared = mHead.getContentLength();
     if (mEnded || (declared >= 0 && mWrittenBytes + len > static_cast<uint64_t>(declared)))
         return false;
-    if (getResponseDevice().writeBytes(data, len) != len)
-        return false;
-    mWrittenBytes += len;
+    // In pieces, each of which waits for room: a block of any size takes constant memory.
+    while (len > 0) {
+        const size_t piece = std::min(len, kPieceBytes);
+        if (getResponseDevice().writeBytes(data, piece) != piece)
+            return false;
+        mWrittenBytes += piece;
+        data += piece;
+        len -= piece;
+    }
     return !getResponseDevice().hasDeviceError();
 }
 
@@ -182,17 +191,34 @@ void Request::finish()
 
 void Request::abandon(const std::string& reason)
 {
+    if (mEnded)
+        return;
     getResponseDevice().setDeviceError(reason);
     mEnded = true;
     if (!mAnnounced)
         announce();
 }
 
+bool Request::mayHaveUpload() const
+{
+    return getDeclaredBodyLength() > 0 || getHeader("transfer-encoding");
+}
+
+void Request::failWith(const std::string& message)
+{
+    if (mAnnounced) {
+        abandon(message);
+        return;
+    }
+    mHead = ResponseHead();  // what was meant for another answer
+    replyError(500, message);
+}
+
 // After the handler: every request gets an answer with an end.
 void Request::closeAnswer()
 {
     if (!mAnnounced)
-        replyError(500, "The request was not answered.");
+        failWith("The request was not answered.");
     if (!mAnnounced)
         announce();
     finish();

@@ -42,7 +42,7 @@ void RequestKeeper::finished(std::unique_ptr<HttpBaseRequest> request)
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool wasDue = isSweepDue();
         mFinished.push_back(std::move(request));
-        mFinishedSinceSweep = true;
+        ++mNews;
         wake = isSweepDue() && (!wasDue || doesSweepPay());
     }
     if (wake)
@@ -56,24 +56,23 @@ void RequestKeeper::completed()
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool wasDue = isSweepDue();
         ++mCompletions;
+        ++mNews;
         wake = isSweepDue() && (!wasDue || doesSweepPay());
     }
     if (wake)
         mChanged.notify_one();
 }
 
-// Whether a sweep could find something: a completion has come since the last, or a request
-// has been finished that may have been completed before it.
+// Whether a sweep could find something: a completed request is waiting to be found, and one
+// has been completed or finished since the last sweep.
 bool RequestKeeper::isSweepDue() const
 {
-    if (mFinished.empty() || mCompletions == mReaped)
-        return false;
-    return mCompletions != mSweptCompletions || mFinishedSinceSweep;
+    return mNews != 0 && !mFinished.empty() && mCompletions != mReaped;
 }
 
 bool RequestKeeper::doesSweepPay() const
 {
-    return mCompletions - mReaped >= std::max<uint64_t>(kLeastBatch, mFinished.size() / 4);
+    return mNews >= std::max<uint64_t>(kLeastBatch, mFinished.size() / 4);
 }
 
 void RequestKeeper::keep()
@@ -85,17 +84,19 @@ void RequestKeeper::keep()
         sweep(lock);
     }
     // The daemon has stopped: nobody uses what is left.
-    mOpen -= mFinished.size();
-    mFinished.clear();
+    List left;
+    left.swap(mFinished);
+    mOpen -= left.size();
     mDeleted.notify_all();
+    lock.unlock();
+    left.clear();
 }
 
 void RequestKeeper::sweep(std::unique_lock<std::mutex>& lock)
 {
     List looked;
     looked.swap(mFinished);
-    mSweptCompletions = mCompletions;
-    mFinishedSinceSweep = false;
+    mNews = 0;
     lock.unlock();
 
     List done;

@@ -33,7 +33,7 @@ bool isVariable(const std::string& part)
 
 }  // namespace
 
-bool Router::parse(const std::string& pattern, std::vector<Segment>& segments)
+bool Router::parse(const std::string& pattern, std::vector<Segment>& segments, Names& names)
 {
     if (pattern.empty() || pattern.front() != '/')
         return false;
@@ -47,14 +47,17 @@ bool Router::parse(const std::string& pattern, std::vector<Segment>& segments)
             continue;
         }
         const bool rest = part[part.size() - 2] == '*';
-        const std::string name = part.substr(1, part.size() - (rest ? 3 : 2));
-        if (name.empty() || name.find_first_of("{}*") != std::string::npos)
+        std::string name = part.substr(1, part.size() - (rest ? 3 : 2));
+        if (name.empty() || name.find_first_of("{}*") != std::string::npos ||
+            std::find(names.begin(), names.end(), name) != names.end())
             return false;
-        segments.push_back({rest ? Segment::Rest : Segment::One, name});
+        segments.push_back({rest ? Segment::Rest : Segment::One, std::string()});
+        names.push_back(std::move(name));
     }
     return true;
 }
 
+// Whatever their variables are called.
 bool Router::sameShape(const std::vector<Segment>& a, const std::vector<Segment>& b)
 {
     return std::equal(
@@ -65,7 +68,8 @@ bool Router::sameShape(const std::vector<Segment>& a, const std::vector<Segment>
 bool Router::add(int methods, const std::string& pattern, Handler handler)
 {
     std::vector<Segment> segments;
-    if (!parse(pattern, segments))
+    Names names;
+    if (!parse(pattern, segments, names))
         return false;
     auto route = std::find_if(mRoutes.begin(), mRoutes.end(), [&](const Route& known) {
         return sameShape(known.segments, segments);
@@ -74,20 +78,19 @@ bool Router::add(int methods, const std::string& pattern, Handler handler)
         route = mRoutes.insert(route, Route{std::move(segments), {}});
     for (int bit = 0; bit < kMethodBits; ++bit) {
         if (methods & (1 << bit))
-            route->handlers[1 << bit] = handler;
+            route->targets[1 << bit] = {handler, names};
     }
     return true;
 }
 
-bool Router::matches(const Route& route, const std::vector<std::string>& path,
-                     Parameters& parameters)
+bool Router::matches(const Route& route, const std::vector<std::string>& path, Values& values)
 {
     size_t at = 0;
     for (const Segment& segment : route.segments) {
         if (segment.kind == Segment::Rest) {
-            std::string& rest = parameters[segment.text];
-            for (; at < path.size(); ++at)
-                rest += (rest.empty() ? "" : "/") + path[at];
+            std::string& rest = values.emplace_back();
+            for (size_t first = at; at < path.size(); ++at)
+                rest += (at == first ? "" : "/") + path[at];
             return true;
         }
         if (at == path.size())
@@ -95,7 +98,7 @@ bool Router::matches(const Route& route, const std::vector<std::string>& path,
         if (segment.kind == Segment::Literal ? path[at] != segment.text : path[at].empty())
             return false;
         if (segment.kind == Segment::One)
-            parameters[segment.text] = path[at];
+            values.push_back(path[at]);
         ++at;
     }
     return at == path.size();
@@ -108,18 +111,25 @@ bool Router::moreSpecific(const Route& a, const Route& b)
         [](const Segment& x, const Segment& y) { return x.kind < y.kind; });
 }
 
-const Router::Route* Router::find(const std::vector<std::string>& path,
-                                  Parameters& parameters) const
+const Router::Route* Router::find(const std::vector<std::string>& path, Values& values) const
 {
     const Route* best = nullptr;
     for (const Route& route : mRoutes) {
-        Parameters found;
+        Values found;
         if (!matches(route, path, found) || (best && !moreSpecific(route, *best)))
             continue;
         best = &route;
-        parameters = std::move(found);
+        values = std::move(found);
     }
     return best;
+}
+
+int Router::allowedMethods(const Route& route)
+{
+    int methods = 0;
+    for (const auto& entry : route.targets)
+        methods |= entry.first;
+    return methods & HttpBaseRequest::GET ? methods | HttpBaseRequest::HEAD : methods;
 }
 
 void Router::dispatch(Request& request) const
@@ -128,27 +138,26 @@ void Router::dispatch(Request& request) const
         request.replyError(400, request.getParseError());
         return;
     }
-    Parameters parameters;
-    const Route* route = find(request.getUrl().pathSegments(), parameters);
+    Values values;
+    const Route* route = find(request.getUrl().pathSegments(), values);
     if (!route) {
         request.replyError(404, "There is nothing at this address.");
         return;
     }
-    auto handler = route->handlers.find(request.getRequestType());
-    if (handler == route->handlers.end() && request.isHead())
-        handler = route->handlers.find(HttpBaseRequest::GET);
-    if (handler == route->handlers.end()) {
-        int allowed = 0;
-        for (const auto& entry : route->handlers)
-            allowed |= entry.first;
-        if (allowed & HttpBaseRequest::GET)
-            allowed |= HttpBaseRequest::HEAD;
-        request.getHead().setHeader("Allow", HttpBaseRequest::RequestTypeBitFieldToString(allowed));
+    auto target = route->targets.find(request.getRequestType());
+    if (target == route->targets.end() && request.isHead())
+        target = route->targets.find(HttpBaseRequest::GET);
+    if (target == route->targets.end()) {
+        request.getHead().setHeader(
+            "Allow", HttpBaseRequest::RequestTypeBitFieldToString(allowedMethods(*route)));
         request.replyError(405, "This method is not allowed here.");
         return;
     }
+    std::map<std::string, std::string> parameters;
+    for (size_t i = 0; i < values.size(); ++i)
+        parameters[target->second.names[i]] = std::move(values[i]);
     request.setPathParameters(std::move(parameters));
-    handler->second(request);
+    target->second.handler(request);
 }
 
 }  // namespace qv::kit

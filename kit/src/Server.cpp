@@ -12,6 +12,7 @@ namespace
 {
 
 constexpr unsigned long kStateLookMs = 1;
+constexpr std::chrono::seconds kDeletionLimit(10);
 
 sigset_t stopSignals()
 {
@@ -55,6 +56,8 @@ bool Server::stop(std::chrono::milliseconds limit)
     const bool drained = mApplication->drain(limit);
     mServer->stopServer(true);
     mApplication->stopWorkers();
+    // Every request is completed and its worker done: this only waits until all are deleted.
+    mApplication->drain(kDeletionLimit);
     return drained;
 }
 

@@ -12,8 +12,13 @@ WorkerPool::WorkerPool(unsigned int threads, size_t queueLimit) : mQueueLimit(qu
 {
     const unsigned int count = std::max(1u, threads);
     mThreads.reserve(count);
-    for (unsigned int i = 0; i < count; ++i)
-        mThreads.emplace_back(&WorkerPool::work, this);
+    try {
+        for (unsigned int i = 0; i < count; ++i)
+            mThreads.emplace_back(&WorkerPool::work, this);
+    } catch (...) {
+        stop();  // those that did start
+        throw;
+    }
 }
 
 WorkerPool::~WorkerPool()

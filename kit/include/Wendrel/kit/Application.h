@@ -44,7 +44,8 @@ public:
     /// has been answered and completed. Returns whether that was so. Any thread but a worker.
     bool drain(std::chrono::milliseconds limit);
 
-    /// Serves what is queued, then ends the workers. Later requests are answered 503.
+    /// Serves what is queued, then ends the workers. Later requests are answered 503. Stop the
+    /// server first: a worker that waits for a body waits until its request has ended.
     void stopWorkers();
 
     /// Requests so far. Any thread.
@@ -61,8 +62,8 @@ protected:
     /// Answers the request; by the router unless overridden. Thread: a worker.
     virtual void serve(Request& request);
 
-    /// A handler has thrown. Answers 500, or abandons an answer that has begun, unless
-    /// overridden. Thread: a worker.
+    /// A handler has thrown. Logs the text and answers 500, or abandons an answer that has
+    /// begun, unless overridden. Thread: a worker.
     virtual void onHandlerFailed(Request& request, const std::exception& error);
 
     void onServerStopped() override;

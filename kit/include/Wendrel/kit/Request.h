@@ -65,7 +65,8 @@ public:
     /// The head of the answer; not to be changed after it has been announced.
     ResponseHead& getHead() { return mHead; }
 
-    /// Answers with `body`. For HEAD and for status 204 and 304 only its length is sent.
+    /// Answers with `body`. For HEAD and for status 204 and 304 only its length is sent; with
+    /// an empty `body` there, the length set in the head.
     /// False when the request has been answered already or the client is gone.
     bool reply(uint32_t status, const std::string& contentType, const std::string& body);
 
@@ -88,8 +89,12 @@ public:
     /// that the client notices.
     void finish();
 
-    /// Gives the answer up: the client finds the connection closed in the middle of it, or
-    /// gets a status 500 when nothing has been sent yet.
+    /// Something went wrong on our side: status 500 with `message` and nothing of the head set
+    /// so far; an answer that has begun is abandoned, one that has ended stays.
+    void failWith(const std::string& message);
+
+    /// Gives the answer up, unless it has ended: the client finds the connection closed in the
+    /// middle of it, or gets a status 500 when nothing has been sent yet.
     void abandon(const std::string& reason);
 
     /// True once `reply` or `startStream` has announced the answer.
@@ -110,6 +115,7 @@ private:
     void onWaitingForData() override;
     bool announce();
     bool mayAnnounce() const;
+    bool mayHaveUpload() const;
     void closeAnswer();
 
     ResponseHead mHead;

@@ -23,8 +23,8 @@ namespace qv::kit
 /// whichever comes last.
 ///
 /// The daemon does not say which request it has completed. The keeper therefore looks through
-/// the finished ones, but only when enough completions have come to pay for the look (a
-/// quarter of the list, at least 64) or 20 ms have gone by, so that a completion costs a
+/// the finished ones, but only when enough has happened to pay for the look (a
+/// quarter of the list, at least 64 events) or 20 ms have gone by, so that a completion costs a
 /// constant time on average, however many requests are open. It looks and deletes on a thread
 /// of its own that sleeps while nothing is due.
 ///
@@ -69,9 +69,8 @@ private:
     List mFinished;
     size_t mOpen = 0;
     uint64_t mCompletions = 0;
-    uint64_t mSweptCompletions = 0;  // as many had come when the last sweep began
     uint64_t mReaped = 0;
-    bool mFinishedSinceSweep = false;
+    uint64_t mNews = 0;  // requests finished or completed since the last sweep began
     bool mStopping = false;
     std::thread mThread;
 };

@@ -22,10 +22,10 @@ public:
     ///
     /// `pattern` is a path whose segments are literal, `{name}` for any one segment that is
     /// not empty, or, at the end, `{name*}` for all the rest. It is compared with the decoded
-    /// segments of the target, so that an encoded slash stays inside its segment. Where
-    /// several patterns fit, the one that is literal earlier wins. A second handler for the
-    /// same pattern and method replaces the first. Returns false, and adds nothing, for a
-    /// pattern that does not start with "/" or is malformed.
+    /// segments of the target, so that an encoded slash stays inside its segment; in the rest
+    /// the segments are joined by "/". Where several patterns fit, the one that is literal earlier
+    /// wins. A second handler for the same pattern and method replaces the first. Returns false,
+    /// and adds nothing, for a pattern that does not start with "/" or is malformed.
     bool add(int methods, const std::string& pattern, Handler handler);
 
     /// Answers the request: 400 with the parse error of a bad request, 404 when no pattern
@@ -37,21 +37,28 @@ private:
     struct Segment
     {
         enum Kind { Literal, One, Rest } kind;
-        std::string text;
+        std::string text;  // of a literal
+    };
+    using Names = std::vector<std::string>;
+    using Values = std::vector<std::string>;
+
+    struct Target
+    {
+        Handler handler;
+        Names names;  // of the variable segments, in their order
     };
     struct Route
     {
         std::vector<Segment> segments;
-        std::map<int, Handler> handlers;  // one method each
+        std::map<int, Target> targets;  // one method each
     };
-    using Parameters = std::map<std::string, std::string>;
 
-    static bool parse(const std::string& pattern, std::vector<Segment>& segments);
+    static bool parse(const std::string& pattern, std::vector<Segment>& segments, Names& names);
     static bool sameShape(const std::vector<Segment>& a, const std::vector<Segment>& b);
-    static bool matches(const Route& route, const std::vector<std::string>& path,
-                        Parameters& parameters);
+    static bool matches(const Route& route, const std::vector<std::string>& path, Values& values);
     static bool moreSpecific(const Route& a, const Route& b);
-    const Route* find(const std::vector<std::string>& path, Parameters& parameters) const;
+    static int allowedMethods(const Route& route);
+    const Route* find(const std::vector<std::string>& path, Values& values) const;
 
     std::vector<Route> mRoutes;
 };

@@ -19,7 +19,8 @@ class WorkerPool
 public:
     using Task = std::function<void()>;
 
-    /// Starts `threads` threads (at least 1). Up to `queueLimit` tasks wait beside those that
+    /// Starts `threads` threads (at least 1); throws std::system_error when there are not so
+    /// many to be had. Up to `queueLimit` tasks wait beside those that
     /// run.
     WorkerPool(unsigned int threads, size_t queueLimit);
 
