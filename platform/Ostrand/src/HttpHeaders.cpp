@@ -40,6 +40,13 @@ bool isWeekday(std::string_view text)
     return std::find(kWeekdays.begin(), kWeekdays.end(), text) != kWeekdays.end();
 }
 
+// A date goes on with the day of the month; a list of weekdays does not.
+bool startsWithDigit(std::string_view text)
+{
+    text = trimmed(text);
+    return !text.empty() && text.front() >= '0' && text.front() <= '9';
+}
+
 // Walks a header value and knows what the byte it stands on belongs to.
 class Splitter
 {
@@ -80,8 +87,13 @@ private:
             ++mCommentDepth;
         else if (c == ')' && mCommentDepth > 0)
             --mCommentDepth;
-        else if (c == ',' && mCommentDepth == 0 && !isWeekday(part()))
+        else if (c == ',' && mCommentDepth == 0 && !isCommaOfDate())
             endPart(parts);
+    }
+
+    bool isCommaOfDate() const
+    {
+        return isWeekday(part()) && startsWithDigit(mValue.substr(mAt + 1));
     }
 
     std::string_view part() const { return trimmed(mValue.substr(mBegin, mAt - mBegin)); }

@@ -3,6 +3,7 @@
 #include <Ostrand/Ostrand.h>
 
 #include <qvSystem/LibInitCounter.h>
+#include <qvSystem/qvMutex.h>
 
 #include <boost/version.hpp>
 
@@ -13,7 +14,19 @@ namespace
 
 constexpr const char* kUrlLibrary = "Boost.URL";
 
-impl::LibInitCounter sInitCounter("ostrand", true);
+struct State
+{
+    qvMutex mutex;  // keeps count and registration together
+    impl::LibInitCounter counter{"ostrand", true};
+};
+
+// Made on first use and never destroyed: static objects of an application may come here
+// before ours are made and after they are gone.
+State& state()
+{
+    static State& theState = *new State;
+    return theState;
+}
 
 // "1_81" as "1.81".
 std::string boostVersion()
@@ -30,19 +43,21 @@ std::string boostVersion()
 
 void initializeOstrand(const std::string&)
 {
-    if (sInitCounter.incrementInitCounter())
+    qvMutexLocker locker(&state().mutex);
+    if (state().counter.incrementInitCounter())
         impl::RegisterThirdPartyLibVersionInfo(kUrlLibrary, boostVersion().c_str());
 }
 
 void terminateOstrand()
 {
-    if (sInitCounter.decrementInitCounter())
+    qvMutexLocker locker(&state().mutex);
+    if (state().counter.decrementInitCounter())
         impl::UnRegisterThirdPartyLibVersionInfo(kUrlLibrary);
 }
 
 bool IsOstrandInitialized()
 {
-    return sInitCounter.isInitialized();
+    return state().counter.isInitialized();
 }
 
 }  // namespace qv

@@ -1,5 +1,5 @@
 // URLs by Boost.URL, with a pass before it that takes what browsers send beyond the RFC and
-// refuses, with a place and a reason, what the parser would let through or not explain.
+// refuses, with a reason and a place, what the parser would let through or not explain.
 
 #include <Ostrand/Url.h>
 
@@ -7,9 +7,10 @@
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
-#include <cctype>
+#include <algorithm>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace qv
 {
@@ -17,14 +18,13 @@ namespace
 {
 
 constexpr unsigned long kHighestPort = 65535;
+
+// All of printable ASCII that the RFC allows in neither path nor query.
 constexpr std::string_view kTolerated = "|\\^`{}\"<>[]";
 
-// Where in the text its parts begin. What follows the authority is path, query and fragment.
-struct Outline
-{
-    size_t authorityBegin = 0;
-    size_t authorityEnd = 0;
-};
+// Besides letters and digits.
+constexpr std::string_view kSchemeMarks = "+-.";
+constexpr std::string_view kHostMarks = "-._~!$&'()*+,;=%";
 
 struct Refusal
 {
@@ -34,110 +34,186 @@ struct Refusal
 
 using MaybeRefusal = std::optional<Refusal>;
 
+// Where the parts of the text begin and end. A missing authority is empty and stands
+// behind the scheme.
+struct Outline
+{
+    size_t schemeEnd = 0;  // 0 when there is none
+    size_t authorityBegin = 0;
+    size_t authorityEnd = 0;
+    size_t hostBegin = 0;
+    size_t hostEnd = 0;
+    size_t fragmentBegin = 0;  // at its "#", or the size of the text
+};
+
+bool isLetter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
 bool isHexDigit(char c)
 {
-    return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+bool isLetterDigitOr(char c, std::string_view marks)
+{
+    return isLetter(c) || isDigit(c) || marks.find(c) != std::string_view::npos;
 }
 
 int hexValue(char c)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    return (c | 0x20) - 'a' + 10;
+    return isDigit(c) ? c - '0' : (c | 0x20) - 'a' + 10;
 }
 
-bool isControlOrSpace(unsigned char c)
+void outlineAuthority(std::string_view text, Outline& outline)
 {
-    return c <= 0x20 || c == 0x7F;
+    const std::string_view authority =
+        text.substr(outline.authorityBegin, outline.authorityEnd - outline.authorityBegin);
+    const size_t host = authority.rfind('@') + 1;  // 0 without user information
+    const bool inBrackets = host < authority.size() && authority[host] == '[';
+    const size_t closing = inBrackets ? authority.find(']', host) : host;
+    const size_t colon = authority.find(':', closing);
+    outline.hostBegin = outline.authorityBegin + host;
+    outline.hostEnd = outline.authorityBegin + std::min(colon, authority.size());
 }
 
-Outline outlineOf(const std::string& text)
+Outline outlineOf(std::string_view text)
 {
     Outline outline;
-    const size_t slashes = text.find("://");
-    outline.authorityBegin = slashes == std::string::npos ? 0 : slashes + 3;
-    outline.authorityEnd = std::min(text.find_first_of("/?#", outline.authorityBegin), text.size());
+    const size_t colon = text.find_first_of(":/?#");
+    if (colon != std::string_view::npos && text[colon] == ':')
+        outline.schemeEnd = colon;
+    const bool hasAuthority = text.substr(outline.schemeEnd, 3) == "://";
+    outline.authorityBegin = outline.schemeEnd + (hasAuthority ? 3 : 1);
+    outline.authorityBegin = std::min(outline.authorityBegin, text.size());
+    outline.authorityEnd = outline.authorityBegin;
+    if (hasAuthority)
+        outline.authorityEnd =
+            std::min(text.find_first_of("/?#", outline.authorityBegin), text.size());
+    outlineAuthority(text, outline);
+    outline.fragmentBegin = std::min(text.find('#'), text.size());
     return outline;
 }
 
-MaybeRefusal checkBytes(const std::string& text)
+MaybeRefusal checkLength(std::string_view text, const Outline& outline, unsigned long maxLength)
 {
-    for (size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == ' ')
-            return Refusal{"space", at};
-        if (isControlOrSpace(static_cast<unsigned char>(text[at])))
-            return Refusal{"control character", at};
-        if (text[at] == '%' &&
-            (at + 2 >= text.size() || !isHexDigit(text[at + 1]) || !isHexDigit(text[at + 2])))
-            return Refusal{"'%' without two hexadecimal digits", at};
-    }
-    return std::nullopt;
-}
-
-// The parser takes a port of any size, and stops at a byte that no port can be followed by.
-MaybeRefusal checkPort(const std::string& text, const Outline& outline)
-{
-    const std::string_view authority(text.data() + outline.authorityBegin,
-                                     outline.authorityEnd - outline.authorityBegin);
-    const size_t colon = authority.find(':', authority.rfind(']') + 1);
-    const size_t user = authority.rfind('@');
-    const size_t from = user == std::string_view::npos ? colon : authority.find(':', user);
-    if (from == std::string_view::npos || authority.find(']', from) != std::string_view::npos)
-        return std::nullopt;
-    unsigned long port = 0;
-    for (size_t at = from + 1; at < authority.size(); ++at) {
-        if (authority[at] < '0' || authority[at] > '9')
-            return Refusal{"port followed by something else", outline.authorityBegin + at};
-        port = port * 10 + static_cast<unsigned long>(authority[at] - '0');
-        if (port > kHighestPort)
-            return Refusal{"port above 65535", outline.authorityBegin + from + 1};
-    }
-    return std::nullopt;
-}
-
-MaybeRefusal checkLength(const std::string& text, const Outline& outline, unsigned long maxLength)
-{
-    const size_t length = text.size() - outline.authorityEnd;
-    if (length <= maxLength)
+    if (text.size() - outline.authorityEnd <= maxLength)
         return std::nullopt;
     return Refusal{"path, query and fragment longer than " + std::to_string(maxLength) + " bytes",
                    outline.authorityEnd + maxLength};
 }
 
-MaybeRefusal checkFragment(const std::string& text)
+MaybeRefusal checkBytes(std::string_view text)
 {
-    const size_t first = text.find('#');
-    const size_t second = first == std::string::npos ? first : text.find('#', first + 1);
-    if (second == std::string::npos)
-        return std::nullopt;
-    return Refusal{"'#' inside the fragment", second};
+    for (size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        if (byte == ' ')
+            return Refusal{"space", at};
+        if (byte < 0x20 || byte == 0x7F)
+            return Refusal{"control character", at};
+        if (byte == '%' &&
+            (at + 2 >= text.size() || !isHexDigit(text[at + 1]) || !isHexDigit(text[at + 2])))
+            return Refusal{"'%' not followed by two hexadecimal digits", at};
+    }
+    return std::nullopt;
 }
 
-// Percent-decoded text that remembers where each of its bytes stood before.
-struct Decoded
+MaybeRefusal checkScheme(std::string_view text, const Outline& outline)
 {
-    std::string bytes;
-    std::vector<size_t> places;
-};
+    if (outline.schemeEnd == 0)
+        return Refusal{"no scheme", 0};
+    for (size_t at = 0; at < outline.schemeEnd; ++at) {
+        if (!isLetterDigitOr(text[at], kSchemeMarks) || (at == 0 && !isLetter(text[at])))
+            return Refusal{"character not allowed in a scheme", at};
+    }
+    return std::nullopt;
+}
 
-Decoded decoded(const std::string& text)
+// Whether the brackets hold an address is left to the parser.
+MaybeRefusal checkBrackets(std::string_view host, size_t hostBegin)
 {
-    Decoded result;
+    const size_t closing = host.find(']');
+    if (closing == std::string_view::npos)
+        return Refusal{"'[' without ']'", hostBegin};
+    if (closing + 1 != host.size())
+        return Refusal{"']' not followed by a port or the end of the host",
+                       hostBegin + closing + 1};
+    return std::nullopt;
+}
+
+MaybeRefusal checkHost(std::string_view text, const Outline& outline)
+{
+    const bool inBrackets = outline.hostBegin < outline.hostEnd && text[outline.hostBegin] == '[';
+    const size_t end = inBrackets ? outline.hostBegin : outline.hostEnd;
+    for (size_t at = outline.authorityBegin; at < end; ++at) {
+        // The parser would take a second '@' for the beginning of the path.
+        const bool separates =
+            at < outline.hostBegin &&
+            (text[at] == ':' || (text[at] == '@' && at + 1 == outline.hostBegin));
+        if (!separates && !isLetterDigitOr(text[at], kHostMarks))
+            return Refusal{"character not allowed in a host", at};
+    }
+    if (!inBrackets)
+        return std::nullopt;
+    return checkBrackets(text.substr(outline.hostBegin, outline.hostEnd - outline.hostBegin),
+                         outline.hostBegin);
+}
+
+// The parser takes a port of any size, and other bytes right behind the digits.
+MaybeRefusal checkPort(std::string_view text, const Outline& outline)
+{
+    unsigned long port = 0;
+    for (size_t at = outline.hostEnd + 1; at < outline.authorityEnd; ++at) {
+        if (!isDigit(text[at]))
+            return Refusal{"port followed by something else than '/', '?', '#' or the end", at};
+        port = port * 10 + static_cast<unsigned long>(hexValue(text[at]));
+        if (port > kHighestPort)
+            return Refusal{"port above 65535", outline.hostEnd + 1};
+    }
+    return std::nullopt;
+}
+
+MaybeRefusal checkFragment(std::string_view text, const Outline& outline)
+{
+    for (size_t at = outline.fragmentBegin + 1; at < text.size(); ++at) {
+        if (text[at] == '#' || kTolerated.find(text[at]) != std::string_view::npos)
+            return Refusal{"character not allowed in a fragment", at};
+    }
+    return std::nullopt;
+}
+
+std::string decoded(std::string_view text)
+{
+    std::string result;
+    result.reserve(text.size());
     for (size_t at = 0; at < text.size(); ++at) {
-        result.places.push_back(at);
         if (text[at] == '%') {
-            result.bytes += static_cast<char>(hexValue(text[at + 1]) * 16 + hexValue(text[at + 2]));
+            result += static_cast<char>(hexValue(text[at + 1]) * 16 + hexValue(text[at + 2]));
             at += 2;
         } else {
-            result.bytes += text[at];
+            result += text[at];
         }
     }
     return result;
 }
 
-// The first byte that does not begin a character, or the size when there is none. Separators
-// are ASCII, so no character reaches over the end of a component.
-size_t findBadUtf8(const std::string& text)
+// Where in `text` the byte stands that is number `count` after decoding.
+size_t placeBeforeDecoding(std::string_view text, size_t count)
+{
+    size_t at = 0;
+    for (; count > 0; --count)
+        at += text[at] == '%' ? 3 : 1;
+    return at;
+}
+
+// The first byte that begins no character; nothing when all is UTF-8.
+std::optional<size_t> findBadUtf8(std::string_view text)
 {
     using Traits = boost::locale::utf::utf_traits<char>;
     const char* at = text.data();
@@ -148,48 +224,51 @@ size_t findBadUtf8(const std::string& text)
         if (value == boost::locale::utf::illegal || value == boost::locale::utf::incomplete)
             return static_cast<size_t>(begin - text.data());
     }
-    return text.size();
+    return std::nullopt;
 }
 
-MaybeRefusal checkRawUtf8(const std::string& text)
+MaybeRefusal checkRawUtf8(std::string_view text)
 {
-    const size_t bad = findBadUtf8(text);
-    if (bad == text.size())
-        return std::nullopt;
-    return Refusal{"bytes that are not UTF-8", bad};
+    if (const auto bad = findBadUtf8(text))
+        return Refusal{"bytes that are not UTF-8", *bad};
+    return std::nullopt;
 }
 
-MaybeRefusal checkDecodedUtf8(const std::string& text)
+// All components in one go: separators are ASCII, so that no character reaches over one.
+MaybeRefusal checkDecodedUtf8(std::string_view text)
 {
-    const Decoded result = decoded(text);
-    const size_t bad = findBadUtf8(result.bytes);
-    if (bad == result.bytes.size())
-        return std::nullopt;
-    return Refusal{"percent-encoded bytes that are not UTF-8", result.places[bad]};
+    if (const auto bad = findBadUtf8(decoded(text)))
+        return Refusal{"percent-encoded bytes that are not UTF-8", placeBeforeDecoding(text, *bad)};
+    return std::nullopt;
 }
 
-MaybeRefusal check(const std::string& text, const Outline& outline, bool strictUtf8,
+MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf8,
                    unsigned long maxLength)
 {
-    if (auto refusal = checkLength(text, outline, maxLength))
-        return refusal;
-    if (auto refusal = checkBytes(text))
-        return refusal;
-    if (auto refusal = checkPort(text, outline))
-        return refusal;
-    if (auto refusal = checkFragment(text))
-        return refusal;
-    if (auto refusal = checkRawUtf8(text))
-        return refusal;
-    return strictUtf8 ? checkDecodedUtf8(text) : std::nullopt;
+    MaybeRefusal refusal = checkLength(text, outline, maxLength);
+    if (!refusal)
+        refusal = checkBytes(text);
+    if (!refusal)
+        refusal = checkScheme(text, outline);
+    if (!refusal)
+        refusal = checkHost(text, outline);
+    if (!refusal)
+        refusal = checkPort(text, outline);
+    if (!refusal)
+        refusal = checkFragment(text, outline);
+    if (!refusal)
+        refusal = checkRawUtf8(text);
+    if (!refusal && strictUtf8)
+        refusal = checkDecodedUtf8(text);
+    return refusal;
 }
 
 // What the RFC does not allow after the authority, percent-encoded.
-std::string encodeTolerated(const std::string& text, size_t from)
+std::string encodeTolerated(std::string_view text, const Outline& outline)
 {
     constexpr char kHexDigits[] = "0123456789ABCDEF";
-    std::string encoded = text.substr(0, from);
-    for (const char c : std::string_view(text).substr(from)) {
+    std::string encoded(text.substr(0, outline.authorityEnd));
+    for (const char c : text.substr(outline.authorityEnd)) {
         const auto byte = static_cast<unsigned char>(c);
         if (byte >= 0x80 || kTolerated.find(c) != std::string_view::npos)
             (encoded += '%') += {kHexDigits[byte >> 4], kHexDigits[byte & 0xF]};
@@ -202,13 +281,13 @@ std::string encodeTolerated(const std::string& text, size_t from)
 std::vector<std::string> segmentsOf(std::string_view encodedPath)
 {
     std::vector<std::string> segments;
-    if (encodedPath.empty() || encodedPath == "/")
-        return segments;
-    if (encodedPath.front() == '/')
+    if (!encodedPath.empty() && encodedPath.front() == '/')
         encodedPath.remove_prefix(1);
+    if (encodedPath.empty())
+        return segments;
     for (size_t begin = 0; begin <= encodedPath.size();) {
         const size_t end = std::min(encodedPath.find('/', begin), encodedPath.size());
-        segments.push_back(decoded(std::string(encodedPath.substr(begin, end - begin))).bytes);
+        segments.push_back(decoded(encodedPath.substr(begin, end - begin)));
         begin = end + 1;
     }
     return segments;
@@ -216,14 +295,11 @@ std::vector<std::string> segmentsOf(std::string_view encodedPath)
 
 std::string lowerCase(std::string text)
 {
-    for (char& c : text)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : text) {
+        if (isLetter(c))
+            c = static_cast<char>(c | 0x20);
+    }
     return text;
-}
-
-std::string describe(const Refusal& refusal)
-{
-    return refusal.what + " at byte " + std::to_string(refusal.byte);
 }
 
 }  // namespace
@@ -231,31 +307,30 @@ std::string describe(const Refusal& refusal)
 bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                 unsigned long maxLength)
 {
-    *this = Url();
     const Outline outline = outlineOf(text);
     MaybeRefusal refusal = check(text, outline, strictUtf8, maxLength);
-    const std::string encoded =
-        refusal ? std::string() : encodeTolerated(text, outline.authorityEnd);
-    const auto parsed = boost::urls::parse_uri(encoded);
-    if (!refusal && !parsed)
-        refusal = Refusal{"not a URL with scheme and host (" + parsed.error().message() + ")",
-                          outline.authorityBegin};
-    if (refusal) {
-        if (error)
-            *error = describe(*refusal);
-        return false;
+    Url result;
+    if (!refusal) {
+        const std::string encoded = encodeTolerated(text, outline);
+        if (const auto parsed = boost::urls::parse_uri(encoded)) {
+            result.mScheme = lowerCase(std::string(parsed->scheme()));
+            result.mHost = parsed->host_address();
+            result.mPort = parsed->port_number();
+            result.mEncodedPath = std::string(parsed->encoded_path());
+            result.mPath = decoded(result.mEncodedPath);
+            result.mPathSegments = segmentsOf(result.mEncodedPath);
+            result.mQuery = std::string(parsed->encoded_query());
+            result.mFragment = decoded(std::string_view(parsed->encoded_fragment()));
+            result.mValid = true;
+        } else {
+            // All else that the parser could refuse has been refused above.
+            refusal = Refusal{"host in brackets that is no address", outline.hostBegin};
+        }
     }
-    const boost::urls::url_view& url = *parsed;
-    mScheme = lowerCase(std::string(url.scheme()));
-    mHost = url.host_address();
-    mPort = url.port_number();
-    mEncodedPath = std::string(url.encoded_path());
-    mPath = decoded(mEncodedPath).bytes;
-    mPathSegments = segmentsOf(mEncodedPath);
-    mQuery = std::string(url.encoded_query());
-    mFragment = decoded(std::string(url.encoded_fragment())).bytes;
-    mValid = true;
-    return true;
+    *this = std::move(result);
+    if (refusal && error)
+        *error = refusal->what + " at byte " + std::to_string(refusal->byte);
+    return mValid;
 }
 
 }  // namespace qv

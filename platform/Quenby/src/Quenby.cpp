@@ -9,23 +9,29 @@ namespace qv::json
 namespace
 {
 
-impl::LibInitCounter sInitCounter("quenby", true);
+// Made on first use and never destroyed: static objects of an application may come here
+// before ours are made and after they are gone.
+impl::LibInitCounter& initCounter()
+{
+    static impl::LibInitCounter& counter = *new impl::LibInitCounter("quenby", true);
+    return counter;
+}
 
 }  // namespace
 
 void initializeQvQuenby()
 {
-    sInitCounter.incrementInitCounter();
+    initCounter().incrementInitCounter();
 }
 
 void terminateQvQuenby()
 {
-    sInitCounter.decrementInitCounter();
+    initCounter().decrementInitCounter();
 }
 
 bool IsQvQuenbyInitialized()
 {
-    return sInitCounter.isInitialized();
+    return initCounter().isInitialized();
 }
 
 }  // namespace qv::json

@@ -2,6 +2,9 @@
 
 #include <qvOpenSSL/HashHelper.h>
 
+#include <qvSystem/LibInitCounter.h>
+
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <cstring>
@@ -10,6 +13,20 @@ namespace qv
 {
 namespace
 {
+
+// Says what this library stands on for as long as it is loaded.
+struct VersionRecord
+{
+    static constexpr const char* kName = "OpenSSL";
+
+    VersionRecord()
+    {
+        impl::RegisterThirdPartyLibVersionInfo(kName, OpenSSL_version(OPENSSL_VERSION_STRING));
+    }
+    ~VersionRecord() { impl::UnRegisterThirdPartyLibVersionInfo(kName); }
+};
+
+const VersionRecord sVersionRecord;
 
 const EVP_MD* digestOf(HashType type)
 {

@@ -34,6 +34,8 @@ IpAddress IpAddress::fromIP(const sockaddr* address)
 
 IpAddress IpAddress::fromText(const std::string& text, uint16_t port)
 {
+    if (text.find('\0') != std::string::npos)
+        return IpAddress();
     IpAddress result;
     if (inet_pton(AF_INET, text.c_str(), result.mBytes.data()) == 1)
         result.mFamily = Family::V4;

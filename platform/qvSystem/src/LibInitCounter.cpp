@@ -4,6 +4,8 @@
 
 #include <qvSystem/qvMutex.h>
 
+#include <spdlog/version.h>
+
 #include <cstdio>
 
 namespace qv
@@ -11,16 +13,26 @@ namespace qv
 namespace
 {
 
+std::string spdlogVersion()
+{
+    return std::to_string(SPDLOG_VER_MAJOR) + '.' + std::to_string(SPDLOG_VER_MINOR) + '.' +
+           std::to_string(SPDLOG_VER_PATCH);
+}
+
 struct Registry
 {
+    // The log of this library stands on spdlog.
+    Registry() { versions["spdlog"] = spdlogVersion(); }
+
     qvMutex mutex;
     std::map<std::string, std::string> versions QV_GUARDED_BY(mutex);
 };
 
-// Made on first use: libraries register while static objects are still being made.
+// Made on first use and never destroyed: libraries and applications register while static
+// objects are still being made, and unregister while they are being destroyed.
 Registry& registry()
 {
-    static Registry theRegistry;
+    static Registry& theRegistry = *new Registry;
     return theRegistry;
 }
 

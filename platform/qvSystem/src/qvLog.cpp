@@ -61,7 +61,8 @@ int syslogPriority(int level)
 // ISO-8601 local time with milliseconds and the offset from UTC.
 std::string timeText(int64_t timestampMs)
 {
-    const std::time_t seconds = static_cast<std::time_t>(timestampMs / 1000);
+    const int64_t milliseconds = (timestampMs % 1000 + 1000) % 1000;  // before 1970 too
+    const auto seconds = static_cast<std::time_t>((timestampMs - milliseconds) / 1000);
     std::tm local{};
     localtime_r(&seconds, &local);
     char date[32];
@@ -69,9 +70,8 @@ std::string timeText(int64_t timestampMs)
     const long offsetMinutes = local.tm_gmtoff / 60;
     const long absolute = offsetMinutes < 0 ? -offsetMinutes : offsetMinutes;
     char text[64];
-    std::snprintf(text, sizeof text, "%s.%03d%c%02ld:%02ld", date,
-                  static_cast<int>(timestampMs % 1000), offsetMinutes < 0 ? '-' : '+',
-                  absolute / 60, absolute % 60);
+    std::snprintf(text, sizeof text, "%s.%03d%c%02ld:%02ld", date, static_cast<int>(milliseconds),
+                  offsetMinutes < 0 ? '-' : '+', absolute / 60, absolute % 60);
     return text;
 }
 
@@ -90,14 +90,31 @@ public:
         std::string line = qvLog::EscapeControlCharacters(entry.message);
         if (mWithPrefix)
             line.insert(0, qvLog::EscapeControlCharacters(entry.prefix));
-        mSink->log(spdlog::details::log_msg(std::string(), spdlogLevel(entry.level), line));
+        const spdlog::details::log_msg message("", spdlogLevel(entry.level), line);
+        reportFailure([&] { mSink->log(message); });
     }
 
-    void flush() override { mSink->flush(); }
+    void flush() override
+    {
+        reportFailure([this] { mSink->flush(); });
+    }
 
 private:
+    // A log that cannot be written must not bring down what it reports about.
+    template <typename Operation> void reportFailure(Operation operation)
+    {
+        try {
+            operation();
+        } catch (const spdlog::spdlog_ex& e) {
+            if (!mFailed)
+                std::fprintf(stderr, "log entries are lost: %s\n", e.what());
+            mFailed = true;
+        }
+    }
+
     std::shared_ptr<spdlog::sinks::sink> mSink;
     bool mWithPrefix;
+    bool mFailed = false;
 };
 
 }  // namespace

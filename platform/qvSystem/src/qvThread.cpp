@@ -14,7 +14,15 @@ namespace
 {
 
 constexpr size_t kLongestNameBytes = 15;
+
+// Longer times are cut to this, so that their end can be computed.
 constexpr unsigned long kLongestTimeOutMs = 1000UL * 3600 * 24 * 365;
+
+void setNameOfCallingThread(const std::string& name)
+{
+    if (!name.empty())
+        pthread_setname_np(pthread_self(), name.substr(0, kLongestNameBytes).c_str());
+}
 
 }  // namespace
 
@@ -36,14 +44,14 @@ bool qvThread::startThread(const char* name)
     // Set before there is a thread: it may end before this returns.
     mRunning = true;
     try {
-        mThread = std::thread(&qvThread::runAndReport, this);
+        mThread = std::thread([this, ownName = std::string(name ? name : "")] {
+            setNameOfCallingThread(ownName);
+            runAndReport();
+        });
     } catch (...) {
         mRunning = false;
         throw;
     }
-    if (name)
-        pthread_setname_np(mThread.native_handle(),
-                           std::string(name).substr(0, kLongestNameBytes).c_str());
     return true;
 }
 
@@ -67,7 +75,7 @@ bool qvThread::waitThread(unsigned long timeOutMs)
 
 void qvThread::msleep(unsigned long ms)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, kLongestTimeOutMs)));
 }
 
 const std::string& qvThread::CurrentThreadId()

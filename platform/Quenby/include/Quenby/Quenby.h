@@ -8,7 +8,7 @@ namespace qv
 namespace json
 {
 
-/// Counts one use of the JSON library; the first registers its version. Any thread.
+/// Counts one use of the JSON library, which stands on no outside library. Any thread.
 QV_EXPORT void initializeQvQuenby();
 
 /// Undoes one `initializeQvQuenby`. Any thread.

@@ -28,8 +28,8 @@ public:
     qvThread& operator=(const qvThread&) = delete;
 
     /// Starts `run` on a new thread named `name` (as shown by debuggers, cut to 15 bytes;
-    /// null: the name of the starting thread). A run that has ended before is joined first.
-    /// Returns false, and starts nothing, while a run is still going on. Throws
+    /// null or empty: the name of the starting thread). A run that has ended before is joined
+    /// first. Returns false, and starts nothing, while a run is still going on. Throws
     /// std::system_error when the system has no thread to give.
     bool startThread(const char* name);
 

@@ -1,0 +1,242 @@
+// How header values fall into parts, and the collection that holds them.
+
+#include <Ostrand/HttpHeaders.h>
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv::tests
+{
+namespace
+{
+
+using http::HttpHeaders;
+using ::testing::ElementsAre;
+using ::testing::Pair;
+
+using Values = std::list<std::string>;
+
+TEST(HttpHeaders, SplitsAtCommas)
+{
+    const struct
+    {
+        const char* name;
+        const char* value;
+        Values parts;
+    } rows[] = {
+        {"one value", "close", {"close"}},
+        {"two values", "gzip,br", {"gzip", "br"}},
+        {"blanks and tabs around", " \t gzip \t,\t br ", {"gzip", "br"}},
+        {"blanks inside stay", "a  b, c\td", {"a  b", "c\td"}},
+        {"empty parts dropped", ",a,,b, ,\t,", {"a", "b"}},
+        {"nothing but commas", " , ,", {}},
+        {"empty value", "", {""}},
+        {"blank value", " \t ", {""}},
+        {"parameters", "text/html;q=0.8, */*;q=0.1", {"text/html;q=0.8", "*/*;q=0.1"}},
+        {"order and duplicates kept", "b,a,b", {"b", "a", "b"}},
+        {"bytes from 0x80 up", "\xC3\xA4,\x80\xFF", {"\xC3\xA4", "\x80\xFF"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(row.value, values));
+        EXPECT_EQ(values, row.parts);
+    }
+}
+
+TEST(HttpHeaders, DoesNotSplitInsideQuotes)
+{
+    const struct
+    {
+        const char* name;
+        const char* value;
+        Values parts;
+    } rows[] = {
+        {"entity tags", "\"a,b\", W/\"c,d\"", {"\"a,b\"", "W/\"c,d\""}},
+        {"quote inside a value", "a=\"1,2\";b, c", {"a=\"1,2\";b", "c"}},
+        {"escaped quote", "\"a\\\",b\",c", {"\"a\\\",b\"", "c"}},
+        {"escaped backslash before the closing quote", "\"a\\\\\",b", {"\"a\\\\\"", "b"}},
+        {"escaped comma", "\"a\\,b\",c", {"\"a\\,b\"", "c"}},
+        {"parentheses in quotes are text", "\"(\",b,\")\"", {"\"(\"", "b", "\")\""}},
+        {"empty quotes", "\"\",b", {"\"\"", "b"}},
+        {"backslash outside is text", "a\\,b", {"a\\", "b"}},
+        {"blanks inside the quotes stay", "\" a , b \"", {"\" a , b \""}},
+        {"weekday in quotes", "\"Sun, 06\",b", {"\"Sun, 06\"", "b"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(row.value, values));
+        EXPECT_EQ(values, row.parts);
+    }
+}
+
+TEST(HttpHeaders, DoesNotSplitInsideComments)
+{
+    const struct
+    {
+        const char* name;
+        const char* value;
+        Values parts;
+    } rows[] = {
+        {"comment", "a (b, c), d", {"a (b, c)", "d"}},
+        {"nested comment", "a (b (c, d), e), f", {"a (b (c, d), e)", "f"}},
+        {"quote in a comment is text", "a (it\"s, b), c", {"a (it\"s, b)", "c"}},
+        {"escaped end of comment", "a (b\\), c), d", {"a (b\\), c)", "d"}},
+        {"end of comment alone is text", "a), b", {"a)", "b"}},
+        {"comment without end", "a (b, c", {"a (b, c"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(row.value, values));
+        EXPECT_EQ(values, row.parts);
+    }
+}
+
+TEST(HttpHeaders, LeavesTheUserAgentOfABrowserWhole)
+{
+    const char* const agents[] = {
+        "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) "
+        "Chrome/120.0.0.0 Safari/537.36",
+        "Mozilla/5.0 (X11; Linux x86_64; rv:115.0) Gecko/20100101 Firefox/115.0",
+    };
+    for (const char* const agent : agents) {
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(agent, values));
+        EXPECT_THAT(values, ElementsAre(agent));
+    }
+}
+
+TEST(HttpHeaders, LeavesDatesWhole)
+{
+    const struct
+    {
+        const char* name;
+        const char* value;
+        Values parts;
+    } rows[] = {
+        {"current form", "Sun, 06 Nov 1994 08:49:37 GMT", {"Sun, 06 Nov 1994 08:49:37 GMT"}},
+        {"old form", "Sunday, 06-Nov-94 08:49:37 GMT", {"Sunday, 06-Nov-94 08:49:37 GMT"}},
+        {"form of C", "Sun Nov  6 08:49:37 1994", {"Sun Nov  6 08:49:37 1994"}},
+        {"no blank after the comma", "Mon,06 Nov 1994", {"Mon,06 Nov 1994"}},
+        {"two dates", "Mon, 1 x, Tue, 2 y", {"Mon, 1 x", "Tue, 2 y"}},
+        {"date after another value", "a, Wed, 3 x", {"a", "Wed, 3 x"}},
+        {"a list of weekdays is no date", "Mon, Tue,Sunday", {"Mon", "Tue", "Sunday"}},
+        {"nor is a number alone", "10, 20", {"10", "20"}},
+        {"a longer word is no weekday", "Sunny, 1", {"Sunny", "1"}},
+        {"nor is another case", "sun, 1", {"sun", "1"}},
+        {"nor is a weekday after something", "x Sun, 1", {"x Sun", "1"}},
+        {"weekday at the end", "Sun,", {"Sun"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader(row.value, values));
+        EXPECT_EQ(values, row.parts);
+    }
+    for (const std::string day :
+         {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun", "Monday", "Tuesday", "Wednesday",
+          "Thursday", "Friday", "Saturday", "Sunday"}) {
+        Values values;
+        EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader((day + ", 06 x").c_str(), values));
+        EXPECT_THAT(values, ElementsAre(day + ", 06 x"));
+    }
+}
+
+TEST(HttpHeaders, RefusesAnUnterminatedQuotedString)
+{
+    for (const char* const value :
+         {"\"", "a, \"b", "\"a\\\"", "\"a\"\"", "5\" disk", "a (b) \"c"}) {
+        SCOPED_TRACE(value);
+        Values values{"before"};
+        EXPECT_FALSE(HttpHeaders::ParseMultiValueHeader(value, values));
+        EXPECT_THAT(values, ElementsAre("before"));
+    }
+}
+
+TEST(HttpHeaders, RefusesEveryControlCharacterButTab)
+{
+    for (int byte = 1; byte < 256; ++byte) {
+        SCOPED_TRACE(byte);
+        const bool taken = byte == '\t' || (byte >= 0x20 && byte != 0x7F);
+        const std::string c(1, byte == '"' ? ' ' : static_cast<char>(byte));
+        const std::string rows[] = {"a, b" + c + "c", c + "a", "a" + c, "\"a" + c + "\"",
+                                    "(a" + c + ")"};
+        for (const auto& row : rows) {
+            // A backslash escapes the end of the quotes.
+            const bool closes = byte != '\\' || row.front() != '"';
+            Values values{"before"};
+            EXPECT_EQ(HttpHeaders::ParseMultiValueHeader(row.c_str(), values), taken && closes)
+                << row;
+            if (!taken) {
+                EXPECT_THAT(values, ElementsAre("before"));
+            }
+        }
+    }
+    Values values;
+    EXPECT_FALSE(HttpHeaders::ParseMultiValueHeader("\"a\\\n\"", values)) << "escaped";
+}
+
+TEST(HttpHeaders, AppendsToTheValuesThatAreThere)
+{
+    Values values{"before"};
+    EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader("a, b", values));
+    EXPECT_THAT(values, ElementsAre("before", "a", "b"));
+    EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader("", values));
+    EXPECT_THAT(values, ElementsAre("before", "a", "b", ""));
+}
+
+TEST(HttpHeaders, TakesValuesCutAfterEveryByte)
+{
+    const std::string whole = "a (b, \"c), \"d\\\"e,\", Sun, 06 Nov 1994, ";
+    for (size_t size = 0; size <= whole.size(); ++size) {
+        SCOPED_TRACE(whole.substr(0, size));
+        // The quoted string reaches from its quote to the quote before the last comma but two.
+        const size_t opening = whole.find("\"d");
+        const size_t closing = whole.find("\", Sun");
+        Values values;
+        EXPECT_EQ(HttpHeaders::ParseMultiValueHeader(whole.substr(0, size).c_str(), values),
+                  size <= opening || size > closing);
+    }
+}
+
+TEST(HttpHeaders, FindsValuesByTheExactName)
+{
+    HttpHeaders headers;
+    EXPECT_TRUE(headers.empty());
+    EXPECT_EQ(headers.size(), 0u);
+    EXPECT_EQ(headers.find("accept"), nullptr);
+
+    headers.addHeaderValues("accept", {"a", "b"});
+    headers.addHeaderValues("accept", {"c"});
+    headers.addHeaderValues("", {""});
+    EXPECT_FALSE(headers.empty());
+    EXPECT_EQ(headers.size(), 2u);
+    ASSERT_NE(headers.find("accept"), nullptr);
+    EXPECT_THAT(*headers.find("accept"), ElementsAre("a", "b", "c"));
+    ASSERT_NE(headers.find(""), nullptr);
+    EXPECT_THAT(*headers.find(""), ElementsAre(""));
+    EXPECT_EQ(headers.find("Accept"), nullptr);
+    EXPECT_EQ(headers.find("accep"), nullptr);
+}
+
+TEST(HttpHeaders, IsWalkedInTheOrderOfNames)
+{
+    HttpHeaders headers;
+    headers.addHeaderValues("host", {"h"});
+    headers.addHeaderValues("accept", {"2", "1"});
+    headers.addHeaderValues("Z", {"z"});
+    const std::vector<std::pair<std::string, Values>> walked(headers.begin(), headers.end());
+    EXPECT_THAT(walked,
+                ElementsAre(Pair("Z", ElementsAre("z")), Pair("accept", ElementsAre("2", "1")),
+                            Pair("host", ElementsAre("h"))));
+    const HttpHeaders none;
+    EXPECT_EQ(none.begin(), none.end());
+}
+
+}  // namespace
+}  // namespace qv::tests

@@ -1,0 +1,322 @@
+// Threads that start again, their names and texts, and waiting for their end.
+
+#include <qvSystem/qvThread.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <pthread.h>
+#include <unistd.h>
+
+namespace qv::tests
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned long kLimitMs = 30000;
+
+class FunctionThread : public qvThread
+{
+public:
+    explicit FunctionThread(std::function<void()> function) : mFunction(std::move(function)) {}
+    ~FunctionThread() override { waitThread(kLimitMs); }
+
+protected:
+    void run() override { mFunction(); }
+
+private:
+    std::function<void()> mFunction;
+};
+
+// Holds runs until it is opened.
+class Gate
+{
+public:
+    void open() { mOpened.set_value(); }
+    void pass() { mPassed.wait_for(std::chrono::milliseconds(kLimitMs)); }
+
+private:
+    std::promise<void> mOpened;
+    std::shared_future<void> mPassed{mOpened.get_future()};
+};
+
+std::string NameOfCallingThread()
+{
+    char name[16] = {};
+    EXPECT_EQ(pthread_getname_np(pthread_self(), name, sizeof name), 0);
+    return name;
+}
+
+TEST(qvThread, RunsOnAThreadOfItsOwn)
+{
+    std::thread::id id;
+    FunctionThread thread([&] { id = std::this_thread::get_id(); });
+    EXPECT_TRUE(thread.startThread("own"));
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_NE(id, std::thread::id());
+    EXPECT_NE(id, std::this_thread::get_id());
+}
+
+TEST(qvThread, DoesNotRunBeforeItIsStarted)
+{
+    std::atomic<int> runs{0};
+    {
+        FunctionThread thread([&] { ++runs; });
+        EXPECT_TRUE(thread.waitThread(0));
+        EXPECT_TRUE(thread.waitThread(ULONG_MAX));
+    }
+    EXPECT_EQ(runs, 0);
+}
+
+TEST(qvThread, StartsAgainAfterEachRunHasEnded)
+{
+    int runs = 0;
+    FunctionThread thread([&] { ++runs; });
+    for (int round = 1; round <= 50; ++round) {
+        ASSERT_TRUE(thread.startThread("again"));
+        ASSERT_TRUE(thread.waitThread(kLimitMs));
+        ASSERT_EQ(runs, round);
+    }
+}
+
+TEST(qvThread, StartsNothingWhileARunGoesOn)
+{
+    std::atomic<int> runs{0};
+    Gate gate;
+    FunctionThread thread([&] {
+        ++runs;
+        gate.pass();
+    });
+    EXPECT_TRUE(thread.startThread("first"));
+    EXPECT_FALSE(thread.startThread("second"));
+    gate.open();
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_EQ(runs, 1);
+    EXPECT_TRUE(thread.startThread("second"));
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_EQ(runs, 2);
+}
+
+TEST(qvThread, WaitsNoLongerThanAsked)
+{
+    Gate gate;
+    FunctionThread thread([&] { gate.pass(); });
+    EXPECT_TRUE(thread.startThread("gate"));
+    for (const unsigned long timeOutMs : {0UL, 1UL, 40UL}) {
+        SCOPED_TRACE(timeOutMs);
+        const auto begin = Clock::now();
+        EXPECT_FALSE(thread.waitThread(timeOutMs));
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeOutMs));
+    }
+    gate.open();
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+}
+
+TEST(qvThread, LongTimeOutsDoNotEndAtOnce)
+{
+    const unsigned long rows[] = {2147483647UL,
+                                  4294967295UL,
+                                  static_cast<unsigned long>(LONG_MAX) / 1000000,
+                                  static_cast<unsigned long>(LONG_MAX),
+                                  static_cast<unsigned long>(LONG_MAX) + 1,
+                                  ULONG_MAX - 1,
+                                  ULONG_MAX};
+    for (const unsigned long timeOutMs : rows) {
+        SCOPED_TRACE(timeOutMs);
+        // The run ends only after a shorter wait for it has timed out, so that a long wait
+        // that ended at once would find it running.
+        Gate gate;
+        FunctionThread thread([&] { gate.pass(); });
+        EXPECT_TRUE(thread.startThread("long"));
+        auto waited = std::async(std::launch::async, [&] { return thread.waitThread(timeOutMs); });
+        EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+        gate.open();
+        ASSERT_EQ(waited.wait_for(std::chrono::milliseconds(kLimitMs)), std::future_status::ready);
+        EXPECT_TRUE(waited.get());
+    }
+}
+
+TEST(qvThread, CanBeWaitedForByManyThreads)
+{
+    Gate gate;
+    FunctionThread thread([&] { gate.pass(); });
+    EXPECT_TRUE(thread.startThread("waited for"));
+    std::vector<std::future<bool>> waits;
+    for (int i = 0; i < 4; ++i)
+        waits.push_back(
+            std::async(std::launch::async, [&] { return thread.waitThread(kLimitMs); }));
+    gate.open();
+    for (auto& wait : waits)
+        EXPECT_TRUE(wait.get());
+}
+
+TEST(qvThread, NeitherWaitsForNorStartsItselfFromInside)
+{
+    bool waited = true;
+    bool waitedForGood = true;
+    bool started = true;
+    FunctionThread* self = nullptr;
+    FunctionThread thread([&] {
+        waited = self->waitThread(0);
+        waitedForGood = self->waitThread(ULONG_MAX);
+        started = self->startThread("itself");
+    });
+    self = &thread;
+    EXPECT_TRUE(thread.startThread("inside"));
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_FALSE(waited);
+    EXPECT_FALSE(waitedForGood);
+    EXPECT_FALSE(started);
+}
+
+TEST(qvThread, JoinsWhenItIsDestroyed)
+{
+    for (int round = 0; round < 50; ++round) {
+        int runs = 0;
+        {
+            FunctionThread thread([&] { ++runs; });
+            ASSERT_TRUE(thread.startThread("joined"));
+            ASSERT_TRUE(thread.waitThread(kLimitMs));
+        }
+        ASSERT_EQ(runs, 1);
+    }
+}
+
+TEST(qvThread, CarriesTheNameOfItsStart)
+{
+    const struct
+    {
+        const char* name;
+        std::string shown;
+    } rows[] = {
+        {"httpserver", "httpserver"},
+        {"fifteen bytes..", "fifteen bytes.."},
+        {"sixteen bytes...", "sixteen bytes.."},
+        {"a name that is far too long for the kernel", "a name that is "},
+        {nullptr, NameOfCallingThread()},
+        {"", NameOfCallingThread()},
+    };
+    std::string shown;
+    FunctionThread thread([&] { shown = NameOfCallingThread(); });
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name ? row.name : "no name");
+        ASSERT_TRUE(thread.startThread(row.name));
+        ASSERT_TRUE(thread.waitThread(kLimitMs));
+        EXPECT_EQ(shown, row.shown);
+    }
+}
+
+// New threads get a stack that no machine has, for as long as this lives.
+class NoRoomForThreads
+{
+public:
+    NoRoomForThreads()
+    {
+        pthread_getattr_default_np(&mBefore);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        EXPECT_EQ(pthread_attr_setstacksize(&huge, 1UL << 47), 0);
+        EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoRoomForThreads()
+    {
+        pthread_setattr_default_np(&mBefore);
+        pthread_attr_destroy(&mBefore);
+    }
+
+private:
+    pthread_attr_t mBefore;
+};
+
+TEST(qvThread, IsAsBeforeWhenTheSystemHasNoThreadToGive)
+{
+    int runs = 0;
+    FunctionThread thread([&] { ++runs; });
+    {
+        NoRoomForThreads noRoom;
+        EXPECT_THROW(thread.startThread("none"), std::system_error);
+    }
+    EXPECT_TRUE(thread.waitThread(0));
+    EXPECT_EQ(runs, 0);
+    EXPECT_TRUE(thread.startThread("now"));
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_EQ(runs, 1);
+}
+
+TEST(qvThread, SleepsAtLeastAsLongAsAsked)
+{
+    for (const unsigned long ms : {0UL, 1UL, 40UL}) {
+        SCOPED_TRACE(ms);
+        const auto begin = Clock::now();
+        qvThread::msleep(ms);
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(ms));
+    }
+}
+
+TEST(qvThread, IdOfTheCallingThreadIsTheNumberThatTheKernelGaveIt)
+{
+    EXPECT_EQ(qvThread::CurrentThreadId(), std::to_string(gettid()));
+    std::string number;
+    std::string id;
+    FunctionThread thread([&] {
+        number = std::to_string(gettid());
+        id = qvThread::CurrentThreadId();
+    });
+    EXPECT_TRUE(thread.startThread("id"));
+    EXPECT_TRUE(thread.waitThread(kLimitMs));
+    EXPECT_EQ(id, number);
+}
+
+TEST(qvThread, IdOfTheCallingThreadIsMadeOnceAndNeedsNoMemory)
+{
+    const std::string& id = qvThread::CurrentThreadId();
+    const char* const text = id.data();
+    EXPECT_EQ(&qvThread::CurrentThreadId(), &id);
+    EXPECT_EQ(qvThread::CurrentThreadId().data(), text);
+    const auto* const object = reinterpret_cast<const char*>(&id);
+    EXPECT_TRUE(text >= object && text < object + sizeof id) << "not inside the object";
+}
+
+TEST(qvThread, IdsOfThreadsAliveDiffer)
+{
+    constexpr int kThreads = 8;
+    std::mutex mutex;
+    std::set<std::string> ids{qvThread::CurrentThreadId()};
+    std::atomic<int> arrived{0};
+    Gate gate;
+    std::vector<std::unique_ptr<FunctionThread>> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.push_back(std::make_unique<FunctionThread>([&] {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                ids.insert(qvThread::CurrentThreadId());
+            }
+            if (++arrived == kThreads)
+                gate.open();
+            gate.pass();
+        }));
+        ASSERT_TRUE(threads.back()->startThread(nullptr));
+    }
+    for (auto& thread : threads)
+        EXPECT_TRUE(thread->waitThread(kLimitMs));
+    EXPECT_EQ(ids.size(), kThreads + 1u);
+}
+
+}  // namespace
+}  // namespace qv::tests

@@ -1,0 +1,220 @@
+// Sleeping until woken, and time-outs of every length.
+
+#include <qvSystem/qvWaitCondition.h>
+
+#include <qvSystem/qvMutex.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace qv::tests
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned long kLimitMs = 30000;
+
+// What a test and its waiting threads share.
+struct Meeting
+{
+    qvMutex mutex;
+    qvWaitCondition changed;
+    int arrived = 0;      // guarded by mutex
+    bool opened = false;  // guarded by mutex
+    int timedOut = 0;     // guarded by mutex
+    pid_t waiter = 0;     // guarded by mutex
+
+    void waitUntilOpened(unsigned long timeOutMs)
+    {
+        qvMutexLocker locker(&mutex);
+        ++arrived;
+        waiter = gettid();
+        while (!opened) {
+            if (!changed.wait(&mutex, timeOutMs)) {
+                ++timedOut;
+                return;
+            }
+        }
+    }
+
+    // Once the mutex is free again, all of these wait.
+    bool haveArrived(int count)
+    {
+        qvMutexLocker locker(&mutex);
+        return arrived == count;
+    }
+
+    void open()
+    {
+        qvMutexLocker locker(&mutex);
+        opened = true;
+        changed.wakeAll();
+    }
+};
+
+bool YieldUntil(const std::function<bool()>& condition)
+{
+    const auto end = Clock::now() + std::chrono::milliseconds(kLimitMs);
+    while (!condition()) {
+        if (Clock::now() > end)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+TEST(qvWaitCondition, TimesOutNoEarlierThanAsked)
+{
+    for (const unsigned long timeOutMs : {0UL, 1UL, 60UL}) {
+        SCOPED_TRACE(timeOutMs);
+        qvMutex mutex;
+        qvWaitCondition never;
+        qvMutexLocker locker(&mutex);
+        const auto begin = Clock::now();
+        while (never.wait(&mutex, timeOutMs)) {
+            // woken without reason: once more
+        }
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeOutMs));
+    }
+}
+
+TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
+{
+    const unsigned long rows[] = {
+        kLimitMs,
+        2147483647UL,
+        2147483648UL,
+        4294967295UL,
+        static_cast<unsigned long>(LONG_MAX) / 1000000,  // the end of a count of nanoseconds
+        static_cast<unsigned long>(LONG_MAX),
+        static_cast<unsigned long>(LONG_MAX) + 1,
+        qvWaitCondition::kNoTimeOut - 1,
+        qvWaitCondition::kNoTimeOut,
+    };
+    for (const unsigned long timeOutMs : rows) {
+        SCOPED_TRACE(timeOutMs);
+        Meeting meeting;
+        std::thread waiter([&] { meeting.waitUntilOpened(timeOutMs); });
+        EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+        meeting.open();
+        waiter.join();
+        EXPECT_EQ(meeting.timedOut, 0);
+    }
+}
+
+TEST(qvWaitCondition, NoTimeOutIsTheLargestNumber)
+{
+    EXPECT_EQ(qvWaitCondition::kNoTimeOut, ULONG_MAX);
+}
+
+TEST(qvWaitCondition, WakesEveryWaitingThread)
+{
+    Meeting meeting;
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 5; ++i)
+        waiters.emplace_back([&] { meeting.waitUntilOpened(kLimitMs); });
+    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(5); }));
+    meeting.open();
+    for (auto& waiter : waiters)
+        waiter.join();
+    EXPECT_EQ(meeting.timedOut, 0);
+}
+
+TEST(qvWaitCondition, WakesWithoutTheMutexHeld)
+{
+    Meeting meeting;
+    std::thread waiter([&] { meeting.waitUntilOpened(kLimitMs); });
+    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    {
+        qvMutexLocker locker(&meeting.mutex);
+        meeting.opened = true;
+    }
+    meeting.changed.wakeAll();
+    waiter.join();
+    EXPECT_EQ(meeting.timedOut, 0);
+}
+
+TEST(qvWaitCondition, ReleasesTheMutexWhileItWaitsAndHoldsItAfterwards)
+{
+    Meeting meeting;
+    int value = 0;
+    std::thread waiter([&] {
+        meeting.waitUntilOpened(kLimitMs);
+        qvMutexLocker locker(&meeting.mutex);
+        EXPECT_EQ(value, 1000);
+    });
+    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    std::vector<std::thread> others;
+    for (int i = 0; i < 4; ++i) {
+        others.emplace_back([&] {
+            for (int round = 0; round < 250; ++round) {
+                qvMutexLocker locker(&meeting.mutex);
+                ++value;
+                meeting.changed.wakeAll();
+            }
+        });
+    }
+    for (auto& other : others)
+        other.join();
+    meeting.open();
+    waiter.join();
+    EXPECT_EQ(meeting.timedOut, 0);
+}
+
+// The kernel tells what a thread sleeps in: the call's number, then its arguments.
+struct Sleep
+{
+    long call = -1;
+    unsigned long operation = 0;
+};
+
+Sleep SleepOf(pid_t thread)
+{
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    std::string call, address, operation;
+    Sleep sleep;
+    if (file >> call >> address >> operation && call != "running") {
+        sleep.call = std::strtol(call.c_str(), nullptr, 10);
+        sleep.operation = std::strtoul(operation.c_str(), nullptr, 16);
+    }
+    return sleep;
+}
+
+TEST(qvWaitCondition, MeasuresTimeOutsByTheMonotonicClock)
+{
+    Meeting meeting;
+    std::thread waiter([&] { meeting.waitUntilOpened(kLimitMs); });
+    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    if (!std::ifstream("/proc/self/task/" + std::to_string(meeting.waiter) + "/syscall")) {
+        meeting.open();
+        waiter.join();
+        GTEST_SKIP() << "the kernel does not tell what a thread sleeps in";
+    }
+    Sleep sleep;
+    EXPECT_TRUE(YieldUntil([&] {
+        sleep = SleepOf(meeting.waiter);
+        return sleep.call == SYS_futex && (sleep.operation & FUTEX_CMD_MASK) == FUTEX_WAIT_BITSET;
+    })) << sleep.call;
+    EXPECT_EQ(sleep.operation & FUTEX_CLOCK_REALTIME, 0u);
+    meeting.open();
+    waiter.join();
+    EXPECT_EQ(meeting.timedOut, 0);
+}
+
+}  // namespace
+}  // namespace qv::tests
