@@ -36,7 +36,6 @@ using Access = impl::DispatchAccess;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -713,6 +712,16 @@ TEST_F(Dispatch, KeepsTheUploadOfAnAnswerThatIsOnlyAnnounced)
     EXPECT_EQ(upload(exchange, "taken"), MHD_YES);
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     EXPECT_EQ(received(exchange), "taken");
+}
+
+TEST_F(Dispatch, TellsTheEndOfTheUploadByItsSizeAlone)
+{
+    Exchange& exchange = begin();
+    size_t size = 0;
+    EXPECT_EQ(access(exchange, "POST", "stale", size), MHD_YES);
+    EXPECT_EQ(exchange.request->responseAsked, 1);
+    EXPECT_EQ(received(exchange), "");
+    EXPECT_TRUE(exchange.receive().atEnd());
 }
 
 TEST_F(Dispatch, FeedsUnderTheReceiveDevicesLock)

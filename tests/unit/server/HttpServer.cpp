@@ -400,16 +400,19 @@ TEST_F(HttpServer, RunsOnItsOwnThreadWithTheNameOfItsStarter)
     ASSERT_EQ(pthread_setname_np(pthread_self(), "the-starter"), 0);
     std::string name;
     std::thread::id thread;
+    std::thread::id stoppedOn;
     daemon.onCall("MHD_start_daemon", [&] {
         char text[16] = {};
         pthread_getname_np(pthread_self(), text, sizeof text);
         name = text;
         thread = std::this_thread::get_id();
     });
+    application->onStopped = [&] { stoppedOn = std::this_thread::get_id(); };
     startAndStop({});
     pthread_setname_np(pthread_self(), own);
     EXPECT_EQ(name, "the-starter");
     EXPECT_NE(thread, std::this_thread::get_id());
+    EXPECT_EQ(stoppedOn, thread);
 }
 
 TEST_F(HttpServer, ChangesItsStateStepByStep)
