@@ -1,0 +1,113 @@
+/// A server of the kit for a test, which notes whether each of its requests has been deleted.
+#ifndef WENDREL_TESTS_INTEGRATION_KITRUN_H
+#define WENDREL_TESTS_INTEGRATION_KITRUN_H
+
+#include <Wendrel/kit/Server.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace integration
+{
+
+/// Takes a port of 127.0.0.1 that is free now, and keeps it until it is destroyed.
+class TakenPort
+{
+public:
+    TakenPort() : mDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        auto* raw = reinterpret_cast<sockaddr*>(&address);
+        if (::bind(mDescriptor, raw, size) != 0 || ::listen(mDescriptor, 1) != 0 ||
+            ::getsockname(mDescriptor, raw, &size) != 0)
+            throw std::runtime_error("no free port");
+        mPort = ntohs(address.sin_port);
+    }
+
+    ~TakenPort() { ::close(mDescriptor); }
+    TakenPort(const TakenPort&) = delete;
+    TakenPort& operator=(const TakenPort&) = delete;
+
+    uint16_t port() const { return mPort; }
+
+private:
+    int mDescriptor;
+    uint16_t mPort = 0;
+};
+
+/// Counts itself.
+class KitRequest : public qv::kit::Request
+{
+public:
+    KitRequest() { ++sCreated; }
+    ~KitRequest() override { ++sDeleted; }
+
+    inline static std::atomic<uint64_t> sCreated{0};
+    inline static std::atomic<uint64_t> sDeleted{0};
+};
+
+class KitApplication : public qv::kit::Application
+{
+public:
+    using Application::Application;
+    ~KitApplication() override { stopWorkers(); }
+
+protected:
+    qv::kit::Request* newRequest() override { return new KitRequest; }
+};
+
+/// A server of the kit on a port that was free when it started.
+class KitRun
+{
+public:
+    using Setup = std::function<void(qv::kit::Router&)>;
+
+    /// `setup` fills the router of each try to start.
+    explicit KitRun(const Setup& setup, unsigned int workers = 8, size_t queueLimit = 64)
+    {
+        KitRequest::sCreated = 0;
+        KitRequest::sDeleted = 0;
+        constexpr int kTries = 5;
+        for (int i = 0; i < kTries; ++i) {
+            qv::kit::Application::Options options;
+            options.workers = workers;
+            options.queueLimit = queueLimit;
+            auto application = std::make_unique<KitApplication>(options);
+            setup(application->getRouter());
+            mServer = std::make_unique<qv::kit::Server>(std::move(application));
+            qv::http::HttpServer::Parameters parameters;
+            parameters.port = mPort = TakenPort().port();
+            parameters.threadPoolSize = 2;
+            if (mServer->start(parameters, std::chrono::seconds(30)))
+                return;
+        }
+        throw std::runtime_error("the server of the test did not start");
+    }
+
+    uint16_t port() const { return mPort; }
+    qv::kit::Server& server() { return *mServer; }
+    qv::kit::Application& application() { return mServer->getApplication(); }
+
+    bool stop(std::chrono::milliseconds limit) { return mServer->stop(limit); }
+
+private:
+    std::unique_ptr<qv::kit::Server> mServer;
+    uint16_t mPort = 0;
+};
+
+}  // namespace integration
+
+#endif

@@ -1,0 +1,90 @@
+/// A client that sends exactly the bytes it is told to.
+#ifndef WENDREL_TESTS_INTEGRATION_RAWCLIENT_H
+#define WENDREL_TESTS_INTEGRATION_RAWCLIENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace integration
+{
+
+/// An answer as it came off the wire.
+struct RawResponse
+{
+    int status = 0;
+    std::string statusLine;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;  ///< without the framing of chunks
+
+    /// The values of a header in order; the name in any case.
+    std::vector<std::string> values(std::string_view name) const;
+
+    /// The one value of a header; empty when there is none or several.
+    std::string value(std::string_view name) const;
+};
+
+/// One connection to a port of 127.0.0.1. No operation waits longer than the limit.
+class RawClient
+{
+public:
+    explicit RawClient(uint16_t port);
+    ~RawClient();
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    /// True when a server accepts connections at `address`.
+    static bool accepts(const char* address, uint16_t port);
+
+    /// False when the connection is gone or nothing was taken within the limit.
+    bool send(std::string_view bytes);
+
+    /// The next answer; none when the connection ended or the limit passed before its end.
+    /// `toHead`: the answer to a HEAD request, which has no body.
+    std::optional<RawResponse> receive(bool toHead = false);
+
+    /// The next head, "100 Continue" included, leaving the body to `receiveSome`.
+    std::optional<RawResponse> receiveHead();
+
+    /// At least one further byte, at most `size`; empty at the end of the connection.
+    std::string receiveSome(size_t size);
+
+    /// Exactly `size` further bytes; fewer when the connection ends or the limit passes.
+    std::string receiveExactly(size_t size);
+
+    /// Everything up to the end of the connection.
+    std::string receiveToEnd();
+
+    /// True when the server has closed the connection and sent nothing more.
+    bool isClosedByServer();
+
+    /// No more bytes will be sent.
+    void finishSending();
+
+    /// Ends the connection at once; the server sees a reset.
+    void reset();
+
+    /// Ends the connection the ordinary way.
+    void close();
+
+private:
+    bool fill();
+    std::optional<std::string> takeLine();
+    bool receiveBody(RawResponse& response);
+    bool receiveChunks(RawResponse& response);
+
+    int mDescriptor = -1;
+    bool mEnded = false;
+    std::string mBuffer;  // received, not yet handed out
+};
+
+/// "GET TARGET HTTP/1.1" with a Host and the given header lines, each ending in CR LF.
+std::string getRequest(const std::string& target, const std::string& headerLines = "");
+
+}  // namespace integration
+
+#endif

@@ -1,0 +1,126 @@
+/// An application on the library whose answers are written by the tests.
+#ifndef WENDREL_TESTS_INTEGRATION_TESTSERVER_H
+#define WENDREL_TESTS_INTEGRATION_TESTSERVER_H
+
+#include "Waiting.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/HttpServer.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace integration
+{
+
+/// The head of an answer; filled by the worker before the answer is announced.
+class TestResponse : public qv::HttpResponseInterface
+{
+public:
+    const CookieMap& getCookies() override { return cookies; }
+    const HeaderMap& getHeaders() override { return headers; }
+    uint32_t getStatusCode() override { return status; }
+    int64_t getContentLength() override { return length; }
+    std::string describe() override { return "status " + std::to_string(status); }
+
+    CookieMap cookies;
+    HeaderMap headers;
+    uint32_t status = 200;
+    int64_t length = -1;
+};
+
+/// A request, and the few steps that most tests serve it with. Each runs on its worker.
+class TestRequest : public qv::HttpBaseRequest, public qv::HttpWaitListener
+{
+public:
+    qv::HttpResponseInterface& getResponse() override { return response; }
+    qv::HttpWaitListener& getWaitListener() override { return *this; }
+
+    /// Ends the wait for a body whose connection is gone.
+    void onWaitingForData() override;
+
+    using qv::HttpBaseRequest::setKeepAliveCallback;
+
+    /// The whole body; what had come when the device met an error.
+    std::string readBody();
+
+    /// Writes a body below 256 KiB and ends it, then announces the answer.
+    void answer(uint32_t status, const std::string& body);
+
+    /// Announces the answer and waits until the daemon has queued it, so that what is written
+    /// from now on is streamed. False when it was not queued within the limit.
+    bool beginStream();
+
+    /// Begins the stream, writes `size` bytes of the pattern in pieces and ends the body.
+    /// False as soon as a write was refused.
+    bool streamPattern(uint64_t size, size_t pieceBytes);
+
+    /// Error of the response device; empty without one.
+    std::string connectionError() const { return getResponseDevice().getDeviceErrorMsg(); }
+
+    /// Waits until the response device is in error; false after the limit.
+    bool waitForConnectionError() const;
+
+    TestResponse response;
+};
+
+/// Serves one request; called on a thread of its own between the start and the end of the
+/// worker's handling.
+using Behaviour = std::function<void(TestRequest&)>;
+
+struct TestServerOptions
+{
+    std::string errorBody = "The answer could not be made.";
+    uint32_t threadPoolSize = 4;
+    uint32_t connectionTimeoutMs = 60000;
+    bool allowWebSocket = false;
+    std::function<void()> onServerStopped;
+};
+
+/// A port of 127.0.0.1 that nobody listened on a moment ago.
+uint16_t findFreePort();
+
+/// A running server on a free port of 127.0.0.1 with the library initialised around it.
+///
+/// Each request is deleted when its worker has ended and the daemon is done with it. The
+/// destructor stops the server and waits for every request; one that is still open after
+/// the limit ends the process with a message.
+class TestServer
+{
+public:
+    explicit TestServer(Behaviour behaviour, TestServerOptions options = {});
+    ~TestServer();
+    TestServer(const TestServer&) = delete;
+    TestServer& operator=(const TestServer&) = delete;
+
+    uint16_t port() const;
+    std::string url(const std::string& target = "/") const;
+
+    qv::http::HttpServer& server();
+    const qv::http::HttpServer::Parameters& parameters() const;
+
+    /// Waits for a state of the server; false after the limit.
+    bool waitForState(qv::http::HttpServer::State state);
+
+    uint64_t requestsCreated() const;
+    uint64_t requestsDeleted() const;
+    uint64_t requestsCompleted() const;
+    uint64_t serverStoppedCalls() const;
+
+    /// Waits until every request made so far has been deleted; false after the limit.
+    bool waitUntilNoneOpen();
+
+private:
+    class Application;
+
+    qv::http::HttpServer::Parameters mParameters;
+    std::unique_ptr<qv::http::HttpServer> mServer;
+    Application* mApplication = nullptr;  // owned by mServer
+};
+
+}  // namespace integration
+
+#endif
