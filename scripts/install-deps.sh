@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that a build of this tree needs, and nothing when all are there.
+set -euo pipefail
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/install-deps.sh [--demo] [--tests] [--dry-run] [--help]
+
+Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
+alone: when none is missing, neither root nor the network is needed.
+
+  --demo     also curl, which scripts/demo.sh --check drives
+  --tests    also what the tests need
+  --dry-run  only print the packages that are missing, one a line
+  --help     this text
+TEXT
+}
+
+say() { printf '==> %s\n' "$*"; }
+fail() {
+    printf 'install-deps.sh: %s\n' "$*" >&2
+    exit 1
+}
+
+build_packages=(
+    build-essential cmake ninja-build pkg-config git
+    libmicrohttpd-dev libspdlog-dev libssl-dev libboost-url1.81-dev
+    nlohmann-json3-dev libcli11-dev)
+demo_packages=(curl)
+test_packages=(
+    libgtest-dev libgmock-dev libcurl4-openssl-dev curl python3 chromium gcovr ca-certificates)
+
+wanted=("${build_packages[@]}")
+with_tests=false
+dry_run=false
+for argument in "$@"; do
+    case "$argument" in
+        --demo) wanted+=("${demo_packages[@]}") ;;
+        --tests)
+            wanted+=("${test_packages[@]}")
+            with_tests=true
+            ;;
+        --dry-run) dry_run=true ;;
+        --help)
+            usage
+            exit 0
+            ;;
+        *) fail "unknown argument '$argument'; see --help" ;;
+    esac
+done
+
+for tool in apt-get dpkg-query; do
+    command -v "$tool" >/dev/null ||
+        fail "no $tool here; on another system install by hand what these are: ${wanted[*]}"
+done
+
+missing=()
+for package in "${wanted[@]}"; do
+    status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+    [[ $status == installed ]] || missing+=("$package")
+done
+# Asked for by command: a Node.js from elsewhere brings its own npm, and Debian's would clash.
+if $with_tests; then
+    command -v node >/dev/null || missing+=(nodejs)
+    command -v npm >/dev/null || missing+=(npm)
+fi
+
+if $dry_run; then
+    ((${#missing[@]} == 0)) || printf '%s\n' "${missing[@]}"
+    exit 0
+fi
+if ((${#missing[@]} == 0)); then
+    say "All packages are installed already."
+    exit 0
+fi
+
+as_root=()
+if ((EUID != 0)); then
+    command -v sudo >/dev/null ||
+        fail "root is needed to install: ${missing[*]} (neither root nor sudo here)"
+    as_root=(sudo)
+fi
+
+say "Installing: ${missing[*]}"
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -q -y --no-install-recommends "${missing[@]}"
+say "Installed."

@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds the tree and runs every test.
+set -euo pipefail
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/test.sh [--preset NAME]... [--coverage] [--no-install] [--help]
+
+Configures, builds and tests the tree in build/NAME.
+
+  --preset NAME  release (the default), debug, asan, tsan or coverage; several may be given
+  --coverage     the preset coverage, and afterwards the line coverage of src/ and platform/,
+                 which must be at least 95 %
+  --no-install   neither Debian nor npm packages are installed
+  --help         this text
+TEXT
+}
+
+say() { printf '\n==> %s\n' "$*"; }
+fail() {
+    printf 'test.sh: %s\n' "$*" >&2
+    exit 1
+}
+
+presets=()
+coverage=false
+install=true
+while (($# > 0)); do
+    case "$1" in
+        --preset)
+            (($# > 1)) || fail "--preset needs a name; see --help"
+            presets+=("$2")
+            shift
+            ;;
+        --coverage) coverage=true ;;
+        --no-install) install=false ;;
+        --help)
+            usage
+            exit 0
+            ;;
+        *) fail "unknown argument '$1'; see --help" ;;
+    esac
+    shift
+done
+if $coverage && [[ " ${presets[*]} " != *" coverage "* ]]; then
+    presets+=(coverage)
+fi
+((${#presets[@]} > 0)) || presets=(release)
+for preset in "${presets[@]}"; do
+    case "$preset" in
+        release | debug | asan | tsan | coverage) ;;
+        *) fail "no preset '$preset' to test; see --help" ;;
+    esac
+done
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+jobs=$(nproc)
+minimum_line_percent=95
+
+# npm ci deletes and fetches everything, so it runs only when the lock file is newer.
+install_node_packages() {
+    local directory=$1
+    [[ -f $directory/package.json ]] || return 0
+    local stamp=$directory/node_modules/.package-lock.json
+    if [[ -f $stamp && ! $directory/package-lock.json -nt $stamp ]]; then
+        say "The npm packages of $directory are installed already"
+        return 0
+    fi
+    say "Installing the npm packages of $directory"
+    npm ci --no-audit --no-fund --prefix "$directory"
+    touch "$stamp"
+}
+
+run_preset() {
+    local preset=$1
+    say "Configuring the preset $preset"
+    cmake --preset "$preset" -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON
+    say "Building build/$preset with $jobs jobs"
+    cmake --build --preset "$preset" --parallel "$jobs"
+    # Counters of an earlier run would be added to those of this one.
+    if [[ $preset == coverage ]]; then
+        find build/coverage -name '*.gcda' -delete
+    fi
+    say "Running the tests of build/$preset"
+    ctest --preset "$preset" --parallel "$jobs"
+}
+
+report_coverage() {
+    say "Line coverage of src/ and platform/ (at least $minimum_line_percent % wanted)"
+    gcovr --root . --object-directory build/coverage \
+        --filter 'src/' --filter 'platform/' \
+        --print-summary --fail-under-line "$minimum_line_percent"
+}
+
+if $install; then
+    say "Installing the Debian packages that are missing"
+    scripts/install-deps.sh --tests
+    install_node_packages tests/integration/filedrop
+fi
+
+for preset in "${presets[@]}"; do
+    run_preset "$preset"
+done
+if $coverage; then
+    report_coverage
+fi
