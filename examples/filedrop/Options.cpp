@@ -1,0 +1,103 @@
+// The command line, read with CLI11.
+
+#include "Options.h"
+
+#include "ByteSize.h"
+
+#include <Wendrel/Wendrel.h>
+#include <qvSystem/qvLog.h>
+#include <qvSystem/qvSystemUtils.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <optional>
+
+namespace filedrop
+{
+
+namespace
+{
+
+constexpr uint32_t kLargestThreads = 255;
+constexpr uint32_t kLargestWorkers = 1000;
+constexpr uint32_t kDefaultWorkers = 64;
+
+// A daemon thread whose request waits for its answer is slow for the others on it.
+uint32_t defaultThreads()
+{
+    return std::clamp(2 * qv::qvSystemUtils::GetIdealThreadCount(), 4u, 32u);
+}
+
+std::string checkSize(const std::string& text)
+{
+    if (parseByteSize(text))
+        return {};
+    return "'" + text + "' is not a size; write for example 500M or 10G";
+}
+
+std::string checkLevel(const std::string& text)
+{
+    if (qv::qvLog::LevelFromName(text) >= 0)
+        return {};
+    return "'" + text + "' is not a level; use trace, debug, information, notice, warning or error";
+}
+
+std::string versionText()
+{
+    return std::string("wendrel-filedrop ") +
+           Wendrel::Version::GetDescStringMajorMinorReleaseRevision(false, false);
+}
+
+}  // namespace
+
+bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
+{
+    options.threads = defaultThreads();
+    options.workers = kDefaultWorkers;
+    std::string maxUpload = "0";
+
+    CLI::App app("Serves one directory as a web page on which everyone can upload, download and "
+                 "delete files.",
+                 "wendrel-filedrop");
+    app.get_formatter()->column_width(34);
+    app.option_defaults()->always_capture_default();
+    app.add_option("--directory", options.directory, "The directory to serve")->type_name("PATH");
+    app.add_option("--port", options.port, "TCP port to listen on")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1, 65535));
+    app.add_flag("--all-interfaces", options.allInterfaces,
+                 "Listen on every network of this machine, not on 127.0.0.1 alone");
+    app.add_option("--threads", options.threads, "Threads that serve connections")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1u, kLargestThreads));
+    app.add_option("--workers", options.workers,
+                   "Uploads and downloads that run at once; each keeps a worker until it ends")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1u, kLargestWorkers));
+    app.add_option("--max-upload", maxUpload, "Largest file taken, such as 500M or 10G; 0: any")
+        ->type_name("SIZE")
+        ->check(CLI::Validator(checkSize, ""));
+    app.add_option("--log-file", options.logFile, "Log into this file, not on standard error")
+        ->type_name("PATH");
+    app.add_option("--log-level", options.logLevel,
+                   "trace, debug, information, notice, warning or error")
+        ->type_name("LEVEL")
+        ->check(CLI::Validator(checkLevel, ""));
+    app.add_option("--stop-limit", options.stopLimitSeconds,
+                   "How long running transfers may go on after SIGINT or SIGTERM")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0, 86400));
+    app.set_version_flag("--version", versionText());
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error) == 0 ? 0 : 1;
+        return false;
+    }
+    options.maxUploadBytes = parseByteSize(maxUpload).value_or(0);
+    return true;
+}
+
+}  // namespace filedrop

@@ -1,0 +1,308 @@
+// filedrop's page in a real browser.
+//
+//     WENDREL_FILEDROP=... CHROMIUM=/usr/bin/chromium node --test page.mjs
+
+import assert from 'node:assert/strict'
+import { spawn } from 'node:child_process'
+import crypto from 'node:crypto'
+import fs from 'node:fs'
+import net from 'node:net'
+import os from 'node:os'
+import path from 'node:path'
+import { after, afterEach, before, beforeEach, test } from 'node:test'
+import { chromium } from 'playwright-core'
+
+const kServer = process.env.WENDREL_FILEDROP ?? 'wendrel-filedrop'
+const kChromium = process.env.CHROMIUM ?? '/usr/bin/chromium'
+const kLimitMs = process.env.WENDREL_SANITIZED === '1' ? 60000 : 30000
+
+let browser
+let context
+let page
+let server
+let url
+let work
+let directory
+let troubles
+let begun = 0
+
+function freePort() {
+    return new Promise((resolve, reject) => {
+        const probe = net.createServer()
+        probe.on('error', reject)
+        probe.listen(0, '127.0.0.1', () => {
+            const { port } = probe.address()
+            probe.close(() => resolve(port))
+        })
+    })
+}
+
+async function startServer(...options) {
+    const port = await freePort()
+    url = `http://127.0.0.1:${port}`
+    server = spawn(kServer, ['--directory', directory, '--port', String(port), ...options],
+        { stdio: ['ignore', 'pipe', 'inherit'] })
+    await new Promise((resolve, reject) => {
+        let text = ''
+        server.stdout.on('data', (data) => {
+            text += data
+            if (text.includes(url))
+                resolve()
+        })
+        server.on('exit', (code) => reject(new Error(`the server ended with ${code}`)))
+        server.on('error', reject)
+    })
+}
+
+async function stopServer() {
+    if (server.exitCode !== null || server.signalCode !== null)
+        return server.exitCode
+    const ended = new Promise((resolve) => server.once('exit', (code) => resolve(code)))
+    server.kill('SIGTERM')
+    return await ended
+}
+
+before(async () => {
+    browser = await chromium.launch({
+        executablePath: kChromium,
+        args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+            '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    })
+})
+
+after(async () => {
+    await browser?.close()
+    assert.ok(begun > 0, 'a pattern that names no test must not pass')
+})
+
+beforeEach(async () => {
+    begun += 1
+    work = fs.mkdtempSync(path.join(os.tmpdir(), 'filedrop-page-'))
+    directory = path.join(work, 'served')
+    fs.mkdirSync(directory)
+    await startServer()
+    context = await browser.newContext({ acceptDownloads: true })
+    context.setDefaultTimeout(kLimitMs)
+    page = await context.newPage()
+    troubles = []
+    page.on('pageerror', (error) => troubles.push(String(error)))
+    page.on('console', (message) => {
+        // A refused request shows up here too; it is the page that has to explain it.
+        if (message.type() === 'error' && !message.text().startsWith('Failed to load resource'))
+            troubles.push(message.text())
+    })
+})
+
+afterEach(async () => {
+    await context.close()
+    const code = await stopServer()
+    fs.rmSync(work, { recursive: true })
+    assert.equal(code, 0)
+    assert.deepEqual(troubles, [], 'errors in the page, a breach of its own policy among them')
+})
+
+async function open() {
+    await page.goto(url + '/')
+    await page.locator('#files li, #empty:text("Nothing here yet")').first().waitFor()
+}
+
+const fileRow = (name) => page.locator('#files li', { has: page.getByText(name, { exact: true }) })
+const uploadRow = (name) => page.locator('#uploads li', { has: page.getByText(name, { exact: true }) })
+
+async function choose(...files) {
+    const chooser = page.waitForEvent('filechooser')
+    await page.getByRole('button', { name: 'Choose files' }).click()
+    await (await chooser).setFiles(files)
+}
+
+function makeFile(name, size) {
+    const file = path.join(work, name)
+    fs.writeFileSync(file, crypto.randomBytes(size))
+    return file
+}
+
+// What a drop of files from the desktop does, with names that no desktop would let through.
+async function drop(names) {
+    await page.evaluate((all) => {
+        const dataTransfer = new DataTransfer()
+        for (const name of all)
+            dataTransfer.items.add(new File(['content of ' + name], name))
+        for (const type of ['dragenter', 'dragover', 'drop'])
+            document.getElementById('drop').dispatchEvent(
+                new DragEvent(type, { dataTransfer, bubbles: true, cancelable: true }))
+    }, names)
+}
+
+test('a file goes up, is listed, comes down and is deleted', async () => {
+    const source = makeFile('holiday video.bin', 24 * 1024 * 1024)
+    await open()
+    await page.evaluate(() => {
+        window.seen = []
+        new MutationObserver(() => {
+            const bar = document.querySelector('#uploads progress')
+            if (bar)
+                window.seen.push(bar.value)
+        }).observe(document.getElementById('uploads'), { subtree: true, childList: true, attributes: true })
+    })
+    await choose(source)
+    const upload = uploadRow('holiday video.bin')
+    await upload.getByText('Uploaded, 24.0 MiB').waitFor()
+    assert.equal(await upload.locator('progress').evaluate((bar) => bar.value), 1)
+    const seen = await page.evaluate(() => window.seen)
+    assert.deepEqual(seen, [...seen].sort((a, b) => a - b), 'progress never goes back')
+    assert.equal(seen.at(-1), 1)
+
+    const row = fileRow('holiday video.bin')
+    await row.getByText('24.0 MiB').waitFor()
+    assert.deepEqual(fs.readdirSync(directory), ['holiday video.bin'])
+
+    const downloading = page.waitForEvent('download')
+    await row.getByRole('link', { name: 'Download holiday video.bin' }).click()
+    const download = await downloading
+    assert.equal(download.suggestedFilename(), 'holiday video.bin')
+    const target = path.join(work, 'target')
+    await download.saveAs(target)
+    assert.ok(fs.readFileSync(target).equals(fs.readFileSync(source)))
+
+    await row.getByRole('button', { name: 'Delete holiday video.bin' }).click()
+    const dialog = page.getByRole('dialog')
+    await dialog.getByText('“holiday video.bin” will be gone for everyone.').waitFor()
+    await dialog.getByRole('button', { name: 'Keep it' }).click()
+    assert.equal(fs.readdirSync(directory).length, 1)
+    await row.getByRole('button', { name: 'Delete holiday video.bin' }).click()
+    await dialog.getByRole('button', { name: 'Delete' }).click()
+    await row.waitFor({ state: 'detached' })
+    await page.getByText('Nothing here yet').waitFor()
+    assert.deepEqual(fs.readdirSync(directory), [])
+})
+
+test('several files go up at once', async () => {
+    await open()
+    const names = Array.from({ length: 7 }, (_, number) => `file ${number}.bin`)
+    await choose(...names.map((name, number) => makeFile(name, 100000 + number)))
+    for (const name of names) {
+        await uploadRow(name).getByText('Uploaded').waitFor()
+        await fileRow(name).waitFor()
+    }
+    assert.deepEqual(fs.readdirSync(directory).sort(), names)
+    await page.getByRole('button', { name: 'Clear finished' }).click()
+    assert.equal(await page.locator('#uploads li').count(), 0)
+})
+
+test('files can be dropped', async () => {
+    await open()
+    await drop(['dropped.txt'])
+    await uploadRow('dropped.txt').getByText('Uploaded').waitFor()
+    assert.equal(fs.readFileSync(path.join(directory, 'dropped.txt'), 'utf8'), 'content of dropped.txt')
+})
+
+test('a refused name is explained in words', async () => {
+    await open()
+    for (const [name, words] of [['bad\u0001name', 'A name cannot contain control characters.'],
+        ['..', 'A file cannot have this name.'],
+        ['n'.repeat(256), 'The name is longer than 255 bytes.'],
+        ['.filedrop-upload-1', 'Names that begin like this are kept for unfinished uploads.']]) {
+        await drop([name])
+        await page.getByRole('alert').getByText(words).waitFor()
+        await page.locator('#uploads li.failed').getByText(words).waitFor()
+        await page.getByRole('button', { name: 'Dismiss' }).click()
+        await page.getByRole('alert').waitFor({ state: 'hidden' })
+    }
+    assert.deepEqual(fs.readdirSync(directory), [])
+})
+
+test('a slash in a name is explained in words', async () => {
+    await open()
+    await drop(['a/b'])
+    await page.getByRole('alert').getByText('A name cannot contain a slash.').waitFor()
+    assert.deepEqual(fs.readdirSync(directory), [])
+})
+
+test('a file above the limit is explained in words', async () => {
+    await stopServer()
+    await startServer('--max-upload', '1M')
+    await open()
+    await choose(makeFile('large.bin', 1024 * 1024 + 1))
+    await page.getByRole('alert').getByText('1 MiB').waitFor()
+    assert.deepEqual(fs.readdirSync(directory), [])
+})
+
+test('names are shown as text', async () => {
+    const name = '<img src=x onerror=alert(1)>&amp;"\'.html'
+    fs.writeFileSync(path.join(directory, name), 'x')
+    let dialogs = 0
+    page.on('dialog', (dialog) => {
+        dialogs += 1
+        dialog.dismiss()
+    })
+    await open()
+    await fileRow(name).waitFor()
+    await page.getByRole('button', { name: `Delete ${name}`, exact: true }).click()
+    await page.getByRole('dialog').getByText(`“${name}” will be gone for everyone.`).waitFor()
+    assert.equal(await page.locator('img').count(), 0)
+    assert.equal(dialogs, 0)
+})
+
+test('an upload can be cancelled', async () => {
+    const session = await context.newCDPSession(page)
+    await open()
+    await session.send('Network.enable')
+    await session.send('Network.emulateNetworkConditions',
+        { offline: false, latency: 0, downloadThroughput: -1, uploadThroughput: 512 * 1024 })
+    await choose(makeFile('long.bin', 40 * 1024 * 1024))
+    const row = uploadRow('long.bin')
+    await row.getByText(/% of 40\.0 MiB/).waitFor()
+    await row.getByRole('button', { name: 'Cancel the upload of long.bin' }).click()
+    await row.getByText('Cancelled').waitFor()
+    await page.waitForFunction(() => document.querySelectorAll('#files li').length === 0)
+    const end = Date.now() + kLimitMs
+    while (fs.readdirSync(directory).length > 0) {
+        assert.ok(Date.now() < end, 'the unfinished upload is removed')
+        await new Promise((resolve) => setTimeout(resolve, 20))
+    }
+})
+
+test('what others do appears by itself and leaves the rest alone', async () => {
+    fs.writeFileSync(path.join(directory, 'b'), 'one')
+    await open()
+    const link = fileRow('b').getByRole('link', { name: 'b', exact: true })
+    await link.focus()
+    const row = await fileRow('b').elementHandle()
+    fs.writeFileSync(path.join(directory, 'a'), 'two')
+    await fileRow('a').waitFor()
+    assert.deepEqual(await page.locator('#files .name').allTextContents(), ['a', 'b'])
+    assert.ok(await row.evaluate((node) => node.isConnected), 'the row is still the same')
+    assert.ok(await link.evaluate((node) => node === document.activeElement), 'the focus stays')
+    fs.rmSync(path.join(directory, 'a'))
+    await fileRow('a').waitFor({ state: 'detached' })
+})
+
+test('a server that is gone is told and found again', async () => {
+    await open()
+    const { port } = new URL(url)
+    await stopServer()
+    await page.getByText('The server does not answer.').waitFor()
+    await drop(['late.txt'])
+    await page.getByRole('alert').getByText('The connection to the server was lost.').waitFor()
+    server = spawn(kServer, ['--directory', directory, '--port', port], { stdio: ['ignore', 'pipe', 'inherit'] })
+    await page.getByText('The server does not answer.').waitFor({ state: 'hidden' })
+})
+
+test('everything can be reached with the keyboard', async () => {
+    fs.writeFileSync(path.join(directory, 'a'), 'one')
+    await open()
+    await fileRow('a').waitFor()
+    const reached = []
+    for (let i = 0; i < 5; ++i) {
+        await page.keyboard.press('Tab')
+        reached.push(await page.evaluate(() => document.activeElement.getAttribute('aria-label')
+            ?? document.activeElement.textContent))
+    }
+    assert.deepEqual(reached.slice(0, 4), ['Choose files', 'a', 'Download a', 'Delete a'])
+    await page.locator('button', { hasText: 'Delete' }).first().focus()
+    await page.keyboard.press('Enter')
+    assert.equal(await page.evaluate(() => document.activeElement.id), 'confirm-no')
+    await page.keyboard.press('Escape')
+    assert.equal(await page.evaluate(() => document.getElementById('confirm').open), false)
+    assert.deepEqual(fs.readdirSync(directory), ['a'])
+})

@@ -1,0 +1,227 @@
+"""Starting filedrop, talking to it with curl, and looking at what it leaves on disk."""
+
+import hashlib
+import json
+import os
+import pathlib
+import queue
+import re
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+SERVER = os.environ.get("WENDREL_FILEDROP", "wendrel-filedrop")
+SANITIZED = os.environ.get("WENDREL_SANITIZED", "") not in ("", "0")
+LIMIT_SECONDS = 120 if SANITIZED else 60
+MIB = 1024 * 1024
+TEMPORARY_PREFIX = ".filedrop-upload-"
+
+
+def wait_until(condition, what, seconds=LIMIT_SECONDS):
+    """Waits for something that only looking can tell, such as the contents of a directory."""
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {seconds} s in vain: {what}")
+        time.sleep(0.01)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def sha256(path):
+    digest = hashlib.sha256()
+    with open(path, "rb") as file:
+        while block := file.read(MIB):
+            digest.update(block)
+    return digest.hexdigest()
+
+
+def make_sparse(path, size):
+    """A file of holes with a different random piece in each 16th of it."""
+    with open(path, "wb") as file:
+        file.truncate(size)
+        for part in range(16):
+            file.seek(part * (size // 16) + part)
+            file.write(os.urandom(min(4096, size // 16 - 16)))
+    return path
+
+
+class Answer:
+    def __init__(self, code, status, headers, body, error):
+        self.code = code  # of curl
+        self.status = status
+        self.headers = headers
+        self.body = body
+        self.error = error
+
+    def json(self):
+        return json.loads(self.body)
+
+    def __repr__(self):
+        return f"curl {self.code}, status {self.status}, {self.headers}, {self.body[:300]!r} {self.error}"
+
+
+def parse_head(text):
+    """Status and headers of the last head in what curl wrote with -D."""
+    heads = [head for head in text.split("\r\n\r\n") if head.startswith("HTTP/")]
+    if not heads:
+        return 0, {}
+    lines = heads[-1].split("\r\n")
+    headers = {}
+    for line in lines[1:]:
+        name, _, value = line.partition(":")
+        headers.setdefault(name.strip().lower(), value.strip())
+    return int(lines[0].split()[1]), headers
+
+
+class Server:
+    """One filedrop process."""
+
+    def __init__(self, directory, *options, port=None):
+        self.port = port or free_port()
+        self.url = f"http://127.0.0.1:{self.port}"
+        self.lines = queue.Queue()
+        self.log = []
+        self.process = subprocess.Popen(
+            [SERVER, "--directory", str(directory), "--port", str(self.port), *options],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.readers = [
+            threading.Thread(target=self._read_output, daemon=True),
+            threading.Thread(target=self._read_log, daemon=True)]
+        for reader in self.readers:
+            reader.start()
+
+    def _read_output(self):
+        for line in self.process.stdout:
+            self.lines.put(line)
+        self.lines.put(None)
+
+    def _read_log(self):
+        for line in self.process.stderr:
+            self.log.append(line)
+
+    def wait_ready(self):
+        try:
+            line = self.lines.get(timeout=LIMIT_SECONDS)
+        except queue.Empty:
+            raise AssertionError("the server did not say that it is ready") from None
+        if line is None:
+            raise AssertionError(f"the server ended: {''.join(self.log)}")
+        assert self.url in line, line
+        return self
+
+    def send(self, number):
+        self.process.send_signal(number)
+
+    def wait_end(self, seconds=LIMIT_SECONDS):
+        code = self.process.wait(timeout=seconds)
+        for reader in self.readers:
+            reader.join(LIMIT_SECONDS)
+        self.process.stdout.close()
+        self.process.stderr.close()
+        return code
+
+    def stop(self):
+        """Ends the process; returns its exit code, that of its own end if it has ended before."""
+        if self.process.poll() is None:
+            self.send(signal.SIGTERM)
+        try:
+            return self.wait_end()
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.wait_end()
+            raise AssertionError("the server did not stop on SIGTERM") from None
+
+    def peak_memory(self):
+        """The most resident memory it ever had, in bytes."""
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
+
+
+class ServerCase(unittest.TestCase):
+    """A server on a directory of its own for each test."""
+
+    options = ()
+
+    def setUp(self):
+        self.work = pathlib.Path(tempfile.mkdtemp(prefix="filedrop-"))
+        self.addCleanup(subprocess.run, ["rm", "-rf", str(self.work)], check=True)
+        self.directory = self.work / "served"
+        self.directory.mkdir()
+        self.server = None
+
+    def start(self, *options, directory=None):
+        self.server = Server(directory or self.directory, *self.options, *options)
+        self.addCleanup(self.end_server)
+        return self.server.wait_ready()
+
+    def end_server(self):
+        """Each test ends with a server that stops cleanly, whatever was done to it."""
+        if self.server:
+            server, self.server = self.server, None
+            code = server.stop()
+            self.assertEqual(code, 0, "".join(server.log[-40:]))
+
+    def spawn_curl(self, *arguments, **options):
+        process = subprocess.Popen(
+            ["curl", "-sS", "--noproxy", "*", "--max-time", str(4 * LIMIT_SECONDS), *map(str, arguments)],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+        self.addCleanup(self.end_curl, process)
+        return process
+
+    @staticmethod
+    def end_curl(process):
+        if process.poll() is None:
+            process.kill()
+        process.communicate()
+
+    def curl(self, target, *arguments, data=None):
+        """One request; `target` goes onto the wire as it is."""
+        head = self.work / f"head-{threading.get_ident()}"
+        head.unlink(missing_ok=True)
+        done = subprocess.run(
+            ["curl", "-sS", "--noproxy", "*", "--path-as-is", "-g", "--max-time", str(2 * LIMIT_SECONDS),
+             "-D", str(head), *map(str, arguments), self.server.url + target],
+            input=data, capture_output=True, check=False)
+        status, headers = parse_head(head.read_bytes().decode("latin-1") if head.exists() else "")
+        return Answer(done.returncode, status, headers, done.stdout, done.stderr.decode())
+
+    def put(self, target, data, *arguments):
+        source = self.work / f"source-{threading.get_ident()}"
+        source.write_bytes(data)
+        return self.curl(target, "-T", source, *arguments)
+
+    def names(self):
+        """Everything in the served directory."""
+        return sorted(os.listdir(self.directory))
+
+    def temporary(self):
+        return [name for name in self.names() if name.startswith(TEMPORARY_PREFIX)]
+
+    def status(self):
+        return self.curl("/api/status").json()
+
+
+def main():
+    """Runs the named tests; 77 when all of them were skipped."""
+    program = unittest.main(module="__main__", exit=False, verbosity=2)
+    result = program.result
+    if not result.wasSuccessful():
+        sys.exit(1)
+    if result.testsRun == 0:
+        print("no test ran")
+        sys.exit(1)
+    if len(result.skipped) == result.testsRun:
+        sys.exit(77)

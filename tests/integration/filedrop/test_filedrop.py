@@ -1,0 +1,763 @@
+#!/usr/bin/env python3
+"""filedrop as its users meet it: one process, real sockets, curl as the client.
+
+    WENDREL_FILEDROP=build/release/examples/filedrop/wendrel-filedrop \
+        python3 test_filedrop.py [Class[.test]]
+"""
+
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from support import (LIMIT_SECONDS, MIB, SANITIZED, SERVER, TEMPORARY_PREFIX, Server, ServerCase,
+                     free_port, main, make_sparse, sha256, wait_until)
+
+LARGE = 64 * MIB if SANITIZED else 1024 * MIB
+MEMORY_LIMIT = 64 * MIB
+
+
+class Transfers(ServerCase):
+    def check_memory(self, limit=MEMORY_LIMIT):
+        if not SANITIZED:
+            peak = self.server.peak_memory()
+            print(f"peak resident memory: {peak / MIB:.1f} MiB", file=sys.stderr)
+            self.assertLess(peak, limit)
+
+    def test_large_file_up_and_down_in_constant_memory(self):
+        self.start()
+        source = make_sparse(self.work / "source", LARGE)
+        expected = sha256(source)
+        answer = self.curl("/files/large.bin", "-T", source)
+        self.assertEqual(answer.status, 201, answer)
+        self.assertEqual(sha256(self.directory / "large.bin"), expected)
+        self.check_memory()
+
+        target = self.work / "target"
+        answer = self.curl("/files/large.bin", "-o", target)
+        self.assertEqual(answer.status, 200, answer)
+        self.assertEqual(answer.headers["content-length"], str(LARGE))
+        self.assertEqual(sha256(target), expected)
+        self.check_memory()
+        self.assertEqual(self.names(), ["large.bin"])
+
+    def test_large_chunked_upload_in_constant_memory(self):
+        self.start()
+        source = make_sparse(self.work / "source", LARGE // 4)
+        with open(source, "rb") as stream:
+            curl = self.spawn_curl("-T", "-", "-o", os.devnull, "-w", "%{http_code}",
+                                   self.server.url + "/files/large.bin", stdin=stream)
+            output, error = curl.communicate(timeout=4 * LIMIT_SECONDS)
+        self.assertEqual(output, b"201", error)
+        self.assertEqual(sha256(self.directory / "large.bin"), sha256(source))
+        self.check_memory()
+
+    def test_fifty_parallel_transfers(self):
+        self.start()
+        size = (1 if SANITIZED else 8) * MIB
+        sources = []
+        for number in range(50):
+            source = self.work / f"source-{number}"
+            source.write_bytes(os.urandom(size + number))
+            sources.append(source)
+
+        def all_of(runs):
+            for number, run in enumerate(runs):
+                output, error = run.communicate(timeout=4 * LIMIT_SECONDS)
+                self.assertEqual(run.returncode, 0, (number, error))
+                yield output
+
+        uploads = [self.spawn_curl("-T", source, "-o", os.devnull, "-w", "%{http_code}",
+                                   f"{self.server.url}/files/file-{number}")
+                   for number, source in enumerate(sources)]
+        self.assertEqual(set(all_of(uploads)), {b"201"})
+        self.assertEqual(self.names(), sorted(f"file-{number}" for number in range(50)))
+
+        downloads = [self.spawn_curl("-o", self.work / f"target-{number}", "-w", "%{http_code}",
+                                     f"{self.server.url}/files/file-{number}")
+                     for number in range(50)]
+        self.assertEqual(set(all_of(downloads)), {b"200"})
+        for number, source in enumerate(sources):
+            self.assertEqual(sha256(self.work / f"target-{number}"), sha256(source), number)
+        self.check_memory(4 * MEMORY_LIMIT)
+
+    def test_sizes_around_a_chunk(self):
+        self.start()
+        for size in (0, 1, 2, 65535, 65536, 65537, 131071, 131072, 131073, 3 * MIB + 1):
+            with self.subTest(size=size):
+                content = os.urandom(size)
+                self.assertEqual(self.put("/files/sized", content).status // 100, 2)
+                self.assertEqual((self.directory / "sized").read_bytes(), content)
+                answer = self.curl("/files/sized")
+                self.assertEqual(answer.status, 200)
+                self.assertEqual(answer.headers["content-length"], str(size))
+                self.assertEqual(answer.body, content)
+
+    def test_replacing_a_file(self):
+        self.start()
+        self.assertEqual(self.put("/files/a", b"old").status, 201)
+        self.assertEqual(self.put("/files/a", b"newer").status, 200)
+        self.assertEqual(self.curl("/files/a").body, b"newer")
+        self.assertEqual(self.names(), ["a"])
+
+    def test_download_goes_on_while_its_file_is_replaced(self):
+        self.start()
+        source = make_sparse(self.work / "source", 16 * MIB)
+        expected = sha256(source)
+        self.assertEqual(self.curl("/files/a", "-T", source).status, 201)
+        target = self.work / "target"
+        curl = self.spawn_curl("--limit-rate", "8M", "-o", target, self.server.url + "/files/a")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        self.assertEqual(self.put("/files/a", b"new").status, 200)
+        _, error = curl.communicate(timeout=LIMIT_SECONDS)
+        self.assertEqual(curl.returncode, 0, error)
+        self.assertEqual(sha256(target), expected)
+        self.assertEqual(self.curl("/files/a").body, b"new")
+
+    def test_requests_on_one_connection(self):
+        self.start()
+        (self.directory / "a").write_bytes(b"one")
+        url = self.server.url + "/files/a"
+        done = subprocess.run(
+            ["curl", "-sS", "--noproxy", "*", "-w", "%{num_connects}\n", url, "-o", os.devnull,
+             url, "-I", "-o", os.devnull, url, "-o", os.devnull], capture_output=True, check=True)
+        self.assertEqual(done.stdout.split().count(b"1"), 1, done.stdout)
+
+    def test_head_has_the_length_and_no_body(self):
+        self.start()
+        (self.directory / "a.txt").write_bytes(b"x" * 3000000)
+        answer = self.curl("/files/a.txt", "-I")
+        self.assertEqual(answer.status, 200)
+        self.assertEqual(answer.headers["content-length"], "3000000")
+        self.assertEqual(answer.headers["content-type"], "text/plain; charset=utf-8")
+        self.assertEqual(answer.headers["accept-ranges"], "bytes")
+        self.assertEqual(self.curl("/files/none", "-I").status, 404)
+
+    def test_deleting(self):
+        self.start()
+        (self.directory / "a").write_bytes(b"one")
+        answer = self.curl("/files/a", "-X", "DELETE")
+        self.assertEqual((answer.status, answer.body), (204, b""))
+        self.assertEqual(self.names(), [])
+        self.assertEqual(self.curl("/files/a", "-X", "DELETE").status, 404)
+        self.assertEqual(self.curl("/files/a").status, 404)
+
+
+class Interface(ServerCase):
+    def test_list_of_files(self):
+        self.start()
+        self.assertEqual(self.curl("/api/files").json(), {"files": []})
+        (self.directory / "b \"quoted\".txt").write_bytes(b"12345")
+        (self.directory / "a\u00e9").write_bytes(b"")
+        (self.directory / "bad\udcff").write_bytes(b"")
+        os.mkdir(self.directory / "inner")
+        os.utime(self.directory / "b \"quoted\".txt", ns=(0, 784887151250000000))
+        answer = self.curl("/api/files")
+        self.assertEqual(answer.status, 200)
+        self.assertEqual(answer.headers["content-type"], "application/json")
+        files = answer.json()["files"]
+        self.assertEqual([file["name"] for file in files], ["a\u00e9", "b \"quoted\".txt"])
+        self.assertEqual(files[1], {"name": "b \"quoted\".txt", "size": 5,
+                                    "modified": "1994-11-15T08:12:31.250Z"})
+
+    def test_status_counts(self):
+        self.start()
+        before = self.status()
+        self.assertRegex(before["version"], r"^3\.0\.0\.\d+$")
+        self.assertGreaterEqual(before["uptimeSeconds"], 0)
+        self.assertIn("libmicrohttpd", " ".join(before["thirdParty"]).lower())
+        self.assertTrue(all(before["thirdParty"].values()), before)
+        self.assertEqual(self.put("/files/a", b"x" * 1000).status, 201)
+        self.assertEqual(len(self.curl("/files/a").body), 1000)
+        after = self.status()
+        self.assertEqual(after["requests"] - before["requests"], 3)
+        self.assertEqual(after["bytesIn"] - before["bytesIn"], 1000)
+        self.assertGreaterEqual(after["bytesOut"] - before["bytesOut"], 1000)
+        wait_until(lambda: self.status()["openRequests"] == 1, "only the one that asks is open")
+
+    def test_status_shows_open_requests(self):
+        self.start()
+        (self.directory / "a").write_bytes(b"x" * 4 * MIB)
+        target = self.work / "target"
+        curl = self.spawn_curl("--limit-rate", "256K", "-o", target, self.server.url + "/files/a")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        wait_until(lambda: self.status()["openRequests"] == 2, "both requests are open")
+        curl.kill()
+        curl.communicate()
+        wait_until(lambda: self.status()["openRequests"] == 1, "the request of a killed client ends")
+
+    def test_page(self):
+        self.start()
+        answer = self.curl("/")
+        self.assertEqual(answer.status, 200)
+        self.assertEqual(answer.headers["content-type"], "text/html; charset=utf-8")
+        self.assertIn(b"<h1>filedrop</h1>", answer.body)
+        policy = answer.headers["content-security-policy"]
+        self.assertIn("default-src 'none'", policy)
+        self.assertNotIn("unsafe", policy)
+        nonce = policy.split("script-src 'nonce-")[1].split("'")[0]
+        self.assertEqual(answer.body.count(f'nonce="{nonce}"'.encode()), 2)
+        self.assertNotEqual(policy, self.curl("/").headers["content-security-policy"])
+        self.assertEqual(self.curl("/", "-I").status, 200)
+
+    def test_every_answer_has_the_safety_headers(self):
+        self.start()
+        (self.directory / "evil.html").write_bytes(b"<script>alert(1)</script>")
+        for target in ("/", "/api/files", "/api/status", "/files/evil.html", "/files/none", "/nothing"):
+            with self.subTest(target=target):
+                answer = self.curl(target)
+                self.assertEqual(answer.headers["x-content-type-options"], "nosniff")
+                self.assertIn("default-src 'none'", answer.headers["content-security-policy"])
+                self.assertEqual(answer.headers["referrer-policy"], "no-referrer")
+        file = self.curl("/files/evil.html")
+        self.assertEqual(file.headers["content-disposition"], 'attachment; filename="evil.html"')
+        self.assertIn("sandbox", file.headers["content-security-policy"])
+
+    def test_unknown_addresses_and_methods(self):
+        self.start()
+        answer = self.curl("/nothing")
+        self.assertEqual(answer.status, 404)
+        self.assertTrue(answer.json()["error"])
+        answer = self.curl("/api/files", "-X", "DELETE")
+        self.assertEqual(answer.status, 405)
+        self.assertEqual(set(answer.headers["allow"].split(",")) - {"OPTIONS"}, {"GET", "HEAD"})
+        answer = self.curl("/files/a", "-X", "POST", "-d", "x")
+        self.assertEqual(answer.status, 405)
+        self.assertEqual(set(answer.headers["allow"].split(",")) - {"OPTIONS"},
+                         {"GET", "HEAD", "PUT", "DELETE"})
+        self.assertEqual(self.names(), [])
+
+
+class Names(ServerCase):
+    def setUp(self):
+        super().setUp()
+        (self.work / "secret").write_bytes(b"secret")
+        (self.directory / "inside").write_bytes(b"inside")
+        inner = self.directory / "inner"
+        inner.mkdir()
+        (inner / "file").write_bytes(b"inner")
+        (self.directory / "link-out").symlink_to("../secret")
+        (self.directory / "link-absolute").symlink_to(self.work / "secret")
+        (self.directory / "link-in").symlink_to("inside")
+        (self.directory / "link-up").symlink_to("..")
+        (self.directory / "link-dangling").symlink_to("../created")
+        self.before = self.names()
+        self.start()
+
+    def tearDown(self):
+        self.assertEqual(self.names(), self.before)
+        self.assertEqual((self.work / "secret").read_bytes(), b"secret")
+        self.assertEqual((self.directory / "inside").read_bytes(), b"inside")
+        self.assertEqual((self.directory / "inner" / "file").read_bytes(), b"inner")
+        self.assertTrue((self.directory / "link-out").is_symlink())
+        self.assertFalse((self.work / "created").exists())
+
+    def check_refused(self, targets, statuses):
+        for target in targets:
+            for method in ("GET", "HEAD", "PUT", "DELETE"):
+                with self.subTest(target=target, method=method):
+                    if method == "PUT":
+                        answer = self.curl(target, "-X", "PUT", "--data-binary", "intruder")
+                    elif method == "HEAD":
+                        answer = self.curl(target, "-I")
+                    else:
+                        answer = self.curl(target, "-X", method)
+                    self.assertIn(answer.status, statuses, answer)
+                    self.assertNotIn(b"secret", answer.body)
+                    self.assertNotIn(b"root:", answer.body)
+                    if method != "HEAD":
+                        self.assertTrue(answer.json()["error"])
+
+    def test_ways_out_of_the_directory(self):
+        self.check_refused((
+            "/files/../secret", "/files/..%2Fsecret", "/files/..%2fsecret", "/files/%2e%2e/secret",
+            "/files/%2e%2e%2fsecret", "/files/%2E%2E%2Fsecret", "/files/%2e%2e", "/files/..",
+            "/files/.", "/files/%2e", "/files/%2Fetc%2Fpasswd", "/files//etc/passwd",
+            "/files/..%2f..%2f..%2f..%2fetc%2fpasswd", "/../../../etc/passwd", "/files/../../etc/passwd",
+            "/files/inner/file", "/files/inner%2Ffile", "/files/./inside", "/files/inner/../inside",
+            "/files/%2e%2e%00", "/files/", "/files", "/files/inside/"), (400, 404, 405))
+
+    def test_control_characters_and_bad_utf8(self):
+        self.check_refused((
+            "/files/a%00b", "/files/%00", "/files/inside%00", "/files/inside%00.txt", "/files/a%0ab",
+            "/files/a%0d%0ab", "/files/a%1bb", "/files/a%7fb", "/files/a%c2%80b", "/files/%ff",
+            "/files/%c0%ae%c0%ae%2fsecret", "/files/%c0%ae%c0%ae", "/files/%e0%80%ae", "/files/%ed%a0%80",
+            "/files/%f4%90%80%80", "/files/%zz", "/files/%"), (400,))
+
+    def test_names_too_long(self):
+        self.check_refused(("/files/" + "n" * 256, "/files/" + "%E6%96%87" * 86), (400,))
+
+    def test_names_of_unfinished_uploads(self):
+        self.check_refused((f"/files/{TEMPORARY_PREFIX}0123", f"/files/%2e{TEMPORARY_PREFIX[1:]}x"), (400,))
+
+    def test_links_and_directories(self):
+        targets = ("/files/link-out", "/files/link-absolute", "/files/link-in", "/files/link-up",
+                   "/files/link-dangling", "/files/inner")
+        for target in targets:
+            with self.subTest(target=target):
+                self.assertEqual(self.curl(target).status, 404)
+                self.assertEqual(self.curl(target, "-I").status, 404)
+                self.assertEqual(self.curl(target, "-X", "DELETE").status, 404)
+                answer = self.put(target, b"intruder")
+                self.assertEqual(answer.status, 409, answer)
+                self.assertTrue(answer.json()["error"])
+        listed = [file["name"] for file in self.curl("/api/files").json()["files"]]
+        self.assertEqual(listed, ["inside"])
+
+    def test_unusual_names_come_back_as_they_were(self):
+        rows = (
+            ("two%20words.txt", "two words.txt"), ("100%25", "100%"), ("a%2Bb+c", "a+b+c"),
+            ("%E6%96%87%E4%BB%B6", "\u6587\u4ef6"), ("%F0%9F%8E%89", "\U0001f389"), ("...", "..."),
+            (".hidden", ".hidden"), ("-rf", "-rf"), ("a%5Cb", "a\\b"), ("q%3Fx%23y", "q?x#y"),
+            ("%3Cimg%20src%3Dx%20onerror%3Dalert(1)%3E", "<img src=x onerror=alert(1)>"),
+            ("%22%27%3B%26", "\"';&"), ("%252e%252e", "%2e%2e"), ("n" * 255, "n" * 255),
+            ("e%CC%81", "e\u0301"), ("a%3Ab", "a:b"), ("~", "~"))
+        for target, name in rows:
+            with self.subTest(name=name):
+                self.assertEqual(self.put("/files/" + target, name.encode()).status, 201)
+                self.assertEqual((self.directory / name).read_bytes(), name.encode())
+                self.assertIn(name, [file["name"] for file in self.curl("/api/files").json()["files"]])
+                answer = self.curl("/files/" + target)
+                self.assertEqual((answer.status, answer.body), (200, name.encode()))
+                self.assertEqual(self.curl("/files/" + target, "-X", "DELETE").status, 204)
+
+    def test_download_keeps_a_name_outside_ascii(self):
+        self.put("/files/%C3%A9t%C3%A9%20%22x%22.txt", b"summer")
+        answer = self.curl("/files/%C3%A9t%C3%A9%20%22x%22.txt")
+        self.assertEqual(answer.headers["content-disposition"],
+                         'attachment; filename="_t_ _x_.txt"; '
+                         "filename*=UTF-8''%C3%A9t%C3%A9%20%22x%22.txt")
+        self.curl("/files/%C3%A9t%C3%A9%20%22x%22.txt", "-X", "DELETE")
+
+
+class Conditions(ServerCase):
+    CONTENT = bytes(range(256)) * 1024
+
+    def setUp(self):
+        super().setUp()
+        (self.directory / "a.bin").write_bytes(self.CONTENT)
+        os.utime(self.directory / "a.bin", ns=(0, 784887151250000000))
+        self.start()
+        whole = self.curl("/files/a.bin")
+        self.assertEqual((whole.status, whole.body), (200, self.CONTENT))
+        self.etag = whole.headers["etag"]
+        self.modified = whole.headers["last-modified"]
+
+    def get(self, *headers, method=()):
+        arguments = []
+        for header in headers:
+            arguments += ["-H", header]
+        return self.curl("/files/a.bin", *method, *arguments)
+
+    def check_whole(self, answer):
+        self.assertEqual(answer.status, 200, answer)
+        self.assertEqual(answer.body, self.CONTENT)
+        self.assertNotIn("content-range", answer.headers)
+
+    def check_part(self, answer, first, last):
+        self.assertEqual(answer.status, 206, answer)
+        self.assertEqual(answer.headers["content-range"], f"bytes {first}-{last}/{len(self.CONTENT)}")
+        self.assertEqual(answer.headers["content-length"], str(last - first + 1))
+        self.assertEqual(answer.headers["etag"], self.etag)
+        self.assertEqual(answer.body, self.CONTENT[first:last + 1])
+
+    def check_not_modified(self, answer):
+        self.assertEqual((answer.status, answer.body), (304, b""), answer)
+        self.assertEqual(answer.headers["etag"], self.etag)
+        self.assertEqual(answer.headers["last-modified"], self.modified)
+
+    def test_validators(self):
+        self.assertEqual(self.modified, "Tue, 15 Nov 1994 08:12:31 GMT")
+        self.assertRegex(self.etag, r'^"[0-9a-f.-]+"$')
+        head = self.get(method=("-I",))
+        self.assertEqual(head.headers["etag"], self.etag)
+        self.put("/files/a.bin", self.CONTENT)
+        self.assertNotEqual(self.curl("/files/a.bin").headers["etag"], self.etag)
+
+    def test_if_none_match(self):
+        for value in (self.etag, f"W/{self.etag}", f'"x", {self.etag}', f'"x,y",{self.etag}', "*"):
+            with self.subTest(value=value):
+                self.check_not_modified(self.get(f"If-None-Match: {value}"))
+                self.assertEqual(self.get(f"If-None-Match: {value}", method=("-I",)).status, 304)
+        for value in ('"other"', self.etag.strip('"'), '"x", W/"y"'):
+            with self.subTest(value=value):
+                self.check_whole(self.get(f"If-None-Match: {value}"))
+        self.check_whole(self.get('If-None-Match: "other"', f"If-Modified-Since: {self.modified}"))
+
+    def test_if_modified_since(self):
+        for value in (self.modified, "Tue, 15 Nov 1994 08:12:32 GMT",
+                      "Tuesday, 15-Nov-94 08:12:31 GMT", "Tue Nov 15 08:12:31 1994"):
+            with self.subTest(value=value):
+                self.check_not_modified(self.get(f"If-Modified-Since: {value}"))
+        for value in ("Tue, 15 Nov 1994 08:12:30 GMT", "yesterday", "0"):
+            with self.subTest(value=value):
+                self.check_whole(self.get(f"If-Modified-Since: {value}"))
+
+    def test_a_304_leaves_the_connection_usable(self):
+        url = self.server.url + "/files/a.bin"
+        done = subprocess.run(
+            ["curl", "-sS", "--noproxy", "*", "-H", f"If-None-Match: {self.etag}",
+             "-w", "%{http_code} %{num_connects}\n", url, url, "-I", url],
+            capture_output=True, check=True)
+        ends = [line for line in done.stdout.decode().splitlines() if line.startswith("304 ")]
+        self.assertEqual(ends, ["304 1", "304 0", "304 0"], done.stdout)
+
+    def test_single_ranges(self):
+        size = len(self.CONTENT)
+        for value, first, last in (
+                ("0-0", 0, 0), ("0-99", 0, 99), ("100-", 100, size - 1), ("-1", size - 1, size - 1),
+                ("-100", size - 100, size - 1), ("65535-65537", 65535, 65537),
+                (f"0-{size - 1}", 0, size - 1), (f"0-{size}", 0, size - 1), (f"-{size + 1}", 0, size - 1),
+                (f"{size - 1}-", size - 1, size - 1)):
+            with self.subTest(value=value):
+                self.check_part(self.get(f"Range: bytes={value}"), first, last)
+
+    def test_ranges_beyond_the_end(self):
+        size = len(self.CONTENT)
+        for value in (f"{size}-", f"{size}-{size + 5}", "-0", "99999999999999999999-"):
+            with self.subTest(value=value):
+                answer = self.get(f"Range: bytes={value}")
+                self.assertEqual(answer.status, 416)
+                self.assertEqual(answer.headers["content-range"], f"bytes */{size}")
+                self.assertTrue(answer.json()["error"])
+
+    def test_ranges_that_are_not_served(self):
+        for value in ("bytes=0-1,5-6", "bytes=5-1", "bytes=x", "bytes=", "lines=0-1", "0-1"):
+            with self.subTest(value=value):
+                self.check_whole(self.get(f"Range: {value}"))
+
+    def test_if_range(self):
+        for value in (self.etag, self.modified):
+            with self.subTest(value=value):
+                self.check_part(self.get("Range: bytes=5-9", f"If-Range: {value}"), 5, 9)
+        for value in ('"other"', f"W/{self.etag}", "Tue, 15 Nov 1994 08:12:32 GMT",
+                      "Tue, 15 Nov 1994 08:12:30 GMT"):
+            with self.subTest(value=value):
+                self.check_whole(self.get("Range: bytes=5-9", f"If-Range: {value}"))
+
+    def test_a_known_tag_goes_before_a_range(self):
+        self.check_not_modified(self.get("Range: bytes=5-9", f"If-None-Match: {self.etag}"))
+
+    def test_range_counts_for_get_alone(self):
+        answer = self.get("Range: bytes=5-9", method=("-I",))
+        self.assertEqual(answer.status, 200)
+        self.assertEqual(answer.headers["content-length"], str(len(self.CONTENT)))
+
+    def test_curl_resumes_a_download(self):
+        target = self.work / "target"
+        target.write_bytes(self.CONTENT[:100000])
+        answer = self.curl("/files/a.bin", "-C", "-", "-o", target)
+        self.assertEqual((answer.code, answer.status), (0, 206))
+        self.assertEqual(target.read_bytes(), self.CONTENT)
+
+
+class Limits(ServerCase):
+    options = ("--max-upload", "1M")
+
+    def test_limit_is_the_last_size_taken(self):
+        self.start()
+        self.assertEqual(self.put("/files/a", b"x" * MIB).status, 201)
+        self.assertEqual(self.put("/files/b", b"x" * (MIB + 1)).status, 413)
+        self.assertEqual(self.put("/files/a", b"x" * (MIB + 1)).status, 413)
+        self.assertEqual(self.names(), ["a"])
+        self.assertEqual((self.directory / "a").stat().st_size, MIB)
+
+    def test_declared_length_is_refused_before_anything_is_written(self):
+        self.start()
+        source = make_sparse(self.work / "source", 3 * MIB)
+        curl = self.spawn_curl("-T", source, "--limit-rate", "3M", "-w", "%{http_code}",
+                               self.server.url + "/files/a")
+        while curl.poll() is None:
+            self.assertEqual(self.names(), [])
+            time.sleep(0.002)
+        output, error = curl.communicate()
+        self.assertIn(b'"error"', output, error)
+        self.assertTrue(output.endswith(b"413"), output)
+        self.assertEqual(self.names(), [])
+        self.assertEqual(self.status()["bytesIn"], 0)
+
+    def test_chunked_body_is_cut_at_the_limit(self):
+        self.start()
+        for size, status in ((MIB, 201), (MIB + 1, 413), (5 * MIB, 413)):
+            with self.subTest(size=size):
+                answer = self.curl("/files/a", "-T", "-", data=b"x" * size)
+                self.assertEqual(answer.status, status, answer)
+                self.assertEqual(self.names(), ["a"])
+                self.assertEqual((self.directory / "a").stat().st_size, MIB)
+        self.assertIn("1 MiB", answer.json()["error"])
+
+
+class DiskFull(ServerCase):
+    def setUp(self):
+        super().setUp()
+        if os.geteuid() != 0:
+            self.skipTest("only root can mount a small file system")
+        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8m", "tmpfs", str(self.directory)],
+                                 capture_output=True, check=False)
+        if mounted.returncode != 0:
+            self.skipTest("cannot mount a tmpfs here: " + mounted.stderr.decode().strip())
+        self.addCleanup(subprocess.run, ["umount", str(self.directory)], check=True)
+
+    def test_full_disk_leaves_nothing_behind(self):
+        self.start()
+        kept = os.urandom(2 * MIB)
+        self.assertEqual(self.put("/files/kept", kept).status, 201)
+        for arguments in ((), ("-H", "Transfer-Encoding: chunked")):
+            for name, before in (("new", ["kept"]), ("kept", ["kept"])):
+                with self.subTest(name=name, arguments=arguments):
+                    answer = self.put(f"/files/{name}", os.urandom(16 * MIB), *arguments)
+                    self.assertEqual(answer.status, 507, answer)
+                    self.assertTrue(answer.json()["error"])
+                    self.assertEqual(self.names(), before)
+        self.assertEqual(self.curl("/files/kept").body, kept)
+        self.assertEqual(self.put("/files/small", b"fits").status, 201)
+        self.assertEqual(self.names(), ["kept", "small"])
+
+
+class Losses(ServerCase):
+    def test_killed_client_leaves_nothing_of_its_upload(self):
+        self.start()
+        source = make_sparse(self.work / "source", 64 * MIB)
+        for name in ("new", "old"):
+            with self.subTest(name=name):
+                (self.directory / "old").write_bytes(b"old")
+                curl = self.spawn_curl("-T", source, "--limit-rate", "4M",
+                                       f"{self.server.url}/files/{name}")
+                self.wait_for_part_of_an_upload()
+                curl.send_signal(signal.SIGKILL)
+                curl.communicate()
+                wait_until(lambda: not self.temporary(), "the unfinished upload is removed")
+                self.assertEqual(self.names(), ["old"])
+                self.assertEqual((self.directory / "old").read_bytes(), b"old")
+        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+
+    def wait_for_part_of_an_upload(self):
+        def part():
+            return [name for name in self.temporary()
+                    if (self.directory / name).stat().st_size > 0]
+        wait_until(part, "part of the upload is on disk")
+
+    def test_client_that_declares_more_than_it_sends(self):
+        self.start()
+        with socket.create_connection(("127.0.0.1", self.server.port), LIMIT_SECONDS) as client:
+            client.sendall(b"PUT /files/a HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n")
+            client.sendall(b"x" * 500000)
+            wait_until(self.temporary, "the upload has begun")
+        wait_until(lambda: not self.temporary(), "the unfinished upload is removed")
+        self.assertEqual(self.names(), [])
+
+    def test_many_killed_clients(self):
+        self.start()
+        source = make_sparse(self.work / "source", 64 * MIB)
+        curls = [self.spawn_curl("-T", source, "--limit-rate", "2M",
+                                 f"{self.server.url}/files/file-{number}") for number in range(20)]
+        wait_until(lambda: len(self.temporary()) == 20, "all uploads have begun")
+        for curl in curls:
+            curl.send_signal(signal.SIGKILL)
+        wait_until(lambda: self.names() == [], "every unfinished upload is removed")
+        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+        self.assertEqual(self.put("/files/after", b"x").status, 201)
+
+    def test_killed_server_cleans_up_when_it_starts_again(self):
+        self.start()
+        source = make_sparse(self.work / "source", 64 * MIB)
+        self.spawn_curl("-T", source, "--limit-rate", "4M", self.server.url + "/files/a")
+        self.wait_for_part_of_an_upload()
+        self.server.send(signal.SIGKILL)
+        self.assertEqual(self.server.wait_end(), -signal.SIGKILL)
+        self.server = None
+        self.assertEqual(len(self.temporary()), 1)
+        self.start()
+        self.assertEqual(self.names(), [])
+
+    def test_file_that_shrinks_while_it_is_sent(self):
+        self.start()
+        make_sparse(self.directory / "a", 64 * MIB)
+        target = self.work / "target"
+        curl = self.spawn_curl("--limit-rate", "16M", "-o", target, self.server.url + "/files/a")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        os.truncate(self.directory / "a", 1 * MIB)
+        curl.communicate(timeout=LIMIT_SECONDS)
+        self.assertEqual(curl.returncode, 18, "the client knows that a part is missing")
+        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+
+    def test_transfers_never_take_the_last_worker(self):
+        self.start("--workers", "2")
+        make_sparse(self.directory / "large", 64 * MIB)
+        (self.directory / "small").write_bytes(b"x" * 262144)
+        target = self.work / "target"
+        curl = self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/large")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        for answer in (self.curl("/files/large"), self.put("/files/new", b"x")):
+            self.assertEqual(answer.status, 503, answer)
+            self.assertEqual(answer.headers["retry-after"], "2")
+            self.assertTrue(answer.json()["error"])
+        self.assertEqual(self.names(), ["large", "small"])
+        self.assertEqual(self.curl("/").status, 200)
+        self.assertEqual(len(self.curl("/files/small").body), 262144)
+        curl.kill()
+        curl.communicate()
+        wait_until(lambda: self.put("/files/new", b"x").status == 201, "the worker is free again")
+
+    def test_client_that_is_gone_before_its_bytes_are_read(self):
+        self.start()
+        for _ in range(5):
+            with socket.create_connection(("127.0.0.1", self.server.port), LIMIT_SECONDS) as client:
+                client.sendall(b"PUT /files/a HTTP/1.1\r\nHost: x\r\nContent-Length: 100000000\r\n\r\n"
+                               + b"x" * 3000000)
+        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+        self.assertEqual(self.names(), [])
+
+
+class Process(ServerCase):
+    def run_server(self, *arguments):
+        return subprocess.run([SERVER, *map(str, arguments)], capture_output=True, text=True,
+                              timeout=LIMIT_SECONDS, check=False)
+
+    def check_one_line(self, done, *parts):
+        self.assertEqual(done.returncode, 1, done)
+        self.assertEqual(done.stdout, "")
+        self.assertEqual(len(done.stderr.splitlines()), 1, done.stderr)
+        for part in parts:
+            self.assertIn(part, done.stderr)
+
+    def test_port_in_use(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            done = self.run_server("--directory", self.directory, "--port", port)
+        self.check_one_line(done, f"port {port}", "in use")
+
+    def test_unusable_directories(self):
+        file = self.work / "file"
+        file.write_bytes(b"")
+        for directory, reason in ((self.work / "none", "No such file or directory"),
+                                  (file, "Not a directory"),
+                                  ("/proc", "cannot write to directory '/proc'")):
+            with self.subTest(directory=directory):
+                done = self.run_server("--directory", directory, "--port", free_port())
+                self.check_one_line(done, str(directory), reason)
+
+    def test_directory_that_is_served_already(self):
+        self.start()
+        done = self.run_server("--directory", self.directory, "--port", free_port())
+        self.check_one_line(done, str(self.directory), "served by another filedrop")
+
+    def test_unusable_log_file(self):
+        (self.work / "file").write_bytes(b"")
+        done = self.run_server("--directory", self.directory, "--port", free_port(),
+                               "--log-file", self.work / "file" / "log")
+        self.check_one_line(done, str(self.work / "file" / "log"))
+
+    def test_version_and_help(self):
+        done = self.run_server("--version")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertRegex(done.stdout, r"^wendrel-filedrop 3\.0\.0\.\d+\n$")
+        done = self.run_server("--help")
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for option in ("--directory", "--port", "--all-interfaces", "--threads", "--workers",
+                       "--max-upload", "--log-file", "--log-level", "--stop-limit", "--version", "--help"):
+            self.assertIn(option, done.stdout)
+
+    def test_mistakes_on_the_command_line(self):
+        for arguments in (("--port", "0"), ("--port", "65536"), ("--port", "x"), ("--threads", "0"),
+                          ("--workers", "0"), ("--max-upload", "lots"), ("--log-level", "loud"),
+                          ("--stop-limit", "-1"), ("--unknown",), ("extra",)):
+            with self.subTest(arguments=arguments):
+                done = self.run_server(*arguments)
+                self.assertEqual((done.returncode, done.stdout), (1, ""), done)
+                self.assertTrue(done.stderr)
+
+    def test_idle_server_stops_on_either_signal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(number=number):
+                self.start()
+                self.assertEqual(self.curl("/").status, 200)
+                self.server.send(number)
+                self.assertEqual(self.server.wait_end(), 0)
+                self.server = None
+
+    def test_download_is_finished_after_sigterm(self):
+        self.start("--stop-limit", str(LIMIT_SECONDS))
+        source = make_sparse(self.directory / "a", 16 * MIB)
+        target = self.work / "target"
+        curl = self.spawn_curl("--limit-rate", "8M", "-o", target, self.server.url + "/files/a")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        self.server.send(signal.SIGTERM)
+        _, error = curl.communicate(timeout=LIMIT_SECONDS)
+        self.assertEqual(curl.returncode, 0, error)
+        self.assertEqual(self.server.wait_end(), 0)
+        self.server = None
+        self.assertEqual(sha256(target), sha256(source))
+
+    def test_upload_is_finished_after_sigterm(self):
+        self.start("--stop-limit", str(LIMIT_SECONDS))
+        source = make_sparse(self.work / "source", 16 * MIB)
+        curl = self.spawn_curl("--limit-rate", "8M", "-T", source, "-o", os.devnull, "-w", "%{http_code}",
+                               self.server.url + "/files/a")
+        wait_until(self.temporary, "the upload has begun")
+        self.server.send(signal.SIGTERM)
+        output, error = curl.communicate(timeout=LIMIT_SECONDS)
+        self.assertEqual(output, b"201", error)
+        self.assertEqual(self.server.wait_end(), 0)
+        self.server = None
+        self.assertEqual(sha256(self.directory / "a"), sha256(source))
+
+    def test_transfers_that_take_too_long_are_cut_off(self):
+        self.start("--stop-limit", "1")
+        make_sparse(self.directory / "a", 64 * MIB)
+        target = self.work / "target"
+        source = make_sparse(self.work / "source", 64 * MIB)
+        download = self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/a")
+        upload = self.spawn_curl("--limit-rate", "1M", "-T", source, self.server.url + "/files/b")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        wait_until(self.temporary, "the upload has begun")
+        self.server.send(signal.SIGTERM)
+        self.assertEqual(self.server.wait_end(LIMIT_SECONDS / 2), 0)
+        self.server = None
+        for curl in (download, upload):
+            curl.communicate(timeout=LIMIT_SECONDS)
+            self.assertNotEqual(curl.returncode, 0)
+        self.assertEqual(self.names(), ["a"])
+
+    def test_second_signal_stops_at_once(self):
+        self.start("--stop-limit", "86400")
+        make_sparse(self.directory / "a", 64 * MIB)
+        target = self.work / "target"
+        self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/a")
+        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        self.server.send(signal.SIGTERM)
+        wait_until(lambda: any("Stopping" in line for line in self.server.log), "the stop has begun")
+        self.server.send(signal.SIGTERM)
+        self.assertEqual(self.server.wait_end(LIMIT_SECONDS / 2), 0)
+        self.server = None
+
+    def test_log_file_has_one_line_a_request(self):
+        log = self.work / "log"
+        self.start("--log-file", log)
+        self.put("/files/a", b"12345")
+        self.curl("/files/x%0a2026%20forged")
+        server, self.server = self.server, None
+        self.assertEqual(server.stop(), 0)
+        self.assertEqual(server.log, [])
+        lines = [line for line in log.read_text().splitlines() if "/files/" in line]
+        self.assertEqual(len(lines), 2, lines)
+        self.assertIn("PUT /files/a 201", lines[0])
+        self.assertIn("GET /files/x%0a2026%20forged 400", lines[1])
+
+    def test_log_level_leaves_out_what_is_below(self):
+        self.start("--log-level", "error")
+        self.curl("/files/none")
+        server, self.server = self.server, None
+        self.assertEqual(server.stop(), 0)
+        self.assertEqual(server.log, [])
+
+
+if __name__ == "__main__":
+    main()
