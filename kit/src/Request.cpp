@@ -47,7 +47,8 @@ int64_t Request::getDeclaredBodyLength() const
     const std::string& text = getHeaderText("content-length");
     int64_t length = -1;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
-    return error == std::errc() && end == text.data() + text.size() ? length : -1;
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && length >= 0 ? length : -1;
 }
 
 BodyResult Request::readBody(char* buf, size_t len, size_t& got)
@@ -152,7 +153,7 @@ bool Request::write(const char* data, size_t len)
     if (!hasBody())
         return !isAborted();
     const int64_t declared = mHead.getContentLength();
-    if (mEnded || (declared >= 0 && mWrittenBytes + len > static_cast<uint64_t>(declared)))
+    if (mEnded || (declared >= 0 && len > static_cast<uint64_t>(declared) - mWrittenBytes))
         return false;
     // In pieces, each of which waits for room: a block of any size takes constant memory.
     while (len > 0) {

@@ -109,10 +109,13 @@ public:
     HttpResponseInterface& getResponse() override { return mHead; }
     HttpWaitListener& getWaitListener() override { return *this; }
 
+protected:
+    /// Ends the wait for the body when the request has been completed. An override calls this.
+    void onWaitingForData() override;
+
 private:
     friend class Application;
 
-    void onWaitingForData() override;
     bool announce();
     bool mayAnnounce() const;
     bool mayHaveUpload() const;
