@@ -62,7 +62,7 @@ TEST(Ostrand, IsRegisteredWheneverOneOfManyThreadsUsesIt)
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {
-            for (int round = 0; round < 500; ++round) {
+            for (int round = 0; round < 5000; ++round) {
                 initializeOstrand("");
                 EXPECT_TRUE(IsOstrandInitialized());
                 EXPECT_EQ(RegisteredUrlLibraries(), 1u);
