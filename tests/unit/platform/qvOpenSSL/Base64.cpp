@@ -137,6 +137,16 @@ TEST(Base64, EncodesEveryLengthWithoutLineBreaks)
     }
 }
 
+// Short texts are known to be right, and those of whole triples can be put together.
+std::string EncodedInShortPieces(const std::string& data)
+{
+    constexpr size_t kPieceBytes = 3000;
+    std::string out;
+    for (size_t at = 0; at < data.size(); at += kPieceBytes)
+        out += Encoded(data.substr(at, kPieceBytes));
+    return out;
+}
+
 TEST(Base64, EncodesManyMegabytesAsOneText)
 {
     constexpr size_t kThreeMebibytes = 3UL << 20;
@@ -144,7 +154,7 @@ TEST(Base64, EncodesManyMegabytesAsOneText)
                               2 * kThreeMebibytes, 2 * kThreeMebibytes + 2}) {
         SCOPED_TRACE(size);
         const std::string data = ManyBytes(size);
-        ExpectSame(Encoded(data), EncodedBitByBit(data));
+        ExpectSame(Encoded(data), EncodedInShortPieces(data));
     }
 }
 
