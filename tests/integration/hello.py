@@ -1,0 +1,90 @@
+"""Runs examples/hello: its answers, its clean stop, and what it says when it cannot listen.
+
+Usage: hello.py PROGRAM
+"""
+
+import http.client
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+LIMIT_SECONDS = 60
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Hello(unittest.TestCase):
+    program = None
+
+    def start(self):
+        port = free_port()
+        process = subprocess.Popen([self.program, str(port)], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        # Lines of the library's log stand around it.
+        url = next((line for line in process.stdout if line.startswith("http")), "")
+        self.assertEqual(url, f"http://127.0.0.1:{port}/hello/world\n")
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        return process, connection
+
+    def ask(self, connection, method, target):
+        connection.request(method, target)
+        answer = connection.getresponse()
+        return answer, answer.read().decode()
+
+    def test_answers_on_one_connection(self):
+        _, connection = self.start()
+        answer, text = self.ask(connection, "GET", "/hello/world")
+        self.assertEqual((answer.status, text), (200, "Hello, world!\n"))
+        self.assertEqual(answer.getheader("Content-Type"), "text/plain; charset=utf-8")
+        self.assertEqual(answer.getheader("Content-Length"), "14")
+
+        answer, text = self.ask(connection, "GET", "/hello/a%2Fb%20%C3%A9")
+        self.assertEqual((answer.status, text), (200, "Hello, a/b \u00e9!\n"))
+
+        answer, text = self.ask(connection, "HEAD", "/hello/world")
+        self.assertEqual((answer.status, text), (200, ""))
+        self.assertEqual(answer.getheader("Content-Length"), "14")
+
+        for target in ("/", "/hello", "/hello/", "/hello/a/b", "/Hello/a"):
+            answer, text = self.ask(connection, "GET", target)
+            self.assertEqual(answer.status, 404, target)
+            self.assertEqual(text, '{"error":"There is nothing at this address.","status":404}')
+            self.assertEqual(answer.getheader("Content-Type"), "application/json")
+
+        for method in ("DELETE", "OPTIONS", "POST"):
+            answer, _ = self.ask(connection, method, "/hello/world")
+            self.assertEqual(answer.status, 405, method)
+            self.assertEqual(answer.getheader("Allow"), "GET,HEAD")
+
+    def test_stops_cleanly_on_a_signal(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            process, connection = self.start()
+            self.assertEqual(self.ask(connection, "GET", "/hello/x")[1], "Hello, x!\n")
+            process.send_signal(number)
+            self.assertEqual(process.wait(timeout=LIMIT_SECONDS), 0)
+            self.assertEqual(process.stderr.read(), "")
+
+    def test_says_that_it_cannot_listen(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            process = subprocess.run([self.program, str(port)], capture_output=True, text=True,
+                                     timeout=LIMIT_SECONDS)
+        self.assertEqual(process.returncode, 1)
+        self.assertNotIn("http://", process.stdout)
+        self.assertEqual(process.stderr, f"hello: cannot listen on port {port}\n")
+
+
+if __name__ == "__main__":
+    Hello.program = sys.argv.pop(1)
+    unittest.main()

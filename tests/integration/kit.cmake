@@ -1,0 +1,11 @@
+# The kit against real clients, and the example on it as a program.
+
+wendrel_test_program(integration_kit
+    SOURCES
+        main.cpp
+        support/CapturedLog.cpp support/RawClient.cpp
+        KitLoad.cpp KitServer.cpp
+    LIBRARIES Wendrel::Kit CURL::libcurl
+    TIMEOUT 240)
+
+include(hello.cmake)

@@ -1,0 +1,256 @@
+// Requests on their way from the daemon to a worker and from there to their end.
+
+#include <Wendrel/kit/Application.h>
+
+#include "Support.h"
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qv::kit::tests
+{
+namespace
+{
+
+using Http = HttpBaseRequest;
+
+// Counts itself.
+class CountedRequest : public Request
+{
+public:
+    CountedRequest() { ++sLive; }
+    ~CountedRequest() override { --sLive; }
+
+    static std::atomic<int> sLive;
+};
+
+std::atomic<int> CountedRequest::sLive{0};
+
+class CountingApplication : public Application
+{
+public:
+    using Application::Application;
+    ~CountingApplication() override { stopWorkers(); }
+
+protected:
+    Request* newRequest() override { return new CountedRequest; }
+};
+
+// An application whose daemon is the test.
+class ApplicationTest : public ::testing::Test
+{
+protected:
+    ApplicationTest() { CountedRequest::sLive = 0; }
+    ~ApplicationTest() override
+    {
+        mDaemon.reset();
+        EXPECT_EQ(CountedRequest::sLive, 0);
+    }
+
+    void make(unsigned int workers, size_t queueLimit)
+    {
+        Application::Options options;
+        options.workers = workers;
+        options.queueLimit = queueLimit;
+        mApplication = new CountingApplication(options);
+        mDaemon = std::make_unique<Completer>(mApplication);
+    }
+
+    void route(const std::string& pattern, Router::Handler handler)
+    {
+        ASSERT_TRUE(mApplication->getRouter().add(Http::GET, pattern, std::move(handler)));
+    }
+
+    Request& arrive(const std::string& target, const char* method = "GET")
+    {
+        http::HttpServerImpl& impl = *mApplication;
+        HttpBaseRequest* request = impl.createRequest();
+        request->setHttpMethod(method);
+        request->setOriginalFullUrl(std::string(target));
+        impl.handleRequest(request);
+        return static_cast<Request&>(*request);
+    }
+
+    // Waits until the worker has answered.
+    static bool waitForAnswer(Request& request)
+    {
+        const auto end = std::chrono::steady_clock::now() + kLimit;
+        while (!IsReadyForDaemon(request)) {
+            if (std::chrono::steady_clock::now() > end)
+                return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
+    // What the client gets; then the request is completed.
+    std::string answer(Request& request)
+    {
+        if (!waitForAnswer(request))
+            return "no answer";
+        std::string text = std::to_string(request.getHead().getStatusCode()) + " ";
+        bool ended = false;
+        while (!ended && !request.getResponseDevice().hasDeviceError())
+            text += TakeSent(request, &ended);
+        if (request.getResponseDevice().hasDeviceError())
+            text += " cut off";
+        mDaemon->complete(request);
+        return text;
+    }
+
+    Application* mApplication = nullptr;  // owned by the daemon's server
+    std::unique_ptr<Completer> mDaemon;
+};
+
+TEST_F(ApplicationTest, ServesByItsRouterAndCounts)
+{
+    make(2, 10);
+    route("/{name}", [](Request& request) {
+        request.reply(200, "text/plain", "Hello, " + request.getPathParameter("name"));
+    });
+    EXPECT_EQ(mApplication->getRequestCount(), 0u);
+    Request& first = arrive("/a");
+    Request& second = arrive("/b");
+    EXPECT_EQ(mApplication->getRequestCount(), 2u);
+    EXPECT_EQ(mApplication->getOpenCount(), 2u);
+    EXPECT_EQ(answer(second), "200 Hello, b");
+    EXPECT_EQ(answer(first), "200 Hello, a");
+    EXPECT_TRUE(mApplication->drain(kLimit));
+    EXPECT_EQ(mApplication->getOpenCount(), 0u);
+    EXPECT_EQ(mApplication->getRequestCount(), 2u);
+    EXPECT_EQ(CountedRequest::sLive, 0);
+}
+
+TEST_F(ApplicationTest, AnswersForAHandlerThatDoesNot)
+{
+    make(1, 10);
+    route("/nothing", [](Request&) {});
+    route("/head", [](Request& request) { request.getHead().setContentLength(77); });
+    route("/begun", [](Request& request) { request.write("text", 4); });
+    route("/short", [](Request& request) {
+        request.getHead().setContentLength(10);
+        request.write("text", 4);
+    });
+    route("/started", [](Request& request) { request.startStream(); });
+    EXPECT_EQ(answer(arrive("/nothing")),
+              "500 {\"error\":\"The request was not answered.\",\"status\":500}");
+    EXPECT_EQ(answer(arrive("/head")),
+              "500 {\"error\":\"The request was not answered.\",\"status\":500}");
+    EXPECT_EQ(answer(arrive("/begun")), "200 text");
+    EXPECT_THAT(answer(arrive("/short")), ::testing::EndsWith(" cut off"));
+    EXPECT_EQ(answer(arrive("/started")), "200 ");
+}
+
+TEST_F(ApplicationTest, AnswersForAHandlerThatThrows)
+{
+    make(1, 10);
+    route("/at-once", [](Request&) { throw std::runtime_error("on purpose"); });
+    route("/prepared", [](Request& request) {
+        request.getHead().setHeader("X-Half", "done");
+        request.getHead().setContentLength(5);
+        throw std::runtime_error("on purpose");
+    });
+    route("/begun", [](Request& request) {
+        request.write("text", 4);
+        throw std::runtime_error("on purpose");
+    });
+    route("/answered", [](Request& request) {
+        request.reply(200, "text/plain", "text");
+        throw std::runtime_error("on purpose");
+    });
+    const std::string failed = "500 {\"error\":\"The server failed.\",\"status\":500}";
+    EXPECT_EQ(answer(arrive("/at-once")), failed);
+    Request& prepared = arrive("/prepared");
+    ASSERT_TRUE(waitForAnswer(prepared));
+    EXPECT_EQ(prepared.getHead().getHeader("X-Half"), "");
+    EXPECT_EQ(answer(prepared), failed);
+    EXPECT_THAT(answer(arrive("/begun")), ::testing::EndsWith(" cut off"));
+    EXPECT_EQ(answer(arrive("/answered")), "200 text");
+}
+
+TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)
+{
+    make(1, 2);
+    Gate gate;
+    route("/", [&gate](Request& request) {
+        gate.pass();
+        request.reply(200, "text/plain", "text");
+    });
+    Request& running = arrive("/");
+    ASSERT_TRUE(gate.waitForArrivals(1));
+    Request& second = arrive("/");
+    Request& third = arrive("/");
+    Request& refused = arrive("/");
+    EXPECT_TRUE(IsReadyForDaemon(refused));
+    EXPECT_EQ(refused.getHead().getHeader("Retry-After"), "1");
+    EXPECT_EQ(answer(refused), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+    gate.open();
+    for (Request* request : {&running, &second, &third})
+        EXPECT_EQ(answer(*request), "200 text");
+    EXPECT_TRUE(mApplication->drain(kLimit));
+}
+
+TEST_F(ApplicationTest, RefusesWhileItDrainsAndAnswersWhatRuns)
+{
+    make(1, 10);
+    Gate gate;
+    route("/", [&gate](Request& request) {
+        gate.pass();
+        request.reply(200, "text/plain", "text");
+    });
+    Request& running = arrive("/");
+    ASSERT_TRUE(gate.waitForArrivals(1));
+    Request& queued = arrive("/");
+    EXPECT_FALSE(mApplication->drain(std::chrono::milliseconds(0)));
+    EXPECT_EQ(answer(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+    gate.open();
+    EXPECT_EQ(answer(running), "200 text");
+    EXPECT_EQ(answer(queued), "200 text");
+    EXPECT_TRUE(mApplication->drain(kLimit));
+}
+
+TEST_F(ApplicationTest, RefusesWhenItsWorkersHaveStopped)
+{
+    make(1, 10);
+    route("/", [](Request& request) { request.reply(200, "text/plain", "text"); });
+    Request& before = arrive("/");
+    mApplication->stopWorkers();
+    EXPECT_TRUE(IsReadyForDaemon(before));
+    EXPECT_EQ(answer(before), "200 text");
+    EXPECT_EQ(answer(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+}
+
+TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
+{
+    make(1, 10);
+    Gate gate;
+    std::promise<bool> aborted;
+    route("/", [&](Request& request) {
+        gate.pass();
+        aborted.set_value(request.isAborted() && !request.reply(200, "text/plain", "text"));
+    });
+    Request& request = arrive("/");
+    ASSERT_TRUE(gate.waitForArrivals(1));
+    mDaemon->complete(request, MHD_REQUEST_TERMINATED_CLIENT_ABORT);
+    EXPECT_FALSE(mApplication->drain(kWhile));
+    EXPECT_EQ(CountedRequest::sLive, 1);
+    gate.open();
+    EXPECT_TRUE(aborted.get_future().get());
+    EXPECT_TRUE(mApplication->drain(kLimit));
+    EXPECT_EQ(CountedRequest::sLive, 0);
+}
+
+TEST_F(ApplicationTest, HasABodyForWhatTheLibraryAnswersByItself)
+{
+    make(1, 1);
+    EXPECT_EQ(mApplication->getErrorBody(), "{\"error\":\"The server failed.\",\"status\":500}");
+}
+
+}  // namespace
+}  // namespace qv::kit::tests

@@ -1,0 +1,161 @@
+// Requests of the kit without a server: what the daemon would do with them is done by the test.
+#ifndef WENDREL_TESTS_UNIT_KIT_SUPPORT_H
+#define WENDREL_TESTS_UNIT_KIT_SUPPORT_H
+
+#include "../../../src/request/ConnectionContext.h"
+#include "../../../src/request/DispatchAccess.h"
+
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/kit/Application.h>
+#include <Wendrel/kit/Request.h>
+
+#include <microhttpd.h>
+#include <qvSystem/qvThread.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace qv::kit::tests
+{
+
+// Far above what a loaded machine needs.
+constexpr std::chrono::seconds kLimit{30};
+
+// Long enough for what must not happen to happen, were it to.
+constexpr std::chrono::milliseconds kWhile{100};
+
+// Holds threads back until it is opened, and tells how many it holds.
+class Gate
+{
+public:
+    void open()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mOpen = true;
+        mChanged.notify_all();
+    }
+
+    bool pass()
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        ++mArrived;
+        mChanged.notify_all();
+        return mChanged.wait_for(lock, kLimit, [this] { return mOpen; });
+    }
+
+    bool waitForArrivals(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, kLimit, [&] { return mArrived >= count; });
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    size_t mArrived = 0;
+    bool mOpen = false;
+};
+
+// Takes all bytes that the daemon could send of an answer now.
+inline std::string TakeSent(HttpBaseRequest& request, bool* ended = nullptr)
+{
+    std::string bytes;
+    std::array<char, 4096> piece;
+    bool end = false;
+    bool endToo = false;
+    size_t got = 0;
+    do {
+        got = request.getResponseDevice().sendChunksThreadSafe(piece.data(), piece.size(), end,
+                                                               endToo);
+        bytes.append(piece.data(), got);
+    } while (got != 0);
+    if (ended)
+        *ended = end;
+    return bytes;
+}
+
+// Says that the answer of the request may be sent, as the daemon sees it.
+inline bool IsReadyForDaemon(HttpBaseRequest& request)
+{
+    return impl::DispatchAccess::responseState(request.getResponseDevice()) ==
+           impl::DispatchAccess::kReady;
+}
+
+// Served by the thread that makes it.
+class ServedRequest : public Request
+{
+public:
+    explicit ServedRequest(const char* method = "GET", std::string target = "/")
+    {
+        setHttpMethod(method);
+        setOriginalFullUrl(std::move(target));
+        workerThreadStartHandling(qvThread::CurrentThreadId());
+    }
+
+    uint32_t status() { return getHead().getStatusCode(); }
+    std::string sent() { return TakeSent(*this); }
+
+    // True when the daemon, having fetched everything, would end the answer.
+    bool isEnded()
+    {
+        bool ended = false;
+        TakeSent(*this, &ended);
+        return ended;
+    }
+
+    bool isFailed() const { return getResponseDevice().hasDeviceError(); }
+
+    void feed(const std::string& bytes)
+    {
+        qvMutexLocker lock(&impl::DispatchAccess::mutex(getReceiveDevice()));
+        getReceiveDevice().writeBytes(bytes.data(), bytes.size());
+    }
+
+    void endFeed()
+    {
+        qvMutexLocker lock(&impl::DispatchAccess::mutex(getReceiveDevice()));
+        getReceiveDevice().endFeed();
+    }
+};
+
+// A server that is never started, with the callback by which the daemon completes requests.
+class Completer
+{
+public:
+    Completer() : Completer(new Application(smallest())) {}
+
+    // Takes ownership.
+    explicit Completer(Application* application) : mServer(application) {}
+
+    void complete(HttpBaseRequest& request,
+                  MHD_RequestTerminationCode code = MHD_REQUEST_TERMINATED_COMPLETED_OK)
+    {
+        using RequestCompleted =
+            void (*)(void*, MHD_Connection*, void**, MHD_RequestTerminationCode);
+        auto* context = new impl::ConnectionContext;
+        context->request = &request;
+        void* slot = context;
+        reinterpret_cast<RequestCompleted>(http::HttpServerImpl::GetRequestCompletedCallback())(
+            &mServer, nullptr, &slot, code);
+    }
+
+    static Application::Options smallest()
+    {
+        Application::Options options;
+        options.workers = 1;
+        return options;
+    }
+
+private:
+    http::HttpServer mServer;
+};
+
+}  // namespace qv::kit::tests
+
+#endif
