@@ -53,7 +53,8 @@ public:
 
     /// Fills `buf` with `len` bytes, waiting for them; `got` is how many there are, less than
     /// `len` only at the end. More: the buffer is full. A client that goes away ends the wait
-    /// within about two seconds: Aborted.
+    /// within about two seconds: Aborted. The daemon does not notice a client that closes its
+    /// side together with its last bytes; that wait ends with `connectionTimeoutMs`.
     BodyResult readBody(char* buf, size_t len, size_t& got);
 
     /// Appends the whole body to `body`. A declared length above `limitBytes` is refused
