@@ -49,7 +49,9 @@ public:
     /// `hasParseError()` first: a bad request arrives here too, and the application answers it.
     virtual void handleRequest(HttpBaseRequest* request) = 0;
 
-    /// Takes an upgraded connection; the application owns it from here.
+    /// Takes an upgraded connection, right after its 101 has been sent; the application owns it
+    /// from here. Move it into an object of a class of your own (see WebSocket). Comes also after
+    /// `onServerStopped`: call `markForDeletion` and delete it then.
     virtual void onNewWebSocket(http::WebSocket* socket) = 0;
 
     /// The server is about to stop, or could not start; called once per start, on the server

@@ -10,6 +10,7 @@
 #include "logging/LogObject.h"
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
+#include "server/Reply.h"
 #include "server/UpgradeExchange.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
@@ -43,13 +44,6 @@ IpAddress clientAddressOf(MHD_Connection* connection)
     return info && info->client_addr ? IpAddress::fromIP(info->client_addr) : IpAddress();
 }
 
-MHD_Result queueAndDestroy(MHD_Connection* connection, unsigned int status, MHD_Response* response)
-{
-    const MHD_Result result = MHD_queue_response(connection, status, response);
-    MHD_destroy_response(response);
-    return result;
-}
-
 // The first call: the head is complete, the body has not been read.
 MHD_Result beginRequest(http::HttpServer& server, MHD_Connection* connection, const char* method,
                         const char* version, ConnectionContext& context)
@@ -62,10 +56,8 @@ MHD_Result beginRequest(http::HttpServer& server, MHD_Connection* connection, co
     const char* upgrade = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Upgrade");
     const char* tokens = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Connection");
     const IpAddress clientAddress = clientAddressOf(connection);
-    if (AsksForUpgrade(upgrade, tokens)) {
-        if (const auto result = AnswerUpgrade(server, connection, method, version))
-            return *result;
-    }
+    if (AsksForUpgrade(upgrade, tokens))
+        return AnswerUpgrade(server, connection, method, version);
     context.request = server.getImpl().createRequest();
     HttpBaseRequest& request = *context.request;
     DispatchAccess::connection(request) = connection;
@@ -123,16 +115,7 @@ MHD_Result queueAnswer(HttpBaseRequest& request, HttpResponseInterface& head,
         return MHD_NO;
     DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
     emitHead(request, head, response);
-    return queueAndDestroy(connection, head.getStatusCode(), response);
-}
-
-MHD_Result queueErrorBody(const http::HttpServerImpl& application, MHD_Connection* connection)
-{
-    const std::string& body = application.getErrorBody();
-    return queueAndDestroy(connection, MHD_HTTP_INTERNAL_SERVER_ERROR,
-                           MHD_create_response_from_buffer(body.size(),
-                                                           const_cast<char*>(body.data()),
-                                                           MHD_RESPMEM_PERSISTENT));
+    return QueueAndDestroy(connection, head.getStatusCode(), response);
 }
 
 MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
@@ -202,7 +185,7 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
     throttle.reset();
     switch (decision) {
     case Decision::Error:
-        return queueErrorBody(server.getImpl(), connection);
+        return QueueErrorBody(server.getImpl(), connection);
     case Decision::Whole:
         return queueWhole(request, head, connection, body);
     case Decision::Stream:

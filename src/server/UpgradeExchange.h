@@ -4,8 +4,6 @@
 
 #include <microhttpd.h>
 
-#include <optional>
-
 namespace qv::http
 {
 class HttpServer;
@@ -18,10 +16,16 @@ namespace qv::impl
 // regard to case; "Upgrade" may stand anywhere in the connection header.
 bool AsksForUpgrade(const char* upgrade, const char* connection);
 
-// Answers a request that asks for an upgrade. Nothing when the request is to be dispatched
-// the ordinary way, which is what happens as long as the library has no WebSocket layer.
-std::optional<MHD_Result> AnswerUpgrade(http::HttpServer& server, MHD_Connection* connection,
-                                        const char* method, const char* version);
+// Answers a request that asks for an upgrade: with 101, after which the daemon calls
+// `AcceptUpgraded`, or with what is wrong about it.
+MHD_Result AnswerUpgrade(http::HttpServer& server, MHD_Connection* connection, const char* method,
+                         const char* version);
+
+// Called by the daemon when the 101 has been sent: wraps the socket and gives it to the
+// application. `closure` is the server.
+void AcceptUpgraded(void* closure, MHD_Connection* connection, void* requestClosure,
+                    const char* extraBytes, size_t extraSize, MHD_socket socket,
+                    MHD_UpgradeResponseHandle* handle);
 
 }  // namespace qv::impl
 

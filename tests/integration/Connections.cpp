@@ -130,21 +130,4 @@ TEST(Connection, WithAnUpgradeToSomethingElseIsServedTheOrdinaryWay)
     }
 }
 
-// Until upgrades are served, a request for one is a request like any other.
-TEST(Connection, WithAnUpgradeToAWebSocketIsServedTheOrdinaryWay)
-{
-    integration::TestServerOptions options;
-    options.allowWebSocket = true;
-    TestServer server(echoTarget, options);
-    RawClient client(server.port());
-    ASSERT_TRUE(
-        client.send(getRequest("/u", "Upgrade: WebSocket\r\nConnection: keep-alive, Upgrade\r\n"
-                                     "Sec-WebSocket-Version: 13\r\n"
-                                     "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n")));
-    const auto response = client.receive();
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->status, 200);
-    EXPECT_EQ(response->body, "/u ");
-}
-
 }  // namespace

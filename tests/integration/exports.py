@@ -16,6 +16,9 @@ CLASSES = [
     "qv::HttpWaitListener",
     "qv::http::HttpServer",
     "qv::http::HttpServerImpl",
+    "qv::http::WebSocket",
+    "qv::http::WebSocketThread",
+    "qv::http::WebSocketWorkerThread",
     "Wendrel::Version",
 ]
 FUNCTIONS = ["qv::initializeWendrel()", "qv::terminateWendrel()", "qv::IsWendrelInitialized()"]
@@ -35,6 +38,9 @@ WANTED = FUNCTIONS + [
     "typeinfo for qv::HttpResponseInterface",
     "typeinfo for qv::HttpWaitListener",
     "vtable for qv::http::HttpServerImpl",
+    "qv::http::WebSocket::writeMessage(void const*, unsigned long, bool)",
+    "qv::http::WebSocketThread::stopThreads(bool)",
+    "vtable for qv::http::WebSocketWorkerThread",
     "Wendrel::Version::GetMajor()",
 ]
 

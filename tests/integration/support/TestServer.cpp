@@ -86,7 +86,8 @@ class TestServer::Application : public qv::http::HttpServerImpl
 {
 public:
     Application(Behaviour behaviour, const TestServerOptions& options)
-        : mBehaviour(std::move(behaviour)), mOnServerStopped(options.onServerStopped)
+        : mBehaviour(std::move(behaviour)), mOnServerStopped(options.onServerStopped),
+          mOnNewWebSocket(options.onNewWebSocket)
     {
         setErrorBody(options.errorBody);
         mReaper = std::thread([this] { reap(); });
@@ -124,9 +125,15 @@ public:
         mChanged.notify_all();
     }
 
-    void onNewWebSocket(qv::http::WebSocket*) override
+    void onNewWebSocket(qv::http::WebSocket* socket) override
     {
+        std::unique_ptr<qv::http::WebSocket> upgraded(socket);
+        if (mOnNewWebSocket) {
+            mOnNewWebSocket(std::move(upgraded));
+            return;
+        }
         ADD_FAILURE() << "an upgraded connection that no test asked for";
+        upgraded->markForDeletion();
     }
 
     void onServerStopped() override
@@ -208,6 +215,7 @@ private:
 
     const Behaviour mBehaviour;
     const std::function<void()> mOnServerStopped;
+    const std::function<void(std::unique_ptr<qv::http::WebSocket>)> mOnNewWebSocket;
     std::mutex mMutex;  // guards all below
     std::condition_variable mChanged;
     std::list<std::unique_ptr<Open>> mArrived;

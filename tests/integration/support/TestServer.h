@@ -7,6 +7,7 @@
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/WebSocket.h>
 
 #include <cstdint>
 #include <functional>
@@ -78,6 +79,8 @@ struct TestServerOptions
     uint32_t connectionTimeoutMs = 60000;
     bool allowWebSocket = false;
     std::function<void()> onServerStopped;
+    /// Takes the connection over, on a daemon thread. Without it an upgrade fails the test.
+    std::function<void(std::unique_ptr<qv::http::WebSocket>)> onNewWebSocket;
 };
 
 /// A port of 127.0.0.1 that nobody listened on a moment ago.

@@ -5,7 +5,6 @@
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 #include "server/AllocationLimit.h"
-#include "server/UpgradeExchange.h"
 #include "streaming/Throttle.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
@@ -607,36 +606,6 @@ TEST_F(Dispatch, FinishesOldRequestsAfterAStopRequest)
     ASSERT_EQ(daemon.responseCount(), 1u);
     EXPECT_EQ(daemon.response(0).body, "answer");
     EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(Dispatch, TellsAnUpgradeByTheExactCaseOfItsHeaders)
-{
-    const struct
-    {
-        const char* upgrade;
-        const char* connection;
-        bool asks;
-    } rows[] = {
-        {"WebSocket", "Upgrade", true},
-        {"WebSocket", "keep-alive, Upgrade", true},
-        {"WebSocket", "NoUpgradeAtAll", true},
-        {"websocket", "Upgrade", false},
-        {"WEBSOCKET", "Upgrade", false},
-        {"WebSocket", "upgrade", false},
-        {"WebSocket", "keep-alive", false},
-        {"WebSocket", "", false},
-        {"WebSocket ", "Upgrade", false},
-        {"WebSocket, h2c", "Upgrade", false},
-        {"WebSocke", "Upgrade", false},
-        {"", "Upgrade", false},
-        {nullptr, "Upgrade", false},
-        {"WebSocket", nullptr, false},
-        {nullptr, nullptr, false},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(impl::AsksForUpgrade(row.upgrade, row.connection), row.asks)
-            << (row.upgrade != nullptr ? row.upgrade : "none") << " / "
-            << (row.connection != nullptr ? row.connection : "none");
 }
 
 TEST_F(Dispatch, TreatsOtherUpgradesAsOrdinaryRequests)

@@ -6,10 +6,13 @@
 #include "support/RecordingDaemon.h"
 
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/WebSocket.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace qv::tests
 {
@@ -35,7 +38,11 @@ public:
             onRequest(request);
     }
 
-    void onNewWebSocket(http::WebSocket*) override { mDaemon.record("onNewWebSocket"); }
+    void onNewWebSocket(http::WebSocket* socket) override
+    {
+        mDaemon.record("onNewWebSocket");
+        webSockets.emplace_back(socket);
+    }
 
     void onServerStopped() override
     {
@@ -50,6 +57,8 @@ public:
     std::function<HttpBaseRequest*()> makeRequest;
     std::function<void(HttpBaseRequest*)> onRequest;
     std::function<void()> onStopped;
+
+    std::vector<std::unique_ptr<http::WebSocket>> webSockets;  // in the order they came
 
 private:
     RecordingDaemon& mDaemon;

@@ -162,6 +162,12 @@ const MHD_Response& RecordingDaemon::response(size_t index) const
     return *mResponses.at(index);
 }
 
+std::vector<const MHD_UpgradeResponseHandle*> RecordingDaemon::closedHandles() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mClosedHandles;
+}
+
 bool RecordingDaemon::walkWasStopped() const
 {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -248,6 +254,12 @@ void RecordingDaemon::takeWalkStopped()
 {
     std::lock_guard<std::mutex> lock(mMutex);
     mWalkStopped = true;
+}
+
+void RecordingDaemon::takeClosed(const MHD_UpgradeResponseHandle* handle)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mClosedHandles.push_back(handle);
 }
 
 namespace
@@ -493,9 +505,11 @@ void MHD_destroy_response(MHD_Response* response)
         call->takeDestroyed(response);
 }
 
-MHD_Result MHD_upgrade_action(MHD_UpgradeResponseHandle*, MHD_UpgradeAction action, ...)
+MHD_Result MHD_upgrade_action(MHD_UpgradeResponseHandle* urh, MHD_UpgradeAction action, ...)
 {
     const Call call("MHD_upgrade_action", std::to_string(action));
+    if (action == MHD_UPGRADE_ACTION_CLOSE)
+        call->takeClosed(urh);
     return call.isAllowed() ? MHD_YES : MHD_NO;
 }
 }

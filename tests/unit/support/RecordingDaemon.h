@@ -136,6 +136,9 @@ public:
     size_t responseCount() const;
     const MHD_Response& response(size_t index) const;
 
+    // The handles of the upgraded connections that the library had closed, in order.
+    std::vector<const MHD_UpgradeResponseHandle*> closedHandles() const;
+
     // Whether a value iterator has asked for the end of a walk.
     bool walkWasStopped() const;
 
@@ -151,6 +154,7 @@ public:
     void takeQueued(MHD_Connection* connection, unsigned int status, MHD_Response* response);
     void takeDestroyed(MHD_Response* response);
     void takeWalkStopped();
+    void takeClosed(const MHD_UpgradeResponseHandle* handle);
 
 private:
     mutable std::mutex mMutex;  // guards all below
@@ -162,6 +166,7 @@ private:
     std::vector<MHD_Daemon*> mStops;
     std::deque<MHD_Connection> mConnections;
     std::vector<std::unique_ptr<MHD_Response>> mResponses;
+    std::vector<const MHD_UpgradeResponseHandle*> mClosedHandles;
     bool mWalkStopped = false;
 };
 

@@ -1,0 +1,194 @@
+// An upgraded connection: its life, its socket and its messages.
+
+#include <Wendrel/WebSocket.h>
+
+#include <microhttpd.h>
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace qv::http
+{
+namespace
+{
+
+constexpr size_t kBlockBytes = 1024;
+constexpr size_t kLongestFrameBytes = 131000;
+
+// Room for the longest header that is read and that is written.
+constexpr size_t kClientHeaderBytes = 14;
+constexpr size_t kServerHeaderBytes = 10;
+
+constexpr size_t kShortestFrameBytes = 6;
+
+// The default answer: one word, often enough for three frames.
+constexpr char kAnswerWord[] = {'r', 'e', 's', 'p', 'o', 'n', 's', 'e'};
+constexpr size_t kAnswerWords = 32751;
+
+}  // namespace
+
+WebSocket::WebSocket(int descriptor, void* handle)
+    : blockSize(kBlockBytes), writeOffset(0), lastWriteFill(kBlockBytes), readOffset(0),
+      lastReadFill(kBlockBytes), upgradeHandle(handle), socket(descriptor), messageIsBinary(false),
+      readPending(false), writePending(false)
+{}
+
+WebSocket::WebSocket(WebSocket&& upgraded) : WebSocket(upgraded.socket, upgraded.upgradeHandle)
+{
+    upgraded.socket = -1;
+    upgraded.upgradeHandle = nullptr;
+    readQueue.swap(upgraded.readQueue);
+    std::swap(readOffset, upgraded.readOffset);
+    std::swap(lastReadFill, upgraded.lastReadFill);
+    message.swap(upgraded.message);
+    std::swap(messageIsBinary, upgraded.messageIsBinary);
+    readPending = upgraded.readPending.exchange(false);
+
+    qvMutexLocker locker(&upgraded.lock);
+    writeQueue.swap(upgraded.writeQueue);
+    std::swap(writeOffset, upgraded.writeOffset);
+    std::swap(lastWriteFill, upgraded.lastWriteFill);
+    writePending = upgraded.writePending.exchange(false);
+}
+
+WebSocket::~WebSocket() = default;
+
+void WebSocket::markForDeletion()
+{
+    if (upgradeHandle)
+        MHD_upgrade_action(static_cast<MHD_UpgradeResponseHandle*>(upgradeHandle),
+                           MHD_UPGRADE_ACTION_CLOSE);
+    socket = -1;
+    upgradeHandle = nullptr;
+}
+
+void WebSocket::assignCurrentThread()
+{
+    qvMutexLocker locker(&lock);
+    currentThread = qvThread::CurrentThreadId();
+}
+
+void WebSocket::clearCurrentThread()
+{
+    qvMutexLocker locker(&lock);
+    currentThread.clear();
+}
+
+bool WebSocket::sendDataIfAvailable()
+{
+    qvMutexLocker locker(&lock);
+    while (!writeQueue.empty()) {
+        const int wanted = static_cast<int>(firstWriteEnd() - writeOffset);
+        const ssize_t sent =
+            ::send(socket, writeQueue.front().data() + writeOffset, static_cast<size_t>(wanted), 0);
+        if (sent < 0)
+            return errno == EAGAIN;
+        removeWrittenBytes(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+bool WebSocket::readDataIfAvailable()
+{
+    if (!readPending)
+        return true;
+    for (;;) {
+        if (lastReadFill == blockSize) {
+            readQueue.emplace_back(blockSize);
+            lastReadFill = 0;
+        }
+        const int room = static_cast<int>(blockSize - lastReadFill);
+        // Required: 0, the end of the client's side, is not treated as the end of the stream.
+        const ssize_t received =
+            ::recv(socket, readQueue.back().data() + lastReadFill, static_cast<size_t>(room), 0);
+        if (received < 0) {
+            if (errno != EAGAIN)
+                return false;
+            readPending = false;
+            return tryToReadFrame() != ProtocolError;
+        }
+        lastReadFill += static_cast<size_t>(received);
+        const int result = tryToReadFrame();
+        if (result != FrameIncomplete)
+            return result == FrameConsumed;
+    }
+}
+
+int WebSocket::tryToReadFrame()
+{
+    const size_t available = bufferedBytes();
+    if (available < kShortestFrameBytes)
+        return FrameIncomplete;
+    uint8_t header[kClientHeaderBytes] = {};
+    readNoSeek(header, sizeof header);
+
+    // Required: a first fragment without payload leaves the message empty, so that its
+    // continuation is refused.
+    const bool expectFirstFrame = message.empty();
+    uint8_t maskKey[4] = {};
+    size_t payloadLength = 0;
+    size_t headerSize = 0;
+    bool error = false;
+    bool isBinary = false;
+    bool fin = false;
+    if (!GetLength(header, available, expectFirstFrame, maskKey, payloadLength, headerSize, error,
+                   isBinary, fin))
+        return FrameIncomplete;
+    if (error)
+        return ProtocolError;
+
+    skipBytes(headerSize);
+    if (expectFirstFrame)
+        messageIsBinary = isBinary;
+    const size_t offset = message.size();
+    // Not resize(offset + payloadLength): the sum may wrap around, insert refuses.
+    message.insert(message.end(), payloadLength, 0);
+    readRawData(message, maskKey, offset);
+    if (!fin)
+        return FrameConsumed;
+    onMessageReceived(message, messageIsBinary);
+    message.clear();
+    messageIsBinary = false;
+    return FrameConsumed;
+}
+
+void WebSocket::writeMessage(const void* data, size_t size, bool isBinary)
+{
+    std::string holder;
+    {
+        qvMutexLocker locker(&lock);
+        holder = currentThread;
+        const auto* next = static_cast<const uint8_t*>(data);
+        bool isFirstFrame = true;
+        bool fin = false;
+        while (!fin) {
+            fin = size <= kLongestFrameBytes;
+            const size_t length = std::min(size, kLongestFrameBytes);
+            uint8_t header[kServerHeaderBytes];
+            size_t headerSize = 0;
+            WriteHeader(header, length, isBinary, isFirstFrame, fin, headerSize);
+            writeRawData(header, headerSize);
+            writeRawData(next, length);
+            isFirstFrame = false;
+            next += length;
+            size -= length;
+        }
+    }
+    // A worker sends for itself; for anybody else the poll thread will find the bytes.
+    if (holder == qvThread::CurrentThreadId())
+        sendDataIfAvailable();
+}
+
+// Required: an application that overrides nothing answers everything with this.
+void WebSocket::onMessageReceived(std::vector<uint8_t>&, bool)
+{
+    std::vector<uint8_t> answer(sizeof kAnswerWord * kAnswerWords);
+    for (size_t i = 0; i < answer.size(); ++i)
+        answer[i] = static_cast<uint8_t>(kAnswerWord[i % sizeof kAnswerWord]);
+    writeMessage(answer.data(), answer.size(), true);
+}
+
+}  // namespace qv::http

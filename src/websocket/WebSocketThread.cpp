@@ -1,0 +1,205 @@
+// The poll thread of upgraded connections and its workers.
+
+#include <Wendrel/WebSocket.h>
+
+#include "logging/LogObject.h"
+
+#include <qvSystem/SystemError.h>
+
+#include <poll.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace qv::http
+{
+namespace
+{
+
+// Bounds how long bytes that another thread queues wait for the next cycle.
+constexpr int kPollTimeOutMs = 10;
+
+constexpr unsigned long kThreadEndLimitMs = 2147483647;
+
+// Asks the system which connections are ready; the result of poll().
+int pollConnections(const std::vector<std::unique_ptr<WebSocket>>& cycle,
+                    std::vector<pollfd>& polled)
+{
+    polled.clear();
+    for (const auto& connection : cycle) {
+        const int events = POLLIN | (connection->hasWritePending() ? POLLOUT : 0);
+        polled.push_back({connection->getSocket(), static_cast<short>(events), 0});
+    }
+    return ::poll(polled.data(), polled.size(), kPollTimeOutMs);
+}
+
+}  // namespace
+
+WebSocketWorkerThread::WebSocketWorkerThread(WebSocketThread* owner) : mOwner(owner)
+{
+    startThread(nullptr);
+}
+
+WebSocketWorkerThread::~WebSocketWorkerThread()
+{
+    waitThread(kThreadEndLimitMs);
+}
+
+void WebSocketWorkerThread::run()
+{
+    std::unique_ptr<WebSocket> connection;
+    for (;;) {
+        mOwner->getFirstWebSocket(connection);
+        if (!connection)
+            return;
+        connection->assignCurrentThread();
+        const bool sent = connection->sendDataIfAvailable();
+        const bool readOk = connection->readDataIfAvailable();
+        connection->clearCurrentThread();
+        // Required: a closed connection stays here until the next one takes its place; when the
+        // threads are stopped before that, this loop does not end.
+        if (readOk && sent)
+            mOwner->giveBackWebSocket(connection);
+        else
+            connection->markForDeletion();
+    }
+}
+
+WebSocketThread::WebSocketThread() : pollThreadIdle(false), running(true) {}
+
+WebSocketThread::~WebSocketThread()
+{
+    stopThreads(true);
+    std::vector<std::unique_ptr<WebSocketWorkerThread>> ended;
+    qvMutexLocker locker(&lock);
+    ended.swap(workers);
+    // Each waits for its thread, which may still want the lock.
+    locker.unlock();
+    ended.clear();
+}
+
+void WebSocketThread::startThreads(unsigned count)
+{
+    qvMutexLocker locker(&lock);
+    if (!workers.empty())
+        return;
+    workers.reserve(count);
+    for (unsigned i = 0; i < count; ++i)
+        workers.push_back(std::make_unique<WebSocketWorkerThread>(this));
+    startThread(nullptr);
+}
+
+void WebSocketThread::addWebSocket(std::unique_ptr<WebSocket>& socket)
+{
+    qvMutexLocker locker(&lock);
+    if (!running) {
+        locker.unlock();
+        socket->markForDeletion();
+        return;
+    }
+    newSockets.push_back(std::move(socket));
+    if (pollThreadIdle)
+        pollWake.wakeAll();
+}
+
+void WebSocketThread::getFirstWebSocket(std::unique_ptr<WebSocket>& socket)
+{
+    qvMutexLocker locker(&lock);
+    while (running && readySockets.empty())
+        workerWake.wait(&lock, qvWaitCondition::kNoTimeOut);
+    if (!running)
+        return;
+    // The connection that the worker had before is destroyed with the entry.
+    socket.swap(readySockets.front());
+    readySockets.pop_front();
+}
+
+void WebSocketThread::giveBackWebSocket(std::unique_ptr<WebSocket>& socket)
+{
+    if (!socket->hasReadPending()) {
+        addWebSocket(socket);
+        return;
+    }
+    qvMutexLocker locker(&lock);
+    if (!running) {
+        locker.unlock();
+        socket->markForDeletion();
+        return;
+    }
+    readySockets.push_back(std::move(socket));
+    workerWake.wakeAll();
+}
+
+void WebSocketThread::stopThreads(bool wait)
+{
+    {
+        qvMutexLocker locker(&lock);
+        running = false;
+        pollWake.wakeAll();
+        workerWake.wakeAll();
+    }
+    if (!wait)
+        return;
+    for (size_t i = 0; WebSocketWorkerThread* worker = workerAt(i); ++i)
+        worker->waitThread(kThreadEndLimitMs);
+    waitThread(kThreadEndLimitMs);
+}
+
+WebSocketWorkerThread* WebSocketThread::workerAt(size_t index)
+{
+    qvMutexLocker locker(&lock);
+    return index < workers.size() ? workers[index].get() : nullptr;
+}
+
+// Moves each connection of the cycle to where its events lead; what is left in the cycle is
+// to be destroyed.
+void WebSocketThread::sortCycle(Connections& cycle, const std::vector<pollfd>& polled)
+{
+    bool anyReady = false;
+    for (size_t i = 0; i < cycle.size(); ++i) {
+        const short events = polled[i].revents;
+        std::unique_ptr<WebSocket> connection = std::move(cycle[i]);
+        if (events & (POLLERR | POLLHUP)) {
+            connection->markForDeletion();
+        } else if (!(events & (POLLIN | POLLOUT))) {
+            // Required: this is also the way of a descriptor that is not open (POLLNVAL).
+            newSockets.push_back(std::move(connection));
+        } else {
+            connection->setReadEnabled((events & POLLIN) != 0);
+            readySockets.push_back(std::move(connection));
+            anyReady = true;
+        }
+    }
+    if (anyReady)
+        workerWake.wakeAll();
+}
+
+void WebSocketThread::run()
+{
+    Connections cycle;
+    std::vector<pollfd> polled;
+    qvMutexLocker locker(&lock);
+    pollThreadIdle = false;
+    while (running) {
+        if (newSockets.empty()) {
+            pollThreadIdle = true;
+            pollWake.wait(&lock, qvWaitCondition::kNoTimeOut);
+            pollThreadIdle = false;
+            continue;
+        }
+        cycle.reserve(newSockets.size());
+        cycle.swap(newSockets);
+        locker.unlock();
+        if (pollConnections(cycle, polled) < 0) {
+            const std::string reason = SystemError(errno).toString();
+            qvLogObject(qvLogObject::kError) << "Got an error during call to poll " << reason;
+            // Required: the thread ends, and its connections are destroyed without being closed.
+            return;
+        }
+        locker.relock();
+        sortCycle(cycle, polled);
+        cycle.clear();
+    }
+}
+
+}  // namespace qv::http
