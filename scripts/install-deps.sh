@@ -28,7 +28,8 @@ build_packages=(
     nlohmann-json3-dev libcli11-dev)
 demo_packages=(curl)
 test_packages=(
-    libgtest-dev libgmock-dev libcurl4-openssl-dev curl python3 chromium gcovr ca-certificates)
+    libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
+    nginx-light haproxy chromium gcovr ca-certificates)
 
 wanted=("${build_packages[@]}")
 with_tests=false

@@ -96,6 +96,7 @@ if $install; then
     say "Installing the Debian packages that are missing"
     scripts/install-deps.sh --tests
     install_node_packages tests/integration/filedrop
+    install_node_packages tests/integration/websocket
 fi
 
 for preset in "${presets[@]}"; do
