@@ -137,7 +137,8 @@ private:
 
 FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
     : Application(optionsOf(settings)), mStore(std::move(store)), mSettings(settings),
-      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.workers))
+      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.workers)),
+      mLive([this] { return listText(); })
 {
     addRoutes();
 }
@@ -157,6 +158,7 @@ void FileDrop::addRoutes()
     };
     add(HttpBaseRequest::GET, "/", &FileDrop::sendPage);
     add(HttpBaseRequest::GET, "/api/files", &FileDrop::sendList);
+    add(HttpBaseRequest::GET, "/live", &FileDrop::refuseLive);
     add(HttpBaseRequest::GET, "/api/status", &FileDrop::sendStatus);
     add(HttpBaseRequest::GET, "/files/{name}", &FileDrop::sendFile);
     add(HttpBaseRequest::PUT, "/files/{name}", &FileDrop::receiveFile);
@@ -196,13 +198,32 @@ void FileDrop::sendPage(DropRequest& request)
     request.reply(200, "text/html; charset=utf-8", pageWithNonce(nonce));
 }
 
-void FileDrop::sendList(DropRequest& request)
+void FileDrop::onNewWebSocket(qv::http::WebSocket* socket)
+{
+    mLive.add(socket);
+}
+
+// The connections must be closed while the daemon is still there to close them.
+void FileDrop::onServerStopped()
+{
+    mLive.close();
+    Application::onServerStopped();
+}
+
+// What asks for an upgrade in another spelling than the library's ends up here.
+void FileDrop::refuseLive(DropRequest& request)
+{
+    request.getHead().setHeader("Upgrade", "WebSocket");
+    request.replyError(426, "Only a connection upgraded to a WebSocket is served here; browsers "
+                            "need the proxy of deploy/ for that.");
+}
+
+// None when the directory cannot be read.
+std::optional<std::string> FileDrop::listText() const
 {
     std::vector<FileInfo> files;
-    if (!mStore->list(files)) {
-        answerFailure(request, StoreResult::Failed, "the directory cannot be read");
-        return;
-    }
+    if (!mStore->list(files))
+        return std::nullopt;
     nlohmann::json list = nlohmann::json::array();
     for (const FileInfo& file : files) {
         list.push_back(
@@ -210,7 +231,15 @@ void FileDrop::sendList(DropRequest& request)
              {"size", file.size},
              {"modified", formatIsoTime(file.modifiedSeconds, file.modifiedNanoseconds)}});
     }
-    request.reply(200, kJson, nlohmann::json({{"files", std::move(list)}}).dump());
+    return nlohmann::json({{"files", std::move(list)}}).dump();
+}
+
+void FileDrop::sendList(DropRequest& request)
+{
+    if (const auto text = listText())
+        request.reply(200, kJson, *text);
+    else
+        answerFailure(request, StoreResult::Failed, "the directory cannot be read");
 }
 
 void FileDrop::sendStatus(DropRequest& request)
@@ -356,6 +385,7 @@ void FileDrop::answerUpload(DropRequest& request, Receiver& receiver, const std:
     if (result == StoreResult::Done)
         request.getHead().setHeader("Location", request.getUrl().encodedPath());
     if (result == StoreResult::Done || result == StoreResult::Replaced) {
+        mLive.listChanged();
         const nlohmann::json answer = {{"name", name}, {"size", receiver.size()}};
         request.reply(result == StoreResult::Done ? 201 : 200, kJson, answer.dump());
         return;
@@ -369,10 +399,12 @@ void FileDrop::deleteFile(DropRequest& request)
     if (!checkName(request, name))
         return;
     const StoreResult result = mStore->remove(name);
-    if (result == StoreResult::Done)
+    if (result == StoreResult::Done) {
+        mLive.listChanged();
         request.reply(204, "", "");
-    else
+    } else {
         answerFailure(request, result, "'" + name + "' cannot be deleted");
+    }
 }
 
 // Tells the client in words; what the system said is for the log alone.

@@ -5,6 +5,7 @@
 #include "Conditional.h"
 #include "DropRequest.h"
 #include "FileStore.h"
+#include "LiveList.h"
 #include "Receiver.h"
 
 #include <Wendrel/kit/Application.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace filedrop
@@ -38,13 +40,17 @@ public:
 protected:
     qv::kit::Request* newRequest() override;
     void serve(qv::kit::Request& request) override;
+    void onNewWebSocket(qv::http::WebSocket* socket) override;
+    void onServerStopped() override;
 
 private:
     class TransferSlot;
 
     void addRoutes();
     void sendPage(DropRequest& request);
+    std::optional<std::string> listText() const;
     void sendList(DropRequest& request);
+    void refuseLive(DropRequest& request);
     void sendStatus(DropRequest& request);
     void sendFile(DropRequest& request);
     void sendContent(DropRequest& request, int fd, const FileInfo& info);
@@ -60,6 +66,7 @@ private:
     std::atomic<uint64_t> mBytesIn{0};
     std::atomic<uint64_t> mBytesOut{0};
     std::atomic<int64_t> mFreeSlots;
+    LiveList mLive;
 };
 
 }  // namespace filedrop

@@ -125,6 +125,7 @@ int serve(const Options& options, std::unique_ptr<FileStore> store, qv::kit::Sto
     qv::http::HttpServer::Parameters parameters;
     parameters.port = options.port;
     parameters.threadPoolSize = options.threads;
+    parameters.allowWebSocket = true;
     parameters.listenOnAllInterfaces = options.allInterfaces;
     if (!server.start(parameters))
         return complain("cannot serve on port " + std::to_string(options.port));

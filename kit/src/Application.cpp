@@ -2,11 +2,11 @@
 
 #include <Wendrel/kit/Application.h>
 
-#include <qvSystem/qvLog.h>
-#include <qvSystem/qvSystemUtils.h>
-#include <qvSystem/qvThread.h>
+#include <Wendrel/WebSocket.h>
 
-#include <iostream>
+#include "KitLog.h"
+
+#include <qvSystem/qvThread.h>
 
 namespace qv::kit
 {
@@ -15,22 +15,6 @@ namespace
 
 constexpr const char* kErrorBody = "{\"error\":\"The server failed.\",\"status\":500}";
 constexpr const char* kRetryAfterSeconds = "1";
-
-void logError(const std::string& message)
-{
-    qvLog::LogEntry entry;
-    entry.message = message;
-    entry.category = "kit";
-    entry.threadId = qvThread::CurrentThreadId();
-    entry.timestampMs = qvSystemUtils::GetMSecElapsedSinceEpoch();
-    entry.level = qvLog::Error;
-    entry.computeLogPrefix(true);
-    qvLog* log = qvLog::msInstance;
-    if (!log)
-        std::cerr << entry.prefix + qvLog::EscapeControlCharacters(message) + '\n' << std::flush;
-    else if (log->isLevelEnabled(qvLog::Error))
-        log->Write(entry, true);
-}
 
 }  // namespace
 
@@ -66,14 +50,18 @@ void Application::serve(Request& request)
 
 void Application::onHandlerFailed(Request& request, const std::exception& error)
 {
-    logError(HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
+    LogError(HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
              request.getOriginalFullUrl() + " failed: " + error.what());
     request.failWith("The server failed.");
 }
 
 void Application::onServerStopped() {}
 
-void Application::onNewWebSocket(http::WebSocket*) {}
+void Application::onNewWebSocket(http::WebSocket* socket)
+{
+    const std::unique_ptr<http::WebSocket> taken(socket);
+    taken->markForDeletion();
+}
 
 HttpBaseRequest* Application::createRequest()
 {

@@ -87,8 +87,10 @@ beforeEach(async () => {
     troubles = []
     page.on('pageerror', (error) => troubles.push(String(error)))
     page.on('console', (message) => {
-        // A refused request shows up here too; it is the page that has to explain it.
-        if (message.type() === 'error' && !message.text().startsWith('Failed to load resource'))
+        // A refused request shows up here too; it is the page that has to explain it. Without a
+        // proxy in between the browser's WebSocket is always refused.
+        const expected = /^Failed to load resource|^WebSocket connection to .*code: 426/
+        if (message.type() === 'error' && !expected.test(message.text()))
             troubles.push(message.text())
     })
 })

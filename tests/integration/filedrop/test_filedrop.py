@@ -5,6 +5,7 @@
         python3 test_filedrop.py [Class[.test]]
 """
 
+import json
 import os
 import pathlib
 import signal
@@ -15,6 +16,8 @@ import tempfile
 import time
 import unittest
 
+sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
+from live_client import LiveClient
 from support import (LIMIT_SECONDS, MIB, SANITIZED, SERVER, TEMPORARY_PREFIX, Server, ServerCase,
                      free_port, main, make_sparse, sha256, wait_until)
 
@@ -517,6 +520,87 @@ class DiskFull(ServerCase):
         self.assertEqual(self.curl("/files/kept").body, kept)
         self.assertEqual(self.put("/files/small", b"fits").status, 201)
         self.assertEqual(self.names(), ["kept", "small"])
+
+
+class Live(ServerCase):
+    def connect(self):
+        client = LiveClient(self.server.port, LIMIT_SECONDS)
+        self.addCleanup(client.close)
+        return client
+
+    def names(self, client):
+        """The names in the next list."""
+        message = client.receive()
+        self.assertIsNotNone(message, "the connection ended")
+        return [file["name"] for file in json.loads(message)["files"]]
+
+    def test_list_comes_at_once_and_after_each_change(self):
+        (self.directory / "first").write_bytes(b"1")
+        self.start()
+        client = self.connect()
+        self.assertEqual(client.receive().encode(), self.curl("/api/files").body)
+        self.put("/files/second", b"2")
+        self.assertEqual(self.names(client), ["first", "second"])
+        self.curl("/files/first", "-X", "DELETE")
+        self.assertEqual(self.names(client), ["second"])
+
+    def test_what_happens_in_the_directory_is_told_too(self):
+        self.start()
+        client = self.connect()
+        self.assertEqual(self.names(client), [])
+        (self.directory / "from elsewhere").write_bytes(b"x")
+        self.assertEqual(self.names(client), ["from elsewhere"])
+
+    def test_everybody_is_told_once(self):
+        self.start()
+        clients = [self.connect() for _ in range(30)]
+        for client in clients:
+            self.assertEqual(self.names(client), [])
+        self.put("/files/a", b"x")
+        self.put("/files/b", b"x")
+        for client in clients:
+            names = self.names(client)
+            # Two changes in quick succession may be told as one.
+            if names != ["a", "b"]:
+                self.assertEqual(names, ["a"])
+                self.assertEqual(self.names(client), ["a", "b"])
+
+    def test_what_a_client_says_is_ignored(self):
+        self.start()
+        client = self.connect()
+        self.assertEqual(self.names(client), [])
+        client.send("hello")
+        self.put("/files/a", b"x")
+        self.assertEqual(self.names(client), ["a"])
+
+    def test_clients_that_vanish_leave_the_others_served(self):
+        self.start()
+        for _ in range(10):
+            client = self.connect()
+            client.socket.shutdown(socket.SHUT_WR)
+        client = self.connect()
+        self.assertEqual(self.names(client), [])
+        self.put("/files/a", b"x")
+        self.assertEqual(self.names(client), ["a"])
+
+    def test_other_requests_are_told_what_is_missing(self):
+        self.start()
+        answer = self.curl("/live", "-H", "Upgrade: websocket", "-H", "Connection: Upgrade")
+        self.assertEqual(answer.status, 426, answer)
+        self.assertEqual(answer.headers["upgrade"], "WebSocket")
+        self.assertIn("WebSocket", answer.json()["error"])
+
+    def test_stop_ends_open_connections(self):
+        self.start()
+        clients = [self.connect() for _ in range(20)]
+        for client in clients:
+            self.assertEqual(self.names(client), [])
+        clients[0].socket.shutdown(socket.SHUT_WR)
+        self.assertEqual(self.server.stop(), 0)
+        for client in clients[1:]:
+            self.assertIsNone(client.receive())
+        self.assertNotIn("not closed", "".join(self.server.log))
+        self.server = None
 
 
 class Losses(ServerCase):

@@ -69,7 +69,8 @@ protected:
     void onServerStopped() override;
 
     /// Never called unless connections can be upgraded (`Parameters::allowWebSocket`), and to
-    /// be overridden then: the socket belongs to the application.
+    /// be overridden then: the socket belongs to the application. Give it to a WebSocketHub, and
+    /// close the hub in `onServerStopped`. This one closes the connection.
     void onNewWebSocket(http::WebSocket* socket) override;
 
 private:

@@ -1,0 +1,79 @@
+// wendrel-chat: a chat on a web page until it is told to stop.
+
+#include "Chat.h"
+
+#include <Wendrel/Wendrel.h>
+#include <Wendrel/kit/Server.h>
+#include <qvSystem/qvLog.h>
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <string>
+
+namespace
+{
+
+constexpr std::chrono::milliseconds kStopLimit(5000);
+
+struct Options
+{
+    uint16_t port = 8181;
+    bool allInterfaces = false;
+};
+
+// False: the process is to end with `exitCode`; what there was to say has been printed.
+bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
+{
+    CLI::App app("Serves a page on which people talk in rooms and show each other pictures.\n"
+                 "Browsers reach it through a proxy set up as in deploy/.",
+                 "wendrel-chat");
+    app.option_defaults()->always_capture_default();
+    app.add_option("--port", options.port, "TCP port to listen on")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1, 65535));
+    app.add_flag("--all-interfaces", options.allInterfaces,
+                 "Listen on every network of this machine, not on 127.0.0.1 alone");
+    app.set_version_flag(
+        "--version", std::string("wendrel-chat ") +
+                         Wendrel::Version::GetDescStringMajorMinorReleaseRevision(false, false));
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error) == 0 ? 0 : 1;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    qv::kit::StopSignal stopSignal;  // before any thread
+    Options options;
+    int exitCode = 0;
+    if (!parseOptions(argc, argv, options, exitCode))
+        return exitCode;
+    qv::qvLog log;
+    log.addSink(qv::MakeStandardErrorSink());
+    log.install();
+
+    qv::kit::Server server(std::make_unique<chat::Chat>());
+    qv::http::HttpServer::Parameters parameters;
+    parameters.port = options.port;
+    parameters.listenOnAllInterfaces = options.allInterfaces;
+    parameters.allowWebSocket = true;
+    if (!server.start(parameters)) {
+        std::cerr << "wendrel-chat: cannot serve on port " << options.port
+                  << "; is it in use? Choose another one with --port" << std::endl;
+        return 1;
+    }
+    std::cout << "Chatting at http://127.0.0.1:" << options.port << "/" << std::endl;
+    stopSignal.wait();
+    server.stop(kStopLimit);
+    return 0;
+}
