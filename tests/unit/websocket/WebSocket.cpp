@@ -370,6 +370,19 @@ TEST(WebSocketSending, GoesOnByteByByte)
         3000);
 }
 
+TEST(WebSocketSending, GoesOnAfterACallThatTookNothing)
+{
+    FaultySockets sockets;
+    sockets.answer(FaultySockets::Send, 0, {0, 0});
+    sockets.answer(FaultySockets::Send, 2, {0, 0});
+    SocketPair ends;
+    WebSocket connection(ends.server(), nullptr);
+    Write(connection, Pattern(1500));
+    EXPECT_TRUE(connection.sendDataIfAvailable());
+    EXPECT_EQ(sockets.count(FaultySockets::Send), 4u);
+    EXPECT_THAT(ServerMessages(ends.read()), ElementsAre(Binary(Pattern(1500))));
+}
+
 TEST(WebSocketSending, KeepsTheRestWhileTheSocketIsFull)
 {
     SocketPair ends;
