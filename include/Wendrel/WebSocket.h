@@ -80,13 +80,13 @@ public:
     /// descriptor and its place among the daemon's connections until the daemon stops.
     virtual ~WebSocket();
 
-    /// A whole message has come; `message` may be moved from or changed, it is cleared
+    /// A whole message has come; `received` may be moved from or changed, it is cleared
     /// afterwards. A ping arrives as text, a pong as binary. Thread: the worker that holds the
     /// connection, with no lock held. An exception that leaves it ends the process.
     ///
     /// This one ignores the message and answers with 262008 bytes, the word "response" over
     /// and over, as one binary message: override it.
-    virtual void onMessageReceived(std::vector<uint8_t>& message, bool isBinary);
+    virtual void onMessageReceived(std::vector<uint8_t>& received, bool isBinary);
 
     /// Queues one message, in frames of at most 131000 bytes. Copies the data. Sends at once
     /// when called from `onMessageReceived` of this object; otherwise the WebSocketThread sends

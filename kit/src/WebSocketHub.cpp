@@ -28,10 +28,6 @@ constexpr std::chrono::milliseconds kLookPeriod(50);
 // A client may send its last message and end its side at once: time to handle that message.
 constexpr std::chrono::milliseconds kHalfCloseGrace(500);
 
-// After a shutdown the poll thread closes a connection by itself; one in the hands of a worker
-// needs the reset.
-constexpr std::chrono::milliseconds kShutDownGrace(200);
-
 constexpr std::chrono::milliseconds kShortLook(1);
 
 constexpr int kKeepAliveIdleSeconds = 60;
@@ -273,7 +269,6 @@ void WebSocketHub::revivePollThread()
 {
     if (!mThreads->waitThread(0))
         return;
-    const BlockedSignals blocked;
     if (mThreads->startThread(nullptr))
         LogError("The poll thread of the WebSockets had ended and was started again");
 }
@@ -378,14 +373,11 @@ void WebSocketHub::endConnections(std::chrono::milliseconds limit)
     Lock lock(mMutex);
     while (isAnyUnsent() && Clock::now() < end)
         mChanged.wait_for(lock, kShortLook);
+    // The poll thread closes what it has. A worker goes round in its loop with what it has, as
+    // after a half-close, until the watcher comes.
     for (const HubConnection* connection : mConnections)
         ::shutdown(connection->mWatch, SHUT_RDWR);
-    const auto isEmpty = [this] { return mConnections.empty() && mLeaving == 0; };
-    if (mChanged.wait_for(lock, kShutDownGrace, isEmpty))
-        return;
-    for (const HubConnection* connection : mConnections)
-        resetConnection(connection->mWatch);
-    mChanged.wait(lock, isEmpty);
+    mChanged.wait(lock, [this] { return mConnections.empty() && mLeaving == 0; });
 }
 
 // Of what the system has taken, a reset would throw away what the client has not.

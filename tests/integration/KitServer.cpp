@@ -4,6 +4,7 @@
 #include "support/KitRun.h"
 #include "support/RawClient.h"
 #include "support/Waiting.h"
+#include "support/WebSocketClient.h"
 
 #include <gmock/gmock.h>
 
@@ -480,6 +481,14 @@ TEST(KitServer, NeedsNoStartToBeStoppedOrDestroyed)
     qv::kit::Server never(std::make_unique<KitApplication>());
     qv::kit::Server stopped(std::make_unique<KitApplication>());
     EXPECT_TRUE(stopped.stop(std::chrono::milliseconds(0)));
+}
+
+TEST(KitServer, ClosesUpgradedConnectionsThatTheApplicationDoesNotTake)
+{
+    KitRun run(helloRoute);
+    WebSocketClient client(run.port());
+    EXPECT_TRUE(client.waitForEnd());
+    EXPECT_TRUE(run.stop(kLimit));
 }
 
 TEST(KitServer, IsStoppedByItsDestruction)

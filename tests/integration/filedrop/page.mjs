@@ -290,6 +290,50 @@ test('a server that is gone is told and found again', async () => {
     await page.getByText('The server does not answer.').waitFor({ state: 'hidden' })
 })
 
+const kProxy = ['nginx', 'haproxy'].find((name) => fs.existsSync('/usr/sbin/' + name))
+
+// Puts a proxy, configured as in deploy/, between browser and server until `body` has run.
+async function behindProxy(body) {
+    const script = new URL('../proxies/support.py', import.meta.url).pathname
+    const proxy = spawn('python3', [script, kProxy, new URL(url).port], { stdio: ['pipe', 'pipe', 'inherit'] })
+    const ended = new Promise((resolve) => proxy.once('exit', resolve))
+    try {
+        url = await new Promise((resolve, reject) => {
+            let text = ''
+            proxy.stdout.on('data', (data) => {
+                text += data
+                const found = text.match(/http:\/\/\S+/)
+                if (found)
+                    resolve(found[0])
+            })
+            proxy.on('exit', (code) => reject(new Error(`the proxy ended with ${code}`)))
+        })
+        await body()
+    } finally {
+        proxy.kill('SIGTERM')
+        await ended
+    }
+}
+
+test('the list is pushed through a proxy and asked for again without it', { skip: !kProxy }, async () => {
+    let asked = 0
+    page.on('request', (request) => asked += request.url().endsWith('/api/files'))
+    await behindProxy(async () => {
+        await open()
+        await page.locator('html[data-list=pushed]').waitFor()
+        const before = asked
+        for (const name of ['a', 'b', 'c']) {
+            fs.writeFileSync(path.join(directory, name), name)
+            await fileRow(name).waitFor()
+        }
+        await choose(makeFile('d', 100))
+        await fileRow('d').waitFor()
+        assert.ok(asked - before <= 1, `asked ${asked - before} times: by the upload alone`)
+    })
+    await page.locator('html[data-list=polled]').waitFor()
+    await page.getByText('The server does not answer.').waitFor()
+})
+
 test('everything can be reached with the keyboard', async () => {
     fs.writeFileSync(path.join(directory, 'a'), 'one')
     await open()

@@ -91,6 +91,7 @@ public:
             qv::http::HttpServer::Parameters parameters;
             parameters.port = mPort = TakenPort().port();
             parameters.threadPoolSize = 2;
+            parameters.allowWebSocket = true;
             if (mServer->start(parameters, std::chrono::seconds(30)))
                 return;
         }

@@ -1,0 +1,495 @@
+// A hub of the kit and its clients, which end their connections in every way, as does its close.
+
+#include "support/HubRun.h"
+
+#include <gmock/gmock.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
+namespace integration
+{
+namespace
+{
+
+TEST(WebSocketHub, EchoesTextAndBytes)
+{
+    HubRun run;
+    std::vector<std::unique_ptr<WebSocketClient>> clients;
+    for (int i = 0; i < 10; ++i)
+        clients.push_back(std::make_unique<WebSocketClient>(run.port()));
+    EXPECT_TRUE(waitUntil([&] { return run.hub().getCount() == 10; }));
+    for (const size_t size : {0, 1, 125, 126, 65535, 65536, 131000, 131001, 1000000}) {
+        SCOPED_TRACE(size);
+        std::string bytes(size, 'x');
+        for (size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<char>(i * 7 % 251);
+        for (auto& client : clients) {
+            for (const bool binary : {false, true})
+                expectEcho(*client, bytes, binary);
+        }
+    }
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, HandlesMessagesThatArriveTogether)
+{
+    constexpr int kMessages = 500;
+    HubRun run;
+    WebSocketClient client(run.port());
+    std::string together;
+    for (int i = 0; i < kMessages; ++i)
+        together += maskedFrame(kLastText, std::to_string(i));
+    ASSERT_TRUE(client.raw().send(together));
+    for (int i = 0; i < kMessages; ++i) {
+        const auto answer = client.receive();
+        ASSERT_TRUE(answer) << "after " << i;
+        EXPECT_EQ(answer->bytes, std::to_string(i));
+    }
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, ReachesEveryConnectionFromAnyThread)
+{
+    constexpr int kClients = 8;
+    constexpr int kThreads = 3;
+    constexpr int kRounds = 50;
+    HubRun run;
+    std::vector<std::unique_ptr<WebSocketClient>> clients;
+    for (int i = 0; i < kClients; ++i)
+        clients.push_back(std::make_unique<WebSocketClient>(run.port()));
+    ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == kClients; }));
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&run, thread] {
+            for (int i = 0; i < kRounds; ++i) {
+                const std::string text = std::to_string(thread) + ":" + std::to_string(i);
+                run.hub().forEach([&](HubConnection& each) { each.sendText(text); });
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (auto& client : clients) {
+        std::vector<int> next(kThreads, 0);
+        for (int i = 0; i < kThreads * kRounds; ++i) {
+            const auto message = client->receive();
+            ASSERT_TRUE(message);
+            EXPECT_FALSE(message->isBinary);
+            const auto thread = static_cast<size_t>(message->bytes.at(0) - '0');
+            EXPECT_EQ(message->bytes.substr(2), std::to_string(next.at(thread)++));
+        }
+    }
+    run.stopAndExpectNothingIsLeft();
+}
+
+// With one worker: an end that occupied it would keep the other client from its echo.
+TEST(WebSocketHub, NoticesEveryWayToEndAndFreesTheWorker)
+{
+    const struct
+    {
+        const char* name;
+        void (*end)(HubRun&, WebSocketClient&);
+        bool clientRemains;
+    } rows[] = {
+        {"close frame", [](HubRun&, WebSocketClient& client) { client.sendClose(); }, true},
+        {"reserved opcode",
+         [](HubRun&, WebSocketClient& client) { client.raw().send(maskedFrame(0x83, "")); }, true},
+        {"reset", [](HubRun&, WebSocketClient& client) { client.raw().reset(); }, false},
+        {"close of the socket", [](HubRun&, WebSocketClient& client) { client.raw().close(); },
+         false},
+        {"half-close", [](HubRun&, WebSocketClient& client) { client.raw().finishSending(); },
+         true},
+        {"half-close inside a frame",
+         [](HubRun&, WebSocketClient& client) {
+             client.raw().send(maskedFrame(kLastText, "text").substr(0, 8));
+             client.raw().finishSending();
+         },
+         true},
+        {"half-close, then a broadcast",
+         [](HubRun& run, WebSocketClient& client) {
+             client.raw().finishSending();
+             run.hub().forEach([](HubConnection& each) { each.sendText("late"); });
+         },
+         true},
+        {"close, then broadcasts",
+         [](HubRun& run, WebSocketClient& client) {
+             client.raw().close();
+             waitUntil([&] {
+                 run.hub().forEach([](HubConnection& each) { each.sendText("late"); });
+                 return run.hub().getCount() == 1;
+             });
+         },
+         false},
+        {"abort from the handler",
+         [](HubRun&, WebSocketClient& client) { client.sendText("abort"); }, true},
+        {"abort from another thread",
+         [](HubRun& run, WebSocketClient&) {
+             bool first = true;  // the other client's connection, which is the older one
+             run.hub().forEach([&](HubConnection& each) {
+                 if (!first)
+                     each.abort();
+                 first = false;
+             });
+         },
+         true},
+    };
+    HubSetup setup;
+    setup.options.workers = 1;
+    HubRun run(setup);
+    WebSocketClient other(run.port());
+    expectEcho(other, "here", false);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        WebSocketClient client(run.port());
+        expectEcho(client, "before", false);
+        EXPECT_EQ(run.hub().getCount(), 2u);
+        const auto start = Clock::now();
+        row.end(run, client);
+        EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+        EXPECT_EQ(run.hub().getCount(), 1u);
+        if (row.clientRemains) {
+            EXPECT_TRUE(client.waitForEnd());
+        }
+        // Late broadcasts may come first.
+        ASSERT_TRUE(other.sendText(row.name));
+        for (auto answer = other.receive();; answer = other.receive()) {
+            ASSERT_TRUE(answer);
+            if (answer->bytes == row.name)
+                break;
+        }
+        EXPECT_LT(Clock::now() - start, kPrompt);
+    }
+    run.stopAndExpectNothingIsLeft();
+    EXPECT_EQ(run.ledger().made, static_cast<int>(std::size(rows)) + 1);
+}
+
+TEST(WebSocketHub, HandlesTheLastMessageOfAClientThatEndsItsSide)
+{
+    HubSetup setup;
+    setup.options.workers = 1;
+    HubRun run(setup);
+    for (const char* last : {"first", "second", "third"}) {
+        SCOPED_TRACE(last);
+        WebSocketClient client(run.port());
+        ASSERT_TRUE(client.sendText("early"));
+        ASSERT_TRUE(client.sendText(last));
+        client.raw().finishSending();
+        EXPECT_EQ(run.ledger().messages.pop(), "early");
+        EXPECT_EQ(run.ledger().messages.pop(), last);
+        for (const char* expected : {"early", last}) {
+            const auto answer = client.receive();
+            ASSERT_TRUE(answer);
+            EXPECT_EQ(answer->bytes, expected);
+        }
+        EXPECT_TRUE(client.waitForEnd());
+        EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+    }
+    run.stopAndExpectNothingIsLeft();
+}
+
+// The worker that holds the connection would destroy it for the sake of the next one.
+TEST(WebSocketHub, KeepsAConnectionWhileItsEndIsTold)
+{
+    HubSetup setup;
+    setup.options.workers = 1;
+    HubRun run(setup);
+    WebSocketClient other(run.port());
+    WebSocketClient client(run.port());
+    expectEcho(client, "end slowly", false);
+    ASSERT_TRUE(client.sendClose());
+    ASSERT_TRUE(run.ledger().closings.pop(kPrompt));
+    ASSERT_TRUE(other.sendText("next"));
+    EXPECT_FALSE(waitUntil([&] { return run.ledger().destroyed != 0; }, milliseconds(500)));
+    EXPECT_EQ(run.ledger().closed, 1);
+    run.ledger().endGate.open();
+    const auto answer = other.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->bytes, "next");
+    EXPECT_TRUE(waitUntil([&] { return run.ledger().destroyed == 1; }));
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, AbortsAClientThatTakesNothing)
+{
+    HubSetup setup;
+    setup.options.unsentLimit = milliseconds(300);
+    HubRun run(setup);
+    WebSocketClient idle(run.port());
+    WebSocketClient client(run.port());
+    const auto start = Clock::now();
+    ASSERT_TRUE(client.sendText("flood"));
+    EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+    EXPECT_GE(Clock::now() - start, setup.options.unsentLimit);
+    EXPECT_TRUE(client.waitForEnd());
+    // One that has nothing to take stays.
+    EXPECT_EQ(run.hub().getCount(), 1u);
+    expectEcho(idle, "here", false);
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, KeepsAClientThatIsSlowToTake)
+{
+    HubSetup setup;
+    setup.options.unsentLimit = std::chrono::milliseconds::max();
+    HubRun run(setup);
+    WebSocketClient client(run.port());
+    ASSERT_TRUE(client.sendText("flood"));
+    ASSERT_EQ(run.ledger().messages.pop(), "flood");
+    // The hub has looked at it many times by now.
+    EXPECT_FALSE(run.ledger().closings.pop(milliseconds(1000)));
+    const auto flood = client.receive();
+    ASSERT_TRUE(flood);
+    EXPECT_TRUE(flood->bytes == std::string(kFloodBytes, 'f'));
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, ItsCloseEndsWhateverIsGoingOn)
+{
+    HubRun run;
+    WebSocketClient idle(run.port());
+    WebSocketClient halfClosed(run.port());
+    WebSocketClient notReading(run.port());
+    WebSocketClient inAFrame(run.port());
+    ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == 4; }));
+    halfClosed.raw().finishSending();
+    ASSERT_TRUE(notReading.sendText("flood"));
+    ASSERT_TRUE(inAFrame.raw().send(maskedFrame(kLastText, "text").substr(0, 8)));
+    ASSERT_TRUE(waitUntilSomethingIsQueued(run));
+    const auto start = Clock::now();
+    EXPECT_TRUE(run.hub().close(milliseconds(0)));
+    EXPECT_LT(Clock::now() - start, kPrompt);
+    EXPECT_EQ(run.hub().getCount(), 0u);
+    run.expectNothingIsLeft();
+    for (WebSocketClient* client : {&idle, &halfClosed, &notReading, &inAFrame})
+        EXPECT_TRUE(client->waitForEnd());
+    EXPECT_LT(Clock::now() - start, kPrompt);
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, ClosesWhatComesAfterItsClose)
+{
+    for (const bool used : {false, true}) {
+        SCOPED_TRACE(used);
+        HubRun run;
+        if (used)
+            expectEcho(*std::make_unique<WebSocketClient>(run.port()), "text", false);
+        EXPECT_TRUE(run.hub().close(milliseconds(0)));
+        const int before = run.ledger().closed;
+        WebSocketClient client(run.port());
+        EXPECT_TRUE(client.waitForEnd());
+        EXPECT_EQ(run.hub().getCount(), 0u);
+        // It was never in the hub.
+        EXPECT_EQ(run.ledger().closed, before);
+        EXPECT_TRUE(waitUntil([&] { return run.ledger().destroyed == run.ledger().made; }));
+        run.stop();
+    }
+}
+
+TEST(WebSocketHub, ClosesWhatItCannotWatch)
+{
+    Ledger ledger;
+    WebSocketHub hub;
+    hub.adopt<Echo>(new qv::http::WebSocket(-1, nullptr), ledger);
+    EXPECT_EQ(hub.getCount(), 0u);
+    EXPECT_EQ(ledger.destroyed, 1);
+    EXPECT_EQ(ledger.closed, 0);
+}
+
+TEST(WebSocketHub, ItsCloseLetsAReadingClientTakeWhatIsQueued)
+{
+    HubSetup setup;
+    setup.closeLimit = kLimit;
+    HubRun run(setup);
+    WebSocketClient client(run.port());
+    ASSERT_TRUE(client.sendText("flood"));
+    ASSERT_TRUE(waitUntilSomethingIsQueued(run));
+    std::thread stopper([&] { run.stop(); });
+    const auto flood = client.receive();
+    const auto echo = client.receive();
+    EXPECT_TRUE(client.waitForEnd());
+    stopper.join();
+    ASSERT_TRUE(flood);
+    EXPECT_TRUE(flood->bytes == std::string(kFloodBytes, 'f'));
+    ASSERT_TRUE(echo);
+    EXPECT_EQ(echo->bytes, "flood");
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, ItsCloseLetsASlowClientTakeWhatTheSystemHolds)
+{
+    HubRun run;
+    WebSocketClient client(run.port());
+    ASSERT_TRUE(client.sendText("fill"));
+    ASSERT_TRUE(client.sendText("wait"));
+    ASSERT_EQ(run.ledger().messages.pop(), "fill");
+    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    run.hub().forEach([](HubConnection& each) { ASSERT_FALSE(each.hasWritePending()); });
+    std::atomic<bool> returned{false};
+    std::thread closer([&] {
+        run.hub().close(kLimit);
+        returned = true;
+    });
+    // Long enough for a reset, were there one.
+    EXPECT_FALSE(waitUntil([&] { return returned.load(); }, milliseconds(600)));
+    const auto fill = client.receive();
+    EXPECT_TRUE(client.receive());
+    run.ledger().gate.open();
+    closer.join();
+    EXPECT_TRUE(client.waitForEnd());
+    ASSERT_TRUE(fill);
+    EXPECT_TRUE(fill->bytes == std::string(kFillBytes, 'f')) << fill->bytes.size();
+    run.stopAndExpectNothingIsLeft();
+}
+
+// Not for sure: one that a worker has at this moment is reset half a second later.
+TEST(WebSocketHub, ItsCloseLeavesToTheSystemWhatThatHasTaken)
+{
+    constexpr int kTries = 10;
+    bool whole = false;
+    for (int i = 0; i < kTries && !whole; ++i) {
+        HubRun run;
+        WebSocketClient client(run.port());
+        ASSERT_TRUE(client.sendText("fill"));
+        ASSERT_TRUE(client.sendText("mark"));
+        ASSERT_EQ(run.ledger().messages.pop(), "fill");
+        ASSERT_EQ(run.ledger().messages.pop(), "mark");
+        bool busy = true;
+        const auto isIdle = [&] {
+            run.hub().forEach([&](HubConnection& each) {
+                busy = each.hasReadPending() || each.hasWritePending();
+            });
+            return !busy;
+        };
+        ASSERT_TRUE(waitUntil(isIdle));
+        EXPECT_TRUE(run.hub().close(milliseconds(0)));
+        const auto fill = client.receive();
+        whole = fill && fill->bytes == std::string(kFillBytes, 'f');
+        run.stopAndExpectNothingIsLeft();
+    }
+    EXPECT_TRUE(whole);
+}
+
+TEST(WebSocketHub, ItsCloseWaitsForOneThatDoesNotReadNoLongerThanItIsTold)
+{
+    for (const milliseconds limit : {milliseconds(0), milliseconds(700)}) {
+        SCOPED_TRACE(limit.count());
+        HubRun run;
+        WebSocketClient client(run.port());
+        ASSERT_TRUE(client.sendText("flood"));
+        ASSERT_TRUE(waitUntilSomethingIsQueued(run));
+        const auto start = Clock::now();
+        EXPECT_TRUE(run.hub().close(limit));
+        EXPECT_GE(Clock::now() - start, limit);
+        EXPECT_LT(Clock::now() - start, kPrompt);
+        EXPECT_TRUE(client.waitForEnd());
+        run.stopAndExpectNothingIsLeft();
+    }
+}
+
+TEST(WebSocketHub, ItsCloseDoesNotWaitWhenNothingIsQueued)
+{
+    HubRun run;
+    WebSocketClient client(run.port());
+    expectEcho(client, "text", false);
+    const auto start = Clock::now();
+    EXPECT_TRUE(run.hub().close(milliseconds::max()));
+    EXPECT_LT(Clock::now() - start, kPrompt);
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, IsClosedAsOftenAsOneLikes)
+{
+    HubRun run;
+    WebSocketClient client(run.port());
+    expectEcho(client, "text", false);
+    EXPECT_TRUE(run.hub().close(milliseconds(0)));
+    EXPECT_TRUE(run.hub().close(kLimit));
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, IsClosedByItsDestruction)
+{
+    HubRun run;
+    WebSocketClient client(run.port());
+    WebSocketClient halfClosed(run.port());
+    expectEcho(client, "text", false);
+    expectEcho(halfClosed, "text", false);
+    halfClosed.raw().finishSending();
+    run.application().destroyHub();
+    run.expectNothingIsLeft();
+    EXPECT_EQ(run.ledger().made, 2);
+    EXPECT_TRUE(client.waitForEnd());
+    EXPECT_TRUE(halfClosed.waitForEnd());
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, EveryCloseWaitsForRunningHandlers)
+{
+    HubSetup setup;
+    setup.options.workers = 2;
+    HubRun run(setup);
+    std::vector<std::unique_ptr<WebSocketClient>> clients;
+    // More than there are workers.
+    for (int i = 0; i < 4; ++i) {
+        clients.push_back(std::make_unique<WebSocketClient>(run.port()));
+        ASSERT_TRUE(clients.back()->sendText("wait"));
+    }
+    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == clients.size(); }));
+    std::atomic<int> returned{0};
+    std::vector<std::thread> closers;
+    for (int i = 0; i < 2; ++i) {
+        closers.emplace_back([&] {
+            run.hub().close(milliseconds(0));
+            ++returned;
+        });
+    }
+    // The half second after which a client that has gone is aborted is over by then.
+    EXPECT_FALSE(waitUntil([&] { return returned != 0; }, milliseconds(1200)));
+    EXPECT_EQ(run.ledger().closedWhileHandling, 0);
+    run.ledger().gate.open();
+    for (std::thread& closer : closers)
+        closer.join();
+    run.expectNothingIsLeft();
+    for (auto& client : clients)
+        EXPECT_TRUE(client->waitForEnd());
+    run.stopAndExpectNothingIsLeft();
+}
+
+TEST(WebSocketHub, PreparesTheSocket)
+{
+    Ledger ledger;
+    // The options belong to the connection, whichever descriptor they are asked of.
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    {
+        WebSocketHub hub;
+        hub.adopt<Echo>(new qv::http::WebSocket(socket, nullptr), ledger);
+    }
+    const struct
+    {
+        int level;
+        int option;
+        int expected;
+    } rows[] = {
+        {SOL_SOCKET, SO_KEEPALIVE, 1},   {IPPROTO_TCP, TCP_NODELAY, 1},
+        {IPPROTO_TCP, TCP_KEEPIDLE, 60}, {IPPROTO_TCP, TCP_KEEPINTVL, 15},
+        {IPPROTO_TCP, TCP_KEEPCNT, 4},   {IPPROTO_TCP, TCP_USER_TIMEOUT, 120000},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.option);
+        int value = 0;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(::getsockopt(socket, row.level, row.option, &value, &size), 0);
+        EXPECT_EQ(value, row.expected);
+    }
+    ::close(socket);
+}
+
+}  // namespace
+}  // namespace integration

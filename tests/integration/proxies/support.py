@@ -1,0 +1,225 @@
+"""Starting nginx and HAProxy with the configurations that this tree delivers.
+
+Only what is marked with "# ADAPT: ..." is changed: addresses, users, and where files are put.
+
+    python3 support.py nginx 8181
+
+runs one in front of 127.0.0.1:8181 until SIGTERM, SIGINT or the end of its input, and prints its
+address.
+"""
+
+import importlib.util
+import os
+import pathlib
+import pwd
+import queue
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+
+HERE = pathlib.Path(__file__).resolve().parent
+DEPLOY = HERE.parents[2] / "deploy"
+
+
+def load_filedrop_support():
+    """The module of the same name that starts filedrop."""
+    place = HERE.parent / "filedrop" / "support.py"
+    spec = importlib.util.spec_from_file_location("filedrop_support", place)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+filedrop = load_filedrop_support()
+LIMIT_SECONDS = filedrop.LIMIT_SECONDS
+MIB = filedrop.MIB
+free_port = filedrop.free_port
+wait_until = filedrop.wait_until
+
+
+def adapt(text, mark, old, new):
+    """Replaces `old` in each line that is marked so; fails when there is none, or none of `old`."""
+    lines = text.split("\n")
+    found = [i for i, line in enumerate(lines) if line.rstrip().endswith(f"# ADAPT: {mark}")]
+    if not found:
+        raise AssertionError(f"no line is marked '# ADAPT: {mark}'")
+    for i in found:
+        if old not in lines[i]:
+            raise AssertionError(f"'{old}' is not in the marked line '{lines[i]}'")
+        lines[i] = lines[i].replace(old, new)
+    return "\n".join(lines)
+
+
+def nginx_files(text, work):
+    """Puts everything that nginx writes into the directory `work`."""
+    text = adapt(text, "pid file", "/run", str(work))
+    text = adapt(text, "log", "/var/log/nginx", str(work))
+    return adapt(text, "directory", "/var/lib/nginx", str(work))
+
+
+def nginx_configuration(work, port, backend):
+    text = nginx_files((DEPLOY / "nginx.conf").read_text(), work)
+    text = adapt(text, "the user nginx runs as", "user www-data;", "")
+    text = adapt(text, "address of the application", "127.0.0.1:8181", f"127.0.0.1:{backend}")
+    return adapt(text, "address to listen on", "listen 80 ", f"listen 127.0.0.1:{port} ")
+
+
+def haproxy_configuration(port, backend):
+    text = (DEPLOY / "haproxy.cfg").read_text()
+    text = adapt(text, "log", "/dev/log local0", "stdout format raw local0")
+    text = adapt(text, "directory without files", "chroot /var/lib/haproxy", "")
+    text = adapt(text, "the user HAProxy runs as", "user haproxy", "")
+    text = adapt(text, "its group", "group haproxy", "")
+    text = adapt(text, "address of the application", "127.0.0.1:8181", f"127.0.0.1:{backend}")
+    return adapt(text, "address to listen on", "bind :80 ", f"bind 127.0.0.1:{port} ")
+
+
+def find_program(name):
+    return shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
+
+
+class Proxy:
+    """One nginx or HAProxy in front of what listens on 127.0.0.1:`backend`."""
+
+    def __init__(self, name, backend):
+        self.name = name
+        self.port = free_port()
+        self.url = f"http://127.0.0.1:{self.port}"
+        self.work = pathlib.Path(tempfile.mkdtemp(prefix=f"proxy-{name}-"))
+        file = self.work / "configuration"
+        if name == "nginx":
+            file.write_text(nginx_configuration(self.work, self.port, backend))
+            command = [find_program(name), "-c", str(file), "-g", "daemon off;"]
+        else:
+            file.write_text(haproxy_configuration(self.port, backend))
+            command = [find_program(name), "-db", "-f", str(file)]
+        identity = {}
+        if os.geteuid() == 0:
+            nobody = pwd.getpwnam("nobody")
+            os.chown(self.work, nobody.pw_uid, nobody.pw_gid)
+            identity = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
+        with open(self.work / "output", "wb") as output:
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output,
+                                            stderr=output, cwd=self.work, **identity)
+
+    def log(self):
+        files = [self.work / "output", self.work / "error.log"]
+        return "".join(file.read_text(errors="replace") for file in files if file.exists())
+
+    def accepts(self):
+        if self.process.poll() is not None:
+            raise AssertionError(f"{self.name} ended: {self.log()}")
+        try:
+            socket.create_connection(("127.0.0.1", self.port), timeout=LIMIT_SECONDS).close()
+            return True
+        except ConnectionRefusedError:
+            return False
+
+    def wait_ready(self):
+        wait_until(self.accepts, f"{self.name} accepts connections")
+        return self
+
+    def stop(self):
+        """Ends it and removes its files; returns its exit code."""
+        if self.process.poll() is None:
+            self.process.terminate()
+        try:
+            code = self.process.wait(timeout=LIMIT_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise AssertionError(f"{self.name} did not stop on SIGTERM") from None
+        finally:
+            shutil.rmtree(self.work)
+        return code
+
+
+class HeadKeeper:
+    """A server that keeps the heads of the requests it gets and answers each with 200."""
+
+    def __init__(self):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        self.heads = queue.Queue()
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while True:
+            try:
+                connection, _ = self.listener.accept()
+            except OSError:
+                return  # closed
+            with connection:
+                connection.settimeout(LIMIT_SECONDS)
+                head = self._answer(connection)
+            if head and not head.is_health_check():
+                self.heads.put(head)
+
+    @staticmethod
+    def _answer(connection):
+        data = b""
+        while b"\r\n\r\n" not in data:
+            piece = connection.recv(65536)
+            if not piece:
+                return None
+            data += piece
+        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok")
+        return Head(data)
+
+    def take(self):
+        """The next request's head, as the proxy sent it."""
+        return self.heads.get(timeout=LIMIT_SECONDS)
+
+    def close(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.thread.join(LIMIT_SECONDS)
+
+
+class Head:
+    def __init__(self, data):
+        lines = data.split(b"\r\n\r\n")[0].decode("latin-1").split("\r\n")
+        self.request = lines[0]
+        self.headers = [(name.strip().lower(), value.strip())
+                        for name, _, value in (line.partition(":") for line in lines[1:])]
+
+    def values(self, name):
+        return [value for key, value in self.headers if key == name]
+
+    def is_health_check(self):
+        return self.values("host") == ["localhost"]
+
+
+def backend_connections(port):
+    """The other ends of the connections that are open to a port of this machine."""
+    established = "01"
+    ends = set()
+    for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
+        local, remote, state = line.split()[1:4]
+        if local == f"0100007F:{port:04X}" and state == established:
+            ends.add(remote)
+    return ends
+
+
+def main(name, backend):
+    ended = threading.Event()
+    for number in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(number, lambda *_: ended.set())
+    # The parent's end shows as the end of our input.
+    threading.Thread(target=lambda: (sys.stdin.read(), ended.set()), daemon=True).start()
+    proxy = Proxy(name, int(backend))
+    try:
+        proxy.wait_ready()
+        print(proxy.url, flush=True)
+        ended.wait()
+    finally:
+        proxy.stop()
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

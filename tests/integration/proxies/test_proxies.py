@@ -1,0 +1,439 @@
+#!/usr/bin/env python3
+"""The library behind nginx and HAProxy, with the configurations of deploy/.
+
+    WENDREL_PROXY=nginx WENDREL_FILEDROP=.../wendrel-filedrop WENDREL_CHAT=.../wendrel-chat \
+    WENDREL_ECHO_SERVER=.../websocket_echo_server WENDREL_DOCS_ECHO=.../docs_websocket_echo \
+        /usr/bin/python3 test_proxies.py [Class[.test]]
+"""
+
+import hashlib
+import http.client
+import json
+import os
+import pathlib
+import queue
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+import websocket
+
+from support import (DEPLOY, LIMIT_SECONDS, MIB, HeadKeeper, Proxy, adapt, backend_connections, filedrop,
+                     find_program, free_port, nginx_files, wait_until)
+
+PROXY = os.environ.get("WENDREL_PROXY", "nginx")
+ECHO_SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
+DOCS_ECHO = os.environ.get("WENDREL_DOCS_ECHO", "docs_websocket_echo")
+CHAT = os.environ.get("WENDREL_CHAT", "wendrel-chat")
+LARGE = 64 * MIB
+UNFETCHED = 1024 * MIB  # far more than the system's socket buffers can hold
+
+
+class ProxyCase(unittest.TestCase):
+    """Starts the proxy, and sees that it ends well."""
+
+    def start_proxy(self, backend):
+        proxy = Proxy(PROXY, backend)
+        self.addCleanup(self.end_proxy, proxy)
+        return proxy.wait_ready()
+
+    def end_proxy(self, proxy):
+        log = proxy.log()
+        # HAProxy ends by the signal itself.
+        self.assertIn(proxy.stop(), (0, -signal.SIGTERM), log)
+        for word in ("[emerg]", "[alert]", "[crit]", "[ALERT]"):
+            self.assertNotIn(word, log)
+
+    def start_server(self, *command):
+        """A server of ours that tells on a line of its own where it listens; returns the port."""
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        lines = queue.Queue()
+
+        def read():
+            for line in process.stdout:
+                lines.put(line)
+            lines.put(None)
+
+        reader = threading.Thread(target=read, daemon=True)
+        reader.start()
+
+        def end():
+            process.terminate()
+            try:
+                self.assertEqual(process.wait(LIMIT_SECONDS), 0)
+            finally:
+                process.kill()
+                process.wait()
+                reader.join(LIMIT_SECONDS)
+                process.stdout.close()
+
+        self.addCleanup(end)
+        # Lines of the library's log may stand before it.
+        while line := lines.get(timeout=LIMIT_SECONDS):
+            if told := re.match(r"(?:port |.*(?:http|ws)://127\.0\.0\.1:)(\d+)", line):
+                return int(told[1])
+        raise AssertionError("the server ended")
+
+
+class Configuration(unittest.TestCase):
+    def test_a_missing_mark_is_noticed(self):
+        text = "listen 80;  # ADAPT: address\nother 80;"
+        self.assertEqual(adapt(text, "address", "80", "81"), "listen 81;  # ADAPT: address\nother 80;")
+        for mark, old in (("addres", "80"), ("port", "80"), ("address", "443")):
+            with self.subTest(mark=mark, old=old), self.assertRaises(AssertionError):
+                adapt(text, mark, old, "81")
+
+    def test_the_file_is_accepted_as_it_is(self):
+        if os.geteuid() != 0:
+            self.skipTest("needs root: the file names users and ports of the system")
+        work = pathlib.Path(tempfile.mkdtemp(prefix="proxy-check-"))
+        self.addCleanup(shutil.rmtree, work)
+        file = work / "configuration"
+        if PROXY == "nginx":  # makes files also when it only checks
+            file.write_text(nginx_files((DEPLOY / "nginx.conf").read_text(), work))
+            command = ["nginx", "-t", "-c", file]
+        else:
+            command = ["haproxy", "-c", "-f", DEPLOY / "haproxy.cfg"]
+        done = subprocess.run([find_program(command[0]), *map(str, command[1:])], capture_output=True,
+                              text=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertNotIn("warn", (done.stdout + done.stderr).lower())
+
+
+class Headers(ProxyCase):
+    """What reaches the application, seen by a server that keeps it."""
+
+    def setUp(self):
+        self.keeper = HeadKeeper()
+        self.addCleanup(self.keeper.close)
+        self.proxy = self.start_proxy(self.keeper.port)
+
+    def ask(self, *lines, request="GET / HTTP/1.1"):
+        head = "\r\n".join([request, "Host: site.test", *lines, "", ""])
+        with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
+            client.sendall(head.encode())
+            answer = client.recv(65536)
+        self.assertTrue(answer.startswith(b"HTTP/1.1 200"), answer)
+        return self.keeper.take()
+
+    def test_requests_for_a_websocket_are_respelt(self):
+        rows = (
+            ("Chromium", "websocket", "Upgrade"),
+            ("Firefox", "websocket", "keep-alive, Upgrade"),
+            ("no blank after the comma", "websocket", "keep-alive,Upgrade"),
+            ("the word first", "websocket", "Upgrade, keep-alive"),
+            ("lower case", "websocket", "upgrade"),
+            ("upper case", "WEBSOCKET", "UPGRADE"),
+            ("as the library wants it", "WebSocket", "Upgrade"),
+            ("among other protocols", "h2c, websocket", "Upgrade"))
+        for name, upgrade, connection in rows:
+            with self.subTest(name):
+                head = self.ask(f"Upgrade: {upgrade}", f"Connection: {connection}",
+                                "Sec-WebSocket-Version: 13", "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==",
+                                "Origin: http://site.test", request="GET /live?a=%2F HTTP/1.1")
+                self.assertEqual(head.request, "GET /live?a=%2F HTTP/1.1")
+                self.assertEqual(head.values("upgrade"), ["WebSocket"])
+                self.assertEqual(len(head.values("connection")), 1, head.headers)
+                self.assertIn("Upgrade", head.values("connection")[0])
+                self.assertEqual(head.values("sec-websocket-version"), ["13"])
+                self.assertEqual(head.values("sec-websocket-key"), ["dGhlIHNhbXBsZSBub25jZQ=="])
+                self.assertEqual(head.values("origin"), ["http://site.test"])
+                self.assertEqual(head.values("host"), ["site.test"])
+                self.assertEqual(head.values("x-forwarded-for"), ["127.0.0.1"])
+
+    def test_other_requests_are_not(self):
+        rows = (
+            ("nothing", ()),
+            ("keep-alive", ("Connection: keep-alive",)),
+            ("another protocol", ("Upgrade: h2c", "Connection: Upgrade")),
+            ("a longer word", ("Upgrade: websocket-2", "Connection: Upgrade")),
+            ("no Connection header", ("Upgrade: websocket",)),
+            ("Connection without the word", ("Upgrade: websocket", "Connection: keep-alive")),
+            ("the word within another", ("Upgrade: websocket", "Connection: upgrades")),
+            ("no Upgrade header", ("Connection: Upgrade",)),
+            ("an insecure one", ("Upgrade-Insecure-Requests: 1", "Connection: keep-alive")))
+        for name, lines in rows:
+            with self.subTest(name):
+                head = self.ask(*lines)
+                self.assertEqual(head.values("upgrade"), [])
+                self.assertNotIn("upgrade", ",".join(head.values("connection")).lower())
+
+    def test_the_request_is_passed_on_as_it_came(self):
+        target = "/files/a%2Fb//c%20d/..%3B?x=%20+&y=%C3%A9"
+        head = self.ask("Cookie: a=1; b=2", "X-Own: some value", "Accept-Encoding: gzip",
+                        "X-Long: " + "x" * 8000, request=f"GET {target} HTTP/1.1")
+        self.assertEqual(head.request, f"GET {target} HTTP/1.1")
+        self.assertEqual(head.values("host"), ["site.test"])
+        self.assertEqual(head.values("cookie"), ["a=1; b=2"])
+        self.assertEqual(head.values("x-own"), ["some value"])
+        self.assertEqual(head.values("accept-encoding"), ["gzip"])
+        self.assertEqual(head.values("x-long"), ["x" * 8000])
+
+    def test_the_client_address_cannot_be_forged(self):
+        head = self.ask("X-Forwarded-For: 192.0.2.7", "X-Forwarded-Proto: https")
+        self.assertEqual(head.values("x-forwarded-for"), ["127.0.0.1"])
+        self.assertEqual(head.values("x-forwarded-proto"), ["http"])
+
+
+class Transfers(ProxyCase, filedrop.ServerCase):
+    """filedrop behind the proxy."""
+
+    def start(self, *options):
+        super().start(*options)
+        self.direct = self.server.url
+        self.proxy = self.start_proxy(self.server.port)
+        self.server.url = self.proxy.url  # for `curl`
+
+    def server_status(self):
+        """Asked past the proxy."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=LIMIT_SECONDS)
+        try:
+            connection.request("GET", "/api/status")
+            return json.load(connection.getresponse())
+        finally:
+            connection.close()
+
+    def test_an_upload_arrives_while_it_is_sent(self):
+        self.start()
+        content = os.urandom(MIB) * (LARGE // MIB)
+        with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=2 * LIMIT_SECONDS) as client:
+            client.sendall(b"PUT /files/large.bin HTTP/1.1\r\nHost: site.test\r\n"
+                           b"Content-Length: %d\r\n\r\n" % LARGE)
+            client.sendall(content[:MIB])
+
+            def begun():
+                return any((self.directory / name).stat().st_size > MIB // 4 for name in self.temporary())
+
+            wait_until(begun, "the server has the first bytes, the last are not sent yet")
+            self.assertEqual(self.names(), self.temporary())
+            client.sendall(content[MIB:])
+            answer = client.recv(65536)
+        self.assertTrue(answer.startswith(b"HTTP/1.1 201"), answer[:200])
+        self.assertEqual(self.names(), ["large.bin"])
+        self.assertEqual(filedrop.sha256(self.directory / "large.bin"), hashlib.sha256(content).hexdigest())
+
+    def test_a_chunked_upload_of_unknown_length(self):
+        self.start()
+        source = filedrop.make_sparse(self.work / "source", LARGE // 4)
+        with open(source, "rb") as stream:
+            curl = self.spawn_curl("-T", "-", "-o", os.devnull, "-w", "%{http_code}",
+                                   self.server.url + "/files/large.bin", stdin=stream)
+            output, error = curl.communicate(timeout=2 * LIMIT_SECONDS)
+        self.assertEqual(output, b"201", error)
+        self.assertEqual(filedrop.sha256(self.directory / "large.bin"), filedrop.sha256(source))
+
+    def test_a_download_is_made_as_it_is_fetched(self):
+        self.start()
+        filedrop.make_sparse(self.directory / "large.bin", UNFETCHED)
+        with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
+            client.sendall(b"GET /files/large.bin HTTP/1.1\r\nHost: site.test\r\n\r\n")
+            self.assertTrue(client.recv(65536).startswith(b"HTTP/1.1 200"))
+            # Nobody fetches any more: what lies between the client and the server gets full.
+            self.assertLess(self.wait_until_sending_stalls(), UNFETCHED // 2)
+        wait_until(lambda: self.server_status()["openRequests"] == 1, "the server notices the end")
+
+    def test_a_large_download(self):
+        self.start()
+        source = filedrop.make_sparse(self.directory / "large.bin", LARGE)
+        target = self.work / "target"
+        answer = self.curl("/files/large.bin", "-o", target)
+        self.assertEqual((answer.status, answer.headers["content-length"]), (200, str(LARGE)), answer)
+        self.assertEqual(filedrop.sha256(target), filedrop.sha256(source))
+
+    def wait_until_sending_stalls(self):
+        """How many bytes the server has written when it writes no more."""
+        seen = []
+
+        def stalled():
+            seen.append(self.server_status()["bytesOut"])
+            time.sleep(0.05)  # between two looks
+            return len(seen) > 20 and seen[-1] - seen[-20] < 65536  # the status itself counts too
+
+        wait_until(stalled, "the server waits for the client")
+        return seen[-1]
+
+    def test_head_range_and_not_modified(self):
+        self.start()
+        content = os.urandom(3 * MIB + 1)
+        self.assertEqual(self.put("/files/a.bin", content).status, 201)
+        head = self.curl("/files/a.bin", "-I")
+        self.assertEqual((head.status, head.headers["content-length"]), (200, str(len(content))))
+        whole = self.curl("/files/a.bin")
+        self.assertEqual((whole.status, whole.body), (200, content))
+        part = self.curl("/files/a.bin", "-r", "1000000-1999999")
+        self.assertEqual((part.status, part.body), (206, content[1000000:2000000]))
+        self.assertEqual(part.headers["content-range"], f"bytes 1000000-1999999/{len(content)}")
+        same = self.curl("/files/a.bin", "-H", f"If-None-Match: {whole.headers['etag']}")
+        self.assertEqual((same.status, same.body), (304, b""))
+        self.assertEqual(self.curl("/files/none").status, 404)
+        self.assertEqual(self.curl("/files/a.bin", "-X", "DELETE").status, 204)
+        self.assertEqual(self.names(), [])
+
+    def test_connections_are_used_again(self):
+        self.start()
+        (self.directory / "a").write_bytes(b"one")
+        rounds = 20
+        connection = http.client.HTTPConnection("127.0.0.1", self.proxy.port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        connection.connect()
+        own_end = connection.sock.getsockname()
+        seen = []
+        for _ in range(rounds):
+            for method, length in (("GET", 3), ("HEAD", 0)):
+                connection.request(method, "/files/a")
+                answer = connection.getresponse()
+                self.assertEqual((answer.status, len(answer.read())), (200, length))
+            seen.append(backend_connections(self.server.port))
+        self.assertEqual(connection.sock.getsockname(), own_end)
+        self.assertTrue(set.intersection(*seen), "none has stayed open")
+        # One would do; the health check makes some of its own.
+        self.assertLess(len(set.union(*seen)), rounds)
+
+    def test_a_refusal_in_the_middle_of_an_upload_reaches_the_client(self):
+        self.start("--max-upload", "1M")
+        source = filedrop.make_sparse(self.work / "source", LARGE)
+        answer = self.curl("/files/large.bin", "-T", source)
+        self.assertEqual(answer.status, 413, answer)
+        self.assertIn("error", answer.json())
+
+    def test_an_upload_that_is_broken_off_leaves_nothing(self):
+        self.start()
+        with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
+            client.sendall(b"PUT /files/a HTTP/1.1\r\nHost: site.test\r\nContent-Length: 10000000\r\n\r\n")
+            client.sendall(bytes(MIB))
+            wait_until(self.temporary, "the upload has begun")
+        wait_until(lambda: not self.names(), "what was left has been removed")
+        wait_until(lambda: self.server_status()["openRequests"] == 1, "no request is left open")
+
+
+class WebSockets(ProxyCase):
+    """A client that asks as browsers do; it would be refused without the proxy."""
+
+    sizes = (0, 1, 125, 126, 65535, 65536, 131000, 131001, 262001, MIB, 4 * MIB)
+
+    def start_echo(self, *command):
+        self.backend = self.start_server(*(command or (ECHO_SERVER,)))
+        self.proxy = self.start_proxy(self.backend)
+
+    def connect(self, port, connection=None):
+        client = websocket.create_connection(f"ws://127.0.0.1:{port}/live", timeout=LIMIT_SECONDS,
+                                             connection=connection)
+        self.addCleanup(client.shutdown)
+        return client
+
+    def check_echo(self, client, data, opcode):
+        client.send(data, opcode=opcode)
+        got, received = client.recv_data()
+        self.assertEqual(got, opcode)
+        self.assertTrue(received == data, f"{len(data)} bytes came back changed")
+
+    @staticmethod
+    def end(client):
+        """With a close frame, which is not answered: the connection just ends."""
+        client.send_close()
+        try:
+            while client.recv():
+                pass
+        except (websocket.WebSocketConnectionClosedException, ConnectionResetError):
+            return
+        raise AssertionError("there was no end")
+
+    def test_without_the_proxy_there_is_no_upgrade(self):
+        self.start_echo()
+        with self.assertRaises(websocket.WebSocketBadStatusException) as refused:
+            self.connect(self.backend)
+        self.assertEqual(refused.exception.status_code, 404)
+
+    def test_messages_both_ways(self):
+        self.start_echo()
+        for connection in (None, "Connection: keep-alive, Upgrade"):
+            with self.subTest(connection=connection):
+                client = self.connect(self.proxy.port, connection)
+                self.assertEqual(client.status, 101)
+                for size in self.sizes:
+                    self.check_echo(client, os.urandom(size), websocket.ABNF.OPCODE_BINARY)
+                    self.check_echo(client, b"x" * size, websocket.ABNF.OPCODE_TEXT)
+                self.end(client)
+
+    def test_the_server_of_the_documentation(self):
+        self.start_echo(DOCS_ECHO, str(free_port()))
+        client = self.connect(self.proxy.port)
+        self.check_echo(client, b"as shown", websocket.ABNF.OPCODE_TEXT)
+        self.check_echo(client, bytes(300000), websocket.ABNF.OPCODE_BINARY)
+        # It has the kit's hub: messages that come together are answered together.
+        together = [b"%d" % number for number in range(10)]
+        client.sock.sendall(b"".join(
+            websocket.ABNF.create_frame(data, websocket.ABNF.OPCODE_BINARY).format() for data in together))
+        self.assertEqual([client.recv() for _ in together], together)
+        self.end(client)
+
+    def test_many_connections_at_once(self):
+        self.start_echo()
+        clients = [self.connect(self.proxy.port) for _ in range(50)]
+        for turn in range(3):
+            data = [b"%d of %d" % (turn, number) * 500 for number in range(len(clients))]
+            for client, text in zip(clients, data):
+                client.send(text)
+            for client, text in zip(clients, data):
+                self.assertTrue(client.recv().encode() == text)
+        for client in clients:
+            self.end(client)
+
+    def test_other_requests_are_answered_beside_them(self):
+        self.start_echo()
+        client = self.connect(self.proxy.port)
+        ordinary = http.client.HTTPConnection("127.0.0.1", self.proxy.port, timeout=LIMIT_SECONDS)
+        self.addCleanup(ordinary.close)
+        for _ in range(3):
+            ordinary.request("GET", "/")
+            self.assertEqual(ordinary.getresponse().read(), b"")
+            self.check_echo(client, b"still here", websocket.ABNF.OPCODE_TEXT)
+        self.end(client)
+
+    def test_a_wrong_version_is_refused_with_426(self):
+        self.start_echo()
+        connection = http.client.HTTPConnection("127.0.0.1", self.proxy.port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        connection.request("GET", "/", headers={"Upgrade": "websocket", "Connection": "Upgrade",
+                                                "Sec-WebSocket-Version": "8",
+                                                "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="})
+        answer = connection.getresponse()
+        self.assertEqual(answer.status, 426)
+        self.assertEqual(answer.headers["Sec-WebSocket-Version"], "13")
+        self.assertIn(b"Upgrade required", answer.read())
+
+    def test_clients_that_vanish_are_noticed(self):
+        """By an application that uses the kit's hub."""
+        port = self.start_server(CHAT, "--port", str(free_port()))
+        proxy = self.start_proxy(port)
+
+        def connections():
+            status = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+            try:
+                status.request("GET", "/api/status")
+                return json.load(status.getresponse())["connections"]
+            finally:
+                status.close()
+
+        clients = [self.connect(proxy.port) for _ in range(10)]
+        wait_until(lambda: connections() == len(clients), "all are connected")
+        for number, client in enumerate(clients):
+            if number % 2 == 1:  # a reset instead of an orderly end
+                client.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            client.sock.close()
+        wait_until(lambda: connections() == 0, "all have left")
+
+
+if __name__ == "__main__":
+    if not find_program(PROXY):
+        print(f"{PROXY} is missing")
+        sys.exit(77)
+    filedrop.main()

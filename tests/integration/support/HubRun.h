@@ -1,0 +1,237 @@
+/// A server with a WebSocketHub for a test, which notes what its connections go through.
+#ifndef WENDREL_TESTS_INTEGRATION_HUBRUN_H
+#define WENDREL_TESTS_INTEGRATION_HUBRUN_H
+
+#include "CapturedLog.h"
+#include "KitRun.h"
+#include "Waiting.h"
+#include "WebSocketClient.h"
+
+#include <Wendrel/kit/WebSocketHub.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace integration
+{
+
+using qv::kit::HubConnection;
+using qv::kit::WebSocketHub;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+/// What is called prompt: far above what the hub takes, far below what the system would.
+constexpr std::chrono::seconds kPrompt(10);
+
+/// More than the sockets of both sides take.
+constexpr size_t kFloodBytes = 24 * 1024 * 1024;
+
+/// Less than that, and more than a client's socket takes alone.
+constexpr size_t kFillBytes = 500000;
+
+/// What the connections of a test have been through. Outlives the server.
+struct Ledger
+{
+    std::atomic<int> made{0};
+    std::atomic<int> closed{0};
+    std::atomic<int> destroyed{0};
+    std::atomic<int> closedAgain{0};
+    std::atomic<int> closedWhileHandling{0};
+    std::atomic<int> handledAfterClose{0};
+    Channel<std::string> messages;
+    Channel<int> closings;
+    Gate gate;
+    Gate endGate;
+    milliseconds endLimit = kLimit;
+    std::atomic<int> toldEnds{0};  // onClosed has returned
+};
+
+/// Echoes, and obeys some words.
+class Echo : public HubConnection
+{
+public:
+    Echo(qv::http::WebSocket&& upgraded, Ledger& ledger)
+        : HubConnection(std::move(upgraded)), mLedger(ledger)
+    {
+        ++mLedger.made;
+    }
+
+    ~Echo() override { ++mLedger.destroyed; }
+
+    void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
+    {
+        mHandling = true;
+        mLedger.handledAfterClose += mClosed;
+        const std::string_view bytes(reinterpret_cast<const char*>(received.data()),
+                                     received.size());
+        mLedger.messages.push(std::string(bytes.substr(0, 32)));
+        obey(bytes, isBinary);
+        mHandling = false;
+    }
+
+protected:
+    void onClosed() override
+    {
+        mLedger.closedAgain += mClosed.exchange(true);
+        mLedger.closedWhileHandling += mHandling;
+        ++mLedger.closed;
+        mLedger.closings.push(0);
+        if (mEndsSlowly)
+            mLedger.endGate.pass(mLedger.endLimit);
+        ++mLedger.toldEnds;
+    }
+
+private:
+    void obey(std::string_view bytes, bool isBinary)
+    {
+        if (bytes == "abort")
+            abort();
+        else if (bytes == "flood")
+            sendBinary(std::string(kFloodBytes, 'f'));
+        else if (bytes == "fill")
+            sendBinary(std::string(kFillBytes, 'f'));
+        else if (bytes == "wait")
+            mLedger.gate.pass();
+        else if (bytes == "end slowly")
+            mEndsSlowly = true;
+        if (isBinary)
+            sendBinary(bytes);
+        else
+            sendText(bytes);
+    }
+
+    Ledger& mLedger;
+    std::atomic<bool> mHandling{false};
+    std::atomic<bool> mClosed{false};
+    bool mEndsSlowly = false;
+};
+
+struct HubSetup
+{
+    WebSocketHub::Options options;
+    milliseconds closeLimit{0};
+    bool closesInTime = true;  // in onServerStopped
+};
+
+class HubApplication : public qv::kit::Application
+{
+public:
+    HubApplication(const HubSetup& setup, Ledger& ledger)
+        : mSetup(setup), mLedger(ledger), mHub(std::make_unique<WebSocketHub>(setup.options))
+    {}
+    ~HubApplication() override { stopWorkers(); }
+
+    WebSocketHub& hub() { return *mHub; }
+    void destroyHub() { mHub.reset(); }
+
+protected:
+    void onNewWebSocket(qv::http::WebSocket* upgraded) override
+    {
+        mHub->adopt<Echo>(upgraded, mLedger);
+    }
+
+    void onServerStopped() override
+    {
+        if (mHub)
+            mHub->close(mSetup.closeLimit);
+    }
+
+private:
+    const HubSetup mSetup;
+    Ledger& mLedger;
+    std::unique_ptr<WebSocketHub> mHub;
+};
+
+/// A server with a hub, on a port that was free when it started.
+class HubRun
+{
+public:
+    explicit HubRun(const HubSetup& setup = HubSetup())
+    {
+        constexpr int kTries = 5;
+        for (int i = 0; i < kTries; ++i) {
+            qv::http::HttpServer::Parameters parameters;
+            parameters.port = mPort = TakenPort().port();
+            parameters.threadPoolSize = 2;
+            parameters.allowWebSocket = true;
+            auto application = std::make_unique<HubApplication>(setup, mLedger);
+            mApplication = application.get();
+            mServer = std::make_unique<qv::kit::Server>(std::move(application));
+            if (mServer->start(parameters, std::chrono::seconds(30)))
+                return;
+        }
+        throw std::runtime_error("the server of the test did not start");
+    }
+
+    uint16_t port() const { return mPort; }
+    WebSocketHub& hub() { return mApplication->hub(); }
+    HubApplication& application() { return *mApplication; }
+    Ledger& ledger() { return mLedger; }
+
+    void stop() { mServer->stop(milliseconds(0)); }
+
+    /// Every connection that was made has been closed once, at the right time, and deleted.
+    void expectNothingIsLeft()
+    {
+        EXPECT_EQ(mLedger.closed, mLedger.made);
+        EXPECT_EQ(mLedger.destroyed, mLedger.made);
+        EXPECT_EQ(mLedger.closedAgain, 0);
+        EXPECT_EQ(mLedger.closedWhileHandling, 0);
+        EXPECT_EQ(mLedger.handledAfterClose, 0);
+    }
+
+    void stopAndExpectNothingIsLeft()
+    {
+        stop();
+        mServer.reset();
+        expectNothingIsLeft();
+        /// Whatever was open when the daemon stopped would be named here.
+        EXPECT_EQ(linesOfTheDaemon(), 0u);
+    }
+
+private:
+    static size_t linesOfTheDaemon()
+    {
+        size_t count = 0;
+        for (const LogLine& line : logLines())
+            count +=
+                line.message.find("\"upgraded\" connection was not closed") != std::string::npos;
+        return count;
+    }
+
+    Ledger mLedger;
+    std::unique_ptr<qv::kit::Server> mServer;
+    HubApplication* mApplication = nullptr;
+    uint16_t mPort = 0;
+};
+
+/// True when a flood is on its way to a client that does not read.
+inline bool waitUntilSomethingIsQueued(HubRun& run)
+{
+    return waitUntil([&] {
+        bool queued = false;
+        run.hub().forEach([&](HubConnection& each) { queued |= each.hasWritePending(); });
+        return queued;
+    });
+}
+
+inline void expectEcho(WebSocketClient& client, const std::string& bytes, bool binary)
+{
+    ASSERT_TRUE(binary ? client.sendBinary(bytes) : client.sendText(bytes));
+    const auto answer = client.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->isBinary, binary);
+    EXPECT_TRUE(answer->bytes == bytes) << answer->bytes.size() << " bytes";
+}
+
+}  // namespace integration
+
+#endif

@@ -1,0 +1,121 @@
+/// The client's side of an upgraded connection, with frames as a well-behaved client sends them.
+#ifndef WENDREL_TESTS_INTEGRATION_WEBSOCKETCLIENT_H
+#define WENDREL_TESTS_INTEGRATION_WEBSOCKETCLIENT_H
+
+#include "RawClient.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace integration
+{
+
+constexpr uint8_t kLastText = 0x81;
+constexpr uint8_t kLastBinary = 0x82;
+constexpr uint8_t kCloseFrame = 0x88;
+
+/// A client's frame. The first byte holds the fin bit and the opcode.
+inline std::string maskedFrame(uint8_t firstByte, std::string_view payload)
+{
+    constexpr uint8_t kMasked = 0x80;
+    constexpr uint8_t kKey[] = {0x12, 0xf4, 0x56, 0x80};
+    constexpr size_t kLongestInByte = 125;
+    constexpr size_t kLongestInTwoBytes = 65535;
+    const size_t size = payload.size();
+    const size_t lengthBytes = size <= kLongestInByte ? 0 : size <= kLongestInTwoBytes ? 2 : 8;
+    const size_t lengthCode = lengthBytes == 0 ? size : lengthBytes == 2 ? 126 : 127;
+    std::string frame{static_cast<char>(firstByte), static_cast<char>(kMasked | lengthCode)};
+    for (size_t i = lengthBytes; i > 0; --i)
+        frame += static_cast<char>(size >> (8 * (i - 1)));
+    frame.append(reinterpret_cast<const char*>(kKey), sizeof kKey);
+    for (size_t i = 0; i < size; ++i)
+        frame += static_cast<char>(payload[i] ^ kKey[i % sizeof kKey]);
+    return frame;
+}
+
+/// One upgraded connection to a port of 127.0.0.1. No operation waits longer than the limit.
+class WebSocketClient
+{
+public:
+    struct Message
+    {
+        std::string bytes;
+        bool isBinary = false;
+    };
+
+    explicit WebSocketClient(uint16_t port) : mRaw(port)
+    {
+        mRaw.send(getRequest("/", "Upgrade: WebSocket\r\nConnection: Upgrade\r\n"
+                                  "Sec-WebSocket-Version: 13\r\n"
+                                  "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"));
+        constexpr int kSwitchingProtocols = 101;
+        const auto answer = mRaw.receiveHead();
+        if (!answer || answer->status != kSwitchingProtocols)
+            throw std::runtime_error("not upgraded");
+    }
+
+    RawClient& raw() { return mRaw; }
+
+    bool sendText(std::string_view text) { return mRaw.send(maskedFrame(kLastText, text)); }
+    bool sendBinary(std::string_view bytes) { return mRaw.send(maskedFrame(kLastBinary, bytes)); }
+    bool sendClose() { return mRaw.send(maskedFrame(kCloseFrame, "")); }
+
+    /// The next whole message; none when the connection ended or the limit passed before its end.
+    std::optional<Message> receive()
+    {
+        constexpr uint8_t kFinBit = 0x80;
+        constexpr uint8_t kOpcodeBits = 0x0f;
+        constexpr uint8_t kBinary = 2;
+        Message message;
+        for (;;) {
+            const std::string start = mRaw.receiveExactly(2);
+            if (start.size() != 2)
+                return std::nullopt;
+            const auto first = static_cast<uint8_t>(start[0]);
+            if ((first & kOpcodeBits) != 0)
+                message.isBinary = (first & kOpcodeBits) == kBinary;
+            const std::optional<size_t> size = receiveLength(static_cast<uint8_t>(start[1]));
+            if (!size)
+                return std::nullopt;
+            const std::string payload = mRaw.receiveExactly(*size);
+            if (payload.size() != *size)
+                return std::nullopt;
+            message.bytes += payload;
+            if (first & kFinBit)
+                return message;
+        }
+    }
+
+    /// Reads on to the end of the connection; false when the limit has passed first.
+    bool waitForEnd()
+    {
+        mRaw.receiveToEnd();
+        return mRaw.isClosedByServer();
+    }
+
+private:
+    // Server's frames have no mask.
+    std::optional<size_t> receiveLength(uint8_t code)
+    {
+        if (code <= 125)
+            return code;
+        const size_t lengthBytes = code == 126 ? 2 : 8;
+        const std::string bytes = mRaw.receiveExactly(lengthBytes);
+        if (bytes.size() != lengthBytes)
+            return std::nullopt;
+        size_t length = 0;
+        for (const char byte : bytes)
+            length = length << 8 | static_cast<uint8_t>(byte);
+        return length;
+    }
+
+    RawClient mRaw;
+};
+
+}  // namespace integration
+
+#endif
