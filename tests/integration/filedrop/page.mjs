@@ -256,7 +256,7 @@ test('an upload can be cancelled', async () => {
     await row.getByText(/% of 40\.0 MiB/).waitFor()
     await row.getByRole('button', { name: 'Cancel the upload of long.bin' }).click()
     await row.getByText('Cancelled').waitFor()
-    await page.waitForFunction(() => document.querySelectorAll('#files li').length === 0)
+    await page.locator('#files li').waitFor({ state: 'detached' })
     const end = Date.now() + kLimitMs
     while (fs.readdirSync(directory).length > 0) {
         assert.ok(Date.now() < end, 'the unfinished upload is removed')
