@@ -110,7 +110,8 @@ public:
 
     RequestType getRequestType() const { return mRequestType; }
 
-    /// The parsed target; its host and port are fixed and mean nothing.
+    /// The parsed target. Host and port mean nothing: mostly those of a fixed base, but a target that
+    /// does not begin with "/" can change them.
     const http::HttpUrl& getUrl() const { return mUrl; }
 
     /// The target as received; "Invalid URI" when it could not be parsed.

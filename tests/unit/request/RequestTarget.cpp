@@ -144,6 +144,31 @@ TEST(RequestTarget, RequiredDigitsWithoutSlashBecomePartOfThePort)
     EXPECT_EQ(request.getOriginalFullUrl(), "81/x");
 }
 
+// The base becomes user information, what follows the host.
+TEST(RequestTarget, RequiredAtSignMakesTheHostWhatTheClientSays)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("@www.example.org:8080/x");
+    EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    EXPECT_EQ(request.getUrl().host(), "www.example.org");
+    EXPECT_EQ(request.getUrl().port(), 8080);
+    EXPECT_EQ(request.getUrl().path(), "/x");
+    EXPECT_EQ(request.getOriginalFullUrl(), "@www.example.org:8080/x");
+}
+
+// Found by fuzzing: the parser takes such a URL, but HTTP cannot use it, and there is no text.
+TEST(RequestTarget, AtSignWithoutAHostIsRefusedWithoutAReason)
+{
+    for (const char* target : {"@", "@/x", "@?q"}) {
+        SCOPED_TRACE(target);
+        TestRequest request;
+        request.setOriginalFullUrl(target);
+        EXPECT_FALSE(request.getUrl().isValid());
+        EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
+        EXPECT_EQ(request.getParseError(), "fail to parse request URI, ");
+    }
+}
+
 TEST(RequestTarget, EmptyTargetGivesTheBaseAlone)
 {
     TestRequest request;

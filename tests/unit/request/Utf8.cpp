@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -205,6 +206,56 @@ TEST(Utf8, AgreesWithTheGrammarOnStringsOfThreeBytes)
                               static_cast<char>(rest & 0xFF)});
     }
     comparison.expectClean(leads.size() * 65536);
+}
+
+// How many strings end in which place: as counted with the strict decoder of Python 3.11, which
+// reports the same position.
+TEST(Utf8, AgreesWithAnotherDecoderOnEveryStringOfTwoAndThreeBytes)
+{
+    std::array<size_t, 3> stopsOfTwo{};
+    std::array<size_t, 4> stopsOfThree{};
+    for (unsigned two = 0; two < 65536; ++two) {
+        char text[] = {static_cast<char>(two >> 8), static_cast<char>(two & 0xFF), '\0'};
+        ++stopsOfTwo[static_cast<size_t>(FindInvalidUtf8(text, text + 2) - text)];
+        for (unsigned third = 0; third < 256; ++third) {
+            text[2] = static_cast<char>(third);
+            ++stopsOfThree[static_cast<size_t>(FindInvalidUtf8(text, text + 3) - text)];
+        }
+    }
+    EXPECT_EQ(stopsOfTwo, (std::array<size_t, 3>{30848, 16384, 18304}));
+    EXPECT_EQ(stopsOfThree, (std::array<size_t, 4>{7835648, 3948544, 2342912, 2650112}));
+}
+
+TEST(Utf8, AgreesWithTheGrammarOnRandomTexts)
+{
+    constexpr size_t kTexts = 20000;
+    std::mt19937 random(20240229);
+    const auto below = [&random](uint32_t limit) {
+        return static_cast<uint32_t>(random() % limit);
+    };
+    Comparison comparison;
+    for (size_t i = 0; i < kTexts; ++i) {
+        std::string text;
+        for (uint32_t characters = below(40); characters > 0; --characters)
+            text += Encoded(below(0x110000) >> below(15));
+        // Half of them with one byte changed, put in or taken out.
+        if (!text.empty() && below(2) == 0) {
+            const size_t at = below(static_cast<uint32_t>(text.size()));
+            const char byte = static_cast<char>(below(256));
+            switch (below(3)) {
+            case 0:
+                text[at] = byte;
+                break;
+            case 1:
+                text.insert(at, 1, byte);
+                break;
+            default:
+                text.erase(at, 1);
+            }
+        }
+        comparison.check(text);
+    }
+    comparison.expectClean(kTexts);
 }
 
 TEST(Utf8, AgreesWithTheGrammarOnStringsOfFourBytes)

@@ -156,6 +156,11 @@ TEST(Url, GivesThePathInSegments)
     const Outcome withoutSlash = Parse("urn:a/b");
     ExpectTaken(withoutSlash);
     EXPECT_THAT(withoutSlash.url.pathSegments(), ElementsAre("a", "b"));
+    // Found by fuzzing: only the decoded path begins with a slash here.
+    const Outcome encodedSlash = Parse("U:%2f/CA");
+    ExpectTaken(encodedSlash);
+    EXPECT_EQ(encodedSlash.url.path(), "//CA");
+    EXPECT_THAT(encodedSlash.url.pathSegments(), ElementsAre("/", "CA"));
 }
 
 TEST(Url, TakesHostsOfEveryKind)
