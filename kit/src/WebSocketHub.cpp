@@ -25,7 +25,8 @@ namespace
 
 constexpr std::chrono::milliseconds kLookPeriod(50);
 
-// A client may send its last message and end its side at once: time to handle that message.
+// A client may send its last message and end its side at once: time to handle that message once
+// it has been received.
 constexpr std::chrono::milliseconds kHalfCloseGrace(500);
 
 constexpr std::chrono::milliseconds kShortLook(1);
@@ -90,10 +91,20 @@ void prepareSocket(int descriptor)
     setOption(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, kUnacknowledgedLimitMs);
 }
 
-int countUnacknowledged(int descriptor)
+int countBytes(int descriptor, unsigned long request)
 {
     int bytes = 0;
-    return ::ioctl(descriptor, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+    return ::ioctl(descriptor, request, &bytes) == 0 ? bytes : 0;
+}
+
+int countUnread(int descriptor)
+{
+    return countBytes(descriptor, SIOCINQ);
+}
+
+int countUnacknowledged(int descriptor)
+{
+    return countBytes(descriptor, SIOCOUTQ);
 }
 
 // Dissolves the connection below the library: every later receive fails, also that of a worker
@@ -299,7 +310,9 @@ void WebSocketHub::lookForLost()
     for (HubConnection* connection : mConnections) {
         auto& ended = connection->mEndedSince;
         auto& unsent = connection->mUnsentSince;
-        ended = look++->revents == 0 ? never : std::min(ended, now);
+        const bool hasEnded = look->revents != 0 && countUnread(look->fd) == 0;
+        ++look;
+        ended = hasEnded ? std::min(ended, now) : never;
         unsent = connection->hasWritePending() ? std::min(unsent, now) : never;
         if (now - kHalfCloseGrace >= ended || now - mOptions.unsentLimit >= unsent)
             resetConnection(connection->mWatch);

@@ -36,6 +36,16 @@ TEST(WebSocketHub, EchoesTextAndBytes)
     run.stopAndExpectNothingIsLeft();
 }
 
+TEST(WebSocketHub, HasAtLeastOneWorker)
+{
+    HubSetup setup;
+    setup.options.workers = 0;
+    HubRun run(setup);
+    WebSocketClient client(run.port());
+    expectEcho(client, "text", false);
+    run.stopAndExpectNothingIsLeft();
+}
+
 TEST(WebSocketHub, HandlesMessagesThatArriveTogether)
 {
     constexpr int kMessages = 500;
@@ -192,6 +202,27 @@ TEST(WebSocketHub, HandlesTheLastMessageOfAClientThatEndsItsSide)
     run.stopAndExpectNothingIsLeft();
 }
 
+TEST(WebSocketHub, HandlesTheLastMessageThoughTheWorkerIsBusyForLong)
+{
+    HubSetup setup;
+    setup.options.workers = 1;
+    HubRun run(setup);
+    WebSocketClient busy(run.port());
+    ASSERT_TRUE(busy.sendText("wait"));
+    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    WebSocketClient client(run.port());
+    ASSERT_TRUE(client.sendText("last"));
+    client.raw().finishSending();
+    // Longer than the half second that it has after its message has been received.
+    EXPECT_FALSE(waitUntil([&] { return run.ledger().closed != 0; }, milliseconds(900)));
+    run.ledger().gate.open();
+    const auto answer = client.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->bytes, "last");
+    EXPECT_TRUE(client.waitForEnd());
+    run.stopAndExpectNothingIsLeft();
+}
+
 // The worker that holds the connection would destroy it for the sake of the next one.
 TEST(WebSocketHub, KeepsAConnectionWhileItsEndIsTold)
 {
@@ -255,16 +286,26 @@ TEST(WebSocketHub, ItsCloseEndsWhateverIsGoingOn)
     WebSocketClient halfClosed(run.port());
     WebSocketClient notReading(run.port());
     WebSocketClient inAFrame(run.port());
-    ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == 4; }));
+    WebSocketClient talking(run.port());
+    ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == 5; }));
     halfClosed.raw().finishSending();
     ASSERT_TRUE(notReading.sendText("flood"));
     ASSERT_TRUE(inAFrame.raw().send(maskedFrame(kLastText, "text").substr(0, 8)));
     ASSERT_TRUE(waitUntilSomethingIsQueued(run));
+    // Faster than they are handled.
+    std::string talk;
+    for (int i = 0; i < 1000; ++i)
+        talk += maskedFrame(kLastText, "quiet");
+    std::thread talker([&] {
+        while (talking.raw().send(talk)) {
+        }
+    });
     const auto start = Clock::now();
     EXPECT_TRUE(run.hub().close(milliseconds(0)));
     EXPECT_LT(Clock::now() - start, kPrompt);
     EXPECT_EQ(run.hub().getCount(), 0u);
     run.expectNothingIsLeft();
+    talker.join();
     for (WebSocketClient* client : {&idle, &halfClosed, &notReading, &inAFrame})
         EXPECT_TRUE(client->waitForEnd());
     EXPECT_LT(Clock::now() - start, kPrompt);
@@ -303,7 +344,7 @@ TEST(WebSocketHub, ClosesWhatItCannotWatch)
 TEST(WebSocketHub, ItsCloseLetsAReadingClientTakeWhatIsQueued)
 {
     HubSetup setup;
-    setup.closeLimit = kLimit;
+    setup.closeLimit = milliseconds::max();
     HubRun run(setup);
     WebSocketClient client(run.port());
     ASSERT_TRUE(client.sendText("flood"));

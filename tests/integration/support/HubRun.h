@@ -102,6 +102,8 @@ private:
             mLedger.gate.pass();
         else if (bytes == "end slowly")
             mEndsSlowly = true;
+        if (bytes == "quiet")
+            return;
         if (isBinary)
             sendBinary(bytes);
         else

@@ -61,7 +61,7 @@ private:
 /// to the application.
 ///
 /// - A client that ends its side without a close frame would occupy a worker for ever; it is
-///   aborted half a second later.
+///   aborted half a second after its last bytes have been received.
 /// - Messages that arrive together are handled one after the other, all of them; by itself the
 ///   library handles two and keeps the others until the client sends more. (It still does so with
 ///   a message in many small fragments.)
