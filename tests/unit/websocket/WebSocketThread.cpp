@@ -468,9 +468,10 @@ TEST_F(WebSocketThreadTest, PollsASilentConnectionAgainAndAgain)
 
 TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
 {
-    Gate gate;
-    onPoll([&](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
-        gate.pass();
+    // The thread goes on polling when this test has ended.
+    const auto gate = std::make_shared<Gate>();
+    onPoll([gate](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
+        gate->pass();
         return std::nullopt;
     });
     start(0);
@@ -478,7 +479,7 @@ TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
     ASSERT_TRUE(journal.waitFor("poll a"));
     add("b");
     EXPECT_EQ(Access::newCount(*threads), 1u);
-    gate.open();
+    gate->open();
     ASSERT_TRUE(journal.waitFor("poll b a"));
     EXPECT_THAT(journal.lines(), ElementsAre("poll a", "poll b a"));
 }
