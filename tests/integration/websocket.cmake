@@ -1,4 +1,4 @@
-# Clients that others wrote against a server that echoes: each test method is a ctest test.
+# Clients that others wrote against a server that echoes.
 
 set(websocket_tests_dir ${CMAKE_CURRENT_LIST_DIR}/websocket)
 
@@ -8,23 +8,12 @@ target_link_libraries(websocket_echo_server PRIVATE wendrel_build Wendrel::Wendr
 
 # websocket_client_tests(class client...): the tests of this class, with this client.
 function(websocket_client_tests class)
-    set(script ${websocket_tests_dir}/test_websocket.py)
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${script})
     list(JOIN ARGN "|" client)
-    file(STRINGS ${script} lines REGEX "^class [A-Za-z]+\\(|^    def test_")
-    foreach(line IN LISTS lines)
-        if(line MATCHES "^class ([A-Za-z]+)")
-            set(current ${CMAKE_MATCH_1})
-        elseif(current STREQUAL class AND line MATCHES "def (test_[a-z0-9_]+)")
-            set(test websocket.${class}.${CMAKE_MATCH_1})
-            add_test(NAME ${test}
-                COMMAND Python3::Interpreter ${script} ${class}.${CMAKE_MATCH_1}
-                WORKING_DIRECTORY ${websocket_tests_dir})
-            set_tests_properties(${test} PROPERTIES
-                ENVIRONMENT "WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_echo_server>;WENDREL_WEBSOCKET_CLIENT=${client};PYTHONDONTWRITEBYTECODE=1"
-                TIMEOUT 600)
-        endif()
-    endforeach()
+    wendrel_python_tests(PREFIX websocket
+        SCRIPT ${websocket_tests_dir}/test_websocket.py
+        CLASS ${class}
+        ENVIRONMENT WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_echo_server>
+            WENDREL_WEBSOCKET_CLIENT=${client})
 endfunction()
 
 websocket_client_tests(Server)
@@ -42,7 +31,6 @@ else()
     message(STATUS "Tests of WebSockets with Boost.Beast: left out, its headers are missing")
 endif()
 
-find_program(NODE_PROGRAM node)
 if(NOT NODE_PROGRAM)
     message(STATUS "Tests of WebSockets with ws: left out, node is missing")
 elseif(NOT EXISTS ${websocket_tests_dir}/node_modules/ws)
@@ -51,16 +39,8 @@ else()
     websocket_client_tests(Ws ${NODE_PROGRAM} ${websocket_tests_dir}/ws_client.mjs)
 endif()
 
-# Debian's package is for Debian's interpreter, which need not be the first one found.
-foreach(interpreter IN ITEMS ${Python3_EXECUTABLE} /usr/bin/python3)
-    execute_process(
-        COMMAND ${interpreter} -c "from websocket import WebSocket, ABNF, _handshake; _handshake._get_handshake_headers"
-        RESULT_VARIABLE result OUTPUT_QUIET ERROR_QUIET)
-    if(result EQUAL 0)
-        set(websocket_python ${interpreter})
-        break()
-    endif()
-endforeach()
+find_python_that(websocket_python
+    "from websocket import WebSocket, ABNF, _handshake; _handshake._get_handshake_headers")
 if(websocket_python)
     websocket_client_tests(Python ${websocket_python} ${websocket_tests_dir}/python_client.py)
 else()

@@ -7,7 +7,6 @@
 import json
 import os
 import pathlib
-import signal
 import socket
 import subprocess
 import sys
@@ -18,25 +17,10 @@ import urllib.request
 
 sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
 from live_client import LiveClient
+from processes import LIMIT_SECONDS, SANITIZED, Process, free_port, wait_until
 
 SERVER = os.environ.get("WENDREL_CHAT", "wendrel-chat")
-SANITIZED = os.environ.get("WENDREL_SANITIZED", "") not in ("", "0")
-LIMIT_SECONDS = 120 if SANITIZED else 30
 PNG = b"\x89PNG\r\n\x1a\n"
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def wait_until(condition, what):
-    end = time.monotonic() + LIMIT_SECONDS
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(f"waited {LIMIT_SECONDS} s in vain: {what}")
-        time.sleep(0.01)
 
 
 class Person(LiveClient):
@@ -77,12 +61,10 @@ class Person(LiveClient):
 class ChatCase(unittest.TestCase):
     def setUp(self):
         self.port = free_port()
-        self.process = subprocess.Popen([SERVER, "--port", str(self.port)], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
-        self.addCleanup(self.end_server)
-        line = self.process.stdout.readline()
-        self.assertIn(f"http://127.0.0.1:{self.port}/", line)
+        self.server = Process(SERVER, "--port", str(self.port))
         self.stopped = False
+        self.addCleanup(self.end_server)
+        self.assertIn(f"http://127.0.0.1:{self.port}/", self.server.next_line())
 
     def end_server(self):
         if not self.stopped:
@@ -91,14 +73,9 @@ class ChatCase(unittest.TestCase):
     def stop(self):
         """Each test ends with a server that stops cleanly, whatever was done to it."""
         self.stopped = True
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            _, log = self.process.communicate(timeout=LIMIT_SECONDS)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.communicate()
-            raise AssertionError("the server did not stop on SIGTERM") from None
-        self.assertEqual(self.process.returncode, 0, log)
+        code = self.server.stop()
+        log = "".join(self.server.errors)
+        self.assertEqual(code, 0, log)
         self.assertNotIn("not closed", log)
         self.assertNotIn("Sanitizer", log)
 
@@ -111,9 +88,6 @@ class ChatCase(unittest.TestCase):
         with urllib.request.urlopen(f"http://127.0.0.1:{self.port}/api/status",
                                     timeout=LIMIT_SECONDS) as answer:
             return json.load(answer)
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
 
 class Talk(ChatCase):
@@ -229,7 +203,7 @@ class Leaving(ChatCase):
         ann = self.person()
         ann.join("one", "Ann")
         wait_until(lambda: self.status()["connections"] == 1, "one connection")
-        before = self.descriptors()
+        before = self.server.descriptors()
         for round_number in range(20):
             others = [Person(self.port) for _ in range(10)]
             for number, other in enumerate(others):
@@ -239,7 +213,7 @@ class Leaving(ChatCase):
             wait_until(lambda: self.status()["connections"] == 1, f"round {round_number} has ended")
             for other in others:
                 other.close()
-        wait_until(lambda: self.descriptors() <= before + 1, "descriptors are given back")
+        wait_until(lambda: self.server.descriptors() <= before + 1, "descriptors are given back")
         ann.say("still here")
         self.assertEqual(ann.receive_json()["text"], "still here")
 

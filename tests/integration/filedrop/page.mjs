@@ -3,18 +3,16 @@
 //     WENDREL_FILEDROP=... CHROMIUM=/usr/bin/chromium node --test page.mjs
 
 import assert from 'node:assert/strict'
-import { spawn } from 'node:child_process'
 import crypto from 'node:crypto'
 import fs from 'node:fs'
-import net from 'node:net'
 import os from 'node:os'
 import path from 'node:path'
 import { after, afterEach, before, beforeEach, test } from 'node:test'
-import { chromium } from 'playwright-core'
+import {
+    freePort, kLimitMs, launchBrowser, start, startProxy, stop, waitUntil, watchPage,
+} from '../support/browser.mjs'
 
 const kServer = process.env.WENDREL_FILEDROP ?? 'wendrel-filedrop'
-const kChromium = process.env.CHROMIUM ?? '/usr/bin/chromium'
-const kLimitMs = process.env.WENDREL_SANITIZED === '1' ? 60000 : 30000
 
 let browser
 let context
@@ -26,48 +24,16 @@ let directory
 let troubles
 let begun = 0
 
-function freePort() {
-    return new Promise((resolve, reject) => {
-        const probe = net.createServer()
-        probe.on('error', reject)
-        probe.listen(0, '127.0.0.1', () => {
-            const { port } = probe.address()
-            probe.close(() => resolve(port))
-        })
-    })
-}
-
-async function startServer(...options) {
-    const port = await freePort()
+async function startServer({ port, options = [] } = {}) {
+    port ??= await freePort()
     url = `http://127.0.0.1:${port}`
-    server = spawn(kServer, ['--directory', directory, '--port', String(port), ...options],
-        { stdio: ['ignore', 'pipe', 'inherit'] })
-    await new Promise((resolve, reject) => {
-        let text = ''
-        server.stdout.on('data', (data) => {
-            text += data
-            if (text.includes(url))
-                resolve()
-        })
-        server.on('exit', (code) => reject(new Error(`the server ended with ${code}`)))
-        server.on('error', reject)
-    })
-}
-
-async function stopServer() {
-    if (server.exitCode !== null || server.signalCode !== null)
-        return server.exitCode
-    const ended = new Promise((resolve) => server.once('exit', (code) => resolve(code)))
-    server.kill('SIGTERM')
-    return await ended
+    const started = start(kServer, ['--directory', directory, '--port', String(port), ...options], url)
+    server = started.process
+    await started.ready
 }
 
 before(async () => {
-    browser = await chromium.launch({
-        executablePath: kChromium,
-        args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-            '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    })
+    browser = await launchBrowser()
 })
 
 after(async () => {
@@ -85,19 +51,14 @@ beforeEach(async () => {
     context.setDefaultTimeout(kLimitMs)
     page = await context.newPage()
     troubles = []
-    page.on('pageerror', (error) => troubles.push(String(error)))
-    page.on('console', (message) => {
-        // A refused request shows up here too; it is the page that has to explain it. Without a
-        // proxy in between the browser's WebSocket is always refused.
-        const expected = /^Failed to load resource|^WebSocket connection to .*code: 426/
-        if (message.type() === 'error' && !expected.test(message.text()))
-            troubles.push(message.text())
-    })
+    // A refused request shows up on the console too; it is the page that has to explain it. Without
+    // a proxy in between the browser's WebSocket is always refused.
+    watchPage(page, troubles, /^Failed to load resource|^WebSocket connection to .*code: 426/)
 })
 
 afterEach(async () => {
     await context.close()
-    const code = await stopServer()
+    const code = await stop(server)
     fs.rmSync(work, { recursive: true })
     assert.equal(code, 0)
     assert.deepEqual(troubles, [], 'errors in the page, a breach of its own policy among them')
@@ -221,8 +182,8 @@ test('a slash in a name is explained in words', async () => {
 })
 
 test('a file above the limit is explained in words', async () => {
-    await stopServer()
-    await startServer('--max-upload', '1M')
+    await stop(server)
+    await startServer({ options: ['--max-upload', '1M'] })
     await open()
     await choose(makeFile('large.bin', 1024 * 1024 + 1))
     await page.getByRole('alert').getByText('1 MiB').waitFor()
@@ -257,11 +218,7 @@ test('an upload can be cancelled', async () => {
     await row.getByRole('button', { name: 'Cancel the upload of long.bin' }).click()
     await row.getByText('Cancelled').waitFor()
     await page.locator('#files li').waitFor({ state: 'detached' })
-    const end = Date.now() + kLimitMs
-    while (fs.readdirSync(directory).length > 0) {
-        assert.ok(Date.now() < end, 'the unfinished upload is removed')
-        await new Promise((resolve) => setTimeout(resolve, 20))
-    }
+    await waitUntil(() => fs.readdirSync(directory).length === 0, 'the unfinished upload is removed')
 })
 
 test('what others do appears by itself and leaves the rest alone', async () => {
@@ -282,11 +239,11 @@ test('what others do appears by itself and leaves the rest alone', async () => {
 test('a server that is gone is told and found again', async () => {
     await open()
     const { port } = new URL(url)
-    await stopServer()
+    await stop(server)
     await page.getByText('The server does not answer.').waitFor()
     await drop(['late.txt'])
     await page.getByRole('alert').getByText('The connection to the server was lost.').waitFor()
-    server = spawn(kServer, ['--directory', directory, '--port', port], { stdio: ['ignore', 'pipe', 'inherit'] })
+    await startServer({ port })
     await page.getByText('The server does not answer.').waitFor({ state: 'hidden' })
 })
 
@@ -294,24 +251,12 @@ const kProxy = ['nginx', 'haproxy'].find((name) => fs.existsSync('/usr/sbin/' + 
 
 // Puts a proxy, configured as in deploy/, between browser and server until `body` has run.
 async function behindProxy(body) {
-    const script = new URL('../proxies/support.py', import.meta.url).pathname
-    const proxy = spawn('python3', [script, kProxy, new URL(url).port], { stdio: ['pipe', 'pipe', 'inherit'] })
-    const ended = new Promise((resolve) => proxy.once('exit', resolve))
+    const proxy = startProxy(kProxy, new URL(url).port)
     try {
-        url = await new Promise((resolve, reject) => {
-            let text = ''
-            proxy.stdout.on('data', (data) => {
-                text += data
-                const found = text.match(/http:\/\/\S+/)
-                if (found)
-                    resolve(found[0])
-            })
-            proxy.on('exit', (code) => reject(new Error(`the proxy ended with ${code}`)))
-        })
+        url = await proxy.ready
         await body()
     } finally {
-        proxy.kill('SIGTERM')
-        await ended
+        await stop(proxy.process)
     }
 }
 

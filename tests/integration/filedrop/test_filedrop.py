@@ -12,14 +12,12 @@ import signal
 import socket
 import subprocess
 import sys
-import tempfile
 import time
-import unittest
 
 sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
+from filedrop_server import (MIB, SERVER, TEMPORARY_PREFIX, ServerCase, main, make_sparse, sha256)
 from live_client import LiveClient
-from support import (LIMIT_SECONDS, MIB, SANITIZED, SERVER, TEMPORARY_PREFIX, Server, ServerCase,
-                     free_port, main, make_sparse, sha256, wait_until)
+from processes import LIMIT_SECONDS, SANITIZED, free_port, wait_until
 
 LARGE = 64 * MIB if SANITIZED else 1024 * MIB
 MEMORY_LIMIT = 64 * MIB
@@ -599,7 +597,7 @@ class Live(ServerCase):
         self.assertEqual(self.server.stop(), 0)
         for client in clients[1:]:
             self.assertIsNone(client.receive())
-        self.assertNotIn("not closed", "".join(self.server.log))
+        self.assertNotIn("not closed", "".join(self.server.errors))
         self.server = None
 
 
@@ -817,7 +815,7 @@ class Process(ServerCase):
         self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/a")
         wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
         self.server.send(signal.SIGTERM)
-        wait_until(lambda: any("Stopping" in line for line in self.server.log), "the stop has begun")
+        wait_until(lambda: any("Stopping" in line for line in self.server.errors), "the stop has begun")
         self.server.send(signal.SIGTERM)
         self.assertEqual(self.server.wait_end(LIMIT_SECONDS / 2), 0)
         self.server = None
@@ -829,7 +827,7 @@ class Process(ServerCase):
         self.curl("/files/x%0a2026%20forged")
         server, self.server = self.server, None
         self.assertEqual(server.stop(), 0)
-        self.assertEqual(server.log, [])
+        self.assertEqual(server.errors, [])
         lines = [line for line in log.read_text().splitlines() if "/files/" in line]
         self.assertEqual(len(lines), 2, lines)
         self.assertIn("PUT /files/a 201", lines[0])
@@ -840,7 +838,7 @@ class Process(ServerCase):
         self.curl("/files/none")
         server, self.server = self.server, None
         self.assertEqual(server.stop(), 0)
-        self.assertEqual(server.log, [])
+        self.assertEqual(server.errors, [])
 
 
 if __name__ == "__main__":

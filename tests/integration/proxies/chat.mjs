@@ -3,23 +3,13 @@
 //     WENDREL_PROXY=nginx WENDREL_CHAT=... CHROMIUM=/usr/bin/chromium node --test chat.mjs
 
 import assert from 'node:assert/strict'
-import { spawn } from 'node:child_process'
-import { once } from 'node:events'
-import { createRequire } from 'node:module'
-import net from 'node:net'
 import { after, afterEach, before, beforeEach, test } from 'node:test'
-import { setTimeout } from 'node:timers/promises'
-import { fileURLToPath } from 'node:url'
-
-// Installed once, for filedrop's page.
-const { chromium } = createRequire(new URL('../filedrop/page.mjs', import.meta.url))('playwright-core')
+import {
+    freePort, kLimitMs, launchBrowser, start, startProxy, stop, waitUntil, watchPage,
+} from '../support/browser.mjs'
 
 const kProxy = process.env.WENDREL_PROXY ?? 'nginx'
 const kServer = process.env.WENDREL_CHAT ?? 'wendrel-chat'
-const kPython = process.env.WENDREL_PYTHON ?? 'python3'
-const kChromium = process.env.CHROMIUM ?? '/usr/bin/chromium'
-const kLimitMs = process.env.WENDREL_SANITIZED === '1' ? 60000 : 30000
-const kProxyScript = fileURLToPath(new URL('support.py', import.meta.url))
 
 let browser
 let server
@@ -30,43 +20,6 @@ let contexts
 let troubles
 let begun = 0
 
-function freePort() {
-    return new Promise((resolve, reject) => {
-        const probe = net.createServer()
-        probe.on('error', reject)
-        probe.listen(0, '127.0.0.1', () => {
-            const { port } = probe.address()
-            probe.close(() => resolve(port))
-        })
-    })
-}
-
-// Starts a process; resolves with what `pattern` finds in its output.
-function start(command, args, pattern) {
-    const process = spawn(command, args, { stdio: ['pipe', 'pipe', 'inherit'] })
-    const ready = new Promise((resolve, reject) => {
-        let text = ''
-        process.stdout.on('data', (data) => {
-            text += data
-            const found = text.match(pattern)
-            if (found)
-                resolve(found)
-        })
-        process.on('exit', (code) => reject(new Error(`${command} ended with ${code}`)))
-        process.on('error', reject)
-    })
-    return { process, ready }
-}
-
-async function stop(process) {
-    if (process.exitCode === null && process.signalCode === null) {
-        const ended = once(process, 'exit')
-        process.kill('SIGTERM')
-        await ended
-    }
-    return process.exitCode
-}
-
 async function startServer() {
     const started = start(kServer, ['--port', String(backendPort)], /http:\/\/127\.0\.0\.1:\d+\//)
     server = started.process
@@ -74,11 +27,7 @@ async function startServer() {
 }
 
 before(async () => {
-    browser = await chromium.launch({
-        executablePath: kChromium,
-        args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-            '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    })
+    browser = await launchBrowser()
 })
 
 after(async () => {
@@ -92,9 +41,9 @@ beforeEach(async () => {
     troubles = []
     backendPort = await freePort()
     await startServer()
-    const started = start(kPython, [kProxyScript, kProxy, String(backendPort)], /http:\/\/\S+/)
+    const started = startProxy(kProxy, backendPort)
     proxy = started.process
-    url = (await started.ready)[0]
+    url = await started.ready
 })
 
 afterEach(async () => {
@@ -120,12 +69,8 @@ async function enter(nickname) {
     await context.addInitScript(`window.noiseAt = ${noiseAt}`)
     context.setDefaultTimeout(kLimitMs)
     const page = await context.newPage()
-    page.on('pageerror', (error) => troubles.push(String(error)))
-    page.on('console', (message) => {
-        // What the page says when its connection is lost is looked at where it matters.
-        if (message.type() === 'error' && !/Failed to load resource|WebSocket connection to/.test(message.text()))
-            troubles.push(message.text())
-    })
+    // What the page says when its connection is lost is looked at where it matters.
+    watchPage(page, troubles, /Failed to load resource|WebSocket connection to/)
     await page.goto(url + '/')
     await page.locator('#status').getByText('connected', { exact: true }).waitFor()
     await page.locator('#nickname').fill(nickname)
@@ -146,12 +91,8 @@ const line = (page, who, text) => page.locator('#lines li')
 
 // Asks the page again and again. Playwright's own waiting for a condition has the page evaluate a
 // string, which its policy forbids, unless the condition holds at once.
-async function until(page, condition, argument) {
-    const end = Date.now() + kLimitMs
-    while (!await page.evaluate(condition, argument)) {
-        assert.ok(Date.now() < end, `waited in vain until ${condition}, ${argument}`)
-        await setTimeout(20)
-    }
+function until(page, condition, argument) {
+    return waitUntil(() => page.evaluate(condition, argument), `${condition}, ${argument}`)
 }
 
 async function waitForPeople(page, ...names) {

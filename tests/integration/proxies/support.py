@@ -8,7 +8,6 @@ runs one in front of 127.0.0.1:8181 until SIGTERM, SIGINT or the end of its inpu
 address.
 """
 
-import importlib.util
 import os
 import pathlib
 import pwd
@@ -22,23 +21,10 @@ import tempfile
 import threading
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.append(str(HERE.parent / "support"))
+from processes import LIMIT_SECONDS, free_port, wait_until
+
 DEPLOY = HERE.parents[2] / "deploy"
-
-
-def load_filedrop_support():
-    """The module of the same name that starts filedrop."""
-    place = HERE.parent / "filedrop" / "support.py"
-    spec = importlib.util.spec_from_file_location("filedrop_support", place)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
-
-
-filedrop = load_filedrop_support()
-LIMIT_SECONDS = filedrop.LIMIT_SECONDS
-MIB = filedrop.MIB
-free_port = filedrop.free_port
-wait_until = filedrop.wait_until
 
 
 def adapt(text, mark, old, new):

@@ -11,8 +11,6 @@ import http.client
 import json
 import os
 import pathlib
-import queue
-import re
 import shutil
 import signal
 import socket
@@ -20,14 +18,17 @@ import struct
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 
 import websocket
 
-from support import (DEPLOY, LIMIT_SECONDS, MIB, HeadKeeper, Proxy, adapt, backend_connections, filedrop,
-                     find_program, free_port, nginx_files, wait_until)
+sys.path += [str(pathlib.Path(__file__).parent.parent / name) for name in ("support", "filedrop")]
+import filedrop_server as filedrop
+from filedrop_server import MIB
+from processes import LIMIT_SECONDS, Process, free_port, wait_until
+from support import (DEPLOY, HeadKeeper, Proxy, adapt, backend_connections, find_program,
+                     nginx_files)
 
 PROXY = os.environ.get("WENDREL_PROXY", "nginx")
 ECHO_SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
@@ -54,33 +55,10 @@ class ProxyCase(unittest.TestCase):
 
     def start_server(self, *command):
         """A server of ours that tells on a line of its own where it listens; returns the port."""
-        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-        lines = queue.Queue()
-
-        def read():
-            for line in process.stdout:
-                lines.put(line)
-            lines.put(None)
-
-        reader = threading.Thread(target=read, daemon=True)
-        reader.start()
-
-        def end():
-            process.terminate()
-            try:
-                self.assertEqual(process.wait(LIMIT_SECONDS), 0)
-            finally:
-                process.kill()
-                process.wait()
-                reader.join(LIMIT_SECONDS)
-                process.stdout.close()
-
-        self.addCleanup(end)
+        server = Process(*command)
+        self.addCleanup(lambda: self.assertEqual(server.stop(), 0, server.text()))
         # Lines of the library's log may stand before it.
-        while line := lines.get(timeout=LIMIT_SECONDS):
-            if told := re.match(r"(?:port |.*(?:http|ws)://127\.0\.0\.1:)(\d+)", line):
-                return int(told[1])
-        raise AssertionError("the server ended")
+        return int(server.wait_line(r"(?:port |.*(?:http|ws)://127\.0\.0\.1:)(\d+)")[1])
 
 
 class Configuration(unittest.TestCase):

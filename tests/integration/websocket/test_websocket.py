@@ -8,15 +8,14 @@
 
 import base64
 import os
-import queue
+import pathlib
 import re
-import signal
 import socket
-import subprocess
 import sys
-import threading
-import time
 import unittest
+
+sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
+from processes import Process, wait_until
 
 SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
 CLIENT = os.environ.get("WENDREL_WEBSOCKET_CLIENT", "").split("|")
@@ -28,75 +27,6 @@ CONNECTIONS = 200
 MESSAGES_PER_CONNECTION = 10
 SEED = 20240717
 FIGURES = re.compile(r"(\d+) messages, (\d+) bytes each way, (\d+) connections")
-
-
-def wait_until(condition, what, seconds=LIMIT_SECONDS):
-    """Waits for something that only looking can tell, such as the open files of a process."""
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError(f"waited {seconds} s in vain: {what}")
-        time.sleep(0.01)
-
-
-class Process:
-    """A process whose lines are read as they come."""
-
-    def __init__(self, *command):
-        self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.pid = self.process.pid
-        self.lines = queue.Queue()
-        self.output = []
-        self.errors = []
-        self.readers = [threading.Thread(target=self._read, args=arguments, daemon=True)
-                        for arguments in ((self.process.stdout, self.output, self.lines.put),
-                                          (self.process.stderr, self.errors, lambda line: None))]
-        for reader in self.readers:
-            reader.start()
-
-    @staticmethod
-    def _read(stream, lines, tell):
-        for line in stream:
-            lines.append(line)
-            tell(line)
-        tell(None)
-
-    def text(self):
-        return "".join(self.output[-40:] + self.errors[-400:])
-
-    def wait_line(self, pattern):
-        """The first line from now on that matches."""
-        end = time.monotonic() + LIMIT_SECONDS
-        while True:
-            try:
-                line = self.lines.get(timeout=max(0.0, end - time.monotonic()))
-            except queue.Empty:
-                raise AssertionError(f"no line like '{pattern}' came:\n{self.text()}") from None
-            if line is None:
-                raise AssertionError(f"ended before a line like '{pattern}':\n{self.text()}")
-            if match := re.match(pattern, line):
-                return match
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.pid}/fd"))
-
-    def wait_end(self):
-        """The exit code and all that was written."""
-        try:
-            code = self.process.wait(timeout=LIMIT_SECONDS)
-        finally:
-            self.kill()
-        for reader in self.readers:
-            reader.join(LIMIT_SECONDS)
-        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
-            stream.close()
-        return code
-
-    def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
 
 
 def upgrade(port, token):
@@ -136,7 +66,7 @@ class EchoCase(unittest.TestCase):
     """A server for each test, which must be as it was at first when the clients have gone."""
 
     def setUp(self):
-        self.server = Process(SERVER)
+        self.server = Process(SERVER, limit=LIMIT_SECONDS)
         self.addCleanup(self.server.kill)
         self.port = int(self.server.wait_line(r"port (\d+)").group(1))
         self.descriptors = self.server.descriptors()
@@ -160,13 +90,12 @@ class EchoCase(unittest.TestCase):
         """Nothing is left open, a new client is served, and the server ends cleanly having
         seen what the clients say that they have sent."""
         wait_until(lambda: self.server.descriptors() == self.descriptors,
-                   "the server has as many files open as at first")
+                   "the server has as many files open as at first", LIMIT_SECONDS)
         self.check_answers()
         self.check_stop(messages + 1, size + len("still"), connections + 1)
 
     def check_stop(self, messages, size, connections):
-        self.server.process.send_signal(signal.SIGTERM)
-        code = self.server.wait_end()
+        code = self.server.stop()
         self.assertEqual(code, 0, self.server.text())
         self.assertNotIn("Sanitizer", "".join(self.server.errors))
         # What the daemon says of connections that it had to close itself.
@@ -175,7 +104,7 @@ class EchoCase(unittest.TestCase):
                       self.server.output)
 
     def start_client(self, mode, count):
-        client = Process(*CLIENT, mode, str(self.port), str(count), str(SEED))
+        client = Process(*CLIENT, mode, str(self.port), str(count), str(SEED), limit=LIMIT_SECONDS)
         self.addCleanup(client.kill)
         return client
 
@@ -196,7 +125,7 @@ class EchoCase(unittest.TestCase):
         client = self.start_client("connections", CONNECTIONS)
         client.wait_line("open")
         wait_until(lambda: self.server.descriptors() == self.descriptors + CONNECTIONS,
-                   "the server has all connections open at once")
+                   "the server has all connections open at once", LIMIT_SECONDS)
         client.process.stdin.write("\n")
         client.process.stdin.flush()
         figures = self.check_client(client)

@@ -4,40 +4,18 @@ import hashlib
 import json
 import os
 import pathlib
-import queue
 import re
-import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import threading
-import time
 import unittest
 
+from processes import LIMIT_SECONDS, Process, free_port
+
 SERVER = os.environ.get("WENDREL_FILEDROP", "wendrel-filedrop")
-SANITIZED = os.environ.get("WENDREL_SANITIZED", "") not in ("", "0")
-LIMIT_SECONDS = 120 if SANITIZED else 60
 MIB = 1024 * 1024
 TEMPORARY_PREFIX = ".filedrop-upload-"
-
-
-def wait_until(condition, what, seconds=LIMIT_SECONDS):
-    """Waits for something that only looking can tell, such as the contents of a directory."""
-    end = time.monotonic() + seconds
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > end:
-            raise AssertionError(f"waited {seconds} s in vain: {what}")
-        time.sleep(0.01)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 def sha256(path):
@@ -86,67 +64,22 @@ def parse_head(text):
     return int(lines[0].split()[1]), headers
 
 
-class Server:
+class Server(Process):
     """One filedrop process."""
 
     def __init__(self, directory, *options, port=None):
         self.port = port or free_port()
         self.url = f"http://127.0.0.1:{self.port}"
-        self.lines = queue.Queue()
-        self.log = []
-        self.process = subprocess.Popen(
-            [SERVER, "--directory", str(directory), "--port", str(self.port), *options],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.readers = [
-            threading.Thread(target=self._read_output, daemon=True),
-            threading.Thread(target=self._read_log, daemon=True)]
-        for reader in self.readers:
-            reader.start()
-
-    def _read_output(self):
-        for line in self.process.stdout:
-            self.lines.put(line)
-        self.lines.put(None)
-
-    def _read_log(self):
-        for line in self.process.stderr:
-            self.log.append(line)
+        super().__init__(SERVER, "--directory", str(directory), "--port", str(self.port), *options)
 
     def wait_ready(self):
-        try:
-            line = self.lines.get(timeout=LIMIT_SECONDS)
-        except queue.Empty:
-            raise AssertionError("the server did not say that it is ready") from None
-        if line is None:
-            raise AssertionError(f"the server ended: {''.join(self.log)}")
+        line = self.next_line()
         assert self.url in line, line
         return self
 
-    def send(self, number):
-        self.process.send_signal(number)
-
-    def wait_end(self, seconds=LIMIT_SECONDS):
-        code = self.process.wait(timeout=seconds)
-        for reader in self.readers:
-            reader.join(LIMIT_SECONDS)
-        self.process.stdout.close()
-        self.process.stderr.close()
-        return code
-
-    def stop(self):
-        """Ends the process; returns its exit code, that of its own end if it has ended before."""
-        if self.process.poll() is None:
-            self.send(signal.SIGTERM)
-        try:
-            return self.wait_end()
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.wait_end()
-            raise AssertionError("the server did not stop on SIGTERM") from None
-
     def peak_memory(self):
         """The most resident memory it ever had, in bytes."""
-        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        status = pathlib.Path(f"/proc/{self.pid}/status").read_text()
         return int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
 
 
@@ -172,7 +105,7 @@ class ServerCase(unittest.TestCase):
         if self.server:
             server, self.server = self.server, None
             code = server.stop()
-            self.assertEqual(code, 0, "".join(server.log[-40:]))
+            self.assertEqual(code, 0, "".join(server.errors[-40:]))
 
     def spawn_curl(self, *arguments, **options):
         process = subprocess.Popen(
