@@ -60,11 +60,13 @@ protected:
     }};
 };
 
+// The daemon can miss the end of a connection that comes together with the last bytes.
 TEST_F(DisconnectInUpload, ByTheClientIsClientAbort)
 {
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
     ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(client.waitUntilTaken());
     client.close();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : ClientAbort")));
     expectServing(server);
@@ -75,6 +77,7 @@ TEST_F(DisconnectInUpload, ByFinishingToSendIsClientAbort)
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
     ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(client.waitUntilTaken());
     client.finishSending();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : ClientAbort")));
     expectServing(server);

@@ -7,7 +7,9 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <linux/sockios.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +17,9 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
 
 namespace integration
@@ -58,6 +63,30 @@ std::optional<uint64_t> number(const std::string& text, int base)
     if (result.ec != std::errc() || result.ptr != text.data() + text.size())
         return std::nullopt;
     return value;
+}
+
+// The end of a socket as the kernel's table of connections writes it; empty without one.
+std::string tableEntry(const sockaddr_in& end)
+{
+    std::ostringstream text;
+    text << std::uppercase << std::hex << std::setfill('0') << std::setw(8) << end.sin_addr.s_addr
+         << ':' << std::setw(4) << ntohs(end.sin_port);
+    return text.str();
+}
+
+// What waits to be fetched at the end of a connection that is `local` there.
+std::optional<uint64_t> waitingBytes(const std::string& local, const std::string& remote)
+{
+    std::ifstream table("/proc/net/tcp");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string index, from, to, state, queues;
+        if (!(fields >> index >> from >> to >> state >> queues) || from != local || to != remote)
+            continue;
+        return number(queues.substr(queues.find(':') + 1), 16);
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -239,6 +268,21 @@ std::string RawClient::receiveToEnd()
 bool RawClient::isClosedByServer()
 {
     return receiveToEnd().empty() && mEnded;
+}
+
+bool RawClient::waitUntilTaken() const
+{
+    sockaddr_in own{};
+    sockaddr_in server{};
+    socklen_t size = sizeof own;
+    if (::getsockname(mDescriptor, reinterpret_cast<sockaddr*>(&own), &size) != 0 ||
+        ::getpeername(mDescriptor, reinterpret_cast<sockaddr*>(&server), &size) != 0)
+        return false;
+    return waitUntil([&] {
+        int unsent = 0;
+        return ::ioctl(mDescriptor, SIOCOUTQ, &unsent) == 0 && unsent == 0 &&
+               waitingBytes(tableEntry(server), tableEntry(own)) == 0u;
+    });
 }
 
 void RawClient::finishSending()

@@ -62,6 +62,10 @@ public:
     /// True when the server has closed the connection and sent nothing more.
     bool isClosedByServer();
 
+    /// Waits until the server has fetched every byte sent so far; false after the limit.
+    /// For a server in this process or another one of this machine.
+    bool waitUntilTaken() const;
+
     /// No more bytes will be sent.
     void finishSending();
 
