@@ -18,7 +18,6 @@
 #include <qvSystem/qvSystemUtils.h>
 
 #include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -197,12 +196,11 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
 
 }  // namespace
 
-void* OpenContext(void*, const char* uri, MHD_Connection*)
+void* OpenContext(void*, const char* uri, MHD_Connection* connection)
 {
-    auto context = std::make_unique<ConnectionContext>();
-    if (uri)
-        context->uri = uri;
-    return context.release();
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_DAEMON);
+    return MakeContext(uri ? uri : "", info ? info->daemon : nullptr);
 }
 
 MHD_Result TakeValue(void* closure, MHD_ValueKind kind, const char* name, const char* value)

@@ -5,6 +5,7 @@
 #include <Wendrel/Wendrel.h>
 
 #include "logging/LogObject.h"
+#include "request/ConnectionContext.h"
 #include "server/DaemonLog.h"
 #include "server/Dispatch.h"
 #include "streaming/StreamCallbacks.h"
@@ -168,7 +169,9 @@ void HttpServer::run()
     while (!mStopRequested)
         mWake.wait(&mMutex, kStopLookMs);
     mImpl->onServerStopped();
+    const uint64_t latest = impl::GetLatestContextNumber();
     MHD_stop_daemon(daemon);
+    impl::FreeContextsOf(daemon, latest);
     mState = Stopped;
 }
 

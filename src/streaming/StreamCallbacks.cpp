@@ -66,7 +66,8 @@ ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
 
 void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTerminationCode code)
 {
-    const std::unique_ptr<ConnectionContext> context(static_cast<ConnectionContext*>(*slot));
+    const std::unique_ptr<ConnectionContext, void (*)(ConnectionContext*)> context(
+        static_cast<ConnectionContext*>(*slot), &FreeContext);
     *slot = nullptr;
     if (!context || !context->request)
         return;

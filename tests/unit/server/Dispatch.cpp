@@ -295,8 +295,9 @@ TEST_F(Dispatch, KeepsTheTargetAsItCame)
         EXPECT_EQ(exchange.context().uri, row.kept);
         EXPECT_EQ(exchange.context().startTimeMs, std::numeric_limits<int64_t>::min());
         EXPECT_EQ(exchange.context().request, nullptr);
+        EXPECT_THAT(daemon.calls(), ElementsAre("MHD_get_connection_info 5"));
+        daemon.clearCalls();
     }
-    EXPECT_THAT(daemon.calls(), IsEmpty());
 }
 
 TEST_F(Dispatch, CopiesTheTarget)
@@ -311,6 +312,30 @@ TEST_F(Dispatch, CopiesTheTarget)
 TEST_F(Dispatch, MakesOneContextForEachRequest)
 {
     EXPECT_NE(open("/a").slot, open("/a").slot);
+}
+
+TEST_F(Dispatch, NotesWhoseRequestAContextBelongsTo)
+{
+    MHD_Connection& connection = daemon.connection();
+    const struct
+    {
+        const char* name;
+        MHD_Daemon* daemon;
+        bool hasInfo;
+        const void* noted;
+    } rows[] = {
+        {"the daemon", reinterpret_cast<MHD_Daemon*>(this), true, this},
+        {"none told", reinterpret_cast<MHD_Daemon*>(this), false, nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        connection.daemon = row.daemon;
+        connection.hasInfo = row.hasInfo;
+        auto* context =
+            static_cast<impl::ConnectionContext*>(impl::OpenContext(nullptr, "/a", &connection));
+        EXPECT_EQ(context->daemon, row.noted);
+        impl::FreeContext(context);
+    }
 }
 
 // The value iterator.
@@ -383,6 +408,7 @@ TEST_F(Dispatch, TakesCookiesAndArgumentsWithoutValue)
 TEST_F(Dispatch, AsksTheDaemonAndTheApplicationInOrder)
 {
     Exchange& exchange = open("/");
+    daemon.clearCalls();
     EXPECT_EQ(firstCall(exchange), MHD_YES);
     EXPECT_THAT(daemon.calls(),
                 ElementsAre("MHD_lookup_connection_value 1 Upgrade",
@@ -581,6 +607,7 @@ TEST_F(Dispatch, SendsNothingForABadRequest)
 TEST_F(Dispatch, RefusesNewRequestsAfterAStopRequest)
 {
     Exchange& exchange = open("/");
+    daemon.clearCalls();
     useThrottle();
     server->stopServer(false);
     size_t size = 0;

@@ -1,5 +1,7 @@
 // Starting, watching over and stopping the daemon.
 
+#include "request/ConnectionContext.h"
+#include "server/Dispatch.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -441,6 +443,21 @@ TEST_F(HttpServer, TellsTheApplicationBeforeItStopsTheDaemon)
     server->stopServer(true);
     EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_stop_daemon"));
     EXPECT_THAT(daemon.stops(), ElementsAre(daemon.starts()[0].daemon));
+}
+
+TEST_F(HttpServer, FreesTheContextsThatTheDaemonForgot)
+{
+    startAndWait();
+    MHD_Connection& own = daemon.connection();
+    own.daemon = daemon.starts()[0].daemon;
+    MHD_Connection& foreign = daemon.connection();
+    foreign.daemon = reinterpret_cast<MHD_Daemon*>(this);
+    for (int i = 0; i < 3; ++i)
+        impl::OpenContext(nullptr, "/forgotten", &own);
+    impl::OpenContext(nullptr, "/kept", &foreign);
+    server->stopServer(true);
+    EXPECT_EQ(impl::FreeContextsOf(own.daemon, impl::GetLatestContextNumber()), 0u);
+    EXPECT_EQ(impl::FreeContextsOf(foreign.daemon, impl::GetLatestContextNumber()), 1u);
 }
 
 TEST_F(HttpServer, WaitsInSlicesOf200Milliseconds)

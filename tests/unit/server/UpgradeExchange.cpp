@@ -79,6 +79,7 @@ protected:
             connection->add(MHD_HEADER_KIND, "Sec-WebSocket-Key", *handshake.key);
 
         void* slot = impl::OpenContext(nullptr, "/live", connection);
+        daemon.clearCalls();
         const auto handler =
             reinterpret_cast<MHD_AccessHandlerCallback>(http::HttpServerImpl::GetHttpCallback());
         size_t size = 0;

@@ -419,6 +419,10 @@ const MHD_ConnectionInfo* MHD_get_connection_info(MHD_Connection* connection,
     const Call call("MHD_get_connection_info", std::to_string(info_type));
     if (!call.isAllowed() || !connection->hasInfo)
         return nullptr;
+    if (info_type == MHD_CONNECTION_INFO_DAEMON) {
+        connection->info.daemon = connection->daemon;
+        return &connection->info;
+    }
     if (info_type != MHD_CONNECTION_INFO_CLIENT_ADDRESS) {
         ADD_FAILURE() << "information " << info_type << " is not one the library needs";
         return nullptr;

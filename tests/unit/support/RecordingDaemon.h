@@ -42,6 +42,7 @@ struct MHD_Connection
     bool hasInfo = true;     // otherwise MHD_get_connection_info gives null
     bool hasClient = false;  // otherwise the information holds a null address
     sockaddr_in client{};
+    MHD_Daemon* daemon = nullptr;  // the one it says it belongs to
     MHD_ConnectionInfo info{};
 };
 
