@@ -69,19 +69,22 @@ def find_program(name):
 
 
 class Proxy:
-    """One nginx or HAProxy in front of what listens on 127.0.0.1:`backend`."""
+    """One nginx or HAProxy in front of what listens on 127.0.0.1:`backend`.
 
-    def __init__(self, name, backend):
+    `change` gets the adapted configuration and returns the one to run.
+    """
+
+    def __init__(self, name, backend, change=lambda text: text):
         self.name = name
         self.port = free_port()
         self.url = f"http://127.0.0.1:{self.port}"
         self.work = pathlib.Path(tempfile.mkdtemp(prefix=f"proxy-{name}-"))
         file = self.work / "configuration"
         if name == "nginx":
-            file.write_text(nginx_configuration(self.work, self.port, backend))
+            file.write_text(change(nginx_configuration(self.work, self.port, backend)))
             command = [find_program(name), "-c", str(file), "-g", "daemon off;"]
         else:
-            file.write_text(haproxy_configuration(self.port, backend))
+            file.write_text(change(haproxy_configuration(self.port, backend)))
             command = [find_program(name), "-db", "-f", str(file)]
         identity = {}
         if os.geteuid() == 0:

@@ -263,13 +263,22 @@ class Transfers(ProxyCase, filedrop.ServerCase):
         self.addCleanup(connection.close)
         connection.connect()
         own_end = connection.sock.getsockname()
+
+        def ask(method, length, headers=None):
+            connection.request(method, "/files/a", headers=headers or {})
+            answer = connection.getresponse()
+            self.assertEqual(len(answer.read()), length)
+            return answer
+
         seen = []
         for _ in range(rounds):
-            for method, length in (("GET", 3), ("HEAD", 0)):
-                connection.request(method, "/files/a")
-                answer = connection.getresponse()
-                self.assertEqual((answer.status, len(answer.read())), (200, length))
+            self.assertEqual(ask("GET", 3).status, 200)
             seen.append(backend_connections(self.server.port))
+        # The one to the application is given up behind these, the client's is not.
+        self.assertEqual(ask("HEAD", 0).status, 200)
+        etag = ask("GET", 3).headers["ETag"]
+        self.assertEqual(ask("GET", 0, {"If-None-Match": etag}).status, 304)
+        self.assertEqual(ask("GET", 3).status, 200)
         self.assertEqual(connection.sock.getsockname(), own_end)
         self.assertTrue(set.intersection(*seen), "none has stayed open")
         # One would do; the health check makes some of its own.
