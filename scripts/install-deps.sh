@@ -4,7 +4,7 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--dry-run] [--help]
+Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--dry-run] [--help]
 
 Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
 alone: when none is missing, neither root nor the network is needed.
@@ -12,6 +12,7 @@ alone: when none is missing, neither root nor the network is needed.
   --demo     also curl, which scripts/demo.sh --check drives
   --tests    also what the tests need
   --fuzz     also what scripts/fuzz.sh needs
+  --soak     also what scripts/soak.sh needs
   --dry-run  only print the packages that are missing, one a line
   --help     this text
 TEXT
@@ -30,8 +31,9 @@ build_packages=(
 demo_packages=(curl)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
-    nginx-light haproxy chromium gcovr ca-certificates)
+    nginx-light haproxy chromium gcovr ca-certificates slowhttptest)
 fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)
+soak_packages=(python3 gnuplot-nox)
 
 wanted=("${build_packages[@]}")
 with_tests=false
@@ -44,6 +46,7 @@ for argument in "$@"; do
             with_tests=true
             ;;
         --fuzz) wanted+=("${fuzz_packages[@]}") ;;
+        --soak) wanted+=("${soak_packages[@]}") ;;
         --dry-run) dry_run=true ;;
         --help)
             usage

@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Keeps filedrop and chat under a mixed load for a while and judges what they use.
+set -euo pipefail
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/soak.sh --minutes N [--output DIR] [--no-install] [--help]
+
+Builds the preset release in build/release, starts filedrop and chat on free ports of 127.0.0.1
+and drives a mixed load: small requests, large transfers compared by SHA-256, aborts at random
+positions, slow clients, WebSockets that join, talk and leave in every way. Samples memory,
+descriptors, threads and processor time of both, and the latency that another, well-behaved client
+sees. Exit code 0: passed, 1: failed; what and by how much is said.
+
+  --minutes N   how long the load lasts; up to 2: with shorter slow clients and smaller files
+  --output DIR  where tables (CSV), plot (soak.svg) and summary go; build/soak by default
+  --no-install  no Debian packages are installed
+  --help        this text
+
+Fails when an operation fails (wrong content, unexpected status, nothing for 60 s), when a server
+dies, or does not end with exit code 0 within 30 s of SIGTERM, or when something grows.
+
+TEXT
+    python3 -B tests/soak/verdict.py --rule
+}
+
+say() { printf '==> %s\n' "$*"; }
+fail() {
+    printf 'soak.sh: %s\n' "$*" >&2
+    exit 1
+}
+
+caller=$PWD
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+minutes=
+output=build/soak
+install=true
+while (($# > 0)); do
+    case "$1" in
+        --minutes)
+            (($# > 1)) || fail "--minutes needs a number; see --help"
+            minutes=$2
+            shift
+            ;;
+        --output)
+            (($# > 1)) || fail "--output needs a directory; see --help"
+            output=$2
+            [[ $output == /* ]] || output=$caller/$output
+            shift
+            ;;
+        --no-install) install=false ;;
+        --help)
+            usage
+            exit 0
+            ;;
+        *) fail "unknown argument '$1'; see --help" ;;
+    esac
+    shift
+done
+[[ $minutes =~ ^[0-9]+([.][0-9]+)?$ && $minutes =~ [1-9] ]] ||
+    fail "--minutes must be given, with a number above 0; see --help"
+
+if $install; then
+    scripts/install-deps.sh --soak
+fi
+
+say "Building filedrop and chat in build/release"
+cmake --preset release -DWENDREL_BUILD_EXAMPLES=ON >/dev/null
+cmake --build --preset release --parallel "$(nproc)" --target wendrel-filedrop wendrel-chat
+
+say "Load for $minutes minutes; tables and plot go to $output"
+# In place of this shell, so that a signal to it ends the servers, too.
+exec python3 -B tests/soak/soak.py --minutes "$minutes" --output "$output" \
+    --filedrop build/release/examples/filedrop/wendrel-filedrop \
+    --chat build/release/examples/chat/wendrel-chat
