@@ -1,0 +1,197 @@
+// The books of a round, and the comparison of both sides.
+
+#include "Round.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+namespace integration
+{
+
+namespace
+{
+
+constexpr std::array<const char*, kStages> kStageNames = {"not_reached", "in_work",     "announced",
+                                                          "queued",      "handed_over", "broken"};
+
+}  // namespace
+
+Round::Round(uint16_t port_, unsigned number_) : port(port_), number(number_), mRecords(kRecords) {}
+
+void Round::opened(qv::HttpBaseRequest* request)
+{
+    ++mCreated;
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mOpen[request] = nullptr;
+}
+
+Record& Round::begun(qv::HttpBaseRequest* request, uint64_t id)
+{
+    Record& known = record(id);
+    if (known.begun++ != 0)
+        complain("request " + std::to_string(id) + " was given to a worker twice");
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mOpen[request] = &known;
+    return known;
+}
+
+void Round::deleted(qv::HttpBaseRequest* request)
+{
+    if (!request->isCompleted())
+        complain("a request was deleted before it was completed");
+    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto found = mOpen.find(request);
+    if (Record* known = found->second) {
+        known->endedWell = !request->getResponseDevice().hasDeviceError();
+        if (!mStopAsked && known->stage == Stage::NotReached)
+            known->stage = known->endedWell ? Stage::HandedOver : Stage::Broken;
+        ++known->deleted;
+    }
+    mOpen.erase(found);
+}
+
+Stage Round::StageOf(qv::HttpBaseRequest& request, const Record& record)
+{
+    // In this order: each may change under our eyes, but only to the next.
+    const bool isQueued = request.getResponseStartMs() >= 0;
+    if (request.isCompleted())
+        return request.getResponseDevice().hasDeviceError() ? Stage::Broken : Stage::HandedOver;
+    if (!record.finished)
+        return Stage::InWork;
+    return isQueued ? Stage::Queued : Stage::Announced;
+}
+
+void Round::askStop()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (const auto& [request, known] : mOpen) {
+        if (known && known->stage == Stage::NotReached)
+            known->stage = StageOf(*request, *known);
+    }
+    mStopAsked = true;
+    mChanged.notify_all();
+}
+
+void Round::goOn()
+{
+    mStopAsked = false;
+}
+
+void Round::end()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mEnded = true;
+    mChanged.notify_all();
+}
+
+bool Round::waitForStop()
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mChanged.wait_for(lock, kLimit, [this] { return mStopAsked || mEnded; });
+}
+
+void Round::waitForEnd()
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    mChanged.wait(lock, [this] { return mEnded.load(); });
+}
+
+void Round::waitForServer()
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    mChanged.wait_for(lock, std::chrono::milliseconds(1), [this] { return mEnded.load(); });
+}
+
+void Round::complain(const std::string& what)
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mComplaints.push_back(what);
+}
+
+std::vector<std::string> Round::complaints() const
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mComplaints;
+}
+
+size_t Round::openCount() const
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mOpen.size();
+}
+
+void Totals::add(const Round& round, bool losesNothing)
+{
+    for (const std::string& complaint : round.complaints())
+        ADD_FAILURE() << complaint;
+    EXPECT_EQ(round.openCount(), 0u) << "requests that were never deleted";
+    ASSERT_LE(round.ids(), round.records().size()) << "more requests than there are places for";
+    for (uint64_t id = 0; id < round.ids(); ++id)
+        check(round.records()[id], id, losesNothing);
+    mRequests += round.created();
+    mEchoes += round.echoes;
+    mHalfUploads += round.halfUploads;
+}
+
+void Totals::check(const Record& record, uint64_t id, bool losesNothing)
+{
+    EXPECT_LE(record.answers + record.refusals, 1) << "answers to request " << id;
+    EXPECT_EQ(record.begun, record.deleted) << "request " << id;
+    mAnswered += record.answers;
+    mRefusals += record.refusals;
+    if (!record.begun) {
+        EXPECT_EQ(record.answers, 0) << "request " << id << " was answered without a worker";
+        return;
+    }
+    const Stage stage = record.stage;
+    if (stage == Stage::HandedOver) {
+        EXPECT_EQ(record.answers, 1) << "request " << id << " was handed over before the stop";
+    }
+    // What the kernel has been given reaches the client, whenever the stop came.
+    if (record.endedWell) {
+        EXPECT_EQ(record.answers, 1) << "request " << id << " was completed without error";
+    } else {
+        mAnsweredThoughCutOff += record.answers;
+    }
+    if (losesNothing) {
+        EXPECT_EQ(record.answers, 1) << "request " << id << " was taken and not answered";
+    }
+    Counts& counts = record.isStream ? mStreams : mSmall;
+    Count& count = counts[static_cast<size_t>(stage)];
+    ++count.all;
+    count.lost += record.answers == 0;
+}
+
+void printFigure(const std::string& name, uint64_t value, const char* unit)
+{
+    std::printf("figure: %s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value), unit);
+}
+
+void Totals::print(const std::string& prefix) const
+{
+    printFigure(prefix + "_requests", mRequests, "requests");
+    printFigure(prefix + "_answered", mAnswered, "requests");
+    printFigure(prefix + "_refused", mRefusals, "requests");
+    printFigure(prefix + "_echoes", mEchoes, "messages");
+    printFigure(prefix + "_uploads_stopped_in_the_middle", mHalfUploads, "requests");
+    printFigure(prefix + "_answered_though_told_shutdown", mAnsweredThoughCutOff, "requests");
+    printCounts(prefix + "_small", mSmall);
+    printCounts(prefix + "_stream", mStreams);
+}
+
+void Totals::printCounts(const std::string& prefix, const Counts& counts)
+{
+    for (size_t i = 0; i < kStages; ++i) {
+        if (counts[i].all == 0)
+            continue;
+        const std::string name = prefix + "_" + kStageNames[i];
+        printFigure(name, counts[i].all, "requests");
+        printFigure(name + "_lost", counts[i].lost, "requests");
+    }
+}
+
+}  // namespace integration

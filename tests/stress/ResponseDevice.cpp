@@ -1,0 +1,500 @@
+// The response device under stress: writers, daemon threads and deleters meet in every order that
+// the contract allows, with yields at every lock.
+
+#include "Dice.h"
+#include "Ledger.h"
+#include "Plan.h"
+#include "Shaking.h"
+#include "SmallDaemon.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/WebSocket.h>
+#include <Wendrel/Wendrel.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace stress
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint64_t kDaemonThreads = 2;
+constexpr uint64_t kWorkers = 4;
+
+// How long nothing may move: far above what a loaded machine needs.
+constexpr std::chrono::seconds kStallLimit(60);
+
+uint64_t fromEnvironment(const char* name, uint64_t otherwise)
+{
+    const char* text = std::getenv(name);
+    return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+class Response : public qv::HttpResponseInterface
+{
+public:
+    const CookieMap& getCookies() override { return mCookies; }
+    const HeaderMap& getHeaders() override { return mHeaders; }
+    uint32_t getStatusCode() override { return 200; }
+    int64_t getContentLength() override { return length; }
+    std::string describe() override { return {}; }
+
+    int64_t length = -1;
+
+private:
+    CookieMap mCookies;
+    HeaderMap mHeaders;
+};
+
+class Request : public qv::HttpBaseRequest, public qv::HttpWaitListener
+{
+public:
+    Request(const Plan& plan_, Ledger& ledger) : plan(plan_), mLedger(ledger)
+    {
+        if (plan.declaresLength || plan.isUnfetched)
+            mResponse.length = static_cast<int64_t>(plan.bodyBytes);
+    }
+
+    ~Request() override
+    {
+        Ledger::Fate& fate = mLedger.fate(plan.id);
+        if (fate.completed != 1 || fate.served != 1)
+            mLedger.complain("a request was deleted too early");
+        if (fate.deleted++ != 0)
+            mLedger.complain("a request was deleted twice");
+    }
+
+    qv::HttpResponseInterface& getResponse() override { return mResponse; }
+    qv::HttpWaitListener& getWaitListener() override { return *this; }
+    void onWaitingForData() override {}
+
+    /// The worker's last touch.
+    void setServed() { mServed = true; }
+
+    /// Deletes the request if worker and daemon are done with it.
+    static bool DeleteIfDone(Request* request)
+    {
+        if (!request->mServed || !request->isCompleted())
+            return false;
+        Ledger& ledger = request->mLedger;
+        ++ledger.deletedBy[static_cast<size_t>(request->plan.deleter)];
+        delete request;
+        ++ledger.deleted;
+        return true;
+    }
+
+    const Plan plan;
+
+private:
+    Ledger& mLedger;
+    Response mResponse;
+    std::atomic<bool> mServed{false};
+};
+
+/// Hands requests to threads.
+class Queue
+{
+public:
+    void push(Request* request)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mRequests.push_back(request);
+        }
+        mChanged.notify_one();
+    }
+
+    /// Null when there will be no more. Without `wait`, null also when there is none now.
+    Request* pop(bool wait)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        if (wait)
+            mChanged.wait(lock, [this] { return mEnded || !mRequests.empty(); });
+        if (mRequests.empty())
+            return nullptr;
+        Request* request = mRequests.front();
+        mRequests.pop_front();
+        return request;
+    }
+
+    void end()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mEnded = true;
+        mChanged.notify_all();
+    }
+
+    bool hasEnded()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mEnded && mRequests.empty();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::deque<Request*> mRequests;
+    bool mEnded = false;
+};
+
+class Application : public qv::http::HttpServerImpl
+{
+public:
+    Application(Ledger& ledger, Queue& toWorkers, Queue& toReaper)
+        : mLedger(ledger), mToWorkers(toWorkers), mToReaper(toReaper)
+    {
+        setErrorBody("error");
+    }
+
+    qv::HttpBaseRequest* createRequest() override
+    {
+        return new Request(SmallDaemon::CurrentPlan(), mLedger);
+    }
+
+    void handleRequest(qv::HttpBaseRequest* base) override
+    {
+        auto* request = static_cast<Request*>(base);
+        if (request->plan.deleter == Plan::Deleter::Reaper)
+            mToReaper.push(request);
+        if (request->plan.deleter == Plan::Deleter::Daemon)
+            SmallDaemon::LeaveToCurrent([request] { return Request::DeleteIfDone(request); });
+        mToWorkers.push(request);
+    }
+
+    void onRequestCompleted() override
+    {
+        Ledger::Fate& fate = mLedger.fate(SmallDaemon::CurrentPlan().id);
+        if (fate.completed++ != 0)
+            mLedger.complain("a request was completed twice");
+        ++(fate.served ? mLedger.servedBeforeCompleted : mLedger.completedBeforeServed);
+    }
+
+    void onNewWebSocket(qv::http::WebSocket*) override { mLedger.complain("an upgrade"); }
+    void onServerStopped() override {}
+
+private:
+    Ledger& mLedger;
+    Queue& mToWorkers;
+    Queue& mToReaper;
+};
+
+/// A thread that writes answers.
+class Worker
+{
+public:
+    Worker(Ledger& ledger, const BodySource& source, uint64_t seed)
+        : mLedger(ledger), mSource(source), mDice(seed)
+    {}
+
+    void run(Queue& queue)
+    {
+        while (Request* request = queue.pop(mDone.empty())) {
+            serve(*request);
+            deleteDone();
+        }
+        while (!queue.hasEnded() || !mDone.empty()) {
+            if (Request* request = queue.pop(false))
+                serve(*request);
+            deleteDone();
+            ::sched_yield();
+        }
+    }
+
+private:
+    void serve(Request& request)
+    {
+        const bool isMine = request.plan.deleter == Plan::Deleter::Worker;
+        const std::string& thread = qv::qvThread::CurrentThreadId();
+        request.workerThreadStartHandling(thread);
+        write(request);
+        request.workerThreadStopHandling(thread);
+        ++mLedger.fate(request.plan.id).served;
+        shake();
+        request.setServed();
+        // Somebody else's may be gone already.
+        if (!isMine)
+            return;
+        if (!request.plan.deletesAtOnce)
+            mDone.push_back(&request);
+        else
+            while (!Request::DeleteIfDone(&request))
+                shake();
+    }
+
+    void write(Request& request)
+    {
+        const Plan& plan = request.plan;
+        qv::HttpResponseDevice& device = request.getResponseDevice();
+        bool isAnnounced = false;
+        uint64_t done = 0;
+        const bool isAbandoned = plan.ending == Plan::Ending::Abandoned;
+        const uint64_t wanted = isAbandoned ? plan.abandonAfterBytes : plan.bodyBytes;
+        for (;;) {
+            if (!isAnnounced && plan.announceAfterBytes <= done &&
+                plan.ending != Plan::Ending::NeverAnnounced)
+                isAnnounced = announce(request);
+            if (done == wanted || !writePiece(request, wanted, done))
+                break;
+        }
+        finish(plan, device, done == wanted);
+        if (!isAnnounced && plan.ending != Plan::Ending::NeverAnnounced)
+            announce(request);
+        if (device.hasDeviceError() && !isAbandoned)
+            ++mLedger.lossesSeenByWriter;
+    }
+
+    bool announce(Request& request)
+    {
+        const qv::HttpResponseDevice& device = request.getResponseDevice();
+        shake();
+        if (!request.getResponseDevice().setResponseReady())
+            mLedger.complain("an answer was announced before");
+        while (request.plan.awaitsQueueing && request.getResponseStartMs() < 0 &&
+               !device.hasDeviceError())
+            ::sched_yield();
+        return true;
+    }
+
+    // False when the device has refused it.
+    bool writePiece(Request& request, uint64_t wanted, uint64_t& done)
+    {
+        constexpr uint64_t kLargestPiece = 150000;
+        qv::HttpResponseDevice& device = request.getResponseDevice();
+        uint64_t size = std::min(wanted - done, 1 + mDice.below(mDice.oneIn(3) ? 100 : 70000));
+        if (mDice.oneIn(8))
+            size = std::min(wanted - done, mDice.below(kLargestPiece));
+        // Announce exactly where the plan says.
+        if (request.plan.announceAfterBytes > done)
+            size = std::min(size, request.plan.announceAfterBytes - done);
+        const uint64_t taken = device.writeBytes(mSource.at(request.plan.id, done), size);
+        if (mDice.oneIn(16))
+            device.flush();
+        if (taken != size) {
+            if (taken != 0 || !device.hasDeviceError())
+                mLedger.complain("a write was refused without error");
+            return false;
+        }
+        done += size;
+        mLedger.bytesWritten += size;
+        shake();
+        return true;
+    }
+
+    void finish(const Plan& plan, qv::HttpResponseDevice& device, bool isWritten)
+    {
+        if (plan.ending == Plan::Ending::Abandoned && isWritten) {
+            device.setDeviceError("abandoned");
+            return;
+        }
+        if (plan.ending != Plan::Ending::Ended)
+            return;
+        device.endSending();
+        if (device.writeBytes("x", 1) != 0)
+            mLedger.complain("a write was taken after the end");
+    }
+
+    void deleteDone() { mDone.remove_if(Request::DeleteIfDone); }
+
+    Ledger& mLedger;
+    const BodySource& mSource;
+    Dice mDice;
+    std::list<Request*> mDone;
+};
+
+/// A thread that looks at requests from outside all the time, and deletes them the moment it may.
+void reap(Queue& queue, Ledger& ledger)
+{
+    std::list<Request*> open;
+    while (!queue.hasEnded() || !open.empty()) {
+        while (Request* request = queue.pop(false))
+            open.push_back(request);
+        for (Request* request : open) {
+            const qv::HttpResponseDevice& device = request->getResponseDevice();
+            if (device.getSentBytes() > request->plan.bodyBytes + 1 ||
+                device.getDataSize() > request->plan.bodyBytes ||
+                (device.hasDeviceError() && !device.atEnd()))
+                ledger.complain("a device said something impossible");
+        }
+        open.remove_if(Request::DeleteIfDone);
+        ::sched_yield();
+    }
+}
+
+/// Ends the process when nothing moves any more: threads that wait for ever cannot be joined.
+class StallWatch
+{
+public:
+    explicit StallWatch(Ledger& ledger) : mLedger(ledger), mThread([this] { watch(); }) {}
+
+    ~StallWatch()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            mEnded = true;
+        }
+        mChanged.notify_all();
+        mThread.join();
+    }
+
+private:
+    uint64_t progress() const
+    {
+        return mLedger.begun + mLedger.deleted + mLedger.bytesFetched + mLedger.bytesWritten;
+    }
+
+    void watch()
+    {
+        const auto limit =
+            std::chrono::seconds(fromEnvironment("WENDREL_STRESS_STALL", kStallLimit.count()));
+        std::unique_lock<std::mutex> lock(mMutex);
+        uint64_t last = kNever;
+        auto since = Clock::now();
+        while (
+            !mChanged.wait_for(lock, std::chrono::milliseconds(200), [this] { return mEnded; })) {
+            const uint64_t now = progress();
+            if (now != last) {
+                last = now;
+                since = Clock::now();
+            } else if (Clock::now() - since > limit) {
+                giveUp();
+            }
+        }
+    }
+
+    void giveUp()
+    {
+        std::printf("Nothing has moved for too long: %llu of %llu requests deleted, %llu writers "
+                    "waiting.\n%s",
+                    static_cast<unsigned long long>(mLedger.deleted),
+                    static_cast<unsigned long long>(mLedger.requests()),
+                    static_cast<unsigned long long>(shakingCounts().waiting),
+                    mLedger.firstComplaints().c_str());
+        std::fflush(stdout);
+        std::_Exit(1);
+    }
+
+    Ledger& mLedger;
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    bool mEnded = false;
+    std::thread mThread;
+};
+
+void print(const std::string& name, uint64_t value, const char* unit)
+{
+    std::printf("figure: stress_%s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value),
+                unit);
+}
+
+void printFigures(Ledger& ledger, uint64_t seed, Clock::duration took)
+{
+    print("seed", seed, "number");
+    print("requests", ledger.deleted, "requests");
+    for (size_t i = 0; i < kOutcomes; ++i)
+        print(kOutcomeNames[i], ledger.outcomes[i], "requests");
+    print("served_before_completed", ledger.servedBeforeCompleted, "requests");
+    print("completed_before_served", ledger.completedBeforeServed, "requests");
+    const char* const deleters[] = {"worker", "daemon", "reaper"};
+    for (size_t i = 0; i < ledger.deletedBy.size(); ++i)
+        print(std::string("deleted_by_") + deleters[i], ledger.deletedBy[i], "requests");
+    print("losses_seen_by_writers", ledger.lossesSeenByWriter, "requests");
+    print("written", ledger.bytesWritten, "bytes");
+    print("fetched_and_compared", ledger.bytesFetched, "bytes");
+    print("writer_waits", shakingCounts().waits, "waits");
+    print("yields", shakingCounts().yields, "yields");
+    print("time", std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), "ms");
+}
+
+void runThreads(Ledger& ledger, uint64_t seed)
+{
+    const BodySource source(seed);
+    Queue toWorkers;
+    Queue toReaper;
+    qv::http::HttpServer server(new Application(ledger, toWorkers, toReaper));
+    const SmallDaemon::Shared shared{server, ledger, source, seed};
+    StallWatch watch(ledger);
+    std::vector<std::thread> daemons;
+    std::vector<std::thread> others;
+    for (uint64_t i = 0; i < kDaemonThreads; ++i)
+        daemons.emplace_back([&, i] {
+            shakeThisThread(seed + i);
+            SmallDaemon(shared, i).run();
+        });
+    for (uint64_t i = 0; i < kWorkers; ++i)
+        others.emplace_back([&, i] {
+            shakeThisThread(seed + kDaemonThreads + i);
+            Worker(ledger, source, seed + i).run(toWorkers);
+        });
+    others.emplace_back([&] {
+        shakeThisThread(seed + kDaemonThreads + kWorkers);
+        reap(toReaper, ledger);
+    });
+    for (std::thread& daemon : daemons)
+        daemon.join();
+    toWorkers.end();
+    toReaper.end();
+    for (std::thread& other : others)
+        other.join();
+}
+
+void expectEachOnce(Ledger& ledger)
+{
+    uint64_t wrong = 0;
+    for (uint64_t id = 0; id < ledger.requests(); ++id) {
+        const Ledger::Fate& fate = ledger.fate(id);
+        wrong += fate.served != 1 || fate.completed != 1 || fate.deleted != 1;
+    }
+    EXPECT_EQ(wrong, 0u) << "requests not served, completed and deleted exactly once";
+    EXPECT_EQ(ledger.deleted, ledger.requests());
+    EXPECT_EQ(ledger.servedBeforeCompleted + ledger.completedBeforeServed, ledger.requests());
+}
+
+// A run that did not meet every order has shown nothing.
+void expectEveryOrder(Ledger& ledger)
+{
+    for (size_t i = 0; i < kOutcomes; ++i)
+        EXPECT_GT(ledger.outcomes[i], 0u) << kOutcomeNames[i];
+    for (const auto& deletions : ledger.deletedBy)
+        EXPECT_GT(deletions, 0u);
+    EXPECT_GT(ledger.servedBeforeCompleted, 0u);
+    EXPECT_GT(ledger.completedBeforeServed, 0u);
+    EXPECT_GT(shakingCounts().waits, 0u);
+    EXPECT_GT(shakingCounts().yields, 0u);
+}
+
+TEST(HttpResponseDevice, CompletesEveryRequestOnceWhateverTheOrder)
+{
+    constexpr uint64_t kFewest = 10000;  // which meet every order
+    const uint64_t requests = fromEnvironment("WENDREL_STRESS_REQUESTS", WENDREL_STRESS_REQUESTS);
+    const uint64_t seed = fromEnvironment("WENDREL_STRESS_SEED", 1);
+    Ledger ledger(requests);
+    qv::initializeWendrel();
+    const auto start = Clock::now();
+    runThreads(ledger, seed);
+    printFigures(ledger, seed, Clock::now() - start);
+    qv::terminateWendrel();
+    EXPECT_EQ(ledger.complaints(), 0u) << ledger.firstComplaints();
+    expectEachOnce(ledger);
+    if (requests >= kFewest)
+        expectEveryOrder(ledger);
+}
+
+}  // namespace
+}  // namespace stress
