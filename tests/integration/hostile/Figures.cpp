@@ -1,0 +1,77 @@
+// What the tests with hostile clients measure, and how they say it.
+
+#include "Figures.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace hostile
+{
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const bool kSanitized = true;
+#else
+const bool kSanitized = false;
+#endif
+
+size_t scaled(size_t full)
+{
+    const char* text = std::getenv("WENDREL_HOSTILE_DIVISOR");
+    const long divisor = text ? std::atol(text) : 1;
+    return std::max<size_t>(1, full / static_cast<size_t>(std::max(1L, divisor)));
+}
+
+void figure(const std::string& name, double value, const std::string& unit)
+{
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string where =
+        test ? std::string(test->test_suite_name()) + "." + test->name() + "." : std::string();
+    char number[64];
+    std::snprintf(number, sizeof number, value == std::floor(value) ? "%.0f" : "%.2f", value);
+    const std::string line = "figure: " + where + name + " " + number + " " + unit;
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+    if (const char* path = std::getenv("WENDREL_HOSTILE_FIGURES"))
+        std::ofstream(path, std::ios::app) << line << '\n';
+}
+
+double millisecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+double Distribution::quantile(double part) const
+{
+    if (values.empty())
+        return 0;
+    std::vector<double> sorted = values;
+    std::sort(sorted.begin(), sorted.end());
+    return sorted[static_cast<size_t>(part * static_cast<double>(sorted.size() - 1))];
+}
+
+void Distribution::print(const std::string& name, const std::string& unit) const
+{
+    constexpr double kP99 = 0.99;
+    figure(name + ".count", static_cast<double>(values.size()), "times");
+    figure(name + ".median", median(), unit);
+    figure(name + ".p99", quantile(kP99), unit);
+    figure(name + ".max", most(), unit);
+}
+
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+}  // namespace hostile

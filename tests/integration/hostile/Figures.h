@@ -1,0 +1,52 @@
+/// What the tests with hostile clients measure, and how they say it.
+#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_FIGURES_H
+#define WENDREL_TESTS_INTEGRATION_HOSTILE_FIGURES_H
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace hostile
+{
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+/// True in a build with sanitizers, where memory and times say nothing about the library.
+extern const bool kSanitized;
+
+/// `full` divided by WENDREL_HOSTILE_DIVISOR, at least 1.
+size_t scaled(size_t full);
+
+/// Prints "figure: <case>.<name> <value> <unit>", the case being the running test, and adds the
+/// line to the file that WENDREL_HOSTILE_FIGURES names, if any.
+void figure(const std::string& name, double value, const std::string& unit);
+
+/// Milliseconds since `start`.
+double millisecondsSince(Clock::time_point start);
+
+/// Times in milliseconds, or anything else whose distribution matters.
+struct Distribution
+{
+    std::vector<double> values;
+
+    void add(double value) { values.push_back(value); }
+
+    /// The value below which `part` of all lie, 0 to 1; 0 when there are none.
+    double quantile(double part) const;
+
+    double least() const { return quantile(0); }
+    double median() const { return quantile(0.5); }
+    double most() const { return quantile(1); }
+
+    /// Figures for count, median, p99 and most.
+    void print(const std::string& name, const std::string& unit = "ms") const;
+};
+
+/// Allows this process and its children as many descriptors as may be.
+void raiseDescriptorLimit();
+
+}  // namespace hostile
+
+#endif

@@ -1,0 +1,134 @@
+/// Clients that behave well, to see how they are served beside those that do not.
+#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_GOODCLIENTS_H
+#define WENDREL_TESTS_INTEGRATION_HOSTILE_GOODCLIENTS_H
+
+#include "Figures.h"
+
+#include "../support/RawClient.h"
+#include "../support/WebSocketClient.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace hostile
+{
+
+/// Times of those that were answered, and how many were not.
+struct Served
+{
+    Distribution times;
+    size_t failures = 0;
+
+    void print(const std::string& name) const
+    {
+        times.print(name);
+        figure(name + ".failures", static_cast<double>(failures), "requests");
+    }
+};
+
+/// One request for /small on a connection of its own; false when it was not answered right.
+inline bool isAnswered(uint16_t port)
+{
+    try {
+        integration::RawClient client(port);
+        client.send(integration::getRequest("/small"));
+        const auto answer = client.receive();
+        return answer && answer->status == 200 && answer->body == "small";
+    } catch (const std::runtime_error&) {
+        return false;
+    }
+}
+
+inline void serveOne(uint16_t port, Served& served)
+{
+    const auto start = Clock::now();
+    if (isAnswered(port))
+        served.times.add(millisecondsSince(start));
+    else
+        ++served.failures;
+}
+
+/// So many requests, one after the other, each on a connection of its own.
+inline Served serve(uint16_t port, size_t requests)
+{
+    Served served;
+    for (size_t i = 0; i < requests; ++i)
+        serveOne(port, served);
+    return served;
+}
+
+/// Sends one small message and waits for it to come back.
+inline void echoOne(integration::WebSocketClient& client, Served& served)
+{
+    const auto start = Clock::now();
+    client.sendText("hello");
+    const auto answer = client.receive();
+    if (answer && answer->bytes == "hello")
+        served.times.add(millisecondsSince(start));
+    else
+        ++served.failures;
+}
+
+inline Served echo(uint16_t port, size_t messages)
+{
+    Served served;
+    integration::WebSocketClient client(port);
+    for (size_t i = 0; i < messages; ++i)
+        echoOne(client, served);
+    return served;
+}
+
+/// A client that goes on in a thread of its own until it is told to stop.
+class Meanwhile
+{
+public:
+    enum Kind { Requests, Messages };
+
+    Meanwhile(uint16_t port, Kind kind) : mThread([this, port, kind] { go(port, kind); }) {}
+    ~Meanwhile() { stop(); }
+    Meanwhile(const Meanwhile&) = delete;
+    Meanwhile& operator=(const Meanwhile&) = delete;
+
+    const Served& stop()
+    {
+        mStop = true;
+        if (mThread.joinable())
+            mThread.join();
+        return mServed;
+    }
+
+    /// Answers so far.
+    size_t answered() const { return mAnswered; }
+
+private:
+    void go(uint16_t port, Kind kind)
+    {
+        // A pause between any two, so that the client does not keep a core to itself.
+        constexpr milliseconds kPause(5);
+        std::unique_ptr<integration::WebSocketClient> client;
+        if (kind == Messages)
+            client = std::make_unique<integration::WebSocketClient>(port);
+        while (!mStop) {
+            if (client)
+                echoOne(*client, mServed);
+            else
+                serveOne(port, mServed);
+            mAnswered = mServed.times.values.size();
+            std::this_thread::sleep_for(kPause);
+        }
+    }
+
+    Served mServed;  // the thread's until it has ended
+    std::atomic<bool> mStop{false};
+    std::atomic<size_t> mAnswered{0};
+    std::thread mThread;
+};
+
+}  // namespace hostile
+
+#endif

@@ -1,0 +1,151 @@
+// What clients write into the log: a line each, whatever it holds.
+
+#include "Figures.h"
+#include "GoodClients.h"
+#include "ServerProcess.h"
+
+#include "../support/Waiting.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace hostile
+{
+namespace
+{
+
+constexpr milliseconds kLimit = std::chrono::seconds(60);
+
+// "2026-02-17T09:30:00.125" with any digits.
+bool beginsWithTime(const std::string& line)
+{
+    const std::string form = "0000-00-00T00:00:00.000";
+    for (size_t i = 0; i < form.size(); ++i) {
+        const char each = i < line.size() ? line[i] : '\0';
+        if (form[i] == '0' ? each < '0' || each > '9' : each != form[i])
+            return false;
+    }
+    return true;
+}
+
+class LogLines : public ::testing::Test
+{
+protected:
+    LogLines()
+    {
+        std::string pattern = std::filesystem::temp_directory_path() / "hostile-log-XXXXXX";
+        if (::mkdtemp(pattern.data()))
+            directory = pattern;
+    }
+    ~LogLines() override
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory, ignored);
+    }
+
+    std::string written() const
+    {
+        std::stringstream text;
+        text << std::ifstream(directory / "log.txt").rdbuf();
+        return text.str();
+    }
+
+    // Does it again until the log holds the text: the daemon does not log every such end.
+    template <typename Deed> bool untilLogged(const std::string& text, const Deed& deed)
+    {
+        const auto start = Clock::now();
+        while (millisecondsSince(start) < static_cast<double>(kLimit.count())) {
+            deed();
+            if (integration::waitUntil([&] { return written().find(text) != std::string::npos; },
+                                       milliseconds(200)))
+                return true;
+        }
+        return false;
+    }
+
+    // One line for each entry, and no control character in it.
+    static size_t expectOneLineAnEntry(const std::string& log)
+    {
+        std::istringstream lines(log);
+        std::string line;
+        size_t count = 0;
+        while (std::getline(lines, line)) {
+            ++count;
+            EXPECT_TRUE(beginsWithTime(line)) << line;
+            for (const char each : line) {
+                const auto byte = static_cast<unsigned char>(each);
+                EXPECT_FALSE(byte < 0x20 || byte == 0x7f) << int{byte} << " in " << line;
+            }
+        }
+        return count;
+    }
+
+    std::filesystem::path directory;
+};
+
+// Each on a connection of its own; waits for the end of all.
+void sendRaw(uint16_t port, const std::vector<std::string>& rows)
+{
+    std::vector<std::unique_ptr<integration::RawClient>> clients;
+    for (const std::string& bytes : rows) {
+        clients.push_back(std::make_unique<integration::RawClient>(port));
+        clients.back()->send(bytes);
+    }
+    for (const auto& client : clients)
+        client->receiveToEnd();
+}
+
+TEST_F(LogLines, OfHostileBytesAreOneEscapedLineAnEntry)
+{
+    ASSERT_FALSE(directory.empty());
+    ServerProcess server({"threads=2", "timeout=1000", "log=" + (directory / "log.txt").string()});
+    const uint16_t port = server.port();
+
+    // In the target, decoded by the daemon: a line of its own that looks like one of ours.
+    const std::string target = "/chunked/50000000/x%0a2026-01-01T00:00:00.000+00:00%20error%20"
+                               "%5bhttpserver%5d%20FORGED%0d%1b%5b31m%7f%08%5c";
+    const auto leaveStream = [&] {
+        integration::RawClient client(port);
+        client.send(integration::getRequest(target));
+        client.receiveSome(1);
+        client.reset();
+    };
+    EXPECT_TRUE(untilLogged("x\\n2026-01-01T00:00:00.000+00:00 error [httpserver] FORGED"
+                            "\\r\\x1b[31m\\x7f\\x08\\\\",
+                            leaveStream));
+    // Raw, in all parts of a head.
+    sendRaw(port, {"GET / HTTP/1.1\r\nHost: x\r\nno colon\x1b[31m\x07\r\n\r\n",
+                   "GET /\x1b]0;title\x07 HTTP/1.1\r\nHost: x\r\n\r\n",
+                   "GET /a\rb HTTP/1.1\r\nHost: x\r\n\r\n",
+                   "GET / HTTP/1.1\r\nHost: x\r\nX: a\rFORGED\x1b[2J\r\n\r\n",
+                   "GET / HTTP/1.1\r\nHost: x\r\nContent-Length: 1\x1b[31m\r\n\r\n",
+                   "G\x1b[31mT / HTTP/1.1\r\nHost: x\r\n\r\n", "GET / HTTP/9.9\x1b[31m\r\n\r\n",
+                   "\x1b[31m\r\n\r\n", std::string("\0\n\0\r", 4)});
+    // In a line of the kit, which holds the target as it came and the text of an exception.
+    integration::RawClient client(port);
+    client.send(integration::getRequest("/throws/%1b%0aFORGED"));
+    const auto answer = client.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 500);
+    EXPECT_TRUE(isAnswered(port));
+    server.stop(kLimit);
+
+    const std::string log = written();
+    EXPECT_NE(log.find("GET /throws/%1b%0aFORGED failed: on purpose\\nwith a second line\n"),
+              std::string::npos)
+        << log;
+    const size_t lines = expectOneLineAnEntry(log);
+    EXPECT_GT(lines, 3u);
+    figure("lines", static_cast<double>(lines), "lines");
+}
+
+}  // namespace
+}  // namespace hostile

@@ -1,0 +1,397 @@
+// Clients that take their time: in the head, in the body, in reading the answer.
+
+#include "Crowd.h"
+#include "Figures.h"
+#include "GoodClients.h"
+#include "ServerProcess.h"
+
+#include "../support/Waiting.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace hostile
+{
+namespace
+{
+
+using integration::waitUntil;
+
+constexpr size_t kClients = 500;
+constexpr milliseconds kTimeOut(2000);
+constexpr milliseconds kBetweenBytes(700);
+constexpr int kDrips = 7;  // more than two time-outs
+constexpr milliseconds kLimit = std::chrono::seconds(60);
+constexpr double kKib = 1024;
+constexpr size_t kToleratedBytes = 8u << 20;
+constexpr size_t kGoodRequests = 300;
+
+// Pages of kernel memory in use for TCP by the whole machine.
+size_t kernelBytesForTcp()
+{
+    std::ifstream file("/proc/net/sockstat");
+    std::string line;
+    while (std::getline(file, line)) {
+        const size_t at = line.find(" mem ");
+        if (line.compare(0, 4, "TCP:") == 0 && at != std::string::npos)
+            return std::stoull(line.substr(at + 5)) * 4096;
+    }
+    return 0;
+}
+
+class SlowClients : public ::testing::Test
+{
+protected:
+    static std::vector<std::string> argumentsFor(size_t workers)
+    {
+        return {"threads=2", "workers=" + std::to_string(workers),
+                "timeout=" + std::to_string(kTimeOut.count())};
+    }
+
+    void start(size_t workers)
+    {
+        server = std::make_unique<ServerProcess>(argumentsFor(workers));
+        // All that is made with the first requests is there.
+        serve(server->port(), scaled(kGoodRequests));
+        before = server->quietFootprint();
+        serve(server->port(), scaled(kGoodRequests)).print("answered-without-attack");
+        crowd = std::make_unique<Crowd>(server->port());
+    }
+
+    void openAll(const std::string& firstBytes, int receiveBuffer = 0)
+    {
+        const size_t clients = scaled(kClients);
+        for (size_t i = 0; i < clients; ++i)
+            crowd->send(crowd->open(0, receiveBuffer), firstBytes);
+        ASSERT_TRUE(crowd->run(
+            [&] {
+                return std::all_of(
+                    crowd->clients().begin(), crowd->clients().end(),
+                    [&](const Client& each) { return each.sent >= firstBytes.size(); });
+            },
+            kLimit));
+        // And the server has taken them all.
+        ASSERT_TRUE(
+            waitUntil([&] { return server->descriptors() >= before.descriptors + clients; }));
+    }
+
+    // One client for each rate at which it will read.
+    void openAllWithRates(size_t rates, int receiveBuffer)
+    {
+        for (size_t i = 0; i < rates; ++i) {
+            Client& client = crowd->open(0, receiveBuffer);
+            client.receiveUpTo = 0;
+            crowd->send(client, "GET /known/1073741824 HTTP/1.1\r\nHost: x\r\n\r\n");
+        }
+        ASSERT_TRUE(
+            waitUntil([&] { return server->descriptors() >= before.descriptors + rates; }) ||
+            crowd->run([&] { return server->figures().at("open") == rates; }, kLimit));
+    }
+
+    void printCostOfEach(const Footprint& attacked)
+    {
+        const double clients = static_cast<double>(scaled(kClients));
+        const double more =
+            static_cast<double>(attacked.residentBytes) - static_cast<double>(before.residentBytes);
+        memoryOfEach = more / clients;
+        figure("attackers", clients, "connections");
+        figure("resident-memory-per-attacker", memoryOfEach / kKib, "KiB");
+        figure("descriptors-per-attacker",
+               static_cast<double>(attacked.descriptors - before.descriptors) / clients, "count");
+    }
+
+    // What an attack took at its height, and when the server closed each connection of it.
+    struct Attack
+    {
+        Footprint most;
+        size_t kernelBytes = 0;
+        Distribution closed;
+    };
+
+    // Clients that do not read do not see the end: it is looked for in the server's descriptors.
+    Attack watchUntilClosed()
+    {
+        Attack attack;
+        const size_t clients = scaled(kClients);
+        const auto start = Clock::now();
+        size_t left = clients;
+        while ((attack.closed.values.size() < clients || left > 1) &&
+               millisecondsSince(start) < static_cast<double>(kLimit.count())) {
+            for (Client& each : crowd->clients()) {
+                each.receiveUpTo = each.received;
+                crowd->update(each);
+            }
+            crowd->runFor(milliseconds(100));
+            const Footprint now = server->footprint();
+            attack.kernelBytes = std::max(attack.kernelBytes, kernelBytesForTcp());
+            if (now.residentBytes > attack.most.residentBytes)
+                attack.most = now;
+            left = now.descriptors - std::min(now.descriptors, before.descriptors);
+            while (attack.closed.values.size() + left < clients)
+                attack.closed.add(millisecondsSince(start));
+        }
+        return attack;
+    }
+
+    // Does the deed again and again, with good clients beside it; notes the longest pause in case
+    // this machine stands still longer than the server waits.
+    void dripAll(const std::function<void(Client&)>& deed)
+    {
+        Meanwhile good(server->port(), Meanwhile::Requests);
+        for (int i = 0; i < kDrips; ++i) {
+            const auto start = Clock::now();
+            crowd->runFor(kBetweenBytes);
+            for (Client& each : crowd->clients())
+                deed(each);
+            longestPause = std::max(longestPause, millisecondsSince(start));
+        }
+        const Served& served = good.stop();
+        served.print("answered-beside-attack");
+        slowestAnswer = served.times.most();
+        EXPECT_EQ(served.failures, 0u);
+        EXPECT_GT(served.times.values.size(), 0u);
+        figure("attack-lasted", kDrips * static_cast<double>(kBetweenBytes.count()), "ms");
+        figure("connection-time-out", static_cast<double>(kTimeOut.count()), "ms");
+        figure("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
+               "connections");
+    }
+
+    // False when this machine has stood still so long that a time-out may have passed meanwhile.
+    bool keptPace() const
+    {
+        constexpr double kSpareMs = 500;
+        return longestPause + slowestAnswer + kSpareMs < static_cast<double>(kTimeOut.count());
+    }
+
+    // A byte now and then keeps a connection for ever: the time-out counts from the last byte.
+    void expectAllAreStillThere()
+    {
+        if (keptPace()) {
+            EXPECT_EQ(crowd->count(Client::Open), scaled(kClients));
+        }
+    }
+
+    void expectClosedInTime()
+    {
+        EXPECT_TRUE(crowd->run([this] { return crowd->count(Client::Open) == 0; }, kLimit));
+        Distribution times;
+        for (const Client& each : crowd->clients())
+            times.add(
+                std::chrono::duration<double, std::milli>(each.ended - each.lastSent).count());
+        figure("closed-after-last-byte.min", times.least(), "ms");
+        times.print("closed-after-last-byte");
+        // The daemon counts in steps of the system's coarse clock.
+        constexpr double kCoarseMs = 100;
+        if (keptPace()) {
+            EXPECT_GE(times.least(), static_cast<double>(kTimeOut.count()) - kCoarseMs);
+        }
+    }
+
+    void expectAllIsOver()
+    {
+        server->expectAsBefore(before, kToleratedBytes);
+        EXPECT_TRUE(isAnswered(server->port()));
+        server->stop(kLimit);
+    }
+
+    std::unique_ptr<ServerProcess> server;
+    std::unique_ptr<Crowd> crowd;
+    Footprint before;
+    double memoryOfEach = 0;
+    double longestPause = 0;
+    double slowestAnswer = 0;
+};
+
+TEST_F(SlowClients, AHeadByteByByteKeepsItsPlaceAndLittleElse)
+{
+    start(16);
+    openAll("GET /small HTTP/1.1\r\nHost: x\r\nX-Slow: ");
+    printCostOfEach(server->footprint());
+    dripAll([this](Client& each) { crowd->send(each, "x"); });
+    expectAllAreStillThere();
+    expectClosedInTime();
+    if (!kSanitized) {
+        EXPECT_LT(memoryOfEach, 300 * kKib);
+    }
+    expectAllIsOver();
+}
+
+// Each occupies a worker of the kit from its first byte on: there must be more workers than that.
+TEST_F(SlowClients, ABodyByteByByteKeepsAWorker)
+{
+    start(scaled(kClients) + 16);
+    openAll("PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n12345");
+    EXPECT_TRUE(waitUntil([this] { return server->figures().at("open") >= scaled(kClients); }));
+    printCostOfEach(server->footprint());
+    dripAll([this](Client& each) { crowd->send(each, "x"); });
+    expectAllAreStillThere();
+    expectClosedInTime();
+    if (!kSanitized) {
+        EXPECT_LT(memoryOfEach, 600 * kKib);
+    }
+    expectAllIsOver();
+}
+
+// The answer is larger than what the system takes for a client that does not read.
+TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
+{
+    constexpr int kReceiveBuffer = 8192;
+    start(scaled(kClients) + 16);
+    const size_t kernelBefore = kernelBytesForTcp();
+    openAll("GET /known/67108864 HTTP/1.1\r\nHost: x\r\n\r\n", kReceiveBuffer);
+    for (Client& each : crowd->clients())
+        each.receiveUpTo = each.received;
+    Meanwhile good(server->port(), Meanwhile::Requests);
+    const Attack attack = watchUntilClosed();
+    const Served& served = good.stop();
+    served.print("answered-beside-attack");
+    EXPECT_EQ(served.failures, 0u);
+    // The time-out begins when the system takes no more of the answer.
+    figure("closed-after-attack-began.min", attack.closed.least(), "ms");
+    attack.closed.print("closed-after-attack-began");
+    EXPECT_GE(attack.closed.values.size(), scaled(kClients));
+    printCostOfEach(attack.most);
+    figure("kernel-memory-per-attacker",
+           static_cast<double>(attack.kernelBytes - std::min(attack.kernelBytes, kernelBefore)) /
+               static_cast<double>(scaled(kClients)) / kKib,
+           "KiB");
+    if (!kSanitized) {
+        // 256 KiB of the daemon, 256 KiB ready and what was being written, a worker's stack.
+        EXPECT_LT(memoryOfEach, 1024 * kKib);
+    }
+    crowd.reset();
+    expectAllIsOver();
+}
+
+// A slow reader stays when the system has room for more of the answer once in a time-out.
+TEST_F(SlowClients, AReaderKeepsItsPlaceAboveACertainRate)
+{
+    constexpr int kReceiveBuffer = 8192;
+    constexpr uint64_t kRates[] = {0, 32768, 65536, 131072, 262144, 524288, 1048576, 4194304};
+    constexpr int kTurns = 8;  // four time-outs
+    constexpr int kPartsOfATurn = 10;
+    start(16);
+    openAllWithRates(std::size(kRates), kReceiveBuffer);
+    for (int i = 0; i < kTurns * kPartsOfATurn; ++i) {
+        for (Client& each : crowd->clients()) {
+            each.receiveUpTo = kRates[each.number] * static_cast<uint64_t>(i) / kPartsOfATurn;
+            crowd->update(each);
+        }
+        crowd->runFor(milliseconds(1000 / kPartsOfATurn));
+    }
+    // Each that is still served has a request open.
+    const uint64_t stayed = server->figures().at("open");
+    EXPECT_GT(stayed, 0u);
+    EXPECT_LT(stayed, std::size(kRates));
+    figure("lowest-rate-that-stays",
+           static_cast<double>(kRates[std::size(kRates) - std::max<uint64_t>(1, stayed)]) / kKib,
+           "KiB/s");
+    crowd.reset();
+    expectAllIsOver();
+}
+
+// A body that is complete when it is announced is copied for each client.
+TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
+{
+    constexpr size_t kAnswers = 50;
+    constexpr size_t kAnswerBytes = 8u << 20;
+    start(16);
+    const uint64_t asked = server->figures().at("requests");
+    for (size_t i = 0; i < scaled(kAnswers); ++i) {
+        Client& client = crowd->open(0, 8192);
+        client.receiveUpTo = 0;
+        crowd->send(client, "GET /buffered/" + std::to_string(kAnswerBytes) +
+                                " HTTP/1.1\r\nHost: x\r\n\r\n");
+    }
+    const auto isAnswering = [&] {
+        return server->figures().at("requests") >= asked + scaled(kAnswers);
+    };
+    ASSERT_TRUE(crowd->run(isAnswering, kLimit));
+    size_t most = 0;
+    EXPECT_TRUE(crowd->run(
+        [&] {
+            const Footprint now = server->footprint();
+            most = std::max(most, now.residentBytes);
+            return now.descriptors == before.descriptors;
+        },
+        kLimit));
+    const double each = static_cast<double>(most - std::min(most, before.residentBytes)) /
+                        static_cast<double>(scaled(kAnswers));
+    figure("answer", static_cast<double>(kAnswerBytes) / kKib, "KiB");
+    figure("resident-memory-per-attacker", each / kKib, "KiB");
+    if (!kSanitized) {
+        // The copy for the daemon, and for a moment the two that it is made from.
+        EXPECT_LT(each, 3.5 * kAnswerBytes);
+    }
+    crowd.reset();
+    // What the heap of a thread ends with is not given back.
+    server->expectAsBefore(before, 4 * kAnswerBytes);
+    server->stop(kLimit);
+}
+
+// Required is only that the daemon goes on; the kit's workers are as many as its user chose.
+TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
+{
+    constexpr size_t kWorkers = 16;
+    start(kWorkers);
+    for (size_t i = 0; i < kWorkers; ++i)
+        crowd->send(crowd->open(),
+                    "PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n");
+    const auto areTaken = [&] { return server->figures().at("open") == kWorkers; };
+    ASSERT_TRUE(crowd->run(areTaken, kLimit));
+    const auto start = Clock::now();
+    Meanwhile good(server->port(), Meanwhile::Requests);
+    constexpr int kBytes = 5;
+    for (int i = 0; i < kBytes; ++i) {
+        crowd->runFor(kBetweenBytes);
+        for (Client& each : crowd->clients())
+            crowd->send(each, "x");
+        longestPause = std::max(longestPause, millisecondsSince(start) -
+                                                  i * static_cast<double>(kBetweenBytes.count()));
+    }
+    figure("attackers", kWorkers, "connections");
+    figure("answered-during-attack", static_cast<double>(good.answered()), "requests");
+    if (crowd->count(Client::Open) == kWorkers) {
+        EXPECT_EQ(good.answered(), 0u);
+    }
+    EXPECT_TRUE(crowd->run([&] { return good.answered() > 0; }, kLimit));
+    figure("next-answer-after-attack-began", millisecondsSince(start), "ms");
+    good.stop();
+    expectAllIsOver();
+}
+
+// Requests that wait for the application slow the daemon's threads down, whoever sent them.
+TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
+{
+    constexpr int kGoodOnes = 2;
+    for (const size_t waiting : {0u, 10u, 40u}) {
+        SCOPED_TRACE(waiting);
+        server = std::make_unique<ServerProcess>(
+            std::vector<std::string>{"threads=1", "workers=" + std::to_string(waiting + 16)});
+        crowd = std::make_unique<Crowd>(server->port());
+        for (size_t i = 0; i < waiting; ++i)
+            crowd->send(crowd->open(), "GET /hold HTTP/1.1\r\nHost: x\r\n\r\n");
+        ASSERT_TRUE(crowd->run([&] { return server->figures().at("holding") == waiting; }, kLimit));
+        Served served;
+        for (int i = 0; i < kGoodOnes; ++i) {
+            // Each event gives the thread another 100 ms without a pause.
+            crowd->runFor(milliseconds(300));
+            serveOne(server->port(), served);
+        }
+        const std::string name = "answered-beside-" + std::to_string(waiting) + "-waiting";
+        figure(name + ".median", served.times.median(), "ms");
+        figure(name + ".max", served.times.most(), "ms");
+        EXPECT_EQ(served.failures, 0u);
+        server->ask("release");
+        crowd.reset();
+        server->stop(kLimit);
+    }
+}
+
+}  // namespace
+}  // namespace hostile
