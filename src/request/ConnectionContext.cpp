@@ -1,4 +1,4 @@
-// The list of all contexts that daemons keep at the moment, newest first.
+// The book of all contexts that daemons keep at the moment.
 
 #include "request/ConnectionContext.h"
 
@@ -6,6 +6,7 @@
 #include <qvSystem/qvMutex.h>
 
 #include <memory>
+#include <unordered_map>
 #include <utility>
 
 namespace qv::impl
@@ -13,79 +14,71 @@ namespace qv::impl
 namespace
 {
 
-struct LiveContexts
+// More than a daemon has connections.
+constexpr size_t kUsualCount = 1024;
+
+struct Book
 {
     qvMutex mutex;
-    ConnectionContext* newest QV_GUARDED_BY(mutex) = nullptr;
+    // A connection has one request at a time.
+    std::unordered_map<const void*, ConnectionContext> contexts QV_GUARDED_BY(mutex);
     uint64_t latestNumber QV_GUARDED_BY(mutex) = 0;
 };
 
-// Never destroyed: a server may outlive the static objects of its process.
-LiveContexts& live()
+std::unique_ptr<Book> makeBook()
 {
-    static auto& contexts = *new LiveContexts;
-    return contexts;
+    auto made = std::make_unique<Book>();
+    qvMutexLocker locker(&made->mutex);
+    made->contexts.reserve(kUsualCount);
+    return made;
 }
 
-void unlink(LiveContexts& list, ConnectionContext& context) QV_REQUIRES(list.mutex)
+// Never destroyed: a server may outlive the static objects of its process.
+Book& book()
 {
-    if (context.newer)
-        context.newer->older = context.older;
-    else
-        list.newest = context.older;
-    if (context.older)
-        context.older->newer = context.newer;
+    static Book& theBook = *makeBook().release();
+    return theBook;
 }
 
 }  // namespace
 
-ConnectionContext* MakeContext(std::string uri, const void* daemon)
+ConnectionContext* MakeContext(std::string uri, int listener, const void* connection)
 {
-    auto context = std::make_unique<ConnectionContext>();
-    context->uri = std::move(uri);
-    context->daemon = daemon;
-    LiveContexts& list = live();
-    qvMutexLocker locker(&list.mutex);
-    context->number = ++list.latestNumber;
-    context->older = list.newest;
-    if (list.newest)
-        list.newest->newer = context.get();
-    list.newest = context.get();
-    return context.release();
+    Book& all = book();
+    qvMutexLocker locker(&all.mutex);
+    // What there is at this address already belongs to a request that the daemon forgot.
+    ConnectionContext& context = all.contexts[connection];
+    context = {std::move(uri), kTimeNotSet, nullptr, listener, connection, ++all.latestNumber};
+    return &context;
 }
 
 void FreeContext(ConnectionContext* context)
 {
-    const std::unique_ptr<ConnectionContext> freed(context);
-    if (!context || context->number == 0)
+    if (!context)
         return;
-    LiveContexts& list = live();
-    qvMutexLocker locker(&list.mutex);
-    unlink(list, *context);
+    if (context->number == 0) {
+        delete context;
+        return;
+    }
+    Book& all = book();
+    qvMutexLocker locker(&all.mutex);
+    all.contexts.erase(context->connection);
 }
 
 uint64_t GetLatestContextNumber()
 {
-    LiveContexts& list = live();
-    qvMutexLocker locker(&list.mutex);
-    return list.latestNumber;
+    Book& all = book();
+    qvMutexLocker locker(&all.mutex);
+    return all.latestNumber;
 }
 
-size_t FreeContextsOf(const void* daemon, uint64_t upToNumber)
+size_t FreeContextsOf(int listener, uint64_t upToNumber)
 {
-    LiveContexts& list = live();
-    size_t count = 0;
-    qvMutexLocker locker(&list.mutex);
-    for (ConnectionContext* each = list.newest; each;) {
-        ConnectionContext* const context = each;
-        each = each->older;
-        if (context->daemon != daemon || context->number > upToNumber)
-            continue;
-        unlink(list, *context);
-        delete context;
-        ++count;
-    }
-    return count;
+    Book& all = book();
+    qvMutexLocker locker(&all.mutex);
+    return std::erase_if(all.contexts, [&](const auto& entry) {
+        return entry.second.listener == listener && entry.second.number <= upToNumber;
+    });
 }
 
 }  // namespace qv::impl

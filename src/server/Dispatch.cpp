@@ -18,6 +18,7 @@
 #include <qvSystem/qvSystemUtils.h>
 
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -112,9 +113,11 @@ MHD_Result queueAnswer(HttpBaseRequest& request, HttpResponseInterface& head,
 {
     if (!response)
         return MHD_NO;
+    std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> held(response, &MHD_destroy_response);
     DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
     emitHead(request, head, response);
-    return QueueAndDestroy(connection, head.getStatusCode(), response);
+    const uint32_t status = head.getStatusCode();
+    return QueueAndDestroy(connection, status, held.release());
 }
 
 MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
@@ -196,11 +199,17 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
 
 }  // namespace
 
+int GetListener(MHD_Daemon* daemon)
+{
+    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_LISTEN_FD);
+    return info ? info->listen_fd : kNoListener;
+}
+
 void* OpenContext(void*, const char* uri, MHD_Connection* connection)
 {
     const MHD_ConnectionInfo* info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_DAEMON);
-    return MakeContext(uri ? uri : "", info ? info->daemon : nullptr);
+    return MakeContext(uri ? uri : "", info ? GetListener(info->daemon) : kNoListener, connection);
 }
 
 MHD_Result TakeValue(void* closure, MHD_ValueKind kind, const char* name, const char* value)

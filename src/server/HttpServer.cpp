@@ -169,9 +169,10 @@ void HttpServer::run()
     while (!mStopRequested)
         mWake.wait(&mMutex, kStopLookMs);
     mImpl->onServerStopped();
+    const int listener = impl::GetListener(daemon);
     const uint64_t latest = impl::GetLatestContextNumber();
     MHD_stop_daemon(daemon);
-    impl::FreeContextsOf(daemon, latest);
+    impl::FreeContextsOf(listener, latest);
     mState = Stopped;
 }
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,25 +18,27 @@ using qv::impl::GetLatestContextNumber;
 using qv::impl::kTimeNotSet;
 using qv::impl::MakeContext;
 
-// Two daemons; only their addresses matter.
-const int kOne = 1;
-const int kOther = 2;
+// Two daemons by their sockets, and connections by their addresses.
+constexpr int kOne = 11;
+constexpr int kOther = 12;
+const char kConnections[8] = {};
 
 TEST(ConnectionContext, IsMadeWithTheTargetAndNothingElse)
 {
-    ConnectionContext* context = MakeContext("/a?b=c", &kOne);
+    ConnectionContext* context = MakeContext("/a?b=c", kOne, kConnections);
     EXPECT_EQ(context->uri, "/a?b=c");
     EXPECT_EQ(context->startTimeMs, kTimeNotSet);
     EXPECT_EQ(context->request, nullptr);
-    EXPECT_EQ(context->daemon, &kOne);
+    EXPECT_EQ(context->listener, kOne);
+    EXPECT_EQ(context->connection, kConnections);
     FreeContext(context);
 }
 
 TEST(ConnectionContext, IsNumberedInOrder)
 {
-    ConnectionContext* first = MakeContext("", &kOne);
+    ConnectionContext* first = MakeContext("", kOne, &kConnections[0]);
     EXPECT_EQ(first->number, GetLatestContextNumber());
-    ConnectionContext* second = MakeContext("", &kOther);
+    ConnectionContext* second = MakeContext("", kOther, &kConnections[1]);
     EXPECT_EQ(second->number, first->number + 1);
     EXPECT_EQ(second->number, GetLatestContextNumber());
     FreeContext(second);
@@ -43,48 +46,60 @@ TEST(ConnectionContext, IsNumberedInOrder)
     FreeContext(first);
 }
 
-TEST(ConnectionContext, CanBeFreedWithoutEverHavingBeenListed)
+TEST(ConnectionContext, CanBeFreedWithoutEverHavingBeenInTheBook)
 {
     FreeContext(nullptr);
     FreeContext(new ConnectionContext{"/x", 1, nullptr});
 }
 
+TEST(ConnectionContext, TakesThePlaceOfOneThatWasForgotten)
+{
+    const uint64_t before = GetLatestContextNumber();
+    ConnectionContext* forgotten = MakeContext("/forgotten", kOne, kConnections);
+    forgotten->startTimeMs = 5;
+    ConnectionContext* next = MakeContext("/next", kOne, kConnections);
+    EXPECT_EQ(next->uri, "/next");
+    EXPECT_EQ(next->startTimeMs, kTimeNotSet);
+    EXPECT_EQ(next->number, before + 2);
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 1u);
+}
+
 TEST(FreeContextsOf, FreesWhatTheDaemonHasNotGivenBack)
 {
-    // Each is given back once, whichever stand beside it in the list.
-    for (size_t givenBack = 0; givenBack <= 4; ++givenBack) {
+    constexpr size_t kCount = 4;
+    for (size_t givenBack = 0; givenBack <= kCount; ++givenBack) {
         SCOPED_TRACE(givenBack);
         std::vector<ConnectionContext*> contexts;
-        for (int i = 0; i < 4; ++i)
-            contexts.push_back(MakeContext(std::string(100, 'u'), &kOne));
-        if (givenBack < contexts.size())
-            FreeContext(contexts[givenBack]);
-        EXPECT_EQ(FreeContextsOf(&kOne, GetLatestContextNumber()), givenBack < 4 ? 3u : 4u);
-        EXPECT_EQ(FreeContextsOf(&kOne, GetLatestContextNumber()), 0u);
+        for (size_t i = 0; i < kCount; ++i)
+            contexts.push_back(MakeContext(std::string(100, 'u'), kOne, &kConnections[i]));
+        for (size_t i = 0; i < givenBack; ++i)
+            FreeContext(contexts[i]);
+        EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), kCount - givenBack);
+        EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 0u);
     }
 }
 
 TEST(FreeContextsOf, LeavesThoseOfAnotherDaemon)
 {
-    ConnectionContext* before = MakeContext("before", &kOther);
-    MakeContext("", &kOne);
-    ConnectionContext* after = MakeContext("after", &kOther);
-    EXPECT_EQ(FreeContextsOf(&kOne, GetLatestContextNumber()), 1u);
+    ConnectionContext* before = MakeContext("before", kOther, &kConnections[0]);
+    MakeContext("", kOne, &kConnections[1]);
+    ConnectionContext* after = MakeContext("after", kOther, &kConnections[2]);
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 1u);
     EXPECT_EQ(before->uri, "before");
     EXPECT_EQ(after->uri, "after");
     FreeContext(before);
     FreeContext(after);
-    EXPECT_EQ(FreeContextsOf(&kOther, GetLatestContextNumber()), 0u);
+    EXPECT_EQ(FreeContextsOf(kOther, GetLatestContextNumber()), 0u);
 }
 
-TEST(FreeContextsOf, LeavesLaterOnesOfADaemonAtTheSameAddress)
+TEST(FreeContextsOf, LeavesLaterOnesOfADaemonWithTheSameSocket)
 {
-    MakeContext("", &kOne);
+    MakeContext("", kOne, &kConnections[0]);
     const uint64_t stopping = GetLatestContextNumber();
-    ConnectionContext* later = MakeContext("later", &kOne);
-    EXPECT_EQ(FreeContextsOf(&kOne, stopping), 1u);
+    ConnectionContext* later = MakeContext("later", kOne, &kConnections[1]);
+    EXPECT_EQ(FreeContextsOf(kOne, stopping), 1u);
     EXPECT_EQ(later->uri, "later");
-    EXPECT_EQ(FreeContextsOf(&kOne, GetLatestContextNumber()), 1u);
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 1u);
 }
 
 TEST(ConnectionContext, IsMadeAndFreedOnManyThreadsAtOnce)
@@ -93,17 +108,18 @@ TEST(ConnectionContext, IsMadeAndFreedOnManyThreadsAtOnce)
     constexpr int kEach = 5000;
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread)
-        threads.emplace_back([] {
-            ConnectionContext* kept = nullptr;
+        threads.emplace_back([thread] {
             for (int i = 0; i < kEach; ++i) {
-                ConnectionContext* made = MakeContext("/x", &kOne);
-                FreeContext(kept);
-                kept = made;
+                ConnectionContext* made =
+                    MakeContext(std::to_string(i), kOne, &kConnections[thread]);
+                EXPECT_EQ(made->uri, std::to_string(i));
+                if (i + 1 < kEach)
+                    FreeContext(made);
             }
         });
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(FreeContextsOf(&kOne, GetLatestContextNumber()), static_cast<size_t>(kThreads));
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), static_cast<size_t>(kThreads));
 }
 
 }  // namespace

@@ -295,7 +295,8 @@ TEST_F(Dispatch, KeepsTheTargetAsItCame)
         EXPECT_EQ(exchange.context().uri, row.kept);
         EXPECT_EQ(exchange.context().startTimeMs, std::numeric_limits<int64_t>::min());
         EXPECT_EQ(exchange.context().request, nullptr);
-        EXPECT_THAT(daemon.calls(), ElementsAre("MHD_get_connection_info 5"));
+        EXPECT_THAT(daemon.calls(),
+                    ElementsAre("MHD_get_connection_info 5", "MHD_get_daemon_info 2"));
         daemon.clearCalls();
     }
 }
@@ -314,31 +315,32 @@ TEST_F(Dispatch, MakesOneContextForEachRequest)
     EXPECT_NE(open("/a").slot, open("/a").slot);
 }
 
-TEST_F(Dispatch, NotesWhoseRequestAContextBelongsTo)
+TEST_F(Dispatch, NotesWhereTheRequestOfAContextCameIn)
 {
-    MHD_Connection& connection = daemon.connection();
     const struct
     {
         const char* name;
-        MHD_Daemon* daemon;
         bool hasInfo;
-        const void* noted;
+        int noted;
     } rows[] = {
-        {"the daemon", reinterpret_cast<MHD_Daemon*>(this), true, this},
-        {"none told", reinterpret_cast<MHD_Daemon*>(this), false, nullptr},
+        {"the socket of the daemon", true, 77},
+        {"none told", false, impl::kNoListener},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        connection.daemon = row.daemon;
+        MHD_Connection& connection = daemon.connection();
+        connection.daemon.listener = 77;
         connection.hasInfo = row.hasInfo;
         auto* context =
             static_cast<impl::ConnectionContext*>(impl::OpenContext(nullptr, "/a", &connection));
-        EXPECT_EQ(context->daemon, row.noted);
+        EXPECT_EQ(context->listener, row.noted);
+        EXPECT_EQ(context->connection, &connection);
         impl::FreeContext(context);
     }
+    daemon.fail("MHD_get_daemon_info");
+    MHD_Daemon silent;
+    EXPECT_EQ(impl::GetListener(&silent), impl::kNoListener);
 }
-
-// The value iterator.
 
 TEST_F(Dispatch, TakesEachKindOfValue)
 {

@@ -441,23 +441,27 @@ TEST_F(HttpServer, TellsTheApplicationBeforeItStopsTheDaemon)
     EXPECT_THAT(daemon.callsOf("onServerStopped"), IsEmpty());
     daemon.clearCalls();
     server->stopServer(true);
-    EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_stop_daemon"));
+    EXPECT_THAT(daemon.calls(),
+                ElementsAre("onServerStopped", "MHD_get_daemon_info 2", "MHD_stop_daemon"));
     EXPECT_THAT(daemon.stops(), ElementsAre(daemon.starts()[0].daemon));
 }
 
 TEST_F(HttpServer, FreesTheContextsThatTheDaemonForgot)
 {
     startAndWait();
-    MHD_Connection& own = daemon.connection();
-    own.daemon = daemon.starts()[0].daemon;
-    MHD_Connection& foreign = daemon.connection();
-    foreign.daemon = reinterpret_cast<MHD_Daemon*>(this);
-    for (int i = 0; i < 3; ++i)
+    const int listener = daemon.starts()[0].daemon->listener;
+    const int foreignListener = listener + 1;
+    for (int i = 0; i < 3; ++i) {
+        MHD_Connection& own = daemon.connection();
+        own.daemon.listener = listener;
         impl::OpenContext(nullptr, "/forgotten", &own);
+    }
+    MHD_Connection& foreign = daemon.connection();
+    foreign.daemon.listener = foreignListener;
     impl::OpenContext(nullptr, "/kept", &foreign);
     server->stopServer(true);
-    EXPECT_EQ(impl::FreeContextsOf(own.daemon, impl::GetLatestContextNumber()), 0u);
-    EXPECT_EQ(impl::FreeContextsOf(foreign.daemon, impl::GetLatestContextNumber()), 1u);
+    EXPECT_EQ(impl::FreeContextsOf(listener, impl::GetLatestContextNumber()), 0u);
+    EXPECT_EQ(impl::FreeContextsOf(foreignListener, impl::GetLatestContextNumber()), 1u);
 }
 
 TEST_F(HttpServer, WaitsInSlicesOf200Milliseconds)
@@ -651,8 +655,8 @@ TEST_F(HttpServer, StopsAndDeletesTheApplicationLast)
     startAndWait();
     daemon.clearCalls();
     server.reset();
-    EXPECT_THAT(daemon.calls(),
-                ElementsAre("onServerStopped", "MHD_stop_daemon", "~HttpServerImpl"));
+    EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_get_daemon_info 2",
+                                            "MHD_stop_daemon", "~HttpServerImpl"));
 }
 
 TEST_F(HttpServer, DeletesTheApplicationWithoutEverBeingStarted)

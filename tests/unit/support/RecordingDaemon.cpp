@@ -2,6 +2,8 @@
 
 #include "support/RecordingDaemon.h"
 
+#include "support/TestsOwn.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,15 +15,18 @@
 #include <arpa/inet.h>
 #include <strings.h>
 
-// What MHD_start_daemon returns is only told apart by its address.
-struct MHD_Daemon
-{};
-
 namespace
 {
 
 std::atomic<qv::tests::RecordingDaemon*> gCurrent{nullptr};
 MHD_Daemon gDaemons[64];
+
+MHD_Daemon* startedDaemon(size_t index)
+{
+    constexpr int kFirstListener = 1000;
+    gDaemons[index].listener = kFirstListener + static_cast<int>(index);
+    return &gDaemons[index];
+}
 
 const char* ModeName(MHD_ResponseMemoryMode mode)
 {
@@ -105,6 +110,12 @@ void RecordingDaemon::fail(const std::string& function)
     mFailing.insert(function);
 }
 
+void RecordingDaemon::refuseWhen(std::function<bool(const std::string& function)> decide)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mDecide = std::move(decide);
+}
+
 void RecordingDaemon::onCall(const std::string& function, std::function<void()> hook)
 {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -113,6 +124,7 @@ void RecordingDaemon::onCall(const std::string& function, std::function<void()> 
 
 void RecordingDaemon::record(const std::string& line)
 {
+    const TestsOwn own;
     std::lock_guard<std::mutex> lock(mMutex);
     mCalls.push_back(line);
 }
@@ -177,17 +189,23 @@ bool RecordingDaemon::walkWasStopped() const
 bool RecordingDaemon::enter(const std::string& function, const std::string& details)
 {
     std::function<void()> hook;
+    std::function<bool(const std::string&)> decide;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mCalls.push_back(details.empty() ? function : function + " " + details);
         const auto found = mHooks.find(function);
         if (found != mHooks.end())
             hook = found->second;
+        decide = mDecide;
     }
     if (hook)
         hook();
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mFailing.count(function) == 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mFailing.count(function) != 0)
+            return false;
+    }
+    return !decide || !decide(function);
 }
 
 bool RecordingDaemon::supports(MHD_FEATURE feature) const
@@ -200,7 +218,7 @@ MHD_Daemon* RecordingDaemon::takeStart(Start start, bool refuse)
 {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!refuse)
-        start.daemon = &gDaemons[mStarts.size() % std::size(gDaemons)];
+        start.daemon = startedDaemon(mStarts.size() % std::size(gDaemons));
     mStarts.push_back(std::move(start));
     return mStarts.back().daemon;
 }
@@ -345,6 +363,7 @@ const char* MHD_get_version(void)
 
 MHD_Result MHD_is_feature_supported(MHD_FEATURE feature)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_is_feature_supported", std::to_string(feature));
     return call.isAllowed() && call->supports(feature) ? MHD_YES : MHD_NO;
 }
@@ -352,6 +371,7 @@ MHD_Result MHD_is_feature_supported(MHD_FEATURE feature)
 MHD_Daemon* MHD_start_daemon(unsigned int flags, uint16_t port, MHD_AcceptPolicyCallback apc,
                              void* apc_cls, MHD_AccessHandlerCallback dh, void* dh_cls, ...)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_start_daemon", "");
     RecordingDaemon::Start start;
     start.flags = flags;
@@ -375,6 +395,7 @@ MHD_Daemon* MHD_start_daemon(unsigned int flags, uint16_t port, MHD_AcceptPolicy
 
 void MHD_stop_daemon(MHD_Daemon* daemon)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_stop_daemon", "");
     call->takeStop(daemon);
 }
@@ -382,6 +403,7 @@ void MHD_stop_daemon(MHD_Daemon* daemon)
 const char* MHD_lookup_connection_value(MHD_Connection* connection, MHD_ValueKind kind,
                                         const char* key)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_lookup_connection_value", std::to_string(kind) + " " + key);
     if (!call.isAllowed())
         return nullptr;
@@ -394,6 +416,7 @@ const char* MHD_lookup_connection_value(MHD_Connection* connection, MHD_ValueKin
 int MHD_get_connection_values(MHD_Connection* connection, MHD_ValueKind kind,
                               MHD_KeyValueIterator iterator, void* iterator_cls)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_get_connection_values", std::to_string(kind));
     if (!call.isAllowed())
         return 0;
@@ -405,6 +428,7 @@ int MHD_get_connection_values(MHD_Connection* connection, MHD_ValueKind kind,
         // The real one hands over its own memory, gone after the request: so must we.
         const auto name = value.name;
         const auto text = value.value;
+        const qv::tests::LibrarysOwn librarys;
         if (iterator(iterator_cls, value.kind, Text(name), Text(text)) != MHD_YES) {
             call->takeWalkStopped();
             break;
@@ -416,11 +440,12 @@ int MHD_get_connection_values(MHD_Connection* connection, MHD_ValueKind kind,
 const MHD_ConnectionInfo* MHD_get_connection_info(MHD_Connection* connection,
                                                   MHD_ConnectionInfoType info_type, ...)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_get_connection_info", std::to_string(info_type));
     if (!call.isAllowed() || !connection->hasInfo)
         return nullptr;
     if (info_type == MHD_CONNECTION_INFO_DAEMON) {
-        connection->info.daemon = connection->daemon;
+        connection->info.daemon = &connection->daemon;
         return &connection->info;
     }
     if (info_type != MHD_CONNECTION_INFO_CLIENT_ADDRESS) {
@@ -432,9 +457,25 @@ const MHD_ConnectionInfo* MHD_get_connection_info(MHD_Connection* connection,
     return &connection->info;
 }
 
+const MHD_DaemonInfo* MHD_get_daemon_info(MHD_Daemon* daemon, MHD_DaemonInfoType info_type, ...)
+{
+    const qv::tests::TestsOwn own;
+    static thread_local MHD_DaemonInfo info;
+    const Call call("MHD_get_daemon_info", std::to_string(info_type));
+    if (!call.isAllowed())
+        return nullptr;
+    if (info_type != MHD_DAEMON_INFO_LISTEN_FD) {
+        ADD_FAILURE() << "information " << info_type << " is not one the library needs";
+        return nullptr;
+    }
+    info.listen_fd = daemon->listener;
+    return &info;
+}
+
 MHD_Response* MHD_create_response_from_buffer(size_t size, void* buffer,
                                               MHD_ResponseMemoryMode mode)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_create_response_from_buffer", std::to_string(size) + " " + ModeName(mode));
     if (!call.isAllowed())
         return nullptr;
@@ -452,6 +493,7 @@ MHD_Response* MHD_create_response_from_callback(uint64_t size, size_t block_size
                                                 MHD_ContentReaderCallback crc, void* crc_cls,
                                                 MHD_ContentReaderFreeCallback crfc)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_create_response_from_callback",
                     (size == MHD_SIZE_UNKNOWN ? "unknown" : std::to_string(size)) + " " +
                         std::to_string(block_size));
@@ -470,6 +512,7 @@ MHD_Response* MHD_create_response_from_callback(uint64_t size, size_t block_size
 MHD_Response* MHD_create_response_for_upgrade(MHD_UpgradeHandler upgrade_handler,
                                               void* upgrade_handler_cls)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_create_response_for_upgrade", "");
     if (!call.isAllowed())
         return nullptr;
@@ -482,6 +525,7 @@ MHD_Response* MHD_create_response_for_upgrade(MHD_UpgradeHandler upgrade_handler
 
 MHD_Result MHD_add_response_header(MHD_Response* response, const char* header, const char* content)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_add_response_header", std::string(header) + ": " + content);
     // The real one refuses a null response and an empty value.
     if (!call.isAllowed() || response == nullptr || *content == '\0')
@@ -495,6 +539,7 @@ MHD_Result MHD_add_response_header(MHD_Response* response, const char* header, c
 MHD_Result MHD_queue_response(MHD_Connection* connection, unsigned int status_code,
                               MHD_Response* response)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_queue_response", std::to_string(status_code));
     if (response == nullptr || !call->isUsable(response, "MHD_queue_response"))
         return MHD_NO;
@@ -504,6 +549,7 @@ MHD_Result MHD_queue_response(MHD_Connection* connection, unsigned int status_co
 
 void MHD_destroy_response(MHD_Response* response)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_destroy_response", "");
     if (response != nullptr && call->isUsable(response, "MHD_destroy_response"))
         call->takeDestroyed(response);
@@ -511,6 +557,7 @@ void MHD_destroy_response(MHD_Response* response)
 
 MHD_Result MHD_upgrade_action(MHD_UpgradeResponseHandle* urh, MHD_UpgradeAction action, ...)
 {
+    const qv::tests::TestsOwn own;
     const Call call("MHD_upgrade_action", std::to_string(action));
     if (action == MHD_UPGRADE_ACTION_CLOSE)
         call->takeClosed(urh);

@@ -21,6 +21,11 @@
 #include <netinet/in.h>
 
 // One request as the daemon has parsed it. Filled by the test.
+struct MHD_Daemon
+{
+    int listener = -1;
+};
+
 struct MHD_Connection
 {
     struct Value
@@ -42,7 +47,7 @@ struct MHD_Connection
     bool hasInfo = true;     // otherwise MHD_get_connection_info gives null
     bool hasClient = false;  // otherwise the information holds a null address
     sockaddr_in client{};
-    MHD_Daemon* daemon = nullptr;  // the one it says it belongs to
+    MHD_Daemon daemon;  // that of its pool thread: never the one that was started
     MHD_ConnectionInfo info{};
 };
 
@@ -121,6 +126,10 @@ public:
     // null, MHD_NO or, for the walk, 0 without offering anything.
     void fail(const std::string& function);
 
+    // Asked at each call that would not refuse otherwise, on its thread: true makes this one
+    // refuse. Makes the Nth call fail.
+    void refuseWhen(std::function<bool(const std::string& function)> decide);
+
     // Called at the beginning of each call of `function`, on its thread.
     void onCall(const std::string& function, std::function<void()> hook);
 
@@ -162,6 +171,7 @@ private:
     std::vector<std::string> mCalls;
     std::set<MHD_FEATURE> mFeatures{MHD_FEATURE_POLL, MHD_FEATURE_EPOLL};
     std::set<std::string> mFailing;
+    std::function<bool(const std::string&)> mDecide;
     std::map<std::string, std::function<void()>> mHooks;
     std::vector<Start> mStarts;
     std::vector<MHD_Daemon*> mStops;
