@@ -91,7 +91,8 @@ public:
     /// Queues one message, in frames of at most 131000 bytes. Copies the data. Sends at once
     /// when called from `onMessageReceived` of this object; otherwise the WebSocketThread sends
     /// it, after 10 ms at the latest if a worker is free. There is no limit to what is queued
-    /// for a client that does not read. Any thread.
+    /// for a client that does not read. Without memory for all of it nothing is queued
+    /// (std::bad_alloc). Any thread.
     void writeMessage(const void* data, size_t size, bool isBinary) QV_EXCLUDES(lock);
 
     /// Lets the daemon close the socket; further calls do nothing more. Never call it after the
@@ -142,6 +143,7 @@ private:
     void readRawData(std::vector<uint8_t>& dest, const uint8_t* maskKey, size_t offset);
     void skipBytes(size_t count);
     void readNoSeek(uint8_t* out, size_t count) const;
+    void queueFrames(const void* data, size_t size, bool isBinary) QV_REQUIRES(lock);
     void writeRawData(const void* data, size_t size) QV_REQUIRES(lock);
     size_t firstWriteEnd() const QV_REQUIRES(lock);
     void removeWrittenBytes(size_t count) QV_REQUIRES(lock);
@@ -197,7 +199,8 @@ public:
     ~WebSocketThread() override;
 
     /// Starts `count` workers and the poll thread; does nothing when there are workers already.
-    /// With 0, connections are polled and never served. Call once, from one thread.
+    /// With 0, connections are polled and never served. Throws std::system_error when the system
+    /// has not so many threads to give; then none is left running. Call once, from one thread.
     void startThreads(unsigned count) QV_EXCLUDES(lock);
 
     /// Takes the connection over, and leaves `socket` null; it is polled within 10 ms. After

@@ -65,10 +65,10 @@ void Application::onNewWebSocket(http::WebSocket* socket)
 
 HttpBaseRequest* Application::createRequest()
 {
-    Request* request = newRequest();
-    ++mRequests;
+    std::unique_ptr<Request> request(newRequest());
     mKeeper.opened();
-    return request;
+    ++mRequests;
+    return request.release();
 }
 
 void Application::handleRequest(HttpBaseRequest* base)

@@ -126,9 +126,12 @@ bool Request::reply(uint32_t status, const std::string& contentType, const std::
 
 bool Request::replyError(uint32_t status, const std::string& message)
 {
-    const nlohmann::json body = {{"error", message}, {"status", status}};
+    // Only the text is left to the JSON library: the destructor of its objects needs memory, and
+    // without any the process would end.
+    const std::string text =
+        nlohmann::json(message).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     return reply(status, "application/json",
-                 body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+                 "{\"error\":" + text + ",\"status\":" + std::to_string(status) + "}");
 }
 
 // An answer without a body is not ended when its length is declared: ended, it would be sent

@@ -31,7 +31,9 @@ RequestKeeper::~RequestKeeper()
 
 void RequestKeeper::opened()
 {
+    List room(1);
     const std::lock_guard<std::mutex> lock(mMutex);
+    mRoom.splice(mRoom.end(), room);
     ++mOpen;
 }
 
@@ -41,7 +43,9 @@ void RequestKeeper::finished(std::unique_ptr<HttpBaseRequest> request)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         const bool wasDue = isSweepDue();
-        mFinished.push_back(std::move(request));
+        // Without memory for an entry the request would be deleted while the daemon uses it.
+        mRoom.front() = std::move(request);
+        mFinished.splice(mFinished.end(), mRoom, mRoom.begin());
         ++mNews;
         wake = isSweepDue() && (!wasDue || doesSweepPay());
     }

@@ -41,7 +41,7 @@ std::string ResponseHead::getHeader(const std::string& name) const
 
 void ResponseHead::addCookie(const std::string& name, const std::string& value)
 {
-    mCookies[name] = value;
+    mCookies.insert_or_assign(name, std::string(value));
 }
 
 std::string ResponseHead::describe()

@@ -71,15 +71,22 @@ bool Router::add(int methods, const std::string& pattern, Handler handler)
     Names names;
     if (!parse(pattern, segments, names))
         return false;
-    auto route = std::find_if(mRoutes.begin(), mRoutes.end(), [&](const Route& known) {
-        return sameShape(known.segments, segments);
-    });
-    if (route == mRoutes.end())
-        route = mRoutes.insert(route, Route{std::move(segments), {}});
+    std::map<int, Target> targets;
     for (int bit = 0; bit < kMethodBits; ++bit) {
         if (methods & (1 << bit))
-            route->targets[1 << bit] = {handler, names};
+            targets[1 << bit] = {handler, names};
     }
+    const auto route = std::find_if(mRoutes.begin(), mRoutes.end(), [&](const Route& known) {
+        return sameShape(known.segments, segments);
+    });
+    if (route == mRoutes.end()) {
+        mRoutes.push_back({std::move(segments), std::move(targets)});
+        return true;
+    }
+    route->targets.merge(targets);
+    // What is left has had a handler before.
+    for (auto& [method, target] : targets)
+        route->targets[method] = std::move(target);
     return true;
 }
 

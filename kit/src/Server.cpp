@@ -27,8 +27,14 @@ sigset_t stopSignals()
 
 Server::Server(std::unique_ptr<Application> application) : mApplication(application.get())
 {
-    initializeWendrel();
-    mServer = std::make_unique<http::HttpServer>(application.release());
+    mServer = std::make_unique<http::HttpServer>(application.get());
+    static_cast<void>(application.release());  // the server's, now that there is one
+    try {
+        initializeWendrel();
+    } catch (...) {
+        terminateWendrel();  // it has been counted all the same
+        throw;
+    }
 }
 
 Server::~Server()

@@ -188,6 +188,8 @@ HubConnection::HubConnection(http::WebSocket&& upgraded)
 
 HubConnection::~HubConnection()
 {
+    // Of one that never came into a hub, for want of memory or of threads.
+    markForDeletion();
     if (mWatch != -1)
         ::close(mWatch);
 }

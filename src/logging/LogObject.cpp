@@ -43,7 +43,7 @@ qvLogObject::qvLogObject(int level, const char* category, const char* systemLogN
         mLevel = kDiscard;
 }
 
-qvLogObject::~qvLogObject()
+qvLogObject::~qvLogObject() noexcept(false)
 {
     if (mMessage)
         emit();

@@ -25,7 +25,8 @@ public:
     // flushed at once.
     explicit qvLogObject(int level, const char* category = nullptr,
                          const char* systemLogName = nullptr);
-    ~qvLogObject();
+    // Writes the entry; what the log throws passes through.
+    ~qvLogObject() noexcept(false);
     qvLogObject(const qvLogObject&) = delete;
     qvLogObject& operator=(const qvLogObject&) = delete;
 

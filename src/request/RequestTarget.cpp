@@ -19,8 +19,8 @@ constexpr const char* kInvalidTarget = "Invalid URI";
 void HttpBaseRequest::setOriginalFullUrl(std::string&& target)
 {
     if (target.size() > kTargetLimitBytes) {
-        mOriginalFullUrl = kInvalidTarget;
         setParseError("URI is too long");
+        mOriginalFullUrl = kInvalidTarget;
         return;
     }
     // Required: no slash is put in between, so that a target in another form than origin form
@@ -31,8 +31,8 @@ void HttpBaseRequest::setOriginalFullUrl(std::string&& target)
         mOriginalFullUrl = std::move(target);
         return;
     }
-    mOriginalFullUrl = kInvalidTarget;
     setParseError("fail to parse request URI, " + error);
+    mOriginalFullUrl = kInvalidTarget;
 }
 
 }  // namespace qv

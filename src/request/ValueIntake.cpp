@@ -44,6 +44,15 @@ std::string textOrEmpty(const char* value)
     return value ? std::string(value) : std::string();
 }
 
+// Should memory run out, no name is left behind without a value.
+void appendValue(HttpBaseRequest::ValueMap& map, const std::string& name, std::string&& value)
+{
+    std::list<std::string> values;
+    values.push_back(std::move(value));
+    std::list<std::string>& known = map[name];
+    known.splice(known.end(), values);
+}
+
 }  // namespace
 
 void HttpBaseRequest::addHeader(const char* name, const char* value)
@@ -76,7 +85,7 @@ void HttpBaseRequest::addCookie(const char* name, const char* value)
     if (const char* why = refusal(text, "cookie data is non utf8",
                                   "cookie data contains ASCII forbidden characters"))
         return setParseError(why);
-    mCookies[key].push_back(std::move(text));
+    appendValue(mCookies, key, std::move(text));
     mRequestHeadBytes += pairBytes + kCookieOverheadBytes;
 }
 
@@ -91,7 +100,7 @@ void HttpBaseRequest::addQueryParameter(const char* name, const char* value)
     if (const char* why = refusal(text, "query parameter value is non utf8",
                                   "query parameter value contains ASCII forbidden characters"))
         return setParseError(why);
-    mQueryParameters[key].push_back(std::move(text));
+    appendValue(mQueryParameters, key, std::move(text));
 }
 
 }  // namespace qv

@@ -11,19 +11,18 @@ void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_
 {
     if (len == 0)
         return;
-    if (!queue.empty()) {
-        std::vector<char>& last = queue.back();
-        const size_t taken = std::min(last.capacity() - last.size(), len);
-        last.insert(last.end(), data, data + taken);
-        data += taken;
-        len -= taken;
+    std::vector<char>* const last = queue.empty() ? nullptr : &queue.back();
+    const size_t spare = last ? std::min(last->capacity() - last->size(), len) : 0;
+    // What needs memory comes first: either all of the data is taken or none.
+    std::list<std::vector<char>> rest;
+    if (spare < len) {
+        std::vector<char>& chunk = rest.emplace_back();
+        chunk.reserve(std::max(len - spare, kChunkCapacityBytes));
+        chunk.assign(data + spare, data + len);
     }
-    if (len == 0)
-        return;
-    std::vector<char> chunk;
-    chunk.reserve(std::max(len, kChunkCapacityBytes));
-    chunk.assign(data, data + len);
-    queue.push_back(std::move(chunk));
+    if (spare != 0)
+        last->insert(last->end(), data, data + spare);
+    queue.splice(queue.end(), rest);
 }
 
 }  // namespace qv::impl

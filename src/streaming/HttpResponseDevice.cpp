@@ -65,9 +65,9 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
     if (impl::DispatchAccess::keepAliveCallback(*mRequest))
         impl::DispatchAccess::lastKeepAliveMs(*mRequest) = nowMs;
 
-    mSentBytes += len;
     impl::AppendToChunks(mFillQueue, data, len);
     mFillBytes += len;
+    mSentBytes += len;
 
     if (mLastHandOverMs == impl::kTimeNotSet || nowMs - mLastHandOverMs > kHandOverPeriodMs)
         mFlushRequested = true;
@@ -203,8 +203,10 @@ bool HttpResponseDevice::takeOver(size_t room, bool& ended)
 // The caller holds the mutex.
 void HttpResponseDevice::setConnectionLost(const std::string& reason)
 {
-    setDeviceError("Http response device : " + reason);
+    // The writer goes on when the caller releases the mutex; it is woken also when there is no
+    // memory for the text.
     mSpaceFreed->wakeAll();
+    setDeviceError("Http response device : " + reason);
 }
 
 }  // namespace qv

@@ -28,6 +28,35 @@ constexpr size_t kShortestFrameBytes = 6;
 constexpr char kAnswerWord[] = {'r', 'e', 's', 'p', 'o', 'n', 's', 'e'};
 constexpr size_t kAnswerWords = 32751;
 
+// Room for the payload of a frame, as much as insert would make. Lengths that no vector can hold
+// are left to insert, which refuses them.
+void makeRoom(std::vector<uint8_t>& message, size_t payload)
+{
+    const size_t size = message.size();
+    if (payload > message.capacity() - size && payload <= message.max_size() - size)
+        message.reserve(size + std::max(size, payload));
+}
+
+// Ends a message that has been handed over, also when its handler throws.
+class DeliveredMessage
+{
+public:
+    DeliveredMessage(std::vector<uint8_t>& message, bool& isBinary)
+        : mMessage(message), mIsBinary(isBinary)
+    {}
+    ~DeliveredMessage()
+    {
+        mMessage.clear();
+        mIsBinary = false;
+    }
+    DeliveredMessage(const DeliveredMessage&) = delete;
+    DeliveredMessage& operator=(const DeliveredMessage&) = delete;
+
+private:
+    std::vector<uint8_t>& mMessage;
+    bool& mIsBinary;
+};
+
 }  // namespace
 
 WebSocket::WebSocket(int descriptor, void* handle)
@@ -140,6 +169,8 @@ int WebSocket::tryToReadFrame()
     if (error)
         return ProtocolError;
 
+    // Before anything is consumed: without memory the frame stays where it is.
+    makeRoom(message, payloadLength);
     skipBytes(headerSize);
     if (expectFirstFrame)
         messageIsBinary = isBinary;
@@ -149,9 +180,8 @@ int WebSocket::tryToReadFrame()
     readRawData(message, maskKey, offset);
     if (!fin)
         return FrameConsumed;
+    const DeliveredMessage delivered(message, messageIsBinary);
     onMessageReceived(message, messageIsBinary);
-    message.clear();
-    messageIsBinary = false;
     return FrameConsumed;
 }
 
@@ -161,25 +191,40 @@ void WebSocket::writeMessage(const void* data, size_t size, bool isBinary)
     {
         qvMutexLocker locker(&lock);
         holder = currentThread;
-        const auto* next = static_cast<const uint8_t*>(data);
-        bool isFirstFrame = true;
-        bool fin = false;
-        while (!fin) {
-            fin = size <= kLongestFrameBytes;
-            const size_t length = std::min(size, kLongestFrameBytes);
-            uint8_t header[kServerHeaderBytes];
-            size_t headerSize = 0;
-            WriteHeader(header, length, isBinary, isFirstFrame, fin, headerSize);
-            writeRawData(header, headerSize);
-            writeRawData(next, length);
-            isFirstFrame = false;
-            next += length;
-            size -= length;
+        const size_t blocksBefore = writeQueue.size();
+        const size_t fillBefore = lastWriteFill;
+        try {
+            queueFrames(data, size, isBinary);
+        } catch (...) {
+            // Half a message would make the client take the next one for the rest of it.
+            writeQueue.resize(blocksBefore);
+            lastWriteFill = fillBefore;
+            writePending = !writeQueue.empty();
+            throw;
         }
     }
     // A worker sends for itself; for anybody else the poll thread will find the bytes.
     if (holder == qvThread::CurrentThreadId())
         sendDataIfAvailable();
+}
+
+void WebSocket::queueFrames(const void* data, size_t size, bool isBinary)
+{
+    const auto* next = static_cast<const uint8_t*>(data);
+    bool isFirstFrame = true;
+    bool fin = false;
+    while (!fin) {
+        fin = size <= kLongestFrameBytes;
+        const size_t length = std::min(size, kLongestFrameBytes);
+        uint8_t header[kServerHeaderBytes];
+        size_t headerSize = 0;
+        WriteHeader(header, length, isBinary, isFirstFrame, fin, headerSize);
+        writeRawData(header, headerSize);
+        writeRawData(next, length);
+        isFirstFrame = false;
+        next += length;
+        size -= length;
+    }
 }
 
 // Required: an application that overrides nothing answers everything with this.

@@ -84,9 +84,23 @@ void WebSocketThread::startThreads(unsigned count)
     if (!workers.empty())
         return;
     workers.reserve(count);
-    for (unsigned i = 0; i < count; ++i)
-        workers.push_back(std::make_unique<WebSocketWorkerThread>(this));
-    startThread(nullptr);
+    std::list<std::unique_ptr<WebSocket>> nothing(count);
+    try {
+        for (unsigned i = 0; i < count; ++i)
+            workers.push_back(std::make_unique<WebSocketWorkerThread>(this));
+        startThread(nullptr);
+    } catch (...) {
+        // Without a poll thread connections would wait for ever. A worker that gets nothing ends.
+        nothing.resize(workers.size());
+        readySockets.splice(readySockets.begin(), nothing);
+        workerWake.wakeAll();
+        std::vector<std::unique_ptr<WebSocketWorkerThread>> started;
+        started.swap(workers);
+        // Each waits for its thread, which wants the lock.
+        locker.unlock();
+        started.clear();
+        throw;
+    }
 }
 
 void WebSocketThread::addWebSocket(std::unique_ptr<WebSocket>& socket)

@@ -129,8 +129,10 @@ bool HttpHeaders::ParseMultiValueHeader(const char* value, std::list<std::string
 
 void HttpHeaders::addHeaderValues(const std::string& name, const std::list<std::string>& values)
 {
+    // Copied first: should memory run out, no name is left behind without a value.
+    std::list<std::string> copies = values;
     std::list<std::string>& known = mValues[name];
-    known.insert(known.end(), values.begin(), values.end());
+    known.splice(known.end(), copies);
 }
 
 const std::list<std::string>* HttpHeaders::find(const std::string& name) const

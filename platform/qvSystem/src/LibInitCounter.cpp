@@ -7,6 +7,7 @@
 #include <spdlog/version.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace qv
 {
@@ -76,8 +77,9 @@ bool LibInitCounter::isInitialized() const
 
 void RegisterThirdPartyLibVersionInfo(const char* name, const char* version)
 {
+    std::string text = version;
     qvMutexLocker locker(&registry().mutex);
-    registry().versions[name] = version;
+    registry().versions[name] = std::move(text);
 }
 
 void UnRegisterThirdPartyLibVersionInfo(const char* name)

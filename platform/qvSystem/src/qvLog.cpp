@@ -7,8 +7,11 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <functional>
+#include <utility>
 
 #include <syslog.h>
 
@@ -19,6 +22,8 @@ namespace
 
 constexpr const char* kLevelNames[qvLog::kLevelCount] = {"trace",  "debug",   "information",
                                                          "notice", "warning", "error"};
+
+constexpr std::chrono::seconds kAttemptPeriod(1);
 
 bool hasSwitch(int level)
 {
@@ -79,11 +84,11 @@ std::string timeText(int64_t timestampMs)
 class SpdlogSink : public qvLogSink
 {
 public:
-    SpdlogSink(std::shared_ptr<spdlog::sinks::sink> sink, bool withPrefix)
-        : mSink(std::move(sink)), mWithPrefix(withPrefix)
-    {
-        mSink->set_pattern("%v");
-    }
+    using SinkPointer = std::shared_ptr<spdlog::sinks::sink>;
+
+    SpdlogSink(std::function<SinkPointer()> maker, bool withPrefix)
+        : mMaker(std::move(maker)), mSink(make()), mWithPrefix(withPrefix)
+    {}
 
     void write(const qvLog::LogEntry& entry) override
     {
@@ -91,15 +96,50 @@ public:
         if (mWithPrefix)
             line.insert(0, qvLog::EscapeControlCharacters(entry.prefix));
         const spdlog::details::log_msg message("", spdlogLevel(entry.level), line);
-        reportFailure([&] { mSink->log(message); });
+        reportFailure([&] {
+            if (!mSink)
+                makeAgain();
+            useSink([&](spdlog::sinks::sink& sink) { sink.log(message); });
+        });
     }
 
     void flush() override
     {
-        reportFailure([this] { mSink->flush(); });
+        reportFailure([this] { useSink([](spdlog::sinks::sink& sink) { sink.flush(); }); });
     }
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    SinkPointer make() const
+    {
+        SinkPointer sink = mMaker();
+        sink->set_pattern("%v");
+        return sink;
+    }
+
+    // Each attempt to open a file that cannot be opened takes its time.
+    void makeAgain()
+    {
+        const auto now = Clock::now();
+        if (now < mNextAttempt)
+            return;
+        mNextAttempt = now + kAttemptPeriod;
+        mSink = make();
+        mNextAttempt = now;
+    }
+
+    // A sink that throws, whatever it is, may have closed its file and not opened the next one;
+    // using it then would end the process. It is made anew with the next entry.
+    template <typename Operation> void useSink(Operation operation)
+    {
+        const SinkPointer sink = std::exchange(mSink, nullptr);
+        if (!sink)
+            return;
+        operation(*sink);
+        mSink = sink;
+    }
+
     // A log that cannot be written must not bring down what it reports about.
     template <typename Operation> void reportFailure(Operation operation)
     {
@@ -112,7 +152,9 @@ private:
         }
     }
 
-    std::shared_ptr<spdlog::sinks::sink> mSink;
+    const std::function<SinkPointer()> mMaker;
+    SinkPointer mSink;  // null after a failure
+    Clock::time_point mNextAttempt;
     bool mWithPrefix;
     bool mFailed = false;
 };
@@ -242,15 +284,18 @@ std::string qvLog::EscapeControlCharacters(const std::string& text)
 
 std::unique_ptr<qvLogSink> MakeStandardErrorSink()
 {
-    return std::make_unique<SpdlogSink>(std::make_shared<spdlog::sinks::stderr_sink_mt>(), true);
+    return std::make_unique<SpdlogSink>(
+        [] { return std::make_shared<spdlog::sinks::stderr_sink_mt>(); }, true);
 }
 
 std::unique_ptr<qvLogSink> MakeRotatingFileSink(const std::string& path, size_t maxBytes,
                                                 size_t maxFiles, std::string& error)
 {
+    const auto maker = [=] {
+        return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxBytes, maxFiles);
+    };
     try {
-        return std::make_unique<SpdlogSink>(
-            std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxBytes, maxFiles), true);
+        return std::make_unique<SpdlogSink>(maker, true);
     } catch (const spdlog::spdlog_ex& e) {
         error = e.what();
         return nullptr;
@@ -261,7 +306,10 @@ std::unique_ptr<qvLogSink> MakeSystemLogSink(const std::string& name)
 {
     // The system log writes the time itself.
     return std::make_unique<SpdlogSink>(
-        std::make_shared<spdlog::sinks::syslog_sink_mt>(name, LOG_PID, LOG_USER, false), false);
+        [=] {
+            return std::make_shared<spdlog::sinks::syslog_sink_mt>(name, LOG_PID, LOG_USER, false);
+        },
+        false);
 }
 
 }  // namespace qv

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 
 namespace qv
 {
@@ -80,8 +81,13 @@ void qvThread::msleep(unsigned long ms)
 
 const std::string& qvThread::CurrentThreadId()
 {
-    thread_local const std::string id = std::to_string(gettid());
-    return id;
+    // Never destroyed: the C library ends the process when it has no memory to note a destructor.
+    // The text needs none of its own.
+    alignas(std::string) thread_local char place[sizeof(std::string)];
+    thread_local const std::string* id = nullptr;
+    if (!id)
+        id = new (place) std::string(std::to_string(gettid()));
+    return *id;
 }
 
 }  // namespace qv

@@ -3,6 +3,8 @@
 #ifndef WENDREL_TESTS_CAPTUREDLOG_H
 #define WENDREL_TESTS_CAPTUREDLOG_H
 
+#include "support/TestsOwn.h"
+
 #include <qvSystem/qvLog.h>
 
 #include <memory>
@@ -78,6 +80,7 @@ private:
 
         void write(const qvLog::LogEntry& entry) override
         {
+            const TestsOwn own;
             std::lock_guard<std::mutex> lock(mRecord->mutex);
             mRecord->entries.push_back(entry);
             mRecord->flushed.push_back(false);

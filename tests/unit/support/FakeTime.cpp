@@ -3,6 +3,8 @@
 
 #include "support/FakeTime.h"
 
+#include "support/TestsOwn.h"
+
 #include <qvSystem/qvMutex.h>
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
@@ -80,6 +82,7 @@ template <typename Function> Function Real(const char* mangled)
 
 void FakeTime::State::sleep(unsigned long ms)
 {
+    const TestsOwn own;
     std::function<void(unsigned long)> hook;
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -120,6 +123,7 @@ void FakeTime::State::endWait(Wait& wait, size_t wakesBefore)
 
 bool FakeTime::State::wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeOutMs)
 {
+    const TestsOwn own;
     size_t wakesBefore = 0;
     Wait current = beginWait(condition, timeOutMs, wakesBefore);
     std::function<void(Wait&)> hook;
@@ -265,6 +269,7 @@ bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeOutMs)
 void qvWaitCondition::wakeAll()
 {
     if (const auto state = tests::Current()) {
+        const tests::TestsOwn own;
         std::lock_guard<std::mutex> lock(state->mutex);
         ++state->wakes[this];
     }

@@ -4,6 +4,8 @@
 
 #include "support/FaultySockets.h"
 
+#include "support/TestsOwn.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -88,6 +90,7 @@ template <typename Function> Function Real(const char* name)
 // One call, with or without a script; `real` is given how many bytes to move.
 template <typename System> ssize_t Perform(FaultySockets::Attempt attempt, System real)
 {
+    const TestsOwn own;
     const auto state = Current();
     size_t length = attempt.length;
     if (!state)

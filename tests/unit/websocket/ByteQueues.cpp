@@ -379,13 +379,16 @@ TEST(WebSocketReadQueue, GivesNothingToAFullDestination)
 
 TEST(WebSocketReadQueue, LeavesZerosWhereTheBufferedBytesEnd)
 {
-    WebSocket socket(-1, nullptr);
-    const Bytes masked = Pattern(kBlock);
-    FillRead(socket, masked);
-    Bytes dest(kBlock + 10);
-    Access::readRawData(socket, dest, kKey.data(), 0);
-    EXPECT_EQ(dest, Plain(masked) + Bytes(10));
-    EXPECT_THAT(ReadContent(socket), testing::IsEmpty());
+    for (const size_t size : {size_t{1}, kBlock - 1, kBlock, kBlock + 1, 2 * kBlock - 1}) {
+        SCOPED_TRACE(size);
+        WebSocket socket(-1, nullptr);
+        const Bytes masked = Pattern(size);
+        FillRead(socket, masked);
+        Bytes dest(size + 10);
+        Access::readRawData(socket, dest, kKey.data(), 0);
+        EXPECT_EQ(dest, Plain(masked) + Bytes(10));
+        EXPECT_THAT(ReadContent(socket), testing::IsEmpty());
+    }
 }
 
 }  // namespace

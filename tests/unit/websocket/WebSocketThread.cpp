@@ -1445,6 +1445,47 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithTheConnectionItHandledWhenItWasSto
     EXPECT_EXIT(goRound(), ::testing::ExitedWithCode(0), "");
 }
 
+// The first worker has ended long before.
+TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto waitForTheLast = [this] {
+        limitThisProcess();
+        Gate gates[2];
+        std::atomic<pid_t> workers[2] = {0, 0};
+        for (size_t i = 0; i < 2; ++i) {
+            Peer& peer = connect(i == 0 ? "a" : "b");
+            peer.socket->onMessage = [&, i](const std::string&) {
+                workers[i] = ::gettid();
+                journal.wait([&] { return workers[0] != 0 && workers[1] != 0; });
+                gates[i].pass();
+            };
+            peer.send("hello");
+            give(peer);
+        }
+        start(2);
+        EXPECT_TRUE(journal.wait([&] { return workers[0] != 0 && workers[1] != 0; }));
+        // The one that was started later keeps its connection, and will go round with it.
+        const size_t busy = workers[0] > workers[1] ? 0 : 1;
+        gates[1 - busy].open();
+        EXPECT_TRUE(journal.waitFor(busy == 0 ? "poll b" : "poll a"));
+
+        std::atomic<bool> hasStopped{false};
+        std::thread stopper([&] {
+            threads->stopThreads(true);
+            hasStopped = true;
+        });
+        EXPECT_TRUE(journal.wait([&] {
+            return threads->waitThread(0) &&
+                   (Access::hasWorkerEnded(*threads, 0) || Access::hasWorkerEnded(*threads, 1));
+        }));
+        std::this_thread::sleep_for(kAMoment);
+        EXPECT_FALSE(hasStopped);
+        std::_Exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(waitForTheLast(), ::testing::ExitedWithCode(0), "");
+}
+
 }  // namespace
 
 }  // namespace qv::tests

@@ -37,7 +37,7 @@ public:
     RequestKeeper(const RequestKeeper&) = delete;
     RequestKeeper& operator=(const RequestKeeper&) = delete;
 
-    /// A request has been made. Any thread.
+    /// A request has been made; makes room for it, so that `finished` cannot fail. Any thread.
     void opened();
 
     /// The worker has finished with the request and will not touch it again; the keeper owns
@@ -67,6 +67,7 @@ private:
     std::condition_variable mChanged;
     std::condition_variable mDeleted;
     List mFinished;
+    List mRoom;  // an entry for each request that is not finished yet
     size_t mOpen = 0;
     uint64_t mCompletions = 0;
     uint64_t mReaped = 0;

@@ -99,7 +99,8 @@ public:
     template <typename Connection, typename... Arguments>
     void adopt(http::WebSocket* upgraded, Arguments&&... arguments)
     {
-        const std::unique_ptr<http::WebSocket> taken(upgraded);
+        // Closes what could not be moved into a Connection.
+        const std::unique_ptr<http::WebSocket, Closing> taken(upgraded);
         add(std::make_unique<Held<Connection>>(std::move(*taken),
                                                std::forward<Arguments>(arguments)...));
     }
@@ -139,6 +140,15 @@ private:
         {
             this->setReadEnabled(true);
             Connection::onMessageReceived(received, isBinary);
+        }
+    };
+
+    struct Closing
+    {
+        void operator()(http::WebSocket* socket) const
+        {
+            socket->markForDeletion();
+            delete socket;
         }
     };
 

@@ -1,0 +1,473 @@
+// The kit while memory and threads run out.
+
+#include "faults/Support.h"
+#include "support/FakeTime.h"
+#include "support/TestRequest.h"
+#include "websocket/Support.h"
+
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/Wendrel.h>
+#include <Wendrel/kit/Application.h>
+#include <Wendrel/kit/Request.h>
+#include <Wendrel/kit/RequestKeeper.h>
+#include <Wendrel/kit/ResponseHead.h>
+#include <Wendrel/kit/Router.h>
+#include <Wendrel/kit/Server.h>
+#include <Wendrel/kit/WebSocketHub.h>
+#include <Wendrel/kit/WorkerPool.h>
+
+#include "request/ConnectionContext.h"
+#include "request/DispatchAccess.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv::tests
+{
+namespace
+{
+
+using kit::HubConnection;
+using kit::Request;
+using kit::RequestKeeper;
+using kit::ResponseHead;
+using kit::Router;
+using kit::WebSocketHub;
+using kit::WorkerPool;
+using testing::SizeIs;
+
+constexpr std::chrono::seconds kLimit(60);
+
+class KitFaults : public testing::Test
+{
+protected:
+    KitFaults() { HttpBaseRequest::InitRequestTypes(); }
+    ~KitFaults() override { HttpBaseRequest::ClearRequestTypes(); }
+};
+
+class ServedRequest : public Request
+{
+public:
+    explicit ServedRequest(const char* method = "GET", std::string target = "/")
+    {
+        setHttpMethod(method);
+        setOriginalFullUrl(std::move(target));
+        workerThreadStartHandling(qvThread::CurrentThreadId());
+    }
+};
+
+// The body that the daemon would send.
+std::string Sent(HttpBaseRequest& request)
+{
+    std::string bytes(1 << 20, '\0');
+    bool ended = false;
+    bytes.resize(
+        request.getResponseDevice().sendChunksThreadSafe(bytes.data(), bytes.size(), ended, ended));
+    return bytes;
+}
+
+// The head.
+
+std::string Contents(ResponseHead& head)
+{
+    std::string text = std::to_string(head.getStatusCode());
+    for (const auto& [key, header] : head.getHeaders())
+        text += "\n" + key + " = " + header.first + ": " + header.second;
+    for (const auto& [name, value] : head.getCookies())
+        text += "\n" + name + "=" + value;
+    return text;
+}
+
+TEST_F(KitFaults, AHeadIsFilledWholeOrNotAtAll)
+{
+    const auto make = [] {
+        auto head = std::make_unique<ResponseHead>();
+        head->addCookie("known", "1");
+        return head;
+    };
+    FailEachCallOf({
+        AllOrNothing(
+            "ResponseHead: new header", make,
+            [](ResponseHead& h) { h.setHeader("X-A-Header-With-A-Long-Name", kLongText); },
+            &Contents),
+        AllOrNothing(
+            "ResponseHead: known header", make,
+            [](ResponseHead& h) { h.setContentType(kLongText); }, &Contents),
+        AllOrNothing(
+            "ResponseHead: new cookie", make,
+            [](ResponseHead& h) { h.addCookie("a cookie with a long name", kLongText); },
+            &Contents),
+        AllOrNothing(
+            "ResponseHead: known cookie", make,
+            [](ResponseHead& h) { h.addCookie("known", kLongText); }, &Contents),
+    });
+}
+
+// The router.
+
+// Whom the router gives a request.
+std::string Routed(const Router& router, const char* method, const char* target)
+{
+    ServedRequest request(method, target);
+    router.dispatch(request);
+    return std::to_string(request.getHead().getStatusCode()) + " " +
+           request.getHead().getHeader("allow") + " " + Sent(request);
+}
+
+Router::Handler Answering(const std::string& text)
+{
+    return [text](Request& request) { request.reply(200, "text/plain", text + kLongText); };
+}
+
+TEST_F(KitFaults, ARouteIsAddedWholeOrNotAtAll)
+{
+    const auto make = [] {
+        auto router = std::make_unique<Router>();
+        router->add(HttpBaseRequest::GET, "/known/{name}", Answering("before"));
+        return router;
+    };
+    const auto look = [](Router& router) {
+        std::string text;
+        for (const char* method : {"GET", "PUT", "POST"}) {
+            for (const char* target : {"/known/x", "/a/new/pattern/of/some/length"})
+                text += Routed(router, method, target) + "\n";
+        }
+        return text;
+    };
+    const int methods = HttpBaseRequest::GET | HttpBaseRequest::PUT | HttpBaseRequest::POST;
+    const Router::Handler handler = Answering("after");
+    FailEachCallOf({
+        AllOrNothing(
+            "Router: new pattern", make,
+            [&](Router& r) {
+                r.add(methods, "/a/new/pattern/{of some length}/{and more*}", handler);
+            },
+            look),
+        AllOrNothing(
+            "Router: known pattern", make,
+            [&](Router& r) { r.add(methods, "/known/{with another name}", handler); }, look),
+    });
+}
+
+TEST_F(KitFaults, ARequestThatCouldNotBeRoutedCanBeFailed)
+{
+    Router router;
+    router.add(HttpBaseRequest::GET, "/files/{a name of some length}/{the rest of it*}",
+               [](Request& request) {
+                   request.reply(200, "text/plain", request.getPathParameter("the rest of it"));
+               });
+    const struct
+    {
+        const char* name;
+        const char* method;
+        const char* target;
+        const char* body;
+    } rows[] = {
+        {"Router: dispatch", "GET", "/files/a-name-of-some-length/and/the/rest", "and/the/rest"},
+        {"Router: not found", "GET", "/", "There is nothing at this address."},
+        {"Router: not allowed", "POST", "/files/a/b", "This method is not allowed here."},
+        {"Router: bad request", "GET", "/a b", "fail to parse request URI"},
+    };
+    for (const auto& row : rows) {
+        FailEachCall(row.name, [&](Attempt& attempt) {
+            ServedRequest request(row.method, row.target);
+            const bool done = attempt([&] { router.dispatch(request); });
+            if (!done) {
+                EXPECT_FALSE(request.isAnnounced());
+                request.failWith("The server failed.");
+            }
+            EXPECT_TRUE(request.isAnnounced());
+            EXPECT_THAT(Sent(request), testing::HasSubstr(done ? row.body : "The server failed."));
+        });
+    }
+}
+
+// The request.
+
+TEST_F(KitFaults, AnAnswerIsGivenOnceAndWhole)
+{
+    const struct
+    {
+        const char* name;
+        std::function<void(Request&)> answer;
+        std::string body;
+    } rows[] = {
+        {"Request: reply", [](Request& r) { r.reply(200, "text/html; charset=utf-8", kLongText); },
+         kLongText},
+        {"Request: replyError", [](Request& r) { r.replyError(404, kLongText); },
+         "{\"error\":\"" + kLongText + "\",\"status\":404}"},
+        {"Request: failWith", [](Request& r) { r.failWith(kLongText); },
+         "{\"error\":\"" + kLongText + "\",\"status\":500}"},
+    };
+    for (const auto& row : rows) {
+        FailEachCall(row.name, [&](Attempt& attempt) {
+            ServedRequest request;
+            if (!attempt([&] { row.answer(request); })) {
+                EXPECT_FALSE(request.isAnnounced());
+                EXPECT_TRUE(request.reply(200, "text/html; charset=utf-8", row.body));
+            }
+            EXPECT_TRUE(request.isAnnounced());
+            EXPECT_EQ(Sent(request), row.body);
+        });
+    }
+}
+
+TEST_F(KitFaults, AStreamGoesOnWhereItStood)
+{
+    FailEachCallOf({{"Request: stream",
+                     [](Attempt& attempt) {
+                         ServedRequest request;
+                         const std::string piece = PatternBytes(100000);
+                         EXPECT_TRUE(request.startStream());
+                         bool taken = false;
+                         const bool done =
+                             attempt([&] { taken = request.write(piece.data(), piece.size()); });
+                         EXPECT_EQ(taken, done);
+                         request.finish();
+                         const std::string sent = Sent(request);
+                         // Pieces of 65536 bytes, each of them whole or not at all.
+                         EXPECT_TRUE(sent == piece ||
+                                     (!done && (sent.empty() || sent == piece.substr(0, 65536))))
+                             << sent.size();
+                     }},
+                    {"Request: abandon", [](Attempt& attempt) {
+                         ServedRequest request;
+                         if (!attempt([&] { request.abandon(kLongText); })) {
+                             EXPECT_FALSE(request.isAnnounced());
+                             request.abandon(kLongText);
+                         }
+                         EXPECT_TRUE(request.isAnnounced());
+                         EXPECT_EQ(request.getResponseDevice().getDeviceErrorMsg(), kLongText);
+                     }}});
+}
+
+TEST_F(KitFaults, ABodyIsReadAsFarAsThereIsMemory)
+{
+    FailEachCallOf({{"Request: readWholeBody", [](Attempt& attempt) {
+                         ServedRequest request("POST");
+                         HttpReceiveDevice& device = request.getReceiveDevice();
+                         const std::string body = PatternBytes(200000);
+                         {
+                             qvMutexLocker locker(&impl::DispatchAccess::mutex(device));
+                             device.writeBytes(body.data(), body.size());
+                             device.endFeed();
+                         }
+                         std::string got;
+                         const bool done = attempt([&] {
+                             EXPECT_EQ(request.readWholeBody(1 << 20, got),
+                                       kit::BodyResult::Complete);
+                         });
+                         EXPECT_EQ(got == body, done);
+                         EXPECT_TRUE(body.compare(0, got.size(), got) == 0);
+                         EXPECT_TRUE(request.reply(200, "text/plain", "read"));
+                     }}});
+}
+
+// Tasks.
+
+TEST_F(KitFaults, APoolHasAllItsThreadsOrNone)
+{
+    FailEachCallOf({{"WorkerPool: made", [](Attempt& attempt) {
+                         std::unique_ptr<WorkerPool> pool;
+                         const bool done =
+                             attempt([&] { pool = std::make_unique<WorkerPool>(3, 10); });
+                         EXPECT_EQ(done, !attempt.hasFailed());
+                         if (!done)
+                             pool = std::make_unique<WorkerPool>(3, 10);
+                         std::atomic<int> runs{0};
+                         for (int i = 0; i < 3; ++i)
+                             EXPECT_TRUE(pool->submit([&] { ++runs; }));
+                         pool->stop();
+                         EXPECT_EQ(runs, 3);
+                     }}});
+}
+
+TEST_F(KitFaults, ATaskIsQueuedOrNot)
+{
+    FailEachCallOf({{"WorkerPool: submit", [](Attempt& attempt) {
+                         WorkerPool pool(1, 1000);
+                         std::atomic<int> runs{0};
+                         int queued = 0;
+                         // More than one block of the queue.
+                         attempt([&] {
+                             for (int i = 0; i < 40; ++i) {
+                                 const std::string text = kLongText;
+                                 pool.submit([&runs, text] { ++runs; });
+                                 ++queued;
+                             }
+                         });
+                         EXPECT_TRUE(pool.submit([&] { ++runs; }));
+                         pool.stop();
+                         EXPECT_EQ(runs, queued + 1);
+                     }}});
+}
+
+// Requests until their end.
+
+class CountedRequest : public Request
+{
+public:
+    explicit CountedRequest(std::atomic<int>& alive) : mAlive(alive) { ++mAlive; }
+    ~CountedRequest() override { --mAlive; }
+
+private:
+    std::atomic<int>& mAlive;
+};
+
+void Complete(HttpBaseRequest& request)
+{
+    qvMutexLocker locker(&impl::DispatchAccess::mutex(request.getResponseDevice()));
+    impl::DispatchAccess::completed(request) = true;
+}
+
+TEST_F(KitFaults, ARequestIsNotDeletedBeforeItIsCompleted)
+{
+    FailEachCallOf({{"RequestKeeper: opened",
+                     [](Attempt& attempt) {
+                         std::atomic<int> alive{0};
+                         RequestKeeper keeper;
+                         const bool done = attempt([&] { keeper.opened(); });
+                         EXPECT_EQ(keeper.getOpenCount(), done ? 1u : 0u);
+                         if (!done)
+                             keeper.opened();
+                         auto request = std::make_unique<CountedRequest>(alive);
+                         HttpBaseRequest& watched = *request;
+                         keeper.finished(std::move(request));
+                         EXPECT_EQ(alive, 1);
+                         Complete(watched);
+                         keeper.completed();
+                         EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+                         EXPECT_EQ(alive, 0);
+                     }},
+                    {"RequestKeeper: finished, completed",
+                     [](Attempt& attempt) {
+                         std::atomic<int> alive{0};
+                         RequestKeeper keeper;
+                         keeper.opened();
+                         std::unique_ptr<HttpBaseRequest> request =
+                             std::make_unique<CountedRequest>(alive);
+                         HttpBaseRequest& watched = *request;
+                         EXPECT_TRUE(attempt([&] { keeper.finished(std::move(request)); }));
+                         // The daemon may still use it.
+                         EXPECT_EQ(alive, 1);
+                         if (alive != 1)
+                             return;
+                         Complete(watched);
+                         EXPECT_TRUE(attempt([&] { keeper.completed(); }));
+                         EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+                         EXPECT_EQ(alive, 0);
+                     },
+                     Points::None},
+                    {"RequestKeeper: made", [](Attempt& attempt) {
+                         const bool done = attempt([] { RequestKeeper keeper; });
+                         EXPECT_EQ(done, !attempt.hasFailed());
+                     }}});
+}
+
+class CountingApplication : public kit::Application
+{
+public:
+    explicit CountingApplication(std::atomic<int>& alive) : Application(Smallest()), mAlive(alive)
+    {
+        ++mAlive;
+    }
+    ~CountingApplication() override { --mAlive; }
+
+private:
+    static Options Smallest()
+    {
+        Options options;
+        options.workers = 1;
+        return options;
+    }
+
+    Request* newRequest() override { return new CountedRequest(mAlive); }
+
+    std::atomic<int>& mAlive;
+};
+
+TEST_F(KitFaults, ARequestThatIsNotCountedIsNotMade)
+{
+    FailEachCallOf({{"Application: createRequest", [](Attempt& attempt) {
+                         std::atomic<int> alive{0};
+                         CountingApplication application(alive);
+                         auto& base = static_cast<http::HttpServerImpl&>(application);
+                         HttpBaseRequest* request = nullptr;
+                         const bool done = attempt([&] { request = base.createRequest(); });
+                         EXPECT_EQ(request != nullptr, done);
+                         EXPECT_EQ(alive, done ? 2 : 1);
+                         delete request;
+                     }}});
+}
+
+TEST(KitServerFaults, AServerIsMadeWholeOrNotAtAll)
+{
+    FailEachCallOf({{"Server: made", [](Attempt& attempt) {
+                         std::atomic<int> alive{0};
+                         auto application = std::make_unique<CountingApplication>(alive);
+                         std::unique_ptr<kit::Server> server;
+                         // A sibling library that was not reached says so.
+                         testing::internal::CaptureStderr();
+                         const bool done = attempt([&] {
+                             server = std::make_unique<kit::Server>(std::move(application));
+                         });
+                         testing::internal::GetCapturedStderr();
+                         EXPECT_EQ(IsWendrelInitialized(), done);
+                         server.reset();
+                         application.reset();
+                         EXPECT_EQ(alive, 0);
+                         EXPECT_FALSE(IsWendrelInitialized());
+                     }}});
+}
+
+// Upgraded connections.
+
+class Joined : public HubConnection
+{
+public:
+    explicit Joined(http::WebSocket&& upgraded, std::string text)
+        : HubConnection(std::move(upgraded)), mText(text + kLongText)
+    {}
+
+private:
+    std::string mText;
+};
+
+TEST(WebSocketHubFaults, AConnectionComesIntoTheHubOrIsClosed)
+{
+    if (!CanRepeatCallOnce())
+        GTEST_SKIP() << "ThreadSanitizer waits for ever on a call_once that has thrown";
+    FailEachCallOf({{"WebSocketHub: adopt", [](Attempt& attempt) {
+                         RecordingDaemon daemon;
+                         char handles[2];
+                         SocketPair ends[2];
+                         WebSocketHub::Options options;
+                         options.workers = 1;
+                         {
+                             WebSocketHub hub(options);
+                             const auto adopt = [&](int i) {
+                                 auto upgraded = std::make_unique<WebSocket>(
+                                     ends[i].server(),
+                                     reinterpret_cast<MHD_UpgradeResponseHandle*>(&handles[i]));
+                                 return [&hub, socket = upgraded.release()] {
+                                     hub.adopt<Joined>(socket, kLongText);
+                                 };
+                             };
+                             const bool done = attempt(adopt(0));
+                             EXPECT_EQ(done, !attempt.hasFailed());
+                             EXPECT_EQ(hub.getCount(), done ? 1u : 0u);
+                             EXPECT_THAT(daemon.closedHandles(), SizeIs(done ? 0 : 1));
+                             adopt(1)();
+                             EXPECT_EQ(hub.getCount(), done ? 2u : 1u);
+                             EXPECT_TRUE(hub.close(std::chrono::milliseconds(0)));
+                         }
+                         EXPECT_THAT(daemon.closedHandles(), SizeIs(2));
+                     }}});
+}
+
+}  // namespace
+}  // namespace qv::tests
