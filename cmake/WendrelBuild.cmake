@@ -5,6 +5,8 @@ target_compile_options(wendrel_build INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
     # GCC 12 sees overlapping copies in plain concatenations of strings when it optimises.
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+    # Which lock guards which field, as the attributes of qvSystem/ThreadSafety.h say it.
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     $<$<BOOL:${WENDREL_WERROR}>:-Werror>)
 target_compile_features(wendrel_build INTERFACE cxx_std_20)
 

@@ -13,7 +13,7 @@ namespace chat
 
 std::string Rooms::join(Member& member, const std::string& name, const std::string& nickname)
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     if (mPlaces.count(&member) != 0)
         return "You are in a room already.";
     Room* room = findOrMake(name);
@@ -48,7 +48,7 @@ Rooms::Room* Rooms::findOrMake(const std::string& name)
 
 void Rooms::leave(Member& member)
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     const auto place = mPlaces.find(&member);
     if (place == mPlaces.end())
         return;
@@ -60,7 +60,7 @@ void Rooms::leave(Member& member)
 
 bool Rooms::say(Member& member, const std::string& text, int64_t timeMs)
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     const auto place = mPlaces.find(&member);
     if (place == mPlaces.end())
         return false;
@@ -71,7 +71,7 @@ bool Rooms::say(Member& member, const std::string& text, int64_t timeMs)
 bool Rooms::showPicture(Member& member, const std::string& mediaType, std::string bytes,
                         int64_t timeMs)
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     const auto place = mPlaces.find(&member);
     if (place == mPlaces.end())
         return false;
@@ -84,13 +84,13 @@ bool Rooms::showPicture(Member& member, const std::string& mediaType, std::strin
 
 size_t Rooms::getPeopleCount() const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     return mPlaces.size();
 }
 
 size_t Rooms::getRoomCount() const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     return mRooms.size();
 }
 

@@ -2,12 +2,14 @@
 #ifndef CHAT_ROOMS_H
 #define CHAT_ROOMS_H
 
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -75,15 +77,15 @@ private:
         std::string nickname;
     };
 
-    Room* findOrMake(const std::string& name);
+    Room* findOrMake(const std::string& name) QV_REQUIRES(mMutex);
     static void deliver(Member& member, const Entry& entry);
     static void tell(Room& room, Entry entry);
     static void tellPeople(Room& room);
     static void dropOldPictures(Room& room);
 
-    mutable std::mutex mMutex;
-    std::map<std::string, Room> mRooms;
-    std::map<Member*, Place> mPlaces;
+    mutable qv::qvMutex mMutex;
+    std::map<std::string, Room> mRooms QV_GUARDED_BY(mMutex);
+    std::map<Member*, Place> mPlaces QV_GUARDED_BY(mMutex);
 };
 
 }  // namespace chat

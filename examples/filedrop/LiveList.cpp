@@ -13,7 +13,7 @@ namespace filedrop
 namespace
 {
 
-constexpr std::chrono::seconds kLookPeriod(2);
+constexpr unsigned long kLookPeriodMs = 2000;
 
 qv::kit::WebSocketHub::Options hubOptions()
 {
@@ -52,19 +52,19 @@ void LiveList::add(qv::http::WebSocket* upgraded)
 
 void LiveList::listChanged()
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qv::qvMutexLocker locker(&mMutex);
     mStale = true;
-    mChanged.notify_all();
+    mChanged.wakeAll();
 }
 
 void LiveList::close()
 {
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qv::qvMutexLocker locker(&mMutex);
         if (mClosed)
             return;
         mClosed = true;
-        mChanged.notify_all();
+        mChanged.wakeAll();
     }
     mThread.join();
     mHub.close(std::chrono::milliseconds(0));
@@ -72,22 +72,28 @@ void LiveList::close()
 
 void LiveList::push()
 {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const auto isDue = [this] { return mStale || mClosed; };
-    while (!mClosed) {
-        mStale = false;
-        lock.unlock();
-        const bool anyone = mHub.getCount() > 0;
-        if (anyone) {
-            if (const auto text = mSource())
-                send(*text);
-        }
-        lock.lock();
-        if (anyone)
-            mChanged.wait_for(lock, kLookPeriod, isDue);
-        else
-            mChanged.wait(lock, isDue);
+    bool anyone = false;
+    while (waitUntilDue(anyone)) {
+        anyone = mHub.getCount() > 0;
+        if (!anyone)
+            continue;
+        if (const auto text = mSource())
+            send(*text);
     }
+}
+
+// While anyone listens, the directory is looked at now and then: others may change it. False when
+// the list has been closed.
+bool LiveList::waitUntilDue(bool anyone)
+{
+    const qv::qvMutexLocker locker(&mMutex);
+    // A wake-up without reason costs one look at the directory.
+    if (!mStale && !mClosed && anyone)
+        mChanged.wait(&mMutex, kLookPeriodMs);
+    while (!mStale && !mClosed && !anyone)
+        mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeOut);
+    mStale = false;
+    return !mClosed;
 }
 
 void LiveList::send(const std::string& text)

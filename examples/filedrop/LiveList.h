@@ -4,9 +4,12 @@
 
 #include <Wendrel/kit/WebSocketHub.h>
 
-#include <condition_variable>
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
+#include <cstdint>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -45,14 +48,15 @@ private:
     class Connection;
 
     void push();
+    bool waitUntilDue(bool anyone);
     void send(const std::string& text);
 
     const Source mSource;
     qv::kit::WebSocketHub mHub;
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    bool mStale = false;
-    bool mClosed = false;
+    qv::qvMutex mMutex;
+    qv::qvWaitCondition mChanged;
+    bool mStale QV_GUARDED_BY(mMutex) = false;
+    bool mClosed QV_GUARDED_BY(mMutex) = false;
     std::string mSent;     // used by the thread alone
     uint64_t mNumber = 0;  // of the list that was sent last; likewise
     std::thread mThread;   // last: uses all above

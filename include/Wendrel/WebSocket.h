@@ -161,7 +161,7 @@ private:
     std::list<std::vector<uint8_t>> readQueue;
     std::atomic<int> socket;
     bool messageIsBinary;
-    std::atomic<bool> readPending;  // changed by the holder, read by anyone
+    std::atomic<bool> readPending;   // changed by the holder, read by anyone
     std::atomic<bool> writePending;  // whether writeQueue holds anything; changed under lock
 };
 

@@ -4,6 +4,8 @@
 
 #include <Wendrel/HttpRequest.h>
 
+#include "Deadline.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -22,17 +24,17 @@ RequestKeeper::RequestKeeper() : mThread(&RequestKeeper::keep, this) {}
 RequestKeeper::~RequestKeeper()
 {
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         mStopping = true;
     }
-    mChanged.notify_all();
+    mChanged.wakeAll();
     mThread.join();
 }
 
 void RequestKeeper::opened()
 {
     List room(1);
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     mRoom.splice(mRoom.end(), room);
     ++mOpen;
 }
@@ -41,7 +43,7 @@ void RequestKeeper::finished(std::unique_ptr<HttpBaseRequest> request)
 {
     bool wake = false;
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         const bool wasDue = isSweepDue();
         // Without memory for an entry the request would be deleted while the daemon uses it.
         mRoom.front() = std::move(request);
@@ -50,21 +52,21 @@ void RequestKeeper::finished(std::unique_ptr<HttpBaseRequest> request)
         wake = isSweepDue() && (!wasDue || doesSweepPay());
     }
     if (wake)
-        mChanged.notify_one();
+        mChanged.wakeOne();
 }
 
 void RequestKeeper::completed()
 {
     bool wake = false;
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         const bool wasDue = isSweepDue();
         ++mCompletions;
         ++mNews;
         wake = isSweepDue() && (!wasDue || doesSweepPay());
     }
     if (wake)
-        mChanged.notify_one();
+        mChanged.wakeOne();
 }
 
 // Whether a sweep could find something: a completed request is waiting to be found, and one
@@ -81,27 +83,42 @@ bool RequestKeeper::doesSweepPay() const
 
 void RequestKeeper::keep()
 {
-    std::unique_lock<std::mutex> lock(mMutex);
-    while (!mStopping) {
-        mChanged.wait(lock, [this] { return mStopping || isSweepDue(); });
-        mChanged.wait_for(lock, kGatherTime, [this] { return mStopping || doesSweepPay(); });
-        sweep(lock);
+    bool stopping = false;
+    while (!stopping) {
+        {
+            const qvMutexLocker locker(&mMutex);
+            waitForNews();
+            stopping = mStopping;
+        }
+        sweep();
     }
     // The daemon has stopped: nobody uses what is left.
     List left;
+    const qvMutexLocker locker(&mMutex);
     left.swap(mFinished);
     mOpen -= left.size();
-    mDeleted.notify_all();
-    lock.unlock();
-    left.clear();
+    mDeleted.wakeAll();
 }
 
-void RequestKeeper::sweep(std::unique_lock<std::mutex>& lock)
+// Until a sweep could find something, and a little longer for more to come together.
+void RequestKeeper::waitForNews()
+{
+    while (!mStopping && !isSweepDue())
+        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+    const Deadline gathered(kGatherTime);
+    while (!mStopping && !doesSweepPay() && gathered.leftMs() != 0)
+        mChanged.wait(&mMutex, gathered.leftMs());
+}
+
+// Looks at the requests without the lock: each is asked under the lock of its response device.
+void RequestKeeper::sweep()
 {
     List looked;
-    looked.swap(mFinished);
-    mNews = 0;
-    lock.unlock();
+    {
+        const qvMutexLocker locker(&mMutex);
+        looked.swap(mFinished);
+        mNews = 0;
+    }
 
     List done;
     for (auto it = looked.begin(); it != looked.end();) {
@@ -113,24 +130,27 @@ void RequestKeeper::sweep(std::unique_lock<std::mutex>& lock)
     const size_t count = done.size();
     done.clear();
 
-    lock.lock();
+    const qvMutexLocker locker(&mMutex);
     mFinished.splice(mFinished.begin(), looked);
     mReaped += count;
     mOpen -= count;
     if (mOpen == 0)
-        mDeleted.notify_all();
+        mDeleted.wakeAll();
 }
 
 size_t RequestKeeper::getOpenCount() const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     return mOpen;
 }
 
 bool RequestKeeper::waitUntilEmpty(std::chrono::milliseconds limit)
 {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mDeleted.wait_for(lock, limit, [this] { return mOpen == 0; });
+    const Deadline deadline(limit);
+    const qvMutexLocker locker(&mMutex);
+    while (mOpen != 0 && deadline.leftMs() != 0)
+        mDeleted.wait(&mMutex, deadline.leftMs());
+    return mOpen == 0;
 }
 
 }  // namespace qv::kit

@@ -2,6 +2,7 @@
 
 #include <Wendrel/kit/WebSocketHub.h>
 
+#include "Deadline.h"
 #include "KitLog.h"
 
 #include <fcntl.h>
@@ -29,7 +30,7 @@ constexpr std::chrono::milliseconds kLookPeriod(50);
 // it has been received.
 constexpr std::chrono::milliseconds kHalfCloseGrace(500);
 
-constexpr std::chrono::milliseconds kShortLook(1);
+constexpr unsigned long kShortLookMs = 1;
 
 constexpr int kKeepAliveIdleSeconds = 60;
 constexpr int kKeepAliveIntervalSeconds = 15;
@@ -39,15 +40,7 @@ constexpr int kKeepAliveProbes = 4;
 constexpr int kUnacknowledgedLimitMs =
     1000 * (kKeepAliveIdleSeconds + kKeepAliveProbes * kKeepAliveIntervalSeconds);
 
-// Longer times are cut to this, so that their end can be computed.
-constexpr std::chrono::milliseconds kLongestTime = std::chrono::hours(24 * 365);
-
-std::chrono::milliseconds bounded(std::chrono::milliseconds time)
-{
-    return std::clamp(time, std::chrono::milliseconds(0), kLongestTime);
-}
-
-WebSocketHub::Options bounded(WebSocketHub::Options options)
+WebSocketHub::Options inBounds(WebSocketHub::Options options)
 {
     options.workers = std::max(1u, options.workers);
     options.unsentLimit = bounded(options.unsentLimit);
@@ -121,11 +114,13 @@ class Visitor;
 
 struct Visits
 {
-    std::mutex mutex;
-    std::condition_variable changed;
-    size_t expected = 0;
-    size_t arrived = 0;
-    std::vector<const Visitor*> visitors;
+    explicit Visits(size_t count) : expected(count) {}
+
+    const size_t expected;
+    qvMutex mutex;
+    qvWaitCondition changed;
+    size_t arrived QV_GUARDED_BY(mutex) = 0;
+    std::vector<const Visitor*> visitors QV_GUARDED_BY(mutex);
 };
 
 // A connection with one message for it, whose handler keeps its worker until all are kept.
@@ -134,24 +129,25 @@ class Visitor : public http::WebSocket
 public:
     Visitor(int descriptor, Visits& visits) : WebSocket(descriptor, nullptr), mVisits(visits)
     {
-        const std::lock_guard<std::mutex> locked(mVisits.mutex);
+        const qvMutexLocker locker(&mVisits.mutex);
         mVisits.visitors.push_back(this);
         setReadEnabled(true);
     }
 
     ~Visitor() override
     {
-        const std::lock_guard<std::mutex> locked(mVisits.mutex);
+        const qvMutexLocker locker(&mVisits.mutex);
         std::erase(mVisits.visitors, this);
-        mVisits.changed.notify_all();
+        mVisits.changed.wakeAll();
     }
 
     void onMessageReceived(std::vector<uint8_t>&, bool) override
     {
-        std::unique_lock<std::mutex> locked(mVisits.mutex);
+        const qvMutexLocker locker(&mVisits.mutex);
         ++mVisits.arrived;
-        mVisits.changed.notify_all();
-        mVisits.changed.wait(locked, [this] { return mVisits.arrived == mVisits.expected; });
+        mVisits.changed.wakeAll();
+        while (mVisits.arrived != mVisits.expected)
+            mVisits.changed.wait(&mVisits.mutex, qvWaitCondition::kNoTimeOut);
     }
 
 private:
@@ -171,7 +167,7 @@ void sendVisitors(http::WebSocketThread& threads, Visits& visits, int nearEnd, i
     }
 }
 
-bool isAnyPending(const Visits& visits)
+bool isAnyPending(const Visits& visits) QV_REQUIRES(visits.mutex)
 {
     return std::any_of(visits.visitors.begin(), visits.visitors.end(),
                        [](const Visitor* visitor) { return visitor->hasReadPending(); });
@@ -214,7 +210,7 @@ void HubConnection::onClosed() {}
 
 WebSocketHub::WebSocketHub() : WebSocketHub(Options()) {}
 
-WebSocketHub::WebSocketHub(const Options& options) : mOptions(bounded(options)) {}
+WebSocketHub::WebSocketHub(const Options& options) : mOptions(inBounds(options)) {}
 
 WebSocketHub::~WebSocketHub()
 {
@@ -225,7 +221,7 @@ void WebSocketHub::add(std::unique_ptr<HubConnection> connection)
 {
     std::call_once(mStart, [this] { start(); });
     {
-        const Lock lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         // Without a descriptor of its own a connection could not be watched.
         if (mClosed || connection->mWatch == -1) {
             connection->markForDeletion();
@@ -233,7 +229,7 @@ void WebSocketHub::add(std::unique_ptr<HubConnection> connection)
         }
         mConnections.push_back(connection.get());
         connection->mHub = this;
-        mChanged.notify_all();
+        mChanged.wakeAll();
     }
     // Without our lock: the library destroys connections under its own, and they come here for
     // ours.
@@ -251,30 +247,39 @@ void WebSocketHub::start()
 
 void WebSocketHub::forEach(const std::function<void(HubConnection&)>& action)
 {
-    const Lock lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     for (HubConnection* connection : mConnections)
         action(*connection);
 }
 
 size_t WebSocketHub::getCount() const
 {
-    const Lock lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     return mConnections.size();
 }
 
 void WebSocketHub::watch()
 {
-    Lock lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     while (!mWatchEnds) {
-        if (mConnections.empty())
-            mChanged.wait(lock, [this] { return mWatchEnds || !mConnections.empty(); });
-        else
-            mChanged.wait_for(lock, kLookPeriod, [this] { return mWatchEnds; });
+        waitForNextLook();
         while (HubConnection* closed = findClosed())
-            leave(*closed, lock);
+            leave(*closed);
         lookForLost();
         revivePollThread();
     }
+}
+
+void WebSocketHub::waitForNextLook()
+{
+    if (mConnections.empty()) {
+        while (!mWatchEnds && mConnections.empty())
+            mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+        return;
+    }
+    const Deadline next(kLookPeriod);
+    while (!mWatchEnds && next.leftMs() != 0)
+        mChanged.wait(&mMutex, next.leftMs());
 }
 
 // After a poll() that has failed the connections that were in it are gone; the others go on.
@@ -327,38 +332,40 @@ void WebSocketHub::Leave(HubConnection& connection)
         return;
     // A poll thread that fails closes nothing.
     connection.markForDeletion();
-    Lock lock(connection.mHub->mMutex);
-    connection.mHub->leave(connection, lock);
+    WebSocketHub& hub = *connection.mHub;
+    const qvMutexLocker locker(&hub.mMutex);
+    hub.leave(connection);
 }
 
 // Called by the watcher, and by the thread that destroys the connection, which waits here while
 // the watcher is at it.
-void WebSocketHub::leave(HubConnection& connection, Lock& lock)
+void WebSocketHub::leave(HubConnection& connection)
 {
     using Stay = HubConnection::Stay;
-    mChanged.wait(lock, [&] { return connection.mStay != Stay::Leaving; });
+    while (connection.mStay == Stay::Leaving)
+        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
     if (connection.mStay == Stay::Left)
         return;
     connection.mStay = Stay::Leaving;
     mConnections.remove(&connection);
     ++mLeaving;
-    lock.unlock();
+    mMutex.unlock();
     connection.onClosed();
-    lock.lock();
+    mMutex.lock();
     // The client is to see the end now, not when the object is destroyed.
     ::close(connection.mWatch);
     connection.mWatch = -1;
     connection.mStay = Stay::Left;
     --mLeaving;
-    mChanged.notify_all();
+    mChanged.wakeAll();
 }
 
 bool WebSocketHub::close(std::chrono::milliseconds limit)
 {
     // Whoever comes second is to find everything closed, too.
-    const Lock oneAtATime(mCloseMutex);
+    const qvMutexLocker oneAtATime(&mCloseMutex);
     {
-        const Lock lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         mClosed = true;
     }
     // From here on a connection is refused, whether it has started the threads or not.
@@ -384,15 +391,16 @@ bool WebSocketHub::endThreads(std::chrono::milliseconds limit)
 
 void WebSocketHub::endConnections(std::chrono::milliseconds limit)
 {
-    const auto end = Clock::now() + bounded(limit);
-    Lock lock(mMutex);
-    while (isAnyUnsent() && Clock::now() < end)
-        mChanged.wait_for(lock, kShortLook);
+    const Deadline end(limit);
+    const qvMutexLocker locker(&mMutex);
+    while (isAnyUnsent() && end.leftMs() != 0)
+        mChanged.wait(&mMutex, kShortLookMs);
     // The poll thread closes what it has. A worker goes round in its loop with what it has, as
     // after a half-close, until the watcher comes.
     for (const HubConnection* connection : mConnections)
         ::shutdown(connection->mWatch, SHUT_RDWR);
-    mChanged.wait(lock, [this] { return mConnections.empty() && mLeaving == 0; });
+    while (!mConnections.empty() || mLeaving != 0)
+        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
 }
 
 // Of what the system has taken, a reset would throw away what the client has not.
@@ -406,9 +414,9 @@ bool WebSocketHub::isAnyUnsent() const
 void WebSocketHub::endWatcher()
 {
     {
-        const Lock lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         mWatchEnds = true;
-        mChanged.notify_all();
+        mChanged.wakeAll();
     }
     mWatcher.join();
 }
@@ -421,20 +429,20 @@ bool WebSocketHub::freeWorkers()
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return false;
     ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    Visits visits;
-    visits.expected = mOptions.workers;
+    Visits visits(mOptions.workers);
     sendVisitors(*mThreads, visits, ends[0], ends[1]);
 
-    Lock lock(visits.mutex);
-    visits.changed.wait(lock, [&] { return visits.arrived == visits.expected; });
+    const qvMutexLocker locker(&visits.mutex);
+    while (visits.arrived != visits.expected)
+        visits.changed.wait(&visits.mutex, qvWaitCondition::kNoTimeOut);
     // Nothing more is pending when a worker is about to hand its visitor back; only then may the
     // visitor be told to go, for the poll thread to destroy it.
     while (isAnyPending(visits))
-        visits.changed.wait_for(lock, kShortLook);
+        visits.changed.wait(&visits.mutex, kShortLookMs);
     ::close(ends[1]);
     while (!visits.visitors.empty()) {
         revivePollThread();
-        visits.changed.wait_for(lock, kLookPeriod);
+        visits.changed.wait(&visits.mutex, kLookPeriod.count());
     }
     ::close(ends[0]);
     return true;

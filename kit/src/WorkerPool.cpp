@@ -29,22 +29,22 @@ WorkerPool::~WorkerPool()
 bool WorkerPool::submit(Task task)
 {
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         if (mStopping || mQueue.size() >= mQueueLimit)
             return false;
         mQueue.push_back(std::move(task));
     }
-    mTaskQueued.notify_one();
+    mTaskQueued.wakeOne();
     return true;
 }
 
 void WorkerPool::stop()
 {
     {
-        const std::lock_guard<std::mutex> lock(mMutex);
+        const qvMutexLocker locker(&mMutex);
         mStopping = true;
     }
-    mTaskQueued.notify_all();
+    mTaskQueued.wakeAll();
     for (std::thread& thread : mThreads) {
         if (thread.joinable())
             thread.join();
@@ -53,24 +53,28 @@ void WorkerPool::stop()
 
 size_t WorkerPool::getQueuedCount() const
 {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    const qvMutexLocker locker(&mMutex);
     return mQueue.size();
 }
 
 void WorkerPool::work()
 {
-    std::unique_lock<std::mutex> lock(mMutex);
-    while (true) {
-        mTaskQueued.wait(lock, [this] { return mStopping || !mQueue.empty(); });
-        if (mQueue.empty())
-            return;
-        Task task = std::move(mQueue.front());
-        mQueue.pop_front();
-        lock.unlock();
-        task();
-        task = nullptr;  // what it holds is released without the lock
-        lock.lock();
-    }
+    // What a task holds is released without the lock.
+    while (const std::optional<Task> task = takeTask())
+        (*task)();
+}
+
+// Waits for the next one; none when the pool stops.
+std::optional<WorkerPool::Task> WorkerPool::takeTask()
+{
+    const qvMutexLocker locker(&mMutex);
+    while (!mStopping && mQueue.empty())
+        mTaskQueued.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+    if (mQueue.empty())
+        return std::nullopt;
+    std::optional<Task> task(std::move(mQueue.front()));
+    mQueue.pop_front();
+    return task;
 }
 
 }  // namespace qv::kit

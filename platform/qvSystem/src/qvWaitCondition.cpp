@@ -41,4 +41,9 @@ void qvWaitCondition::wakeAll()
     mCondition.notify_all();
 }
 
+void qvWaitCondition::wakeOne()
+{
+    mCondition.notify_one();
+}
+
 }  // namespace qv

@@ -481,7 +481,8 @@ TEST(StreamCallbackFaults, ACompletedRequestIsCompletedWhateverComesOutOfTheCall
                 WorkerRequest request;
                 MHD_Connection& connection = callbacks.daemon.connection();
                 Access::connection(request) = &connection;
-                impl::ConnectionContext* context = impl::MakeContext(kLongText, impl::kNoListener, nullptr);
+                impl::ConnectionContext* context =
+                    impl::MakeContext(kLongText, impl::kNoListener, nullptr);
                 context->request = &request;
                 void* slot = context;
                 const bool done = attempt([&] {

@@ -2,13 +2,15 @@
 #ifndef WENDREL_KIT_REQUESTKEEPER_H
 #define WENDREL_KIT_REQUESTKEEPER_H
 
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 namespace qv
@@ -56,23 +58,26 @@ public:
 private:
     using List = std::list<std::unique_ptr<HttpBaseRequest>>;
 
-    bool isSweepDue() const;
-    bool doesSweepPay() const;
+    bool isSweepDue() const QV_REQUIRES(mMutex);
+    bool doesSweepPay() const QV_REQUIRES(mMutex);
     void keep();
-    void sweep(std::unique_lock<std::mutex>& lock);
+    void waitForNews() QV_REQUIRES(mMutex);
+    void sweep();
 
     // The response device of a completing request is locked when `completed` takes this lock:
     // no request is asked anything under it.
-    mutable std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::condition_variable mDeleted;
-    List mFinished;
-    List mRoom;  // an entry for each request that is not finished yet
-    size_t mOpen = 0;
-    uint64_t mCompletions = 0;
-    uint64_t mReaped = 0;
-    uint64_t mNews = 0;  // requests finished or completed since the last sweep began
-    bool mStopping = false;
+    mutable qvMutex mMutex;
+    qvWaitCondition mChanged;
+    qvWaitCondition mDeleted;
+    List mFinished QV_GUARDED_BY(mMutex);
+    // An entry for each request that is not finished yet.
+    List mRoom QV_GUARDED_BY(mMutex);
+    size_t mOpen QV_GUARDED_BY(mMutex) = 0;
+    uint64_t mCompletions QV_GUARDED_BY(mMutex) = 0;
+    uint64_t mReaped QV_GUARDED_BY(mMutex) = 0;
+    // Requests finished or completed since the last sweep began.
+    uint64_t mNews QV_GUARDED_BY(mMutex) = 0;
+    bool mStopping QV_GUARDED_BY(mMutex) = false;
     std::thread mThread;
 };
 

@@ -4,8 +4,11 @@
 
 #include <Wendrel/WebSocket.h>
 
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <list>
@@ -154,31 +157,31 @@ private:
 
     static void Leave(HubConnection& connection);
 
-    using Lock = std::unique_lock<std::mutex>;
-
     void add(std::unique_ptr<HubConnection> connection);
     void start();
     void watch();
-    HubConnection* findClosed() const;
-    void lookForLost();
+    void waitForNextLook() QV_REQUIRES(mMutex);
+    HubConnection* findClosed() const QV_REQUIRES(mMutex);
+    void lookForLost() QV_REQUIRES(mMutex);
     void revivePollThread();
-    void leave(HubConnection& connection, Lock& lock);
+    void leave(HubConnection& connection) QV_REQUIRES(mMutex);
     bool endThreads(std::chrono::milliseconds limit);
     void endConnections(std::chrono::milliseconds limit);
-    bool isAnyUnsent() const;
+    bool isAnyUnsent() const QV_REQUIRES(mMutex);
     void endWatcher();
     bool freeWorkers();
 
     const Options mOptions;
-    mutable std::mutex mMutex;  // guards what follows, and the private fields of connections
-    std::condition_variable mChanged;
-    std::list<HubConnection*> mConnections;
-    size_t mLeaving = 0;  // connections whose onClosed is being called
-    bool mClosed = false;
-    bool mWatchEnds = false;
+    mutable qvMutex mMutex;  // guards the private fields of connections, too
+    qvWaitCondition mChanged;
+    std::list<HubConnection*> mConnections QV_GUARDED_BY(mMutex);
+    // Connections whose onClosed is being called.
+    size_t mLeaving QV_GUARDED_BY(mMutex) = 0;
+    bool mClosed QV_GUARDED_BY(mMutex) = false;
+    bool mWatchEnds QV_GUARDED_BY(mMutex) = false;
 
-    std::mutex mCloseMutex;  // guards the next; held while closing
-    bool mThreadsEnded = true;
+    qvMutex mCloseMutex;  // held while closing
+    bool mThreadsEnded QV_GUARDED_BY(mCloseMutex) = true;
 
     std::once_flag mStart;  // decides whether there are threads
     std::unique_ptr<http::WebSocketThread> mThreads;

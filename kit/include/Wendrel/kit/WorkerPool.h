@@ -2,11 +2,14 @@
 #ifndef WENDREL_KIT_WORKERPOOL_H
 #define WENDREL_KIT_WORKERPOOL_H
 
-#include <condition_variable>
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -42,12 +45,13 @@ public:
 
 private:
     void work();
+    std::optional<Task> takeTask();
 
-    mutable std::mutex mMutex;
-    std::condition_variable mTaskQueued;
-    std::deque<Task> mQueue;
+    mutable qvMutex mMutex;
+    qvWaitCondition mTaskQueued;
+    std::deque<Task> mQueue QV_GUARDED_BY(mMutex);
     const size_t mQueueLimit;
-    bool mStopping = false;
+    bool mStopping QV_GUARDED_BY(mMutex) = false;
     std::vector<std::thread> mThreads;
 };
 

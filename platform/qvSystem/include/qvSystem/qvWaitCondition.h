@@ -2,6 +2,7 @@
 #define QVSYSTEM_QVWAITCONDITION_H
 
 #include <qvSystem/Export.h>
+#include <qvSystem/ThreadSafety.h>
 
 #include <condition_variable>
 
@@ -26,10 +27,14 @@ public:
     /// milliseconds of the monotonic clock have passed, and takes the mutex again.
     /// Returns false when the time ran out, true when woken. As with every condition
     /// variable a wake-up may come without reason: the caller looks at its condition again.
-    bool wait(qvMutex* mutex, unsigned long timeOutMs);
+    bool wait(qvMutex* mutex, unsigned long timeOutMs) QV_REQUIRES(mutex);
 
     /// Wakes every waiting thread. May be called with or without the mutex held.
     void wakeAll();
+
+    /// Wakes one of the waiting threads, if there is any. May be called with or without the
+    /// mutex held.
+    void wakeOne();
 
 private:
     std::condition_variable mCondition;

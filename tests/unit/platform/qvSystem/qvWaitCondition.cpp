@@ -135,6 +135,35 @@ TEST(qvWaitCondition, WakesEveryWaitingThread)
     EXPECT_EQ(meeting.timedOut, 0);
 }
 
+TEST(qvWaitCondition, WakesOneThreadAfterTheOther)
+{
+    constexpr int kWaiters = 5;
+    qvMutex mutex;
+    qvWaitCondition changed;
+    int waiting = 0;
+    int wokenUp = 0;
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i)
+        waiters.emplace_back([&] {
+            qvMutexLocker locker(&mutex);
+            ++waiting;
+            EXPECT_TRUE(changed.wait(&mutex, kLimitMs));
+            ++wokenUp;
+        });
+    const auto count = [&](const int& counter) {
+        qvMutexLocker locker(&mutex);
+        return counter;
+    };
+    EXPECT_TRUE(YieldUntil([&] { return count(waiting) == kWaiters; }));
+    for (int i = 1; i <= kWaiters; ++i) {
+        EXPECT_LT(count(wokenUp), kWaiters);
+        changed.wakeOne();
+        EXPECT_TRUE(YieldUntil([&] { return count(wokenUp) >= i; }));
+    }
+    for (auto& waiter : waiters)
+        waiter.join();
+}
+
 TEST(qvWaitCondition, WakesWithoutTheMutexHeld)
 {
     Meeting meeting;
