@@ -4,13 +4,14 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--preset NAME]... [--coverage] [--no-install] [--help]
+Usage: scripts/test.sh [--preset NAME]... [--coverage] [--fuzz SECONDS] [--no-install] [--help]
 
 Configures, builds and tests the tree in build/NAME.
 
   --preset NAME  release (the default), debug, asan, tsan or coverage; several may be given
   --coverage     the preset coverage, and afterwards the line coverage of src/ and platform/,
                  which must be at least 95 %
+  --fuzz SECONDS first lets the fuzz targets run, each for so long (see scripts/fuzz.sh)
   --no-install   neither Debian nor npm packages are installed
   --help         this text
 TEXT
@@ -24,6 +25,7 @@ fail() {
 
 presets=()
 coverage=false
+fuzz_seconds=
 install=true
 while (($# > 0)); do
     case "$1" in
@@ -33,6 +35,11 @@ while (($# > 0)); do
             shift
             ;;
         --coverage) coverage=true ;;
+        --fuzz)
+            (($# > 1)) || fail "--fuzz needs a number of seconds; see --help"
+            fuzz_seconds=$2
+            shift
+            ;;
         --no-install) install=false ;;
         --help)
             usage
@@ -97,6 +104,14 @@ if $install; then
     scripts/install-deps.sh --tests
     install_node_packages tests/integration/filedrop
     install_node_packages tests/integration/websocket
+fi
+
+# Before the tests, whose count is to be the last that is seen.
+if [[ -n $fuzz_seconds ]]; then
+    fuzz_options=(--seconds "$fuzz_seconds")
+    $install || fuzz_options+=(--no-install)
+    say "Fuzzing"
+    scripts/fuzz.sh "${fuzz_options[@]}"
 fi
 
 for preset in "${presets[@]}"; do
