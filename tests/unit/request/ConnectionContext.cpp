@@ -48,8 +48,10 @@ TEST(ConnectionContext, IsNumberedInOrder)
 
 TEST(ConnectionContext, CanBeFreedWithoutEverHavingBeenInTheBook)
 {
+    MakeContext("/kept", kOne, kConnections);
     FreeContext(nullptr);
-    FreeContext(new ConnectionContext{"/x", 1, nullptr});
+    FreeContext(new ConnectionContext{"/x", 1, nullptr, kOne, kConnections});
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 1u);
 }
 
 TEST(ConnectionContext, TakesThePlaceOfOneThatWasForgotten)

@@ -72,6 +72,24 @@ public:
     using HttpServer::run;
 };
 
+// Has done all that a server does, and does not leave its thread yet.
+class LingeringServer : public http::HttpServer
+{
+public:
+    using HttpServer::HttpServer;
+
+    Event isDone;
+    Event mayLeave;
+
+protected:
+    void run() override
+    {
+        HttpServer::run();
+        isDone.set();
+        mayLeave.wait();
+    }
+};
+
 class HttpServer : public ::testing::Test
 {
 protected:
@@ -575,6 +593,27 @@ TEST_F(HttpServer, CanBeStartedAgainAfterAStop)
     ASSERT_EQ(starts.size(), 3u);
     EXPECT_THAT(daemon.stops(), ElementsAre(starts[0].daemon, starts[1].daemon, starts[2].daemon));
     EXPECT_EQ(daemon.callsOf("onServerStopped").size(), 3u);
+}
+
+TEST_F(HttpServer, StartsWhenTheRunBeforeHasLeftItsThread)
+{
+    LingeringServer lingering(new RecordingApplication(daemon));
+    lingering.startServer({});
+    lingering.stopServer(false);
+    ASSERT_TRUE(lingering.isDone.wait());
+    EXPECT_EQ(lingering.getState(), http::HttpServer::Stopped);
+
+    auto waiting = std::make_shared<Event>();
+    time.onWait([waiting](FakeTime::Wait&) {
+        waiting->set();
+        std::this_thread::yield();
+    });
+    auto started = std::async(std::launch::async, [&] { lingering.startServer({}); });
+    EXPECT_EQ(started.wait_for(kAMoment), std::future_status::timeout);
+    lingering.mayLeave.set();
+    EXPECT_TRUE(waiting->wait());
+    EXPECT_EQ(lingering.getState(), http::HttpServer::Running);
+    lingering.stopServer(true);
 }
 
 TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)

@@ -350,6 +350,25 @@ TEST(HttpReceiveDevice, IdleLimitIsExact)
     }
 }
 
+TEST(HttpReceiveDevice, GivesUpBeforeItLooksWhetherTheFeedHasEnded)
+{
+    FakeTime time;
+    WorkerRequest request;
+    HttpReceiveDevice& device = request.getReceiveDevice();
+    time.onWait([&](FakeTime::Wait& wait) {
+        wait.woken = true;
+        time.advanceMs(kIdleMs + 1);
+        EndFeed(request);
+    });
+    EXPECT_EQ(Read(request, 10), "");
+    EXPECT_EQ(device.getDeviceErrorMsg(), kIdleError);
+    device.clearDeviceError();
+    EXPECT_FALSE(device.atEnd());
+    EXPECT_EQ(Read(request, 10), "");
+    EXPECT_TRUE(device.atEnd());
+    EXPECT_FALSE(device.hasDeviceError());
+}
+
 TEST(HttpReceiveDevice, EachReadByteStartsTheIdlePeriodAgain)
 {
     FakeTime time;

@@ -427,6 +427,26 @@ TEST_F(WebSocketThreadTest, SleepsWithoutConnectionsAndDoesNotPoll)
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
 }
 
+TEST_F(WebSocketThreadTest, IsIdleOnlyWhileItSleeps)
+{
+    std::atomic<bool> wasIdleInPoll{false};
+    onPoll([&](pollfd* entries, size_t count) -> std::optional<FaultySockets::Outcome> {
+        if (Access::isPollThreadIdle(*threads))
+            wasIdleInPoll = true;
+        for (size_t i = 0; i < count; ++i)
+            entries[i].revents = POLLHUP;
+        return FaultySockets::Outcome{static_cast<ssize_t>(count), 0};
+    });
+    add("first");  // is there when the thread begins
+    start(0);
+    ASSERT_TRUE(journal.waitFor("~first"));
+    ASSERT_TRUE(isIdle());
+    add("second");  // wakes it
+    ASSERT_TRUE(journal.waitFor("~second"));
+    ASSERT_TRUE(isIdle());
+    EXPECT_FALSE(wasIdleInPoll);
+}
+
 TEST_F(WebSocketThreadTest, PollsForWritingOnlyWhileBytesAreQueued)
 {
     Peer& silent = connect("silent");
@@ -1030,6 +1050,7 @@ TEST_F(WebSocketThreadTest, StopsIdleThreads)
         EXPECT_EQ(Access::workerCount(*threads), workers);
         for (unsigned i = 0; i < workers; ++i)
             EXPECT_TRUE(Access::hasWorkerEnded(*threads, i));
+        EXPECT_EQ(sockets.count(FaultySockets::Poll), 0u);
         threads->stopThreads(true);  // once more: nothing to do
         threads->stopThreads(false);
     }
