@@ -4,15 +4,16 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/fuzz.sh --seconds N [--target NAME]... [--no-install] [--help]
+Usage: scripts/fuzz.sh --seconds N [--target NAME]... [--jobs N] [--no-install] [--help]
 
 Builds the preset fuzz with clang in build/fuzz and runs every target of tests/fuzz for N seconds,
-as many at a time as there are processors. Prints executions and findings, and fails when there is
-one. What libFuzzer learns is kept in build/fuzz/corpus and used again the next time; inputs that
-failed are in build/fuzz/findings.
+as many at a time as there are processors or as --jobs says. Prints executions and findings, and
+fails when there is one. What libFuzzer learns is kept in build/fuzz/corpus and used again the next
+time; inputs that failed are in build/fuzz/findings.
 
   --seconds N    how long each target runs; 0: only the seeds and what has been learnt before
   --target NAME  only this one; may be given several times
+  --jobs N       how many run at a time; more than processors share them
   --no-install   no Debian packages are installed
   --help         this text
 TEXT
@@ -25,6 +26,7 @@ fail() {
 }
 
 seconds=
+jobs=$(nproc)
 install=true
 wanted=()
 while (($# > 0)); do
@@ -39,6 +41,11 @@ while (($# > 0)); do
             wanted+=("$2")
             shift
             ;;
+        --jobs)
+            (($# > 1)) || fail "--jobs needs a number; see --help"
+            jobs=$2
+            shift
+            ;;
         --no-install) install=false ;;
         --help)
             usage
@@ -49,9 +56,9 @@ while (($# > 0)); do
     shift
 done
 [[ $seconds =~ ^[0-9]+$ ]] || fail "--seconds must be given, with a number; see --help"
+[[ $jobs =~ ^[1-9][0-9]*$ ]] || fail "--jobs must be a number from 1; see --help"
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-jobs=$(nproc)
 build=build/fuzz
 seeds=tests/fuzz/seeds
 
@@ -78,7 +85,7 @@ say "Building ${wanted[*]} in $build"
 log=$build/build.log
 mkdir -p "$build/log"
 if ! { cmake --preset fuzz -DWENDREL_BUILD_TESTS=ON &&
-    cmake --build "$build" --parallel "$jobs" --target "${wanted[@]/#/fuzz_}"; } >"$log" 2>&1; then
+    cmake --build "$build" --parallel "$(nproc)" --target "${wanted[@]/#/fuzz_}"; } >"$log" 2>&1; then
     tail -n 40 "$log" >&2
     fail "the build failed; all of it is in $log"
 fi
