@@ -4,7 +4,7 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--dry-run] [--help]
+Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--bench] [--dry-run] [--help]
 
 Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
 alone: when none is missing, neither root nor the network is needed.
@@ -13,6 +13,7 @@ alone: when none is missing, neither root nor the network is needed.
   --tests    also what the tests need
   --fuzz     also what scripts/fuzz.sh needs
   --soak     also what scripts/soak.sh needs
+  --bench    also what bench/run.sh needs
   --dry-run  only print the packages that are missing, one a line
   --help     this text
 TEXT
@@ -31,9 +32,12 @@ build_packages=(
 demo_packages=(curl)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
-    nginx-light haproxy chromium gcovr ca-certificates slowhttptest)
+    nginx-light haproxy chromium gcovr ca-certificates slowhttptest valgrind)
 fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)
 soak_packages=(python3 gnuplot-nox)
+bench_packages=(
+    python3 gnuplot-nox curl wrk valgrind
+    libboost1.81-dev libcivetweb-dev libbenchmark-dev)
 
 wanted=("${build_packages[@]}")
 with_tests=false
@@ -46,6 +50,7 @@ for argument in "$@"; do
             with_tests=true
             ;;
         --fuzz) wanted+=("${fuzz_packages[@]}") ;;
+        --bench) wanted+=("${bench_packages[@]}") ;;
         --soak) wanted+=("${soak_packages[@]}") ;;
         --dry-run) dry_run=true ;;
         --help)

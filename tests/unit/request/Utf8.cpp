@@ -286,6 +286,44 @@ TEST(Utf8, TakesEveryCharacterButSurrogates)
     EXPECT_EQ(wrong, 0u);
 }
 
+// Long texts are looked at in blocks: whatever stands anywhere before, at and behind their edges.
+TEST(Utf8, FindsTheSameAtEveryPlaceOfALongText)
+{
+    const std::vector<std::string> pieces = {"\xC3\xA4",
+                                             "\xE2\x82\xAC",
+                                             "\xF0\x9F\x98\x80",
+                                             "\x80",
+                                             "\xC3",
+                                             "\xE2\x82",
+                                             "\xF0\x9F\x98",
+                                             "\xFF",
+                                             "\xC3\xC3\xA4",
+                                             "\xE2\x82\xE2\x82\xAC",
+                                             "\xED\xA0\x80",
+                                             "\xF0\x9F\x98\x80\x80"};
+    const std::vector<std::string> fillings = {"a", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"};
+    constexpr size_t kBefore = 140;
+    constexpr size_t kBehind = 140;
+    Comparison comparison;
+    size_t texts = 0;
+    for (const std::string& filling : fillings) {
+        for (const std::string& piece : pieces) {
+            for (size_t shift = 0; shift < kBefore; ++shift) {
+                std::string text(shift % 5, 'x');
+                while (text.size() < shift)
+                    text += filling;
+                text += piece;
+                for (size_t behind = 0; behind < kBehind; behind += filling.size())
+                    text += filling;
+                comparison.check(text);
+                comparison.check(text.substr(0, shift + piece.size()));
+                texts += 2;
+            }
+        }
+    }
+    comparison.expectClean(texts);
+}
+
 TEST(Utf8, LooksAtNothingBehindTheEndOfTheRange)
 {
     const std::string whole = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";

@@ -25,7 +25,7 @@ TEST(Unmask, IsTheSameForAnyLengthPhaseAndAlignment)
     const Bytes masked = Pattern(200);
     for (size_t keyIndex = 0; keyIndex < 4; ++keyIndex) {
         for (size_t from = 0; from < 16; ++from) {
-            for (size_t count = 0; count <= 100; ++count) {
+            for (size_t count = 0; count <= 150; ++count) {
                 const size_t to = (from * 7 + count) % 16 + 1;
                 Bytes out(to + count + 16, kGuard);
                 const size_t next = impl::Unmask(out.data() + to, masked.data() + from, count,
