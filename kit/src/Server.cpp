@@ -4,6 +4,8 @@
 
 #include <Wendrel/Wendrel.h>
 
+#include <qvSystem/Rollback.h>
+
 #include <csignal>
 
 namespace qv::kit
@@ -29,12 +31,9 @@ Server::Server(std::unique_ptr<Application> application) : mApplication(applicat
 {
     mServer = std::make_unique<http::HttpServer>(application.get());
     static_cast<void>(application.release());  // the server's, now that there is one
-    try {
-        initializeWendrel();
-    } catch (...) {
-        terminateWendrel();  // it has been counted all the same
-        throw;
-    }
+    Rollback counted(&terminateWendrel);  // an initialisation that throws has been counted, too
+    initializeWendrel();
+    counted.commit();
 }
 
 Server::~Server()

@@ -2,6 +2,8 @@
 
 #include <Wendrel/kit/WorkerPool.h>
 
+#include <qvSystem/Rollback.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -12,13 +14,10 @@ WorkerPool::WorkerPool(unsigned int threads, size_t queueLimit) : mQueueLimit(qu
 {
     const unsigned int count = std::max(1u, threads);
     mThreads.reserve(count);
-    try {
-        for (unsigned int i = 0; i < count; ++i)
-            mThreads.emplace_back(&WorkerPool::work, this);
-    } catch (...) {
-        stop();  // those that did start
-        throw;
-    }
+    Rollback started([this] { stop(); });
+    for (unsigned int i = 0; i < count; ++i)
+        mThreads.emplace_back(&WorkerPool::work, this);
+    started.commit();
 }
 
 WorkerPool::~WorkerPool()

@@ -2,6 +2,8 @@
 
 #include <Wendrel/WebSocket.h>
 
+#include <qvSystem/Rollback.h>
+
 #include <microhttpd.h>
 
 #include <sys/socket.h>
@@ -193,15 +195,14 @@ void WebSocket::writeMessage(const void* data, size_t size, bool isBinary)
         holder = currentThread;
         const size_t blocksBefore = writeQueue.size();
         const size_t fillBefore = lastWriteFill;
-        try {
-            queueFrames(data, size, isBinary);
-        } catch (...) {
-            // Half a message would make the client take the next one for the rest of it.
+        // Half a message would make the client take the next one for the rest of it.
+        Rollback taken([&] {
             writeQueue.resize(blocksBefore);
             lastWriteFill = fillBefore;
             writePending = !writeQueue.empty();
-            throw;
-        }
+        });
+        queueFrames(data, size, isBinary);
+        taken.commit();
     }
     // A worker sends for itself; for anybody else the poll thread will find the bytes.
     if (holder == qvThread::CurrentThreadId())

@@ -4,6 +4,7 @@
 
 #include "logging/LogObject.h"
 
+#include <qvSystem/Rollback.h>
 #include <qvSystem/SystemError.h>
 
 #include <poll.h>
@@ -85,22 +86,21 @@ void WebSocketThread::startThreads(unsigned count)
         return;
     workers.reserve(count);
     std::list<std::unique_ptr<WebSocket>> nothing(count);
-    try {
-        for (unsigned i = 0; i < count; ++i)
-            workers.push_back(std::make_unique<WebSocketWorkerThread>(this));
-        startThread(nullptr);
-    } catch (...) {
-        // Without a poll thread connections would wait for ever. A worker that gets nothing ends.
+    // Without a poll thread connections would wait for ever. A worker that gets nothing ends.
+    Rollback started([&]() QV_NO_THREAD_SAFETY_ANALYSIS {
         nothing.resize(workers.size());
         readySockets.splice(readySockets.begin(), nothing);
         workerWake.wakeAll();
-        std::vector<std::unique_ptr<WebSocketWorkerThread>> started;
-        started.swap(workers);
+        std::vector<std::unique_ptr<WebSocketWorkerThread>> ending;
+        ending.swap(workers);
         // Each waits for its thread, which wants the lock.
         locker.unlock();
-        started.clear();
-        throw;
-    }
+        ending.clear();
+    });
+    for (unsigned i = 0; i < count; ++i)
+        workers.push_back(std::make_unique<WebSocketWorkerThread>(this));
+    startThread(nullptr);
+    started.commit();
 }
 
 void WebSocketThread::addWebSocket(std::unique_ptr<WebSocket>& socket)

@@ -2,6 +2,8 @@
 
 #include <qvSystem/qvThread.h>
 
+#include <qvSystem/Rollback.h>
+
 #include <pthread.h>
 #include <unistd.h>
 
@@ -44,15 +46,12 @@ bool qvThread::startThread(const char* name)
         mThread.join();
     // Set before there is a thread: it may end before this returns.
     mRunning = true;
-    try {
-        mThread = std::thread([this, ownName = std::string(name ? name : "")] {
-            setNameOfCallingThread(ownName);
-            runAndReport();
-        });
-    } catch (...) {
-        mRunning = false;
-        throw;
-    }
+    Rollback started([this] { mRunning = false; });
+    mThread = std::thread([this, ownName = std::string(name ? name : "")] {
+        setNameOfCallingThread(ownName);
+        runAndReport();
+    });
+    started.commit();
     return true;
 }
 
