@@ -34,11 +34,16 @@ class LiveClient:
             assert start[1] < 128, "a server does not mask"
             length = start[1]
             if length == 126:
-                length = int.from_bytes(self._read(2), "big")
+                length = int.from_bytes(self._rest(2), "big")
             elif length == 127:
-                length = int.from_bytes(self._read(8), "big")
-            payload += self._read(length)
+                length = int.from_bytes(self._rest(8), "big")
+            payload += self._rest(length)
         return payload.decode() if opcode == 1 else payload
+
+    def _rest(self, size):
+        data = self._read(size)
+        assert data is not None, "the connection ended within a message"
+        return data
 
     def _read(self, size):
         try:
