@@ -1,6 +1,7 @@
 // What a hub of the kit leaves behind: after failures, and after many stops in every state.
 
 #include "support/HubRun.h"
+#include "support/ProcessCounts.h"
 
 #include <gmock/gmock.h>
 
@@ -20,31 +21,6 @@ namespace integration
 {
 namespace
 {
-
-size_t countEntries(const char* folder)
-{
-    size_t count = 0;
-    DIR* opened = ::opendir(folder);
-    while (::readdir(opened))
-        ++count;
-    ::closedir(opened);
-    return count;
-}
-
-size_t countDescriptors()
-{
-    return countEntries("/proc/self/fd");
-}
-
-// The first thread of a process brings a sanitizer's own with it: one has been there before.
-size_t countThreads()
-{
-    static const bool hadThread = [] {
-        std::thread([] {}).join();
-        return true;
-    }();
-    return hadThread ? countEntries("/proc/self/task") : 0;
-}
 
 TEST(WebSocketHub, NeedsNoConnectionToBeClosedOrDestroyed)
 {

@@ -1,5 +1,6 @@
 // Upgraded connections over the wire, from the handshake to the stop of the server.
 
+#include "support/ProcessCounts.h"
 #include "support/RawClient.h"
 #include "support/TestServer.h"
 #include "support/Waiting.h"
@@ -14,7 +15,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,6 +28,7 @@
 namespace
 {
 
+using integration::countDescriptors;
 using integration::getRequest;
 using integration::RawClient;
 using integration::TestRequest;
@@ -53,14 +54,6 @@ const std::string kHandshake = getRequest("/live", kUpgradeLines + kVersionLine 
 constexpr uint8_t kText = 0x81;
 constexpr uint8_t kBinary = 0x82;
 constexpr uint8_t kClose = 0x88;
-
-size_t countDescriptors()
-{
-    size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++count;
-    return count;
-}
 
 // A masked frame of a client.
 std::string frameOf(uint8_t first, std::string_view payload)

@@ -3,7 +3,6 @@
 
 #include "ProcessState.h"
 
-#include <dirent.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -88,16 +87,6 @@ namespace integration
 namespace
 {
 
-size_t countEntries(const char* folder)
-{
-    size_t count = 0;
-    DIR* opened = ::opendir(folder);
-    while (::readdir(opened))
-        ++count;
-    ::closedir(opened);
-    return count;
-}
-
 uint64_t residentBytes()
 {
     unsigned long long pages = 0;
@@ -110,16 +99,6 @@ uint64_t residentBytes()
 }
 
 }  // namespace
-
-size_t countDescriptors()
-{
-    return countEntries("/proc/self/fd");
-}
-
-size_t countThreads()
-{
-    return countEntries("/proc/self/task");
-}
 
 void keepHeapSmall()
 {

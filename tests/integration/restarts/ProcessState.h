@@ -9,9 +9,6 @@
 namespace integration
 {
 
-size_t countDescriptors();
-size_t countThreads();
-
 /// Has the allocator keep less for later, so that what is resident tells more of what is used.
 void keepHeapSmall();
 

@@ -8,6 +8,7 @@
 #include "Servers.h"
 
 #include "support/CapturedLog.h"
+#include "support/ProcessCounts.h"
 #include "support/Waiting.h"
 
 #include <arpa/inet.h>
