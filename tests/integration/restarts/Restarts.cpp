@@ -147,13 +147,27 @@ public:
         printFigure("restart_allocated_late", late.allocated, "bytes");
         printFigure("restart_resident_early", early.resident, "bytes");
         printFigure("restart_resident_late", late.resident, "bytes");
-        EXPECT_LE(late.allocated, early.allocated + kAllowedAllocated);
+        EXPECT_LE(late.allocated, early.allocated + kAllowedAllocated) << jumps();
         if (!WENDREL_SANITIZED) {
             EXPECT_LE(late.resident, early.resident + kAllowedResident);
         }
     }
 
 private:
+    // The rounds that left more or less allocated than the one before.
+    std::string jumps() const
+    {
+        std::string text;
+        for (size_t round = 1; round < mMemory.size(); ++round) {
+            const auto change = static_cast<int64_t>(mMemory[round].allocated) -
+                                static_cast<int64_t>(mMemory[round - 1].allocated);
+            if (std::abs(change) > static_cast<int64_t>(kAllowedAllocated))
+                text +=
+                    "round " + std::to_string(round) + ": " + std::to_string(change) + " bytes\n";
+        }
+        return text;
+    }
+
     static constexpr size_t kWarmUp = 30;
     static constexpr size_t kCompared = 30;
 

@@ -51,7 +51,8 @@ void uninstallCapturedLog()
 void clearLog()
 {
     const std::lock_guard<std::mutex> lock(linesMutex);
-    lines = {};  // the memory as well, for tests that compare it
+    // The memory as well, for tests that compare it; an empty list assigned would keep it.
+    std::vector<LogLine>().swap(lines);
 }
 
 std::vector<LogLine> logLines()
