@@ -27,20 +27,23 @@ void printToStandardOutput(const qvLog::LogEntry& entry)
 }  // namespace
 
 qvLogObject::qvLogObject(int level, const char* category, const char* systemLogName)
-    : mCategory(ownedText(category)), mSystemLogName(ownedText(systemLogName)), mSink(nullptr),
-      mLevel(level), mTimestampMs(qvSystemUtils::GetMSecElapsedSinceEpoch()),
+    : mSink(qvLog::msInstance), mLevel(level), mTimestampMs(0),
       mUrgent(level == kWarning || level == kError)
 {
-    qvLog* log = qvLog::msInstance;
-    if (!log)
-        return;
-    // Required: the switch of level 2 decides this, whatever the level of the statement.
-    if (log->isLevelEnabled(kInformation))
-        mThreadId = qvThread::CurrentThreadId();
-    if (log->isLevelEnabled(level))
-        mSink = log;
-    else
-        mLevel = kDiscard;
+    if (mSink) {
+        // Required: the switch of level 2 decides this, whatever the level of the statement.
+        if (mSink->isLevelEnabled(kInformation))
+            mThreadId = qvThread::CurrentThreadId();
+        if (!mSink->isLevelEnabled(level)) {
+            mSink = nullptr;
+            mLevel = kDiscard;
+            return;
+        }
+    }
+    // A statement that discards costs no look at the clock and no memory.
+    mCategory = ownedText(category);
+    mSystemLogName = ownedText(systemLogName);
+    mTimestampMs = qvSystemUtils::GetMSecElapsedSinceEpoch();
 }
 
 qvLogObject::~qvLogObject() noexcept(false)

@@ -68,7 +68,7 @@ void HttpBaseRequest::addHeader(const char* name, const char* value)
     std::list<std::string> values;
     if (!http::HttpHeaders::ParseMultiValueHeader(value, values))
         return setParseError("fail to parse header '" + key + "'");
-    mHeaders.addHeaderValues(key, values);
+    mHeaders.addHeaderValues(std::move(key), std::move(values));
     mRequestHeadBytes += pairBytes + kHeaderOverheadBytes;
 }
 

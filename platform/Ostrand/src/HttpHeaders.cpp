@@ -26,6 +26,12 @@ bool isForbidden(char c)
     return (byte < 0x20 && c != '\t') || byte == 0x7F;
 }
 
+// Values without any of these are one part as they are; most are.
+bool needsALook(char c)
+{
+    return c == ',' || c == '"' || c == '(' || isForbidden(c);
+}
+
 std::string_view trimmed(std::string_view text)
 {
     while (!text.empty() && isBlank(text.front()))
@@ -119,6 +125,10 @@ bool HttpHeaders::ParseMultiValueHeader(const char* value, std::list<std::string
 {
     std::list<std::string> parts;
     const std::string_view text(value);
+    if (std::none_of(text.begin(), text.end(), needsALook)) {
+        values.emplace_back(trimmed(text));
+        return true;
+    }
     if (!Splitter(text).split(parts))
         return false;
     if (trimmed(text).empty())
@@ -130,9 +140,13 @@ bool HttpHeaders::ParseMultiValueHeader(const char* value, std::list<std::string
 void HttpHeaders::addHeaderValues(const std::string& name, const std::list<std::string>& values)
 {
     // Copied first: should memory run out, no name is left behind without a value.
-    std::list<std::string> copies = values;
-    std::list<std::string>& known = mValues[name];
-    known.splice(known.end(), copies);
+    addHeaderValues(std::string(name), std::list<std::string>(values));
+}
+
+void HttpHeaders::addHeaderValues(std::string&& name, std::list<std::string>&& values)
+{
+    std::list<std::string>& known = mValues[std::move(name)];
+    known.splice(known.end(), values);
 }
 
 const std::list<std::string>* HttpHeaders::find(const std::string& name) const

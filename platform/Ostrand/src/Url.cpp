@@ -237,6 +237,8 @@ MaybeRefusal checkRawUtf8(std::string_view text)
 // All components in one go: separators are ASCII, so that no character reaches over one.
 MaybeRefusal checkDecodedUtf8(std::string_view text)
 {
+    if (text.find('%') == std::string_view::npos)
+        return std::nullopt;  // nothing to decode, and what stands there has been looked at
     if (const auto bad = findBadUtf8(decoded(text)))
         return Refusal{"percent-encoded bytes that are not UTF-8", placeBeforeDecoding(text, *bad)};
     return std::nullopt;
@@ -263,14 +265,25 @@ MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf
     return refusal;
 }
 
-// What the RFC does not allow after the authority, percent-encoded.
+// What the RFC does not allow after the authority; taken as if percent-encoded.
+bool isTolerated(char c)
+{
+    return static_cast<unsigned char>(c) >= 0x80 || kTolerated.find(c) != std::string_view::npos;
+}
+
+bool hasTolerated(std::string_view text, const Outline& outline)
+{
+    text.remove_prefix(outline.authorityEnd);
+    return std::any_of(text.begin(), text.end(), isTolerated);
+}
+
 std::string encodeTolerated(std::string_view text, const Outline& outline)
 {
     constexpr char kHexDigits[] = "0123456789ABCDEF";
     std::string encoded(text.substr(0, outline.authorityEnd));
     for (const char c : text.substr(outline.authorityEnd)) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x80 || kTolerated.find(c) != std::string_view::npos)
+        if (isTolerated(c))
             (encoded += '%') += {kHexDigits[byte >> 4], kHexDigits[byte & 0xF]};
         else
             encoded += c;
@@ -311,8 +324,9 @@ bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, boo
     MaybeRefusal refusal = check(text, outline, strictUtf8, maxLength);
     Url result;
     if (!refusal) {
-        const std::string encoded = encodeTolerated(text, outline);
-        if (const auto parsed = boost::urls::parse_uri(encoded)) {
+        const bool mustEncode = hasTolerated(text, outline);
+        const std::string encoded = mustEncode ? encodeTolerated(text, outline) : std::string();
+        if (const auto parsed = boost::urls::parse_uri(mustEncode ? encoded : text)) {
             result.mScheme = lowerCase(std::string(parsed->scheme()));
             result.mHost = parsed->host_address();
             result.mPort = parsed->port_number();

@@ -33,6 +33,9 @@ public:
     /// Appends `values` to those of `name`.
     void addHeaderValues(const std::string& name, const std::list<std::string>& values);
 
+    /// The same, taking over both without a copy.
+    void addHeaderValues(std::string&& name, std::list<std::string>&& values);
+
     /// The values of `name`, or null when there is no such header.
     const std::list<std::string>* find(const std::string& name) const;
 
