@@ -1,0 +1,90 @@
+// A request that a worker answers while the daemon waits for it.
+#ifndef BENCH_BARE_EXCHANGE_H
+#define BENCH_BARE_EXCHANGE_H
+
+#include "bare/StreamBuffer.h"
+#include "bare/UploadQueue.h"
+#include "support/Question.h"
+
+#include <microhttpd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace bench
+{
+
+// Made by the daemon's thread; deleted by whichever of daemon and worker is done with it last.
+class Exchange
+{
+public:
+    explicit Exchange(const Question& question);
+
+    // Answers to the end. Thread: a worker.
+    void serve();
+
+    // The answer, once; null while there is none. Thread: the daemon's.
+    MHD_Response* takeAnswer();
+
+    unsigned int getStatus() const;
+
+    // A piece of the upload; none: it has ended. Thread: the daemon's.
+    void feed(const char* data, size_t count);
+
+    // The daemon is done with it: nobody reads the answer and no more of the upload will come.
+    void lost();
+
+    // One of the two will not use it any more.
+    void release();
+
+    Exchange* next = nullptr;  // in the queue
+
+private:
+    ~Exchange();
+
+    static ssize_t ReadStream(void* closure, uint64_t position, char* buffer, size_t size);
+    void announce(MHD_Response* response);
+    void writeStream();
+    void countUpload();
+
+    const Question mQuestion;
+    std::atomic<MHD_Response*> mAnswer{nullptr};
+    std::atomic<int> mUsers{2};
+    bool mFed = false;  // the daemon's
+    std::unique_ptr<StreamBuffer> mStream;
+    std::unique_ptr<UploadQueue> mUpload;
+};
+
+// Exchanges waiting for a worker, and the workers.
+class WorkQueue
+{
+public:
+    explicit WorkQueue(unsigned workers);
+
+    // Serves what is queued, then ends the workers.
+    ~WorkQueue();
+
+    WorkQueue(const WorkQueue&) = delete;
+    WorkQueue& operator=(const WorkQueue&) = delete;
+
+    void push(Exchange* exchange);
+
+private:
+    Exchange* pop();
+    void work();
+
+    std::mutex mMutex;
+    std::condition_variable mPushed;
+    Exchange* mFirst = nullptr;
+    Exchange* mLast = nullptr;
+    bool mStopping = false;
+    std::vector<std::thread> mThreads;
+};
+
+}  // namespace bench
+
+#endif

@@ -1,0 +1,16 @@
+// The benchmark's pages, answered on the daemon's threads.
+#ifndef BENCH_BARE_INLINEHANDLER_H
+#define BENCH_BARE_INLINEHANDLER_H
+
+#include "bare/Daemon.h"
+#include "bare/EchoLoop.h"
+
+namespace bench
+{
+
+// `echo` takes upgraded connections; null: none are upgraded.
+Handlers inlineHandlers(EchoLoop* echo);
+
+}  // namespace bench
+
+#endif

@@ -1,0 +1,122 @@
+// wendrel-bench-websocket-client: how fast a server says what it is told.
+
+#include "client/Connection.h"
+#include "client/Options.h"
+#include "client/Tally.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <iostream>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using namespace bench::client;
+
+constexpr double kWarmUpPart = 0.2;
+// For all to connect, and after the end for the last echoes.
+constexpr std::chrono::seconds kPatience(10);
+
+Awaitable<void> openInto(Connection& connection, std::vector<Connection*>& open)
+{
+    const bool isOpen = co_await connection.open();
+    if (isOpen)
+        open.push_back(&connection);
+}
+
+// The connections of one thread.
+class Group
+{
+public:
+    Group(const Options& options, size_t connections)
+    {
+        for (size_t i = 0; i < connections; ++i)
+            mConnections.emplace_back(mContext, options, mTally);
+    }
+
+    // Returns when all are open or have failed.
+    void open()
+    {
+        for (Connection& connection : mConnections)
+            boost::asio::co_spawn(mContext, openInto(connection, mOpen), boost::asio::detached);
+        runUntil(Clock::now() + kPatience, "opening the connections");
+    }
+
+    void run(Period period)
+    {
+        for (Connection* connection : mOpen)
+            boost::asio::co_spawn(mContext, connection->run(period), boost::asio::detached);
+        runUntil(period.end + kPatience, "waiting for echoes");
+    }
+
+    const Tally& getTally() const { return mTally; }
+
+private:
+    // What takes longer is ended, and is an error.
+    void runUntil(Clock::time_point limit, const char* what)
+    {
+        mContext.restart();
+        mContext.run_until(limit);
+        if (mContext.stopped())
+            return;
+        mTally.addError(std::string(what) + " took too long");
+        for (Connection& connection : mConnections)
+            connection.cancel();
+        mContext.run();
+    }
+
+    boost::asio::io_context mContext{1};
+    Tally mTally;
+    std::list<Connection> mConnections;
+    std::vector<Connection*> mOpen;
+};
+
+template <typename Action> void onThreads(std::list<Group>& groups, Action action)
+{
+    std::vector<std::thread> threads;
+    for (Group& group : groups)
+        threads.emplace_back([&group, action] { action(group); });
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+Period periodFromNow(double seconds)
+{
+    const auto duration = [](double count) {
+        return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(count));
+    };
+    const Clock::time_point begin = Clock::now() + duration(kWarmUpPart * seconds);
+    return {begin, begin + duration(seconds)};
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    int exitCode = 0;
+    if (!parseOptions(argc, argv, options, exitCode))
+        return exitCode;
+    std::list<Group> groups;
+    for (unsigned i = 0; i < options.threads; ++i)
+        groups.emplace_back(options, (options.connections + i) / options.threads);
+
+    onThreads(groups, [](Group& group) { group.open(); });
+    const Period period = periodFromNow(options.seconds);
+    onThreads(groups, [period](Group& group) { group.run(period); });
+
+    Tally all;
+    for (const Group& group : groups)
+        all.merge(group.getTally());
+    std::cout << all.report(options.seconds) << std::endl;
+    return all.isGood() ? 0 : 1;
+}

@@ -1,0 +1,211 @@
+"""Tables and charts of a run."""
+
+import dataclasses
+import pathlib
+import platform
+import re
+import statistics
+import subprocess
+import tempfile
+
+OURS, FLOOR = "server", "bare"
+TITLES = {"server": "this library", "bare": "bare daemon", "civetweb": "civetweb",
+          "beast": "Boost.Beast"}
+COLOURS = {"server": "#1f5fa8", "bare": "#8a8a8a", "civetweb": "#c05a00", "beast": "#5a8f3c"}
+BEGIN = "<!-- results: written by bench/run.sh -->"
+END = "<!-- end of results -->"
+MEBIBYTE = 1 << 20
+HELD_ON = "one core"
+
+
+def number(value):
+    if value is None:
+        return ""
+    if value >= 100:
+        return f"{value:,.0f}"
+    return f"{value:.3g}"
+
+
+def median(values):
+    known = [value for value in values if value is not None]
+    return statistics.median(known) if known else None
+
+
+def ratio(figures, field):
+    """The median of the rounds' ratios of ours to the bare daemon's."""
+    pairs = [(getattr(ours, field), getattr(floor, field))
+             for ours, floor in zip(figures[OURS], figures[FLOOR])]
+    return median([ours / floor if ours is not None and floor else None for ours, floor in pairs])
+
+
+@dataclasses.dataclass
+class Target:
+    what: str
+    wanted: str
+    got: str
+    met: bool
+
+
+def least(what, value, limit):
+    return Target(what, f"≥ {limit:.2f}", f"{value:.2f}", value >= limit)
+
+
+def most(what, value, limit):
+    return Target(what, f"≤ {limit:.2f}", f"{value:.2f}", value <= limit)
+
+
+@dataclasses.dataclass
+class Result:
+    found: dict  # {(row, placement): {server: [Measured]}}
+    used: list
+    small: list
+    rounds: int
+    seconds: int
+    minutes: float
+
+    def targets(self):
+        for (row, placement), figures in self.found.items():
+            if placement != HELD_ON:
+                continue
+            if row.least is not None:
+                yield least(f"{row.name}: rate, ratio to bare", ratio(figures, "rate"), row.least)
+            if row.most_cpu is not None:
+                yield most(f"{row.name}: processor time for a request, ratio to bare",
+                           ratio(figures, "cpu_seconds"), row.most_cpu)
+            if row.most_p99 is not None:
+                yield most(f"{row.name}: p99, ratio to bare", ratio(figures, "p99_ms"),
+                           row.most_p99)
+        for used in self.used:
+            growth, limit = used.growth_bytes / MEBIBYTE, used.most_growth_bytes / MEBIBYTE
+            yield Target(f"{used.name}: resident memory grows by, MiB", f"< {limit:.0f}",
+                         f"{growth:.2f}", growth < limit)
+
+    def machine(self):
+        cpu = re.search(r"Model name:\s*(.*)", run("lscpu"))
+        packages = [f"{name} {version(name)}" for name in (
+            "libmicrohttpd12", "libcivetweb-dev", "libboost1.81-dev", "wrk", "curl", "g++-12")]
+        return (f"{cpu[1].strip() if cpu else platform.machine()}, {run('nproc').strip()} "
+                f"processors, Linux {platform.release()}; {', '.join(packages)}; "
+                f"commit {run('git', 'rev-parse', '--short=12', 'HEAD').strip()}. "
+                f"{self.rounds} rounds of {self.seconds} s, {self.minutes:.0f} minutes in all.")
+
+    def table(self, placement):
+        lines = ["| workload | server | a second: median | least–greatest | p50 ms | p99 ms "
+                 "| CPU s per 100,000 | ratio to bare |", "|---|---|---|---|---|---|---|---|"]
+        for (row, where), figures in self.found.items():
+            if where != placement:
+                continue
+            for name, measured in figures.items():
+                if not measured:
+                    continue
+                rates = [each.rate for each in measured]
+                compared = f"**{ratio(figures, 'rate'):.2f}**" if name == OURS else ""
+                lines.append(
+                    f"| {row.name} | {TITLES[name]} | {number(median(rates))} {row.unit} | "
+                    f"{number(min(rates))}–{number(max(rates))} | "
+                    f"{number(median([each.p50_ms for each in measured]))} | "
+                    f"{number(median([each.p99_ms for each in measured]))} | "
+                    f"{number(median([each.cpu_seconds for each in measured]))} | {compared} |")
+        return lines
+
+    def markdown(self):
+        lines = [self.machine(), "", "### Targets", "", "| what | target | measured | |",
+                 "|---|---|---|---|"]
+        lines += [f"| {target.what} | {target.wanted} | {target.got} | "
+                  f"{'met' if target.met else '**missed**'} |" for target in self.targets()]
+        for placement in dict.fromkeys(where for _, where in self.found):
+            lines += ["", f"### Server and client on {placement}", ""] + self.table(placement)
+        if self.used:
+            lines += ["", "### Memory", "", "| transfer | resident before | at most | growth | took |",
+                      "|---|---|---|---|---|"]
+            lines += [f"| {used.name} | {used.before_bytes / MEBIBYTE:.1f} MiB | "
+                      f"{used.most_bytes / MEBIBYTE:.1f} MiB | "
+                      f"{used.growth_bytes / MEBIBYTE:.2f} MiB | {used.seconds:.0f} s |"
+                      for used in self.used]
+        if self.small:
+            lines += ["", "### Pieces on their own", "", "| piece | ns | GB/s | millions a second |",
+                      "|---|---|---|---|"]
+            lines += [f"| {piece.name} | {number(piece.nanoseconds)} | "
+                      f"{number(scaled(piece.bytes_per_second, 1e9))} | "
+                      f"{number(scaled(piece.items_per_second, 1e6))} |" for piece in self.small]
+        return "\n".join(lines) + "\n"
+
+    def as_json(self):
+        return {"rounds": self.rounds, "seconds": self.seconds, "machine": self.machine(),
+                "rows": [{"row": row.name, "placement": placement, "unit": row.unit,
+                          "servers": {name: [dataclasses.asdict(each) for each in measured]
+                                      for name, measured in figures.items()}}
+                         for (row, placement), figures in self.found.items()],
+                "memory": [dataclasses.asdict(used) for used in self.used],
+                "pieces": [dataclasses.asdict(piece) for piece in self.small],
+                "targets": [dataclasses.asdict(target) for target in self.targets()]}
+
+    def draw(self, folder):
+        """One chart for the rows that share a unit and an order of magnitude."""
+        charts = {}
+        for (row, placement), figures in self.found.items():
+            if placement == HELD_ON:
+                charts.setdefault(chart_name(row), []).append((row, figures))
+        return [draw_chart(folder / f"{name.replace(' ', '-')}.svg", name, rows)
+                for name, rows in charts.items()]
+
+    def write_into(self, page, folder):
+        folder.mkdir(parents=True, exist_ok=True)
+        charts = self.draw(folder)
+        text = page.read_text()
+        pictures = "".join(f"![{chart.stem}]({folder.name}/{chart.name})\n\n" for chart in charts)
+        page.write_text(text[:text.index(BEGIN)] + f"{BEGIN}\n\n{self.markdown()}\n{pictures}{END}"
+                        + text[text.index(END) + len(END):])
+
+
+def scaled(value, by):
+    return None if value is None else value / by
+
+
+def run(*command):
+    return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
+def version(package):
+    found = subprocess.run(["dpkg-query", "-W", "-f=${Version}", package], text=True,
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    return found.stdout or "?"
+
+
+def chart_name(row):
+    if row.kind == "hello":
+        return f"hello {row.mode}"
+    if row.kind == "websocket":
+        return "websocket " + ("64 B" if row.size == 64 else "1 MiB")
+    return row.kind
+
+
+def draw_chart(file, name, rows):
+    """Bars of the median with a whisker from the least to the greatest."""
+    with tempfile.TemporaryDirectory() as work:
+        plots = []
+        for position, server in enumerate(COLOURS):
+            points = pathlib.Path(work) / server
+            lines = []
+            for place, (_, figures) in enumerate(rows):
+                rates = [each.rate for each in figures[server]]
+                if rates:
+                    x = place + (position - (len(COLOURS) - 1) / 2) * 0.2
+                    lines.append(f"{x:.3f} {median(rates):.6g} {min(rates):.6g} {max(rates):.6g}\n")
+            if lines:
+                points.write_text("".join(lines))
+                plots.append(f'"{points}" using 1:2 with boxes fill solid 0.85 noborder '
+                             f'lc rgb "{COLOURS[server]}" title "{TITLES[server]}", "{points}" '
+                             'using 1:3:(0):($4-$3) with vectors nohead lw 1.5 lc rgb "#222222" notitle')
+        tics = ", ".join(f'"{row.name}" {place}' for place, (row, _) in enumerate(rows))
+        script = "\n".join([
+            'set terminal svg size 760,340 dynamic background "#ffffff" font "sans-serif,13"',
+            f'set output "{file}"', f'set title "{name}, server and client on one core"',
+            f'set ylabel "{rows[0][0].unit}"', "set yrange [0:*]", "set boxwidth 0.18",
+            f"set xrange [-0.6:{len(rows) - 0.4}]", f"set xtics ({tics}) nomirror scale 0",
+            "set ytics nomirror", 'set format y "%.1s%c"', "set grid y lc rgb '#dddddd' lt 1",
+            "set border 3 lc rgb '#444444'", "set key outside right top Left reverse",
+            "plot " + ", ".join(plots), ""])
+        subprocess.run(["gnuplot", "-"], input=script, text=True, check=True, timeout=120)
+    file.write_text(re.sub(r"<g [^>]*>\s*</g>\s*", "", file.read_text()))
+    return file

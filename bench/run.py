@@ -1,0 +1,156 @@
+#!/usr/bin/env python3
+"""Lets the servers take turns at each workload and tells what was measured; see run.sh --help."""
+
+import argparse
+import dataclasses
+import fnmatch
+import json
+import pathlib
+import sys
+import tempfile
+import time
+
+import drive
+import memory
+import micro
+import report
+
+BUILD = pathlib.Path("build/bench/bench")
+OURS, FLOOR = "server", "bare"
+SERVERS = (OURS, FLOOR, "civetweb", "beast")
+STREAM_BYTES = 1 << 30
+UPLOAD_BYTES = 512 << 20
+CORE = 0
+
+
+@dataclasses.dataclass(frozen=True)
+class Row:
+    """A workload; `least` is the target of its rate as a ratio to the bare daemon."""
+
+    name: str
+    kind: str
+    mode: str
+    unit: str
+    connections: int = 1
+    size: int = 0
+    least: float | None = None
+    most_cpu: float | None = None
+    most_p99: float | None = None
+
+
+def rows():
+    for connections in (32, 256):
+        yield Row(f"hello inline {connections}", "hello", "inline", "requests/s", connections,
+                  least=0.95, most_cpu=1.10)
+    for connections in (1, 32, 256):
+        yield Row(f"hello worker {connections}", "hello", "worker", "requests/s", connections,
+                  least=1.0, most_p99=1.0)
+    for mode in ("inline", "worker"):
+        yield Row(f"big {mode} 32", "big", mode, "requests/s", 32, least=0.95)
+    for mode in ("inline", "worker"):
+        yield Row(f"stream {mode}", "stream", mode, "MiB/s", size=STREAM_BYTES, least=0.95)
+    for mode in ("inline", "worker"):
+        yield Row(f"upload {mode}", "upload", mode, "MiB/s", size=UPLOAD_BYTES, least=0.90)
+    for connections in (1, 50):
+        yield Row(f"websocket 64 B {connections}", "websocket", "worker", "messages/s", connections,
+                  64, least=1.0, most_p99=1.0)
+    yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20, least=0.90)
+
+
+@dataclasses.dataclass
+class Run:
+    seconds: int
+    divisor: int  # of what is transferred at once
+    upload_file: pathlib.Path
+
+    def measure(self, name, row, core):
+        workers = max(4, row.connections + 4) if name == "civetweb" else 4
+        options = ["--mode", row.mode, "--workers", workers, "--threads", 2]
+        if row.kind == "websocket":
+            options.append("--websocket")
+        with drive.Server(BUILD, name, options, core) as server:
+            match row.kind:
+                case "hello" | "big":
+                    return drive.wrk(server, f"/{row.kind}", row.connections, self.seconds, core)
+                case "stream":
+                    return drive.stream(server, row.size // self.divisor, core)
+                case "upload":
+                    return drive.upload(server, self.upload_file, core)
+                case "websocket":
+                    return drive.websockets(BUILD, server, row.connections, row.size, self.seconds,
+                                            core)
+
+
+def zeros(folder, size):
+    file = pathlib.Path(folder) / "upload"
+    with open(file, "wb") as out:
+        out.truncate(size)
+    return file
+
+
+def measure_all(arguments, wanted, placements):
+    """{(row, placement): {server: [Measured, one a round]}}"""
+    found = {(row, placement): {name: [] for name in SERVERS}
+             for placement in placements for row in wanted}
+    divisor = 4 if arguments.quick else 1
+    with tempfile.TemporaryDirectory() as folder:
+        run = Run(arguments.seconds, divisor, zeros(folder, UPLOAD_BYTES // divisor))
+        for turn in range(arguments.rounds):
+            for (row, placement), figures in found.items():
+                # The others are for orientation: once on the core they all share.
+                names = SERVERS if placement == "one core" else SERVERS[:2]
+                start = turn % len(names)
+                for name in names[start:] + names[:start]:
+                    core = CORE if placement == "one core" else None
+                    figures[name].append(run.measure(name, row, core))
+                print(f"  round {turn + 1}, {placement}, {row.name}: " + ", ".join(
+                    f"{name} {figures[name][-1].rate:,.0f}" for name in names), flush=True)
+    return found
+
+
+def arguments_of(words):
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--rounds", type=int)
+    parser.add_argument("--seconds", type=int)
+    parser.add_argument("--only", action="append", default=[])
+    parser.add_argument("--no-micro", action="store_true")
+    parser.add_argument("--no-memory", action="store_true")
+    parser.add_argument("--write", action="store_true")
+    parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path("build/bench/results"))
+    arguments = parser.parse_args(words)
+    arguments.rounds = arguments.rounds or (3 if arguments.quick else 5)
+    arguments.seconds = arguments.seconds or (1 if arguments.quick else 2)
+    return arguments
+
+
+def main():
+    arguments = arguments_of(sys.argv[1:])
+    wanted = [row for row in rows()
+              if not arguments.only
+              or any(fnmatch.fnmatch(row.name, pattern) for pattern in arguments.only)]
+    if not wanted:
+        sys.exit(f"run.py: no such row; there are: {', '.join(row.name for row in rows())}")
+    placements = ["one core"] if arguments.quick else ["one core", "two cores"]
+    began = time.monotonic()
+    try:
+        found = measure_all(arguments, wanted, placements)
+        used = [] if arguments.no_memory or arguments.quick else memory.measure(BUILD)
+        small = [] if arguments.no_micro else micro.measure(BUILD, arguments.quick)
+    except drive.Failed as failure:
+        sys.exit(f"run.py: {failure}")
+    arguments.output.mkdir(parents=True, exist_ok=True)
+    result = report.Result(found, used, small, arguments.rounds, arguments.seconds,
+                           (time.monotonic() - began) / 60)
+    (arguments.output / "figures.json").write_text(json.dumps(result.as_json(), indent=1) + "\n")
+    text = result.markdown()
+    (arguments.output / "results.md").write_text(text)
+    result.draw(arguments.output)
+    print(text)
+    if arguments.write:
+        result.write_into(pathlib.Path("docs/performance.md"), pathlib.Path("docs/performance"))
+    print(f"Figures, tables and charts are in {arguments.output}.")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,42 @@
+// The benchmark's pages, answered on the daemon's threads.
+#ifndef BENCH_SERVER_INLINEAPPLICATION_H
+#define BENCH_SERVER_INLINEAPPLICATION_H
+
+#include "server/RequestBins.h"
+#include "support/Options.h"
+
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/kit/WebSocketHub.h>
+#include <Wendrel/kit/WorkerPool.h>
+
+#include <cstdint>
+
+namespace bench
+{
+
+// Completes each answer inside `handleRequest`, but for two that would wait there for what only
+// the same thread can do: a stream of more than the response device takes without waiting for its
+// reader, and an upload, which is not read while `handleRequest` runs. These go to a pool.
+class InlineApplication : public qv::http::HttpServerImpl
+{
+public:
+    explicit InlineApplication(const Options& options);
+
+private:
+    qv::HttpBaseRequest* createRequest() override;
+    void handleRequest(qv::HttpBaseRequest* request) override;
+    void onNewWebSocket(qv::http::WebSocket* socket) override;
+    void onServerStopped() override;
+    void onRequestCompleted() override;
+
+    RequestBins mBins;
+    qv::kit::WebSocketHub mHub;
+    qv::kit::WorkerPool mPool;  // last: its threads use requests
+};
+
+// Serves until the process is told to stop; false when it could not listen.
+bool serveInline(const Options& options);
+
+}  // namespace bench
+
+#endif

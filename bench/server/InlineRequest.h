@@ -1,0 +1,63 @@
+// A request that is answered with as little as the library asks for.
+#ifndef BENCH_SERVER_INLINEREQUEST_H
+#define BENCH_SERVER_INLINEREQUEST_H
+
+#include "support/Question.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace bench
+{
+
+// The head of every answer: one header, which all requests share.
+class InlineHead : public qv::HttpResponseInterface
+{
+public:
+    void set(uint32_t status, int64_t contentLength);
+
+    const CookieMap& getCookies() override;
+    const HeaderMap& getHeaders() override;
+    uint32_t getStatusCode() override { return mStatus; }
+    int64_t getContentLength() override { return mContentLength; }
+    std::string describe() override;
+
+private:
+    uint32_t mStatus = 200;
+    int64_t mContentLength = -1;
+};
+
+// Answered by one call of `serve`, on whatever thread; that one touches it no more afterwards.
+class InlineRequest : public qv::HttpBaseRequest, private qv::HttpWaitListener
+{
+public:
+    // What is asked; a request with a parse error asks for nothing that there is.
+    Question getQuestion() const;
+
+    // Answers to the end.
+    void serve(const Question& question);
+
+    // Served, and the daemon is done with it, too: may be deleted. Any thread but inside the
+    // callback that completes it.
+    bool isOver() const { return mServed.load(std::memory_order_acquire) && isCompleted(); }
+
+    qv::HttpResponseInterface& getResponse() override { return mHead; }
+    qv::HttpWaitListener& getWaitListener() override { return *this; }
+
+private:
+    void reply(uint32_t status, const std::string& body);
+    void stream(uint64_t bytes);
+    void countUpload();
+    void onWaitingForData() override;
+
+    InlineHead mHead;
+    std::atomic<bool> mServed{false};
+};
+
+}  // namespace bench
+
+#endif

@@ -1,0 +1,51 @@
+// Who deletes requests that the daemon's own threads answer.
+
+#include "server/RequestBins.h"
+
+#include <utility>
+
+namespace bench
+{
+namespace
+{
+
+constexpr size_t kLeastBatch = 64;
+
+}  // namespace
+
+RequestBins::Bin& RequestBins::binOfThisThread()
+{
+    thread_local Bin* bin = nullptr;
+    if (!bin) {
+        const std::lock_guard locker(mMutex);
+        bin = &mBins.emplace_back();
+    }
+    return *bin;
+}
+
+InlineRequest* RequestBins::create()
+{
+    Bin& bin = binOfThisThread();
+    // At least half of what is looked at is deleted then, unless a worker has it still.
+    if (bin.completions >= kLeastBatch && bin.completions >= bin.requests.size() / 2)
+        sweep(bin);
+    return bin.requests.emplace_back(std::make_unique<InlineRequest>()).get();
+}
+
+void RequestBins::completed()
+{
+    ++binOfThisThread().completions;
+}
+
+void RequestBins::sweep(Bin& bin)
+{
+    bin.completions = 0;
+    size_t kept = 0;
+    for (std::unique_ptr<InlineRequest>& request : bin.requests) {
+        if (!request->isOver())
+            std::swap(bin.requests[kept++], request);
+    }
+    bin.requests.resize(kept);
+}
+
+}  // namespace bench

@@ -1,0 +1,141 @@
+"""Runs each server of the benchmark in each mode: what every page answers, an echo, a clean end.
+
+Usage: smoke.py [unittest arguments], with the programs' paths in BENCH_SERVER, BENCH_BARE,
+BENCH_CIVETWEB, BENCH_BEAST and BENCH_CLIENT, as ctest runs it.
+"""
+
+import hashlib
+import http.client
+import json
+import os
+import signal
+import socket
+import subprocess
+import time
+import unittest
+
+LIMIT_SECONDS = 60
+PIECE = bytes(ord("a") + i % 26 for i in range(65536))
+
+
+def stream(count):
+    return (PIECE * (count // len(PIECE) + 1))[:count]
+
+
+def short(content):
+    """What can be compared and printed; unittest takes minutes to show how long ones differ."""
+    return content if len(content) < 100 else (len(content), hashlib.sha256(content).hexdigest())
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Server(unittest.TestCase):
+    def check(self, program, mode):
+        port = free_port()
+        process = subprocess.Popen(
+            [os.environ[program], "--port", str(port), "--mode", mode, "--workers", "6",
+             "--threads", "2", "--websocket"], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        self.assertEqual(process.stdout.readline(), f"listening on 127.0.0.1:{port}\n")
+        self.check_pages(port)
+        self.check_echo(port)
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(LIMIT_SECONDS), 0)
+
+    def check_pages(self, port):
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+
+        def ask(method, target, body=None):
+            connection.request(method, target, body)
+            answer = connection.getresponse()
+            content = short(answer.read())
+            if answer.status == 200:
+                self.assertEqual(answer.headers["Content-Type"], "text/plain")
+            return answer.status, content, answer.headers["Transfer-Encoding"]
+
+        self.assertEqual(ask("GET", "/hello"), (200, b"Hello, World!", None))
+        opened = connection.sock
+        self.assertEqual(ask("GET", "/big"), (200, short(stream(1048576)), None))
+        self.assertEqual(ask("GET", "/stream?bytes=1000001"), (200, short(stream(1000001)), "chunked"))
+        self.assertEqual(ask("GET", "/stream?bytes=70000")[:2], (200, short(stream(70000))))
+        self.assertEqual(ask("GET", "/stream?bytes=0")[:2], (200, b""))
+        self.assertEqual(ask("POST", "/upload", stream(3000000)), (200, b"3000000", None))
+        self.assertEqual(ask("POST", "/upload", iter([PIECE] * 9)), (200, b"589824", None))
+        self.assertEqual(ask("POST", "/upload", b""), (200, b"0", None))
+        asked = time.monotonic()
+        self.assertEqual(ask("GET", "/slow?ms=50"), (200, b"Hello, World!", None))
+        self.assertGreaterEqual(time.monotonic() - asked, 0.05)
+        self.assertIs(connection.sock, opened, "the connection has not been kept")
+        for target in "/", "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
+            self.assertEqual(ask("GET", target)[0], 404, target)
+
+    def check_echo(self, port):
+        for arguments in ["--bytes", "64"], ["--bytes", "200000", "--text", "--connections", "4"]:
+            client = subprocess.run(
+                [os.environ["BENCH_CLIENT"], "--port", str(port), "--seconds", "0.3", *arguments],
+                stdout=subprocess.PIPE, text=True, timeout=LIMIT_SECONDS)
+            counts = json.loads(client.stdout)
+            self.assertEqual((client.returncode, counts["errors"]), (0, 0), counts)
+            self.assertGreater(counts["messages"], 0)
+
+    def test_server_inline(self):
+        self.check("BENCH_SERVER", "inline")
+
+    def test_server_worker(self):
+        self.check("BENCH_SERVER", "worker")
+
+    def test_bare_inline(self):
+        self.check("BENCH_BARE", "inline")
+
+    def test_bare_worker(self):
+        self.check("BENCH_BARE", "worker")
+
+    def test_civetweb(self):
+        self.check("BENCH_CIVETWEB", "inline")
+
+    def test_beast_inline(self):
+        self.check("BENCH_BEAST", "inline")
+
+    def test_beast_worker(self):
+        self.check("BENCH_BEAST", "worker")
+
+
+class CommandLine(unittest.TestCase):
+    PROGRAMS = "BENCH_SERVER", "BENCH_BARE", "BENCH_CIVETWEB", "BENCH_BEAST", "BENCH_CLIENT"
+
+    def test_refuses_what_it_does_not_know(self):
+        for program in self.PROGRAMS:
+            with self.subTest(program):
+                run = subprocess.run([os.environ[program], "--port", "1", "--unknown"],
+                                     capture_output=True, text=True, timeout=LIMIT_SECONDS)
+                self.assertEqual((run.returncode, run.stdout), (2, ""))
+                self.assertIn("--unknown", run.stderr)
+
+    def test_says_when_it_cannot_listen(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = str(taken.getsockname()[1])
+            for program in self.PROGRAMS[:-1]:
+                with self.subTest(program):
+                    run = subprocess.run([os.environ[program], "--port", port],
+                                         capture_output=True, text=True, timeout=LIMIT_SECONDS)
+                    self.assertEqual((run.returncode, run.stdout), (1, ""))
+                    self.assertIn(f"cannot listen on port {port}", run.stderr)
+
+    def test_client_counts_what_fails(self):
+        run = subprocess.run(
+            [os.environ["BENCH_CLIENT"], "--port", str(free_port()), "--seconds", "0.1"],
+            capture_output=True, text=True, timeout=LIMIT_SECONDS)
+        self.assertEqual(run.returncode, 1)
+        self.assertEqual(json.loads(run.stdout)["errors"], 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,53 @@
+// The command line that all servers share.
+
+#include "support/Options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+
+namespace bench
+{
+namespace
+{
+
+constexpr int kWrongUse = 2;
+constexpr unsigned kMostThreads = 1020;
+
+constexpr const char* kPages =
+    "Serves on 127.0.0.1: GET /hello, GET /big, GET /stream?bytes=N, GET /slow?ms=N, POST /upload\n"
+    "and, with --websocket, an echo on any path. Ends on SIGTERM and SIGINT.\n";
+
+}  // namespace
+
+bool parseOptions(int argc, char** argv, const std::string& program, const std::string& about,
+                  Options& options, int& exitCode)
+{
+    const std::map<std::string, Mode> modes = {{"inline", Mode::Inline}, {"worker", Mode::Worker}};
+    std::string mode = "inline";
+    CLI::App app(kPages + about, program);
+    app.option_defaults()->always_capture_default();
+    app.add_option("--port", options.port, "TCP port to listen on")
+        ->type_name("NUMBER")
+        ->required()
+        ->check(CLI::Range(1, 65535));
+    app.add_option("--mode", mode, "Where requests are answered")
+        ->check(CLI::IsMember({"inline", "worker"}));
+    app.add_option("--workers", options.workers, "Threads of the pool that answers requests")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1U, kMostThreads));
+    app.add_option("--threads", options.threads, "Threads that read requests and send answers")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(1U, kMostThreads));
+    app.add_flag("--websocket", options.webSocket, "Upgrade connections to WebSockets");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error) == 0 ? 0 : kWrongUse;
+        return false;
+    }
+    options.mode = modes.at(mode);
+    return true;
+}
+
+}  // namespace bench
