@@ -25,8 +25,10 @@ constexpr uint64_t kCookieOverheadBytes = 11;
 
 void foldToLowerCase(std::string& text)
 {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    }
 }
 
 // Why `text` is refused, or null.

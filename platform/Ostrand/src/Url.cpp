@@ -1,5 +1,6 @@
-// URLs by Boost.URL, with a pass before it that takes what browsers send beyond the RFC and
-// refuses, with a reason and a place, what the parser would let through or not explain.
+// URLs: a pass that takes what browsers send beyond the RFC and refuses, with a reason and a place,
+// what is none. Scheme and authority are Boost.URL's; they are the same for most texts of a thread,
+// and then not parsed again.
 
 #include <Ostrand/Url.h>
 
@@ -8,6 +9,7 @@
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -21,6 +23,39 @@ constexpr unsigned long kHighestPort = 65535;
 
 // All of printable ASCII that the RFC allows in neither path nor query.
 constexpr std::string_view kTolerated = "|\\^`{}\"<>[]";
+
+// What a byte can mean for the text around it, as bits.
+enum ByteKind : uint8_t { kForbidden = 1, kPercent = 2, kBeyondAscii = 4, kMustBeEncoded = 8 };
+
+constexpr uint8_t kindsOf(unsigned byte)
+{
+    if (byte <= ' ' || byte == 0x7F)
+        return kForbidden;
+    if (byte == '%')
+        return kPercent;
+    if (byte >= 0x80)
+        return kBeyondAscii | kMustBeEncoded;
+    return kTolerated.find(static_cast<char>(byte)) != std::string_view::npos ? kMustBeEncoded : 0;
+}
+
+constexpr std::array<uint8_t, 256> makeKinds()
+{
+    std::array<uint8_t, 256> kinds{};
+    for (unsigned byte = 0; byte < kinds.size(); ++byte)
+        kinds[byte] = kindsOf(byte);
+    return kinds;
+}
+
+constexpr std::array<uint8_t, 256> kKinds = makeKinds();
+
+// All kinds of byte there are in `text`.
+uint8_t kindsIn(std::string_view text)
+{
+    uint8_t kinds = 0;
+    for (const char c : text)
+        kinds |= kKinds[static_cast<unsigned char>(c)];
+    return kinds;
+}
 
 // Besides letters and digits.
 constexpr std::string_view kSchemeMarks = "+-.";
@@ -44,6 +79,7 @@ struct Outline
     size_t hostBegin = 0;
     size_t hostEnd = 0;
     size_t fragmentBegin = 0;  // at its "#", or the size of the text
+    bool hasAuthority = false;
 };
 
 bool isLetter(char c)
@@ -83,17 +119,26 @@ void outlineAuthority(std::string_view text, Outline& outline)
     outline.hostEnd = outline.authorityBegin + std::min(colon, authority.size());
 }
 
+// What is to be known of a text whose beginning has been parsed before.
+Outline outlineBehind(std::string_view text, size_t authorityEnd)
+{
+    Outline outline;
+    outline.authorityEnd = authorityEnd;
+    outline.fragmentBegin = std::min(text.find('#', authorityEnd), text.size());
+    return outline;
+}
+
 Outline outlineOf(std::string_view text)
 {
     Outline outline;
     const size_t colon = text.find_first_of(":/?#");
     if (colon != std::string_view::npos && text[colon] == ':')
         outline.schemeEnd = colon;
-    const bool hasAuthority = text.substr(outline.schemeEnd, 3) == "://";
-    outline.authorityBegin = outline.schemeEnd + (hasAuthority ? 3 : 1);
+    outline.hasAuthority = text.substr(outline.schemeEnd, 3) == "://";
+    outline.authorityBegin = outline.schemeEnd + (outline.hasAuthority ? 3 : 1);
     outline.authorityBegin = std::min(outline.authorityBegin, text.size());
     outline.authorityEnd = outline.authorityBegin;
-    if (hasAuthority)
+    if (outline.hasAuthority)
         outline.authorityEnd =
             std::min(text.find_first_of("/?#", outline.authorityBegin), text.size());
     outlineAuthority(text, outline);
@@ -182,7 +227,8 @@ MaybeRefusal checkPort(std::string_view text, const Outline& outline)
 MaybeRefusal checkFragment(std::string_view text, const Outline& outline)
 {
     for (size_t at = outline.fragmentBegin + 1; at < text.size(); ++at) {
-        if (text[at] == '#' || kTolerated.find(text[at]) != std::string_view::npos)
+        const uint8_t kinds = kKinds[static_cast<unsigned char>(text[at])];
+        if (text[at] == '#' || kinds == kMustBeEncoded)
             return Refusal{"character not allowed in a fragment", at};
     }
     return std::nullopt;
@@ -237,53 +283,107 @@ MaybeRefusal checkRawUtf8(std::string_view text)
 // All components in one go: separators are ASCII, so that no character reaches over one.
 MaybeRefusal checkDecodedUtf8(std::string_view text)
 {
-    if (text.find('%') == std::string_view::npos)
-        return std::nullopt;  // nothing to decode, and what stands there has been looked at
     if (const auto bad = findBadUtf8(decoded(text)))
         return Refusal{"percent-encoded bytes that are not UTF-8", placeBeforeDecoding(text, *bad)};
     return std::nullopt;
 }
 
-MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf8,
-                   unsigned long maxLength)
+// Scheme and authority, once they have been parsed.
+struct Beginning
 {
-    MaybeRefusal refusal = checkLength(text, outline, maxLength);
-    if (!refusal)
-        refusal = checkBytes(text);
-    if (!refusal)
-        refusal = checkScheme(text, outline);
+    std::string scheme;
+    std::string host;
+    uint16_t port = 0;
+};
+
+// A text in a place of its own, so that what a thread keeps needs no memory.
+class KeptText
+{
+public:
+    bool keep(std::string_view text)
+    {
+        mSize = text.size() <= mBytes.size() ? text.size() : 0;
+        std::copy_n(text.begin(), mSize, mBytes.begin());
+        return mSize == text.size();
+    }
+
+    std::string_view get() const { return {mBytes.data(), mSize}; }
+
+private:
+    std::array<char, 64> mBytes{};
+    size_t mSize = 0;
+};
+
+// The beginning of the latest text of a thread, up to the end of its authority.
+class KeptBeginning
+{
+public:
+    // Whether `text` begins with it and goes on with something else than its authority.
+    bool isOf(std::string_view text) const
+    {
+        const std::string_view kept = mText.get();
+        if (kept.empty() || text.substr(0, kept.size()) != kept)
+            return false;
+        const char next = text.size() == kept.size() ? '/' : text[kept.size()];
+        return next == '/' || next == '?' || next == '#';
+    }
+
+    size_t size() const { return mText.get().size(); }
+
+    Beginning get() const { return {std::string(mScheme.get()), std::string(mHost.get()), mPort}; }
+
+    void keep(std::string_view text, const Beginning& beginning)
+    {
+        mPort = beginning.port;
+        if (!mScheme.keep(beginning.scheme) || !mHost.keep(beginning.host) || !mText.keep(text))
+            mText.keep({});
+    }
+
+private:
+    KeptText mText;  // empty when nothing is kept
+    KeptText mScheme;
+    KeptText mHost;
+    uint16_t mPort = 0;
+};
+
+MaybeRefusal checkBeginning(std::string_view text, const Outline& outline)
+{
+    MaybeRefusal refusal = checkScheme(text, outline);
     if (!refusal)
         refusal = checkHost(text, outline);
     if (!refusal)
         refusal = checkPort(text, outline);
+    return refusal;
+}
+
+MaybeRefusal check(std::string_view text, const Outline& outline, bool isBeginningKnown,
+                   bool strictUtf8, unsigned long maxLength)
+{
+    const uint8_t kinds = kindsIn(text);
+    MaybeRefusal refusal = checkLength(text, outline, maxLength);
+    if (!refusal && (kinds & (kForbidden | kPercent)))
+        refusal = checkBytes(text);
+    if (!refusal && !isBeginningKnown)
+        refusal = checkBeginning(text, outline);
     if (!refusal)
         refusal = checkFragment(text, outline);
-    if (!refusal)
+    if (!refusal && (kinds & kBeyondAscii))
         refusal = checkRawUtf8(text);
-    if (!refusal && strictUtf8)
+    if (!refusal && strictUtf8 && (kinds & kPercent))
         refusal = checkDecodedUtf8(text);
     return refusal;
 }
 
-// What the RFC does not allow after the authority; taken as if percent-encoded.
-bool isTolerated(char c)
+// What the RFC does not allow in path and query, percent-encoded.
+std::string encodeTolerated(std::string_view text)
 {
-    return static_cast<unsigned char>(c) >= 0x80 || kTolerated.find(c) != std::string_view::npos;
-}
-
-bool hasTolerated(std::string_view text, const Outline& outline)
-{
-    text.remove_prefix(outline.authorityEnd);
-    return std::any_of(text.begin(), text.end(), isTolerated);
-}
-
-std::string encodeTolerated(std::string_view text, const Outline& outline)
-{
+    if (!(kindsIn(text) & kMustBeEncoded))
+        return std::string(text);
     constexpr char kHexDigits[] = "0123456789ABCDEF";
-    std::string encoded(text.substr(0, outline.authorityEnd));
-    for (const char c : text.substr(outline.authorityEnd)) {
+    std::string encoded;
+    for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (isTolerated(c))
+        if (kKinds[byte] & kMustBeEncoded)
             (encoded += '%') += {kHexDigits[byte >> 4], kHexDigits[byte & 0xF]};
         else
             encoded += c;
@@ -315,31 +415,53 @@ std::string lowerCase(std::string text)
     return text;
 }
 
+MaybeRefusal parseBeginning(std::string_view text, const Outline& outline, Beginning& parsed)
+{
+    const auto url = boost::urls::parse_uri({text.data(), outline.authorityEnd});
+    // All else that the parser could refuse has been refused before.
+    if (!url)
+        return Refusal{"host in brackets that is no address", outline.hostBegin};
+    parsed = {lowerCase(std::string(url->scheme())), url->host_address(), url->port_number()};
+    return std::nullopt;
+}
+
+// What follows the mark that stands at `mark`, if one does.
+std::string_view behind(std::string_view text, size_t mark)
+{
+    return mark < text.size() ? text.substr(mark + 1) : std::string_view();
+}
+
 }  // namespace
 
 bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                 unsigned long maxLength)
 {
-    const Outline outline = outlineOf(text);
-    MaybeRefusal refusal = check(text, outline, strictUtf8, maxLength);
+    // Servers parse all their targets behind the same beginning.
+    thread_local KeptBeginning kept;
+    const bool isKnown = kept.isOf(text);
+    const Outline outline = isKnown ? outlineBehind(text, kept.size()) : outlineOf(text);
+    Beginning beginning = isKnown ? kept.get() : Beginning();
+    MaybeRefusal refusal = check(text, outline, isKnown, strictUtf8, maxLength);
+    if (!refusal && !isKnown)
+        refusal = parseBeginning(text, outline, beginning);
+    // Without an authority the same beginning may go on with one: "x:/a" and "x://a".
+    if (!refusal && !isKnown && outline.hasAuthority)
+        kept.keep(std::string_view(text).substr(0, outline.authorityEnd), beginning);
     Url result;
     if (!refusal) {
-        const bool mustEncode = hasTolerated(text, outline);
-        const std::string encoded = mustEncode ? encodeTolerated(text, outline) : std::string();
-        if (const auto parsed = boost::urls::parse_uri(mustEncode ? encoded : text)) {
-            result.mScheme = lowerCase(std::string(parsed->scheme()));
-            result.mHost = parsed->host_address();
-            result.mPort = parsed->port_number();
-            result.mEncodedPath = std::string(parsed->encoded_path());
-            result.mPath = decoded(result.mEncodedPath);
-            result.mPathSegments = segmentsOf(result.mEncodedPath);
-            result.mQuery = std::string(parsed->encoded_query());
-            result.mFragment = decoded(std::string_view(parsed->encoded_fragment()));
-            result.mValid = true;
-        } else {
-            // All else that the parser could refuse has been refused above.
-            refusal = Refusal{"host in brackets that is no address", outline.hostBegin};
-        }
+        const std::string_view all(text);
+        const size_t queryBegin =
+            std::min(all.find('?', outline.authorityEnd), outline.fragmentBegin);
+        result.mScheme = std::move(beginning.scheme);
+        result.mHost = std::move(beginning.host);
+        result.mPort = beginning.port;
+        result.mEncodedPath =
+            encodeTolerated(all.substr(outline.authorityEnd, queryBegin - outline.authorityEnd));
+        result.mPath = decoded(result.mEncodedPath);
+        result.mPathSegments = segmentsOf(result.mEncodedPath);
+        result.mQuery = encodeTolerated(behind(all.substr(0, outline.fragmentBegin), queryBegin));
+        result.mFragment = decoded(behind(all, outline.fragmentBegin));
+        result.mValid = true;
     }
     *this = std::move(result);
     if (refusal && error)

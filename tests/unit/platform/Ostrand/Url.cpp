@@ -513,6 +513,67 @@ TEST(Url, KeepsNothingOfAnEarlierParseWhenItRefuses)
     EXPECT_EQ(outcome.url.fragment(), "");
 }
 
+// All that is to be seen of a parse.
+std::string Told(const Outcome& outcome)
+{
+    const Url& url = outcome.url;
+    std::string told = outcome.result ? "taken" : "refused: " + outcome.error;
+    for (const std::string& part : {url.scheme(), url.host(), std::to_string(url.port()),
+                                    url.path(), url.encodedPath(), url.query(), url.fragment()})
+        told += " | " + part;
+    for (const std::string& segment : url.pathSegments())
+        told += " / " + segment;
+    return told;
+}
+
+// What comes before the path is kept by the thread for the next text.
+TEST(Url, MeansTheSameWhateverWasParsedBefore)
+{
+    const std::vector<std::string> texts = {
+        "http://127.0.0.1:80",
+        "http://127.0.0.1:80/a/b?c#d",
+        "http://127.0.0.1:80?c",
+        "http://127.0.0.1:80#d",
+        "http://127.0.0.1:80//x/y",
+        "http://127.0.0.1:801/x",
+        "http://127.0.0.1:8/x",
+        "http://127.0.0.1:80@host/x",
+        "http://127.0.0.1:80x/",
+        "http://127.0.0.1:80:1/",
+        "http://127.0.0.1",
+        "http://127.0.0.1/x",
+        "HTTP://127.0.0.1:80/x",
+        "http://[::1]:80/x",
+        "http://[::1/x",
+        "http:///x",
+        "http://",
+        "http:/x",
+        "http:x/y",
+        "http:",
+        "mailto:a@b",
+        "mailto://a@b/c",
+        "x:/y",
+        "x://y",
+        "x:",
+        "",
+        "/x",
+        "http://127.0.0.1:80/%zz",
+        "http://127.0.0.1:80/\xff",
+        "http://" + std::string(300, 'h') + "/x",
+        "http://" + std::string(300, 'h') + "x/x",
+    };
+    std::vector<std::string> alone;
+    for (const std::string& text : texts)
+        std::thread([&] { alone.push_back(Told(Parse(text))); }).join();
+    for (const std::string& before : texts) {
+        for (size_t i = 0; i < texts.size(); ++i) {
+            Parse(before);
+            EXPECT_EQ(Told(Parse(texts[i])), alone[i])
+                << "'" << texts[i] << "' after '" << before << "'";
+        }
+    }
+}
+
 TEST(Url, NeedsNoPlaceForTheErrorText)
 {
     Url url;
