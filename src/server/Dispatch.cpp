@@ -12,6 +12,7 @@
 #include "request/DispatchAccess.h"
 #include "server/Reply.h"
 #include "server/UpgradeExchange.h"
+#include "streaming/ChunkQueue.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
 
@@ -123,9 +124,11 @@ MHD_Result queueAnswer(HttpBaseRequest& request, HttpResponseInterface& head,
 MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
                       MHD_Connection* connection, std::vector<char>& body)
 {
-    return queueAnswer(
+    const MHD_Result result = queueAnswer(
         request, head, connection,
         MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY));
+    FreeChunk(std::move(body));
+    return result;
 }
 
 uint64_t streamLength(HttpResponseInterface& head, const HttpResponseDevice& device)

@@ -13,8 +13,18 @@ namespace qv::impl
 // Least capacity of a chunk.
 inline constexpr size_t kChunkCapacityBytes = 65536;
 
+// So many chunks that are done with, of all threads together, are kept for the next ones: blocks of
+// this size are what an allocator is slow at.
+inline constexpr size_t kSpareChunks = 32;
+
 // Fills the last chunk's spare capacity, then puts all that remains into one new chunk.
 void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_t len);
+
+// Any thread, also while it holds a lock: they take no other.
+void FreeChunk(std::vector<char>&& chunk);
+void FreeFirstChunk(std::list<std::vector<char>>& queue);
+void FreeChunks(std::list<std::vector<char>>& queue);
+size_t GetSpareChunkCount();
 
 inline bool IsFull(const std::vector<char>& chunk)
 {

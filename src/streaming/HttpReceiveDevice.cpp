@@ -37,7 +37,10 @@ HttpReceiveDevice::HttpReceiveDevice(HttpBaseRequest& request)
     reset();
 }
 
-HttpReceiveDevice::~HttpReceiveDevice() = default;
+HttpReceiveDevice::~HttpReceiveDevice()
+{
+    impl::FreeChunks(mQueue);
+}
 
 // The caller holds the mutex.
 uint64_t HttpReceiveDevice::writeBytes(const char* data, size_t len) QV_NO_THREAD_SAFETY_ANALYSIS
@@ -152,7 +155,7 @@ uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted)
         taken += part;
         mReadOffset += part;
         if (mReadOffset == front.size()) {
-            mQueue.pop_front();
+            impl::FreeFirstChunk(mQueue);
             mReadOffset = 0;
         }
     }

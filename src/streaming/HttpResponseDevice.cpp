@@ -39,9 +39,9 @@ HttpResponseDevice::HttpResponseDevice(HttpBaseRequest& request)
 HttpResponseDevice::~HttpResponseDevice()
 {
     qvMutexLocker locker(mMutex.get());
-    mReadyQueue.clear();
-    mFillQueue.clear();
-    mSendQueue.clear();
+    impl::FreeChunks(mReadyQueue);
+    impl::FreeChunks(mFillQueue);
+    impl::FreeChunks(mSendQueue);
 }
 
 uint64_t HttpResponseDevice::readBytes(char*, size_t)
@@ -131,11 +131,16 @@ bool HttpResponseDevice::setResponseReady()
 // The caller holds the mutex.
 void HttpResponseDevice::getData(std::vector<char>& out) QV_NO_THREAD_SAFETY_ANALYSIS
 {
-    out.resize(mReadyBytes);
-    char* to = out.data();
-    for (const Chunk& chunk : mReadyQueue)
-        to = std::copy(chunk.begin(), chunk.end(), to);
-    mReadyQueue.clear();
+    if (mReadyQueue.size() == 1) {
+        out = std::move(mReadyQueue.front());
+        mReadyQueue.pop_front();
+    } else {
+        out.resize(mReadyBytes);
+        char* to = out.data();
+        for (const Chunk& chunk : mReadyQueue)
+            to = std::copy(chunk.begin(), chunk.end(), to);
+        impl::FreeChunks(mReadyQueue);
+    }
     mReadyBytes = 0;
     mTakenWhole = true;
 }
@@ -172,7 +177,7 @@ size_t HttpResponseDevice::sendChunksThreadSafe(void* buf, size_t max, bool& end
         room -= part;
         mSendOffset += part;
         if (mSendOffset == front.size()) {
-            mSendQueue.pop_front();
+            impl::FreeFirstChunk(mSendQueue);
             mSendOffset = 0;
         }
     } while (room != 0);

@@ -307,8 +307,10 @@ TEST(ResponseDeviceFaults, WhatCannotBeFetchedStays)
     FailEachCallOf({{"getData", [](Attempt& attempt) {
                          WorkerRequest request;
                          HttpResponseDevice& device = request.getResponseDevice();
+                         // Two chunks: a single one changes hands without memory.
                          const std::string bytes = PatternBytes(100000);
-                         device.writeBytes(bytes.data(), bytes.size());
+                         device.writeBytes(bytes.data(), bytes.size() - 10);
+                         device.writeBytes(bytes.data() + bytes.size() - 10, 10);
                          device.endSending();
                          std::vector<char> got;
                          const auto get = [&] {

@@ -1,0 +1,137 @@
+// The appending rule on its own, and the chunks that are used again.
+
+#include "streaming/ChunkQueue.h"
+
+#include <gmock/gmock.h>
+
+#include <cstddef>
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qv::impl
+{
+namespace
+{
+
+using ::testing::Each;
+using ::testing::IsEmpty;
+using Queue = std::list<std::vector<char>>;
+
+std::string bytesOf(const Queue& queue)
+{
+    std::string bytes;
+    for (const auto& chunk : queue)
+        bytes.append(chunk.begin(), chunk.end());
+    return bytes;
+}
+
+void append(Queue& queue, const std::string& bytes)
+{
+    AppendToChunks(queue, bytes.data(), bytes.size());
+}
+
+// Whole chunks, one for each call.
+Queue wholeChunks(size_t count)
+{
+    Queue queue;
+    for (size_t i = 0; i < count; ++i)
+        append(queue, std::string(kChunkCapacityBytes, 'x'));
+    return queue;
+}
+
+std::multiset<const char*> placesOf(const Queue& queue)
+{
+    std::multiset<const char*> places;
+    for (const auto& chunk : queue)
+        places.insert(chunk.data());
+    return places;
+}
+
+TEST(ChunkQueue, FillsTheLastChunkAndPutsTheRestIntoOne)
+{
+    const struct
+    {
+        size_t first;
+        size_t second;
+        std::vector<size_t> sizes;
+        std::vector<size_t> capacities;
+    } rows[] = {
+        {0, 0, {}, {}},
+        {1, 0, {1}, {65536}},
+        {65535, 1, {65536}, {65536}},
+        {65535, 2, {65536, 1}, {65536, 65536}},
+        {65536, 1, {65536, 1}, {65536, 65536}},
+        {65537, 1, {65537, 1}, {65537, 65536}},
+        {10, 200000, {65536, 134474}, {65536, 134474}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.first) + " + " + std::to_string(row.second));
+        Queue queue;
+        append(queue, std::string(row.first, 'a'));
+        append(queue, std::string(row.second, 'b'));
+        std::vector<size_t> sizes;
+        std::vector<size_t> capacities;
+        for (const auto& chunk : queue) {
+            sizes.push_back(chunk.size());
+            capacities.push_back(chunk.capacity());
+        }
+        EXPECT_EQ(sizes, row.sizes);
+        EXPECT_EQ(capacities, row.capacities);
+        EXPECT_EQ(bytesOf(queue), std::string(row.first, 'a') + std::string(row.second, 'b'));
+        FreeChunks(queue);
+        EXPECT_THAT(queue, IsEmpty());
+    }
+}
+
+TEST(ChunkQueue, UsesFreedChunksAgainWithoutTheirBytes)
+{
+    Queue queue = wholeChunks(3);
+    const auto places = placesOf(queue);
+    FreeChunks(queue);
+    for (int i = 0; i < 3; ++i)
+        append(queue, std::string(kChunkCapacityBytes, 'y'));
+    EXPECT_EQ(placesOf(queue), places);
+    EXPECT_THAT(bytesOf(queue), Each('y'));
+
+    // A chunk that was full has room again.
+    FreeChunks(queue);
+    append(queue, "short");
+    EXPECT_EQ(bytesOf(queue), "short");
+    EXPECT_EQ(queue.back().capacity(), kChunkCapacityBytes);
+    FreeChunks(queue);
+}
+
+TEST(ChunkQueue, FreesTheFirstChunkAlone)
+{
+    Queue queue = wholeChunks(1);
+    append(queue, "rest");
+    FreeFirstChunk(queue);
+    EXPECT_EQ(bytesOf(queue), "rest");
+    FreeChunks(queue);
+}
+
+TEST(ChunkQueue, KeepsNoLongChunk)
+{
+    Queue queue;
+    append(queue, std::string(kChunkCapacityBytes + 1, 'x'));
+    const size_t before = GetSpareChunkCount();
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), before);
+}
+
+TEST(ChunkQueue, KeepsSoManyAndFreesTheRest)
+{
+    Queue queue = wholeChunks(kSpareChunks + 8);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks);
+    queue = wholeChunks(3);
+    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks - 3);
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks);
+}
+
+}  // namespace
+}  // namespace qv::impl
