@@ -4,7 +4,8 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--preset NAME]... [--coverage] [--fuzz SECONDS] [--no-install] [--help]
+Usage: scripts/test.sh [--preset NAME]... [--coverage] [--fuzz SECONDS] [--bench] [--no-install]
+                       [--help]
 
 Configures, builds and tests the tree in build/NAME.
 
@@ -12,6 +13,7 @@ Configures, builds and tests the tree in build/NAME.
   --coverage     the preset coverage, and afterwards the line coverage of src/ and platform/,
                  which must be at least 95 %
   --fuzz SECONDS first lets the fuzz targets run, each for so long (see scripts/fuzz.sh)
+  --bench        also builds the benchmark's programs and tries each once (see bench/run.sh)
   --no-install   neither Debian nor npm packages are installed
   --help         this text
 TEXT
@@ -26,6 +28,7 @@ fail() {
 presets=()
 coverage=false
 fuzz_seconds=
+bench=OFF
 install=true
 while (($# > 0)); do
     case "$1" in
@@ -40,6 +43,7 @@ while (($# > 0)); do
             fuzz_seconds=$2
             shift
             ;;
+        --bench) bench=ON ;;
         --no-install) install=false ;;
         --help)
             usage
@@ -81,7 +85,8 @@ install_node_packages() {
 run_preset() {
     local preset=$1
     say "Configuring the preset $preset"
-    cmake --preset "$preset" -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON
+    cmake --preset "$preset" -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON \
+        "-DWENDREL_BUILD_BENCH=$bench"
     say "Building build/$preset with $jobs jobs"
     cmake --build --preset "$preset" --parallel "$jobs"
     # Counters of an earlier run would be added to those of this one.
@@ -101,7 +106,11 @@ report_coverage() {
 
 if $install; then
     say "Installing the Debian packages that are missing"
-    scripts/install-deps.sh --tests
+    if [[ $bench == ON ]]; then
+        scripts/install-deps.sh --tests --bench
+    else
+        scripts/install-deps.sh --tests
+    fi
     install_node_packages tests/integration/filedrop
     install_node_packages tests/integration/websocket
 fi
