@@ -121,8 +121,8 @@ def wrk(server, path, connections, seconds, core):
         raise Failed(f"{server.name}: {text}")
     requests = int(re.search(r"(\d+) requests in", text)[1])
     rate = float(re.search(r"Requests/sec:\s+([\d.]+)", text)[1])
-    return Measured(rate, milliseconds(re.search(r"50%\s+(\S+)", text)[1]),
-                    milliseconds(re.search(r"99%\s+(\S+)", text)[1]),
+    return Measured(rate, milliseconds(re.search(r"^\s+50%\s+(\S+)", text, re.M)[1]),
+                    milliseconds(re.search(r"^\s+99%\s+(\S+)", text, re.M)[1]),
                     used / requests * 100_000 if requests else None)
 
 

@@ -75,10 +75,25 @@ class Result:
             if row.most_p99 is not None:
                 yield most(f"{row.name}: p99, ratio to bare", ratio(figures, "p99_ms"),
                            row.most_p99)
+        yield from self.targets_of_pieces()
         for used in self.used:
             growth, limit = used.growth_bytes / MEBIBYTE, used.most_growth_bytes / MEBIBYTE
             yield Target(f"{used.name}: resident memory grows by, MiB", f"< {limit:.0f}",
                          f"{growth:.2f}", growth < limit)
+
+    def targets_of_pieces(self):
+        pieces = {piece.name: piece for piece in self.small}
+        for name, limit in (("Utf8/ascii/65536", 4), ("Utf8/mixed/65536", 1)):
+            if name in pieces:
+                rate = pieces[name].bytes_per_second / 1e9
+                yield Target(f"{name}: GB/s", f"≥ {limit}", f"{rate:.1f}", rate >= limit)
+        if "WebSocket/Unmask/1024" in pieces:
+            yield least("WebSocket/Unmask/1024: rate, ratio to memcpy",
+                        pieces["WebSocket/Unmask/1024"].bytes_per_second
+                        / pieces["WebSocket/memcpy/1024"].bytes_per_second, 0.8)
+        if "Log/disabled" in pieces:
+            spent = pieces["Log/disabled"].nanoseconds
+            yield Target("Log/disabled: ns", "≤ 5", f"{spent:.1f}", spent <= 5)
 
     def machine(self):
         cpu = re.search(r"Model name:\s*(.*)", run("lscpu"))
@@ -116,15 +131,16 @@ class Result:
         for placement in dict.fromkeys(where for _, where in self.found):
             lines += ["", f"### Server and client on {placement}", ""] + self.table(placement)
         if self.used:
-            lines += ["", "### Memory", "", "| transfer | resident before | at most | growth | took |",
+            lines += ["", "### Memory", "",
+                      "| transfer | resident before | at most | growth | took |",
                       "|---|---|---|---|---|"]
             lines += [f"| {used.name} | {used.before_bytes / MEBIBYTE:.1f} MiB | "
                       f"{used.most_bytes / MEBIBYTE:.1f} MiB | "
                       f"{used.growth_bytes / MEBIBYTE:.2f} MiB | {used.seconds:.0f} s |"
                       for used in self.used]
         if self.small:
-            lines += ["", "### Pieces on their own", "", "| piece | ns | GB/s | millions a second |",
-                      "|---|---|---|---|"]
+            lines += ["", "### Pieces on their own", "",
+                      "| piece | ns | GB/s | millions a second |", "|---|---|---|---|"]
             lines += [f"| {piece.name} | {number(piece.nanoseconds)} | "
                       f"{number(scaled(piece.bytes_per_second, 1e9))} | "
                       f"{number(scaled(piece.items_per_second, 1e6))} |" for piece in self.small]
@@ -196,7 +212,8 @@ def draw_chart(file, name, rows):
                 points.write_text("".join(lines))
                 plots.append(f'"{points}" using 1:2 with boxes fill solid 0.85 noborder '
                              f'lc rgb "{COLOURS[server]}" title "{TITLES[server]}", "{points}" '
-                             'using 1:3:(0):($4-$3) with vectors nohead lw 1.5 lc rgb "#222222" notitle')
+                             'using 1:3:(0):($4-$3) with vectors nohead lw 1.5 lc rgb "#222222" '
+                             'notitle')
         tics = ", ".join(f'"{row.name}" {place}' for place, (row, _) in enumerate(rows))
         script = "\n".join([
             'set terminal svg size 760,340 dynamic background "#ffffff" font "sans-serif,13"',

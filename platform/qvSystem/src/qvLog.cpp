@@ -210,11 +210,6 @@ void qvLog::setMinimumLevel(int level)
         setLevelEnabled(each, each >= level);
 }
 
-bool qvLog::isLevelEnabled(int level) const
-{
-    return hasSwitch(level) && mLevelEnabled[static_cast<size_t>(level)];
-}
-
 void qvLog::addSink(std::unique_ptr<qvLogSink> sink)
 {
     qvMutexLocker locker(&mMutex);

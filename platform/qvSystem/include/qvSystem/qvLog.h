@@ -76,7 +76,11 @@ public:
     void setMinimumLevel(int level);
 
     /// Whether a level is on; false outside 0 to 5. Any thread, no lock.
-    bool isLevelEnabled(int level) const;
+    bool isLevelEnabled(int level) const
+    {
+        return level >= 0 && level < static_cast<int>(mLevelEnabled.size()) &&
+               mLevelEnabled[static_cast<size_t>(level)].load(std::memory_order_relaxed);
+    }
 
     /// Adds a sink; the log owns it.
     void addSink(std::unique_ptr<qvLogSink> sink);
