@@ -184,7 +184,7 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
                                   ? Decision::Wait
                                   : decide(device, request, body);
     if (decision == Decision::Wait) {
-        throttle.pause();
+        throttle.pause(&request);
         return MHD_YES;
     }
     throttle.reset();

@@ -60,7 +60,7 @@ ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
         return MHD_CONTENT_READER_END_OF_STREAM;
     }
     if (!endedToo)
-        throttle.pause();
+        throttle.pause(request);
     return 0;
 }
 

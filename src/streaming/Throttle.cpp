@@ -6,6 +6,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
+#include <thread>
 
 namespace qv::impl
 {
@@ -20,18 +21,23 @@ void Throttle::reset()
 {
     mWaitSinceMs = kTimeNotSet;
     mLastSleepMs = kTimeNotSet;
+    mFirstWaiting = nullptr;
 }
 
-void Throttle::pause()
+void Throttle::pause(const void* waiting)
 {
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     if (mWaitSinceMs == kTimeNotSet) {
         mWaitSinceMs = nowMs;
         mLastSleepMs = nowMs;
+        mFirstWaiting = waiting;
         return;
     }
-    if (nowMs - mWaitSinceMs <= kGraceMs)
+    if (nowMs - mWaitSinceMs <= kGraceMs) {
+        if (waiting == mFirstWaiting)
+            std::this_thread::yield();
         return;
+    }
     const int32_t sleepMs = SleepMs(nowMs, mLastSleepMs);
     mLastSleepMs = nowMs;
     qvThread::msleep(static_cast<unsigned long>(sleepMs));

@@ -26,8 +26,11 @@ public:
     // The thread made progress: the next fruitless call starts a new grace.
     void reset();
 
-    // A fruitless call: returns at once during the grace, otherwise sleeps.
-    void pause();
+    // A fruitless call for `waiting`, whatever tells one connection from another. Returns at once
+    // during the grace, otherwise sleeps. Before it returns at once for the same one again, all
+    // that wait on this thread have been asked in vain: then the processor is offered to the
+    // application, which may need it to get ready.
+    void pause(const void* waiting);
 
     int64_t waitSinceMs() const { return mWaitSinceMs; }
     int64_t lastSleepMs() const { return mLastSleepMs; }
@@ -38,6 +41,7 @@ public:
 private:
     int64_t mWaitSinceMs = kTimeNotSet;
     int64_t mLastSleepMs = kTimeNotSet;
+    const void* mFirstWaiting = nullptr;  // only compared: it may be gone
 };
 
 }  // namespace qv::impl

@@ -259,7 +259,7 @@ protected:
 
     static void useThrottle()
     {
-        impl::Throttle::OfThisThread().pause();
+        impl::Throttle::OfThisThread().pause(nullptr);
         ASSERT_FALSE(throttleIsReset());
     }
 
@@ -1335,6 +1335,20 @@ TEST_F(Dispatch, WaitsForAllRequestsOfAThreadTogether)
     laterCall(other);
     laterCall(one);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 35));
+}
+
+TEST_F(Dispatch, GivesUpTheTimeSliceAfterARoundOfWaitingRequests)
+{
+    Exchange& one = begin();
+    Exchange& two = begin();
+    const size_t before = FakeTime::YieldsOfThisThread();
+    laterCall(one);
+    laterCall(two);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
+    laterCall(one);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
+    laterCall(two);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
 }
 
 TEST_F(Dispatch, WaitsOnEachThreadForItself)

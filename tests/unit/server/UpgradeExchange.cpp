@@ -227,7 +227,7 @@ TEST_F(UpgradeExchange, AnswersAKeyOfTheWrongLengthWith101AndAnEmptyProof)
 TEST_F(UpgradeExchange, ResetsTheWaitLikeAnyNewRequest)
 {
     impl::Throttle& throttle = impl::Throttle::OfThisThread();
-    throttle.pause();
+    throttle.pause(nullptr);
     ASSERT_NE(throttle.waitSinceMs(), impl::kTimeNotSet);
     EXPECT_EQ(ask({}), MHD_YES);
     EXPECT_EQ(throttle.waitSinceMs(), impl::kTimeNotSet);

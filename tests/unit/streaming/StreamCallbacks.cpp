@@ -57,7 +57,7 @@ protected:
     }
 
     // Makes the throttle record look as if this thread had been waiting.
-    static void waitABit() { Throttle::OfThisThread().pause(); }
+    static void waitABit() { Throttle::OfThisThread().pause(nullptr); }
 
     static bool throttleIsReset()
     {
@@ -155,6 +155,24 @@ TEST_F(ReadContentTest, WithoutDataReturnsZeroForTheGraceThenSleepsTenAndThirtyF
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(read(), 0);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 35, 10, 35));
+}
+
+TEST_F(ReadContentTest, GivesUpTheTimeSliceAfterARoundOfStalledStreams)
+{
+    FakeTime time;
+    WorkerRequest another;
+    char buffer[10];
+    const auto readTheOther = [&] {
+        return ReadContent(static_cast<HttpBaseRequest*>(&another), 0, buffer, sizeof buffer);
+    };
+    const size_t before = FakeTime::YieldsOfThisThread();
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(readTheOther(), 0);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
+    EXPECT_EQ(readTheOther(), 0);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
 }
 
 TEST_F(ReadContentTest, DataStartsANewGrace)
@@ -325,7 +343,7 @@ TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
 TEST_F(RequestCompletedTest, LeavesTheThrottleAlone)
 {
     Throttle::OfThisThread().reset();
-    Throttle::OfThisThread().pause();
+    Throttle::OfThisThread().pause(nullptr);
     const int64_t since = Throttle::OfThisThread().waitSinceMs();
     complete(0);
     EXPECT_EQ(Throttle::OfThisThread().waitSinceMs(), since);

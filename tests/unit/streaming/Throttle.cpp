@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <limits>
 #include <thread>
+#include <vector>
 
 namespace qv::tests
 {
@@ -20,6 +21,10 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr int64_t kStartMs = 5000;
+
+// What waits: only told apart.
+const char kWaiting[3] = {};
+const void* const kOne = &kWaiting[0];
 
 TEST(Throttle, SleepIs45MinusTheTimeSinceTheLastSleepAndAtLeast10)
 {
@@ -65,7 +70,7 @@ TEST(Throttle, FirstPauseOnlyNotesTheTime)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause();
+    throttle.pause(kOne);
     EXPECT_THAT(time.sleeps(), IsEmpty());
     EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
     EXPECT_EQ(throttle.lastSleepMs(), kStartMs);
@@ -83,9 +88,9 @@ TEST(Throttle, GraceLasts100Ms)
         SCOPED_TRACE(row.name);
         FakeTime time(kStartMs);
         impl::Throttle throttle;
-        throttle.pause();
+        throttle.pause(kOne);
         time.advanceMs(row.afterMs);
-        throttle.pause();
+        throttle.pause(kOne);
         EXPECT_EQ(time.sleeps().size(), row.sleeps);
         EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
         EXPECT_EQ(throttle.lastSleepMs(), kStartMs + (row.sleeps != 0 ? row.afterMs : 0));
@@ -96,10 +101,10 @@ TEST(Throttle, SleepsTenAndThirtyFiveInTurnWhenCalledWithoutDelay)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause();
+    throttle.pause(kOne);
     time.advanceMs(101);
     for (int i = 0; i < 6; ++i)
-        throttle.pause();
+        throttle.pause(kOne);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 35, 10, 35, 10, 35));
     EXPECT_EQ(time.nowMs(), kStartMs + 101 + 3 * 45);
 }
@@ -108,14 +113,14 @@ TEST(Throttle, CountsTheSpacingFromTheBeginningOfTheLastSleep)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause();
+    throttle.pause(kOne);
     time.advanceMs(500);
-    throttle.pause();  // sleeps 10
+    throttle.pause(kOne);  // sleeps 10
     EXPECT_EQ(throttle.lastSleepMs(), kStartMs + 500);
     time.advanceMs(20);
-    throttle.pause();  // 30 ms after the beginning of the last
+    throttle.pause(kOne);  // 30 ms after the beginning of the last
     time.advanceMs(100);
-    throttle.pause();
+    throttle.pause(kOne);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 15, 10));
 }
 
@@ -123,20 +128,77 @@ TEST(Throttle, ResetStartsANewGrace)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause();
+    throttle.pause(kOne);
     time.advanceMs(101);
-    throttle.pause();
+    throttle.pause(kOne);
     throttle.reset();
     EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
     EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
     time.clearRecords();
 
-    throttle.pause();
+    throttle.pause(kOne);
     time.advanceMs(100);
-    throttle.pause();
+    throttle.pause(kOne);
     EXPECT_THAT(time.sleeps(), IsEmpty());
     time.advanceMs(1);
-    throttle.pause();
+    throttle.pause(kOne);
+    EXPECT_THAT(time.sleeps(), ElementsAre(10));
+}
+
+// By then all that wait on the thread have been asked in vain.
+TEST(Throttle, GivesUpTheTimeSliceWhenTheFirstOneIsAskedAgain)
+{
+    FakeTime time(kStartMs);
+    const void* const two = &kWaiting[1];
+    const void* const three = &kWaiting[2];
+    const struct
+    {
+        const char* name;
+        std::vector<const void*> asked;
+        size_t yields;
+    } rows[] = {
+        {"once", {kOne}, 0},
+        {"the same again", {kOne, kOne}, 1},
+        {"and again", {kOne, kOne, kOne}, 2},
+        {"each once", {kOne, two, three}, 0},
+        {"a whole round", {kOne, two, three, kOne}, 1},
+        {"two rounds", {kOne, two, kOne, two, kOne}, 2},
+        {"others only", {kOne, two, two, three, two, three}, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        impl::Throttle throttle;
+        const size_t before = FakeTime::YieldsOfThisThread();
+        for (const void* waiting : row.asked)
+            throttle.pause(waiting);
+        EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, row.yields);
+        EXPECT_THAT(time.sleeps(), IsEmpty());
+    }
+}
+
+TEST(Throttle, BeginsANewRoundAfterProgress)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    const size_t before = FakeTime::YieldsOfThisThread();
+    throttle.pause(kOne);
+    throttle.reset();
+    throttle.pause(&kWaiting[1]);
+    throttle.pause(kOne);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
+    throttle.pause(&kWaiting[1]);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
+}
+
+TEST(Throttle, SleepsInsteadAfterTheGrace)
+{
+    FakeTime time(kStartMs);
+    impl::Throttle throttle;
+    throttle.pause(kOne);
+    time.advanceMs(101);
+    const size_t before = FakeTime::YieldsOfThisThread();
+    throttle.pause(kOne);
+    EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
     EXPECT_THAT(time.sleeps(), ElementsAre(10));
 }
 
@@ -144,7 +206,7 @@ TEST(Throttle, IsOneRecordPerThread)
 {
     impl::Throttle* const mine = &impl::Throttle::OfThisThread();
     EXPECT_EQ(&impl::Throttle::OfThisThread(), mine);
-    mine->pause();
+    mine->pause(kOne);
     int64_t ofTheOther = 0;
     std::thread other([&] {
         EXPECT_NE(&impl::Throttle::OfThisThread(), mine);

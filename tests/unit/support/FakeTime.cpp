@@ -18,6 +18,8 @@
 
 #include <dlfcn.h>
 #include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace qv::tests
 {
@@ -26,6 +28,8 @@ namespace
 {
 
 constexpr size_t kMostRecords = 100000;
+
+thread_local size_t tYields = 0;
 
 }  // namespace
 
@@ -232,7 +236,18 @@ void FakeTime::clearRecords()
     mState->clearedWakes = mState->wakes;
 }
 
+size_t FakeTime::YieldsOfThisThread()
+{
+    return tYields;
+}
+
 }  // namespace qv::tests
+
+int sched_yield() noexcept
+{
+    ++qv::tests::tYields;
+    return static_cast<int>(::syscall(SYS_sched_yield));
+}
 
 namespace qv
 {

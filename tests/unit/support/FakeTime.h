@@ -63,6 +63,9 @@ public:
     size_t wakes() const;  // of all conditions together
     void clearRecords();
 
+    // How often the calling thread has ever given up its time slice.
+    static size_t YieldsOfThisThread();
+
     struct State;
 
 private:
