@@ -2,6 +2,8 @@
 
 #include "bare/EchoConnection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -78,7 +80,10 @@ void unmask(uint8_t* out, const uint8_t* in, size_t count, const uint8_t* key, s
 
 EchoConnection::EchoConnection(int socket, MHD_UpgradeResponseHandle* handle)
     : mSocket(socket), mHandle(handle)
-{}
+{
+    const int on = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
 
 EchoConnection::~EchoConnection()
 {

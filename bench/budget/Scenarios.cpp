@@ -9,6 +9,8 @@
 
 #include <Wendrel/WebSocket.h>
 
+#include "websocket/SpareBlocks.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -373,6 +375,7 @@ private:
 
     const std::vector<uint8_t> mFrame;
     EchoSocket mSocket;
+    impl::SpareBlocks mSpares;  // as a worker thread has them
 };
 
 template <typename Made> std::unique_ptr<Scenario> make()

@@ -4,6 +4,10 @@
 
 #include <Wendrel/kit/WebSocketHub.h>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -14,7 +18,12 @@ namespace bench
 class Echo : public qv::kit::HubConnection
 {
 public:
-    explicit Echo(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded)) {}
+    // Small pieces leave at once, as an application would have it that answers at once.
+    explicit Echo(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded))
+    {
+        const int on = 1;
+        ::setsockopt(getSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
 
     void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
     {

@@ -232,7 +232,7 @@ private:
     using Connections = std::vector<std::unique_ptr<WebSocket>>;
 
     WebSocketWorkerThread* workerAt(size_t index) QV_EXCLUDES(lock);
-    void sortCycle(Connections& cycle, const std::vector<pollfd>& polled) QV_REQUIRES(lock);
+    size_t sortCycle(Connections& cycle, const std::vector<pollfd>& polled) QV_REQUIRES(lock);
 
     std::vector<std::unique_ptr<WebSocketWorkerThread>> workers QV_GUARDED_BY(lock);
     Connections newSockets QV_GUARDED_BY(lock);

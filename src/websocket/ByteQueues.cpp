@@ -3,6 +3,7 @@
 
 #include <Wendrel/WebSocket.h>
 
+#include "websocket/SpareBlocks.h"
 #include "websocket/Unmask.h"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ void WebSocket::writeRawData(const void* data, size_t size)
     const auto* next = static_cast<const uint8_t*>(data);
     while (size > 0) {
         if (lastWriteFill == blockSize) {
-            writeQueue.emplace_back(blockSize);
+            impl::SpareBlocks::Append(writeQueue, blockSize);
             lastWriteFill = 0;
         }
         const size_t part = std::min(blockSize - lastWriteFill, size);
@@ -37,7 +38,7 @@ void WebSocket::removeWrittenBytes(size_t count)
     writeOffset += count;
     if (writeOffset != firstWriteEnd())
         return;
-    writeQueue.pop_front();
+    impl::SpareBlocks::FreeFirst(writeQueue);
     writeOffset = 0;
     if (writeQueue.empty()) {
         lastWriteFill = blockSize;
@@ -61,7 +62,7 @@ void WebSocket::consumeRead(size_t count)
     readOffset += count;
     if (readOffset != blockSize)
         return;
-    readQueue.pop_front();
+    impl::SpareBlocks::FreeFirst(readQueue);
     readOffset = 0;
     if (readQueue.empty())
         lastReadFill = blockSize;

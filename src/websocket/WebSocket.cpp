@@ -2,6 +2,8 @@
 
 #include <Wendrel/WebSocket.h>
 
+#include "websocket/SpareBlocks.h"
+
 #include <qvSystem/Rollback.h>
 
 #include <microhttpd.h>
@@ -128,7 +130,7 @@ bool WebSocket::readDataIfAvailable()
         return true;
     for (;;) {
         if (lastReadFill == blockSize) {
-            readQueue.emplace_back(blockSize);
+            impl::SpareBlocks::Append(readQueue, blockSize);
             lastReadFill = 0;
         }
         const int room = static_cast<int>(blockSize - lastReadFill);

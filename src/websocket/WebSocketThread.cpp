@@ -3,6 +3,7 @@
 #include <Wendrel/WebSocket.h>
 
 #include "logging/LogObject.h"
+#include "websocket/SpareBlocks.h"
 
 #include <qvSystem/Rollback.h>
 #include <qvSystem/SystemError.h>
@@ -21,6 +22,9 @@ namespace
 constexpr int kPollTimeOutMs = 10;
 
 constexpr unsigned long kThreadEndLimitMs = 2147483647;
+
+// Whose worker this thread is, if it is one.
+thread_local const WebSocketThread* tWorkerOf = nullptr;
 
 // Asks the system which connections are ready; the result of poll().
 int pollConnections(const std::vector<std::unique_ptr<WebSocket>>& cycle,
@@ -48,6 +52,8 @@ WebSocketWorkerThread::~WebSocketWorkerThread()
 
 void WebSocketWorkerThread::run()
 {
+    tWorkerOf = mOwner;
+    const impl::SpareBlocks spares;
     std::unique_ptr<WebSocket> connection;
     for (;;) {
         mOwner->getFirstWebSocket(connection);
@@ -112,7 +118,10 @@ void WebSocketThread::addWebSocket(std::unique_ptr<WebSocket>& socket)
         return;
     }
     newSockets.push_back(std::move(socket));
-    if (pollThreadIdle)
+    const bool mustWake = pollThreadIdle;
+    // Who is woken wants the lock.
+    locker.unlock();
+    if (mustWake)
         pollWake.wakeAll();
 }
 
@@ -141,7 +150,11 @@ void WebSocketThread::giveBackWebSocket(std::unique_ptr<WebSocket>& socket)
         return;
     }
     readySockets.push_back(std::move(socket));
-    workerWake.wakeAll();
+    locker.unlock();
+    // A worker comes for the next connection itself: another one would wake in vain, or take this
+    // one to another processor.
+    if (tWorkerOf != this)
+        workerWake.wakeOne();
 }
 
 void WebSocketThread::stopThreads(bool wait)
@@ -166,10 +179,10 @@ WebSocketWorkerThread* WebSocketThread::workerAt(size_t index)
 }
 
 // Moves each connection of the cycle to where its events lead; what is left in the cycle is
-// to be destroyed.
-void WebSocketThread::sortCycle(Connections& cycle, const std::vector<pollfd>& polled)
+// to be destroyed. Returns how many are for a worker.
+size_t WebSocketThread::sortCycle(Connections& cycle, const std::vector<pollfd>& polled)
 {
-    bool anyReady = false;
+    size_t ready = 0;
     for (size_t i = 0; i < cycle.size(); ++i) {
         const short events = polled[i].revents;
         std::unique_ptr<WebSocket> connection = std::move(cycle[i]);
@@ -181,11 +194,10 @@ void WebSocketThread::sortCycle(Connections& cycle, const std::vector<pollfd>& p
         } else {
             connection->setReadEnabled((events & POLLIN) != 0);
             readySockets.push_back(std::move(connection));
-            anyReady = true;
+            ++ready;
         }
     }
-    if (anyReady)
-        workerWake.wakeAll();
+    return ready;
 }
 
 void WebSocketThread::run()
@@ -211,8 +223,13 @@ void WebSocketThread::run()
             return;
         }
         locker.relock();
-        sortCycle(cycle, polled);
+        const size_t ready = sortCycle(cycle, polled);
         cycle.clear();
+        locker.unlock();
+        // As many as will find something; the others sleep on.
+        for (size_t i = 0; i < ready; ++i)
+            workerWake.wakeOne();
+        locker.relock();
     }
 }
 

@@ -16,16 +16,16 @@ namespace qv
 class QV_EXPORT QV_CAPABILITY("mutex") qvMutex
 {
 public:
-    qvMutex();
-    ~qvMutex();
+    qvMutex() = default;
+    ~qvMutex() = default;
     qvMutex(const qvMutex&) = delete;
     qvMutex& operator=(const qvMutex&) = delete;
 
     /// Waits until the lock is free and takes it.
-    void lock() QV_ACQUIRE();
+    void lock() QV_ACQUIRE() { mMutex.lock(); }
 
     /// Releases the lock. Only the thread that holds it may call this.
-    void unlock() QV_RELEASE();
+    void unlock() QV_RELEASE() { mMutex.unlock(); }
 
 private:
     friend class qvWaitCondition;
@@ -37,20 +37,35 @@ class QV_EXPORT QV_SCOPED_CAPABILITY qvMutexLocker
 {
 public:
     /// Takes `mutex`, which must outlive the locker (unless unlocked before). Never null.
-    explicit qvMutexLocker(qvMutex* mutex) QV_ACQUIRE(mutex);
+    explicit qvMutexLocker(qvMutex* mutex) QV_ACQUIRE(mutex) : mMutex(mutex), mHeld(true)
+    {
+        mMutex->lock();
+    }
 
     /// Releases the mutex if it is held.
-    ~qvMutexLocker() QV_RELEASE();
+    ~qvMutexLocker() QV_RELEASE() { unlock(); }
 
     qvMutexLocker(const qvMutexLocker&) = delete;
     qvMutexLocker& operator=(const qvMutexLocker&) = delete;
 
     /// Releases the mutex early. Does nothing when it is not held.
     /// The mutex is not touched again after this returns, unless `relock` is called.
-    void unlock() QV_RELEASE();
+    void unlock() QV_RELEASE()
+    {
+        if (!mHeld)
+            return;
+        mHeld = false;
+        mMutex->unlock();
+    }
 
     /// Takes the mutex again after `unlock`. Does nothing when it is held.
-    void relock() QV_ACQUIRE();
+    void relock() QV_ACQUIRE()
+    {
+        if (mHeld)
+            return;
+        mMutex->lock();
+        mHeld = true;
+    }
 
 private:
     qvMutex* mMutex;
