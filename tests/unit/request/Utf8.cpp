@@ -324,6 +324,18 @@ TEST(Utf8, FindsTheSameAtEveryPlaceOfALongText)
     comparison.expectClean(texts);
 }
 
+TEST(Utf8, FindsASingleByteAmongZeros)
+{
+    constexpr size_t kBytes = 130;
+    for (size_t at = 0; at < kBytes; ++at) {
+        for (const char byte : {'\x80', '\xC0', '\xFF'}) {
+            std::string text(kBytes, '\0');
+            text[at] = byte;
+            EXPECT_EQ(Stop(text), at);
+        }
+    }
+}
+
 TEST(Utf8, LooksAtNothingBehindTheEndOfTheRange)
 {
     const std::string whole = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";
