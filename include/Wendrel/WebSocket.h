@@ -200,7 +200,8 @@ public:
 
     /// Starts `count` workers and the poll thread; does nothing when there are workers already.
     /// With 0, connections are polled and never served. Throws std::system_error when the system
-    /// has not so many threads to give; then none is left running. Call once, from one thread.
+    /// has not so many threads to give; then none is left running. A worker keeps up to 1 MiB of
+    /// what messages were buffered in for the next ones. Call once, from one thread.
     void startThreads(unsigned count) QV_EXCLUDES(lock);
 
     /// Takes the connection over, and leaves `socket` null; it is polled within 10 ms. After
