@@ -16,11 +16,73 @@ namespace qv::impl
 namespace
 {
 
-struct Spares
+using Chunk = std::vector<char>;
+
+// The oldest first. A chunk is known by its capacity: a chunk of another one would be full at
+// another size.
+class Spares
 {
-    qvMutex mutex;
-    std::array<std::vector<char>, kSpareChunks> chunks QV_GUARDED_BY(mutex);
-    size_t count QV_GUARDED_BY(mutex) = 0;
+public:
+    // Null, so to speak, when there is none.
+    Chunk take(size_t capacity)
+    {
+        qvMutexLocker locker(&mMutex);
+        for (size_t i = mCount; i > 0; --i) {
+            if (mChunks[i - 1].capacity() == capacity)
+                return remove(i - 1);
+        }
+        return {};
+    }
+
+    // Takes `chunk` unless there is no room for it. Returns what has to be freed: with the lock
+    // released, since that takes long.
+    Chunk keep(Chunk&& chunk)
+    {
+        if (chunk.capacity() < kChunkCapacityBytes || chunk.capacity() > kSpareBytes)
+            return std::move(chunk);
+        qvMutexLocker locker(&mMutex);
+        Chunk oldest = hasRoomFor(chunk) ? Chunk() : remove(0);
+        if (!hasRoomFor(chunk))
+            return oldest;
+        chunk.clear();
+        mBytes += chunk.capacity();
+        mChunks[mCount++] = std::move(chunk);
+        return oldest;
+    }
+
+    size_t getCount()
+    {
+        qvMutexLocker locker(&mMutex);
+        return mCount;
+    }
+
+    size_t getBytes()
+    {
+        qvMutexLocker locker(&mMutex);
+        return mBytes;
+    }
+
+private:
+    bool hasRoomFor(const Chunk& chunk) const QV_REQUIRES(mMutex)
+    {
+        return mCount < mChunks.size() && mBytes + chunk.capacity() <= kSpareBytes;
+    }
+
+    Chunk remove(size_t place) QV_REQUIRES(mMutex)
+    {
+        Chunk removed = std::move(mChunks[place]);
+        std::move(mChunks.begin() + static_cast<ptrdiff_t>(place) + 1,
+                  mChunks.begin() + static_cast<ptrdiff_t>(mCount),
+                  mChunks.begin() + static_cast<ptrdiff_t>(place));
+        --mCount;
+        mBytes -= removed.capacity();
+        return removed;
+    }
+
+    qvMutex mMutex;
+    std::array<Chunk, kSpareChunks> mChunks QV_GUARDED_BY(mMutex);
+    size_t mCount QV_GUARDED_BY(mMutex) = 0;
+    size_t mBytes QV_GUARDED_BY(mMutex) = 0;
 };
 
 // Never destroyed: a device may outlive the static objects of its process. In a place of its own,
@@ -33,18 +95,11 @@ Spares& spares()
 }
 
 // An empty chunk with room for `bytes`.
-std::vector<char> makeChunk(size_t bytes)
+Chunk makeChunk(size_t bytes)
 {
-    std::vector<char> chunk;
-    if (bytes <= kChunkCapacityBytes) {
-        Spares& all = spares();
-        qvMutexLocker locker(&all.mutex);
-        if (all.count != 0) {
-            chunk.swap(all.chunks[--all.count]);
-            return chunk;
-        }
-    }
-    chunk.reserve(std::max(bytes, kChunkCapacityBytes));
+    const size_t capacity = std::max(bytes, kChunkCapacityBytes);
+    Chunk chunk = spares().take(capacity);
+    chunk.reserve(capacity);
     return chunk;
 }
 
@@ -70,15 +125,8 @@ void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_
 
 void FreeChunk(std::vector<char>&& chunk)
 {
-    // Destroyed after the lock has been released, if it is not kept.
-    std::vector<char> freed = std::move(chunk);
-    if (freed.capacity() != kChunkCapacityBytes)
-        return;
-    freed.clear();
-    Spares& all = spares();
-    qvMutexLocker locker(&all.mutex);
-    if (all.count < kSpareChunks)
-        all.chunks[all.count++].swap(freed);
+    // What comes back is destroyed here.
+    spares().keep(std::move(chunk));
 }
 
 void FreeFirstChunk(std::list<std::vector<char>>& queue)
@@ -95,9 +143,12 @@ void FreeChunks(std::list<std::vector<char>>& queue)
 
 size_t GetSpareChunkCount()
 {
-    Spares& all = spares();
-    qvMutexLocker locker(&all.mutex);
-    return all.count;
+    return spares().getCount();
+}
+
+size_t GetSpareBytes()
+{
+    return spares().getBytes();
 }
 
 }  // namespace qv::impl

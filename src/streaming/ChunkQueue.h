@@ -13,9 +13,10 @@ namespace qv::impl
 // Least capacity of a chunk.
 inline constexpr size_t kChunkCapacityBytes = 65536;
 
-// So many chunks that are done with, of all threads together, are kept for the next ones: blocks of
-// this size are what an allocator is slow at.
-inline constexpr size_t kSpareChunks = 32;
+// Chunks that are done with are kept for the next ones of the same capacity: blocks of this size
+// are what an allocator is slow at. So many, and of so many bytes, of all threads together.
+inline constexpr size_t kSpareChunks = 64;
+inline constexpr size_t kSpareBytes = 4 << 20;
 
 // Fills the last chunk's spare capacity, then puts all that remains into one new chunk.
 void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_t len);
@@ -25,6 +26,7 @@ void FreeChunk(std::vector<char>&& chunk);
 void FreeFirstChunk(std::list<std::vector<char>>& queue);
 void FreeChunks(std::list<std::vector<char>>& queue);
 size_t GetSpareChunkCount();
+size_t GetSpareBytes();
 
 inline bool IsFull(const std::vector<char>& chunk)
 {

@@ -112,25 +112,83 @@ TEST(ChunkQueue, FreesTheFirstChunkAlone)
     FreeChunks(queue);
 }
 
-TEST(ChunkQueue, KeepsNoLongChunk)
+TEST(ChunkQueue, UsesAFreedChunkForOneOfItsCapacityOnly)
 {
+    constexpr size_t kLong = 100000;
     Queue queue;
-    append(queue, std::string(kChunkCapacityBytes + 1, 'x'));
-    const size_t before = GetSpareChunkCount();
+    append(queue, std::string(kLong, 'x'));
+    const char* const place = queue.front().data();
     FreeChunks(queue);
-    EXPECT_EQ(GetSpareChunkCount(), before);
+
+    append(queue, std::string(kLong - 1, 'x'));
+    EXPECT_EQ(queue.front().capacity(), kLong - 1);
+    EXPECT_NE(queue.front().data(), place);
+    append(queue, std::string(kLong, 'y'));
+    EXPECT_EQ(queue.back().capacity(), kLong);
+    EXPECT_EQ(queue.back().data(), place);
+    FreeChunks(queue);
 }
 
-TEST(ChunkQueue, KeepsSoManyAndFreesTheRest)
+// Takes all spares of the usual capacity out, so that none are left after more have been freed.
+void leaveNoSpares()
 {
-    Queue queue = wholeChunks(kSpareChunks + 8);
+    Queue queue;
+    append(queue, std::string(kSpareBytes, 'x'));
+    FreeChunks(queue);
+    // It has driven out the oldest one after the other, by now all.
+    for (size_t i = 0; i <= kSpareChunks; ++i) {
+        append(queue, std::string(kSpareBytes, 'x'));
+        FreeChunks(queue);
+    }
+    append(queue, std::string(kSpareBytes, 'x'));
+    ASSERT_EQ(GetSpareChunkCount(), 0u);
+    ASSERT_EQ(GetSpareBytes(), 0u);
+}
+
+TEST(ChunkQueue, KeepsSoManyBytesOfTheNewest)
+{
+    leaveNoSpares();
+    constexpr size_t kFit = kSpareBytes / kChunkCapacityBytes;
+    static_assert(kFit == kSpareChunks);
+    Queue queue = wholeChunks(kFit - 1);
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), kFit - 1);
+    EXPECT_EQ(GetSpareBytes(), kSpareBytes - kChunkCapacityBytes);
+    queue = wholeChunks(kFit + 8);
     EXPECT_EQ(GetSpareChunkCount(), 0u);
     FreeChunks(queue);
-    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks);
-    queue = wholeChunks(3);
-    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks - 3);
+    EXPECT_EQ(GetSpareChunkCount(), kFit);
+    EXPECT_EQ(GetSpareBytes(), kSpareBytes);
+
+    // One that is longer takes the place of the oldest if that makes room enough.
+    append(queue, std::string(kChunkCapacityBytes + 1, 'x'));
     FreeChunks(queue);
-    EXPECT_EQ(GetSpareChunkCount(), kSpareChunks);
+    EXPECT_EQ(GetSpareChunkCount(), kFit - 1);
+    append(queue, std::string(kChunkCapacityBytes + 1, 'x'));
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), kFit - 1);
+    EXPECT_EQ(GetSpareBytes(), (kFit - 2) * kChunkCapacityBytes + kChunkCapacityBytes + 1);
+}
+
+TEST(ChunkQueue, KeepsNoChunkThatIsLongerThanAllTogetherMayBe)
+{
+    leaveNoSpares();
+    Queue queue;
+    append(queue, std::string(kSpareBytes + 1, 'x'));
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
+    append(queue, std::string(kSpareBytes, 'x'));
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), 1u);
+    EXPECT_EQ(GetSpareBytes(), kSpareBytes);
+}
+
+TEST(ChunkQueue, KeepsNoChunkThatIsShorterThanUsual)
+{
+    const size_t before = GetSpareChunkCount();
+    FreeChunk(std::vector<char>(1000));
+    FreeChunk({});
+    EXPECT_EQ(GetSpareChunkCount(), before);
 }
 
 }  // namespace
