@@ -8,6 +8,7 @@
 #include <memory>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace qv::impl
 {
@@ -17,19 +18,49 @@ namespace
 // More than a daemon has connections.
 constexpr size_t kUsualCount = 1024;
 
+// Entries that are kept for the next requests.
+constexpr size_t kSpareEntries = 64;
+
 struct Book
 {
+    using Contexts = std::unordered_map<const void*, ConnectionContext>;
+
     qvMutex mutex;
     // A connection has one request at a time.
-    std::unordered_map<const void*, ConnectionContext> contexts QV_GUARDED_BY(mutex);
+    Contexts contexts QV_GUARDED_BY(mutex);
+    std::vector<Contexts::node_type> spares QV_GUARDED_BY(mutex);
     uint64_t latestNumber QV_GUARDED_BY(mutex) = 0;
 };
+
+// The entry of `connection`: what there is already belongs to a request that the daemon forgot.
+ConnectionContext& entryOf(Book& all, const void* connection) QV_REQUIRES(all.mutex)
+{
+    if (all.spares.empty())
+        return all.contexts[connection];
+    all.spares.back().key() = connection;
+    auto inserted = all.contexts.insert(std::move(all.spares.back()));
+    if (inserted.inserted)
+        all.spares.pop_back();
+    else
+        all.spares.back() = std::move(inserted.node);
+    return inserted.position->second;
+}
+
+void removeEntry(Book& all, const void* connection) QV_REQUIRES(all.mutex)
+{
+    auto entry = all.contexts.extract(connection);
+    if (entry.empty() || all.spares.size() == kSpareEntries)
+        return;
+    std::string().swap(entry.mapped().uri);  // an empty one assigned would keep the memory
+    all.spares.push_back(std::move(entry));
+}
 
 std::unique_ptr<Book> makeBook()
 {
     auto made = std::make_unique<Book>();
     qvMutexLocker locker(&made->mutex);
     made->contexts.reserve(kUsualCount);
+    made->spares.reserve(kSpareEntries);
     return made;
 }
 
@@ -46,8 +77,7 @@ ConnectionContext* MakeContext(std::string uri, int listener, const void* connec
 {
     Book& all = book();
     qvMutexLocker locker(&all.mutex);
-    // What there is at this address already belongs to a request that the daemon forgot.
-    ConnectionContext& context = all.contexts[connection];
+    ConnectionContext& context = entryOf(all, connection);
     context = {std::move(uri), kTimeNotSet, nullptr, listener, connection, ++all.latestNumber};
     return &context;
 }
@@ -62,7 +92,7 @@ void FreeContext(ConnectionContext* context)
     }
     Book& all = book();
     qvMutexLocker locker(&all.mutex);
-    all.contexts.erase(context->connection);
+    removeEntry(all, context->connection);
 }
 
 uint64_t GetLatestContextNumber()

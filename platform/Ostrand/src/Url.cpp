@@ -236,6 +236,8 @@ MaybeRefusal checkFragment(std::string_view text, const Outline& outline)
 
 std::string decoded(std::string_view text)
 {
+    if (text.find('%') == std::string_view::npos)
+        return std::string(text);
     std::string result;
     result.reserve(text.size());
     for (size_t at = 0; at < text.size(); ++at) {
