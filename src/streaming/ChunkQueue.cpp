@@ -44,7 +44,6 @@ public:
         Chunk oldest = hasRoomFor(chunk) ? Chunk() : remove(0);
         if (!hasRoomFor(chunk))
             return oldest;
-        chunk.clear();
         mBytes += chunk.capacity();
         mChunks[mCount++] = std::move(chunk);
         return oldest;
@@ -94,7 +93,7 @@ Spares& spares()
     return theSpares;
 }
 
-// An empty chunk with room for `bytes`.
+// A chunk with room for `bytes`, and what it held before.
 Chunk makeChunk(size_t bytes)
 {
     const size_t capacity = std::max(bytes, kChunkCapacityBytes);

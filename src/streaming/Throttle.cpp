@@ -21,7 +21,6 @@ void Throttle::reset()
 {
     mWaitSinceMs = kTimeNotSet;
     mLastSleepMs = kTimeNotSet;
-    mFirstWaiting = nullptr;
 }
 
 void Throttle::pause(const void* waiting)

@@ -41,7 +41,7 @@ public:
 private:
     int64_t mWaitSinceMs = kTimeNotSet;
     int64_t mLastSleepMs = kTimeNotSet;
-    const void* mFirstWaiting = nullptr;  // only compared: it may be gone
+    const void* mFirstWaiting = nullptr;  // since the wait began; only compared: it may be gone
 };
 
 }  // namespace qv::impl

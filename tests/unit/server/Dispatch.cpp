@@ -5,6 +5,7 @@
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 #include "server/AllocationLimit.h"
+#include "streaming/ChunkQueue.h"
 #include "streaming/Throttle.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
@@ -920,6 +921,14 @@ TEST_F(Dispatch, QueuesACompletedAnswerWhole)
     EXPECT_TRUE(exchange.response().atEnd());
     EXPECT_FALSE(exchange.response().hasDataToSend());
     EXPECT_TRUE(isFree(exchange));
+}
+
+TEST_F(Dispatch, KeepsTheChunkOfAnAnswerForTheNext)
+{
+    Exchange& exchange = beginReady("0123456789", true);
+    const size_t before = impl::GetSpareChunkCount();
+    EXPECT_EQ(laterCall(exchange), MHD_YES);
+    EXPECT_EQ(impl::GetSpareChunkCount(), before + 1);
 }
 
 TEST_F(Dispatch, QueuesAnAnswerOnce)

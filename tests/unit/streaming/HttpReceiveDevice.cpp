@@ -6,6 +6,7 @@
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
+#include "streaming/ChunkQueue.h"
 
 #include <gmock/gmock.h>
 
@@ -665,6 +666,21 @@ TEST(HttpReceiveDevice, RandomPiecesAndReadsGiveTheBodyBack)
 }
 
 // Feeder, reader and an onlooker at once; meant for the thread sanitizer.
+TEST(HttpReceiveDevice, KeepsItsChunksForTheNextBody)
+{
+    size_t whenFed = 0;
+    {
+        WorkerRequest request;
+        Feed(request, std::string(65536, 'a'));
+        Feed(request, std::string(65536, 'b'));
+        whenFed = impl::GetSpareChunkCount();
+        EXPECT_EQ(Read(request, 65536), std::string(65536, 'a'));
+        EXPECT_EQ(impl::GetSpareChunkCount(), whenFed + 1);
+    }
+    // What has not been read as well.
+    EXPECT_EQ(impl::GetSpareChunkCount(), whenFed + 2);
+}
+
 TEST(HttpReceiveDeviceThreads, OneFeedsOneReadsAndAnyoneLooks)
 {
     const std::string body = PatternBytes(4000000);

@@ -5,6 +5,7 @@
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
+#include "streaming/ChunkQueue.h"
 
 #include <gmock/gmock.h>
 
@@ -972,6 +973,27 @@ TEST(HttpResponseDeviceThreads, ConnectionLostJustBeforeTheWaitDoesNotLeaveTheWr
     }
     writer.join();
     EXPECT_EQ(device.getDataSize(), kReadyLimit + 1 + kChunk);
+}
+
+TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
+{
+    size_t whenWritten = 0;
+    {
+        WorkerRequest request;
+        HttpResponseDevice& device = request.getResponseDevice();
+        const std::string chunk(65536, 'x');
+        for (int i = 0; i < 3; ++i)
+            device.writeBytes(chunk.data(), chunk.size());
+        device.writeBytes("y", 1);  // not handed over
+        whenWritten = impl::GetSpareChunkCount();
+        // The first has been read, the second only in part, the third not at all.
+        std::vector<char> block(65537);
+        bool ended = false;
+        bool endedToo = false;
+        EXPECT_EQ(device.sendChunksThreadSafe(block.data(), block.size(), ended, endedToo), 65537u);
+        EXPECT_EQ(impl::GetSpareChunkCount(), whenWritten + 1);
+    }
+    EXPECT_EQ(impl::GetSpareChunkCount(), whenWritten + 4);
 }
 
 }  // namespace
