@@ -198,7 +198,7 @@ void WebSocket::writeMessage(const void* data, size_t size, bool isBinary)
         const size_t blocksBefore = writeQueue.size();
         const size_t fillBefore = lastWriteFill;
         // Half a message would make the client take the next one for the rest of it.
-        Rollback taken([&] {
+        Rollback taken([&]() QV_REQUIRES(lock) {
             writeQueue.resize(blocksBefore);
             lastWriteFill = fillBefore;
             writePending = !writeQueue.empty();

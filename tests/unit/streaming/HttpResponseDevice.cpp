@@ -975,6 +975,16 @@ TEST(HttpResponseDeviceThreads, ConnectionLostJustBeforeTheWaitDoesNotLeaveTheWr
     EXPECT_EQ(device.getDataSize(), kReadyLimit + 1 + kChunk);
 }
 
+TEST(HttpResponseDevice, CountsNothingTwiceWhenItIsEndedTwice)
+{
+    WorkerRequest request;
+    HttpResponseDevice& device = request.getResponseDevice();
+    device.writeBytes("abc", 3);
+    device.endSending();
+    device.endSending();
+    EXPECT_EQ(device.getDataSize(), 3u);
+}
+
 TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
 {
     size_t whenWritten = 0;
