@@ -86,13 +86,13 @@ MHD_Result feedBody(HttpBaseRequest& request, const char* data, size_t* size)
 
 // Runs on every call without data, not only on the first: the stored duration ends up as the
 // time until the answer was queued.
-void endBody(HttpBaseRequest& request, const ConnectionContext& context)
+void endBody(HttpBaseRequest& request, const ConnectionContext& context, int64_t nowMs)
 {
     HttpReceiveDevice& device = request.getReceiveDevice();
     qvMutexLocker locker(&DispatchAccess::mutex(device));
-    DispatchAccess::receiveDurationMs(request) =
-        context.startTimeMs == kTimeNotSet ? std::numeric_limits<int64_t>::max()
-                                           : qvSystemUtils::GetTimeBaseMs() - context.startTimeMs;
+    DispatchAccess::receiveDurationMs(request) = context.startTimeMs == kTimeNotSet
+                                                     ? std::numeric_limits<int64_t>::max()
+                                                     : nowMs - context.startTimeMs;
     device.endFeed();
 }
 
@@ -172,7 +172,8 @@ Decision decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vecto
 }
 
 // The body is complete: queues the answer if the application is ready, waits a little if not.
-MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request)
+MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request,
+                  int64_t nowMs)
 {
     HttpResponseInterface& head = request.getResponse();
     HttpResponseDevice& device = request.getResponseDevice();
@@ -184,7 +185,7 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
                                   ? Decision::Wait
                                   : decide(device, request, body);
     if (decision == Decision::Wait) {
-        throttle.pause(&request);
+        throttle.pause(&request, nowMs);
         return MHD_YES;
     }
     throttle.reset();
@@ -245,8 +246,10 @@ MHD_Result HandleAccess(void* closure, MHD_Connection* connection, const char*, 
     HttpBaseRequest& request = *context.request;
     if (*uploadSize != 0)
         return feedBody(request, uploadData, uploadSize);
-    endBody(request, context);
-    return answer(server, connection, request);
+    // A waiting request comes here very often: one look at the clock for each time.
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    endBody(request, context, nowMs);
+    return answer(server, connection, request, nowMs);
 }
 
 }  // namespace qv::impl

@@ -10,6 +10,8 @@
 #include "request/DispatchAccess.h"
 #include "streaming/Throttle.h"
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <memory>
 
 namespace qv::impl
@@ -60,7 +62,7 @@ ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
         return MHD_CONTENT_READER_END_OF_STREAM;
     }
     if (!endedToo)
-        throttle.pause(request);
+        throttle.pause(request, qvSystemUtils::GetTimeBaseMs());
     return 0;
 }
 

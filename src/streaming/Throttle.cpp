@@ -2,7 +2,6 @@
 
 #include "streaming/Throttle.h"
 
-#include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
@@ -23,9 +22,8 @@ void Throttle::reset()
     mLastSleepMs = kTimeNotSet;
 }
 
-void Throttle::pause(const void* waiting)
+void Throttle::pause(const void* waiting, int64_t nowMs)
 {
-    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     if (mWaitSinceMs == kTimeNotSet) {
         mWaitSinceMs = nowMs;
         mLastSleepMs = nowMs;

@@ -30,7 +30,8 @@ public:
     // during the grace, otherwise sleeps. Before it returns at once for the same one again, all
     // that wait on this thread have been asked in vain: then the processor is offered to the
     // application, which may need it to get ready.
-    void pause(const void* waiting);
+    // `nowMs` is the time of the call.
+    void pause(const void* waiting, int64_t nowMs);
 
     int64_t waitSinceMs() const { return mWaitSinceMs; }
     int64_t lastSleepMs() const { return mLastSleepMs; }

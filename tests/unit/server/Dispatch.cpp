@@ -16,6 +16,8 @@
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/Wendrel.h>
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -260,7 +262,7 @@ protected:
 
     static void useThrottle()
     {
-        impl::Throttle::OfThisThread().pause(nullptr);
+        impl::Throttle::OfThisThread().pause(nullptr, qvSystemUtils::GetTimeBaseMs());
         ASSERT_FALSE(throttleIsReset());
     }
 

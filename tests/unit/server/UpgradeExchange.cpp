@@ -14,6 +14,8 @@
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -227,7 +229,7 @@ TEST_F(UpgradeExchange, AnswersAKeyOfTheWrongLengthWith101AndAnEmptyProof)
 TEST_F(UpgradeExchange, ResetsTheWaitLikeAnyNewRequest)
 {
     impl::Throttle& throttle = impl::Throttle::OfThisThread();
-    throttle.pause(nullptr);
+    throttle.pause(nullptr, qvSystemUtils::GetTimeBaseMs());
     ASSERT_NE(throttle.waitSinceMs(), impl::kTimeNotSet);
     EXPECT_EQ(ask({}), MHD_YES);
     EXPECT_EQ(throttle.waitSinceMs(), impl::kTimeNotSet);

@@ -11,6 +11,8 @@
 
 #include <Wendrel/HttpServer.h>
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -57,7 +59,10 @@ protected:
     }
 
     // Makes the throttle record look as if this thread had been waiting.
-    static void waitABit() { Throttle::OfThisThread().pause(nullptr); }
+    static void waitABit()
+    {
+        Throttle::OfThisThread().pause(nullptr, qvSystemUtils::GetTimeBaseMs());
+    }
 
     static bool throttleIsReset()
     {
@@ -343,7 +348,7 @@ TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
 TEST_F(RequestCompletedTest, LeavesTheThrottleAlone)
 {
     Throttle::OfThisThread().reset();
-    Throttle::OfThisThread().pause(nullptr);
+    Throttle::OfThisThread().pause(nullptr, qvSystemUtils::GetTimeBaseMs());
     const int64_t since = Throttle::OfThisThread().waitSinceMs();
     complete(0);
     EXPECT_EQ(Throttle::OfThisThread().waitSinceMs(), since);

@@ -4,6 +4,8 @@
 
 #include "support/FakeTime.h"
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <gmock/gmock.h>
 
 #include <cstdint>
@@ -25,6 +27,11 @@ constexpr int64_t kStartMs = 5000;
 // What waits: only told apart.
 const char kWaiting[3] = {};
 const void* const kOne = &kWaiting[0];
+
+void pause(impl::Throttle& throttle, const void* waiting = kOne)
+{
+    throttle.pause(waiting, qvSystemUtils::GetTimeBaseMs());
+}
 
 TEST(Throttle, SleepIs45MinusTheTimeSinceTheLastSleepAndAtLeast10)
 {
@@ -70,7 +77,7 @@ TEST(Throttle, FirstPauseOnlyNotesTheTime)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause(kOne);
+    pause(throttle);
     EXPECT_THAT(time.sleeps(), IsEmpty());
     EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
     EXPECT_EQ(throttle.lastSleepMs(), kStartMs);
@@ -88,9 +95,9 @@ TEST(Throttle, GraceLasts100Ms)
         SCOPED_TRACE(row.name);
         FakeTime time(kStartMs);
         impl::Throttle throttle;
-        throttle.pause(kOne);
+        pause(throttle);
         time.advanceMs(row.afterMs);
-        throttle.pause(kOne);
+        pause(throttle);
         EXPECT_EQ(time.sleeps().size(), row.sleeps);
         EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
         EXPECT_EQ(throttle.lastSleepMs(), kStartMs + (row.sleeps != 0 ? row.afterMs : 0));
@@ -101,10 +108,10 @@ TEST(Throttle, SleepsTenAndThirtyFiveInTurnWhenCalledWithoutDelay)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause(kOne);
+    pause(throttle);
     time.advanceMs(101);
     for (int i = 0; i < 6; ++i)
-        throttle.pause(kOne);
+        pause(throttle);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 35, 10, 35, 10, 35));
     EXPECT_EQ(time.nowMs(), kStartMs + 101 + 3 * 45);
 }
@@ -113,14 +120,14 @@ TEST(Throttle, CountsTheSpacingFromTheBeginningOfTheLastSleep)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause(kOne);
+    pause(throttle);
     time.advanceMs(500);
-    throttle.pause(kOne);  // sleeps 10
+    pause(throttle);  // sleeps 10
     EXPECT_EQ(throttle.lastSleepMs(), kStartMs + 500);
     time.advanceMs(20);
-    throttle.pause(kOne);  // 30 ms after the beginning of the last
+    pause(throttle);  // 30 ms after the beginning of the last
     time.advanceMs(100);
-    throttle.pause(kOne);
+    pause(throttle);
     EXPECT_THAT(time.sleeps(), ElementsAre(10, 15, 10));
 }
 
@@ -128,20 +135,20 @@ TEST(Throttle, ResetStartsANewGrace)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause(kOne);
+    pause(throttle);
     time.advanceMs(101);
-    throttle.pause(kOne);
+    pause(throttle);
     throttle.reset();
     EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
     EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
     time.clearRecords();
 
-    throttle.pause(kOne);
+    pause(throttle);
     time.advanceMs(100);
-    throttle.pause(kOne);
+    pause(throttle);
     EXPECT_THAT(time.sleeps(), IsEmpty());
     time.advanceMs(1);
-    throttle.pause(kOne);
+    pause(throttle);
     EXPECT_THAT(time.sleeps(), ElementsAre(10));
 }
 
@@ -170,7 +177,7 @@ TEST(Throttle, GivesUpTheTimeSliceWhenTheFirstOneIsAskedAgain)
         impl::Throttle throttle;
         const size_t before = FakeTime::YieldsOfThisThread();
         for (const void* waiting : row.asked)
-            throttle.pause(waiting);
+            pause(throttle, waiting);
         EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, row.yields);
         EXPECT_THAT(time.sleeps(), IsEmpty());
     }
@@ -181,12 +188,12 @@ TEST(Throttle, BeginsANewRoundAfterProgress)
     FakeTime time(kStartMs);
     impl::Throttle throttle;
     const size_t before = FakeTime::YieldsOfThisThread();
-    throttle.pause(kOne);
+    pause(throttle);
     throttle.reset();
-    throttle.pause(&kWaiting[1]);
-    throttle.pause(kOne);
+    pause(throttle, &kWaiting[1]);
+    pause(throttle);
     EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
-    throttle.pause(&kWaiting[1]);
+    pause(throttle, &kWaiting[1]);
     EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 1u);
 }
 
@@ -194,10 +201,10 @@ TEST(Throttle, SleepsInsteadAfterTheGrace)
 {
     FakeTime time(kStartMs);
     impl::Throttle throttle;
-    throttle.pause(kOne);
+    pause(throttle);
     time.advanceMs(101);
     const size_t before = FakeTime::YieldsOfThisThread();
-    throttle.pause(kOne);
+    pause(throttle);
     EXPECT_EQ(FakeTime::YieldsOfThisThread() - before, 0u);
     EXPECT_THAT(time.sleeps(), ElementsAre(10));
 }
@@ -206,7 +213,7 @@ TEST(Throttle, IsOneRecordPerThread)
 {
     impl::Throttle* const mine = &impl::Throttle::OfThisThread();
     EXPECT_EQ(&impl::Throttle::OfThisThread(), mine);
-    mine->pause(kOne);
+    pause(*mine);
     int64_t ofTheOther = 0;
     std::thread other([&] {
         EXPECT_NE(&impl::Throttle::OfThisThread(), mine);

@@ -16,16 +16,16 @@ namespace qv
 class QV_EXPORT QV_CAPABILITY("mutex") qvMutex
 {
 public:
-    qvMutex() = default;
-    ~qvMutex() = default;
+    qvMutex();
+    ~qvMutex();
     qvMutex(const qvMutex&) = delete;
     qvMutex& operator=(const qvMutex&) = delete;
 
     /// Waits until the lock is free and takes it.
-    void lock() QV_ACQUIRE() { mMutex.lock(); }
+    void lock() QV_ACQUIRE();
 
     /// Releases the lock. Only the thread that holds it may call this.
-    void unlock() QV_RELEASE() { mMutex.unlock(); }
+    void unlock() QV_RELEASE();
 
 private:
     friend class qvWaitCondition;
@@ -37,35 +37,20 @@ class QV_EXPORT QV_SCOPED_CAPABILITY qvMutexLocker
 {
 public:
     /// Takes `mutex`, which must outlive the locker (unless unlocked before). Never null.
-    explicit qvMutexLocker(qvMutex* mutex) QV_ACQUIRE(mutex) : mMutex(mutex), mHeld(true)
-    {
-        mMutex->lock();
-    }
+    explicit qvMutexLocker(qvMutex* mutex) QV_ACQUIRE(mutex);
 
     /// Releases the mutex if it is held.
-    ~qvMutexLocker() QV_RELEASE() { unlock(); }
+    ~qvMutexLocker() QV_RELEASE();
 
     qvMutexLocker(const qvMutexLocker&) = delete;
     qvMutexLocker& operator=(const qvMutexLocker&) = delete;
 
     /// Releases the mutex early. Does nothing when it is not held.
     /// The mutex is not touched again after this returns, unless `relock` is called.
-    void unlock() QV_RELEASE()
-    {
-        if (!mHeld)
-            return;
-        mHeld = false;
-        mMutex->unlock();
-    }
+    void unlock() QV_RELEASE();
 
     /// Takes the mutex again after `unlock`. Does nothing when it is held.
-    void relock() QV_ACQUIRE()
-    {
-        if (mHeld)
-            return;
-        mMutex->lock();
-        mHeld = true;
-    }
+    void relock() QV_ACQUIRE();
 
 private:
     qvMutex* mMutex;
