@@ -3,6 +3,8 @@
 #include "Boundary.h"
 #include "Scenarios.h"
 
+#include "streaming/ChunkQueue.h"
+
 #include <Wendrel/Wendrel.h>
 
 #include <cstdint>
@@ -121,6 +123,7 @@ bool help(bool wanted)
 
 [[gnu::noinline]] bool act(std::span<char*> arguments)
 {
+    const qv::impl::SpareChunksKept kept;  // as while a server runs
     const std::string_view what = arguments.empty() ? "" : arguments[0];
     if (what == "--count" && arguments.size() == 2)
         return countNamed(arguments[1]);

@@ -8,6 +8,7 @@
 #include "request/ConnectionContext.h"
 #include "server/DaemonLog.h"
 #include "server/Dispatch.h"
+#include "streaming/ChunkQueue.h"
 #include "streaming/StreamCallbacks.h"
 
 #include <microhttpd.h>
@@ -166,6 +167,7 @@ void HttpServer::run()
         return;
     }
     mState = Running;
+    const impl::SpareChunksKept spareChunks;
     while (!mStopRequested)
         mWake.wait(&mMutex, kStopLookMs);
     mImpl->onServerStopped();

@@ -41,12 +41,32 @@ public:
         if (chunk.capacity() < kChunkCapacityBytes || chunk.capacity() > kSpareBytes)
             return std::move(chunk);
         qvMutexLocker locker(&mMutex);
+        if (mUsers == 0)
+            return std::move(chunk);
         Chunk oldest = hasRoomFor(chunk) ? Chunk() : remove(0);
         if (!hasRoomFor(chunk))
             return oldest;
         mBytes += chunk.capacity();
         mChunks[mCount++] = std::move(chunk);
         return oldest;
+    }
+
+    void open()
+    {
+        qvMutexLocker locker(&mMutex);
+        ++mUsers;
+    }
+
+    void close()
+    {
+        // Destroyed after the lock has been released.
+        std::array<Chunk, kSpareChunks> freed;
+        qvMutexLocker locker(&mMutex);
+        if (--mUsers != 0)
+            return;
+        freed.swap(mChunks);
+        mCount = 0;
+        mBytes = 0;
     }
 
     size_t getCount()
@@ -82,6 +102,7 @@ private:
     std::array<Chunk, kSpareChunks> mChunks QV_GUARDED_BY(mMutex);
     size_t mCount QV_GUARDED_BY(mMutex) = 0;
     size_t mBytes QV_GUARDED_BY(mMutex) = 0;
+    size_t mUsers QV_GUARDED_BY(mMutex) = 0;
 };
 
 // Never destroyed: a device may outlive the static objects of its process. In a place of its own,
@@ -103,6 +124,16 @@ Chunk makeChunk(size_t bytes)
 }
 
 }  // namespace
+
+SpareChunksKept::SpareChunksKept()
+{
+    spares().open();
+}
+
+SpareChunksKept::~SpareChunksKept()
+{
+    spares().close();
+}
 
 void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_t len)
 {

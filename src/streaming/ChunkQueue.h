@@ -10,11 +10,22 @@
 namespace qv::impl
 {
 
+// While one of these is alive, chunks that are done with are kept for the next ones of the same
+// capacity: blocks of this size are what an allocator is slow at. With the last one all are given
+// back. Any thread.
+class SpareChunksKept
+{
+public:
+    SpareChunksKept();
+    ~SpareChunksKept();
+    SpareChunksKept(const SpareChunksKept&) = delete;
+    SpareChunksKept& operator=(const SpareChunksKept&) = delete;
+};
+
 // Least capacity of a chunk.
 inline constexpr size_t kChunkCapacityBytes = 65536;
 
-// Chunks that are done with are kept for the next ones of the same capacity: blocks of this size
-// are what an allocator is slow at. So many, and of so many bytes, of all threads together.
+// So many are kept, and of so many bytes, of all threads together.
 inline constexpr size_t kSpareChunks = 64;
 inline constexpr size_t kSpareBytes = 4 << 20;
 

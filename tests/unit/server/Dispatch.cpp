@@ -927,6 +927,7 @@ TEST_F(Dispatch, QueuesACompletedAnswerWhole)
 
 TEST_F(Dispatch, KeepsTheChunkOfAnAnswerForTheNext)
 {
+    const impl::SpareChunksKept kept;
     Exchange& exchange = beginReady("0123456789", true);
     const size_t before = impl::GetSpareChunkCount();
     EXPECT_EQ(laterCall(exchange), MHD_YES);

@@ -87,6 +87,7 @@ TEST(ChunkQueue, FillsTheLastChunkAndPutsTheRestIntoOne)
 
 TEST(ChunkQueue, UsesFreedChunksAgainWithoutTheirBytes)
 {
+    const SpareChunksKept kept;
     Queue queue = wholeChunks(3);
     const auto places = placesOf(queue);
     FreeChunks(queue);
@@ -114,6 +115,7 @@ TEST(ChunkQueue, FreesTheFirstChunkAlone)
 
 TEST(ChunkQueue, UsesAFreedChunkForOneOfItsCapacityOnly)
 {
+    const SpareChunksKept kept;
     constexpr size_t kLong = 100000;
     Queue queue;
     append(queue, std::string(kLong, 'x'));
@@ -129,25 +131,31 @@ TEST(ChunkQueue, UsesAFreedChunkForOneOfItsCapacityOnly)
     FreeChunks(queue);
 }
 
-// Takes all spares of the usual capacity out, so that none are left after more have been freed.
-void leaveNoSpares()
+TEST(ChunkQueue, KeepsNothingWhileNobodyWantsIt)
 {
-    Queue queue;
-    append(queue, std::string(kSpareBytes, 'x'));
+    Queue queue = wholeChunks(2);
     FreeChunks(queue);
-    // It has driven out the oldest one after the other, by now all.
-    for (size_t i = 0; i <= kSpareChunks; ++i) {
-        append(queue, std::string(kSpareBytes, 'x'));
-        FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
+    {
+        const SpareChunksKept kept;
+        {
+            const SpareChunksKept another;
+            queue = wholeChunks(2);
+            FreeChunks(queue);
+            EXPECT_EQ(GetSpareChunkCount(), 2u);
+        }
+        EXPECT_EQ(GetSpareChunkCount(), 2u);
     }
-    append(queue, std::string(kSpareBytes, 'x'));
-    ASSERT_EQ(GetSpareChunkCount(), 0u);
-    ASSERT_EQ(GetSpareBytes(), 0u);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
+    EXPECT_EQ(GetSpareBytes(), 0u);
+    queue = wholeChunks(2);
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
 }
 
 TEST(ChunkQueue, KeepsSoManyBytesOfTheNewest)
 {
-    leaveNoSpares();
+    const SpareChunksKept kept;
     constexpr size_t kFit = kSpareBytes / kChunkCapacityBytes;
     static_assert(kFit == kSpareChunks);
     Queue queue = wholeChunks(kFit - 1);
@@ -172,7 +180,7 @@ TEST(ChunkQueue, KeepsSoManyBytesOfTheNewest)
 
 TEST(ChunkQueue, KeepsNoChunkThatIsLongerThanAllTogetherMayBe)
 {
-    leaveNoSpares();
+    const SpareChunksKept kept;
     Queue queue;
     append(queue, std::string(kSpareBytes + 1, 'x'));
     FreeChunks(queue);
@@ -185,10 +193,10 @@ TEST(ChunkQueue, KeepsNoChunkThatIsLongerThanAllTogetherMayBe)
 
 TEST(ChunkQueue, KeepsNoChunkThatIsShorterThanUsual)
 {
-    const size_t before = GetSpareChunkCount();
+    const SpareChunksKept kept;
     FreeChunk(std::vector<char>(1000));
     FreeChunk({});
-    EXPECT_EQ(GetSpareChunkCount(), before);
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
 }
 
 }  // namespace

@@ -987,6 +987,7 @@ TEST(HttpResponseDevice, CountsNothingTwiceWhenItIsEndedTwice)
 
 TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
 {
+    const impl::SpareChunksKept kept;
     size_t whenWritten = 0;
     {
         WorkerRequest request;
