@@ -66,6 +66,35 @@ TEST(ConnectionContext, TakesThePlaceOfOneThatWasForgotten)
     EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), 1u);
 }
 
+// Entries of the book are used again.
+TEST(ConnectionContext, IsAsNewAfterManyOthersHaveBeenFreed)
+{
+    constexpr size_t kMany = 200;
+    const std::vector<char> places(kMany);
+    const auto useAll = [&] {
+        std::vector<ConnectionContext*> contexts;
+        for (const char& place : places)
+            contexts.push_back(MakeContext("/first", kOne, &place));
+        for (ConnectionContext* context : contexts) {
+            context->startTimeMs = 5;
+            FreeContext(context);
+        }
+    };
+    useAll();
+    useAll();
+    for (const char& place : places) {
+        ConnectionContext* context = MakeContext("/forgotten", kOne, &place);
+        EXPECT_EQ(context->startTimeMs, kTimeNotSet);
+        context->startTimeMs = 6;
+    }
+    FreeContext(MakeContext("/other", kOther, kConnections));
+    // With an entry to be used again at hand, a place that is taken.
+    ConnectionContext* next = MakeContext("/next", kOne, places.data());
+    EXPECT_EQ(next->uri, "/next");
+    EXPECT_EQ(next->startTimeMs, kTimeNotSet);
+    EXPECT_EQ(FreeContextsOf(kOne, GetLatestContextNumber()), kMany);
+}
+
 TEST(FreeContextsOf, FreesWhatTheDaemonHasNotGivenBack)
 {
     constexpr size_t kCount = 4;
