@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <malloc.h>
+
 #include <cstddef>
 #include <list>
 #include <set>
@@ -130,6 +132,61 @@ TEST(ChunkQueue, UsesAFreedChunkForOneOfItsCapacityOnly)
     EXPECT_EQ(queue.back().data(), place);
     FreeChunks(queue);
 }
+
+TEST(ChunkQueue, LosesNoneWhenOneOfThemIsTaken)
+{
+    const SpareChunksKept kept;
+    const std::vector<size_t> capacities = {100000, 200000, 300000, 400000};
+    Queue queue;
+    std::vector<const char*> places;
+    for (const size_t capacity : capacities) {
+        Queue one;
+        append(one, std::string(capacity, 'x'));
+        places.push_back(one.front().data());
+        queue.splice(queue.end(), one);
+    }
+    FreeChunks(queue);
+    for (const size_t which : {1u, 0u, 2u, 3u}) {
+        Queue one;
+        append(one, std::string(capacities[which], 'y'));
+        EXPECT_EQ(one.front().data(), places[which]) << capacities[which];
+        EXPECT_EQ(bytesOf(one), std::string(capacities[which], 'y'));
+        queue.splice(queue.end(), one);
+    }
+    EXPECT_EQ(GetSpareChunkCount(), 0u);
+    EXPECT_EQ(GetSpareBytes(), 0u);
+}
+
+TEST(ChunkQueue, KeepsTheNewerOfTwoThatAreTooManyTogether)
+{
+    const SpareChunksKept kept;
+    constexpr size_t kMoreThanHalf = kSpareBytes / 2 + 1;
+    Queue queue;
+    append(queue, std::string(kMoreThanHalf, 'x'));
+    append(queue, std::string(kMoreThanHalf + 1, 'x'));
+    const char* const newer = queue.back().data();
+    FreeChunks(queue);
+    EXPECT_EQ(GetSpareChunkCount(), 1u);
+    EXPECT_EQ(GetSpareBytes(), kMoreThanHalf + 1);
+    append(queue, std::string(kMoreThanHalf + 1, 'x'));
+    EXPECT_EQ(queue.front().data(), newer);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+TEST(ChunkQueue, GivesTheMemoryBackWithTheLastWhoWantsIt)
+{
+    size_t inUse = 0;
+    {
+        const SpareChunksKept kept;
+        Queue queue = wholeChunks(kSpareChunks);
+        FreeChunks(queue);
+        inUse = ::mallinfo2().uordblks;
+    }
+    EXPECT_LE(::mallinfo2().uordblks + kSpareBytes / 2, inUse);
+}
+
+#endif
 
 TEST(ChunkQueue, KeepsNothingWhileNobodyWantsIt)
 {
