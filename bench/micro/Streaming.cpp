@@ -82,6 +82,19 @@ void handOver(benchmark::State& state)
 }
 BENCHMARK(handOver)->Name("ResponseDevice/handOver/65536");
 
+// As the dispatch does it; false when it is not of `size`.
+bool takeWhole(HttpResponseDevice& device, size_t size)
+{
+    std::vector<char> body;
+    {
+        qvMutexLocker locker(&impl::DispatchAccess::mutex(device));
+        device.getData(body);
+    }
+    benchmark::DoNotOptimize(body.data());
+    benchmark::ClobberMemory();
+    return body.size() == size;
+}
+
 // The answer of a small completed body; making the request is part of it, see
 // Request/makeAndDestroy.
 void smallBody(benchmark::State& state)
@@ -95,14 +108,7 @@ void smallBody(benchmark::State& state)
         device.writeBytes(data.data(), size);
         device.endSending();
         device.setResponseReady();
-        std::vector<char> body;
-        {
-            qvMutexLocker locker(&impl::DispatchAccess::mutex(device));
-            device.getData(body);
-        }
-        good = body.size() == size && good;
-        benchmark::DoNotOptimize(body.data());
-        benchmark::ClobberMemory();
+        good = takeWhole(device, size) && good;
     }
     if (!good)
         state.SkipWithError("bytes were lost");
@@ -122,14 +128,7 @@ void getData(benchmark::State& state)
     for (auto _ : state) {
         device.writeBytes(data.data(), size);
         device.flush();
-        std::vector<char> body;
-        {
-            qvMutexLocker locker(&impl::DispatchAccess::mutex(device));
-            device.getData(body);
-        }
-        good = body.size() == size && good;
-        benchmark::DoNotOptimize(body.data());
-        benchmark::ClobberMemory();
+        good = takeWhole(device, size) && good;
     }
     if (!good)
         state.SkipWithError("bytes were lost");

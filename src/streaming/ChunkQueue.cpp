@@ -23,7 +23,7 @@ using Chunk = std::vector<char>;
 class Spares
 {
 public:
-    // Null, so to speak, when there is none.
+    // One without any memory when none of this capacity is kept.
     Chunk take(size_t capacity)
     {
         qvMutexLocker locker(&mMutex);

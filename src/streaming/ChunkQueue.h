@@ -36,6 +36,8 @@ void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_
 void FreeChunk(std::vector<char>&& chunk);
 void FreeFirstChunk(std::list<std::vector<char>>& queue);
 void FreeChunks(std::list<std::vector<char>>& queue);
+
+// What is kept at this moment. Any thread.
 size_t GetSpareChunkCount();
 size_t GetSpareBytes();
 

@@ -131,6 +131,7 @@ bool HttpResponseDevice::setResponseReady()
 // The caller holds the mutex.
 void HttpResponseDevice::getData(std::vector<char>& out) QV_NO_THREAD_SAFETY_ANALYSIS
 {
+    // A body of one chunk changes hands as it is; a copy of it is made for the daemon anyway.
     if (mReadyQueue.size() == 1) {
         out = std::move(mReadyQueue.front());
         mReadyQueue.pop_front();

@@ -26,11 +26,10 @@ public:
     // The thread made progress: the next fruitless call starts a new grace.
     void reset();
 
-    // A fruitless call for `waiting`, whatever tells one connection from another. Returns at once
-    // during the grace, otherwise sleeps. Before it returns at once for the same one again, all
-    // that wait on this thread have been asked in vain: then the processor is offered to the
+    // A fruitless call at `nowMs` for `waiting`, which only tells one request from another. Returns
+    // at once during the grace, otherwise sleeps. When the first one of a wait comes round again,
+    // all that wait on this thread have been asked in vain: the processor is offered to the
     // application, which may need it to get ready.
-    // `nowMs` is the time of the call.
     void pause(const void* waiting, int64_t nowMs);
 
     int64_t waitSinceMs() const { return mWaitSinceMs; }

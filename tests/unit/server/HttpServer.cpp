@@ -2,6 +2,7 @@
 
 #include "request/ConnectionContext.h"
 #include "server/Dispatch.h"
+#include "streaming/ChunkQueue.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -19,6 +20,8 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <pthread.h>
 
@@ -614,6 +617,22 @@ TEST_F(HttpServer, StartsWhenTheRunBeforeHasLeftItsThread)
     EXPECT_TRUE(waiting->wait());
     EXPECT_EQ(lingering.getState(), http::HttpServer::Running);
     lingering.stopServer(true);
+}
+
+TEST_F(HttpServer, HasChunksOfBodiesKeptWhileItRuns)
+{
+    const auto freeOne = [] {
+        std::vector<char> chunk;
+        chunk.reserve(impl::kChunkCapacityBytes);
+        impl::FreeChunk(std::move(chunk));
+    };
+    freeOne();
+    EXPECT_EQ(impl::GetSpareChunkCount(), 0u);
+    startAndWait();
+    freeOne();
+    EXPECT_EQ(impl::GetSpareChunkCount(), 1u);
+    server->stopServer(true);
+    EXPECT_EQ(impl::GetSpareChunkCount(), 0u);
 }
 
 TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)

@@ -3,6 +3,7 @@
 #include "support/CapturedLog.h"
 #include "support/FaultySockets.h"
 #include "support/VirtualSlot.h"
+#include "websocket/SpareBlocks.h"
 #include "websocket/Support.h"
 
 #include <atomic>
@@ -855,6 +856,27 @@ TEST_F(WebSocketThreadTest, IsTheConnectionsThreadWhileItHandlesIt)
     EXPECT_NE(during, qvThread::CurrentThreadId());
     EXPECT_EQ(sentDuring, 1u);
     EXPECT_EQ(Access::currentThread(*peer.socket), "");
+}
+
+TEST_F(WebSocketThreadTest, KeepsBlocksForTheNextMessagesOfAWorker)
+{
+    Peer& peer = connect("a");
+    bool wasKept = false;
+    peer.socket->onMessage = [&](const std::string&) {
+        impl::SpareBlocks::Queue queue;
+        impl::SpareBlocks::Append(queue, 1024);
+        const uint8_t* const place = queue.front().data();
+        impl::SpareBlocks::FreeFirst(queue);
+        // Had the allocator got it back, this would get it.
+        const std::vector<uint8_t> another(1024);
+        impl::SpareBlocks::Append(queue, 1024);
+        wasKept = queue.front().data() == place && another.data() != place;
+    };
+    peer.send("hello");
+    give(peer);
+    start(1);
+    ASSERT_TRUE(journal.wait([&] { return journal.count("poll a") == 2; }));
+    EXPECT_TRUE(wasKept);
 }
 
 TEST_F(WebSocketThreadTest, SendsWhatAnotherThreadHasWritten)

@@ -78,7 +78,7 @@ public:
     /// Whether a level is on; false outside 0 to 5. Any thread, no lock.
     bool isLevelEnabled(int level) const
     {
-        return level >= 0 && level < static_cast<int>(mLevelEnabled.size()) &&
+        return level >= 0 && level < kLevelCount &&
                mLevelEnabled[static_cast<size_t>(level)].load(std::memory_order_relaxed);
     }
 

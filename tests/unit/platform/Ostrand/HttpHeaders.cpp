@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <iterator>
+#include <list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +18,7 @@ namespace
 using http::HttpHeaders;
 using ::testing::ElementsAre;
 using ::testing::Pair;
+using ::testing::Pointee;
 
 using Values = std::list<std::string>;
 
@@ -188,6 +191,25 @@ TEST(HttpHeaders, AppendsToTheValuesThatAreThere)
     EXPECT_THAT(values, ElementsAre("before", "a", "b"));
     EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader("", values));
     EXPECT_THAT(values, ElementsAre("before", "a", "b", ""));
+    EXPECT_TRUE(HttpHeaders::ParseMultiValueHeader("\t plain ", values));
+    EXPECT_THAT(values, ElementsAre("before", "a", "b", "", "plain"));
+}
+
+TEST(HttpHeaders, CopiesOrTakesOverWhatIsAdded)
+{
+    HttpHeaders headers;
+    const std::string name = "accept";
+    const Values values = {"a", "b"};
+    headers.addHeaderValues(name, values);
+    EXPECT_THAT(values, ElementsAre("a", "b"));
+    std::string taken = name;
+    Values more = {"c", "d"};
+    const char* const place = more.front().data();
+    headers.addHeaderValues(std::move(taken), std::move(more));
+    ASSERT_THAT(headers.find(name), Pointee(ElementsAre("a", "b", "c", "d")));
+    EXPECT_EQ(std::next(headers.find(name)->begin(), 2)->data(), place);
+    headers.addHeaderValues(name, values);
+    EXPECT_THAT(headers.find(name), Pointee(ElementsAre("a", "b", "c", "d", "a", "b")));
 }
 
 TEST(HttpHeaders, TakesValuesCutAfterEveryByte)
