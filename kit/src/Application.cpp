@@ -92,6 +92,7 @@ void Application::serveOnWorker(Request* request)
         onHandlerFailed(*request, error);
     }
     release(request);
+    mKeeper.reap();
 }
 
 // On the daemon's thread: the answer is complete before this returns.

@@ -17,6 +17,9 @@ namespace
 constexpr std::chrono::milliseconds kGatherTime(20);
 constexpr uint64_t kLeastBatch = 64;
 
+// More than one, so that what is left behind is caught up with.
+constexpr int kReapedAtOnce = 2;
+
 }  // namespace
 
 RequestKeeper::RequestKeeper() : mThread(&RequestKeeper::keep, this) {}
@@ -44,12 +47,11 @@ void RequestKeeper::finished(std::unique_ptr<HttpBaseRequest> request)
     bool wake = false;
     {
         const qvMutexLocker locker(&mMutex);
-        const bool wasDue = isSweepDue();
         // Without memory for an entry the request would be deleted while the daemon uses it.
         mRoom.front() = std::move(request);
         mFinished.splice(mFinished.end(), mRoom, mRoom.begin());
         ++mNews;
-        wake = isSweepDue() && (!wasDue || doesSweepPay());
+        wake = mustWakeKeeper();
     }
     if (wake)
         mChanged.wakeOne();
@@ -60,10 +62,9 @@ void RequestKeeper::completed()
     bool wake = false;
     {
         const qvMutexLocker locker(&mMutex);
-        const bool wasDue = isSweepDue();
         ++mCompletions;
         ++mNews;
-        wake = isSweepDue() && (!wasDue || doesSweepPay());
+        wake = mustWakeKeeper();
     }
     if (wake)
         mChanged.wakeOne();
@@ -74,6 +75,12 @@ void RequestKeeper::completed()
 bool RequestKeeper::isSweepDue() const
 {
     return mNews != 0 && !mFinished.empty() && mCompletions != mReaped;
+}
+
+// While it gathers, only for enough.
+bool RequestKeeper::mustWakeKeeper() const
+{
+    return isSweepDue() && (mIdle || doesSweepPay());
 }
 
 bool RequestKeeper::doesSweepPay() const
@@ -103,14 +110,15 @@ void RequestKeeper::keep()
 // Until a sweep could find something, and a little longer for more to come together.
 void RequestKeeper::waitForNews()
 {
+    mIdle = true;
     while (!mStopping && !isSweepDue())
         mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+    mIdle = false;
     const Deadline gathered(kGatherTime);
     while (!mStopping && !doesSweepPay() && gathered.leftMs() != 0)
         mChanged.wait(&mMutex, gathered.leftMs());
 }
 
-// Looks at the requests without the lock: each is asked under the lock of its response device.
 void RequestKeeper::sweep()
 {
     List looked;
@@ -119,7 +127,27 @@ void RequestKeeper::sweep()
         looked.swap(mFinished);
         mNews = 0;
     }
+    deleteCompleted(looked);
+}
 
+// The oldest first: they are the most likely to be over. Those that are not go to the end.
+void RequestKeeper::reap()
+{
+    List looked;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mCompletions == mReaped)
+            return;
+        for (int i = 0; i < kReapedAtOnce && !mFinished.empty(); ++i)
+            looked.splice(looked.end(), mFinished, mFinished.begin());
+    }
+    if (!looked.empty())
+        deleteCompleted(looked);
+}
+
+// Looks at the requests without the lock: each is asked under the lock of its response device.
+void RequestKeeper::deleteCompleted(List& looked)
+{
     List done;
     for (auto it = looked.begin(); it != looked.end();) {
         const auto next = std::next(it);
@@ -130,12 +158,21 @@ void RequestKeeper::sweep()
     const size_t count = done.size();
     done.clear();
 
-    const qvMutexLocker locker(&mMutex);
-    mFinished.splice(mFinished.begin(), looked);
-    mReaped += count;
-    mOpen -= count;
-    if (mOpen == 0)
-        mDeleted.wakeAll();
+    bool wake = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        mFinished.splice(mFinished.end(), looked);
+        mReaped += count;
+        mOpen -= count;
+        if (mOpen == 0)
+            mDeleted.wakeAll();
+        if (mCompletions == mReaped)
+            mNews = 0;
+        // One may have been completed while it was not in the list.
+        wake = mustWakeKeeper();
+    }
+    if (wake)
+        mChanged.wakeOne();
 }
 
 size_t RequestKeeper::getOpenCount() const

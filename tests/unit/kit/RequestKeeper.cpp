@@ -141,6 +141,130 @@ TEST_F(RequestKeeperTest, DeletesOnNeitherOfItsCallersThreads)
     }
 }
 
+// Keeps the keeper's own thread from its work, as long as it lives.
+class BusyKeeper
+{
+public:
+    BusyKeeper(std::unique_ptr<CountedRequest> request, RequestKeeper& keeper)
+    {
+        auto end = std::make_shared<std::future<void>>(mEnd.get_future());
+        auto begun = std::make_shared<std::promise<void>>();
+        request->onDeleted = [begun, end] {
+            begun->set_value();
+            end->wait_for(kLimit);
+        };
+        CountedRequest& same = *request;
+        keeper.finished(std::move(request));
+        complete(same, keeper);
+        EXPECT_EQ(begun->get_future().wait_for(kLimit), std::future_status::ready);
+    }
+    ~BusyKeeper() { mEnd.set_value(); }
+    BusyKeeper(const BusyKeeper&) = delete;
+    BusyKeeper& operator=(const BusyKeeper&) = delete;
+
+private:
+    std::promise<void> mEnd;
+};
+
+TEST_F(RequestKeeperTest, ReapsOnTheThreadThatAsksForIt)
+{
+    std::thread::id where;
+    RequestKeeper keeper;
+    keeper.reap();
+    {
+        const BusyKeeper busy(open(keeper), keeper);
+        auto request = open(keeper);
+        request->onDeleted = [&where] { where = std::this_thread::get_id(); };
+        CountedRequest& same = *request;
+        keeper.finished(std::move(request));
+        keeper.reap();
+        ASSERT_EQ(keeper.getOpenCount(), 2u);
+        complete(same, keeper);
+        keeper.reap();
+        EXPECT_EQ(keeper.getOpenCount(), 1u);
+        EXPECT_EQ(where, std::this_thread::get_id());
+    }
+    EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+}
+
+TEST_F(RequestKeeperTest, ReapsTwoAtATimeAndGetsPastThoseThatStay)
+{
+    constexpr size_t kStaying = 3;
+    constexpr size_t kOver = 4;
+    std::vector<CountedRequest*> staying;
+    std::vector<CountedRequest*> over;
+    RequestKeeper keeper;
+    {
+        const BusyKeeper busy(open(keeper), keeper);
+        for (size_t i = 0; i < kStaying + kOver; ++i) {
+            auto request = open(keeper);
+            (i < kStaying ? staying : over).push_back(request.get());
+            keeper.finished(std::move(request));
+        }
+        for (CountedRequest* request : over)
+            complete(*request, keeper);
+        // Two that stay; one of each; two; the last, with one that was looked at before.
+        for (const size_t left : {7u, 6u, 4u, 3u}) {
+            keeper.reap();
+            EXPECT_EQ(keeper.getOpenCount(), 1 + left);
+        }
+    }
+    for (CountedRequest* request : staying)
+        complete(*request, keeper);
+    EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+}
+
+// It is in nobody's list at that moment, and nothing happens afterwards.
+TEST_F(RequestKeeperTest, FindsWhatIsCompletedWhileItIsReaped)
+{
+    RequestKeeper keeper;
+    auto first = open(keeper);
+    auto second = open(keeper);
+    auto third = open(keeper);
+    CountedRequest& looked = *first;
+    CountedRequest& held = *second;
+    keeper.finished(std::move(first));
+    keeper.finished(std::move(second));
+    complete(*third, keeper);             // so that there is something to be reaped
+    std::this_thread::sleep_for(kWhile);  // the keeper's own thread has looked at both
+    std::thread worker;
+    {
+        qvMutexLocker lock(&DispatchAccess::mutex(held.getResponseDevice()));
+        worker = std::thread([&keeper] { keeper.reap(); });
+        std::this_thread::sleep_for(kWhile);  // it has looked at the first, and waits for this one
+        complete(looked, keeper);
+    }
+    worker.join();
+    const auto end = std::chrono::steady_clock::now() + kLimit;
+    while (keeper.getOpenCount() == 3 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(keeper.getOpenCount(), 2u);
+    complete(held, keeper);
+    keeper.finished(std::move(third));
+    EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+}
+
+TEST_F(RequestKeeperTest, ReapsOnSeveralThreads)
+{
+    constexpr int kRequests = 2000;
+    RequestKeeper keeper;
+    std::vector<std::thread> workers;
+    for (int i = 0; i < 4; ++i) {
+        workers.emplace_back([&keeper] {
+            for (int n = 0; n < kRequests; ++n) {
+                auto request = open(keeper);
+                CountedRequest& same = *request;
+                keeper.finished(std::move(request));
+                complete(same, keeper);
+                keeper.reap();
+            }
+        });
+    }
+    for (std::thread& worker : workers)
+        worker.join();
+    EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+}
+
 TEST_F(RequestKeeperTest, DeletesNothingWhileItsCompletionGoesOn)
 {
     RequestKeeper keeper;
