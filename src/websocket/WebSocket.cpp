@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 #include <utility>
 
 namespace qv::http
@@ -32,12 +33,18 @@ constexpr size_t kShortestFrameBytes = 6;
 constexpr char kAnswerWord[] = {'r', 'e', 's', 'p', 'o', 'n', 's', 'e'};
 constexpr size_t kAnswerWords = 32751;
 
-// Room for the payload of a frame, as much as insert would make. Lengths that no vector can hold
-// are left to insert, which refuses them.
+constexpr size_t kMaskBytes = 4;
+
+bool canHold(const std::vector<uint8_t>& message, size_t payload)
+{
+    return payload <= message.max_size() - message.size();
+}
+
+// Room for the payload of a frame, as much as insert would make, if a vector can hold it.
 void makeRoom(std::vector<uint8_t>& message, size_t payload)
 {
     const size_t size = message.size();
-    if (payload > message.capacity() - size && payload <= message.max_size() - size)
+    if (canHold(message, payload) && payload > message.capacity() - size)
         message.reserve(size + std::max(size, payload));
 }
 
@@ -112,6 +119,9 @@ void WebSocket::clearCurrentThread()
 
 bool WebSocket::sendDataIfAvailable()
 {
+    // What another thread queues from here on makes the poll thread look.
+    if (!writePending)
+        return true;
     qvMutexLocker locker(&lock);
     while (!writeQueue.empty()) {
         const int wanted = static_cast<int>(firstWriteEnd() - writeOffset);
@@ -161,7 +171,7 @@ int WebSocket::tryToReadFrame()
     // Required: a first fragment without payload leaves the message empty, so that its
     // continuation is refused.
     const bool expectFirstFrame = message.empty();
-    uint8_t maskKey[4] = {};
+    uint8_t maskKey[kMaskBytes] = {};
     size_t payloadLength = 0;
     size_t headerSize = 0;
     bool error = false;
@@ -178,10 +188,19 @@ int WebSocket::tryToReadFrame()
     skipBytes(headerSize);
     if (expectFirstFrame)
         messageIsBinary = isBinary;
+    if (!canHold(message, payloadLength))
+        throw std::length_error("a WebSocket frame announces more than memory can hold");
     const size_t offset = message.size();
-    // Not resize(offset + payloadLength): the sum may wrap around, insert refuses.
-    message.insert(message.end(), payloadLength, 0);
-    readRawData(message, maskKey, offset);
+    // Block by block, so that each is in the processor's cache only once.
+    for (size_t done = 0; done < payloadLength;) {
+        const size_t part = std::min(firstReadEnd() - readOffset, payloadLength - done);
+        uint8_t turnedKey[kMaskBytes];
+        for (size_t i = 0; i < kMaskBytes; ++i)
+            turnedKey[i] = maskKey[(done + i) % kMaskBytes];
+        message.resize(offset + done + part);
+        readRawData(message, turnedKey, offset + done);
+        done += part;
+    }
     if (!fin)
         return FrameConsumed;
     const DeliveredMessage delivered(message, messageIsBinary);
