@@ -48,6 +48,11 @@ function(wendrel_library_defaults target)
         CXX_EXTENSIONS OFF
         INSTALL_RPATH "$ORIGIN")  # the libraries find each other wherever they are put
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:wendrel_build>)
+    # A library calls its own functions directly, and others without a stub between: nobody
+    # replaces single functions of it.
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition -fno-plt)
+    target_link_options(${target} PRIVATE
+        $<$<STREQUAL:$<TARGET_PROPERTY:${target},TYPE>,SHARED_LIBRARY>:LINKER:-Bsymbolic-functions>)
     # A missing library shows here and not in the application. A sanitizer's own functions are
     # found only there.
     if(NOT WENDREL_SANITIZE)
