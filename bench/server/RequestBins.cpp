@@ -9,7 +9,7 @@ namespace bench
 namespace
 {
 
-constexpr size_t kLeastBatch = 64;
+constexpr size_t kLeastBatch = 8;
 
 }  // namespace
 
