@@ -4,7 +4,8 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--bench] [--dry-run] [--help]
+Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--bench] [--docs] [--packages]
+                               [--dry-run] [--help]
 
 Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
 alone: when none is missing, neither root nor the network is needed.
@@ -14,6 +15,8 @@ alone: when none is missing, neither root nor the network is needed.
   --fuzz     also what scripts/fuzz.sh needs
   --soak     also what scripts/soak.sh needs
   --bench    also what bench/run.sh needs
+  --docs     also what the documentation is built with
+  --packages also what scripts/package.sh and scripts/release.sh need
   --dry-run  only print the packages that are missing, one a line
   --help     this text
 TEXT
@@ -33,6 +36,10 @@ demo_packages=(curl)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     nginx-light haproxy chromium gcovr ca-certificates slowhttptest valgrind)
+# What looks at the sources, and at what was built, without running it.
+analysis_packages=(clang clang-tidy cppcheck shellcheck codespell abigail-tools)
+docs_packages=(doxygen graphviz)
+packages_packages=(dpkg-dev fakeroot lintian xz-utils)
 fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)
 soak_packages=(python3 gnuplot-nox)
 bench_packages=(
@@ -46,11 +53,14 @@ for argument in "$@"; do
     case "$argument" in
         --demo) wanted+=("${demo_packages[@]}") ;;
         --tests)
-            wanted+=("${test_packages[@]}")
+            wanted+=("${test_packages[@]}" "${analysis_packages[@]}" "${docs_packages[@]}"
+                "${packages_packages[@]}")
             with_tests=true
             ;;
         --fuzz) wanted+=("${fuzz_packages[@]}") ;;
         --bench) wanted+=("${bench_packages[@]}") ;;
+        --docs) wanted+=("${docs_packages[@]}") ;;
+        --packages) wanted+=("${docs_packages[@]}" "${packages_packages[@]}") ;;
         --soak) wanted+=("${soak_packages[@]}") ;;
         --dry-run) dry_run=true ;;
         --help)
