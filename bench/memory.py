@@ -1,7 +1,9 @@
 """How much memory long transfers take: a slow reader of a stream, a worker that reads an upload."""
 
 import dataclasses
+import pathlib
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -11,6 +13,7 @@ STREAM_BYTES = 4 << 30
 READER_BYTES_A_SECOND = 10_000_000
 UPLOAD_BYTES = 1 << 30
 SETTLED_SECONDS = 5
+UPLOAD_BYTES_A_SECOND = 200_000_000
 SETTLED_SHARE = 0.1  # of an upload
 LOOK_SECONDS = 0.05
 LIMIT_SECONDS = 900
@@ -22,7 +25,7 @@ class Used:
     before_bytes: int  # once the transfer has got going
     most_bytes: int
     seconds: float
-    most_growth_bytes: int  # the target
+    most_growth_bytes: int | None  # the target, if there is one
 
     @property
     def growth_bytes(self):
@@ -62,17 +65,30 @@ def slow_reader(build):
                      lambda seconds: seconds > SETTLED_SECONDS, 2 << 20)
 
 
-def upload(build):
-    """With curl's own limit the upload takes long enough to be looked at."""
+def settled_upload(seconds):
+    return seconds > UPLOAD_BYTES * SETTLED_SHARE / UPLOAD_BYTES_A_SECOND
+
+
+def even_upload(build):
+    with drive.Server(build, "server", ["--mode", "worker"], None) as server:
+        client = subprocess.Popen(
+            [sys.executable, "-B", pathlib.Path(__file__).with_name("even_upload.py"),
+             str(server.port), str(UPLOAD_BYTES), str(UPLOAD_BYTES_A_SECOND)])
+        return watch(server, client, "upload of 1 GiB to a worker that reads as it comes",
+                     settled_upload, 4 << 20)
+
+
+def upload_in_bursts(build):
+    """As curl sends with a limit: at full speed for a moment, then nothing."""
     with tempfile.NamedTemporaryFile() as file:
         file.truncate(UPLOAD_BYTES)
         with drive.Server(build, "server", ["--mode", "worker"], None) as server:
-            client = curl("--request", "POST", "--header", "Expect:", "--limit-rate", "200M",
-                          "--upload-file", file.name, f"http://127.0.0.1:{server.port}/upload")
-            return watch(server, client, "upload of 1 GiB to a worker that reads as it comes",
-                         lambda seconds: seconds > UPLOAD_BYTES * SETTLED_SHARE / 200e6, 4 << 20)
+            client = curl("--request", "POST", "--header", "Expect:", "--limit-rate",
+                          str(UPLOAD_BYTES_A_SECOND), "--upload-file", file.name,
+                          f"http://127.0.0.1:{server.port}/upload")
+            return watch(server, client, "the same in bursts of the client", settled_upload, None)
 
 
 def measure(build):
-    print("  memory: 1 GiB up, then 4 GiB down at 10 MB/s (7 minutes)", flush=True)
-    return [upload(build), slow_reader(build)]
+    print("  memory: 1 GiB up, twice, then 4 GiB down at 10 MB/s (7 minutes)", flush=True)
+    return [even_upload(build), upload_in_bursts(build), slow_reader(build)]

@@ -77,6 +77,8 @@ class Result:
                            row.most_p99)
         yield from self.targets_of_pieces()
         for used in self.used:
+            if used.most_growth_bytes is None:
+                continue
             growth, limit = used.growth_bytes / MEBIBYTE, used.most_growth_bytes / MEBIBYTE
             yield Target(f"{used.name}: resident memory grows by, MiB", f"< {limit:.0f}",
                          f"{growth:.2f}", growth < limit)

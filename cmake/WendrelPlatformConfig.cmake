@@ -1,4 +1,0 @@
-include(CMakeFindDependencyMacro)
-find_dependency(Threads)
-
-include(${CMAKE_CURRENT_LIST_DIR}/WendrelPlatformTargets.cmake)
