@@ -1,38 +1,45 @@
-# What `cmake --install` puts where: libraries, headers, the CMake package, a pkg-config file,
-# the documentation.
+# What `cmake --install` puts where. Components: `runtime` is what a program needs to run,
+# `development` what it needs to be built, `documentation` and `examples` are for people.
 
 get_property(wendrel_platform_targets GLOBAL PROPERTY WENDREL_PLATFORM_TARGETS)
 set(wendrel_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Wendrel)
+set(wendrel_platform_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/WendrelPlatform)
+if(BUILD_SHARED_LIBS)
+    set(wendrel_static FALSE)
+else()
+    set(wendrel_static TRUE)
+endif()
+
+# wendrel_install_library(export targets...)
+function(wendrel_install_library export)
+    install(TARGETS ${ARGN} EXPORT ${export}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+endfunction()
 
 # The platform libraries are a package of their own: another build of this library can stand on
 # them (WENDREL_BUNDLED_PLATFORM=OFF), or this library on another build of theirs.
 if(WENDREL_BUNDLED_PLATFORM)
-    install(TARGETS ${wendrel_platform_targets}
-        EXPORT WendrelPlatformTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+    wendrel_install_library(WendrelPlatformTargets ${wendrel_platform_targets})
     foreach(name ${wendrel_platform_targets})
         install(DIRECTORY platform/${name}/include/${name}
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
     endforeach()
-    set(wendrel_platform_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/WendrelPlatform)
     install(EXPORT WendrelPlatformTargets NAMESPACE Wendrel::
         DESTINATION ${wendrel_platform_package_dir} COMPONENT development)
-    install(FILES cmake/WendrelPlatformConfig.cmake
+    configure_package_config_file(cmake/WendrelPlatformConfig.cmake.in
+        ${PROJECT_BINARY_DIR}/WendrelPlatformConfig.cmake
+        INSTALL_DESTINATION ${wendrel_platform_package_dir})
+    install(FILES ${PROJECT_BINARY_DIR}/WendrelPlatformConfig.cmake
         DESTINATION ${wendrel_platform_package_dir} COMPONENT development)
 endif()
 
-install(TARGETS Wendrel
-    EXPORT WendrelTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+wendrel_install_library(WendrelTargets Wendrel)
 install(DIRECTORY include/Wendrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT WendrelTargets NAMESPACE Wendrel::
     DESTINATION ${wendrel_package_dir} COMPONENT development)
 
-install(TARGETS WendrelKit EXPORT WendrelKitTargets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+wendrel_install_library(WendrelKitTargets WendrelKit)
 install(DIRECTORY kit/include/Wendrel DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT WendrelKitTargets NAMESPACE Wendrel::
     DESTINATION ${wendrel_package_dir} COMPONENT development)
@@ -45,11 +52,25 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/WendrelConfig.cmake ${PROJECT_BINARY_DIR}/WendrelConfigVersion.cmake
     DESTINATION ${wendrel_package_dir} COMPONENT development)
 
-# Relative to the file itself, so that a moved prefix works.
+# For pkg-config. Paths are relative to the file itself, so that a moved prefix works. Static
+# libraries have to name what they need; with shared ones nothing else must be installed. The others'
+# own files are not asked: with --static they name libraries of which Debian's -dev packages do not
+# have all.
 file(RELATIVE_PATH wendrel_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/wendrel.pc.in ${PROJECT_BINARY_DIR}/wendrel.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/wendrel.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+set(wendrel_pc_needs "")
+if(wendrel_static)
+    string(CONCAT wendrel_pc_needs "Libs.private: -lqvOpenSSL -lQuenby -lOstrand -lqvSystem "
+        "-lboost_url -lmicrohttpd -lcrypto -lspdlog -lfmt -pthread\n")
+endif()
+foreach(name wendrel wendrel-kit)
+    configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${name}.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
 
-install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(DIRECTORY docs deploy DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    PATTERN *.in EXCLUDE)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples
+    PATTERN node_modules EXCLUDE)

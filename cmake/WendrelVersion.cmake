@@ -1,4 +1,5 @@
-# The version stamps of the build: taken from git unless given; a tree without git builds too.
+# The version stamps of the build: taken from git unless given. A source archive has them in
+# cmake/stamps.cmake, which scripts/release.sh writes; a tree with neither builds too.
 
 function(wendrel_git out default)
     execute_process(
@@ -15,8 +16,12 @@ set(WENDREL_COMMIT_ID "" CACHE STRING "Commit, 16 hexadecimal digits; empty: ask
 set(WENDREL_BUILD_YEAR "" CACHE STRING "Year; empty: that of the commit")
 set(WENDREL_BUILD_MONTH "" CACHE STRING "Month, 1 to 12; empty: that of the commit")
 
+include(${PROJECT_SOURCE_DIR}/cmake/stamps.cmake OPTIONAL)
+
 function(wendrel_stamp out given default)
-    if(given STREQUAL "")
+    if(given STREQUAL "" AND DEFINED ${out}_of_archive)
+        set(given ${${out}_of_archive})
+    elseif(given STREQUAL "")
         wendrel_git(given "${default}" ${ARGN})
     endif()
     set(${out} ${given} PARENT_SCOPE)
