@@ -37,7 +37,10 @@ struct DispatchAccess;
 class WENDREL_EXPORT HttpReceiveDevice : public qvIoDevice
 {
 public:
+    /// Made by the request that it belongs to, which it keeps a reference to.
     explicit HttpReceiveDevice(HttpBaseRequest& request);
+
+    /// Drops what has not been read. Thread: the one that deletes the request.
     ~HttpReceiveDevice() override;
 
     /// Fills `buf` with `len` bytes of the body, waiting for them as long as it must.
@@ -93,7 +96,10 @@ private:
 class WENDREL_EXPORT HttpResponseDevice : public qvIoDevice
 {
 public:
+    /// Made by the request that it belongs to, which it keeps a reference to.
     explicit HttpResponseDevice(HttpBaseRequest& request);
+
+    /// Drops what has not been sent. Thread: the one that deletes the request.
     ~HttpResponseDevice() override;
 
     /// The device is write-only: sets the error "read not implemented" and returns 0.
@@ -188,6 +194,8 @@ public:
     using CookieMap = std::map<std::string, std::string>;
 
     HttpResponseInterface() = default;
+
+    /// Thread: the one that deletes the request.
     virtual ~HttpResponseInterface();
 
     /// Each is sent as a Set-cookie header of its own, in the order of the names.

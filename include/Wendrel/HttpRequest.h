@@ -35,6 +35,7 @@ struct DispatchAccess;
 class WENDREL_EXPORT HttpWaitListener
 {
 public:
+    /// It must live as long as its request.
     virtual ~HttpWaitListener();
 
     /// Thread: the request's worker; from the second call of a read on with the receive
@@ -54,7 +55,7 @@ class WENDREL_EXPORT HttpBaseRequest
 public:
     /// One bit per method, so that a set of methods is one integer.
     enum RequestType : uint16_t {
-        UNKNOWN_HTTP_METHOD = 1,
+        UNKNOWN_HTTP_METHOD = 1,  ///< none of those below
         OPTIONS = 2,
         GET = 4,
         POST = 8,
@@ -66,9 +67,13 @@ public:
         PATCH = 512
     };
 
+    /// Name to values, in order of arrival.
     using ValueMap = std::map<std::string, std::list<std::string>>;
 
+    /// Makes both devices. Thread: the daemon's, in `createRequest`.
     HttpBaseRequest();
+
+    /// Only when its worker has finished with it and it is completed. Thread: any but the daemon's.
     virtual ~HttpBaseRequest();
     HttpBaseRequest(const HttpBaseRequest&) = delete;
     HttpBaseRequest& operator=(const HttpBaseRequest&) = delete;
@@ -85,7 +90,10 @@ public:
     /// Method name to value; filled while the library is initialised. Read it only then.
     static std::map<std::string, RequestType> sRequestTypes;
 
+    /// Fills `sRequestTypes`; called by `initializeWendrel`.
     static void InitRequestTypes();
+
+    /// Empties it; called by `terminateWendrel`.
     static void ClearRequestTypes();
 
     /// "GET" and so on; "UNKNOWN_HTTP_METHOD" for anything but exactly one method.
@@ -97,10 +105,19 @@ public:
     // Intake, called by the library before the application sees the request. Bad input is
     // recorded with `setParseError` and dropped.
 
+    /// The method's name as it came. None of those known: a parse error.
     void setHttpMethod(const std::string& method);
+
+    /// The target as it came, of at most 4096 bytes; parses it.
     void setOriginalFullUrl(std::string&& target);
+
+    /// A header; name and value together at most 8096 bytes. The value is split at its commas.
     void addHeader(const char* name, const char* value);
+
+    /// A cookie; name and value together at most 8096 bytes. A null value is an empty one.
     void addCookie(const char* name, const char* value);
+
+    /// A query argument, decoded. A null value is an empty one.
     void addQueryParameter(const char* name, const char* value);
 
     /// Marks the request as bad. The first text that is not empty is kept.
@@ -108,29 +125,40 @@ public:
 
     // What came in.
 
+    /// The method; `UNKNOWN_HTTP_METHOD` when it is none of those known.
     RequestType getRequestType() const { return mRequestType; }
 
-    /// The parsed target. Host and port mean nothing: mostly those of a fixed base, but a target that
-    /// does not begin with "/" can change them.
+    /// The parsed target. Host and port mean nothing: mostly those of a fixed base, but a target
+    /// that does not begin with "/" can change them.
     const http::HttpUrl& getUrl() const { return mUrl; }
 
     /// The target as received; "Invalid URI" when it could not be parsed.
     const std::string& getOriginalFullUrl() const { return mOriginalFullUrl; }
 
+    /// Address and port of the other end of the connection: behind a proxy, the proxy's.
     const IpAddress& getClientAddress() const { return mClientAddress; }
 
     /// Names in lower case.
     const http::HttpHeaders& getHeaders() const { return mHeaders; }
+
+    /// Names as they came. Those of the first `Cookie` header only.
     const ValueMap& getCookies() const { return mCookies; }
+
+    /// Names as they came, decoded.
     const ValueMap& getQueryParameters() const { return mQueryParameters; }
 
     /// The values of one header (name in lower case), cookie or query parameter, in order of
     /// arrival; null when there is none. A null name throws std::logic_error.
     const std::list<std::string>* getHeader(const char* name) const;
+    /// As `getHeader`.
     const std::list<std::string>* getCookie(const char* name) const;
+    /// As `getHeader`.
     const std::list<std::string>* getQueryParameter(const char* name) const;
 
+    /// True for a bad request: answer 400 and trust nothing else of it.
     bool hasParseError() const { return mHasParseError; }
+
+    /// What is wrong with it, in words; empty when nothing is.
     const std::string& getParseError() const { return mParseError; }
 
     /// Bytes of the accepted headers and cookies, as the library counts them.
@@ -138,7 +166,10 @@ public:
 
     // Serving.
 
+    /// Where the body is read. Any thread; the device belongs to the request.
     HttpReceiveDevice& getReceiveDevice() const { return *mReceiveDevice; }
+
+    /// Where the answer's body is written. Any thread; the device belongs to the request.
     HttpResponseDevice& getResponseDevice() const { return *mResponseDevice; }
 
     /// The thread with this identifier (`qvThread::CurrentThreadId()`) serves the request from

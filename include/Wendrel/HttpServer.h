@@ -36,6 +36,8 @@ class WENDREL_EXPORT HttpServerImpl
 {
 public:
     HttpServerImpl();
+
+    /// Called by the destructor of the server, when the daemon has stopped.
     virtual ~HttpServerImpl();
     HttpServerImpl(const HttpServerImpl&) = delete;
     HttpServerImpl& operator=(const HttpServerImpl&) = delete;
@@ -71,9 +73,16 @@ public:
     /// Address of one of the library's daemon callbacks, without its type.
     using Callback = void (*)();
 
+    /// What the daemon calls for a request's head, body and answer.
     static Callback GetHttpCallback();
+
+    /// What it calls when it is done with a request.
     static Callback GetRequestCompletedCallback();
+
+    /// What it calls when it has a request's target.
     static Callback GetUriLogCallback();
+
+    /// What it calls with a line for the log.
     static Callback GetLogFunction();
 
 protected:
@@ -109,13 +118,14 @@ public:
         uint32_t connectionTimeoutMs = 360000;
         /// Whether connections can be upgraded to WebSockets.
         bool allowWebSocket = false;
-        bool reserved1 = false;
-        bool reserved2 = true;
-        bool reserved3 = false;
+        bool reserved1 = false;  ///< not used
+        bool reserved2 = true;   ///< not used
+        bool reserved3 = false;  ///< not used
         /// false: listen on 127.0.0.1 only; true: on every IPv4 address of the machine.
         bool listenOnAllInterfaces = false;
     };
 
+    /// What a server does. From `Failed` there is no way back.
     enum State : int32_t { Stopped = 0, Starting = 1, Running = 2, Failed = 3 };
 
     /// Takes ownership of `impl`. Starts nothing.
@@ -133,7 +143,7 @@ public:
     /// callbacks in progress. Requests still open then end with "DaemonShutdown".
     void stopServer(bool wait);
 
-    /// Any thread, no lock.
+    /// Whether the daemon runs. Any thread, no lock.
     State getState() const;
 
     /// True from `stopServer` to the next `startServer`. Any thread, no lock.
@@ -143,6 +153,7 @@ public:
     HttpServerImpl& getImpl() const { return *mImpl; }
 
 protected:
+    /// The server thread.
     void run() override;
 
 private:

@@ -176,6 +176,7 @@ public:
     ~WebSocketWorkerThread() override;
 
 protected:
+    /// Serves one connection after another.
     void run() override;
 
 private:
@@ -225,6 +226,7 @@ public:
     void stopThreads(bool wait) QV_EXCLUDES(lock);
 
 protected:
+    /// The poll thread.
     void run() override;
 
 private:

@@ -30,8 +30,13 @@ namespace Wendrel
 class WENDREL_EXPORT Version
 {
 public:
+    /// The first number of "3.0.0".
     static unsigned int GetMajor();
+
+    /// The second one.
     static unsigned int GetMinor();
+
+    /// The third one.
     static unsigned int GetRelease();
 
     /// Number of the build's revision.
@@ -59,8 +64,11 @@ public:
     /// "3.0.0.2417 #5e0c7a19b2d4f683 2026-2".
     static const char* GetDescStringMajorMinorReleaseRevisionDate();
 
+    /// False: no such builds are released.
     static bool IsBeta();
+    /// False, as `IsBeta`.
     static bool IsDebug();
+    /// False, as `IsBeta`.
     static bool IsDev();
 };
 

@@ -24,6 +24,7 @@ namespace qv::kit
 class Application : public http::HttpServerImpl
 {
 public:
+    /// How much is served at once; a plain value.
     struct Options
     {
         /// Threads that serve requests. A request occupies one from its first byte to the
@@ -33,8 +34,13 @@ public:
         size_t queueLimit = 1024;
     };
 
+    /// With the default options.
     Application();
+
+    /// Starts the workers; throws std::system_error when there are not so many threads to be had.
     explicit Application(const Options& options);
+
+    /// Joins the workers. The server does it, which owns the application.
     ~Application() override;
 
     /// Add routes before the server is started.
@@ -66,6 +72,8 @@ protected:
     /// begun, unless overridden. Thread: a worker.
     virtual void onHandlerFailed(Request& request, const std::exception& error);
 
+    /// Does nothing. An override closes what must end before the daemon: a WebSocketHub. Thread:
+    /// the server's, with the server's lock held.
     void onServerStopped() override;
 
     /// Never called unless connections can be upgraded (`Parameters::allowWebSocket`), and to

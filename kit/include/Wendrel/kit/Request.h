@@ -29,7 +29,10 @@ enum class BodyResult {
 class Request : public HttpBaseRequest, private HttpWaitListener
 {
 public:
+    /// Thread: the daemon's.
     Request();
+
+    /// Thread: a worker, the keeper's, or the one that destroys the application.
     ~Request() override;
 
     // What was asked.
@@ -41,6 +44,7 @@ public:
     /// For the router.
     void setPathParameters(std::map<std::string, std::string> parameters);
 
+    /// Whether only the head of the answer will be sent.
     bool isHead() const { return getRequestType() == HEAD; }
 
     /// The first value of a header (name in lower case); empty when there is none.
@@ -107,7 +111,10 @@ public:
     /// True when the client cannot be answered any more. Any thread.
     bool isAborted() const { return getResponseDevice().hasDeviceError() || isCompleted(); }
 
+    /// The head, for the library.
     HttpResponseInterface& getResponse() override { return mHead; }
+
+    /// The request itself.
     HttpWaitListener& getWaitListener() override { return *this; }
 
 protected:

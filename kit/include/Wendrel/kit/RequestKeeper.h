@@ -35,7 +35,10 @@ namespace qv::kit
 class RequestKeeper
 {
 public:
+    /// Starts its thread.
     RequestKeeper();
+
+    /// Deletes what is left and joins its thread. When the daemon has stopped.
     ~RequestKeeper();
     RequestKeeper(const RequestKeeper&) = delete;
     RequestKeeper& operator=(const RequestKeeper&) = delete;

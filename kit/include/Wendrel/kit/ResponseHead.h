@@ -16,6 +16,7 @@ namespace qv::kit
 class ResponseHead : public HttpResponseInterface
 {
 public:
+    /// As above.
     ResponseHead();
 
     /// 100 to 999.
@@ -29,6 +30,7 @@ public:
     /// Value of a header; empty when there is none.
     std::string getHeader(const std::string& name) const;
 
+    /// Sets the header `Content-Type`.
     void setContentType(const std::string& type) { setHeader("Content-Type", type); }
 
     /// Sets a cookie, in place of one of the same name. `value` may carry attributes:
@@ -38,9 +40,16 @@ public:
     /// Bytes of the body; negative: not known.
     void setContentLength(int64_t bytes) { mContentLength = bytes; }
 
+    /// What has been added.
     const CookieMap& getCookies() override { return mCookies; }
+
+    /// What has been set, by names in lower case.
     const HeaderMap& getHeaders() override { return mHeaders; }
+
+    /// 200 unless set.
     uint32_t getStatusCode() override { return mStatus; }
+
+    /// -1 unless set.
     int64_t getContentLength() override { return mContentLength; }
 
     /// "200 text/plain; charset=utf-8, 13 bytes".

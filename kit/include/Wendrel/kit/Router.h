@@ -16,6 +16,7 @@ class Request;
 class Router
 {
 public:
+    /// Answers a request. Thread: a worker; what is thrown is logged and answered 500.
     using Handler = std::function<void(Request&)>;
 
     /// Adds a route for a set of methods (`HttpBaseRequest::GET | HttpBaseRequest::PUT`).

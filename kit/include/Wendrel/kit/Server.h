@@ -17,6 +17,7 @@ namespace qv::kit
 class Server
 {
 public:
+    /// Initialises the library and takes the application over.
     explicit Server(std::unique_ptr<Application> application);
 
     /// Stops without waiting for running requests, unless stopped before.
@@ -36,7 +37,10 @@ public:
     /// stop within two seconds; one that does something else is waited for.
     bool stop(std::chrono::milliseconds limit);
 
+    /// The application, which is the server's.
     Application& getApplication() { return *mApplication; }
+
+    /// The library's server, for its state.
     http::HttpServer& getHttpServer() { return *mServer; }
 
 private:
@@ -51,6 +55,7 @@ private:
 class StopSignal
 {
 public:
+    /// In main, before any thread is started.
     StopSignal();
 
     /// Waits for SIGINT or SIGTERM and returns its number.

@@ -29,10 +29,13 @@ class WebSocketHub;
 class HubConnection : public http::WebSocket
 {
 public:
+    /// Thread: one of the library, with locks of the library held.
     ~HubConnection() override;
 
-    /// Queue one message. Any thread, until `onClosed` has returned.
+    /// Queues one message of text, which must be UTF-8. Any thread, until `onClosed` has returned.
     void sendText(std::string_view text);
+
+    /// The same of bytes.
     void sendBinary(std::string_view bytes);
 
     /// Ends the connection at once with a reset; what is queued is lost. `onClosed` follows.
@@ -40,6 +43,7 @@ public:
     void abort();
 
 protected:
+    /// Takes the connection over, and a second descriptor of its socket.
     explicit HubConnection(http::WebSocket&& upgraded);
 
     /// The connection has ended: forget it. Called once, after the last `onMessageReceived` has
@@ -76,6 +80,7 @@ private:
 class WebSocketHub
 {
 public:
+    /// How much is handled at once, and how patiently; a plain value.
     struct Options
     {
         /// Threads that receive, call `onMessageReceived` and send. Started with the first
@@ -86,7 +91,10 @@ public:
         std::chrono::milliseconds unsentLimit = std::chrono::seconds(60);
     };
 
+    /// With the default options.
     WebSocketHub();
+
+    /// Starts nothing yet. 0 workers are taken for 1, a negative limit for 0.
     explicit WebSocketHub(const Options& options);
 
     /// Closes, unless closed before; then the daemon must still be running.

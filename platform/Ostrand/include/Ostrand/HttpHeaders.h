@@ -18,7 +18,9 @@ namespace http
 class QV_EXPORT HttpHeaders
 {
 public:
+    /// Name to values.
     using Map = std::map<std::string, std::list<std::string>>;
+    /// Over names and their values.
     using const_iterator = Map::const_iterator;
 
     /// Splits the value of a list header at its commas and appends the parts to `values`.
@@ -41,8 +43,10 @@ public:
 
     /// Iteration in the order of names; each entry is a name and its values.
     const_iterator begin() const { return mValues.begin(); }
+    /// See `begin`.
     const_iterator end() const { return mValues.end(); }
 
+    /// True when there is no header.
     bool empty() const { return mValues.empty(); }
 
     /// Number of different names.

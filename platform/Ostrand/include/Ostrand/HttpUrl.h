@@ -12,6 +12,7 @@ namespace http
 class QV_EXPORT HttpUrl : public Url
 {
 public:
+    /// No URL: `isValid()` is false.
     HttpUrl() = default;
 
     /// True after a successful parse of a URL with scheme http or https and a host.

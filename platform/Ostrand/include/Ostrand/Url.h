@@ -15,6 +15,7 @@ namespace qv
 class QV_EXPORT Url
 {
 public:
+    /// No URL: `isValid()` is false.
     Url() = default;
 
     /// Parses `text` into this object.

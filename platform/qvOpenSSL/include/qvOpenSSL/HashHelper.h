@@ -17,6 +17,7 @@ public:
     /// Size of the largest digest in bytes (SHA-512).
     static constexpr unsigned long kMaxDigestBytes = 64;
 
+    /// For digests of this type.
     explicit HashHelper(HashType type);
 
     /// Digests `size` bytes of `data` and writes the digest to `out`, which has room for

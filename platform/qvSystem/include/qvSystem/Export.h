@@ -2,6 +2,7 @@
 #ifndef QVSYSTEM_EXPORT_H
 #define QVSYSTEM_EXPORT_H
 
+/// Marks a class or function as part of a platform library's interface.
 #define QV_EXPORT __attribute__((visibility("default")))
 
 #endif

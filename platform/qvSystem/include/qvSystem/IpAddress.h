@@ -16,6 +16,7 @@ namespace qv
 class QV_EXPORT IpAddress
 {
 public:
+    /// What kind of address it is.
     enum class Family : uint8_t { None, V4, V6 };
 
     /// No address: `isValid()` is false, the port 0, the text empty.
@@ -29,7 +30,10 @@ public:
     /// Anything else gives no address.
     static IpAddress fromText(const std::string& text, uint16_t port);
 
+    /// True when there is an address.
     bool isValid() const { return mFamily != Family::None; }
+
+    /// `None` when there is no address.
     Family getFamily() const { return mFamily; }
 
     /// Port in host order; 0 when there is none.
@@ -41,10 +45,12 @@ public:
     /// Address and port: "127.0.0.1:80", "[::1]:80".
     std::string toStringWithPort() const;
 
+    /// Whether family, address and port are the same.
     friend bool operator==(const IpAddress& a, const IpAddress& b)
     {
         return a.mFamily == b.mFamily && a.mPort == b.mPort && a.mBytes == b.mBytes;
     }
+    /// Whether one of them differs.
     friend bool operator!=(const IpAddress& a, const IpAddress& b) { return !(a == b); }
 
     /// Orders by family, then address, then port.

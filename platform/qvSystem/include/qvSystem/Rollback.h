@@ -13,7 +13,10 @@ namespace qv
 template <typename Undo> class Rollback
 {
 public:
+    /// Armed from here on.
     explicit Rollback(Undo undo) : mUndo(std::move(undo)) {}
+
+    /// Calls `undo`, unless committed.
     ~Rollback()
     {
         if (mArmed)

@@ -12,8 +12,10 @@ namespace qv
 class QV_EXPORT SystemError
 {
 public:
+    /// `errnoValue` as the system has set it.
     explicit SystemError(int errnoValue) : mValue(errnoValue) {}
 
+    /// The value given to the constructor.
     int getValue() const { return mValue; }
 
     /// For example "Connection refused". Any thread.

@@ -23,7 +23,9 @@ public:
     /// Which way data may go; the values are bits.
     enum DataWay : int { ReadWay = 1, WriteWay = 2, BothWays = 3 };
 
+    /// `dataWay`: bits of `DataWay`.
     explicit qvIoDevice(int dataWay);
+
     virtual ~qvIoDevice();
     qvIoDevice(const qvIoDevice&) = delete;
     qvIoDevice& operator=(const qvIoDevice&) = delete;

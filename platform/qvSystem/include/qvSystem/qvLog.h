@@ -34,13 +34,13 @@ public:
     /// One line of the log, as a sink gets it.
     struct QV_EXPORT LogEntry
     {
-        std::string message;
+        std::string message;        ///< one line or several; sinks write one
         std::string category;       ///< empty when there is none
         std::string systemLogName;  ///< empty when the entry is not for the system log
         std::string prefix;         ///< filled by `computeLogPrefix`
         std::string threadId;       ///< empty when not recorded
         int64_t timestampMs = 0;    ///< wall-clock milliseconds since the epoch
-        int level = Information;
+        int level = Information;    ///< see `Level`
 
         /// Fills `prefix` with ISO-8601 local time with milliseconds and offset from UTC,
         /// level name, category in brackets and thread id, those that are present,
@@ -50,6 +50,7 @@ public:
         void computeLogPrefix(bool withTime);
     };
 
+    /// Without sinks, not installed.
     qvLog();
 
     /// Uninstalls itself if it is the installed one. Nothing may write to it any more.
@@ -115,6 +116,7 @@ private:
 class QV_EXPORT qvLogSink
 {
 public:
+    /// Called by the destructor of the log that owns it.
     virtual ~qvLogSink();
 
     /// Takes one entry. Called under the log's lock, never on two threads at once; must not

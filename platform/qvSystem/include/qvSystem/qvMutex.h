@@ -16,7 +16,10 @@ namespace qv
 class QV_EXPORT QV_CAPABILITY("mutex") qvMutex
 {
 public:
+    /// Free at first.
     qvMutex();
+
+    /// It must be free.
     ~qvMutex();
     qvMutex(const qvMutex&) = delete;
     qvMutex& operator=(const qvMutex&) = delete;

@@ -19,6 +19,7 @@ namespace qv
 class QV_EXPORT qvThread
 {
 public:
+    /// Starts nothing.
     qvThread();
 
     /// Joins a run that has ended or is about to.

@@ -18,7 +18,10 @@ public:
     /// The time-out that means: none.
     static constexpr unsigned long kNoTimeOut = static_cast<unsigned long>(-1);
 
+    /// Nobody waits yet.
     qvWaitCondition();
+
+    /// Nobody may be waiting.
     ~qvWaitCondition();
     qvWaitCondition(const qvWaitCondition&) = delete;
     qvWaitCondition& operator=(const qvWaitCondition&) = delete;

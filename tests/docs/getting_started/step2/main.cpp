@@ -1,0 +1,56 @@
+// A first server: says hello, and counts as far as the client wants.
+
+#include <Wendrel/kit/Server.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+
+using qv::HttpBaseRequest;
+using qv::kit::Request;
+
+void sendHello(Request& request)
+{
+    request.reply(200, "text/plain; charset=utf-8",
+                  "Hello, " + request.getPathParameter("name") + "!\n");
+}
+
+// Each line is made when the client has taken most of those before it.
+void sendNumbers(Request& request)
+{
+    const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
+    for (uint64_t number = 1; number <= last; ++number) {
+        const std::string line = std::to_string(number) + "\n";
+        if (!request.write(line.data(), line.size()))
+            return;  // the client has gone
+    }
+    request.finish();
+}
+
+int main(int argc, char** argv)
+{
+    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+
+    auto application = std::make_unique<qv::kit::Application>();
+    application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);
+    application->getRouter().add(HttpBaseRequest::GET, "/numbers/{last}", sendNumbers);
+
+    qv::http::HttpServer::Parameters parameters;
+    if (argc > 1)
+        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
+    qv::kit::Server server(std::move(application));  // owns the application from here
+    if (!server.start(parameters)) {
+        std::fprintf(stderr, "cannot listen on port %u\n", parameters.port);
+        return 1;
+    }
+    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
+    std::fflush(stdout);
+
+    stopSignal.wait();
+    server.stop(std::chrono::seconds(10));
+    return 0;
+}

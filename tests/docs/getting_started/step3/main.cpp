@@ -1,0 +1,120 @@
+// A first server: says hello, counts as far as the client wants, and stores uploads.
+
+#include <Wendrel/kit/Server.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+using qv::HttpBaseRequest;
+using qv::kit::BodyResult;
+using qv::kit::Request;
+
+void sendHello(Request& request)
+{
+    request.reply(200, "text/plain; charset=utf-8",
+                  "Hello, " + request.getPathParameter("name") + "!\n");
+}
+
+// Each line is made when the client has taken most of those before it.
+void sendNumbers(Request& request)
+{
+    const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
+    for (uint64_t number = 1; number <= last; ++number) {
+        const std::string line = std::to_string(number) + "\n";
+        if (!request.write(line.data(), line.size()))
+            return;  // the client has gone
+    }
+    request.finish();
+}
+
+constexpr int64_t kUploadLimitBytes = 16LL * 1024 * 1024;  // 16 MiB
+constexpr size_t kPieceBytes = 65536;
+
+// So that no name leads out of the directory, or hides a file in it.
+bool isGoodName(const std::string& name)
+{
+    constexpr const char* kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                     "0123456789-_.";
+    return name[0] != '.' && name.find_first_not_of(kAllowed) == std::string::npos;
+}
+
+// Writes the body to a file, a piece at a time.
+BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
+{
+    if (request.getDeclaredBodyLength() > kUploadLimitBytes)
+        return BodyResult::TooLarge;
+    std::vector<char> piece(kPieceBytes);
+    BodyResult result = BodyResult::More;
+    while (result == BodyResult::More) {
+        size_t got = 0;
+        result = request.readBody(piece.data(), piece.size(), got);
+        total += static_cast<int64_t>(got);
+        if (total > kUploadLimitBytes)  // a client need not declare a length
+            return BodyResult::TooLarge;
+        file.write(piece.data(), static_cast<std::streamsize>(got));
+    }
+    return result;
+}
+
+void storeFile(Request& request)
+{
+    const std::string name = request.getPathParameter("name");
+    if (!isGoodName(name)) {
+        request.replyError(400, "This name is not allowed.");
+        return;
+    }
+    static std::atomic<unsigned> uploads{0};  // handlers run at the same time
+    const std::string unfinished = "uploads/.part" + std::to_string(++uploads);
+    std::ofstream file(unfinished, std::ios::binary);
+    int64_t total = 0;
+    const BodyResult result = receive(request, file, total);
+    file.close();
+    const bool stored = result == BodyResult::Complete && file &&
+                        std::rename(unfinished.c_str(), ("uploads/" + name).c_str()) == 0;
+    if (!stored)
+        std::remove(unfinished.c_str());
+
+    if (stored)
+        request.reply(200, "text/plain; charset=utf-8", std::to_string(total) + " bytes stored\n");
+    else if (result == BodyResult::TooLarge)
+        request.replyError(413,
+                           "At most " + std::to_string(kUploadLimitBytes) + " bytes are taken.");
+    else if (result == BodyResult::Complete)
+        request.replyError(500, "The file could not be written.");
+    // else the client has gone: nobody is left to be told
+}
+
+int main(int argc, char** argv)
+{
+    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+
+    auto application = std::make_unique<qv::kit::Application>();
+    application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);
+    application->getRouter().add(HttpBaseRequest::GET, "/numbers/{last}", sendNumbers);
+    application->getRouter().add(HttpBaseRequest::PUT, "/files/{name}", storeFile);
+    std::filesystem::create_directory("uploads");
+
+    qv::http::HttpServer::Parameters parameters;
+    if (argc > 1)
+        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
+    qv::kit::Server server(std::move(application));  // owns the application from here
+    if (!server.start(parameters)) {
+        std::fprintf(stderr, "cannot listen on port %u\n", parameters.port);
+        return 1;
+    }
+    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
+    std::fflush(stdout);
+
+    stopSignal.wait();
+    server.stop(std::chrono::seconds(10));
+    return 0;
+}

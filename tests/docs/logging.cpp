@@ -1,0 +1,116 @@
+// The log of docs/logging.md: a file, a sink of its own, and lines of the application.
+
+#include <Wendrel/kit/Server.h>
+
+#include <qvSystem/qvLog.h>
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+using qv::HttpBaseRequest;
+using qv::qvLog;
+using qv::kit::Request;
+
+namespace
+{
+
+constexpr size_t kLogFileBytes = 10UL * 1024 * 1024;
+constexpr size_t kOldLogFiles = 3;
+
+// "LEVEL CATEGORY MESSAGE" on standard error, for those who add the time themselves.
+class PlainSink : public qv::qvLogSink
+{
+public:
+    void write(const qvLog::LogEntry& entry) override
+    {
+        // Part of the message may have been chosen by a client.
+        const std::string line = qvLog::LevelName(entry.level) + " " +
+                                 (entry.category.empty() ? "-" : entry.category) + " " +
+                                 qvLog::EscapeControlCharacters(entry.message) + "\n";
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+
+    void flush() override { std::fflush(stderr); }
+};
+
+// A line of the application. Any thread.
+void writeLog(int level, const std::string& message)
+{
+    qvLog* log = qvLog::msInstance;
+    if (!log || !log->isLevelEnabled(level))
+        return;
+    qvLog::LogEntry entry;
+    entry.message = message;
+    entry.category = "shop";
+    entry.threadId = qv::qvThread::CurrentThreadId();
+    entry.timestampMs = qv::qvSystemUtils::GetMSecElapsedSinceEpoch();
+    entry.level = level;
+    entry.computeLogPrefix(true);
+    log->Write(entry, level >= qvLog::Warning);
+}
+
+// Writes to `path` and to standard error from `level` up; null, with a line, when it cannot.
+std::unique_ptr<qvLog> makeLog(const std::string& path, int level)
+{
+    std::string error;
+    auto file = qv::MakeRotatingFileSink(path, kLogFileBytes, kOldLogFiles, error);
+    if (!file) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return nullptr;
+    }
+    auto log = std::make_unique<qvLog>();
+    log->addSink(std::move(file));
+    log->addSink(std::make_unique<PlainSink>());
+    log->setMinimumLevel(level);
+    log->install();
+    return log;
+}
+
+std::unique_ptr<qv::kit::Application> makeShop()
+{
+    auto shop = std::make_unique<qv::kit::Application>();
+    shop->getRouter().add(HttpBaseRequest::GET, "/", [](Request& request) {
+        writeLog(qvLog::Debug, "somebody looks at the page");
+        request.reply(200, "text/plain; charset=utf-8", "The shop is open.\n");
+    });
+    shop->getRouter().add(HttpBaseRequest::GET, "/order/{what}", [](Request& request) {
+        throw std::runtime_error("no " + request.getPathParameter("what"));
+    });
+    return shop;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const int level = argc == 4 ? qvLog::LevelFromName(argv[3]) : -1;
+    if (level < 0) {
+        std::fprintf(stderr, "usage: docs_logging PORT FILE LEVEL\n");
+        return 2;
+    }
+    qv::kit::StopSignal stopSignal;
+
+    // Before the server, so that it is destroyed after it.
+    const std::unique_ptr<qvLog> log = makeLog(argv[2], level);
+    if (!log)
+        return 1;
+
+    qv::http::HttpServer::Parameters parameters;
+    parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
+    qv::kit::Server server(makeShop());
+    if (!server.start(parameters))
+        return 1;
+    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
+    std::fflush(stdout);
+    stopSignal.wait();
+    server.stop(std::chrono::seconds(10));
+    return 0;
+}

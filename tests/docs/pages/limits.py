@@ -1,0 +1,266 @@
+"""Holds the table of docs/limits-and-defaults.md against the code.
+
+A row that links a name to a file of ours, as in [`kLimitBytes`](../src/File.cpp), must have the value
+that this file gives to it. Every number of src/, kit/ and platform/ that is a constant, and every
+default of the parameters and options, must have a row or stand in NOT_FOR_USERS.
+
+    limits.py ROOT            compares
+    limits.py ROOT --broken   tries whether changed constants and tables are noticed
+"""
+
+import ast
+import operator
+import pathlib
+import re
+import sys
+
+PAGE = "docs/limits-and-defaults.md"
+FOLDERS = ("include", "src", "kit", "platform")
+
+# Constants nobody meets from outside, with the reason.
+NOT_FOR_USERS = {
+    "src/logging/LogObject.h kInformation": "a level's number, see qvLog::Level",
+    "src/logging/LogObject.h kWarning": "a level's number",
+    "src/logging/LogObject.h kError": "a level's number",
+    "src/logging/LogObject.h kDiscard": "marks a statement that logs nothing",
+    "src/request/ConnectionContext.cpp kUsualCount": "room made beforehand; the book grows",
+    "src/request/ConnectionContext.cpp kSpareEntries": "entries kept; a kilobyte or so",
+    "src/request/ConnectionContext.h kTimeNotSet": "marks a time that has not been set",
+    "src/request/ConnectionContext.h kNoListener": "marks a missing descriptor",
+    "src/request/DispatchAccess.h kNotReady": "a state",
+    "src/request/DispatchAccess.h kReady": "a state",
+    "src/request/DispatchAccess.h kStreamed": "a state",
+    "src/request/DispatchAccess.h kSentWhole": "a state",
+    "src/request/Utf8.cpp kStateBits": "an algorithm's",
+    "src/request/Utf8.cpp kStateMask": "an algorithm's",
+    "src/request/Utf8.cpp kBlockBytes": "an algorithm's",
+    "src/request/Utf8.cpp kHighBits": "an algorithm's",
+    "src/server/UpgradeExchange.cpp kWrongVersionPageBytes": "length of a text",
+    "src/websocket/AcceptKey.cpp kDigestRoomBytes": "room for a digest",
+    "src/websocket/AcceptKey.cpp kDigestBytes": "size of a digest",
+    "src/websocket/FrameHeader.cpp kFinBit": "the protocol's",
+    "src/websocket/FrameHeader.cpp kLengthBits": "the protocol's",
+    "src/websocket/FrameHeader.cpp kOpcodeBits": "the protocol's",
+    "src/websocket/FrameHeader.cpp kContinuation": "the protocol's",
+    "src/websocket/FrameHeader.cpp kText": "the protocol's",
+    "src/websocket/FrameHeader.cpp kBinary": "the protocol's",
+    "src/websocket/FrameHeader.cpp kLongestInByte": "the protocol's",
+    "src/websocket/FrameHeader.cpp kLongestInTwoBytes": "the protocol's",
+    "src/websocket/FrameHeader.cpp kTwoByteLength": "the protocol's",
+    "src/websocket/FrameHeader.cpp kEightByteLength": "the protocol's",
+    "src/websocket/FrameHeader.cpp kMaskBytes": "the protocol's",
+    "src/websocket/FrameHeader.cpp kShortHeaderBytes": "the protocol's",
+    "src/websocket/FrameHeader.cpp kTwoByteHeaderBytes": "the protocol's",
+    "src/websocket/FrameHeader.cpp kEightByteHeaderBytes": "the protocol's",
+    "src/websocket/FrameHeader.cpp kEightByteLengthEnd": "the protocol's",
+    "src/websocket/Unmask.cpp kKeyBytes": "the protocol's",
+    "src/websocket/Unmask.cpp kRoundBytes": "an algorithm's",
+    "src/websocket/WebSocket.cpp kClientHeaderBytes": "the protocol's",
+    "src/websocket/WebSocket.cpp kServerHeaderBytes": "the protocol's",
+    "src/websocket/WebSocket.cpp kShortestFrameBytes": "the protocol's",
+    "src/websocket/WebSocket.cpp kMaskBytes": "the protocol's",
+    "kit/src/Request.cpp kNoContent": "a status",
+    "kit/src/Request.cpp kNotModified": "a status",
+    "kit/src/Router.cpp kMethodBits": "how many methods there are bits for",
+    "kit/src/Server.cpp kStateLookMs": "how often a start is looked at",
+    "kit/src/WebSocketHub.cpp kShortLookMs": "how often the end of a closing hub is looked at",
+    "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
+    "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeOut": "means: none",
+    "include/Wendrel/HttpServer.h Parameters::reserved1": "not used",
+    "include/Wendrel/HttpServer.h Parameters::reserved2": "not used",
+    "include/Wendrel/HttpServer.h Parameters::reserved3": "not used",
+}
+
+# Types whose constants are no numbers.
+TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
+CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
+                      r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options)\s*\{(.*?)\n\s*\};", re.S)
+MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*=\s*([^;]+);", re.M)
+DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
+ROW = re.compile(r"\[`([\w:]+?)(?:\((\w+)\))?`\]\(\.\./([^)]+)\)")
+
+TO_MS = {"milliseconds": 1, "seconds": 1000, "minutes": 60000, "hours": 3600000}
+UNITS = {"ms": ("ms", 1), "s": ("ms", 1000), "days": ("ms", 86400000), "bytes": ("bytes", 1)}
+OPERATORS = {ast.Add: operator.add, ast.Sub: operator.sub, ast.Mult: operator.mul,
+             ast.LShift: operator.lshift, ast.RShift: operator.rshift, ast.BitOr: operator.or_}
+
+
+class Unknown(Exception):
+    pass
+
+
+def evaluate(text, others):
+    """The value of a C++ expression of whole numbers and constants of the same file."""
+    def walk(node):
+        if isinstance(node, ast.Expression):
+            return walk(node.body)
+        if isinstance(node, ast.Constant) and isinstance(node.value, int):
+            return node.value
+        if isinstance(node, ast.UnaryOp) and isinstance(node.op, ast.USub):
+            return -walk(node.operand)
+        if isinstance(node, ast.BinOp) and type(node.op) in OPERATORS:
+            return OPERATORS[type(node.op)](walk(node.left), walk(node.right))
+        if isinstance(node, ast.Name) and node.id in others:
+            return evaluate(others[node.id], others)
+        raise Unknown(text)
+
+    text = re.sub(r"(?<=\d)'(?=\d)", "", text)
+    text = re.sub(r"\b(0[xX][0-9a-fA-F]+|\d+)[uUlL]+\b", r"\1", text)
+    try:
+        return walk(ast.parse(text.strip().replace("\n", " "), mode="eval"))
+    except SyntaxError:
+        raise Unknown(text) from None
+
+
+def value_of(name, kind, text, others):
+    """Unit and number of a constant, or a word for what is no number."""
+    text = text.strip().strip('"')
+    if text in ("true", "false"):
+        return ("word", "on" if text == "true" else "off")
+    if "GetIdealThreadCount" in text:
+        return ("word", "the processors")
+    chrono = re.fullmatch(r"std::chrono::(\w+)\((.*)\)", text, re.S)
+    if chrono:
+        return ("ms", TO_MS[chrono.group(1)] * evaluate(chrono.group(2), others))
+    if kind.startswith("std::chrono::"):
+        return ("ms", TO_MS[kind.rpartition("::")[2]] * evaluate(text, others))
+    for suffix, unit, factor in (("Ms", "ms", 1), ("Seconds", "ms", 1000), ("Bytes", "bytes", 1)):
+        if name.endswith(suffix):
+            return (unit, factor * evaluate(text, others))
+    return ("", evaluate(text, others))
+
+
+def without_comments(text):
+    return re.sub(r"//[^\n]*|/\*.*?\*/", "", text, flags=re.S)
+
+
+def numbers_of(path, text):
+    """Key to unit and number (or None, when it cannot be evaluated) of what a file sets."""
+    text = without_comments(text)
+    found = [(kind, name, next(part for part in values if part is not None))
+             for kind, name, *values in (match.groups() for match in CONSTANT.finditer(text))]
+    others = {name: value for _, name, value in found}
+    for struct, body in STRUCT.findall(text):
+        found += [(kind, f"{struct}::{name}", value) for kind, name, value in MEMBER.findall(body)]
+    if path.endswith(".h"):
+        found += [(kind, f"{function}({name})", value)
+                  for function, kind, name, value in DEFAULT.findall(text)]
+    for kind, name, value in found:
+        is_digits = re.fullmatch(r'\s*"\d+"\s*', value)
+        if TEXTS.search(kind) and not is_digits:
+            continue
+        try:
+            yield f"{path} {name}", value_of(name, kind.strip(), value, others)
+        except Unknown:
+            yield f"{path} {name}", None
+
+
+def sources(root):
+    for folder in FOLDERS:
+        for path in sorted((root / folder).rglob("*")):
+            if path.suffix in (".h", ".cpp"):
+                yield str(path.relative_to(root)), path.read_text()
+
+
+def value_in(cell):
+    match = re.match(r"(off|on|the processors)\b|(\d+)(?: (ms|s|days|bytes)\b)?", cell)
+    if not match:
+        return None
+    if match.group(1):
+        return ("word", match.group(1))
+    unit, factor = UNITS.get(match.group(3), ("", 1))
+    return (unit, int(match.group(2)) * factor)
+
+
+def same(documented, coded):
+    """Constants need not have their unit in the name; where both have one it is the same."""
+    if documented is None or coded is None:
+        return False
+    return documented[1] == coded[1] and (documented[0] == coded[0] or coded[0] == "")
+
+
+def key_of(name, argument, file):
+    """How `numbers_of` calls what the page calls kit::Server::start(limit)."""
+    parts = name.split("::")
+    if argument:
+        return f"{file} {parts[-1]}({argument})"
+    if len(parts) > 1 and parts[-2] in ("Parameters", "Options"):
+        return f"{file} {'::'.join(parts[-2:])}"
+    return f"{file} {parts[-1]}"
+
+
+def complaints(page, files, not_for_users):
+    numbers = dict(entry for path, text in files for entry in numbers_of(path, text))
+    shown = set()
+    for line in page.splitlines():
+        cells = [cell.strip() for cell in line.strip("|").split(" | ")]
+        if not line.startswith("|") or len(cells) != 4:
+            continue
+        for match in ROW.finditer(cells[2]):
+            key = key_of(*match.groups())
+            shown.add(key)
+            if key not in numbers:
+                yield f"{key} is in the table and not in the code"
+            elif not same(value_in(cells[1]), numbers[key]):
+                yield f"{key} is {numbers[key]} in the code and '{cells[1]}' in the table"
+            if key in not_for_users:
+                yield f"{key} is in the table and among those not for users"
+    for key in numbers:
+        if key not in shown and key not in not_for_users:
+            yield f"{key} is not in the table"
+    for key in not_for_users:
+        if key not in numbers:
+            yield f"{key} is said not to be for users, and there is no such number"
+    if len(shown) < 50:
+        yield f"the table has only {len(shown)} rows of ours"
+
+
+def try_broken(page, files):
+    """Each change of code or page must be noticed."""
+    files = dict(files)
+
+    def with_change(path, old, new):
+        assert old in files[path], f"{path} has no '{old}'"
+        return [*{**files, path: files[path].replace(old, new)}.items()]
+
+    silent = []
+    for path, old, new in (
+            ("src/request/RequestTarget.cpp", "kTargetLimitBytes = 4096", "kTargetLimitBytes = 4097"),
+            ("src/streaming/ChunkQueue.h", "kSpareBytes = 4 << 20", "kSpareBytes = 4 << 21"),
+            ("src/server/Dispatch.cpp", "0x1fffffff", "0x1ffffffe"),
+            ("kit/src/WebSocketHub.cpp", "kLookPeriod(50)", "kLookPeriod(60)"),
+            ("kit/src/WebSocketHub.cpp", "kKeepAliveProbes = 4", "kKeepAliveProbes = 5"),
+            ("kit/src/Deadline.h", "hours(24 * 365)", "hours(24 * 366)"),
+            ("kit/include/Wendrel/kit/Server.h", "limit = std::chrono::seconds(10)",
+             "limit = std::chrono::seconds(11)"),
+            ("kit/include/Wendrel/kit/Application.h", "workers = 16", "workers = 17"),
+            ("include/Wendrel/HttpServer.h", "listenOnAllInterfaces = false",
+             "listenOnAllInterfaces = true"),
+            ("include/Wendrel/HttpServer.h", "uint16_t port = 8181;",
+             "uint16_t port = 8181;\n        uint32_t mostUploads = 5;"),
+            ("kit/src/Request.cpp", "constexpr uint32_t kNoContent",
+             "constexpr double kNewFactor = 2;\nconstexpr uint32_t kNoContent"),
+            ("kit/src/Router.cpp", "constexpr int kMethodBits = 10;", "")):
+        if not list(complaints(page, with_change(path, old, new), NOT_FOR_USERS)):
+            silent.append(f"not noticed: '{new}' instead of '{old}' in {path}")
+    for old, new in (("4096 bytes", "4097 bytes"), ("1000 ms", "1000 bytes"),
+                     ("fixed: [`kBlockBytes`]", "fixed: [`kBlockBites`]")):
+        if not list(complaints(page.replace(old, new), files.items(), NOT_FOR_USERS)):
+            silent.append(f"not noticed: '{new}' instead of '{old}' in the page")
+    return silent
+
+
+def main():
+    root = pathlib.Path(sys.argv[1])
+    page = (root / PAGE).read_text()
+    files = list(sources(root))
+    wrong = list(complaints(page, files, NOT_FOR_USERS))
+    if sys.argv[2:] == ["--broken"]:
+        wrong += try_broken(page, files)
+    print("\n".join(wrong) or "the table and the code agree")
+    return 1 if wrong else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,70 @@
+"""Builds the documentation with Doxygen, without a warning, and follows its links.
+
+    reference.py DOXYGEN DOXYFILE HTML_FOLDER
+"""
+
+import html.parser
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import urllib.parse
+
+# What somebody looks for, and the file of the HTML that has it.
+MUST_HAVE = ("classqv_1_1http_1_1HttpServer.html", "classqv_1_1kit_1_1Request.html",
+             "classqv_1_1qvLog.html", "classqv_1_1Url.html", "classqv_1_1kit_1_1WebSocketHub.html",
+             "page-docs-limits-and-defaults.html", "page-docs-troubleshooting.html",
+             "page-docs-how-a-request-travels.html", "page-docs-websocket.html", "page-security.html",
+             "request.svg", "index.html")
+
+
+class Page(html.parser.HTMLParser):
+    def __init__(self, text):
+        super().__init__()
+        self.targets = set()
+        self.anchors = set()
+        self.feed(text)
+
+    def handle_starttag(self, tag, attrs):
+        for name, value in attrs:
+            if name in ("id", "name") and value:
+                self.anchors.add(value)
+            elif name in ("href", "src") and value and tag in ("a", "img", "object", "link", "script"):
+                self.targets.add(value)
+
+
+def broken_links(folder):
+    pages = {path.name: Page(path.read_text(errors="replace")) for path in folder.glob("*.html")}
+    checked = 0
+    for name, page in sorted(pages.items()):
+        for target in sorted(page.targets):
+            if re.match(r"[a-z]+:", target) or target == "#":
+                continue
+            checked += 1
+            file, _, anchor = urllib.parse.unquote(target).partition("#")
+            if not (folder / file).exists():
+                yield f"{name}: there is no {file}"
+            # Doxygen's own lists name some members that it does not show.
+            elif anchor and re.match(r"index|page-", name) and anchor not in pages[file or name].anchors:
+                yield f"{name}: there is no {target}"
+    if checked < 500:
+        yield f"only {checked} links found: is this still looking at the right pages?"
+
+
+def main():
+    doxygen, doxyfile, folder = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3])
+    shutil.rmtree(folder, ignore_errors=True)
+    done = subprocess.run([doxygen, doxyfile], capture_output=True, text=True, check=False)
+    complaints = [line for line in (done.stdout + done.stderr).splitlines() if line.strip()]
+    if done.returncode != 0:
+        complaints.append(f"doxygen ended with {done.returncode}")
+    if folder.is_dir():
+        complaints += [f"{name} is missing" for name in MUST_HAVE if not (folder / name).exists()]
+        complaints += broken_links(folder)
+    print("\n".join(complaints) or "built without a warning; all links lead somewhere")
+    return 1 if complaints else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

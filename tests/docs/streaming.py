@@ -1,0 +1,85 @@
+"""Tries what docs/streaming.md says of the handlers in streaming.cpp. Usage: streaming.py PROGRAM"""
+
+import http.client
+import pathlib
+import sys
+import tempfile
+import unittest
+
+from docs_server import DocsServer, reset
+
+FILE_BYTES = 12 * 1024 * 1024  # more than the sockets of both sides take
+NOTE_LIMIT_BYTES = 65536
+
+
+class Streaming(unittest.TestCase):
+    program = None
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="wendrel-docs-")
+        self.addCleanup(folder.cleanup)
+        self.file = pathlib.Path(folder.name) / "file"
+        self.content = b"".join(b"%07d\n" % number for number in range(FILE_BYTES // 8))
+        self.file.write_bytes(self.content)
+        self.server = DocsServer(self, self.program, self.file)
+
+    def tearDown(self):
+        self.assertEqual(self.server.process.stop(), 0)
+
+    def test_a_file_arrives_with_its_length(self):
+        status, body, answer = self.server.ask("GET", "/file")
+        self.assertEqual((status, answer.getheader("Content-Length")), (200, str(FILE_BYTES)))
+        self.assertTrue(body == self.content, f"{len(body)} bytes")
+        status, body, answer = self.server.ask("HEAD", "/file")
+        self.assertEqual((status, body), (200, b""))
+        self.assertEqual(answer.getheader("Content-Length"), str(FILE_BYTES))
+
+    def test_no_file(self):
+        self.file.unlink()
+        status, body, _ = self.server.ask("GET", "/file")
+        self.assertEqual((status, body), (404, b'{"error":"There is no such file.","status":404}'))
+
+    def test_a_file_that_becomes_shorter_is_cut_off(self):
+        connection = self.server.connect(receive_bytes=65536)
+        connection.request("GET", "/file")
+        answer = connection.getresponse()
+        answer.read(1000)
+        with open(self.file, "r+b") as file:
+            file.truncate(FILE_BYTES - 1)
+        with self.assertRaises(http.client.IncompleteRead):
+            answer.read()
+        connection.close()
+
+    def test_the_handler_comes_back_when_the_client_goes(self):
+        """With the server's 16 workers all waiting for such a client nobody would be answered."""
+        for _ in range(17):
+            connection = self.server.connect(receive_bytes=65536)
+            connection.request("GET", "/file")
+            connection.getresponse().read(1000)
+            reset(connection)
+            reset(self.server.begin_upload("POST", "/lines", 1000000, b"\n" * 1000))
+        self.assertEqual(self.server.ask("POST", "/lines", b"")[:2], (200, b"0\n"))
+
+    def test_lines_are_counted(self):
+        rows = ((b"", b"0\n"), (b"\n", b"1\n"), (b"a\nb", b"1\n"),
+                (self.content, b"%d\n" % (FILE_BYTES // 8)))
+        for body, expected in rows:
+            self.assertEqual(self.server.ask("POST", "/lines", body)[:2], (200, expected))
+        self.assertEqual(self.server.ask("POST", "/lines", [self.content] * 2, encode_chunked=True,
+                                         headers={"Transfer-Encoding": "chunked"})[:2],
+                         (200, b"%d\n" % (2 * FILE_BYTES // 8)))
+
+    def test_a_note_has_its_limit(self):
+        too_large = (413, b'{"error":"A note has at most 65536 bytes.","status":413}')
+        largest = b"x" * NOTE_LIMIT_BYTES
+        chunked = {"encode_chunked": True, "headers": {"Transfer-Encoding": "chunked"}}
+        self.assertEqual(self.server.ask("POST", "/notes", b"milk")[:2], (200, b"noted: milk\n"))
+        self.assertEqual(self.server.ask("POST", "/notes", largest)[0], 200)
+        self.assertEqual(self.server.ask("POST", "/notes", largest + b"x")[:2], too_large)
+        self.assertEqual(self.server.ask("POST", "/notes", [largest], **chunked)[0], 200)
+        self.assertEqual(self.server.ask("POST", "/notes", [largest, b"x"], **chunked)[:2], too_large)
+
+
+if __name__ == "__main__":
+    Streaming.program = sys.argv.pop(1)
+    unittest.main(verbosity=2)
