@@ -39,6 +39,20 @@ if(WENDREL_COVERAGE)
     add_link_options(--coverage)
 endif()
 
+# One commit gives the same libraries in every directory: archives without time and owner, and no
+# path of the machine in what is compiled. To step through such code, tell the debugger where the
+# sources are: set substitute-path wendrel-3.0.0 PATH. Debug builds keep the real paths.
+set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
+set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")
+set(wendrel_path_maps "")
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT WENDREL_SANITIZE AND NOT WENDREL_COVERAGE)
+    # The build's directory is often inside of that of the sources: the later map goes first.
+    set(wendrel_path_maps
+        -ffile-prefix-map=${PROJECT_SOURCE_DIR}=wendrel-${PROJECT_VERSION}
+        -ffile-prefix-map=${CMAKE_BINARY_DIR}=wendrel-${PROJECT_VERSION}/build)
+endif()
+
 # wendrel_library_defaults(target): hidden symbols, position independent code, our warnings.
 function(wendrel_library_defaults target)
     set_target_properties(${target} PROPERTIES
@@ -46,8 +60,10 @@ function(wendrel_library_defaults target)
         VISIBILITY_INLINES_HIDDEN ON
         POSITION_INDEPENDENT_CODE ON
         CXX_EXTENSIONS OFF
+        BUILD_RPATH_USE_ORIGIN ON
         INSTALL_RPATH "$ORIGIN")  # the libraries find each other wherever they are put
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:wendrel_build>)
+    target_compile_options(${target} PRIVATE ${wendrel_path_maps})
     # A library calls its own functions directly, and others without a stub between: nobody
     # replaces single functions of it.
     target_compile_options(${target} PRIVATE -fno-semantic-interposition -fno-plt)
