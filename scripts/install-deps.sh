@@ -37,7 +37,7 @@ test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     nginx-light haproxy chromium gcovr ca-certificates slowhttptest valgrind)
 # What looks at the sources, and at what was built, without running it.
-analysis_packages=(clang clang-tidy cppcheck shellcheck codespell abigail-tools)
+analysis_packages=(clang clang-format clang-tidy cppcheck shellcheck codespell abigail-tools)
 docs_packages=(doxygen graphviz)
 packages_packages=(dpkg-dev fakeroot lintian xz-utils)
 fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)

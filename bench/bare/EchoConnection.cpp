@@ -60,7 +60,7 @@ size_t writeHeaderBefore(uint8_t* end, uint8_t opcode, size_t payloadBytes)
 // Eight bytes at a time, with the key turned to where `index` stands in it.
 void unmask(uint8_t* out, const uint8_t* in, size_t count, const uint8_t* key, size_t index)
 {
-    uint8_t turned[2 * kMaskBytes];
+    uint8_t turned[2 * kMaskBytes] = {};
     for (size_t i = 0; i < sizeof turned; ++i)
         turned[i] = key[(index + i) % kMaskBytes];
     uint64_t keys = 0;

@@ -61,11 +61,13 @@ inline void note(size_t bytes)
 
 extern "C" {
 
-// What there is of the C library's functions when their names are taken.
+// What there is of the C library's functions when their names are taken: theirs are reserved.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
 
 // The memory is given back by the C library's own free: it costs the library what it costs.
 void* malloc(size_t size) noexcept

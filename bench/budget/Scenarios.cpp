@@ -42,6 +42,8 @@ public:
     Exchange(std::span<const HeadValue> head, Application::Handler handler)
         : mConnection(head), mApplication(new Application(handler)), mServer(mApplication)
     {}
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
 
     void open(const char* target)
     {
@@ -364,6 +366,7 @@ private:
         } else {
             frame.push_back(kMaskBit | kEightByteLength);
             for (int shift = 56; shift >= 0; shift -= 8)
+                // cppcheck-suppress shiftTooManyBits ; the number has 64 bits
                 frame.push_back(static_cast<uint8_t>(payloadBytes >> shift));
         }
         for (const uint8_t byte : kMaskKey)

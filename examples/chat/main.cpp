@@ -51,6 +51,8 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
 
 }  // namespace
 
+// What throws at the start ends the process, and its text says why.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
     qv::kit::StopSignal stopSignal;  // before any thread

@@ -64,7 +64,8 @@ std::string formatByteSize(uint64_t bytes)
     if (bytes < 1024)
         return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
     auto value = static_cast<double>(bytes);
-    int unit = -1;
+    value /= 1024;
+    int unit = 0;
     while (value >= 1024 && kUnits[unit + 1] != '\0') {
         value /= 1024;
         ++unit;

@@ -143,7 +143,7 @@ std::optional<int64_t> toSeconds(const std::tm& parts)
     const int64_t day = timegm(&copy);
     if (copy.tm_mday != parts.tm_mday || copy.tm_mon != parts.tm_mon)
         return std::nullopt;
-    return day + parts.tm_hour * 3600 + parts.tm_min * 60 + parts.tm_sec;
+    return day + int64_t{parts.tm_hour} * 3600 + int64_t{parts.tm_min} * 60 + parts.tm_sec;
 }
 
 const std::map<std::string, const char*>& mediaTypes()

@@ -65,6 +65,7 @@ bool Router::sameShape(const std::vector<Segment>& a, const std::vector<Segment>
         [](const Segment& x, const Segment& y) { return x.kind == y.kind && x.text == y.text; });
 }
 
+// By value: callers pass lambdas. NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Router::add(int methods, const std::string& pattern, Handler handler)
 {
     std::vector<Segment> segments;

@@ -29,6 +29,7 @@ sigset_t stopSignals()
 
 Server::Server(std::unique_ptr<Application> application) : mApplication(application.get())
 {
+    // cppcheck-suppress useInitializationList ; the application changes hands right after
     mServer = std::make_unique<http::HttpServer>(application.get());
     static_cast<void>(application.release());  // the server's, now that there is one
     Rollback counted(&terminateWendrel);  // an initialisation that throws has been counted, too

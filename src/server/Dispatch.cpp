@@ -104,8 +104,10 @@ void emitHead(HttpBaseRequest& request, HttpResponseInterface& head, MHD_Respons
         DispatchAccess::responseHeadBytes(request) +=
             name.size() + value.size() + kHeaderOverheadBytes;
     }
+    // Cookies are few. NOLINTBEGIN(performance-inefficient-string-concatenation)
     for (const auto& [name, value] : head.getCookies())
         MHD_add_response_header(response, kCookieHeader, (name + "=" + value).c_str());
+    // NOLINTEND(performance-inefficient-string-concatenation)
 }
 
 // Sends the head and the given body, whatever way the daemon gets at it.

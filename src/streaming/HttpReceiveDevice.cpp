@@ -91,11 +91,12 @@ void HttpReceiveDevice::keepAliveStep()
     using Access = impl::DispatchAccess;
     if (mRequest->getCurrentWorkerThreadId() != qvThread::CurrentThreadId())
         return;
-    if (Access::keepAliveCallback(*mRequest)) {
+    auto& callback = Access::keepAliveCallback(*mRequest);
+    if (callback) {
         const int64_t last = Access::lastKeepAliveMs(*mRequest);
         const int64_t interval = Access::keepAliveIntervalMs(*mRequest);
         if (last == impl::kTimeNotSet || qvSystemUtils::GetTimeBaseMs() - last > interval) {
-            Access::keepAliveCallback (*mRequest)();
+            callback();
             Access::lastKeepAliveMs(*mRequest) = qvSystemUtils::GetTimeBaseMs();
         }
     }

@@ -5,9 +5,9 @@
 #include "Waiting.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <linux/sockios.h>
 #include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>

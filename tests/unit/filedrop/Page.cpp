@@ -36,7 +36,8 @@ TEST(Page, CarriesTheNonceInStyleAndScriptAlone)
 TEST(Page, AllowsOnlyWhatCarriesTheNonce)
 {
     EXPECT_EQ(pagePolicy("5ecret"),
-              "default-src 'none'; connect-src 'self' ws: wss:; img-src data:; script-src 'nonce-5ecret'; "
+              "default-src 'none'; connect-src 'self' ws: wss:; img-src data:; script-src "
+              "'nonce-5ecret'; "
               "style-src 'nonce-5ecret'; base-uri 'none'; form-action 'none'; "
               "frame-ancestors 'none'");
 }
