@@ -73,8 +73,10 @@ install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE
 install(DIRECTORY docs deploy DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
     PATTERN *.in EXCLUDE)
 # The programs that the pages show.
-install(DIRECTORY tests/docs tests/package/consumer tests/package/subproject
-    DESTINATION ${CMAKE_INSTALL_DOCDIR}/tests COMPONENT documentation
-    FILES_MATCHING PATTERN *.cpp PATTERN CMakeLists.txt)
+foreach(folder docs package/consumer package/subproject)
+    install(DIRECTORY tests/${folder}/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/tests/${folder}
+        COMPONENT documentation
+        FILES_MATCHING PATTERN *.cpp PATTERN CMakeLists.txt PATTERN pages EXCLUDE)
+endforeach()
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples
     PATTERN node_modules EXCLUDE)

@@ -29,8 +29,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 set(wendrel_debian_version ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libwendrel3.0)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "embedded HTTP/1.1 server library with WebSockets
-An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd:
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd:
 bodies of any size are streamed in constant memory, and connections can be
 upgraded to WebSockets.
 
@@ -41,8 +40,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/packaging/s
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libwendrel-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "embedded HTTP/1.1 server library (development files)
-An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
 These are the headers, the kit (worker pool, router, WebSocket hub; a static
 library), and what CMake and pkg-config need to find them.")
@@ -52,8 +50,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "wendrel-doc, wendrel-examples, cm
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME wendrel-doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
-set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "embedded HTTP/1.1 server library (documentation)
-An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
+set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
 These are the guide, the reference, and configurations of proxies in front.")
 
@@ -63,8 +60,7 @@ set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "libwendrel3.0 (= ${wendrel_debian_version})")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS
     "libwendrel-dev (= ${wendrel_debian_version}), libcli11-dev, nlohmann-json3-dev")
-set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "embedded HTTP/1.1 server library (example applications)
-An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
+set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
 These are a file server and a chat, ready to run, and the sources of all
 examples.")

@@ -104,7 +104,7 @@ public:
     /// What `startServer` is told; a plain value.
     struct WENDREL_EXPORT Parameters
     {
-        /// TCP port to listen on.
+        /// TCP port to listen on. With 0 the system chooses one, which the library does not tell.
         uint16_t port = 8181;
         /// Connections that may wait to be accepted; the kernel caps it.
         uint32_t listenBacklog = 1024;

@@ -16,7 +16,8 @@ class Request;
 class Router
 {
 public:
-    /// Answers a request. Thread: a worker; what is thrown is logged and answered 500.
+    /// Answers a request. Thread: a worker; a std::exception that it throws is
+    /// logged and answered 500, anything else ends the process.
     using Handler = std::function<void(Request&)>;
 
     /// Adds a route for a set of methods (`HttpBaseRequest::GET | HttpBaseRequest::PUT`).
