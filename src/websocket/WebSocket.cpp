@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <stdexcept>
 #include <utility>
 
 namespace qv::http
@@ -188,8 +187,9 @@ int WebSocket::tryToReadFrame()
     skipBytes(headerSize);
     if (expectFirstFrame)
         messageIsBinary = isBinary;
+    // Refused by insert; the loop below would take the lengths that wrap around.
     if (!canHold(message, payloadLength))
-        throw std::length_error("a WebSocket frame announces more than memory can hold");
+        message.insert(message.end(), payloadLength, 0);
     const size_t offset = message.size();
     // Block by block, so that each is in the processor's cache only once.
     for (size_t done = 0; done < payloadLength;) {
