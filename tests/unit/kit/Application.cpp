@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -20,13 +21,19 @@ namespace
 
 using Http = HttpBaseRequest;
 
-// Counts itself.
+// Counts itself, and says where it is deleted.
 class CountedRequest : public Request
 {
 public:
     CountedRequest() { ++sLive; }
-    ~CountedRequest() override { --sLive; }
+    ~CountedRequest() override
+    {
+        --sLive;
+        if (onDeleted)
+            onDeleted();
+    }
 
+    std::function<void()> onDeleted;
     static std::atomic<int> sLive;
 };
 
@@ -244,6 +251,52 @@ TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
     EXPECT_TRUE(aborted.get_future().get());
     EXPECT_TRUE(mApplication->drain(kLimit));
     EXPECT_EQ(CountedRequest::sLive, 0);
+}
+
+// The keeper's own thread is held up by another request meanwhile.
+TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
+{
+    make(1, 10);
+    Gate gates[2];
+    std::promise<std::thread::id> worker;
+    const auto answerWith = [](Request& request) { request.reply(200, "text/plain", "text"); };
+    route("/held", answerWith);
+    route("/over", [&](Request& request) {
+        gates[0].pass();
+        answerWith(request);
+    });
+    route("/last", [&](Request& request) {
+        worker.set_value(std::this_thread::get_id());
+        gates[1].pass();
+        answerWith(request);
+    });
+
+    auto begun = std::make_shared<std::promise<void>>();
+    std::promise<void> end;
+    auto ended = std::make_shared<std::future<void>>(end.get_future());
+    auto& held = static_cast<CountedRequest&>(arrive("/held"));
+    held.onDeleted = [begun, ended] {
+        begun->set_value();
+        ended->wait_for(kLimit);
+    };
+    auto& over = static_cast<CountedRequest&>(arrive("/over"));
+    auto where = std::make_shared<std::promise<std::thread::id>>();
+    over.onDeleted = [where] { where->set_value(std::this_thread::get_id()); };
+    ASSERT_TRUE(gates[0].waitForArrivals(1));  // the worker has left the one before
+    mDaemon->complete(held);
+    ASSERT_EQ(begun->get_future().wait_for(kLimit), std::future_status::ready);
+
+    gates[0].open();
+    Request& last = arrive("/last");
+    ASSERT_TRUE(gates[1].waitForArrivals(1));
+    mDaemon->complete(over);
+    gates[1].open();
+    auto deleted = where->get_future();
+    EXPECT_EQ(deleted.wait_for(kLimit), std::future_status::ready);
+    EXPECT_EQ(deleted.get(), worker.get_future().get());
+    mDaemon->complete(last);
+    end.set_value();
+    EXPECT_TRUE(mApplication->drain(kLimit));
 }
 
 TEST_F(ApplicationTest, HasABodyForWhatTheLibraryAnswersByItself)
