@@ -2,7 +2,7 @@
 
 #include "Support.h"
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 
 #include <qvSystem/qvLog.h>
 

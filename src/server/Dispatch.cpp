@@ -7,11 +7,11 @@
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 
-#include "logging/LogObject.h"
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 #include "server/Reply.h"
 #include "server/UpgradeExchange.h"
+#include "server/logging/LogObject.h"
 #include "streaming/ChunkQueue.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"

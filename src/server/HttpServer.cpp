@@ -4,10 +4,10 @@
 
 #include <Wendrel/Wendrel.h>
 
-#include "logging/LogObject.h"
 #include "request/ConnectionContext.h"
-#include "server/DaemonLog.h"
 #include "server/Dispatch.h"
+#include "server/logging/DaemonLog.h"
+#include "server/logging/LogObject.h"
 #include "streaming/ChunkQueue.h"
 #include "streaming/StreamCallbacks.h"
 

@@ -2,8 +2,8 @@
 
 #include <Wendrel/HttpServer.h>
 
-#include "server/DaemonLog.h"
 #include "server/Dispatch.h"
+#include "server/logging/DaemonLog.h"
 #include "streaming/StreamCallbacks.h"
 
 #include <utility>

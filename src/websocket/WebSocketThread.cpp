@@ -2,7 +2,7 @@
 
 #include <Wendrel/WebSocket.h>
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 #include "websocket/SpareBlocks.h"
 
 #include <qvSystem/Rollback.h>

@@ -29,7 +29,6 @@ NOT_OURS = {"src/websocket/WebSocketAccess.h"}
 PROGRAMS = {
     "request": ("unit_library", "unit_server", "unit_faults"),
     "streaming": ("unit_library", "unit_server", "unit_faults"),
-    "logging": ("unit_library", "unit_server", "unit_faults"),
     "server": ("unit_server", "unit_faults"),
     "websocket": ("unit_websocket", "unit_server", "unit_faults"),
 }
@@ -221,7 +220,7 @@ def key_of(mutant, source):
 def candidates(root, options):
     found = []
     for kind in ("cpp", "h"):
-        for path in sorted(glob.glob(f"src/*/*.{kind}", root_dir=root)):
+        for path in sorted(glob.glob(f"src/**/*.{kind}", root_dir=root, recursive=True)):
             asked_for = not options.files or any(
                 fnmatch.fnmatch(path, pattern) for pattern in options.files
             )

@@ -19,10 +19,10 @@ FOLDERS = ("include", "src", "kit", "platform")
 
 # Constants nobody meets from outside, with the reason.
 NOT_FOR_USERS = {
-    "src/logging/LogObject.h kInformation": "a level's number, see qvLog::Level",
-    "src/logging/LogObject.h kWarning": "a level's number",
-    "src/logging/LogObject.h kError": "a level's number",
-    "src/logging/LogObject.h kDiscard": "marks a statement that logs nothing",
+    "src/server/logging/LogObject.h kInformation": "a level's number, see qvLog::Level",
+    "src/server/logging/LogObject.h kWarning": "a level's number",
+    "src/server/logging/LogObject.h kError": "a level's number",
+    "src/server/logging/LogObject.h kDiscard": "marks a statement that logs nothing",
     "src/request/ConnectionContext.cpp kUsualCount": "room made beforehand; the book grows",
     "src/request/ConnectionContext.cpp kSpareEntries": "entries kept; a kilobyte or so",
     "src/request/ConnectionContext.h kTimeNotSet": "marks a time that has not been set",

@@ -3,7 +3,7 @@
 #include "faults/Support.h"
 #include "support/CapturedLog.h"
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 
 #include <qvSystem/qvLog.h>
 

@@ -14,9 +14,9 @@
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
-#include "server/DaemonLog.h"
 #include "server/Dispatch.h"
 #include "server/UpgradeExchange.h"
+#include "server/logging/DaemonLog.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
 

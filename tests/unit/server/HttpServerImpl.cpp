@@ -1,7 +1,7 @@
 // The application interface: its callbacks, its error body and its shape.
 
-#include "server/DaemonLog.h"
 #include "server/Dispatch.h"
+#include "server/logging/DaemonLog.h"
 #include "streaming/StreamCallbacks.h"
 #include "support/RecordingApplication.h"
 #include "support/RecordingDaemon.h"

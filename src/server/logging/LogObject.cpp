@@ -1,6 +1,6 @@
 // From a finished log statement to an entry of the platform log.
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 
 #include <qvSystem/qvLog.h>
 #include <qvSystem/qvSystemUtils.h>

@@ -1,6 +1,6 @@
 // The daemon's own messages in our log.
 
-#include "server/DaemonLog.h"
+#include "server/logging/DaemonLog.h"
 #include "support/CapturedLog.h"
 
 #include <Wendrel/HttpServer.h>

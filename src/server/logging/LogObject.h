@@ -1,7 +1,7 @@
 // The log statement: made on the stack where something is to be logged, filled by insertion,
 // written when it goes out of scope.
-#ifndef WENDREL_LOGGING_LOGOBJECT_H
-#define WENDREL_LOGGING_LOGOBJECT_H
+#ifndef WENDREL_SERVER_LOGGING_LOGOBJECT_H
+#define WENDREL_SERVER_LOGGING_LOGOBJECT_H
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,6 @@
 // The log statement: what it records when it is made, what it takes in, where it goes.
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 #include "support/CapturedLog.h"
 
 #include <qvSystem/qvSystemUtils.h>

@@ -1,8 +1,8 @@
 // The daemon's own messages, as lines of our log.
 
-#include "server/DaemonLog.h"
+#include "server/logging/DaemonLog.h"
 
-#include "logging/LogObject.h"
+#include "server/logging/LogObject.h"
 
 #include <algorithm>
 #include <cstdio>

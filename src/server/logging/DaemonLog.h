@@ -1,6 +1,6 @@
 // The daemon's own messages, as lines of our log.
-#ifndef WENDREL_SERVER_DAEMONLOG_H
-#define WENDREL_SERVER_DAEMONLOG_H
+#ifndef WENDREL_SERVER_LOGGING_DAEMONLOG_H
+#define WENDREL_SERVER_LOGGING_DAEMONLOG_H
 
 #include <cstdarg>
 
