@@ -7,13 +7,17 @@ usage() {
 Usage: scripts/test.sh [--preset NAME]... [--coverage] [--fuzz SECONDS] [--bench] [--no-install]
                        [--help]
 
-Configures, builds and tests the tree in build/NAME.
+Configures, builds and tests the tree in build/NAME. The output ends with the summary of ctest.
 
-  --preset NAME  release (the default), debug, asan, tsan or coverage; several may be given
+  --preset NAME  release (the default), debug, asan, tsan or coverage; several may be given: they
+                 run in this order, and the first that fails ends the run with its exit code.
+                 asan, tsan and coverage leave out the tests labelled any_build, whose result is
+                 the same in every build
   --coverage     the preset coverage, and afterwards the line coverage of src/ and platform/,
                  which must be at least 95 %
   --fuzz SECONDS first lets the fuzz targets run, each for so long (see scripts/fuzz.sh)
-  --bench        also builds the benchmark's programs and tries each once (see bench/run.sh)
+  --bench        with the presets release and debug, also builds the benchmark's programs and
+                 tries each once (see bench/run.sh)
   --no-install   neither Debian nor npm packages are installed
   --help         this text
 TEXT
@@ -84,9 +88,14 @@ install_node_packages() {
 
 run_preset() {
     local preset=$1
+    # The benchmark's programs are run as they are measured, not instrumented.
+    local bench_of_preset=OFF
+    case "$preset" in
+        release | debug) bench_of_preset=$bench ;;
+    esac
     say "Configuring the preset $preset"
     cmake --preset "$preset" -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON \
-        "-DWENDREL_BUILD_BENCH=$bench"
+        "-DWENDREL_BUILD_BENCH=$bench_of_preset"
     say "Building build/$preset with $jobs jobs"
     cmake --build --preset "$preset" --parallel "$jobs"
     # Counters of an earlier run would be added to those of this one.

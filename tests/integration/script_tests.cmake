@@ -48,10 +48,12 @@ function(wendrel_script_test name script timeout environment)
 endfunction()
 
 # wendrel_python_tests(PREFIX name SCRIPT file ENVIRONMENT variable=value...
-#     [PYTHON interpreter] [CLASS name] [TIMEOUT seconds]):
-# the test methods of a script, or those of one class in it, as <prefix>.<class>.<method>.
+#     [PYTHON interpreter] [CLASS name] [TIMEOUT seconds] [ANY_BUILD]):
+# the test methods of a script, or those of one class in it, as <prefix>.<class>.<method>. ANY_BUILD:
+# see wendrel_any_build.
 function(wendrel_python_tests)
-    cmake_parse_arguments(PARSE_ARGV 0 arg "" "PREFIX;SCRIPT;PYTHON;CLASS;TIMEOUT" "ENVIRONMENT")
+    cmake_parse_arguments(PARSE_ARGV 0 arg "ANY_BUILD" "PREFIX;SCRIPT;PYTHON;CLASS;TIMEOUT"
+        "ENVIRONMENT")
     if(NOT arg_PYTHON)
         set(arg_PYTHON Python3::Interpreter)
     endif()
@@ -68,6 +70,9 @@ function(wendrel_python_tests)
             if(NOT arg_CLASS OR class STREQUAL arg_CLASS)
                 wendrel_script_test(${arg_PREFIX}.${test} ${arg_SCRIPT} ${arg_TIMEOUT}
                     "${arg_ENVIRONMENT}" ${arg_PYTHON} ${arg_SCRIPT} ${test})
+                if(arg_ANY_BUILD)
+                    wendrel_any_build(${arg_PREFIX}.${test})
+                endif()
             endif()
         endif()
     endforeach()
