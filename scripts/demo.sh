@@ -1,20 +1,27 @@
 #!/usr/bin/env bash
-# Builds the filedrop example and runs it on 127.0.0.1; with --check it is used once by curl.
+# Builds an example and runs it on 127.0.0.1; with --check a client uses it once.
 set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/demo.sh [--check] [--directory DIR] [--port N] [--no-install] [--help]
+Usage: scripts/demo.sh [--chat] [--check] [--directory DIR] [--port N] [--built DIR]
+                       [--no-install] [--help]
 
-Installs what the build needs, builds build/release and runs filedrop, a web service for the
-files of one directory, on 127.0.0.1 until Ctrl-C.
+Installs the packages that the build needs, builds build/release and runs filedrop, a web service
+for the files of one directory, on 127.0.0.1 until Ctrl-C.
 
-  --check          uploads and downloads a 256 MiB file with curl, compares the checksums,
-                   stops filedrop and ends with 0 when all was right
-  --directory DIR  the directory to serve (default: a temporary one, removed at the end)
-  --port N         the port to listen on (default: a free one)
-  --no-install     no Debian package is installed
-  --help           this text
+  --chat           runs chat instead, behind an nginx that is configured as in deploy/nginx.conf
+  --check          uses the service once, stops it, and exits with 0 if everything was right:
+                   filedrop by curl, which uploads and downloads a file of 256 MiB; chat by two
+                   WebSocket clients in a room
+  --directory DIR  the directory that filedrop serves (default: a temporary one, removed at the
+                   end)
+  --port N         the port to open in a browser (default: a free one)
+  --built DIR      runs the programs of this build folder; installs and builds nothing
+  --no-install     installs no Debian package
+  --help           prints this text
+
+The exit code is 0 after a successful --check, 130 after Ctrl-C, 143 after SIGTERM, 1 otherwise.
 TEXT
 }
 
@@ -24,16 +31,28 @@ fail() {
     exit 1
 }
 
+example=filedrop
 check=false
 install=true
+build=true
 directory=
 port=
+built=build/release
 while (($# > 0)); do
     case "$1" in
+        --chat) example=chat ;;
         --check) check=true ;;
-        --directory | --port)
+        --directory | --port | --built)
             (($# > 1)) || fail "$1 needs a value; see --help"
-            if [[ $1 == --port ]]; then port=$2; else directory=$2; fi
+            case "$1" in
+                --directory) directory=$2 ;;
+                --port) port=$2 ;;
+                --built)
+                    built=$2
+                    install=false
+                    build=false
+                    ;;
+            esac
             shift
             ;;
         --no-install) install=false ;;
@@ -46,26 +65,45 @@ while (($# > 0)); do
     shift
 done
 if [[ -n $port ]] && ! [[ $port =~ ^[1-9][0-9]{0,4}$ && $port -le 65535 ]]; then
-    fail "'$port' is no port"
+    fail "'$port' is not a port; give a number from 1 to 65535"
 fi
 if [[ -n $directory ]]; then
+    [[ $example == filedrop ]] || fail "--directory is for filedrop, not for --chat"
     [[ -d $directory ]] || fail "no directory '$directory'"
     directory=$(cd "$directory" && pwd)
 fi
+if ! $build; then
+    [[ -d $built ]] || fail "no directory '$built'"
+    built=$(cd "$built" && pwd)
+fi
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-program=build/release/examples/filedrop/wendrel-filedrop
+program=$built/examples/$example/wendrel-$example
+python=/usr/bin/python3  # the interpreter that Debian's packages are for
+start_limit_seconds=60
 work=$(mktemp -d "${TMPDIR:-/tmp}/wendrel-demo.XXXXXX")
 server=
+proxy=
 
-stop_server() {
-    [[ -n $server ]] || return 0
-    local pid=$server
-    server=
+# The exit code is that of the process, or 0 if it does not run.
+stop() {
+    local pid=$1
+    [[ -n $pid ]] || return 0
     kill -TERM "$pid" 2>/dev/null || true
     wait "$pid"
 }
+stop_server() {
+    local pid=$server
+    server=
+    stop "$pid"
+}
+stop_proxy() {
+    local pid=$proxy
+    proxy=
+    stop "$pid"
+}
 clean_up() {
+    stop_proxy || true
     stop_server || true
     rm -rf "$work"
 }
@@ -73,53 +111,103 @@ trap clean_up EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-build() {
-    if $install; then
-        say "Installing the Debian packages that are missing"
-        if $check; then scripts/install-deps.sh --demo; else scripts/install-deps.sh; fi
+install_packages() {
+    say "Installing the Debian packages that are missing"
+    local options=()
+    if [[ $example == chat ]]; then
+        options=(--chat)
+    elif $check; then
+        options=(--demo)
     fi
-    say "Building filedrop in build/release"
+    scripts/install-deps.sh "${options[@]}"
+}
+
+build_program() {
+    say "Building $example in $built"
     local options=(-DWENDREL_BUILD_EXAMPLES=ON)
     # A new build folder needs no test tools; one that has them keeps them.
     [[ -f build/release/CMakeCache.txt ]] || options+=(-DWENDREL_BUILD_TESTS=OFF)
     cmake --preset release "${options[@]}"
-    cmake --build --preset release --parallel "$(nproc)" --target wendrel-filedrop
+    cmake --build --preset release --parallel "$(nproc)" --target "wendrel-$example"
+}
+
+# need PROGRAM PACKAGE: fails unless the program is there.
+need() {
+    PATH=$PATH:/usr/sbin command -v "$1" >/dev/null ||
+        fail "$1 is not installed; install the package $2, or run without --no-install and --built"
+}
+check_tools() {
+    if [[ $example == chat ]]; then
+        need nginx nginx-light
+        need "$python" python3
+        ! $check || "$python" -c 'import websocket' 2>/dev/null ||
+            fail "$python has no module websocket; install the package python3-websocket"
+    elif $check; then
+        need curl curl
+    fi
 }
 
 accepts_connections() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
-# Waits until filedrop listens on $1; false when it has ended before or not come up in time.
-wait_for_server() {
-    local tries=150
-    while ((tries-- > 0)); do
-        kill -0 "$server" 2>/dev/null || return 1
-        if accepts_connections "$1"; then return 0; fi
-        sleep 0.1
+# wait_for_url FIFO PID: sets url to the address that the process prints when it accepts
+# connections. False: it has ended before, or has not printed one in time.
+wait_for_url() {
+    local line output
+    exec {output}<"$1"
+    while read -r -t "$start_limit_seconds" line <&"$output"; do
+        if [[ $line =~ http://127\.0\.0\.1:[0-9]+ ]]; then
+            url=${BASH_REMATCH[0]}
+            # The descriptor stays open: the process may print more.
+            return 0
+        fi
     done
+    exec {output}<&-
     return 1
 }
 
-# Sets port and server. Without a given port several are tried: another program may be faster.
+# start_program PORT: sets server and url; false if the program did not start there.
+start_program() {
+    local fifo=$work/server-$1 options=(--port "$1")
+    if [[ $example == filedrop ]]; then
+        options+=(--directory "$directory")
+    fi
+    mkfifo "$fifo"
+    "$program" "${options[@]}" >"$fifo" &
+    server=$!
+    if wait_for_url "$fifo"; then return 0; fi
+    stop_server || true
+    return 1
+}
+
+# start_server [PORT]: without a port several free ones are tried, because another program may
+# take one in between.
 start_server() {
-    local candidates=("$port") candidate
-    if [[ -z $port ]]; then
-        candidates=()
+    local candidates=("$@") candidate
+    if (($# == 0)); then
         for _ in 1 2 3 4 5; do candidates+=($((20000 + RANDOM % 12000))); done
     fi
     for candidate in "${candidates[@]}"; do
         if accepts_connections "$candidate"; then
             say "Port $candidate is in use"
-            continue
-        fi
-        "$program" --directory "$directory" --port "$candidate" &
-        server=$!
-        if wait_for_server "$candidate"; then
-            port=$candidate
+        elif start_program "$candidate"; then
             return 0
         fi
-        stop_server || true
     done
-    fail "filedrop did not come up on port ${candidates[*]}"
+    fail "cannot start $example on port ${candidates[*]}${port:+ (try another --port)}"
+}
+
+# start_proxy BACKEND_PORT: an nginx in front; sets proxy, and url to its address.
+start_proxy() {
+    if [[ -n $port ]] && accepts_connections "$port"; then
+        fail "cannot start nginx on port $port: the port is in use (try another --port)"
+    fi
+    mkfifo "$work/proxy" "$work/proxy-input"
+    # It ends with its input, hence also when this script is killed.
+    "$python" -B tests/integration/proxies/support.py nginx "$1" ${port:+"$port"} \
+        <"$work/proxy-input" >"$work/proxy" &
+    proxy=$!
+    exec 9>"$work/proxy-input"
+    wait_for_url "$work/proxy" || fail "cannot start nginx${port:+ on port $port}"
 }
 
 check_transfers() {
@@ -131,7 +219,7 @@ check_transfers() {
     say "Making a file of $size bytes"
     head -c "$size" /dev/urandom >"$source"
     say "Uploading it to $url/files/$name"
-    up=$(curl -sS --noproxy '*' -T "$source" -o "$work/answer" -w "$format" "$url/files/$name")
+    up=$(curl -sS --noproxy '*' -T "$source" -o "$work/response" -w "$format" "$url/files/$name")
     say "Downloading it again"
     down=$(curl -sS --noproxy '*' -o "$copy" -w "$format" "$url/files/$name")
 
@@ -141,8 +229,8 @@ check_transfers() {
     report "downloaded" "$down" 3
     printf 'SHA-256 sent      %s\nSHA-256 received  %s\n' "$sent" "$received"
 
-    [[ ${up%% *} == 201 || ${up%% *} == 200 ]] || fail "the upload was answered with ${up%% *}"
-    [[ ${down%% *} == 200 ]] || fail "the download was answered with ${down%% *}"
+    [[ ${up%% *} == 201 || ${up%% *} == 200 ]] || fail "the response to the upload is ${up%% *}"
+    [[ ${down%% *} == 200 ]] || fail "the response to the download is ${down%% *}"
     [[ $(stat -c %s "$copy") == "$size" ]] || fail "the file came back with another size"
     [[ $sent == "$received" ]] || fail "the file came back with other bytes"
 
@@ -159,22 +247,42 @@ report() {
     }'
 }
 
-build
-if [[ -z $directory ]]; then
-    directory=$work/files
-    mkdir "$directory"
+check_chat() {
+    say "Letting two clients talk at $url"
+    "$python" -B scripts/demo_chat.py "$url" || fail "chat did not pass the check"
+}
+
+if $install; then install_packages; fi
+if $build; then build_program; fi
+[[ -x $program ]] || fail "no program $program; build it with -DWENDREL_BUILD_EXAMPLES=ON"
+check_tools
+
+url=
+if [[ $example == filedrop ]]; then
+    if [[ -z $directory ]]; then
+        directory=$work/files
+        mkdir "$directory"
+    fi
+    say "Starting filedrop for $directory"
+    start_server ${port:+"$port"}
+else
+    say "Starting chat"
+    start_server
+    printf 'chat listens at %s\n' "$url"
+    say "Starting nginx in front of it"
+    start_proxy "${url##*:}"
 fi
-say "Starting filedrop for $directory"
-start_server
-url=http://127.0.0.1:$port
 
 if $check; then
-    check_transfers
-    say "Stopping filedrop"
-    stop_server || fail "filedrop ended with an error"
-    say "All right: $url served $directory"
+    if [[ $example == filedrop ]]; then check_transfers; else check_chat; fi
+    say "Stopping $example"
+    stop_proxy || fail "nginx ended with an error"
+    stop_server || fail "$example ended with an error"
+    say "All right: $example at $url passed the check"
 else
     say "Open $url/ in a browser; Ctrl-C stops it"
     running=$server
-    wait "$running"
+    wait "$running" || true
+    server=
+    fail "$example has ended by itself"
 fi

@@ -4,13 +4,14 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/install-deps.sh [--demo] [--tests] [--fuzz] [--soak] [--bench] [--docs] [--packages]
-                               [--dry-run] [--help]
+Usage: scripts/install-deps.sh [--demo] [--chat] [--tests] [--fuzz] [--soak] [--bench] [--docs]
+                               [--packages] [--dry-run] [--help]
 
 Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
 alone: when none is missing, neither root nor the network is needed.
 
   --demo     also curl, which scripts/demo.sh --check drives
+  --chat     also what scripts/demo.sh --chat needs; Debian starts an installed nginx on port 80
   --tests    also what the tests need
   --fuzz     also what scripts/fuzz.sh needs
   --soak     also what scripts/soak.sh needs
@@ -33,6 +34,7 @@ build_packages=(
     libmicrohttpd-dev libspdlog-dev libssl-dev libboost-url1.81-dev
     nlohmann-json3-dev libcli11-dev)
 demo_packages=(curl)
+chat_packages=(nginx-light python3 python3-websocket)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     nginx-light haproxy chromium gcovr ca-certificates slowhttptest valgrind)
@@ -52,6 +54,7 @@ dry_run=false
 for argument in "$@"; do
     case "$argument" in
         --demo) wanted+=("${demo_packages[@]}") ;;
+        --chat) wanted+=("${chat_packages[@]}") ;;
         --tests)
             wanted+=("${test_packages[@]}" "${analysis_packages[@]}" "${docs_packages[@]}"
                 "${packages_packages[@]}")

@@ -2,10 +2,10 @@
 
 Only what is marked with "# ADAPT: ..." is changed: addresses, users, and where files are put.
 
-    python3 support.py nginx 8181
+    python3 support.py nginx 8181 [PORT]
 
 runs one in front of 127.0.0.1:8181 until SIGTERM, SIGINT or the end of its input, and prints its
-address.
+address. It listens on PORT of 127.0.0.1, or on a free one.
 """
 
 import os
@@ -74,9 +74,9 @@ class Proxy:
     `change` gets the adapted configuration and returns the one to run.
     """
 
-    def __init__(self, name, backend, change=lambda text: text):
+    def __init__(self, name, backend, change=lambda text: text, port=None):
         self.name = name
-        self.port = free_port()
+        self.port = port or free_port()
         self.url = f"http://127.0.0.1:{self.port}"
         self.work = pathlib.Path(tempfile.mkdtemp(prefix=f"proxy-{name}-"))
         file = self.work / "configuration"
@@ -195,20 +195,24 @@ def backend_connections(port):
     return ends
 
 
-def main(name, backend):
+def main(name, backend, port=None):
     ended = threading.Event()
     for number in (signal.SIGTERM, signal.SIGINT):
         signal.signal(number, lambda *_: ended.set())
     # The parent's end shows as the end of our input.
     threading.Thread(target=lambda: (sys.stdin.read(), ended.set()), daemon=True).start()
-    proxy = Proxy(name, int(backend))
+    proxy = Proxy(name, int(backend), port=port and int(port))
     try:
         proxy.wait_ready()
         print(proxy.url, flush=True)
         ended.wait()
+    except AssertionError as error:
+        return f"support.py: {error}"
     finally:
-        proxy.stop()
+        code = proxy.stop()
+    # HAProxy ends by the signal itself.
+    return None if code in (0, -signal.SIGTERM) else f"support.py: {name} ended with {code}"
 
 
 if __name__ == "__main__":
-    main(*sys.argv[1:])
+    sys.exit(main(*sys.argv[1:]))
