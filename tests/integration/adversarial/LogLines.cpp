@@ -1,7 +1,7 @@
 // What clients write into the log: a line each, whatever it holds.
 
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/Waiting.h"
@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -41,7 +41,7 @@ class LogLines : public ::testing::Test
 protected:
     LogLines()
     {
-        std::string pattern = std::filesystem::temp_directory_path() / "hostile-log-XXXXXX";
+        std::string pattern = std::filesystem::temp_directory_path() / "adversarial-log-XXXXXX";
         if (::mkdtemp(pattern.data()))
             directory = pattern;
     }
@@ -103,7 +103,7 @@ void sendRaw(uint16_t port, const std::vector<std::string>& rows)
         client->receiveToEnd();
 }
 
-TEST_F(LogLines, OfHostileBytesAreOneEscapedLineAnEntry)
+TEST_F(LogLines, OfAdversarialBytesAreOneEscapedLineAnEntry)
 {
     ASSERT_FALSE(directory.empty());
     ServerProcess server({"threads=2", "timeout=1000", "log=" + (directory / "log.txt").string()});
@@ -144,8 +144,8 @@ TEST_F(LogLines, OfHostileBytesAreOneEscapedLineAnEntry)
         << log;
     const size_t lines = expectOneLineAnEntry(log);
     EXPECT_GT(lines, 3u);
-    figure("lines", static_cast<double>(lines), "lines");
+    metric("lines", static_cast<double>(lines), "lines");
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

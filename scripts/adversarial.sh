@@ -4,11 +4,11 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/hostile.sh [--preset NAME] [--filter PATTERN] [--output FILE] [--help]
+Usage: scripts/adversarial.sh [--preset NAME] [--filter PATTERN] [--output FILE] [--help]
 
-Builds the tests with hostile clients in build/NAME, runs them in full (500 slow clients of each
+Builds the tests with adversarial clients in build/NAME, runs them in full (500 slow clients of each
 kind, 50,000 connections, 5,000 broken-off transfers, ...), and prints a Markdown table of their
-figures. Takes about three minutes. Fails when one of the tests fails.
+metrics. Takes about three minutes. Fails when one of the tests fails.
 
   --preset NAME     release (the default), debug, asan, tsan or coverage; with asan and tsan the
                     numbers of clients are a tenth
@@ -16,14 +16,14 @@ figures. Takes about three minutes. Fails when one of the tests fails.
   --output FILE     where the table goes; standard output unless given
   --help            this text
 
-Environment: WENDREL_HOSTILE_DIVISOR divides the numbers of clients; WENDREL_HOSTILE_SEED repeats
+Environment: WENDREL_ADVERSARIAL_DIVISOR divides the numbers of clients; WENDREL_ADVERSARIAL_SEED repeats
 the random choices of an earlier run, which prints its seed.
 TEXT
 }
 
 say() { printf '==> %s\n' "$*" >&2; }
 fail() {
-    printf 'hostile.sh: %s\n' "$*" >&2
+    printf 'adversarial.sh: %s\n' "$*" >&2
     exit 1
 }
 
@@ -51,30 +51,30 @@ while (($# > 0)); do
 done
 case "$preset" in
     release | debug | coverage) ;;
-    asan | tsan) export WENDREL_HOSTILE_DIVISOR=${WENDREL_HOSTILE_DIVISOR:-10} ;;
+    asan | tsan) export WENDREL_ADVERSARIAL_DIVISOR=${WENDREL_ADVERSARIAL_DIVISOR:-10} ;;
     *) fail "no preset '$preset' to test; see --help" ;;
 esac
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 say "Building build/$preset"
 cmake --preset "$preset" -DWENDREL_BUILD_TESTS=ON >&2
-cmake --build --preset "$preset" --parallel "$(nproc)" --target integration_hostile >&2
+cmake --build --preset "$preset" --parallel "$(nproc)" --target integration_adversarial >&2
 
-figures=$(mktemp)
-trap 'rm -f "$figures"' EXIT
-say "Running the hostile clients"
+metrics=$(mktemp)
+trap 'rm -f "$metrics"' EXIT
+say "Running the adversarial clients"
 result=0
-WENDREL_HOSTILE_FIGURES=$figures \
-    "build/$preset/tests/integration/integration_hostile" --gtest_filter="$filter" >&2 || result=$?
+WENDREL_ADVERSARIAL_METRICS=$metrics \
+    "build/$preset/tests/integration/integration_adversarial" --gtest_filter="$filter" >&2 || result=$?
 
-# "figure: Suite.Test.name value unit", the name with points of its own.
+# "metric: Suite.Test.name value unit", the name with points of its own.
 table() {
-    printf '| Test | Figure | Value | Unit |\n|---|---|---:|---|\n'
+    printf '| Test | Metric | Value | Unit |\n|---|---|---:|---|\n'
     awk '{
         split($2, part, ".")
         test = part[1] "." part[2]
         print "| " test " | " substr($2, length(test) + 2) " | " $3 " | " $4 " |"
-    }' "$figures"
+    }' "$metrics"
 }
 table >"$output"
 exit "$result"

@@ -1,8 +1,8 @@
 /// Clients that behave well, to see how they are served beside those that do not.
-#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_GOODCLIENTS_H
-#define WENDREL_TESTS_INTEGRATION_HOSTILE_GOODCLIENTS_H
+#ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_GOODCLIENTS_H
+#define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_GOODCLIENTS_H
 
-#include "Figures.h"
+#include "Metrics.h"
 
 #include "../support/RawClient.h"
 #include "../support/WebSocketClient.h"
@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace hostile
+namespace adversarial
 {
 
 /// Times of those that were answered, and how many were not.
@@ -27,7 +27,7 @@ struct Served
     void print(const std::string& name) const
     {
         times.print(name);
-        figure(name + ".failures", static_cast<double>(failures), "requests");
+        metric(name + ".failures", static_cast<double>(failures), "requests");
     }
 };
 
@@ -129,6 +129,6 @@ private:
     std::thread mThread;
 };
 
-}  // namespace hostile
+}  // namespace adversarial
 
 #endif

@@ -1,7 +1,7 @@
 // The well-known tool for slow clients, with as many connections as our own.
 
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -70,7 +70,7 @@ class SlowHttpTest : public ::testing::TestWithParam<ToolRow>
 protected:
     static Seconds runTool(const std::string& arguments)
     {
-        std::string directory = std::filesystem::temp_directory_path() / "hostile-tool-XXXXXX";
+        std::string directory = std::filesystem::temp_directory_path() / "adversarial-tool-XXXXXX";
         if (!::mkdtemp(directory.data())) {
             ADD_FAILURE() << "no directory";
             return {};
@@ -106,8 +106,8 @@ TEST_P(SlowHttpTest, FindsTheServiceAvailable)
     const Served& served = good.stop();
     served.print("answered-beside-attack");
     EXPECT_EQ(served.failures, 0u);
-    figure("attackers", seconds.mostConnected, "connections");
-    figure("seconds-without-service", static_cast<double>(seconds.unavailable), "seconds");
+    metric("attackers", seconds.mostConnected, "connections");
+    metric("seconds-without-service", static_cast<double>(seconds.unavailable), "seconds");
     EXPECT_GT(seconds.count, 0u);
     EXPECT_EQ(seconds.unavailable, 0u);
     EXPECT_EQ(seconds.mostConnected, static_cast<double>(clients));
@@ -125,4 +125,4 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ToolRow>& each) { return std::string(each.param.name); });
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

@@ -1,8 +1,8 @@
 /// Very many clients on one thread, which do what no good client does.
-#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_CROWD_H
-#define WENDREL_TESTS_INTEGRATION_HOSTILE_CROWD_H
+#ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_CROWD_H
+#define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_CROWD_H
 
-#include "Figures.h"
+#include "Metrics.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace hostile
+namespace adversarial
 {
 
 /// One connection of a crowd.
@@ -98,6 +98,6 @@ private:
     std::deque<Client> mClients;
 };
 
-}  // namespace hostile
+}  // namespace adversarial
 
 #endif

@@ -1,8 +1,8 @@
 // WebSocket clients that keep to nothing, on the kit's hub.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/Waiting.h"
@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -72,7 +72,7 @@ protected:
             crowd->send(crowd->open(0, receiveBuffer), kHandshake);
         EXPECT_TRUE(crowd->run([&] { return upgraded == clients; }, kLimit));
         crowd->onChange = nullptr;
-        figure("attackers", static_cast<double>(clients), "connections");
+        metric("attackers", static_cast<double>(clients), "connections");
     }
 
     void printMemoryOfEach()
@@ -81,7 +81,7 @@ protected:
         memoryOfEach =
             (static_cast<double>(now.residentBytes) - static_cast<double>(before.residentBytes)) /
             static_cast<double>(scaled(kClients));
-        figure("resident-memory-per-attacker", memoryOfEach / kKib, "KiB");
+        metric("resident-memory-per-attacker", memoryOfEach / kKib, "KiB");
     }
 
     // Drives the crowd for this long with a good client beside it.
@@ -103,8 +103,8 @@ protected:
     void expectAllIsOver()
     {
         crowd.reset();
-        EXPECT_TRUE(waitUntil([this] { return server->figures().at("connections") == 0; }));
-        figure("resident-memory-when-all-have-gone",
+        EXPECT_TRUE(waitUntil([this] { return server->metrics().at("connections") == 0; }));
+        metric("resident-memory-when-all-have-gone",
                static_cast<double>(server->footprint().residentBytes) / kKib, "KiB");
         // A worker keeps the connection that it has closed until it gets another one.
         EXPECT_TRUE(waitUntil([this] {
@@ -137,7 +137,7 @@ TEST_F(WebSocketAbuse, AFrameByteByByteKeepsItsPlaceForEver)
         ++at;
     });
     EXPECT_EQ(crowd->count(Client::Open), scaled(kClients));
-    figure("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
+    metric("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
            "connections");
     expectAllIsOver();
 }
@@ -186,7 +186,7 @@ TEST_F(WebSocketAbuse, AFewHalfClosedClientsASecondHoldAllWorkers)
             return false;
         },
         time);
-    figure("attackers", static_cast<double>(opened) / millisecondsSince(start) * 1000,
+    metric("attackers", static_cast<double>(opened) / millisecondsSince(start) * 1000,
            "connections/s");
     crowd.reset();
     const Served& served = good.stop();
@@ -214,17 +214,17 @@ TEST_F(WebSocketAbuse, ClientsThatDoNotReadAreEndedByTheHub)
            millisecondsSince(start) < static_cast<double>(kLimit.count())) {
         crowd->runFor(milliseconds(50));
         most = std::max(most, server->footprint().residentBytes);
-        const size_t left = server->figures().at("connections");
+        const size_t left = server->metrics().at("connections");
         while (closed.values.size() + left < clients + 1)
             closed.add(millisecondsSince(start));
     }
     const Served& served = good.stop();
     served.print("echoed-beside-attack");
     EXPECT_EQ(served.failures, 0u);
-    figure("unsent-limit", kUnsentMs, "ms");
+    metric("unsent-limit", kUnsentMs, "ms");
     closed.print("ended-after-attack-began");
-    figure("queued-for-each", kKib, "KiB");
-    figure("resident-memory-per-attacker",
+    metric("queued-for-each", kKib, "KiB");
+    metric("resident-memory-per-attacker",
            static_cast<double>(most - std::min(most, before.residentBytes)) /
                static_cast<double>(clients) / kKib,
            "KiB");
@@ -234,9 +234,9 @@ TEST_F(WebSocketAbuse, ClientsThatDoNotReadAreEndedByTheHub)
 
 TEST_F(WebSocketAbuse, GarbageEndsNothingButItsOwnConnection)
 {
-    const char* text = std::getenv("WENDREL_HOSTILE_SEED");
+    const char* text = std::getenv("WENDREL_ADVERSARIAL_SEED");
     const uint64_t seed = text ? std::strtoull(text, nullptr, 10) : std::random_device()();
-    figure("seed", static_cast<double>(seed), "WENDREL_HOSTILE_SEED");
+    metric("seed", static_cast<double>(seed), "WENDREL_ADVERSARIAL_SEED");
     std::mt19937_64 random(seed);
     start();
     openAll([&](Client& client) {
@@ -246,8 +246,8 @@ TEST_F(WebSocketAbuse, GarbageEndsNothingButItsOwnConnection)
         crowd->send(client, bytes);
     });
     runBesideGoodOne(milliseconds(2000));
-    figure("ended-by-the-server", static_cast<double>(crowd->count(Client::Ended)), "connections");
-    figure("still-connected", static_cast<double>(crowd->count(Client::Open)), "connections");
+    metric("ended-by-the-server", static_cast<double>(crowd->count(Client::Ended)), "connections");
+    metric("still-connected", static_cast<double>(crowd->count(Client::Open)), "connections");
     EXPECT_GT(crowd->count(Client::Ended), 0u);
     printMemoryOfEach();
     expectAllIsOver();
@@ -286,9 +286,9 @@ TEST_F(WebSocketAbuse, AFloodOfTinyFramesIsServedBesideOthers)
             return headBytes > 0 && client.received >= headBytes + answerBytes;
         },
         kLimit));
-    figure("frames", static_cast<double>(frames), "frames");
-    figure("rate", static_cast<double>(frames) / millisecondsSince(start) * 1000, "frames/s");
-    figure("resident-memory-most", static_cast<double>(most) / kKib, "KiB");
+    metric("frames", static_cast<double>(frames), "frames");
+    metric("rate", static_cast<double>(frames) / millisecondsSince(start) * 1000, "frames/s");
+    metric("resident-memory-most", static_cast<double>(most) / kKib, "KiB");
     const Served& served = good.stop();
     served.print("echoed-beside-attack");
     EXPECT_EQ(served.failures, 0u);
@@ -321,8 +321,8 @@ TEST_F(WebSocketAbuse, AnAnnouncedTebibyteIsKeptAsFarAsItHasCome)
             return kSanitized || most >= before.residentBytes + bytes;
         },
         kLimit);
-    figure("sent", static_cast<double>(bytes) / kMib, "MiB");
-    figure("kept", static_cast<double>(most - std::min(most, before.residentBytes)) / kMib, "MiB");
+    metric("sent", static_cast<double>(bytes) / kMib, "MiB");
+    metric("kept", static_cast<double>(most - std::min(most, before.residentBytes)) / kMib, "MiB");
     EXPECT_EQ(crowd->count(Client::Open), 1u);
     crowd->onChange = nullptr;
     expectAllIsOver();
@@ -343,9 +343,9 @@ TEST_F(WebSocketAbuse, AnAnnouncedLengthNearTwoToThe64EndsTheProcess)
     const std::optional<int> end = victim.waitForEnd(kLimit);
     ASSERT_TRUE(end);
     EXPECT_EQ(*end, -SIGABRT);
-    figure("bytes-that-end-the-process", static_cast<double>(header.size()), "bytes");
-    figure("process-ended-by-signal", -*end, "number");
+    metric("bytes-that-end-the-process", static_cast<double>(header.size()), "bytes");
+    metric("process-ended-by-signal", -*end, "number");
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

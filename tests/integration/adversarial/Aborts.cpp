@@ -1,8 +1,8 @@
 // Uploads and downloads that their clients break off anywhere.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/TestServer.h"
@@ -22,7 +22,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -47,7 +47,7 @@ constexpr milliseconds kLater(100);
 
 uint64_t seed()
 {
-    const char* text = std::getenv("WENDREL_HOSTILE_SEED");
+    const char* text = std::getenv("WENDREL_ADVERSARIAL_SEED");
     return text ? std::strtoull(text, nullptr, 10) : std::random_device()();
 }
 
@@ -214,34 +214,34 @@ std::string reasonOf(const std::string& ending)
 TEST(Aborts, OfTheKitsRequestsAllEndAndAreDeleted)
 {
     const uint64_t dice = seed();
-    figure("seed", static_cast<double>(dice), "WENDREL_HOSTILE_SEED");
+    metric("seed", static_cast<double>(dice), "WENDREL_ADVERSARIAL_SEED");
     ServerProcess server(
         {"threads=2", "workers=" + std::to_string(scaled(kAborts) + 20), "timeout=3000"});
     serve(server.port(), 100);
     const Footprint before = server.quietFootprint();
-    const uint64_t requestsBefore = server.figures().at("requests");
+    const uint64_t requestsBefore = server.metrics().at("requests");
     const auto start = Clock::now();
     Leavers leavers(server.port(), dice);
     leavers.run(scaled(kAborts));
     EXPECT_EQ(leavers.left() + leavers.endedByServer(), scaled(kAborts));
     constexpr size_t kToleratedBytes = 32u << 20;
     server.expectAsBefore(before, kToleratedBytes);
-    figure("aborts", static_cast<double>(leavers.left()), "connections");
+    metric("aborts", static_cast<double>(leavers.left()), "connections");
     // On a machine that is too slow for the time-out.
-    figure("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
+    metric("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
            "connections");
-    figure("until-all-have-ended", millisecondsSince(start), "ms");
+    metric("until-all-have-ended", millisecondsSince(start), "ms");
 
     uint64_t ended = 0;
     for (const auto& [ending, count] : server.endings()) {
         ended += count;
         std::string name = ending.substr(0, ending.find(':')) + "." + reasonOf(ending);
         std::replace(name.begin(), name.end(), ' ', '-');
-        figure(name, static_cast<double>(count), "requests");
+        metric(name, static_cast<double>(count), "requests");
         EXPECT_EQ(kErrors.count(reasonOf(ending)), 1u) << ending;
         EXPECT_NE(ending.substr(0, ending.find(':')), "unserved");
     }
-    EXPECT_EQ(ended, server.figures().at("requests"));
+    EXPECT_EQ(ended, server.metrics().at("requests"));
     EXPECT_GT(ended, requestsBefore);
     EXPECT_TRUE(isAnswered(server.port()));
     server.stop(milliseconds(1000));
@@ -304,7 +304,7 @@ void serveWithoutKit(integration::TestRequest& request, Endings& endings)
 TEST(Aborts, AreCompletedOnceForEachRequestOfTheLibraryAlone)
 {
     const uint64_t dice = seed();
-    figure("seed", static_cast<double>(dice), "WENDREL_HOSTILE_SEED");
+    metric("seed", static_cast<double>(dice), "WENDREL_ADVERSARIAL_SEED");
     Endings endings;
     integration::TestServerOptions options;
     options.connectionTimeoutMs = 3000;
@@ -320,16 +320,16 @@ TEST(Aborts, AreCompletedOnceForEachRequestOfTheLibraryAlone)
     EXPECT_EQ(server.requestsDeleted(), server.requestsCreated());
     EXPECT_EQ(server.requestsCompleted(), server.requestsCreated());
     EXPECT_GT(server.requestsCreated(), 0u);
-    figure("aborts", static_cast<double>(leavers.left()), "connections");
+    metric("aborts", static_cast<double>(leavers.left()), "connections");
     // On a machine that is too slow for the time-out.
-    figure("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
+    metric("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
            "connections");
-    figure("requests", static_cast<double>(server.requestsCreated()), "requests");
-    figure("until-all-have-ended", millisecondsSince(start), "ms");
+    metric("requests", static_cast<double>(server.requestsCreated()), "requests");
+    metric("until-all-have-ended", millisecondsSince(start), "ms");
     for (const auto& [ending, count] : endings.counts()) {
         std::string name = ending.substr(0, ending.find(':')) + "." + reasonOf(ending);
         std::replace(name.begin(), name.end(), ' ', '-');
-        figure(name, static_cast<double>(count), "requests");
+        metric(name, static_cast<double>(count), "requests");
         EXPECT_EQ(kErrors.count(reasonOf(ending)), 1u) << ending;
     }
 }
@@ -357,17 +357,17 @@ TEST(Aborts, BehindTheLastByteHoldAWorkerUntilTheTimeOut)
             crowd.send(crowd.open(), part);
         EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Ended) == kLeavers; }, kLimit));
     }
-    figure("clients-that-have-gone", kLeavers, "connections");
-    figure("connection-time-out", kTimeOutMs, "ms");
+    metric("clients-that-have-gone", kLeavers, "connections");
+    metric("connection-time-out", kTimeOutMs, "ms");
     Meanwhile good(server.port(), Meanwhile::Requests);
     EXPECT_TRUE(integration::waitUntil([&] { return good.answered() > 0; }));
-    figure("next-answer-after", millisecondsSince(start), "ms");
+    metric("next-answer-after", millisecondsSince(start), "ms");
     // A good client that waits longer than that for a worker is closed as well.
-    figure("good-clients-closed-meanwhile", static_cast<double>(good.stop().failures), "requests");
+    metric("good-clients-closed-meanwhile", static_cast<double>(good.stop().failures), "requests");
     constexpr size_t kToleratedBytes = 8u << 20;
     server.expectAsBefore(before, kToleratedBytes);
     server.stop(milliseconds(1000));
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

@@ -1,13 +1,13 @@
-/// What the tests with hostile clients measure, and how they say it.
-#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_FIGURES_H
-#define WENDREL_TESTS_INTEGRATION_HOSTILE_FIGURES_H
+/// What the tests with adversarial clients measure, and how they say it.
+#ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_METRICS_H
+#define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_METRICS_H
 
 #include <chrono>
 #include <cstddef>
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 
 using Clock = std::chrono::steady_clock;
@@ -16,12 +16,12 @@ using std::chrono::milliseconds;
 /// True in a build with sanitizers, where memory and times say nothing about the library.
 extern const bool kSanitized;
 
-/// `full` divided by WENDREL_HOSTILE_DIVISOR, at least 1.
+/// `full` divided by WENDREL_ADVERSARIAL_DIVISOR, at least 1.
 size_t scaled(size_t full);
 
-/// Prints "figure: <case>.<name> <value> <unit>", the case being the running test, and adds the
-/// line to the file that WENDREL_HOSTILE_FIGURES names, if any.
-void figure(const std::string& name, double value, const std::string& unit);
+/// Prints "metric: <case>.<name> <value> <unit>", the case being the running test, and adds the
+/// line to the file that WENDREL_ADVERSARIAL_METRICS names, if any.
+void metric(const std::string& name, double value, const std::string& unit);
 
 /// Milliseconds since `start`.
 double millisecondsSince(Clock::time_point start);
@@ -40,13 +40,13 @@ struct Distribution
     double median() const { return quantile(0.5); }
     double most() const { return quantile(1); }
 
-    /// Figures for count, median, p99 and most.
+    /// Metrics for count, median, p99 and most.
     void print(const std::string& name, const std::string& unit = "ms") const;
 };
 
 /// Allows this process and its children as many descriptors as may be.
 void raiseDescriptorLimit();
 
-}  // namespace hostile
+}  // namespace adversarial
 
 #endif

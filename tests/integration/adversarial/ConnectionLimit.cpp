@@ -1,8 +1,8 @@
 // More connections than the daemon has places for.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/Waiting.h"
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -50,9 +50,9 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
     for (size_t i = 0; i < kConnections; ++i)
         crowd.send(crowd.open(), integration::getRequest("/small"));
     EXPECT_TRUE(crowd.run([&] { return answered == kPlaces; }, kLimit));
-    figure("connections", kConnections, "connections");
-    figure("first-served", static_cast<double>(answered), "connections");
-    figure("first-served-after", millisecondsSince(start), "ms");
+    metric("connections", kConnections, "connections");
+    metric("first-served", static_cast<double>(answered), "connections");
+    metric("first-served-after", millisecondsSince(start), "ms");
     // The others are connected, in the queue of the listening socket, and get nothing. While that
     // queue was full the system dropped what asked for a connection, and asks again after a second.
     EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Open) == kConnections; }, kLimit));
@@ -70,10 +70,10 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
         return answered == kConnections;
     };
     EXPECT_TRUE(crowd.run(leave, kLimit));
-    figure("rest-served", static_cast<double>(answered - kPlaces), "connections");
-    figure("rest-served-after", millisecondsSince(rest), "ms");
+    metric("rest-served", static_cast<double>(answered - kPlaces), "connections");
+    metric("rest-served-after", millisecondsSince(rest), "ms");
     EXPECT_EQ(answered, kConnections);
-    EXPECT_EQ(server.figures().at("requests"), kConnections + 200);
+    EXPECT_EQ(server.metrics().at("requests"), kConnections + 200);
     for (Client* client : served)
         crowd.end(*client, Crowd::End::Close);
     server.expectAsBefore(before, kToleratedBytes);
@@ -93,15 +93,15 @@ TEST(ConnectionLimit, SilentClientsInAllPlacesLockTheOthersOutUntilTheTimeOut)
     ASSERT_TRUE(
         crowd.run([&] { return server.descriptors() >= before.descriptors + kPlaces; }, kLimit));
     const Footprint full = server.footprint();
-    figure("resident-memory-per-silent-connection",
+    metric("resident-memory-per-silent-connection",
            static_cast<double>(full.residentBytes - before.residentBytes) / kPlaces / 1024, "KiB");
     Meanwhile good(server.port(), Meanwhile::Requests);
     const auto start = Clock::now();
     EXPECT_TRUE(crowd.run([&] { return good.answered() > 0; }, kLimit));
     const double waited = millisecondsSince(start);
-    figure("attackers", kPlaces, "connections");
-    figure("connection-time-out", kTimeOutMs, "ms");
-    figure("next-answer-after", waited, "ms");
+    metric("attackers", kPlaces, "connections");
+    metric("connection-time-out", kTimeOutMs, "ms");
+    metric("next-answer-after", waited, "ms");
     const Served& served = good.stop();
     EXPECT_EQ(served.failures, 0u);
     // It was not there at once, unless this machine stood still meanwhile.
@@ -136,12 +136,12 @@ TEST(ConnectionLimit, AStopWithAllPlacesTakenEndsWithTheTimeOutAtTheLatest)
         };
         ASSERT_TRUE(crowd.run(isFull, kLimit));
         const Report stopped = server.stop(milliseconds(0));
-        figure(std::string(row.name) + ".stop", static_cast<double>(stopped.at("ms")), "ms");
+        metric(std::string(row.name) + ".stop", static_cast<double>(stopped.at("ms")), "ms");
         constexpr double kSpareMs = 20000;
         EXPECT_LT(static_cast<double>(stopped.at("ms")), kTimeOutMs + kSpareMs);
     }
-    figure("connection-time-out", kTimeOutMs, "ms");
+    metric("connection-time-out", kTimeOutMs, "ms");
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

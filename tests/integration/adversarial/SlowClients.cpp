@@ -1,8 +1,8 @@
 // Clients that take their time: in the head, in the body, in reading the answer.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/Waiting.h"
@@ -15,7 +15,7 @@
 #include <memory>
 #include <string>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -90,7 +90,7 @@ protected:
         }
         ASSERT_TRUE(
             waitUntil([&] { return server->descriptors() >= before.descriptors + rates; }) ||
-            crowd->run([&] { return server->figures().at("open") == rates; }, kLimit));
+            crowd->run([&] { return server->metrics().at("open") == rates; }, kLimit));
     }
 
     void printCostOfEach(const Footprint& attacked)
@@ -99,9 +99,9 @@ protected:
         const double more =
             static_cast<double>(attacked.residentBytes) - static_cast<double>(before.residentBytes);
         memoryOfEach = more / clients;
-        figure("attackers", clients, "connections");
-        figure("resident-memory-per-attacker", memoryOfEach / kKib, "KiB");
-        figure("descriptors-per-attacker",
+        metric("attackers", clients, "connections");
+        metric("resident-memory-per-attacker", memoryOfEach / kKib, "KiB");
+        metric("descriptors-per-attacker",
                static_cast<double>(attacked.descriptors - before.descriptors) / clients, "count");
     }
 
@@ -155,9 +155,9 @@ protected:
         slowestAnswer = served.times.most();
         EXPECT_EQ(served.failures, 0u);
         EXPECT_GT(served.times.values.size(), 0u);
-        figure("attack-lasted", kDrips * static_cast<double>(kBetweenBytes.count()), "ms");
-        figure("connection-time-out", static_cast<double>(kTimeOut.count()), "ms");
-        figure("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
+        metric("attack-lasted", kDrips * static_cast<double>(kBetweenBytes.count()), "ms");
+        metric("connection-time-out", static_cast<double>(kTimeOut.count()), "ms");
+        metric("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
                "connections");
     }
 
@@ -183,7 +183,7 @@ protected:
         for (const Client& each : crowd->clients())
             times.add(
                 std::chrono::duration<double, std::milli>(each.ended - each.lastSent).count());
-        figure("closed-after-last-byte.min", times.least(), "ms");
+        metric("closed-after-last-byte.min", times.least(), "ms");
         times.print("closed-after-last-byte");
         // The daemon counts in steps of the system's coarse clock.
         constexpr double kCoarseMs = 100;
@@ -226,7 +226,7 @@ TEST_F(SlowClients, ABodyByteByByteKeepsAWorker)
 {
     start(scaled(kClients) + 16);
     openAll("PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n12345");
-    EXPECT_TRUE(waitUntil([this] { return server->figures().at("open") >= scaled(kClients); }));
+    EXPECT_TRUE(waitUntil([this] { return server->metrics().at("open") >= scaled(kClients); }));
     printCostOfEach(server->footprint());
     dripAll([this](Client& each) { crowd->send(each, "x"); });
     expectAllAreStillThere();
@@ -252,11 +252,11 @@ TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
     served.print("answered-beside-attack");
     EXPECT_EQ(served.failures, 0u);
     // The time-out begins when the system takes no more of the answer.
-    figure("closed-after-attack-began.min", attack.closed.least(), "ms");
+    metric("closed-after-attack-began.min", attack.closed.least(), "ms");
     attack.closed.print("closed-after-attack-began");
     EXPECT_GE(attack.closed.values.size(), scaled(kClients));
     printCostOfEach(attack.most);
-    figure("kernel-memory-per-attacker",
+    metric("kernel-memory-per-attacker",
            static_cast<double>(attack.kernelBytes - std::min(attack.kernelBytes, kernelBefore)) /
                static_cast<double>(scaled(kClients)) / kKib,
            "KiB");
@@ -285,10 +285,10 @@ TEST_F(SlowClients, AReaderKeepsItsPlaceAboveACertainRate)
         crowd->runFor(milliseconds(1000 / kPartsOfATurn));
     }
     // Each that is still served has a request open.
-    const uint64_t stayed = server->figures().at("open");
+    const uint64_t stayed = server->metrics().at("open");
     EXPECT_GT(stayed, 0u);
     EXPECT_LT(stayed, std::size(kRates));
-    figure("lowest-rate-that-stays",
+    metric("lowest-rate-that-stays",
            static_cast<double>(kRates[std::size(kRates) - std::max<uint64_t>(1, stayed)]) / kKib,
            "KiB/s");
     crowd.reset();
@@ -301,7 +301,7 @@ TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
     constexpr size_t kAnswers = 50;
     constexpr size_t kAnswerBytes = 8u << 20;
     start(16);
-    const uint64_t asked = server->figures().at("requests");
+    const uint64_t asked = server->metrics().at("requests");
     for (size_t i = 0; i < scaled(kAnswers); ++i) {
         Client& client = crowd->open(0, 8192);
         client.receiveUpTo = 0;
@@ -309,7 +309,7 @@ TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
                                 " HTTP/1.1\r\nHost: x\r\n\r\n");
     }
     const auto isAnswering = [&] {
-        return server->figures().at("requests") >= asked + scaled(kAnswers);
+        return server->metrics().at("requests") >= asked + scaled(kAnswers);
     };
     ASSERT_TRUE(crowd->run(isAnswering, kLimit));
     size_t most = 0;
@@ -322,8 +322,8 @@ TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
         kLimit));
     const double each = static_cast<double>(most - std::min(most, before.residentBytes)) /
                         static_cast<double>(scaled(kAnswers));
-    figure("answer", static_cast<double>(kAnswerBytes) / kKib, "KiB");
-    figure("resident-memory-per-attacker", each / kKib, "KiB");
+    metric("answer", static_cast<double>(kAnswerBytes) / kKib, "KiB");
+    metric("resident-memory-per-attacker", each / kKib, "KiB");
     if (!kSanitized) {
         // The copy for the daemon, and for a moment the two that it is made from.
         EXPECT_LT(each, 3.5 * kAnswerBytes);
@@ -342,7 +342,7 @@ TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
     for (size_t i = 0; i < kWorkers; ++i)
         crowd->send(crowd->open(),
                     "PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n");
-    const auto areTaken = [&] { return server->figures().at("open") == kWorkers; };
+    const auto areTaken = [&] { return server->metrics().at("open") == kWorkers; };
     ASSERT_TRUE(crowd->run(areTaken, kLimit));
     const auto start = Clock::now();
     Meanwhile good(server->port(), Meanwhile::Requests);
@@ -354,13 +354,13 @@ TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
         longestPause = std::max(longestPause, millisecondsSince(start) -
                                                   i * static_cast<double>(kBetweenBytes.count()));
     }
-    figure("attackers", kWorkers, "connections");
-    figure("answered-during-attack", static_cast<double>(good.answered()), "requests");
+    metric("attackers", kWorkers, "connections");
+    metric("answered-during-attack", static_cast<double>(good.answered()), "requests");
     if (crowd->count(Client::Open) == kWorkers) {
         EXPECT_EQ(good.answered(), 0u);
     }
     EXPECT_TRUE(crowd->run([&] { return good.answered() > 0; }, kLimit));
-    figure("next-answer-after-attack-began", millisecondsSince(start), "ms");
+    metric("next-answer-after-attack-began", millisecondsSince(start), "ms");
     good.stop();
     expectAllIsOver();
 }
@@ -376,7 +376,7 @@ TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
         crowd = std::make_unique<Crowd>(server->port());
         for (size_t i = 0; i < waiting; ++i)
             crowd->send(crowd->open(), "GET /hold HTTP/1.1\r\nHost: x\r\n\r\n");
-        ASSERT_TRUE(crowd->run([&] { return server->figures().at("holding") == waiting; }, kLimit));
+        ASSERT_TRUE(crowd->run([&] { return server->metrics().at("holding") == waiting; }, kLimit));
         Served served;
         for (int i = 0; i < kGoodOnes; ++i) {
             // Each event gives the thread another 100 ms without a pause.
@@ -384,8 +384,8 @@ TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
             serveOne(server->port(), served);
         }
         const std::string name = "answered-beside-" + std::to_string(waiting) + "-waiting";
-        figure(name + ".median", served.times.median(), "ms");
-        figure(name + ".max", served.times.most(), "ms");
+        metric(name + ".median", served.times.median(), "ms");
+        metric(name + ".max", served.times.most(), "ms");
         EXPECT_EQ(served.failures, 0u);
         server->ask("release");
         crowd.reset();
@@ -394,4 +394,4 @@ TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

@@ -13,7 +13,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace hostile
+namespace adversarial
 {
 
 namespace
@@ -273,4 +273,4 @@ void Crowd::closeDescriptor(Client& client)
     std::string().swap(client.pending);
 }
 
-}  // namespace hostile
+}  // namespace adversarial

@@ -5,7 +5,7 @@
 // hubworkers, unsent (ms), sendbuffer (bytes, of upgraded sockets); and log=path for a log in a
 // file (without it, lines are only counted). Prints "port=N". Obeys orders on standard input, a
 // line each:
-//   figures   gives unused memory back to the system and prints numbers
+//   metrics   gives unused memory back to the system and prints numbers
 //   endings   prints how requests ended: their number, then "count kind: error" a line each
 //   release   lets those requests go on that ask for /hold
 //   stop N    stops within N ms, prints numbers, and ends the process
@@ -333,8 +333,8 @@ public:
 
     void obey(const std::string& order)
     {
-        if (order == "figures")
-            std::printf("figures open=%zu requests=%llu holding=%llu connections=%zu "
+        if (order == "metrics")
+            std::printf("metrics open=%zu requests=%llu holding=%llu connections=%zu "
                         "messages=%llu heap=%zu lines=%llu\n",
                         mTarget->getOpenCount(), number(mTarget->getRequestCount()),
                         number(mLedger.holding), mTarget->connections(),

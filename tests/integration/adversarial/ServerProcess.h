@@ -1,8 +1,8 @@
 /// The server under attack in a process of its own, and looks at it from outside.
-#ifndef WENDREL_TESTS_INTEGRATION_HOSTILE_SERVERPROCESS_H
-#define WENDREL_TESTS_INTEGRATION_HOSTILE_SERVERPROCESS_H
+#ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_SERVERPROCESS_H
+#define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_SERVERPROCESS_H
 
-#include "Figures.h"
+#include "Metrics.h"
 
 #include <cstdint>
 #include <map>
@@ -12,7 +12,7 @@
 
 #include <sys/types.h>
 
-namespace hostile
+namespace adversarial
 {
 
 /// What a process occupies.
@@ -26,7 +26,7 @@ struct Footprint
 /// What the server says of itself: names and numbers.
 using Report = std::map<std::string, uint64_t>;
 
-/// One process of hostile_server; see there for its arguments and orders.
+/// One process of adversarial_server; see there for its arguments and orders.
 class ServerProcess
 {
 public:
@@ -52,7 +52,7 @@ public:
     /// One order whose answer is one line.
     Report ask(const std::string& order);
 
-    Report figures() { return ask("figures"); }
+    Report metrics() { return ask("metrics"); }
 
     /// Error text of the response device to number, for each kind of request that has ended.
     std::map<std::string, uint64_t> endings();
@@ -80,6 +80,6 @@ private:
     std::optional<int> mEnd;
 };
 
-}  // namespace hostile
+}  // namespace adversarial
 
 #endif

@@ -1,8 +1,8 @@
 // Requests that are too much of one thing: what their client gets, and what they leave behind.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include "../support/Waiting.h"
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -166,8 +166,8 @@ TEST_F(HeaderBombs, GetAnAnswerOrTheirEndAndLeaveNothing)
         const double time = millisecondsSince(start) / static_cast<double>(found.size());
         for (const int outcome : found)
             EXPECT_EQ(outcome, bomb.outcome);
-        figure(std::string(bomb.name) + ".outcome", found.front(), "status");
-        figure(std::string(bomb.name) + ".time-of-each", time, "ms");
+        metric(std::string(bomb.name) + ".outcome", found.front(), "status");
+        metric(std::string(bomb.name) + ".time-of-each", time, "ms");
         EXPECT_TRUE(isAnswered(server.port()));
     }
     server.expectAsBefore(before, kToleratedBytes);
@@ -184,9 +184,9 @@ TEST_F(HeaderBombs, TenThousandRequestsAtOnceOnOneConnectionAreAllAnswered)
     crowd.send(client,
                repeated(get("/small"), requests - 1) + get("/small", "Connection: close\r\n"));
     EXPECT_TRUE(crowd.run([&] { return client.state == Client::Ended; }, kLimit));
-    figure("requests", static_cast<double>(requests), "requests");
-    figure("time", millisecondsSince(start), "ms");
-    EXPECT_EQ(server.figures().at("requests"), requests);
+    metric("requests", static_cast<double>(requests), "requests");
+    metric("time", millisecondsSince(start), "ms");
+    EXPECT_EQ(server.metrics().at("requests"), requests);
     EXPECT_FALSE(client.wasReset);
     server.stop(kLimit);
 }
@@ -220,18 +220,18 @@ TEST_F(HeaderBombs, RequestsDroppedByTheDaemonAreForgottenWhenTheServerStops)
         const size_t requests = scaled(kRequests / 8);
         ServerProcess server = makeServer();
         serve(server.port(), 100);
-        const uint64_t heapBefore = server.figures().at("heap");
+        const uint64_t heapBefore = server.metrics().at("heap");
         {
             Crowd crowd(server.port());
             for (size_t i = 0; i < requests; ++i)
                 crowd.send(crowd.open(), dropped.bytes);
             const auto start = Clock::now();
             EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Ended) == requests; }, kLimit));
-            figure(std::string(dropped.name) + ".closed-after", millisecondsSince(start), "ms");
+            metric(std::string(dropped.name) + ".closed-after", millisecondsSince(start), "ms");
             size_t silent = 0;
             for (const Client& each : crowd.clients())
                 silent += each.text.empty();
-            figure(std::string(dropped.name) + ".without-answer", static_cast<double>(silent),
+            metric(std::string(dropped.name) + ".without-answer", static_cast<double>(silent),
                    "requests");
         }
         // A client that does not wait for its end either.
@@ -245,21 +245,21 @@ TEST_F(HeaderBombs, RequestsDroppedByTheDaemonAreForgottenWhenTheServerStops)
             for (size_t i = 0; i < requests; ++i)
                 crowd.send(crowd.open(), dropped.bytes);
             EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Ended) == requests; }, kLimit));
-            figure(std::string(dropped.name) + ".rate",
+            metric(std::string(dropped.name) + ".rate",
                    static_cast<double>(requests) / millisecondsSince(start) * 1000, "requests/s");
         }
         EXPECT_TRUE(isAnswered(server.port()));
         server.quietFootprint();
         const auto kept =
-            static_cast<double>(server.figures().at("heap")) - static_cast<double>(heapBefore);
+            static_cast<double>(server.metrics().at("heap")) - static_cast<double>(heapBefore);
         const Report stopped = server.stop(kLimit);
-        figure(std::string(dropped.name) + ".kept-until-stop-of-each",
+        metric(std::string(dropped.name) + ".kept-until-stop-of-each",
                kept / static_cast<double>(2 * requests) / kKib, "KiB");
-        figure(std::string(dropped.name) + ".kept-after-stop",
+        metric(std::string(dropped.name) + ".kept-after-stop",
                static_cast<double>(stopped.at("heap")) / kKib, "KiB");
         EXPECT_LE(stopped.at("heap"), heapBefore);
     }
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

@@ -21,7 +21,7 @@
 
 extern char** environ;
 
-namespace hostile
+namespace adversarial
 {
 
 namespace
@@ -67,7 +67,7 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
     mOrders = orders[1];
     mAnswers = answers[0];
 
-    std::vector<std::string> words{WENDREL_HOSTILE_SERVER};
+    std::vector<std::string> words{WENDREL_ADVERSARIAL_SERVER};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
     for (std::string& word : words)
@@ -150,7 +150,7 @@ size_t ServerProcess::descriptors() const
 
 Footprint ServerProcess::footprint()
 {
-    figures();
+    metrics();
     std::stringstream status;
     status << std::ifstream("/proc/" + std::to_string(mProcess) + "/status").rdbuf();
     Footprint found;
@@ -163,7 +163,7 @@ Footprint ServerProcess::footprint()
 Footprint ServerProcess::quietFootprint()
 {
     EXPECT_TRUE(integration::waitUntil(
-        [this] { return descriptors() <= mFirstDescriptors && figures().at("open") == 0; }));
+        [this] { return descriptors() <= mFirstDescriptors && metrics().at("open") == 0; }));
     return footprint();
 }
 
@@ -190,7 +190,7 @@ std::optional<int> ServerProcess::waitForEnd(milliseconds limit)
 void ServerProcess::expectAsBefore(const Footprint& before, size_t toleratedBytes)
 {
     toleratedBytes += kKeptBytes + before.threads * kKeptByThreadBytes;
-    EXPECT_TRUE(integration::waitUntil([&] { return figures().at("open") == 0; }));
+    EXPECT_TRUE(integration::waitUntil([&] { return metrics().at("open") == 0; }));
     EXPECT_TRUE(integration::waitUntil([&] { return descriptors() <= before.descriptors; }));
     const auto isAsBefore = [&] {
         const Footprint now = footprint();
@@ -202,11 +202,11 @@ void ServerProcess::expectAsBefore(const Footprint& before, size_t toleratedByte
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.threads, before.threads);
     constexpr double kKib = 1024;
-    figure("resident-memory-before", static_cast<double>(before.residentBytes) / kKib, "KiB");
-    figure("resident-memory-after", static_cast<double>(after.residentBytes) / kKib, "KiB");
+    metric("resident-memory-before", static_cast<double>(before.residentBytes) / kKib, "KiB");
+    metric("resident-memory-after", static_cast<double>(after.residentBytes) / kKib, "KiB");
     if (!kSanitized) {
         EXPECT_LE(after.residentBytes, before.residentBytes + toleratedBytes);
     }
 }
 
-}  // namespace hostile
+}  // namespace adversarial

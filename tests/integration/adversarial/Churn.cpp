@@ -1,15 +1,15 @@
 // Connections that come and go.
 
 #include "Crowd.h"
-#include "Figures.h"
 #include "GoodClients.h"
+#include "Metrics.h"
 #include "ServerProcess.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-namespace hostile
+namespace adversarial
 {
 namespace
 {
@@ -70,9 +70,9 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
     const auto start = Clock::now();
     EXPECT_TRUE(crowd.run(renew, kLimit));
     const double time = millisecondsSince(start);
-    figure("connections", static_cast<double>(opened), "connections");
-    figure("rate", static_cast<double>(opened) / time * 1000, "connections/s");
-    figure("answered", static_cast<double>(answered), "requests");
+    metric("connections", static_cast<double>(opened), "connections");
+    metric("rate", static_cast<double>(opened) / time * 1000, "connections/s");
+    metric("answered", static_cast<double>(answered), "requests");
     EXPECT_EQ(answered, asked);
     EXPECT_EQ(endedByServer, 0u);
     EXPECT_EQ(opened, connections);
@@ -83,4 +83,4 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
 }
 
 }  // namespace
-}  // namespace hostile
+}  // namespace adversarial

@@ -1,6 +1,6 @@
-// What the tests with hostile clients measure, and how they say it.
+// What the tests with adversarial clients measure, and how they say it.
 
-#include "Figures.h"
+#include "Metrics.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 
-namespace hostile
+namespace adversarial
 {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -23,22 +23,22 @@ const bool kSanitized = false;
 
 size_t scaled(size_t full)
 {
-    const char* text = std::getenv("WENDREL_HOSTILE_DIVISOR");
+    const char* text = std::getenv("WENDREL_ADVERSARIAL_DIVISOR");
     const long divisor = text ? std::atol(text) : 1;
     return std::max<size_t>(1, full / static_cast<size_t>(std::max(1L, divisor)));
 }
 
-void figure(const std::string& name, double value, const std::string& unit)
+void metric(const std::string& name, double value, const std::string& unit)
 {
     const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
     const std::string where =
         test ? std::string(test->test_suite_name()) + "." + test->name() + "." : std::string();
     char number[64];
     std::snprintf(number, sizeof number, value == std::floor(value) ? "%.0f" : "%.2f", value);
-    const std::string line = "figure: " + where + name + " " + number + " " + unit;
+    const std::string line = "metric: " + where + name + " " + number + " " + unit;
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
-    if (const char* path = std::getenv("WENDREL_HOSTILE_FIGURES"))
+    if (const char* path = std::getenv("WENDREL_ADVERSARIAL_METRICS"))
         std::ofstream(path, std::ios::app) << line << '\n';
 }
 
@@ -59,10 +59,10 @@ double Distribution::quantile(double part) const
 void Distribution::print(const std::string& name, const std::string& unit) const
 {
     constexpr double kP99 = 0.99;
-    figure(name + ".count", static_cast<double>(values.size()), "times");
-    figure(name + ".median", median(), unit);
-    figure(name + ".p99", quantile(kP99), unit);
-    figure(name + ".max", most(), unit);
+    metric(name + ".count", static_cast<double>(values.size()), "times");
+    metric(name + ".median", median(), unit);
+    metric(name + ".p99", quantile(kP99), unit);
+    metric(name + ".max", most(), unit);
 }
 
 void raiseDescriptorLimit()
@@ -74,4 +74,4 @@ void raiseDescriptorLimit()
     }
 }
 
-}  // namespace hostile
+}  // namespace adversarial
