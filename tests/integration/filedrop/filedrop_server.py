@@ -1,10 +1,12 @@
 """Starting filedrop, talking to it with curl, and looking at what it leaves on disk."""
 
 import hashlib
+import http.client
 import json
 import os
 import pathlib
 import re
+import socket
 import subprocess
 import sys
 import tempfile
@@ -83,6 +85,54 @@ class Server(Process):
         return int(re.search(r"VmHWM:\s+(\d+) kB", status).group(1)) * 1024
 
 
+class Upload:
+    """A PUT whose body is sent piece by piece; without a size it is chunked."""
+
+    def __init__(self, server, name, size=None):
+        self.is_chunked = size is None
+        framing = "Transfer-Encoding: chunked" if self.is_chunked else f"Content-Length: {size}"
+        self.socket = socket.create_connection(("127.0.0.1", server.port), LIMIT_SECONDS)
+        self.socket.sendall(f"PUT /files/{name} HTTP/1.1\r\nHost: x\r\n{framing}\r\n\r\n".encode())
+
+    def send(self, data):
+        self.socket.sendall(b"%x\r\n%b\r\n" % (len(data), data) if self.is_chunked else data)
+
+    def finish(self):
+        """Ends a chunked body; returns the status."""
+        if self.is_chunked:
+            self.socket.sendall(b"0\r\n\r\n")
+        answer = http.client.HTTPResponse(self.socket)
+        answer.begin()
+        return answer.status
+
+    def close(self):
+        self.socket.close()
+
+
+class Download:
+    """A GET whose reader reads only what it is told to: with a small receive buffer, a large file
+    keeps its request open until `read_rest` or `close`."""
+
+    RECEIVE_BYTES = 65536
+
+    def __init__(self, server, name):
+        self.socket = socket.socket()
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, self.RECEIVE_BYTES)
+        self.socket.settimeout(LIMIT_SECONDS)
+        self.socket.connect(("127.0.0.1", server.port))
+        self.socket.sendall(f"GET /files/{name} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+        self.answer = http.client.HTTPResponse(self.socket)
+        self.answer.begin()
+        self.status = self.answer.status
+
+    def read_rest(self):
+        return self.answer.read()
+
+    def close(self):
+        self.answer.close()
+        self.socket.close()
+
+
 class ServerCase(unittest.TestCase):
     """A server on a directory of its own for each test."""
 
@@ -106,6 +156,17 @@ class ServerCase(unittest.TestCase):
             server, self.server = self.server, None
             code = server.stop()
             self.assertEqual(code, 0, "".join(server.errors[-40:]))
+
+    def upload(self, name, size=None):
+        upload = Upload(self.server, name, size)
+        self.addCleanup(upload.close)
+        return upload
+
+    def download(self, name):
+        download = Download(self.server, name)
+        self.addCleanup(download.close)
+        self.assertEqual(download.status, 200)
+        return download
 
     def spawn_curl(self, *arguments, **options):
         process = subprocess.Popen(

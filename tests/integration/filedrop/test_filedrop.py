@@ -5,6 +5,8 @@
         python3 test_filedrop.py [Class[.test]]
 """
 
+import hashlib
+import http.client
 import json
 import os
 import pathlib
@@ -12,7 +14,6 @@ import signal
 import socket
 import subprocess
 import sys
-import time
 
 sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
 from filedrop_server import (MIB, SERVER, TEMPORARY_PREFIX, ServerCase, main, make_sparse, sha256)
@@ -21,6 +22,9 @@ from processes import LIMIT_SECONDS, SANITIZED, free_port, wait_until
 
 LARGE = 64 * MIB if SANITIZED else 1024 * MIB
 MEMORY_LIMIT = 64 * MIB
+SLOW = "256K"  # bytes a second of curl: 64 MiB take longer than any test waits
+IN_FLIGHT = 3 * MIB + 12345  # more than one block of the server's, and no whole number of them
+NEWEST_CHUNK = 256 * 1024  # no more than this stays unreadable until more comes
 
 
 class Transfers(ServerCase):
@@ -30,33 +34,66 @@ class Transfers(ServerCase):
             print(f"peak resident memory: {peak / MIB:.1f} MiB", file=sys.stderr)
             self.assertLess(peak, limit)
 
-    def test_large_file_up_and_down_in_constant_memory(self):
+    def test_large_file_down_in_constant_memory(self):
         self.start()
-        source = make_sparse(self.work / "source", LARGE)
-        expected = sha256(source)
-        answer = self.curl("/files/large.bin", "-T", source)
-        self.assertEqual(answer.status, 201, answer)
-        self.assertEqual(sha256(self.directory / "large.bin"), expected)
-        self.check_memory()
-
+        source = make_sparse(self.directory / "large.bin", LARGE)
         target = self.work / "target"
         answer = self.curl("/files/large.bin", "-o", target)
         self.assertEqual(answer.status, 200, answer)
         self.assertEqual(answer.headers["content-length"], str(LARGE))
-        self.assertEqual(sha256(target), expected)
+        self.assertEqual(sha256(target), sha256(source))
         self.check_memory()
-        self.assertEqual(self.names(), ["large.bin"])
 
-    def test_large_chunked_upload_in_constant_memory(self):
+    def test_large_files_up(self):
         self.start()
         source = make_sparse(self.work / "source", LARGE // 4)
+        expected = sha256(source)
+        self.assertEqual(self.curl("/files/declared", "-T", source).status, 201)
         with open(source, "rb") as stream:
             curl = self.spawn_curl("-T", "-", "-o", os.devnull, "-w", "%{http_code}",
-                                   self.server.url + "/files/large.bin", stdin=stream)
+                                   self.server.url + "/files/chunked", stdin=stream)
             output, error = curl.communicate(timeout=4 * LIMIT_SECONDS)
         self.assertEqual(output, b"201", error)
-        self.assertEqual(sha256(self.directory / "large.bin"), sha256(source))
+        for name in ("declared", "chunked"):
+            self.assertEqual(sha256(self.directory / name), expected, name)
+
+    # How far the server lags behind a client that sends without a pause depends on the speed of
+    # both. This client sends the next bytes when those before are on the disk.
+    def test_memory_of_an_upload_is_bounded_by_what_is_in_flight(self):
+        self.start()
+        for size in (LARGE // 4, None):
+            with self.subTest(size=size):
+                upload = self.upload("large.bin", size)
+                sent = 0
+                digest = hashlib.sha256()
+                while sent < LARGE // 4:
+                    data = sent.to_bytes(8, "big") + bytes(min(IN_FLIGHT, LARGE // 4 - sent) - 8)
+                    upload.send(data)
+                    digest.update(data)
+                    sent += len(data)
+                    if sent < LARGE // 4:
+                        self.wait_until_stored(sent)
+                self.assertIn(upload.finish(), (200, 201))
+                self.assertEqual(sha256(self.directory / "large.bin"), digest.hexdigest())
         self.check_memory()
+
+    def wait_until_stored(self, sent):
+        def is_stored():
+            return [name for name in self.temporary()
+                    if (self.directory / name).stat().st_size >= sent - NEWEST_CHUNK]
+        wait_until(is_stored, f"of {sent} bytes, all but the newest are on the disk")
+
+    def test_fifty_parallel_downloads_in_bounded_memory(self):
+        self.start()
+        (self.directory / "a").write_bytes(os.urandom((4 if SANITIZED else 16) * MIB))
+        targets = [self.work / f"target-{number}" for number in range(50)]
+        for curl in [self.spawn_curl("-o", target, self.server.url + "/files/a") for target in targets]:
+            _, error = curl.communicate(timeout=4 * LIMIT_SECONDS)
+            self.assertEqual(curl.returncode, 0, error)
+        self.check_memory(4 * MEMORY_LIMIT)
+        expected = sha256(self.directory / "a")
+        for target in targets:
+            self.assertEqual(sha256(target), expected, target)
 
     def test_fifty_parallel_transfers(self):
         self.start()
@@ -85,7 +122,6 @@ class Transfers(ServerCase):
         self.assertEqual(set(all_of(downloads)), {b"200"})
         for number, source in enumerate(sources):
             self.assertEqual(sha256(self.work / f"target-{number}"), sha256(source), number)
-        self.check_memory(4 * MEMORY_LIMIT)
 
     def test_sizes_around_a_chunk(self):
         self.start()
@@ -108,16 +144,11 @@ class Transfers(ServerCase):
 
     def test_download_goes_on_while_its_file_is_replaced(self):
         self.start()
-        source = make_sparse(self.work / "source", 16 * MIB)
-        expected = sha256(source)
-        self.assertEqual(self.curl("/files/a", "-T", source).status, 201)
-        target = self.work / "target"
-        curl = self.spawn_curl("--limit-rate", "8M", "-o", target, self.server.url + "/files/a")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        content = os.urandom(16 * MIB)
+        (self.directory / "a").write_bytes(content)
+        download = self.download("a")
         self.assertEqual(self.put("/files/a", b"new").status, 200)
-        _, error = curl.communicate(timeout=LIMIT_SECONDS)
-        self.assertEqual(curl.returncode, 0, error)
-        self.assertEqual(sha256(target), expected)
+        self.assertTrue(download.read_rest() == content)
         self.assertEqual(self.curl("/files/a").body, b"new")
 
     def test_requests_on_one_connection(self):
@@ -183,14 +214,11 @@ class Interface(ServerCase):
 
     def test_status_shows_open_requests(self):
         self.start()
-        (self.directory / "a").write_bytes(b"x" * 4 * MIB)
-        target = self.work / "target"
-        curl = self.spawn_curl("--limit-rate", "256K", "-o", target, self.server.url + "/files/a")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        make_sparse(self.directory / "a", 64 * MIB)
+        download = self.download("a")
         wait_until(lambda: self.status()["openRequests"] == 2, "both requests are open")
-        curl.kill()
-        curl.communicate()
-        wait_until(lambda: self.status()["openRequests"] == 1, "the request of a killed client ends")
+        download.close()
+        wait_until(lambda: self.status()["openRequests"] == 1, "the request of a client that has left ends")
 
     def test_page(self):
         self.start()
@@ -470,15 +498,14 @@ class Limits(ServerCase):
 
     def test_declared_length_is_refused_before_anything_is_written(self):
         self.start()
-        source = make_sparse(self.work / "source", 3 * MIB)
-        curl = self.spawn_curl("-T", source, "--limit-rate", "3M", "-w", "%{http_code}",
-                               self.server.url + "/files/a")
-        while curl.poll() is None:
+        upload = self.upload("a", 3 * MIB)
+        for _ in range(3):
+            upload.send(bytes(MIB - 1))
+            # The refusal is sent after the body.
+            wait_until(lambda: self.status()["openRequests"] == 2, "the upload is all that is open")
             self.assertEqual(self.names(), [])
-            time.sleep(0.002)
-        output, error = curl.communicate()
-        self.assertIn(b'"error"', output, error)
-        self.assertTrue(output.endswith(b"413"), output)
+        upload.send(bytes(3))
+        self.assertEqual(upload.finish(), 413)
         self.assertEqual(self.names(), [])
         self.assertEqual(self.status()["bytesIn"], 0)
 
@@ -608,7 +635,7 @@ class Losses(ServerCase):
         for name in ("new", "old"):
             with self.subTest(name=name):
                 (self.directory / "old").write_bytes(b"old")
-                curl = self.spawn_curl("-T", source, "--limit-rate", "4M",
+                curl = self.spawn_curl("-T", source, "--limit-rate", SLOW,
                                        f"{self.server.url}/files/{name}")
                 self.wait_for_part_of_an_upload()
                 curl.send_signal(signal.SIGKILL)
@@ -636,7 +663,7 @@ class Losses(ServerCase):
     def test_many_killed_clients(self):
         self.start()
         source = make_sparse(self.work / "source", 64 * MIB)
-        curls = [self.spawn_curl("-T", source, "--limit-rate", "2M",
+        curls = [self.spawn_curl("-T", source, "--limit-rate", SLOW,
                                  f"{self.server.url}/files/file-{number}") for number in range(20)]
         wait_until(lambda: len(self.temporary()) == 20, "all uploads have begun")
         for curl in curls:
@@ -648,7 +675,7 @@ class Losses(ServerCase):
     def test_killed_server_cleans_up_when_it_starts_again(self):
         self.start()
         source = make_sparse(self.work / "source", 64 * MIB)
-        self.spawn_curl("-T", source, "--limit-rate", "4M", self.server.url + "/files/a")
+        self.spawn_curl("-T", source, "--limit-rate", SLOW, self.server.url + "/files/a")
         self.wait_for_part_of_an_upload()
         self.server.send(signal.SIGKILL)
         self.assertEqual(self.server.wait_end(), -signal.SIGKILL)
@@ -660,21 +687,17 @@ class Losses(ServerCase):
     def test_file_that_shrinks_while_it_is_sent(self):
         self.start()
         make_sparse(self.directory / "a", 64 * MIB)
-        target = self.work / "target"
-        curl = self.spawn_curl("--limit-rate", "16M", "-o", target, self.server.url + "/files/a")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        download = self.download("a")
         os.truncate(self.directory / "a", 1 * MIB)
-        curl.communicate(timeout=LIMIT_SECONDS)
-        self.assertEqual(curl.returncode, 18, "the client knows that a part is missing")
+        # The client knows that a part is missing.
+        self.assertRaises((http.client.IncompleteRead, ConnectionResetError), download.read_rest)
         wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
 
     def test_transfers_never_take_the_last_worker(self):
         self.start("--workers", "2")
         make_sparse(self.directory / "large", 64 * MIB)
         (self.directory / "small").write_bytes(b"x" * 262144)
-        target = self.work / "target"
-        curl = self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/large")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        download = self.download("large")
         for answer in (self.curl("/files/large"), self.put("/files/new", b"x")):
             self.assertEqual(answer.status, 503, answer)
             self.assertEqual(answer.headers["retry-after"], "2")
@@ -682,8 +705,7 @@ class Losses(ServerCase):
         self.assertEqual(self.names(), ["large", "small"])
         self.assertEqual(self.curl("/").status, 200)
         self.assertEqual(len(self.curl("/files/small").body), 262144)
-        curl.kill()
-        curl.communicate()
+        download.close()
         wait_until(lambda: self.put("/files/new", b"x").status == 201, "the worker is free again")
 
     def test_client_that_is_gone_before_its_bytes_are_read(self):
@@ -767,58 +789,55 @@ class Process(ServerCase):
 
     def test_download_is_finished_after_sigterm(self):
         self.start("--stop-limit", str(LIMIT_SECONDS))
-        source = make_sparse(self.directory / "a", 16 * MIB)
-        target = self.work / "target"
-        curl = self.spawn_curl("--limit-rate", "8M", "-o", target, self.server.url + "/files/a")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        content = os.urandom(16 * MIB)
+        (self.directory / "a").write_bytes(content)
+        download = self.download("a")
         self.server.send(signal.SIGTERM)
-        _, error = curl.communicate(timeout=LIMIT_SECONDS)
-        self.assertEqual(curl.returncode, 0, error)
+        self.wait_until_stopping()
+        self.assertTrue(download.read_rest() == content)
         self.assertEqual(self.server.wait_end(), 0)
         self.server = None
-        self.assertEqual(sha256(target), sha256(source))
 
     def test_upload_is_finished_after_sigterm(self):
         self.start("--stop-limit", str(LIMIT_SECONDS))
-        source = make_sparse(self.work / "source", 16 * MIB)
-        curl = self.spawn_curl("--limit-rate", "8M", "-T", source, "-o", os.devnull, "-w", "%{http_code}",
-                               self.server.url + "/files/a")
+        content = os.urandom(4 * MIB)
+        upload = self.upload("a", len(content))
+        upload.send(content[:MIB])
         wait_until(self.temporary, "the upload has begun")
         self.server.send(signal.SIGTERM)
-        output, error = curl.communicate(timeout=LIMIT_SECONDS)
-        self.assertEqual(output, b"201", error)
+        self.wait_until_stopping()
+        upload.send(content[MIB:])
+        self.assertEqual(upload.finish(), 201)
         self.assertEqual(self.server.wait_end(), 0)
         self.server = None
-        self.assertEqual(sha256(self.directory / "a"), sha256(source))
+        self.assertTrue((self.directory / "a").read_bytes() == content)
 
     def test_transfers_that_take_too_long_are_cut_off(self):
         self.start("--stop-limit", "1")
         make_sparse(self.directory / "a", 64 * MIB)
-        target = self.work / "target"
-        source = make_sparse(self.work / "source", 64 * MIB)
-        download = self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/a")
-        upload = self.spawn_curl("--limit-rate", "1M", "-T", source, self.server.url + "/files/b")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        download = self.download("a")
+        upload = self.upload("b", MIB)
+        upload.send(bytes(1000))
         wait_until(self.temporary, "the upload has begun")
         self.server.send(signal.SIGTERM)
-        self.assertEqual(self.server.wait_end(LIMIT_SECONDS / 2), 0)
+        self.assertEqual(self.server.wait_end(), 0)
         self.server = None
-        for curl in (download, upload):
-            curl.communicate(timeout=LIMIT_SECONDS)
-            self.assertNotEqual(curl.returncode, 0)
+        self.assertRaises((http.client.IncompleteRead, ConnectionResetError), download.read_rest)
+        self.assertRaises(ConnectionError, upload.finish)
         self.assertEqual(self.names(), ["a"])
 
     def test_second_signal_stops_at_once(self):
         self.start("--stop-limit", "86400")
         make_sparse(self.directory / "a", 64 * MIB)
-        target = self.work / "target"
-        self.spawn_curl("--limit-rate", "1M", "-o", target, self.server.url + "/files/a")
-        wait_until(lambda: target.exists() and target.stat().st_size > 0, "the download begins")
+        self.download("a")
         self.server.send(signal.SIGTERM)
-        wait_until(lambda: any("Stopping" in line for line in self.server.errors), "the stop has begun")
+        self.wait_until_stopping()
         self.server.send(signal.SIGTERM)
-        self.assertEqual(self.server.wait_end(LIMIT_SECONDS / 2), 0)
+        self.assertEqual(self.server.wait_end(), 0)
         self.server = None
+
+    def wait_until_stopping(self):
+        wait_until(lambda: any("Stopping on" in line for line in self.server.errors), "the stop begins")
 
     def test_log_file_has_one_line_a_request(self):
         log = self.work / "log"
