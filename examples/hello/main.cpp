@@ -1,4 +1,4 @@
-// The smallest whole application: answers GET /hello/NAME until it is told to stop.
+// The smallest complete application: responds to GET /hello/NAME until SIGINT or SIGTERM.
 
 #include <Wendrel/kit/Server.h>
 
@@ -7,7 +7,7 @@
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     qv::http::HttpServer::Parameters parameters;
     const int port = argc > 1 ? std::atoi(argv[1]) : parameters.port;
@@ -33,6 +33,6 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     stopSignal.wait();
-    server.stop(std::chrono::seconds(5));  // running requests are answered first
+    server.stop(std::chrono::seconds(5));  // waits for running requests
     return 0;
 }

@@ -1,4 +1,4 @@
-"""Does what docs/getting-started.md tells its reader to do, and compares what the page shows.
+"""Runs the commands of docs/getting-started.md and compares their output with the page.
 
 Usage: getting_started.py ROOT PROGRAM...            the four programs as they were built here
        getting_started.py ROOT --install BUILD_DIR   built from the page's text alone, in an empty
@@ -23,8 +23,8 @@ from processes import LIMIT_SECONDS, SANITIZED, Process, wait_until
 STEPS = (1, 2, 3, 4)
 PORT_OF_THE_PAGE = "8181"
 UPLOAD_LIMIT_BYTES = 16 * 1024 * 1024
-MOST_MEMORY_KB = 32 * 1024
-LAST_NUMBER = 3000000  # 23 MB: more than the sockets of both sides take
+MAX_MEMORY_KB = 32 * 1024
+LAST_NUMBER = 3000000  # 23 MB: more than the socket buffers of both sides hold
 ALL_NUMBERS = "".join(f"{number}\n" for number in range(1, LAST_NUMBER + 1)).encode()
 
 
@@ -60,7 +60,7 @@ def is_server(command):
 
 
 def comparable(lines, port):
-    """Without what differs from one run to the next."""
+    """Without the parts that differ between runs."""
     text = "\n".join(lines).replace(f":{port}/", ":PORT/").replace(f"@{port},", "@PORT,")
     text = re.sub(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ", "TIME ", text, flags=re.M)
     text = re.sub(r"^(VmHWM:\s+)\d+ kB$", r"VmHWM: NUMBER kB", text, flags=re.M)
@@ -111,7 +111,7 @@ class StepsTest(unittest.TestCase):
                 self.assertEqual(comparable(lines, server.port),
                                  comparable(shown, PORT_OF_THE_PAGE), command)
                 for memory in re.findall(r"^VmHWM:\s+(\d+) kB$", "\n".join(lines), re.M):
-                    self.assertTrue(SANITIZED or int(memory) < MOST_MEMORY_KB, memory)
+                    self.assertTrue(SANITIZED or int(memory) < MAX_MEMORY_KB, memory)
         server.process.send(signal.SIGINT)
         self.assertEqual(server.process.wait_end(), 0)
         self.assertEqual(server.process.errors, [])
@@ -126,7 +126,7 @@ class StepsTest(unittest.TestCase):
 
 
 class ProgramsTest(StepsTest):
-    def test_each_step_does_what_the_page_shows(self):
+    def test_each_step_prints_the_output_of_the_page(self):
         for step in STEPS:
             with self.subTest(step=step):
                 self.do_as_the_page_says(step, self.programs[step])
@@ -137,17 +137,17 @@ class ProgramsTest(StepsTest):
                 server = Server(self, self.programs[step])
                 connection = server.connect(receive_bytes=65536)
                 connection.request("GET", f"/numbers/{LAST_NUMBER}")
-                answer = connection.getresponse()
-                body = answer.read(65536)
+                response = connection.getresponse()
+                body = response.read(65536)
                 server.process.send(signal.SIGTERM)
                 refusal = server.wait_until_refusing("/hello/x")
                 self.assertEqual(refusal.getheader("Retry-After"), "1")
-                body += answer.read()
+                body += response.read()
                 connection.close()
                 self.assertTrue(body == ALL_NUMBERS, f"{len(body)} bytes have come")
                 self.assertEqual(server.process.wait_end(), 0)
                 if step == 4:
-                    self.assertEqual(server.process.output[-1], "every request was answered\n")
+                    self.assertEqual(server.process.output[-1], "every request was served\n")
 
     def test_a_running_upload_is_stored(self):
         server = Server(self, self.programs[4])
@@ -157,24 +157,24 @@ class ProgramsTest(StepsTest):
         server.process.send(signal.SIGTERM)
         server.wait_until_refusing("/hello/x")
         connection.send(body[1000000:])
-        answer = connection.getresponse()
-        self.assertEqual((answer.status, answer.read()), (200, b"10000000 bytes stored\n"))
+        response = connection.getresponse()
+        self.assertEqual((response.status, response.read()), (200, b"10000000 bytes stored\n"))
         connection.close()
         self.assertEqual(server.process.wait_end(), 0)
-        self.assertEqual(server.process.output[-1], "every request was answered\n")
+        self.assertEqual(server.process.output[-1], "every request was served\n")
         self.assertTrue((server.directory / "uploads/late").read_bytes() == body)
 
-    def test_what_lasts_too_long_is_cut_off(self):
+    def test_a_request_beyond_the_limit_is_cut_off(self):
         server = Server(self, self.programs[4], "1")
         connection = server.connect(receive_bytes=65536)
         connection.request("GET", f"/numbers/{LAST_NUMBER}")
-        answer = connection.getresponse()
-        begin = answer.read(1000)
+        response = connection.getresponse()
+        begin = response.read(1000)
         server.process.send(signal.SIGTERM)
         self.assertEqual(server.process.wait_end(), 0)
         self.assertEqual(server.process.output[-1], "some requests were cut off\n")
         with self.assertRaises((http.client.IncompleteRead, ConnectionError)):
-            while piece := answer.read(1000000):
+            while piece := response.read(1000000):
                 begin += piece
         self.assertLess(len(begin), len(ALL_NUMBERS))
 
@@ -257,7 +257,7 @@ class EmptyDirectoryTest(StepsTest):
         (directory / "main.cpp").write_text(self.page.blocks(1, "cpp")[0])
         one_line = re.search(r"`(g\+\+ [^`]*pkg-config[^`]*)`", self.page.section(1))[1]
         libraries = next(self.prefix.rglob("libWendrel.so")).parent
-        # What the page's reader has in the system's folders is in one of its own here.
+        # The page assumes an installation in the system directories; here it has a prefix of its own.
         self.run_here("bash", "-c", one_line, directory=directory,
                       PKG_CONFIG_PATH=str(libraries / "pkgconfig"), LD_RUN_PATH=str(libraries))
         self.do_as_the_page_says(1, directory / "server")

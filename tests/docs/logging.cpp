@@ -25,13 +25,13 @@ namespace
 constexpr size_t kLogFileBytes = 10UL * 1024 * 1024;
 constexpr size_t kOldLogFiles = 3;
 
-// "LEVEL CATEGORY MESSAGE" on standard error, for those who add the time themselves.
+// Writes "LEVEL CATEGORY MESSAGE" to standard error, for collectors that add the time.
 class PlainSink : public qv::qvLogSink
 {
 public:
     void write(const qvLog::LogEntry& entry) override
     {
-        // Part of the message may have been chosen by a client.
+        // A client may have chosen part of the message.
         const std::string line = qvLog::LevelName(entry.level) + " " +
                                  (entry.category.empty() ? "-" : entry.category) + " " +
                                  qvLog::EscapeControlCharacters(entry.message) + "\n";
@@ -41,7 +41,7 @@ public:
     void flush() override { std::fflush(stderr); }
 };
 
-// A line of the application. Any thread.
+// Logs one line of the application. Any thread.
 void writeLog(int level, const std::string& message)
 {
     qvLog* log = qvLog::msInstance;
@@ -57,7 +57,7 @@ void writeLog(int level, const std::string& message)
     log->Write(entry, level >= qvLog::Warning);
 }
 
-// Writes to `path` and to standard error from `level` up; null, with a line, when it cannot.
+// Logs to `path` and to standard error from `level` up. Null, after a message, on failure.
 std::unique_ptr<qvLog> makeLog(const std::string& path, int level)
 {
     std::string error;
@@ -81,8 +81,8 @@ std::unique_ptr<qv::kit::Application> makeShop()
         writeLog(qvLog::Debug, "somebody looks at the page");
         request.reply(200, "text/plain; charset=utf-8", "The shop is open.\n");
     });
-    shop->getRouter().add(HttpBaseRequest::GET, "/order/{what}", [](Request& request) {
-        throw std::runtime_error("no " + request.getPathParameter("what"));
+    shop->getRouter().add(HttpBaseRequest::GET, "/order/{item}", [](Request& request) {
+        throw std::runtime_error("no " + request.getPathParameter("item"));
     });
     return shop;
 }
@@ -98,7 +98,7 @@ int main(int argc, char** argv)
     }
     qv::kit::StopSignal stopSignal;
 
-    // Before the server, so that it is destroyed after it.
+    // Constructed before the server, so that it is destroyed after it.
     const std::unique_ptr<qvLog> log = makeLog(argv[2], level);
     if (!log)
         return 1;

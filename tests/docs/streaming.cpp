@@ -1,4 +1,4 @@
-// The handlers that docs/streaming.md shows: streaming FILE, and taking bodies.
+// The handlers of docs/streaming.md: stream a file, read request bodies.
 
 #include <Wendrel/kit/Server.h>
 
@@ -23,7 +23,7 @@ namespace
 constexpr size_t kPieceBytes = 65536;
 constexpr uint64_t kNoteLimitBytes = 65536;
 
-// With the length declared the client knows how far it is, and notices when it is cut off.
+// With a declared length the client can show progress and detects truncation.
 void sendFile(Request& request, const std::string& path)
 {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
@@ -34,17 +34,17 @@ void sendFile(Request& request, const std::string& path)
     request.getHead().setContentType("application/octet-stream");
     request.getHead().setContentLength(file.tellg());
     if (!request.startStream() || !request.hasBody())
-        return;  // the client has gone, or wants the head alone
+        return;  // the connection is closed, or the request is HEAD
     file.seekg(0);
     std::vector<char> piece(kPieceBytes);
     while (file.read(piece.data(), kPieceBytes) || file.gcount() > 0) {
         if (!request.write(piece.data(), static_cast<size_t>(file.gcount())))
-            return;  // the client has gone
+            return;  // the connection is closed
     }
-    request.finish();  // cuts the answer off if the file has become shorter meanwhile
+    request.finish();  // closes the connection if the file has been truncated meanwhile
 }
 
-// Any length in constant memory: a piece is used and forgotten.
+// Reads a body of any length in constant memory.
 void countLines(Request& request)
 {
     std::vector<char> piece(kPieceBytes);
@@ -59,7 +59,7 @@ void countLines(Request& request)
         request.reply(200, "text/plain; charset=utf-8", std::to_string(lines) + "\n");
 }
 
-// A small body as a whole, and never more than the limit in memory.
+// Reads a small body as a whole; holds at most the limit in memory.
 void takeNote(Request& request)
 {
     std::string note;
@@ -72,7 +72,7 @@ void takeNote(Request& request)
                            "A note has at most " + std::to_string(kNoteLimitBytes) + " bytes.");
         break;
     default:
-        break;  // the client has gone, or the server stops: nobody is left to be told
+        break;  // the connection is closed or the server stops: nobody receives a response
     }
 }
 

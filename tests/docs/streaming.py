@@ -1,4 +1,4 @@
-"""Tries what docs/streaming.md says of the handlers in streaming.cpp. Usage: streaming.py PROGRAM"""
+"""Tests the handlers of streaming.cpp. Usage: streaming.py PROGRAM"""
 
 import http.client
 import pathlib
@@ -8,7 +8,7 @@ import unittest
 
 from docs_server import DocsServer, reset
 
-FILE_BYTES = 12 * 1024 * 1024  # more than the sockets of both sides take
+FILE_BYTES = 12 * 1024 * 1024  # more than the socket buffers of both sides hold
 NOTE_LIMIT_BYTES = 65536
 
 
@@ -27,12 +27,12 @@ class Streaming(unittest.TestCase):
         self.assertEqual(self.server.process.stop(), 0)
 
     def test_a_file_arrives_with_its_length(self):
-        status, body, answer = self.server.ask("GET", "/file")
-        self.assertEqual((status, answer.getheader("Content-Length")), (200, str(FILE_BYTES)))
+        status, body, response = self.server.ask("GET", "/file")
+        self.assertEqual((status, response.getheader("Content-Length")), (200, str(FILE_BYTES)))
         self.assertTrue(body == self.content, f"{len(body)} bytes")
-        status, body, answer = self.server.ask("HEAD", "/file")
+        status, body, response = self.server.ask("HEAD", "/file")
         self.assertEqual((status, body), (200, b""))
-        self.assertEqual(answer.getheader("Content-Length"), str(FILE_BYTES))
+        self.assertEqual(response.getheader("Content-Length"), str(FILE_BYTES))
 
     def test_no_file(self):
         self.file.unlink()
@@ -42,16 +42,16 @@ class Streaming(unittest.TestCase):
     def test_a_file_that_becomes_shorter_is_cut_off(self):
         connection = self.server.connect(receive_bytes=65536)
         connection.request("GET", "/file")
-        answer = connection.getresponse()
-        answer.read(1000)
+        response = connection.getresponse()
+        response.read(1000)
         with open(self.file, "r+b") as file:
             file.truncate(FILE_BYTES - 1)
         with self.assertRaises(http.client.IncompleteRead):
-            answer.read()
+            response.read()
         connection.close()
 
-    def test_the_handler_comes_back_when_the_client_goes(self):
-        """With the server's 16 workers all waiting for such a client nobody would be answered."""
+    def test_the_handler_returns_when_the_client_disconnects(self):
+        """The server has 16 workers: waiting for 17 closed connections, none would be free."""
         for _ in range(17):
             connection = self.server.connect(receive_bytes=65536)
             connection.request("GET", "/file")

@@ -1,4 +1,4 @@
-// The server that docs/websocket.md shows: sends every message back until it is told to stop.
+// The server of docs/websocket.md: echoes every message until SIGINT or SIGTERM.
 
 #include <Wendrel/kit/Server.h>
 #include <Wendrel/kit/WebSocketHub.h>
@@ -37,7 +37,7 @@ class EchoApplication : public qv::kit::Application
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     qv::http::HttpServer::Parameters parameters;
     if (argc > 1)

@@ -1,4 +1,4 @@
-// A server on the library alone: everything that the kit would do, in its plainest form.
+// A server built on the library alone, with the parts that the kit would provide.
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
@@ -53,19 +53,19 @@ public:
     qv::HttpResponseInterface& getResponse() override { return head; }
     qv::HttpWaitListener& getWaitListener() override { return *this; }
 
-    // Every second while a worker waits for the body: without this it would wait six minutes for
-    // a client that has gone.
+    // Called every second while a worker waits for the body. Without it the wait for a closed
+    // connection lasts six minutes.
     void onWaitingForData() override
     {
         if (isCompleted())
-            getReceiveDevice().setDeviceError("the client has gone");
+            getReceiveDevice().setDeviceError("the client closed the connection");
     }
 
     Head head;
 };
 
-// A complete answer. The device takes 256 KiB without waiting.
-void answer(PlainRequest& request, uint32_t status, const std::string& text)
+// Sends a complete response. The device takes 256 KiB without waiting.
+void respond(PlainRequest& request, uint32_t status, const std::string& text)
 {
     HttpResponseDevice& body = request.getResponseDevice();
     request.head.status = status;
@@ -77,7 +77,7 @@ void answer(PlainRequest& request, uint32_t status, const std::string& text)
     body.setResponseReady();
 }
 
-// A body of any length. What was written for HEAD would never be fetched.
+// Streams a body of any length. For HEAD nothing is written: the daemon would never fetch it.
 void stream(PlainRequest& request, const std::string& line, uint64_t count)
 {
     HttpResponseDevice& body = request.getResponseDevice();
@@ -87,7 +87,7 @@ void stream(PlainRequest& request, const std::string& line, uint64_t count)
         return;
     for (; count > 0; --count) {
         if (body.writeBytes(line.data(), line.size()) != line.size())
-            return;  // the client has gone, or the server stops
+            return;  // the client closed the connection, or the server stops
     }
     body.endSending();
 }
@@ -100,22 +100,22 @@ void countBytes(PlainRequest& request)
     while (!body.atEnd())
         total += body.readBytes(piece.data(), piece.size());
     if (!body.hasDeviceError())
-        answer(request, 200, std::to_string(total) + " bytes\n");
+        respond(request, 200, std::to_string(total) + " bytes\n");
 }
 
-// Thread: a worker. Every way out of it that has not lost the client must answer.
+// Thread: a worker. Every path must respond, unless the connection is lost.
 void serve(PlainRequest& request)
 {
     const std::string& path = request.getOriginalFullUrl();
     const auto type = request.getRequestType();
     if (request.hasParseError())
-        answer(request, 400, request.getParseError() + "\n");
+        respond(request, 400, request.getParseError() + "\n");
     else if (path == "/count" && type == HttpBaseRequest::POST)
         countBytes(request);
     else if (path == "/lines" && (type == HttpBaseRequest::GET || type == HttpBaseRequest::HEAD))
         stream(request, "all work and no play\n", 1000000);
     else
-        answer(request, 404, "There is nothing at this address.\n");
+        respond(request, 404, "There is nothing at this address.\n");
 }
 
 class PlainApplication : public qv::http::HttpServerImpl
@@ -125,19 +125,19 @@ public:
     {
         for (unsigned i = 0; i < kWorkers; ++i)
             mWorkers.emplace_back([this] { work(); });
-        mKeeper = std::thread([this] { keep(); });
+        mReaper = std::thread([this] { reap(); });
     }
 
-    // The daemon has stopped: nobody but the keeper has a request any more.
+    // The daemon has stopped: only the reaper still has requests.
     ~PlainApplication() override
     {
         stopWorkers();
         {
             const std::lock_guard<std::mutex> lock(mMutex);
-            mKeeperEnds = true;
-            mNews.notify_all();
+            mReaperEnds = true;
+            mChanged.notify_all();
         }
-        mKeeper.join();
+        mReaper.join();
     }
 
     HttpBaseRequest* createRequest() override
@@ -159,7 +159,7 @@ public:
                 return;
             }
         }
-        serveHere(*request, [](PlainRequest& refused) { answer(refused, 503, "Stopping.\n"); });
+        serveHere(*request, [](PlainRequest& refused) { respond(refused, 503, "Stopping.\n"); });
     }
 
     void onNewWebSocket(qv::http::WebSocket* socket) override
@@ -170,12 +170,13 @@ public:
 
     void onServerStopped() override {}
 
-    // Under the lock of a request's response device: so no request is asked anything under ours.
+    // Called under the lock of a request's response device: no other thread may call a request
+    // while it holds mMutex.
     void onRequestCompleted() override
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         ++mEvents;
-        mNews.notify_all();
+        mChanged.notify_all();
     }
 
     // New requests are refused from now on. True when every request has been deleted in time.
@@ -186,7 +187,7 @@ public:
         return mDeleted.wait_for(lock, limit, [this] { return mOpen == 0; });
     }
 
-    // After the daemon: a worker may wait for a body or for room until its request has ended.
+    // Called after the daemon has stopped: until then a worker may wait for a body or for space.
     void stopWorkers()
     {
         {
@@ -209,7 +210,7 @@ private:
         const std::lock_guard<std::mutex> lock(mMutex);
         mServed.emplace_back(&request);
         ++mEvents;
-        mNews.notify_all();
+        mChanged.notify_all();
     }
 
     void work()
@@ -229,16 +230,16 @@ private:
     }
 
     // Deletes each request that its worker has finished and the daemon has completed.
-    void keep()
+    void reap()
     {
         std::list<std::unique_ptr<PlainRequest>> served;
         uint64_t seen = 0;
         for (bool ends = false; !ends;) {
             {
                 std::unique_lock<std::mutex> lock(mMutex);
-                mNews.wait(lock, [&] { return mEvents != seen || mKeeperEnds; });
+                mChanged.wait(lock, [&] { return mEvents != seen || mReaperEnds; });
                 seen = mEvents;
-                ends = mKeeperEnds;
+                ends = mReaperEnds;
                 served.splice(served.end(), mServed);
             }
             const size_t before = served.size();
@@ -249,19 +250,19 @@ private:
         }
     }
 
-    std::mutex mMutex;  // guards all below
+    std::mutex mMutex;  // guards the fields below
     std::condition_variable mQueued;
-    std::condition_variable mNews;
+    std::condition_variable mChanged;
     std::condition_variable mDeleted;
-    std::deque<PlainRequest*> mQueue;                  // wait for a worker
-    std::list<std::unique_ptr<PlainRequest>> mServed;  // wait for the daemon
+    std::deque<PlainRequest*> mQueue;                  // waiting for a worker
+    std::list<std::unique_ptr<PlainRequest>> mServed;  // waiting for the daemon
     size_t mOpen = 0;
     uint64_t mEvents = 0;
     bool mDraining = false;
     bool mWorkersEnd = false;
-    bool mKeeperEnds = false;
+    bool mReaperEnds = false;
     std::vector<std::thread> mWorkers;
-    std::thread mKeeper;
+    std::thread mReaper;
 };
 
 bool start(HttpServer& server, const HttpServer::Parameters& parameters)
@@ -272,13 +273,13 @@ bool start(HttpServer& server, const HttpServer::Parameters& parameters)
     return server.getState() == HttpServer::Running;
 }
 
-// What must happen at the end, in this order.
+// Shuts down, in the required order.
 bool stop(HttpServer& server, PlainApplication& application)
 {
-    const bool allAnswered = application.drain(std::chrono::seconds(10));
-    server.stopServer(true);    // ends what is left: its writers and readers give up
-    application.stopWorkers();  // so that they come back now
-    return allAnswered;
+    const bool allServed = application.drain(std::chrono::seconds(10));
+    server.stopServer(true);    // aborts the remaining requests; their writers and readers return
+    application.stopWorkers();  // so the workers end now
+    return allServed;
 }
 
 }  // namespace
@@ -306,9 +307,9 @@ int main(int argc, char** argv)
 
         int number = 0;
         sigwait(&signals, &number);
-        std::puts(stop(server, *application) ? "every request was answered"
+        std::puts(stop(server, *application) ? "every request was served"
                                              : "some requests were cut off");
-    }  // the server has been destroyed, and with it the application and what it still had
+    }  // destroys the server, which destroys the application and its remaining requests
     qv::terminateWendrel();
     return 0;
 }

@@ -22,7 +22,7 @@ class WithoutKit(unittest.TestCase):
         self.assertEqual(self.server.process.wait_end(), 0)
         return self.server.process.output[-1]
 
-    def test_answers(self):
+    def test_responds(self):
         rows = (("GET", "/", None, 404, b"There is nothing at this address.\n"),
                 ("HEAD", "/", None, 404, b""),
                 ("POST", "/count", b"x" * 5000000, 200, b"5000000 bytes\n"),
@@ -31,30 +31,30 @@ class WithoutKit(unittest.TestCase):
                 ("HEAD", "/lines", None, 200, b""))
         for method, target, sent, status, expected in rows:
             with self.subTest(method + " " + target):
-                got, body, answer = self.server.ask(method, target, sent)
+                got, body, response = self.server.ask(method, target, sent)
                 self.assertEqual(got, status)
                 self.assertTrue(body == expected, f"{len(body)} bytes: {body[:80]}")
                 if target == "/lines":
-                    self.assertEqual(answer.getheader("Content-Length"), str(len(LINE) * LINES))
+                    self.assertEqual(response.getheader("Content-Length"), str(len(LINE) * LINES))
         self.assertEqual(self.server.ask("GET", "/" + "x" * 5000)[:2], (400, b"URI is too long\n"))
-        self.assertEqual(self.stop(), "every request was answered\n")
+        self.assertEqual(self.stop(), "every request was served\n")
 
     def test_what_is_running_at_the_stop_is_finished(self):
         reader = self.server.connect(receive_bytes=65536)
         reader.request("GET", "/lines")
-        answer = reader.getresponse()
-        body = answer.read(1000)
+        response = reader.getresponse()
+        body = response.read(1000)
         sender = self.server.begin_upload("POST", "/count", 1000000, b"x" * 300000)
         self.server.process.send(signal.SIGTERM)
         self.server.wait_until_refusing("/")
-        body += answer.read()
+        body += response.read()
         self.assertTrue(body == LINE * LINES, f"{len(body)} bytes")
         sender.send(b"x" * 700000)
         self.assertEqual(sender.getresponse().read(), b"1000000 bytes\n")
         self.assertEqual(self.server.process.wait_end(), 0)
-        self.assertEqual(self.server.process.output[-1], "every request was answered\n")
+        self.assertEqual(self.server.process.output[-1], "every request was served\n")
 
-    def test_clients_that_have_gone_hold_up_nothing(self):
+    def test_closed_connections_delay_nothing(self):
         for _ in range(5):  # more than there are workers
             reader = self.server.connect(receive_bytes=65536)
             reader.request("GET", "/lines")
@@ -62,7 +62,7 @@ class WithoutKit(unittest.TestCase):
             reset(reader)
             reset(self.server.begin_upload("POST", "/count", 1000000, b"x" * 300000))
         self.assertEqual(self.server.ask("POST", "/count", b"xyz")[1], b"3 bytes\n")
-        self.assertEqual(self.stop(signal.SIGINT), "every request was answered\n")
+        self.assertEqual(self.stop(signal.SIGINT), "every request was served\n")
 
 
 if __name__ == "__main__":

@@ -15,7 +15,7 @@ import urllib.parse
 MUST_HAVE = ("classqv_1_1http_1_1HttpServer.html", "classqv_1_1kit_1_1Request.html",
              "classqv_1_1qvLog.html", "classqv_1_1Url.html", "classqv_1_1kit_1_1WebSocketHub.html",
              "page-docs-limits-and-defaults.html", "page-docs-troubleshooting.html",
-             "page-docs-how-a-request-travels.html", "page-docs-websocket.html", "page-security.html",
+             "page-docs-request-lifecycle.html", "page-docs-websocket.html", "page-security.html",
              "request.svg", "index.html")
 
 

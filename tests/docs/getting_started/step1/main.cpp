@@ -1,4 +1,4 @@
-// A first server: says hello until it is told to stop.
+// First server: responds to GET /hello/NAME until SIGINT or SIGTERM.
 
 #include <Wendrel/kit/Server.h>
 
@@ -20,7 +20,7 @@ void sendHello(Request& request)
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     auto application = std::make_unique<qv::kit::Application>();
     application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);

@@ -1,4 +1,4 @@
-// A first server: says hello, and counts as far as the client wants.
+// First server: hello, and a stream of numbers.
 
 #include <Wendrel/kit/Server.h>
 
@@ -19,21 +19,21 @@ void sendHello(Request& request)
                   "Hello, " + request.getPathParameter("name") + "!\n");
 }
 
-// Each line is made when the client has taken most of those before it.
+// Generates lines at the rate at which the client reads them.
 void sendNumbers(Request& request)
 {
     const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
     for (uint64_t number = 1; number <= last; ++number) {
         const std::string line = std::to_string(number) + "\n";
         if (!request.write(line.data(), line.size()))
-            return;  // the client has gone
+            return;  // the connection is closed
     }
     request.finish();
 }
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     auto application = std::make_unique<qv::kit::Application>();
     application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);

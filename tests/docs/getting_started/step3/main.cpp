@@ -1,4 +1,4 @@
-// A first server: says hello, counts as far as the client wants, and stores uploads.
+// First server: hello, a stream of numbers, and uploads.
 
 #include <Wendrel/kit/Server.h>
 
@@ -24,14 +24,14 @@ void sendHello(Request& request)
                   "Hello, " + request.getPathParameter("name") + "!\n");
 }
 
-// Each line is made when the client has taken most of those before it.
+// Generates lines at the rate at which the client reads them.
 void sendNumbers(Request& request)
 {
     const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
     for (uint64_t number = 1; number <= last; ++number) {
         const std::string line = std::to_string(number) + "\n";
         if (!request.write(line.data(), line.size()))
-            return;  // the client has gone
+            return;  // the connection is closed
     }
     request.finish();
 }
@@ -39,7 +39,7 @@ void sendNumbers(Request& request)
 constexpr int64_t kUploadLimitBytes = 16LL * 1024 * 1024;  // 16 MiB
 constexpr size_t kPieceBytes = 65536;
 
-// So that no name leads out of the directory, or hides a file in it.
+// Rejects names that leave the directory or are hidden files.
 bool isGoodName(const std::string& name)
 {
     constexpr const char* kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
@@ -47,7 +47,7 @@ bool isGoodName(const std::string& name)
     return name[0] != '.' && name.find_first_not_of(kAllowed) == std::string::npos;
 }
 
-// Writes the body to a file, a piece at a time.
+// Writes the body to a file in pieces.
 BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
 {
     if (request.getDeclaredBodyLength() > kUploadLimitBytes)
@@ -58,7 +58,7 @@ BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
         size_t got = 0;
         result = request.readBody(piece.data(), piece.size(), got);
         total += static_cast<int64_t>(got);
-        if (total > kUploadLimitBytes)  // a client need not declare a length
+        if (total > kUploadLimitBytes)  // the client may send no Content-Length
             return BodyResult::TooLarge;
         file.write(piece.data(), static_cast<std::streamsize>(got));
     }
@@ -72,7 +72,7 @@ void storeFile(Request& request)
         request.replyError(400, "This name is not allowed.");
         return;
     }
-    static std::atomic<unsigned> uploads{0};  // handlers run at the same time
+    static std::atomic<unsigned> uploads{0};  // handlers run concurrently
     const std::string unfinished = "uploads/.part" + std::to_string(++uploads);
     std::ofstream file(unfinished, std::ios::binary);
     int64_t total = 0;
@@ -90,12 +90,12 @@ void storeFile(Request& request)
                            "At most " + std::to_string(kUploadLimitBytes) + " bytes are taken.");
     else if (result == BodyResult::Complete)
         request.replyError(500, "The file could not be written.");
-    // else the client has gone: nobody is left to be told
+    // Aborted: the connection is closed, nobody receives a response.
 }
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     auto application = std::make_unique<qv::kit::Application>();
     application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);

@@ -1,4 +1,4 @@
-// A first server: hello, numbers, uploads, a stream without an end, and a clean stop.
+// First server: hello, a stream of numbers, uploads, an event stream, and graceful shutdown.
 
 #include <Wendrel/kit/Server.h>
 
@@ -26,14 +26,14 @@ void sendHello(Request& request)
                   "Hello, " + request.getPathParameter("name") + "!\n");
 }
 
-// Each line is made when the client has taken most of those before it.
+// Generates lines at the rate at which the client reads them.
 void sendNumbers(Request& request)
 {
     const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
     for (uint64_t number = 1; number <= last; ++number) {
         const std::string line = std::to_string(number) + "\n";
         if (!request.write(line.data(), line.size()))
-            return;  // the client has gone
+            return;  // the connection is closed
     }
     request.finish();
 }
@@ -41,7 +41,7 @@ void sendNumbers(Request& request)
 constexpr int64_t kUploadLimitBytes = 16LL * 1024 * 1024;  // 16 MiB
 constexpr size_t kPieceBytes = 65536;
 
-// So that no name leads out of the directory, or hides a file in it.
+// Rejects names that leave the directory or are hidden files.
 bool isGoodName(const std::string& name)
 {
     constexpr const char* kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
@@ -49,7 +49,7 @@ bool isGoodName(const std::string& name)
     return name[0] != '.' && name.find_first_not_of(kAllowed) == std::string::npos;
 }
 
-// Writes the body to a file, a piece at a time.
+// Writes the body to a file in pieces.
 BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
 {
     if (request.getDeclaredBodyLength() > kUploadLimitBytes)
@@ -60,7 +60,7 @@ BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
         size_t got = 0;
         result = request.readBody(piece.data(), piece.size(), got);
         total += static_cast<int64_t>(got);
-        if (total > kUploadLimitBytes)  // a client need not declare a length
+        if (total > kUploadLimitBytes)  // the client may send no Content-Length
             return BodyResult::TooLarge;
         file.write(piece.data(), static_cast<std::streamsize>(got));
     }
@@ -74,7 +74,7 @@ void storeFile(Request& request)
         request.replyError(400, "This name is not allowed.");
         return;
     }
-    static std::atomic<unsigned> uploads{0};  // handlers run at the same time
+    static std::atomic<unsigned> uploads{0};  // handlers run concurrently
     const std::string unfinished = "uploads/.part" + std::to_string(++uploads);
     std::ofstream file(unfinished, std::ios::binary);
     int64_t total = 0;
@@ -92,7 +92,7 @@ void storeFile(Request& request)
                            "At most " + std::to_string(kUploadLimitBytes) + " bytes are taken.");
     else if (result == BodyResult::Complete)
         request.replyError(500, "The file could not be written.");
-    // else the client has gone: nobody is left to be told
+    // Aborted: the connection is closed, nobody receives a response.
 }
 
 class FirstServer : public qv::kit::Application
@@ -107,9 +107,9 @@ public:
                         [this](Request& request) { sendTicks(request); });
     }
 
-    ~FirstServer() override { stopWorkers(); }  // they use the members below
+    ~FirstServer() override { stopWorkers(); }  // handlers use the members below
 
-    // Ends what has no end of its own. Any thread.
+    // Ends the event streams. Any thread.
     void endTicks()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -123,9 +123,9 @@ private:
         std::string line;
         for (unsigned number = 1; !isStoppingWithin(std::chrono::seconds(1)); ++number) {
             line = "tick " + std::to_string(number) + "\n";
-            // Without `flush` a line would wait until 64 KiB have come together.
+            // Without `flush` a line is held back until the chunk of 64 KiB is full.
             if (!request.write(line.data(), line.size()) || !request.flush())
-                return;  // the client has gone
+                return;  // the connection is closed
         }
         line = "the server stops\n";
         request.write(line.data(), line.size());
@@ -145,7 +145,7 @@ private:
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // first, so that no thread takes the signals away
+    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
 
     auto application = std::make_unique<FirstServer>();
     FirstServer& firstServer = *application;
@@ -154,7 +154,7 @@ int main(int argc, char** argv)
     qv::http::HttpServer::Parameters parameters;
     if (argc > 1)
         parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
-    const std::chrono::seconds patience(argc > 2 ? std::atoi(argv[2]) : 10);
+    const std::chrono::seconds drainLimit(argc > 2 ? std::atoi(argv[2]) : 10);
     qv::kit::Server server(std::move(application));  // owns the application from here
     if (!server.start(parameters)) {
         std::fprintf(stderr, "cannot listen on port %u\n", parameters.port);
@@ -166,7 +166,7 @@ int main(int argc, char** argv)
     stopSignal.wait();
     std::puts("stopping");
     firstServer.endTicks();
-    const bool allAnswered = server.stop(patience);
-    std::puts(allAnswered ? "every request was answered" : "some requests were cut off");
+    const bool allServed = server.stop(drainLimit);
+    std::puts(allServed ? "every request was served" : "some requests were cut off");
     return 0;
 }
