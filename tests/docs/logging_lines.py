@@ -1,4 +1,4 @@
-"""Tries the log of logging.cpp, and compares its lines with those that docs/logging.md shows.
+"""Tests the log of logging.cpp, and compares its lines with those of docs/logging.md.
 
 Usage: logging_lines.py ROOT PROGRAM
 """
@@ -32,7 +32,7 @@ class Logging(unittest.TestCase):
         return server
 
     def send(self, server, request):
-        """Bytes as they are, and all that comes back."""
+        """Sends raw bytes; returns all bytes received."""
         with socket.create_connection(("127.0.0.1", server.port), LIMIT_SECONDS) as connection:
             connection.sendall(request)
             return b"".join(iter(lambda: connection.recv(65536), b""))
@@ -43,11 +43,11 @@ class Logging(unittest.TestCase):
         self.assertEqual(server.ask("GET", "/order/tea")[0], 500)
         self.assertIn(b" 400 ", self.send(server, b"GET / HTTP/1.1\r\n\r\n"))
         self.assertEqual(server.process.stop(), 0)
-        section = self.page.read_text().split("\n## Lines to expect\n")[1]
+        section = self.page.read_text().split("\n## Example\n")[1]
         shown = "".join(line.removeprefix("    ") + "\n" for line in section.splitlines()
                         if line.startswith("    "))
         self.assertEqual(comparable(self.log.read_text()), comparable(shown))
-        # The sink of its own has the same, in its way.
+        # The custom sink has the same lines in its own layout.
         plain = re.sub(r"^TIME (\w+) (?:\[(\w+)\] )?THREAD ",
                        lambda line: f"{line[1]} {line[2] or '-'} ", comparable(shown), flags=re.M)
         self.assertEqual(comparable("".join(server.process.errors)), plain)
