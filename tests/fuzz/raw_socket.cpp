@@ -17,6 +17,7 @@
 #include <Wendrel/kit/Server.h>
 #include <Wendrel/kit/WebSocketHub.h>
 #include <qvSystem/qvLog.h>
+#include <support/Ports.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -184,17 +185,6 @@ sockaddr_in Loopback(uint16_t port)
     return address;
 }
 
-uint16_t FreePort()
-{
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = Loopback(0);
-    socklen_t size = sizeof address;
-    auto* raw = reinterpret_cast<sockaddr*>(&address);
-    FUZZ_CHECK(::bind(descriptor, raw, size) == 0 && ::getsockname(descriptor, raw, &size) == 0);
-    ::close(descriptor);
-    return ntohs(address.sin_port);
-}
-
 // The server of all inputs.
 class Subject
 {
@@ -228,7 +218,7 @@ private:
             AddRoutes(application->getRouter());
             mServer = std::make_unique<qv::kit::Server>(std::move(application));
             qv::http::HttpServer::Parameters parameters;
-            parameters.port = mPort = FreePort();
+            parameters.port = mPort = qv::tests::findFreePort();
             parameters.threadPoolSize = 2;
             parameters.connectionTimeoutMs = 1000;  // frees workers that wait for a body
             parameters.allowWebSocket = true;

@@ -16,8 +16,8 @@ namespace
 
 using integration::Channel;
 using integration::CurlClient;
-using integration::Gate;
 using integration::getRequest;
+using integration::Latch;
 using integration::RawClient;
 using integration::TestRequest;
 using integration::TestServer;
@@ -41,7 +41,7 @@ protected:
         EXPECT_EQ(server.requestsCompleted(), server.requestsCreated());
     }
 
-    Gate begun;
+    Latch begun;
     Channel<std::string> error;
 };
 
@@ -65,7 +65,7 @@ TEST_F(DisconnectInUpload, ByTheClientIsClientAbort)
 {
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     ASSERT_TRUE(client.waitUntilTaken());
     client.close();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : ClientAbort")));
@@ -76,7 +76,7 @@ TEST_F(DisconnectInUpload, ByFinishingToSendIsClientAbort)
 {
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     ASSERT_TRUE(client.waitUntilTaken());
     client.finishSending();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : ClientAbort")));
@@ -88,7 +88,7 @@ TEST_F(DisconnectInUpload, ByAResetIsReadError)
 {
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     client.reset();
     EXPECT_THAT(error.pop(), Optional(AnyOf(Eq("Http response device : ReadError"),
                                             Eq("Http response device : WriteError"))));
@@ -99,7 +99,7 @@ TEST_F(DisconnectInUpload, ByStoppingTheServerIsDaemonShutdown)
 {
     RawClient client(server.port());
     ASSERT_TRUE(client.send(beginningOfUpload()));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     server.server().stopServer(true);
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : DaemonShutdown")));
     EXPECT_TRUE(client.isClosedByServer());
@@ -115,7 +115,7 @@ TEST_F(Disconnect, WhileTheWorkerComputesIsWriteError)
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     client.reset();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : WriteError")));
     expectServing(server);
@@ -163,13 +163,13 @@ TEST_F(Disconnect, InTheDownloadWakesTheBlockedWriter)
 
 TEST_F(Disconnect, InTheDownloadIsSeenByALaterWrite)
 {
-    Gate gone;
+    Latch gone;
     TestServer server([&](TestRequest& request) {
         ASSERT_TRUE(request.beginStream());
         auto& device = request.getResponseDevice();
         EXPECT_EQ(device.writeBytes("first", 5), 5u);
         device.flush();
-        EXPECT_TRUE(gone.pass());
+        EXPECT_TRUE(gone.wait());
         EXPECT_TRUE(integration::waitUntil([&device] {
             device.writeBytes("more", 4);
             device.flush();

@@ -243,13 +243,13 @@ TEST(KitServer, AnswersForHandlersThatFail)
 
 TEST(KitServer, RefusesWhatItsWorkersCannotTake)
 {
-    Gate gate;
+    Latch latch;
     Channel<int> running;
     KitRun run(
         [&](Router& router) {
             router.add(kGet, "/", [&](Request& request) {
                 running.push(1);
-                gate.pass();
+                latch.wait();
                 request.reply(200, kText, "text");
             });
         },
@@ -268,7 +268,7 @@ TEST(KitServer, RefusesWhatItsWorkersCannotTake)
     // A request is counted a moment before it is queued: one of the four is refused.
     ASSERT_TRUE(extra.send(getRequest("/")));
     ASSERT_TRUE(waitUntil([&] { return run.application().getRequestCount() == 4; }));
-    gate.open();
+    latch.open();
     int answered = 0;
     int refused = 0;
     clients.push_back(nullptr);
@@ -398,13 +398,13 @@ TEST(KitServer, AStreamEndsWhenItsReaderGoes)
 
 TEST(KitServer, AStopLetsRunningRequestsBeAnsweredAndRefusesNewOnes)
 {
-    Gate gate;
+    Latch latch;
     Channel<int> running;
     KitRun run([&](Router& router) {
         helloRoute(router);
         router.add(kGet, "/", [&](Request& request) {
             running.push(1);
-            gate.pass();
+            latch.wait();
             request.reply(200, kText, "text");
         });
     });
@@ -420,7 +420,7 @@ TEST(KitServer, AStopLetsRunningRequestsBeAnsweredAndRefusesNewOnes)
         const auto response = other.receive();
         return response && response->status == 503;
     }));
-    gate.open();
+    latch.open();
     const auto response = client.receive();
     stopper.join();
     ASSERT_TRUE(response);
@@ -467,7 +467,7 @@ TEST(KitServer, IsStartedOnceAndStoppedAsOftenAsOneLikes)
 
 TEST(KitServer, SaysThatItsPortIsInUse)
 {
-    const TakenPort taken;
+    const qv::tests::TakenPort taken;
     qv::http::HttpServer::Parameters parameters;
     parameters.port = taken.port();
     qv::kit::Server server(std::make_unique<KitApplication>());

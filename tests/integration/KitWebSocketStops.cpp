@@ -119,7 +119,7 @@ TEST(WebSocketHub, GoesOnAfterAPollThatFailed)
     EXPECT_TRUE(waitForLogLine("Got an error during call to poll Invalid argument"));
     EXPECT_TRUE(waitForLogLine(kRevived));
 
-    run.ledger().gate.open();
+    run.ledger().latch.open();
     const auto answer = handling.receive();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->bytes, "wait");

@@ -215,7 +215,7 @@ TEST(WebSocketHub, HandlesTheLastMessageThoughTheWorkerIsBusyForLong)
     client.raw().finishSending();
     // Longer than the half second that it has after its message has been received.
     EXPECT_FALSE(waitUntil([&] { return run.ledger().closed != 0; }, milliseconds(900)));
-    run.ledger().gate.open();
+    run.ledger().latch.open();
     const auto answer = client.receive();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->bytes, "last");
@@ -237,7 +237,7 @@ TEST(WebSocketHub, KeepsAConnectionWhileItsEndIsTold)
     ASSERT_TRUE(other.sendText("next"));
     EXPECT_FALSE(waitUntil([&] { return run.ledger().destroyed != 0; }, milliseconds(500)));
     EXPECT_EQ(run.ledger().closed, 1);
-    run.ledger().endGate.open();
+    run.ledger().endLatch.open();
     const auto answer = other.receive();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->bytes, "next");
@@ -379,7 +379,7 @@ TEST(WebSocketHub, ItsCloseLetsASlowClientTakeWhatTheSystemHolds)
     EXPECT_FALSE(waitUntil([&] { return returned.load(); }, milliseconds(600)));
     const auto fill = client.receive();
     EXPECT_TRUE(client.receive());
-    run.ledger().gate.open();
+    run.ledger().latch.open();
     closer.join();
     EXPECT_TRUE(client.waitForEnd());
     ASSERT_TRUE(fill);
@@ -494,7 +494,7 @@ TEST(WebSocketHub, EveryCloseWaitsForRunningHandlers)
     // The half second after which a client that has gone is aborted is over by then.
     EXPECT_FALSE(waitUntil([&] { return returned != 0; }, milliseconds(1200)));
     EXPECT_EQ(run.ledger().closedWhileHandling, 0);
-    run.ledger().gate.open();
+    run.ledger().latch.open();
     for (std::thread& closer : closers)
         closer.join();
     run.expectNothingIsLeft();

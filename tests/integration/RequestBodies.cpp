@@ -16,7 +16,7 @@ namespace
 using integration::Channel;
 using integration::CurlClient;
 using integration::CurlResult;
-using integration::Gate;
+using integration::Latch;
 using integration::PatternChecker;
 using integration::RawClient;
 using integration::TestRequest;
@@ -171,7 +171,7 @@ TEST(RawRequestBody, IsReadableWhileItArrives)
 // Required: what still arrives after the answer is complete is dropped.
 TEST(RawRequestBody, IsDroppedAfterTheAnswerIsComplete)
 {
-    Gate answered;
+    Latch answered;
     Channel<std::string> read;
     TestServer server([&](TestRequest& request) {
         request.answer(200, request.getOriginalFullUrl());
@@ -181,7 +181,7 @@ TEST(RawRequestBody, IsDroppedAfterTheAnswerIsComplete)
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(postHead("Content-Length: 10\r\n") + "12345"));
-    ASSERT_TRUE(answered.pass());
+    ASSERT_TRUE(answered.wait());
     ASSERT_TRUE(client.send("67890" + integration::getRequest("/next")));
     const auto first = client.receive();
     ASSERT_TRUE(first);

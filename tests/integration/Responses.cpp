@@ -19,8 +19,8 @@ namespace
 using integration::Channel;
 using integration::CurlClient;
 using integration::CurlResult;
-using integration::Gate;
 using integration::getRequest;
+using integration::Latch;
 using integration::PatternChecker;
 using integration::RawClient;
 using integration::RawResponse;

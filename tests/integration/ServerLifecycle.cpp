@@ -8,6 +8,7 @@
 #include <Wendrel/Wendrel.h>
 
 #include <gmock/gmock.h>
+#include <support/Ports.h>
 
 #include <atomic>
 #include <filesystem>
@@ -22,8 +23,8 @@ namespace
 using integration::Channel;
 using integration::CurlClient;
 using integration::CurlResult;
-using integration::Gate;
 using integration::getRequest;
+using integration::Latch;
 using integration::LogLine;
 using integration::logLines;
 using integration::RawClient;
@@ -124,7 +125,7 @@ TEST(ServerLifecycle, IgnoresASecondStart)
 {
     TestServer server(answerOk);
     HttpServer::Parameters other = server.parameters();
-    other.port = integration::findFreePort();
+    other.port = qv::tests::findFreePort();
     server.server().startServer(other);
     EXPECT_EQ(server.server().getState(), HttpServer::Running);
     EXPECT_FALSE(RawClient::accepts("127.0.0.1", other.port));
@@ -162,9 +163,9 @@ TEST(ServerLifecycle, StopsAndStartsAgainOnTheSamePort)
 
 TEST(ServerLifecycle, StopsWithoutWaiting)
 {
-    Gate released;
+    Latch released;
     TestServerOptions options;
-    options.onServerStopped = [&released] { EXPECT_TRUE(released.pass()); };
+    options.onServerStopped = [&released] { EXPECT_TRUE(released.wait()); };
     TestServer server(answerOk, options);
     server.server().stopServer(false);
     // It returned although the server cannot stop yet.
@@ -222,7 +223,7 @@ TEST(ServerLifecycle, FailsWhenTheLibraryIsNotInitialized)
     std::atomic<int> stopped{0};
     HttpServer server(new IdleApplication(stopped));
     HttpServer::Parameters parameters;
-    parameters.port = integration::findFreePort();
+    parameters.port = qv::tests::findFreePort();
     server.startServer(parameters);
     ASSERT_TRUE(waitForFailure(server));
     EXPECT_EQ(stopped, 1);
@@ -261,12 +262,12 @@ TEST(ServerLifecycle, EndsRunningRequestsWhenItStops)
 
 TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
 {
-    Gate stopping;
-    Gate released;
+    Latch stopping;
+    Latch released;
     TestServerOptions options;
     options.onServerStopped = [&] {
         stopping.open();
-        EXPECT_TRUE(released.pass());
+        EXPECT_TRUE(released.wait());
     };
     TestServer server(answerOk, options);
     RawClient kept(server.port());
@@ -274,7 +275,7 @@ TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
     ASSERT_TRUE(kept.receive());
 
     server.server().stopServer(false);
-    ASSERT_TRUE(stopping.pass());
+    ASSERT_TRUE(stopping.wait());
     RawClient fresh(server.port());
     for (RawClient* client : {&kept, &fresh}) {
         EXPECT_TRUE(client->send(getRequest("/")));
@@ -294,24 +295,24 @@ TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
 
 TEST(ServerLifecycle, AnswersRequestsAlreadyRunningWhileItStops)
 {
-    Gate begun;
-    Gate stopping;
-    Gate released;
+    Latch begun;
+    Latch stopping;
+    Latch released;
     TestServerOptions options;
     options.onServerStopped = [&] {
         stopping.open();
-        EXPECT_TRUE(released.pass());
+        EXPECT_TRUE(released.wait());
     };
     TestServer server(
         [&](TestRequest& request) {
             begun.open();
-            EXPECT_TRUE(stopping.pass());
+            EXPECT_TRUE(stopping.wait());
             request.answer(200, "still answered");
         },
         options);
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
-    ASSERT_TRUE(begun.pass());
+    ASSERT_TRUE(begun.wait());
     server.server().stopServer(false);
     const auto response = client.receive();
     ASSERT_TRUE(response);

@@ -12,7 +12,8 @@ target_link_libraries(framing_bare_daemon PRIVATE wendrel_build PkgConfig::MICRO
 add_executable(framing_library_server
     framing/library_server.cpp support/Pattern.cpp support/TestServer.cpp)
 set_target_properties(framing_library_server PROPERTIES CXX_EXTENSIONS OFF)
-target_link_libraries(framing_library_server PRIVATE wendrel_build Wendrel::Wendrel GTest::gtest)
+target_link_libraries(framing_library_server PRIVATE
+    wendrel_build Wendrel::Wendrel wendrel_test_support GTest::gtest)
 
 wendrel_python_tests(PREFIX framing
     SCRIPT ${CMAKE_CURRENT_LIST_DIR}/framing/test_framing.py

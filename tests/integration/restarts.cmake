@@ -16,7 +16,6 @@ wendrel_test_program(integration_restart
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl
     TIMEOUT 600 SERIAL)
-target_include_directories(integration_restart PRIVATE ${CMAKE_CURRENT_LIST_DIR})
 target_compile_definitions(integration_restart PRIVATE
     WENDREL_RESTART_ROUNDS=${restart_rounds} WENDREL_SANITIZED=${restart_sanitized})
 

@@ -4,7 +4,8 @@ set(websocket_tests_dir ${CMAKE_CURRENT_LIST_DIR}/websocket)
 
 add_executable(websocket_echo_server websocket/echo_server.cpp)
 set_target_properties(websocket_echo_server PROPERTIES CXX_EXTENSIONS OFF)
-target_link_libraries(websocket_echo_server PRIVATE wendrel_build Wendrel::Wendrel)
+target_link_libraries(websocket_echo_server PRIVATE
+    wendrel_build Wendrel::Wendrel wendrel_test_support)
 
 # websocket_client_tests(class client...): the tests of this class, with this client.
 function(websocket_client_tests class)

@@ -15,13 +15,11 @@
 
 #include <Wendrel/HttpDevices.h>
 #include <qvSystem/qvLog.h>
+#include <support/Ports.h>
 
-#include <arpa/inet.h>
 #include <malloc.h>
-#include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -273,20 +271,6 @@ private:
     std::atomic<uint64_t>& mLines;
 };
 
-uint16_t findFreePort()
-{
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* raw = reinterpret_cast<sockaddr*>(&address);
-    const bool found =
-        ::bind(descriptor, raw, size) == 0 && ::getsockname(descriptor, raw, &size) == 0;
-    ::close(descriptor);
-    return found ? ntohs(address.sin_port) : 0;
-}
-
 // Bytes of the heap in use.
 size_t heapBytes()
 {
@@ -318,7 +302,7 @@ public:
             mTarget = target.get();
             mServer = std::make_unique<qv::kit::Server>(std::move(target));
             qv::http::HttpServer::Parameters parameters;
-            parameters.port = findFreePort();
+            parameters.port = qv::tests::findFreePort();
             parameters.threadPoolSize = mArguments.number("threads", 2);
             parameters.connectionTimeoutMs = mArguments.number("timeout", 60000);
             parameters.allowWebSocket = mArguments.number("websocket", 1) != 0;

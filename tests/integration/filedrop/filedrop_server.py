@@ -101,9 +101,9 @@ class Upload:
         """Ends a chunked body; returns the status."""
         if self.is_chunked:
             self.socket.sendall(b"0\r\n\r\n")
-        answer = http.client.HTTPResponse(self.socket)
-        answer.begin()
-        return answer.status
+        response = http.client.HTTPResponse(self.socket)
+        response.begin()
+        return response.status
 
     def close(self):
         self.socket.close()
@@ -121,15 +121,15 @@ class Download:
         self.socket.settimeout(LIMIT_SECONDS)
         self.socket.connect(("127.0.0.1", server.port))
         self.socket.sendall(f"GET /files/{name} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
-        self.answer = http.client.HTTPResponse(self.socket)
-        self.answer.begin()
-        self.status = self.answer.status
+        self.response = http.client.HTTPResponse(self.socket)
+        self.response.begin()
+        self.status = self.response.status
 
     def read_rest(self):
-        return self.answer.read()
+        return self.response.read()
 
     def close(self):
-        self.answer.close()
+        self.response.close()
         self.socket.close()
 
 

@@ -2,9 +2,9 @@
 
 #include "Clients.h"
 
-#include "support/Pattern.h"
-#include "support/RawClient.h"
-#include "support/WebSocketClient.h"
+#include "../support/Pattern.h"
+#include "../support/RawClient.h"
+#include "../support/WebSocketClient.h"
 
 #include <functional>
 #include <optional>

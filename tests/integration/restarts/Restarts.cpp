@@ -7,9 +7,9 @@
 #include "Round.h"
 #include "Servers.h"
 
-#include "support/CapturedLog.h"
-#include "support/ProcessCounts.h"
-#include "support/Waiting.h"
+#include "../support/CapturedLog.h"
+#include "../support/ProcessCounts.h"
+#include "../support/Waiting.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

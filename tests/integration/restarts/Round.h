@@ -2,7 +2,7 @@
 #ifndef WENDREL_TESTS_INTEGRATION_ROUND_H
 #define WENDREL_TESTS_INTEGRATION_ROUND_H
 
-#include "support/Waiting.h"
+#include "../support/Waiting.h"
 
 #include <array>
 #include <atomic>

@@ -48,8 +48,8 @@ struct Ledger
     std::atomic<int> handledAfterClose{0};
     Channel<std::string> messages;
     Channel<int> closings;
-    Gate gate;
-    Gate endGate;
+    Latch latch;
+    Latch endLatch;
     milliseconds endLimit = kLimit;
     std::atomic<int> toldEnds{0};  // onClosed has returned
 };
@@ -85,7 +85,7 @@ protected:
         ++mLedger.closed;
         mLedger.closings.push(0);
         if (mEndsSlowly)
-            mLedger.endGate.pass(mLedger.endLimit);
+            mLedger.endLatch.wait(mLedger.endLimit);
         ++mLedger.toldEnds;
     }
 
@@ -99,7 +99,7 @@ private:
         else if (bytes == "fill")
             sendBinary(std::string(kFillBytes, 'f'));
         else if (bytes == "wait")
-            mLedger.gate.pass();
+            mLedger.latch.wait();
         else if (bytes == "end slowly")
             mEndsSlowly = true;
         if (bytes == "quiet")
@@ -161,7 +161,7 @@ public:
         constexpr int kTries = 5;
         for (int i = 0; i < kTries; ++i) {
             qv::http::HttpServer::Parameters parameters;
-            parameters.port = mPort = TakenPort().port();
+            parameters.port = mPort = qv::tests::findFreePort();
             parameters.threadPoolSize = 2;
             parameters.allowWebSocket = true;
             auto application = std::make_unique<HubApplication>(setup, mLedger);

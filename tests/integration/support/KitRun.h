@@ -4,10 +4,7 @@
 
 #include <Wendrel/kit/Server.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <support/Ports.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,34 +16,6 @@
 
 namespace integration
 {
-
-/// Takes a port of 127.0.0.1 that is free now, and keeps it until it is destroyed.
-class TakenPort
-{
-public:
-    TakenPort() : mDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto* raw = reinterpret_cast<sockaddr*>(&address);
-        if (::bind(mDescriptor, raw, size) != 0 || ::listen(mDescriptor, 1) != 0 ||
-            ::getsockname(mDescriptor, raw, &size) != 0)
-            throw std::runtime_error("no free port");
-        mPort = ntohs(address.sin_port);
-    }
-
-    ~TakenPort() { ::close(mDescriptor); }
-    TakenPort(const TakenPort&) = delete;
-    TakenPort& operator=(const TakenPort&) = delete;
-
-    uint16_t port() const { return mPort; }
-
-private:
-    int mDescriptor;
-    uint16_t mPort = 0;
-};
 
 /// Counts itself.
 class KitRequest : public qv::kit::Request
@@ -89,7 +58,7 @@ public:
             setup(application->getRouter());
             mServer = std::make_unique<qv::kit::Server>(std::move(application));
             qv::http::HttpServer::Parameters parameters;
-            parameters.port = mPort = TakenPort().port();
+            parameters.port = mPort = qv::tests::findFreePort();
             parameters.threadPoolSize = 2;
             parameters.allowWebSocket = true;
             if (mServer->start(parameters, std::chrono::seconds(30)))

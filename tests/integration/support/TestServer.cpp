@@ -9,11 +9,8 @@
 
 #include <qvSystem/qvThread.h>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <support/Ports.h>
 
 #include <algorithm>
 #include <array>
@@ -224,23 +221,6 @@ private:
     std::thread mReaper;
 };
 
-uint16_t findFreePort()
-{
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const bool found =
-        descriptor >= 0 &&
-        ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-    ::close(descriptor);
-    if (!found)
-        throw std::runtime_error("no free port on 127.0.0.1");
-    return ntohs(address.sin_port);
-}
-
 TestServer::TestServer(Behaviour behaviour, TestServerOptions options)
 {
     qv::initializeWendrel();
@@ -253,7 +233,7 @@ TestServer::TestServer(Behaviour behaviour, TestServerOptions options)
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         mApplication = new Application(behaviour, options);
         mServer = std::make_unique<HttpServer>(mApplication);
-        mParameters.port = findFreePort();
+        mParameters.port = qv::tests::findFreePort();
         mServer->startServer(mParameters);
         waitUntil([this] { return mServer->getState() != HttpServer::Starting; });
         if (mServer->getState() == HttpServer::Running)

@@ -83,9 +83,6 @@ struct TestServerOptions
     std::function<void(std::unique_ptr<qv::http::WebSocket>)> onNewWebSocket;
 };
 
-/// A port of 127.0.0.1 that nobody listened on a moment ago.
-uint16_t findFreePort();
-
 /// A running server on a free port of 127.0.0.1 with the library initialised around it.
 ///
 /// Each request is deleted when its worker has ended and the daemon is done with it. The

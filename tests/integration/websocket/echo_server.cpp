@@ -10,12 +10,12 @@
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 
-#include <arpa/inet.h>
+#include <support/Ports.h>
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -244,21 +244,6 @@ private:
     unsigned mParked = 0;
 };
 
-uint16_t findFreePort()
-{
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const bool found =
-        descriptor >= 0 &&
-        ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-    ::close(descriptor);
-    return found ? ntohs(address.sin_port) : 0;
-}
-
 bool start(HttpServer& server, uint16_t port)
 {
     HttpServer::Parameters parameters;
@@ -327,8 +312,8 @@ int main()
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         auto* application = new EchoApplication(threads, registry, figures);
         HttpServer server(application);
-        const uint16_t port = findFreePort();
-        if (port == 0 || !start(server, port))
+        const uint16_t port = qv::tests::findFreePort();
+        if (!start(server, port))
             continue;
         std::printf("port %d\n", port);
         std::fflush(stdout);
