@@ -62,8 +62,8 @@ set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS
     "libwendrel-dev (= ${wendrel_debian_version}), libcli11-dev, nlohmann-json3-dev")
 set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
-These are a file server and a chat, ready to run, and the sources of all
-examples.")
+These are a file server and a chat, ready to run, with their manual pages, and
+the sources of all examples.")
 
 # dpkg-shlibdeps finds the libraries of this tree here.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
@@ -86,6 +86,12 @@ install(FILES packaging/lintian-overrides
 find_program(GZIP_PROGRAM gzip REQUIRED)
 execute_process(COMMAND ${GZIP_PROGRAM} -9nfk ${PROJECT_BINARY_DIR}/packaging/changelog.Debian
     COMMAND_ERROR_IS_FATAL ANY)
+# Debian has its manual pages compressed. They are installed by then: the examples come before.
+install(CODE "
+    file(GLOB pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man1/*.1\")
+    if(pages)
+        execute_process(COMMAND ${GZIP_PROGRAM} -9nf \${pages} COMMAND_ERROR_IS_FATAL ANY)
+    endif()" COMPONENT examples)
 
 set(CPACK_COMPONENTS_ALL runtime development documentation examples)
 include(CPack)

@@ -44,6 +44,15 @@ def check_symbols(package, work):
     expect("ldconfig" in (work / "triggers").read_text(), "ldconfig is not triggered")
 
 
+def check_manual_pages(root):
+    for program in sorted((root / "usr" / "bin").iterdir()):
+        page = root / "usr" / "share" / "man" / "man1" / f"{program.name}.1.gz"
+        expect(page.is_file(), f"{program.name} has no manual page")
+        text = run("man", "--local-file", page)
+        expect(f"{program.name} —" in text or f"{program.name} -" in text,
+               f"man shows no page of {program.name}: {text[:200]}")
+
+
 def check_use(root, work):
     prefix = root / "usr"
     libraries = support.libraries_of(prefix)
@@ -77,6 +86,7 @@ def check(work):
     root = support.empty(work / "root")
     for package in packages.values():
         run("dpkg-deb", "--extract", package, root)
+    check_manual_pages(root)
     check_use(root, work)
 
 
