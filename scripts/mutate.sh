@@ -10,7 +10,7 @@ Usage: scripts/mutate.sh [--count N] [--files PATTERN]... [--seed N] [--jobs N] 
 Changes one operator, constant or statement of src/ at a time, builds and runs the unit tests of
 that file, and lists the mutants that no test killed. Works in a copy of the tree. Not counted
 are mutants that do not compile, and those whose object code is the original's or another
-mutant's. Fails when a survivor is not explained in tests/README.md.
+mutant's. Fails when a survivor has no row in tests/mutation/survivors.md.
 
   --count N        as many mutants, spread over all functions; 0: all there are (default: 300)
   --files PATTERN  only files whose path matches, such as 'src/server/*'; may be given several times

@@ -10,7 +10,8 @@ import pathlib
 import re
 import sys
 
-PATTERNS = ("*.md", "docs/**/*.md", "examples/*/README.md", "tests/README.md")
+PATTERNS = ("*.md", "docs/**/*.md", "examples/*/README.md", "tests/README.md",
+            "tests/mutation/*.md")
 LANGUAGES = ("cpp", "cmake")
 SOURCE = re.compile(r"\]\(([^)#]+\.(?:cpp|txt|h))\)")
 LINK = re.compile(r"\]\(<?([^)\s>]+)>?(?:\s+\"[^\"]*\")?\)|^\[[^\]]+\]:\s*(\S+)")

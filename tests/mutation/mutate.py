@@ -1,4 +1,4 @@
-"""Changes src/ in one place at a time and looks whether a unit test notices.
+"""Changes src/ in one place at a time and checks whether a unit test fails.
 
 Run through scripts/mutate.sh, whose --help says how.
 """
@@ -20,12 +20,12 @@ import report
 from report import KILLED, NOT_COMPILED, SAME_CODE, SURVIVED, TWIN
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-README = os.path.join(ROOT, "tests", "README.md")
+SURVIVORS = os.path.join(ROOT, "tests", "mutation", "survivors.md")
 
-# The doors that tests use, and nobody else.
+# Accessors for tests only.
 NOT_OURS = {"src/websocket/WebSocketAccess.h"}
 
-# The programs that test a room: the first has the tests that are named after its files.
+# The programs that test a module: the first has the tests named after its files.
 PROGRAMS = {
     "request": ("unit_library", "unit_server", "unit_faults"),
     "streaming": ("unit_library", "unit_server", "unit_faults"),
@@ -282,7 +282,7 @@ def main():
     wanted = candidates(tree.tree, options)
     print(f"==> {len(wanted)} places to change, seed {options.seed}", flush=True)
     rows = Run(campaign, wanted, results, options).run()
-    return 0 if report.tell(rows, time.monotonic() - start, README) else 1
+    return 0 if report.tell(rows, time.monotonic() - start, SURVIVORS) else 1
 
 
 def interrupt(number, frame):

@@ -1,4 +1,4 @@
-"""What has been tried, kept in a file and told in tables."""
+"""Results of mutants, stored in a file and printed as tables."""
 
 import collections
 import json
@@ -95,21 +95,21 @@ def read_or_nothing(path):
         return file.read()
 
 
-# Prints it all; false when a survivor is not explained in `readme`.
-def tell(rows, seconds, readme):
+# Prints all tables; false when a survivor has no row in the file `table`.
+def tell(rows, seconds, table):
     print_counts(rows)
-    explained = read_or_nothing(readme)
+    explained = read_or_nothing(table)
     survivors = [row for row in rows if row["status"] == SURVIVED]
     survivors.sort(key=lambda row: (row["file"], row["line"]))
     new = [row for row in survivors if table_row(row) not in explained]
     if survivors:
-        print("\nSurvivors; + is not explained in tests/README.md")
+        print("\nSurvivors; + is missing in tests/mutation/survivors.md")
     for row in survivors:
         print(f"{'+' if row in new else ' '} {row['file']}:{row['line']}\n  {table_row(row)}")
     tried = sum(row["status"] in COUNTED for row in rows)
     share = 100 * len(survivors) / tried if tried else 0
     print(
         f"\n{tried} mutants, {tried - len(survivors)} killed, {len(survivors)} survived "
-        f"({share:.1f} %), {len(new)} of these not explained; {seconds / 60:.0f} minutes"
+        f"({share:.1f} %), {len(new)} of these without a reason; {seconds / 60:.0f} minutes"
     )
     return not new

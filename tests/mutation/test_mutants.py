@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What is changed in a source file, and what is not.
+"""Tests which changes of a source file are mutants.
 
     python3 test_mutants.py [Class[.test]]
 """
@@ -9,6 +9,7 @@ import os
 import unittest
 
 import mutants
+import report
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -119,6 +120,19 @@ class Mutants(unittest.TestCase):
         for path in files:
             with open(path, encoding="utf-8") as file:
                 self.assertTrue(mutants.find_mutants(path, file.read()), path)
+
+    def test_of_the_survivors_exist(self):
+        known = set()
+        for path in glob.glob(os.path.join(ROOT, "src", "**", "*"), recursive=True):
+            if path.endswith((".cpp", ".h")):
+                with open(path, encoding="utf-8") as file:
+                    found = mutants.find_mutants(os.path.relpath(path, ROOT), file.read())
+                known.update(report.table_row(vars(mutant)) for mutant in found)
+        with open(os.path.join(ROOT, "tests/mutation/survivors.md"), encoding="utf-8") as file:
+            rows = [line for line in file if line.startswith("| `src/")]
+        self.assertGreater(len(rows), 0)
+        stale = [row for row in rows if not any(row.startswith(start) for start in known)]
+        self.assertEqual(stale, [], "the code has changed: adapt or delete these rows")
 
 
 if __name__ == "__main__":
