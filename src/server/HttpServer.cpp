@@ -135,13 +135,16 @@ void HttpServer::startServer(const Parameters& parameters)
 
 void HttpServer::stopServer(bool wait)
 {
+    uint32_t run = 0;
     {
         qvMutexLocker locker(&mMutex);
         mStopRequested = true;
+        run = getRunNumber();
         mWake.wakeAll();
     }
+    // Another thread may start the server again before this one waits.
     if (wait)
-        waitThread(kJoinLimitMs);
+        waitThread(kJoinLimitMs, run);
 }
 
 HttpServer::State HttpServer::getState() const

@@ -52,6 +52,7 @@ bool qvThread::startThread(const char* name)
         runAndReport();
     });
     started.commit();
+    ++mRunNumber;
     return true;
 }
 
@@ -65,12 +66,23 @@ void qvThread::runAndReport()
 
 bool qvThread::waitThread(unsigned long timeOutMs)
 {
+    return waitThread(timeOutMs, getRunNumber());
+}
+
+bool qvThread::waitThread(unsigned long timeOutMs, uint32_t run)
+{
     std::unique_lock<std::mutex> lock(mMutex);
-    if (mThread.get_id() == std::this_thread::get_id())
+    if (mRunNumber == run && mThread.get_id() == std::this_thread::get_id())
         return false;
     const auto end = std::chrono::steady_clock::now() +
                      std::chrono::milliseconds(std::min(timeOutMs, kLongestTimeOutMs));
-    return mEnded.wait_until(lock, end, [this] { return !mRunning; });
+    return mEnded.wait_until(lock, end, [&] { return !mRunning || mRunNumber != run; });
+}
+
+uint32_t qvThread::getRunNumber() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mRunNumber;
 }
 
 void qvThread::msleep(unsigned long ms)

@@ -17,13 +17,43 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
 #include <pthread.h>
+
+namespace qv::tests
+{
+
+namespace
+{
+
+// Runs before the next waitThread of this thread.
+thread_local std::function<void()> tBeforeWaitThread;
+
+}  // namespace
+
+}  // namespace qv::tests
+
+namespace qv
+{
+
+// A definition in the program comes before the one in a shared library.
+bool qvThread::waitThread(unsigned long timeOutMs, uint32_t run)
+{
+    static const auto real = reinterpret_cast<bool (*)(qvThread*, unsigned long, uint32_t)>(
+        dlsym(RTLD_NEXT, "_ZN2qv8qvThread10waitThreadEmj"));
+    if (const auto hook = std::exchange(tests::tBeforeWaitThread, nullptr))
+        hook();
+    return real(this, timeOutMs, run);
+}
+
+}  // namespace qv
 
 namespace qv::tests
 {
@@ -670,6 +700,25 @@ TEST_F(HttpServer, MayBeStoppedAtAnyTimeAndMoreThanOnce)
     server->stopServer(false);
     EXPECT_EQ(server->getState(), http::HttpServer::Stopped);
     EXPECT_EQ(daemon.callsOf("onServerStopped").size(), 1u);
+}
+
+TEST_F(HttpServer, StopsOnlyTheRunThatItFound)
+{
+    startAndWait();
+    auto stopped = std::async(std::launch::async, [&] {
+        // Another thread would start it again at this moment.
+        tBeforeWaitThread = [&] {
+            while (server->getState() != http::HttpServer::Stopped)
+                std::this_thread::yield();
+            server->startServer({});
+        };
+        server->stopServer(true);
+    });
+    EXPECT_EQ(stopped.wait_for(kLimit / 2), std::future_status::ready);
+    EXPECT_FALSE(server->isStopRequested());
+    server->stopServer(true);
+    EXPECT_EQ(daemon.starts().size(), 2u);
+    EXPECT_EQ(daemon.stops().size(), 2u);
 }
 
 TEST_F(HttpServer, HoldsItsLockExceptWhileItWaits)

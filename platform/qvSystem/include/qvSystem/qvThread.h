@@ -4,6 +4,7 @@
 #include <qvSystem/Export.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -34,10 +35,18 @@ public:
     /// std::system_error when the system has no thread to give.
     bool startThread(const char* name);
 
-    /// Waits at most `timeOutMs` milliseconds for the run to end. Returns true when it has
-    /// ended or none was started, false when the time ran out. From inside the thread
-    /// itself it returns false at once.
+    /// Waits at most `timeOutMs` milliseconds for the present run to end; a run that another
+    /// thread starts meanwhile is not waited for. Returns true when it has ended or none was
+    /// started, false when the time ran out. From inside the thread itself it returns false at
+    /// once.
     bool waitThread(unsigned long timeOutMs);
+
+    /// The same for the run with number `run`, see `getRunNumber`: true at once when a later one
+    /// has been started.
+    bool waitThread(unsigned long timeOutMs, uint32_t run);
+
+    /// The number of the latest run, counted from 1; 0 before the first.
+    uint32_t getRunNumber() const;
 
     /// Puts the calling thread to sleep for `ms` milliseconds.
     static void msleep(unsigned long ms);
@@ -55,10 +64,11 @@ protected:
 private:
     void runAndReport();
 
-    std::mutex mMutex;  // guards all below
+    mutable std::mutex mMutex;  // guards all below
     std::condition_variable mEnded;
     std::thread mThread;
     bool mRunning = false;
+    uint32_t mRunNumber = 0;
 };
 
 }  // namespace qv

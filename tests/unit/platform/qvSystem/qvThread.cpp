@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -54,6 +55,16 @@ private:
     std::promise<void> mOpened;
     std::shared_future<void> mPassed{mOpened.get_future()};
 };
+
+// One wait on a condition variable whose end is delayed.
+struct DelayedWait
+{
+    Gate begun;      // opened with the mutex still held
+    Gate mayReturn;  // passed before the mutex is taken again
+};
+
+// The next wait of this thread; null: it is not delayed.
+thread_local DelayedWait* tDelayedWait = nullptr;
 
 std::string NameOfCallingThread()
 {
@@ -165,6 +176,52 @@ TEST(qvThread, CanBeWaitedForByManyThreads)
         EXPECT_TRUE(wait.get());
 }
 
+TEST(qvThread, WaitsOnlyForTheRunThatItFound)
+{
+    Gate endOfRuns[2];
+    std::atomic<int> runs{0};
+    FunctionThread thread([&] { endOfRuns[runs++].pass(); });
+    ASSERT_TRUE(thread.startThread("first"));
+
+    DelayedWait wait;
+    auto waited = std::async(std::launch::async, [&] {
+        tDelayedWait = &wait;
+        return thread.waitThread(kLimitMs);
+    });
+    wait.begun.pass();
+    endOfRuns[0].open();
+    while (!thread.startThread("second"))
+        std::this_thread::yield();
+    wait.mayReturn.open();
+    EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(kLimitMs / 2)), std::future_status::ready);
+    EXPECT_FALSE(thread.waitThread(0)) << "the second run has not ended";
+    endOfRuns[1].open();
+    EXPECT_TRUE(waited.get());
+}
+
+TEST(qvThread, NumbersItsRuns)
+{
+    Gate endOfRuns[2];
+    std::atomic<int> runs{0};
+    FunctionThread thread([&] { endOfRuns[runs++].pass(); });
+    EXPECT_EQ(thread.getRunNumber(), 0u);
+    EXPECT_TRUE(thread.waitThread(0, 0));
+    ASSERT_TRUE(thread.startThread("first"));
+    EXPECT_EQ(thread.getRunNumber(), 1u);
+    EXPECT_FALSE(thread.startThread("refused"));
+    EXPECT_EQ(thread.getRunNumber(), 1u);
+    EXPECT_FALSE(thread.waitThread(0, 1));
+
+    endOfRuns[0].open();
+    EXPECT_TRUE(thread.waitThread(kLimitMs, 1));
+    ASSERT_TRUE(thread.startThread("second"));
+    EXPECT_EQ(thread.getRunNumber(), 2u);
+    EXPECT_TRUE(thread.waitThread(0, 1)) << "ended long ago";
+    EXPECT_FALSE(thread.waitThread(0, 2));
+    endOfRuns[1].open();
+    EXPECT_TRUE(thread.waitThread(kLimitMs, 2));
+}
+
 TEST(qvThread, NeitherWaitsForNorStartsItselfFromInside)
 {
     bool waited = true;
@@ -254,6 +311,7 @@ TEST(qvThread, IsAsBeforeWhenTheSystemHasNoThreadToGive)
     }
     EXPECT_TRUE(thread.waitThread(0));
     EXPECT_EQ(runs, 0);
+    EXPECT_EQ(thread.getRunNumber(), 0u);
     EXPECT_TRUE(thread.startThread("now"));
     EXPECT_TRUE(thread.waitThread(kLimitMs));
     EXPECT_EQ(runs, 1);
@@ -320,3 +378,20 @@ TEST(qvThread, IdsOfThreadsAliveDiffer)
 
 }  // namespace
 }  // namespace qv::tests
+
+// What waiting with a limit calls: a definition in the program comes before the system's.
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                      clockid_t clock, const timespec* end)
+{
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, __func__));
+    auto* const delayed = std::exchange(qv::tests::tDelayedWait, nullptr);
+    if (!delayed)
+        return real(condition, mutex, clock, end);
+    delayed->begun.open();
+    const int result = real(condition, mutex, clock, end);
+    pthread_mutex_unlock(mutex);
+    delayed->mayReturn.pass();
+    pthread_mutex_lock(mutex);
+    return result;
+}
