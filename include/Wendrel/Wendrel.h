@@ -10,7 +10,8 @@ namespace qv
 /// Counts one initialisation; the first brings up the platform libraries and fills the table
 /// of request methods. Call before a server is started: a server refuses to run otherwise.
 /// Each call needs a `terminateWendrel` of its own, also one that has thrown `std::bad_alloc`: the
-/// library is not usable then until it has been taken down and brought up again. Any thread.
+/// library is not usable then until it has been taken down and brought up again. Any thread, also
+/// before `main` and after it, from the constructor and the destructor of a static object.
 WENDREL_EXPORT void initializeWendrel();
 
 /// Counts one termination; the last takes down what the first initialisation brought up.

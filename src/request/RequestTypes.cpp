@@ -2,36 +2,36 @@
 
 #include <Wendrel/HttpRequest.h>
 
+#include <iterator>
+
 namespace qv
 {
 namespace
 {
 
-// Handed out by reference for the life of the process.
-const std::string kUnknownText = "UNKNOWN_HTTP_METHOD";
-const std::string kGetText = "GET";
-const std::string kPostText = "POST";
-const std::string kPutText = "PUT";
-const std::string kDeleteText = "DELETE";
-const std::string kOptionsText = "OPTIONS";
-const std::string kHeadText = "HEAD";
-const std::string kConnectText = "CONNECT";
-const std::string kTraceText = "TRACE";
-const std::string kPatchText = "PATCH";
-
 struct Method
 {
     HttpBaseRequest::RequestType type;
-    const std::string* text;
+    std::string text;
 };
 
-// The order in which methods are listed in a text, which is not the order of their bits.
-constexpr Method kMethods[] = {
-    {HttpBaseRequest::GET, &kGetText},         {HttpBaseRequest::POST, &kPostText},
-    {HttpBaseRequest::PUT, &kPutText},         {HttpBaseRequest::DELETE, &kDeleteText},
-    {HttpBaseRequest::OPTIONS, &kOptionsText}, {HttpBaseRequest::HEAD, &kHeadText},
-    {HttpBaseRequest::CONNECT, &kConnectText}, {HttpBaseRequest::TRACE, &kTraceText},
-    {HttpBaseRequest::PATCH, &kPatchText},
+// Static objects of an application may initialise the library and terminate it. In a static
+// build only a priority makes them come after these objects, and go before them.
+#define WENDREL_MADE_FIRST [[gnu::init_priority(101)]]
+
+// The order in which methods are listed in a text, which is not the order of their bits. The
+// texts are handed out by reference for the life of the process.
+WENDREL_MADE_FIRST const Method kMethods[] = {
+    {HttpBaseRequest::GET, "GET"},
+    {HttpBaseRequest::POST, "POST"},
+    {HttpBaseRequest::PUT, "PUT"},
+    {HttpBaseRequest::DELETE, "DELETE"},
+    {HttpBaseRequest::OPTIONS, "OPTIONS"},
+    {HttpBaseRequest::HEAD, "HEAD"},
+    {HttpBaseRequest::CONNECT, "CONNECT"},
+    {HttpBaseRequest::TRACE, "TRACE"},
+    {HttpBaseRequest::PATCH, "PATCH"},
+    {HttpBaseRequest::UNKNOWN_HTTP_METHOD, "UNKNOWN_HTTP_METHOD"},
 };
 
 void appendToList(std::string& list, const std::string& text)
@@ -43,13 +43,16 @@ void appendToList(std::string& list, const std::string& text)
 
 }  // namespace
 
-std::map<std::string, HttpBaseRequest::RequestType> HttpBaseRequest::sRequestTypes;
+WENDREL_MADE_FIRST std::map<std::string, HttpBaseRequest::RequestType>
+    HttpBaseRequest::sRequestTypes;
 
 void HttpBaseRequest::InitRequestTypes()
 {
     sRequestTypes.clear();
-    for (const Method& method : kMethods)
-        sRequestTypes[*method.text] = method.type;
+    for (const Method& method : kMethods) {
+        if (method.type != UNKNOWN_HTTP_METHOD)
+            sRequestTypes[method.text] = method.type;
+    }
 }
 
 void HttpBaseRequest::ClearRequestTypes()
@@ -61,9 +64,9 @@ const std::string& HttpBaseRequest::RequestTypeToString(RequestType type)
 {
     for (const Method& method : kMethods) {
         if (method.type == type)
-            return *method.text;
+            return method.text;
     }
-    return kUnknownText;
+    return std::rbegin(kMethods)->text;
 }
 
 std::string HttpBaseRequest::RequestTypeBitFieldToString(int bits)
@@ -71,10 +74,8 @@ std::string HttpBaseRequest::RequestTypeBitFieldToString(int bits)
     std::string list;
     for (const Method& method : kMethods) {
         if (bits & method.type)
-            appendToList(list, *method.text);
+            appendToList(list, method.text);
     }
-    if (bits & UNKNOWN_HTTP_METHOD)
-        appendToList(list, kUnknownText);
     return list;
 }
 

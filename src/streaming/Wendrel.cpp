@@ -17,7 +17,8 @@ namespace
 
 constexpr const char* kDaemonName = "libmicrohttpd";
 
-impl::LibInitCounter sInitCounter("wendrel", true);
+// Counts before any static object is made.
+constinit impl::LibInitCounter sInitCounter("wendrel", true);
 
 }  // namespace
 

@@ -31,6 +31,10 @@ def check(work):
     support.build(support.FOLDER / "consumer", work / "cmake", f"-DCMAKE_PREFIX_PATH={prefix}",
                   "-DWANTED_COMPONENTS=Kit")
     check_alone(work / "cmake" / "consumer")
+    early = work / "early"
+    support.compile_with(support.flags_of(prefix, "wendrel", "--static"),
+                         support.FOLDER / "early_initialisation.cpp", early)
+    run(early)
     for package, source in (("wendrel", support.FOLDER / "consumer" / "main.cpp"),
                             ("wendrel-kit", support.SOURCE / "examples" / "hello" / "main.cpp")):
         program = work / f"by-{package}"

@@ -48,10 +48,6 @@ std::map<std::string, std::string> GetThirdPartyLibVersionInfos()
 namespace impl
 {
 
-LibInitCounter::LibInitCounter(const char* name, bool strict)
-    : mName(name), mStrict(strict), mCount(0)
-{}
-
 bool LibInitCounter::incrementInitCounter()
 {
     return mCount.fetch_add(1) == 0;

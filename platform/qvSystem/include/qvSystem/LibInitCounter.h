@@ -24,8 +24,11 @@ class QV_EXPORT LibInitCounter
 public:
     /// `name` must outlive the counter (a string literal). With `strict` a termination
     /// without a matching initialisation is reported on standard error, as it is a
-    /// mistake in the application.
-    LibInitCounter(const char* name, bool strict);
+    /// mistake in the application. A static counter counts also before its own library's static
+    /// objects are made.
+    constexpr LibInitCounter(const char* name, bool strict)
+        : mName(name), mStrict(strict), mCount(0)
+    {}
 
     LibInitCounter(const LibInitCounter&) = delete;
     LibInitCounter& operator=(const LibInitCounter&) = delete;
