@@ -13,7 +13,10 @@
 #include <functional>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace qv
 {
@@ -80,14 +83,34 @@ std::string timeText(int64_t timestampMs)
     return text;
 }
 
+// Whether the file at `path` ends inside a line and a line feed still fits: a full disk or the end
+// of a process has cut it off there.
+bool endsInsideLine(const std::string& path, size_t maxBytes)
+{
+    struct stat found = {};
+    if (stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode) || found.st_size == 0 ||
+        static_cast<size_t>(found.st_size) >= maxBytes)
+        return false;
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        return false;
+    char last = '\n';
+    const bool isRead = pread(file, &last, 1, found.st_size - 1) == 1;
+    close(file);
+    return isRead && last != '\n';
+}
+
 // A sink of spdlog that gets finished lines; time and level are in our prefix already.
 class SpdlogSink : public qvLogSink
 {
 public:
     using SinkPointer = std::shared_ptr<spdlog::sinks::sink>;
 
-    SpdlogSink(std::function<SinkPointer()> maker, bool withPrefix)
-        : mMaker(std::move(maker)), mSink(make()), mWithPrefix(withPrefix)
+    // `mustEndLine`, if any, tells whether the place that `maker` has opened ends inside a line.
+    SpdlogSink(std::function<SinkPointer()> maker, bool withPrefix,
+               std::function<bool()> mustEndLine = nullptr)
+        : mMaker(std::move(maker)), mMustEndLine(std::move(mustEndLine)), mSink(make()),
+          mWithPrefix(withPrefix)
     {}
 
     void write(const qvLog::LogEntry& entry) override
@@ -115,6 +138,8 @@ private:
     {
         SinkPointer sink = mMaker();
         sink->set_pattern("%v");
+        if (mMustEndLine && mMustEndLine())
+            sink->log(spdlog::details::log_msg("", spdlog::level::info, ""));
         return sink;
     }
 
@@ -153,6 +178,7 @@ private:
     }
 
     const std::function<SinkPointer()> mMaker;
+    const std::function<bool()> mMustEndLine;
     SinkPointer mSink;  // null after a failure
     Clock::time_point mNextAttempt;
     bool mWithPrefix;
@@ -290,7 +316,8 @@ std::unique_ptr<qvLogSink> MakeRotatingFileSink(const std::string& path, size_t 
         return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxBytes, maxFiles);
     };
     try {
-        return std::make_unique<SpdlogSink>(maker, true);
+        return std::make_unique<SpdlogSink>(maker, true,
+                                            [=] { return endsInsideLine(path, maxBytes); });
     } catch (const spdlog::spdlog_ex& e) {
         error = e.what();
         return nullptr;

@@ -134,7 +134,8 @@ QV_EXPORT std::unique_ptr<qvLogSink> MakeStandardErrorSink();
 /// extension when it would grow above `maxBytes`; at most `maxFiles` old ones are kept.
 /// On failure returns null and sets `error` to what went wrong. An entry that cannot be
 /// written later (the disk is full, no descriptor is left) is lost; the first time is reported
-/// on standard error. Opening the file again is tried once a second at most.
+/// on standard error. Opening the file again is tried once a second at most. A line that was cut
+/// off, then or by the end of an earlier process, is ended before the next entry.
 QV_EXPORT std::unique_ptr<qvLogSink> MakeRotatingFileSink(const std::string& path, size_t maxBytes,
                                                           size_t maxFiles, std::string& error);
 

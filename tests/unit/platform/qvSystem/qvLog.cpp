@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,10 @@
 #include <thread>
 #include <vector>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -525,6 +530,173 @@ TEST(qvLogRotatingFileSink, ReportsLostEntriesOnceAndGoesOn)
     log.Write(Entry("again"), true);
     EXPECT_THAT(::testing::internal::GetCapturedStderr(),
                 MatchesRegex("log entries are lost: [^\n]*/dev/full[^\n]*No space left[^\n]*\n"));
+}
+
+// No file of this process grows beyond `bytes`: a line that does is cut there.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(size_t bytes)
+    {
+        mHandlerBefore = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &mBefore);
+        rlimit limit = mBefore;
+        limit.rlim_cur = bytes;
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &mBefore);
+        std::signal(SIGXFSZ, mHandlerBefore);
+    }
+
+private:
+    void (*mHandlerBefore)(int);
+    rlimit mBefore{};
+};
+
+TEST(qvLogRotatingFileSink, EndsATornLineBeforeTheNextEntry)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory / "test.log";
+    const std::string before(999, '.');  // the limit holds for standard error too
+    std::ofstream(path) << before << '\n';
+    std::string error;
+    qvLog log;
+    log.addSink(MakeRotatingFileSink(path, 1000000, 3, error));
+    ASSERT_EQ(error, "");
+    ::testing::internal::CaptureStderr();
+    {
+        const FileSizeLimit limit(1025);
+        log.Write(Entry("is whole"), true);
+        log.Write(Entry("is cut off"), true);
+        log.Write(Entry("is lost"), true);
+    }
+    log.Write(Entry("comes later"), true);
+    log.Write(Entry("comes last"), true);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                MatchesRegex("log entries are lost: [^\n]*File too large[^\n]*\n"));
+    EXPECT_THAT(LinesOf(path), ElementsAre(before, "PREFIX is whole", "PREFIX is",
+                                           "PREFIX comes later", "PREFIX comes last"));
+}
+
+TEST(qvLogRotatingFileSink, EndsATornLineOfAnEarlierProcess)
+{
+    const struct
+    {
+        const char* name;
+        std::string before;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {"nothing", "", {"PREFIX new"}},
+        {"a whole line", "old\n", {"old", "PREFIX new"}},
+        {"a torn line", "old\nto", {"old", "to", "PREFIX new"}},
+        {"one byte", "t", {"t", "PREFIX new"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const TemporaryDirectory directory;
+        const std::string path = directory / "test.log";
+        std::ofstream(path) << row.before;
+        std::string error;
+        qvLog log;
+        log.addSink(MakeRotatingFileSink(path, 1000000, 3, error));
+        EXPECT_EQ(error, "");
+        log.Write(Entry("new"), true);
+        EXPECT_EQ(LinesOf(path), row.lines);
+    }
+}
+
+TEST(qvLogRotatingFileSink, MakesNoEmptyLineWhenTheTornFileIsRenamed)
+{
+    const struct
+    {
+        const char* name;
+        size_t maxBytes;
+        std::vector<std::string> old;
+        std::vector<std::string> lines;
+    } rows[] = {
+        {"no byte fits", 20, {}, {"PREFIX new"}},
+        {"the line feed fits", 21, {}, {"PREFIX new"}},
+        {"the entry fits", 32, {"0123456789_torn_line", "PREFIX new"}, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const TemporaryDirectory directory;
+        const std::string path = directory / "test.log";
+        std::ofstream(path) << "0123456789_torn_line";
+        std::string error;
+        qvLog log;
+        log.addSink(MakeRotatingFileSink(path, row.maxBytes, 3, error));
+        ASSERT_EQ(error, "");
+        log.Write(Entry("new"), true);
+        if (row.lines.empty()) {
+            EXPECT_EQ(LinesOf(path), row.old);
+        } else {
+            EXPECT_EQ(LinesOf(path), row.lines);
+            EXPECT_THAT(LinesOf(directory / "test.1.log"), ElementsAre("0123456789_torn_line"));
+        }
+    }
+}
+
+// Mounts a file system of 16 KiB that only this process sees; false when the system refuses.
+bool MountSmallFileSystem(const std::string& path)
+{
+    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
+    if (unshare(CLONE_NEWNS) != 0) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return false;
+        std::ofstream("/proc/self/uid_map") << user;
+    }
+    std::filesystem::create_directory(path);
+    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", path.c_str(), "tmpfs", 0, "size=16k") == 0;
+}
+
+constexpr int kNoFileSystem = 77;
+
+// Fills the disk, logs, makes room, logs again, and copies the log to `seen`.
+int LogOnAFullDisk(const std::string& path, const std::string& seen)
+{
+    if (!MountSmallFileSystem(path))
+        return kNoFileSystem;
+    const std::string filler = path + "/filler";
+    std::ofstream(filler) << std::string(8192, 'f');
+    std::string error;
+    qvLog log;
+    log.addSink(MakeRotatingFileSink(path + "/test.log", 1000000, 3, error));
+    for (int i = 0; i < 200; ++i)
+        log.Write(Entry("entry " + std::to_string(i) + " of those that fill the disk"), true);
+    std::filesystem::remove(filler);
+    log.Write(Entry("after it was full"), true);
+    std::filesystem::copy_file(path + "/test.log", seen);
+    return 0;
+}
+
+TEST(qvLogRotatingFileSink, EndsATornLineWhenADiskIsNoLongerFull)
+{
+    const TemporaryDirectory directory;
+    const std::string seen = directory / "seen.log";
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(LogOnAFullDisk(directory / "small", seen));
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == kNoFileSystem)
+        GTEST_SKIP() << "no file system may be mounted";
+    ASSERT_EQ(status, 0);
+
+    const auto lines = LinesOf(seen);
+    ASSERT_GT(lines.size(), 2u);
+    EXPECT_EQ(lines.back(), "PREFIX after it was full");
+    const auto whole = [](size_t i) {
+        return "PREFIX entry " + std::to_string(i) + " of those that fill the disk";
+    };
+    const size_t torn = lines.size() - 2;
+    for (size_t i = 0; i < torn; ++i)
+        EXPECT_EQ(lines[i], whole(i));
+    EXPECT_EQ(lines[torn], whole(torn).substr(0, lines[torn].size()));
+    EXPECT_LT(lines[torn].size(), whole(torn).size());
 }
 
 TEST(qvLogSystemLogSink, WritesOneLineAnEntryUnderItsName)
