@@ -1,4 +1,4 @@
-// Counting initialisations, and what outside libraries are in use.
+// The counter of initialisations, and the registry of third-party libraries in use.
 
 #include <qvSystem/LibInitCounter.h>
 
@@ -22,7 +22,7 @@ std::string spdlogVersion()
 
 struct Registry
 {
-    // The log of this library stands on spdlog.
+    // The log of this library uses spdlog.
     Registry() { versions["spdlog"] = spdlogVersion(); }
 
     qvMutex mutex;

@@ -1,4 +1,4 @@
-// The platform log: switches, prefix, and sinks that stand on spdlog.
+// The platform log: switches, prefix, and sinks built on spdlog.
 
 #include <qvSystem/qvLog.h>
 
@@ -26,7 +26,7 @@ namespace
 constexpr const char* kLevelNames[qvLog::kLevelCount] = {"trace",  "debug",   "information",
                                                          "notice", "warning", "error"};
 
-constexpr std::chrono::seconds kAttemptPeriod(1);
+constexpr std::chrono::seconds kReopenInterval(1);
 
 bool hasSwitch(int level)
 {
@@ -149,12 +149,12 @@ private:
         const auto now = Clock::now();
         if (now < mNextAttempt)
             return;
-        mNextAttempt = now + kAttemptPeriod;
+        mNextAttempt = now + kReopenInterval;
         mSink = make();
         mNextAttempt = now;
     }
 
-    // A sink that throws, whatever it is, may have closed its file and not opened the next one;
+    // A sink that throws any exception may have closed its file and not opened the next one;
     // using it then would end the process. It is made anew with the next entry.
     template <typename Operation> void useSink(Operation operation)
     {
@@ -165,7 +165,7 @@ private:
         mSink = sink;
     }
 
-    // A log that cannot be written must not bring down what it reports about.
+    // A log that cannot be written must not end the process.
     template <typename Operation> void reportFailure(Operation operation)
     {
         try {

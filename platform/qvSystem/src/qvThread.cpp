@@ -16,15 +16,15 @@ namespace qv
 namespace
 {
 
-constexpr size_t kLongestNameBytes = 15;
+constexpr size_t kMaxNameBytes = 15;
 
-// Longer times are cut to this, so that their end can be computed.
-constexpr unsigned long kLongestTimeOutMs = 1000UL * 3600 * 24 * 365;
+// Limit of waits, so that their end can be computed.
+constexpr unsigned long kMaxTimeoutMs = 1000UL * 3600 * 24 * 365;
 
 void setNameOfCallingThread(const std::string& name)
 {
     if (!name.empty())
-        pthread_setname_np(pthread_self(), name.substr(0, kLongestNameBytes).c_str());
+        pthread_setname_np(pthread_self(), name.substr(0, kMaxNameBytes).c_str());
 }
 
 }  // namespace
@@ -64,18 +64,18 @@ void qvThread::runAndReport()
     mEnded.notify_all();
 }
 
-bool qvThread::waitThread(unsigned long timeOutMs)
+bool qvThread::waitThread(unsigned long timeoutMs)
 {
-    return waitThread(timeOutMs, getRunNumber());
+    return waitThread(timeoutMs, getRunNumber());
 }
 
-bool qvThread::waitThread(unsigned long timeOutMs, uint32_t run)
+bool qvThread::waitThread(unsigned long timeoutMs, uint32_t run)
 {
     std::unique_lock<std::mutex> lock(mMutex);
     if (mRunNumber == run && mThread.get_id() == std::this_thread::get_id())
         return false;
     const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(std::min(timeOutMs, kLongestTimeOutMs));
+                     std::chrono::milliseconds(std::min(timeoutMs, kMaxTimeoutMs));
     return mEnded.wait_until(lock, end, [&] { return !mRunning || mRunNumber != run; });
 }
 
@@ -87,7 +87,7 @@ uint32_t qvThread::getRunNumber() const
 
 void qvThread::msleep(unsigned long ms)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, kLongestTimeOutMs)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, kMaxTimeoutMs)));
 }
 
 const std::string& qvThread::CurrentThreadId()

@@ -1,4 +1,4 @@
-// Sleeping until woken, with a time-out on the monotonic clock.
+// Sleeping until woken, with a timeout on the monotonic clock.
 
 #include <qvSystem/qvWaitCondition.h>
 
@@ -12,8 +12,8 @@ namespace qv
 namespace
 {
 
-// Longer time-outs are cut to this, so that the end of the wait can be computed.
-constexpr unsigned long kLongestTimeOutMs = 1000UL * 3600 * 24 * 365;
+// Limit of waits, so that their end can be computed.
+constexpr unsigned long kMaxTimeoutMs = 1000UL * 3600 * 24 * 365;
 
 }  // namespace
 
@@ -21,15 +21,15 @@ qvWaitCondition::qvWaitCondition() = default;
 
 qvWaitCondition::~qvWaitCondition() = default;
 
-bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeOutMs)
+bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeoutMs)
 {
     std::unique_lock<std::mutex> lock(mutex->mMutex, std::adopt_lock);
     bool woken = true;
-    if (timeOutMs == kNoTimeOut) {
+    if (timeoutMs == kNoTimeOut) {
         mCondition.wait(lock);
     } else {
         const auto end = std::chrono::steady_clock::now() +
-                         std::chrono::milliseconds(std::min(timeOutMs, kLongestTimeOutMs));
+                         std::chrono::milliseconds(std::min(timeoutMs, kMaxTimeoutMs));
         woken = mCondition.wait_until(lock, end) == std::cv_status::no_timeout;
     }
     lock.release();  // the caller keeps it

@@ -16,7 +16,7 @@ namespace qv
 class QV_EXPORT IpAddress
 {
 public:
-    /// What kind of address it is.
+    /// The family of the address.
     enum class Family : uint8_t { None, V4, V6 };
 
     /// No address: `isValid()` is false, the port 0, the text empty.

@@ -10,7 +10,7 @@
 namespace qv
 {
 
-/// Outside libraries in use by this process: name to version text. Sorted by name; a copy.
+/// Third-party libraries in use by this process: name to version text. Sorted by name; a copy.
 /// Any thread.
 QV_EXPORT std::map<std::string, std::string> GetThirdPartyLibVersionInfos();
 
@@ -49,7 +49,7 @@ private:
     std::atomic<int> mCount;
 };
 
-/// Records that the outside library `name` is in use; a second call replaces the version.
+/// Records that the third-party library `name` is in use; a second call replaces the version.
 /// Both texts are copied. Any thread.
 QV_EXPORT void RegisterThirdPartyLibVersionInfo(const char* name, const char* version);
 

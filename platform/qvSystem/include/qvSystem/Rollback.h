@@ -25,7 +25,7 @@ public:
     Rollback(const Rollback&) = delete;
     Rollback& operator=(const Rollback&) = delete;
 
-    /// What was begun stays.
+    /// Disarms the rollback.
     void commit() { mArmed = false; }
 
 private:

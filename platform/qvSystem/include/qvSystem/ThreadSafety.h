@@ -15,7 +15,7 @@
 #define QV_SCOPED_CAPABILITY QV_THREAD_ATTRIBUTE(scoped_lockable)
 /// A field that is touched with the lock `x` held only.
 #define QV_GUARDED_BY(x) QV_THREAD_ATTRIBUTE(guarded_by(x))
-/// A pointer to what is touched with the lock `x` held only.
+/// A pointer whose target is accessed only with the lock `x` held.
 #define QV_PT_GUARDED_BY(x) QV_THREAD_ATTRIBUTE(pt_guarded_by(x))
 /// A function whose caller holds the locks.
 #define QV_REQUIRES(...) QV_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))

@@ -44,7 +44,7 @@ public:
 
         /// Fills `prefix` with ISO-8601 local time with milliseconds and offset from UTC,
         /// level name, category in brackets and thread id, those that are present,
-        /// each followed by one blank; for example
+        /// each followed by one space; for example
         /// "2026-02-17T09:30:00.125+01:00 information [httpserver] 4711 ".
         /// Without `withTime` the time is left out.
         void computeLogPrefix(bool withTime);
@@ -123,7 +123,7 @@ public:
     /// log itself. A sink writes one line an entry and escapes control characters.
     virtual void write(const qvLog::LogEntry& entry) = 0;
 
-    /// Brings what was written to its final place.
+    /// Writes out buffered entries.
     virtual void flush() = 0;
 };
 
@@ -132,7 +132,7 @@ QV_EXPORT std::unique_ptr<qvLogSink> MakeStandardErrorSink();
 
 /// One line an entry in the file `path`, which is renamed to `path` with a number before its
 /// extension when it would grow above `maxBytes`; at most `maxFiles` old ones are kept.
-/// On failure returns null and sets `error` to what went wrong. An entry that cannot be
+/// On failure returns null and sets `error` to the reason. An entry that cannot be
 /// written later (the disk is full, no descriptor is left) is lost; the first time is reported
 /// on standard error. Opening the file again is tried once a second at most. A line that was cut
 /// off, then or by the end of an earlier process, is ended before the next entry.

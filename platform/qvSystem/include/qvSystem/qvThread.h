@@ -16,7 +16,7 @@ namespace qv
 ///
 /// The object can be started again after a run has ended. The derived class must make
 /// sure that its run has ended (`waitThread`) before its own destructor finishes; the
-/// destructor of this class joins what is left, but by then `run` is gone.
+/// destructor of this class joins a run in progress, but `run` no longer exists by then.
 class QV_EXPORT qvThread
 {
 public:
@@ -35,15 +35,15 @@ public:
     /// std::system_error when the system has no thread to give.
     bool startThread(const char* name);
 
-    /// Waits at most `timeOutMs` milliseconds for the present run to end; a run that another
+    /// Waits at most `timeoutMs` milliseconds for the present run to end; a run that another
     /// thread starts meanwhile is not waited for. Returns true when it has ended or none was
     /// started, false when the time ran out. From inside the thread itself it returns false at
     /// once.
-    bool waitThread(unsigned long timeOutMs);
+    bool waitThread(unsigned long timeoutMs);
 
     /// The same for the run with number `run`, see `getRunNumber`: true at once when a later one
     /// has been started.
-    bool waitThread(unsigned long timeOutMs, uint32_t run);
+    bool waitThread(unsigned long timeoutMs, uint32_t run);
 
     /// The number of the latest run, counted from 1; 0 before the first.
     uint32_t getRunNumber() const;
@@ -58,7 +58,7 @@ public:
     static const std::string& CurrentThreadId();
 
 protected:
-    /// What the thread does. Called on the new thread; the run has ended when it returns.
+    /// The body of the thread. Called on the new thread; the run has ended when it returns.
     virtual void run() = 0;
 
 private:

@@ -15,7 +15,7 @@ class qvMutex;
 class QV_EXPORT qvWaitCondition
 {
 public:
-    /// The time-out that means: none.
+    /// No timeout.
     static constexpr unsigned long kNoTimeOut = static_cast<unsigned long>(-1);
 
     /// Nobody waits yet.
@@ -26,11 +26,11 @@ public:
     qvWaitCondition(const qvWaitCondition&) = delete;
     qvWaitCondition& operator=(const qvWaitCondition&) = delete;
 
-    /// Releases `mutex`, which the caller holds, sleeps until woken or until `timeOutMs`
+    /// Releases `mutex`, which the caller holds, sleeps until woken or until `timeoutMs`
     /// milliseconds of the monotonic clock have passed, and takes the mutex again.
     /// Returns false when the time ran out, true when woken. As with every condition
     /// variable a wake-up may come without reason: the caller looks at its condition again.
-    bool wait(qvMutex* mutex, unsigned long timeOutMs) QV_REQUIRES(mutex);
+    bool wait(qvMutex* mutex, unsigned long timeoutMs) QV_REQUIRES(mutex);
 
     /// Wakes every waiting thread. May be called with or without the mutex held.
     void wakeAll();

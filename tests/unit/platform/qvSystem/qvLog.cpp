@@ -1,4 +1,4 @@
-// The platform log: switches, prefix, and what its sinks write, line for line. The C library's
+// The platform log: switches, prefix, and the lines of its sinks. The C library's
 // system log is replaced by one that records.
 
 #include <qvSystem/qvLog.h>
@@ -74,7 +74,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
     va_end(arguments);
 }
 
-// What an optimised build calls instead.
+// Called instead by an optimised build.
 __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int, const char* format, ...)
 {
     va_list arguments;
@@ -639,7 +639,7 @@ TEST(qvLogRotatingFileSink, MakesNoEmptyLineWhenTheTornFileIsRenamed)
     }
 }
 
-// Mounts a file system of 16 KiB that only this process sees; false when the system refuses.
+// Mounts a file system of 16 KiB in a namespace of this process; false when the system refuses.
 bool MountSmallFileSystem(const std::string& path)
 {
     const std::string user = "0 " + std::to_string(geteuid()) + " 1";
@@ -655,7 +655,7 @@ bool MountSmallFileSystem(const std::string& path)
 
 constexpr int kNoFileSystem = 77;
 
-// Fills the disk, logs, makes room, logs again, and copies the log to `seen`.
+// Fills the disk, logs, frees space, logs again, and copies the log to `seen`.
 int LogOnAFullDisk(const std::string& path, const std::string& seen)
 {
     if (!MountSmallFileSystem(path))

@@ -45,7 +45,7 @@ private:
 };
 
 // Holds runs until it is opened.
-class Gate
+class Latch
 {
 public:
     void open() { mOpened.set_value(); }
@@ -59,8 +59,8 @@ private:
 // One wait on a condition variable whose end is delayed.
 struct DelayedWait
 {
-    Gate begun;      // opened with the mutex still held
-    Gate mayReturn;  // passed before the mutex is taken again
+    Latch begun;      // opened with the mutex still held
+    Latch mayReturn;  // passed before the mutex is taken again
 };
 
 // The next wait of this thread; null: it is not delayed.
@@ -108,14 +108,14 @@ TEST(qvThread, StartsAgainAfterEachRunHasEnded)
 TEST(qvThread, StartsNothingWhileARunGoesOn)
 {
     std::atomic<int> runs{0};
-    Gate gate;
+    Latch latch;
     FunctionThread thread([&] {
         ++runs;
-        gate.pass();
+        latch.pass();
     });
     EXPECT_TRUE(thread.startThread("first"));
     EXPECT_FALSE(thread.startThread("second"));
-    gate.open();
+    latch.open();
     EXPECT_TRUE(thread.waitThread(kLimitMs));
     EXPECT_EQ(runs, 1);
     EXPECT_TRUE(thread.startThread("second"));
@@ -125,20 +125,20 @@ TEST(qvThread, StartsNothingWhileARunGoesOn)
 
 TEST(qvThread, WaitsNoLongerThanAsked)
 {
-    Gate gate;
-    FunctionThread thread([&] { gate.pass(); });
-    EXPECT_TRUE(thread.startThread("gate"));
-    for (const unsigned long timeOutMs : {0UL, 1UL, 40UL}) {
-        SCOPED_TRACE(timeOutMs);
+    Latch latch;
+    FunctionThread thread([&] { latch.pass(); });
+    EXPECT_TRUE(thread.startThread("latch"));
+    for (const unsigned long timeoutMs : {0UL, 1UL, 40UL}) {
+        SCOPED_TRACE(timeoutMs);
         const auto begin = Clock::now();
-        EXPECT_FALSE(thread.waitThread(timeOutMs));
-        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeOutMs));
+        EXPECT_FALSE(thread.waitThread(timeoutMs));
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeoutMs));
     }
-    gate.open();
+    latch.open();
     EXPECT_TRUE(thread.waitThread(kLimitMs));
 }
 
-TEST(qvThread, LongTimeOutsDoNotEndAtOnce)
+TEST(qvThread, LongTimeoutsDoNotEndAtOnce)
 {
     const unsigned long rows[] = {2147483647UL,
                                   4294967295UL,
@@ -147,16 +147,16 @@ TEST(qvThread, LongTimeOutsDoNotEndAtOnce)
                                   static_cast<unsigned long>(LONG_MAX) + 1,
                                   ULONG_MAX - 1,
                                   ULONG_MAX};
-    for (const unsigned long timeOutMs : rows) {
-        SCOPED_TRACE(timeOutMs);
+    for (const unsigned long timeoutMs : rows) {
+        SCOPED_TRACE(timeoutMs);
         // The run ends only after a shorter wait for it has timed out, so that a long wait
         // that ended at once would find it running.
-        Gate gate;
-        FunctionThread thread([&] { gate.pass(); });
+        Latch latch;
+        FunctionThread thread([&] { latch.pass(); });
         EXPECT_TRUE(thread.startThread("long"));
-        auto waited = std::async(std::launch::async, [&] { return thread.waitThread(timeOutMs); });
+        auto waited = std::async(std::launch::async, [&] { return thread.waitThread(timeoutMs); });
         EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-        gate.open();
+        latch.open();
         ASSERT_EQ(waited.wait_for(std::chrono::milliseconds(kLimitMs)), std::future_status::ready);
         EXPECT_TRUE(waited.get());
     }
@@ -164,21 +164,21 @@ TEST(qvThread, LongTimeOutsDoNotEndAtOnce)
 
 TEST(qvThread, CanBeWaitedForByManyThreads)
 {
-    Gate gate;
-    FunctionThread thread([&] { gate.pass(); });
+    Latch latch;
+    FunctionThread thread([&] { latch.pass(); });
     EXPECT_TRUE(thread.startThread("waited for"));
     std::vector<std::future<bool>> waits;
     for (int i = 0; i < 4; ++i)
         waits.push_back(
             std::async(std::launch::async, [&] { return thread.waitThread(kLimitMs); }));
-    gate.open();
+    latch.open();
     for (auto& wait : waits)
         EXPECT_TRUE(wait.get());
 }
 
 TEST(qvThread, WaitsOnlyForTheRunThatItFound)
 {
-    Gate endOfRuns[2];
+    Latch endOfRuns[2];
     std::atomic<int> runs{0};
     FunctionThread thread([&] { endOfRuns[runs++].pass(); });
     ASSERT_TRUE(thread.startThread("first"));
@@ -201,7 +201,7 @@ TEST(qvThread, WaitsOnlyForTheRunThatItFound)
 
 TEST(qvThread, NumbersItsRuns)
 {
-    Gate endOfRuns[2];
+    Latch endOfRuns[2];
     std::atomic<int> runs{0};
     FunctionThread thread([&] { endOfRuns[runs++].pass(); });
     EXPECT_EQ(thread.getRunNumber(), 0u);
@@ -279,10 +279,10 @@ TEST(qvThread, CarriesTheNameOfItsStart)
 }
 
 // New threads get a stack that no machine has, for as long as this lives.
-class NoRoomForThreads
+class NoThreadsLeft
 {
 public:
-    NoRoomForThreads()
+    NoThreadsLeft()
     {
         pthread_getattr_default_np(&mBefore);
         pthread_attr_t huge;
@@ -291,7 +291,7 @@ public:
         EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
         pthread_attr_destroy(&huge);
     }
-    ~NoRoomForThreads()
+    ~NoThreadsLeft()
     {
         pthread_setattr_default_np(&mBefore);
         pthread_attr_destroy(&mBefore);
@@ -306,7 +306,7 @@ TEST(qvThread, IsAsBeforeWhenTheSystemHasNoThreadToGive)
     int runs = 0;
     FunctionThread thread([&] { ++runs; });
     {
-        NoRoomForThreads noRoom;
+        NoThreadsLeft noThreads;
         EXPECT_THROW(thread.startThread("none"), std::system_error);
     }
     EXPECT_TRUE(thread.waitThread(0));
@@ -357,7 +357,7 @@ TEST(qvThread, IdsOfThreadsAliveDiffer)
     std::mutex mutex;
     std::set<std::string> ids{qvThread::CurrentThreadId()};
     std::atomic<int> arrived{0};
-    Gate gate;
+    Latch latch;
     std::vector<std::unique_ptr<FunctionThread>> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.push_back(std::make_unique<FunctionThread>([&] {
@@ -366,8 +366,8 @@ TEST(qvThread, IdsOfThreadsAliveDiffer)
                 ids.insert(qvThread::CurrentThreadId());
             }
             if (++arrived == kThreads)
-                gate.open();
-            gate.pass();
+                latch.open();
+            latch.pass();
         }));
         ASSERT_TRUE(threads.back()->startThread(nullptr));
     }
@@ -379,7 +379,7 @@ TEST(qvThread, IdsOfThreadsAliveDiffer)
 }  // namespace
 }  // namespace qv::tests
 
-// What waiting with a limit calls: a definition in the program comes before the system's.
+// Called by waits with a limit: a definition in the program comes before the system's.
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                       clockid_t clock, const timespec* end)
 {
