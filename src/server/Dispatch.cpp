@@ -138,6 +138,7 @@ uint64_t streamLength(HttpResponseInterface& head, const HttpResponseDevice& dev
     const int64_t declared = head.getContentLength();
     if (declared >= 0)
         return static_cast<uint64_t>(declared);
+    // In this order, without the lock: the device sets the flag after the size.
     return DispatchAccess::isCompleted(device) ? device.getDataSize() : MHD_SIZE_UNKNOWN;
 }
 

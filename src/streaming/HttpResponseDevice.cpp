@@ -106,12 +106,14 @@ uint64_t HttpResponseDevice::flush()
 void HttpResponseDevice::endSending()
 {
     qvMutexLocker locker(mMutex.get());
+    if (!hasDeviceError()) {
+        mReadyQueue.splice(mReadyQueue.end(), mFillQueue);
+        mReadyBytes += mFillBytes;
+        mFillBytes = 0;
+    }
+    // Last: the dispatch looks at the flag and then at the size, without the lock. Whoever sees the
+    // flag sees the size of the whole body.
     mCompleted = true;
-    if (hasDeviceError())
-        return;
-    mReadyQueue.splice(mReadyQueue.end(), mFillQueue);
-    mReadyBytes += mFillBytes;
-    mFillBytes = 0;
 }
 
 bool HttpResponseDevice::atEnd() const

@@ -93,6 +93,13 @@ inline Plan drawPlan(uint64_t seed, uint64_t id)
     plan.isRefused = dice.oneIn(100);
     plan.deleter = static_cast<Plan::Deleter>(dice.below(3));
     plan.deletesAtOnce = dice.oneIn(2);
+    // The order that the documentation shows: announced, written and ended at once.
+    if (isSmall && dice.oneIn(3)) {
+        plan.ending = Ending::Ended;
+        plan.announceAfterBytes = 0;
+        plan.declaresLength = false;
+        plan.awaitsQueueing = false;
+    }
     return plan;
 }
 

@@ -53,7 +53,12 @@ public:
     const CookieMap& getCookies() override { return mCookies; }
     const HeaderMap& getHeaders() override { return mHeaders; }
     uint32_t getStatusCode() override { return 200; }
-    int64_t getContentLength() override { return length; }
+    // Asked between the decision to stream and the look at the length.
+    int64_t getContentLength() override
+    {
+        shake();
+        return length;
+    }
     std::string describe() override { return {}; }
 
     int64_t length = -1;

@@ -140,6 +140,8 @@ bool SmallDaemon::fetch(MHD_Connection& connection)
 {
     const size_t room = roomFor(connection);
     if (room == 0) {
+        if (connection.got != connection.plan.bodyBytes)
+            mShared.ledger.complain("a declared length other than the body's");
         complete(connection, MHD_REQUEST_TERMINATED_COMPLETED_OK, StreamedToLength);
         return true;
     }
