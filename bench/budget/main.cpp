@@ -3,7 +3,7 @@
 #include "Boundary.h"
 #include "Scenarios.h"
 
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 
 #include <Wendrel/Wendrel.h>
 
@@ -123,7 +123,7 @@ bool help(bool wanted)
 
 [[gnu::noinline]] bool act(std::span<char*> arguments)
 {
-    const qv::impl::SpareChunksKept kept;  // as while a server runs
+    const qv::impl::ChunkPool::User user;  // as while a server runs
     const std::string_view what = arguments.empty() ? "" : arguments[0];
     if (what == "--count" && arguments.size() == 2)
         return countNamed(arguments[1]);

@@ -65,7 +65,8 @@ public:
     /// Bytes handed to readers so far. Any thread, no lock.
     uint64_t getReceivedBytes() const;
 
-    /// Clears error and end and counts from zero again; bytes not read yet are kept.
+    /// Clears error and end and counts from zero again; bytes not read yet are kept. Takes no
+    /// lock: no other thread may use the device meanwhile.
     void reset();
 
 private:

@@ -7,12 +7,12 @@
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 
-#include "request/ConnectionContext.h"
+#include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
 #include "server/Reply.h"
 #include "server/UpgradeExchange.h"
 #include "server/logging/LogObject.h"
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
 
@@ -86,13 +86,13 @@ MHD_Result feedBody(HttpBaseRequest& request, const char* data, size_t* size)
 
 // Runs on every call without data, not only on the first: the stored duration ends up as the
 // time until the answer was queued.
-void endBody(HttpBaseRequest& request, const ConnectionContext& context, int64_t nowMs)
+void endBody(HttpBaseRequest& request, const ConnectionContext& context)
 {
     HttpReceiveDevice& device = request.getReceiveDevice();
     qvMutexLocker locker(&DispatchAccess::mutex(device));
-    DispatchAccess::receiveDurationMs(request) = context.startTimeMs == kTimeNotSet
-                                                     ? std::numeric_limits<int64_t>::max()
-                                                     : nowMs - context.startTimeMs;
+    DispatchAccess::receiveDurationMs(request) =
+        context.startTimeMs == kTimeNotSet ? std::numeric_limits<int64_t>::max()
+                                           : qvSystemUtils::GetTimeBaseMs() - context.startTimeMs;
     device.endFeed();
 }
 
@@ -129,7 +129,7 @@ MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
     const MHD_Result result = queueAnswer(
         request, head, connection,
         MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY));
-    FreeChunk(std::move(body));
+    ChunkPool::Instance().give(std::move(body));
     return result;
 }
 
@@ -175,8 +175,7 @@ Decision decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vecto
 }
 
 // The body is complete: queues the answer if the application is ready, waits a little if not.
-MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request,
-                  int64_t nowMs)
+MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request)
 {
     HttpResponseInterface& head = request.getResponse();
     HttpResponseDevice& device = request.getResponseDevice();
@@ -188,7 +187,7 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
                                   ? Decision::Wait
                                   : decide(device, request, body);
     if (decision == Decision::Wait) {
-        throttle.pause(&request, nowMs);
+        throttle.pause(&request, qvSystemUtils::GetTimeBaseMs());
         return MHD_YES;
     }
     throttle.reset();
@@ -206,17 +205,9 @@ MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBase
 
 }  // namespace
 
-int GetListener(MHD_Daemon* daemon)
-{
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_LISTEN_FD);
-    return info ? info->listen_fd : kNoListener;
-}
-
 void* OpenContext(void*, const char* uri, MHD_Connection* connection)
 {
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_DAEMON);
-    return MakeContext(uri ? uri : "", info ? GetListener(info->daemon) : kNoListener, connection);
+    return ContextRegistry::Add(uri ? uri : "", connection);
 }
 
 MHD_Result TakeValue(void* closure, MHD_ValueKind kind, const char* name, const char* value)
@@ -249,10 +240,8 @@ MHD_Result HandleAccess(void* closure, MHD_Connection* connection, const char*, 
     HttpBaseRequest& request = *context.request;
     if (*uploadSize != 0)
         return feedBody(request, uploadData, uploadSize);
-    // A waiting request comes here very often: one look at the clock for each time.
-    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
-    endBody(request, context, nowMs);
-    return answer(server, connection, request, nowMs);
+    endBody(request, context);
+    return answer(server, connection, request);
 }
 
 }  // namespace qv::impl

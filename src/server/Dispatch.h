@@ -7,10 +7,6 @@
 namespace qv::impl
 {
 
-// The socket on which a daemon listens. The daemon of a connection is that of its pool thread, not
-// the one that was started: the socket is what they share.
-int GetListener(MHD_Daemon* daemon);
-
 // URI-log callback: makes the ConnectionContext of a request.
 void* OpenContext(void* closure, const char* uri, MHD_Connection* connection);
 

@@ -4,11 +4,10 @@
 
 #include <Wendrel/Wendrel.h>
 
-#include "request/ConnectionContext.h"
 #include "server/Dispatch.h"
 #include "server/logging/DaemonLog.h"
 #include "server/logging/LogObject.h"
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 #include "streaming/StreamCallbacks.h"
 
 #include <microhttpd.h>
@@ -170,14 +169,11 @@ void HttpServer::run()
         return;
     }
     mState = Running;
-    const impl::SpareChunksKept spareChunks;
+    const impl::ChunkPool::User chunkPoolUser;
     while (!mStopRequested)
         mWake.wait(&mMutex, kStopLookMs);
     mImpl->onServerStopped();
-    const int listener = impl::GetListener(daemon);
-    const uint64_t latest = impl::GetLatestContextNumber();
     MHD_stop_daemon(daemon);
-    impl::FreeContextsOf(listener, latest);
     mState = Stopped;
 }
 

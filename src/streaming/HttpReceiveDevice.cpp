@@ -63,11 +63,11 @@ void HttpReceiveDevice::endFeed() QV_NO_THREAD_SAFETY_ANALYSIS
     mFeedEnded = true;
 }
 
-// Required: the queue and its byte count stay as they are, although the read offset does not.
-void HttpReceiveDevice::reset()
+// Required: the queue and its byte count stay as they are, although the read offset does not. The
+// caller sees to it that nobody else uses the device.
+void HttpReceiveDevice::reset() QV_NO_THREAD_SAFETY_ANALYSIS
 {
     clearDeviceError();
-    qvMutexLocker locker(&mMutex);
     mAtEnd = false;
     mReadOffset = 0;
     mReceivedBytes = 0;

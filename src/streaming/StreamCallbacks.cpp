@@ -6,7 +6,7 @@
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 
-#include "request/ConnectionContext.h"
+#include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
 #include "streaming/Throttle.h"
 
@@ -69,7 +69,7 @@ ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
 void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTerminationCode code)
 {
     const std::unique_ptr<ConnectionContext, void (*)(ConnectionContext*)> context(
-        static_cast<ConnectionContext*>(*slot), &FreeContext);
+        static_cast<ConnectionContext*>(*slot), &ContextRegistry::Remove);
     *slot = nullptr;
     if (!context || !context->request)
         return;

@@ -8,7 +8,7 @@
 
 #include <Wendrel/HttpServer.h>
 
-#include "request/ConnectionContext.h"
+#include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
@@ -483,8 +483,7 @@ TEST(StreamCallbackFaults, ACompletedRequestIsCompletedWhateverComesOutOfTheCall
                 WorkerRequest request;
                 MHD_Connection& connection = callbacks.daemon.connection();
                 Access::connection(request) = &connection;
-                impl::ConnectionContext* context =
-                    impl::MakeContext(kLongText, impl::kNoListener, nullptr);
+                impl::ConnectionContext* context = impl::ContextRegistry::Add(kLongText, nullptr);
                 context->request = &request;
                 void* slot = context;
                 const bool done = attempt([&] {

@@ -138,9 +138,10 @@ public:
     {
         using RequestCompleted =
             void (*)(void*, MHD_Connection*, void**, MHD_RequestTerminationCode);
-        auto* context = new impl::ConnectionContext;
-        context->request = &request;
-        void* slot = context;
+        using OpenContext = void* (*)(void*, const char*, MHD_Connection*);
+        void* slot = reinterpret_cast<OpenContext>(http::HttpServerImpl::GetUriLogCallback())(
+            nullptr, "/", nullptr);
+        static_cast<impl::ConnectionContext*>(slot)->request = &request;
         reinterpret_cast<RequestCompleted>(http::HttpServerImpl::GetRequestCompletedCallback())(
             &mServer, nullptr, &slot, code);
     }

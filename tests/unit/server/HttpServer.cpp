@@ -1,8 +1,7 @@
 // Starting, watching over and stopping the daemon.
 
-#include "request/ConnectionContext.h"
 #include "server/Dispatch.h"
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -492,27 +491,8 @@ TEST_F(HttpServer, TellsTheApplicationBeforeItStopsTheDaemon)
     EXPECT_THAT(daemon.callsOf("onServerStopped"), IsEmpty());
     daemon.clearCalls();
     server->stopServer(true);
-    EXPECT_THAT(daemon.calls(),
-                ElementsAre("onServerStopped", "MHD_get_daemon_info 2", "MHD_stop_daemon"));
+    EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_stop_daemon"));
     EXPECT_THAT(daemon.stops(), ElementsAre(daemon.starts()[0].daemon));
-}
-
-TEST_F(HttpServer, FreesTheContextsThatTheDaemonForgot)
-{
-    startAndWait();
-    const int listener = daemon.starts()[0].daemon->listener;
-    const int foreignListener = listener + 1;
-    for (int i = 0; i < 3; ++i) {
-        MHD_Connection& own = daemon.connection();
-        own.daemon.listener = listener;
-        impl::OpenContext(nullptr, "/forgotten", &own);
-    }
-    MHD_Connection& foreign = daemon.connection();
-    foreign.daemon.listener = foreignListener;
-    impl::OpenContext(nullptr, "/kept", &foreign);
-    server->stopServer(true);
-    EXPECT_EQ(impl::FreeContextsOf(listener, impl::GetLatestContextNumber()), 0u);
-    EXPECT_EQ(impl::FreeContextsOf(foreignListener, impl::GetLatestContextNumber()), 1u);
 }
 
 TEST_F(HttpServer, WaitsInSlicesOf200Milliseconds)
@@ -653,16 +633,16 @@ TEST_F(HttpServer, HasChunksOfBodiesKeptWhileItRuns)
 {
     const auto freeOne = [] {
         std::vector<char> chunk;
-        chunk.reserve(impl::kChunkCapacityBytes);
-        impl::FreeChunk(std::move(chunk));
+        chunk.reserve(impl::kMinChunkBytes);
+        impl::ChunkPool::Instance().give(std::move(chunk));
     };
     freeOne();
-    EXPECT_EQ(impl::GetSpareChunkCount(), 0u);
+    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 0u);
     startAndWait();
     freeOne();
-    EXPECT_EQ(impl::GetSpareChunkCount(), 1u);
+    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 1u);
     server->stopServer(true);
-    EXPECT_EQ(impl::GetSpareChunkCount(), 0u);
+    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 0u);
 }
 
 TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)
@@ -762,8 +742,8 @@ TEST_F(HttpServer, StopsAndDeletesTheApplicationLast)
     startAndWait();
     daemon.clearCalls();
     server.reset();
-    EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_get_daemon_info 2",
-                                            "MHD_stop_daemon", "~HttpServerImpl"));
+    EXPECT_THAT(daemon.calls(),
+                ElementsAre("onServerStopped", "MHD_stop_daemon", "~HttpServerImpl"));
 }
 
 TEST_F(HttpServer, DeletesTheApplicationWithoutEverBeingStarted)

@@ -6,7 +6,7 @@
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 
 #include <gmock/gmock.h>
 
@@ -584,6 +584,23 @@ TEST(HttpReceiveDevice, CallbackAndListenerRunWithoutTheMutexFirstAndWithItLater
     EXPECT_THAT(held, ElementsAre(false, true));
 }
 
+TEST(HttpReceiveDevice, RequiredResetTakesNoLock)
+{
+    WorkerRequest request;
+    HttpReceiveDevice& device = request.getReceiveDevice();
+    Feed(request, "0123456789");
+    EndFeed(request);
+    Read(request, 100);
+    qvMutexLocker locker(&DispatchAccess::mutex(device));
+    auto reset = std::async(std::launch::async, [&device] { device.reset(); });
+    if (reset.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        ADD_FAILURE() << "waits for the lock";
+        locker.unlock();
+    }
+    reset.get();
+    EXPECT_FALSE(device.atEnd());
+}
+
 TEST(HttpReceiveDevice, ResetClearsErrorEndAndCount)
 {
     FakeTime time;
@@ -668,18 +685,18 @@ TEST(HttpReceiveDevice, RandomPiecesAndReadsGiveTheBodyBack)
 // Feeder, reader and an onlooker at once; meant for the thread sanitizer.
 TEST(HttpReceiveDevice, KeepsItsChunksForTheNextBody)
 {
-    const impl::SpareChunksKept kept;
+    const impl::ChunkPool::User user;
     size_t whenFed = 0;
     {
         WorkerRequest request;
         Feed(request, std::string(65536, 'a'));
         Feed(request, std::string(65536, 'b'));
-        whenFed = impl::GetSpareChunkCount();
+        whenFed = impl::ChunkPool::Instance().getChunkCount();
         EXPECT_EQ(Read(request, 65536), std::string(65536, 'a'));
-        EXPECT_EQ(impl::GetSpareChunkCount(), whenFed + 1);
+        EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 1);
     }
     // What has not been read as well.
-    EXPECT_EQ(impl::GetSpareChunkCount(), whenFed + 2);
+    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 2);
 }
 
 TEST(HttpReceiveDeviceThreads, OneFeedsOneReadsAndAnyoneLooks)

@@ -5,7 +5,7 @@
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
-#include "streaming/ChunkQueue.h"
+#include "streaming/ChunkPool.h"
 
 #include <gmock/gmock.h>
 
@@ -987,7 +987,7 @@ TEST(HttpResponseDevice, CountsNothingTwiceWhenItIsEndedTwice)
 
 TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
 {
-    const impl::SpareChunksKept kept;
+    const impl::ChunkPool::User user;
     size_t whenWritten = 0;
     {
         WorkerRequest request;
@@ -996,15 +996,15 @@ TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
         for (int i = 0; i < 3; ++i)
             device.writeBytes(chunk.data(), chunk.size());
         device.writeBytes("y", 1);  // not handed over
-        whenWritten = impl::GetSpareChunkCount();
+        whenWritten = impl::ChunkPool::Instance().getChunkCount();
         // The first has been read, the second only in part, the third not at all.
         std::vector<char> block(65537);
         bool ended = false;
         bool endedToo = false;
         EXPECT_EQ(device.sendChunksThreadSafe(block.data(), block.size(), ended, endedToo), 65537u);
-        EXPECT_EQ(impl::GetSpareChunkCount(), whenWritten + 1);
+        EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenWritten + 1);
     }
-    EXPECT_EQ(impl::GetSpareChunkCount(), whenWritten + 4);
+    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenWritten + 4);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
 
-#include "request/ConnectionContext.h"
+#include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
 #include "streaming/Throttle.h"
 
@@ -227,13 +227,20 @@ private:
     std::function<void()>& mAction;
 };
 
+ConnectionContext* ContextOf(HttpBaseRequest& request)
+{
+    ConnectionContext* context = impl::ContextRegistry::Add("/x", nullptr);
+    context->request = &request;
+    return context;
+}
+
 class RequestCompletedTest : public ::testing::Test
 {
 protected:
     RequestCompletedTest()
     {
         DispatchAccess::connection(mRequest) = connection();
-        mSlot = new ConnectionContext{"/x", 1, &mRequest};
+        mSlot = ContextOf(mRequest);
     }
 
     // Never looked into by the callback.
@@ -329,7 +336,7 @@ TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
         }
         FakeTime time;
         WorkerRequest request;
-        void* slot = new ConnectionContext{"", kTimeNotSet, &request};
+        void* slot = ContextOf(request);
         const size_t completionsBefore = mImpl->completions;
         impl::RequestCompleted(&mServer, connection(), &slot,
                                static_cast<MHD_RequestTerminationCode>(row.code));
@@ -342,7 +349,7 @@ TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
         EXPECT_FALSE(request.getReceiveDevice().hasDeviceError());
         EXPECT_EQ(time.wakes(), lost ? 1u : 0u);
     }
-    delete static_cast<ConnectionContext*>(mSlot);
+    impl::ContextRegistry::Remove(static_cast<ConnectionContext*>(mSlot));
 }
 
 TEST_F(RequestCompletedTest, LeavesTheThrottleAlone)
@@ -424,7 +431,7 @@ TEST(ReadContentThreads, LostConnectionEndsAWriterThatNobodyReads)
     // The writer waits, or is about to, once this much is ready.
     while (request.getResponseDevice().getDataSize() <= 262144)
         std::this_thread::yield();
-    void* slot = new ConnectionContext{"", kTimeNotSet, &request};
+    void* slot = ContextOf(request);
     impl::RequestCompleted(&server, nullptr, &slot, MHD_REQUEST_TERMINATED_CLIENT_ABORT);
     writer.join();
     EXPECT_TRUE(refused);
