@@ -85,6 +85,12 @@ public:
     /// Who is told when a worker waits for more of the body.
     virtual HttpWaitListener& getWaitListener() = 0;
 
+    /// The daemon has finished with this request and will not use it again. Does nothing unless
+    /// overridden. `terminationCode`: the MHD_RequestTerminationCode, 0 when the response was sent
+    /// whole. Thread: the daemon's, right after `HttpServerImpl::onRequestCompleted`, with the
+    /// response device's mutex held: delete nothing here, and call nothing that takes that mutex.
+    virtual void onCompleted(int terminationCode);
+
     // Methods. The conversions to text may be called from any thread.
 
     /// Method name to value; filled while the library is initialised. Read it only then.

@@ -30,7 +30,7 @@ Application::~Application() = default;
 bool Application::drain(std::chrono::milliseconds limit)
 {
     mDraining = true;
-    return mKeeper.waitUntilEmpty(limit);
+    return mReaper.waitUntilEmpty(limit);
 }
 
 void Application::stopWorkers()
@@ -65,10 +65,9 @@ void Application::onNewWebSocket(http::WebSocket* socket)
 
 HttpBaseRequest* Application::createRequest()
 {
-    std::unique_ptr<Request> request(newRequest());
-    mKeeper.opened();
+    Request& request = mReaper.add(std::unique_ptr<Request>(newRequest()));
     ++mRequests;
-    return request.release();
+    return &request;
 }
 
 void Application::handleRequest(HttpBaseRequest* base)
@@ -76,11 +75,6 @@ void Application::handleRequest(HttpBaseRequest* base)
     auto* request = static_cast<Request*>(base);
     if (mDraining || !mPool.submit([this, request] { serveOnWorker(request); }))
         refuse(request);
-}
-
-void Application::onRequestCompleted()
-{
-    mKeeper.completed();
 }
 
 void Application::serveOnWorker(Request* request)
@@ -92,7 +86,7 @@ void Application::serveOnWorker(Request* request)
         onHandlerFailed(*request, error);
     }
     release(request);
-    mKeeper.reap();
+    mReaper.reap();
 }
 
 // On the daemon's thread: the answer is complete before this returns.
@@ -108,7 +102,7 @@ void Application::release(Request* request)
 {
     request->closeAnswer();
     request->workerThreadStopHandling(qvThread::CurrentThreadId());
-    mKeeper.finished(std::unique_ptr<HttpBaseRequest>(request));
+    mReaper.finished(*request);
 }
 
 }  // namespace qv::kit

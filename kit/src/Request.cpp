@@ -81,6 +81,12 @@ BodyResult Request::readWholeBody(uint64_t limitBytes, std::string& body)
 
 // Called about every second while the worker waits for the body. The daemon does not end the
 // wait of a reader whose client has gone.
+void Request::onCompleted(int)
+{
+    if (mReaper)
+        mReaper->completed(*this);
+}
+
 void Request::onWaitingForData()
 {
     if (isCompleted())

@@ -38,6 +38,8 @@ HttpBaseRequest::~HttpBaseRequest()
     mResponseDevice.reset();
 }
 
+void HttpBaseRequest::onCompleted(int) {}
+
 void HttpBaseRequest::setParseError(std::string&& message)
 {
     mHasParseError = true;

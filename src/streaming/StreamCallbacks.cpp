@@ -83,6 +83,7 @@ void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTe
     DispatchAccess::completed(request) = true;
     // Application code under the response device's lock.
     static_cast<http::HttpServer*>(closure)->getImpl().onRequestCompleted();
+    request.onCompleted(static_cast<int>(code));
     if (const char* reason = lossReason(code))
         device.setConnectionLost(reason);
 }

@@ -107,6 +107,7 @@ WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 616);
 WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 617);
 WENDREL_PLACE(qv::HttpBaseRequest, getResponse, 2);
 WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
+WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
 

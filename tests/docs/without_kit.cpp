@@ -8,6 +8,7 @@
 
 #include <qvSystem/qvThread.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -47,9 +48,13 @@ public:
     int64_t length = -1;
 };
 
+class PlainApplication;
+
 class PlainRequest : public HttpBaseRequest, public qv::HttpWaitListener
 {
 public:
+    explicit PlainRequest(PlainApplication& application) : mApplication(application) {}
+
     qv::HttpResponseInterface& getResponse() override { return head; }
     qv::HttpWaitListener& getWaitListener() override { return *this; }
 
@@ -61,7 +66,13 @@ public:
             getReceiveDevice().setDeviceError("the client closed the connection");
     }
 
+    void onCompleted(int) override;
+
     Head head;
+    std::atomic<int> users{2};  // the worker and the daemon
+
+private:
+    PlainApplication& mApplication;
 };
 
 // Sends a complete response. The device takes 256 KiB without waiting.
@@ -142,7 +153,7 @@ public:
 
     HttpBaseRequest* createRequest() override
     {
-        auto request = std::make_unique<PlainRequest>();
+        auto request = std::make_unique<PlainRequest>(*this);
         const std::lock_guard<std::mutex> lock(mMutex);
         ++mOpen;
         return request.release();
@@ -170,12 +181,15 @@ public:
 
     void onServerStopped() override {}
 
-    // Called under the lock of a request's response device: no other thread may call a request
-    // while it holds mMutex.
-    void onRequestCompleted() override
+    void onRequestCompleted() override {}
+
+    // Called by the worker and by the daemon, each once; the second one finds the request over.
+    void release(PlainRequest& request)
     {
+        if (--request.users != 0)
+            return;
         const std::lock_guard<std::mutex> lock(mMutex);
-        ++mEvents;
+        mOver.emplace_back(&request);
         mChanged.notify_all();
     }
 
@@ -207,10 +221,7 @@ private:
         request.workerThreadStartHandling(thread);
         service(request);
         request.workerThreadStopHandling(thread);
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mServed.emplace_back(&request);
-        ++mEvents;
-        mChanged.notify_all();
+        release(request);
     }
 
     void work()
@@ -229,23 +240,22 @@ private:
         }
     }
 
-    // Deletes each request that its worker has finished and the daemon has completed.
+    // Deletes the requests that are over.
     void reap()
     {
-        std::list<std::unique_ptr<PlainRequest>> served;
-        uint64_t seen = 0;
         for (bool ends = false; !ends;) {
+            std::list<std::unique_ptr<PlainRequest>> over;
             {
                 std::unique_lock<std::mutex> lock(mMutex);
-                mChanged.wait(lock, [&] { return mEvents != seen || mReaperEnds; });
-                seen = mEvents;
+                mChanged.wait(lock, [this] { return !mOver.empty() || mReaperEnds; });
                 ends = mReaperEnds;
-                served.splice(served.end(), mServed);
+                over.swap(mOver);
             }
-            const size_t before = served.size();
-            served.remove_if([](const auto& request) { return request->isCompleted(); });
+            const size_t count = over.size();
+            // The daemon releases the lock of the response device after onCompleted.
+            over.remove_if([](const auto& request) { return request->isCompleted(); });
             const std::lock_guard<std::mutex> lock(mMutex);
-            mOpen -= before - served.size();
+            mOpen -= count;
             mDeleted.notify_all();
         }
     }
@@ -254,16 +264,21 @@ private:
     std::condition_variable mQueued;
     std::condition_variable mChanged;
     std::condition_variable mDeleted;
-    std::deque<PlainRequest*> mQueue;                  // waiting for a worker
-    std::list<std::unique_ptr<PlainRequest>> mServed;  // waiting for the daemon
+    std::deque<PlainRequest*> mQueue;                // wait for a worker
+    std::list<std::unique_ptr<PlainRequest>> mOver;  // wait for the reaper
     size_t mOpen = 0;
-    uint64_t mEvents = 0;
     bool mDraining = false;
     bool mWorkersEnd = false;
     bool mReaperEnds = false;
     std::vector<std::thread> mWorkers;
     std::thread mReaper;
 };
+
+// Thread: the daemon's, with the lock of the response device.
+void PlainRequest::onCompleted(int)
+{
+    mApplication.release(*this);
+}
 
 bool start(HttpServer& server, const HttpServer::Parameters& parameters)
 {

@@ -9,7 +9,7 @@
 #include <Wendrel/Wendrel.h>
 #include <Wendrel/kit/Application.h>
 #include <Wendrel/kit/Request.h>
-#include <Wendrel/kit/RequestKeeper.h>
+#include <Wendrel/kit/RequestReaper.h>
 #include <Wendrel/kit/ResponseHead.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/Server.h>
@@ -33,7 +33,7 @@ namespace
 
 using kit::HubConnection;
 using kit::Request;
-using kit::RequestKeeper;
+using kit::RequestReaper;
 using kit::ResponseHead;
 using kit::Router;
 using kit::WebSocketHub;
@@ -322,48 +322,45 @@ void Complete(HttpBaseRequest& request)
 {
     qvMutexLocker locker(&impl::DispatchAccess::mutex(request.getResponseDevice()));
     impl::DispatchAccess::completed(request) = true;
+    request.onCompleted(0);
 }
 
 TEST_F(KitFaults, ARequestIsNotDeletedBeforeItIsCompleted)
 {
-    FailEachCallOf({{"RequestKeeper: opened",
+    FailEachCallOf({{"RequestReaper: add",
                      [](Attempt& attempt) {
                          std::atomic<int> alive{0};
-                         RequestKeeper keeper;
-                         const bool done = attempt([&] { keeper.opened(); });
-                         EXPECT_EQ(keeper.getOpenCount(), done ? 1u : 0u);
-                         if (!done)
-                             keeper.opened();
+                         RequestReaper reaper;
                          auto request = std::make_unique<CountedRequest>(alive);
-                         HttpBaseRequest& watched = *request;
-                         keeper.finished(std::move(request));
+                         kit::Request* added = nullptr;
+                         const bool done =
+                             attempt([&] { added = &reaper.add(std::move(request)); });
+                         EXPECT_EQ(reaper.getOpenCount(), done ? 1u : 0u);
+                         EXPECT_EQ(alive, done ? 1 : 0);
+                         if (!done)
+                             added = &reaper.add(std::make_unique<CountedRequest>(alive));
+                         reaper.finished(*added);
                          EXPECT_EQ(alive, 1);
-                         Complete(watched);
-                         keeper.completed();
-                         EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+                         Complete(*added);
+                         EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
                          EXPECT_EQ(alive, 0);
                      }},
-                    {"RequestKeeper: finished, completed",
+                    {"RequestReaper: finished, completed",
                      [](Attempt& attempt) {
                          std::atomic<int> alive{0};
-                         RequestKeeper keeper;
-                         keeper.opened();
-                         std::unique_ptr<HttpBaseRequest> request =
-                             std::make_unique<CountedRequest>(alive);
-                         HttpBaseRequest& watched = *request;
-                         EXPECT_TRUE(attempt([&] { keeper.finished(std::move(request)); }));
+                         RequestReaper reaper;
+                         kit::Request& request =
+                             reaper.add(std::make_unique<CountedRequest>(alive));
+                         EXPECT_TRUE(attempt([&] { reaper.finished(request); }));
                          // The daemon may still use it.
                          EXPECT_EQ(alive, 1);
-                         if (alive != 1)
-                             return;
-                         Complete(watched);
-                         EXPECT_TRUE(attempt([&] { keeper.completed(); }));
-                         EXPECT_TRUE(keeper.waitUntilEmpty(kLimit));
+                         EXPECT_TRUE(attempt([&] { Complete(request); }));
+                         EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
                          EXPECT_EQ(alive, 0);
                      },
                      Points::None},
-                    {"RequestKeeper: made", [](Attempt& attempt) {
-                         const bool done = attempt([] { RequestKeeper keeper; });
+                    {"RequestReaper: made", [](Attempt& attempt) {
+                         const bool done = attempt([] { RequestReaper reaper; });
                          EXPECT_EQ(done, !attempt.hasFailed());
                      }}});
 }
@@ -400,7 +397,6 @@ TEST_F(KitFaults, ARequestThatIsNotCountedIsNotMade)
                          const bool done = attempt([&] { request = base.createRequest(); });
                          EXPECT_EQ(request != nullptr, done);
                          EXPECT_EQ(alive, done ? 2 : 1);
-                         delete request;
                      }}});
 }
 

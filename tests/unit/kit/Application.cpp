@@ -253,7 +253,7 @@ TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
     EXPECT_EQ(CountedRequest::sLive, 0);
 }
 
-// The keeper's own thread is held up by another request meanwhile.
+// The reaper's own thread is held up by another request meanwhile.
 TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
 {
     make(1, 10);

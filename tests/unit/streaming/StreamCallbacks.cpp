@@ -308,6 +308,43 @@ TEST_F(RequestCompletedTest, ApplicationIsToldUnderTheResponseDevicesMutexBefore
     EXPECT_TRUE(mRequest.getResponseDevice().hasDeviceError());
 }
 
+// The request that learns of its completion.
+class CompletedRequest : public WorkerRequest
+{
+public:
+    void onCompleted(int terminationCode) override { action(terminationCode); }
+
+    std::function<void(int)> action;
+};
+
+TEST_F(RequestCompletedTest, TheRequestIsToldAfterTheApplicationUnderTheSameLock)
+{
+    for (const unsigned code : {0u, 2u, 5u, 9u}) {
+        SCOPED_TRACE(code);
+        CompletedRequest request;
+        std::vector<int> told;
+        mOnCompleted = [&] { told.push_back(-1); };
+        std::future<void> locked;
+        request.action = [&](int terminationCode) {
+            told.push_back(terminationCode);
+            EXPECT_TRUE(DispatchAccess::completed(request));
+            EXPECT_EQ(DispatchAccess::connection(request), nullptr);
+            EXPECT_FALSE(request.getResponseDevice().hasDeviceError());
+            locked = std::async(std::launch::async, [&] {
+                qvMutexLocker locker(&DispatchAccess::mutex(request.getResponseDevice()));
+                told.push_back(-2);
+            });
+            std::this_thread::yield();
+        };
+        void* slot = ContextOf(request);
+        impl::RequestCompleted(&mServer, connection(), &slot,
+                               static_cast<MHD_RequestTerminationCode>(code));
+        locked.get();
+        EXPECT_THAT(told, ElementsAre(-1, static_cast<int>(code), -2));
+        EXPECT_EQ(request.getResponseDevice().hasDeviceError(), code >= 1 && code <= 5);
+    }
+}
+
 TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
 {
     const struct

@@ -4,7 +4,7 @@
 
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/kit/Request.h>
-#include <Wendrel/kit/RequestKeeper.h>
+#include <Wendrel/kit/RequestReaper.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/WorkerPool.h>
 
@@ -58,7 +58,7 @@ public:
     uint64_t getRequestCount() const { return mRequests; }
 
     /// Requests that are not yet deleted. Any thread.
-    size_t getOpenCount() const { return mKeeper.getOpenCount(); }
+    size_t getOpenCount() const { return mReaper.getOpenCount(); }
 
 protected:
     /// A new object of the application's request class; the kit's unless overridden.
@@ -84,13 +84,13 @@ protected:
 private:
     HttpBaseRequest* createRequest() final;
     void handleRequest(HttpBaseRequest* request) final;
-    void onRequestCompleted() final;
+    void onRequestCompleted() final {}
     void serveOnWorker(Request* request);
     void refuse(Request* request);
     void release(Request* request);
 
     Router mRouter;
-    RequestKeeper mKeeper;
+    RequestReaper mReaper;
     std::atomic<uint64_t> mRequests{0};
     std::atomic<bool> mDraining{false};
     WorkerPool mPool;  // last: its threads use all above

@@ -4,8 +4,10 @@
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
+#include <Wendrel/kit/RequestReaper.h>
 #include <Wendrel/kit/ResponseHead.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -22,7 +24,7 @@ enum class BodyResult {
 };
 
 /// The request class of the kit. Everything below is for the thread that serves the request,
-/// unless it says otherwise. Made by Application::newRequest, deleted by the RequestKeeper.
+/// unless it says otherwise. Made by Application::newRequest, deleted by the RequestReaper.
 ///
 /// An answer is either one `reply`, or `startStream`, any number of `write`, and `finish`.
 /// What a handler leaves unanswered is answered 500 after it has returned.
@@ -32,7 +34,7 @@ public:
     /// Thread: the daemon's.
     Request();
 
-    /// Thread: a worker, the keeper's, or the one that destroys the application.
+    /// Thread: a worker, the reaper's, or the one that destroys the application.
     ~Request() override;
 
     // What was asked.
@@ -121,8 +123,12 @@ protected:
     /// Ends the wait for the body when the request has been completed. An override calls this.
     void onWaitingForData() override;
 
+    /// Tells the reaper. An override calls this.
+    void onCompleted(int terminationCode) override;
+
 private:
     friend class Application;
+    friend class RequestReaper;
 
     bool announce();
     bool mayAnnounce() const;
@@ -134,6 +140,9 @@ private:
     uint64_t mWrittenBytes = 0;
     bool mAnnounced = false;
     bool mEnded = false;
+    RequestReaper* mReaper = nullptr;
+    RequestReaper::List::iterator mPlace;
+    std::atomic<int> mUsers{2};  // its worker and the daemon
 };
 
 }  // namespace qv::kit
