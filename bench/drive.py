@@ -17,7 +17,7 @@ MEBIBYTE = 1 << 20
 
 
 class Failed(Exception):
-    """A server or a client did not do what it should."""
+    """A server or client failed."""
 
 
 @dataclasses.dataclass
@@ -41,7 +41,7 @@ def pinned(command, core):
 
 
 class Server:
-    """A server process that listens; ended when the block is left."""
+    """A listening server process; stopped at the end of the block."""
 
     def __init__(self, build, name, options, core):
         self.port = free_port()
@@ -55,7 +55,7 @@ class Server:
             on_failure.callback(self.end)
             line = self._first_line()
             if not line.startswith("listening on "):
-                raise Failed(f"{self.name} did not start: it said '{line.strip()}'")
+                raise Failed(f"{self.name} did not start: it printed '{line.strip()}'")
             on_failure.pop_all()
         return self
 
@@ -81,7 +81,7 @@ class Server:
             self.process.stdout.close()
 
     def cpu_seconds(self):
-        """What all its threads have used, exactly; threads that have ended are missing."""
+        """Processor time of its running threads; threads that have ended are missing."""
         nanoseconds = 0
         for path in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/schedstat"):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
@@ -111,7 +111,7 @@ def milliseconds(text):
 
 
 def wrk(server, path, connections, seconds, core):
-    """Requests on kept connections, one at a time on each."""
+    """Requests on persistent connections, one at a time on each."""
     command = ["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency",
                f"http://127.0.0.1:{server.port}{path}"]
     before = server.cpu_seconds()
@@ -151,10 +151,10 @@ def websockets(build, server, connections, size, seconds, core):
     command = [str(build / "client" / "wendrel-bench-websocket-client"), "--port", str(server.port),
                "--connections", str(connections), "--bytes", str(size), "--seconds", str(seconds)]
     before = server.cpu_seconds()
-    figures = json.loads(run_client(command, core, seconds * 3 + 60))
+    result = json.loads(run_client(command, core, seconds * 3 + 60))
     used = server.cpu_seconds() - before
-    if figures["errors"]:
-        raise Failed(f"{server.name}: {figures}")
-    # The warm-up, a fifth more, has cost processor time as well.
-    return Measured(figures["per_second"], figures["p50_us"] / 1000, figures["p99_us"] / 1000,
-                    used / (figures["messages"] * 1.2) * 100_000)
+    if result["errors"]:
+        raise Failed(f"{server.name}: {result}")
+    # The warm-up, another fifth, uses processor time as well.
+    return Measured(result["per_second"], result["p50_us"] / 1000, result["p99_us"] / 1000,
+                    used / (result["messages"] * 1.2) * 100_000)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Uploads so many bytes at an even pace. Usage: even_upload.py PORT BYTES BYTES_A_SECOND"""
+"""Uploads a number of bytes at a constant rate. Usage: even_upload.py PORT BYTES BYTES_A_SECOND"""
 
 import socket
 import sys
@@ -22,10 +22,10 @@ def main():
             left -= part
             due += part / rate
             time.sleep(max(0.0, due - time.monotonic()))
-        answer = b""
+        response = b""
         while more := connection.recv(PIECE_BYTES):
-            answer += more
-    _, _, body = answer.partition(b"\r\n\r\n")
+            response += more
+    _, _, body = response.partition(b"\r\n\r\n")
     return 0 if body == sys.argv[2].encode() else 1
 
 

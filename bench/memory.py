@@ -1,4 +1,4 @@
-"""How much memory long transfers take: a slow reader of a stream, a worker that reads an upload."""
+"""Memory of long transfers: a slow reader of a stream, a worker that reads an upload."""
 
 import dataclasses
 import pathlib
@@ -15,26 +15,26 @@ UPLOAD_BYTES = 1 << 30
 SETTLED_SECONDS = 5
 UPLOAD_BYTES_A_SECOND = 200_000_000
 SETTLED_SHARE = 0.1  # of an upload
-LOOK_SECONDS = 0.05
+SAMPLE_INTERVAL_SECONDS = 0.05
 LIMIT_SECONDS = 900
 
 
 @dataclasses.dataclass
 class Used:
     name: str
-    before_bytes: int  # once the transfer has got going
-    most_bytes: int
+    before_bytes: int  # after the start of the transfer
+    max_bytes: int
     seconds: float
-    most_growth_bytes: int | None  # the target, if there is one
+    max_growth_bytes: int | None  # the target, if any
 
     @property
     def growth_bytes(self):
-        return self.most_bytes - self.before_bytes
+        return self.max_bytes - self.before_bytes
 
 
 def watch(server, client, name, settled, limit_bytes):
     start = time.monotonic()
-    before = most = None
+    before = maximum = None
     while client.poll() is None:
         now = time.monotonic() - start
         if now > LIMIT_SECONDS:
@@ -43,13 +43,13 @@ def watch(server, client, name, settled, limit_bytes):
         if settled(now):
             resident = server.resident_bytes()
             before = resident if before is None else before
-            most = max(most or 0, resident)
-        time.sleep(LOOK_SECONDS)
+            maximum = max(maximum or 0, resident)
+        time.sleep(SAMPLE_INTERVAL_SECONDS)
     if client.returncode != 0:
         raise drive.Failed(f"{name}: curl ended with {client.returncode}")
     if before is None:
-        raise drive.Failed(f"{name}: over before it could be looked at")
-    return Used(name, before, most, time.monotonic() - start, limit_bytes)
+        raise drive.Failed(f"{name}: ended before the first sample")
+    return Used(name, before, maximum, time.monotonic() - start, limit_bytes)
 
 
 def curl(*arguments):
@@ -74,19 +74,19 @@ def even_upload(build):
         client = subprocess.Popen(
             [sys.executable, "-B", pathlib.Path(__file__).with_name("even_upload.py"),
              str(server.port), str(UPLOAD_BYTES), str(UPLOAD_BYTES_A_SECOND)])
-        return watch(server, client, "upload of 1 GiB to a worker that reads as it comes",
+        return watch(server, client, "upload of 1 GiB to a reading worker",
                      settled_upload, 4 << 20)
 
 
 def upload_in_bursts(build):
-    """As curl sends with a limit: at full speed for a moment, then nothing."""
+    """curl with a rate limit sends in bursts at full speed, with pauses."""
     with tempfile.NamedTemporaryFile() as file:
         file.truncate(UPLOAD_BYTES)
         with drive.Server(build, "server", ["--mode", "worker"], None) as server:
             client = curl("--request", "POST", "--header", "Expect:", "--limit-rate",
                           str(UPLOAD_BYTES_A_SECOND), "--upload-file", file.name,
                           f"http://127.0.0.1:{server.port}/upload")
-            return watch(server, client, "the same in bursts of the client", settled_upload, None)
+            return watch(server, client, "the same, sent in bursts", settled_upload, None)
 
 
 def measure(build):

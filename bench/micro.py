@@ -1,4 +1,4 @@
-"""The micro-benchmarks, and what they are held against."""
+"""Runs the microbenchmarks."""
 
 import dataclasses
 import json
@@ -21,7 +21,7 @@ def measure(build, quick):
     command = [str(build / "micro" / "wendrel-bench-micro"), "--benchmark_format=json",
                f"--benchmark_repetitions={REPETITIONS}", "--benchmark_report_aggregates_only=true",
                f"--benchmark_min_time={0.02 if quick else 0.1}"]
-    print("  micro-benchmarks", flush=True)
+    print("  microbenchmarks", flush=True)
     done = subprocess.run(command, stdout=subprocess.PIPE, text=True, timeout=900)
     if done.returncode != 0:
         raise drive.Failed(f"{command[0]} ended with {done.returncode}")

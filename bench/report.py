@@ -31,27 +31,27 @@ def median(values):
     return statistics.median(known) if known else None
 
 
-def ratio(figures, field):
+def ratio(measurements, field):
     """The median of the rounds' ratios of ours to the bare daemon's."""
     pairs = [(getattr(ours, field), getattr(floor, field))
-             for ours, floor in zip(figures[OURS], figures[FLOOR])]
+             for ours, floor in zip(measurements[OURS], measurements[FLOOR])]
     return median([ours / floor if ours is not None and floor else None for ours, floor in pairs])
 
 
 @dataclasses.dataclass
 class Target:
-    what: str
+    name: str
     wanted: str
     got: str
     met: bool
 
 
-def least(what, value, limit):
-    return Target(what, f"≥ {limit:.2f}", f"{value:.2f}", value >= limit)
+def at_least(name, value, limit):
+    return Target(name, f"≥ {limit:.2f}", f"{value:.2f}", value >= limit)
 
 
-def most(what, value, limit):
-    return Target(what, f"≤ {limit:.2f}", f"{value:.2f}", value <= limit)
+def at_most(name, value, limit):
+    return Target(name, f"≤ {limit:.2f}", f"{value:.2f}", value <= limit)
 
 
 @dataclasses.dataclass
@@ -64,37 +64,37 @@ class Result:
     minutes: float
 
     def targets(self):
-        for (row, placement), figures in self.found.items():
+        for (row, placement), measurements in self.found.items():
             if placement != HELD_ON:
                 continue
-            if row.least is not None:
-                yield least(f"{row.name}: rate, ratio to bare", ratio(figures, "rate"), row.least)
-            if row.most_cpu is not None:
-                yield most(f"{row.name}: processor time for a request, ratio to bare",
-                           ratio(figures, "cpu_seconds"), row.most_cpu)
-            if row.most_p99 is not None:
-                yield most(f"{row.name}: p99, ratio to bare", ratio(figures, "p99_ms"),
-                           row.most_p99)
-        yield from self.targets_of_pieces()
+            if row.min_rate is not None:
+                yield at_least(f"{row.name}: rate, ratio to bare", ratio(measurements, "rate"), row.min_rate)
+            if row.max_cpu is not None:
+                yield at_most(f"{row.name}: processor time for a request, ratio to bare",
+                           ratio(measurements, "cpu_seconds"), row.max_cpu)
+            if row.max_p99 is not None:
+                yield at_most(f"{row.name}: p99, ratio to bare", ratio(measurements, "p99_ms"),
+                           row.max_p99)
+        yield from self.targets_of_microbenchmarks()
         for used in self.used:
-            if used.most_growth_bytes is None:
+            if used.max_growth_bytes is None:
                 continue
-            growth, limit = used.growth_bytes / MEBIBYTE, used.most_growth_bytes / MEBIBYTE
+            growth, limit = used.growth_bytes / MEBIBYTE, used.max_growth_bytes / MEBIBYTE
             yield Target(f"{used.name}: resident memory grows by, MiB", f"< {limit:.0f}",
                          f"{growth:.2f}", growth < limit)
 
-    def targets_of_pieces(self):
-        pieces = {piece.name: piece for piece in self.small}
+    def targets_of_microbenchmarks(self):
+        benchmarks = {benchmark.name: benchmark for benchmark in self.small}
         for name, limit in (("Utf8/ascii/65536", 4), ("Utf8/mixed/65536", 1)):
-            if name in pieces:
-                rate = pieces[name].bytes_per_second / 1e9
+            if name in benchmarks:
+                rate = benchmarks[name].bytes_per_second / 1e9
                 yield Target(f"{name}: GB/s", f"≥ {limit}", f"{rate:.1f}", rate >= limit)
-        if "WebSocket/Unmask/1024" in pieces:
-            yield least("WebSocket/Unmask/1024: rate, ratio to memcpy",
-                        pieces["WebSocket/Unmask/1024"].bytes_per_second
-                        / pieces["WebSocket/memcpy/1024"].bytes_per_second, 0.8)
-        if "Log/disabled" in pieces:
-            spent = pieces["Log/disabled"].nanoseconds
+        if "WebSocket/Unmask/1024" in benchmarks:
+            yield at_least("WebSocket/Unmask/1024: rate, ratio to memcpy",
+                        benchmarks["WebSocket/Unmask/1024"].bytes_per_second
+                        / benchmarks["WebSocket/memcpy/1024"].bytes_per_second, 0.8)
+        if "Log/disabled" in benchmarks:
+            spent = benchmarks["Log/disabled"].nanoseconds
             yield Target("Log/disabled: ns", "≤ 5", f"{spent:.1f}", spent <= 5)
 
     def machine(self):
@@ -104,19 +104,19 @@ class Result:
         return (f"{cpu[1].strip() if cpu else platform.machine()}, {run('nproc').strip()} "
                 f"processors, Linux {platform.release()}; {', '.join(packages)}; "
                 f"commit {run('git', 'rev-parse', '--short=12', 'HEAD').strip()}. "
-                f"{self.rounds} rounds of {self.seconds} s, {self.minutes:.0f} minutes in all.")
+                f"{self.rounds} rounds of {self.seconds} s, {self.minutes:.0f} minutes in total.")
 
     def table(self, placement):
-        lines = ["| workload | server | a second: median | least–greatest | p50 ms | p99 ms "
+        lines = ["| Workload | Server | Rate, median | min–max | p50 ms | p99 ms "
                  "| CPU s per 100,000 | ratio to bare |", "|---|---|---|---|---|---|---|---|"]
-        for (row, where), figures in self.found.items():
+        for (row, where), measurements in self.found.items():
             if where != placement:
                 continue
-            for name, measured in figures.items():
+            for name, measured in measurements.items():
                 if not measured:
                     continue
                 rates = [each.rate for each in measured]
-                compared = f"**{ratio(figures, 'rate'):.2f}**" if name == OURS else ""
+                compared = f"**{ratio(measurements, 'rate'):.2f}**" if name == OURS else ""
                 lines.append(
                     f"| {row.name} | {TITLES[name]} | {number(median(rates))} {row.unit} | "
                     f"{number(min(rates))}–{number(max(rates))} | "
@@ -126,44 +126,44 @@ class Result:
         return lines
 
     def markdown(self):
-        lines = [self.machine(), "", "### Targets", "", "| what | target | measured | |",
+        lines = [self.machine(), "", "### Targets", "", "| Target | limit | measured | |",
                  "|---|---|---|---|"]
-        lines += [f"| {target.what} | {target.wanted} | {target.got} | "
+        lines += [f"| {target.name} | {target.wanted} | {target.got} | "
                   f"{'met' if target.met else '**missed**'} |" for target in self.targets()]
         for placement in dict.fromkeys(where for _, where in self.found):
             lines += ["", f"### Server and client on {placement}", ""] + self.table(placement)
         if self.used:
             lines += ["", "### Memory", "",
-                      "| transfer | resident before | at most | growth | took |",
+                      "| Transfer | resident before | maximum | growth | duration |",
                       "|---|---|---|---|---|"]
             lines += [f"| {used.name} | {used.before_bytes / MEBIBYTE:.1f} MiB | "
-                      f"{used.most_bytes / MEBIBYTE:.1f} MiB | "
+                      f"{used.max_bytes / MEBIBYTE:.1f} MiB | "
                       f"{used.growth_bytes / MEBIBYTE:.2f} MiB | {used.seconds:.0f} s |"
                       for used in self.used]
         if self.small:
-            lines += ["", "### Pieces on their own", "",
-                      "| piece | ns | GB/s | millions a second |", "|---|---|---|---|"]
-            lines += [f"| {piece.name} | {number(piece.nanoseconds)} | "
-                      f"{number(scaled(piece.bytes_per_second, 1e9))} | "
-                      f"{number(scaled(piece.items_per_second, 1e6))} |" for piece in self.small]
+            lines += ["", "### Microbenchmarks", "",
+                      "| Microbenchmark | ns | GB/s | millions per second |", "|---|---|---|---|"]
+            lines += [f"| {benchmark.name} | {number(benchmark.nanoseconds)} | "
+                      f"{number(scaled(benchmark.bytes_per_second, 1e9))} | "
+                      f"{number(scaled(benchmark.items_per_second, 1e6))} |" for benchmark in self.small]
         return "\n".join(lines) + "\n"
 
     def as_json(self):
         return {"rounds": self.rounds, "seconds": self.seconds, "machine": self.machine(),
                 "rows": [{"row": row.name, "placement": placement, "unit": row.unit,
                           "servers": {name: [dataclasses.asdict(each) for each in measured]
-                                      for name, measured in figures.items()}}
-                         for (row, placement), figures in self.found.items()],
+                                      for name, measured in measurements.items()}}
+                         for (row, placement), measurements in self.found.items()],
                 "memory": [dataclasses.asdict(used) for used in self.used],
-                "pieces": [dataclasses.asdict(piece) for piece in self.small],
+                "microbenchmarks": [dataclasses.asdict(benchmark) for benchmark in self.small],
                 "targets": [dataclasses.asdict(target) for target in self.targets()]}
 
     def draw(self, folder):
         """One chart for the rows that share a unit and an order of magnitude."""
         charts = {}
-        for (row, placement), figures in self.found.items():
+        for (row, placement), measurements in self.found.items():
             if placement == HELD_ON:
-                charts.setdefault(chart_name(row), []).append((row, figures))
+                charts.setdefault(chart_name(row), []).append((row, measurements))
         return [draw_chart(folder / f"{name.replace(' ', '-')}.svg", name, rows)
                 for name, rows in charts.items()]
 
@@ -199,14 +199,14 @@ def chart_name(row):
 
 
 def draw_chart(file, name, rows):
-    """Bars of the median with a whisker from the least to the greatest."""
+    """Bars of the median with a whisker from minimum to maximum."""
     with tempfile.TemporaryDirectory() as work:
         plots = []
         for position, server in enumerate(COLOURS):
             points = pathlib.Path(work) / server
             lines = []
-            for place, (_, figures) in enumerate(rows):
-                rates = [each.rate for each in figures[server]]
+            for place, (_, measurements) in enumerate(rows):
+                rates = [each.rate for each in measurements[server]]
                 if rates:
                     x = place + (position - (len(COLOURS) - 1) / 2) * 0.2
                     lines.append(f"{x:.3f} {median(rates):.6g} {min(rates):.6g} {max(rates):.6g}\n")

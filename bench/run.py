@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Lets the servers take turns at each workload and tells what was measured; see run.sh --help."""
+"""Measures the servers in turn with each workload and prints the results; see run.sh --help."""
 
 import argparse
 import dataclasses
@@ -21,12 +21,12 @@ SERVERS = (OURS, FLOOR, "civetweb", "beast")
 STREAM_BYTES = 1 << 30
 UPLOAD_BYTES = 512 << 20
 CORE = 0
-EPOLL_EVENTS = 128  # that the daemon takes at once
+EPOLL_EVENTS = 128  # fetched by the daemon at once
 
 
 @dataclasses.dataclass(frozen=True)
 class Row:
-    """A workload; `least` is the target of its rate as a ratio to the bare daemon."""
+    """A workload; the targets are ratios to the bare daemon."""
 
     name: str
     kind: str
@@ -34,41 +34,41 @@ class Row:
     unit: str
     connections: int = 1
     size: int = 0
-    least: float | None = None
-    most_cpu: float | None = None
-    most_p99: float | None = None
+    min_rate: float | None = None
+    max_cpu: float | None = None
+    max_p99: float | None = None
 
 
 def rows():
     for connections in (32, 256):
         yield Row(f"hello inline {connections}", "hello", "inline", "requests/s", connections,
-                  least=0.95, most_cpu=1.10)
+                  min_rate=0.95, max_cpu=1.10)
     for connections in (1, 32, 256):
         yield Row(f"hello worker {connections}", "hello", "worker", "requests/s", connections,
-                  least=1.0, most_p99=1.0)
+                  min_rate=1.0, max_p99=1.0)
     for mode in ("inline", "worker"):
-        yield Row(f"big {mode} 32", "big", mode, "requests/s", 32, least=0.95)
+        yield Row(f"big {mode} 32", "big", mode, "requests/s", 32, min_rate=0.95)
     for mode in ("inline", "worker"):
-        yield Row(f"stream {mode}", "stream", mode, "MiB/s", size=STREAM_BYTES, least=0.95)
+        yield Row(f"stream {mode}", "stream", mode, "MiB/s", size=STREAM_BYTES, min_rate=0.95)
     for mode in ("inline", "worker"):
-        yield Row(f"upload {mode}", "upload", mode, "MiB/s", size=UPLOAD_BYTES, least=0.90)
+        yield Row(f"upload {mode}", "upload", mode, "MiB/s", size=UPLOAD_BYTES, min_rate=0.90)
     for connections in (1, 50):
         yield Row(f"websocket 64 B {connections}", "websocket", "worker", "messages/s", connections,
-                  64, least=1.0, most_p99=1.0)
-    yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20, least=0.90)
+                  64, min_rate=1.0, max_p99=1.0)
+    yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20, min_rate=0.90)
 
 
 @dataclasses.dataclass
 class Run:
     seconds: int
-    divisor: int  # of what is transferred at once
+    divisor: int  # of the transferred size
     upload_file: pathlib.Path
 
     def measure(self, name, row, core):
         workers = max(4, row.connections + 4) if name == "civetweb" else 4
-        # One thread for each core: with more, chance would decide, by how many connections each
-        # has happened to accept. But the daemon stalls when exactly 128 connections of a thread,
-        # or a multiple, are ready at once, which is likely when a thread has no others.
+        # One thread per core: with more, the result depends on the random number of connections that
+        # each accepts. But the daemon stalls when exactly 128 connections of a thread, or a
+        # multiple, are ready at once, which is likely when a thread has no others.
         threads = 1 if core is not None and row.connections < EPOLL_EVENTS else 2
         options = ["--mode", row.mode, "--workers", workers, "--threads", threads]
         if row.kind == "websocket":
@@ -101,15 +101,15 @@ def measure_all(arguments, wanted, placements):
     with tempfile.TemporaryDirectory() as folder:
         run = Run(arguments.seconds, divisor, zeros(folder, UPLOAD_BYTES // divisor))
         for turn in range(arguments.rounds):
-            for (row, placement), figures in found.items():
-                # The others are for orientation: once on the core they all share.
+            for (row, placement), measurements in found.items():
+                # The other servers run on the shared core only.
                 names = SERVERS if placement == "one core" else SERVERS[:2]
                 start = turn % len(names)
                 for name in names[start:] + names[:start]:
                     core = CORE if placement == "one core" else None
-                    figures[name].append(run.measure(name, row, core))
+                    measurements[name].append(run.measure(name, row, core))
                 print(f"  round {turn + 1}, {placement}, {row.name}: " + ", ".join(
-                    f"{name} {figures[name][-1].rate:,.0f}" for name in names), flush=True)
+                    f"{name} {measurements[name][-1].rate:,.0f}" for name in names), flush=True)
     return found
 
 
@@ -147,14 +147,14 @@ def main():
     arguments.output.mkdir(parents=True, exist_ok=True)
     result = report.Result(found, used, small, arguments.rounds, arguments.seconds,
                            (time.monotonic() - began) / 60)
-    (arguments.output / "figures.json").write_text(json.dumps(result.as_json(), indent=1) + "\n")
+    (arguments.output / "measurements.json").write_text(json.dumps(result.as_json(), indent=1) + "\n")
     text = result.markdown()
     (arguments.output / "results.md").write_text(text)
     result.draw(arguments.output)
     print(text)
     if arguments.write:
         result.write_into(pathlib.Path("docs/performance.md"), pathlib.Path("docs/performance"))
-    print(f"Figures, tables and charts are in {arguments.output}.")
+    print(f"Measurements, tables and charts are in {arguments.output}.")
 
 
 if __name__ == "__main__":

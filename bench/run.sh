@@ -8,24 +8,24 @@ Usage: bench/run.sh [--quick] [--rounds N] [--seconds N] [--only PATTERN]... [--
                     [--no-memory] [--write] [--output DIR] [--no-install] [--help]
 
 Builds the servers in build/bench and drives each of them with the same clients: wrk for small and
-large answers, curl for streams and uploads, a WebSocket client of Boost.Beast. The servers take
-turns in every round, so that whatever else this machine does meets all of them. Everything listens
-on 127.0.0.1.
+large responses, curl for streams and uploads, a WebSocket client of Boost.Beast. The servers
+alternate in every round, so that other load of the machine affects all of them. All listen on
+127.0.0.1.
 
-Prints tables in Markdown: the median over the rounds with the least and the greatest, latencies,
-the processor time of the server for 100,000 requests, and the ratio to the bare daemon (the median
-of the rounds' ratios). Rows "one core" have server and client on the same processor: they repeat
-best, and the targets are held on them. Exit code 0: measured, 1: something failed; a missed target
-is said and does not fail the run.
+Prints tables in Markdown: the median over the rounds with minimum and maximum, latencies, the
+processor time of the server for 100,000 requests, and the ratio to the bare daemon (the median
+of the rounds' ratios). Rows "one core" have server and client on the same processor: they vary
+least, and the targets apply to them. Exit code 0: measured, 1: failure; a missed target is reported
+and does not fail the run.
 
   --quick         3 minutes: 3 short rounds, one core only, no memory rows
   --rounds N      how many rounds (default: 5)
   --seconds N     how long a measurement lasts (default: 2)
   --only PATTERN  only rows whose name matches, such as 'hello*'; may be given several times
-  --no-micro      without the micro-benchmarks
+  --no-micro      without the microbenchmarks
   --no-memory     without the 4 GiB stream to a slow reader and the 1 GiB upload
   --write         write tables and charts into docs/performance.md and docs/performance/
-  --output DIR    where figures, tables and charts go (default: build/bench/results)
+  --output DIR    directory of measurements, tables and charts (default: build/bench/results)
   --no-install    no Debian packages are installed
   --help          this text
 TEXT

@@ -1,4 +1,4 @@
-"""Runs each server of the benchmark in each mode: what every page answers, an echo, a clean end.
+"""Tests each server of the benchmark in each mode: every page, an echo, the exit code.
 
 Usage: smoke.py [unittest arguments], with the programs' paths in BENCH_SERVER, BENCH_BARE,
 BENCH_CIVETWEB, BENCH_BEAST and BENCH_CLIENT, as ctest runs it.
@@ -23,7 +23,7 @@ def stream(count):
 
 
 def short(content):
-    """What can be compared and printed; unittest takes minutes to show how long ones differ."""
+    """A short form for comparison; unittest takes minutes to print differences of long texts."""
     return content if len(content) < 100 else (len(content), hashlib.sha256(content).hexdigest())
 
 
@@ -53,11 +53,11 @@ class Server(unittest.TestCase):
 
         def ask(method, target, body=None):
             connection.request(method, target, body)
-            answer = connection.getresponse()
-            content = short(answer.read())
-            if answer.status == 200:
-                self.assertEqual(answer.headers["Content-Type"], "text/plain")
-            return answer.status, content, answer.headers["Transfer-Encoding"]
+            response = connection.getresponse()
+            content = short(response.read())
+            if response.status == 200:
+                self.assertEqual(response.headers["Content-Type"], "text/plain")
+            return response.status, content, response.headers["Transfer-Encoding"]
 
         self.assertEqual(ask("GET", "/hello"), (200, b"Hello, World!", None))
         opened = connection.sock
@@ -71,7 +71,7 @@ class Server(unittest.TestCase):
         asked = time.monotonic()
         self.assertEqual(ask("GET", "/slow?ms=50"), (200, b"Hello, World!", None))
         self.assertGreaterEqual(time.monotonic() - asked, 0.05)
-        self.assertIs(connection.sock, opened, "the connection has not been kept")
+        self.assertIs(connection.sock, opened, "the connection was closed")
         for target in "/", "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
             self.assertEqual(ask("GET", target)[0], 404, target)
 

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
-"""Counts what a request and a message cost the library, and holds it to a budget.
+"""Counts instructions and allocations of the library per request or message; checks them against a budget.
 
-Instructions are counted by callgrind, heap allocations by the program itself; both only while the
-library is at work, and not while it has called the daemon or the application. See README.md beside
-this script for where the line is. Counts are the same each time, so that a difference is one of
-the code.
+Instructions are counted by callgrind, heap allocations by the program itself; both only inside the
+library, not inside the daemon or the application. README.md defines the boundary. Counts are
+reproducible, so a difference is caused by the code.
 """
 
 import argparse
@@ -22,8 +21,8 @@ EXIT_NOT_COMPARABLE = 77
 
 TOLERANCE_PERCENT = 3
 
-# The same functions of the C library on every processor: those it would take by itself depend on
-# what the machine has. With ERMS callgrind would count a copy byte by byte.
+# Selects the same functions of the C library on every processor. With ERMS callgrind would count a
+# copy byte by byte.
 TUNABLES = "glibc.cpu.hwcaps=" + ",".join(
     f"-{feature}" for feature in (
         "AVX", "AVX2", "AVX512F", "AVX512VL", "AVX512BW", "AVX_Fast_Unaligned_Load", "BMI2",
@@ -32,20 +31,20 @@ TUNABLES = "glibc.cpu.hwcaps=" + ",".join(
 BUDGET_FILE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
                            "budget.json")
 
-# What decides how many instructions there are besides our own code.
+# Besides our code the number of instructions depends on these.
 DECISIVE = ("architecture", "compiler", "libstdc++", "glibc", "boost")
 
 Counted = collections.namedtuple("Counted", "instructions allocations bytes")
 
 
 def environment(**more):
-    """No more than what is needed: the environment moves the stack."""
+    """A minimal environment: its size moves the stack."""
     return {"LC_ALL": "C", **more}
 
 
 def run_counted(program, valgrind, scenario, counts_file):
-    """Runs one scenario under callgrind, which writes its counts to `counts_file`.1; returns what
-    the program has printed."""
+    """Runs one scenario under callgrind, which writes its counts to `counts_file`.1; returns the
+    output of the program."""
     done = subprocess.run(
         [valgrind, "--tool=callgrind", "--toggle-collect=wendrelBudgetCross*",
          "--zero-before=wendrelBudgetBegin", "--dump-after=wendrelBudgetEnd",
@@ -77,8 +76,8 @@ def valgrind_version(valgrind):
 
 
 def measure(program, valgrind, directory):
-    """What the counts were made with, and the counts of each scenario. Each has a process of its
-    own: how long the allocator takes depends on what was allocated before."""
+    """The tool versions, and the counts of each scenario. Each scenario has its own process, because
+    the cost of an allocation depends on earlier ones."""
     made_with = {"architecture": platform.machine(), "valgrind": valgrind_version(valgrind)}
     counts = {}
     for scenario in scenarios_of(program):
@@ -89,7 +88,7 @@ def measure(program, valgrind, directory):
                 made_with[words[1]] = " ".join(words[2:])
                 continue
             repetitions, allocations, allocated = map(int, words[1:])
-            # Some blocks of memory serve several messages: hence the digits behind the point.
+            # Some blocks of memory serve several messages: hence the fractions.
             counts[scenario] = Counted(
                 round(collected_instructions(f"{counts_file}.1") / repetitions),
                 round(allocations / repetitions, 3), round(allocated / repetitions))
@@ -125,7 +124,7 @@ def difference(measured, allowed):
 
 
 def compare(budget, counts, judge_instructions):
-    """Prints the table; returns what of the budget is exceeded."""
+    """Prints the table; returns the exceeded limits."""
     exceeded = []
     print("| scenario | instructions | budget | difference "
           "| allocations | budget | difference | verdict |")
@@ -141,7 +140,7 @@ def compare(budget, counts, judge_instructions):
             found.append("instructions")
         if counted.allocations > allowed["allocations"]:
             found.append("allocations")
-        exceeded += [f"{name}: too many {what}" for what in found]
+        exceeded += [f"{name}: too many {kind}" for kind in found]
         print(f"| {name} | {counted.instructions} | {allowed['instructions']} "
               f"| {difference(counted.instructions, allowed['instructions'])} "
               f"| {counted.allocations:g} | {allowed['allocations']:g} "
@@ -153,8 +152,8 @@ def compare(budget, counts, judge_instructions):
 
 
 def other_conditions(budget, made_with):
-    return [f"{what}: {made_with.get(what, 'none')} here, {budget['madeWith'].get(what, 'none')} there"
-            for what in DECISIVE if made_with.get(what) != budget["madeWith"].get(what)]
+    return [f"{tool}: {made_with.get(tool, 'none')} here, {budget['madeWith'].get(tool, 'none')} there"
+            for tool in DECISIVE if made_with.get(tool) != budget["madeWith"].get(tool)]
 
 
 def check(path, made_with, counts, strict):
@@ -166,19 +165,19 @@ def check(path, made_with, counts, strict):
     for line in exceeded:
         print(line)
     if exceeded:
-        print("If this has to be, write a new budget with --write and say why in the commit.")
+        print("If intended, record a new budget with --write and give the reason in the commit.")
         return EXIT_EXCEEDED
     if others:
-        print("The budget was made with something else; instructions are not judged.")
+        print("The budget was recorded with other tools; instructions are not judged.")
         print("\n".join(others))
         return EXIT_NOT_COMPARABLE
     return 0
 
 
-# Where the instructions go.
+# Instructions by function.
 
 def own_instructions(path):
-    """Of each function, without what it calls."""
+    """Instructions of each function, without its callees."""
     names = {}
     costs = collections.Counter()
     current = None
@@ -204,15 +203,15 @@ def print_hottest(directory, counts, how_many):
     for name in counts:
         costs = own_instructions(os.path.join(directory, f"{name}.1"))
         total = sum(costs.values())
-        print(f"\n{name}: where its {counts[name].instructions} instructions go")
+        print(f"\n{name}: {counts[name].instructions} instructions by function")
         for function, cost in costs.most_common(how_many):
             print(f"{100 * cost / total:6.2f} %  {shortened(function)}")
 
 
-# Where the allocations are.
+# Allocations by call stack.
 
 def shortened(function):
-    """Without what makes the names of templates long."""
+    """Shortens names of templates."""
     for long, short in (
             ("std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >",
              "std::string"),
@@ -226,8 +225,7 @@ def without_arguments(function):
 
 
 def resolve(places):
-    """The functions at each place, a place being a file and an offset in it: what has been inlined
-    comes first."""
+    """The functions at each place (file, offset); inlined functions first."""
     offsets = collections.defaultdict(list)
     for file, offset in sorted(places):
         offsets[file].append(offset)
@@ -247,7 +245,7 @@ def is_ours(function):
 
 
 def chain_of(frames):
-    """Our functions on the way to an allocation, innermost first; where the first one stands."""
+    """Our functions on the call stack of an allocation, innermost first, and the place of the first."""
     ours = [(function, place) for function, place in frames if is_ours(function)]
     names = []
     for function, _ in ours:
@@ -277,26 +275,26 @@ def print_allocations(program, scenario):
         print(f"{len(sizes):4}  {' + '.join(map(str, sizes[:4]))}{' + ...' if len(sizes) > 4 else ''}"
               f" bytes  {place}\n        {names}")
     if any(place == "?" or place.startswith("??") for place, _ in groups):
-        print("Places have names only in a build with -DCMAKE_CXX_FLAGS=-g1.")
+        print("Places are resolved only in a build with -DCMAKE_CXX_FLAGS=-g1.")
 
 
 def main():
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter,
         epilog=f"Exit code: 0 within the budget, {EXIT_EXCEEDED} when it is exceeded, "
-               f"{EXIT_NOT_COMPARABLE} when it was made with another compiler or another library.")
+               f"{EXIT_NOT_COMPARABLE} when it was recorded with another compiler or library.")
     parser.add_argument("--program", required=True, help="wendrel-bench-budget of a Release build")
     parser.add_argument("--budget", default=BUDGET_FILE, metavar="FILE",
                         help="the budget (default: bench/budget.json)")
     parser.add_argument("--valgrind", default="valgrind", help="the valgrind to run")
     parser.add_argument("--strict", action="store_true",
-                        help="judge instructions also when the budget was made with something else")
-    parser.add_argument("--write", action="store_true", help="write what is counted as the budget")
+                        help="judge instructions also with other tools than those of the budget")
+    parser.add_argument("--write", action="store_true", help="record the counts as the budget")
     parser.add_argument("--hottest", type=int, metavar="COUNT",
                         help="list the functions with the most instructions of each scenario")
     parser.add_argument("--allocations", nargs="?", const="hello", metavar="SCENARIO",
                         help="only list each allocation of one run of a scenario (default: hello) "
-                             "with where it is made; for a build with -DCMAKE_CXX_FLAGS=-g1")
+                             "with its call stack; for a build with -DCMAKE_CXX_FLAGS=-g1")
     arguments = parser.parse_args()
     if arguments.allocations:
         print_allocations(arguments.program, arguments.allocations)

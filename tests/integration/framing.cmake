@@ -1,4 +1,4 @@
-# What is taken for a request: the bare daemon, the library, and both proxies in front of it.
+# Request framing: the bare daemon, the library, and both proxies in front of it.
 
 if(NOT nginx_program OR NOT haproxy_program)
     message(STATUS "Tests of request framing: left out, they need nginx and haproxy")

@@ -1,4 +1,4 @@
-/// What both back ends print of a request, one line an event.
+/// The events that both back ends print, one per line.
 #ifndef WENDREL_TESTS_INTEGRATION_FRAMING_REPORT_H
 #define WENDREL_TESTS_INTEGRATION_FRAMING_REPORT_H
 
@@ -10,12 +10,12 @@
 namespace framing
 {
 
-/// Both answer a target that ends in one of these without declaring a length: with 200, and with
-/// 304. Anything else is answered 200 with a short body.
+/// Targets with these endings get a response without a declared length: 200 and 304. All others
+/// get 200 with a short body.
 constexpr std::string_view kUndeclaredTarget = "/undeclared";
 constexpr std::string_view kNotModifiedTarget = "/not-modified";
 
-/// Stands in each answer that is not the daemon's own.
+/// A header of each response of the application, not of those of the daemon itself.
 constexpr const char* kOwnHeader = "X-Application";
 constexpr const char* kForwardedHeader = "x-forwarded-for";
 

@@ -1,5 +1,5 @@
-// The daemon alone, with the flags and options that the library starts it with: what it takes for
-// a request, without anything of ours. Prints its port, then a line for each event.
+// The daemon without the library, with the same flags and options. Reports the requests it accepts.
+// Prints its port, then a line for each event.
 
 #include "Report.h"
 
@@ -74,7 +74,7 @@ ssize_t endOfBody(void*, uint64_t, char*, size_t)
     return MHD_CONTENT_READER_END_OF_STREAM;
 }
 
-MHD_Result answer(MHD_Connection* connection, const std::string& target)
+MHD_Result respond(MHD_Connection* connection, const std::string& target)
 {
     const bool isNotModified = target.ends_with(framing::kNotModifiedTarget);
     MHD_Response* response = nullptr;
@@ -111,7 +111,7 @@ MHD_Result handleAccess(void*, MHD_Connection* connection, const char*, const ch
         return MHD_YES;
     }
     framing::reportWhole(clientPort(connection), request.bodyBytes);
-    return answer(connection, request.target);
+    return respond(connection, request.target);
 }
 
 MHD_Daemon* start()

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""What is taken for a request: the table of outcomes, and the page made of it.
+"""Request framing: the table of outcomes, and the page generated from it.
 
     WENDREL_BARE_DAEMON=... WENDREL_LIBRARY_SERVER=... python3 framing.py --write [GROUP...]
 
-tries every request of raw_requests.py (or those of some groups) twice, directly and through both
-proxies, and writes outcomes.tsv and docs/request-framing.md; that takes ten minutes. `--page`
-writes the page alone, from the table as it is.
+sends every request of raw_requests.py (or of some groups) twice, directly and through both proxies,
+and writes outcomes.tsv and docs/request-framing.md in ten minutes. `--page` writes only the page,
+from the recorded table.
 """
 
 import argparse
@@ -23,14 +23,14 @@ HERE = pathlib.Path(__file__).resolve().parent
 TABLE = HERE / "outcomes.tsv"
 PAGE = HERE.parents[2] / "docs" / "request-framing.md"
 QUIET_SECONDS = 0.4
-COLUMNS = ("group", "request", "path", "answers", "connection", "seen", "forwarded", "handled", "verdict")
+COLUMNS = ("group", "request", "path", "responses", "connection", "seen", "forwarded", "handled", "verdict")
 BETWEEN = " | "
 
 UNEXPLAINED = "unexplained"
 
 
 def versions():
-    """Of what the outcomes depend on besides ourselves."""
+    """Versions of the other programs that determine the outcomes."""
     def version(*command):
         done = subprocess.run(command, capture_output=True, text=True, check=True)
         return re.search(r"\d+(?:\.\d+)+", done.stdout + done.stderr)[0]
@@ -49,7 +49,7 @@ def write_table(outcomes):
         for path in PATHS:
             outcome = outcomes[request.group, request.name, path]
             lines.append("\t".join((
-                request.group, request.name, path, BETWEEN.join(outcome.answers), outcome.connection,
+                request.group, request.name, path, BETWEEN.join(outcome.responses), outcome.connection,
                 BETWEEN.join(outcome.seen), str(outcome.forwarded), str(outcome.handled),
                 outcome.verdict)))
     TABLE.write_text("\n".join(lines) + "\n")
@@ -69,14 +69,14 @@ def read_table():
 
 
 def observe_twice(path, data):
-    """What becomes of `data` twice in a row: a machine that stands still for a moment shows once."""
+    """The outcome of `data`, the same twice in a row: a delay of the machine rarely repeats."""
     outcome = paths.observe(path, data, QUIET_SECONDS)
     for _ in range(5):
         last, outcome = outcome, paths.observe(path, data, QUIET_SECONDS)
         if outcome == last:
             return outcome
-        print(f"{path.name}: {data[:60]}: not twice the same:\n{last}\n{outcome}", flush=True)
-    raise AssertionError(f"{path.name}: the outcome of {data[:200]} does not repeat itself")
+        print(f"{path.name}: {data[:60]}: two outcomes differ:\n{last}\n{outcome}", flush=True)
+    raise AssertionError(f"{path.name}: the outcome of {data[:200]} is not reproducible")
 
 
 def observe_all(name, groups):
@@ -89,30 +89,30 @@ def observe_all(name, groups):
 
 
 def difference(request, outcomes):
-    """Why the library does not do what the daemon does; empty when it does the same."""
+    """Why library and daemon differ; empty when they agree."""
     daemon = outcomes[request.group, request.name, "daemon"]
     library = outcomes[request.group, request.name, "library"]
     if daemon == library:
         return ""
     if len(daemon.seen) == len(library.seen) and any(" refused: " in text for text in library.seen):
         return "refused"
-    if b"Upgrade: WebSocket" in request.data and library.answers in (("101",), ("426",), ("500",)):
+    if b"Upgrade: WebSocket" in request.data and library.responses in (("101",), ("426",), ("500",)):
         return "upgrade"
     return UNEXPLAINED
 
 
 def refusing(outcome):
-    """Whether a proxy has kept the first request to itself."""
+    """Whether a proxy has not forwarded the first request."""
     return outcome.forwarded == 0
 
 
 def taking(outcome):
-    """Whether the daemon has taken the first request for one, with an end."""
+    """Whether the daemon has accepted the first request as complete."""
     return bool(outcome.seen) and NO_END not in outcome.seen[0]
 
 
 def seen_text(text):
-    """A request that was seen, as short as can be."""
+    """A short form of a request that was seen."""
     parts = text.split(" refused: ")[0].removesuffix(NO_END).split(" ")
     method, target = parts[:2]
     short = target.removeprefix("/")
@@ -128,8 +128,8 @@ def seen_text(text):
 
 
 def cell(outcome):
-    answers = ", ".join(outcome.answers) or "none"
-    text = answers + (" ✕" if outcome.connection == "closed" else "")
+    responses = ", ".join(outcome.responses) or "none"
+    text = responses + (" ✕" if outcome.connection == "closed" else "")
     if outcome.seen:
         text += "<br>" + " · ".join(seen_text(one) for one in outcome.seen)
     if outcome.verdict:
@@ -160,52 +160,50 @@ def names(requests):
 
 
 INTRODUCTION = """\
-# What is taken for a request
+# Request framing
 
-Made by [`framing.py`](../tests/integration/framing/framing.py); do not edit it. `ctest -R framing` tries
-every request again and compares. Measured with {versions}.
+Generated by [`framing.py`](../tests/integration/framing/framing.py); do not edit. `ctest -R framing` repeats
+every request and compares. Measured with {versions}.
 
-{count} raw requests that are odd, ambiguous or wrong
-([`raw_requests.py`](../tests/integration/framing/raw_requests.py) has the bytes) are sent, each in
-one piece with `GET /next` behind it,
+{count} raw requests that are unusual, ambiguous or malformed
+([`raw_requests.py`](../tests/integration/framing/raw_requests.py) lists the bytes) are sent, each in
+one piece followed by `GET /next`,
 
-- to the **daemon** alone, with the flags and options that the library starts it with,
-- to the **library**, with an application that answers 400 to what has a parse error,
+- to the **daemon** without the library, with the same flags and options,
+- to the **library**, with an application that responds 400 to a parse error,
 - through **nginx** and **HAProxy** to the same application, with the configurations of
-  [`deploy/`](../deploy), only the lines adapted that are marked so.
+  [`deploy/`](../deploy), with only the marked lines adapted.
 
-Where a request can be read in two ways there is `GET /hidden` between the two ends: it must not
-show as a request of its own on one side of a proxy alone. A tap between proxy and application
-counts.
+A request with two interpretations contains `GET /hidden` between its two possible ends: it must not
+be a separate request on one side of a proxy only. A tap between proxy and application counts the
+requests.
 
-## What came out
+## Summary
 
 - Behind the proxies as configured, {dangerous} of {both} trials made the proxy and the application
-  disagree about the number of requests, left an answer's bytes to the next one, or let the
-  application wait for a body that the proxy took for complete.
-- Without the lines that close them, two holes are open; [`SECURITY.md`](../SECURITY.md) has them, and
-  `test_framing.py` shows them.
-- The daemon and the library take the same for a request in every case. The library's answer differs
-  in {refused} cases because it finds a parse error, and in {upgrade} because it upgrades to a WebSocket
-  where the bare daemon does not.
+  disagree about the number of requests, left bytes of a response to the next one, or let the
+  application wait for a body that the proxy considered complete.
+- Two vulnerabilities are closed by lines of the configurations: see
+  [Request smuggling](../SECURITY.md#request-smuggling). `test_framing.py` demonstrates both.
+- Daemon and library agree about the requests in every case. The response of the library differs in
+  {refused} cases because of a parse error, and in {upgrade} because it upgrades to a WebSocket.
 
-## What only the proxy refuses
+## Requests refused by the proxies only
 
-The daemon takes these {lenient} for requests, and both proxies refuse them. A proxy of another make
-has to refuse or rewrite them too; which of them let a client send requests past a proxy otherwise,
-[`SECURITY.md`](../SECURITY.md) says.
+The daemon accepts these {lenient} requests, and both proxies refuse them. Another proxy must refuse or rewrite
+them as well; [Request smuggling](../SECURITY.md#request-smuggling) lists those that are exploitable.
 
 """
 
 LEGEND = """\
-## All of them
+## Outcomes
 
-A cell has the status of each answer that the client read, ✕ when its connection was closed in the
-end, and behind it the requests that the application saw: `first (4)` is the first one with a body of
-4 bytes, (…) a body whose end never came, (refused) a parse error of the library.
-"stray bytes" belong to no answer: the daemon's own refusals have their head twice, and answers to
-HEAD without a declared length have five bytes too many. HAProxy answers the preface of HTTP/2 in
-HTTP/2, and nginx a request of HTTP/0.9 without a head.
+A cell lists the status of each response, ✕ if the connection was closed, and the requests that the
+application received: `first (4)` is the first one with a body of 4 bytes, (…) a body without an end,
+(refused) a parse error of the library. "stray bytes" belong to no response: responses of the daemon
+itself contain their head twice, and responses to HEAD without a declared length have five additional
+bytes. HAProxy responds to the preface of HTTP/2 in HTTP/2, and nginx to a request of HTTP/0.9
+without a head.
 
 """
 
@@ -233,7 +231,7 @@ def page(outcomes):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--write", action="store_true", help="measure")
-    parser.add_argument("--page", action="store_true", help="make the page of what was measured")
+    parser.add_argument("--page", action="store_true", help="write the page of the recorded table")
     parser.add_argument("groups", nargs="*", choices=[[], *GROUPS], metavar="GROUP")
     arguments = parser.parse_args()
     if arguments.write:

@@ -1,5 +1,4 @@
-// The same application as that of the bare daemon, on the library. What the library finds wrong
-// with a request is answered 400, as an application should.
+// The application of the bare daemon, built on the library. Responds 400 to a parse error.
 
 #include "../support/TestServer.h"
 #include "Report.h"
@@ -26,7 +25,7 @@ std::string joined(const std::list<std::string>* values)
     return text;
 }
 
-void answer(TestRequest& request)
+void respond(TestRequest& request)
 {
     const std::string& target = request.getOriginalFullUrl();
     const bool isNotModified = target.ends_with(framing::kNotModifiedTarget);
@@ -54,7 +53,7 @@ void serve(TestRequest& request)
     if (request.getReceiveDevice().hasDeviceError())
         return;
     framing::reportWhole(port, bodyBytes);
-    answer(request);
+    respond(request);
 }
 
 integration::TestServerOptions options()

@@ -1,7 +1,7 @@
 """The ways to the back end: directly, and through a proxy with a tap in between.
 
-The tap sits between proxy and back end and keeps what passes, so that what the proxy takes for one
-request can be compared with what the back end takes for one.
+The tap between proxy and back end records all bytes, so that the requests forwarded by the proxy can
+be compared with those accepted by the back end.
 """
 
 import dataclasses
@@ -14,7 +14,7 @@ import sys
 import threading
 import time
 
-import answers
+import responses
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path += [str(HERE.parent / name) for name in ("support", "proxies")]
@@ -24,8 +24,8 @@ from support import DEPLOY, Proxy
 BARE_DAEMON = os.environ.get("WENDREL_BARE_DAEMON", "framing_bare_daemon")
 LIBRARY_SERVER = os.environ.get("WENDREL_LIBRARY_SERVER", "framing_library_server")
 
-LOOK_SECONDS = 0.003
-LONGEST_WORD = 60
+POLL_INTERVAL_SECONDS = 0.003
+MAX_WORD_LENGTH = 60
 NO_END = " and a body without end"
 
 # Through the marked line for logs: which client asked, and how often the back end was asked for it.
@@ -36,9 +36,9 @@ HAPROXY_LOG_LINE = re.compile(r"127\.0\.0\.1:(\d+) \[[^]]*\] \S+ application/(\S
 
 @dataclasses.dataclass(frozen=True)
 class Outcome:
-    """What became of one request and the one behind it."""
+    """The outcome of one request and the one after it."""
 
-    answers: tuple  # what the client could read
+    responses: tuple  # of the client
     connection: str  # of the client, in the end: "open" or "closed"
     seen: tuple  # the requests that the application saw
     forwarded: int = 0  # requests that the proxy sent to the back end
@@ -47,7 +47,7 @@ class Outcome:
 
 
 def shortened(word):
-    if len(word) <= LONGEST_WORD:
+    if len(word) <= MAX_WORD_LENGTH:
         return word
     return f"{word[:12]}... ({len(word)} characters)"
 
@@ -111,7 +111,7 @@ class TappedConnection:
             try:
                 self._pass_requests_on()
             except OSError:
-                pass  # one side has gone
+                pass  # one side is closed
             self.left_by_proxy = True
             if self.back_end_side:
                 self._shut(self.back_end_side, socket.SHUT_RDWR)
@@ -128,11 +128,11 @@ class TappedConnection:
                 self.back_end_side = socket.create_connection(("127.0.0.1", self.back_end.port))
                 self.port = self.back_end_side.getsockname()[1]
                 self.back_end.forget(self.port)
-                threading.Thread(target=self._pass_answers, daemon=True).start()
+                threading.Thread(target=self._pass_responses, daemon=True).start()
             self.to_back_end += piece
             self.back_end_side.sendall(piece)
 
-    def _pass_answers(self):
+    def _pass_responses(self):
         with self.back_end_side:
             try:
                 while piece := self.back_end_side.recv(65536):
@@ -156,7 +156,7 @@ class TappedConnection:
         assert self.ended.wait(LIMIT_SECONDS), "the proxy keeps a connection"
 
     def given(self):
-        return answers.parse(self.to_proxy, self.to_back_end.startswith(b"HEAD "))
+        return responses.parse(self.to_proxy, self.to_back_end.startswith(b"HEAD "))
 
 
 class Tap:
@@ -192,7 +192,7 @@ class Tap:
 
 
 class Client:
-    """Sends in one piece what it is given, and keeps what comes."""
+    """Sends its data in one piece, and stores all bytes received."""
 
     def __init__(self, path, data):
         self.socket = socket.create_connection(("127.0.0.1", path.port), LIMIT_SECONDS)
@@ -205,17 +205,17 @@ class Client:
         self.closed = False
 
     def look(self):
-        """Sends and receives what can be, waiting a moment for it."""
+        """Sends and receives as much as possible, after a short wait."""
         if self.closed:
-            time.sleep(LOOK_SECONDS)
+            time.sleep(POLL_INTERVAL_SECONDS)
             return
         readable, writable, _ = select.select([self.socket], [self.socket] if self.unsent else [], [],
-                                              LOOK_SECONDS)
+                                              POLL_INTERVAL_SECONDS)
         if writable:
             try:
                 self.unsent = self.unsent[self.socket.send(self.unsent):]
             except OSError:
-                self.unsent = b""  # the server has closed; what it said can still be read
+                self.unsent = b""  # the server has closed; its bytes can still be read
         if readable:
             try:
                 piece = self.socket.recv(65536)
@@ -224,8 +224,8 @@ class Client:
             self.received += piece
             self.closed = not piece
 
-    def answers(self):
-        return tuple(answers.parse(self.received, self.first_is_head).words)
+    def responses(self):
+        return tuple(responses.parse(self.received, self.first_is_head).words)
 
     def connection(self):
         return "closed" if self.closed else "open"
@@ -255,7 +255,7 @@ class DirectPath:
         pass
 
     def outcome(self, client, connection):
-        return Outcome(client.answers(), connection, self.seen(client))
+        return Outcome(client.responses(), connection, self.seen(client))
 
     def close(self):
         self.back_end.stop()
@@ -264,7 +264,7 @@ class DirectPath:
 class ProxyPath:
     """`change` gets the proxy's configuration and returns the one to run."""
 
-    at_once = 1  # what passes the tap belongs to the one request there is
+    at_once = 1  # all bytes at the tap belong to this request
 
     def __init__(self, name, change=lambda text: text):
         self.name = name
@@ -318,8 +318,8 @@ class ProxyPath:
     def outcome(self, client, connection):
         connections = self.tap.connections()
         seen = self.seen(client)
-        own = [answer for one in connections for answer in one.given().final()
-               if not answer.of_application]
+        own = [response for one in connections for response in one.given().final()
+               if not response.of_application]
         handled = len(seen) + len(own)
         forwarded = self.forwarded(client)
         is_let_go = any(one.closed_by_back_end for one in connections)
@@ -332,7 +332,7 @@ class ProxyPath:
             verdicts.append("stuck")
         if any(one.given().has_stray for one in connections):
             verdicts.append("stray")
-        return Outcome(client.answers(), connection, seen, forwarded, handled, ", ".join(verdicts))
+        return Outcome(client.responses(), connection, seen, forwarded, handled, ", ".join(verdicts))
 
     def is_stuck(self, connection):
         """Whether the back end waits for the end of a body that the proxy has sent to its end."""
@@ -376,7 +376,7 @@ def settle(path, client, quiet_seconds):
 
 
 def observe(path, data, quiet_seconds):
-    """What becomes of `data`, taken from long silences: for making the table."""
+    """The outcome of `data` after long silences, for the table."""
     client = Client(path, data)
     settle(path, client, quiet_seconds)
     connection = client.connection()
@@ -389,29 +389,29 @@ def observe(path, data, quiet_seconds):
 
 
 def is_beyond(client, expected):
-    """Whether what has come can never become what is expected."""
-    words = client.answers()
+    """Whether the received bytes contradict the expected outcome."""
+    words = client.responses()
     if words and words[-1] == "cut off":
         words = words[:-1]
-    return (words != expected.answers[:len(words)]
+    return (words != expected.responses[:len(words)]
             or (client.closed and expected.connection == "open"))
 
 
 def check(path, data, expected, limit_seconds):
-    """What becomes of `data`: waits for what is expected, and looks a moment for more."""
+    """The outcome of `data`: waits for the expected one, then briefly for more."""
     client = Client(path, data)
     end = time.monotonic() + limit_seconds
 
     def is_as_expected():
-        return (client.answers() == expected.answers and client.connection() == expected.connection
+        return (client.responses() == expected.responses and client.connection() == expected.connection
                 and path.seen(client) == expected.seen)
 
     while not is_as_expected() and not is_beyond(client, expected) and time.monotonic() < end:
         client.look()
-    # Where nothing is to come there is nothing to wait for: only time can tell.
-    settle(path, client, 0.02 if expected.answers or expected.connection == "closed" else 0.2)
+    # Without an expected event the wait is a fixed time.
+    settle(path, client, 0.02 if expected.responses or expected.connection == "closed" else 0.2)
     connection = client.connection()
-    # The proxy's log, and what the back end prints, may come later.
+    # The log of the proxy and the output of the back end may arrive later.
     hopeless = is_beyond(client, expected)
     client.close()
     client.closed = True

@@ -1,9 +1,8 @@
-"""The raw requests whose framing is tried: duplicate, conflicting, malformed and merely odd.
+"""Raw requests with duplicate, conflicting, malformed or unusual framing.
 
-Behind each, in the same piece, NEXT is sent (unless it stands in ALONE): what becomes of it shows
-where the server sees the end of the first one. Where two readings of a request differ, what lies
-between them is HIDDEN, a whole request, so that the reading which is not meant shows as a request
-more.
+NEXT is sent after each one in the same piece, except those in ALONE: its outcome shows where the
+server ends the first request. Between the two possible ends of an ambiguous request is HIDDEN, a
+whole request, so that the wrong interpretation shows as an additional request.
 """
 
 import dataclasses
@@ -72,14 +71,14 @@ CONTENT_LENGTH = {
     "forty leading zeros": with_length(b"0" * 40 + b"4"),
     "fraction": with_length(b"4.0"),
     "exponent": with_length(b"4e0"),
-    "blank between digits": with_length(b"4 5"),
-    "leading blanks": with_length(b"   4"),
+    "space between digits": with_length(b"4 5"),
+    "leading spaces": with_length(b"   4"),
     "leading tab": with_length(b"\t4"),
     "leading vertical tab": with_length(b"\v4"),
-    "trailing blank": with_length(b"4 "),
+    "trailing space": with_length(b"4 "),
     "trailing tab": with_length(b"4\t"),
     "trailing comma": with_length(b"4,"),
-    "no blank after the colon": post(b"Content-Length:4", b"abcd"),
+    "no space after the colon": post(b"Content-Length:4", b"abcd"),
     "quoted": with_length(b'"4"'),
     "letters": with_length(b"four"),
     "empty": post(b"Content-Length:", b""),
@@ -91,7 +90,7 @@ CONTENT_LENGTH = {
     "2^64 + 4": with_length(b"18446744073709551620", b"abcd" + HIDDEN),
     "thirty digits": with_length(b"1" + b"0" * 28 + b"4", b"abcd" + HIDDEN),
     "name with an underscore": post(b"Content_Length: %d" % len(HIDDEN), HIDDEN),
-    "blank before the colon": post(b"Content-Length : %d" % len(HIDDEN), HIDDEN),
+    "space before the colon": post(b"Content-Length : %d" % len(HIDDEN), HIDDEN),
     "made by a folded line": post((b"Content: %d" % len(HIDDEN), b" -Length"), HIDDEN),
     "value on a folded line": post((b"Content-Length:", b" %d" % len(HIDDEN)), HIDDEN),
 }
@@ -110,7 +109,7 @@ TRANSFER_ENCODING = {
     "quoted": post((ALL, b'Transfer-Encoding: "chunked"'), END_AND_HIDDEN),
     "with a parameter": post((ALL, b"Transfer-Encoding: chunked;q=1"), END_AND_HIDDEN),
     "trailing comma": post((ALL, b"Transfer-Encoding: chunked,"), END_AND_HIDDEN),
-    "trailing blank": post((ALL, b"Transfer-Encoding: chunked "), END_AND_HIDDEN),
+    "trailing space": post((ALL, b"Transfer-Encoding: chunked "), END_AND_HIDDEN),
     "leading tab": post((ALL, b"Transfer-Encoding:\tchunked"), END_AND_HIDDEN),
     "leading vertical tab": post((ALL, b"Transfer-Encoding: \vchunked"), END_AND_HIDDEN),
     "leading non-breaking space": post((ALL, b"Transfer-Encoding: \xa0chunked"), END_AND_HIDDEN),
@@ -123,9 +122,9 @@ TRANSFER_ENCODING = {
     "before a length that covers more": post((TE, ALL), END_AND_HIDDEN),
     "behind a length that covers less": post((length(b"%d" % SIZE_LINE), TE), IN_A_CHUNK),
     "before a length that covers less": post((TE, length(b"%d" % SIZE_LINE)), IN_A_CHUNK),
-    "blank before the colon, with a length": post((ALL, b"Transfer-Encoding : chunked"), END_AND_HIDDEN),
+    "space before the colon, with a length": post((ALL, b"Transfer-Encoding : chunked"), END_AND_HIDDEN),
     "tab before the colon, with a length": post((ALL, b"Transfer-Encoding\t: chunked"), END_AND_HIDDEN),
-    "blank before the name, with a length": post((ALL, b" Transfer-Encoding: chunked"), END_AND_HIDDEN),
+    "space before the name, with a length": post((ALL, b" Transfer-Encoding: chunked"), END_AND_HIDDEN),
     "first header line folded, with a length": post(
         (b"Host: site.test", ALL), END_AND_HIDDEN, host=b" Transfer-Encoding: chunked\r\n"),
     "name with an underscore, with a length": post((ALL, b"Transfer_Encoding: chunked"), END_AND_HIDDEN),
@@ -159,8 +158,8 @@ CHUNKS = {
     "plus sign": chunked(b"+4\r\nabcd\r\n" + LAST),
     "0x": chunked(b"0x4\r\nabcd\r\n" + LAST),
     "0x, hiding the end": chunked(b"0x%x\r\n%s\r\n" % (len(HIDDEN), HIDDEN) + LAST),
-    "blank before the size": chunked(b" 4\r\nabcd\r\n" + LAST),
-    "blank behind the size": chunked(b"4 \r\nabcd\r\n" + LAST),
+    "space before the size": chunked(b" 4\r\nabcd\r\n" + LAST),
+    "space behind the size": chunked(b"4 \r\nabcd\r\n" + LAST),
     "tab behind the size": chunked(b"4\t\r\nabcd\r\n" + LAST),
     "letters behind the size": chunked(b"4xyz\r\nabcd\r\n" + LAST),
     "empty size": chunked(b"\r\nabcd\r\n" + LAST),
@@ -188,7 +187,7 @@ HOSTS = {
     "with a bad port": get(host=b"Host: site.test:x\r\n"),
     "with a path": get(host=b"Host: site.test/x\r\n"),
     "with a user": get(host=b"Host: other.test@site.test\r\n"),
-    "blank before the colon": get(host=b"Host : site.test\r\n"),
+    "space before the colon": get(host=b"Host : site.test\r\n"),
     "folded": get(host=b"Host:\r\n site.test\r\n"),
 }
 
@@ -212,8 +211,8 @@ TARGETS = {
     "encoded slash and dots": get(target=b"/a%2f..%2ffirst"),
     "backslash": get(target=b"/a\\..\\first"),
     "fragment": get(target=b"/first#part"),
-    "blank": get(target=b"/fir st"),
-    "blank and a version": get(target=b"/first HTTP/1.1"),
+    "space": get(target=b"/fir st"),
+    "space and a version": get(target=b"/first HTTP/1.1"),
     "tab": get(target=b"/fir\tst"),
     "control character": get(target=b"/fir\x01st"),
     "NUL": get(target=b"/fir\0st"),
@@ -241,7 +240,7 @@ REQUEST_LINES = {
     "HTTP/1": get(version=b"HTTP/1"),
     "lower-case http/1.1": get(version=b"http/1.1"),
     "another protocol": get(version=b"ICY/1.1"),
-    "blank behind the version": get(version=b"HTTP/1.1 "),
+    "space behind the version": get(version=b"HTTP/1.1 "),
     "letters behind the version": get(version=b"HTTP/1.1x"),
     "lower-case method": get(method=b"get"),
     "unknown method": get(method=b"BREW"),
@@ -253,17 +252,17 @@ REQUEST_LINES = {
     "a leading empty line": b"\r\n" + get(),
     "ten leading empty lines": b"\r\n" * 10 + get(),
     "a leading LF": b"\n" + get(),
-    "a leading blank": b" " + get(),
-    "two blanks before the target": b"GET  /first HTTP/1.1\r\n" + HOST + b"\r\n",
-    "two blanks behind the target": b"GET /first  HTTP/1.1\r\n" + HOST + b"\r\n",
-    "tabs instead of blanks": b"GET\t/first\tHTTP/1.1\r\n" + HOST + b"\r\n",
+    "a leading space": b" " + get(),
+    "two spaces before the target": b"GET  /first HTTP/1.1\r\n" + HOST + b"\r\n",
+    "two spaces behind the target": b"GET /first  HTTP/1.1\r\n" + HOST + b"\r\n",
+    "tabs instead of spaces": b"GET\t/first\tHTTP/1.1\r\n" + HOST + b"\r\n",
     "no target": b"GET HTTP/1.1\r\n" + HOST + b"\r\n",
     "a method alone": b"GET\r\n" + HOST + b"\r\n",
 }
 
 HEADERS = {
-    "blank before the colon": get(b"X-A : b"),
-    "blank within the name": get(b"X A: b"),
+    "space before the colon": get(b"X-A : b"),
+    "space within the name": get(b"X A: b"),
     "empty name": post(b": b", HIDDEN, method=b"GET"),
     "empty name, with a length": post((length(b"%d" % (2 + len(HIDDEN))), b": b"), b"\r\n" + HIDDEN),
     "line of a colon, with a length": post((length(b"%d" % (2 + len(HIDDEN))), b":"), b"\r\n" + HIDDEN),
@@ -291,13 +290,13 @@ HEADERS = {
     "1000 lines": get(tuple(b"X-%d: b" % number for number in range(1000))),
     "X-Forwarded-For": get(b"X-Forwarded-For: 192.0.2.7"),
     "X-Forwarded-For with underscores": get(b"X_Forwarded_For: 192.0.2.7"),
-    "X-Forwarded-For, blank before the colon": get(b"X-Forwarded-For : 192.0.2.7"),
+    "X-Forwarded-For, space before the colon": get(b"X-Forwarded-For : 192.0.2.7"),
     "X-Forwarded-For made by a folded line": get((b"X-Forwarded: 192.0.2.7", b" -For")),
     "X-Forwarded-For in a value behind a CR": get(b"X-A: b\rX-Forwarded-For: 192.0.2.7"),
     "X-Forwarded-For behind a NUL": get(b"X-A: b\0\r\nX-Forwarded-For: 192.0.2.7"),
 }
 
-# What becomes of a request behind this one is a matter of time: see Early in test_framing.py.
+# The outcome of a request after this one depends on timing: see Early in test_framing.py.
 EXPECT_ALONE = "100-continue, no body, nothing behind it"
 ALONE = (EXPECT_ALONE,)
 
@@ -309,7 +308,7 @@ EXPECT = {
                                      version=b"HTTP/1.0"),
     "100-Continue": post((length(b"4"), b"Expect: 100-Continue"), b"abcd"),
     "100-continue twice": post((length(b"4"), b"Expect: 100-continue", b"Expect: 100-continue"), b"abcd"),
-    "blank before 100-continue, folded": post((length(b"4"), b"Expect:", b" 100-continue"), b"abcd"),
+    "space before 100-continue, folded": post((length(b"4"), b"Expect:", b" 100-continue"), b"abcd"),
     "something else": post((length(b"4"), b"Expect: 200-ok"), b"abcd"),
     "hidden in its body": post((length(b"%d" % len(HIDDEN)), b"Expect: 100-continue"), HIDDEN),
 }
@@ -370,7 +369,7 @@ PIPELINES = {
     "a chunked body and a request": chunked(CHUNK + LAST) + HIDDEN,
 }
 
-ANSWERS = {
+RESPONSES = {
     "HEAD, length not declared": get(target=b"/undeclared", method=b"HEAD"),
     "HEAD, length not declared, HTTP/1.0": get(b"Connection: keep-alive", target=b"/undeclared",
                                                method=b"HEAD", version=b"HTTP/1.0"),
@@ -394,7 +393,7 @@ GROUPS = {
     "Expect": EXPECT,
     "Connection and Upgrade": CONNECTION,
     "Bodies and pipelines": PIPELINES,
-    "Answers": ANSWERS,
+    "Responses": RESPONSES,
 }
 
 REQUESTS = [Request(group, name, data)

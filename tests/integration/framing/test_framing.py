@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""What the daemon, the library, and both proxies in front of it take for a request.
+"""Tests the framing of requests by the daemon, the library, and both proxies.
 
     WENDREL_BARE_DAEMON=... WENDREL_LIBRARY_SERVER=... python3 test_framing.py [Class[.test]]
 
-What is expected stands in outcomes.tsv, which `framing.py --write` makes.
+The expected outcomes are in outcomes.tsv, written by `framing.py --write`.
 """
 
 import concurrent.futures
@@ -81,7 +81,7 @@ class Table(unittest.TestCase):
 
 
 class Closed(unittest.TestCase):
-    """What the configurations close is open without the lines that close it."""
+    """Each vulnerability closed by a line of a configuration exists without the line."""
 
     def assert_verdict(self, name, change, requests, verdict):
         path = paths.open_path(name, change)
@@ -118,10 +118,10 @@ class Closed(unittest.TestCase):
         self.assert_verdict("nginx", change, self.undeclared(), "stray")
 
     def test_haproxy_keeps_no_connection_with_stray_bytes(self):
-        # HAProxy passes HTTP/1.0 on, and the daemon then ends such an answer by closing.
+        # HAProxy passes HTTP/1.0 on, and the daemon then ends such a response by closing.
         requests = [request for request in self.undeclared() if b"HTTP/1.0" not in request.data]
-        lines = [f"http-request set-header Connection close if may_get_no_body !asks_for_{what}"
-                 for what in ("websocket", "upgrade")]
+        lines = [f"http-request set-header Connection close if may_get_no_body !asks_for_{kind}"
+                 for kind in ("websocket", "upgrade")]
         self.assert_verdict("haproxy", self.without(*lines), requests, "stray")
 
     def assert_not_used_again(self, name, change):
@@ -134,7 +134,7 @@ class Closed(unittest.TestCase):
 
         def is_so():
             client.look()
-            return (client.answers() == ("304", "200")
+            return (client.responses() == ("304", "200")
                     and [path.back_end.seen(one.port) for one in path.tap.connections()] == seen)
 
         wait_until(is_so, "each request has a connection of its own", LIMIT_SECONDS)
@@ -155,7 +155,7 @@ class Closed(unittest.TestCase):
 
 
 class Early(unittest.TestCase):
-    def test_an_answer_that_is_ready_with_the_100_is_refused_when_a_request_is_behind_it(self):
+    def test_a_response_that_is_ready_with_the_100_is_refused_when_a_request_is_behind_it(self):
         """The bare daemon's application is that quick; one on the library may be."""
         request = next(request for request in REQUESTS if request.name == EXPECT_ALONE)
         path = paths.open_path("daemon")

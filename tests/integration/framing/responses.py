@@ -1,4 +1,4 @@
-"""Reading a stream of HTTP answers the way a client does that believes what each declares."""
+"""Parses a stream of HTTP responses by their declared lengths, as a client does."""
 
 import dataclasses
 
@@ -8,27 +8,27 @@ NO_BODY = (204, 304)
 
 
 @dataclasses.dataclass(frozen=True)
-class Answer:
+class Response:
     status: int
     of_application: bool  # else the server's own
     is_last: bool  # says that the connection ends with it
 
 
 @dataclasses.dataclass
-class Answers:
-    """What a stream holds: the answers that are whole, and what a client cannot place."""
+class Responses:
+    """Content of a stream: whole responses, and bytes that belong to none."""
 
     whole: list = dataclasses.field(default_factory=list)
     words: list = dataclasses.field(default_factory=list)  # for the table
     is_cut: bool = False
-    has_stray: bool = False  # bytes of no answer, on a connection that goes on
+    has_stray: bool = False  # bytes of no response, on a connection that stays open
 
     def final(self):
-        return [answer for answer in self.whole if answer.status >= 200 or answer.status == 101]
+        return [response for response in self.whole if response.status >= 200 or response.status == 101]
 
 
 def parse_head(data):
-    """Status and headers of the answer that `data` begins with, and where its body begins."""
+    """Status and headers of the response that `data` begins with, and where its body begins."""
     end = data.index(END_OF_HEAD)
     lines = data[:end].split(b"\r\n")
     headers = {}
@@ -53,7 +53,7 @@ def end_of_chunks(data, start):
 
 
 def end_of_body(data, start, status, headers, has_body):
-    """Where the answer ends; None when it is cut."""
+    """The end of the response; None when it is incomplete."""
     if not has_body or status < 200 or status in NO_BODY:
         return start
     if headers.get(b"transfer-encoding", b"").lower() == b"chunked":
@@ -65,32 +65,32 @@ def end_of_body(data, start, status, headers, has_body):
 
 
 def parse(data, first_is_head=False):
-    """The answers in `data`; `first_is_head` when the first one is to HEAD."""
-    answers = Answers()
+    """The responses in `data`; `first_is_head` when the first one is to HEAD."""
+    responses = Responses()
     start = 0
     while start < len(data):
         if not data.startswith(b"HTTP/1.", start):
             begin = data.find(b"HTTP/1.", start)
             end = begin if begin >= 0 else len(data)
-            answers.words.append(f"{end - start} stray bytes")
-            answers.has_stray |= not answers.whole or not answers.whole[-1].is_last
+            responses.words.append(f"{end - start} stray bytes")
+            responses.has_stray |= not responses.whole or not responses.whole[-1].is_last
             start = end
             continue
         if data.find(END_OF_HEAD, start) < 0:
-            answers.is_cut = True
+            responses.is_cut = True
             break
         status, headers, body = parse_head(data[start:])
-        has_body = not (first_is_head and not answers.final())
+        has_body = not (first_is_head and not responses.final())
         end = end_of_body(data, start + body, status, headers, has_body)
         if end is None:
-            answers.is_cut = True
+            responses.is_cut = True
             break
         is_last = headers.get(b"connection", b"").lower() == b"close"
-        answers.whole.append(Answer(status, APPLICATION in headers, is_last))
-        answers.words.append(str(status))
+        responses.whole.append(Response(status, APPLICATION in headers, is_last))
+        responses.words.append(str(status))
         start = end
         if status == 101:
             break  # no HTTP any more
-    if answers.is_cut:
-        answers.words.append("cut off")
-    return answers
+    if responses.is_cut:
+        responses.words.append("cut off")
+    return responses
