@@ -2,6 +2,7 @@
 
 #include <Ostrand/Ostrand.h>
 
+#include <qvSystem/ForkSafety.h>
 #include <qvSystem/LibInitCounter.h>
 #include <qvSystem/qvMutex.h>
 
@@ -22,9 +23,23 @@ struct State
 
 // Made on first use and never destroyed: static objects of an application may come here
 // before ours are made and after they are gone.
+State& state();
+
+void lockState() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    state().mutex.lock();
+}
+
+void unlockState() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    state().mutex.unlock();
+}
+
 State& state()
 {
     static State& theState = *new State;
+    static const bool isHeld = (holdAcrossForks<&lockState, &unlockState>(), true);
+    static_cast<void>(isHeld);
     return theState;
 }
 

@@ -2,6 +2,7 @@
 
 #include <qvSystem/LibInitCounter.h>
 
+#include <qvSystem/ForkSafety.h>
 #include <qvSystem/qvMutex.h>
 
 #include <spdlog/version.h>
@@ -31,9 +32,23 @@ struct Registry
 
 // Made on first use and never destroyed: libraries and applications register while static
 // objects are still being made, and unregister while they are being destroyed.
+Registry& registry();
+
+void lockRegistry() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    registry().mutex.lock();
+}
+
+void unlockRegistry() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    registry().mutex.unlock();
+}
+
 Registry& registry()
 {
     static Registry& theRegistry = *new Registry;
+    static const bool isHeld = (holdAcrossForks<&lockRegistry, &unlockRegistry>(), true);
+    static_cast<void>(isHeld);
     return theRegistry;
 }
 

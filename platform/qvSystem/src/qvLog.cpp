@@ -2,6 +2,8 @@
 
 #include <qvSystem/qvLog.h>
 
+#include <qvSystem/ForkSafety.h>
+
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
@@ -185,6 +187,21 @@ private:
     bool mFailed = false;
 };
 
+// The log whose sinks the calling thread is using. A sink that forks holds the lock already.
+thread_local const qvLog* tWriting = nullptr;
+
+class Writing
+{
+public:
+    explicit Writing(const qvLog& log) { tWriting = &log; }
+    ~Writing() { tWriting = nullptr; }
+    Writing(const Writing&) = delete;
+    Writing& operator=(const Writing&) = delete;
+};
+
+// The log that the calling thread has locked for a fork.
+thread_local qvLog* tLockedForFork = nullptr;
+
 }  // namespace
 
 std::atomic<qvLog*> qvLog::msInstance{nullptr};
@@ -213,8 +230,25 @@ qvLog::~qvLog()
     uninstall();
 }
 
+void qvLog::LockForFork() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    qvLog* const log = msInstance;
+    if (!log || tWriting == log)
+        return;
+    log->mMutex.lock();
+    tLockedForFork = log;
+}
+
+void qvLog::UnlockAfterFork() QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (tLockedForFork)
+        std::exchange(tLockedForFork, nullptr)->mMutex.unlock();
+}
+
 void qvLog::install()
 {
+    static const bool isHeld = (holdAcrossForks<&LockForFork, &UnlockAfterFork>(), true);
+    static_cast<void>(isHeld);
     msInstance = this;
 }
 
@@ -245,6 +279,7 @@ void qvLog::addSink(std::unique_ptr<qvLogSink> sink)
 void qvLog::Write(const LogEntry& entry, bool urgent)
 {
     qvMutexLocker locker(&mMutex);
+    const Writing writing(*this);
     for (const auto& sink : mSinks) {
         sink->write(entry);
         if (urgent)

@@ -2,16 +2,19 @@
 
 #include "streaming/ChunkPool.h"
 
+#include "../../support/Forking.h"
 #include "streaming/ChunkQueue.h"
 
 #include <gmock/gmock.h>
 
 #include <malloc.h>
 
+#include <atomic>
 #include <cstddef>
 #include <list>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qv::impl
@@ -221,6 +224,71 @@ TEST(ChunkPool, KeepsNoChunkThatIsShorterThanUsual)
     ChunkPool::Instance().give(std::vector<char>(1000));
     ChunkPool::Instance().give({});
     EXPECT_EQ(chunkCount(), 0u);
+}
+
+// The threads of the parent are in the middle of any operation when it forks.
+TEST(ChunkPool, WorksInAForkedChild)
+{
+    constexpr int kThreads = 3;
+#ifdef __SANITIZE_THREAD__
+    constexpr int kForks = 50;
+#else
+    constexpr int kForks = 300;
+#endif
+    const ChunkPool::User user;
+    const auto useChunks = [] {
+        Queue queue = wholeChunks(3);
+        FreeChunks(queue);
+    };
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back([&] {
+            while (!isOver)
+                useChunks();
+        });
+    int failed = 0;
+    for (int i = 0; i < kForks && failed == 0; ++i)
+        failed += !qv::tests::endsInAChild(useChunks);
+    isOver = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failed, 0);
+}
+
+// Chunks of two capacities pass between threads that take and give at once.
+TEST(ChunkPool, KeepsWithinItsLimitsOnManyThreads)
+{
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 500;
+    std::atomic<bool> isWithin{true};
+    std::atomic<bool> isWhole{true};
+    {
+        const ChunkPool::User user;
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < kThreads; ++thread)
+            threads.emplace_back([&, thread] {
+                const std::string bytes(kMinChunkBytes * (thread % 2 == 0 ? 1 : 16),
+                                        static_cast<char>('a' + thread));
+                for (int round = 0; round < kRounds; ++round) {
+                    Queue queue;
+                    append(queue, bytes);
+                    append(queue, bytes);
+                    if (bytesOf(queue) != bytes + bytes)
+                        isWhole = false;
+                    FreeChunks(queue);
+                    if (chunkCount() > ChunkPool::kMaxChunks)
+                        isWithin = false;
+                }
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_LE(byteCount(), ChunkPool::kMaxBytes);
+    }
+    EXPECT_TRUE(isWithin);
+    EXPECT_TRUE(isWhole);
+    EXPECT_EQ(chunkCount(), 0u);
+    EXPECT_EQ(byteCount(), 0u);
 }
 
 }  // namespace

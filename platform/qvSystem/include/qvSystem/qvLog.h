@@ -21,7 +21,8 @@ class qvLogSink;
 /// The platform log: receives finished entries and passes them to its sinks.
 ///
 /// The process has at most one installed log (`msInstance`). Entries may be written from
-/// any thread; sinks are called one at a time, under the log's own lock.
+/// any thread; sinks are called one at a time, under the log's own lock. A fork waits for the entry
+/// that is being written, so that a child can use the installed log.
 class QV_EXPORT qvLog
 {
 public:
@@ -107,6 +108,9 @@ public:
     static std::string EscapeControlCharacters(const std::string& text);
 
 private:
+    static void LockForFork();
+    static void UnlockAfterFork();
+
     std::array<std::atomic<bool>, kLevelCount> mLevelEnabled;
     qvMutex mMutex;
     std::vector<std::unique_ptr<qvLogSink>> mSinks QV_GUARDED_BY(mMutex);

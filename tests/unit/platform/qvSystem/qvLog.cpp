@@ -3,6 +3,8 @@
 
 #include <qvSystem/qvLog.h>
 
+#include "../../../support/Forking.h"
+
 #include <gmock/gmock.h>
 
 #include <atomic>
@@ -14,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -748,6 +751,61 @@ TEST(qvLog, ShowsAnEntryOfTheSystemLogOnStandardErrorWhenAsked)
     qvLog::WriteToSystemLog(entry, true);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "pre\\tfix two\\nlines\n");
     EXPECT_THAT(sSystemLog, SizeIs(1));
+}
+
+// Another thread is in the middle of an entry when the process forks.
+TEST(qvLog, WorksInAForkedChild)
+{
+#ifdef __SANITIZE_THREAD__
+    constexpr int kForks = 50;
+#else
+    constexpr int kForks = 300;
+#endif
+    class DroppingSink : public qvLogSink
+    {
+    public:
+        void write(const qvLog::LogEntry&) override { std::this_thread::yield(); }
+        void flush() override {}
+    };
+    qvLog log;
+    log.addSink(std::make_unique<DroppingSink>());
+    log.install();
+    const qvLog::LogEntry entry = Entry("text");
+    std::atomic<bool> isOver{false};
+    std::thread other([&] {
+        while (!isOver)
+            log.Write(entry, false);
+    });
+    int failed = 0;
+    for (int i = 0; i < kForks && failed == 0; ++i)
+        failed += !endsInAChild([&] { log.Write(entry, false); });
+    isOver = true;
+    other.join();
+    EXPECT_EQ(failed, 0);
+    // The parent's lock is free again.
+    log.Write(entry, false);
+}
+
+TEST(qvLog, LetsASinkFork)
+{
+    class ForkingSink : public qvLogSink
+    {
+    public:
+        void write(const qvLog::LogEntry&) override
+        {
+            isDone = endsInAChild([] {});
+        }
+        void flush() override {}
+
+        bool isDone = false;
+    };
+    qvLog log;
+    auto sink = std::make_unique<ForkingSink>();
+    const ForkingSink& forking = *sink;
+    log.addSink(std::move(sink));
+    log.install();
+    log.Write(Entry("text"), false);
+    EXPECT_TRUE(forking.isDone);
 }
 
 }  // namespace
