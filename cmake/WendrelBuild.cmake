@@ -19,9 +19,8 @@ if(WENDREL_SANITIZE)
     endif()
 endif()
 
-# What makes a mistake in memory harder to exploit: checked stack frames and buffers, control flow
-# only to where it may go, tables that are read-only once the program runs. Optimised builds only;
-# sanitizers see more and would be in the way.
+# Hardening against exploits of memory errors: checked stack frames and buffers, control-flow
+# protection, read-only relocation tables. Optimised builds without sanitizers only.
 set(wendrel_hardened OFF)
 if(WENDREL_HARDENING AND NOT WENDREL_SANITIZE AND NOT WENDREL_COVERAGE
         AND CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")
@@ -39,9 +38,8 @@ if(WENDREL_COVERAGE)
     add_link_options(--coverage)
 endif()
 
-# One commit gives the same libraries in every directory: archives without time and owner, and no
-# path of the machine in what is compiled. To step through such code, tell the debugger where the
-# sources are: set substitute-path wendrel-3.0.0 PATH. Debug builds keep the real paths.
+# Reproducible builds: archives without time and owner, and no absolute path in object files. For
+# debugging set the path of the sources: set substitute-path wendrel-3.0.0 PATH. Debug builds keep the real paths.
 set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")

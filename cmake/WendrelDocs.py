@@ -1,4 +1,4 @@
-"""Makes of a file what Doxygen understands: its input filter. Prints the result.
+"""Input filter of Doxygen: prints a file in the form that Doxygen expects.
 
 Pages: links to other pages and their headings become references, so that they work in the HTML; of
 links to anything else of the tree the text is left; pictures are shown from beside the HTML.
@@ -14,7 +14,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 LINK = re.compile(r"(!?)\[((?:[^\[\]]|\[[^\]]*\])*)\]\(([^()\s]+)\)")
-# A code span, or what is bold.
+# A code span, or bold text.
 SPAN = re.compile(r"(?<!`)(`+)(?!`)([^\n]*?[^\n`])\1(?!`)|\*\*((?:`[^`\n]*`|[^*`\n]|\n(?!\n))+)\*\*")
 HEADING = re.compile(r"(#{1,6})\s+(.*?)\s*$")
 
@@ -85,8 +85,8 @@ def segments(lines):
 
 
 def change_span(match):
-    """A code span ends at a single quote for Doxygen, unless it has two backquotes; and what begins
-    or ends with code is not bold."""
+    """For Doxygen a code span ends at a single quote, unless it has two backquotes, and text that
+    begins or ends with code is not bold."""
     quotes, code, bold = match.groups()
     if bold:
         return f"<b>{SPAN.sub(change_span, bold)}</b>"

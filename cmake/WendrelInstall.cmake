@@ -1,5 +1,5 @@
-# What `cmake --install` puts where. Components: `runtime` is what a program needs to run,
-# `development` what it needs to be built, `documentation` and `examples` are for people.
+# Rules of `cmake --install`. Components: `runtime` for running programs, `development` for building
+# them, `documentation` and `examples`.
 
 get_property(wendrel_platform_targets GLOBAL PROPERTY WENDREL_PLATFORM_TARGETS)
 set(wendrel_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Wendrel)
@@ -17,8 +17,8 @@ function(wendrel_install_library export)
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 endfunction()
 
-# The platform libraries are a package of their own: another build of this library can stand on
-# them (WENDREL_BUNDLED_PLATFORM=OFF), or this library on another build of theirs.
+# The platform libraries are a separate package: another build of this library can use them
+# (WENDREL_BUNDLED_PLATFORM=OFF), and this library another build of theirs.
 if(WENDREL_BUNDLED_PLATFORM)
     wendrel_install_library(WendrelPlatformTargets ${wendrel_platform_targets})
     foreach(name ${wendrel_platform_targets})
@@ -53,9 +53,8 @@ install(FILES ${PROJECT_BINARY_DIR}/WendrelConfig.cmake ${PROJECT_BINARY_DIR}/We
     DESTINATION ${wendrel_package_dir} COMPONENT development)
 
 # For pkg-config. Paths are relative to the file itself, so that a moved prefix works. Static
-# libraries have to name what they need; with shared ones nothing else must be installed. The others'
-# own files are not asked: with --static they name libraries of which Debian's -dev packages do not
-# have all.
+# libraries list their dependencies; shared ones require no further package. The .pc files of the
+# dependencies are not used: with --static they list libraries that Debian's -dev packages lack.
 file(RELATIVE_PATH wendrel_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 set(wendrel_pc_needs "")
 if(wendrel_static)

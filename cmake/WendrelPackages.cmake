@@ -69,7 +69,7 @@ the sources of all examples.")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
     ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/platform)
 
-# What each package must have beside its files. The time is that of SOURCE_DATE_EPOCH, if given.
+# Files that Debian requires in each package. The time is that of SOURCE_DATE_EPOCH, if given.
 string(TIMESTAMP wendrel_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(packaging/changelog.in ${PROJECT_BINARY_DIR}/packaging/changelog.Debian @ONLY)
 foreach(entry IN LISTS wendrel_packages)

@@ -7,12 +7,12 @@ usage() {
 Usage: scripts/abi.sh [--record] [--build DIR] [--no-install] [--help]
 
 Builds the libraries and compares their interface with abi/: the exported symbols, and the layout
-of the classes. Exit code 0: nothing differs. docs/compatibility.md says what is promised.
+of the classes. Exit code 0: no difference. See docs/compatibility.md.
 
-  --record      writes what was built to abi/ instead; commit that with the change
-  --build DIR   where the libraries are built (default: build/abi)
-  --no-install  no Debian packages are installed
-  --help        this text
+  --record      writes the interface to abi/; commit it with the change
+  --build DIR   build directory (default: build/abi)
+  --no-install  installs no Debian packages
+  --help        prints this text
 TEXT
 }
 

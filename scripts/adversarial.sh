@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Attacks a server with very many bad clients and prints what was measured.
+# Runs the tests with adversarial clients and prints their metrics.
 set -euo pipefail
 
 usage() {
@@ -67,7 +67,7 @@ result=0
 WENDREL_ADVERSARIAL_METRICS=$metrics \
     "build/$preset/tests/integration/integration_adversarial" --gtest_filter="$filter" >&2 || result=$?
 
-# "metric: Suite.Test.name value unit", the name with points of its own.
+# "metric: Suite.Test.name value unit", the name may contain points.
 table() {
     printf '| Test | Metric | Value | Unit |\n|---|---|---:|---|\n'
     awk '{

@@ -238,10 +238,10 @@ check_transfers() {
         fail "the file could not be deleted"
 }
 
-# report WORD FIGURES FIELD: size, seconds and rate from curl's figures.
+# report WORD TIMES FIELD: size, seconds and rate from the times that curl printed.
 report() {
-    awk -v word="$1" -v figures="$2" -v field="$3" 'BEGIN {
-        split(figures, f, " ")
+    awk -v word="$1" -v times="$2" -v field="$3" 'BEGIN {
+        split(times, f, " ")
         mib = f[field] / 1048576
         printf "%s  %d bytes in %.3f s, %.0f MiB/s\n", word, f[field], f[4], (f[4] > 0 ? mib / f[4] : 0)
     }'

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Two people in a room of examples/chat, behind a proxy: the check of scripts/demo.sh --chat.
+"""Two people in a room of the chat (examples/chat), behind a proxy: the check of scripts/demo.sh --chat.
 
     demo_chat.py http://127.0.0.1:PORT
 
-The clients ask for their WebSockets as browsers do. Prints what was exchanged; the exit code is 1 if
+The clients ask for their WebSockets as browsers do. Prints the exchanged messages; the exit code is 1 if
 something was missing, late or changed.
 """
 

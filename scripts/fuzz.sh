@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets and lets libFuzzer drive each of them for a while.
+# Builds the fuzz targets and runs each with libFuzzer for a time.
 set -euo pipefail
 
 usage() {
@@ -62,9 +62,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build=build/fuzz
 seeds=tests/fuzz/seeds
 
-# Longer than an input may wait for the server; libFuzzer calls anything slower a finding.
+# Longer than an input may wait for the server; libFuzzer reports slower inputs as findings.
 slowest_input_seconds=120
-# For what a target does besides: reading its corpus, the last input, stopping.
+# Additional time of a target: reading its corpus, the last input, stopping.
 grace_seconds=$((2 * slowest_input_seconds + 60))
 
 all=()

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that a build of this tree needs, and nothing when all are there.
+# Installs the Debian packages that a build of this tree needs.
 set -euo pipefail
 
 usage() {
@@ -7,19 +7,19 @@ usage() {
 Usage: scripts/install-deps.sh [--demo] [--chat] [--tests] [--fuzz] [--soak] [--bench] [--docs]
                                [--packages] [--dry-run] [--help]
 
-Installs, with apt-get, what the build needs on Debian 12. Packages that are present are left
-alone: when none is missing, neither root nor the network is needed.
+Installs the build dependencies on Debian 12 with apt-get. Installed packages are not changed: when
+none is missing, neither root nor the network is needed.
 
-  --demo     also curl, which scripts/demo.sh --check drives
-  --chat     also what scripts/demo.sh --chat needs; Debian starts an installed nginx on port 80
-  --tests    also what the tests need
-  --fuzz     also what scripts/fuzz.sh needs
-  --soak     also what scripts/soak.sh needs
-  --bench    also what bench/run.sh needs
-  --docs     also what the documentation is built with
-  --packages also what scripts/package.sh and scripts/release.sh need
-  --dry-run  only print the packages that are missing, one a line
-  --help     this text
+  --demo     adds curl, for scripts/demo.sh --check
+  --chat     adds the packages of scripts/demo.sh --chat; Debian starts an installed nginx on port 80
+  --tests    adds the packages of the tests
+  --fuzz     adds the packages of scripts/fuzz.sh
+  --soak     adds the packages of scripts/soak.sh
+  --bench    adds the packages of bench/run.sh
+  --docs     adds the packages that build the documentation
+  --packages adds the packages of scripts/package.sh and scripts/release.sh
+  --dry-run  only prints the missing packages, one per line
+  --help     prints this text
 TEXT
 }
 
@@ -38,7 +38,7 @@ chat_packages=(nginx-light python3 python3-websocket)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     nginx-light haproxy chromium gcovr ca-certificates slowhttptest valgrind)
-# What looks at the sources, and at what was built, without running it.
+# Static analysis of sources and binaries.
 analysis_packages=(clang clang-format clang-tidy cppcheck shellcheck codespell abigail-tools)
 docs_packages=(doxygen graphviz)
 packages_packages=(dpkg-dev fakeroot lintian xz-utils)
@@ -76,7 +76,7 @@ done
 
 for tool in apt-get dpkg-query; do
     command -v "$tool" >/dev/null ||
-        fail "no $tool here; on another system install by hand what these are: ${wanted[*]}"
+        fail "no $tool on this system; install the equivalents of: ${wanted[*]}"
 done
 
 missing=()
@@ -84,7 +84,7 @@ for package in "${wanted[@]}"; do
     status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
     [[ $status == installed ]] || missing+=("$package")
 done
-# Asked for by command: a Node.js from elsewhere brings its own npm, and Debian's would clash.
+# Checked by command: a Node.js from another source has its own npm, which conflicts with Debian's.
 if $with_tests; then
     command -v node >/dev/null || missing+=(nodejs)
     command -v npm >/dev/null || missing+=(npm)
@@ -102,7 +102,7 @@ fi
 as_root=()
 if ((EUID != 0)); then
     command -v sudo >/dev/null ||
-        fail "root is needed to install: ${missing[*]} (neither root nor sudo here)"
+        fail "cannot install ${missing[*]}: neither root nor sudo (install them as root)"
     as_root=(sudo)
 fi
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Changes the library's code in one place at a time and looks whether a unit test notices.
+# Changes the code of the library in one place at a time and checks whether a unit test fails.
 set -euo pipefail
 
 usage() {
@@ -12,14 +12,14 @@ that file, and lists the mutants that no test killed. Works in a copy of the tre
 are mutants that do not compile, and those whose object code is the original's or another
 mutant's. Fails when a survivor has no row in tests/mutation/survivors.md.
 
-  --count N        as many mutants, spread over all functions; 0: all there are (default: 300)
+  --count N        number of mutants, spread over all functions; 0: all (default: 300)
   --files PATTERN  only files whose path matches, such as 'src/server/*'; may be given several times
-  --seed N         which mutants are taken (default: 1)
-  --jobs N         mutants at a time (default: the number of processors)
-  --resume         go on where an earlier run was ended
-  --survivors      try only the survivors of the earlier runs again, after a test was added
+  --seed N         seed of the selection (default: 1)
+  --jobs N         concurrent mutants (default: the number of processors)
+  --resume         continue an earlier run
+  --survivors      only the survivors of earlier runs, after a test was added
   --list           only print the mutants
-  --folder DIR     where the copy, its build and the results are (default: build/mutate)
+  --folder DIR     directory of copy, build and results (default: build/mutate)
   --no-install     no Debian packages are installed
   --help           this text
 TEXT

@@ -7,18 +7,18 @@ usage() {
 Usage: scripts/package.sh [--output DIR] [--build DIR] [--no-docs] [--record-symbols]
                           [--no-install] [--help]
 
-Builds libwendrel3.0, libwendrel-dev, wendrel-doc and wendrel-examples from this tree, looks at them
-with lintian, and puts them into dist/. Neither tests nor benchmarks are built or run. Exit code 0:
-the packages are there and lintian has found no error.
+Builds libwendrel3.0, libwendrel-dev, wendrel-doc and wendrel-examples from this tree in dist/, and
+checks them with lintian. Builds and runs neither tests nor benchmarks. Exit code 0: lintian has
+found no error.
 
-Packages of one commit are the same, byte by byte, wherever and whenever they are built: their times
-are that of the commit, or of SOURCE_DATE_EPOCH if it is set.
+Packages of the same commit are identical byte by byte: their times are that of the commit, or of
+SOURCE_DATE_EPOCH if set.
 
-  --output DIR      where the packages go (default: dist)
-  --build DIR       where they are built (default: build/package)
+  --output DIR      output directory (default: dist)
+  --build DIR       build directory (default: build/package)
   --no-docs         without the HTML reference, which needs doxygen
   --record-symbols  writes the symbols that the libraries export to packaging/libwendrel3.0.symbols;
-                    without it, one that has disappeared is an error
+                    without it, a removed symbol is an error
   --no-install      no Debian packages are installed
   --help            this text
 
@@ -70,12 +70,12 @@ if [[ -z ${SOURCE_DATE_EPOCH:-} ]]; then
 fi
 export SOURCE_DATE_EPOCH
 
-# What a step says is shown only when it fails.
+# Prints the output of a step only when it fails.
 quietly() {
     local log=$build/log
     if ! "$@" >"$log" 2>&1; then
         tail -n 60 "$log" >&2
-        fail "this failed: $*"
+        fail "failed: $*"
     fi
 }
 
@@ -129,7 +129,7 @@ for package in "${packages[@]}"; do
     repack "$package"
 done
 
-say "Looking at them with lintian"
+say "Checking them with lintian"
 lintian --allow-root --fail-on error --suppress-tags-from-file packaging/lintian-not-asked \
     "${packages[@]}"
 cp "${packages[@]}" "$output/"

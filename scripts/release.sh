@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Makes everything that is published with a release.
+# Builds all files of a release.
 set -euo pipefail
 
 usage() {
     cat <<'TEXT'
 Usage: scripts/release.sh [--output DIR] [--no-install] [--help]
 
-From the last commit of a clean tree, puts into dist/:
+Builds in dist/, from the last commit of a clean tree:
 
-  wendrel-VERSION.tar.xz       the sources; they build without git and know their commit
+  wendrel-VERSION.tar.xz       the sources, with the version stamps; git is not needed
   *.deb                        the Debian packages, built from that archive and not from this tree
   wendrel-doc-VERSION.tar.xz   guide and reference as HTML and Markdown
   SHA256SUMS                   checksums of all of these
 
-Needs no network once the packages that scripts/install-deps.sh --packages names are there. The same
-commit gives the same files.
+Needs no network when the packages of scripts/install-deps.sh --packages are installed. Builds of the
+same commit are identical.
 
-  --output DIR  where they go (default: dist); must be empty or not exist
+  --output DIR  output directory (default: dist); must be empty or not exist
   --no-install  no Debian packages are installed
   --help        this text
 TEXT
@@ -66,7 +66,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$output"
 
-# Sorted, with one time and nobody's name: the same files give the same archive.
+# Sorted, with one time and without owner: the same files give the same archive.
 pack() {
     tar --create --directory "$work" --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 \
         --numeric-owner --mode=go=rX,u+rw --format=posix \

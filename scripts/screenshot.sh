@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# Makes docs/filedrop.png: the page of the filedrop example in a browser, with some files.
+# Writes docs/filedrop.png: the page of the filedrop example in a browser.
 set -euo pipefail
 
 usage() {
     cat <<'TEXT'
 Usage: scripts/screenshot.sh [--program FILE] [--output FILE] [--help]
 
-Runs filedrop for a directory of made-up files, and has Chromium draw its page.
+Runs filedrop with a directory of sample files, and renders its page with Chromium.
 
   --program FILE  filedrop (default: build/release/examples/filedrop/wendrel-filedrop)
   --output FILE   the picture (default: docs/filedrop.png)
   --help          this text
 
-CHROMIUM in the environment names the browser (default: chromium).
+The environment variable CHROMIUM names the browser (default: chromium).
 TEXT
 }
 
@@ -59,7 +59,7 @@ make_file() {
 make_file "holiday film.mp4" 1480M "2026-02-14 18:02"
 make_file "minutes 2026-02-16.pdf" 214K "2026-02-16 11:30"
 make_file "photos.zip" 96M "2026-02-15 09:12"
-make_file "plan of the house.svg" 48K "2026-02-17 08:45"
+make_file "floor plan.svg" 48K "2026-02-17 08:45"
 make_file "Übersicht.ods" 31K "2026-02-17 09:20"
 
 port=
@@ -78,6 +78,6 @@ done
     --user-data-dir="$work/profile" --window-size=900,850 --virtual-time-budget=4000 \
     --screenshot="$work/page.png" "http://127.0.0.1:$port/" >"$work/browser" 2>&1 ||
     fail "the browser failed: $(cat "$work/browser")"
-[[ -s $work/page.png ]] || fail "the browser made no picture: $(cat "$work/browser")"
+[[ -s $work/page.png ]] || fail "the browser wrote no picture: $(cat "$work/browser")"
 mv "$work/page.png" "$output"
 printf '%s\n' "$output"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Keeps filedrop and chat under a mixed load for a while and judges what they use.
+# Runs filedrop and chat under a mixed load and checks errors and resources.
 set -euo pipefail
 
 usage() {
@@ -8,17 +8,17 @@ Usage: scripts/soak.sh --minutes N [--output DIR] [--no-install] [--help]
 
 Builds the preset release in build/release, starts filedrop and chat on free ports of 127.0.0.1
 and drives a mixed load: small requests, large transfers compared by SHA-256, aborts at random
-positions, slow clients, WebSockets that join, talk and leave in every way. Samples memory,
-descriptors, threads and processor time of both, and the latency that another, well-behaved client
-sees. Exit code 0: passed, 1: failed; what and by how much is said.
+positions, slow clients, WebSockets that join, send and end in all ways. Samples memory,
+descriptors, threads and processor time of both, and the latency of another client.
+Exit code 0: passed, 1: failed, with the reasons.
 
-  --minutes N   how long the load lasts; up to 2: with shorter slow clients and smaller files
-  --output DIR  where tables (CSV), plot (soak.svg) and summary go; build/soak by default
+  --minutes N   duration of the load; up to 2: with shorter slow clients and smaller files
+  --output DIR  directory of tables (CSV), plot (soak.svg) and summary (default: build/soak)
   --no-install  no Debian packages are installed
   --help        this text
 
 Fails when an operation fails (wrong content, unexpected status, nothing for 60 s), when a server
-dies, or does not end with exit code 0 within 30 s of SIGTERM, or when something grows.
+dies, or does not exit with 0 within 30 s after SIGTERM, or when a resource grows.
 
 TEXT
     python3 -B tests/soak/verdict.py --rule
@@ -70,7 +70,7 @@ cmake --preset release -DWENDREL_BUILD_EXAMPLES=ON >/dev/null
 cmake --build --preset release --parallel "$(nproc)" --target wendrel-filedrop wendrel-chat
 
 say "Load for $minutes minutes; tables and plot go to $output"
-# In place of this shell, so that a signal to it ends the servers, too.
+# Replaces this shell, so that a signal to it stops the servers as well.
 exec python3 -B tests/soak/soak.py --minutes "$minutes" --output "$output" \
     --filedrop build/release/examples/filedrop/wendrel-filedrop \
     --chat build/release/examples/chat/wendrel-chat

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds the tree and runs every test.
+# Installs dependencies, builds the tree and runs every test.
 set -euo pipefail
 
 usage() {
@@ -15,9 +15,9 @@ Configures, builds and tests the tree in build/NAME. The output ends with the su
                  the same in every build
   --coverage     the preset coverage, and afterwards the line coverage of src/ and platform/,
                  which must be at least 95 %
-  --fuzz SECONDS first lets the fuzz targets run, each for so long (see scripts/fuzz.sh)
-  --bench        with the presets release and debug, also builds the benchmark's programs and
-                 tries each once (see bench/run.sh)
+  --fuzz SECONDS first runs each fuzz target for this time (see scripts/fuzz.sh)
+  --bench        with the presets release and debug, also builds the benchmark programs and
+                 runs each once (see bench/run.sh)
   --no-install   neither Debian nor npm packages are installed
   --help         this text
 TEXT
@@ -88,7 +88,7 @@ install_node_packages() {
 
 run_preset() {
     local preset=$1
-    # The benchmark's programs are run as they are measured, not instrumented.
+    # The programs of the benchmark are not instrumented.
     local bench_of_preset=OFF
     case "$preset" in
         release | debug) bench_of_preset=$bench ;;
@@ -98,7 +98,7 @@ run_preset() {
         "-DWENDREL_BUILD_BENCH=$bench_of_preset"
     say "Building build/$preset with $jobs jobs"
     cmake --build --preset "$preset" --parallel "$jobs"
-    # Counters of an earlier run would be added to those of this one.
+    # Otherwise the counters of earlier runs are added.
     if [[ $preset == coverage ]]; then
         find build/coverage -name '*.gcda' -delete
     fi
@@ -107,7 +107,7 @@ run_preset() {
 }
 
 report_coverage() {
-    say "Line coverage of src/ and platform/ (at least $minimum_line_percent % wanted)"
+    say "Line coverage of src/ and platform/ (required: $minimum_line_percent %)"
     gcovr --root . --object-directory build/coverage \
         --filter 'src/' --filter 'platform/' \
         --print-summary --fail-under-line "$minimum_line_percent"
@@ -124,7 +124,7 @@ if $install; then
     install_node_packages tests/integration/websocket
 fi
 
-# Before the tests, whose count is to be the last that is seen.
+# Before the tests, so that their summary is the last output.
 if [[ -n $fuzz_seconds ]]; then
     fuzz_options=(--seconds "$fuzz_seconds")
     $install || fuzz_options+=(--no-install)
