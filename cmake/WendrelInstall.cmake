@@ -77,5 +77,11 @@ foreach(folder docs package/consumer package/subproject)
         COMPONENT documentation
         FILES_MATCHING PATTERN *.cpp PATTERN CMakeLists.txt PATTERN pages EXCLUDE)
 endforeach()
+install(CODE "
+    execute_process(
+        COMMAND \"\${CMAKE_COMMAND}\" \"-DFOLDER=\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\"
+            \"-DSOURCE=${PROJECT_SOURCE_DIR}\" -P \"${PROJECT_SOURCE_DIR}/cmake/WendrelInstallPages.cmake\"
+        COMMAND_ERROR_IS_FATAL ANY)"
+    COMPONENT documentation)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT examples
     PATTERN node_modules EXCLUDE)

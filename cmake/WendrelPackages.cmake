@@ -50,6 +50,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "wendrel-doc, wendrel-examples, cm
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME wendrel-doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
+# Its pages link to the sources of the examples.
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SUGGESTS wendrel-examples)
 set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
 These are the guide, the reference, and configurations of proxies in front.")

@@ -4,10 +4,16 @@ Usage: prefix.py BUILD_DIR WORK_DIR
 """
 
 import pathlib
+import re
 import sys
 
 import support
 from support import expect, run, run_anyway
+
+sys.path.append(str(support.SOURCE / "tests" / "docs"))
+import code_blocks
+
+LINK = re.compile(r"\[([^][]+)\]\([^() ]+\)")
 
 # One file that each component must have, and none of the others may.
 MARKS = {
@@ -69,6 +75,24 @@ def check_pkg_config(work, prefix):
         support.check_greeting(program, libraries)
 
 
+def check_pages(prefix):
+    """The links of installed pages lead to what is installed; links to other files became text."""
+    found = list(prefix.glob("share/doc/*/README.md"))
+    expect(len(found) == 1, f"{len(found)} folders of pages")
+    folder = found[0].parent
+    pages = sorted(folder.rglob("*.md"))
+    expect(len(pages) > 20, f"only {len(pages)} pages are installed")
+    complaints = [f"{page.relative_to(folder)}:{number}: {text}"
+                  for page in pages for number, text in code_blocks.check_links(page)]
+    expect(not complaints, "links of installed pages:\n" + "\n".join(complaints))
+    links = sum(1 for page in pages for _ in code_blocks.links_of(page))
+    expect(links > 200, f"only {links} links are left")
+    for page in pages:
+        source = (support.SOURCE / page.relative_to(folder)).read_text()
+        expect(LINK.sub(r"\1", page.read_text()) == LINK.sub(r"\1", source),
+               f"more than links was changed in {page.name}")
+
+
 def check(build, work):
     support.empty(work)
     check_components(build, work / "components")
@@ -77,6 +101,7 @@ def check(build, work):
     # Moved, so that no path of the installation can be built in.
     moved = work / "moved"
     prefix.rename(moved)
+    check_pages(moved)
     check_cmake(work, moved)
     check_pkg_config(work, moved)
 
