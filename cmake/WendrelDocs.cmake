@@ -9,6 +9,7 @@ function(wendrel_configure_docs folder)
     find_package(Python3 REQUIRED COMPONENTS Interpreter)
     set(wendrel_docs_output ${folder})
     set(wendrel_docs_filter ${PROJECT_SOURCE_DIR}/cmake/WendrelDocs.py)
+    set(wendrel_docs_style ${PROJECT_SOURCE_DIR}/cmake/WendrelDocs.css)
     # They lie beside the pages, all in one folder.
     file(GLOB_RECURSE pictures CONFIGURE_DEPENDS
         ${PROJECT_SOURCE_DIR}/docs/*.svg ${PROJECT_SOURCE_DIR}/docs/*.png)
@@ -35,7 +36,7 @@ add_custom_command(OUTPUT ${wendrel_docs_folder}/html/index.html
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${wendrel_docs_folder}/html
     COMMAND Doxygen::doxygen ${wendrel_docs_folder}/Doxyfile
     DEPENDS ${wendrel_docs_sources} ${wendrel_docs_pages} ${wendrel_docs_folder}/Doxyfile
-        ${PROJECT_SOURCE_DIR}/cmake/WendrelDocs.py
+        ${PROJECT_SOURCE_DIR}/cmake/WendrelDocs.py ${PROJECT_SOURCE_DIR}/cmake/WendrelDocs.css
     WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
     COMMENT "Building the documentation"
     VERBATIM)

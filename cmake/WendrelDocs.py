@@ -47,7 +47,9 @@ def change_link(page, match):
     name, _, anchor = target.partition("#")
     path = pathlib.Path(os.path.normpath(page.parent / name)) if name else page
     if picture:
-        return f'<img src="{path.name}" alt="{text}" style="max-width:100%"/>'
+        # Wide ones are made smaller than they are; behind the link is the picture itself.
+        image = f'<img src="{path.name}" alt="{text}" style="max-width:100%"/>'
+        return f'<a href="{path.name}">{image}</a>'
     if path.is_dir() and is_page(path / "README.md"):
         path /= "README.md"
     if not is_page(path) or not path.exists():
