@@ -8,6 +8,7 @@ import re
 import sys
 
 import support
+from prefix import check_pages
 from support import expect, run
 
 PACKAGES = ("libwendrel3.0", "libwendrel-dev", "wendrel-doc", "wendrel-examples")
@@ -87,6 +88,7 @@ def check(work):
     for package in packages.values():
         run("dpkg-deb", "--extract", package, root)
     check_manual_pages(root)
+    check_pages(root / "usr")
     check_use(root, work)
 
 
