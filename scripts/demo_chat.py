@@ -2,6 +2,7 @@
 """Two people in a room of the chat (examples/chat), behind a proxy: the check of scripts/demo.sh --chat.
 
     demo_chat.py http://127.0.0.1:PORT
+    demo_chat.py https://127.0.0.1:PORT CERTIFICATE
 
 The clients ask for their WebSockets as browsers do. Prints the exchanged messages; the exit code is 1 if
 something was missing, late or changed.
@@ -11,6 +12,7 @@ import hashlib
 import http.client
 import json
 import os
+import ssl
 import sys
 import urllib.parse
 
@@ -32,10 +34,27 @@ def expect(condition, complaint):
         raise Failed(complaint)
 
 
+class Site:
+    def __init__(self, url, certificate=None):
+        self.address = urllib.parse.urlsplit(url).netloc
+        self.certificate = certificate
+
+    def connect(self):
+        if self.certificate:
+            return http.client.HTTPSConnection(self.address, timeout=LIMIT_SECONDS,
+                                               context=ssl.create_default_context(cafile=self.certificate))
+        return http.client.HTTPConnection(self.address, timeout=LIMIT_SECONDS)
+
+    def connect_websocket(self):
+        scheme, options = ("wss", {"ca_certs": self.certificate}) if self.certificate else ("ws", None)
+        return websocket.create_connection(f"{scheme}://{self.address}/live", timeout=LIMIT_SECONDS,
+                                           sslopt=options)
+
+
 class Person:
-    def __init__(self, address, nickname):
+    def __init__(self, site, nickname):
         self.nickname = nickname
-        self.socket = websocket.create_connection(f"ws://{address}/live", timeout=LIMIT_SECONDS)
+        self.socket = site.connect_websocket()
 
     def receive(self, wanted):
         """The next message, which has to be of the type `wanted`."""
@@ -65,8 +84,8 @@ class Person:
         expect(sorted(people) == sorted(names), f"{self.nickname} sees {people}, not {names}")
 
 
-def check_page(address):
-    connection = http.client.HTTPConnection(address, timeout=LIMIT_SECONDS)
+def check_page(site):
+    connection = site.connect()
     files = {"/": "text/html", "/chat.js": "text/javascript", "/chat.css": "text/css"}
     for target, wanted in files.items():
         connection.request("GET", target)
@@ -100,8 +119,8 @@ def check_picture(ada, bob):
           f"SHA-256 {hashlib.sha256(PICTURE).hexdigest()[:16]}...")
 
 
-def check_history(address, ada):
-    eve = Person(address, "Eve")
+def check_history(site, ada):
+    eve = Person(site, "Eve")
     eve.join()
     lines = [eve.receive("line")["text"] for _ in range(KEPT_MESSAGES - 1)]
     expect(lines[-1].startswith(f"line {LINES - 1}:"), f"the last line is {lines[-1]!r}")
@@ -112,9 +131,9 @@ def check_history(address, ada):
     return eve
 
 
-def check(address):
-    check_page(address)
-    ada, bob = Person(address, "Ada"), Person(address, "Bob")
+def check(site):
+    check_page(site)
+    ada, bob = Person(site, "Ada"), Person(site, "Bob")
     ada.join()
     ada.wait_for_people("Ada")
     bob.join()
@@ -122,7 +141,7 @@ def check(address):
         person.wait_for_people("Ada", "Bob")
     check_lines(ada, bob)
     check_picture(ada, bob)
-    eve = check_history(address, ada)
+    eve = check_history(site, ada)
     bob.socket.close()
     for person in (ada, eve):
         person.wait_for_people("Ada", "Eve")
@@ -133,7 +152,7 @@ def check(address):
 
 def main():
     try:
-        check(urllib.parse.urlsplit(sys.argv[1]).netloc)
+        check(Site(*sys.argv[1:]))
     except (Failed, OSError, http.client.HTTPException, websocket.WebSocketException) as error:
         print(f"demo_chat.py: {type(error).__name__}: {error}", file=sys.stderr)
         return 1

@@ -25,6 +25,7 @@ set(proxies_environment
     WENDREL_PYTHON=${Python3_EXECUTABLE}
     WENDREL_FILEDROP=$<TARGET_FILE:wendrel-filedrop>
     WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>
+    WENDREL_HELLO=$<TARGET_FILE:hello>
     WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_echo_server>
     WENDREL_DOCS_ECHO=$<TARGET_FILE:docs_websocket_echo>)
 

@@ -35,15 +35,19 @@ after(async () => {
     assert.ok(begun > 0, 'a pattern that names no test must not pass')
 })
 
+async function startOwnProxy(...options) {
+    const started = startProxy(kProxy, backendPort, ...options)
+    proxy = started.process
+    url = await started.ready
+}
+
 beforeEach(async () => {
     begun += 1
     contexts = []
     troubles = []
     backendPort = await freePort()
     await startServer()
-    const started = startProxy(kProxy, backendPort)
-    proxy = started.process
-    url = await started.ready
+    await startOwnProxy()
 })
 
 afterEach(async () => {
@@ -64,7 +68,8 @@ function noiseAt(i) {
 
 // A window in which somebody has come in.
 async function enter(nickname) {
-    const context = await browser.newContext()
+    // The certificate of a test is signed by itself.
+    const context = await browser.newContext({ ignoreHTTPSErrors: true })
     contexts.push(context)
     await context.addInitScript(`window.noiseAt = ${noiseAt}`)
     context.setDefaultTimeout(kLimitMs)
@@ -187,4 +192,17 @@ test('a chat that is started again is found again', async () => {
         await waitForPeople(page, 'Ada', 'Bob')
     await say(bob, 'We are back')
     await line(ada, 'Bob', 'We are back').waitFor()
+})
+
+test('over TLS a line typed in one window appears in the other', async () => {
+    assert.equal(await stop(proxy), 0)
+    await startOwnProxy('--tls')
+    assert.match(url, /^https:/)
+    const ada = await enter('Ada')
+    assert.equal(await ada.evaluate(() => performance.getEntriesByType('navigation')[0].nextHopProtocol), 'h2')
+    const bob = await enter('Bob')
+    await say(ada, 'Nobody else can read this')
+    await line(bob, 'Ada', 'Nobody else can read this').waitFor()
+    await say(bob, 'Except this server')
+    await line(ada, 'Bob', 'Except this server').waitFor()
 })

@@ -2,16 +2,18 @@
 
 Only what is marked with "# ADAPT: ..." is changed: addresses, users, and where files are put.
 
-    python3 support.py nginx 8181 [PORT]
+    python3 support.py [--tls] nginx 8181 [PORT]
 
 runs one in front of 127.0.0.1:8181 until SIGTERM, SIGINT or the end of its input, and prints its
-address. It listens on PORT of 127.0.0.1, or on a free one.
+address. It listens on PORT of 127.0.0.1, or on a free one. With --tls it has a certificate of its own.
 """
 
+import argparse
 import os
 import pathlib
 import pwd
 import queue
+import re
 import shutil
 import signal
 import socket
@@ -40,6 +42,20 @@ def adapt(text, mark, old, new):
     return "\n".join(lines)
 
 
+def activate(text, mark):
+    """Comments in the lines that are marked so; fails when there is none."""
+    text, count = re.subn(rf"^(\s*)#(.*?)\s*# ADAPT: {mark}$", r"\1\2", text, flags=re.MULTILINE)
+    if count == 0:
+        raise AssertionError(f"no line that is commented out is marked '# ADAPT: {mark}'")
+    return text
+
+
+def replace_one(text, old, new):
+    if text.count(old) != 1:
+        raise AssertionError(f"'{old}' stands {text.count(old)} times in the configuration")
+    return text.replace(old, new)
+
+
 def nginx_files(text, work):
     """Puts everything that nginx writes into the directory `work`."""
     text = adapt(text, "pid file", "/run", str(work))
@@ -47,21 +63,46 @@ def nginx_files(text, work):
     return adapt(text, "directory", "/var/lib/nginx", str(work))
 
 
-def nginx_configuration(work, port, backend):
+def nginx_configuration(work, port, backend, certificate=None):
     text = nginx_files((DEPLOY / "nginx.conf").read_text(), work)
     text = adapt(text, "the user nginx runs as", "user www-data;", "")
     text = adapt(text, "address of the application", "127.0.0.1:8181", f"127.0.0.1:{backend}")
-    return adapt(text, "address to listen on", "listen 80 ", f"listen 127.0.0.1:{port} ")
+    if not certificate:
+        return adapt(text, "address to listen on", "listen 80 ", f"listen 127.0.0.1:{port} ")
+    text = activate(adapt(text, "address to listen on", "listen 80 ", "#listen 80 "), "TLS")
+    text = replace_one(text, "listen 443 ", f"listen 127.0.0.1:{port} ")
+    text = replace_one(text, "/etc/ssl/certs/site.pem", str(certificate.certificate))
+    return replace_one(text, "/etc/ssl/private/site.key", str(certificate.key))
 
 
-def haproxy_configuration(port, backend):
+def haproxy_configuration(port, backend, certificate=None):
     text = (DEPLOY / "haproxy.cfg").read_text()
     text = adapt(text, "log", "/dev/log local0", "stdout format raw local0")
     text = adapt(text, "directory without files", "chroot /var/lib/haproxy", "")
     text = adapt(text, "the user HAProxy runs as", "user haproxy", "")
     text = adapt(text, "its group", "group haproxy", "")
     text = adapt(text, "address of the application", "127.0.0.1:8181", f"127.0.0.1:{backend}")
-    return adapt(text, "address to listen on", "bind :80 ", f"bind 127.0.0.1:{port} ")
+    if not certificate:
+        return adapt(text, "address to listen on", "bind :80 ", f"bind 127.0.0.1:{port} ")
+    text = activate(adapt(text, "address to listen on", "bind :80 ", "#bind :80 "), "TLS")
+    text = replace_one(text, "bind :443 ", f"bind 127.0.0.1:{port} ")
+    return replace_one(text, "/etc/ssl/private/site.pem", str(certificate.both))
+
+
+class Certificate:
+    """A certificate for 127.0.0.1 and site.test that nobody has signed but its own key."""
+
+    def __init__(self, directory):
+        self.certificate = directory / "site.pem"
+        self.key = directory / "site.key"
+        self.both = directory / "both.pem"
+        subprocess.run(
+            ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+             "-noenc", "-days", "2", "-subj", "/CN=site.test",
+             "-addext", "subjectAltName=IP:127.0.0.1,DNS:site.test",
+             "-keyout", self.key, "-out", self.certificate],
+            check=True, capture_output=True)
+        self.both.write_bytes(self.certificate.read_bytes() + self.key.read_bytes())
 
 
 def find_program(name):
@@ -71,29 +112,33 @@ def find_program(name):
 class Proxy:
     """One nginx or HAProxy in front of what listens on 127.0.0.1:`backend`.
 
-    `change` gets the adapted configuration and returns the one to run.
+    `change` gets the adapted configuration and returns the one to run. With `tls` it has a
+    `certificate`.
     """
 
-    def __init__(self, name, backend, change=lambda text: text, port=None):
+    def __init__(self, name, backend, change=lambda text: text, port=None, tls=False):
         self.name = name
         self.port = port or free_port()
-        self.url = f"http://127.0.0.1:{self.port}"
+        self.url = f"{'https' if tls else 'http'}://127.0.0.1:{self.port}"
         self.work = pathlib.Path(tempfile.mkdtemp(prefix=f"proxy-{name}-"))
-        file = self.work / "configuration"
+        self.certificate = Certificate(self.work) if tls else None
+        self.file = self.work / "configuration"
         if name == "nginx":
-            file.write_text(change(nginx_configuration(self.work, self.port, backend)))
-            command = [find_program(name), "-c", str(file), "-g", "daemon off;"]
+            text = nginx_configuration(self.work, self.port, backend, self.certificate)
+            self.command = [find_program(name), "-c", str(self.file), "-g", "daemon off;"]
         else:
-            file.write_text(change(haproxy_configuration(self.port, backend)))
-            command = [find_program(name), "-db", "-f", str(file)]
-        identity = {}
+            text = haproxy_configuration(self.port, backend, self.certificate)
+            self.command = [find_program(name), "-db", "-f", str(self.file)]
+        self.file.write_text(change(text))
+        self.identity = {}
         if os.geteuid() == 0:
             nobody = pwd.getpwnam("nobody")
-            os.chown(self.work, nobody.pw_uid, nobody.pw_gid)
-            identity = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
+            for path in (self.work, *self.work.iterdir()):
+                os.chown(path, nobody.pw_uid, nobody.pw_gid)
+            self.identity = {"user": nobody.pw_uid, "group": nobody.pw_gid, "extra_groups": []}
         with open(self.work / "output", "wb") as output:
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output,
-                                            stderr=output, cwd=self.work, **identity)
+            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=output,
+                                            stderr=output, cwd=self.work, **self.identity)
 
     def log(self):
         files = [self.work / "output", self.work / "error.log"]
@@ -195,13 +240,19 @@ def backend_connections(port):
     return ends
 
 
-def main(name, backend, port=None):
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tls", action="store_true")
+    parser.add_argument("name", choices=("nginx", "haproxy"))
+    parser.add_argument("backend", type=int)
+    parser.add_argument("port", type=int, nargs="?")
+    arguments = parser.parse_args()
     ended = threading.Event()
     for number in (signal.SIGTERM, signal.SIGINT):
         signal.signal(number, lambda *_: ended.set())
     # The parent's end shows as the end of our input.
     threading.Thread(target=lambda: (sys.stdin.read(), ended.set()), daemon=True).start()
-    proxy = Proxy(name, int(backend), port=port and int(port))
+    proxy = Proxy(arguments.name, arguments.backend, port=arguments.port, tls=arguments.tls)
     try:
         proxy.wait_ready()
         print(proxy.url, flush=True)
@@ -211,8 +262,8 @@ def main(name, backend, port=None):
     finally:
         code = proxy.stop()
     # HAProxy ends by the signal itself.
-    return None if code in (0, -signal.SIGTERM) else f"support.py: {name} ended with {code}"
+    return None if code in (0, -signal.SIGTERM) else f"support.py: {proxy.name} ended with {code}"
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    sys.exit(main())

@@ -14,12 +14,14 @@ import pathlib
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import urllib.parse
 
 import websocket
 
@@ -27,13 +29,15 @@ sys.path += [str(pathlib.Path(__file__).parent.parent / name) for name in ("supp
 import filedrop_server as filedrop
 from filedrop_server import MIB
 from processes import LIMIT_SECONDS, Process, free_port, wait_until
-from support import (DEPLOY, HeadKeeper, Proxy, adapt, backend_connections, find_program,
+from support import (DEPLOY, HeadKeeper, Proxy, activate, adapt, backend_connections, find_program,
                      nginx_files)
 
 PROXY = os.environ.get("WENDREL_PROXY", "nginx")
 ECHO_SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
 DOCS_ECHO = os.environ.get("WENDREL_DOCS_ECHO", "docs_websocket_echo")
 CHAT = os.environ.get("WENDREL_CHAT", "wendrel-chat")
+HELLO = os.environ.get("WENDREL_HELLO", "hello")
+CHAT_CLIENTS = pathlib.Path(__file__).resolve().parents[3] / "scripts" / "demo_chat.py"
 LARGE = 64 * MIB
 UNFETCHED = 1024 * MIB  # far more than the system's socket buffers can hold
 
@@ -41,8 +45,8 @@ UNFETCHED = 1024 * MIB  # far more than the system's socket buffers can hold
 class ProxyCase(unittest.TestCase):
     """Starts the proxy, and sees that it ends well."""
 
-    def start_proxy(self, backend):
-        proxy = Proxy(PROXY, backend)
+    def start_proxy(self, backend, tls=False):
+        proxy = Proxy(PROXY, backend, tls=tls)
         self.addCleanup(self.end_proxy, proxy)
         return proxy.wait_ready()
 
@@ -68,6 +72,12 @@ class Configuration(unittest.TestCase):
         for mark, old in (("addres", "80"), ("port", "80"), ("address", "443")):
             with self.subTest(mark=mark, old=old), self.assertRaises(AssertionError):
                 adapt(text, mark, old, "81")
+
+    def test_lines_that_are_commented_in(self):
+        text = "  #listen 443;   # ADAPT: TLS\n#other 80;\n    #key /k;# ADAPT: TLS"
+        self.assertEqual(activate(text, "TLS"), "  listen 443;\n#other 80;\n    key /k;")
+        with self.assertRaises(AssertionError):
+            activate(text, "TLS 2")
 
     def test_the_file_is_accepted_as_it_is(self):
         if os.geteuid() != 0:
@@ -417,6 +427,115 @@ class WebSockets(ProxyCase):
                 client.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             client.sock.close()
         wait_until(lambda: connections() == 0, "all have left")
+
+
+class Tls(ProxyCase):
+    """With a certificate: the lines that are marked for it are commented in."""
+
+    def start_tls(self, backend):
+        self.proxy = self.start_proxy(backend, tls=True)
+        self.context = ssl.create_default_context(cafile=self.proxy.certificate.certificate)
+
+    def connect(self):
+        connection = http.client.HTTPSConnection("127.0.0.1", self.proxy.port, timeout=LIMIT_SECONDS,
+                                                 context=self.context)
+        self.addCleanup(connection.close)
+        return connection
+
+    def test_hello(self):
+        self.start_tls(self.start_server(HELLO, str(free_port())))
+        connection = self.connect()
+        for name in ("you", "gr%C3%BC%C3%9Fe"):
+            connection.request("GET", f"/hello/{name}")
+            response = connection.getresponse()
+            self.assertEqual(response.status, 200)
+            self.assertEqual(response.read().decode(), f"Hello, {urllib.parse.unquote(name)}!\n")
+
+    def test_the_application_is_told_of_tls(self):
+        keeper = HeadKeeper()
+        self.addCleanup(keeper.close)
+        self.start_tls(keeper.port)
+        connection = self.connect()
+        connection.request("GET", "/", headers={"X-Forwarded-Proto": "http"})
+        self.assertEqual(connection.getresponse().read(), b"ok")
+        self.assertEqual(keeper.take().values("x-forwarded-proto"), ["https"])
+
+    def test_clear_text_and_old_versions_are_refused(self):
+        self.start_tls(self.start_server(HELLO, str(free_port())))
+        with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
+            client.sendall(b"GET /hello/you HTTP/1.1\r\nHost: site.test\r\n\r\n")
+            self.assertNotIn(b"Hello", client.recv(65536))
+        rows = ((ssl.TLSVersion.TLSv1_1, False), (ssl.TLSVersion.TLSv1_2, True), (ssl.TLSVersion.TLSv1_3, True))
+        for version, accepted in rows:
+            with self.subTest(version.name):
+                # The client itself takes the old version, too.
+                self.context.set_ciphers("ALL:@SECLEVEL=0")
+                self.context.minimum_version = ssl.TLSVersion.TLSv1
+                self.context.maximum_version = version
+                connection = self.connect()
+                if accepted:
+                    connection.request("GET", "/hello/you")
+                    self.assertEqual(connection.getresponse().status, 200)
+                else:
+                    with self.assertRaises((ssl.SSLError, ConnectionResetError)):
+                        connection.request("GET", "/hello/you")
+
+    def test_messages_of_a_websocket(self):
+        self.start_tls(self.start_server(ECHO_SERVER))
+        client = websocket.create_connection(f"wss://127.0.0.1:{self.proxy.port}/live", timeout=LIMIT_SECONDS,
+                                             sslopt={"ca_certs": str(self.proxy.certificate.certificate)})
+        self.addCleanup(client.shutdown)
+        for size in WebSockets.sizes:
+            content = os.urandom(size)
+            client.send(content, opcode=websocket.ABNF.OPCODE_BINARY)
+            self.assertTrue(client.recv_data() == (websocket.ABNF.OPCODE_BINARY, content), size)
+        WebSockets.end(client)
+
+    def test_two_people_in_a_room_of_the_chat(self):
+        self.start_tls(self.start_server(CHAT, "--port", str(free_port())))
+        done = subprocess.run([sys.executable, "-B", CHAT_CLIENTS, self.proxy.url,
+                               self.proxy.certificate.certificate],
+                              capture_output=True, text=True, check=False, timeout=4 * LIMIT_SECONDS)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertIn("Bob left; the others were told", done.stdout)
+
+
+class TlsTransfers(ProxyCase, filedrop.ServerCase):
+    """filedrop behind the proxy with a certificate, by HTTP/1.1 and HTTP/2."""
+
+    def start(self, *options):
+        super().start(*options)
+        self.proxy = self.start_proxy(self.server.port, tls=True)
+        self.server.url = self.proxy.url  # for `curl`
+
+    def curl(self, target, *arguments, data=None):
+        return super().curl(target, "--cacert", self.proxy.certificate.certificate, *arguments, data=data)
+
+    def test_uploads_and_downloads(self):
+        self.start()
+        source = filedrop.make_sparse(self.work / "source", LARGE)
+        for option, version in (("--http1.1", b"1.1"), ("--http2", b"2")):
+            with self.subTest(option):
+                target = self.work / "target"
+                version_of = ("-w", "%{http_version}", "-o")
+                upload = self.curl("/files/large.bin", option, "-T", source, *version_of, os.devnull)
+                self.assertEqual((upload.code, upload.status, upload.body), (0, 201, version), upload)
+                self.assertEqual(filedrop.sha256(self.directory / "large.bin"), filedrop.sha256(source))
+                download = self.curl("/files/large.bin", option, *version_of, target)
+                self.assertEqual((download.code, download.status, download.body), (0, 200, version), download)
+                self.assertEqual(filedrop.sha256(target), filedrop.sha256(source))
+                part = self.curl("/files/large.bin", option, "-r", "100-199")
+                self.assertEqual((part.status, part.body), (206, source.read_bytes()[100:200]))
+                self.assertEqual(self.curl("/files/large.bin", option, "-X", "DELETE").status, 204)
+
+    def test_a_chunked_upload_of_unknown_length(self):
+        self.start()
+        content = os.urandom(3 * MIB + 1)
+        for option in ("--http1.1", "--http2"):
+            with self.subTest(option):
+                answer = self.curl("/files/a.bin", option, "-T", "-", data=content)
+                self.assertIn(answer.status, (200, 201), answer)
+                self.assertEqual((self.directory / "a.bin").read_bytes(), content)
 
 
 if __name__ == "__main__":

@@ -73,8 +73,8 @@ export async function stop(process) {
 }
 
 // A proxy configured as in deploy/; `ready` resolves with its address.
-export function startProxy(name, backendPort) {
-    return start(kPython, [kProxyScript, name, String(backendPort)], /http:\/\/\S+/)
+export function startProxy(name, backendPort, ...options) {
+    return start(kPython, [kProxyScript, ...options, name, String(backendPort)], /https?:\/\/\S+/)
 }
 
 export async function waitUntil(condition, what) {
