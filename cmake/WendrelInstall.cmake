@@ -79,7 +79,8 @@ foreach(folder docs package/consumer package/subproject)
 endforeach()
 install(CODE "
     execute_process(
-        COMMAND \"\${CMAKE_COMMAND}\" \"-DFOLDER=\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\"
+        COMMAND \"\${CMAKE_COMMAND}\"
+            \"-DFOLDER=\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\"
             \"-DSOURCE=${PROJECT_SOURCE_DIR}\" -P \"${PROJECT_SOURCE_DIR}/cmake/WendrelInstallPages.cmake\"
         COMMAND_ERROR_IS_FATAL ANY)"
     COMPONENT documentation)

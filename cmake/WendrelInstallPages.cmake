@@ -1,7 +1,7 @@
-# Turns links of installed pages into plain text where they lead to what is not installed, such as
-# sources. Run by `cmake --install` with
-#   FOLDER  where the pages are
-#   SOURCE  the tree they come from: its examples/ are a component of their own
+# Replaces links of installed pages to files that are not installed, such as sources, by their text.
+# Run by `cmake --install` with
+#   FOLDER  the directory of the pages
+#   SOURCE  the source tree; its examples/ belong to another component
 cmake_minimum_required(VERSION 3.25)
 
 # is_installed(result page target): whether the link of a page leads to a file or folder.
@@ -17,7 +17,7 @@ function(is_installed result page target)
     endif()
 endfunction()
 
-# The last link of what is left is looked at first: CMake matches the longest text before it.
+# From the last link to the first: the regular expression matches the longest text before a link.
 function(unlink_page page)
     file(READ ${page} left)
     set(original "${left}")

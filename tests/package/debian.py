@@ -61,7 +61,7 @@ def check_use(root, work):
                   "-DWANTED_COMPONENTS=Kit")
     support.check_greeting(work / "cmake" / "consumer", libraries)
     program = work / "by-pkg-config"
-    # Installed for real, they would be where the linker looks for what a library needs.
+    # The libraries are outside the directories that the linker searches.
     flags = [*support.flags_of(prefix, "wendrel-kit"), f"-Wl,-rpath-link,{libraries}"]
     support.compile_with(flags, prefix / "share/doc/wendrel-doc/examples/hello/main.cpp", program)
     support.check_greeting(program, libraries)

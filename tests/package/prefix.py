@@ -76,7 +76,7 @@ def check_pkg_config(work, prefix):
 
 
 def check_pages(prefix):
-    """The links of installed pages lead to what is installed; links to other files became text."""
+    """Links of installed pages to files that are not installed are replaced by their text."""
     found = list(prefix.glob("share/doc/*/README.md"))
     expect(len(found) == 1, f"{len(found)} folders of pages")
     folder = found[0].parent

@@ -1,6 +1,6 @@
 """Starting nginx and HAProxy with the configurations that this tree delivers.
 
-Only what is marked with "# ADAPT: ..." is changed: addresses, users, and where files are put.
+Only lines marked "# ADAPT: ..." are changed: addresses, users, directories.
 
     python3 support.py [--tls] nginx 8181 [PORT]
 
@@ -90,7 +90,7 @@ def haproxy_configuration(port, backend, certificate=None):
 
 
 class Certificate:
-    """A certificate for 127.0.0.1 and site.test that nobody has signed but its own key."""
+    """A self-signed certificate for 127.0.0.1 and site.test."""
 
     def __init__(self, directory):
         self.certificate = directory / "site.pem"
@@ -110,7 +110,7 @@ def find_program(name):
 
 
 class Proxy:
-    """One nginx or HAProxy in front of what listens on 127.0.0.1:`backend`.
+    """One nginx or HAProxy in front of 127.0.0.1:`backend`.
 
     `change` gets the adapted configuration and returns the one to run. With `tls` it has a
     `certificate`.
@@ -172,8 +172,8 @@ class Proxy:
         return code
 
 
-class HeadKeeper:
-    """A server that keeps the heads of the requests it gets and answers each with 200."""
+class HeadRecorder:
+    """A server that records the head of each request and responds 200."""
 
     def __init__(self):
         self.listener = socket.create_server(("127.0.0.1", 0))
@@ -190,12 +190,12 @@ class HeadKeeper:
                 return  # closed
             with connection:
                 connection.settimeout(LIMIT_SECONDS)
-                head = self._answer(connection)
+                head = self._respond(connection)
             if head and not head.is_health_check():
                 self.heads.put(head)
 
     @staticmethod
-    def _answer(connection):
+    def _respond(connection):
         data = b""
         while b"\r\n\r\n" not in data:
             piece = connection.recv(65536)
