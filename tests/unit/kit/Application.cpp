@@ -184,20 +184,20 @@ TEST_F(ApplicationTest, AnswersForAHandlerThatThrows)
 TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)
 {
     make(1, 2);
-    Gate gate;
-    route("/", [&gate](Request& request) {
-        gate.pass();
+    Latch latch;
+    route("/", [&latch](Request& request) {
+        latch.wait();
         request.reply(200, "text/plain", "text");
     });
     Request& running = arrive("/");
-    ASSERT_TRUE(gate.waitForArrivals(1));
+    ASSERT_TRUE(latch.waitForArrivals(1));
     Request& second = arrive("/");
     Request& third = arrive("/");
     Request& refused = arrive("/");
     EXPECT_TRUE(IsReadyForDaemon(refused));
     EXPECT_EQ(refused.getHead().getHeader("Retry-After"), "1");
     EXPECT_EQ(answer(refused), "503 {\"error\":\"The server is busy.\",\"status\":503}");
-    gate.open();
+    latch.open();
     for (Request* request : {&running, &second, &third})
         EXPECT_EQ(answer(*request), "200 text");
     EXPECT_TRUE(mApplication->drain(kLimit));
@@ -206,17 +206,17 @@ TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)
 TEST_F(ApplicationTest, RefusesWhileItDrainsAndAnswersWhatRuns)
 {
     make(1, 10);
-    Gate gate;
-    route("/", [&gate](Request& request) {
-        gate.pass();
+    Latch latch;
+    route("/", [&latch](Request& request) {
+        latch.wait();
         request.reply(200, "text/plain", "text");
     });
     Request& running = arrive("/");
-    ASSERT_TRUE(gate.waitForArrivals(1));
+    ASSERT_TRUE(latch.waitForArrivals(1));
     Request& queued = arrive("/");
     EXPECT_FALSE(mApplication->drain(std::chrono::milliseconds(0)));
     EXPECT_EQ(answer(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
-    gate.open();
+    latch.open();
     EXPECT_EQ(answer(running), "200 text");
     EXPECT_EQ(answer(queued), "200 text");
     EXPECT_TRUE(mApplication->drain(kLimit));
@@ -236,18 +236,18 @@ TEST_F(ApplicationTest, RefusesWhenItsWorkersHaveStopped)
 TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
 {
     make(1, 10);
-    Gate gate;
+    Latch latch;
     std::promise<bool> aborted;
     route("/", [&](Request& request) {
-        gate.pass();
+        latch.wait();
         aborted.set_value(request.isAborted() && !request.reply(200, "text/plain", "text"));
     });
     Request& request = arrive("/");
-    ASSERT_TRUE(gate.waitForArrivals(1));
+    ASSERT_TRUE(latch.waitForArrivals(1));
     mDaemon->complete(request, MHD_REQUEST_TERMINATED_CLIENT_ABORT);
     EXPECT_FALSE(mApplication->drain(kWhile));
     EXPECT_EQ(CountedRequest::sLive, 1);
-    gate.open();
+    latch.open();
     EXPECT_TRUE(aborted.get_future().get());
     EXPECT_TRUE(mApplication->drain(kLimit));
     EXPECT_EQ(CountedRequest::sLive, 0);
@@ -257,17 +257,17 @@ TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
 TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
 {
     make(1, 10);
-    Gate gates[2];
+    Latch latches[2];
     std::promise<std::thread::id> worker;
     const auto answerWith = [](Request& request) { request.reply(200, "text/plain", "text"); };
     route("/held", answerWith);
     route("/over", [&](Request& request) {
-        gates[0].pass();
+        latches[0].wait();
         answerWith(request);
     });
     route("/last", [&](Request& request) {
         worker.set_value(std::this_thread::get_id());
-        gates[1].pass();
+        latches[1].wait();
         answerWith(request);
     });
 
@@ -282,15 +282,15 @@ TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
     auto& over = static_cast<CountedRequest&>(arrive("/over"));
     auto where = std::make_shared<std::promise<std::thread::id>>();
     over.onDeleted = [where] { where->set_value(std::this_thread::get_id()); };
-    ASSERT_TRUE(gates[0].waitForArrivals(1));  // the worker has left the one before
+    ASSERT_TRUE(latches[0].waitForArrivals(1));  // the worker has left the one before
     mDaemon->complete(held);
     ASSERT_EQ(begun->get_future().wait_for(kLimit), std::future_status::ready);
 
-    gates[0].open();
+    latches[0].open();
     Request& last = arrive("/last");
-    ASSERT_TRUE(gates[1].waitForArrivals(1));
+    ASSERT_TRUE(latches[1].waitForArrivals(1));
     mDaemon->complete(over);
-    gates[1].open();
+    latches[1].open();
     auto deleted = where->get_future();
     EXPECT_EQ(deleted.wait_for(kLimit), std::future_status::ready);
     EXPECT_EQ(deleted.get(), worker.get_future().get());

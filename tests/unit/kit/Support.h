@@ -11,56 +11,24 @@
 
 #include <microhttpd.h>
 #include <qvSystem/qvThread.h>
+#include <support/Waiting.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <utility>
 
 namespace qv::kit::tests
 {
 
-// Far above what a loaded machine needs.
-constexpr std::chrono::seconds kLimit{30};
+using qv::tests::kLimit;
+using qv::tests::Latch;
+using qv::tests::waitUntil;
 
 // Long enough for what must not happen to happen, were it to.
 constexpr std::chrono::milliseconds kWhile{100};
-
-// Holds threads back until it is opened, and tells how many it holds.
-class Gate
-{
-public:
-    void open()
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mOpen = true;
-        mChanged.notify_all();
-    }
-
-    bool pass()
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        ++mArrived;
-        mChanged.notify_all();
-        return mChanged.wait_for(lock, kLimit, [this] { return mOpen; });
-    }
-
-    bool waitForArrivals(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kLimit, [&] { return mArrived >= count; });
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    size_t mArrived = 0;
-    bool mOpen = false;
-};
 
 // Takes all bytes that the daemon could send of an answer now.
 inline std::string TakeSent(HttpBaseRequest& request, bool* ended = nullptr)

@@ -35,17 +35,17 @@ TEST(WorkerPool, RunsAsManyTasksAtOnceAsItHasThreads)
 {
     for (const unsigned int threads : {1u, 2u, 7u}) {
         SCOPED_TRACE(threads);
-        Gate gate;
+        Latch latch;
         WorkerPool pool(threads, 1);
         for (unsigned int i = 0; i < threads; ++i) {
-            ASSERT_TRUE(pool.submit([&gate] { gate.pass(); }));
-            ASSERT_TRUE(gate.waitForArrivals(i + 1));
+            ASSERT_TRUE(pool.submit([&latch] { latch.wait(); }));
+            ASSERT_TRUE(latch.waitForArrivals(i + 1));
         }
         std::atomic<bool> oneMoreRan{false};
         ASSERT_TRUE(pool.submit([&oneMoreRan] { oneMoreRan = true; }));
         EXPECT_EQ(pool.getQueuedCount(), 1u);
         EXPECT_FALSE(oneMoreRan);
-        gate.open();
+        latch.open();
         pool.stop();
         EXPECT_TRUE(oneMoreRan);
     }
@@ -63,7 +63,7 @@ TEST(WorkerPool, RefusesWhatTheQueueCannotHold)
 {
     for (const size_t limit : {size_t(0), size_t(1), size_t(3)}) {
         SCOPED_TRACE(limit);
-        Gate gate;
+        Latch latch;
         std::atomic<size_t> ran{0};
         WorkerPool pool(1, limit);
         if (limit == 0) {
@@ -72,13 +72,13 @@ TEST(WorkerPool, RefusesWhatTheQueueCannotHold)
             EXPECT_EQ(ran, 0u);
             continue;
         }
-        ASSERT_TRUE(pool.submit([&gate] { gate.pass(); }));
-        ASSERT_TRUE(gate.waitForArrivals(1));
+        ASSERT_TRUE(pool.submit([&latch] { latch.wait(); }));
+        ASSERT_TRUE(latch.waitForArrivals(1));
         for (size_t i = 0; i < limit; ++i)
             EXPECT_TRUE(pool.submit([&ran] { ++ran; }));
         EXPECT_FALSE(pool.submit([&ran] { ran += 100; }));
         EXPECT_EQ(pool.getQueuedCount(), limit);
-        gate.open();
+        latch.open();
         pool.stop();
         EXPECT_EQ(ran, limit);
         EXPECT_EQ(pool.getQueuedCount(), 0u);
@@ -87,26 +87,26 @@ TEST(WorkerPool, RefusesWhatTheQueueCannotHold)
 
 TEST(WorkerPool, TakesTasksAgainWhenTheQueueHasEmptied)
 {
-    Gate gate;
+    Latch latch;
     std::promise<void> ran;
     WorkerPool pool(1, 1);
-    ASSERT_TRUE(pool.submit([&gate] { gate.pass(); }));
-    ASSERT_TRUE(gate.waitForArrivals(1));
+    ASSERT_TRUE(pool.submit([&latch] { latch.wait(); }));
+    ASSERT_TRUE(latch.waitForArrivals(1));
     ASSERT_TRUE(pool.submit([&ran] { ran.set_value(); }));
     ASSERT_FALSE(pool.submit([] {}));
-    gate.open();
+    latch.open();
     ASSERT_EQ(ran.get_future().wait_for(kLimit), std::future_status::ready);
     EXPECT_TRUE(pool.submit([] {}));
 }
 
 TEST(WorkerPool, StopRunsWhatIsQueuedAndTakesNothingMore)
 {
-    Gate gate;
+    Latch latch;
     std::atomic<int> ran{0};
     WorkerPool pool(2, 1000);
     for (int i = 0; i < 2; ++i)
-        ASSERT_TRUE(pool.submit([&gate] { gate.pass(); }));
-    ASSERT_TRUE(gate.waitForArrivals(2));
+        ASSERT_TRUE(pool.submit([&latch] { latch.wait(); }));
+    ASSERT_TRUE(latch.waitForArrivals(2));
     for (int i = 0; i < 1000; ++i)
         ASSERT_TRUE(pool.submit([&ran] { ++ran; }));
     std::thread stopper([&pool] { pool.stop(); });
@@ -116,7 +116,7 @@ TEST(WorkerPool, StopRunsWhatIsQueuedAndTakesNothingMore)
         std::this_thread::yield();
     EXPECT_FALSE(pool.submit([&ran] { ran += 10000; }));
     EXPECT_EQ(ran, 0);
-    gate.open();
+    latch.open();
     stopper.join();
     EXPECT_EQ(ran, 1000);
     EXPECT_FALSE(pool.submit([&ran] { ran += 10000; }));

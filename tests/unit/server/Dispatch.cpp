@@ -8,6 +8,7 @@
 #include "streaming/ChunkPool.h"
 #include "streaming/StreamCallbacks.h"
 #include "streaming/Throttle.h"
+#include "support/BackgroundCall.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -21,13 +22,10 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
-#include <future>
 #include <limits>
 #include <memory>
 #include <new>
 #include <stdexcept>
-#include <thread>
 
 namespace qv::tests
 {
@@ -36,15 +34,10 @@ namespace
 {
 
 using Access = impl::DispatchAccess;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr seconds kLimit{30};
-// For what must not happen: long enough that a mistake shows, and no more.
-constexpr milliseconds kAMoment{20};
 constexpr uint32_t kNotReady = Access::kNotReady;
 constexpr uint32_t kReady = Access::kReady;
 constexpr uint32_t kStreamed = Access::kStreamed;
@@ -245,10 +238,9 @@ protected:
     // Whether another thread gets the lock of the request's response device.
     static bool isFree(Exchange& exchange)
     {
-        auto taken = std::async(std::launch::async, [&exchange] {
-            qvMutexLocker locker(&Access::mutex(exchange.response()));
-        });
-        const bool free = taken.wait_for(seconds(5)) == std::future_status::ready;
+        BackgroundCall taken(
+            [&exchange] { qvMutexLocker locker(&Access::mutex(exchange.response())); });
+        const bool free = taken.waitForEnd();
         if (!free)
             Access::mutex(exchange.response()).unlock();  // ours: let the other one end
         return free;
@@ -534,21 +526,14 @@ TEST_F(Dispatch, ThrowsOnANullMethod)
 TEST_F(Dispatch, RequiredTakesTheUploadDurationUnderTheLockOfTheReceiveDevice)
 {
     Exchange& exchange = begin();
-    std::future<MHD_Result> call;
+    std::unique_ptr<BackgroundCall> call;
     {
         qvMutexLocker locker(&Access::mutex(exchange.receive()));
-        std::promise<void> calling;
-        call = std::async(std::launch::async, [&] {
-            calling.set_value();
-            return laterCall(exchange);
-        });
-        calling.get_future().wait();
-        // Gives the other thread the time to come to the lock. The verdict does not depend on it.
-        for (int i = 0; i < 1000; ++i)
-            std::this_thread::yield();
+        call = std::make_unique<BackgroundCall>([&] { EXPECT_EQ(laterCall(exchange), MHD_YES); });
+        EXPECT_TRUE(call->isBlocked());
         time.advanceMs(50);
     }
-    EXPECT_EQ(call.get(), MHD_YES);
+    EXPECT_TRUE(call->waitForEnd());
     EXPECT_EQ(exchange.request->getReceiveDurationMs(), 50);
 }
 
@@ -741,13 +726,14 @@ TEST_F(Dispatch, TellsTheEndOfTheUploadByItsSizeAlone)
 TEST_F(Dispatch, FeedsUnderTheReceiveDevicesLock)
 {
     Exchange& exchange = begin();
-    std::future<MHD_Result> fed;
+    std::unique_ptr<BackgroundCall> feeding;
     {
         qvMutexLocker locker(&Access::mutex(exchange.receive()));
-        fed = std::async(std::launch::async, [&] { return upload(exchange, "data"); });
-        EXPECT_EQ(fed.wait_for(kAMoment), std::future_status::timeout);
+        feeding =
+            std::make_unique<BackgroundCall>([&] { EXPECT_EQ(upload(exchange, "data"), MHD_YES); });
+        EXPECT_TRUE(feeding->isBlocked());
     }
-    EXPECT_EQ(fed.get(), MHD_YES);
+    EXPECT_TRUE(feeding->waitForEnd());
 }
 
 // Calls without body data.
@@ -755,15 +741,15 @@ TEST_F(Dispatch, FeedsUnderTheReceiveDevicesLock)
 TEST_F(Dispatch, EndsTheUploadUnderTheReceiveDevicesLock)
 {
     Exchange& exchange = begin();
-    std::future<MHD_Result> ended;
+    std::unique_ptr<BackgroundCall> ending;
     {
         qvMutexLocker locker(&Access::mutex(exchange.receive()));
-        ended = std::async(std::launch::async, [&] { return laterCall(exchange); });
-        EXPECT_EQ(ended.wait_for(kAMoment), std::future_status::timeout);
+        ending = std::make_unique<BackgroundCall>([&] { EXPECT_EQ(laterCall(exchange), MHD_YES); });
+        EXPECT_TRUE(ending->isBlocked());
         EXPECT_EQ(exchange.request->getReceiveDurationMs(), 0);
         EXPECT_EQ(exchange.request->responseAsked, 0);
     }
-    EXPECT_EQ(ended.get(), MHD_YES);
+    EXPECT_TRUE(ending->waitForEnd());
 }
 
 TEST_F(Dispatch, MeasuresTheUploadOnEveryCall)
@@ -814,11 +800,9 @@ TEST_F(Dispatch, LooksWithoutTheLockFirst)
 {
     Exchange& exchange = begin();
     qvMutexLocker locker(&Access::mutex(exchange.response()));
-    auto looked = std::async(std::launch::async, [&] { return laterCall(exchange); });
-    const bool returned = looked.wait_for(kLimit) == std::future_status::ready;
+    BackgroundCall look([&] { EXPECT_EQ(laterCall(exchange), MHD_YES); });
+    EXPECT_TRUE(look.waitForEnd());
     locker.unlock();
-    EXPECT_TRUE(returned);
-    EXPECT_EQ(looked.get(), MHD_YES);
 }
 
 TEST_F(Dispatch, DecidesUnderTheLock)
@@ -836,27 +820,20 @@ TEST_F(Dispatch, DecidesUnderTheLock)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Exchange& exchange = beginReady("body", true);
-        std::promise<void> asked;
-        exchange.request->onResponseAsked = [&] { asked.set_value(); };
-        struct Outcome
-        {
-            MHD_Result result;
-            bool reset;
-        };
-        std::future<Outcome> called;
+        Latch asked;
+        exchange.request->onResponseAsked = [&] { asked.open(); };
+        std::unique_ptr<BackgroundCall> call;
         {
             qvMutexLocker locker(&Access::mutex(exchange.response()));
-            called = std::async(std::launch::async, [&] {
-                const MHD_Result result = laterCall(exchange);
-                return Outcome{result, throttleIsReset()};
+            call = std::make_unique<BackgroundCall>([&] {
+                EXPECT_EQ(laterCall(exchange), MHD_YES);
+                EXPECT_EQ(throttleIsReset(), !row.waits);
             });
-            EXPECT_EQ(asked.get_future().wait_for(kLimit), std::future_status::ready);
-            EXPECT_EQ(called.wait_for(kAMoment), std::future_status::timeout);
+            EXPECT_TRUE(asked.wait());
+            EXPECT_TRUE(call->isBlocked());
             Access::responseState(exchange.response()) = row.state;
         }
-        const Outcome outcome = called.get();
-        EXPECT_EQ(outcome.result, MHD_YES);
-        EXPECT_EQ(outcome.reset, !row.waits);
+        EXPECT_TRUE(call->waitForEnd());
         EXPECT_EQ(exchange.state(), row.state);
         EXPECT_THAT(daemon.calls(), IsEmpty());
         EXPECT_TRUE(isFree(exchange));

@@ -2,6 +2,7 @@
 
 #include "server/Dispatch.h"
 #include "streaming/ChunkPool.h"
+#include "support/BackgroundCall.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -17,7 +18,6 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <future>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -25,6 +25,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <unistd.h>
 
 namespace qv::tests
 {
@@ -60,16 +61,9 @@ namespace qv::tests
 namespace
 {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Parameters = http::HttpServer::Parameters;
-
-constexpr unsigned long kLimitMs = 30000;
-constexpr seconds kLimit{30};
-// For what must not happen: long enough that a mistake shows, and no more.
-constexpr milliseconds kAMoment{20};
 
 const LogLine kNotInitialized{5, "", "Wendrel is not initialized", true};
 const LogLine kNoPoll{
@@ -78,23 +72,6 @@ const LogLine kNoEpoll{4, "", "epoll is not supported, performance might be degr
 const LogLine kNoDaemon{5, "", "Failed to create mhd server context", true};
 const LogLine kStarting{2, "httpserver", "Starting http server : listen @8181, with flags 0x10009",
                         false};
-
-// Something that happens, at least once, and can be waited for.
-class Event
-{
-public:
-    void set()
-    {
-        if (!mSet.exchange(true))
-            mPromise.set_value();
-    }
-    bool wait() const { return mFuture.wait_for(kLimit) == std::future_status::ready; }
-
-private:
-    std::atomic<bool> mSet{false};
-    std::promise<void> mPromise;
-    std::shared_future<void> mFuture{mPromise.get_future().share()};
-};
 
 // The thread body, to be called by a test on its own thread.
 class OpenServer : public http::HttpServer
@@ -110,14 +87,14 @@ class LingeringServer : public http::HttpServer
 public:
     using HttpServer::HttpServer;
 
-    Event isDone;
-    Event mayLeave;
+    Latch isDone;
+    Latch mayLeave;
 
 protected:
     void run() override
     {
         HttpServer::run();
-        isDone.set();
+        isDone.open();
         mayLeave.wait();
     }
 };
@@ -143,9 +120,9 @@ protected:
     // Returns once the server thread waits for the stop.
     void startAndWait(const Parameters& parameters = {})
     {
-        auto waiting = std::make_shared<Event>();
+        auto waiting = std::make_shared<Latch>();
         time.onWait([waiting](FakeTime::Wait&) {
-            waiting->set();
+            waiting->open();
             std::this_thread::yield();
         });
         server->startServer(parameters);
@@ -398,14 +375,14 @@ TEST_F(HttpServer, NeverReadsTheReservedParameters)
 
 TEST_F(HttpServer, CopiesTheParameters)
 {
-    Event goOn;
+    Latch goOn;
     daemon.onCall("MHD_is_feature_supported", [&] { EXPECT_TRUE(goOn.wait()); });
     auto parameters = std::make_unique<Parameters>();
     parameters->port = 4000;
     server->startServer(*parameters);
     parameters->port = 5000;
     parameters.reset();
-    goOn.set();
+    goOn.open();
     server->stopServer(true);
     ASSERT_EQ(daemon.starts().size(), 1u);
     EXPECT_EQ(daemon.starts()[0].port, 4000);
@@ -510,11 +487,11 @@ TEST_F(HttpServer, WaitsInSlicesOf200Milliseconds)
 
 TEST_F(HttpServer, NoticesTheStopAlsoWithoutBeingWoken)
 {
-    Event waiting;
-    Event stopRequested;
+    Latch waiting;
+    Latch stopRequested;
     time.onWait([&](FakeTime::Wait& wait) {
         if (wait.number == 0) {
-            waiting.set();
+            waiting.open();
             EXPECT_TRUE(stopRequested.wait());
             wait.woken = false;
         }
@@ -522,7 +499,7 @@ TEST_F(HttpServer, NoticesTheStopAlsoWithoutBeingWoken)
     server->startServer({});
     ASSERT_TRUE(waiting.wait());
     server->stopServer(false);
-    stopRequested.set();
+    stopRequested.open();
     ASSERT_TRUE(server->waitThread(kLimitMs));
     EXPECT_THAT(time.waitTimeOuts(), ElementsAre(200));
 }
@@ -616,14 +593,14 @@ TEST_F(HttpServer, StartsWhenTheRunBeforeHasLeftItsThread)
     ASSERT_TRUE(lingering.isDone.wait());
     EXPECT_EQ(lingering.getState(), http::HttpServer::Stopped);
 
-    auto waiting = std::make_shared<Event>();
+    auto waiting = std::make_shared<Latch>();
     time.onWait([waiting](FakeTime::Wait&) {
-        waiting->set();
+        waiting->open();
         std::this_thread::yield();
     });
-    auto started = std::async(std::launch::async, [&] { lingering.startServer({}); });
-    EXPECT_EQ(started.wait_for(kAMoment), std::future_status::timeout);
-    lingering.mayLeave.set();
+    BackgroundCall started([&] { lingering.startServer({}); });
+    EXPECT_TRUE(started.isBlocked());
+    lingering.mayLeave.open();
     EXPECT_TRUE(waiting->wait());
     EXPECT_EQ(lingering.getState(), http::HttpServer::Running);
     lingering.stopServer(true);
@@ -647,13 +624,13 @@ TEST_F(HttpServer, HasChunksOfBodiesKeptWhileItRuns)
 
 TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)
 {
-    Event goOn;
+    Latch goOn;
     application->onStopped = [&] { EXPECT_TRUE(goOn.wait()); };
     startAndWait();
     server->stopServer(false);
     EXPECT_FALSE(server->waitThread(0));
     EXPECT_TRUE(server->isStopRequested());
-    goOn.set();
+    goOn.open();
     ASSERT_TRUE(server->waitThread(kLimitMs));
     EXPECT_EQ(server->getState(), http::HttpServer::Stopped);
     EXPECT_EQ(daemon.stops().size(), 1u);
@@ -661,8 +638,10 @@ TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)
 
 TEST_F(HttpServer, HasEndedWhenAStopWithWaitReturns)
 {
-    // The daemon takes its time.
-    daemon.onCall("MHD_stop_daemon", [] { std::this_thread::sleep_for(kAMoment); });
+    // The daemon stops only after the caller has begun to wait.
+    daemon.onCall("MHD_stop_daemon", [caller = ::gettid()] {
+        EXPECT_TRUE(waitUntil([caller] { return isThreadAsleep(caller); }));
+    });
     startAndWait();
     server->stopServer(true);
     EXPECT_EQ(server->getState(), http::HttpServer::Stopped);
@@ -685,7 +664,7 @@ TEST_F(HttpServer, MayBeStoppedAtAnyTimeAndMoreThanOnce)
 TEST_F(HttpServer, StopsOnlyTheRunThatItFound)
 {
     startAndWait();
-    auto stopped = std::async(std::launch::async, [&] {
+    BackgroundCall stop([&] {
         // Another thread would start it again at this moment.
         tBeforeWaitThread = [&] {
             while (server->getState() != http::HttpServer::Stopped)
@@ -694,7 +673,7 @@ TEST_F(HttpServer, StopsOnlyTheRunThatItFound)
         };
         server->stopServer(true);
     });
-    EXPECT_EQ(stopped.wait_for(kLimit / 2), std::future_status::ready);
+    EXPECT_TRUE(stop.waitForEnd());
     EXPECT_FALSE(server->isStopRequested());
     server->stopServer(true);
     EXPECT_EQ(daemon.starts().size(), 2u);
@@ -706,13 +685,13 @@ TEST_F(HttpServer, HoldsItsLockExceptWhileItWaits)
     for (const char* where :
          {"MHD_is_feature_supported", "MHD_start_daemon", "MHD_stop_daemon", "onServerStopped"}) {
         SCOPED_TRACE(where);
-        std::future<void> stop;
-        std::future_status status = std::future_status::ready;
+        std::unique_ptr<BackgroundCall> stop;
+        bool wasBlocked = false;
         const auto tryLock = [&] {
-            if (stop.valid())
+            if (stop)
                 return;
-            stop = std::async(std::launch::async, [&] { server->stopServer(false); });
-            status = stop.wait_for(kAMoment);
+            stop = std::make_unique<BackgroundCall>([&] { server->stopServer(false); });
+            wasBlocked = stop->isBlocked();
         };
         RecordingDaemon* record = &daemon;
         record->onCall("MHD_is_feature_supported", nullptr);
@@ -730,9 +709,9 @@ TEST_F(HttpServer, HoldsItsLockExceptWhileItWaits)
             std::strcmp(where, "onServerStopped") == 0)
             server->stopServer(true);
         ASSERT_TRUE(server->waitThread(kLimitMs));
-        ASSERT_TRUE(stop.valid());
-        EXPECT_EQ(status, std::future_status::timeout);
-        ASSERT_EQ(stop.wait_for(kLimit), std::future_status::ready);
+        ASSERT_TRUE(stop);
+        EXPECT_TRUE(wasBlocked);
+        ASSERT_TRUE(stop->waitForEnd());
         EXPECT_EQ(server->getState(), http::HttpServer::Stopped);
     }
 }
@@ -850,8 +829,8 @@ TEST_F(HttpServer, LeavesItsLockFreeAfterAFailure)
 {
     daemon.fail("MHD_start_daemon");
     startAndFail();
-    auto stop = std::async(std::launch::async, [&] { server->stopServer(true); });
-    EXPECT_EQ(stop.wait_for(kLimit), std::future_status::ready);
+    BackgroundCall stop([&] { server->stopServer(true); });
+    EXPECT_TRUE(stop.waitForEnd());
     daemon.clearCalls();
     server.reset();
     EXPECT_THAT(daemon.calls(), ElementsAre("~HttpServerImpl"));
@@ -863,8 +842,8 @@ TEST(HttpServerInRealTime, StartsAndStops)
     {
         RecordingDaemon daemon;
         const CapturedLog log;
-        Event started;
-        daemon.onCall("MHD_start_daemon", [&] { started.set(); });
+        Latch started;
+        daemon.onCall("MHD_start_daemon", [&] { started.open(); });
         http::HttpServer server(new RecordingApplication(daemon));
         server.startServer({});
         ASSERT_TRUE(started.wait());

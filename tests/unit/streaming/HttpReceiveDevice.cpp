@@ -1,6 +1,7 @@
 // The receive device: what a reader gets and when, how long it waits, who is told meanwhile.
 // The hook of a wait plays the daemon thread.
 
+#include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
 
@@ -11,9 +12,8 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
-#include <future>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -32,7 +32,6 @@ using ::testing::SizeIs;
 
 constexpr size_t kChunk = 65536;
 constexpr int64_t kIdleMs = 360000;
-constexpr auto kLockLimit = std::chrono::seconds(20);
 const char* const kIdleError = "Wait too long without incoming data";
 
 uint64_t Feed(HttpBaseRequest& request, const std::string& bytes)
@@ -562,22 +561,17 @@ TEST(HttpReceiveDevice, CallbackAndListenerRunWithoutTheMutexFirstAndWithItLater
     FakeTime time;
     WorkerRequest request;
     qvMutex& mutex = DispatchAccess::mutex(request.getReceiveDevice());
-    std::future<void> locked;
+    std::unique_ptr<BackgroundCall> locking;
     std::vector<bool> held;
     request.listener.action = [&] {
-        if (locked.valid())
-            locked.get();
-        locked = std::async(std::launch::async, [&] { qvMutexLocker locker(&mutex); });
-        if (request.listener.calls == 1) {
-            held.push_back(locked.wait_for(kLockLimit) == std::future_status::timeout);
-        } else {
-            held.push_back(locked.wait_for(std::chrono::milliseconds(50)) ==
-                           std::future_status::timeout);
-        }
+        locking = std::make_unique<BackgroundCall>([&] { qvMutexLocker locker(&mutex); });
+        if (request.listener.calls == 1)
+            held.push_back(!locking->waitForEnd());
+        else
+            held.push_back(locking->isBlocked());
     };
     time.onWait([&](FakeTime::Wait&) {
-        EXPECT_EQ(locked.wait_for(kLockLimit),
-                  std::future_status::ready);  // the mutex is released while the reader waits
+        EXPECT_TRUE(locking->waitForEnd());  // the mutex is released while the reader waits
         EndFeed(request);
     });
     Read(request, 10);
@@ -592,12 +586,9 @@ TEST(HttpReceiveDevice, RequiredResetTakesNoLock)
     EndFeed(request);
     Read(request, 100);
     qvMutexLocker locker(&DispatchAccess::mutex(device));
-    auto reset = std::async(std::launch::async, [&device] { device.reset(); });
-    if (reset.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-        ADD_FAILURE() << "waits for the lock";
-        locker.unlock();
-    }
-    reset.get();
+    BackgroundCall reset([&device] { device.reset(); });
+    EXPECT_TRUE(reset.waitForEnd()) << "waits for the lock";
+    locker.unlock();
     EXPECT_FALSE(device.atEnd());
 }
 
@@ -743,15 +734,17 @@ TEST(HttpReceiveDeviceThreads, ReadTakesTheMutexAndTheQueriesDoNot)
     HttpReceiveDevice& device = request.getReceiveDevice();
     Feed(request, "0123456789");
     EndFeed(request);
-    std::future<std::string> read;
+    std::string read;
+    std::unique_ptr<BackgroundCall> reading;
     {
         qvMutexLocker locker(&DispatchAccess::mutex(device));
         EXPECT_FALSE(device.atEnd());  // would never return
         EXPECT_EQ(device.getReceivedBytes(), 0u);
-        read = std::async(std::launch::async, [&] { return Read(request, 10); });
-        EXPECT_EQ(read.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+        reading = std::make_unique<BackgroundCall>([&] { read = Read(request, 10); });
+        EXPECT_TRUE(reading->isBlocked());
     }
-    EXPECT_EQ(read.get(), "0123456789");
+    EXPECT_TRUE(reading->waitForEnd());
+    EXPECT_EQ(read, "0123456789");
 }
 
 TEST(HttpReceiveDeviceThreads, WaitingReaderIsWokenByTheEnd)

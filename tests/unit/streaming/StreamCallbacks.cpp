@@ -2,6 +2,7 @@
 
 #include "streaming/StreamCallbacks.h"
 
+#include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
 
@@ -15,10 +16,9 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
-#include <future>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -287,19 +287,17 @@ TEST_F(RequestCompletedTest, ApplicationIsToldUnderTheResponseDevicesMutexBefore
     bool connectionCleared = false;
     bool completed = false;
     bool inError = true;
-    std::future<void> locked;
+    std::unique_ptr<BackgroundCall> locking;
     mOnCompleted = [&] {
-        locked = std::async(std::launch::async, [&] {
-            qvMutexLocker locker(&DispatchAccess::mutex(mRequest.getResponseDevice()));
-        });
-        othersLockOut =
-            locked.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+        locking = std::make_unique<BackgroundCall>(
+            [&] { qvMutexLocker locker(&DispatchAccess::mutex(mRequest.getResponseDevice())); });
+        othersLockOut = locking->isBlocked();
         connectionCleared = DispatchAccess::connection(mRequest) == nullptr;
         completed = DispatchAccess::completed(mRequest);
         inError = mRequest.getResponseDevice().hasDeviceError();
     };
     complete(5);
-    locked.get();
+    EXPECT_TRUE(locking->waitForEnd());
     EXPECT_TRUE(othersLockOut);
     EXPECT_TRUE(connectionCleared);
     EXPECT_TRUE(completed);
@@ -324,22 +322,22 @@ TEST_F(RequestCompletedTest, TheRequestIsToldAfterTheApplicationUnderTheSameLock
         CompletedRequest request;
         std::vector<int> told;
         mOnCompleted = [&] { told.push_back(-1); };
-        std::future<void> locked;
+        std::unique_ptr<BackgroundCall> locking;
         request.action = [&](int terminationCode) {
             told.push_back(terminationCode);
             EXPECT_TRUE(DispatchAccess::completed(request));
             EXPECT_EQ(DispatchAccess::connection(request), nullptr);
             EXPECT_FALSE(request.getResponseDevice().hasDeviceError());
-            locked = std::async(std::launch::async, [&] {
+            locking = std::make_unique<BackgroundCall>([&] {
                 qvMutexLocker locker(&DispatchAccess::mutex(request.getResponseDevice()));
                 told.push_back(-2);
             });
-            std::this_thread::yield();
+            EXPECT_TRUE(locking->isBlocked());
         };
         void* slot = ContextOf(request);
         impl::RequestCompleted(&mServer, connection(), &slot,
                                static_cast<MHD_RequestTerminationCode>(code));
-        locked.get();
+        EXPECT_TRUE(locking->waitForEnd());
         EXPECT_THAT(told, ElementsAre(-1, static_cast<int>(code), -2));
         EXPECT_EQ(request.getResponseDevice().hasDeviceError(), code >= 1 && code <= 5);
     }

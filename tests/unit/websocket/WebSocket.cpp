@@ -3,6 +3,7 @@
 
 #include "websocket/Support.h"
 
+#include "support/BackgroundCall.h"
 #include "support/FaultySockets.h"
 #include "support/VirtualSlot.h"
 
@@ -447,16 +448,16 @@ TEST(WebSocketSending, HoldsTheLockMeanwhile)
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     Write(connection, ToBytes("first"));
-    std::future<void> other;
+    std::unique_ptr<BackgroundCall> other;
     sockets.onCall([&](const FaultySockets::Attempt& attempt) {
         if (attempt.number == 0) {
-            other = std::async(std::launch::async, [&] { Write(connection, ToBytes("second")); });
-            EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+            other = std::make_unique<BackgroundCall>([&] { Write(connection, ToBytes("second")); });
+            EXPECT_TRUE(other->isBlocked());
         }
         return std::nullopt;
     });
     EXPECT_TRUE(connection.sendDataIfAvailable());
-    other.get();
+    EXPECT_TRUE(other->waitForEnd());
     EXPECT_THAT(ServerMessages(SendAll(connection, ends)),
                 ElementsAre(Binary(ToBytes("first")), Binary(ToBytes("second"))));
 }

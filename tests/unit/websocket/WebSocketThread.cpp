@@ -1,5 +1,6 @@
 // The poll thread and its workers, over socket pairs.
 
+#include "support/BackgroundCall.h"
 #include "support/CapturedLog.h"
 #include "support/FaultySockets.h"
 #include "support/VirtualSlot.h"
@@ -13,7 +14,6 @@
 #include <cstdlib>
 #include <deque>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,14 +37,10 @@ using http::WebSocketThread;
 using http::WebSocketWorkerThread;
 using Access = WebSocketAccess;
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-constexpr seconds kLimit{30};
-// For what must not happen: long enough that a mistake shows, and no more.
-constexpr milliseconds kAMoment{20};
 constexpr uint8_t kText = 0x81;
 constexpr uint8_t kBroken = 0x83;  // an opcode that ends the connection
 
@@ -113,29 +109,6 @@ private:
     std::condition_variable mChanged;
     std::vector<std::string> mLines;
     uint64_t mEvents = 0;
-};
-
-// Holds threads back until it is opened; so long at most as a test waits.
-class Gate
-{
-public:
-    void open()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOpen = true;
-        mChanged.notify_all();
-    }
-
-    bool pass()
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kLimit, [this] { return mOpen; });
-    }
-
-private:
-    std::mutex mMutex;  // guards all below
-    std::condition_variable mChanged;
-    bool mOpen = false;
 };
 
 // Writes its messages and its end into the journal.
@@ -331,21 +304,11 @@ protected:
     // Whether another thread is kept from the lock of the threads.
     bool isLocked()
     {
-        auto taken = std::make_shared<std::promise<void>>();
-        auto future = taken->get_future();
-        lockers.emplace_back([this, taken] {
-            qvMutexLocker locker(&Access::lock(*threads));
-            taken->set_value();
-        });
-        return future.wait_for(kAMoment) == std::future_status::timeout;
+        return lockers.emplace_back([this] { qvMutexLocker locker(&Access::lock(*threads)); })
+            .isBlocked();
     }
 
-    void joinLockers()
-    {
-        for (std::thread& thread : lockers)
-            thread.join();
-        lockers.clear();
-    }
+    void joinLockers() { lockers.clear(); }
 
     std::string nameOf(int fd)
     {
@@ -382,7 +345,7 @@ protected:
     std::mutex namesMutex;
     std::map<int, std::string> names;  // of the connections, by their socket
     std::deque<Peer> peers;
-    std::vector<std::thread> lockers;
+    std::deque<BackgroundCall> lockers;
     std::atomic<size_t> alive{0};  // connections that were given to the threads
     std::unique_ptr<WebSocketThread> threads;
     bool mayHold = false;
@@ -416,7 +379,7 @@ TEST_F(WebSocketThreadTest, SleepsWithoutConnectionsAndDoesNotPoll)
 {
     start(0);
     ASSERT_TRUE(isIdle());
-    std::this_thread::sleep_for(kAMoment);
+    ASSERT_TRUE(waitUntilOthersSleep());
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 0u);
 
     pollFirst({{0}, {POLLERR}});
@@ -424,7 +387,7 @@ TEST_F(WebSocketThreadTest, SleepsWithoutConnectionsAndDoesNotPoll)
     ASSERT_TRUE(journal.waitFor("~a"));
     ASSERT_TRUE(isIdle());
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
-    std::this_thread::sleep_for(kAMoment);
+    ASSERT_TRUE(waitUntilOthersSleep());
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
 }
 
@@ -490,9 +453,9 @@ TEST_F(WebSocketThreadTest, PollsASilentConnectionAgainAndAgain)
 TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
 {
     // The thread goes on polling when this test has ended.
-    const auto gate = std::make_shared<Gate>();
-    onPoll([gate](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
-        gate->pass();
+    const auto latch = std::make_shared<Latch>();
+    onPoll([latch](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
+        latch->wait();
         return std::nullopt;
     });
     start(0);
@@ -500,7 +463,7 @@ TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
     ASSERT_TRUE(journal.waitFor("poll a"));
     add("b");
     EXPECT_EQ(Access::newCount(*threads), 1u);
-    gate->open();
+    latch->open();
     ASSERT_TRUE(journal.waitFor("poll b a"));
     EXPECT_THAT(journal.lines(), ElementsAre("poll a", "poll b a"));
 }
@@ -640,7 +603,7 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
         give(peers.back());
         start(1);
         ASSERT_TRUE(journal.waitFor("~b"));
-        ASSERT_TRUE(threads->waitThread(30000));
+        ASSERT_TRUE(threads->waitThread(kLimitMs));
         // Destroyed, but not closed.
         EXPECT_THAT(journal.lines(), ElementsAre("poll a b", "~a", "~b"));
         EXPECT_THAT(daemon.closedHandles(), IsEmpty());
@@ -652,7 +615,7 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
         // What comes is kept and not polled; the lock is free.
         add("later");
         EXPECT_EQ(Access::newCount(*threads), 2u);
-        std::this_thread::sleep_for(kAMoment);
+        ASSERT_TRUE(waitUntilOthersSleep());
         EXPECT_EQ(sockets.count(FaultySockets::Poll), 1u);
         mayHold = false;  // nothing has gone to the worker
         threads->stopThreads(true);
@@ -674,7 +637,7 @@ TEST_F(WebSocketThreadTest, PollsAgainAfterAFailureOnlyWhenStartedWithoutWorkers
         start(workers);
         add("a");
         ASSERT_TRUE(journal.wait([&] { return sockets.count(FaultySockets::Poll) == 1; }));
-        ASSERT_TRUE(threads->waitThread(30000));
+        ASSERT_TRUE(threads->waitThread(kLimitMs));
         sockets.passThrough();
         onPoll(nullptr);
         journal.clear();
@@ -683,7 +646,7 @@ TEST_F(WebSocketThreadTest, PollsAgainAfterAFailureOnlyWhenStartedWithoutWorkers
         if (workers == 0) {
             ASSERT_TRUE(journal.waitFor("poll b"));
         } else {
-            std::this_thread::sleep_for(kAMoment);
+            ASSERT_TRUE(waitUntilOthersSleep());
             EXPECT_FALSE(journal.has("poll b"));
         }
         mayHold = false;
@@ -818,7 +781,7 @@ TEST_F(WebSocketThreadTest, KeepsAConnectionThatItHasClosedUntilTheNextOne)
         start(1);
         ASSERT_TRUE(journal.waitFor("close"));
         ASSERT_TRUE(isIdle());
-        std::this_thread::sleep_for(kAMoment);
+        ASSERT_TRUE(waitUntilOthersSleep());
         EXPECT_FALSE(journal.has("~failed"));
         EXPECT_EQ(journal.has("failed: hello"), row.isRead);
         EXPECT_EQ(lastClosed(), failed.handle());
@@ -954,14 +917,14 @@ TEST_F(WebSocketThreadTest, WaitsForAReadyConnection)
 {
     Peer& peer = connect("a");
     std::unique_ptr<WebSocket> mine;
-    auto got = std::async(std::launch::async, [&] { threads->getFirstWebSocket(mine); });
-    EXPECT_EQ(got.wait_for(kAMoment), std::future_status::timeout);
+    BackgroundCall call([&] { threads->getFirstWebSocket(mine); });
+    EXPECT_TRUE(call.isBlocked());
     WebSocket* given = peer.own.get();
     peer.socket->setReadEnabled(true);
     threads->giveBackWebSocket(peer.own);
-    EXPECT_EQ(got.wait_for(kLimit), std::future_status::ready);
+    EXPECT_TRUE(call.waitForEnd());
     threads->stopThreads(false);  // should it still wait
-    got.wait();
+    EXPECT_TRUE(call.waitForEnd());
     EXPECT_EQ(mine.get(), given);
 }
 
@@ -969,10 +932,10 @@ TEST_F(WebSocketThreadTest, StopsWaitingWhenItIsStopped)
 {
     Peer& peer = connect("a");
     const WebSocket* before = peer.own.get();
-    auto got = std::async(std::launch::async, [&] { threads->getFirstWebSocket(peer.own); });
-    EXPECT_EQ(got.wait_for(kAMoment), std::future_status::timeout);
+    BackgroundCall call([&] { threads->getFirstWebSocket(peer.own); });
+    EXPECT_TRUE(call.isBlocked());
     threads->stopThreads(false);
-    ASSERT_EQ(got.wait_for(kLimit), std::future_status::ready);
+    ASSERT_TRUE(call.waitForEnd());
     EXPECT_EQ(peer.own.get(), before);
 }
 
@@ -1085,7 +1048,7 @@ TEST_F(WebSocketThreadTest, EndsAtOnceWhenStartedAfterTheStop)
     give(peer);
     threads->stopThreads(true);  // there is nothing to wait for
     threads->startThreads(2);
-    EXPECT_TRUE(threads->waitThread(30000));
+    EXPECT_TRUE(threads->waitThread(kLimitMs));
     EXPECT_EQ(Access::workerCount(*threads), 2u);
     EXPECT_TRUE(journal.wait([&] {
         return Access::hasWorkerEnded(*threads, 0) && Access::hasWorkerEnded(*threads, 1);
@@ -1095,9 +1058,9 @@ TEST_F(WebSocketThreadTest, EndsAtOnceWhenStartedAfterTheStop)
 
 TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
 {
-    Gate gate;
+    Latch latch;
     onPoll([&](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
-        gate.pass();
+        latch.wait();
         return std::nullopt;
     });
     start(1);
@@ -1105,11 +1068,11 @@ TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
     ASSERT_TRUE(journal.waitFor("poll a"));
     threads->stopThreads(false);
     EXPECT_FALSE(threads->waitThread(0));
-    auto stopped = std::async(std::launch::async, [this] { threads->stopThreads(true); });
-    EXPECT_EQ(stopped.wait_for(kAMoment), std::future_status::timeout);
+    BackgroundCall stop([this] { threads->stopThreads(true); });
+    EXPECT_TRUE(stop.isBlocked());
     EXPECT_FALSE(threads->waitThread(0));
-    gate.open();
-    EXPECT_EQ(stopped.wait_for(kLimit), std::future_status::ready);
+    latch.open();
+    EXPECT_TRUE(stop.waitForEnd());
     EXPECT_TRUE(threads->waitThread(0));
     EXPECT_TRUE(Access::hasWorkerEnded(*threads, 0));
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 1u);
@@ -1118,9 +1081,9 @@ TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
 
 TEST_F(WebSocketThreadTest, FinishesItsCycleWhenItIsStopped)
 {
-    Gate gate;
+    Latch latch;
     onPoll([&](pollfd* entries, size_t count) -> std::optional<FaultySockets::Outcome> {
-        gate.pass();
+        latch.wait();
         EXPECT_EQ(count, 3u);
         entries[0].revents = 0;
         entries[1].revents = POLLIN;
@@ -1135,7 +1098,7 @@ TEST_F(WebSocketThreadTest, FinishesItsCycleWhenItIsStopped)
     start(1);
     ASSERT_TRUE(journal.waitFor("poll silent reads gone"));
     threads->stopThreads(false);
-    gate.open();
+    latch.open();
     mayHold = false;
     threads->stopThreads(true);
     EXPECT_THAT(journal.lines(), ElementsAre("poll silent reads gone", "close", "~gone"));
@@ -1197,7 +1160,7 @@ TEST_F(WebSocketThreadTest, LeavesReadyConnectionsWaitingWithoutWorkers)
     ASSERT_TRUE(journal.wait([&] { return Access::readyCount(*threads) == 2; }));
     ASSERT_TRUE(isIdle());
     threads->startThreads(0);  // the poll thread goes on
-    std::this_thread::sleep_for(kAMoment);
+    ASSERT_TRUE(waitUntilOthersSleep());
     EXPECT_EQ(Access::workerCount(*threads), 0u);
     EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
     EXPECT_EQ(Access::readyCount(*threads), 2u);
@@ -1241,7 +1204,7 @@ TEST_F(WebSocketThreadTest, WakesAWorkerForAConnectionThatIsGivenBack)
     give(first);
     ASSERT_TRUE(journal.waitFor("first: hello"));
     ASSERT_TRUE(isAllPolled());  // both workers wait, or are about to
-    std::this_thread::sleep_for(kAMoment);
+    EXPECT_TRUE(waitUntilOthersSleep());
     Peer& second = connect("second");
     second.send("hello");
     second.socket->alive = &alive;
@@ -1470,11 +1433,11 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithTheConnectionItHandledWhenItWasSto
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto goRound = [this] {
         limitThisProcess();
-        Gate gate;
+        Latch latch;
         Peer& peer = connect("a");
         peer.socket->onMessage = [&](const std::string&) {
             journal.add("inside");
-            gate.pass();
+            latch.wait();
         };
         peer.send("hello");
         give(peer);
@@ -1482,7 +1445,7 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithTheConnectionItHandledWhenItWasSto
         EXPECT_TRUE(journal.waitFor("inside"));
         watchTheWorkerGoRound([&] {
             EXPECT_THAT(daemon.closedHandles(), IsEmpty());
-            gate.open();
+            latch.open();
         });
     };
     EXPECT_EXIT(goRound(), ::testing::ExitedWithCode(0), "");
@@ -1494,14 +1457,14 @@ TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto waitForTheLast = [this] {
         limitThisProcess();
-        Gate gates[2];
+        Latch latches[2];
         std::atomic<pid_t> workers[2] = {0, 0};
         for (size_t i = 0; i < 2; ++i) {
             Peer& peer = connect(i == 0 ? "a" : "b");
             peer.socket->onMessage = [&, i](const std::string&) {
                 workers[i] = ::gettid();
                 journal.wait([&] { return workers[0] != 0 && workers[1] != 0; });
-                gates[i].pass();
+                latches[i].wait();
             };
             peer.send("hello");
             give(peer);
@@ -1510,7 +1473,7 @@ TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
         EXPECT_TRUE(journal.wait([&] { return workers[0] != 0 && workers[1] != 0; }));
         // The one that was started later keeps its connection, and will go round with it.
         const size_t busy = workers[0] > workers[1] ? 0 : 1;
-        gates[1 - busy].open();
+        latches[1 - busy].open();
         EXPECT_TRUE(journal.waitFor(busy == 0 ? "poll b" : "poll a"));
 
         std::atomic<bool> hasStopped{false};
@@ -1522,7 +1485,7 @@ TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
             return threads->waitThread(0) &&
                    (Access::hasWorkerEnded(*threads, 0) || Access::hasWorkerEnded(*threads, 1));
         }));
-        std::this_thread::sleep_for(kAMoment);
+        ASSERT_TRUE(waitUntilOthersSleep());
         EXPECT_FALSE(hasStopped);
         std::_Exit(HasFailure() ? 1 : 0);
     };

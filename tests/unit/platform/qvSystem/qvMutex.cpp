@@ -3,13 +3,12 @@
 #include <qvSystem/qvMutex.h>
 
 #include <gtest/gtest.h>
+#include <support/BackgroundCall.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
+#include <cstdlib>
 #include <memory>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace qv::tests
@@ -17,19 +16,13 @@ namespace qv::tests
 namespace
 {
 
-constexpr std::chrono::seconds kLimit{30};
-
 // Whether another thread gets the lock.
 bool IsFree(qvMutex& mutex)
 {
-    std::packaged_task<void()> take([&mutex] { qvMutexLocker locker(&mutex); });
-    std::future<void> taken = take.get_future();
-    std::thread other(std::move(take));
-    const bool isFree = taken.wait_for(kLimit) == std::future_status::ready;
-    if (isFree)
-        other.join();
-    else
-        other.detach();  // it waits for good
+    BackgroundCall taking([&mutex] { qvMutexLocker locker(&mutex); });
+    const bool isFree = taking.waitForEnd();
+    if (!isFree)
+        std::abort();  // it would block for good
     return isFree;
 }
 

@@ -3,6 +3,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <gtest/gtest.h>
+#include <support/BackgroundCall.h>
 
 #include <atomic>
 #include <chrono>
@@ -29,8 +30,6 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned long kLimitMs = 30000;
-
 class FunctionThread : public qvThread
 {
 public:
@@ -42,18 +41,6 @@ protected:
 
 private:
     std::function<void()> mFunction;
-};
-
-// Holds runs until it is opened.
-class Latch
-{
-public:
-    void open() { mOpened.set_value(); }
-    void pass() { mPassed.wait_for(std::chrono::milliseconds(kLimitMs)); }
-
-private:
-    std::promise<void> mOpened;
-    std::shared_future<void> mPassed{mOpened.get_future()};
 };
 
 // One wait on a condition variable whose end is delayed.
@@ -111,7 +98,7 @@ TEST(qvThread, StartsNothingWhileARunGoesOn)
     Latch latch;
     FunctionThread thread([&] {
         ++runs;
-        latch.pass();
+        latch.wait();
     });
     EXPECT_TRUE(thread.startThread("first"));
     EXPECT_FALSE(thread.startThread("second"));
@@ -126,7 +113,7 @@ TEST(qvThread, StartsNothingWhileARunGoesOn)
 TEST(qvThread, WaitsNoLongerThanAsked)
 {
     Latch latch;
-    FunctionThread thread([&] { latch.pass(); });
+    FunctionThread thread([&] { latch.wait(); });
     EXPECT_TRUE(thread.startThread("latch"));
     for (const unsigned long timeoutMs : {0UL, 1UL, 40UL}) {
         SCOPED_TRACE(timeoutMs);
@@ -149,23 +136,22 @@ TEST(qvThread, LongTimeoutsDoNotEndAtOnce)
                                   ULONG_MAX};
     for (const unsigned long timeoutMs : rows) {
         SCOPED_TRACE(timeoutMs);
-        // The run ends only after a shorter wait for it has timed out, so that a long wait
-        // that ended at once would find it running.
+        // The run ends only when the waiting thread sleeps: a long wait that ended at once would
+        // find it running.
         Latch latch;
-        FunctionThread thread([&] { latch.pass(); });
+        FunctionThread thread([&] { latch.wait(); });
         EXPECT_TRUE(thread.startThread("long"));
-        auto waited = std::async(std::launch::async, [&] { return thread.waitThread(timeoutMs); });
-        EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+        BackgroundCall wait([&] { EXPECT_TRUE(thread.waitThread(timeoutMs)); });
+        EXPECT_TRUE(wait.isBlocked());
         latch.open();
-        ASSERT_EQ(waited.wait_for(std::chrono::milliseconds(kLimitMs)), std::future_status::ready);
-        EXPECT_TRUE(waited.get());
+        ASSERT_TRUE(wait.waitForEnd());
     }
 }
 
 TEST(qvThread, CanBeWaitedForByManyThreads)
 {
     Latch latch;
-    FunctionThread thread([&] { latch.pass(); });
+    FunctionThread thread([&] { latch.wait(); });
     EXPECT_TRUE(thread.startThread("waited for"));
     std::vector<std::future<bool>> waits;
     for (int i = 0; i < 4; ++i)
@@ -180,30 +166,29 @@ TEST(qvThread, WaitsOnlyForTheRunThatItFound)
 {
     Latch endOfRuns[2];
     std::atomic<int> runs{0};
-    FunctionThread thread([&] { endOfRuns[runs++].pass(); });
+    FunctionThread thread([&] { endOfRuns[runs++].wait(); });
     ASSERT_TRUE(thread.startThread("first"));
 
     DelayedWait wait;
-    auto waited = std::async(std::launch::async, [&] {
+    BackgroundCall waiting([&] {
         tDelayedWait = &wait;
-        return thread.waitThread(kLimitMs);
+        EXPECT_TRUE(thread.waitThread(ULONG_MAX));
     });
-    wait.begun.pass();
+    wait.begun.wait();
     endOfRuns[0].open();
     while (!thread.startThread("second"))
         std::this_thread::yield();
     wait.mayReturn.open();
-    EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(kLimitMs / 2)), std::future_status::ready);
+    EXPECT_TRUE(waiting.waitForEnd());
     EXPECT_FALSE(thread.waitThread(0)) << "the second run has not ended";
     endOfRuns[1].open();
-    EXPECT_TRUE(waited.get());
 }
 
 TEST(qvThread, NumbersItsRuns)
 {
     Latch endOfRuns[2];
     std::atomic<int> runs{0};
-    FunctionThread thread([&] { endOfRuns[runs++].pass(); });
+    FunctionThread thread([&] { endOfRuns[runs++].wait(); });
     EXPECT_EQ(thread.getRunNumber(), 0u);
     EXPECT_TRUE(thread.waitThread(0, 0));
     ASSERT_TRUE(thread.startThread("first"));
@@ -367,7 +352,7 @@ TEST(qvThread, IdsOfThreadsAliveDiffer)
             }
             if (++arrived == kThreads)
                 latch.open();
-            latch.pass();
+            latch.wait();
         }));
         ASSERT_TRUE(threads.back()->startThread(nullptr));
     }
@@ -391,7 +376,7 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
     delayed->begun.open();
     const int result = real(condition, mutex, clock, end);
     pthread_mutex_unlock(mutex);
-    delayed->mayReturn.pass();
+    delayed->mayReturn.wait();
     pthread_mutex_lock(mutex);
     return result;
 }

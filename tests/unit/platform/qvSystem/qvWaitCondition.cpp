@@ -5,6 +5,7 @@
 #include <qvSystem/qvMutex.h>
 
 #include <gtest/gtest.h>
+#include <support/Waiting.h>
 
 #include <chrono>
 #include <climits>
@@ -26,8 +27,6 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr unsigned long kLimitMs = 30000;
 
 // What a test and its waiting threads share.
 struct Meeting
@@ -67,17 +66,6 @@ struct Meeting
     }
 };
 
-bool YieldUntil(const std::function<bool()>& condition)
-{
-    const auto end = Clock::now() + std::chrono::milliseconds(kLimitMs);
-    while (!condition()) {
-        if (Clock::now() > end)
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 TEST(qvWaitCondition, TimesOutNoEarlierThanAsked)
 {
     for (const unsigned long timeOutMs : {0UL, 1UL, 60UL}) {
@@ -110,7 +98,7 @@ TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
         SCOPED_TRACE(timeOutMs);
         Meeting meeting;
         std::thread waiter([&] { meeting.waitUntilOpened(timeOutMs); });
-        EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+        EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(1); }));
         meeting.open();
         waiter.join();
         EXPECT_EQ(meeting.timedOut, 0);
@@ -128,7 +116,7 @@ TEST(qvWaitCondition, WakesEveryWaitingThread)
     std::vector<std::thread> waiters;
     for (int i = 0; i < 5; ++i)
         waiters.emplace_back([&] { meeting.waitUntilOpened(kLimitMs); });
-    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(5); }));
+    EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(5); }));
     meeting.open();
     for (auto& waiter : waiters)
         waiter.join();
@@ -154,11 +142,11 @@ TEST(qvWaitCondition, WakesOneThreadAfterTheOther)
         qvMutexLocker locker(&mutex);
         return counter;
     };
-    EXPECT_TRUE(YieldUntil([&] { return count(waiting) == kWaiters; }));
+    EXPECT_TRUE(waitUntil([&] { return count(waiting) == kWaiters; }));
     for (int i = 1; i <= kWaiters; ++i) {
         EXPECT_LT(count(wokenUp), kWaiters);
         changed.wakeOne();
-        EXPECT_TRUE(YieldUntil([&] { return count(wokenUp) >= i; }));
+        EXPECT_TRUE(waitUntil([&] { return count(wokenUp) >= i; }));
     }
     for (auto& waiter : waiters)
         waiter.join();
@@ -168,7 +156,7 @@ TEST(qvWaitCondition, WakesWithoutTheMutexHeld)
 {
     Meeting meeting;
     std::thread waiter([&] { meeting.waitUntilOpened(kLimitMs); });
-    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(1); }));
     {
         qvMutexLocker locker(&meeting.mutex);
         meeting.opened = true;
@@ -187,7 +175,7 @@ TEST(qvWaitCondition, ReleasesTheMutexWhileItWaitsAndHoldsItAfterwards)
         qvMutexLocker locker(&meeting.mutex);
         EXPECT_EQ(value, 1000);
     });
-    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(1); }));
     std::vector<std::thread> others;
     for (int i = 0; i < 4; ++i) {
         others.emplace_back([&] {
@@ -228,14 +216,14 @@ TEST(qvWaitCondition, MeasuresTimeOutsByTheMonotonicClock)
 {
     Meeting meeting;
     std::thread waiter([&] { meeting.waitUntilOpened(kLimitMs); });
-    EXPECT_TRUE(YieldUntil([&] { return meeting.haveArrived(1); }));
+    EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(1); }));
     if (!std::ifstream("/proc/self/task/" + std::to_string(meeting.waiter) + "/syscall")) {
         meeting.open();
         waiter.join();
         GTEST_SKIP() << "the kernel does not tell what a thread sleeps in";
     }
     Sleep sleep;
-    EXPECT_TRUE(YieldUntil([&] {
+    EXPECT_TRUE(waitUntil([&] {
         sleep = SleepOf(meeting.waiter);
         return sleep.call == SYS_futex && (sleep.operation & FUTEX_CMD_MASK) == FUTEX_WAIT_BITSET;
     })) << sleep.call;
