@@ -38,6 +38,16 @@ else()
             SCRIPT ${proxies_tests_dir}/test_proxies.py
             PYTHON ${proxies_python}
             ENVIRONMENT WENDREL_PROXY=${proxy} ${proxies_environment})
+        foreach(class Reload RollingUploads)
+            # Only nginx has the command to reload.
+            if(NOT "${proxy} ${class}" STREQUAL "haproxy Reload")
+                wendrel_python_tests(PREFIX proxies.${proxy}
+                    SCRIPT ${proxies_tests_dir}/test_changes.py
+                    CLASS ${class}
+                    PYTHON ${proxies_python}
+                    ENVIRONMENT WENDREL_PROXY=${proxy} ${proxies_environment})
+            endif()
+        endforeach()
     endforeach()
 endif()
 

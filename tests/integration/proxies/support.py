@@ -144,6 +144,11 @@ class Proxy:
         files = [self.work / "output", self.work / "error.log"]
         return "".join(file.read_text(errors="replace") for file in files if file.exists())
 
+    def children(self):
+        """The process numbers of its workers."""
+        pid = self.process.pid
+        return pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+
     def accepts(self):
         if self.process.poll() is not None:
             raise AssertionError(f"{self.name} ended: {self.log()}")

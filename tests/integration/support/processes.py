@@ -1,7 +1,9 @@
 """Processes under test, and waiting for what they do."""
 
 import os
+import pathlib
 import queue
+import random
 import re
 import signal
 import socket
@@ -26,9 +28,21 @@ def wait_until(condition, what, seconds=LIMIT_SECONDS):
 
 
 def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """A port on which nothing listened a moment ago.
+
+    It lies below the range from which the system takes the ports of clients: no connection of another test
+    takes it, also while its server restarts.
+    """
+    end = int(pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
+    for _ in range(1000):
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", random.randrange(10000, max(end, 11000))))
+                probe.listen(1)
+            except OSError:
+                continue
+            return probe.getsockname()[1]
+    raise AssertionError("no free port on 127.0.0.1")
 
 
 class Process:
