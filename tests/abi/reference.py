@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares the interface of the built libraries with the one that abi/ holds, or records it there.
 
-The libraries are built once more, with what a debugger needs: it says how each class is laid out.
+The libraries are built again with debug information, which describes the layout of each class.
 """
 
 import argparse
@@ -13,7 +13,7 @@ import xml.etree.ElementTree
 
 LIBRARIES = ["qvSystem", "qvOpenSSL", "Ostrand", "Quenby", "Wendrel"]
 
-# Nothing of what the libraries were built from, by whom or where: only what an application sees.
+# Without sources, builder and paths: only the interface of an application.
 WRITE = ["--no-corpus-path", "--no-comp-dir-path", "--no-show-locs", "--no-parameter-names",
          "--no-elf-needed", "--no-write-default-sizes", "--drop-private-types",
          "--drop-undefined-syms", "--exported-interfaces-only"]
@@ -38,7 +38,7 @@ A break needs a new SONAME as well, so that nobody runs an old application with 
 
 
 def run(*command):
-    """What a command prints; shown, and the end of this program, when it fails."""
+    """The output of a command; prints it and exits when the command fails."""
     done = subprocess.run([str(word) for word in command], check=False, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     if done.returncode != 0:
@@ -98,7 +98,7 @@ def difference(arguments, reference, found, *options):
 
 
 def classes_of(path):
-    """Class to what makes up its layout, thing to place."""
+    """Layout of each class: element to place."""
     classes = {}
 
     def visit(element, scope):
@@ -122,7 +122,7 @@ def classes_of(path):
 
 
 def layout_changes(reference, found):
-    """What has moved in our classes, a line each; abidiff's words bury it among consequences."""
+    """Moved members of our classes, one line each; the output of abidiff lists them among many others."""
     before, after = classes_of(reference), classes_of(found)
     for name in sorted(before.keys() & after.keys()):
         if not name.startswith("qv::"):
@@ -132,7 +132,7 @@ def layout_changes(reference, found):
             if old is None:
                 yield f"{name}: {thing} is new: {new}"
             elif new is None:
-                yield f"{name}: {thing} is gone: {old}"
+                yield f"{name}: {thing} was removed: {old}"
             elif old != new:
                 yield f"{name}: {thing} is {new} and was {old}"
 

@@ -12,7 +12,7 @@ RESET_AT_CLOSE = b"\1\0\0\0\0\0\0\0"
 
 
 class DocsServer:
-    """The program, started with a free port and `arguments`, and what clients do with it."""
+    """The program, started with a free port and `arguments`, and operations of clients."""
 
     def __init__(self, test, program, *arguments):
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="wendrel-docs-"))
@@ -40,12 +40,12 @@ class DocsServer:
         return connection
 
     def ask(self, method, target, body=None, **more):
-        """Status, body and the answer itself, on a connection of its own."""
+        """Status, body and the response itself, on a connection of its own."""
         connection = self.connect()
         try:
             connection.request(method, target, body=body, **more)
-            answer = connection.getresponse()
-            return answer.status, answer.read(), answer
+            response = connection.getresponse()
+            return response.status, response.read(), response
         finally:
             connection.close()
 
@@ -68,9 +68,9 @@ class DocsServer:
 
     def wait_until_refusing(self, target):
         """The server has been told to stop, and does not take requests any more."""
-        _, _, answer = wait_until(lambda: (found := self.ask("GET", target))[0] == 503 and found,
+        _, _, response = wait_until(lambda: (found := self.ask("GET", target))[0] == 503 and found,
                                   "a new request is refused")
-        return answer
+        return response
 
 
 def reset(connection):

@@ -1,4 +1,4 @@
-# What the pages say about numbers, texts, pictures and proxies, tried; and the HTML, built.
+# Tests of numbers, texts, pictures and proxies of the pages, and of the HTML reference.
 
 set(pages_dir ${CMAKE_CURRENT_LIST_DIR}/pages)
 

@@ -17,7 +17,7 @@ class WithoutKit(unittest.TestCase):
         self.server = DocsServer(self, self.program)
 
     def stop(self, number=signal.SIGTERM):
-        """What the server says when it ends."""
+        """Stops the server; returns its last line."""
         self.server.process.send(number)
         self.assertEqual(self.server.process.wait_end(), 0)
         return self.server.process.output[-1]

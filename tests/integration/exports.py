@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks that each built library exports its interface and nothing else, and exactly what is recorded.
+"""Checks that each built library exports its interface only, exactly as recorded.
 
 The record is abi/<library>.symbols: a line for each symbol, with the version that brought it and,
 for data (tables of virtual operations, type information, variables), its size in bytes.
@@ -13,7 +13,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 
-# What a library may export: members, tables and type information of classes, and functions.
+# Symbols that a library may export: members, tables and type information of classes, and functions.
 CLASSES = {
     "libWendrel": [
         "qv::HttpBaseRequest",
@@ -81,7 +81,7 @@ def any_of(names):
 
 
 def is_interface(library, symbol):
-    """Whether a symbol, as a person reads it, belongs to what the headers declare."""
+    """Whether a demangled symbol is declared in the headers."""
     prefix = r"(?:typeinfo for |typeinfo name for |vtable for |non-virtual thunk to )?"
     return re.match(rf"{prefix}(?:{any_of(CLASSES[library])})(?=::|$)|"
                     rf"(?:{any_of(FUNCTIONS[library])})\(", symbol) is not None
@@ -118,7 +118,7 @@ def write_record(path, name, sizes):
 
 
 def complaints(name, sizes, names, record, soname):
-    """What is wrong with a library, a line each, and whether all of it is additions."""
+    """The differences of a library, one line each, and whether all of them are additions."""
     if soname != [f"{name}.so.3.0"]:
         yield f"BREAK: the SONAME is {soname}, wanted {name}.so.3.0"
     for symbol, text in names.items():
@@ -126,8 +126,8 @@ def complaints(name, sizes, names, record, soname):
             yield f"exported, but no part of the interface: {text}"
         elif symbol not in record:
             yield f"ADDITION: {text}"
-    gone = readable([symbol for symbol in record if symbol not in sizes])
-    yield from (f"BREAK: not exported any more: {text}" for text in gone.values())
+    removed = readable([symbol for symbol in record if symbol not in sizes])
+    yield from (f"BREAK: not exported any more: {text}" for text in removed.values())
     for symbol, (_, size) in record.items():
         if sizes.get(symbol, size) != size:
             yield f"BREAK: {names[symbol]} has {sizes[symbol]} bytes, recorded are {size}"

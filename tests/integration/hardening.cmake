@@ -1,4 +1,4 @@
-# What the compiler and the linker have put into the built files. Only optimised builds are hardened.
+# Hardening of the built files by compiler and linker. Only optimised builds are hardened.
 
 if(Python3_FOUND AND CMAKE_READELF AND BUILD_SHARED_LIBS AND wendrel_hardened)
     set(libraries Wendrel)

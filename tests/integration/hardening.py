@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks in built files what makes a mistake in memory harder to exploit."""
+"""Checks the hardening of built files against exploits of memory errors."""
 
 import argparse
 import os
@@ -18,7 +18,7 @@ def run(*command):
 
 
 class File:
-    """What readelf and the dynamic linker say about one library or program."""
+    """The output of readelf and the dynamic linker for one library or program."""
 
     def __init__(self, readelf, path):
         self.name = os.path.basename(path)

@@ -1,4 +1,4 @@
-"""Runs examples/hello: its answers, its clean stop, and what it says when it cannot listen.
+"""Runs examples/hello: its responses, its shutdown, and its message when it cannot listen.
 
 Usage: hello.py PROGRAM
 """
@@ -37,33 +37,33 @@ class Hello(unittest.TestCase):
 
     def ask(self, connection, method, target):
         connection.request(method, target)
-        answer = connection.getresponse()
-        return answer, answer.read().decode()
+        response = connection.getresponse()
+        return response, response.read().decode()
 
-    def test_answers_on_one_connection(self):
+    def test_responds_on_one_connection(self):
         _, connection = self.start()
-        answer, text = self.ask(connection, "GET", "/hello/world")
-        self.assertEqual((answer.status, text), (200, "Hello, world!\n"))
-        self.assertEqual(answer.getheader("Content-Type"), "text/plain; charset=utf-8")
-        self.assertEqual(answer.getheader("Content-Length"), "14")
+        response, text = self.ask(connection, "GET", "/hello/world")
+        self.assertEqual((response.status, text), (200, "Hello, world!\n"))
+        self.assertEqual(response.getheader("Content-Type"), "text/plain; charset=utf-8")
+        self.assertEqual(response.getheader("Content-Length"), "14")
 
-        answer, text = self.ask(connection, "GET", "/hello/a%2Fb%20%C3%A9")
-        self.assertEqual((answer.status, text), (200, "Hello, a/b \u00e9!\n"))
+        response, text = self.ask(connection, "GET", "/hello/a%2Fb%20%C3%A9")
+        self.assertEqual((response.status, text), (200, "Hello, a/b \u00e9!\n"))
 
-        answer, text = self.ask(connection, "HEAD", "/hello/world")
-        self.assertEqual((answer.status, text), (200, ""))
-        self.assertEqual(answer.getheader("Content-Length"), "14")
+        response, text = self.ask(connection, "HEAD", "/hello/world")
+        self.assertEqual((response.status, text), (200, ""))
+        self.assertEqual(response.getheader("Content-Length"), "14")
 
         for target in ("/", "/hello", "/hello/", "/hello/a/b", "/Hello/a"):
-            answer, text = self.ask(connection, "GET", target)
-            self.assertEqual(answer.status, 404, target)
+            response, text = self.ask(connection, "GET", target)
+            self.assertEqual(response.status, 404, target)
             self.assertEqual(text, '{"error":"There is nothing at this address.","status":404}')
-            self.assertEqual(answer.getheader("Content-Type"), "application/json")
+            self.assertEqual(response.getheader("Content-Type"), "application/json")
 
         for method in ("DELETE", "OPTIONS", "POST"):
-            answer, _ = self.ask(connection, method, "/hello/world")
-            self.assertEqual(answer.status, 405, method)
-            self.assertEqual(answer.getheader("Allow"), "GET,HEAD")
+            response, _ = self.ask(connection, method, "/hello/world")
+            self.assertEqual(response.status, 405, method)
+            self.assertEqual(response.getheader("Allow"), "GET,HEAD")
 
     def test_stops_cleanly_on_a_signal(self):
         for number in (signal.SIGTERM, signal.SIGINT):

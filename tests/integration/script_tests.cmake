@@ -1,10 +1,10 @@
-# Tests that scripts hold, one ctest test for each, and what is needed to run them.
+# Tests of scripts, one ctest test for each, and their requirements.
 
 find_package(Python3 COMPONENTS Interpreter)
 find_program(CURL_PROGRAM curl)
 find_program(NODE_PROGRAM node)
 
-# What tests with a browser lack, or nothing. scripts/install-deps.sh brings it.
+# Missing requirements of tests with a browser; scripts/install-deps.sh installs them.
 if(DEFINED ENV{CHROMIUM})
     set(chromium $ENV{CHROMIUM})
 else()

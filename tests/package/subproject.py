@@ -18,7 +18,7 @@ def options(by_fetch_content):
 
 def check(work):
     support.empty(work)
-    # The larger project checks by itself what must not leak into it.
+    # The outer project checks for leaked settings itself.
     run("cmake", "-S", support.FOLDER / "subproject", "-B", work / "fetched", "-G", "Ninja",
         *options(True))
 

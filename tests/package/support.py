@@ -9,7 +9,7 @@ import subprocess
 import urllib.request
 
 STEP_LIMIT_SECONDS = 900
-ANSWER_LIMIT_SECONDS = 30
+RESPONSE_LIMIT_SECONDS = 30
 FOLDER = pathlib.Path(__file__).resolve().parent
 SOURCE = FOLDER.parent.parent
 GREETING = "Hello, world!\n"
@@ -20,7 +20,7 @@ class Failed(Exception):
 
 
 def run(*command, environment=None, folder=None):
-    """Returns what the command has printed; what it has said is shown when it fails."""
+    """Returns the standard output of the command; prints all output when it fails."""
     done = run_anyway(*command, environment=environment, folder=folder)
     if done.returncode != 0:
         raise Failed(f"{' '.join(map(str, command))} ended with {done.returncode}:\n"
@@ -67,20 +67,20 @@ def check_greeting(program, library_path=None):
     try:
         url = next((line for line in process.stdout if line.startswith("http")), None)
         expect(url, f"{program} did not start")
-        with urllib.request.urlopen(url.strip(), timeout=ANSWER_LIMIT_SECONDS) as answer:
-            text = answer.read().decode()
+        with urllib.request.urlopen(url.strip(), timeout=RESPONSE_LIMIT_SECONDS) as response:
+            text = response.read().decode()
         process.send_signal(signal.SIGTERM)
-        code = process.wait(timeout=ANSWER_LIMIT_SECONDS)
+        code = process.wait(timeout=RESPONSE_LIMIT_SECONDS)
     finally:
         process.kill()
         process.wait()
         process.stdout.close()
-    expect(text == GREETING, f"{program} answered {text!r}")
+    expect(text == GREETING, f"{program} responded {text!r}")
     expect(code == 0, f"{program} ended with {code}")
 
 
 def flags_of(prefix, package, *options):
-    """What pkg-config says of a package under `prefix`."""
+    """The output of pkg-config for a package under `prefix`."""
     files = list(pathlib.Path(prefix).rglob(f"{package}.pc"))
     expect(len(files) == 1, f"{package}.pc stands {len(files)} times under {prefix}")
     return run("pkg-config", "--cflags", "--libs", *options, package,
@@ -104,7 +104,7 @@ def needed_by(program):
 
 
 def main_of(check, *arguments):
-    """Runs `check`, says what was wrong; the exit code for it."""
+    """Runs `check` and prints its failures; returns the exit code."""
     try:
         check(*arguments)
     except Failed as failure:

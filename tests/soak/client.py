@@ -54,7 +54,7 @@ class Connection:
         return self
 
     async def __aexit__(self, kind, error, trace):
-        # Whatever has gone wrong, nothing of it is left here.
+        # Cleans up after any failure.
         self.writer.transport.abort()
 
     async def send(self, data):
@@ -65,14 +65,14 @@ class Connection:
         self.writer.write_eof()
 
     async def reset(self):
-        """Ends the connection with RST, whatever is on its way."""
+        """Resets the connection."""
         self.writer.get_extra_info("socket").setsockopt(
             socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.writer.transport.abort()
         await asyncio.sleep(0)  # the transport closes its socket in the loop's next turn
 
     async def wait_end(self):
-        """Reads away what still comes."""
+        """Reads and discards the remaining bytes."""
         try:
             while await within(self.reader.read(BLOCK)):
                 pass
@@ -80,7 +80,7 @@ class Connection:
             pass
 
 
-class Answer:
+class Response:
     def __init__(self, status, headers, body=b""):
         self.status = status
         self.headers = headers
@@ -98,17 +98,17 @@ class Http(Connection):
         head = await within(self.reader.readuntil(b"\r\n\r\n"))
         first, *lines = head.decode("latin-1").split("\r\n")[:-2]
         parts = first.split(" ", 2)
-        expect(len(parts) == 3 and parts[0] == "HTTP/1.1", f"the answer begins with {first!r}")
+        expect(len(parts) == 3 and parts[0] == "HTTP/1.1", f"the response begins with {first!r}")
         headers = {}
         for line in lines:
             name, _, value = line.partition(":")
             headers[name.lower()] = value.strip()
-        return Answer(int(parts[1]), headers)
+        return Response(int(parts[1]), headers)
 
-    async def receive_body(self, answer, take=None):
+    async def receive_body(self, response, take=None):
         """All of the body; piece by piece to `take` if there is one."""
-        length = answer.headers.get("content-length")
-        expect(length is not None, f"no length in an answer {answer.status}")
+        length = response.headers.get("content-length")
+        expect(length is not None, f"no length in a response {response.status}")
         left = int(length)
         pieces = []
         while left > 0:
@@ -116,8 +116,8 @@ class Http(Connection):
             expect(piece, f"the connection ended {left} of {length} bytes before the end")
             left -= len(piece)
             (take or pieces.append)(piece)
-        answer.body = b"".join(pieces)
-        return answer
+        response.body = b"".join(pieces)
+        return response
 
     async def request(self, method, target, headers=(), body=None):
         if body is not None:
@@ -125,10 +125,10 @@ class Http(Connection):
         await self.send_head(method, target, headers)
         if body:
             await self.send(body)
-        answer = await self.receive_head()
-        if method != "HEAD" and answer.status not in (204, 304):
-            await self.receive_body(answer)
-        return answer
+        response = await self.receive_head()
+        if method != "HEAD" and response.status not in (204, 304):
+            await self.receive_body(response)
+        return response
 
 
 HANDSHAKE = ("Upgrade: WebSocket", "Connection: Upgrade", "Sec-WebSocket-Version: 13",
@@ -163,9 +163,9 @@ class WebSocket(Http):
         self = await cls.open(port, receive_buffer)
         try:
             await self.send_head("GET", "/live", HANDSHAKE)
-            answer = await self.receive_head()
-            expect(answer.status == 101, f"status {answer.status} for an upgrade")
-            expect(answer.headers.get("sec-websocket-accept") == ACCEPT, "a wrong accept key")
+            response = await self.receive_head()
+            expect(response.status == 101, f"status {response.status} for an upgrade")
+            expect(response.headers.get("sec-websocket-accept") == ACCEPT, "a wrong accept key")
         except BaseException:
             self.writer.transport.abort()
             raise

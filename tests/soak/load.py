@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The mixed load of a soak: writes what it has done, a line of JSON a second, until SIGTERM.
+"""The mixed load of a soak test: writes its progress, a line of JSON per second, until SIGTERM.
 
     python3 load.py FILEDROP_PORT CHAT_PORT (prime|short|long) [SEED]
 
@@ -25,7 +25,7 @@ KIB = 1024
 MIB = 1024 * KIB
 SMALL_SIZES = (0, 1, 100, 4096, 65535, 65536, 100000, 262144)
 BIG_FILE_BYTES = 8 * MIB
-MOST_FAILURES_SHOWN = 20
+MAX_FAILURES_SHOWN = 20
 PNG = b"\x89PNG\r\n\x1a\n"
 ROOMS = 5
 
@@ -69,7 +69,7 @@ class Load:
         self.big = self.block + self.block[::-1]
         self.pages = {}
 
-    # What the operations share
+    # Shared parts of the operations
 
     async def pause(self, seconds):
         """False when the load is to stop."""
@@ -94,21 +94,21 @@ class Load:
 
     @staticmethod
     def person_name(number):
-        """A room remembers what was said in it, also by those of an earlier process."""
+        """A chat room stores its messages, also those of an earlier process."""
         return f"person {os.getpid()}-{number}"
 
     async def put(self, connection, target, body, status=201):
-        answer = await connection.request("PUT", target, body=body)
-        expect(answer.status == status, f"PUT {target}: {answer.status}")
+        response = await connection.request("PUT", target, body=body)
+        expect(response.status == status, f"PUT {target}: {response.status}")
 
     async def delete(self, connection, target):
-        answer = await connection.request("DELETE", target)
-        expect(answer.status == 204, f"DELETE {target}: {answer.status}")
+        response = await connection.request("DELETE", target)
+        expect(response.status == 204, f"DELETE {target}: {response.status}")
 
     async def expect_missing(self, target):
         async with await Http.open(self.filedrop) as connection:
-            answer = await connection.request("GET", target)
-            expect(answer.status == 404, f"an upload that was aborted is there: {answer.status}")
+            response = await connection.request("GET", target)
+            expect(response.status == 404, f"an upload that was aborted is there: {response.status}")
 
     async def prepare(self):
         async with await Http.open(self.filedrop) as connection:
@@ -127,65 +127,65 @@ class Load:
                     break
 
     async def get_list(self, connection):
-        answer = await connection.request("GET", "/api/files")
-        expect(answer.status == 200, f"list: {answer.status}")
-        sizes = {file["name"]: file["size"] for file in json.loads(answer.body)["files"]}
+        response = await connection.request("GET", "/api/files")
+        expect(response.status == 200, f"list: {response.status}")
+        sizes = {file["name"]: file["size"] for file in json.loads(response.body)["files"]}
         for name, body in self.small.items():
             expect(sizes.get(name) == len(body), f"list: {name} has {sizes.get(name)} bytes")
 
     async def get_page(self, connection):
-        answer = await connection.request("GET", "/")
+        response = await connection.request("GET", "/")
         # Not the same bytes each time: there is a nonce in it.
-        expect(answer.status == 200 and b"</html>" in answer.body, f"page: {answer.status}")
+        expect(response.status == 200 and b"</html>" in response.body, f"page: {response.status}")
 
-    def expect_page(self, name, answer, part):
+    def expect_page(self, name, response, part):
         """The same bytes each time."""
-        expect(answer.status == 200, f"{name}: {answer.status}")
-        expect(part in answer.body, f"{name}: not the page")
-        digest = hashlib.sha256(answer.body).hexdigest()
+        expect(response.status == 200, f"{name}: {response.status}")
+        expect(part in response.body, f"{name}: not the page")
+        digest = hashlib.sha256(response.body).hexdigest()
         expect(self.pages.setdefault(name, digest) == digest, f"{name}: other bytes than before")
 
     async def get_small(self, connection):
         name, body = self.random.choice(list(self.small.items()))
-        answer = await connection.request("GET", f"/files/{name}")
-        expect(answer.status == 200 and answer.body == body,
-               f"GET {name}: {answer.status}, {len(answer.body)} bytes")
+        response = await connection.request("GET", f"/files/{name}")
+        expect(response.status == 200 and response.body == body,
+               f"GET {name}: {response.status}, {len(response.body)} bytes")
 
     async def head(self, connection):
         name, body = self.random.choice(list(self.small.items()))
-        answer = await connection.request("HEAD", f"/files/{name}")
-        expect(answer.status == 200 and answer.headers["content-length"] == str(len(body)),
-               f"HEAD {name}: {answer.status}, {answer.headers}")
+        response = await connection.request("HEAD", f"/files/{name}")
+        expect(response.status == 200 and response.headers["content-length"] == str(len(body)),
+               f"HEAD {name}: {response.status}, {response.headers}")
 
     async def get_missing(self, connection):
-        answer = await connection.request("GET", f"/files/missing-{next(self.numbers)}")
-        expect(answer.status == 404 and json.loads(answer.body)["status"] == 404,
-               f"missing: {answer.status}")
+        response = await connection.request("GET", f"/files/missing-{next(self.numbers)}")
+        expect(response.status == 404 and json.loads(response.body)["status"] == 404,
+               f"missing: {response.status}")
 
     async def get_if_changed(self, connection):
         target = f"/files/{self.random.choice(list(self.small))}"
         tag = (await connection.request("HEAD", target)).headers["etag"]
-        answer = await connection.request("GET", target, [f"If-None-Match: {tag}"])
-        expect(answer.status == 304, f"conditional: {answer.status}")
+        response = await connection.request("GET", target, [f"If-None-Match: {tag}"])
+        expect(response.status == 304, f"conditional: {response.status}")
 
     async def get_range(self, connection):
         first = self.random.randrange(BIG_FILE_BYTES)
         last = min(first + self.random.randrange(100000), BIG_FILE_BYTES - 1)
-        answer = await connection.request("GET", "/files/big", [f"Range: bytes={first}-{last}"])
-        expect(answer.status == 206 and answer.body == self.big[first:last + 1],
-               f"range: {answer.status}, {len(answer.body)} bytes")
+        response = await connection.request("GET", "/files/big", [f"Range: bytes={first}-{last}"])
+        expect(response.status == 206 and response.body == self.big[first:last + 1],
+               f"range: {response.status}, {len(response.body)} bytes")
 
     async def get_beyond(self, connection):
-        answer = await connection.request("GET", "/files/big", [f"Range: bytes={BIG_FILE_BYTES}-"])
-        expect(answer.status == 416, f"range beyond the end: {answer.status}")
+        response = await connection.request("GET", "/files/big", [f"Range: bytes={BIG_FILE_BYTES}-"])
+        expect(response.status == 416, f"range beyond the end: {response.status}")
 
     async def put_and_delete(self, connection):
         target = self.fresh_name()
         body = self.random.randbytes(self.random.randrange(50000))
         await self.put(connection, target, body)
         await self.put(connection, target, body[::-1], status=200)
-        answer = await connection.request("GET", target)
-        expect(answer.status == 200 and answer.body == body[::-1], "another file than was put")
+        response = await connection.request("GET", target)
+        expect(response.status == 200 and response.body == body[::-1], "another file than was put")
         await self.delete(connection, target)
 
     SMALL = (get_list, get_page, get_small, head, get_missing, get_if_changed, get_range,
@@ -195,12 +195,12 @@ class Load:
         async with await Http.open(self.chat) as connection:
             for target, part in (("/", b"</html>"), ("/chat.js", b""), ("/chat.css", b"")):
                 self.expect_page(f"chat {target}", await connection.request("GET", target), part)
-            answer = await connection.request("GET", "/api/status")
-            expect(answer.status == 200 and json.loads(answer.body)["rooms"] >= 0,
-                   f"chat status: {answer.status}")
+            response = await connection.request("GET", "/api/status")
+            expect(response.status == 200 and json.loads(response.body)["rooms"] >= 0,
+                   f"chat status: {response.status}")
             for target, status in (("/nothing", 404), ("/live", 426)):
-                answer = await connection.request("GET", target)
-                expect(answer.status == status, f"chat {target}: {answer.status}")
+                response = await connection.request("GET", target)
+                expect(response.status == status, f"chat {target}: {response.status}")
 
     # Large transfers
 
@@ -220,18 +220,18 @@ class Load:
                     b"%x\r\n%s\r\n" % (len(piece), piece) if chunked else piece)
             if chunked:
                 await connection.send(b"0\r\n\r\n")
-            answer = await connection.receive_body(await connection.receive_head())
-            expect(answer.status == 201, f"upload: {answer.status}")
+            response = await connection.receive_body(await connection.receive_head())
+            expect(response.status == 201, f"upload: {response.status}")
             self.bytes["up"] += size
             await connection.send_head("GET", target)
-            answer = await connection.receive_head()
-            expect(answer.status == 200, f"download: {answer.status}")
-            await connection.receive_body(answer, got.update)
+            response = await connection.receive_head()
+            expect(response.status == 200, f"download: {response.status}")
+            await connection.receive_body(response, got.update)
             self.bytes["down"] += size
             await self.delete(connection, target)
         expect(sent.digest() == got.digest(), f"{size} bytes came back changed")
 
-    # Clients that go away
+    # Clients that abort
 
     async def leave(self, connection, wait):
         """In one of the ways to end a connection; `wait`: after a half-close for the other half."""
@@ -258,8 +258,8 @@ class Load:
         cut = self.random.randrange(BIG_FILE_BYTES)
         async with await Http.open(self.filedrop) as connection:
             await connection.send_head("GET", "/files/big")
-            answer = await connection.receive_head()
-            expect(answer.status == 200, f"download: {answer.status}")
+            response = await connection.receive_head()
+            expect(response.status == 200, f"download: {response.status}")
             got = 0
             while got < cut:
                 piece = await within(connection.reader.read(min(BLOCK, cut - got)))
@@ -279,7 +279,7 @@ class Load:
 
     async def end_in_head(self):
         """FIN instead of RST: when it comes together with the bytes before it, the daemon does
-        not notice, and keeps the connection until its time-out of 360 s. So these are rare, and
+        not notice, and keeps the connection until its timeout of 360 s. So these are rare, and
         none come when there is no time to wait for that."""
         async with await self.open_with_part_of_head() as connection:
             connection.finish_sending()
@@ -297,8 +297,8 @@ class Load:
             for position in range(len(head)):
                 await connection.send(head[position:position + 1])
                 await self.pause(step)
-            answer = await connection.receive_body(await connection.receive_head())
-            expect(answer.status == 200 and answer.body == body, f"slow head: {answer.status}")
+            response = await connection.receive_body(await connection.receive_head())
+            expect(response.status == 200 and response.body == body, f"slow head: {response.status}")
 
     async def slow_body(self):
         target = self.fresh_name()
@@ -309,18 +309,18 @@ class Load:
             for start in range(0, len(body), KIB):
                 await connection.send(body[start:start + KIB])
                 await self.pause(step)
-            answer = await connection.receive_body(await connection.receive_head())
-            expect(answer.status == 201, f"slow body: {answer.status}")
-            answer = await connection.request("GET", target)
-            expect(answer.body == body, "a slow body came back changed")
+            response = await connection.receive_body(await connection.receive_head())
+            expect(response.status == 201, f"slow body: {response.status}")
+            response = await connection.request("GET", target)
+            expect(response.body == body, "a slow body came back changed")
             await self.delete(connection, target)
 
     async def slow_reader(self):
         async with await Http.open(self.filedrop, receive_buffer=16 * KIB) as connection:
             step = self.slow_steps(50)
             await connection.send_head("GET", "/files/big")
-            answer = await connection.receive_head()
-            expect(answer.status == 200, f"slow reader: {answer.status}")
+            response = await connection.receive_head()
+            expect(response.status == 200, f"slow reader: {response.status}")
             got = 0
             for _ in range(50):
                 piece = await within(connection.reader.read(8 * KIB))
@@ -398,12 +398,12 @@ class Load:
             await asyncio.wait([echoed, listening], return_when=asyncio.FIRST_COMPLETED)
             if not echoed.done():
                 await cancel(echoed)
-                listening.result()  # says what is wrong
+                listening.result()  # has the reason
             echoed.result()
             going = await self.pause(self.random.uniform(0.2, 1.5))
 
     async def silent(self):
-        """In a room, and reads nothing."""
+        """Joins a chat room, and reads nothing."""
         number = next(self.numbers)
         async with await WebSocket.upgrade(self.chat, receive_buffer=16 * KIB) as socket:
             await socket.send(frame(json.dumps({
@@ -429,7 +429,7 @@ class Load:
             self.done[name] += 1
         except Exception as error:  # all of them count, and none ends the load
             self.failed[name] += 1
-            if len(self.failures) < MOST_FAILURES_SHOWN:
+            if len(self.failures) < MAX_FAILURES_SHOWN:
                 where = traceback.extract_tb(error.__traceback__)[-1]
                 plain = isinstance(error, Wrong)
                 self.failures.append(
@@ -471,7 +471,7 @@ class Load:
 
 
 class Person:
-    """Somebody in a room of the chat, who hears everything, also what it says itself."""
+    """A participant of a chat room, who receives all lines, its own included."""
 
     def __init__(self, socket, room, name):
         self.socket = socket

@@ -15,13 +15,13 @@ import tempfile
 
 from verdict import warm_up_seconds
 
-MOST_POINTS = 200
+MAX_POINTS = 200
 COLOURS = {"filedrop": ("#1f5fa8", "#9cc0e6"), "chat": ("#c05a00", "#f0b98a")}  # strong, pale
 PROBES = {"get": ("GET small file", "filedrop"), "chat": ("chat message", "chat")}
 
 
 def read(path, key):
-    """Rows by what is in the column `key`."""
+    """Rows by the value of the column `key`."""
     rows = {}
     with open(path, newline="", encoding="utf-8") as file:
         for row in csv.DictReader(file):
@@ -30,8 +30,8 @@ def read(path, key):
 
 
 def thin(points, choose):
-    """At most MOST_POINTS of (minutes, value): one for each stretch of time."""
-    size = -(-len(points) // MOST_POINTS)
+    """At most MAX_POINTS of (minutes, value): one for each stretch of time."""
+    size = -(-len(points) // MAX_POINTS)
     return [(statistics.mean(time for time, _ in part), choose([value for _, value in part]))
             for part in (points[start:start + size] for start in range(0, len(points), size))]
 

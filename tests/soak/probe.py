@@ -3,7 +3,7 @@
 
     python3 probe.py FILEDROP_PORT CHAT_PORT PROBES_A_SECOND
 
-writes "get SECONDS" (connect, GET of a small file, all of the answer), "chat SECONDS" (from one
+writes "get SECONDS" (connect, GET of a small file, all of the response), "chat SECONDS" (from one
 person's send to the other's receive), and "failed TEXT". A process of its own, so that the load's
 client does not measure itself.
 """
@@ -22,13 +22,13 @@ SIZE = 100
 async def probe_get(port):
     started = time.perf_counter()
     async with await Http.open(port) as connection:
-        answer = await connection.request("GET", f"/files/small-{SIZE}")
-        expect(answer.status == 200 and len(answer.body) == SIZE, f"GET: {answer.status}")
+        response = await connection.request("GET", f"/files/small-{SIZE}")
+        expect(response.status == 200 and len(response.body) == SIZE, f"GET: {response.status}")
         return time.perf_counter() - started
 
 
 class Pair:
-    """Two people in a room of their own."""
+    """Two people in their own chat room."""
 
     @classmethod
     async def meet(cls, port):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Filedrop and chat under a mixed load: what they use, how fast they answer, what grows.
+"""Filedrop and chat under a mixed load: resources, response times, growth.
 
 The servers are their real executables, on free ports of 127.0.0.1 and with a temporary directory.
 Order: start, everything once ("prime": threads that start with the first use), a look at
@@ -35,11 +35,11 @@ PRIME_LIMIT_SECONDS = 120
 LOAD_END_LIMIT_SECONDS = 180  # the operations that run then are finished
 STEADY_LIMIT_SECONDS = 60
 SHORT_DRAIN_LIMIT_SECONDS = 60
-DRAIN_LIMIT_SECONDS = 420  # the daemon's time-out of 360 s, and some more
+DRAIN_LIMIT_SECONDS = 420  # the daemon's timeout of 360 s, and some more
 STOP_LIMIT_SECONDS = 30
-STEADY_LOOKS = 5
-LOOK_SECONDS = 0.2
-LONGEST_SHORT_SECONDS = 120
+STEADY_SAMPLES = 5
+POLL_INTERVAL_SECONDS = 0.2
+MAX_SHORT_SECONDS = 120
 LARGEST_SHOWN_COMPLAINTS = 40
 
 
@@ -48,7 +48,7 @@ class RunFailed(Exception):
 
 
 class Server:
-    """A server under load: its process, and what the system says about it."""
+    """A server under load: its process and its resources."""
 
     def __init__(self, name, command, directory, environment):
         self.name = name
@@ -95,7 +95,7 @@ class Server:
                 "cpu_seconds": (int(ticks[11]) + int(ticks[12])) / os.sysconf("SC_CLK_TCK")}
 
     def stop(self):
-        """What was wrong with its end."""
+        """Failures of its exit."""
         started = time.monotonic()
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
@@ -199,8 +199,8 @@ class Soak:
     def __init__(self, arguments):
         self.arguments = arguments
         self.seconds = arguments.seconds or 60 * arguments.minutes
-        self.period = 1.0 if self.seconds <= LONGEST_SHORT_SECONDS else 5.0
-        self.pace = "short" if self.seconds <= LONGEST_SHORT_SECONDS else "long"
+        self.period = 1.0 if self.seconds <= MAX_SHORT_SECONDS else 5.0
+        self.pace = "short" if self.seconds <= MAX_SHORT_SECONDS else "long"
         self.output = arguments.output
         self.output.mkdir(parents=True, exist_ok=True)
         self.tables = Tables(self.output)
@@ -267,14 +267,14 @@ class Soak:
                 raise RunFailed("even before the load: " + "; ".join(failures))
 
     def wait_steady(self):
-        """What descriptors and threads are when nothing has changed for a while."""
+        """Descriptors and threads in a steady state."""
         looks = []
         end = time.monotonic() + STEADY_LIMIT_SECONDS
-        while len(looks) < STEADY_LOOKS or any(look != looks[0] for look in looks):
+        while len(looks) < STEADY_SAMPLES or any(look != looks[0] for look in looks):
             if time.monotonic() > end:
                 raise RunFailed(f"descriptors and threads are not steady before the load: {looks}")
-            looks = looks[-STEADY_LOOKS + 1:] + [{each.name: each.look() for each in self.servers}]
-            time.sleep(LOOK_SECONDS)
+            looks = looks[-STEADY_SAMPLES + 1:] + [{each.name: each.look() for each in self.servers}]
+            time.sleep(POLL_INTERVAL_SECONDS)
         return looks[0]
 
     def load(self):
@@ -304,7 +304,7 @@ class Soak:
         self.complaints += self.load_state["failures"]
 
     def drain(self):
-        """Waits until descriptors and threads are what they were; the verdict says if they are."""
+        """Waits until descriptors and threads are back at their first values; the verdict checks it."""
         started = time.monotonic()
         while True:
             after = {each.name: each.look() for each in self.servers}
@@ -312,7 +312,7 @@ class Soak:
             if after == self.phases["before"] or taken > self.phases["drain_seconds"]:
                 break
             self.sample_servers()
-            time.sleep(min(self.period, 1.0 if taken > 5 else LOOK_SECONDS))
+            time.sleep(min(self.period, 1.0 if taken > 5 else POLL_INTERVAL_SECONDS))
         self.phases["after"] = after
         self.phases["drained_after"] = taken
         end = time.monotonic() + 2 * self.period  # the end of the curves
@@ -375,7 +375,7 @@ class Soak:
                             median_ms=round(statistics.median(values), 3),
                             p99_ms=round(percentile(values, 0.99), 3), max_ms=round(values[-1], 3))
 
-    # What comes of it
+    # Results
 
     def finish(self):
         """Writes verdict and plot; the exit code."""

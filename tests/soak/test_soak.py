@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What the soak notices: servers that answer wrongly, die, do not stop, or lose things.
+"""Tests that the soak test detects servers that respond wrongly, die, do not stop, or lose things.
 
     WENDREL_FILEDROP=... WENDREL_CHAT=... [WENDREL_LEAKY=...] python3 test_soak.py [Class[.test]]
 """
@@ -41,7 +41,7 @@ async def with_server(serve, use):
         server.close()
 
 
-async def answer_wrongly(reader, writer):
+async def respond_wrongly(reader, writer):
     """Says yes to everything, with a body that was not asked for."""
     while True:
         head = await reader.readuntil(b"\r\n\r\n")
@@ -50,10 +50,10 @@ async def answer_wrongly(reader, writer):
         await writer.drain()
 
 
-class WrongAnswers(unittest.TestCase):
+class WrongResponses(unittest.TestCase):
     def failures_of(self, use):
         async def run():
-            return await with_server(answer_wrongly, use)
+            return await with_server(respond_wrongly, use)
         return asyncio.run(run())
 
     def test_no_small_request_takes_them(self):
@@ -288,7 +288,7 @@ class Leaks(unittest.TestCase):
     def test_lost_descriptors_and_threads_fail_a_short_run(self):
         with tempfile.TemporaryDirectory() as output, \
                 unittest.mock.patch.dict(os.environ, WENDREL_LEAK="descriptors,threads"):
-            # What is lost never comes back; there is no need to wait long for it.
+            # A leak never disappears: a short wait is enough.
             done = subprocess.run(
                 [sys.executable, HERE / "soak.py", "--filedrop", os.environ["WENDREL_FILEDROP"],
                  "--chat", os.environ["WENDREL_CHAT"], "--preload", os.environ["WENDREL_LEAKY"],
@@ -305,7 +305,7 @@ class Curves(unittest.TestCase):
     def test_many_points_become_few_that_keep_the_peaks(self):
         points = [(number / 60, 500 if number == 777 else 10) for number in range(5000)]
         few = plot.thin(points, max)
-        self.assertLessEqual(len(few), plot.MOST_POINTS)
+        self.assertLessEqual(len(few), plot.MAX_POINTS)
         self.assertEqual(max(value for _, value in few), 500)
         self.assertEqual(sum(value == 500 for _, value in few), 1)
         self.assertEqual(plot.thin(points[:100], max), points[:100])

@@ -15,7 +15,7 @@ from verdict import MIB
 
 HERE = pathlib.Path(__file__).resolve().parent
 MINUTES = 30
-PERIOD = 5
+SAMPLE_INTERVAL_SECONDS = 5
 
 
 def curve(memory=lambda t: 50 * MIB, descriptors=lambda t: 40, threads=lambda t: 76,
@@ -24,7 +24,7 @@ def curve(memory=lambda t: 50 * MIB, descriptors=lambda t: 40, threads=lambda t:
     end = 60 * minutes
     return [{"seconds": float(second), "memory": memory(second / end),
              "descriptors": descriptors(second / end), "threads": threads(second / end)}
-            for second in range(0, end + 1, PERIOD)]
+            for second in range(0, end + 1, SAMPLE_INTERVAL_SECONDS)]
 
 
 def complaints_about(samples, minutes=MINUTES):
@@ -80,7 +80,7 @@ class Growth(unittest.TestCase):
                 samples = curve(lambda t: (200 if t < 0.65 else 200 + rise) * MIB)
                 self.assertEqual(len(complaints_about(samples)), count)
 
-    def test_what_was_found_is_said_in_figures(self):
+    def test_findings_are_printed_with_numbers(self):
         text, = complaints_about(curve(descriptors=lambda t: 40 if t < 0.65 else 55))
         self.assertEqual(text, "server: descriptors grew from 40 to 55 (first and last third), "
                                "by slope 0 in all; allowed are 6")
@@ -96,7 +96,7 @@ class Growth(unittest.TestCase):
 
     def test_samples_outside_the_load_do_not_count(self):
         samples = curve()
-        for second in range(60 * MINUTES + PERIOD, 60 * MINUTES + 900, PERIOD):
+        for second in range(60 * MINUTES + SAMPLE_INTERVAL_SECONDS, 60 * MINUTES + 900, SAMPLE_INTERVAL_SECONDS):
             samples.append({"seconds": float(second), "memory": 500 * MIB, "descriptors": 400,
                             "threads": 99})
         self.assertEqual(complaints_about(samples), [])

@@ -2,7 +2,7 @@
 """Whether memory, descriptors or threads of a server grew under a steady load.
 
     python3 verdict.py DIRECTORY   judges the servers.csv and phases.json that a run has left there
-    python3 verdict.py --rule      says by what rule
+    python3 verdict.py --rule      prints the rule
 """
 
 import csv
@@ -13,9 +13,9 @@ import statistics
 import sys
 
 MIB = 1024 * 1024
-FEWEST_SAMPLES = 18
-SHORTEST_JUDGED_SECONDS = 90
-MOST_SLOPE_SAMPLES = 400
+MIN_SAMPLES = 18
+MIN_JUDGED_SECONDS = 90
+MAX_SLOPE_SAMPLES = 400
 
 
 @dataclasses.dataclass(frozen=True)
@@ -44,7 +44,7 @@ Theil-Sen slope (the median of the slopes between all pairs of samples) may rise
 Judged when 90 s and 18 samples remain after the warm-up: from 4 minutes on.
 After the load, with all connections closed, descriptors and threads must be exactly as many as
 before it; they have 60 s for that, or 420 s if the load lasts more than 2 minutes (the daemon's
-time-out is 360 s)."""
+timeout is 360 s)."""
 
 
 def warm_up_seconds(duration):
@@ -60,7 +60,7 @@ def thinned(samples, most):
 
 def theil_sen_slope(samples):
     """The median of the slopes between all pairs of (time, value)."""
-    samples = thinned(samples, MOST_SLOPE_SAMPLES)
+    samples = thinned(samples, MAX_SLOPE_SAMPLES)
     slopes = [(later[1] - earlier[1]) / (later[0] - earlier[0])
               for number, earlier in enumerate(samples)
               for later in samples[number + 1:] if later[0] > earlier[0]]
@@ -86,7 +86,7 @@ def shown(quantity, value):
 
 def measure_growth(quantity, samples):
     """`samples`: (seconds, value), in order, of the time after the warm-up; None when too few."""
-    if len(samples) < FEWEST_SAMPLES or samples[-1][0] - samples[0][0] < SHORTEST_JUDGED_SECONDS:
+    if len(samples) < MIN_SAMPLES or samples[-1][0] - samples[0][0] < MIN_JUDGED_SECONDS:
         return None
     third = len(samples) // 3
     first = statistics.median(value for _, value in samples[:third])
@@ -120,7 +120,7 @@ def judge_growth(server, samples, load_start, load_end):
 
 
 def judge_return(server, before, after, seconds):
-    """Complaints about what has not come back. Both: dictionaries of quantities."""
+    """Complaints about resources that were not released. Both: dictionaries of quantities."""
     return [f"{server}: {quantity} did not come back within {seconds:.0f} s: "
             f"{before[quantity]} before the load, {after[quantity]} after it"
             for quantity in ("descriptors", "threads") if before[quantity] != after[quantity]]

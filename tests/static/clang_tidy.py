@@ -24,12 +24,12 @@ size_t twice(std::string text)
 
 
 def look(entry):
-    """What clang-tidy says against a source; nothing when it is content."""
+    """The findings of clang-tidy in a source."""
     done = subprocess.run(
         ["clang-tidy", "--quiet", f"--config-file={tree.ROOT / '.clang-tidy'}", entry["file"],
          "--", *flags_of(entry)],
         cwd=entry["directory"], check=False, capture_output=True, text=True)
-    # What it says on the other stream is how many warnings it has left out.
+    # The other stream has only the number of suppressed warnings.
     return "" if done.returncode == 0 else done.stdout or done.stderr
 
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Lets cppcheck look at our sources, and checks that it finds a planted mistake."""
+"""Runs cppcheck on our sources, and checks that it finds a planted error."""
 
 import os
 import pathlib
@@ -21,7 +21,7 @@ OPTIONS = [
     "--error-exitcode=1",
     "--quiet",
     "--template={file}:{line}: {severity}: {message} [{id}]",
-    # Headers of others are not looked into; what they promise is in cppcheck's own libraries.
+    # Third-party headers are not parsed; cppcheck has descriptions of its own.
     "--suppress=missingInclude",
     "--suppress=missingIncludeSystem",
     # It does not know coroutines; the compiler warns of a missing return as well.

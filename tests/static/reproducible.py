@@ -10,14 +10,14 @@ import sys
 
 import tree
 
-# What does not go into a library.
+# Directories that do not affect the libraries.
 NOT_BUILT = ("tests/", "docs/")
 
 NEARBY_BYTES = 64
 PLACES_SHOWN = 4
 
 
-# The other build believes in another day: what takes the time of the build does not come out the same.
+# The second build has another date, so that the time of the build makes a difference.
 DAY_ONE = {**os.environ, "SOURCE_DATE_EPOCH": "1"}
 
 

@@ -125,6 +125,8 @@ ALLOWED = [
     Allowed("room", "*[cC]hat*", "", "the rooms of a chat"),
     Allowed("room", "tests/integration/proxies/*", "", "joins a room of the chat"),
     Allowed("room", "scripts/demo*", "", "the rooms of a chat"),
+    Allowed("room", "tests/soak/*", "", "the rooms of a chat"),
+    Allowed("room", "tests/integration/restarts/*", "", "the rooms of a chat"),
     Allowed("room", "*", r"(?i)\bchat\b|\bRooms\.(cpp|h)\b", "the rooms of a chat"),
     Allowed("journal", "*", r"(?i)systemd|journald|journalctl", "the name of systemd's log"),
     Allowed("blank", "*", r"\[:blank:\]|target=.?_blank|noblank|blank=", "a name of a language or tool"),

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks what is read rather than run: the layout of C++ sources, shell scripts, spelling."""
+"""Checks the layout of C++ sources, shell scripts and spelling."""
 
 import argparse
 import subprocess
@@ -27,7 +27,7 @@ def shell_scripts():
 
 
 def texts():
-    """All but what is not written by hand, or is wrong on purpose."""
+    """All files except generated ones and those with intended errors."""
     return [name for name in tree.files()
             if not name.endswith((".svg", ".png", "package-lock.json"))
             and not name.startswith(("tests/fuzz/seeds/", "abi/"))]

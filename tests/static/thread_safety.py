@@ -28,7 +28,7 @@ int read(Counter& counter)
 
 
 def flags_of(entry):
-    """What of a compilation says how its source is to be read: not how it is optimised or built."""
+    """The options of a compilation that affect parsing, without optimisation and output."""
     words = shlex.split(entry["command"])
     flags = ["-std=c++17"]  # the default of the compiler that builds; a later one wins
     for index, word in enumerate(words):
@@ -40,7 +40,7 @@ def flags_of(entry):
 
 
 def check(compiler, flags, source, directory):
-    """What clang says against a source; nothing when it is content."""
+    """The findings of clang in a source."""
     done = subprocess.run([compiler, *flags, *CHECK, source], cwd=directory, check=False,
                           capture_output=True, text=True)
     return "" if done.returncode == 0 else done.stderr or f"{compiler} ended with {done.returncode}"

@@ -12,7 +12,7 @@ SKIPPED = 77
 
 
 def files():
-    """Paths of all files from the root on: git's, or what a source archive has."""
+    """Paths of all files from the root on: those of git, or of a source archive."""
     names = []
     if (ROOT / ".git").exists() and shutil.which("git"):
         listed = subprocess.run(
@@ -34,7 +34,7 @@ def need(tool):
 
 
 def check(tool, options, names):
-    """Ends the test with what the tool says about these files."""
+    """Runs the tool on these files and ends the test with its result."""
     if not names:
         sys.exit(f"there is nothing to check with {tool}")
     done = subprocess.run([tool, *options, *names], cwd=ROOT, check=False)

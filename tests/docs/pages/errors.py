@@ -1,7 +1,7 @@
-"""Checks that every text with which our code complains stands in docs/troubleshooting.md.
+"""Checks that docs/troubleshooting.md lists every error text of our code.
 
     errors.py ROOT            compares
-    errors.py ROOT --broken   tries whether a missing text is noticed
+    errors.py ROOT --broken   tests that a missing text is detected
 """
 
 import pathlib
@@ -12,7 +12,7 @@ PAGE = "docs/troubleshooting.md"
 FOLDERS = ("src", "kit/src", "platform")
 STRING = r'"((?:[^"\\]|\\.)*)"'
 
-# What is said, by what it is said with; each up to the end of its statement.
+# Statements that produce error texts, each up to its end.
 STATEMENTS = (
     re.compile(r"qvLogObject\(qvLogObject::k(?:Warning|Error)[^;]*;"),
     re.compile(r"\bLogError\([^;]*;"),
@@ -24,10 +24,10 @@ STATEMENTS = (
     re.compile(r"\bfprintf\(stderr,[^;]*;"),
     re.compile(r"\bthrow std::\w+\([^;]*;"),
 )
-# A function whose returned texts are part of one.
+# A function that returns parts of error texts.
 RETURNED = re.compile(r"lossReason\(MHD_RequestTerminationCode code\)\s*\{(.*?)\n\}", re.S)
 
-# Said with the same words as above, and not by themselves a complaint.
+# Texts in these statements that are not errors.
 NO_COMPLAINTS = {", with flags 0x"}
 
 
@@ -38,7 +38,7 @@ def texts_of(source):
     for statement in found:
         joined = re.sub(r'"\s*\n\s*"', "", statement)
         for text in re.findall(STRING, joined):
-            # The words between what is filled in.
+            # The parts between placeholders.
             for part in re.split(r"%s|\\n", text.replace('\\"', '"')):
                 part = part.strip()
                 if len(part) > 3 and any(c.isalpha() for c in part) and part not in NO_COMPLAINTS:
@@ -57,16 +57,16 @@ def missing(page, files):
         for text in texts_of(source):
             count += 1
             if text not in page:
-                yield f"{path} says '{text}', and {PAGE} does not know it"
+                yield f"{path} has '{text}', which is missing in {PAGE}"
     if count < 45:
-        yield f"only {count} texts found: does the check still look at the right statements?"
+        yield f"only {count} texts found: do the patterns still match?"
 
 
 def try_broken(page, files):
     texts = {text for _, source in files for text in texts_of(source)}
     for text in sorted(texts):
         if not list(missing(page.replace(text, "..."), files)):
-            yield f"not noticed: '{text}' is missing"
+            yield f"not detected: '{text}' is missing"
 
 
 def main():
@@ -78,7 +78,7 @@ def main():
         wrong += try_broken(page, files)
     if sys.argv[2:] == ["--list"]:
         print("\n".join(f"{path}: {text}" for path, source in files for text in texts_of(source)))
-    print("\n".join(wrong) or "every text stands there")
+    print("\n".join(wrong) or "all texts are listed")
     return 1 if wrong else 0
 
 

@@ -17,7 +17,7 @@ import sys
 PAGE = "docs/limits-and-defaults.md"
 FOLDERS = ("include", "src", "kit", "platform")
 
-# Constants nobody meets from outside, with the reason.
+# Constants without effect for users, with the reason.
 NOT_FOR_USERS = {
     "src/server/logging/LogObject.h kInformation": "a level's number, see qvLog::Level",
     "src/server/logging/LogObject.h kWarning": "a level's number",
@@ -40,7 +40,7 @@ NOT_FOR_USERS = {
     "src/request/Utf8.cpp kBlockBytes": "an algorithm's",
     "src/request/Utf8.cpp kHighBits": "an algorithm's",
     "src/server/UpgradeExchange.cpp kWrongVersionPageBytes": "length of a text",
-    "src/websocket/AcceptKey.cpp kDigestRoomBytes": "room for a digest",
+    "src/websocket/AcceptKey.cpp kDigestRoomBytes": "capacity for a digest",
     "src/websocket/AcceptKey.cpp kDigestBytes": "size of a digest",
     "src/websocket/FrameHeader.cpp kFinBit": "the protocol's",
     "src/websocket/FrameHeader.cpp kLengthBits": "the protocol's",
@@ -66,8 +66,8 @@ NOT_FOR_USERS = {
     "kit/src/Request.cpp kNoContent": "a status",
     "kit/src/Request.cpp kNotModified": "a status",
     "kit/src/Router.cpp kMethodBits": "how many methods there are bits for",
-    "kit/src/Server.cpp kStateLookMs": "how often a start is looked at",
-    "kit/src/WebSocketHub.cpp kShortLookMs": "how often the end of a closing hub is looked at",
+    "kit/src/Server.cpp kStateLookMs": "interval of checks during a start",
+    "kit/src/WebSocketHub.cpp kShortLookMs": "interval of checks during a close",
     "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
     "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeOut": "means: none",
     "include/Wendrel/HttpServer.h Parameters::reserved1": "not used",
@@ -118,7 +118,7 @@ def evaluate(text, others):
 
 
 def value_of(name, kind, text, others):
-    """Unit and number of a constant, or a word for what is no number."""
+    """Unit and number of a constant, or a word."""
     text = text.strip().strip('"')
     if text in ("true", "false"):
         return ("word", "on" if text == "true" else "off")
@@ -140,7 +140,7 @@ def without_comments(text):
 
 
 def numbers_of(path, text):
-    """Key to unit and number (or None, when it cannot be evaluated) of what a file sets."""
+    """The constants of a file: key to unit and number, or to None if not evaluated."""
     text = without_comments(text)
     found = [(kind, name, next(part for part in values if part is not None))
              for kind, name, *values in (match.groups() for match in CONSTANT.finditer(text))]
@@ -185,7 +185,7 @@ def same(documented, coded):
 
 
 def key_of(name, argument, file):
-    """How `numbers_of` calls what the page calls kit::Server::start(limit)."""
+    """The key in `numbers_of` of a name of the page such as kit::Server::start(limit)."""
     parts = name.split("::")
     if argument:
         return f"{file} {parts[-1]}({argument})"
@@ -247,11 +247,11 @@ def try_broken(page, files):
              "constexpr double kNewFactor = 2;\nconstexpr uint32_t kNoContent"),
             ("kit/src/Router.cpp", "constexpr int kMethodBits = 10;", "")):
         if not list(complaints(page, with_change(path, old, new), NOT_FOR_USERS)):
-            silent.append(f"not noticed: '{new}' instead of '{old}' in {path}")
+            silent.append(f"not detected: '{new}' instead of '{old}' in {path}")
     for old, new in (("4096 bytes", "4097 bytes"), ("1000 ms", "1000 bytes"),
                      ("fixed: [`kBlockBytes`]", "fixed: [`kBlockBites`]")):
         if not list(complaints(page.replace(old, new), files.items(), NOT_FOR_USERS)):
-            silent.append(f"not noticed: '{new}' instead of '{old}' in the page")
+            silent.append(f"not detected: '{new}' instead of '{old}' in the page")
     return silent
 
 

@@ -1,4 +1,4 @@
-"""Builds the documentation with Doxygen, without a warning, and follows its links.
+"""Builds the documentation with Doxygen, without a warning, and checks its links.
 
     reference.py DOXYGEN DOXYFILE HTML_FOLDER
 """
@@ -11,7 +11,7 @@ import subprocess
 import sys
 import urllib.parse
 
-# What somebody looks for, and the file of the HTML that has it.
+# Files that the HTML must contain.
 MUST_HAVE = ("classqv_1_1http_1_1HttpServer.html", "classqv_1_1kit_1_1Request.html",
              "classqv_1_1qvLog.html", "classqv_1_1Url.html", "classqv_1_1kit_1_1WebSocketHub.html",
              "page-docs-limits-and-defaults.html", "page-docs-troubleshooting.html",
@@ -49,7 +49,7 @@ def broken_links(folder):
             elif anchor and re.match(r"index|page-", name) and anchor not in pages[file or name].anchors:
                 yield f"{name}: there is no {target}"
     if checked < 500:
-        yield f"only {checked} links found: is this still looking at the right pages?"
+        yield f"only {checked} links found: are these the right pages?"
 
 
 def main():
@@ -62,7 +62,7 @@ def main():
     if folder.is_dir():
         complaints += [f"{name} is missing" for name in MUST_HAVE if not (folder / name).exists()]
         complaints += broken_links(folder)
-    print("\n".join(complaints) or "built without a warning; all links lead somewhere")
+    print("\n".join(complaints) or "built without a warning; all links are valid")
     return 1 if complaints else 0
 
 

@@ -39,7 +39,7 @@ class Person(LiveClient):
         self.send(json.dumps({"type": "join", "room": room, "nickname": nickname}))
 
     def join(self, room, nickname):
-        """Joins, and returns what was said in the room before: a message or its bytes each."""
+        """Joins, and returns the earlier messages of the chat room, as message or bytes."""
         self.ask_to_join(room, nickname)
         joined = self.receive_json()
         assert joined == {"type": "joined", "room": room, "nickname": nickname}, joined
@@ -71,7 +71,7 @@ class ChatCase(unittest.TestCase):
             self.stop()
 
     def stop(self):
-        """Each test ends with a server that stops cleanly, whatever was done to it."""
+        """After each test the server must stop with exit code 0."""
         self.stopped = True
         code = self.server.stop()
         log = "".join(self.server.errors)
@@ -86,8 +86,8 @@ class ChatCase(unittest.TestCase):
 
     def status(self):
         with urllib.request.urlopen(f"http://127.0.0.1:{self.port}/api/status",
-                                    timeout=LIMIT_SECONDS) as answer:
-            return json.load(answer)
+                                    timeout=LIMIT_SECONDS) as response:
+            return json.load(response)
 
 
 class Talk(ChatCase):
@@ -286,8 +286,8 @@ class Pages(ChatCase):
         request = urllib.request.Request(f"http://127.0.0.1:{self.port}{target}",
                                          headers=headers or {})
         try:
-            with urllib.request.urlopen(request, timeout=LIMIT_SECONDS) as answer:
-                return answer.status, answer.headers, answer.read()
+            with urllib.request.urlopen(request, timeout=LIMIT_SECONDS) as response:
+                return response.status, response.headers, response.read()
         except urllib.error.HTTPError as error:
             with error:
                 return error.code, error.headers, error.read()

@@ -1,4 +1,4 @@
-"""Starting filedrop, talking to it with curl, and looking at what it leaves on disk."""
+"""Starts filedrop, sends requests with curl, and inspects its files."""
 
 import hashlib
 import http.client
@@ -38,7 +38,7 @@ def make_sparse(path, size):
     return path
 
 
-class Answer:
+class Response:
     def __init__(self, code, status, headers, body, error):
         self.code = code  # of curl
         self.status = status
@@ -54,7 +54,7 @@ class Answer:
 
 
 def parse_head(text):
-    """Status and headers of the last head in what curl wrote with -D."""
+    """Status and headers of the last head in the output of curl -D."""
     heads = [head for head in text.split("\r\n\r\n") if head.startswith("HTTP/")]
     if not heads:
         return 0, {}
@@ -110,7 +110,7 @@ class Upload:
 
 
 class Download:
-    """A GET whose reader reads only what it is told to: with a small receive buffer, a large file
+    """A GET with a reader that reads on demand: with a small receive buffer, a large file
     keeps its request open until `read_rest` or `close`."""
 
     RECEIVE_BYTES = 65536
@@ -151,7 +151,7 @@ class ServerCase(unittest.TestCase):
         return self.server.wait_ready()
 
     def end_server(self):
-        """Each test ends with a server that stops cleanly, whatever was done to it."""
+        """After each test the server must stop with exit code 0."""
         if self.server:
             server, self.server = self.server, None
             code = server.stop()
@@ -190,7 +190,7 @@ class ServerCase(unittest.TestCase):
              "-D", str(head), *map(str, arguments), self.server.url + target],
             input=data, capture_output=True, check=False)
         status, headers = parse_head(head.read_bytes().decode("latin-1") if head.exists() else "")
-        return Answer(done.returncode, status, headers, done.stdout, done.stderr.decode())
+        return Response(done.returncode, status, headers, done.stdout, done.stderr.decode())
 
     def put(self, target, data, *arguments):
         source = self.work / f"source-{threading.get_ident()}"

@@ -84,7 +84,7 @@ function makeFile(name, size) {
     return file
 }
 
-// What a drop of files from the desktop does, with names that no desktop would let through.
+// Simulates dropping files from the desktop, with names that a desktop would not allow.
 async function drop(names) {
     await page.evaluate((all) => {
         const dataTransfer = new DataTransfer()
@@ -129,7 +129,7 @@ test('a file goes up, is listed, comes down and is deleted', async () => {
 
     await row.getByRole('button', { name: 'Delete holiday video.bin' }).click()
     const dialog = page.getByRole('dialog')
-    await dialog.getByText('“holiday video.bin” will be gone for everyone.').waitFor()
+    await dialog.getByText('“holiday video.bin” will be deleted for everyone.').waitFor()
     await dialog.getByRole('button', { name: 'Keep it' }).click()
     assert.equal(fs.readdirSync(directory).length, 1)
     await row.getByRole('button', { name: 'Delete holiday video.bin' }).click()
@@ -201,7 +201,7 @@ test('names are shown as text', async () => {
     await open()
     await fileRow(name).waitFor()
     await page.getByRole('button', { name: `Delete ${name}`, exact: true }).click()
-    await page.getByRole('dialog').getByText(`“${name}” will be gone for everyone.`).waitFor()
+    await page.getByRole('dialog').getByText(`“${name}” will be deleted for everyone.`).waitFor()
     assert.equal(await page.locator('img').count(), 0)
     assert.equal(dialogs, 0)
 })
@@ -236,15 +236,15 @@ test('what others do appears by itself and leaves the rest alone', async () => {
     await fileRow('a').waitFor({ state: 'detached' })
 })
 
-test('a server that is gone is told and found again', async () => {
+test('a stopped server is reported and found again', async () => {
     await open()
     const { port } = new URL(url)
     await stop(server)
-    await page.getByText('The server does not answer.').waitFor()
+    await page.getByText('The server does not respond.').waitFor()
     await drop(['late.txt'])
     await page.getByRole('alert').getByText('The connection to the server was lost.').waitFor()
     await startServer({ port })
-    await page.getByText('The server does not answer.').waitFor({ state: 'hidden' })
+    await page.getByText('The server does not respond.').waitFor({ state: 'hidden' })
 })
 
 const kProxy = ['nginx', 'haproxy'].find((name) => fs.existsSync('/usr/sbin/' + name))
@@ -276,7 +276,7 @@ test('the list is pushed through a proxy and asked for again without it', { skip
         assert.ok(asked - before <= 1, `asked ${asked - before} times: by the upload alone`)
     })
     await page.locator('html[data-list=polled]').waitFor()
-    await page.getByText('The server does not answer.').waitFor()
+    await page.getByText('The server does not respond.').waitFor()
 })
 
 test('everything can be reached with the keyboard', async () => {

@@ -38,9 +38,9 @@ class Transfers(ServerCase):
         self.start()
         source = make_sparse(self.directory / "large.bin", LARGE)
         target = self.work / "target"
-        answer = self.curl("/files/large.bin", "-o", target)
-        self.assertEqual(answer.status, 200, answer)
-        self.assertEqual(answer.headers["content-length"], str(LARGE))
+        response = self.curl("/files/large.bin", "-o", target)
+        self.assertEqual(response.status, 200, response)
+        self.assertEqual(response.headers["content-length"], str(LARGE))
         self.assertEqual(sha256(target), sha256(source))
         self.check_memory()
 
@@ -130,10 +130,10 @@ class Transfers(ServerCase):
                 content = os.urandom(size)
                 self.assertEqual(self.put("/files/sized", content).status // 100, 2)
                 self.assertEqual((self.directory / "sized").read_bytes(), content)
-                answer = self.curl("/files/sized")
-                self.assertEqual(answer.status, 200)
-                self.assertEqual(answer.headers["content-length"], str(size))
-                self.assertEqual(answer.body, content)
+                response = self.curl("/files/sized")
+                self.assertEqual(response.status, 200)
+                self.assertEqual(response.headers["content-length"], str(size))
+                self.assertEqual(response.body, content)
 
     def test_replacing_a_file(self):
         self.start()
@@ -163,18 +163,18 @@ class Transfers(ServerCase):
     def test_head_has_the_length_and_no_body(self):
         self.start()
         (self.directory / "a.txt").write_bytes(b"x" * 3000000)
-        answer = self.curl("/files/a.txt", "-I")
-        self.assertEqual(answer.status, 200)
-        self.assertEqual(answer.headers["content-length"], "3000000")
-        self.assertEqual(answer.headers["content-type"], "text/plain; charset=utf-8")
-        self.assertEqual(answer.headers["accept-ranges"], "bytes")
+        response = self.curl("/files/a.txt", "-I")
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.headers["content-length"], "3000000")
+        self.assertEqual(response.headers["content-type"], "text/plain; charset=utf-8")
+        self.assertEqual(response.headers["accept-ranges"], "bytes")
         self.assertEqual(self.curl("/files/none", "-I").status, 404)
 
     def test_deleting(self):
         self.start()
         (self.directory / "a").write_bytes(b"one")
-        answer = self.curl("/files/a", "-X", "DELETE")
-        self.assertEqual((answer.status, answer.body), (204, b""))
+        response = self.curl("/files/a", "-X", "DELETE")
+        self.assertEqual((response.status, response.body), (204, b""))
         self.assertEqual(self.names(), [])
         self.assertEqual(self.curl("/files/a", "-X", "DELETE").status, 404)
         self.assertEqual(self.curl("/files/a").status, 404)
@@ -189,10 +189,10 @@ class Interface(ServerCase):
         (self.directory / "bad\udcff").write_bytes(b"")
         os.mkdir(self.directory / "inner")
         os.utime(self.directory / "b \"quoted\".txt", ns=(0, 784887151250000000))
-        answer = self.curl("/api/files")
-        self.assertEqual(answer.status, 200)
-        self.assertEqual(answer.headers["content-type"], "application/json")
-        files = answer.json()["files"]
+        response = self.curl("/api/files")
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.headers["content-type"], "application/json")
+        files = response.json()["files"]
         self.assertEqual([file["name"] for file in files], ["a\u00e9", "b \"quoted\".txt"])
         self.assertEqual(files[1], {"name": "b \"quoted\".txt", "size": 5,
                                     "modified": "1994-11-15T08:12:31.250Z"})
@@ -222,42 +222,42 @@ class Interface(ServerCase):
 
     def test_page(self):
         self.start()
-        answer = self.curl("/")
-        self.assertEqual(answer.status, 200)
-        self.assertEqual(answer.headers["content-type"], "text/html; charset=utf-8")
-        self.assertIn(b"<h1>filedrop</h1>", answer.body)
-        policy = answer.headers["content-security-policy"]
+        response = self.curl("/")
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.headers["content-type"], "text/html; charset=utf-8")
+        self.assertIn(b"<h1>filedrop</h1>", response.body)
+        policy = response.headers["content-security-policy"]
         self.assertIn("default-src 'none'", policy)
         self.assertNotIn("unsafe", policy)
         nonce = policy.split("script-src 'nonce-")[1].split("'")[0]
-        self.assertEqual(answer.body.count(f'nonce="{nonce}"'.encode()), 2)
+        self.assertEqual(response.body.count(f'nonce="{nonce}"'.encode()), 2)
         self.assertNotEqual(policy, self.curl("/").headers["content-security-policy"])
         self.assertEqual(self.curl("/", "-I").status, 200)
 
-    def test_every_answer_has_the_safety_headers(self):
+    def test_every_response_has_the_safety_headers(self):
         self.start()
         (self.directory / "evil.html").write_bytes(b"<script>alert(1)</script>")
         for target in ("/", "/api/files", "/api/status", "/files/evil.html", "/files/none", "/nothing"):
             with self.subTest(target=target):
-                answer = self.curl(target)
-                self.assertEqual(answer.headers["x-content-type-options"], "nosniff")
-                self.assertIn("default-src 'none'", answer.headers["content-security-policy"])
-                self.assertEqual(answer.headers["referrer-policy"], "no-referrer")
+                response = self.curl(target)
+                self.assertEqual(response.headers["x-content-type-options"], "nosniff")
+                self.assertIn("default-src 'none'", response.headers["content-security-policy"])
+                self.assertEqual(response.headers["referrer-policy"], "no-referrer")
         file = self.curl("/files/evil.html")
         self.assertEqual(file.headers["content-disposition"], 'attachment; filename="evil.html"')
         self.assertIn("sandbox", file.headers["content-security-policy"])
 
     def test_unknown_addresses_and_methods(self):
         self.start()
-        answer = self.curl("/nothing")
-        self.assertEqual(answer.status, 404)
-        self.assertTrue(answer.json()["error"])
-        answer = self.curl("/api/files", "-X", "DELETE")
-        self.assertEqual(answer.status, 405)
-        self.assertEqual(set(answer.headers["allow"].split(",")) - {"OPTIONS"}, {"GET", "HEAD"})
-        answer = self.curl("/files/a", "-X", "POST", "-d", "x")
-        self.assertEqual(answer.status, 405)
-        self.assertEqual(set(answer.headers["allow"].split(",")) - {"OPTIONS"},
+        response = self.curl("/nothing")
+        self.assertEqual(response.status, 404)
+        self.assertTrue(response.json()["error"])
+        response = self.curl("/api/files", "-X", "DELETE")
+        self.assertEqual(response.status, 405)
+        self.assertEqual(set(response.headers["allow"].split(",")) - {"OPTIONS"}, {"GET", "HEAD"})
+        response = self.curl("/files/a", "-X", "POST", "-d", "x")
+        self.assertEqual(response.status, 405)
+        self.assertEqual(set(response.headers["allow"].split(",")) - {"OPTIONS"},
                          {"GET", "HEAD", "PUT", "DELETE"})
         self.assertEqual(self.names(), [])
 
@@ -291,16 +291,16 @@ class Names(ServerCase):
             for method in ("GET", "HEAD", "PUT", "DELETE"):
                 with self.subTest(target=target, method=method):
                     if method == "PUT":
-                        answer = self.curl(target, "-X", "PUT", "--data-binary", "intruder")
+                        response = self.curl(target, "-X", "PUT", "--data-binary", "intruder")
                     elif method == "HEAD":
-                        answer = self.curl(target, "-I")
+                        response = self.curl(target, "-I")
                     else:
-                        answer = self.curl(target, "-X", method)
-                    self.assertIn(answer.status, statuses, answer)
-                    self.assertNotIn(b"secret", answer.body)
-                    self.assertNotIn(b"root:", answer.body)
+                        response = self.curl(target, "-X", method)
+                    self.assertIn(response.status, statuses, response)
+                    self.assertNotIn(b"secret", response.body)
+                    self.assertNotIn(b"root:", response.body)
                     if method != "HEAD":
-                        self.assertTrue(answer.json()["error"])
+                        self.assertTrue(response.json()["error"])
 
     def test_ways_out_of_the_directory(self):
         self.check_refused((
@@ -332,9 +332,9 @@ class Names(ServerCase):
                 self.assertEqual(self.curl(target).status, 404)
                 self.assertEqual(self.curl(target, "-I").status, 404)
                 self.assertEqual(self.curl(target, "-X", "DELETE").status, 404)
-                answer = self.put(target, b"intruder")
-                self.assertEqual(answer.status, 409, answer)
-                self.assertTrue(answer.json()["error"])
+                response = self.put(target, b"intruder")
+                self.assertEqual(response.status, 409, response)
+                self.assertTrue(response.json()["error"])
         listed = [file["name"] for file in self.curl("/api/files").json()["files"]]
         self.assertEqual(listed, ["inside"])
 
@@ -351,14 +351,14 @@ class Names(ServerCase):
                 self.assertEqual(self.put("/files/" + target, name.encode()).status, 201)
                 self.assertEqual((self.directory / name).read_bytes(), name.encode())
                 self.assertIn(name, [file["name"] for file in self.curl("/api/files").json()["files"]])
-                answer = self.curl("/files/" + target)
-                self.assertEqual((answer.status, answer.body), (200, name.encode()))
+                response = self.curl("/files/" + target)
+                self.assertEqual((response.status, response.body), (200, name.encode()))
                 self.assertEqual(self.curl("/files/" + target, "-X", "DELETE").status, 204)
 
     def test_download_keeps_a_name_outside_ascii(self):
         self.put("/files/%C3%A9t%C3%A9%20%22x%22.txt", b"summer")
-        answer = self.curl("/files/%C3%A9t%C3%A9%20%22x%22.txt")
-        self.assertEqual(answer.headers["content-disposition"],
+        response = self.curl("/files/%C3%A9t%C3%A9%20%22x%22.txt")
+        self.assertEqual(response.headers["content-disposition"],
                          'attachment; filename="_t_ _x_.txt"; '
                          "filename*=UTF-8''%C3%A9t%C3%A9%20%22x%22.txt")
         self.curl("/files/%C3%A9t%C3%A9%20%22x%22.txt", "-X", "DELETE")
@@ -383,22 +383,22 @@ class Conditions(ServerCase):
             arguments += ["-H", header]
         return self.curl("/files/a.bin", *method, *arguments)
 
-    def check_whole(self, answer):
-        self.assertEqual(answer.status, 200, answer)
-        self.assertEqual(answer.body, self.CONTENT)
-        self.assertNotIn("content-range", answer.headers)
+    def check_whole(self, response):
+        self.assertEqual(response.status, 200, response)
+        self.assertEqual(response.body, self.CONTENT)
+        self.assertNotIn("content-range", response.headers)
 
-    def check_part(self, answer, first, last):
-        self.assertEqual(answer.status, 206, answer)
-        self.assertEqual(answer.headers["content-range"], f"bytes {first}-{last}/{len(self.CONTENT)}")
-        self.assertEqual(answer.headers["content-length"], str(last - first + 1))
-        self.assertEqual(answer.headers["etag"], self.etag)
-        self.assertEqual(answer.body, self.CONTENT[first:last + 1])
+    def check_part(self, response, first, last):
+        self.assertEqual(response.status, 206, response)
+        self.assertEqual(response.headers["content-range"], f"bytes {first}-{last}/{len(self.CONTENT)}")
+        self.assertEqual(response.headers["content-length"], str(last - first + 1))
+        self.assertEqual(response.headers["etag"], self.etag)
+        self.assertEqual(response.body, self.CONTENT[first:last + 1])
 
-    def check_not_modified(self, answer):
-        self.assertEqual((answer.status, answer.body), (304, b""), answer)
-        self.assertEqual(answer.headers["etag"], self.etag)
-        self.assertEqual(answer.headers["last-modified"], self.modified)
+    def check_not_modified(self, response):
+        self.assertEqual((response.status, response.body), (304, b""), response)
+        self.assertEqual(response.headers["etag"], self.etag)
+        self.assertEqual(response.headers["last-modified"], self.modified)
 
     def test_validators(self):
         self.assertEqual(self.modified, "Tue, 15 Nov 1994 08:12:31 GMT")
@@ -450,10 +450,10 @@ class Conditions(ServerCase):
         size = len(self.CONTENT)
         for value in (f"{size}-", f"{size}-{size + 5}", "-0", "99999999999999999999-"):
             with self.subTest(value=value):
-                answer = self.get(f"Range: bytes={value}")
-                self.assertEqual(answer.status, 416)
-                self.assertEqual(answer.headers["content-range"], f"bytes */{size}")
-                self.assertTrue(answer.json()["error"])
+                response = self.get(f"Range: bytes={value}")
+                self.assertEqual(response.status, 416)
+                self.assertEqual(response.headers["content-range"], f"bytes */{size}")
+                self.assertTrue(response.json()["error"])
 
     def test_ranges_that_are_not_served(self):
         for value in ("bytes=0-1,5-6", "bytes=5-1", "bytes=x", "bytes=", "lines=0-1", "0-1"):
@@ -473,15 +473,15 @@ class Conditions(ServerCase):
         self.check_not_modified(self.get("Range: bytes=5-9", f"If-None-Match: {self.etag}"))
 
     def test_range_counts_for_get_alone(self):
-        answer = self.get("Range: bytes=5-9", method=("-I",))
-        self.assertEqual(answer.status, 200)
-        self.assertEqual(answer.headers["content-length"], str(len(self.CONTENT)))
+        response = self.get("Range: bytes=5-9", method=("-I",))
+        self.assertEqual(response.status, 200)
+        self.assertEqual(response.headers["content-length"], str(len(self.CONTENT)))
 
     def test_curl_resumes_a_download(self):
         target = self.work / "target"
         target.write_bytes(self.CONTENT[:100000])
-        answer = self.curl("/files/a.bin", "-C", "-", "-o", target)
-        self.assertEqual((answer.code, answer.status), (0, 206))
+        response = self.curl("/files/a.bin", "-C", "-", "-o", target)
+        self.assertEqual((response.code, response.status), (0, 206))
         self.assertEqual(target.read_bytes(), self.CONTENT)
 
 
@@ -513,11 +513,11 @@ class Limits(ServerCase):
         self.start()
         for size, status in ((MIB, 201), (MIB + 1, 413), (5 * MIB, 413)):
             with self.subTest(size=size):
-                answer = self.curl("/files/a", "-T", "-", data=b"x" * size)
-                self.assertEqual(answer.status, status, answer)
+                response = self.curl("/files/a", "-T", "-", data=b"x" * size)
+                self.assertEqual(response.status, status, response)
                 self.assertEqual(self.names(), ["a"])
                 self.assertEqual((self.directory / "a").stat().st_size, MIB)
-        self.assertIn("1 MiB", answer.json()["error"])
+        self.assertIn("1 MiB", response.json()["error"])
 
 
 class DiskFull(ServerCase):
@@ -538,9 +538,9 @@ class DiskFull(ServerCase):
         for arguments in ((), ("-H", "Transfer-Encoding: chunked")):
             for name, before in (("new", ["kept"]), ("kept", ["kept"])):
                 with self.subTest(name=name, arguments=arguments):
-                    answer = self.put(f"/files/{name}", os.urandom(16 * MIB), *arguments)
-                    self.assertEqual(answer.status, 507, answer)
-                    self.assertTrue(answer.json()["error"])
+                    response = self.put(f"/files/{name}", os.urandom(16 * MIB), *arguments)
+                    self.assertEqual(response.status, 507, response)
+                    self.assertTrue(response.json()["error"])
                     self.assertEqual(self.names(), before)
         self.assertEqual(self.curl("/files/kept").body, kept)
         self.assertEqual(self.put("/files/small", b"fits").status, 201)
@@ -610,10 +610,10 @@ class Live(ServerCase):
 
     def test_other_requests_are_told_what_is_missing(self):
         self.start()
-        answer = self.curl("/live", "-H", "Upgrade: websocket", "-H", "Connection: Upgrade")
-        self.assertEqual(answer.status, 426, answer)
-        self.assertEqual(answer.headers["upgrade"], "WebSocket")
-        self.assertIn("WebSocket", answer.json()["error"])
+        response = self.curl("/live", "-H", "Upgrade: websocket", "-H", "Connection: Upgrade")
+        self.assertEqual(response.status, 426, response)
+        self.assertEqual(response.headers["upgrade"], "WebSocket")
+        self.assertIn("WebSocket", response.json()["error"])
 
     def test_stop_ends_open_connections(self):
         self.start()
@@ -698,17 +698,17 @@ class Losses(ServerCase):
         make_sparse(self.directory / "large", 64 * MIB)
         (self.directory / "small").write_bytes(b"x" * 262144)
         download = self.download("large")
-        for answer in (self.curl("/files/large"), self.put("/files/new", b"x")):
-            self.assertEqual(answer.status, 503, answer)
-            self.assertEqual(answer.headers["retry-after"], "2")
-            self.assertTrue(answer.json()["error"])
+        for response in (self.curl("/files/large"), self.put("/files/new", b"x")):
+            self.assertEqual(response.status, 503, response)
+            self.assertEqual(response.headers["retry-after"], "2")
+            self.assertTrue(response.json()["error"])
         self.assertEqual(self.names(), ["large", "small"])
         self.assertEqual(self.curl("/").status, 200)
         self.assertEqual(len(self.curl("/files/small").body), 262144)
         download.close()
         wait_until(lambda: self.put("/files/new", b"x").status == 201, "the worker is free again")
 
-    def test_client_that_is_gone_before_its_bytes_are_read(self):
+    def test_client_that_closes_before_its_bytes_are_read(self):
         self.start()
         for _ in range(5):
             with socket.create_connection(("127.0.0.1", self.server.port), LIMIT_SECONDS) as client:

@@ -53,7 +53,7 @@ beforeEach(async () => {
 afterEach(async () => {
     for (const context of contexts)
         await context.close()
-    // The proxy first: it must not meet a server that has gone.
+    // The proxy first: it must not connect to a stopped server.
     const proxyCode = await stop(proxy)
     assert.equal(await stop(server), 0)
     assert.equal(proxyCode, 0)
@@ -74,7 +74,7 @@ async function enter(nickname) {
     await context.addInitScript(`window.noiseAt = ${noiseAt}`)
     context.setDefaultTimeout(kLimitMs)
     const page = await context.newPage()
-    // What the page says when its connection is lost is looked at where it matters.
+    // The message of the page for a lost connection is tested elsewhere.
     watchPage(page, troubles, /Failed to load resource|WebSocket connection to/)
     await page.goto(url + '/')
     await page.locator('#status').getByText('connected', { exact: true }).waitFor()

@@ -108,15 +108,15 @@ class Headers(ProxyCase):
         head = "\r\n".join([request, "Host: site.test", *lines, "", ""])
         with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
             client.sendall(head.encode())
-            answer = client.recv(65536)
-        self.assertTrue(answer.startswith(b"HTTP/1.1 200"), answer)
+            response = client.recv(65536)
+        self.assertTrue(response.startswith(b"HTTP/1.1 200"), response)
         return self.recorder.take()
 
     def test_requests_for_a_websocket_are_respelt(self):
         rows = (
             ("Chromium", "websocket", "Upgrade"),
             ("Firefox", "websocket", "keep-alive, Upgrade"),
-            ("no blank after the comma", "websocket", "keep-alive,Upgrade"),
+            ("no space after the comma", "websocket", "keep-alive,Upgrade"),
             ("the word first", "websocket", "Upgrade, keep-alive"),
             ("lower case", "websocket", "upgrade"),
             ("upper case", "WEBSOCKET", "UPGRADE"),
@@ -203,8 +203,8 @@ class Transfers(ProxyCase, filedrop.ServerCase):
             wait_until(begun, "the server has the first bytes, the last are not sent yet")
             self.assertEqual(self.names(), self.temporary())
             client.sendall(content[MIB:])
-            answer = client.recv(65536)
-        self.assertTrue(answer.startswith(b"HTTP/1.1 201"), answer[:200])
+            response = client.recv(65536)
+        self.assertTrue(response.startswith(b"HTTP/1.1 201"), response[:200])
         self.assertEqual(self.names(), ["large.bin"])
         self.assertEqual(filedrop.sha256(self.directory / "large.bin"), hashlib.sha256(content).hexdigest())
 
@@ -232,8 +232,8 @@ class Transfers(ProxyCase, filedrop.ServerCase):
         self.start()
         source = filedrop.make_sparse(self.directory / "large.bin", LARGE)
         target = self.work / "target"
-        answer = self.curl("/files/large.bin", "-o", target)
-        self.assertEqual((answer.status, answer.headers["content-length"]), (200, str(LARGE)), answer)
+        response = self.curl("/files/large.bin", "-o", target)
+        self.assertEqual((response.status, response.headers["content-length"]), (200, str(LARGE)), response)
         self.assertEqual(filedrop.sha256(target), filedrop.sha256(source))
 
     def wait_until_sending_stalls(self):
@@ -276,9 +276,9 @@ class Transfers(ProxyCase, filedrop.ServerCase):
 
         def ask(method, length, headers=None):
             connection.request(method, "/files/a", headers=headers or {})
-            answer = connection.getresponse()
-            self.assertEqual(len(answer.read()), length)
-            return answer
+            response = connection.getresponse()
+            self.assertEqual(len(response.read()), length)
+            return response
 
         seen = []
         for _ in range(rounds):
@@ -297,9 +297,9 @@ class Transfers(ProxyCase, filedrop.ServerCase):
     def test_a_refusal_in_the_middle_of_an_upload_reaches_the_client(self):
         self.start("--max-upload", "1M")
         source = filedrop.make_sparse(self.work / "source", LARGE)
-        answer = self.curl("/files/large.bin", "-T", source)
-        self.assertEqual(answer.status, 413, answer)
-        self.assertIn("error", answer.json())
+        response = self.curl("/files/large.bin", "-T", source)
+        self.assertEqual(response.status, 413, response)
+        self.assertIn("error", response.json())
 
     def test_an_upload_that_is_broken_off_leaves_nothing(self):
         self.start()
@@ -334,7 +334,7 @@ class WebSockets(ProxyCase):
 
     @staticmethod
     def end(client):
-        """With a close frame, which is not answered: the connection just ends."""
+        """With a close frame, which gets no reply: the connection ends."""
         client.send_close()
         try:
             while client.recv():
@@ -365,7 +365,7 @@ class WebSockets(ProxyCase):
         client = self.connect(self.proxy.port)
         self.check_echo(client, b"as shown", websocket.ABNF.OPCODE_TEXT)
         self.check_echo(client, bytes(300000), websocket.ABNF.OPCODE_BINARY)
-        # It has the kit's hub: messages that come together are answered together.
+        # It has the kit's hub: messages received together are echoed together.
         together = [b"%d" % number for number in range(10)]
         client.sock.sendall(b"".join(
             websocket.ABNF.create_frame(data, websocket.ABNF.OPCODE_BINARY).format() for data in together))
@@ -384,7 +384,7 @@ class WebSockets(ProxyCase):
         for client in clients:
             self.end(client)
 
-    def test_other_requests_are_answered_beside_them(self):
+    def test_other_requests_are_served_meanwhile(self):
         self.start_echo()
         client = self.connect(self.proxy.port)
         ordinary = http.client.HTTPConnection("127.0.0.1", self.proxy.port, timeout=LIMIT_SECONDS)
@@ -402,10 +402,10 @@ class WebSockets(ProxyCase):
         connection.request("GET", "/", headers={"Upgrade": "websocket", "Connection": "Upgrade",
                                                 "Sec-WebSocket-Version": "8",
                                                 "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="})
-        answer = connection.getresponse()
-        self.assertEqual(answer.status, 426)
-        self.assertEqual(answer.headers["Sec-WebSocket-Version"], "13")
-        self.assertIn(b"Upgrade required", answer.read())
+        response = connection.getresponse()
+        self.assertEqual(response.status, 426)
+        self.assertEqual(response.headers["Sec-WebSocket-Version"], "13")
+        self.assertIn(b"Upgrade required", response.read())
 
     def test_clients_that_vanish_are_noticed(self):
         """By an application that uses the kit's hub."""

@@ -1,4 +1,4 @@
-// What the tests of pages in a real browser have in common.
+// Shared parts of the tests of pages in a real browser.
 
 import assert from 'node:assert/strict'
 import { spawn } from 'node:child_process'
@@ -25,7 +25,7 @@ export function launchBrowser() {
     })
 }
 
-// Collects the errors of a page in `troubles`, except what `expected` matches on its console.
+// Collects the errors of a page in `troubles`, except console messages that match `expected`.
 export function watchPage(page, troubles, expected) {
     page.on('pageerror', (error) => troubles.push(String(error)))
     page.on('console', (message) => {
@@ -45,7 +45,7 @@ export function freePort() {
     })
 }
 
-// Starts a process; `ready` resolves with what `pattern` finds in its output.
+// Starts a process; `ready` resolves with the match of `pattern` in its output.
 export function start(command, args, pattern) {
     const process = spawn(command, args, { stdio: ['pipe', 'pipe', 'inherit'] })
     const ready = new Promise((resolve, reject) => {
@@ -80,7 +80,7 @@ export function startProxy(name, backendPort, ...options) {
 export async function waitUntil(condition, what) {
     const end = Date.now() + kLimitMs
     while (!await condition()) {
-        assert.ok(Date.now() < end, `waited in vain: ${what}`)
+        assert.ok(Date.now() < end, `timed out: ${what}`)
         await setTimeout(20)
     }
 }

@@ -68,7 +68,7 @@ class LiveClient:
         self.socket.sendall(head + mask + masked)
 
     def send_close(self):
-        """What a browser sends when its page goes."""
+        """The close frame that a browser sends when its page closes."""
         self.socket.sendall(bytes([0x88, 0x82, 1, 2, 3, 4, 0x03 ^ 1, 0xe9 ^ 2]))
 
     def finish_sending(self):

@@ -1,4 +1,4 @@
-"""Processes under test, and waiting for what they do."""
+"""Processes under test, and waits for their events."""
 
 import os
 import pathlib
@@ -23,7 +23,7 @@ def wait_until(condition, what, seconds=LIMIT_SECONDS):
         if value:
             return value
         if time.monotonic() > end:
-            raise AssertionError(f"waited {seconds} s in vain: {what}")
+            raise AssertionError(f"timed out after {seconds} s: {what}")
         time.sleep(0.01)
 
 
@@ -98,7 +98,7 @@ class Process:
         self.process.send_signal(number)
 
     def wait_end(self, seconds=None):
-        """The exit code. What does not end in time is killed."""
+        """The exit code. A process that does not end in time is killed."""
         try:
             return self.process.wait(timeout=seconds or self.limit)
         except subprocess.TimeoutExpired:

@@ -4,7 +4,7 @@
     python3 python_client.py connections PORT COUNT SEED
 
 "connections" prints "open" when all are open and goes on when it is sent a line. Both end with
-a line of figures and status 0, or with what was wrong and status 1.
+a line of counts and status 0, or with an error and status 1.
 """
 
 import os
@@ -64,7 +64,7 @@ class Contents:
         return sizes
 
     def turn(self, sizes, at):
-        """What is sent before the answers are awaited: two messages of one frame each, or one
+        """The bytes sent before waiting for the replies: two messages of one frame each, or one
         message in pieces, or one whole; as a list of messages with the lengths of their pieces.
 
         The server handles one frame each time it receives and one more when nothing is left to

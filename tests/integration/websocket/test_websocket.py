@@ -19,18 +19,18 @@ from processes import Process, wait_until
 
 SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
 CLIENT = os.environ.get("WENDREL_WEBSOCKET_CLIENT", "").split("|")
-# Far above what a loaded machine needs; the client's own limit comes first and says what stood.
+# Far above the needs of a loaded machine; the limit of the client is reached first.
 LIMIT_SECONDS = 180
 os.environ.setdefault("WENDREL_WEBSOCKET_LIMIT_SECONDS", str(LIMIT_SECONDS - 30))
 MESSAGES = 10000
 CONNECTIONS = 200
 MESSAGES_PER_CONNECTION = 10
 SEED = 20240717
-FIGURES = re.compile(r"(\d+) messages, (\d+) bytes each way, (\d+) connections")
+COUNTS = re.compile(r"(\d+) messages, (\d+) bytes each way, (\d+) connections")
 
 
 def upgrade(port, token):
-    """A connection, and the head with which the server answers the request to upgrade it."""
+    """A connection, and the response head of its upgrade."""
     client = socket.create_connection(("127.0.0.1", port), timeout=LIMIT_SECONDS)
     key = base64.b64encode(os.urandom(16)).decode()
     client.sendall(f"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: {token}\r\n"
@@ -39,7 +39,7 @@ def upgrade(port, token):
     while not head.endswith(b"\r\n\r\n"):
         byte = client.recv(1)
         if not byte:
-            raise AssertionError(f"instead of an answer came {head!r}")
+            raise AssertionError(f"no response but {head!r}")
         head += byte
     return client, head
 
@@ -63,7 +63,7 @@ def is_ended(client):
 
 
 class EchoCase(unittest.TestCase):
-    """A server for each test, which must be as it was at first when the clients have gone."""
+    """A server for each test, which must be in its initial state after the clients have closed."""
 
     def setUp(self):
         self.server = Process(SERVER, limit=LIMIT_SECONDS)
@@ -78,7 +78,7 @@ class EchoCase(unittest.TestCase):
         self.assertTrue(head.startswith(b"HTTP/1.1 101 "), head)
         return client
 
-    def check_answers(self):
+    def check_responses(self):
         """One message to and fro over a new connection, closed as a client should."""
         with self.open() as client:
             client.sendall(b"\x81\x85\0\0\0\0still")
@@ -88,17 +88,17 @@ class EchoCase(unittest.TestCase):
 
     def check_left_as_found(self, messages, size, connections):
         """Nothing is left open, a new client is served, and the server ends cleanly having
-        seen what the clients say that they have sent."""
+        counted the messages that the clients have sent."""
         wait_until(lambda: self.server.descriptors() == self.descriptors,
                    "the server has as many files open as at first", LIMIT_SECONDS)
-        self.check_answers()
+        self.check_responses()
         self.check_stop(messages + 1, size + len("still"), connections + 1)
 
     def check_stop(self, messages, size, connections):
         code = self.server.stop()
         self.assertEqual(code, 0, self.server.text())
         self.assertNotIn("Sanitizer", "".join(self.server.errors))
-        # What the daemon says of connections that it had to close itself.
+        # The log line of the daemon for connections that it had to close itself.
         self.assertNotIn("connection was not closed", "".join(self.server.output))
         self.assertIn(f"echoed {messages} messages, {size} bytes, on {connections} connections\n",
                       self.server.output)
@@ -113,13 +113,13 @@ class EchoCase(unittest.TestCase):
         code = client.wait_end()
         self.assertEqual(code, 0, f"{client.text()}\nServer:\n{self.server.text()}")
         print(client.output[-1], end="", file=sys.stderr)
-        return tuple(map(int, FIGURES.match(client.output[-1]).groups()))
+        return tuple(map(int, COUNTS.match(client.output[-1]).groups()))
 
     def check_messages(self):
-        figures = self.check_client(self.start_client("messages", MESSAGES))
-        self.assertEqual(figures[0], MESSAGES)
-        self.assertEqual(figures[2], 1)
-        self.check_left_as_found(*figures)
+        counts = self.check_client(self.start_client("messages", MESSAGES))
+        self.assertEqual(counts[0], MESSAGES)
+        self.assertEqual(counts[2], 1)
+        self.check_left_as_found(*counts)
 
     def check_connections(self):
         client = self.start_client("connections", CONNECTIONS)
@@ -128,10 +128,10 @@ class EchoCase(unittest.TestCase):
                    "the server has all connections open at once", LIMIT_SECONDS)
         client.process.stdin.write("\n")
         client.process.stdin.flush()
-        figures = self.check_client(client)
-        self.assertEqual(figures[0], CONNECTIONS * MESSAGES_PER_CONNECTION)
-        self.assertEqual(figures[2], CONNECTIONS)
-        self.check_left_as_found(*figures)
+        counts = self.check_client(client)
+        self.assertEqual(counts[0], CONNECTIONS * MESSAGES_PER_CONNECTION)
+        self.assertEqual(counts[2], CONNECTIONS)
+        self.check_left_as_found(*counts)
 
 
 class Server(EchoCase):

@@ -4,7 +4,7 @@
 //     node ws_client.mjs connections PORT COUNT SEED
 //
 // "connections" prints "open" when all are open and goes on when it is sent a line. Both end
-// with a line of figures and status 0, or with what was wrong and status 1.
+// with a line of counts and status 0, or with an error and status 1.
 
 import assert from 'node:assert/strict'
 import { once } from 'node:events'
@@ -114,7 +114,7 @@ async function connect(port) {
     return socket
 }
 
-// What is sent before the answers are awaited: two messages of one frame each, or one message
+// The bytes sent before waiting for the replies: two messages of one frame each, or one message
 // in pieces, or one whole. The server handles one frame each time it receives and one more
 // when nothing is left to receive; further frames that came along would wait for the next
 // byte from here. So there are two frames at most, or longer ones of which at most two end in
@@ -152,7 +152,7 @@ function send(socket, { data, isBinary, pieces = [] }) {
     socket.send(data.subarray(at), { binary: isBinary, fin: true })
 }
 
-// Sends all messages turn by turn and compares what comes back. Gives the number of bytes.
+// Sends all messages one by one and compares the replies. Returns the number of bytes.
 function exchange(socket, contents, sizes) {
     return new Promise((resolve, reject) => {
         let awaited = []
