@@ -39,7 +39,13 @@ void Request::setPathParameters(std::map<std::string, std::string> parameters)
 const std::string& Request::getHeaderText(const char* name) const
 {
     const std::list<std::string>* values = getHeader(name);
-    return values && !values->empty() ? values->front() : kNothing;
+    return values ? values->front() : kNothing;
+}
+
+const std::string& Request::getHeaderLine(const char* name) const
+{
+    const std::string* line = getHeaders().findLine(name);
+    return line ? *line : kNothing;
 }
 
 int64_t Request::getDeclaredBodyLength() const

@@ -7,9 +7,7 @@
 
 #include <qvSystem/qvStringUtils.h>
 
-#include <algorithm>
-#include <cctype>
-#include <cstring>
+#include <string_view>
 
 namespace qv
 {
@@ -60,7 +58,8 @@ void appendValue(HttpBaseRequest::ValueMap& map, const std::string& name, std::s
 void HttpBaseRequest::addHeader(const char* name, const char* value)
 {
     std::string key(name);
-    const size_t pairBytes = key.size() + std::strlen(value);
+    const std::string_view line(value);
+    const size_t pairBytes = key.size() + line.size();
     if (pairBytes > kPairLimitBytes)
         return setParseError("header too long");
     if (const char* why = refusal(key, "header name is non utf8",
@@ -70,7 +69,7 @@ void HttpBaseRequest::addHeader(const char* name, const char* value)
     std::list<std::string> values;
     if (!http::HttpHeaders::ParseMultiValueHeader(value, values))
         return setParseError("fail to parse header '" + key + "'");
-    mHeaders.addHeaderValues(std::move(key), std::move(values));
+    mHeaders.addHeaderValues(std::move(key), std::move(values), line);
     mRequestHeadBytes += pairBytes + kHeaderOverheadBytes;
 }
 

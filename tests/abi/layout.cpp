@@ -96,15 +96,15 @@ WENDREL_PLACE(qv::HttpBaseRequest, mKeepAliveCallback, 136);
 WENDREL_PLACE(qv::HttpBaseRequest, mOriginalFullUrl, 168);
 WENDREL_PLACE(qv::HttpBaseRequest, mUrl, 200);
 WENDREL_PLACE(qv::HttpBaseRequest, mHeaders, 424);
-WENDREL_PLACE(qv::HttpBaseRequest, mCookies, 472);
-WENDREL_PLACE(qv::HttpBaseRequest, mQueryParameters, 520);
-WENDREL_PLACE(qv::HttpBaseRequest, mParseError, 568);
-WENDREL_PLACE(qv::HttpBaseRequest, mAuxTimeMs, 600);
-WENDREL_PLACE(qv::HttpBaseRequest, mKeepAliveIntervalMs, 608);
-WENDREL_PLACE(qv::HttpBaseRequest, mBodyPending, 612);
-WENDREL_PLACE(qv::HttpBaseRequest, mRequestType, 614);
-WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 616);
-WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 617);
+WENDREL_PLACE(qv::HttpBaseRequest, mCookies, 520);
+WENDREL_PLACE(qv::HttpBaseRequest, mQueryParameters, 568);
+WENDREL_PLACE(qv::HttpBaseRequest, mParseError, 616);
+WENDREL_PLACE(qv::HttpBaseRequest, mAuxTimeMs, 648);
+WENDREL_PLACE(qv::HttpBaseRequest, mKeepAliveIntervalMs, 656);
+WENDREL_PLACE(qv::HttpBaseRequest, mBodyPending, 660);
+WENDREL_PLACE(qv::HttpBaseRequest, mRequestType, 662);
+WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 664);
+WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 665);
 WENDREL_PLACE(qv::HttpBaseRequest, getResponse, 2);
 WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
 WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
@@ -216,6 +216,7 @@ WENDREL_PLACE(qv::Url, mPort, 216);
 WENDREL_PLACE(qv::Url, mValid, 218);
 
 WENDREL_PLACE(qv::http::HttpHeaders, mValues, 0);
+WENDREL_PLACE(qv::http::HttpHeaders, mLines, 48);
 
 WENDREL_PLACE(qv::http::HttpServer::Parameters, port, 0);
 WENDREL_PLACE(qv::http::HttpServer::Parameters, listenBacklog, 4);
@@ -231,7 +232,7 @@ WENDREL_PLACE(qv::http::HttpServer::Parameters, listenOnAllInterfaces, 20);
 
 static_assert(sizeof(qv::http::HttpServer) == 240);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
-static_assert(sizeof(qv::HttpBaseRequest) == 624);
+static_assert(sizeof(qv::HttpBaseRequest) == 672);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::HttpReceiveDevice) == 256);
 static_assert(sizeof(qv::HttpResponseDevice) == 240);
@@ -245,10 +246,10 @@ static_assert(sizeof(qv::qvMutex) == 40);
 static_assert(sizeof(qv::qvWaitCondition) == 48);
 static_assert(sizeof(qv::IpAddress) == 20);
 static_assert(sizeof(qv::Url) == 224);
-static_assert(sizeof(qv::http::HttpHeaders) == 48);
+static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 142;
+constexpr size_t kPlaces = 144;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -1,5 +1,5 @@
 // A list header and its parts, against a reading of the rules that jumps from group to group:
-// nothing but blanks and commas is lost between parts, each is one part by itself, and put
+// nothing but spaces and commas is lost between parts, each is one part by itself, and put
 // together again they fall apart the same way.
 
 #include "support/Check.h"
@@ -20,8 +20,8 @@ namespace
 using qv::http::HttpHeaders;
 using Values = std::list<std::string>;
 
-constexpr std::string_view kBlanks = " \t";
-constexpr std::string_view kBlanksAndCommas = " \t,";
+constexpr std::string_view kSpaces = " \t";
+constexpr std::string_view kSpacesAndCommas = " \t,";
 
 bool HasControl(std::string_view text)
 {
@@ -49,13 +49,13 @@ bool IsDay(std::string_view text)
 
 std::string Trimmed(std::string_view text)
 {
-    const size_t begin = text.find_first_not_of(kBlanks);
+    const size_t begin = text.find_first_not_of(kSpaces);
     if (begin == std::string_view::npos)
         return "";
-    return std::string(text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin));
+    return std::string(text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin));
 }
 
-// Behind the quoted string that begins at `at`; nothing when it does not end.
+// Behind the quoted string that begins at `at`; nothing when the quote is not terminated.
 std::optional<size_t> QuotedEnd(std::string_view text, size_t at)
 {
     for (++at; at < text.size(); ++at) {
@@ -100,10 +100,7 @@ std::optional<Values> ReferenceParts(std::string_view text)
         if (at == std::string_view::npos)
             break;
         if (text[at] == '"') {
-            const auto end = QuotedEnd(text, at);
-            if (!end)
-                return std::nullopt;
-            at = *end;
+            at = QuotedEnd(text, at).value_or(at + 1);
         } else if (text[at] == '(') {
             at = CommentEnd(text, at);
         } else {
@@ -119,7 +116,7 @@ std::optional<Values> ReferenceParts(std::string_view text)
     }
     at = text.size();
     endPart();
-    if (IsAll(text, kBlanks))
+    if (IsAll(text, kSpacesAndCommas))
         parts.emplace_back();
     return parts;
 }
@@ -131,13 +128,13 @@ Values Parse(const std::string& text)
     return values;
 }
 
-// The parts stand in the text in their order, with nothing but blanks and commas around them.
+// The parts stand in the text in their order, with nothing but spaces and commas around them.
 void CheckNothingIsLost(std::string_view text, const Values& values)
 {
     size_t at = 0;
     bool isFirst = true;
     for (const std::string& value : values) {
-        const size_t begin = text.find_first_not_of(kBlanksAndCommas, at);
+        const size_t begin = text.find_first_not_of(kSpacesAndCommas, at);
         FUZZ_CHECK(begin != std::string_view::npos);
         const std::string_view between = text.substr(at, begin - at);
         FUZZ_CHECK(isFirst || between.find(',') != std::string_view::npos);
@@ -145,12 +142,12 @@ void CheckNothingIsLost(std::string_view text, const Values& values)
         at = begin + value.size();
         isFirst = false;
     }
-    FUZZ_CHECK(IsAll(text.substr(at), kBlanksAndCommas));
+    FUZZ_CHECK(IsAll(text.substr(at), kSpacesAndCommas));
 }
 
 void CheckParts(const std::string& text, const Values& values)
 {
-    if (IsAll(text, kBlanks)) {
+    if (IsAll(text, kSpacesAndCommas)) {
         FUZZ_CHECK(values == Values{""});
         return;
     }
@@ -160,8 +157,8 @@ void CheckParts(const std::string& text, const Values& values)
     bool becomesDate = false;
     for (const std::string& value : values) {
         FUZZ_CHECK(!value.empty());
-        FUZZ_CHECK(kBlanks.find(value.front()) == std::string_view::npos);
-        FUZZ_CHECK(kBlanks.find(value.back()) == std::string_view::npos);
+        FUZZ_CHECK(kSpaces.find(value.front()) == std::string_view::npos);
+        FUZZ_CHECK(kSpaces.find(value.back()) == std::string_view::npos);
         FUZZ_CHECK(Parse(value) == Values{value});
         // "Mon,,1" is two parts, "Mon, 1" the beginning of a date.
         becomesDate |= before && IsDay(*before) && value[0] >= '0' && value[0] <= '9';
@@ -170,8 +167,20 @@ void CheckParts(const std::string& text, const Values& values)
         joined += value;
         before = &value;
     }
-    if (!values.empty() && !becomesDate)
+    if (!becomesDate)
         FUZZ_CHECK(Parse(joined) == values);
+}
+
+// The whole line is kept, and no copy of it beside a value that is equal.
+void CheckLine(const std::string& text, const Values& values)
+{
+    HttpHeaders headers;
+    headers.addHeaderValues("name", Values(values), text);
+    const std::string* line = headers.findLine("name");
+    FUZZ_CHECK(line && *line == text);
+    FUZZ_CHECK((line == &headers.find("name")->front()) == (values == Values{text}));
+    headers.addHeaderValues("name", Values(values), text);
+    FUZZ_CHECK(*headers.findLine("name") == text + ", " + text);
 }
 
 }  // namespace
@@ -187,7 +196,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FUZZ_CHECK(std::equal(known.begin(), known.end(), values.begin()));
     values.erase(values.begin(), std::next(values.begin(), 2));
     FUZZ_CHECK(values == expected.value_or(Values()));
-    if (result)
+    if (result) {
         CheckParts(text, values);
+        CheckLine(text, values);
+    }
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 
 namespace
@@ -24,6 +25,7 @@ struct Expected
     HttpBaseRequest::ValueMap headers;
     HttpBaseRequest::ValueMap cookies;
     HttpBaseRequest::ValueMap parameters;
+    std::map<std::string, std::string> lines;
     std::string parseError;
     bool hasParseError = false;
     uint64_t headBytes = 0;
@@ -68,6 +70,9 @@ struct Expected
         headBytes += name.size() + value.size() + 3;
         auto& known = headers[key];
         known.splice(known.end(), values);
+        const auto [line, isNew] = lines.try_emplace(key, value);
+        if (!isNew)
+            line->second += ", " + value;
     }
 
     void addCookie(const std::string& name, const std::string& value)
@@ -112,6 +117,8 @@ void Compare(const HttpBaseRequest& request, const Expected& expected)
                                          request.getHeaders().end()) == expected.headers);
     for (const auto& [name, values] : expected.headers)
         FUZZ_CHECK(Holds(request.getHeader(name.c_str()), values));
+    for (const auto& [name, line] : expected.lines)
+        FUZZ_CHECK(*request.getHeaders().findLine(name) == line);
     for (const auto& [name, values] : expected.cookies)
         FUZZ_CHECK(Holds(request.getCookie(name.c_str()), values));
     for (const auto& [name, values] : expected.parameters)

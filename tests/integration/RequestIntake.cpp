@@ -299,6 +299,31 @@ TEST_F(RequestIntake, KeepsValidUtf8AtTheEdges)
     }
 }
 
+TEST_F(RequestIntake, TakesHeadersWithAnUnterminatedQuote)
+{
+    const SeenRequest request = see(
+        getRequest("/", "Cookie: theme=\"dark\r\nX-Title: 5\" disk\r\nUser-Agent: x \"y, z\r\n"));
+    EXPECT_FALSE(request.isBad) << request.parseError;
+    EXPECT_THAT(request.headers.at("cookie"), ElementsAre("theme=\"dark"));
+    EXPECT_THAT(request.headers.at("x-title"), ElementsAre("5\" disk"));
+    EXPECT_THAT(request.headers.at("user-agent"), ElementsAre("x \"y", "z"));
+}
+
+TEST_F(RequestIntake, GivesEveryHeaderAtLeastOneValueAndItsWholeLine)
+{
+    const std::string place = "https://maps.example/@48.1,11.5,15z";
+    const SeenRequest request =
+        see(getRequest("/", "Range: ,\r\nReferer: " + place + "\r\nX-A: 1,2\r\nX-A: 3\r\n"));
+    EXPECT_FALSE(request.isBad) << request.parseError;
+    EXPECT_THAT(request.headers.at("range"), ElementsAre(""));
+    EXPECT_THAT(request.headers.at("referer"),
+                ElementsAre("https://maps.example/@48.1", "11.5", "15z"));
+    EXPECT_EQ(request.lines.at("range"), ",");
+    EXPECT_EQ(request.lines.at("referer"), place);
+    EXPECT_EQ(request.lines.at("x-a"), "1,2, 3");
+    EXPECT_EQ(request.lines.at("host"), request.headers.at("host").front());
+}
+
 TEST_F(RequestIntake, RefusesControlCharacters)
 {
     const struct
@@ -313,7 +338,7 @@ TEST_F(RequestIntake, RefusesControlCharacters)
          "header name contains ASCII forbidden characters"},
         {"header value", getRequest("/", "X-Trace-Id: \x01\r\n"),
          "fail to parse header 'x-trace-id'"},
-        {"quote without end", getRequest("/", "X-Trace-Id: \"a\r\n"),
+        {"header value, quoted", getRequest("/", "X-Trace-Id: \"a\x7F\"\r\n"),
          "fail to parse header 'x-trace-id'"},
         {"query name", getRequest("/?%01=v"),
          "query parameter name contains ASCII forbidden characters"},
@@ -338,7 +363,7 @@ TEST_F(RequestIntake, RefusesControlCharacters)
 TEST_F(RequestIntake, KeepsValidPairsBesideBadOnes)
 {
     const SeenRequest request = see(
-        getRequest("/?bad=%FF&good=1", "X-Bad: \"\r\nX-Good: 2\r\nCookie: bad=\xFF; good=3\r\n"));
+        getRequest("/?bad=%FF&good=1", "X-Bad: \x01\r\nX-Good: 2\r\nCookie: bad=\xFF; good=3\r\n"));
     EXPECT_EQ(request.parseError, "query parameter value is non utf8");
     EXPECT_THAT(request.query.at("good"), ElementsAre("1"));
     EXPECT_EQ(request.query.count("bad"), 0u);

@@ -1,10 +1,12 @@
-// Header fields, and how a list header falls into its parts.
+// Header fields, and the splitting of list headers into their parts.
 
 #include <Ostrand/HttpHeaders.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <string_view>
+#include <utility>
 
 namespace qv::http
 {
@@ -15,28 +17,49 @@ constexpr std::array<std::string_view, 14> kWeekdays = {
     "Mon",    "Tue",     "Wed",       "Thu",      "Fri",    "Sat",      "Sun",
     "Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday", "Sunday"};
 
-bool isBlank(char c)
+// Between the lines of a repeated header.
+constexpr std::string_view kSeparator = ", ";
+
+bool isSpaceOrTab(char c)
 {
     return c == ' ' || c == '\t';
 }
 
-bool isForbidden(char c)
+// Kinds of byte in a header value, as bits.
+enum ByteKind : uint8_t { kForbidden = 1, kDelimiter = 2 };
+
+constexpr std::array<uint8_t, 256> makeKinds()
 {
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte < 0x20 && c != '\t') || byte == 0x7F;
+    std::array<uint8_t, 256> kinds{};
+    for (size_t byte = 0; byte < ' '; ++byte)
+        kinds[byte] = kForbidden;
+    kinds['\t'] = 0;
+    kinds[0x7F] = kForbidden;
+    for (const char c : {',', '"', '('})
+        kinds[static_cast<size_t>(c)] = kDelimiter;
+    return kinds;
 }
 
-// Values without any of these are one part as they are; most are.
-bool needsALook(char c)
+constexpr std::array<uint8_t, 256> kKinds = makeKinds();
+
+uint8_t kindOf(char c)
 {
-    return c == ',' || c == '"' || c == '(' || isForbidden(c);
+    return kKinds[static_cast<unsigned char>(c)];
+}
+
+uint8_t kindsIn(std::string_view text)
+{
+    uint8_t kinds = 0;
+    for (const char c : text)
+        kinds |= kindOf(c);
+    return kinds;
 }
 
 std::string_view trimmed(std::string_view text)
 {
-    while (!text.empty() && isBlank(text.front()))
+    while (!text.empty() && isSpaceOrTab(text.front()))
         text.remove_prefix(1);
-    while (!text.empty() && isBlank(text.back()))
+    while (!text.empty() && isSpaceOrTab(text.back()))
         text.remove_suffix(1);
     return text;
 }
@@ -46,92 +69,136 @@ bool isWeekday(std::string_view text)
     return std::find(kWeekdays.begin(), kWeekdays.end(), text) != kWeekdays.end();
 }
 
-// A date goes on with the day of the month; a list of weekdays does not.
-bool startsWithDigit(std::string_view text)
+// A date continues with the day of the month, a list of weekdays does not.
+bool startsWithDay(std::string_view text)
 {
-    text = trimmed(text);
-    return !text.empty() && text.front() >= '0' && text.front() <= '9';
+    const auto next = std::find_if_not(text.begin(), text.end(), isSpaceOrTab);
+    return next != text.end() && *next >= '0' && *next <= '9';
 }
 
-// Walks a header value and knows what the byte it stands on belongs to.
+// The last double quote that can close a quoted string; 0 without one. A quote behind an odd
+// number of backslashes is escaped, wherever the string begins.
+size_t lastClosingQuote(std::string_view value)
+{
+    size_t quote = value.rfind('"');
+    while (quote != std::string_view::npos && quote > 0) {
+        size_t escapes = quote;
+        while (escapes > 0 && value[escapes - 1] == '\\')
+            --escapes;
+        if ((quote - escapes) % 2 == 0)
+            return quote;
+        quote = value.substr(0, escapes).rfind('"');
+    }
+    return 0;
+}
+
+// Splits a header value without control characters.
 class Splitter
 {
 public:
-    explicit Splitter(std::string_view value) : mValue(value) {}
+    explicit Splitter(std::string_view value)
+        : mValue(value), mLastClosingQuote(lastClosingQuote(value))
+    {}
 
-    bool split(std::list<std::string>& parts)
+    std::list<std::string> split()
     {
-        for (; mAt < mValue.size(); ++mAt) {
-            if (isForbidden(mValue[mAt]))
-                return false;
-            step(parts);
-        }
-        if (mInQuotes)
-            return false;
-        endPart(parts);
-        return true;
+        size_t at = nextDelimiter(0);
+        while (at < mValue.size())
+            at = nextDelimiter(passDelimiter(at));
+        endPart(at);
+        return std::move(mParts);
     }
 
 private:
-    void step(std::list<std::string>& parts)
+    size_t nextDelimiter(size_t at) const
     {
-        const char c = mValue[mAt];
-        const bool escapes = mInQuotes || mCommentDepth > 0;
-        if (mEscaped)
-            mEscaped = false;
-        else if (escapes && c == '\\')
-            mEscaped = true;
-        else if (c == '"' && mCommentDepth == 0)
-            mInQuotes = !mInQuotes;
-        else if (!mInQuotes)
-            stepOutsideQuotes(c, parts);
+        while (at < mValue.size() && kindOf(mValue[at]) != kDelimiter)
+            ++at;
+        return at;
     }
 
-    void stepOutsideQuotes(char c, std::list<std::string>& parts)
+    // The position behind the delimiter and all that it encloses.
+    size_t passDelimiter(size_t at)
     {
-        if (c == '(')
-            ++mCommentDepth;
-        else if (c == ')' && mCommentDepth > 0)
-            --mCommentDepth;
-        else if (c == ',' && mCommentDepth == 0 && !isCommaOfDate())
-            endPart(parts);
+        if (mValue[at] == '"')
+            return at < mLastClosingQuote ? passQuotedString(at) : at + 1;
+        if (mValue[at] == '(')
+            return passComment(at);
+        if (!isCommaOfDate(at))
+            endPart(at);
+        return at + 1;
     }
 
-    bool isCommaOfDate() const
+    size_t passQuotedString(size_t at) const
     {
-        return isWeekday(part()) && startsWithDigit(mValue.substr(mAt + 1));
+        for (++at; at < mValue.size() && mValue[at] != '"'; ++at) {
+            if (mValue[at] == '\\')
+                ++at;
+        }
+        return at + 1;
     }
 
-    std::string_view part() const { return trimmed(mValue.substr(mBegin, mAt - mBegin)); }
-
-    void endPart(std::list<std::string>& parts)
+    // Comments nest; one without an end reaches to the end of the value.
+    size_t passComment(size_t at) const
     {
-        if (!part().empty())
-            parts.emplace_back(part());
-        mBegin = mAt + 1;
+        size_t depth = 0;
+        for (; at < mValue.size(); ++at) {
+            if (mValue[at] == '\\')
+                ++at;
+            else if (mValue[at] == '(')
+                ++depth;
+            else if (mValue[at] == ')' && --depth == 0)
+                return at + 1;
+        }
+        return mValue.size();
+    }
+
+    bool isCommaOfDate(size_t at) const
+    {
+        return isWeekday(part(at)) && startsWithDay(mValue.substr(at + 1));
+    }
+
+    std::string_view part(size_t end) const { return trimmed(mValue.substr(mBegin, end - mBegin)); }
+
+    void endPart(size_t at)
+    {
+        const std::string_view ended = part(at);
+        if (!ended.empty())
+            mParts.emplace_back(ended);
+        mBegin = at + 1;
     }
 
     std::string_view mValue;
-    size_t mAt = 0;
-    size_t mBegin = 0;
-    int mCommentDepth = 0;
-    bool mInQuotes = false;
-    bool mEscaped = false;
+    size_t mLastClosingQuote;  // behind it a quote begins no string
+    size_t mBegin = 0;         // of the part
+    std::list<std::string> mParts;
 };
+
+std::string joined(const std::list<std::string>& values)
+{
+    std::string line;
+    for (const std::string& value : values) {
+        if (&value != &values.front())
+            line += kSeparator;
+        line += value;
+    }
+    return line;
+}
 
 }  // namespace
 
 bool HttpHeaders::ParseMultiValueHeader(const char* value, std::list<std::string>& values)
 {
-    std::list<std::string> parts;
     const std::string_view text(value);
-    if (std::none_of(text.begin(), text.end(), needsALook)) {
+    const uint8_t kinds = kindsIn(text);
+    if (kinds & kForbidden)
+        return false;
+    if (kinds == 0) {
         values.emplace_back(trimmed(text));
         return true;
     }
-    if (!Splitter(text).split(parts))
-        return false;
-    if (trimmed(text).empty())
+    std::list<std::string> parts = Splitter(text).split();
+    if (parts.empty())
         parts.emplace_back();
     values.splice(values.end(), parts);
     return true;
@@ -139,20 +206,50 @@ bool HttpHeaders::ParseMultiValueHeader(const char* value, std::list<std::string
 
 void HttpHeaders::addHeaderValues(const std::string& name, const std::list<std::string>& values)
 {
-    // Copied first: should memory run out, no name is left behind without a value.
     addHeaderValues(std::string(name), std::list<std::string>(values));
 }
 
 void HttpHeaders::addHeaderValues(std::string&& name, std::list<std::string>&& values)
 {
-    std::list<std::string>& known = mValues[std::move(name)];
-    known.splice(known.end(), values);
+    const std::string line = joined(values);
+    addHeaderValues(std::move(name), std::move(values), line);
+}
+
+// Everything that allocates comes first: should memory run out, nothing has changed.
+void HttpHeaders::addHeaderValues(std::string&& name, std::list<std::string>&& values,
+                                  std::string_view line)
+{
+    if (values.empty())
+        return;
+    const auto place = mValues.lower_bound(name);
+    if (place != mValues.end() && place->first == name) {
+        std::string more(kSeparator);
+        more += line;
+        // Without a line so far there is one value, which is the line.
+        mLines.try_emplace(place->first, place->second.front()).first->second += more;
+        place->second.splice(place->second.end(), values);
+        return;
+    }
+    std::map<std::string, std::string> added;
+    if (values.size() > 1 || values.front() != line)
+        added.emplace(name, line);
+    mValues.emplace_hint(place, std::move(name), std::move(values));
+    mLines.merge(added);
 }
 
 const std::list<std::string>* HttpHeaders::find(const std::string& name) const
 {
     const auto found = mValues.find(name);
     return found == mValues.end() ? nullptr : &found->second;
+}
+
+const std::string* HttpHeaders::findLine(const std::string& name) const
+{
+    const auto line = mLines.find(name);
+    if (line != mLines.end())
+        return &line->second;
+    const std::list<std::string>* values = find(name);
+    return values ? &values->front() : nullptr;
 }
 
 }  // namespace qv::http

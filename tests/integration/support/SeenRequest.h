@@ -25,7 +25,10 @@ struct SeenRequest
           cookies(request.getCookies()), query(request.getQueryParameters()),
           isBad(request.hasParseError()), parseError(request.getParseError()),
           headBytes(request.getRequestHeadBytes())
-    {}
+    {
+        for (const auto& header : headers)
+            lines[header.first] = *request.getHeaders().findLine(header.first);
+    }
 
     qv::HttpBaseRequest::RequestType type;
     std::string target;
@@ -34,6 +37,7 @@ struct SeenRequest
     std::string clientAddress;
     uint16_t clientPort;
     Values headers;
+    std::map<std::string, std::string> lines;
     Values cookies;
     Values query;
     bool isBad;

@@ -176,7 +176,10 @@ TEST(HttpHeadersFaults, ValuesAreAddedWholeOrNotAtAll)
             text += name + std::to_string(values.size());
             for (const std::string& value : values)
                 text += " " + value;
+            text += " line " + *headers.findLine(name);
         }
+        if (headers.findLine("a new and long name") && !headers.find("a new and long name"))
+            text += " and a line without a value";
         return text;
     };
     const std::list<std::string> values = {kLongText, "b", kLongText};
@@ -187,6 +190,20 @@ TEST(HttpHeadersFaults, ValuesAreAddedWholeOrNotAtAll)
          AllOrNothing(
              "HttpHeaders: known name", make,
              [&](http::HttpHeaders& h) { h.addHeaderValues("known", values); }, look),
+         AllOrNothing(
+             "HttpHeaders: new name with its line", make,
+             [&](http::HttpHeaders& h) {
+                 h.addHeaderValues("a new and long name", std::list<std::string>(values),
+                                   kLongText + ",b ," + kLongText);
+             },
+             look),
+         AllOrNothing(
+             "HttpHeaders: known name with its line", make,
+             [&](http::HttpHeaders& h) {
+                 h.addHeaderValues("known", std::list<std::string>(values),
+                                   kLongText + ",b ," + kLongText);
+             },
+             look),
          {"ParseMultiValueHeader", [&](Attempt& attempt) {
               std::list<std::string> found = {"before"};
               const bool done = attempt([&] {

@@ -31,6 +31,17 @@ TEST(Request, ShowsTheFirstValueOfAHeader)
     EXPECT_EQ(request.getHeaderText("x-other"), "");
 }
 
+TEST(Request, ShowsTheWholeLineOfAHeader)
+{
+    ServedRequest request;
+    request.addHeader("Referer", "https://maps.example/@48.1,11.5,15z");
+    request.addHeader("X-Name", "one");
+    request.addHeader("x-name", "two");
+    EXPECT_EQ(request.getHeaderLine("referer"), "https://maps.example/@48.1,11.5,15z");
+    EXPECT_EQ(request.getHeaderLine("x-name"), "one, two");
+    EXPECT_EQ(request.getHeaderLine("x-other"), "");
+}
+
 TEST(Request, ShowsPathParametersByName)
 {
     ServedRequest request;

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <functional>
+#include <list>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -98,6 +99,56 @@ TEST(ValueIntake, HeaderValueIsSplitAtItsCommas)
     EXPECT_EQ(request.getRequestHeadBytes(), 6 + 32 + kHeaderExtra);
 }
 
+TEST(ValueIntake, HeaderOfCommasOnlyHasOneEmptyValue)
+{
+    TestRequest request;
+    request.addHeader("Range", ",");
+    request.addHeader("X-Spaces", " , ,");
+    EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    EXPECT_THAT(request.getHeader("range"), Pointee(ElementsAre("")));
+    EXPECT_THAT(request.getHeader("x-spaces"), Pointee(ElementsAre("")));
+    EXPECT_EQ(request.getRequestHeadBytes(), (5 + 1 + 3) + (8 + 4 + 3));
+}
+
+TEST(ValueIntake, HeaderWithAnUnterminatedQuoteIsText)
+{
+    const struct
+    {
+        const char* name;
+        const char* value;
+        std::list<std::string> values;
+    } rows[] = {
+        {"Cookie", "theme=\"dark", {"theme=\"dark"}},
+        {"X-Title", "5\" disk", {"5\" disk"}},
+        {"User-Agent", "x \"y", {"x \"y"}},
+        {"Accept", "a \"b, c", {"a \"b", "c"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        TestRequest request;
+        request.addHeader(row.name, row.value);
+        EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+        ASSERT_EQ(request.getHeaders().size(), 1u);
+        EXPECT_EQ(request.getHeaders().begin()->second, row.values);
+    }
+}
+
+TEST(ValueIntake, WholeLineOfAHeaderIsKeptBesideItsValues)
+{
+    TestRequest request;
+    request.addHeader("Referer", "https://maps.example/@48.1,11.5,15z");
+    request.addHeader("Host", "www.example.org");
+    request.addHeader("X-Twice", "a,b");
+    request.addHeader("x-twice", "c");
+    EXPECT_THAT(request.getHeader("referer"),
+                Pointee(ElementsAre("https://maps.example/@48.1", "11.5", "15z")));
+    EXPECT_THAT(request.getHeaders().findLine("referer"),
+                Pointee(std::string("https://maps.example/@48.1,11.5,15z")));
+    EXPECT_EQ(request.getHeaders().findLine("host"), &request.getHeader("host")->front());
+    EXPECT_THAT(request.getHeaders().findLine("x-twice"), Pointee(std::string("a,b, c")));
+    EXPECT_EQ(request.getHeaders().findLine("x-other"), nullptr);
+}
+
 TEST(ValueIntake, RepeatedHeaderAppendsItsValuesInWhateverCaseItComes)
 {
     TestRequest request;
@@ -136,7 +187,7 @@ TEST(ValueIntake, HeaderChecksAndTheirOrder)
         {"much too long", "x", std::string(1000000, 'v'), "header too long"},
         {"length before UTF-8 of the name", "\xFF", std::string(8096, 'v'), "header too long"},
         {"length before control characters", "\x01", std::string(8096, 'v'), "header too long"},
-        {"length before the value", "x", "\"" + std::string(8095, 'v'), "header too long"},
+        {"length before the value", "x", controlValue + std::string(8095, 'v'), "header too long"},
         {"UTF-8 before control characters", "\x01\xFF", "x", "header name is non utf8"},
         {"UTF-8 of the name before the value", "\xFF", controlValue, "header name is non utf8"},
         {"control character in the name", "a\tb", "x",
@@ -148,9 +199,9 @@ TEST(ValueIntake, HeaderChecksAndTheirOrder)
         {"name with blank and punctuation", " ,;=\"", "x", ""},
         {"value that does not parse: control character", "X-Trace-Id", controlValue,
          "fail to parse header 'x-trace-id'"},
-        {"value that does not parse: open quotation", "ACCEPT", "\"open",
+        {"value that does not parse, in quotes", "ACCEPT", "\"a\x7F\"",
          "fail to parse header 'accept'"},
-        {"value that does not parse, empty name", "", "\"open", "fail to parse header ''"},
+        {"value that does not parse, empty name", "", controlValue, "fail to parse header ''"},
     };
     CheckRows(&HttpBaseRequest::addHeader, rows, kHeaderExtra);
 }
@@ -352,12 +403,13 @@ TEST(ValueIntake, FailedPairLeavesEarlierValuesOfItsNameAlone)
 {
     TestRequest request;
     request.addHeader("h", "1");
-    request.addHeader("H", "\"open");
+    request.addHeader("H", "2, \x01");
     request.addCookie("c", "1");
     request.addCookie("c", "\xFF");
     request.addQueryParameter("q", "1");
     request.addQueryParameter("q", "\x01");
     EXPECT_THAT(request.getHeader("h"), Pointee(ElementsAre("1")));
+    EXPECT_THAT(request.getHeaders().findLine("h"), Pointee(std::string("1")));
     EXPECT_THAT(request.getCookie("c"), Pointee(ElementsAre("1")));
     EXPECT_THAT(request.getQueryParameter("q"), Pointee(ElementsAre("1")));
     EXPECT_EQ(request.getParseError(), "fail to parse header 'h'");

@@ -52,6 +52,10 @@ public:
     /// The first value of a header (name in lower case); empty when there is none.
     const std::string& getHeaderText(const char* name) const;
 
+    /// The whole value of a header (name in lower case) as it was received, commas included; the
+    /// lines of a repeated header are joined by ", ". Empty when there is none.
+    const std::string& getHeaderLine(const char* name) const;
+
     /// The length that the client declared for its body; -1 when it declared none.
     int64_t getDeclaredBodyLength() const;
 
