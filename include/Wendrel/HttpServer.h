@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace qv
@@ -131,11 +132,13 @@ public:
     /// Takes ownership of `impl`. Starts nothing.
     explicit HttpServer(HttpServerImpl* impl);
 
-    /// Stops the server, waits for its thread, then deletes the application's object.
+    /// Stops the server, waits for its thread, then deletes the application's object, which must
+    /// not use the server in its destructor.
     ~HttpServer() override;
 
     /// Starts the server with a copy of `parameters`; does nothing unless it is stopped.
-    /// Returns at once: the state and the log tell whether the daemon came up.
+    /// Returns at once: the state and the log tell whether the daemon came up. Throws
+    /// std::system_error when the system has no thread to give; the server is `Stopped` then.
     void startServer(const Parameters& parameters);
 
     /// Asks the server to stop; new requests are refused from now on. With `wait` it returns
@@ -157,7 +160,7 @@ protected:
     void run() override;
 
 private:
-    HttpServerImpl* mImpl;  // owned
+    std::unique_ptr<HttpServerImpl> mImpl;
     qvMutex mMutex;
     qvWaitCondition mWake;
     Parameters mParameters QV_GUARDED_BY(mMutex);

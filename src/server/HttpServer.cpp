@@ -10,6 +10,8 @@
 #include "streaming/ChunkPool.h"
 #include "streaming/StreamCallbacks.h"
 
+#include <qvSystem/Rollback.h>
+
 #include <microhttpd.h>
 
 #include <arpa/inet.h>
@@ -110,10 +112,10 @@ bool isLibraryInitialized()
 HttpServer::HttpServer(HttpServerImpl* impl) : mImpl(impl), mState(Stopped), mStopRequested(false)
 {}
 
+// The application's object, the first member, is deleted last.
 HttpServer::~HttpServer()
 {
     stopServer(true);
-    delete mImpl;
 }
 
 void HttpServer::startServer(const Parameters& parameters)
@@ -125,10 +127,12 @@ void HttpServer::startServer(const Parameters& parameters)
     // any more.
     waitThread(kJoinLimitMs);
     mParameters = parameters;
-    mStopRequested = false;
-    // The new thread waits for the lock: should there be none, the server is still stopped.
-    startThread(nullptr);
     mState = Starting;
+    mStopRequested = false;
+    // The new thread waits for the lock. Without a thread nothing would ever change the state.
+    Rollback starting([this] { mState = Stopped; });
+    startThread(nullptr);
+    starting.commit();
     mWake.wakeAll();
 }
 

@@ -7,6 +7,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <iostream>
+#include <locale>
 
 namespace qv
 {
@@ -61,8 +62,11 @@ qvLogObject& qvLogObject::operator<<(std::ios_base& (*manipulator)(std::ios_base
 
 std::ostringstream& qvLogObject::stream()
 {
-    if (!mMessage)
+    if (!mMessage) {
         mMessage = std::make_unique<std::ostringstream>();
+        // Programs read these lines: no separators of the application's locale in numbers.
+        mMessage->imbue(std::locale::classic());
+    }
     return *mMessage;
 }
 

@@ -5,6 +5,7 @@
 #include "support/BackgroundCall.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
+#include "support/GroupingLocale.h"
 #include "support/RecordingApplication.h"
 #include "support/RecordingDaemon.h"
 #include "support/VirtualSlot.h"
@@ -33,8 +34,12 @@ namespace qv::tests
 namespace
 {
 
-// Runs before the next waitThread of this thread.
+// Run before the next startThread and before the next waitThread of this thread.
+thread_local std::function<void()> tBeforeStartThread;
 thread_local std::function<void()> tBeforeWaitThread;
+
+// Told of each mutex and wait condition that is destroyed, by name and address.
+std::function<void(const char*, const void*)> sOnDestroyed;
 
 }  // namespace
 
@@ -44,13 +49,35 @@ namespace qv
 {
 
 // A definition in the program comes before the one in a shared library.
-bool qvThread::waitThread(unsigned long timeOutMs, uint32_t run)
+
+bool qvThread::startThread(const char* name)
+{
+    static const auto real = reinterpret_cast<bool (*)(qvThread*, const char*)>(
+        dlsym(RTLD_NEXT, "_ZN2qv8qvThread11startThreadEPKc"));
+    if (const auto hook = std::exchange(tests::tBeforeStartThread, nullptr))
+        hook();
+    return real(this, name);
+}
+
+bool qvThread::waitThread(unsigned long timeoutMs, uint32_t run)
 {
     static const auto real = reinterpret_cast<bool (*)(qvThread*, unsigned long, uint32_t)>(
         dlsym(RTLD_NEXT, "_ZN2qv8qvThread10waitThreadEmj"));
     if (const auto hook = std::exchange(tests::tBeforeWaitThread, nullptr))
         hook();
-    return real(this, timeOutMs, run);
+    return real(this, timeoutMs, run);
+}
+
+qvMutex::~qvMutex()
+{
+    if (tests::sOnDestroyed)
+        tests::sOnDestroyed("~qvMutex", this);
+}
+
+qvWaitCondition::~qvWaitCondition()
+{
+    if (tests::sOnDestroyed)
+        tests::sOnDestroyed("~qvWaitCondition", this);
 }
 
 }  // namespace qv
@@ -312,6 +339,8 @@ TEST_F(HttpServer, RoundsTheTimeOutUpToSecondsInSinglePrecision)
         {"above the default", 360001, 361},
         {"beyond 24 bits", 16777217, 16778},
         {"the last millisecond is lost before the division", 20000001, 20000},
+        {"a division in double precision would round up", 16949001, 16949},
+        {"a quotient in double precision would round up", 262145001, 262145},
         {"the last millisecond is lost in any order", 32768001, 32768},
         {"a whole number of seconds grows", 134219000, 134220},
         {"greatest for the daemon", 4294967000u, 4294967},
@@ -422,6 +451,13 @@ TEST_F(HttpServer, NamesPortAndFlagsInItsStartLine)
     }
 }
 
+TEST_F(HttpServer, WritesItsStartLineAlikeInEveryLocale)
+{
+    const GroupingLocale locale;
+    startAndStop({});
+    EXPECT_THAT(log.lines(), ElementsAre(kStarting));
+}
+
 TEST_F(HttpServer, RunsOnItsOwnThreadWithTheNameOfItsStarter)
 {
     char own[16] = {};
@@ -460,6 +496,20 @@ TEST_F(HttpServer, ChangesItsStateStepByStep)
     EXPECT_THAT(states,
                 ElementsAre(std::pair("start", 1), std::pair("running", 2), std::pair("stopped", 2),
                             std::pair("stop", 2), std::pair("end", 0)));
+}
+
+TEST_F(HttpServer, IsStartingWhenItsThreadIsStarted)
+{
+    server->stopServer(false);
+    int state = -1;
+    bool stopRequested = true;
+    tBeforeStartThread = [&] {
+        state = server->getState();
+        stopRequested = server->isStopRequested();
+    };
+    startAndStop({});
+    EXPECT_EQ(state, http::HttpServer::Starting);
+    EXPECT_FALSE(stopRequested);
 }
 
 TEST_F(HttpServer, TellsTheApplicationBeforeItStopsTheDaemon)
@@ -720,9 +770,15 @@ TEST_F(HttpServer, StopsAndDeletesTheApplicationLast)
 {
     startAndWait();
     daemon.clearCalls();
+    const char* const begin = reinterpret_cast<const char*>(server.get());
+    sOnDestroyed = [&, end = begin + sizeof(OpenServer)](const char* name, const void* object) {
+        if (std::less_equal<>()(begin, object) && std::less<>()(object, end))
+            daemon.record(name);
+    };
     server.reset();
-    EXPECT_THAT(daemon.calls(),
-                ElementsAre("onServerStopped", "MHD_stop_daemon", "~HttpServerImpl"));
+    sOnDestroyed = nullptr;
+    EXPECT_THAT(daemon.calls(), ElementsAre("onServerStopped", "MHD_stop_daemon",
+                                            "~qvWaitCondition", "~qvMutex", "~HttpServerImpl"));
 }
 
 TEST_F(HttpServer, DeletesTheApplicationWithoutEverBeingStarted)

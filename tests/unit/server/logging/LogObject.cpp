@@ -2,6 +2,7 @@
 
 #include "server/logging/LogObject.h"
 #include "support/CapturedLog.h"
+#include "support/GroupingLocale.h"
 
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
@@ -284,6 +285,13 @@ TEST_F(LogObjectWithLog, CarriesItsCategory)
     qvLogObject(2) << "without";
     EXPECT_THAT(captured.lines(), ElementsAre(LogLine{2, "httpserver", "with", false},
                                               LogLine{2, "", "without", false}));
+}
+
+TEST_F(LogObjectWithLog, WritesNumbersAlikeInEveryLocale)
+{
+    const GroupingLocale locale;
+    qvLogObject(2) << 1234567 << ' ' << std::hex << 0x10009 << ' ' << 1.5;
+    EXPECT_THAT(captured.lines(), ElementsAre(LogLine{2, "", "1234567 10009 1.5", false}));
 }
 
 TEST_F(LogObjectWithLog, TakesTheTimeWhenMade)
