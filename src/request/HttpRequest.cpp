@@ -7,6 +7,8 @@
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 
+#include <utility>
+
 namespace qv
 {
 namespace
@@ -70,9 +72,8 @@ void HttpBaseRequest::workerThreadStartHandling(const std::string& threadId)
 void HttpBaseRequest::workerThreadStopHandling(const std::string&)
 {
     mWorkerThreadId.clear();
-    // Destroyed only after it has left the request: its target may look at the request.
-    std::function<void()> released;
-    released.swap(mKeepAliveCallback);
+    // Taken out before it is destroyed: its target may look at the request.
+    static_cast<void>(std::exchange(mKeepAliveCallback, nullptr));
     mKeepAliveIntervalMs = 0;
     mLastKeepAliveMs = impl::kTimeNotSet;
 }

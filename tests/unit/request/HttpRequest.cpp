@@ -246,6 +246,28 @@ TEST(HttpBaseRequest, StopHandlingForgetsTheWorkerWhateverThreadIsNamed)
     }
 }
 
+TEST(HttpBaseRequest, StopHandlingReleasesTheCallbackBeforeItResetsItsTimes)
+{
+    TestRequest request;
+    request.serveOnThisThread();
+    std::string workerThreadId = "not released";
+    uint32_t intervalMs = 0;
+    int64_t lastMs = 0;
+    {
+        const std::shared_ptr<void> target(nullptr, [&](void*) {
+            workerThreadId = request.getCurrentWorkerThreadId();
+            intervalMs = DispatchAccess::keepAliveIntervalMs(request);
+            lastMs = DispatchAccess::lastKeepAliveMs(request);
+        });
+        request.setKeepAliveCallback([target] {}, 500);
+    }
+    DispatchAccess::lastKeepAliveMs(request) = 12345;
+    request.stopServing();
+    EXPECT_EQ(workerThreadId, "");
+    EXPECT_EQ(intervalMs, 500u);
+    EXPECT_EQ(lastMs, 12345);
+}
+
 TEST(HttpBaseRequest, StopHandlingReleasesTheCallbackOnTheCallingThread)
 {
     TestRequest request;
