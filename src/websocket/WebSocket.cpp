@@ -118,9 +118,6 @@ void WebSocket::clearCurrentThread()
 
 bool WebSocket::sendDataIfAvailable()
 {
-    // What another thread queues from here on makes the poll thread look.
-    if (!writePending)
-        return true;
     qvMutexLocker locker(&lock);
     while (!writeQueue.empty()) {
         const int wanted = static_cast<int>(firstWriteEnd() - writeOffset);

@@ -23,9 +23,6 @@ constexpr int kPollTimeOutMs = 10;
 
 constexpr unsigned long kThreadEndLimitMs = 2147483647;
 
-// Whose worker this thread is, if it is one.
-thread_local const WebSocketThread* tWorkerOf = nullptr;
-
 // Asks the system which connections are ready; the result of poll().
 int pollConnections(const std::vector<std::unique_ptr<WebSocket>>& cycle,
                     std::vector<pollfd>& polled)
@@ -52,7 +49,6 @@ WebSocketWorkerThread::~WebSocketWorkerThread()
 
 void WebSocketWorkerThread::run()
 {
-    tWorkerOf = mOwner;
     const impl::SpareBlocks spares;
     std::unique_ptr<WebSocket> connection;
     for (;;) {
@@ -118,10 +114,7 @@ void WebSocketThread::addWebSocket(std::unique_ptr<WebSocket>& socket)
         return;
     }
     newSockets.push_back(std::move(socket));
-    const bool mustWake = pollThreadIdle;
-    // Who is woken wants the lock.
-    locker.unlock();
-    if (mustWake)
+    if (pollThreadIdle)
         pollWake.wakeAll();
 }
 
@@ -150,11 +143,7 @@ void WebSocketThread::giveBackWebSocket(std::unique_ptr<WebSocket>& socket)
         return;
     }
     readySockets.push_back(std::move(socket));
-    locker.unlock();
-    // A worker comes for the next connection itself: another one would wake in vain, or take this
-    // one to another processor.
-    if (tWorkerOf != this)
-        workerWake.wakeOne();
+    workerWake.wakeOne();
 }
 
 void WebSocketThread::stopThreads(bool wait)
@@ -224,12 +213,11 @@ void WebSocketThread::run()
         }
         locker.relock();
         const size_t ready = sortCycle(cycle, polled);
-        cycle.clear();
-        locker.unlock();
-        // As many as will find something; the others sleep on.
-        for (size_t i = 0; i < ready; ++i)
+        if (ready == 1)
             workerWake.wakeOne();
-        locker.relock();
+        else if (ready > 1)
+            workerWake.wakeAll();
+        cycle.clear();
     }
 }
 

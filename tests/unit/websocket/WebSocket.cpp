@@ -307,6 +307,18 @@ TEST(WebSocketSending, DoesNothingWithAnEmptyQueue)
     EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);
 }
 
+TEST(WebSocketSending, TakesItsLockAlsoWithAnEmptyQueue)
+{
+    WebSocket connection(-1, nullptr);
+    std::future<bool> sent;
+    {
+        qvMutexLocker locker(&Access::lock(connection));
+        sent = std::async(std::launch::async, [&] { return connection.sendDataIfAvailable(); });
+        EXPECT_EQ(sent.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    }
+    EXPECT_TRUE(sent.get());
+}
+
 TEST(WebSocketSending, AsksForTheRestOfTheFirstBlockEachTime)
 {
     FaultySockets sockets;

@@ -24,8 +24,61 @@
 #include <type_traits>
 #include <vector>
 
+#include <dlfcn.h>
 #include <poll.h>
 #include <unistd.h>
+
+namespace qv::tests
+{
+
+namespace
+{
+
+// Calls a function before each wake-up of a wait condition, on the thread that makes it.
+class OnWake
+{
+public:
+    explicit OnWake(std::function<void()> hook) : mHook(std::move(hook)) { sLatest = &mHook; }
+    ~OnWake() { sLatest = nullptr; }
+    OnWake(const OnWake&) = delete;
+    OnWake& operator=(const OnWake&) = delete;
+
+    static void Call(qvWaitCondition* condition, const char* mangled)
+    {
+        if (const std::function<void()>* hook = sLatest)
+            (*hook)();
+        using Real = void (*)(qvWaitCondition*);
+        reinterpret_cast<Real>(dlsym(RTLD_NEXT, mangled))(condition);
+    }
+
+private:
+    static std::atomic<const std::function<void()>*> sLatest;
+
+    const std::function<void()> mHook;
+};
+
+std::atomic<const std::function<void()>*> OnWake::sLatest{nullptr};
+
+}  // namespace
+
+}  // namespace qv::tests
+
+namespace qv
+{
+
+// A definition in the program comes before the one in a shared library.
+
+void qvWaitCondition::wakeAll()
+{
+    tests::OnWake::Call(this, "_ZN2qv15qvWaitCondition7wakeAllEv");
+}
+
+void qvWaitCondition::wakeOne()
+{
+    tests::OnWake::Call(this, "_ZN2qv15qvWaitCondition7wakeOneEv");
+}
+
+}  // namespace qv
 
 namespace qv::tests
 {
@@ -1194,6 +1247,78 @@ TEST_F(WebSocketThreadTest, ServesAsManyConnectionsAtOnceAsItHasWorkers)
         EXPECT_TRUE(journal.waitFor(line));
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_THAT(workers, SizeIs(kWorkers));
+}
+
+TEST_F(WebSocketThreadTest, WakesThePollThreadWithTheLockHeld)
+{
+    start(0);
+    ASSERT_TRUE(isIdle());
+    std::vector<bool> wakes;
+    {
+        const OnWake onWake([&] { wakes.push_back(isLocked()); });
+        add("a");
+    }
+    joinLockers();
+    EXPECT_THAT(wakes, ElementsAre(true));
+}
+
+TEST_F(WebSocketThreadTest, WakesWorkersOnceACycleWithTheLockHeld)
+{
+    std::atomic<size_t> wakes{0};
+    std::atomic<bool> wasLocked{true};
+    for (const char* name : {"a", "b", "c"}) {
+        Peer& peer = connect(name);
+        peer.send("hello");
+        give(peer);
+    }
+    const OnWake onWake([&] {
+        wasLocked = wasLocked && isLocked();
+        ++wakes;
+    });
+    start(0);
+    ASSERT_TRUE(isIdle());
+    EXPECT_EQ(Access::readyCount(*threads), 3u);
+    EXPECT_EQ(wakes, 1u);
+    EXPECT_TRUE(wasLocked);
+    joinLockers();
+}
+
+TEST_F(WebSocketThreadTest, WakesAWorkerWithTheLockHeldForAConnectionThatIsGivenBack)
+{
+    Peer& peer = connect("a");
+    peer.socket->setReadEnabled(true);
+    std::vector<bool> wakes;
+    {
+        const OnWake onWake([&] { wakes.push_back(isLocked()); });
+        threads->giveBackWebSocket(peer.own);
+    }
+    joinLockers();
+    EXPECT_EQ(peer.own, nullptr);
+    EXPECT_THAT(wakes, ElementsAre(true));
+}
+
+TEST_F(WebSocketThreadTest, WakesAWorkerAlsoWhenAWorkerGivesTheConnectionBack)
+{
+    std::mutex mutex;
+    std::vector<std::thread::id> wakers;  // guarded by mutex
+    std::atomic<std::thread::id> worker;
+    add("silent");  // keeps the poll thread from its sleep
+    Peer& peer = connect("a");
+    peer.socket->onMessage = [&](const std::string&) { worker = std::this_thread::get_id(); };
+    peer.send("one");
+    peer.send("two");
+    give(peer);
+    {
+        const OnWake onWake([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            wakers.push_back(std::this_thread::get_id());
+        });
+        start(1);
+        ASSERT_TRUE(journal.waitFor("a: two"));
+        ASSERT_TRUE(isAllPolled());
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(std::count(wakers.begin(), wakers.end(), worker.load()), 1);
 }
 
 TEST_F(WebSocketThreadTest, WakesAWorkerForAConnectionThatIsGivenBack)
