@@ -98,7 +98,7 @@ constexpr uint8_t kText = 0x81;
 constexpr uint8_t kBroken = 0x83;  // an opcode that ends the connection
 
 // What happened on all threads, in one order. The same thing again and again counts once.
-class Journal
+class EventLog
 {
 public:
     void add(const std::string& line)
@@ -164,12 +164,12 @@ private:
     uint64_t mEvents = 0;
 };
 
-// Writes its messages and its end into the journal.
+// Writes its messages and its end into the event log.
 class TestSocket : public WebSocket
 {
 public:
-    TestSocket(int fd, void* handle, std::string name, Journal& journal)
-        : WebSocket(fd, handle), mName(std::move(name)), mJournal(journal)
+    TestSocket(int fd, void* handle, std::string name, EventLog& eventLog)
+        : WebSocket(fd, handle), mName(std::move(name)), mJournal(eventLog)
     {}
 
     ~TestSocket() override
@@ -195,7 +195,7 @@ public:
 
 private:
     const std::string mName;
-    Journal& mJournal;
+    EventLog& mJournal;
 };
 
 // One connection with both its ends.
@@ -223,7 +223,7 @@ protected:
 
     WebSocketThreadTest() : threads(std::make_unique<WebSocketThread>())
     {
-        daemon.onCall("MHD_upgrade_action", [this] { journal.add("close"); });
+        daemon.onCall("MHD_upgrade_action", [this] { eventLog.add("close"); });
         onPoll(nullptr);
     }
 
@@ -253,7 +253,7 @@ protected:
                     EXPECT_EQ(entries[i].revents, 0);
                     line += " " + nameOf(entries[i].fd);
                 }
-                journal.add(line);
+                eventLog.add(line);
                 return hook ? hook(entries, attempt.length) : std::nullopt;
             });
     }
@@ -280,7 +280,7 @@ protected:
     {
         Peer& peer = peers.emplace_back();
         peer.name = name;
-        auto socket = std::make_unique<TestSocket>(peer.pair.server(), &peer.place, name, journal);
+        auto socket = std::make_unique<TestSocket>(peer.pair.server(), &peer.place, name, eventLog);
         peer.socket = socket.get();
         peer.own = std::move(socket);
         std::lock_guard<std::mutex> lock(namesMutex);
@@ -330,12 +330,12 @@ protected:
             Peer& peer = connect("fresh");
             peer.socket->onMessage = [this, arrived, count](const std::string&) {
                 ++*arrived;
-                journal.wait([&] { return *arrived == count; });
+                eventLog.wait([&] { return *arrived == count; });
             };
             peer.send("hello");
             give(peer);
         }
-        if (!journal.wait([&] { return *arrived == count; }))
+        if (!eventLog.wait([&] { return *arrived == count; }))
             return false;
         return isAllPolled();
     }
@@ -347,7 +347,7 @@ protected:
         sockets.passThrough();
         onPoll(nullptr);
         sockets.clearCalls();
-        return journal.wait([this] {
+        return eventLog.wait([this] {
             const auto polls = sockets.callsOf(FaultySockets::Poll);
             return !polls.empty() && polls.back().result == 0 &&
                    polls.back().polled.size() == alive;
@@ -376,11 +376,11 @@ protected:
         return handles.empty() ? nullptr : handles.back();
     }
 
-    // What the journal says of messages.
+    // The lines of messages.
     std::vector<std::string> messages() const
     {
         std::vector<std::string> found;
-        for (const std::string& line : journal.lines())
+        for (const std::string& line : eventLog.lines())
             if (line.find(':') != std::string::npos)
                 found.push_back(line);
         return found;
@@ -388,12 +388,12 @@ protected:
 
     bool isIdle()
     {
-        return journal.wait([this] { return Access::isPollThreadIdle(*threads); });
+        return eventLog.wait([this] { return Access::isPollThreadIdle(*threads); });
     }
 
     RecordingDaemon daemon;
     CapturedLog log;
-    Journal journal;
+    EventLog eventLog;
     FaultySockets sockets;
     std::mutex namesMutex;
     std::map<int, std::string> names;  // of the connections, by their socket
@@ -437,7 +437,7 @@ TEST_F(WebSocketThreadTest, SleepsWithoutConnectionsAndDoesNotPoll)
 
     pollFirst({{0}, {POLLERR}});
     add("a");
-    ASSERT_TRUE(journal.waitFor("~a"));
+    ASSERT_TRUE(eventLog.waitFor("~a"));
     ASSERT_TRUE(isIdle());
     EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
     ASSERT_TRUE(waitUntilOthersSleep());
@@ -456,10 +456,10 @@ TEST_F(WebSocketThreadTest, IsIdleOnlyWhileItSleeps)
     });
     add("first");  // is there when the thread begins
     start(0);
-    ASSERT_TRUE(journal.waitFor("~first"));
+    ASSERT_TRUE(eventLog.waitFor("~first"));
     ASSERT_TRUE(isIdle());
     add("second");  // wakes it
-    ASSERT_TRUE(journal.waitFor("~second"));
+    ASSERT_TRUE(eventLog.waitFor("~second"));
     ASSERT_TRUE(isIdle());
     EXPECT_FALSE(wasIdleInPoll);
 }
@@ -472,10 +472,10 @@ TEST_F(WebSocketThreadTest, PollsForWritingOnlyWhileBytesAreQueued)
     give(silent);
     give(talking);
     start(1);
-    ASSERT_TRUE(journal.waitFor("poll silent talking"));
-    ASSERT_TRUE(journal.wait([&] { return ServerMessages(talking.pair.read()).size() == 1; }));
+    ASSERT_TRUE(eventLog.waitFor("poll silent talking"));
+    ASSERT_TRUE(eventLog.wait([&] { return ServerMessages(talking.pair.read()).size() == 1; }));
     // Both are back, in whatever order.
-    ASSERT_TRUE(journal.wait([&] {
+    ASSERT_TRUE(eventLog.wait([&] {
         const auto polls = sockets.callsOf(FaultySockets::Poll);
         return polls.size() > 1 && polls.back().polled.size() == 2;
     }));
@@ -496,11 +496,11 @@ TEST_F(WebSocketThreadTest, PollsASilentConnectionAgainAndAgain)
 {
     start(1);
     add("a");
-    ASSERT_TRUE(journal.wait([&] { return sockets.count(FaultySockets::Poll) >= 4; }));
+    ASSERT_TRUE(eventLog.wait([&] { return sockets.count(FaultySockets::Poll) >= 4; }));
     EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
     EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);
     EXPECT_EQ(Access::readyCount(*threads), 0u);
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a"));
 }
 
 TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
@@ -513,12 +513,12 @@ TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
     });
     start(0);
     add("a");
-    ASSERT_TRUE(journal.waitFor("poll a"));
+    ASSERT_TRUE(eventLog.waitFor("poll a"));
     add("b");
     EXPECT_EQ(Access::newCount(*threads), 1u);
     latch->open();
-    ASSERT_TRUE(journal.waitFor("poll b a"));
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a", "poll b a"));
+    ASSERT_TRUE(eventLog.waitFor("poll b a"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a", "poll b a"));
 }
 
 TEST_F(WebSocketThreadTest, ClosesAndDestroysWhatHasFailedEvenWithDataToRead)
@@ -538,7 +538,7 @@ TEST_F(WebSocketThreadTest, ClosesAndDestroysWhatHasFailedEvenWithDataToRead)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         threads = std::make_unique<WebSocketThread>();
-        journal.clear();
+        eventLog.clear();
         sockets.clearCalls();
         pollFirst({{row.events, 0}});
         Peer& failed = connect("failed");
@@ -549,8 +549,8 @@ TEST_F(WebSocketThreadTest, ClosesAndDestroysWhatHasFailedEvenWithDataToRead)
         give(failed);
         give(other);
         start(1);
-        ASSERT_TRUE(journal.waitFor("poll other"));
-        EXPECT_THAT(journal.lines(),
+        ASSERT_TRUE(eventLog.waitFor("poll other"));
+        EXPECT_THAT(eventLog.lines(),
                     ElementsAre("poll failed other", "close", "~failed", "poll other"));
         EXPECT_EQ(lastClosed(), failed.handle());
         EXPECT_TRUE(locked);
@@ -568,8 +568,8 @@ TEST_F(WebSocketThreadTest, ClosesAConnectionWhoseClientHasGone)
     peer.pair.closeClient();
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.waitFor("~a"));
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a", "close", "~a"));
+    ASSERT_TRUE(eventLog.waitFor("~a"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a", "close", "~a"));
     EXPECT_THAT(daemon.closedHandles(), ElementsAre(peer.handle()));
 }
 
@@ -580,17 +580,17 @@ TEST_F(WebSocketThreadTest, PollsADescriptorThatIsNotOpenAgain)
     peer.pair.closeServer();
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.wait([&] { return sockets.callsOf(FaultySockets::Poll).size() >= 3; }));
+    ASSERT_TRUE(eventLog.wait([&] { return sockets.callsOf(FaultySockets::Poll).size() >= 3; }));
     for (const auto& poll : sockets.callsOf(FaultySockets::Poll)) {
         ASSERT_THAT(poll.polled, SizeIs(1));
         EXPECT_EQ(poll.polled[0].revents, POLLNVAL);
     }
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a"));
     EXPECT_THAT(daemon.closedHandles(), IsEmpty());
     // No worker has had it, so they end; it is destroyed as it is.
     mayHold = false;
     threads.reset();
-    EXPECT_TRUE(journal.has("~a"));
+    EXPECT_TRUE(eventLog.has("~a"));
     EXPECT_THAT(daemon.closedHandles(), IsEmpty());
 }
 
@@ -601,7 +601,7 @@ TEST_F(WebSocketThreadTest, ServesAConnectionAfterADoubtfulDescriptor)
     peer.send("hello");
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.waitFor("a: hello"));
+    ASSERT_TRUE(eventLog.waitFor("a: hello"));
     EXPECT_GE(sockets.count(FaultySockets::Poll), 3u);
     EXPECT_THAT(daemon.closedHandles(), IsEmpty());
 }
@@ -615,12 +615,12 @@ TEST_F(WebSocketThreadTest, SortsOneCycleInOrder)
         give(peer);
     }
     start(1);
-    ASSERT_TRUE(journal.waitFor("invalid: hello"));
+    ASSERT_TRUE(eventLog.waitFor("invalid: hello"));
     // Those of the first cycle, then those of the second: first come, first served.
     EXPECT_THAT(messages(),
                 ElementsAre("reads: hello", "both: hello", "silent: hello", "invalid: hello"));
-    EXPECT_EQ(journal.count("close"), 1u);
-    EXPECT_EQ(journal.count("~gone"), 1u);
+    EXPECT_EQ(eventLog.count("close"), 1u);
+    EXPECT_EQ(eventLog.count("~gone"), 1u);
     EXPECT_THAT(daemon.closedHandles(), ElementsAre(peers[2].handle()));
 }
 
@@ -642,7 +642,7 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         threads = std::make_unique<WebSocketThread>();
-        journal.clear();
+        eventLog.clear();
         sockets.clearCalls();
         const size_t logged = log.lines().size();
         // Found by a connection that comes while poll is going on.
@@ -655,10 +655,10 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
         give(peers[peers.size() - 2]);
         give(peers.back());
         start(1);
-        ASSERT_TRUE(journal.waitFor("~b"));
+        ASSERT_TRUE(eventLog.waitFor("~b"));
         ASSERT_TRUE(threads->waitThread(kLimitMs));
         // Destroyed, but not closed.
-        EXPECT_THAT(journal.lines(), ElementsAre("poll a b", "~a", "~b"));
+        EXPECT_THAT(eventLog.lines(), ElementsAre("poll a b", "~a", "~b"));
         EXPECT_THAT(daemon.closedHandles(), IsEmpty());
         ASSERT_THAT(log.lines(), SizeIs(logged + 1));
         EXPECT_EQ(
@@ -672,9 +672,9 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
         EXPECT_EQ(sockets.count(FaultySockets::Poll), 1u);
         mayHold = false;  // nothing has gone to the worker
         threads->stopThreads(true);
-        EXPECT_FALSE(journal.has("~later"));
+        EXPECT_FALSE(eventLog.has("~later"));
         threads.reset();
-        EXPECT_TRUE(journal.has("~late") && journal.has("~later"));
+        EXPECT_TRUE(eventLog.has("~late") && eventLog.has("~later"));
         EXPECT_THAT(daemon.closedHandles(), IsEmpty());
     }
 }
@@ -689,18 +689,18 @@ TEST_F(WebSocketThreadTest, PollsAgainAfterAFailureOnlyWhenStartedWithoutWorkers
         onPoll(nullptr);
         start(workers);
         add("a");
-        ASSERT_TRUE(journal.wait([&] { return sockets.count(FaultySockets::Poll) == 1; }));
+        ASSERT_TRUE(eventLog.wait([&] { return sockets.count(FaultySockets::Poll) == 1; }));
         ASSERT_TRUE(threads->waitThread(kLimitMs));
         sockets.passThrough();
         onPoll(nullptr);
-        journal.clear();
+        eventLog.clear();
         add("b");
         threads->startThreads(workers);
         if (workers == 0) {
-            ASSERT_TRUE(journal.waitFor("poll b"));
+            ASSERT_TRUE(eventLog.waitFor("poll b"));
         } else {
             ASSERT_TRUE(waitUntilOthersSleep());
-            EXPECT_FALSE(journal.has("poll b"));
+            EXPECT_FALSE(eventLog.has("poll b"));
         }
         mayHold = false;
         threads.reset();
@@ -720,7 +720,7 @@ TEST_F(WebSocketThreadTest, HandlesOneFrameATurn)
     give(a);
     give(b);
     start(1);
-    ASSERT_TRUE(journal.waitFor("a: 3"));
+    ASSERT_TRUE(eventLog.waitFor("a: 3"));
     EXPECT_THAT(messages(), ElementsAre("a: 1", "b: 1", "a: 2", "a: 3"));
 }
 
@@ -732,8 +732,8 @@ TEST_F(WebSocketThreadTest, ServesFramesThatAreThereWithoutAPollBetween)
         peer.send(text);
     give(peer);
     start(2);
-    ASSERT_TRUE(journal.wait([&] { return journal.count("poll a") == 2; }));
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a", "a: 1", "a: 2", "a: 3", "a: 4", "poll a"));
+    ASSERT_TRUE(eventLog.wait([&] { return eventLog.count("poll a") == 2; }));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a", "a: 1", "a: 2", "a: 3", "a: 4", "poll a"));
 }
 
 // Required: an empty socket ends the turns, with one buffered frame handled at most; a third
@@ -745,12 +745,12 @@ TEST_F(WebSocketThreadTest, LeavesTheThirdFrameOfOneReadUntilMoreComes)
         peer.send(text);
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.wait([&] { return journal.count("poll a") == 2; }));
-    EXPECT_THAT(journal.lines(), ElementsAre("poll a", "a: 1", "a: 2", "poll a"));
+    ASSERT_TRUE(eventLog.wait([&] { return eventLog.count("poll a") == 2; }));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll a", "a: 1", "a: 2", "poll a"));
     ASSERT_TRUE(isAllPolled());
-    EXPECT_FALSE(journal.has("a: 3"));
+    EXPECT_FALSE(eventLog.has("a: 3"));
     peer.send("4");
-    ASSERT_TRUE(journal.waitFor("a: 4"));
+    ASSERT_TRUE(eventLog.waitFor("a: 4"));
     EXPECT_THAT(messages(), ElementsAre("a: 1", "a: 2", "a: 3", "a: 4"));
 }
 
@@ -762,7 +762,7 @@ TEST_F(WebSocketThreadTest, ReadsOnlyWhatPollHasFoundReadable)
     pollFirst({{POLLOUT}, {0}});
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.waitFor("a: hello"));
+    ASSERT_TRUE(eventLog.waitFor("a: hello"));
     const auto calls = sockets.calls();
     std::vector<FaultySockets::Operation> order;
     for (const auto& call : calls)
@@ -781,7 +781,7 @@ TEST_F(WebSocketThreadTest, SendsBeforeItReads)
     peer.send("hello");
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.waitFor("a: hello"));
+    ASSERT_TRUE(eventLog.waitFor("a: hello"));
     const auto calls = sockets.calls();
     ASSERT_GE(calls.size(), 3u);
     EXPECT_EQ(calls[0].operation, FaultySockets::Poll);
@@ -822,7 +822,7 @@ TEST_F(WebSocketThreadTest, KeepsAConnectionThatItHasClosedUntilTheNextOne)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         threads = std::make_unique<WebSocketThread>();
-        journal.clear();
+        eventLog.clear();
         sockets.passThrough();
         onPoll(nullptr);
         sockets.clearCalls();
@@ -832,18 +832,18 @@ TEST_F(WebSocketThreadTest, KeepsAConnectionThatItHasClosedUntilTheNextOne)
         row.fail(failed);
         give(failed);
         start(1);
-        ASSERT_TRUE(journal.waitFor("close"));
+        ASSERT_TRUE(eventLog.waitFor("close"));
         ASSERT_TRUE(isIdle());
         ASSERT_TRUE(waitUntilOthersSleep());
-        EXPECT_FALSE(journal.has("~failed"));
-        EXPECT_EQ(journal.has("failed: hello"), row.isRead);
+        EXPECT_FALSE(eventLog.has("~failed"));
+        EXPECT_EQ(eventLog.has("failed: hello"), row.isRead);
         EXPECT_EQ(lastClosed(), failed.handle());
 
         Peer& next = connect("next");
         next.send("hello");
         give(next);
-        ASSERT_TRUE(journal.waitFor("next: hello"));
-        const std::vector<std::string> lines = journal.lines();
+        ASSERT_TRUE(eventLog.waitFor("next: hello"));
+        const std::vector<std::string> lines = eventLog.lines();
         const auto end = std::find(lines.begin(), lines.end(), "~failed");
         EXPECT_LT(end, std::find(lines.begin(), lines.end(), "next: hello"));
         EXPECT_TRUE(locked);
@@ -867,7 +867,7 @@ TEST_F(WebSocketThreadTest, IsTheConnectionsThreadWhileItHandlesIt)
     peer.send("hello");
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.wait([&] { return journal.count("poll a") == 2; }));
+    ASSERT_TRUE(eventLog.wait([&] { return eventLog.count("poll a") == 2; }));
     EXPECT_NE(during, "");
     EXPECT_NE(during, qvThread::CurrentThreadId());
     EXPECT_EQ(sentDuring, 1u);
@@ -891,7 +891,7 @@ TEST_F(WebSocketThreadTest, KeepsBlocksForTheNextMessagesOfAWorker)
     peer.send("hello");
     give(peer);
     start(1);
-    ASSERT_TRUE(journal.wait([&] { return journal.count("poll a") == 2; }));
+    ASSERT_TRUE(eventLog.wait([&] { return eventLog.count("poll a") == 2; }));
     EXPECT_TRUE(wasKept);
 }
 
@@ -899,11 +899,11 @@ TEST_F(WebSocketThreadTest, SendsWhatAnotherThreadHasWritten)
 {
     Peer& peer = add("a");
     start(1);
-    ASSERT_TRUE(journal.waitFor("poll a"));
+    ASSERT_TRUE(eventLog.waitFor("poll a"));
     std::vector<Message> received;
     for (const char* text : {"one", "two"}) {
         peer.socket->writeMessage(text, 3, false);
-        ASSERT_TRUE(journal.wait([&] {
+        ASSERT_TRUE(eventLog.wait([&] {
             for (const Message& message : ServerMessages(peer.pair.read()))
                 received.push_back(message);
             return !received.empty() && received.back() == Text(ToBytes(text));
@@ -922,7 +922,7 @@ TEST_F(WebSocketThreadTest, SendsTheRestWhenTheClientHasMadeRoom)
     const Bytes large = Pattern(4 << 20);
     peer.socket->writeMessage(large.data(), large.size(), true);
     Bytes received;
-    ASSERT_TRUE(journal.wait([&] {
+    ASSERT_TRUE(eventLog.wait([&] {
         const Bytes part = peer.pair.read();
         received.insert(received.end(), part.begin(), part.end());
         return received.size() >= large.size() && !peer.socket->hasWritePending();
@@ -953,10 +953,10 @@ TEST_F(WebSocketThreadTest, GetsTheFirstReadyConnectionAndDestroysTheOneBefore)
     std::unique_ptr<WebSocket> mine;
     threads->getFirstWebSocket(mine);
     EXPECT_EQ(mine.get(), order[0]);
-    EXPECT_THAT(journal.lines(), IsEmpty());
+    EXPECT_THAT(eventLog.lines(), IsEmpty());
     threads->getFirstWebSocket(mine);
     EXPECT_EQ(mine.get(), order[1]);
-    EXPECT_THAT(journal.lines(), ElementsAre("~a"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("~a"));
     EXPECT_TRUE(locked);
     joinLockers();
     EXPECT_EQ(Access::readyCount(*threads), 0u);
@@ -1005,7 +1005,7 @@ TEST_F(WebSocketThreadTest, GetsNothingMoreWhenItIsStopped)
     threads->getFirstWebSocket(own.own);
     EXPECT_EQ(own.own.get(), own.socket);
     EXPECT_EQ(Access::readyCount(*threads), 1u);
-    EXPECT_THAT(journal.lines(), IsEmpty());
+    EXPECT_THAT(eventLog.lines(), IsEmpty());
 }
 
 TEST_F(WebSocketThreadTest, TakesAConnectionBackForItsPollThreadOrForAWorker)
@@ -1021,7 +1021,7 @@ TEST_F(WebSocketThreadTest, TakesAConnectionBackForItsPollThreadOrForAWorker)
     EXPECT_EQ(other.own, nullptr);
     EXPECT_EQ(Access::readyCount(*threads), 1u);
     EXPECT_EQ(Access::newCount(*threads), 1u);
-    EXPECT_THAT(journal.lines(), IsEmpty());
+    EXPECT_THAT(eventLog.lines(), IsEmpty());
 }
 
 TEST_F(WebSocketThreadTest, TakesAConnectionBackBehindThoseThatWait)
@@ -1070,7 +1070,7 @@ TEST_F(WebSocketThreadTest, ClosesWhatComesAfterTheStopAndLeavesItWithTheCaller)
         joinLockers();
     }
     EXPECT_THAT(daemon.closedHandles(), SizeIs(std::size(rows)));
-    EXPECT_THAT(journal.lines(), IsEmpty());
+    EXPECT_THAT(eventLog.lines(), IsEmpty());
     EXPECT_EQ(Access::newCount(*threads), 0u);
     EXPECT_EQ(Access::readyCount(*threads), 0u);
 }
@@ -1103,10 +1103,10 @@ TEST_F(WebSocketThreadTest, EndsAtOnceWhenStartedAfterTheStop)
     threads->startThreads(2);
     EXPECT_TRUE(threads->waitThread(kLimitMs));
     EXPECT_EQ(Access::workerCount(*threads), 2u);
-    EXPECT_TRUE(journal.wait([&] {
+    EXPECT_TRUE(eventLog.wait([&] {
         return Access::hasWorkerEnded(*threads, 0) && Access::hasWorkerEnded(*threads, 1);
     }));
-    EXPECT_THAT(journal.lines(), IsEmpty());
+    EXPECT_THAT(eventLog.lines(), IsEmpty());
 }
 
 TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
@@ -1118,7 +1118,7 @@ TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
     });
     start(1);
     add("a");
-    ASSERT_TRUE(journal.waitFor("poll a"));
+    ASSERT_TRUE(eventLog.waitFor("poll a"));
     threads->stopThreads(false);
     EXPECT_FALSE(threads->waitThread(0));
     BackgroundCall stop([this] { threads->stopThreads(true); });
@@ -1149,18 +1149,18 @@ TEST_F(WebSocketThreadTest, FinishesItsCycleWhenItIsStopped)
         give(peer);
     }
     start(1);
-    ASSERT_TRUE(journal.waitFor("poll silent reads gone"));
+    ASSERT_TRUE(eventLog.waitFor("poll silent reads gone"));
     threads->stopThreads(false);
     latch.open();
     mayHold = false;
     threads->stopThreads(true);
-    EXPECT_THAT(journal.lines(), ElementsAre("poll silent reads gone", "close", "~gone"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll silent reads gone", "close", "~gone"));
     EXPECT_EQ(Access::newCount(*threads), 1u);
     EXPECT_EQ(Access::readyCount(*threads), 1u);
 
     // Those that are left are destroyed as they are: first those that waited for a worker.
     threads.reset();
-    EXPECT_THAT(journal.lines(),
+    EXPECT_THAT(eventLog.lines(),
                 ElementsAre("poll silent reads gone", "close", "~gone", "~reads", "~silent"));
     EXPECT_THAT(daemon.closedHandles(), ElementsAre(peers[2].handle()));
 }
@@ -1172,7 +1172,7 @@ TEST_F(WebSocketThreadTest, DestroysItsConnectionsWithoutClosingThem)
     ready.socket->setReadEnabled(true);
     threads->giveBackWebSocket(ready.own);
     threads.reset();
-    EXPECT_THAT(journal.lines(), ElementsAre("~ready", "~new"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("~ready", "~new"));
     EXPECT_THAT(daemon.calls(), IsEmpty());
 }
 
@@ -1181,10 +1181,10 @@ TEST_F(WebSocketThreadTest, StopsInItsDestructor)
     add("a");
     add("b");
     start(3);
-    ASSERT_TRUE(journal.waitFor("poll a b"));
+    ASSERT_TRUE(eventLog.waitFor("poll a b"));
     mayHold = false;  // no client has sent anything
     threads.reset();
-    EXPECT_TRUE(journal.has("~a") && journal.has("~b"));
+    EXPECT_TRUE(eventLog.has("~a") && eventLog.has("~b"));
     EXPECT_THAT(daemon.calls(), IsEmpty());
 }
 
@@ -1199,7 +1199,7 @@ TEST_F(WebSocketThreadTest, StartsItsWorkersOnce)
     Peer& peer = connect("a");
     peer.send("hello");
     give(peer);
-    EXPECT_TRUE(journal.waitFor("a: hello"));
+    EXPECT_TRUE(eventLog.waitFor("a: hello"));
 }
 
 TEST_F(WebSocketThreadTest, LeavesReadyConnectionsWaitingWithoutWorkers)
@@ -1210,7 +1210,7 @@ TEST_F(WebSocketThreadTest, LeavesReadyConnectionsWaitingWithoutWorkers)
         peer.send("hello");
         give(peer);
     }
-    ASSERT_TRUE(journal.wait([&] { return Access::readyCount(*threads) == 2; }));
+    ASSERT_TRUE(eventLog.wait([&] { return Access::readyCount(*threads) == 2; }));
     ASSERT_TRUE(isIdle());
     threads->startThreads(0);  // the poll thread goes on
     ASSERT_TRUE(waitUntilOthersSleep());
@@ -1219,8 +1219,8 @@ TEST_F(WebSocketThreadTest, LeavesReadyConnectionsWaitingWithoutWorkers)
     EXPECT_EQ(Access::readyCount(*threads), 2u);
 
     start(1);
-    EXPECT_TRUE(journal.waitFor("a: hello"));
-    EXPECT_TRUE(journal.waitFor("b: hello"));
+    EXPECT_TRUE(eventLog.waitFor("a: hello"));
+    EXPECT_TRUE(eventLog.waitFor("b: hello"));
 }
 
 TEST_F(WebSocketThreadTest, ServesAsManyConnectionsAtOnceAsItHasWorkers)
@@ -1237,14 +1237,14 @@ TEST_F(WebSocketThreadTest, ServesAsManyConnectionsAtOnceAsItHasWorkers)
                 workers.insert(std::this_thread::get_id());
             }
             ++inside;
-            EXPECT_TRUE(journal.wait([&] { return inside == kWorkers; }));
+            EXPECT_TRUE(eventLog.wait([&] { return inside == kWorkers; }));
         };
         peer.send("hello");
         give(peer);
     }
     start(kWorkers);
     for (const char* line : {"a: hello", "b: hello", "c: hello"})
-        EXPECT_TRUE(journal.waitFor(line));
+        EXPECT_TRUE(eventLog.waitFor(line));
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_THAT(workers, SizeIs(kWorkers));
 }
@@ -1314,7 +1314,7 @@ TEST_F(WebSocketThreadTest, WakesAWorkerAlsoWhenAWorkerGivesTheConnectionBack)
             wakers.push_back(std::this_thread::get_id());
         });
         start(1);
-        ASSERT_TRUE(journal.waitFor("a: two"));
+        ASSERT_TRUE(eventLog.waitFor("a: two"));
         ASSERT_TRUE(isAllPolled());
     }
     std::lock_guard<std::mutex> lock(mutex);
@@ -1327,7 +1327,7 @@ TEST_F(WebSocketThreadTest, WakesAWorkerForAConnectionThatIsGivenBack)
     Peer& first = connect("first");
     first.send("hello");
     give(first);
-    ASSERT_TRUE(journal.waitFor("first: hello"));
+    ASSERT_TRUE(eventLog.waitFor("first: hello"));
     ASSERT_TRUE(isAllPolled());  // both workers wait, or are about to
     EXPECT_TRUE(waitUntilOthersSleep());
     Peer& second = connect("second");
@@ -1336,7 +1336,7 @@ TEST_F(WebSocketThreadTest, WakesAWorkerForAConnectionThatIsGivenBack)
     ++alive;
     second.socket->setReadEnabled(true);
     threads->giveBackWebSocket(second.own);
-    EXPECT_TRUE(journal.waitFor("second: hello"));
+    EXPECT_TRUE(eventLog.waitFor("second: hello"));
 }
 
 // Many at once.
@@ -1470,8 +1470,8 @@ TEST(WebSocketThread, GetsEachMessageOnceAndInOrderOverManyConnections)
 
     // All is quiet now: when the poll thread has every connection, no worker has one.
     FaultySockets sockets;
-    Journal journal;
-    const bool isQuiet = journal.wait([&] {
+    EventLog eventLog;
+    const bool isQuiet = eventLog.wait([&] {
         const auto polls = sockets.callsOf(FaultySockets::Poll);
         return !polls.empty() && polls.back().result == 0 && polls.back().polled.size() == kPeers;
     });
@@ -1507,13 +1507,13 @@ protected:
             threads->stopThreads(true);
             hasStopped = true;
         });
-        EXPECT_TRUE(journal.wait([&] { return threads->waitThread(0); }));
+        EXPECT_TRUE(eventLog.wait([&] { return threads->waitThread(0); }));
         if (afterTheStop)
             afterTheStop();
-        EXPECT_TRUE(journal.waitFor("close"));
+        EXPECT_TRUE(eventLog.waitFor("close"));
         sockets.clearCalls();
         constexpr size_t kRounds = 2000;
-        EXPECT_TRUE(journal.wait([&] {
+        EXPECT_TRUE(eventLog.wait([&] {
             return sockets.count(FaultySockets::Recv) + sockets.count(FaultySockets::Send) >
                    kRounds;
         }));
@@ -1522,7 +1522,7 @@ protected:
         EXPECT_FALSE(hasStopped);
         EXPECT_FALSE(Access::hasWorkerEnded(*threads, 0));
         EXPECT_THAT(daemon.closedHandles(), SizeIs(1));  // once is enough
-        EXPECT_FALSE(journal.has("~a"));
+        EXPECT_FALSE(eventLog.has("~a"));
         std::_Exit(HasFailure() ? 1 : 0);
     }
 
@@ -1545,7 +1545,7 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithAClosedConnectionAfterTheStop)
         }
         give(peer);
         start(1);
-        EXPECT_TRUE(journal.waitFor("close"));
+        EXPECT_TRUE(eventLog.waitFor("close"));
         watchTheWorkerGoRound();
     };
     EXPECT_EXIT(goRound(false), ::testing::ExitedWithCode(0), "") << "a broken frame";
@@ -1561,13 +1561,13 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithTheConnectionItHandledWhenItWasSto
         Latch latch;
         Peer& peer = connect("a");
         peer.socket->onMessage = [&](const std::string&) {
-            journal.add("inside");
+            eventLog.add("inside");
             latch.wait();
         };
         peer.send("hello");
         give(peer);
         start(1);
-        EXPECT_TRUE(journal.waitFor("inside"));
+        EXPECT_TRUE(eventLog.waitFor("inside"));
         watchTheWorkerGoRound([&] {
             EXPECT_THAT(daemon.closedHandles(), IsEmpty());
             latch.open();
@@ -1588,25 +1588,25 @@ TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
             Peer& peer = connect(i == 0 ? "a" : "b");
             peer.socket->onMessage = [&, i](const std::string&) {
                 workers[i] = ::gettid();
-                journal.wait([&] { return workers[0] != 0 && workers[1] != 0; });
+                eventLog.wait([&] { return workers[0] != 0 && workers[1] != 0; });
                 latches[i].wait();
             };
             peer.send("hello");
             give(peer);
         }
         start(2);
-        EXPECT_TRUE(journal.wait([&] { return workers[0] != 0 && workers[1] != 0; }));
+        EXPECT_TRUE(eventLog.wait([&] { return workers[0] != 0 && workers[1] != 0; }));
         // The one that was started later keeps its connection, and will go round with it.
         const size_t busy = workers[0] > workers[1] ? 0 : 1;
         latches[1 - busy].open();
-        EXPECT_TRUE(journal.waitFor(busy == 0 ? "poll b" : "poll a"));
+        EXPECT_TRUE(eventLog.waitFor(busy == 0 ? "poll b" : "poll a"));
 
         std::atomic<bool> hasStopped{false};
         std::thread stopper([&] {
             threads->stopThreads(true);
             hasStopped = true;
         });
-        EXPECT_TRUE(journal.wait([&] {
+        EXPECT_TRUE(eventLog.wait([&] {
             return threads->waitThread(0) &&
                    (Access::hasWorkerEnded(*threads, 0) || Access::hasWorkerEnded(*threads, 1));
         }));
