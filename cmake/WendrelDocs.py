@@ -16,6 +16,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 LINK = re.compile(r"(!?)\[((?:[^\[\]]|\[[^\]]*\])*)\]\(([^()\s]+)\)")
 # A code span, or bold text.
 SPAN = re.compile(r"(?<!`)(`+)(?!`)([^\n]*?[^\n`])\1(?!`)|\*\*((?:`[^`\n]*`|[^*`\n]|\n(?!\n))+)\*\*")
+URL_IN_CODE = re.compile(r"(?<![\w:])https?:")
 HEADING = re.compile(r"(#{1,6})\s+(.*?)\s*$")
 
 
@@ -87,12 +88,14 @@ def segments(lines):
 
 
 def change_span(match):
-    """For Doxygen a code span ends at a single quote, unless it has two backquotes, and text that
-    begins or ends with code is not bold."""
+    """A code span ends at a single quote for Doxygen, unless it has two backquotes; a URL in one becomes a
+    link without a "%"; and text that begins or ends with code is not bold."""
     quotes, code, bold = match.groups()
     if bold:
         return f"<b>{SPAN.sub(change_span, bold)}</b>"
-    return f"``{code}``" if quotes == "`" and "'" in code else match.group(0)
+    if quotes == "`" and "'" in code:
+        quotes = "``"
+    return quotes + URL_IN_CODE.sub(r"%\g<0>", code) + quotes
 
 
 def change_text(page, lines, anchors):
