@@ -101,7 +101,8 @@ def change_span(match):
 def change_text(page, lines, anchors):
     """Links may go over the end of a line."""
     text = LINK.sub(lambda match: change_link(page, match), "\n".join(lines))
-    text = SPAN.sub(change_span, text)
+    # Before code Doxygen shows some "<br>" as text.
+    text = SPAN.sub(change_span, text.replace("<br>", "<br/>"))
     for line in text.split("\n"):
         heading = HEADING.match(line)
         yield f"{heading.group(1)} {heading.group(2)} {{#{anchors.next()}}}" if heading else line

@@ -38,6 +38,14 @@ class Page(html.parser.HTMLParser):
                 self.targets.add(value)
 
 
+def shown_markup(folder):
+    """Markup of pages that Doxygen does not understand and shows as text."""
+    for path in sorted(folder.glob("*page-*.html")):
+        for text in ("&lt;br", "\\|"):
+            if text in path.read_text():
+                yield f"{path.name} shows {text}"
+
+
 def external_links():
     """Those of the pages. Doxygen makes links of URLs in code as well, which lead nowhere."""
     for pattern in ("*.md", "docs/*.md", "examples/*/*.md"):
@@ -78,6 +86,7 @@ def main():
     if folder.is_dir():
         complaints += [f"{name} is missing" for name in MUST_HAVE if not (folder / name).exists()]
         complaints += broken_links(folder)
+        complaints += shown_markup(folder)
     print("\n".join(complaints) or "built without a warning; all links are valid")
     return 1 if complaints else 0
 
