@@ -15,7 +15,7 @@ namespace
 
 constexpr size_t kConnectionMemoryBytes = 262144;
 constexpr unsigned int kListenBacklog = 1024;
-constexpr unsigned int kTimeOutSeconds = 360;
+constexpr unsigned int kTimeoutSeconds = 360;
 constexpr int kStrictForClient = 1;
 
 sockaddr_in loopback(uint16_t port)
@@ -50,7 +50,7 @@ Daemon startDaemon(const Options& options, const Handlers& handlers)
         MHD_OPTION_EXTERNAL_LOGGER, &dropMessage, noClosure, MHD_OPTION_URI_LOG_CALLBACK,
         &noContext, noClosure, MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemoryBytes,
         MHD_OPTION_LISTEN_BACKLOG_SIZE, kListenBacklog, MHD_OPTION_CONNECTION_TIMEOUT,
-        kTimeOutSeconds, MHD_OPTION_SOCK_ADDR, reinterpret_cast<const sockaddr*>(&address),
+        kTimeoutSeconds, MHD_OPTION_SOCK_ADDR, reinterpret_cast<const sockaddr*>(&address),
         MHD_OPTION_THREAD_POOL_SIZE, options.threads, MHD_OPTION_NOTIFY_COMPLETED,
         handlers.completed, handlers.closure, MHD_OPTION_STRICT_FOR_CLIENT, kStrictForClient,
         MHD_OPTION_END);

@@ -11,7 +11,7 @@
 namespace bench
 {
 
-// What the daemon calls; `closure` is handed to both.
+// Callbacks of the daemon; `closure` is passed to both.
 struct Handlers
 {
     MHD_AccessHandlerCallback handle;

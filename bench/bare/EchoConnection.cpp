@@ -1,4 +1,4 @@
-// An upgraded connection that says what it is told, in calls of at most 1024 bytes.
+// An upgraded connection that echoes messages, in calls of at most 1024 bytes.
 
 #include "bare/EchoConnection.h"
 
@@ -28,7 +28,7 @@ constexpr uint8_t kTwoByteLength = 126;
 constexpr uint8_t kEightByteLength = 127;
 constexpr size_t kShortHeaderBytes = 2;
 constexpr size_t kMaskBytes = 4;
-constexpr size_t kLongestMessageBytes = 67108864;
+constexpr size_t kMaxMessageBytes = 67108864;
 
 uint64_t readNumber(const uint8_t* from, size_t bytes)
 {
@@ -132,8 +132,7 @@ EchoConnection::Step EchoConnection::receive()
     return Step::Done;
 }
 
-// Takes what is in the block, up to where there is something to send. False for what no client
-// may send.
+// Parses the block until a reply is ready. False for a protocol error.
 bool EchoConnection::consume()
 {
     while (mBlockBegin != mBlockEnd && mOutBytes == 0) {
@@ -172,16 +171,16 @@ bool EchoConnection::beginFrame()
     if ((mHeader[0] & kReserved) != 0 || (mHeader[1] & kMasked) == 0)
         return false;
     if (isControl()) {
-        if ((mHeader[0] & kFin) == 0 || mPayloadLeft > kLongestControlBytes)
+        if ((mHeader[0] & kFin) == 0 || mPayloadLeft > kMaxControlBytes)
             return false;
         mControlBytes = 0;
     } else {
         if ((opcode == 0) == (mMessageOpcode == 0) ||
-            mPayloadLeft > kLongestMessageBytes - mMessageBytes)
+            mPayloadLeft > kMaxMessageBytes - mMessageBytes)
             return false;
         if (opcode != 0)
             mMessageOpcode = opcode;
-        makeRoom(mMessageBytes + mPayloadLeft);
+        reserve(mMessageBytes + mPayloadLeft);
     }
     mInPayload = true;
     mMaskIndex = 0;
@@ -192,7 +191,7 @@ void EchoConnection::takePayload()
 {
     const size_t part = std::min<uint64_t>(mPayloadLeft, mBlockEnd - mBlockBegin);
     uint8_t* out = isControl() ? mControl.data() + kControlHeaderBytes + mControlBytes
-                               : mMessage.get() + kHeaderRoomBytes + mMessageBytes;
+                               : mMessage.get() + kHeaderCapacityBytes + mMessageBytes;
     unmask(out, mBlock.data() + mBlockBegin, part, mHeader.data() + mHeaderFill - kMaskBytes,
            mMaskIndex);
     (isControl() ? mControlBytes : mMessageBytes) += part;
@@ -204,17 +203,17 @@ void EchoConnection::takePayload()
 void EchoConnection::endFrame()
 {
     if (isControl())
-        answerControl();
+        replyToControl();
     else if ((mHeader[0] & kFin) != 0)
-        answerMessage();
+        replyToMessage();
     mInPayload = false;
     mHeaderFill = 0;
 }
 
 // The bytes stay where they are until they are sent: nothing is received before that.
-void EchoConnection::answerMessage()
+void EchoConnection::replyToMessage()
 {
-    uint8_t* payload = mMessage.get() + kHeaderRoomBytes;
+    uint8_t* payload = mMessage.get() + kHeaderCapacityBytes;
     const size_t headerSize = writeHeaderBefore(payload, mMessageOpcode, mMessageBytes);
     mOut = payload - headerSize;
     mOutBytes = headerSize + mMessageBytes;
@@ -222,7 +221,7 @@ void EchoConnection::answerMessage()
     mMessageOpcode = 0;
 }
 
-void EchoConnection::answerControl()
+void EchoConnection::replyToControl()
 {
     const uint8_t opcode = mHeader[0] & kOpcodeBits;
     if (opcode != kPing && opcode != kClose)
@@ -234,15 +233,15 @@ void EchoConnection::answerControl()
     mOutBytes = kControlHeaderBytes + mControlBytes;
 }
 
-void EchoConnection::makeRoom(size_t bytes)
+void EchoConnection::reserve(size_t bytes)
 {
-    const size_t wanted = kHeaderRoomBytes + bytes;
+    const size_t wanted = kHeaderCapacityBytes + bytes;
     if (wanted <= mMessageCapacity)
         return;
     const size_t capacity = std::max(wanted, 2 * mMessageCapacity);
     auto larger = std::make_unique_for_overwrite<uint8_t[]>(capacity);
     if (mMessageBytes != 0)
-        std::memcpy(larger.get() + kHeaderRoomBytes, mMessage.get() + kHeaderRoomBytes,
+        std::memcpy(larger.get() + kHeaderCapacityBytes, mMessage.get() + kHeaderCapacityBytes,
                     mMessageBytes);
     mMessage = std::move(larger);
     mMessageCapacity = capacity;

@@ -1,4 +1,4 @@
-// An upgraded connection that says what it is told, in calls of at most 1024 bytes.
+// An upgraded connection that echoes messages, in calls of at most 1024 bytes.
 #ifndef BENCH_BARE_ECHOCONNECTION_H
 #define BENCH_BARE_ECHOCONNECTION_H
 
@@ -27,19 +27,19 @@ public:
 
     int getSocket() const { return mSocket; }
 
-    // What to poll for. While an answer waits to be sent, nothing is received.
+    // The events to poll for. While a reply is unsent, nothing is received.
     short getEvents() const;
 
-    // Receives, and answers what is complete, until the socket is empty or takes no more. False
-    // when the connection has ended.
+    // Receives and replies to complete messages until the socket is empty or its buffer is full.
+    // False when the connection has ended.
     bool serve();
 
 private:
     static constexpr size_t kBlockBytes = 1024;
-    static constexpr size_t kLongestHeaderBytes = 14;
-    static constexpr size_t kLongestControlBytes = 125;
-    // Room for the header of an answer, so that it stands right before the payload.
-    static constexpr size_t kHeaderRoomBytes = 10;
+    static constexpr size_t kMaxHeaderBytes = 14;
+    static constexpr size_t kMaxControlBytes = 125;
+    // Capacity for the header of a reply, directly before the payload.
+    static constexpr size_t kHeaderCapacityBytes = 10;
     static constexpr size_t kControlHeaderBytes = 2;
 
     enum class Step { Done, Blocked, Ended };
@@ -53,9 +53,9 @@ private:
     bool beginFrame();
     void takePayload();
     void endFrame();
-    void answerMessage();
-    void answerControl();
-    void makeRoom(size_t bytes);
+    void replyToMessage();
+    void replyToControl();
+    void reserve(size_t bytes);
 
     const int mSocket;
     MHD_UpgradeResponseHandle* const mHandle;
@@ -64,19 +64,19 @@ private:
     size_t mBlockBegin = 0;
     size_t mBlockEnd = 0;
 
-    std::array<uint8_t, kLongestHeaderBytes> mHeader;
+    std::array<uint8_t, kMaxHeaderBytes> mHeader;
     size_t mHeaderFill = 0;
     bool mInPayload = false;
     uint64_t mPayloadLeft = 0;
     size_t mMaskIndex = 0;
 
-    // The message, after room for a header; the answer is sent from here, too.
+    // The message, after the capacity for a header; the reply is sent from here.
     std::unique_ptr<uint8_t[]> mMessage;
     size_t mMessageCapacity = 0;
     size_t mMessageBytes = 0;
     uint8_t mMessageOpcode = 0;  // 0 between messages
 
-    std::array<uint8_t, kControlHeaderBytes + kLongestControlBytes> mControl;
+    std::array<uint8_t, kControlHeaderBytes + kMaxControlBytes> mControl;
     size_t mControlBytes = 0;
 
     const uint8_t* mOut = nullptr;

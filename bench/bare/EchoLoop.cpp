@@ -13,7 +13,7 @@ namespace bench
 namespace
 {
 
-constexpr int kNoTimeOut = -1;
+constexpr int kNoTimeout = -1;
 
 }  // namespace
 
@@ -76,7 +76,7 @@ void EchoLoop::stop()
 void EchoLoop::poll()
 {
     while (collect()) {
-        if (::poll(mPolled.data(), mPolled.size(), kNoTimeOut) <= 0)
+        if (::poll(mPolled.data(), mPolled.size(), kNoTimeout) <= 0)
             continue;
         if (mPolled.front().revents != 0) {
             eventfd_t count = 0;
@@ -86,7 +86,7 @@ void EchoLoop::poll()
     }
 }
 
-// Takes what has come back to the idle ones; false when the loop stops.
+// Moves returned connections to the idle ones; false when the loop stops.
 bool EchoLoop::collect()
 {
     const std::lock_guard locker(mBackMutex);

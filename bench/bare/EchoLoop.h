@@ -42,7 +42,7 @@ private:
     Connection takeReady();
     void work();
 
-    int mWakeUp;  // readable when the poll thread is to look at what has come back
+    int mWakeUp;                    // readable when connections were returned to the poll thread
     std::vector<Connection> mIdle;  // the poll thread's
     std::vector<pollfd> mPolled;    // the same, after an entry for mWakeUp
 

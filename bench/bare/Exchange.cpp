@@ -1,4 +1,4 @@
-// A request that a worker answers while the daemon waits for it.
+// A request that a worker serves while the daemon waits for it.
 
 #include "bare/Exchange.h"
 
@@ -22,7 +22,7 @@ Exchange::Exchange(const Question& question) : mQuestion(question)
 
 Exchange::~Exchange()
 {
-    if (MHD_Response* unsent = mAnswer)
+    if (MHD_Response* unsent = mResponse)
         MHD_destroy_response(unsent);
 }
 
@@ -52,15 +52,15 @@ void Exchange::serve()
 
 void Exchange::announce(MHD_Response* response)
 {
-    mAnswer.store(response, std::memory_order_release);
+    mResponse.store(response, std::memory_order_release);
 }
 
-MHD_Response* Exchange::takeAnswer()
+MHD_Response* Exchange::takeResponse()
 {
-    MHD_Response* answer = mAnswer.load(std::memory_order_acquire);
-    if (answer)
-        mAnswer.store(nullptr, std::memory_order_relaxed);
-    return answer;
+    MHD_Response* response = mResponse.load(std::memory_order_acquire);
+    if (response)
+        mResponse.store(nullptr, std::memory_order_relaxed);
+    return response;
 }
 
 unsigned int Exchange::getStatus() const

@@ -1,4 +1,4 @@
-// A request that a worker answers while the daemon waits for it.
+// A request that a worker serves while the daemon waits for it.
 #ifndef BENCH_BARE_EXCHANGE_H
 #define BENCH_BARE_EXCHANGE_H
 
@@ -24,18 +24,18 @@ class Exchange
 public:
     explicit Exchange(const Question& question);
 
-    // Answers to the end. Thread: a worker.
+    // Serves the request completely. Thread: a worker.
     void serve();
 
-    // The answer, once; null while there is none. Thread: the daemon's.
-    MHD_Response* takeAnswer();
+    // The response, once; null until it is ready. Thread: the daemon's.
+    MHD_Response* takeResponse();
 
     unsigned int getStatus() const;
 
     // A piece of the upload; none: it has ended. Thread: the daemon's.
     void feed(const char* data, size_t count);
 
-    // The daemon is done with it: nobody reads the answer and no more of the upload will come.
+    // The daemon has finished: nobody reads the response, and the upload has ended.
     void lost();
 
     // One of the two will not use it any more.
@@ -52,7 +52,7 @@ private:
     void countUpload();
 
     const Question mQuestion;
-    std::atomic<MHD_Response*> mAnswer{nullptr};
+    std::atomic<MHD_Response*> mResponse{nullptr};
     std::atomic<int> mUsers{2};
     bool mFed = false;  // the daemon's
     std::unique_ptr<StreamBuffer> mStream;
@@ -65,7 +65,7 @@ class WorkQueue
 public:
     explicit WorkQueue(unsigned workers);
 
-    // Serves what is queued, then ends the workers.
+    // Serves queued exchanges, then ends the workers.
     ~WorkQueue();
 
     WorkQueue(const WorkQueue&) = delete;

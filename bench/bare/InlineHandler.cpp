@@ -1,5 +1,4 @@
-// The benchmark's pages, answered on the daemon's threads. But for uploads, a request needs no
-// memory of its own.
+// The pages of the benchmark, served on the daemon threads. Only uploads allocate memory.
 
 #include "bare/InlineHandler.h"
 
@@ -32,18 +31,18 @@ ssize_t readStream(void* closure, uint64_t position, char* buffer, size_t size)
     return static_cast<ssize_t>(count);
 }
 
-// An answer that is queued in the first call would close the connection.
+// A response queued in the first call would close the connection.
 MHD_Result begin(EchoLoop* echo, MHD_Connection* connection, const char* path, const char* method,
                  void** slot)
 {
     if (echo && asksForUpgrade(connection))
-        return answerUpgrade(connection, *echo);
+        return acceptUpgrade(connection, *echo);
     *slot = findPage(method, path) == Page::Upload ? new uint64_t(0) : &sSeen;
     return MHD_YES;
 }
 
-MHD_Result answer(MHD_Connection* connection, const char* path, const char* method,
-                  uint64_t uploadedBytes)
+MHD_Result respond(MHD_Connection* connection, const char* path, const char* method,
+                   uint64_t uploadedBytes)
 {
     const Question question = questionOf(connection, method, path);
     switch (question.page) {
@@ -75,7 +74,7 @@ MHD_Result handle(void* closure, MHD_Connection* connection, const char* path, c
         return begin(static_cast<EchoLoop*>(closure), connection, path, method, slot);
     auto& bytes = *static_cast<uint64_t*>(*slot);
     if (*size == 0)
-        return answer(connection, path, method, bytes);
+        return respond(connection, path, method, bytes);
     if (&bytes != &sSeen)
         bytes += *size;
     *size = 0;

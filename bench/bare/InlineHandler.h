@@ -1,4 +1,4 @@
-// The benchmark's pages, answered on the daemon's threads.
+// The pages of the benchmark, served on the daemon threads.
 #ifndef BENCH_BARE_INLINEHANDLER_H
 #define BENCH_BARE_INLINEHANDLER_H
 

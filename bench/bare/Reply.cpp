@@ -1,4 +1,4 @@
-// Answers, made and given to the daemon.
+// Creates responses and queues them.
 
 #include "bare/Reply.h"
 

@@ -1,4 +1,4 @@
-// Answers, made and given to the daemon.
+// Creates responses and queues them.
 #ifndef BENCH_BARE_REPLY_H
 #define BENCH_BARE_REPLY_H
 
@@ -12,16 +12,16 @@
 namespace bench
 {
 
-// What a connection asks for; `path` and `method` as the daemon gives them.
+// The page requested; `path` and `method` as the daemon passes them.
 Question questionOf(MHD_Connection* connection, const char* method, const char* path);
 
-// An answer whose body lives as long as the process: it is not copied.
+// A response with a constant body, which is not copied.
 MHD_Response* makeLasting(const std::string& body);
 
-// An answer whose body is copied.
+// A response whose body is copied.
 MHD_Response* makeCopied(const std::string& body);
 
-// An answer of unknown length.
+// A response of unknown length.
 MHD_Response* makeStream(MHD_ContentReaderCallback read, void* closure);
 
 // Gives `response` away; MHD_NO when there is none.

@@ -21,7 +21,8 @@ bool StreamBuffer::write(const char* data, size_t count)
     {
         std::unique_lock locker(mMutex);
         mWriterWaits = true;
-        mRoomMade.wait(locker, [&] { return mClosed || kRingBytes - (mWritten - mRead) >= count; });
+        mSpaceFreed.wait(locker,
+                         [&] { return mClosed || kRingBytes - (mWritten - mRead) >= count; });
         mWriterWaits = false;
         if (mClosed)
             return false;
@@ -63,7 +64,7 @@ size_t StreamBuffer::read(char* buffer, size_t size, bool& ended)
         wake = mWriterWaits;
     }
     if (wake)
-        mRoomMade.notify_one();
+        mSpaceFreed.notify_one();
     return count;
 }
 
@@ -71,7 +72,7 @@ void StreamBuffer::close()
 {
     const std::lock_guard locker(mMutex);
     mClosed = true;
-    mRoomMade.notify_one();
+    mSpaceFreed.notify_one();
 }
 
 }  // namespace bench

@@ -17,7 +17,7 @@ class StreamBuffer
 public:
     StreamBuffer();
 
-    // Waits for room for all of a piece, at most 64 KiB; false when the reader has gone.
+    // Waits for space for a whole piece, at most 64 KiB; false when the reader has closed.
     bool write(const char* data, size_t count);
 
     // No more will be written.
@@ -31,7 +31,7 @@ public:
 
 private:
     std::mutex mMutex;
-    std::condition_variable mRoomMade;
+    std::condition_variable mSpaceFreed;
     uint64_t mWritten = 0;  // changed by the writer, under mMutex
     uint64_t mRead = 0;     // changed by the reader, under mMutex
     bool mWriterWaits = false;

@@ -19,7 +19,7 @@ namespace
 
 constexpr size_t kKeyBytes = 24;  // 16 random bytes in base64
 constexpr size_t kDigestBytes = 20;
-constexpr size_t kEncodedRoomBytes = 29;  // the digest in base64 and the end of the text
+constexpr size_t kEncodedCapacityBytes = 29;  // the digest in base64 and the end of the text
 constexpr const char* kHandshakeGuid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 constexpr const char* kVersion = "13";
 
@@ -30,7 +30,7 @@ std::string acceptValue(const char* key)
     const std::string text = std::string(key) + kHandshakeGuid;
     std::array<unsigned char, kDigestBytes> digest;
     EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_sha1(), nullptr);
-    std::array<unsigned char, kEncodedRoomBytes> encoded;
+    std::array<unsigned char, kEncodedCapacityBytes> encoded;
     EVP_EncodeBlock(encoded.data(), digest.data(), kDigestBytes);
     return reinterpret_cast<const char*>(encoded.data());
 }
@@ -55,7 +55,7 @@ bool asksForUpgrade(MHD_Connection* connection)
     return upgrade && strcasecmp(upgrade, "websocket") == 0;
 }
 
-MHD_Result answerUpgrade(MHD_Connection* connection, EchoLoop& echo)
+MHD_Result acceptUpgrade(MHD_Connection* connection, EchoLoop& echo)
 {
     const char* key = headerOf(connection, "Sec-WebSocket-Key");
     const char* version = headerOf(connection, "Sec-WebSocket-Version");

@@ -9,11 +9,11 @@
 namespace bench
 {
 
-// Whether the client wants a WebSocket, in whatever letter case.
+// Whether the request is a WebSocket upgrade, case-insensitive.
 bool asksForUpgrade(MHD_Connection* connection);
 
-// Answers 101 and hands the connection to `echo`; 400 when the handshake is not complete.
-MHD_Result answerUpgrade(MHD_Connection* connection, EchoLoop& echo);
+// Responds 101 and passes the connection to `echo`; 400 when the handshake is incomplete.
+MHD_Result acceptUpgrade(MHD_Connection* connection, EchoLoop& echo);
 
 }  // namespace bench
 

@@ -11,7 +11,7 @@
 namespace bench
 {
 
-// Without a limit: what the client sends is kept until it is read.
+// Without a limit: received data is stored until it is read.
 class UploadQueue
 {
 public:
@@ -27,7 +27,7 @@ public:
     // No more will come. Thread: the daemon's.
     void end();
 
-    // Waits for what has come and puts it in place of what is in `pieces`; false at the end.
+    // Waits for data and replaces the content of `pieces` by it; false at the end.
     bool take(std::vector<Piece>& pieces);
 
 private:

@@ -1,5 +1,5 @@
-// The benchmark's pages, answered by workers. Until the answer is there the daemon is told at once,
-// each time it asks, that there is none.
+// The pages of the benchmark, served by workers. Until the response is ready each poll of the
+// daemon returns at once.
 
 #include "bare/WorkerHandler.h"
 
@@ -15,7 +15,7 @@ MHD_Result begin(WorkerService& service, MHD_Connection* connection, const char*
                  const char* method, void** slot)
 {
     if (service.echo && asksForUpgrade(connection))
-        return answerUpgrade(connection, *service.echo);
+        return acceptUpgrade(connection, *service.echo);
     auto* exchange = new Exchange(questionOf(connection, method, path));
     *slot = exchange;
     service.queue.push(exchange);
@@ -33,8 +33,8 @@ MHD_Result handle(void* closure, MHD_Connection* connection, const char* path, c
         *size = 0;
         return MHD_YES;
     }
-    MHD_Response* answer = exchange.takeAnswer();
-    return answer ? queueAndDestroy(connection, exchange.getStatus(), answer) : MHD_YES;
+    MHD_Response* response = exchange.takeResponse();
+    return response ? queueAndDestroy(connection, exchange.getStatus(), response) : MHD_YES;
 }
 
 void completed(void*, MHD_Connection*, void** slot, MHD_RequestTerminationCode)

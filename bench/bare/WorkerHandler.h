@@ -1,4 +1,4 @@
-// The benchmark's pages, answered by workers.
+// The pages of the benchmark, served by workers.
 #ifndef BENCH_BARE_WORKERHANDLER_H
 #define BENCH_BARE_WORKERHANDLER_H
 

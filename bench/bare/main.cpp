@@ -1,5 +1,5 @@
-// wendrel-bench-bare: the benchmark's pages, served by the daemon alone. What a program could do
-// that is written for nothing else: the library is measured against it.
+// wendrel-bench-bare: the pages of the benchmark, served by the daemon without the library: the
+// lower bound that the library is compared with.
 
 #include "bare/Daemon.h"
 #include "bare/EchoLoop.h"
@@ -18,7 +18,8 @@ namespace
 constexpr const char* kAbout =
     "On libmicrohttpd alone, with the flags and options that the library gives it. inline: on the\n"
     "daemon's threads. worker: on --workers threads behind a queue; the daemon is told at once,\n"
-    "whenever it asks, that there is no answer yet. WebSockets have a poll thread and --workers\n"
+    "whenever it polls, that there is no response yet. WebSockets have a poll thread and "
+    "--workers\n"
     "threads of their own in both.";
 
 bool serve(const bench::Options& options, bench::StopSignal& stopSignal,

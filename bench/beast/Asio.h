@@ -1,4 +1,4 @@
-// The types of asio with what is known at compile time, so that nothing is looked up at run time.
+// The types of asio with compile-time executors, without type erasure at run time.
 #ifndef BENCH_BEAST_ASIO_H
 #define BENCH_BEAST_ASIO_H
 
@@ -23,7 +23,7 @@ using Acceptor = asio::basic_socket_acceptor<Tcp, Executor>;
 template <typename Result> using Awaitable = asio::awaitable<Result, Executor>;
 
 constexpr asio::use_awaitable_t<Executor> kAwait;
-// Gives the error, and what else there is, instead of throwing.
+// Returns the error with the result instead of throwing.
 constexpr auto kAwaitTuple = asio::as_tuple(kAwait);
 
 }  // namespace bench

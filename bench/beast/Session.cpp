@@ -34,7 +34,7 @@ using WholeResponse = http::response<http::span_body<const char>>;
 using StreamResponse = http::response<http::buffer_body>;
 
 constexpr unsigned kHttp11 = 11;
-constexpr size_t kLongestMessageBytes = 67108864;
+constexpr size_t kMaxMessageBytes = 67108864;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 class Session
@@ -49,7 +49,7 @@ private:
 
     Awaitable<bool> serveRequest();
     Awaitable<bool> readUpload(Parser& parser, uint64_t& bytes);
-    Awaitable<bool> answer(const Request& request, const Question& question, uint64_t uploaded);
+    Awaitable<bool> respond(const Request& request, const Question& question, uint64_t uploaded);
     Awaitable<bool> reply(const Request& request, http::status status, const std::string& body);
     Awaitable<bool> stream(const Request& request, uint64_t bytes);
     Awaitable<void> toWorker();
@@ -97,10 +97,10 @@ Awaitable<bool> Session::serveRequest()
     uint64_t uploaded = 0;
     if (!parser.is_done() && !co_await readUpload(parser, uploaded))
         co_return false;
-    co_return co_await answer(parser.get(), question, uploaded);
+    co_return co_await respond(parser.get(), question, uploaded);
 }
 
-// The body, piece by piece into the same room; false when it broke off.
+// Reads the body into the same buffer; false when it was aborted.
 Awaitable<bool> Session::readUpload(Parser& parser, uint64_t& bytes)
 {
     const auto expected = parser.get().find(http::field::expect);
@@ -120,7 +120,8 @@ Awaitable<bool> Session::readUpload(Parser& parser, uint64_t& bytes)
     co_return true;
 }
 
-Awaitable<bool> Session::answer(const Request& request, const Question& question, uint64_t uploaded)
+Awaitable<bool> Session::respond(const Request& request, const Question& question,
+                                 uint64_t uploaded)
 {
     co_await toWorker();
     switch (question.page) {
@@ -141,7 +142,7 @@ Awaitable<bool> Session::answer(const Request& request, const Question& question
     co_return co_await reply(request, http::status::not_found, kNotFound);
 }
 
-// Begins on the thread that answers and goes on where the connection is served.
+// Starts on the responding thread and continues on the thread of the connection.
 Awaitable<bool> Session::reply(const Request& request, http::status status, const std::string& body)
 {
     WholeResponse response(status, kHttp11);
@@ -193,7 +194,7 @@ Awaitable<void> Session::fromWorker()
 Awaitable<void> Session::echo(const Request& request)
 {
     websocket::stream<Socket> connection(std::move(mSocket));
-    connection.read_message_max(kLongestMessageBytes);
+    connection.read_message_max(kMaxMessageBytes);
     connection.auto_fragment(false);
     // Only the head of the request matters to the handshake.
     http::request<http::empty_body> head(http::request_header<>(request.base()));

@@ -9,7 +9,7 @@ namespace bench
 
 struct Service
 {
-    asio::thread_pool* workers;  // answers requests; null: the thread that has read them does
+    asio::thread_pool* workers;  // serves requests; null: the reading thread does
     bool webSocket;
 };
 

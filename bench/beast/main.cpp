@@ -17,16 +17,16 @@ namespace
 {
 
 constexpr const char* kAbout =
-    "On Boost.Beast, with --threads threads that run its connections. inline: they answer, too.\n"
+    "On Boost.Beast, with --threads threads that run its connections. inline: they also respond.\n"
     "worker: a pool of --workers threads does; for a stream it is asked for each piece. Messages\n"
-    "of WebSockets are answered where they are received in both.";
+    "of WebSockets are echoed where they are received in both.";
 
 void serve(const bench::Options& options, bench::StopSignal& stopSignal)
 {
     namespace asio = boost::asio;
     asio::io_context context(static_cast<int>(options.threads));
     bench::Acceptor acceptor = bench::listen(context, options.port);
-    std::unique_ptr<asio::thread_pool> workers;  // what it still holds uses the context
+    std::unique_ptr<asio::thread_pool> workers;  // its remaining tasks use the context
     if (options.mode == bench::Mode::Worker)
         workers = std::make_unique<asio::thread_pool>(options.workers);
     const bench::Service service{workers.get(), options.webSocket};

@@ -1,5 +1,5 @@
-// The least application there can be: its one request and the head of its answer stand in fixed
-// memory, what it does with a request is up to the scenario.
+// A minimal application: one request and response head in fixed memory; the scenario handles the
+// request.
 #ifndef WENDREL_BENCH_BUDGET_APPLICATION_H
 #define WENDREL_BENCH_BUDGET_APPLICATION_H
 
@@ -37,7 +37,7 @@ public:
     void onWaitingForData() override {}
 };
 
-// Nothing of its own: what it takes to make and to destroy it is the library's.
+// Without members: constructing and destroying it costs only the base class.
 class Request : public HttpBaseRequest
 {
 public:

@@ -16,14 +16,14 @@ namespace
 
 using Step = void (*)(void*);
 
-constexpr size_t kMostTraced = 256;
-constexpr size_t kMostFrames = 48;
+constexpr size_t kMaxTraced = 256;
+constexpr size_t kMaxFrames = 48;
 
 struct Traced
 {
     size_t bytes;
     int frames;
-    std::array<void*, kMostFrames> addresses;
+    std::array<void*, kMaxFrames> addresses;
 };
 
 bool gInLibrary = false;
@@ -31,17 +31,17 @@ size_t gDepth = 0;
 bool gTracing = false;
 qv::bench::Allocations gAllocations;
 size_t gTracedCount = 0;
-std::array<Traced, kMostTraced> gTraced;
+std::array<Traced, kMaxTraced> gTraced;
 
 void trace(size_t bytes)
 {
-    if (gTracedCount == kMostTraced) {
+    if (gTracedCount == kMaxTraced) {
         std::fputs("more allocations than can be traced\n", stderr);
         std::_Exit(EXIT_FAILURE);
     }
     Traced& traced = gTraced[gTracedCount++];
     traced.bytes = bytes;
-    traced.frames = backtrace(traced.addresses.data(), static_cast<int>(kMostFrames));
+    traced.frames = backtrace(traced.addresses.data(), static_cast<int>(kMaxFrames));
 }
 
 inline void note(size_t bytes)
@@ -61,7 +61,7 @@ inline void note(size_t bytes)
 
 extern "C" {
 
-// What there is of the C library's functions when their names are taken: theirs are reserved.
+// The functions of the C library under their reserved names, because this program replaces them.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -69,7 +69,7 @@ void* __libc_realloc(void* memory, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 // NOLINTEND(bugprone-reserved-identifier)
 
-// The memory is given back by the C library's own free: it costs the library what it costs.
+// Freed by the C library: its cost counts as that of the library.
 void* malloc(size_t size) noexcept
 {
     note(size);

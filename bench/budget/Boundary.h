@@ -1,5 +1,4 @@
-// Where the library begins and ends: what a thread does on its side of the line is counted, what
-// the daemon and the application do is not.
+// The boundary of the library: code inside is counted, code of daemon and application is not.
 //
 // callgrind is told to switch its collection on and off at the functions named wendrelBudgetCross
 // and the number of the crossing; the allocations are counted by the functions of the C library
@@ -12,7 +11,7 @@
 #include <memory>
 #include <type_traits>
 
-// For functions that callgrind has to find: each stays what it is, and where it is.
+// For functions that callgrind must find: neither inlined nor merged.
 #if defined(__clang__)
 #define WENDREL_BENCH_AS_WRITTEN [[clang::optnone, gnu::noinline]]
 #else
@@ -27,7 +26,7 @@ bool IsInLibrary();
 // Calls `step` on the other side of the line.
 void Cross(void (*step)(void*), void* closure);
 
-// What the library is asked to do. Nothing is crossed when it is the library that asks.
+// A call into the library. A call from inside the library does not cross the boundary.
 template <typename Code> void InLibrary(Code&& code)
 {
     if (IsInLibrary())
@@ -36,7 +35,7 @@ template <typename Code> void InLibrary(Code&& code)
           const_cast<void*>(static_cast<const void*>(std::addressof(code))));
 }
 
-// What the library asks of the daemon, of the system or of the application.
+// A call of the library to daemon, system or application.
 template <typename Code> void Outside(Code&& code)
 {
     if (!IsInLibrary())

@@ -44,7 +44,7 @@ extern "C" {
 
 const char* MHD_get_version(void)
 {
-    return "0.0.0 (stand-in)";
+    return "0.0.0 (fake)";
 }
 
 MHD_Result MHD_is_feature_supported(MHD_FEATURE)

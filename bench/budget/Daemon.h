@@ -1,5 +1,5 @@
-// A stand-in for the daemon that costs next to nothing: each MHD_ function that the library calls,
-// on fixed memory. The program that links it does not use libmicrohttpd.
+// A fake of the daemon with minimal cost: each MHD_ function that the library calls, with fixed
+// memory. The program that links it does not use libmicrohttpd.
 #ifndef WENDREL_BENCH_BUDGET_DAEMON_H
 #define WENDREL_BENCH_BUDGET_DAEMON_H
 
@@ -28,9 +28,9 @@ struct MHD_Daemon
 // The one response there is at a time.
 struct MHD_Response
 {
-    static constexpr size_t kBodyRoomBytes = 256;
+    static constexpr size_t kBodyCapacityBytes = 256;
 
-    std::array<char, kBodyRoomBytes> body;
+    std::array<char, kBodyCapacityBytes> body;
     size_t bodyBytes;
     uint64_t declaredBytes;
     MHD_ContentReaderCallback reader;
@@ -46,7 +46,7 @@ struct MHD_Connection
     std::span<const HeadValue> values;
     sockaddr_in client{};
     MHD_ConnectionInfo info{};
-    unsigned int status = 0;                 // of the answer; 0: none was queued
+    unsigned int status = 0;                 // of the response; 0: none was queued
     const MHD_Response* response = nullptr;  // likewise; stays readable
 };
 

@@ -26,14 +26,14 @@ constexpr size_t kPieceBytes = 16384;
 constexpr size_t kBlockBytes = 65536;
 constexpr size_t kMebibyte = 1048576;
 
-// What the daemon asks for at most in a chunked answer: what is free of a connection's memory.
-constexpr size_t kReaderRoomBytes = 262000;
+// Maximum block of a chunked response: the free memory of a connection.
+constexpr size_t kReaderCapacityBytes = 262000;
 
 constexpr std::string_view kHello = "Hello, world\n";
 
 // Where bodies come from and go to. Aligned, so that copies cost the same wherever the program is.
 alignas(64) std::array<char, kBlockBytes> gSource;
-alignas(64) std::array<char, kReaderRoomBytes> gTarget;
+alignas(64) std::array<char, kReaderCapacityBytes> gTarget;
 
 // The calls of the daemon for one request after the other on one connection.
 class Exchange
@@ -79,21 +79,21 @@ public:
     }
 
     HttpBaseRequest& request() const { return mApplication->getRequest(); }
-    bool isAnswered() const { return mConnection.status == MHD_HTTP_OK; }
+    bool hasResponse() const { return mConnection.status == MHD_HTTP_OK; }
 
     // With a length that was not declared.
     bool isStreamed() const
     {
-        return isAnswered() && mConnection.response->declaredBytes == MHD_SIZE_UNKNOWN &&
+        return hasResponse() && mConnection.response->declaredBytes == MHD_SIZE_UNKNOWN &&
                mConnection.response->reader;
     }
 
-    // That of a whole answer.
-    std::string_view answer() const
+    // Of a response from one buffer.
+    std::string_view body() const
     {
         const MHD_Response* response = mConnection.response;
-        return isAnswered() ? std::string_view(response->body.data(), response->bodyBytes)
-                            : std::string_view();
+        return hasResponse() ? std::string_view(response->body.data(), response->bodyBytes)
+                             : std::string_view();
     }
 
 private:
@@ -128,7 +128,7 @@ void write(HttpBaseRequest& request, const char* data, size_t size)
     InLibrary([&] { request.getResponseDevice().writeBytes(data, size); });
 }
 
-void endAnswer(HttpBaseRequest& request)
+void endResponse(HttpBaseRequest& request)
 {
     InLibrary([&] { request.getResponseDevice().endSending(); });
 }
@@ -138,11 +138,11 @@ void announce(HttpBaseRequest& request)
     InLibrary([&] { request.getResponseDevice().setResponseReady(); });
 }
 
-void answerHello(HttpBaseRequest& request)
+void respondHello(HttpBaseRequest& request)
 {
     startWork(request);
     write(request, kHello.data(), kHello.size());
-    endAnswer(request);
+    endResponse(request);
     announce(request);
     endWork(request);
 }
@@ -197,12 +197,12 @@ constexpr HeadValue kUploadHead[] = {
     {MHD_HEADER_KIND, "Content-Length", "1048576"},
 };
 
-// A request without body that is answered at once.
-class AnsweredAtOnce : public Scenario
+// A request without body and with an immediate response.
+class ImmediateResponse : public Scenario
 {
 public:
-    AnsweredAtOnce(std::span<const HeadValue> head, const char* target)
-        : mExchange(head, &answerHello), mTarget(target)
+    ImmediateResponse(std::span<const HeadValue> head, const char* target)
+        : mExchange(head, &respondHello), mTarget(target)
     {}
 
     bool run() override
@@ -211,9 +211,9 @@ public:
         mExchange.access(MHD_HTTP_METHOD_GET);
         const bool understood = !mExchange.request().hasParseError();
         mExchange.access(MHD_HTTP_METHOD_GET);
-        const bool answered = mExchange.answer() == kHello;
+        const bool responded = mExchange.body() == kHello;
         mExchange.complete();
-        return understood && answered;
+        return understood && responded;
     }
 
 private:
@@ -221,16 +221,16 @@ private:
     const char* mTarget;
 };
 
-class Hello : public AnsweredAtOnce
+class Hello : public ImmediateResponse
 {
 public:
-    Hello() : AnsweredAtOnce(kHelloHead, "/hello") {}
+    Hello() : ImmediateResponse(kHelloHead, "/hello") {}
 };
 
-class Browser : public AnsweredAtOnce
+class Browser : public ImmediateResponse
 {
 public:
-    Browser() : AnsweredAtOnce(kBrowserHead, kBrowserTarget) {}
+    Browser() : ImmediateResponse(kBrowserHead, kBrowserTarget) {}
 };
 
 // The whole body has come before the worker reads it: so nobody waits.
@@ -246,11 +246,11 @@ public:
         mExchange.access(MHD_HTTP_METHOD_POST);
         HttpBaseRequest& request = mExchange.request();
         const bool complete = readAll(request) == kMebibyte;
-        answerHello(request);
+        respondHello(request);
         mExchange.access(MHD_HTTP_METHOD_POST);
-        const bool answered = mExchange.answer() == kHello;
+        const bool responded = mExchange.body() == kHello;
         mExchange.complete();
-        return complete && answered;
+        return complete && responded;
     }
 
 private:
@@ -297,7 +297,7 @@ private:
             write(request, gSource.data(), kBlockBytes);
             whole = whole && mExchange.read(sent) == static_cast<ssize_t>(kBlockBytes);
         }
-        endAnswer(request);
+        endResponse(request);
         endWork(request);
         return whole;
     }
@@ -354,14 +354,14 @@ private:
     static constexpr uint8_t kBinaryFrame = 0x82;
     static constexpr uint8_t kMaskBit = 0x80;
     static constexpr std::array<uint8_t, 4> kMaskKey = {0x12, 0xa5, 0x7e, 0xc3};
-    static constexpr size_t kLongestInByte = 125;
+    static constexpr size_t kMaxLengthInByte = 125;
     static constexpr uint8_t kEightByteLength = 127;
-    static constexpr size_t kServerHeaderBytes = payloadBytes <= kLongestInByte ? 2 : 10;
+    static constexpr size_t kServerHeaderBytes = payloadBytes <= kMaxLengthInByte ? 2 : 10;
 
     static std::vector<uint8_t> clientFrame()
     {
         std::vector<uint8_t> frame{kBinaryFrame};
-        if constexpr (payloadBytes <= kLongestInByte) {
+        if constexpr (payloadBytes <= kMaxLengthInByte) {
             frame.push_back(kMaskBit | payloadBytes);
         } else {
             frame.push_back(kMaskBit | kEightByteLength);
@@ -388,18 +388,18 @@ template <typename Made> std::unique_ptr<Scenario> make()
 
 // A frame begins in a block of 1024 bytes where the one before has ended: after so many it is the
 // beginning of a block again.
-constexpr unsigned kEchoPeriod = 512;
+constexpr unsigned kEchoesPerRun = 512;
 
 constexpr NamedScenario kScenarios[] = {
-    {"hello", "GET /hello with three headers, answered in handleRequest", 200, &make<Hello>},
-    {"browser", "GET with 15 headers, 5 cookies and 5 query arguments, answered in handleRequest",
+    {"hello", "GET /hello with three headers, response in handleRequest", 200, &make<Hello>},
+    {"browser", "GET with 15 headers, 5 cookies and 5 query arguments, response in handleRequest",
      200, &make<Browser>},
     {"upload", "POST of 1 MiB that comes in pieces of 16 KiB and is read in blocks of 64 KiB", 10,
      &make<Upload>},
-    {"stream", "GET answered with 1 MiB, not declared, written in blocks of 64 KiB", 10,
+    {"stream", "GET with a response of 1 MiB, not declared, written in blocks of 64 KiB", 10,
      &make<Stream>},
-    {"echo-64", "message of 64 bytes received and sent back", kEchoPeriod, &make<Echo<64>>},
-    {"echo-64k", "message of 64 KiB received and sent back", kEchoPeriod, &make<Echo<65536>>},
+    {"echo-64", "message of 64 bytes received and sent back", kEchoesPerRun, &make<Echo<64>>},
+    {"echo-64k", "message of 64 KiB received and sent back", kEchoesPerRun, &make<Echo<65536>>},
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What is counted: each scenario is one request, or one message of a WebSocket, from its first
-// callback to its last, the same every time.
+// The counted scenarios: one request, or one message of a WebSocket, from its first callback to its
+// last, reproducibly.
 #ifndef WENDREL_BENCH_BUDGET_SCENARIOS_H
 #define WENDREL_BENCH_BUDGET_SCENARIOS_H
 
@@ -14,7 +14,7 @@ class Scenario
 public:
     virtual ~Scenario() = default;
 
-    // One time; false when the library did not do what it is there for.
+    // Runs once; false when the result is wrong.
     virtual bool run() = 0;
 };
 

@@ -1,5 +1,5 @@
-// Stand-ins for what the library asks of the system, so that each run counts the same: a socket
-// that is memory, and a number of the thread that has always as many digits.
+// Fakes of system functions for reproducible counts: a socket in memory, and a thread number with a
+// fixed number of digits.
 #ifndef WENDREL_BENCH_BUDGET_SYSTEM_H
 #define WENDREL_BENCH_BUDGET_SYSTEM_H
 
@@ -13,7 +13,7 @@ namespace qv::bench
 // The descriptor of the one socket there is.
 inline constexpr int kSocket = 5;
 
-// What the client sends: recv() gives it piece by piece, and then there is nothing more.
+// The bytes of the client: recv() returns them in pieces, then EAGAIN.
 void SetIncoming(std::span<const uint8_t> bytes);
 
 // Bytes given to send() since the last SetIncoming(); it takes all.

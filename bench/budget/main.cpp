@@ -20,7 +20,7 @@
 
 extern "C" {
 
-// Where callgrind is told to forget what it has counted, and to write it down.
+// Functions at which callgrind resets and writes its counts.
 WENDREL_BENCH_AS_WRITTEN void wendrelBudgetBegin() {}
 WENDREL_BENCH_AS_WRITTEN void wendrelBudgetEnd() {}
 }
@@ -134,8 +134,8 @@ bool help(bool wanted)
     return help(what == "--help");
 }
 
-// Some functions of the C library look at what stands beside a text, and take an instruction more
-// or less for it. What is random there, or in another place, in each run is made to be the same.
+// The cost of some functions of the C library depends on neighbouring memory. Random values and
+// addresses there are fixed.
 __attribute__((noinline, no_stack_protector)) bool actAsAlways(std::span<char*> arguments)
 {
 #if defined(__x86_64__)

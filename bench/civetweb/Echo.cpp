@@ -1,5 +1,4 @@
-// Upgraded connections that say what they are told. The server hands out frames: those of a message
-// are put together here.
+// Upgraded connections that echo messages. The server delivers frames, which are assembled here.
 
 #include "civetweb/Echo.h"
 
@@ -32,7 +31,7 @@ bool write(mg_connection* connection, int opcode, const char* data, size_t count
 }
 
 // False ends the connection.
-bool answer(mg_connection* connection, Message& message, int bits, const char* data, size_t count)
+bool echo(mg_connection* connection, Message& message, int bits, const char* data, size_t count)
 {
     const int opcode = bits & kOpcodeBits;
     const bool isLast = (bits & kFin) != 0;
@@ -56,7 +55,7 @@ bool answer(mg_connection* connection, Message& message, int bits, const char* d
 int receive(mg_connection* connection, int bits, char* data, size_t count, void*)
 {
     auto& message = *static_cast<Message*>(mg_get_user_connection_data(connection));
-    return answer(connection, message, bits, data, count) ? 1 : 0;
+    return echo(connection, message, bits, data, count) ? 1 : 0;
 }
 
 void detach(const mg_connection* connection, void*)

@@ -1,4 +1,4 @@
-// Upgraded connections that say what they are told.
+// Upgraded connections that echo messages.
 #ifndef BENCH_CIVETWEB_ECHO_H
 #define BENCH_CIVETWEB_ECHO_H
 

@@ -23,7 +23,7 @@ constexpr asio::use_awaitable_t<Executor> kAwait;
 constexpr auto kAwaitTuple = asio::as_tuple(kAwait);
 
 constexpr size_t kAlphabetLetters = 26;
-constexpr size_t kRoomForMaskingBytes = 65536;
+constexpr size_t kMaskingBufferBytes = 65536;
 // One echo in so many is compared byte by byte.
 constexpr uint64_t kCompareEach = 64;
 
@@ -51,7 +51,7 @@ Connection::Connection(asio::io_context& context, const Options& options, Tally&
     mSocket.set_option(websocket::stream_base::decorator(&spellUpgrade));
     mSocket.binary(!options.text);
     mSocket.auto_fragment(false);
-    mSocket.write_buffer_bytes(kRoomForMaskingBytes);
+    mSocket.write_buffer_bytes(kMaskingBufferBytes);
     mSocket.read_message_max(options.bytes + 1);
 }
 
@@ -86,7 +86,7 @@ Awaitable<void> Connection::run(Period period)
             mTally.add(receivedAt - sentAt);
         sentAt = receivedAt;
     }
-    // Not every server answers this.
+    // Not every server replies to this.
     co_await mSocket.async_close(websocket::close_code::normal, kAwaitTuple);
 }
 

@@ -39,7 +39,7 @@ public:
     // Sends and receives until the period has ended; then closes.
     Awaitable<void> run(Period period);
 
-    // Ends whatever the connection waits for.
+    // Cancels all operations of the connection.
     void cancel();
 
 private:

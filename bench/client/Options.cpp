@@ -12,10 +12,10 @@ namespace
 {
 
 constexpr int kWrongUse = 2;
-constexpr unsigned kMostConnections = 10000;
-constexpr size_t kLongestMessageBytes = 67108864;
-constexpr double kShortestSeconds = 0.01;
-constexpr double kLongestSeconds = 3600;
+constexpr unsigned kMaxConnections = 10000;
+constexpr size_t kMaxMessageBytes = 67108864;
+constexpr double kMinSeconds = 0.01;
+constexpr double kMaxSeconds = 3600;
 
 constexpr const char* kAbout =
     "Each connection sends a message, waits for its echo, and so on. Prints one line of JSON;\n"
@@ -33,16 +33,16 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
         ->check(CLI::Range(1, 65535));
     app.add_option("--connections", options.connections, "Connections, all at once")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1U, kMostConnections));
+        ->check(CLI::Range(1U, kMaxConnections));
     app.add_option("--bytes", options.bytes, "Bytes of each message")
         ->type_name("NUMBER")
-        ->check(CLI::Range(size_t{0}, kLongestMessageBytes));
+        ->check(CLI::Range(size_t{0}, kMaxMessageBytes));
     app.add_option("--seconds", options.seconds, "Time that is counted")
         ->type_name("NUMBER")
-        ->check(CLI::Range(kShortestSeconds, kLongestSeconds));
+        ->check(CLI::Range(kMinSeconds, kMaxSeconds));
     app.add_option("--threads", options.threads, "Threads, which share the connections")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1U, kMostConnections));
+        ->check(CLI::Range(1U, kMaxConnections));
     app.add_option("--path", options.path, "What to ask for")->type_name("PATH");
     app.add_flag("--text", options.text, "Send text instead of binary messages");
     try {

@@ -20,7 +20,7 @@ struct Options
     bool text = false;
 };
 
-// False: the process is to end with `exitCode`; what there was to say has been printed.
+// False: the process must exit with `exitCode`; the message has been printed.
 bool parseOptions(int argc, char** argv, Options& options, int& exitCode);
 
 }  // namespace bench::client

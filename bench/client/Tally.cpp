@@ -1,4 +1,4 @@
-// What the connections have seen.
+// Measurements of the connections.
 
 #include "client/Tally.h"
 

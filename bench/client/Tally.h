@@ -1,4 +1,4 @@
-// What the connections have seen.
+// Measurements of the connections.
 #ifndef BENCH_CLIENT_TALLY_H
 #define BENCH_CLIENT_TALLY_H
 
@@ -24,7 +24,7 @@ public:
 
     void merge(const Tally& other);
 
-    // One line of JSON. Changes the order of what has been added.
+    // One line of JSON. Reorders the measurements.
     std::string report(double seconds);
 
     // Whether there were messages and no errors.

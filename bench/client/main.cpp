@@ -1,4 +1,4 @@
-// wendrel-bench-websocket-client: how fast a server says what it is told.
+// wendrel-bench-websocket-client: measures the rate of echoes.
 
 #include "client/Connection.h"
 #include "client/Options.h"
@@ -24,7 +24,7 @@ using namespace bench::client;
 
 constexpr double kWarmUpPart = 0.2;
 // For all to connect, and after the end for the last echoes.
-constexpr std::chrono::seconds kPatience(10);
+constexpr std::chrono::seconds kTimeout(10);
 
 Awaitable<void> openInto(Connection& connection, std::vector<Connection*>& open)
 {
@@ -48,20 +48,20 @@ public:
     {
         for (Connection& connection : mConnections)
             boost::asio::co_spawn(mContext, openInto(connection, mOpen), boost::asio::detached);
-        runUntil(Clock::now() + kPatience, "opening the connections");
+        runUntil(Clock::now() + kTimeout, "opening the connections");
     }
 
     void run(Period period)
     {
         for (Connection* connection : mOpen)
             boost::asio::co_spawn(mContext, connection->run(period), boost::asio::detached);
-        runUntil(period.end + kPatience, "waiting for echoes");
+        runUntil(period.end + kTimeout, "waiting for echoes");
     }
 
     const Tally& getTally() const { return mTally; }
 
 private:
-    // What takes longer is ended, and is an error.
+    // A longer wait is aborted, and is an error.
     void runUntil(Clock::time_point limit, const char* what)
     {
         mContext.restart();

@@ -1,4 +1,4 @@
-// What a log statement costs that nobody wants, and one that goes to a sink.
+// A log statement of a disabled level, and one that is written to a sink.
 
 #include "Support.h"
 
@@ -13,7 +13,7 @@ namespace qv::bench
 namespace
 {
 
-// Throws away what it gets.
+// Discards its input.
 class Nowhere : public qvLogSink
 {
 public:

@@ -1,4 +1,4 @@
-// A request: its life, the intake of what came with it, and the check of UTF-8 text.
+// A request: construction and destruction, intake of its values, and the check of UTF-8 text.
 
 #include "Support.h"
 
@@ -124,7 +124,7 @@ struct Vocabulary
     std::array<std::string_view, 4> words;
 };
 
-// Percent of words; of the bytes, with a blank after each word, about 72 % are ASCII.
+// Percent of words; of the bytes, with a space after each word, about 72 % are ASCII.
 constexpr std::array<Vocabulary, 5> kMixed = {{
     {60, {"the", "garden", "and", "furniture"}},
     {15, {"b\u00e4nke", "caf\u00e9", "gar\u00e7on", "sm\u00f8rrebr\u00f8d"}},
@@ -150,7 +150,7 @@ const Vocabulary& pick(const std::array<Vocabulary, kinds>& vocabularies, unsign
     return vocabularies.back();
 }
 
-// Words with blanks between them; the same at each run. Filled up with full stops, so that no
+// Words separated by spaces; the same at each run. Filled up with full stops, so that no
 // character is cut.
 template <size_t kinds>
 std::string textOf(const std::array<Vocabulary, kinds>& vocabularies, size_t bytes)

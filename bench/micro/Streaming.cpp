@@ -18,16 +18,17 @@ constexpr size_t kChunkBytes = 65536;
 constexpr size_t kPieceBytes = 16384;
 constexpr size_t kMebibyte = 1048576;
 
-// What the daemon offers at most for a chunked answer.
-constexpr size_t kReaderRoomBytes = 262000;
+// Maximum buffer of the daemon for a chunked response.
+constexpr size_t kReaderCapacityBytes = 262000;
 
 // Whether the daemon's side has got so many bytes.
-bool fetch(HttpResponseDevice& device, std::vector<char>& room, size_t bytes)
+bool fetch(HttpResponseDevice& device, std::vector<char>& buffer, size_t bytes)
 {
     bool ended = false;
     bool endedToo = false;
     while (bytes > 0) {
-        const size_t got = device.sendChunksThreadSafe(room.data(), room.size(), ended, endedToo);
+        const size_t got =
+            device.sendChunksThreadSafe(buffer.data(), buffer.size(), ended, endedToo);
         if (got == 0 || got > bytes)
             return false;
         bytes -= got;
@@ -35,15 +36,15 @@ bool fetch(HttpResponseDevice& device, std::vector<char>& room, size_t bytes)
     return true;
 }
 
-// Writes of one size, drained once they are 192 KiB together (a multiple of each size): that is
-// below what makes the writer wait, and the share of the daemon's side in the time of each byte is
+// Writes of one size, drained once they are 192 KiB together (a multiple of each size): below
+// the limit at which the writer waits. The share of the daemon's side in the time of each byte is
 // that of ResponseDevice/handOver.
 void append(benchmark::State& state)
 {
     constexpr size_t kDrainedBytes = 3 * kChunkBytes;
     const auto size = static_cast<size_t>(state.range(0));
     const std::vector<char> data(size, 'x');
-    std::vector<char> room(kReaderRoomBytes);
+    std::vector<char> buffer(kReaderCapacityBytes);
     WorkerRequest request;
     HttpResponseDevice& device = request.getResponseDevice();
     size_t written = 0;
@@ -52,7 +53,7 @@ void append(benchmark::State& state)
         good = device.writeBytes(data.data(), size) == size && good;
         written += size;
         if (written == kDrainedBytes) {
-            good = fetch(device, room, written) && good;
+            good = fetch(device, buffer, written) && good;
             written = 0;
         }
         benchmark::ClobberMemory();
@@ -67,13 +68,13 @@ BENCHMARK(append)->Name("ResponseDevice/append")->Arg(64)->Arg(1024)->Arg(65536)
 void handOver(benchmark::State& state)
 {
     const std::vector<char> data(kChunkBytes, 'x');
-    std::vector<char> room(kChunkBytes);
+    std::vector<char> buffer(kChunkBytes);
     WorkerRequest request;
     HttpResponseDevice& device = request.getResponseDevice();
     bool good = true;
     for (auto _ : state) {
         good = device.writeBytes(data.data(), data.size()) == data.size() && good;
-        good = fetch(device, room, kChunkBytes) && good;
+        good = fetch(device, buffer, kChunkBytes) && good;
         benchmark::ClobberMemory();
     }
     if (!good)
@@ -95,7 +96,7 @@ bool takeWhole(HttpResponseDevice& device, size_t size)
     return body.size() == size;
 }
 
-// The answer of a small completed body; making the request is part of it, see
+// The response with a small completed body, including the construction of the request, see
 // Request/makeAndDestroy.
 void smallBody(benchmark::State& state)
 {
@@ -148,7 +149,7 @@ void receive(benchmark::State& state)
 {
     const auto size = static_cast<size_t>(state.range(0));
     const std::vector<char> data(kPieceBytes, 'x');
-    std::vector<char> room(size);
+    std::vector<char> buffer(size);
     WorkerRequest request;
     HttpReceiveDevice& device = request.getReceiveDevice();
     for (size_t ahead = 0; ahead < 2 * kChunkBytes; ahead += kPieceBytes)
@@ -158,7 +159,7 @@ void receive(benchmark::State& state)
         for (size_t fed = 0; fed < kMebibyte; fed += kPieceBytes) {
             feed(device, data);
             for (size_t read = 0; read < kPieceBytes; read += size)
-                good = device.readBytes(room.data(), size) == size && good;
+                good = device.readBytes(buffer.data(), size) == size && good;
         }
         benchmark::ClobberMemory();
     }
@@ -173,7 +174,7 @@ BENCHMARK(receive)->Name("ReceiveDevice/fed16KiB/read")->Arg(1024)->Arg(16384);
 void upload(benchmark::State& state)
 {
     const std::vector<char> data(kPieceBytes, 'x');
-    std::vector<char> room(kChunkBytes);
+    std::vector<char> buffer(kChunkBytes);
     bool good = true;
     for (auto _ : state) {
         WorkerRequest request;
@@ -185,7 +186,7 @@ void upload(benchmark::State& state)
             device.endFeed();
         }
         while (!device.atEnd())
-            device.readBytes(room.data(), room.size());
+            device.readBytes(buffer.data(), buffer.size());
         good = device.getReceivedBytes() == kMebibyte && good;
         benchmark::ClobberMemory();
     }

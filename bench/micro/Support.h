@@ -1,4 +1,4 @@
-// What the benchmarks share: a request with nothing of the application's, and bytes.
+// Shared parts of the benchmarks: a minimal request, and bytes.
 #ifndef WENDREL_BENCH_MICRO_SUPPORT_H
 #define WENDREL_BENCH_MICRO_SUPPORT_H
 

@@ -152,7 +152,7 @@ private:
     int mEnds[2];
 };
 
-// Counts what it gets.
+// Counts its input.
 class Connection : public http::WebSocket
 {
 public:

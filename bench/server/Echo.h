@@ -1,4 +1,4 @@
-// An upgraded connection that says what it is told.
+// An upgraded connection that echoes messages.
 #ifndef BENCH_SERVER_ECHO_H
 #define BENCH_SERVER_ECHO_H
 
@@ -18,7 +18,7 @@ namespace bench
 class Echo : public qv::kit::HubConnection
 {
 public:
-    // Small pieces leave at once, as an application would have it that answers at once.
+    // Sends small pieces at once, as an interactive application would.
     explicit Echo(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded))
     {
         const int on = 1;

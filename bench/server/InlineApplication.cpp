@@ -1,4 +1,4 @@
-// The benchmark's pages, answered on the daemon's threads.
+// The pages of the benchmark, served on the daemon threads.
 
 #include "server/InlineApplication.h"
 
@@ -17,12 +17,12 @@ namespace bench
 namespace
 {
 
-// What the response device takes, whole chunks and the rest, before a write waits.
+// Bytes that the response device accepts before a write waits: whole chunks and the rest.
 constexpr uint64_t kUnreadLimitBytes = 262144;
 
-constexpr size_t kMostConnections = 1020;
+constexpr size_t kMaxConnections = 1020;
 constexpr std::chrono::milliseconds kLastWordsLimit(1000);
-constexpr unsigned long kStateLookMs = 1;
+constexpr unsigned long kStateIntervalMs = 1;
 
 bool mustWait(const Question& question)
 {
@@ -49,14 +49,14 @@ bool start(qv::http::HttpServer& server, const Options& options)
     server.startServer(parameters);
     // The server offers no condition to wait on, only its state.
     while (server.getState() == qv::http::HttpServer::Starting)
-        qv::qvThread::msleep(kStateLookMs);
+        qv::qvThread::msleep(kStateIntervalMs);
     return server.getState() == qv::http::HttpServer::Running;
 }
 
 }  // namespace
 
 InlineApplication::InlineApplication(const Options& options)
-    : mHub({.workers = options.workers}), mPool(options.workers, kMostConnections)
+    : mHub({.workers = options.workers}), mPool(options.workers, kMaxConnections)
 {}
 
 qv::HttpBaseRequest* InlineApplication::createRequest()

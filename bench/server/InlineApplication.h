@@ -1,4 +1,4 @@
-// The benchmark's pages, answered on the daemon's threads.
+// The pages of the benchmark, served on the daemon threads.
 #ifndef BENCH_SERVER_INLINEAPPLICATION_H
 #define BENCH_SERVER_INLINEAPPLICATION_H
 
@@ -14,9 +14,9 @@
 namespace bench
 {
 
-// Completes each answer inside `handleRequest`, but for two that would wait there for what only
-// the same thread can do: a stream of more than the response device takes without waiting for its
-// reader, and an upload, which is not read while `handleRequest` runs. These go to a pool.
+// Completes each response inside `handleRequest`, except two that would wait there for their own
+// thread: a stream larger than the response device accepts without waiting, and an upload, which is
+// not received while `handleRequest` runs. A pool serves these.
 class InlineApplication : public qv::http::HttpServerImpl
 {
 public:

@@ -1,4 +1,4 @@
-// A request that is answered with as little as the library asks for.
+// A request with the minimum that the library requires.
 
 #include "server/InlineRequest.h"
 
@@ -110,7 +110,7 @@ void InlineRequest::stream(uint64_t bytes)
     device.endSending();
 }
 
-// An upload that was broken off counts, too: the answer finds no reader.
+// An aborted upload counts as well: nobody reads the response.
 void InlineRequest::countUpload()
 {
     qv::HttpReceiveDevice& device = getReceiveDevice();
@@ -121,7 +121,7 @@ void InlineRequest::countUpload()
     reply(kOk, std::to_string(bytes));
 }
 
-// The library does not end the wait for an upload whose client has gone.
+// The library does not end the wait when the connection is closed.
 void InlineRequest::onWaitingForData()
 {
     if (isCompleted())

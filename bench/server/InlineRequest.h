@@ -1,4 +1,4 @@
-// A request that is answered with as little as the library asks for.
+// A request with the minimum that the library requires.
 #ifndef BENCH_SERVER_INLINEREQUEST_H
 #define BENCH_SERVER_INLINEREQUEST_H
 
@@ -14,7 +14,7 @@
 namespace bench
 {
 
-// The head of every answer: one header, which all requests share.
+// The head of every response: one header, shared by all requests.
 class InlineHead : public qv::HttpResponseInterface
 {
 public:
@@ -31,14 +31,14 @@ private:
     int64_t mContentLength = -1;
 };
 
-// Answered by one call of `serve`, on whatever thread; that one touches it no more afterwards.
+// Served by one call of `serve` on any thread, which does not use it afterwards.
 class InlineRequest : public qv::HttpBaseRequest, private qv::HttpWaitListener
 {
 public:
-    // What is asked; a request with a parse error asks for nothing that there is.
+    // The requested page; not found for a request with a parse error.
     Question getQuestion() const;
 
-    // Answers to the end.
+    // Serves the request completely.
     void serve(const Question& question);
 
     // Served, and the daemon is done with it, too: may be deleted. Any thread but inside the

@@ -1,4 +1,4 @@
-// Who deletes requests that the daemon's own threads answer.
+// Owns and deletes requests served by daemon threads.
 
 #include "server/RequestBins.h"
 
@@ -9,7 +9,7 @@ namespace bench
 namespace
 {
 
-constexpr size_t kLeastBatch = 8;
+constexpr size_t kMinBatchSize = 8;
 
 }  // namespace
 
@@ -26,8 +26,8 @@ RequestBins::Bin& RequestBins::binOfThisThread()
 InlineRequest* RequestBins::create()
 {
     Bin& bin = binOfThisThread();
-    // At least half of what is looked at is deleted then, unless a worker has it still.
-    if (bin.completions >= kLeastBatch && bin.completions >= bin.requests.size() / 2)
+    // At least half of the requests are deleted then, unless a worker still uses them.
+    if (bin.completions >= kMinBatchSize && bin.completions >= bin.requests.size() / 2)
         sweep(bin);
     return bin.requests.emplace_back(std::make_unique<InlineRequest>()).get();
 }

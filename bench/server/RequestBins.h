@@ -1,4 +1,4 @@
-// Who deletes requests that the daemon's own threads answer.
+// Owns and deletes requests served by daemon threads.
 #ifndef BENCH_SERVER_REQUESTBINS_H
 #define BENCH_SERVER_REQUESTBINS_H
 
@@ -13,15 +13,14 @@
 namespace bench
 {
 
-// Keeps requests until they are over, a bin for each thread of the daemon.
+// Owns requests until they are completed, in one bin per daemon thread.
 //
-// A connection stays on its thread: what creates a request and what completes it run there one
-// after the other, so that a bin needs no lock. A request cannot be deleted inside its own
-// completion; it is the creation of later ones that looks through the bin, each time that enough
-// have been completed to pay for the look.
+// A connection stays on its thread, which creates and completes its requests, so a bin needs no
+// lock. A request cannot be deleted inside its own completion; the creation of later requests
+// sweeps the bin when enough requests have been completed.
 //
-// One object in a process. Destroy it when the server has stopped and nobody serves a request any
-// more: what is left is deleted then.
+// One object per process. Destroy it when the server has stopped and no request is served any more:
+// the remaining requests are deleted then.
 class RequestBins
 {
 public:

@@ -1,4 +1,4 @@
-// The benchmark's pages, answered by the kit's workers.
+// The pages of the benchmark, served by the workers of the kit.
 
 #include "server/WorkerApplication.h"
 
@@ -53,7 +53,7 @@ void stream(Request& request)
     request.finish();
 }
 
-void answerSlowly(Request& request)
+void respondSlowly(Request& request)
 {
     const Question question = questionOf(request, Page::Slow);
     if (question.page == Page::NotFound) {
@@ -100,7 +100,7 @@ void WorkerApplication::addRoutes()
     router.add(HttpBaseRequest::GET, "/big",
                [](Request& request) { request.reply(kOk, kContentType, bigBody()); });
     router.add(HttpBaseRequest::GET, "/stream", stream);
-    router.add(HttpBaseRequest::GET, "/slow", answerSlowly);
+    router.add(HttpBaseRequest::GET, "/slow", respondSlowly);
     router.add(HttpBaseRequest::POST, "/upload", countUpload);
 }
 

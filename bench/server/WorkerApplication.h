@@ -1,4 +1,4 @@
-// The benchmark's pages, answered by the kit's workers.
+// The pages of the benchmark, served by the workers of the kit.
 #ifndef BENCH_SERVER_WORKERAPPLICATION_H
 #define BENCH_SERVER_WORKERAPPLICATION_H
 

@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr const char* kAbout =
-    "On this library. inline: each answer is complete before handleRequest returns, on the\n"
+    "On this library. inline: each response is complete before handleRequest returns, on the\n"
     "daemon's thread; only uploads and streams of more than 256 KiB, which would wait there for\n"
     "that thread itself, go to a pool of --workers threads. worker: by the kit's router, on a\n"
     "pool of --workers threads. WebSockets have --workers threads of their own in both.";

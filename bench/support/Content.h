@@ -24,7 +24,7 @@ const std::string& streamPiece();
 // kBigBytes of text.
 const std::string& bigBody();
 
-// Writes to `out` what a stream has at `position`.
+// Writes the bytes of a stream at `position` to `out`.
 void fillStream(uint64_t position, char* out, size_t count);
 
 }  // namespace bench

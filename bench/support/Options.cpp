@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr int kWrongUse = 2;
-constexpr unsigned kMostThreads = 1020;
+constexpr unsigned kMaxThreads = 1020;
 
 constexpr const char* kPages =
     "Serves on 127.0.0.1: GET /hello, GET /big, GET /stream?bytes=N, GET /slow?ms=N, POST /upload\n"
@@ -31,14 +31,14 @@ bool parseOptions(int argc, char** argv, const std::string& program, const std::
         ->type_name("NUMBER")
         ->required()
         ->check(CLI::Range(1, 65535));
-    app.add_option("--mode", mode, "Where requests are answered")
+    app.add_option("--mode", mode, "Where requests are served")
         ->check(CLI::IsMember({"inline", "worker"}));
-    app.add_option("--workers", options.workers, "Threads of the pool that answers requests")
+    app.add_option("--workers", options.workers, "Threads of the pool that serves requests")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1U, kMostThreads));
-    app.add_option("--threads", options.threads, "Threads that read requests and send answers")
+        ->check(CLI::Range(1U, kMaxThreads));
+    app.add_option("--threads", options.threads, "Threads that read requests and send responses")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1U, kMostThreads));
+        ->check(CLI::Range(1U, kMaxThreads));
     app.add_flag("--websocket", options.webSocket, "Upgrade connections to WebSockets");
     try {
         app.parse(argc, argv);

@@ -9,7 +9,7 @@ namespace bench
 {
 
 enum class Mode {
-    Inline,  // answered on the thread that has read the request
+    Inline,  // served on the thread that has read the request
     Worker   // handed to a pool of threads
 };
 
@@ -22,8 +22,8 @@ struct Options
     bool webSocket = false;
 };
 
-// False: the process is to end with `exitCode`; what there was to say has been printed.
-// `about` tells what is particular to this server.
+// False: the process must exit with `exitCode`; the message has been printed.
+// `about` describes this server.
 bool parseOptions(int argc, char** argv, const std::string& program, const std::string& about,
                   Options& options, int& exitCode);
 

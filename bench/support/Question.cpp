@@ -1,4 +1,4 @@
-// What a client asks for.
+// The page requested by a client.
 
 #include "support/Question.h"
 
@@ -10,8 +10,8 @@ namespace bench
 namespace
 {
 
-constexpr uint64_t kLongestStreamBytes = uint64_t{1} << 40;  // 1 TiB
-constexpr uint64_t kLongestPauseMs = 10000;
+constexpr uint64_t kMaxStreamBytes = uint64_t{1} << 40;  // 1 TiB
+constexpr uint64_t kMaxPauseMs = 10000;
 
 }  // namespace
 
@@ -41,7 +41,7 @@ const char* argumentName(Page page)
 
 Question makeQuestion(Page page, std::string_view argument)
 {
-    const uint64_t limit = page == Page::Stream ? kLongestStreamBytes : kLongestPauseMs;
+    const uint64_t limit = page == Page::Stream ? kMaxStreamBytes : kMaxPauseMs;
     uint64_t number = 0;
     const char* end = argument.data() + argument.size();
     const auto [parsed, error] = std::from_chars(argument.data(), end, number);

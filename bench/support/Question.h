@@ -1,4 +1,4 @@
-// What a client asks for.
+// The page requested by a client.
 #ifndef BENCH_SUPPORT_QUESTION_H
 #define BENCH_SUPPORT_QUESTION_H
 
@@ -13,7 +13,7 @@ enum class Page { NotFound, Hello, Big, Stream, Slow, Upload };
 struct Question
 {
     Page page = Page::NotFound;
-    uint64_t number = 0;  // bytes of a stream, milliseconds of a slow answer
+    uint64_t number = 0;  // bytes of a stream, milliseconds of a slow response
 };
 
 // The page at this address; `path` is without the query.

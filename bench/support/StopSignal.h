@@ -18,7 +18,7 @@ public:
     void wait();
 };
 
-// Tells whoever has started the process that connections are accepted.
+// Prints the address to the parent process when connections are accepted.
 void announceListening(uint16_t port);
 
 }  // namespace bench
