@@ -1,4 +1,4 @@
-/// The page and what it loads, compiled in.
+/// The page and its files, compiled in.
 #ifndef CHAT_ASSETS_H
 #define CHAT_ASSETS_H
 

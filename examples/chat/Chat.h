@@ -26,7 +26,7 @@ private:
     void addRoutes();
 
     Rooms mRooms;
-    qv::kit::WebSocketHub mHub;  // after what its connections use
+    qv::kit::WebSocketHub mHub;  // after the members that its connections use
 };
 
 }  // namespace chat

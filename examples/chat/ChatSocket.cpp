@@ -1,4 +1,4 @@
-// One browser: what it sends goes to its room, what is said in the room goes to it.
+// The connection of one browser: passes its messages to its room, and those of the room to it.
 
 #include "ChatSocket.h"
 

@@ -13,8 +13,8 @@
 namespace chat
 {
 
-/// Derives, by way of the kit's connection, from qv::http::WebSocket and takes over what the
-/// library has upgraded. Owned by the library; in a room until it is closed.
+/// Derives from qv::http::WebSocket through the kit's connection. Owned by the library; member of a
+/// chat room until it is closed.
 class ChatSocket : public qv::kit::HubConnection, public Member
 {
 public:
@@ -22,7 +22,7 @@ public:
 
     void onMessageReceived(std::vector<uint8_t>& message, bool isBinary) override;
 
-    /// Called on the thread of whoever speaks: queueing is all that happens there.
+    /// Only queues. Thread: that of the sender.
     void deliverText(const std::string& text) override;
     void deliverBinary(std::string_view bytes) override;
 

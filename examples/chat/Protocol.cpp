@@ -1,4 +1,4 @@
-// What client and server say to each other.
+// The protocol between client and server.
 
 #include "Protocol.h"
 
@@ -23,11 +23,11 @@ ClientMessage invalid(const std::string& error)
 
 std::string trimmed(const std::string& text)
 {
-    constexpr const char* kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
+    constexpr const char* kSpaces = " \t\r\n";
+    const size_t first = text.find_first_not_of(kSpaces);
     if (first == std::string::npos)
         return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+    return text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
 }
 
 std::string field(const Json& json, const char* name)
@@ -37,13 +37,13 @@ std::string field(const Json& json, const char* name)
                                                      : std::string();
 }
 
-// What is wrong with a nickname or a room's name; empty when nothing is.
+// The error of a nickname or a chat room's name; empty when valid.
 std::string troubleWithName(const std::string& what, const std::string& name)
 {
     if (name.empty())
         return what + " is missing.";
-    if (name.size() > kLongestNameBytes)
-        return what + " is too long: " + std::to_string(kLongestNameBytes) + " bytes at most.";
+    if (name.size() > kMaxNameBytes)
+        return what + " is too long: " + std::to_string(kMaxNameBytes) + " bytes at most.";
     const bool hasControl = std::any_of(name.begin(), name.end(), [](char c) {
         return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
     });
@@ -69,8 +69,8 @@ ClientMessage say(const Json& json)
     message.text = field(json, "text");
     if (message.text.empty())
         return invalid("There is no text.");
-    if (message.text.size() > kLongestTextBytes)
-        return invalid("The text is too long: " + std::to_string(kLongestTextBytes) +
+    if (message.text.size() > kMaxTextBytes)
+        return invalid("The text is too long: " + std::to_string(kMaxTextBytes) +
                        " bytes at most.");
     return message;
 }
@@ -79,9 +79,9 @@ ClientMessage say(const Json& json)
 
 ClientMessage parseClientMessage(std::string_view message)
 {
-    if (message.size() > kLongestMessageBytes)
+    if (message.size() > kMaxMessageBytes)
         return invalid("The message is too long.");
-    // Refuses what is not UTF-8, too; does not throw.
+    // Refuses invalid UTF-8 as well; does not throw.
     const Json json = Json::parse(message.begin(), message.end(), nullptr, false);
     const std::string type = json.is_object() ? field(json, "type") : std::string();
     if (type == "join")

@@ -1,4 +1,4 @@
-/// What client and server say to each other: JSON in text messages, pictures in binary ones.
+/// The protocol between client and server: JSON in text messages, pictures in binary ones.
 #ifndef CHAT_PROTOCOL_H
 #define CHAT_PROTOCOL_H
 
@@ -11,9 +11,9 @@
 namespace chat
 {
 
-constexpr size_t kLongestMessageBytes = 16384;  ///< of a text message with everything in it
-constexpr size_t kLongestNameBytes = 64;        ///< of a nickname and of a room's name
-constexpr size_t kLongestTextBytes = 4000;      ///< of one line
+constexpr size_t kMaxMessageBytes = 16384;  ///< of a whole text message
+constexpr size_t kMaxNameBytes = 64;        ///< of a nickname and of a room's name
+constexpr size_t kMaxTextBytes = 4000;      ///< of one line
 constexpr size_t kLargestPictureBytes = 2u << 20;
 
 /// A text message of a client.
@@ -28,7 +28,7 @@ struct ClientMessage
     std::string text;
 };
 
-/// Reads one text message. Names and text come back without blanks at the ends; a message that
+/// Reads one text message. Names and text are returned without spaces at the ends; a message that
 /// breaks a limit above, or in which a name is empty, is invalid.
 ClientMessage parseClientMessage(std::string_view message);
 

@@ -1,4 +1,4 @@
-// Who is where, and what has been said there.
+// Members and messages of the rooms.
 
 #include "Rooms.h"
 
@@ -35,7 +35,7 @@ Rooms::Room* Rooms::findOrMake(const std::string& name)
     const auto found = mRooms.find(name);
     if (found != mRooms.end())
         return &found->second;
-    if (mRooms.size() >= kMostRooms) {
+    if (mRooms.size() >= kMaxRooms) {
         const auto empty = std::find_if(mRooms.begin(), mRooms.end(), [](const auto& room) {
             return room.second.people.empty();
         });

@@ -1,4 +1,4 @@
-/// Who is where, and what has been said there.
+/// Members and messages of the rooms.
 #ifndef CHAT_ROOMS_H
 #define CHAT_ROOMS_H
 
@@ -37,11 +37,11 @@ class Rooms
 public:
     static constexpr size_t kHistoryLength = 50;
     static constexpr size_t kPictureHistoryBytes = 4u << 20;
-    static constexpr size_t kMostRooms = 100;
+    static constexpr size_t kMaxRooms = 100;
 
-    /// Puts the member into a room, which is made when there is none, and tells it what was
-    /// said there. Returns why not, for the member to read: it is in a room already, the
-    /// nickname is taken, or there are too many rooms with people in them.
+    /// Adds the member to a chat room, created if necessary, and sends it the stored messages.
+    /// Returns an error for the member: it is in a chat room already, the nickname is in use, or
+    /// there are too many chat rooms with people in them.
     std::string join(Member& member, const std::string& room, const std::string& nickname);
 
     /// The member is not delivered to any more once this has returned. Does nothing when it is in
@@ -60,7 +60,7 @@ private:
     struct Entry
     {
         std::string text;
-        std::string textWithoutPicture;  // what it becomes when its picture is dropped
+        std::string textWithoutPicture;  // its text after its picture is dropped
         std::shared_ptr<const std::string> picture;
     };
 

@@ -4,17 +4,17 @@
 // again. Pictures come as a binary message right after the text message that announces them.
 
 const kFirstRetryMs = 1000;
-const kLongestRetryMs = 10000;
+const kMaxRetryMs = 10000;
 const kJoinAgainMs = 2000;
 const kLargestPictureBytes = 2 * 1024 * 1024;
-const kMostLines = 500;
+const kMaxLines = 500;
 
 const byId = (id) => document.getElementById(id);
 let socket = null;
 let everConnected = false;
 let retryMs = kFirstRetryMs;
 let place = null; // {room, nickname} once joined
-let wanted = null; // what to join as soon as there is a connection
+let wanted = null; // the chat room to join after connecting
 let joined = false; // on this connection
 let announced = null; // the picture whose bytes come next
 
@@ -65,7 +65,7 @@ function connect() {
       ? 'The connection is lost. Trying again…'
       : 'There is no connection. Browsers need the proxy of deploy/ in front of this server.');
     setTimeout(connect, retryMs);
-    retryMs = Math.min(2 * retryMs, kLongestRetryMs);
+    retryMs = Math.min(2 * retryMs, kMaxRetryMs);
   };
 }
 
@@ -102,7 +102,7 @@ function takeMessage(message) {
     showTrouble(message.text);
     if (!place)
       wanted = null;
-    else if (!joined) // the server may not have noticed yet that the old connection is gone
+    else if (!joined) // the server may not have detected yet that the old connection is closed
       setTimeout(() => !joined && send({ type: 'join', ...wanted }), kJoinAgainMs);
     break;
   }
@@ -127,7 +127,7 @@ function addLine(message, text, image) {
   const lines = byId('lines');
   const atEnd = lines.scrollHeight - lines.scrollTop - lines.clientHeight < 50;
   lines.append(line);
-  while (lines.childElementCount > kMostLines)
+  while (lines.childElementCount > kMaxLines)
     removeLine(lines.firstElementChild);
   if (atEnd)
     lines.scrollTop = lines.scrollHeight;

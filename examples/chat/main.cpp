@@ -25,7 +25,7 @@ struct Options
     bool allInterfaces = false;
 };
 
-// False: the process is to end with `exitCode`; what there was to say has been printed.
+// False: the process must exit with `exitCode`; the message has been printed.
 bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
 {
     CLI::App app("Serves a page on which people talk in rooms and show each other pictures.\n"
@@ -51,7 +51,7 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
 
 }  // namespace
 
-// What throws at the start ends the process, and its text says why.
+// An exception at the start ends the process with its text.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {

@@ -51,7 +51,7 @@ bool wakeDaemonIfClosed(const qv::IpAddress& client)
     char byte;
     if (!fd.isOpen() || recv(fd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) != 0)
         return false;
-    // Nothing can be read any more, so this changes nothing but wakes whoever watches.
+    // Nothing can be read any more; this only wakes the thread that polls the socket.
     shutdown(fd.get(), SHUT_RD);
     return true;
 }

@@ -7,12 +7,12 @@
 namespace filedrop
 {
 
-/// Has the daemon look at the connection of `client` again when that client has closed it and
-/// everything it sent has been read. Returns true when that was so. Any thread.
+/// Makes the daemon poll the connection of `client` again when the client has closed it and all its
+/// bytes have been read. Returns true in that case. Any thread.
 ///
-/// libmicrohttpd waits for changes only. When the end of a connection arrives together with
-/// the last bytes it reads the bytes, takes the connection for idle and learns of its end from
-/// the time-out alone, minutes later.
+/// libmicrohttpd waits for changes only. When the close of a connection arrives together with the
+/// last bytes, it reads the bytes, considers the connection idle and detects the close only by the
+/// timeout, minutes later.
 bool wakeDaemonIfClosed(const qv::IpAddress& client);
 
 }  // namespace filedrop

@@ -18,7 +18,7 @@ namespace
 
 constexpr ByteRange kWhole = {ByteRange::Whole, 0, 0};
 
-void skipBlanks(std::string_view& text)
+void skipSpaces(std::string_view& text)
 {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
         text.remove_prefix(1);
@@ -26,7 +26,7 @@ void skipBlanks(std::string_view& text)
 
 std::string_view trimmed(std::string_view text)
 {
-    skipBlanks(text);
+    skipSpaces(text);
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
         text.remove_suffix(1);
     return text;
@@ -143,7 +143,7 @@ bool namesETag(const std::string& header, const std::string& etag)
             return false;
         if (tag == etag)
             return true;
-        skipBlanks(rest);
+        skipSpaces(rest);
         if (!rest.empty() && rest.front() != ',')
             return false;
         while (!rest.empty() &&

@@ -9,14 +9,14 @@
 namespace filedrop
 {
 
-/// What a stored file is known by.
+/// The validators of a stored file.
 struct Validators
 {
     std::string etag;         ///< strong, with its quotes
     int64_t modifiedSeconds;  ///< since 1970
 };
 
-/// The headers of a request that decide what is sent; nothing: the header is absent.
+/// The conditional headers of a request; nothing: the header is absent.
 struct Conditions
 {
     std::optional<std::string> ifNoneMatch;
@@ -42,8 +42,8 @@ std::string makeETag(uint64_t inode, uint64_t size, int64_t seconds, int64_t nan
 /// compared without regard to weakness.
 bool namesETag(const std::string& header, const std::string& etag);
 
-/// True when the client has what it asks for: the answer is 304. Dates are looked at only
-/// without If-None-Match; a date that cannot be read counts for nothing.
+/// True when the client has the current version: the response is 304. Dates are used only without
+/// If-None-Match; an invalid date is ignored.
 bool isNotModified(const Conditions& conditions, const Validators& file, int64_t nowSeconds);
 
 /// The range that the value of a Range header asks of `size` bytes. A unit other than bytes,

@@ -45,7 +45,7 @@ void DropRequest::onWaitingForData()
         getReceiveDevice().setDeviceError("the upload was given up");
 }
 
-// A client that is silent may be gone without the daemon knowing.
+// The connection of a silent client may be closed without the daemon's knowledge.
 void DropRequest::watchClient(uint64_t received)
 {
     const int64_t now = qv::qvSystemUtils::GetTimeBaseMs();

@@ -22,7 +22,7 @@ public:
     qv::kit::BodyResult readBody(char* buf, size_t len, size_t& got,
                                  const std::function<bool(size_t)>& stored);
 
-    /// Bytes of the answer written since the last call. Thread: the request's worker.
+    /// Bytes of the response written since the last call. Thread: the request's worker.
     uint64_t takeNewlyWritten();
 
 private:

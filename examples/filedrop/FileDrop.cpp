@@ -1,4 +1,4 @@
-// What filedrop answers. Every handler runs on a worker, which serves nothing else meanwhile.
+// The handlers of filedrop. Each runs on a worker, which serves nothing else meanwhile.
 
 #include "FileDrop.h"
 
@@ -39,7 +39,7 @@ constexpr const char* kFilePolicy = "default-src 'none'; frame-ancestors 'none';
 constexpr const char* kBusy = "The server is busy with other transfers. Try again in a moment.";
 
 constexpr size_t kReadBytes = 65536;      // a chunk of the response device
-constexpr uint64_t kSmallBytes = 262144;  // what the response device takes without waiting
+constexpr uint64_t kSmallBytes = 262144;  // accepted by the response device without waiting
 constexpr uint32_t kWorkersPerFreeOne = 8;
 
 int64_t slotsOf(uint32_t workers)
@@ -210,7 +210,7 @@ void FileDrop::onServerStopped()
     Application::onServerStopped();
 }
 
-// What asks for an upgrade in another spelling than the library's ends up here.
+// Receives upgrade requests in a spelling that the library does not accept.
 void FileDrop::refuseLive(DropRequest& request)
 {
     request.getHead().setHeader("Upgrade", "WebSocket");
@@ -239,7 +239,7 @@ void FileDrop::sendList(DropRequest& request)
     if (const auto text = listText())
         request.reply(200, kJson, *text);
     else
-        answerFailure(request, StoreResult::Failed, "the directory cannot be read");
+        respondFailure(request, StoreResult::Failed, "the directory cannot be read");
 }
 
 void FileDrop::sendStatus(DropRequest& request)
@@ -267,7 +267,7 @@ void FileDrop::sendFile(DropRequest& request)
     if (result == StoreResult::Done)
         sendContent(request, fd.get(), info);
     else
-        answerFailure(request, result, "'" + name + "' cannot be opened");
+        respondFailure(request, result, "'" + name + "' cannot be opened");
 }
 
 void FileDrop::sendContent(DropRequest& request, int fd, const FileInfo& info)
@@ -357,11 +357,11 @@ void FileDrop::receiveFile(DropRequest& request)
         request.replyError(413, "The file is larger than the " + formatByteSize(limit) +
                                     " that this server takes.");
     } else {
-        answerUpload(request, receiver, name);
+        respondToUpload(request, receiver, name);
     }
 }
 
-void FileDrop::answerUpload(DropRequest& request, Receiver& receiver, const std::string& name)
+void FileDrop::respondToUpload(DropRequest& request, Receiver& receiver, const std::string& name)
 {
     switch (receiver.receive()) {
     case Receiver::Result::Stored:
@@ -375,10 +375,10 @@ void FileDrop::answerUpload(DropRequest& request, Receiver& receiver, const std:
         request.abandon("the upload was lost");
         return;
     case Receiver::Result::NoSpace:
-        answerFailure(request, StoreResult::NoSpace, "'" + name + "' cannot be stored");
+        respondFailure(request, StoreResult::NoSpace, "'" + name + "' cannot be stored");
         return;
     case Receiver::Result::Failed:
-        answerFailure(request, StoreResult::Failed, "'" + name + "' cannot be stored");
+        respondFailure(request, StoreResult::Failed, "'" + name + "' cannot be stored");
         return;
     }
     const StoreResult result = receiver.commit(name);
@@ -386,11 +386,11 @@ void FileDrop::answerUpload(DropRequest& request, Receiver& receiver, const std:
         request.getHead().setHeader("Location", request.getUrl().encodedPath());
     if (result == StoreResult::Done || result == StoreResult::Replaced) {
         mLive.listChanged();
-        const nlohmann::json answer = {{"name", name}, {"size", receiver.size()}};
-        request.reply(result == StoreResult::Done ? 201 : 200, kJson, answer.dump());
+        const nlohmann::json stored = {{"name", name}, {"size", receiver.size()}};
+        request.reply(result == StoreResult::Done ? 201 : 200, kJson, stored.dump());
         return;
     }
-    answerFailure(request, result, "'" + name + "' cannot be stored");
+    respondFailure(request, result, "'" + name + "' cannot be stored");
 }
 
 void FileDrop::deleteFile(DropRequest& request)
@@ -403,12 +403,12 @@ void FileDrop::deleteFile(DropRequest& request)
         mLive.listChanged();
         request.reply(204, "", "");
     } else {
-        answerFailure(request, result, "'" + name + "' cannot be deleted");
+        respondFailure(request, result, "'" + name + "' cannot be deleted");
     }
 }
 
-// Tells the client in words; what the system said is for the log alone.
-void FileDrop::answerFailure(DropRequest& request, StoreResult result, const std::string& what)
+// The client gets a general text; the error of the system is only logged.
+void FileDrop::respondFailure(DropRequest& request, StoreResult result, const std::string& what)
 {
     const int error = errno;
     switch (result) {

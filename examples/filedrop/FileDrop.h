@@ -1,4 +1,4 @@
-/// The application: routes and what they answer.
+/// The application: routes and handlers.
 #ifndef FILEDROP_FILEDROP_H
 #define FILEDROP_FILEDROP_H
 
@@ -28,9 +28,9 @@ struct Settings
 /// Serves one directory. Owned by its server.
 ///
 /// An upload, and a download that does not fit into the library's buffers, keeps its worker
-/// until it ends. An eighth of the workers, at least one, is kept free of them: so the page
-/// always answers, and no upload waits for a worker while its body fills the memory. Transfers
-/// beyond that are answered 503 at once.
+/// until it ends. An eighth of the workers, at least one, is reserved for other requests: the page
+/// stays available, and no upload waits for a worker while its body fills the memory. Further
+/// transfers get 503 at once.
 class FileDrop : public qv::kit::Application
 {
 public:
@@ -56,9 +56,9 @@ private:
     void sendContent(DropRequest& request, int fd, const FileInfo& info);
     void stream(DropRequest& request, int fd, const std::string& name, const ByteRange& range);
     void receiveFile(DropRequest& request);
-    void answerUpload(DropRequest& request, Receiver& receiver, const std::string& name);
+    void respondToUpload(DropRequest& request, Receiver& receiver, const std::string& name);
     void deleteFile(DropRequest& request);
-    void answerFailure(DropRequest& request, StoreResult result, const std::string& what);
+    void respondFailure(DropRequest& request, StoreResult result, const std::string& what);
 
     const std::unique_ptr<FileStore> mStore;
     const Settings mSettings;

@@ -1,4 +1,4 @@
-// The gate that every name from outside passes before it reaches the file system.
+// The check of every name of a client before it is passed to the file system.
 
 #include "FileName.h"
 
@@ -14,7 +14,7 @@ const char* const kTemporaryPrefix = ".filedrop-upload-";
 namespace
 {
 
-constexpr size_t kNameLimitBytes = 255;  // what Linux file systems take
+constexpr size_t kNameLimitBytes = 255;  // the limit of Linux file systems
 
 bool isControl(char c)
 {
@@ -48,7 +48,7 @@ size_t sequenceLength(unsigned char first)
 }
 
 // The second byte of some sequences has a narrower range: it keeps out longer forms than
-// needed, surrogates and what lies above U+10FFFF.
+// needed, surrogates and values above U+10FFFF.
 bool isSecondByte(unsigned char first, unsigned char second)
 {
     switch (first) {

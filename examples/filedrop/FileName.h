@@ -7,7 +7,7 @@
 namespace filedrop
 {
 
-/// What the names of unfinished uploads begin with; no client may use such a name.
+/// The prefix of the names of unfinished uploads; no client may use such a name.
 extern const char* const kTemporaryPrefix;
 
 /// True for the name of an unfinished upload.

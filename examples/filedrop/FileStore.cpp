@@ -24,7 +24,7 @@ namespace filedrop
 namespace
 {
 
-constexpr mode_t kFileMode = 0666;  // less what the process's umask takes
+constexpr mode_t kFileMode = 0666;  // reduced by the umask of the process
 constexpr uint64_t kWriteOutBytes = 8u << 20;
 
 std::string errorText(int error)

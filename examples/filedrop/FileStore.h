@@ -31,7 +31,7 @@ private:
     int mFd;
 };
 
-/// What is known of one file.
+/// The properties of one file.
 struct FileInfo
 {
     std::string name;
@@ -41,7 +41,7 @@ struct FileInfo
     int64_t modifiedNanoseconds = 0;
 };
 
-/// What became of an operation on the directory.
+/// The result of an operation on the directory.
 enum class StoreResult {
     Done,       ///< and, for an upload, the name was new
     Replaced,   ///< an upload took the place of an older file
@@ -90,9 +90,8 @@ private:
 class FileStore
 {
 public:
-    /// Opens the directory at `path`, takes it for this process alone, and removes what
-    /// uploads of a process that died have left in it. On failure returns null and sets
-    /// `error` to one line that says why.
+    /// Opens the directory at `path`, locks it for this process, and removes the remains of uploads
+    /// of a crashed process. On failure returns null and sets `error` to one line with the reason.
     static std::unique_ptr<FileStore> open(const std::string& path, std::string& error);
 
     /// The regular files that a client can name, sorted by name. False, with errno, when

@@ -22,7 +22,7 @@ constexpr std::array<const char*, 7> kDays = {"Sunday",   "Monday", "Tuesday", "
                                               "Thursday", "Friday", "Saturday"};
 constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-constexpr int kFirstYear = 1900;  // what tm_year counts from
+constexpr int kFirstYear = 1900;  // the origin of tm_year
 
 std::tm utc(int64_t seconds)
 {
@@ -76,7 +76,7 @@ public:
         return *this;
     }
 
-    // A day of the month, a blank in the place of a leading zero.
+    // A day of the month, with a space instead of a leading zero.
     DateReader& paddedDay(int& day)
     {
         if (!mGood || mRest.empty() || mRest.front() != ' ')
@@ -220,7 +220,7 @@ char toLower(char c)
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-// What may stand in filename* without being percent-encoded.
+// Characters that filename* allows without percent-encoding.
 bool isPlainInExtendedValue(char c)
 {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||

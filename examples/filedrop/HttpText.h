@@ -1,4 +1,4 @@
-/// What HTTP writes into headers: dates, media types, names of downloads.
+/// Texts of HTTP headers: dates, media types, names of downloads.
 #ifndef FILEDROP_HTTPTEXT_H
 #define FILEDROP_HTTPTEXT_H
 

@@ -13,7 +13,7 @@ namespace filedrop
 namespace
 {
 
-constexpr unsigned long kLookPeriodMs = 2000;
+constexpr unsigned long kPollIntervalMs = 2000;
 
 qv::kit::WebSocketHub::Options hubOptions()
 {
@@ -89,7 +89,7 @@ bool LiveList::waitUntilDue(bool anyone)
     const qv::qvMutexLocker locker(&mMutex);
     // A wake-up without reason costs one look at the directory.
     if (!mStale && !mClosed && anyone)
-        mChanged.wait(&mMutex, kLookPeriodMs);
+        mChanged.wait(&mMutex, kPollIntervalMs);
     while (!mStale && !mClosed && !anyone)
         mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeOut);
     mStale = false;

@@ -23,7 +23,7 @@ constexpr uint32_t kLargestThreads = 255;
 constexpr uint32_t kLargestWorkers = 1000;
 constexpr uint32_t kDefaultWorkers = 64;
 
-// A daemon thread whose request waits for its answer is slow for the others on it.
+// A daemon thread with a waiting request delays its other connections.
 uint32_t defaultThreads()
 {
     return std::clamp(2 * qv::qvSystemUtils::GetIdealThreadCount(), 4u, 32u);

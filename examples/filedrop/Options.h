@@ -1,4 +1,4 @@
-/// What filedrop is told on its command line.
+/// The command line of filedrop.
 #ifndef FILEDROP_OPTIONS_H
 #define FILEDROP_OPTIONS_H
 
@@ -21,8 +21,8 @@ struct Options
     bool allInterfaces = false;
 };
 
-/// Reads the command line. True: go on with `options`. False: the process is to end with
-/// `exitCode`; what there was to say (help, version, a mistake) has been printed.
+/// Parses the command line. True: continue with `options`. False: the process must exit with
+/// `exitCode`; help, version or an error has been printed.
 bool parseOptions(int argc, char** argv, Options& options, int& exitCode);
 
 }  // namespace filedrop

@@ -1,4 +1,4 @@
-// What is added to the page each time it is sent.
+// The part added to the page each time it is sent.
 
 #include "Page.h"
 

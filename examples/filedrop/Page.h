@@ -11,8 +11,8 @@ namespace filedrop
 /// page.html as it is in the source tree.
 extern const std::string_view kPage;
 
-/// The page with `nonce` put where its style and its script name theirs. A browser runs
-/// nothing else on it, whatever gets into the page.
+/// The page with `nonce` inserted into its style and script elements. A browser runs no other
+/// script or style of the page.
 std::string pageWithNonce(const std::string& nonce);
 
 /// The Content-Security-Policy that goes with it.

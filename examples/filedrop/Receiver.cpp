@@ -48,7 +48,7 @@ Receiver::Result Receiver::receive()
     return mResult;
 }
 
-// Counts what has come since the last call.
+// Counts the bytes received since the last call.
 bool Receiver::take(Block& block, size_t filled)
 {
     const uint64_t added = filled - block.filled;
@@ -104,7 +104,7 @@ StoreResult Receiver::commit(const std::string& name)
     return result;
 }
 
-// Before the client is told, so that it never sees what it was told is not there.
+// Called before the response, so that the client never finds a refused upload.
 void Receiver::discard()
 {
     const int error = errno;

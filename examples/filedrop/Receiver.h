@@ -30,7 +30,7 @@ public:
     enum class Result {
         Stored,    ///< `commit` may give it its name
         TooLarge,  ///< more than the limit
-        Lost,      ///< the client has gone or the server stops
+        Lost,      ///< the connection is closed or the server stops
         NoSpace,
         Failed  ///< with errno
     };
@@ -43,13 +43,13 @@ public:
     /// left of it.
     Result receive();
 
-    /// Gives what was received its name; after `receive` returned Stored, once.
+    /// Renames the received file; after `receive` returned Stored, once.
     StoreResult commit(const std::string& name);
 
     uint64_t size() const { return mTaken; }
 
 private:
-    // The memory is not cleared: what is not used of a large block costs nothing.
+    // The memory is not cleared: the unused part of a large block costs nothing.
     struct Block
     {
         explicit Block(size_t bytes) : data(new char[bytes]), capacity(bytes) {}

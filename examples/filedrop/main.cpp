@@ -30,7 +30,7 @@ namespace
 
 constexpr size_t kLogFileBytes = 10u << 20;
 constexpr size_t kOldLogFiles = 3;
-constexpr std::chrono::milliseconds kStopSlice(50);
+constexpr std::chrono::milliseconds kDrainInterval(50);
 
 int complain(const std::string& message)
 {
@@ -104,11 +104,11 @@ bool isStopSignalPending()
     return sigtimedwait(&signals, nullptr, &noTime) > 0;
 }
 
-// Lets running transfers finish; a second signal ends the patience.
+// Waits for running transfers; a second signal ends the wait.
 bool finishTransfers(qv::kit::Server& server, std::chrono::seconds limit)
 {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (!server.getApplication().drain(kStopSlice)) {
+    while (!server.getApplication().drain(kDrainInterval)) {
         if (std::chrono::steady_clock::now() >= end || isStopSignalPending())
             return false;
     }

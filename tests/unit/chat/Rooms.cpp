@@ -150,7 +150,7 @@ TEST(Rooms, CountPicturesThatHaveLeftTheHistoryNoLonger)
 TEST(Rooms, GiveUpAnEmptyRoomForANewOneAtTheLimit)
 {
     Rooms rooms;
-    std::list<Listener> people(Rooms::kMostRooms);
+    std::list<Listener> people(Rooms::kMaxRooms);
     int number = 0;
     for (Listener& person : people)
         EXPECT_EQ(rooms.join(person, "room " + std::to_string(number++), "x"), "");
@@ -160,8 +160,8 @@ TEST(Rooms, GiveUpAnEmptyRoomForANewOneAtTheLimit)
     rooms.leave(late);
     rooms.leave(people.front());
     EXPECT_EQ(rooms.join(late, "another", "x"), "");
-    EXPECT_EQ(rooms.getRoomCount(), Rooms::kMostRooms);
-    EXPECT_EQ(rooms.getPeopleCount(), Rooms::kMostRooms);
+    EXPECT_EQ(rooms.getRoomCount(), Rooms::kMaxRooms);
+    EXPECT_EQ(rooms.getPeopleCount(), Rooms::kMaxRooms);
 }
 
 }  // namespace
