@@ -91,7 +91,7 @@ bool LiveList::waitUntilDue(bool anyone)
     if (!mStale && !mClosed && anyone)
         mChanged.wait(&mMutex, kPollIntervalMs);
     while (!mStale && !mClosed && !anyone)
-        mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeOut);
+        mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeout);
     mStale = false;
     return !mClosed;
 }

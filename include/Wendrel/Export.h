@@ -1,5 +1,5 @@
-/// Visibility of the library: what an application derives from or calls is marked, all else
-/// is hidden.
+/// Visibility of the library: classes and functions for applications are marked, all others are
+/// hidden.
 #ifndef WENDREL_EXPORT_H
 #define WENDREL_EXPORT_H
 

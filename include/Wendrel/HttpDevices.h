@@ -1,4 +1,4 @@
-/// The bodies of a request: what was uploaded and what is answered.
+/// The body devices of a request: received body and response body.
 #ifndef WENDREL_HTTPDEVICES_H
 #define WENDREL_HTTPDEVICES_H
 
@@ -32,7 +32,7 @@ struct DispatchAccess;
 /// The device from which an application reads the body that a client uploads.
 ///
 /// One daemon thread feeds it, one worker thread reads it; both sides meet under its mutex.
-/// There is no back-pressure: what the client sends is kept until it is read. Owned by its
+/// There is no back-pressure: received data is held in memory until it is read. Owned by its
 /// request.
 class WENDREL_EXPORT HttpReceiveDevice : public qvIoDevice
 {
@@ -40,16 +40,16 @@ public:
     /// Made by the request that it belongs to, which it keeps a reference to.
     explicit HttpReceiveDevice(HttpBaseRequest& request);
 
-    /// Drops what has not been read. Thread: the one that deletes the request.
+    /// Discards unread data. Thread: the one that deletes the request.
     ~HttpReceiveDevice() override;
 
-    /// Fills `buf` with `len` bytes of the body, waiting for them as long as it must.
+    /// Fills `buf` with `len` bytes of the body; waits until they have been received.
     ///
-    /// Returns less than `len` (also 0) when the body has ended, the device is in error, or
-    /// no byte has come for 360000 ms; then `atEnd()` is true. While the upload goes on, the
-    /// newest chunk of at least 64 KiB is not handed out yet. A client that goes away in the
-    /// middle of its upload does not end the wait by itself: the wait listener is notified
-    /// every second and can set an error here. Thread: the request's worker.
+    /// Returns less than `len` (also 0) when the body has ended, the device is in error, or no byte
+    /// has been received for 360000 ms; then `atEnd()` is true. During the upload the newest chunk
+    /// of at least 64 KiB is not readable. A connection closed during the upload does not end the
+    /// wait: the wait listener is notified every second and can set an error on this device.
+    /// Thread: the request's worker.
     uint64_t readBytes(char* buf, size_t len) override;
 
     /// Takes the next `len` bytes of the upload; returns `len`, or 0 after the feed ended.
@@ -100,7 +100,7 @@ public:
     /// Made by the request that it belongs to, which it keeps a reference to.
     explicit HttpResponseDevice(HttpBaseRequest& request);
 
-    /// Drops what has not been sent. Thread: the one that deletes the request.
+    /// Discards unsent data. Thread: the one that deletes the request.
     ~HttpResponseDevice() override;
 
     /// The device is write-only: sets the error "read not implemented" and returns 0.
@@ -110,13 +110,13 @@ public:
     ///
     /// Returns `len`, or 0 when refused: not the request's worker thread, body ended, or
     /// device in error. Waits, once, without limit, while more than 256 KiB are ready and
-    /// not yet sent; the client's going away ends the wait. The wait never ends when the
-    /// daemon does not fetch the body to its end: write nothing for HEAD and for status 204
-    /// and 304, and not more than the declared length. Thread: the request's worker.
+    /// not yet sent; a lost connection ends the wait. The wait never ends when the daemon does
+    /// not fetch the body to its end: write nothing for HEAD and for status 204 and 304, and
+    /// not more than the declared length. Thread: the request's worker.
     uint64_t writeBytes(const char* data, size_t len) override;
 
     /// Hands everything written so far to the daemon, also a chunk of less than 64 KiB.
-    /// Returns what `writeBytes(nullptr, 0)` returns. Thread: the request's worker.
+    /// Returns the result of `writeBytes(nullptr, 0)`. Thread: the request's worker.
     uint64_t flush();
 
     /// The body is complete; later writes are refused. Thread: the request's worker.
@@ -126,9 +126,9 @@ public:
     /// Any thread, no lock.
     bool atEnd() const override;
 
-    /// The head of the answer is final and the daemon may send it. Returns true when this
-    /// call announced it, false when it had been announced before. The head must not be
-    /// changed any more. Any thread; takes the device's mutex.
+    /// Announces the response: its head is final and the daemon may send it. Returns true when
+    /// this call announced it, false when it was announced before. The head must not change
+    /// afterwards. Any thread; takes the device's mutex.
     bool setResponseReady();
 
     /// Moves the ready bytes to `out`. Thread: the daemon's, with the device's mutex held.
@@ -161,7 +161,7 @@ private:
 
     bool mayWrite() const;
     void handOver(Queue::iterator end, uint64_t bytes);
-    bool takeOver(size_t room, bool& ended);
+    bool takeOver(size_t space, bool& ended);
 
     HttpBaseRequest* mRequest;
     std::atomic<uint32_t> mResponseState;  // changed under mMutex, first looked at without
@@ -180,10 +180,10 @@ private:
     bool mFlushRequested;           // writer
 };
 
-/// The head of an answer: status, declared length, headers and cookies. Derive from it.
+/// The head of a response: status, declared length, headers and cookies. Derive from it.
 ///
-/// The operations are called on a daemon thread when the answer is queued; what they return
-/// must not change between `setResponseReady` and the completion of the request.
+/// The operations are called on a daemon thread when the response is queued. Their results must not
+/// change between `setResponseReady` and the completion of the request.
 class WENDREL_EXPORT HttpResponseInterface
 {
 public:
@@ -203,15 +203,15 @@ public:
     virtual const CookieMap& getCookies() = 0;
 
     /// Sent in the order of the keys. The daemon adds Date and Content-Length (or
-    /// Transfer-Encoding) and drops a header with an empty value, a blank in its name or a
+    /// Transfer-Encoding) and drops a header with an empty value, a space in its name or a
     /// line break in its value.
     virtual const HeaderMap& getHeaders() = 0;
 
-    /// 100 to 999; the daemon closes the connection without an answer on anything else.
+    /// 100 to 999; the daemon closes the connection without a response on any other value.
     virtual uint32_t getStatusCode() = 0;
 
-    /// Length of the body in bytes; negative: not known. Not asked when the body was complete
-    /// and at most 536870911 bytes long when the answer was queued.
+    /// Length of the body in bytes; negative: not known. Not called when the body is complete and
+    /// at most 536870911 bytes long when the response is queued.
     virtual int64_t getContentLength() = 0;
 
     /// A line for the application's own log. Not called by the library.

@@ -1,4 +1,4 @@
-/// A request as the application sees it.
+/// The base class of an application's requests.
 #ifndef WENDREL_HTTPREQUEST_H
 #define WENDREL_HTTPREQUEST_H
 
@@ -78,11 +78,11 @@ public:
     HttpBaseRequest(const HttpBaseRequest&) = delete;
     HttpBaseRequest& operator=(const HttpBaseRequest&) = delete;
 
-    /// The head of the answer; asked for on a daemon thread each time it looks whether the
-    /// answer is ready. The object belongs to the request and lives as long.
+    /// The head of the response. Called on a daemon thread each time it polls for the response. The
+    /// object belongs to the request and lives as long.
     virtual HttpResponseInterface& getResponse() = 0;
 
-    /// Who is told when a worker waits for more of the body.
+    /// The listener that is notified when a worker waits for more of the body.
     virtual HttpWaitListener& getWaitListener() = 0;
 
     /// The daemon has finished with this request and will not use it again. Does nothing unless
@@ -102,7 +102,7 @@ public:
     /// Empties it; called by `terminateWendrel`.
     static void ClearRequestTypes();
 
-    /// "GET" and so on; "UNKNOWN_HTTP_METHOD" for anything but exactly one method.
+    /// The method's name; "UNKNOWN_HTTP_METHOD" unless `type` is exactly one method.
     static const std::string& RequestTypeToString(RequestType type);
 
     /// The names of all methods in `bits`, joined by ",": "GET,HEAD". Other bits are ignored.
@@ -111,10 +111,10 @@ public:
     // Intake, called by the library before the application sees the request. Bad input is
     // recorded with `setParseError` and dropped.
 
-    /// The method's name as it came. None of those known: a parse error.
+    /// Takes the method's name as received. An unknown name is a parse error.
     void setHttpMethod(const std::string& method);
 
-    /// The target as it came, of at most 4096 bytes; parses it.
+    /// Takes the target as received, at most 4096 bytes, and parses it.
     void setOriginalFullUrl(std::string&& target);
 
     /// A header; name and value together at most 8096 bytes. The value is split at its commas.
@@ -129,28 +129,28 @@ public:
     /// Marks the request as bad. The first text that is not empty is kept.
     void setParseError(std::string&& message);
 
-    // What came in.
+    // The received values.
 
-    /// The method; `UNKNOWN_HTTP_METHOD` when it is none of those known.
+    /// The method; `UNKNOWN_HTTP_METHOD` for an unknown one.
     RequestType getRequestType() const { return mRequestType; }
 
-    /// The parsed target. Host and port mean nothing: mostly those of a fixed base, but a target
-    /// that does not begin with "/" can change them.
+    /// The parsed target. Host and port are those of a fixed base, unless a target that does not
+    /// begin with "/" changes them: do not use them.
     const http::HttpUrl& getUrl() const { return mUrl; }
 
     /// The target as received; "Invalid URI" when it could not be parsed.
     const std::string& getOriginalFullUrl() const { return mOriginalFullUrl; }
 
-    /// Address and port of the other end of the connection: behind a proxy, the proxy's.
+    /// Address and port of the peer; behind a proxy, those of the proxy.
     const IpAddress& getClientAddress() const { return mClientAddress; }
 
     /// Names in lower case.
     const http::HttpHeaders& getHeaders() const { return mHeaders; }
 
-    /// Names as they came. Those of the first `Cookie` header only.
+    /// Names as received. Cookies of the first `Cookie` header only.
     const ValueMap& getCookies() const { return mCookies; }
 
-    /// Names as they came, decoded.
+    /// Names as received, decoded.
     const ValueMap& getQueryParameters() const { return mQueryParameters; }
 
     /// The values of one header (name in lower case), cookie or query parameter, in order of
@@ -161,10 +161,10 @@ public:
     /// As `getHeader`.
     const std::list<std::string>* getQueryParameter(const char* name) const;
 
-    /// True for a bad request: answer 400 and trust nothing else of it.
+    /// True for a bad request: respond 400 and use no other value of it.
     bool hasParseError() const { return mHasParseError; }
 
-    /// What is wrong with it, in words; empty when nothing is.
+    /// The first error of the request; empty without one.
     const std::string& getParseError() const { return mParseError; }
 
     /// Bytes of the accepted headers and cookies, as the library counts them.
@@ -172,10 +172,10 @@ public:
 
     // Serving.
 
-    /// Where the body is read. Any thread; the device belongs to the request.
+    /// Where the request body is read. Any thread; the device belongs to the request.
     HttpReceiveDevice& getReceiveDevice() const { return *mReceiveDevice; }
 
-    /// Where the answer's body is written. Any thread; the device belongs to the request.
+    /// Where the response body is written. Any thread; the device belongs to the request.
     HttpResponseDevice& getResponseDevice() const { return *mResponseDevice; }
 
     /// The thread with this identifier (`qvThread::CurrentThreadId()`) serves the request from
@@ -189,18 +189,18 @@ public:
     /// Empty while no thread serves the request. Thread: the worker's.
     const std::string& getCurrentWorkerThreadId() const { return mWorkerThreadId; }
 
-    /// True when the daemon is done with the request. Any thread; takes the response device's
-    /// mutex, so never call it from `onRequestCompleted`.
+    /// True when the daemon has finished with the request. Any thread; takes the response device's
+    /// mutex: never call it in `onRequestCompleted` or `onCompleted`.
     bool isCompleted() const;
 
-    /// Milliseconds from the arrival of the request to the last moment at which the daemon
-    /// looked for the answer with the body complete; grows until the answer is queued.
+    /// Milliseconds from the arrival of the request to the daemon's last poll for the response with
+    /// the body complete; grows until the response is queued.
     int64_t getReceiveDurationMs() const { return mReceiveDurationMs; }
 
-    /// When the answer was queued, in milliseconds of the monotonic clock; -1 before.
+    /// When the response was queued, in milliseconds of the monotonic clock; -1 before.
     int64_t getResponseStartMs() const { return mResponseStartMs; }
 
-    /// Bytes of the answer's headers, as the library counts them (cookies not included).
+    /// Bytes of the response headers, as the library counts them (cookies not included).
     uint64_t getResponseHeadBytes() const { return mResponseHeadBytes; }
 
 protected:

@@ -1,4 +1,4 @@
-/// The server and what an application derives from to be one.
+/// The server, and the interface that an application implements.
 #ifndef WENDREL_HTTPSERVER_H
 #define WENDREL_HTTPSERVER_H
 
@@ -25,14 +25,14 @@ namespace http
 
 class WebSocket;
 
-/// What the application does with requests. Derive from it and give a new object to
-/// HttpServer, which owns and deletes it.
+/// The application interface. Derive from it and pass a new object to HttpServer, which owns and
+/// deletes it.
 ///
 /// `createRequest`, `handleRequest`, `onNewWebSocket` and `onRequestCompleted` are called on
 /// the daemon's threads, several at once, also after `onServerStopped` until the server has
-/// been destroyed. None of the operations may call `startServer`, `stopServer` or destroy
-/// the server: that would wait for the very thread it runs on. An exception that leaves one
-/// of them ends the process.
+/// been destroyed. None of the operations may call `startServer` or `stopServer` or destroy the
+/// server: the call would wait for its own thread. An exception that leaves one of them ends the
+/// process.
 class WENDREL_EXPORT HttpServerImpl
 {
 public:
@@ -47,14 +47,14 @@ public:
     /// and deletes it when its worker has finished with it and it is completed.
     virtual HttpBaseRequest* createRequest() = 0;
 
-    /// Takes a request whose head is complete. The daemon thread, and every connection on it,
-    /// stands still until this returns: hand the request to a worker and return. Look at
-    /// `hasParseError()` first: a bad request arrives here too, and the application answers it.
+    /// Takes a request whose head is complete. The daemon thread and all of its connections are
+    /// blocked until this returns: hand the request to a worker and return. Bad requests are passed
+    /// as well: check `hasParseError()` first, and respond to them.
     virtual void handleRequest(HttpBaseRequest* request) = 0;
 
-    /// Takes an upgraded connection, right after its 101 has been sent; the application owns it
-    /// from here. Move it into an object of a class of your own (see WebSocket). Comes also after
-    /// `onServerStopped`: call `markForDeletion` and delete it then.
+    /// Takes ownership of an upgraded connection, right after its 101 has been sent. Move it into
+    /// an object of a derived class (see WebSocket). Also called after `onServerStopped`: then call
+    /// `markForDeletion` and delete the object.
     virtual void onNewWebSocket(http::WebSocket* socket) = 0;
 
     /// The server is about to stop, or could not start; called once per start, on the server
@@ -62,59 +62,59 @@ public:
     /// requests here.
     virtual void onServerStopped() = 0;
 
-    /// Some request has been completed: the daemon will not touch it again once this and the
-    /// callback that called it have returned. Called under the response device's lock of that
-    /// request: take no lock here under which another thread asks a request or a response
-    /// device anything, and delete nothing.
+    /// A request has been completed: the daemon does not use it after this callback. The request
+    /// itself learns it in `HttpBaseRequest::onCompleted`. Called with the mutex of its response
+    /// device held: delete nothing, and take no lock that another thread holds while it calls a
+    /// request or a response device.
     virtual void onRequestCompleted() = 0;
 
-    /// The body sent with each status 500 that the library answers by itself.
+    /// The body of each status 500 that the library sends by itself.
     const std::string& getErrorBody() const { return mErrorBody; }
 
     /// Address of one of the library's daemon callbacks, without its type.
     using Callback = void (*)();
 
-    /// What the daemon calls for a request's head, body and answer.
+    /// Called by the daemon for the head, the body and the response of a request.
     static Callback GetHttpCallback();
 
-    /// What it calls when it is done with a request.
+    /// Called when the daemon has completed a request.
     static Callback GetRequestCompletedCallback();
 
-    /// What it calls when it has a request's target.
+    /// Called when the daemon has received the target of a request.
     static Callback GetUriLogCallback();
 
-    /// What it calls with a line for the log.
+    /// Called with a log line of the daemon.
     static Callback GetLogFunction();
 
 protected:
     /// Sets the error body (empty at first; sent without a content type). Call before the
-    /// server is started: the daemon sends from this very text, not from a copy.
+    /// server is started: the daemon sends from this text, not from a copy.
     void setErrorBody(std::string body);
 
 private:
     std::string mErrorBody;
 };
 
-/// An HTTP server: one thread that starts, watches over and stops one daemon.
+/// An HTTP server: one thread that starts and stops one daemon.
 ///
 /// Start and stop may be called from any thread except the daemon's own (see
 /// HttpServerImpl). A server that failed to start cannot be started again: make a new one.
 class WENDREL_EXPORT HttpServer : public qvThread
 {
 public:
-    /// What `startServer` is told; a plain value.
+    /// Parameters of `startServer`; a plain value.
     struct WENDREL_EXPORT Parameters
     {
         /// TCP port to listen on. With 0 the system chooses one, which the library does not tell.
         uint16_t port = 8181;
-        /// Connections that may wait to be accepted; the kernel caps it.
+        /// Length of the listen queue; the kernel caps it.
         uint32_t listenBacklog = 1024;
         /// Threads that serve connections. 0 and 1 give one thread and a warning in the log.
-        /// The daemon takes 1020 connections in all, shared out evenly among the threads:
-        /// never more than 1020 threads.
+        /// The daemon accepts 1020 connections in all, divided evenly among the threads: use at
+        /// most 1020 threads.
         uint32_t threadPoolSize = qvSystemUtils::GetIdealThreadCount();
         /// Milliseconds without a byte received or sent after which a connection is closed,
-        /// also while the application is still computing; rounded up to whole seconds.
+        /// also while the application works; rounded up to whole seconds.
         /// 0: never. At most 4294967000.
         uint32_t connectionTimeoutMs = 360000;
         /// Whether connections can be upgraded to WebSockets.
@@ -126,7 +126,7 @@ public:
         bool listenOnAllInterfaces = false;
     };
 
-    /// What a server does. From `Failed` there is no way back.
+    /// State of a server. A server cannot leave `Failed`.
     enum State : int32_t { Stopped = 0, Starting = 1, Running = 2, Failed = 3 };
 
     /// Takes ownership of `impl`. Starts nothing.

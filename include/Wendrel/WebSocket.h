@@ -42,7 +42,7 @@ class WebSocketThread;
 /// application's own lists in the destructor of the derived class.
 ///
 /// Frames are handled as described in docs/websocket.md: no control frames, no size limits, no
-/// end of stream. Ignore SIGPIPE: sending to a client that has gone raises it.
+/// end of stream. Ignore SIGPIPE: sending on a closed connection raises it.
 class WENDREL_EXPORT WebSocket
 {
 public:
@@ -60,7 +60,7 @@ public:
                           bool& isBinary, bool& fin);
 
     /// Writes the header of a server's frame with a payload of `length` bytes to `out`, which
-    /// has room for 10 bytes, and sets `headerSize` to 2, 4 or 10. Any thread.
+    /// has space for 10 bytes, and sets `headerSize` to 2, 4 or 10. Any thread.
     static void WriteHeader(uint8_t* out, size_t length, bool isBinary, bool isFirstFrame, bool fin,
                             size_t& headerSize);
 
@@ -84,14 +84,14 @@ public:
     /// afterwards. A ping arrives as text, a pong as binary. Thread: the worker that holds the
     /// connection, with no lock held. An exception that leaves it ends the process.
     ///
-    /// This one ignores the message and answers with 262008 bytes, the word "response" over
-    /// and over, as one binary message: override it.
+    /// The default ignores the message and sends 262008 bytes, the word "response" repeated, as one
+    /// binary message: override it.
     virtual void onMessageReceived(std::vector<uint8_t>& received, bool isBinary);
 
     /// Queues one message, in frames of at most 131000 bytes. Copies the data. Sends at once
     /// when called from `onMessageReceived` of this object; otherwise the WebSocketThread sends
-    /// it, after 10 ms at the latest if a worker is free. There is no limit to what is queued
-    /// for a client that does not read. Without memory for all of it nothing is queued
+    /// it, after 10 ms at the latest if a worker is free. The queue of a client that does not read
+    /// grows without limit. Without memory for all of it nothing is queued
     /// (std::bad_alloc). Any thread.
     void writeMessage(const void* data, size_t size, bool isBinary) QV_EXCLUDES(lock);
 
@@ -123,7 +123,7 @@ public:
     /// No worker handles it any more.
     void clearCurrentThread() QV_EXCLUDES(lock);
 
-    /// Sends what the socket takes of the queued bytes. False when the connection is lost.
+    /// Sends as many of the queued bytes as the socket accepts. False when the connection is lost.
     bool sendDataIfAvailable() QV_EXCLUDES(lock);
 
     /// Receives until a frame is complete, and handles that one frame; or until the socket is
@@ -201,8 +201,8 @@ public:
 
     /// Starts `count` workers and the poll thread; does nothing when there are workers already.
     /// With 0, connections are polled and never served. Throws std::system_error when the system
-    /// has not so many threads to give; then none is left running. A worker keeps up to 1 MiB of
-    /// what messages were buffered in for the next ones. Call once, from one thread.
+    /// has not so many threads to give; then none is left running. A worker pools up to 1 MiB of
+    /// message buffers. Call once, from one thread.
     void startThreads(unsigned count) QV_EXCLUDES(lock);
 
     /// Takes the connection over, and leaves `socket` null; it is polled within 10 ms. After

@@ -14,7 +14,7 @@ namespace qv
 /// before `main` and after it, from the constructor and the destructor of a static object.
 WENDREL_EXPORT void initializeWendrel();
 
-/// Counts one termination; the last takes down what the first initialisation brought up.
+/// Counts one termination; the last one undoes the first initialisation.
 /// Call after the last server has been destroyed. Any thread.
 WENDREL_EXPORT void terminateWendrel();
 

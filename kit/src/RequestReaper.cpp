@@ -86,7 +86,7 @@ void RequestReaper::run()
             const qvMutexLocker locker(&mMutex);
             while (mOver.empty() && !mStopping) {
                 mIdle = true;
-                mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+                mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
             }
             mIdle = false;
             const Deadline gathered(kGatherTime);

@@ -147,7 +147,7 @@ public:
         ++mVisits.arrived;
         mVisits.changed.wakeAll();
         while (mVisits.arrived != mVisits.expected)
-            mVisits.changed.wait(&mVisits.mutex, qvWaitCondition::kNoTimeOut);
+            mVisits.changed.wait(&mVisits.mutex, qvWaitCondition::kNoTimeout);
     }
 
 private:
@@ -274,7 +274,7 @@ void WebSocketHub::waitForNextLook()
 {
     if (mConnections.empty()) {
         while (!mWatchEnds && mConnections.empty())
-            mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+            mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
         return;
     }
     const Deadline next(kLookPeriod);
@@ -343,7 +343,7 @@ void WebSocketHub::leave(HubConnection& connection)
 {
     using Stay = HubConnection::Stay;
     while (connection.mStay == Stay::Leaving)
-        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
     if (connection.mStay == Stay::Left)
         return;
     connection.mStay = Stay::Leaving;
@@ -400,7 +400,7 @@ void WebSocketHub::endConnections(std::chrono::milliseconds limit)
     for (const HubConnection* connection : mConnections)
         ::shutdown(connection->mWatch, SHUT_RDWR);
     while (!mConnections.empty() || mLeaving != 0)
-        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
 }
 
 // Of what the system has taken, a reset would throw away what the client has not.
@@ -434,7 +434,7 @@ bool WebSocketHub::freeWorkers()
 
     const qvMutexLocker locker(&visits.mutex);
     while (visits.arrived != visits.expected)
-        visits.changed.wait(&visits.mutex, qvWaitCondition::kNoTimeOut);
+        visits.changed.wait(&visits.mutex, qvWaitCondition::kNoTimeout);
     // Nothing more is pending when a worker is about to hand its visitor back; only then may the
     // visitor be told to go, for the poll thread to destroy it.
     while (isAnyPending(visits))

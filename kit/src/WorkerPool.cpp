@@ -68,7 +68,7 @@ std::optional<WorkerPool::Task> WorkerPool::takeTask()
 {
     const qvMutexLocker locker(&mMutex);
     while (!mStopping && mQueue.empty())
-        mTaskQueued.wait(&mMutex, qvWaitCondition::kNoTimeOut);
+        mTaskQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
     if (mQueue.empty())
         return std::nullopt;
     std::optional<Task> task(std::move(mQueue.front()));

@@ -33,7 +33,7 @@ private:
     enum class State : uint8_t {
         Registered,
         Released,  // by another thread: the registry deletes it
-        Orphaned   // the registry is gone: the release deletes it
+        Orphaned   // the registry is deleted: the release deletes the context
     };
 
     ContextRegistry* mRegistry = nullptr;

@@ -1,5 +1,5 @@
-// The one door to the private fields of a request and its devices, for the daemon's callbacks
-// and for the devices themselves.
+// Access to the private fields of a request and its devices, for the daemon's callbacks and for the
+// devices themselves.
 #ifndef WENDREL_REQUEST_DISPATCHACCESS_H
 #define WENDREL_REQUEST_DISPATCHACCESS_H
 

@@ -13,7 +13,7 @@ namespace qv::impl
 namespace
 {
 
-// What may come next. Each value is the place of a state in a row of the table, in bits.
+// The bytes that may follow. Each value is the position of a state in a row of the table, in bits.
 enum State : uint64_t {
     kBoundary = 0,  // a sequence has ended, or none has begun
     kError = 6,
@@ -82,7 +82,7 @@ constexpr State after(State state, unsigned byte)
     }
 }
 
-// A row holds what follows each state, each in its place.
+// A row holds the successor of each state at the position of that state.
 constexpr uint64_t rowOf(unsigned byte)
 {
     uint64_t row = 0;
@@ -101,7 +101,7 @@ constexpr std::array<uint64_t, 256> makeRows()
 
 constexpr std::array<uint64_t, 256> kRows = makeRows();
 
-// The states of the table in its lowest bits; what is above them is left over.
+// The lowest bits hold a state of the table; the bits above are ignored.
 uint64_t step(uint64_t state, char byte)
 {
     return kRows[static_cast<unsigned char>(byte)] >> (state & kStateMask);

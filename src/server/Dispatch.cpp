@@ -1,5 +1,5 @@
-// One request on the daemon's side: made at its first call, fed with its body, answered when
-// the application is ready.
+// One request on the daemon's side: created at the first call, fed with its body, and responded to
+// when the application is ready.
 
 #include "server/Dispatch.h"
 
@@ -57,8 +57,8 @@ MHD_Result beginRequest(http::HttpServer& server, MHD_Connection* connection, co
     const char* upgrade = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Upgrade");
     const char* tokens = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Connection");
     const IpAddress clientAddress = clientAddressOf(connection);
-    if (AsksForUpgrade(upgrade, tokens))
-        return AnswerUpgrade(server, connection, method, version);
+    if (IsUpgradeRequest(upgrade, tokens))
+        return RespondToUpgrade(server, connection, method, version);
     context.request = server.getImpl().createRequest();
     HttpBaseRequest& request = *context.request;
     DispatchAccess::connection(request) = connection;
@@ -84,8 +84,8 @@ MHD_Result feedBody(HttpBaseRequest& request, const char* data, size_t* size)
     return MHD_YES;
 }
 
-// Runs on every call without data, not only on the first: the stored duration ends up as the
-// time until the answer was queued.
+// Runs on every call without data, not only on the first: the final value of the duration is the
+// time until the response was queued.
 void endBody(HttpBaseRequest& request, const ConnectionContext& context)
 {
     HttpReceiveDevice& device = request.getReceiveDevice();
@@ -110,9 +110,9 @@ void emitHead(HttpBaseRequest& request, HttpResponseInterface& head, MHD_Respons
     // NOLINTEND(performance-inefficient-string-concatenation)
 }
 
-// Sends the head and the given body, whatever way the daemon gets at it.
-MHD_Result queueAnswer(HttpBaseRequest& request, HttpResponseInterface& head,
-                       MHD_Connection* connection, MHD_Response* response)
+// Sends the head and the given body.
+MHD_Result queueResponse(HttpBaseRequest& request, HttpResponseInterface& head,
+                         MHD_Connection* connection, MHD_Response* response)
 {
     if (!response)
         return MHD_NO;
@@ -126,7 +126,7 @@ MHD_Result queueAnswer(HttpBaseRequest& request, HttpResponseInterface& head,
 MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
                       MHD_Connection* connection, std::vector<char>& body)
 {
-    const MHD_Result result = queueAnswer(
+    const MHD_Result result = queueResponse(
         request, head, connection,
         MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY));
     ChunkPool::Instance().give(std::move(body));
@@ -145,13 +145,13 @@ uint64_t streamLength(HttpResponseInterface& head, const HttpResponseDevice& dev
 MHD_Result queueStream(HttpBaseRequest& request, HttpResponseInterface& head,
                        MHD_Connection* connection)
 {
-    return queueAnswer(
+    return queueResponse(
         request, head, connection,
         MHD_create_response_from_callback(streamLength(head, request.getResponseDevice()),
                                           kStreamBlockBytes, &ReadContent, &request, nullptr));
 }
 
-// What the locked look at the response state decides.
+// The decision taken on the locked read of the response state.
 enum class Decision { Wait, Queued, Error, Whole, Stream };
 
 Decision decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body)
@@ -174,15 +174,15 @@ Decision decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vecto
     return Decision::Stream;
 }
 
-// The body is complete: queues the answer if the application is ready, waits a little if not.
-MHD_Result answer(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request)
+// The body is complete: queues the response if the application is ready, waits a little otherwise.
+MHD_Result respond(http::HttpServer& server, MHD_Connection* connection, HttpBaseRequest& request)
 {
     HttpResponseInterface& head = request.getResponse();
     HttpResponseDevice& device = request.getResponseDevice();
     Throttle& throttle = Throttle::OfThisThread();
 
     std::vector<char> body;
-    // The look without the lock is a shortcut: a waiting request comes here very often.
+    // The read without the lock is a shortcut: a waiting request is polled often.
     const Decision decision = DispatchAccess::responseState(device) == DispatchAccess::kNotReady
                                   ? Decision::Wait
                                   : decide(device, request, body);
@@ -241,7 +241,7 @@ MHD_Result HandleAccess(void* closure, MHD_Connection* connection, const char*, 
     if (*uploadSize != 0)
         return feedBody(request, uploadData, uploadSize);
     endBody(request, context);
-    return answer(server, connection, request);
+    return respond(server, connection, request);
 }
 
 }  // namespace qv::impl

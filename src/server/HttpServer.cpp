@@ -27,7 +27,7 @@ namespace
 
 constexpr size_t kConnectionMemoryBytes = 262144;
 constexpr int kStrictForClient = 1;
-constexpr unsigned long kStopLookMs = 200;
+constexpr unsigned long kStopCheckIntervalMs = 200;
 constexpr unsigned long kJoinLimitMs = 0x7fffffff;  // in effect none
 
 using CompletedCallback = void (*)(void*, MHD_Connection*, void**, MHD_RequestTerminationCode);
@@ -45,7 +45,7 @@ sockaddr_in addressOf(const HttpServer::Parameters& parameters)
 }
 
 // Whole seconds, rounded up, in single precision.
-unsigned int timeOutSeconds(uint32_t ms)
+unsigned int timeoutSeconds(uint32_t ms)
 {
     return static_cast<unsigned int>(std::ceil(static_cast<float>(ms) / 1000.0f));
 }
@@ -88,7 +88,7 @@ MHD_Daemon* startDaemon(HttpServer& server, const HttpServer::Parameters& parame
         reinterpret_cast<UriLogCallback>(HttpServerImpl::GetUriLogCallback()), noClosure,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemoryBytes, MHD_OPTION_LISTEN_BACKLOG_SIZE,
         static_cast<unsigned int>(parameters.listenBacklog), MHD_OPTION_CONNECTION_TIMEOUT,
-        timeOutSeconds(parameters.connectionTimeoutMs), MHD_OPTION_SOCK_ADDR,
+        timeoutSeconds(parameters.connectionTimeoutMs), MHD_OPTION_SOCK_ADDR,
         reinterpret_cast<const sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE,
         static_cast<unsigned int>(parameters.threadPoolSize), MHD_OPTION_NOTIFY_COMPLETED,
         reinterpret_cast<CompletedCallback>(HttpServerImpl::GetRequestCompletedCallback()),
@@ -175,7 +175,7 @@ void HttpServer::run()
     mState = Running;
     const impl::ChunkPool::User chunkPoolUser;
     while (!mStopRequested)
-        mWake.wait(&mMutex, kStopLookMs);
+        mWake.wait(&mMutex, kStopCheckIntervalMs);
     mImpl->onServerStopped();
     MHD_stop_daemon(daemon);
     mState = Stopped;

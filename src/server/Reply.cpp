@@ -1,4 +1,4 @@
-// Giving an answer to the daemon.
+// Queues responses of the library itself.
 
 #include "server/Reply.h"
 

@@ -1,4 +1,4 @@
-// Giving an answer to the daemon.
+// Responses of the library itself.
 #ifndef WENDREL_SERVER_REPLY_H
 #define WENDREL_SERVER_REPLY_H
 

@@ -46,14 +46,14 @@ MHD_Result switchProtocols(http::HttpServer& server, MHD_Connection* connection,
 
 }  // namespace
 
-bool AsksForUpgrade(const char* upgrade, const char* connection)
+bool IsUpgradeRequest(const char* upgrade, const char* connection)
 {
     return upgrade && connection && std::strcmp(upgrade, kUpgradeToken) == 0 &&
            std::strstr(connection, "Upgrade");
 }
 
-MHD_Result AnswerUpgrade(http::HttpServer& server, MHD_Connection* connection, const char* method,
-                         const char* version)
+MHD_Result RespondToUpgrade(http::HttpServer& server, MHD_Connection* connection,
+                            const char* method, const char* version)
 {
     // Required: 500, although it is the client that is wrong.
     if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0 ||

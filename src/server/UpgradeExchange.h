@@ -14,12 +14,12 @@ namespace qv::impl
 
 // Whether the two headers (null when absent) ask for an upgrade. Both are compared with
 // regard to case; "Upgrade" may stand anywhere in the connection header.
-bool AsksForUpgrade(const char* upgrade, const char* connection);
+bool IsUpgradeRequest(const char* upgrade, const char* connection);
 
-// Answers a request that asks for an upgrade: with 101, after which the daemon calls
-// `AcceptUpgraded`, or with what is wrong about it.
-MHD_Result AnswerUpgrade(http::HttpServer& server, MHD_Connection* connection, const char* method,
-                         const char* version);
+// Responds to an upgrade request: with 101, after which the daemon calls `AcceptUpgraded`, or with
+// an error.
+MHD_Result RespondToUpgrade(http::HttpServer& server, MHD_Connection* connection,
+                            const char* method, const char* version);
 
 // Called by the daemon when the 101 has been sent: wraps the socket and gives it to the
 // application. `closure` is the server.

@@ -59,7 +59,7 @@ ChunkPool::Chunk ChunkPool::take(size_t capacity)
 
 void ChunkPool::give(Chunk&& chunk)
 {
-    // What is not kept is freed at the end.
+    // Freed at the end unless it is kept.
     Chunk given = std::move(chunk);
     if (given.capacity() < kMinChunkBytes || given.capacity() > kMaxBytes || mUsers == 0 ||
         !reserveBytes(given.capacity()))

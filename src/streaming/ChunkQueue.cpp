@@ -15,16 +15,16 @@ void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_
     if (len == 0)
         return;
     std::vector<char>* const last = queue.empty() ? nullptr : &queue.back();
-    const size_t spare = last ? std::min(last->capacity() - last->size(), len) : 0;
+    const size_t space = last ? std::min(last->capacity() - last->size(), len) : 0;
     // The allocations come first: either all of the data is taken or none.
     std::list<std::vector<char>> rest;
-    if (spare < len) {
+    if (space < len) {
         std::vector<char>& chunk = rest.emplace_back();
-        chunk = ChunkPool::Instance().take(std::max(len - spare, kMinChunkBytes));
-        chunk.assign(data + spare, data + len);
+        chunk = ChunkPool::Instance().take(std::max(len - space, kMinChunkBytes));
+        chunk.assign(data + space, data + len);
     }
-    if (spare != 0)
-        last->insert(last->end(), data, data + spare);
+    if (space != 0)
+        last->insert(last->end(), data, data + space);
     queue.splice(queue.end(), rest);
 }
 

@@ -10,7 +10,7 @@
 namespace qv::impl
 {
 
-// Fills the last chunk's spare capacity, then puts all that remains into one new chunk.
+// Fills the free capacity of the last chunk, then puts the remaining bytes into one new chunk.
 void AppendToChunks(std::list<std::vector<char>>& queue, const char* data, size_t len);
 
 // Give chunks to the pool. Any thread, also while it holds a lock: no lock is taken.

@@ -1,4 +1,5 @@
-// The upload: fed by the daemon in pieces of any size, read by the worker in what it asks for.
+// The received body: fed by the daemon in pieces of any size, read by the worker in blocks of any
+// size.
 
 #include <Wendrel/HttpDevices.h>
 
@@ -20,7 +21,7 @@ namespace qv
 namespace
 {
 
-constexpr unsigned long kWaitSliceMs = 1000;
+constexpr unsigned long kWaitIntervalMs = 1000;
 constexpr int64_t kIdleLimitMs = 360000;
 
 bool isIdleTooLong(int64_t sinceMs)
@@ -122,7 +123,7 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
         if (!firstPass) {
             keepAliveStep();
             mWantedBytes = len - copied;
-            mDataArrived.wait(&mMutex, kWaitSliceMs);
+            mDataArrived.wait(&mMutex, kWaitIntervalMs);
             mWantedBytes = 0;
         }
         const uint64_t taken = takeFromQueue(buf + copied, len - copied);

@@ -1,4 +1,4 @@
-// The answer's body: filled by the worker, handed over chunk by chunk, drained by the daemon.
+// The response body: filled by the worker, handed over chunk by chunk, drained by the daemon.
 
 #include <Wendrel/HttpDevices.h>
 
@@ -22,7 +22,7 @@ namespace
 constexpr uint64_t kReadyLimitBytes = 262144;
 
 // A write later than this after the last hand-over hands over everything.
-constexpr int64_t kHandOverPeriodMs = 120000;
+constexpr int64_t kHandOverIntervalMs = 120000;
 
 }  // namespace
 
@@ -69,7 +69,7 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
     mFillBytes += len;
     mSentBytes += len;
 
-    if (mLastHandOverMs == impl::kTimeNotSet || nowMs - mLastHandOverMs > kHandOverPeriodMs)
+    if (mLastHandOverMs == impl::kTimeNotSet || nowMs - mLastHandOverMs > kHandOverIntervalMs)
         mFlushRequested = true;
     auto end = mFillQueue.begin();
     uint64_t bytes = 0;
@@ -91,7 +91,7 @@ void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
     // Required: one wait only. After it the chunks go over even above the limit. A connection
     // lost since the caller looked will wake nobody again, hence the second look.
     if (mReadyBytes > kReadyLimitBytes && !hasDeviceError())
-        mSpaceFreed->wait(mMutex.get(), qvWaitCondition::kNoTimeOut);
+        mSpaceFreed->wait(mMutex.get(), qvWaitCondition::kNoTimeout);
     mReadyQueue.splice(mReadyQueue.end(), mFillQueue, mFillQueue.begin(), end);
     mReadyBytes += bytes;
     mFillBytes -= bytes;
@@ -111,7 +111,7 @@ void HttpResponseDevice::endSending()
         mReadyBytes += mFillBytes;
         mFillBytes = 0;
     }
-    // Last: the dispatch looks at the flag and then at the size, without the lock. Whoever sees the
+    // Last: the dispatch reads the flag and then the size, without the lock. A reader that sees the
     // flag sees the size of the whole body.
     mCompleted = true;
 }
@@ -167,29 +167,29 @@ size_t HttpResponseDevice::sendChunksThreadSafe(void* buf, size_t max, bool& end
 {
     ended = endedToo = false;
     char* to = static_cast<char*>(buf);
-    size_t room = max;
+    size_t space = max;
     do {
-        if (mSendQueue.empty() && !takeOver(room, ended)) {
+        if (mSendQueue.empty() && !takeOver(space, ended)) {
             endedToo = ended;
             break;
         }
         const Chunk& front = mSendQueue.front();
-        const size_t part = std::min<size_t>(front.size() - mSendOffset, room);
+        const size_t part = std::min<size_t>(front.size() - mSendOffset, space);
         std::copy_n(front.data() + mSendOffset, part, to);
         to += part;
-        room -= part;
+        space -= part;
         mSendOffset += part;
         if (mSendOffset == front.size()) {
             impl::FreeFirstChunk(mSendQueue);
             mSendOffset = 0;
         }
-    } while (room != 0);
-    return max - room;
+    } while (space != 0);
+    return max - space;
 }
 
-// Takes the shortest run of ready chunks that fills `room`, at least one, or all there are. When
-// there are none, returns false and says whether the body has ended.
-bool HttpResponseDevice::takeOver(size_t room, bool& ended)
+// Takes the shortest run of ready chunks that fills `space`, at least one, or all of them. Without
+// ready chunks it returns false and tells whether the body has ended.
+bool HttpResponseDevice::takeOver(size_t space, bool& ended)
 {
     qvMutexLocker locker(mMutex.get());
     if (mReadyQueue.empty()) {
@@ -202,7 +202,7 @@ bool HttpResponseDevice::takeOver(size_t room, bool& ended)
     do {
         bytes += end->size();
         ++end;
-    } while (end != mReadyQueue.end() && bytes < room);
+    } while (end != mReadyQueue.end() && bytes < space);
     mReadyBytes -= bytes;
     mSendQueue.splice(mSendQueue.end(), mReadyQueue, mReadyQueue.begin(), end);
     return true;

@@ -1,4 +1,4 @@
-// The pacing of fruitless calls.
+// The pacing of unsuccessful polls.
 
 #include "streaming/Throttle.h"
 
@@ -47,7 +47,7 @@ int32_t Throttle::SleepMs(int64_t nowMs, int64_t lastSleepMs)
     // Required: 32-bit arithmetic, which wraps; done unsigned, where wrapping is defined.
     const uint32_t elapsedMs = static_cast<uint32_t>(nowMs) - static_cast<uint32_t>(lastSleepMs);
     return std::max(static_cast<int32_t>(static_cast<uint32_t>(kSpacingMs) - elapsedMs),
-                    kLeastSleepMs);
+                    kMinSleepMs);
 }
 
 }  // namespace qv::impl

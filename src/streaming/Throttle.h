@@ -1,4 +1,4 @@
-// How a daemon thread waits for an application that has nothing to send yet.
+// The wait of a daemon thread for an application that has nothing to send yet.
 #ifndef WENDREL_STREAMING_THROTTLE_H
 #define WENDREL_STREAMING_THROTTLE_H
 
@@ -14,22 +14,22 @@ namespace qv::impl
 class Throttle
 {
 public:
-    // Fruitless calls return at once for this long after the first.
+    // Unsuccessful polls return at once for this long after the first.
     static constexpr int64_t kGraceMs = 100;
-    // Afterwards they are spaced like this, sleeping at least kLeastSleepMs each.
+    // Afterwards they have this spacing, and each sleeps at least kMinSleepMs.
     static constexpr int32_t kSpacingMs = 45;
-    static constexpr int32_t kLeastSleepMs = 10;
+    static constexpr int32_t kMinSleepMs = 10;
     static constexpr int32_t kFirstSleepMs = 46;
 
     static Throttle& OfThisThread();
 
-    // The thread made progress: the next fruitless call starts a new grace.
+    // The thread made progress: the next unsuccessful poll starts a new grace.
     void reset();
 
-    // A fruitless call at `nowMs` for `waiting`, which only tells one request from another. Returns
-    // at once during the grace, otherwise sleeps. When the first one of a wait comes round again,
-    // all that wait on this thread have been asked in vain: the processor is offered to the
-    // application, which may need it to get ready.
+    // An unsuccessful poll at `nowMs` of the request `waiting`, which is only compared. Returns at
+    // once during the grace, otherwise sleeps. When the first request of a wait is polled again,
+    // all waiting requests of this thread have been polled without success: the processor is
+    // yielded to the application.
     void pause(const void* waiting, int64_t nowMs);
 
     int64_t waitSinceMs() const { return mWaitSinceMs; }
@@ -41,7 +41,7 @@ public:
 private:
     int64_t mWaitSinceMs = kTimeNotSet;
     int64_t mLastSleepMs = kTimeNotSet;
-    const void* mFirstWaiting = nullptr;  // since the wait began; only compared: it may be gone
+    const void* mFirstWaiting = nullptr;  // since the wait began; only compared: it may be deleted
 };
 
 }  // namespace qv::impl

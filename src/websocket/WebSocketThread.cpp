@@ -122,7 +122,7 @@ void WebSocketThread::getFirstWebSocket(std::unique_ptr<WebSocket>& socket)
 {
     qvMutexLocker locker(&lock);
     while (running && readySockets.empty())
-        workerWake.wait(&lock, qvWaitCondition::kNoTimeOut);
+        workerWake.wait(&lock, qvWaitCondition::kNoTimeout);
     if (!running)
         return;
     // The connection that the worker had before is destroyed with the entry.
@@ -198,7 +198,7 @@ void WebSocketThread::run()
     while (running) {
         if (newSockets.empty()) {
             pollThreadIdle = true;
-            pollWake.wait(&lock, qvWaitCondition::kNoTimeOut);
+            pollWake.wait(&lock, qvWaitCondition::kNoTimeout);
             pollThreadIdle = false;
             continue;
         }

@@ -102,7 +102,7 @@ bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeOutMs)
     shake();
     std::unique_lock<std::mutex> lock(mutex->mMutex, std::adopt_lock);
     bool woken = true;
-    if (timeOutMs == kNoTimeOut) {
+    if (timeOutMs == kNoTimeout) {
         ++stress::sWaits;
         ++stress::sWaiting;
         mCondition.wait(lock);

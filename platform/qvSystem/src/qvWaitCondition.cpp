@@ -25,7 +25,7 @@ bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeoutMs)
 {
     std::unique_lock<std::mutex> lock(mutex->mMutex, std::adopt_lock);
     bool woken = true;
-    if (timeoutMs == kNoTimeOut) {
+    if (timeoutMs == kNoTimeout) {
         mCondition.wait(lock);
     } else {
         const auto end = std::chrono::steady_clock::now() +

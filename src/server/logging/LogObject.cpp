@@ -32,7 +32,7 @@ qvLogObject::qvLogObject(int level, const char* category, const char* systemLogN
       mUrgent(level == kWarning || level == kError)
 {
     if (mSink) {
-        // Required: the switch of level 2 decides this, whatever the level of the statement.
+        // Required: the switch of level 2 decides this for statements of every level.
         if (mSink->isLevelEnabled(kInformation))
             mThreadId = qvThread::CurrentThreadId();
         if (!mSink->isLevelEnabled(level)) {

@@ -25,7 +25,7 @@ public:
     // flushed at once.
     explicit qvLogObject(int level, const char* category = nullptr,
                          const char* systemLogName = nullptr);
-    // Writes the entry; what the log throws passes through.
+    // Writes the entry; exceptions of the log pass through.
     ~qvLogObject() noexcept(false);
     qvLogObject(const qvLogObject&) = delete;
     qvLogObject& operator=(const qvLogObject&) = delete;

@@ -69,7 +69,7 @@ NOT_FOR_USERS = {
     "kit/src/Server.cpp kStateLookMs": "interval of checks during a start",
     "kit/src/WebSocketHub.cpp kShortLookMs": "interval of checks during a close",
     "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
-    "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeOut": "means: none",
+    "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeout": "means: none",
     "include/Wendrel/HttpServer.h Parameters::reserved1": "not used",
     "include/Wendrel/HttpServer.h Parameters::reserved2": "not used",
     "include/Wendrel/HttpServer.h Parameters::reserved3": "not used",

@@ -144,7 +144,7 @@ TEST_F(UpgradeExchange, IsToldByTheExactCaseOfTwoHeaders)
         {nullptr, nullptr, false},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(impl::AsksForUpgrade(row.upgrade, row.connection), row.asks)
+        EXPECT_EQ(impl::IsUpgradeRequest(row.upgrade, row.connection), row.asks)
             << (row.upgrade != nullptr ? row.upgrade : "none") << " / "
             << (row.connection != nullptr ? row.connection : "none");
 }

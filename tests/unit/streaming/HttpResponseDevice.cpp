@@ -399,7 +399,7 @@ TEST(HttpResponseDevice, WaitsOnceWithoutTimeOutAboveTheReadyLimit)
         if (row.flush)
             request.getResponseDevice().flush();
         EXPECT_THAT(time.waitTimeOuts(),
-                    std::vector<unsigned long>(row.waits, qvWaitCondition::kNoTimeOut));
+                    std::vector<unsigned long>(row.waits, qvWaitCondition::kNoTimeout));
         EXPECT_EQ(request.getResponseDevice().getDataSize(),
                   row.ready + (row.written >= kChunk || row.flush ? row.written : 0));
     }

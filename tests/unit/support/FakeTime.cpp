@@ -118,7 +118,7 @@ void FakeTime::State::endWait(Wait& wait, size_t wakesBefore)
     std::lock_guard<std::mutex> lock(mutex);
     // A wait without time-out can only end by being woken.
     wait.woken = wait.woken || wakes[wait.condition] != wakesBefore ||
-                 wait.timeOutMs == qvWaitCondition::kNoTimeOut;
+                 wait.timeOutMs == qvWaitCondition::kNoTimeout;
     if (!wait.woken)
         nowMs += static_cast<int64_t>(wait.timeOutMs);
     if (waits.size() < kMostRecords)

@@ -16,7 +16,7 @@ class QV_EXPORT qvWaitCondition
 {
 public:
     /// No timeout.
-    static constexpr unsigned long kNoTimeOut = static_cast<unsigned long>(-1);
+    static constexpr unsigned long kNoTimeout = static_cast<unsigned long>(-1);
 
     /// Nobody waits yet.
     qvWaitCondition();

@@ -91,8 +91,8 @@ TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
         static_cast<unsigned long>(LONG_MAX) / 1000000,  // the end of a count of nanoseconds
         static_cast<unsigned long>(LONG_MAX),
         static_cast<unsigned long>(LONG_MAX) + 1,
-        qvWaitCondition::kNoTimeOut - 1,
-        qvWaitCondition::kNoTimeOut,
+        qvWaitCondition::kNoTimeout - 1,
+        qvWaitCondition::kNoTimeout,
     };
     for (const unsigned long timeOutMs : rows) {
         SCOPED_TRACE(timeOutMs);
@@ -107,7 +107,7 @@ TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
 
 TEST(qvWaitCondition, NoTimeOutIsTheLargestNumber)
 {
-    EXPECT_EQ(qvWaitCondition::kNoTimeOut, ULONG_MAX);
+    EXPECT_EQ(qvWaitCondition::kNoTimeout, ULONG_MAX);
 }
 
 TEST(qvWaitCondition, WakesEveryWaitingThread)
