@@ -59,21 +59,46 @@ ContextRegistry::~ContextRegistry()
             context = next;
         }
     }
+    while (mPooled)
+        delete std::exchange(mPooled, mPooled->mNext);
 }
 
 ConnectionContext* ContextRegistry::Add(std::string uri, const void* connection)
 {
     ContextRegistry& registry = OfThisThread();
-    auto context = std::make_unique<ConnectionContext>();
+    ConnectionContext* const context = registry.takeContext();
     context->uri = std::move(uri);
     context->mRegistry = &registry;
     // Without a connection a context is known by its own address.
-    context->mConnection = connection ? connection : context.get();
+    context->mConnection = connection ? connection : context;
     registry.removeConnection(context->mConnection);
     ConnectionContext*& bucket = registry.bucketOf(context->mConnection);
     context->mNext = bucket;
-    bucket = context.get();
-    return context.release();
+    bucket = context;
+    return context;
+}
+
+ConnectionContext* ContextRegistry::takeContext()
+{
+    if (!mPooled)
+        return new ConnectionContext;
+    --mPooledCount;
+    return std::exchange(mPooled, mPooled->mNext);
+}
+
+// Pools or deletes a context that is in no chain.
+void ContextRegistry::recycle(ConnectionContext* context)
+{
+    if (mPooledCount == kMaxPooled || context->mState != ConnectionContext::State::Registered) {
+        delete context;
+        return;
+    }
+    std::string().swap(context->uri);  // assigning an empty text would keep the memory
+    context->startTimeMs = kTimeNotSet;
+    context->request = nullptr;
+    context->mNext = mPooled;
+    mPooled = context;
+    ++mPooledCount;
 }
 
 void ContextRegistry::Remove(ConnectionContext* context)
@@ -84,7 +109,7 @@ void ContextRegistry::Remove(ConnectionContext* context)
     // An orphan's registry may have the address of a new one.
     if (context->mRegistry == tRegistry && context->mState != State::Orphaned) {
         tRegistry->unlink(*context);
-        delete context;
+        tRegistry->recycle(context);
     } else if (context->mState.exchange(State::Released) == State::Orphaned) {
         delete context;
     }
@@ -104,7 +129,7 @@ void ContextRegistry::removeConnection(const void* connection)
     for (ConnectionContext** link = &bucketOf(connection); *link; link = &(*link)->mNext) {
         if ((*link)->mConnection != connection)
             continue;
-        delete std::exchange(*link, (*link)->mNext);
+        recycle(std::exchange(*link, (*link)->mNext));
         return;
     }
 }

@@ -37,15 +37,22 @@ private:
     // Chains stay short at the thousand connections that a daemon accepts.
     static constexpr size_t kBuckets = 256;
 
+    // Maximum number of deleted contexts that are pooled for later requests.
+    static constexpr size_t kMaxPooled = 64;
+
     ContextRegistry() = default;
 
     static ContextRegistry& OfThisThread();
 
     ConnectionContext*& bucketOf(const void* connection);
+    ConnectionContext* takeContext();
+    void recycle(ConnectionContext* context);
     void removeConnection(const void* connection);
     void unlink(const ConnectionContext& context);
 
     std::array<ConnectionContext*, kBuckets> mBuckets{};
+    ConnectionContext* mPooled = nullptr;
+    size_t mPooledCount = 0;
 };
 
 }  // namespace qv::impl

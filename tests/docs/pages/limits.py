@@ -29,6 +29,7 @@ NOT_FOR_USERS = {
     "src/streaming/ChunkPool.h kBusy": "a state",
     "src/request/ContextRegistry.cpp kMultiplier": "an algorithm's",
     "src/request/ContextRegistry.cpp kShift": "an algorithm's",
+    "src/request/ContextRegistry.h kMaxPooled": "contexts kept; some kilobytes",
     "src/request/ContextRegistry.h kBuckets": "hash chains; each is as long as it must be",
     "src/request/ConnectionContext.h kTimeNotSet": "marks a time that has not been set",
     "src/request/DispatchAccess.h kNotReady": "a state",
