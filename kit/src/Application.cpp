@@ -8,6 +8,8 @@
 
 #include <qvSystem/qvThread.h>
 
+#include <stdexcept>
+
 namespace qv::kit
 {
 namespace
@@ -84,6 +86,9 @@ void Application::serveOnWorker(Request* request)
         serve(*request);
     } catch (const std::exception& error) {
         onHandlerFailed(*request, error);
+    } catch (...) {
+        // The one place where application code is called: nothing it throws ends the process.
+        onHandlerFailed(*request, std::runtime_error("an exception that is no std::exception"));
     }
     release(request);
     mReaper.reap();

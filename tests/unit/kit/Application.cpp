@@ -171,7 +171,9 @@ TEST_F(ApplicationTest, AnswersForAHandlerThatThrows)
         request.reply(200, "text/plain", "text");
         throw std::runtime_error("on purpose");
     });
+    route("/number", [](Request&) { throw 42; });
     const std::string failed = "500 {\"error\":\"The server failed.\",\"status\":500}";
+    EXPECT_EQ(answer(arrive("/number")), failed);
     EXPECT_EQ(answer(arrive("/at-once")), failed);
     Request& prepared = arrive("/prepared");
     ASSERT_TRUE(waitForAnswer(prepared));

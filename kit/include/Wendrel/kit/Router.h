@@ -16,8 +16,8 @@ class Request;
 class Router
 {
 public:
-    /// Answers a request. Thread: a worker; a std::exception that it throws is
-    /// logged and answered 500, anything else ends the process.
+    /// Responds to a request. Thread: a worker. An exception that it throws is logged, and the
+    /// response is 500.
     using Handler = std::function<void(Request&)>;
 
     /// Adds a route for a set of methods (`HttpBaseRequest::GET | HttpBaseRequest::PUT`).
