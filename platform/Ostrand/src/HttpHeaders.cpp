@@ -36,7 +36,7 @@ constexpr std::array<uint8_t, 256> makeKinds()
     kinds['\t'] = 0;
     kinds[0x7F] = kForbidden;
     for (const char c : {',', '"', '('})
-        kinds[static_cast<size_t>(c)] = kDelimiter;
+        kinds[static_cast<unsigned char>(c)] = kDelimiter;
     return kinds;
 }
 
