@@ -40,15 +40,15 @@ RequestReaper::~RequestReaper()
 
 Request& RequestReaper::add(std::unique_ptr<Request> request)
 {
+    Request* const added = request.get();
     List entry;
     entry.push_back(std::move(request));
-    Request& added = *entry.front();
-    added.mReaper = this;
-    added.mPlace = entry.begin();
+    added->mReaper = this;
+    added->mPlace = entry.begin();
     const qvMutexLocker locker(&mMutex);
     mOpen.splice(mOpen.end(), entry);
     ++mCount;
-    return added;
+    return *added;
 }
 
 void RequestReaper::finished(Request& request)
