@@ -48,6 +48,7 @@ Request& RequestReaper::add(std::unique_ptr<Request> request)
     const qvMutexLocker locker(&mMutex);
     mOpen.splice(mOpen.end(), entry);
     ++mCount;
+    // cppcheck-suppress returnReference ; the list owns the request
     return *added;
 }
 
