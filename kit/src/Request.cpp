@@ -85,14 +85,14 @@ BodyResult Request::readWholeBody(uint64_t limitBytes, std::string& body)
     return result;
 }
 
-// Called about every second while the worker waits for the body. The daemon does not end the
-// wait of a reader whose client has gone.
 void Request::onCompleted(int)
 {
     if (mReaper)
         mReaper->completed(*this);
 }
 
+// Called about every second while the worker waits for the body. The daemon does not end the wait
+// when the connection is closed.
 void Request::onWaitingForData()
 {
     if (isCompleted())

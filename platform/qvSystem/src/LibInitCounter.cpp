@@ -30,8 +30,6 @@ struct Registry
     std::map<std::string, std::string> versions QV_GUARDED_BY(mutex);
 };
 
-// Made on first use and never destroyed: libraries and applications register while static
-// objects are still being made, and unregister while they are being destroyed.
 Registry& registry();
 
 void lockRegistry() QV_NO_THREAD_SAFETY_ANALYSIS
@@ -44,6 +42,8 @@ void unlockRegistry() QV_NO_THREAD_SAFETY_ANALYSIS
     registry().mutex.unlock();
 }
 
+// Made on first use and never destroyed: libraries and applications register while static
+// objects are still being made, and unregister while they are being destroyed.
 Registry& registry()
 {
     static Registry& theRegistry = *new Registry;
