@@ -27,10 +27,10 @@ NOT_OURS = {"src/websocket/WebSocketAccess.h"}
 
 # The programs that test a module: the first has the tests named after its files.
 PROGRAMS = {
-    "request": ("unit_library", "unit_server", "unit_faults"),
-    "streaming": ("unit_library", "unit_server", "unit_faults"),
-    "server": ("unit_server", "unit_faults"),
-    "websocket": ("unit_websocket", "unit_server", "unit_faults"),
+    "request": ("unit_library", "unit_server", "unit_failure_injection"),
+    "streaming": ("unit_library", "unit_server", "unit_failure_injection"),
+    "server": ("unit_server", "unit_failure_injection"),
+    "websocket": ("unit_websocket", "unit_server", "unit_failure_injection"),
 }
 ALL_PROGRAMS = list(dict.fromkeys(name for names in PROGRAMS.values() for name in names))
 
@@ -49,7 +49,7 @@ TESTS = {
 }
 
 # It has its own malloc, and so have the sanitizers.
-NOT_SANITIZED = {"unit_faults"}
+NOT_SANITIZED = {"unit_failure_injection"}
 
 
 class Campaign:

@@ -97,18 +97,18 @@ void qvMutexLocker::relock()
     shake();
 }
 
-bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeOutMs)
+bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeoutMs)
 {
     shake();
     std::unique_lock<std::mutex> lock(mutex->mMutex, std::adopt_lock);
     bool woken = true;
-    if (timeOutMs == kNoTimeout) {
+    if (timeoutMs == kNoTimeout) {
         ++stress::sWaits;
         ++stress::sWaiting;
         mCondition.wait(lock);
         --stress::sWaiting;
     } else {
-        woken = mCondition.wait_for(lock, std::chrono::milliseconds(timeOutMs)) ==
+        woken = mCondition.wait_for(lock, std::chrono::milliseconds(timeoutMs)) ==
                 std::cv_status::no_timeout;
     }
     lock.release();

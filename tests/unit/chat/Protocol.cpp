@@ -1,4 +1,4 @@
-// What client and server say to each other.
+// The messages between client and server.
 
 #include "Protocol.h"
 

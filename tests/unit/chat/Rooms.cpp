@@ -1,4 +1,4 @@
-// Who is where, and what has been said there.
+// The rooms, their members and their message history.
 
 #include "Rooms.h"
 
@@ -26,7 +26,7 @@ public:
     void deliverText(const std::string& text) override { heard.push_back(text); }
     void deliverBinary(std::string_view bytes) override { heard.emplace_back(bytes); }
 
-    // What has come since the last call.
+    // Returns and removes the messages received since the last call.
     std::vector<std::string> take() { return std::exchange(heard, {}); }
 
     std::vector<std::string> heard;

@@ -66,7 +66,7 @@ TEST(FileName, RefusesWhatIsNoNameAndSaysWhy)
         {"line feed", "a\nb", "A name cannot contain control characters."},
         {"carriage return", "a\rb", "A name cannot contain control characters."},
         {"escape", "a\x1b[2J", "A name cannot contain control characters."},
-        {"last below blank", "a\x1f", "A name cannot contain control characters."},
+        {"last control character", "a\x1f", "A name cannot contain control characters."},
         {"delete", "a\x7f", "A name cannot contain control characters."},
         {"first C1 control", "a\xc2\x80", "A name cannot contain control characters."},
         {"last C1 control", "a\xc2\x9f", "A name cannot contain control characters."},

@@ -1,4 +1,4 @@
-// The directory: what can be reached in it and what uploads leave behind.
+// The directory: the files it serves, and the files that uploads leave in it.
 
 #include "FileStore.h"
 

@@ -1,4 +1,4 @@
-// What is added to the page each time it is sent.
+// The page, its nonce and its policy.
 
 #include "Page.h"
 

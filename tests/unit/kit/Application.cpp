@@ -84,8 +84,8 @@ protected:
         return static_cast<Request&>(*request);
     }
 
-    // Waits until the worker has answered.
-    static bool waitForAnswer(Request& request)
+    // Waits until the worker has announced the response.
+    static bool waitForResponse(Request& request)
     {
         const auto end = std::chrono::steady_clock::now() + kLimit;
         while (!IsReadyForDaemon(request)) {
@@ -96,11 +96,11 @@ protected:
         return true;
     }
 
-    // What the client gets; then the request is completed.
-    std::string answer(Request& request)
+    // Completes the request and returns the response as the client receives it.
+    std::string response(Request& request)
     {
-        if (!waitForAnswer(request))
-            return "no answer";
+        if (!waitForResponse(request))
+            return "no response";
         std::string text = std::to_string(request.getHead().getStatusCode()) + " ";
         bool ended = false;
         while (!ended && !request.getResponseDevice().hasDeviceError())
@@ -126,15 +126,15 @@ TEST_F(ApplicationTest, ServesByItsRouterAndCounts)
     Request& second = arrive("/b");
     EXPECT_EQ(mApplication->getRequestCount(), 2u);
     EXPECT_EQ(mApplication->getOpenCount(), 2u);
-    EXPECT_EQ(answer(second), "200 Hello, b");
-    EXPECT_EQ(answer(first), "200 Hello, a");
+    EXPECT_EQ(response(second), "200 Hello, b");
+    EXPECT_EQ(response(first), "200 Hello, a");
     EXPECT_TRUE(mApplication->drain(kLimit));
     EXPECT_EQ(mApplication->getOpenCount(), 0u);
     EXPECT_EQ(mApplication->getRequestCount(), 2u);
     EXPECT_EQ(CountedRequest::sLive, 0);
 }
 
-TEST_F(ApplicationTest, AnswersForAHandlerThatDoesNot)
+TEST_F(ApplicationTest, RespondsForAHandlerThatDoesNot)
 {
     make(1, 10);
     route("/nothing", [](Request&) {});
@@ -145,16 +145,16 @@ TEST_F(ApplicationTest, AnswersForAHandlerThatDoesNot)
         request.write("text", 4);
     });
     route("/started", [](Request& request) { request.startStream(); });
-    EXPECT_EQ(answer(arrive("/nothing")),
+    EXPECT_EQ(response(arrive("/nothing")),
               "500 {\"error\":\"The request was not answered.\",\"status\":500}");
-    EXPECT_EQ(answer(arrive("/head")),
+    EXPECT_EQ(response(arrive("/head")),
               "500 {\"error\":\"The request was not answered.\",\"status\":500}");
-    EXPECT_EQ(answer(arrive("/begun")), "200 text");
-    EXPECT_THAT(answer(arrive("/short")), ::testing::EndsWith(" cut off"));
-    EXPECT_EQ(answer(arrive("/started")), "200 ");
+    EXPECT_EQ(response(arrive("/begun")), "200 text");
+    EXPECT_THAT(response(arrive("/short")), ::testing::EndsWith(" cut off"));
+    EXPECT_EQ(response(arrive("/started")), "200 ");
 }
 
-TEST_F(ApplicationTest, AnswersForAHandlerThatThrows)
+TEST_F(ApplicationTest, RespondsForAHandlerThatThrows)
 {
     make(1, 10);
     route("/at-once", [](Request&) { throw std::runtime_error("on purpose"); });
@@ -167,20 +167,20 @@ TEST_F(ApplicationTest, AnswersForAHandlerThatThrows)
         request.write("text", 4);
         throw std::runtime_error("on purpose");
     });
-    route("/answered", [](Request& request) {
+    route("/replied", [](Request& request) {
         request.reply(200, "text/plain", "text");
         throw std::runtime_error("on purpose");
     });
     route("/number", [](Request&) { throw 42; });
     const std::string failed = "500 {\"error\":\"The server failed.\",\"status\":500}";
-    EXPECT_EQ(answer(arrive("/number")), failed);
-    EXPECT_EQ(answer(arrive("/at-once")), failed);
+    EXPECT_EQ(response(arrive("/number")), failed);
+    EXPECT_EQ(response(arrive("/at-once")), failed);
     Request& prepared = arrive("/prepared");
-    ASSERT_TRUE(waitForAnswer(prepared));
+    ASSERT_TRUE(waitForResponse(prepared));
     EXPECT_EQ(prepared.getHead().getHeader("X-Half"), "");
-    EXPECT_EQ(answer(prepared), failed);
-    EXPECT_THAT(answer(arrive("/begun")), ::testing::EndsWith(" cut off"));
-    EXPECT_EQ(answer(arrive("/answered")), "200 text");
+    EXPECT_EQ(response(prepared), failed);
+    EXPECT_THAT(response(arrive("/begun")), ::testing::EndsWith(" cut off"));
+    EXPECT_EQ(response(arrive("/replied")), "200 text");
 }
 
 TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)
@@ -198,14 +198,14 @@ TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)
     Request& refused = arrive("/");
     EXPECT_TRUE(IsReadyForDaemon(refused));
     EXPECT_EQ(refused.getHead().getHeader("Retry-After"), "1");
-    EXPECT_EQ(answer(refused), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+    EXPECT_EQ(response(refused), "503 {\"error\":\"The server is busy.\",\"status\":503}");
     latch.open();
     for (Request* request : {&running, &second, &third})
-        EXPECT_EQ(answer(*request), "200 text");
+        EXPECT_EQ(response(*request), "200 text");
     EXPECT_TRUE(mApplication->drain(kLimit));
 }
 
-TEST_F(ApplicationTest, RefusesWhileItDrainsAndAnswersWhatRuns)
+TEST_F(ApplicationTest, RefusesWhileItDrainsAndFinishesRunningRequests)
 {
     make(1, 10);
     Latch latch;
@@ -217,10 +217,10 @@ TEST_F(ApplicationTest, RefusesWhileItDrainsAndAnswersWhatRuns)
     ASSERT_TRUE(latch.waitForArrivals(1));
     Request& queued = arrive("/");
     EXPECT_FALSE(mApplication->drain(std::chrono::milliseconds(0)));
-    EXPECT_EQ(answer(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+    EXPECT_EQ(response(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
     latch.open();
-    EXPECT_EQ(answer(running), "200 text");
-    EXPECT_EQ(answer(queued), "200 text");
+    EXPECT_EQ(response(running), "200 text");
+    EXPECT_EQ(response(queued), "200 text");
     EXPECT_TRUE(mApplication->drain(kLimit));
 }
 
@@ -231,8 +231,8 @@ TEST_F(ApplicationTest, RefusesWhenItsWorkersHaveStopped)
     Request& before = arrive("/");
     mApplication->stopWorkers();
     EXPECT_TRUE(IsReadyForDaemon(before));
-    EXPECT_EQ(answer(before), "200 text");
-    EXPECT_EQ(answer(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
+    EXPECT_EQ(response(before), "200 text");
+    EXPECT_EQ(response(arrive("/")), "503 {\"error\":\"The server is busy.\",\"status\":503}");
 }
 
 TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
@@ -261,16 +261,16 @@ TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
     make(1, 10);
     Latch latches[2];
     std::promise<std::thread::id> worker;
-    const auto answerWith = [](Request& request) { request.reply(200, "text/plain", "text"); };
-    route("/held", answerWith);
+    const auto replyWithText = [](Request& request) { request.reply(200, "text/plain", "text"); };
+    route("/held", replyWithText);
     route("/over", [&](Request& request) {
         latches[0].wait();
-        answerWith(request);
+        replyWithText(request);
     });
     route("/last", [&](Request& request) {
         worker.set_value(std::this_thread::get_id());
         latches[1].wait();
-        answerWith(request);
+        replyWithText(request);
     });
 
     auto begun = std::make_shared<std::promise<void>>();
@@ -301,7 +301,7 @@ TEST_F(ApplicationTest, DeletesARequestThatIsOverOnTheWorkerThatFinishesTheNext)
     EXPECT_TRUE(mApplication->drain(kLimit));
 }
 
-TEST_F(ApplicationTest, HasABodyForWhatTheLibraryAnswersByItself)
+TEST_F(ApplicationTest, HasABodyForTheLibrarysOwnResponses)
 {
     make(1, 1);
     EXPECT_EQ(mApplication->getErrorBody(), "{\"error\":\"The server failed.\",\"status\":500}");

@@ -1,4 +1,4 @@
-// Reading a body to its end, and answering in the ways that cannot hang.
+// Reading a request body to its end, and responding without blocking.
 
 #include <Wendrel/kit/Request.h>
 
@@ -20,7 +20,7 @@ namespace
 
 constexpr size_t kChunkBytes = 65536;
 
-// What was asked.
+// Request properties.
 
 TEST(Request, ShowsTheFirstValueOfAHeader)
 {
@@ -164,7 +164,7 @@ TEST(Request, StopsReadingAsSoonAsABodyIsTooLarge)
     EXPECT_LE(request.getReceiveDevice().getReceivedBytes(), 2 * kChunkBytes);
 }
 
-TEST(Request, AClientThatHasGoneEndsTheReading)
+TEST(Request, AClosedConnectionEndsTheReading)
 {
     for (const auto code : {MHD_REQUEST_TERMINATED_CLIENT_ABORT, MHD_REQUEST_TERMINATED_WITH_ERROR,
                             MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN}) {
@@ -195,9 +195,9 @@ TEST(Request, AClientThatGoesWhileItIsWaitedForEndsTheReading)
     completing.join();
 }
 
-// The answer in one go.
+// Responses by reply().
 
-struct AnswerRow
+struct ReplyRow
 {
     const char* name;
     const char* method;
@@ -205,11 +205,11 @@ struct AnswerRow
     const char* body;
     int64_t length;       // as declared
     const char* sent;     // of the body
-    bool ended;           // what the daemon would send from one buffer, with the buffer's length
+    bool ended;           // the daemon sends the body from one buffer, of the buffer's length
     bool upload = false;  // the request has a body
 };
 
-const AnswerRow kAnswers[] = {
+const ReplyRow kReplies[] = {
     {"GET", "GET", 200, "text", 4, "text", true},
     {"GET, nothing", "GET", 200, "", 0, "", true},
     {"PUT", "PUT", 201, "text", 4, "text", true, true},
@@ -226,7 +226,7 @@ const AnswerRow kAnswers[] = {
 
 TEST(Request, RepliesWithABodyOnlyWhereThereIsOne)
 {
-    for (const AnswerRow& row : kAnswers) {
+    for (const ReplyRow& row : kReplies) {
         SCOPED_TRACE(row.name);
         ServedRequest request(row.method);
         if (row.upload)
@@ -266,7 +266,7 @@ TEST(Request, RepliesWithTheLengthSetBeforeWhereThereIsNoBody)
     }
 }
 
-TEST(Request, EndsTheAnswerToAChunkedUploadThatNobodyReads)
+TEST(Request, EndsTheResponseToAChunkedUploadThatNobodyReads)
 {
     ServedRequest request("HEAD");
     request.addHeader("Transfer-Encoding", "chunked");
@@ -274,7 +274,7 @@ TEST(Request, EndsTheAnswerToAChunkedUploadThatNobodyReads)
     EXPECT_TRUE(request.isEnded());
 }
 
-TEST(Request, HasTheWholeAnswerReadyWhenItIsAnnounced)
+TEST(Request, HasTheWholeResponseReadyWhenItIsAnnounced)
 {
     const std::string body(300000, 'x');  // more than a writer may have ready without a wait
     ServedRequest request;
@@ -284,7 +284,7 @@ TEST(Request, HasTheWholeAnswerReadyWhenItIsAnnounced)
     EXPECT_TRUE(request.isEnded());
 }
 
-TEST(Request, IsAnsweredOnce)
+TEST(Request, SendsOneResponse)
 {
     ServedRequest request;
     EXPECT_TRUE(request.reply(200, "a/b", "first"));
@@ -297,7 +297,7 @@ TEST(Request, IsAnsweredOnce)
     EXPECT_EQ(request.sent(), "first");
 }
 
-TEST(Request, IsNotAnsweredWhenTheClientIsGone)
+TEST(Request, SendsNoResponseOnAClosedConnection)
 {
     Completer daemon;
     ServedRequest request;
@@ -335,7 +335,7 @@ TEST(Request, SaysErrorsInJsonWhateverTheMessageIs)
     }
 }
 
-// The answer in pieces.
+// Responses by startStream() and write().
 
 TEST(Request, StreamsABodyOfUnknownLength)
 {
@@ -366,7 +366,7 @@ TEST(Request, AWriteStartsTheStream)
     EXPECT_EQ(request.sent(), "text");
 }
 
-TEST(Request, FinishWithoutAWordIsAnEmptyAnswer)
+TEST(Request, FinishWithoutWritingSendsAnEmptyResponse)
 {
     ServedRequest request;
     request.finish();
@@ -472,7 +472,7 @@ TEST(Request, WritesNothingWhereThereIsNoBody)
     }
 }
 
-TEST(Request, AWriterWhoSendsNothingStillLearnsThatTheClientIsGone)
+TEST(Request, AWriterOfNothingLearnsThatTheConnectionIsClosed)
 {
     Completer daemon;
     ServedRequest request("HEAD");
@@ -484,18 +484,18 @@ TEST(Request, AWriterWhoSendsNothingStillLearnsThatTheClientIsGone)
 TEST(Request, WritesALargeBlockInBoundedMemory)
 {
     constexpr size_t kBlockBytes = 8 * 1024 * 1024;
-    constexpr size_t kMostReadyBytes = 262144 + 2 * kChunkBytes;
+    constexpr size_t kMaxReadyBytes = 262144 + 2 * kChunkBytes;
     ServedRequest request;
     std::string block(kBlockBytes, '\0');
     for (size_t i = 0; i < block.size(); ++i)
         block[i] = static_cast<char>(i * 31 + i / 251);
     ASSERT_TRUE(request.startStream());
     std::string sent;
-    size_t mostReady = 0;
+    size_t maxReady = 0;
     std::thread daemon([&] {
         std::vector<char> piece(10000);
         for (bool ended = false, endedToo = false; !ended;) {
-            mostReady = std::max(mostReady, request.getResponseDevice().getDataSize());
+            maxReady = std::max(maxReady, request.getResponseDevice().getDataSize());
             const size_t got = request.getResponseDevice().sendChunksThreadSafe(
                 piece.data(), piece.size(), ended, endedToo);
             sent.append(piece.data(), got);
@@ -507,7 +507,7 @@ TEST(Request, WritesALargeBlockInBoundedMemory)
     request.finish();
     daemon.join();
     EXPECT_TRUE(sent == block);
-    EXPECT_LE(mostReady, kMostReadyBytes);
+    EXPECT_LE(maxReady, kMaxReadyBytes);
 }
 
 TEST(Request, ALostClientEndsALargeWrite)
@@ -529,7 +529,7 @@ TEST(Request, ALostClientEndsALargeWrite)
 
 // Failing.
 
-TEST(Request, AbandonBeforeTheAnswerAnnouncesAnError)
+TEST(Request, AbandonBeforeTheResponseAnnouncesAnError)
 {
     ServedRequest request;
     request.abandon("reason");
@@ -539,7 +539,7 @@ TEST(Request, AbandonBeforeTheAnswerAnnouncesAnError)
     EXPECT_FALSE(request.reply(200, "a/b", "text"));
 }
 
-TEST(Request, AbandonInTheMiddleCutsTheAnswerOff)
+TEST(Request, AbandonInTheMiddleCutsTheResponseOff)
 {
     ServedRequest request;
     EXPECT_TRUE(request.write("text", 4));
@@ -550,7 +550,7 @@ TEST(Request, AbandonInTheMiddleCutsTheAnswerOff)
     EXPECT_FALSE(request.isEnded());
 }
 
-TEST(Request, AbandonLeavesAnAnswerThatHasEnded)
+TEST(Request, AbandonLeavesAResponseThatHasEnded)
 {
     ServedRequest request;
     EXPECT_TRUE(request.reply(200, "a/b", "text"));
@@ -559,7 +559,7 @@ TEST(Request, AbandonLeavesAnAnswerThatHasEnded)
     EXPECT_EQ(request.sent(), "text");
 }
 
-TEST(Request, FailsWithNothingOfTheAnswerThatWasMeant)
+TEST(Request, FailsWithNothingOfThePreparedResponse)
 {
     ServedRequest request;
     request.getHead().setHeader("Cache-Control", "max-age=3600");
@@ -573,7 +573,7 @@ TEST(Request, FailsWithNothingOfTheAnswerThatWasMeant)
     EXPECT_TRUE(request.isEnded());
 }
 
-TEST(Request, FailingInTheMiddleCutsTheAnswerOff)
+TEST(Request, FailingInTheMiddleCutsTheResponseOff)
 {
     ServedRequest request;
     EXPECT_TRUE(request.write("text", 4));
@@ -582,7 +582,7 @@ TEST(Request, FailingInTheMiddleCutsTheAnswerOff)
     EXPECT_EQ(request.status(), 200u);
 }
 
-TEST(Request, FailingAfterTheEndLeavesTheAnswer)
+TEST(Request, FailingAfterTheEndLeavesTheResponse)
 {
     ServedRequest request;
     EXPECT_TRUE(request.reply(200, "a/b", "text"));

@@ -1,4 +1,4 @@
-// The head of an answer.
+// The head of a response.
 
 #include <Wendrel/kit/ResponseHead.h>
 

@@ -1,4 +1,4 @@
-// From method and path to the function that answers.
+// The choice of the handler by method and path.
 
 #include <Wendrel/kit/Router.h>
 
@@ -16,15 +16,15 @@ namespace
 
 using Http = HttpBaseRequest;
 
-// Which handler of a router answers a target; "404", "405" and so on when none does.
-std::string answerer(const Router& router, const std::string& target, const char* method = "GET")
+// The name of the handler that a router chooses for a target; the status code when there is none.
+std::string handlerOf(const Router& router, const std::string& target, const char* method = "GET")
 {
     ServedRequest request(method, target);
     router.dispatch(request);
     return request.status() == 200 ? request.sent() : std::to_string(request.status());
 }
 
-// Answers with the name and, after a "|", the values of the parameters.
+// Responds with the name and, after a "|", the values of the parameters.
 Router::Handler say(const std::string& name, const std::vector<std::string>& parameters = {})
 {
     return [name, parameters](Request& request) {
@@ -37,7 +37,7 @@ Router::Handler say(const std::string& name, const std::vector<std::string>& par
 
 TEST(Router, FindsNothingWhenItIsEmpty)
 {
-    EXPECT_EQ(answerer(Router(), "/"), "404");
+    EXPECT_EQ(handlerOf(Router(), "/"), "404");
 }
 
 TEST(Router, MatchesSegments)
@@ -46,7 +46,7 @@ TEST(Router, MatchesSegments)
     {
         const char* pattern;
         const char* target;
-        const char* answer;
+        const char* handler;
     } rows[] = {
         {"/", "/", "found||"},
         {"/", "/a", "404"},
@@ -91,7 +91,7 @@ TEST(Router, MatchesSegments)
         SCOPED_TRACE(std::string(row.pattern) + " and " + row.target);
         Router router;
         ASSERT_TRUE(router.add(Http::GET, row.pattern, say("found", {"x", "y"})));
-        EXPECT_EQ(answerer(router, row.target), row.answer);
+        EXPECT_EQ(handlerOf(router, row.target), row.handler);
     }
 }
 
@@ -100,7 +100,7 @@ TEST(Router, PrefersThePatternThatIsLiteralEarlier)
     const struct
     {
         const char* target;
-        const char* answer;
+        const char* handler;
     } rows[] = {
         {"/a/b", "literal"},          {"/a/x", "one last|x"},
         {"/x/b", "one first|x"},      {"/x/y", "two|x|y"},
@@ -128,8 +128,8 @@ TEST(Router, PrefersThePatternThatIsLiteralEarlier)
         ASSERT_TRUE(backward.add(Http::GET, route->pattern, route->handler));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.target);
-        EXPECT_EQ(answerer(forward, row.target), row.answer);
-        EXPECT_EQ(answerer(backward, row.target), row.answer);
+        EXPECT_EQ(handlerOf(forward, row.target), row.handler);
+        EXPECT_EQ(handlerOf(backward, row.target), row.handler);
     }
 }
 
@@ -144,7 +144,7 @@ TEST(Router, RefusesMalformedPatternsAndAddsNothing)
         Router router;
         EXPECT_FALSE(router.add(Http::GET, pattern, say("found")));
         for (const char* target : {"/", "/a", "/a/b", "/x", "/%7B", "/%7B%7D"})
-            EXPECT_EQ(answerer(router, target), "404");
+            EXPECT_EQ(handlerOf(router, target), "404");
     }
 }
 
@@ -153,8 +153,8 @@ TEST(Router, ASecondHandlerReplacesTheFirst)
     Router router;
     ASSERT_TRUE(router.add(Http::GET | Http::PUT, "/{x}", say("first", {"x", "y"})));
     ASSERT_TRUE(router.add(Http::PUT, "/{x}", say("second", {"x", "y"})));
-    EXPECT_EQ(answerer(router, "/a", "GET"), "first|a|");
-    EXPECT_EQ(answerer(router, "/a", "PUT"), "second|a|");
+    EXPECT_EQ(handlerOf(router, "/a", "GET"), "first|a|");
+    EXPECT_EQ(handlerOf(router, "/a", "PUT"), "second|a|");
 }
 
 TEST(Router, EachMethodHasTheNamesOfItsOwnPattern)
@@ -162,10 +162,10 @@ TEST(Router, EachMethodHasTheNamesOfItsOwnPattern)
     Router router;
     ASSERT_TRUE(router.add(Http::GET, "/{x}", say("get", {"x", "y"})));
     ASSERT_TRUE(router.add(Http::PUT, "/{y}", say("put", {"x", "y"})));
-    EXPECT_EQ(answerer(router, "/a", "GET"), "get|a|");
-    EXPECT_EQ(answerer(router, "/a", "PUT"), "put||a");
+    EXPECT_EQ(handlerOf(router, "/a", "GET"), "get|a|");
+    EXPECT_EQ(handlerOf(router, "/a", "PUT"), "put||a");
     ASSERT_TRUE(router.add(Http::GET, "/{y}", say("other get", {"x", "y"})));
-    EXPECT_EQ(answerer(router, "/a", "GET"), "other get||a");
+    EXPECT_EQ(handlerOf(router, "/a", "GET"), "other get||a");
 }
 
 TEST(Router, NamesTheAllowedMethodsInTheirOrder)
@@ -202,8 +202,8 @@ TEST(Router, TheBestPatternDecidesAboutTheMethods)
     Router router;
     ASSERT_TRUE(router.add(Http::GET, "/a", say("get")));
     ASSERT_TRUE(router.add(Http::PUT, "/{x}", say("put")));
-    EXPECT_EQ(answerer(router, "/a", "PUT"), "405");
-    EXPECT_EQ(answerer(router, "/b", "PUT"), "put");
+    EXPECT_EQ(handlerOf(router, "/a", "PUT"), "405");
+    EXPECT_EQ(handlerOf(router, "/b", "PUT"), "put");
 }
 
 TEST(Router, GivesHeadToTheHandlerOfGetUnlessItHasItsOwn)
@@ -228,7 +228,7 @@ TEST(Router, GivesHeadToTheHandlerOfGetUnlessItHasItsOwn)
     EXPECT_EQ(called, "get head-both ");
 }
 
-TEST(Router, AnswersABadRequestFirst)
+TEST(Router, Responds400ToABadRequestFirst)
 {
     Router router;
     ASSERT_TRUE(router.add(Http::GET, "/{x*}", say("found")));
@@ -240,7 +240,7 @@ TEST(Router, AnswersABadRequestFirst)
     EXPECT_EQ(request.sent(), "{\"error\":\"bad \\\"thing\\\"\",\"status\":400}");
 }
 
-TEST(Router, AnswersAnUnknownAddressInJson)
+TEST(Router, Responds404InJson)
 {
     ServedRequest request("GET", "/a");
     Router().dispatch(request);
@@ -253,8 +253,8 @@ TEST(Router, AMethodThatNobodyKnowsIsABadRequest)
 {
     Router router;
     ASSERT_TRUE(router.add(Http::GET, "/a", say("found")));
-    EXPECT_EQ(answerer(router, "/a", "BREW"), "400");
-    EXPECT_EQ(answerer(router, "/b", "BREW"), "400");
+    EXPECT_EQ(handlerOf(router, "/a", "BREW"), "400");
+    EXPECT_EQ(handlerOf(router, "/b", "BREW"), "400");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Requests of the kit without a server: what the daemon would do with them is done by the test.
+// Requests of the kit without a server. The tests call the library in place of the daemon.
 #ifndef WENDREL_TESTS_UNIT_KIT_SUPPORT_H
 #define WENDREL_TESTS_UNIT_KIT_SUPPORT_H
 
@@ -27,10 +27,10 @@ using qv::tests::kLimit;
 using qv::tests::Latch;
 using qv::tests::waitUntil;
 
-// Long enough for what must not happen to happen, were it to.
+// How long a test waits before it concludes that an event does not occur.
 constexpr std::chrono::milliseconds kWhile{100};
 
-// Takes all bytes that the daemon could send of an answer now.
+// Takes all bytes of a response that the daemon could send now.
 inline std::string TakeSent(HttpBaseRequest& request, bool* ended = nullptr)
 {
     std::string bytes;
@@ -48,7 +48,7 @@ inline std::string TakeSent(HttpBaseRequest& request, bool* ended = nullptr)
     return bytes;
 }
 
-// Says that the answer of the request may be sent, as the daemon sees it.
+// True when the daemon sees the response as ready to be sent.
 inline bool IsReadyForDaemon(HttpBaseRequest& request)
 {
     return impl::DispatchAccess::responseState(request.getResponseDevice()) ==
@@ -69,7 +69,7 @@ public:
     uint32_t status() { return getHead().getStatusCode(); }
     std::string sent() { return TakeSent(*this); }
 
-    // True when the daemon, having fetched everything, would end the answer.
+    // True when the daemon, after fetching every byte, would end the response.
     bool isEnded()
     {
         bool ended = false;

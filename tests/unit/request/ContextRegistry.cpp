@@ -142,7 +142,7 @@ TEST(ContextRegistry, KeepsContextsWithARequestBeyondTheirThread)
             contexts.back()->request = request;
         }
     });
-    // The new registry may have the address of the one that is gone.
+    // The new registry may have the address of the destroyed one.
     onAThread([&] {
         ConnectionContext* own = ContextRegistry::Add("/own", kConnections);
         for (ConnectionContext* context : contexts) {

@@ -11,7 +11,7 @@ namespace qv::tests
 namespace
 {
 
-// What the platform's parser says about a target behind the fixed base.
+// The error text of the platform's parser for a target behind the fixed base.
 std::string ParserError(const std::string& target)
 {
     http::HttpUrl url;
@@ -114,7 +114,7 @@ TEST(RequestTarget, ThatDoesNotParseIsReplacedAndTheParsersTextReported)
         {"asterisk form", "*"},
         {"absolute form", "http://www.example.org/x"},
         {"digits that make the port too large", "123"},
-        {"a blank", "/a b"},
+        {"a space", "/a b"},
         {"a control character", "/a\x01"},
         {"a NUL", std::string("/a\0b", 4)},
         {"a percent sign alone", "/%"},
@@ -144,7 +144,7 @@ TEST(RequestTarget, RequiredDigitsWithoutSlashBecomePartOfThePort)
     EXPECT_EQ(request.getOriginalFullUrl(), "81/x");
 }
 
-// The base becomes user information, what follows the host.
+// The base becomes user information, the text behind the at sign becomes the host.
 TEST(RequestTarget, RequiredAtSignMakesTheHostWhatTheClientSays)
 {
     TestRequest request;

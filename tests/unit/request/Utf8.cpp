@@ -88,7 +88,7 @@ std::string Hex(const std::string& text)
     return hex;
 }
 
-// Counts what differs from the grammar and keeps the first example.
+// Counts the differences from the grammar and keeps the first one.
 class Comparison
 {
 public:
@@ -286,7 +286,7 @@ TEST(Utf8, TakesEveryCharacterButSurrogates)
     EXPECT_EQ(wrong, 0u);
 }
 
-// Long texts are looked at in blocks: whatever stands anywhere before, at and behind their edges.
+// Long texts are checked in blocks. Each sequence is tried before, at and behind their edges.
 TEST(Utf8, FindsTheSameAtEveryPlaceOfALongText)
 {
     const std::vector<std::string> pieces = {"\xC3\xA4",

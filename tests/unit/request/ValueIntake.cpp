@@ -1,5 +1,5 @@
-// Headers, cookies and query parameters: every check in its order, every text, what is stored
-// and what is counted.
+// Headers, cookies and query parameters: the checks in their order, the error texts, the stored
+// values and the counters.
 
 #include "support/TestRequest.h"
 
@@ -31,7 +31,7 @@ struct Pair
     const char* error;  // empty: accepted
 };
 
-// Gives each pair to a request of its own and compares what it says and counts.
+// Adds each pair to a request of its own and compares error text and counted bytes.
 void CheckRows(Adder add, const std::vector<Pair>& rows, uint64_t extraBytes)
 {
     for (const auto& row : rows) {
@@ -196,7 +196,7 @@ TEST(ValueIntake, HeaderChecksAndTheirOrder)
         {"name before value", "A\x1F", controlValue,
          "header name contains ASCII forbidden characters"},
         {"name in UTF-8", "\xC3\xA4", "x", ""},
-        {"name with blank and punctuation", " ,;=\"", "x", ""},
+        {"name with space and punctuation", " ,;=\"", "x", ""},
         {"value that does not parse: control character", "X-Trace-Id", controlValue,
          "fail to parse header 'x-trace-id'"},
         {"value that does not parse, in quotes", "ACCEPT", "\"a\x7F\"",

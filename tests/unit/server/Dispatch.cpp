@@ -1,5 +1,4 @@
-// Each request from its request line to its queued answer, call by call as the daemon makes
-// them.
+// Each request from its request line to its queued response, in the daemon's sequence of calls.
 
 #include "server/Dispatch.h"
 #include "request/ConnectionContext.h"
@@ -43,9 +42,9 @@ constexpr uint32_t kReady = Access::kReady;
 constexpr uint32_t kStreamed = Access::kStreamed;
 constexpr uint32_t kSentWhole = Access::kSentWhole;
 
-// A door to the one private field that decides between buffer and stream: half a GiB of body
-// would take a test program's memory for nothing.
-template <std::atomic<uint64_t> HttpResponseDevice::*Field> struct ReadyBytesDoor
+// Sets the one private field that decides between buffer and stream. A real body of 512 MiB would
+// use the memory of the test program.
+template <std::atomic<uint64_t> HttpResponseDevice::*Field> struct ReadyBytesAccessor
 {
     friend void PretendReadyBytes(HttpResponseDevice& device, uint64_t bytes)
     {
@@ -53,9 +52,9 @@ template <std::atomic<uint64_t> HttpResponseDevice::*Field> struct ReadyBytesDoo
     }
 };
 void PretendReadyBytes(HttpResponseDevice& device, uint64_t bytes);
-template struct ReadyBytesDoor<&HttpResponseDevice::mReadyBytes>;
+template struct ReadyBytesAccessor<&HttpResponseDevice::mReadyBytes>;
 
-// Writes down what it is asked for.
+// Records the accessors that are called.
 class RecordingResponse : public TestResponse
 {
 public:
@@ -94,17 +93,17 @@ private:
 class DispatchRequest : public TestRequest
 {
 public:
-    explicit DispatchRequest(RecordingDaemon& daemon) : answer(daemon) {}
+    explicit DispatchRequest(RecordingDaemon& daemon) : response(daemon) {}
 
     HttpResponseInterface& getResponse() override
     {
         ++responseAsked;
         if (onResponseAsked)
             onResponseAsked();
-        return answer;
+        return response;
     }
 
-    RecordingResponse answer;
+    RecordingResponse response;
     std::atomic<int> responseAsked{0};
     std::function<void()> onResponseAsked;
 };
@@ -202,7 +201,7 @@ protected:
         return exchange;
     }
 
-    // One whose answer may be queued.
+    // A request whose response may be queued.
     Exchange& beginReady(const std::string& body, bool completed)
     {
         Exchange& exchange = begin();
@@ -453,7 +452,7 @@ TEST_F(Dispatch, KnowsTheConnectionBeforeTheValuesAreWalked)
     EXPECT_TRUE(walked);
 }
 
-// The first parse error is kept: it tells what was looked at first.
+// The first parse error is kept, so it names the first check.
 TEST_F(Dispatch, ChecksValuesThenMethodThenTarget)
 {
     const std::string longTarget = "/" + std::string(4096, 'x');
@@ -629,12 +628,12 @@ TEST_F(Dispatch, FinishesOldRequestsAfterAStopRequest)
     server->stopServer(false);
     EXPECT_EQ(upload(exchange, "body"), MHD_YES);
     EXPECT_EQ(laterCall(exchange), MHD_YES);
-    write(exchange, "answer");
+    write(exchange, "body");
     exchange.response().endSending();
     exchange.response().setResponseReady();
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     ASSERT_EQ(daemon.responseCount(), 1u);
-    EXPECT_EQ(daemon.response(0).body, "answer");
+    EXPECT_EQ(daemon.response(0).body, "body");
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
@@ -687,11 +686,11 @@ TEST_F(Dispatch, LooksAtNothingElseDuringTheUpload)
     EXPECT_THAT(time.sleeps(), IsEmpty());
 }
 
-TEST_F(Dispatch, DropsTheUploadOnceTheAnswerIsCompleted)
+TEST_F(Dispatch, DropsTheUploadOnceTheResponseIsCompleted)
 {
     Exchange& exchange = begin();
     EXPECT_EQ(upload(exchange, "taken"), MHD_YES);
-    write(exchange, "answer");
+    write(exchange, "body");
     exchange.response().endSending();
     exchange.response().setResponseReady();
     useThrottle();
@@ -701,10 +700,10 @@ TEST_F(Dispatch, DropsTheUploadOnceTheAnswerIsCompleted)
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     EXPECT_EQ(received(exchange), "taken");
     EXPECT_THAT(daemon.callsOf("MHD_queue_response"), SizeIs(1));
-    EXPECT_EQ(daemon.response(0).body, "answer");
+    EXPECT_EQ(daemon.response(0).body, "body");
 }
 
-TEST_F(Dispatch, KeepsTheUploadOfAnAnswerThatIsOnlyAnnounced)
+TEST_F(Dispatch, KeepsTheUploadOfAResponseThatIsOnlyAnnounced)
 {
     Exchange& exchange = beginReady("part", false);
     exchange.response().setDeviceError("broken");
@@ -840,7 +839,7 @@ TEST_F(Dispatch, DecidesUnderTheLock)
     }
 }
 
-TEST_F(Dispatch, LeavesAQueuedAnswerAlone)
+TEST_F(Dispatch, LeavesAQueuedResponseAlone)
 {
     for (const uint32_t state : {kStreamed, kSentWhole}) {
         SCOPED_TRACE(state);
@@ -857,7 +856,7 @@ TEST_F(Dispatch, LeavesAQueuedAnswerAlone)
     }
 }
 
-TEST_F(Dispatch, TouchesNothingWhileTheAnswerIsNotReady)
+TEST_F(Dispatch, TouchesNothingWhileTheResponseIsNotReady)
 {
     Exchange& exchange = begin();
     write(exchange, "body");
@@ -870,13 +869,13 @@ TEST_F(Dispatch, TouchesNothingWhileTheAnswerIsNotReady)
     EXPECT_THAT(daemon.calls(), IsEmpty());
 }
 
-// An answer from one buffer.
+// A response from one buffer.
 
-TEST_F(Dispatch, QueuesACompletedAnswerWhole)
+TEST_F(Dispatch, QueuesACompletedResponseWhole)
 {
     Exchange& exchange = beginReady("0123456789", true);
-    exchange.request->answer.statusCode = 404;
-    exchange.request->answer.addHeader("x", "y");
+    exchange.request->response.statusCode = 404;
+    exchange.request->response.addHeader("x", "y");
     Access::bodyPending(*exchange.request) = true;
     time.setNowMs(4321);
     useThrottle();
@@ -915,7 +914,7 @@ TEST_F(Dispatch, QueuesACompletedAnswerWhole)
     EXPECT_TRUE(isFree(exchange));
 }
 
-TEST_F(Dispatch, KeepsTheChunkOfAnAnswerForTheNext)
+TEST_F(Dispatch, KeepsTheChunkOfAResponseForTheNext)
 {
     const impl::ChunkPool::User user;
     Exchange& exchange = beginReady("0123456789", true);
@@ -924,7 +923,7 @@ TEST_F(Dispatch, KeepsTheChunkOfAnAnswerForTheNext)
     EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), before + 1);
 }
 
-TEST_F(Dispatch, QueuesAnAnswerOnce)
+TEST_F(Dispatch, QueuesAResponseOnce)
 {
     for (const bool completed : {true, false}) {
         SCOPED_TRACE(completed);
@@ -954,23 +953,23 @@ TEST_F(Dispatch, SendsBuffersOfEverySize)
     }
 }
 
-TEST_F(Dispatch, DoesNotAskForTheLengthOfACompletedAnswer)
+TEST_F(Dispatch, DoesNotAskForTheLengthOfACompletedResponse)
 {
     Exchange& exchange = beginReady("0123456789", true);
-    exchange.request->answer.contentLength = 20;
+    exchange.request->response.contentLength = 20;
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     EXPECT_THAT(daemon.callsOf("getContentLength"), IsEmpty());
     EXPECT_THAT(daemon.callsOf("MHD_create_response_from_buffer"),
                 ElementsAre("MHD_create_response_from_buffer 10 MUST_COPY"));
 }
 
-// An answer as a stream.
+// A response as a stream.
 
-TEST_F(Dispatch, QueuesAnUnfinishedAnswerAsAStream)
+TEST_F(Dispatch, QueuesAnUnfinishedResponseAsAStream)
 {
     Exchange& exchange = beginReady("begun", false);
-    exchange.request->answer.statusCode = 206;
-    exchange.request->answer.addHeader("x", "y");
+    exchange.request->response.statusCode = 206;
+    exchange.request->response.addHeader("x", "y");
     Access::bodyPending(*exchange.request) = true;
     time.setNowMs(4321);
     useThrottle();
@@ -1046,7 +1045,7 @@ TEST_F(Dispatch, DeclaresTheLengthOfAStream)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Exchange& exchange = beginReady("0123456789", false);
-        exchange.request->answer.contentLength = row.declared;
+        exchange.request->response.contentLength = row.declared;
         EXPECT_EQ(laterCall(exchange), MHD_YES);
         const MHD_Response& response = daemon.response(daemon.responseCount() - 1);
         EXPECT_EQ(response.kind, MHD_Response::Callback);
@@ -1056,7 +1055,7 @@ TEST_F(Dispatch, DeclaresTheLengthOfAStream)
 }
 
 // Half a GiB and more goes out as a stream even when it is complete.
-TEST_F(Dispatch, StreamsACompletedAnswerFrom512MebibytesOn)
+TEST_F(Dispatch, StreamsACompletedResponseFrom512MebibytesOn)
 {
     const struct
     {
@@ -1074,7 +1073,7 @@ TEST_F(Dispatch, StreamsACompletedAnswerFrom512MebibytesOn)
         SCOPED_TRACE(row.name);
         Exchange& exchange = beginReady("", true);
         PretendReadyBytes(exchange.response(), row.ready);
-        exchange.request->answer.contentLength = row.declared;
+        exchange.request->response.contentLength = row.declared;
         EXPECT_EQ(laterCall(exchange), MHD_YES);
         const MHD_Response& response = daemon.response(daemon.responseCount() - 1);
         EXPECT_EQ(response.kind, MHD_Response::Callback);
@@ -1085,7 +1084,7 @@ TEST_F(Dispatch, StreamsACompletedAnswerFrom512MebibytesOn)
 }
 
 // The copy itself is not let happen; that it was begun tells the decision.
-TEST_F(Dispatch, CopiesACompletedAnswerUpToOneByteBelow512Mebibytes)
+TEST_F(Dispatch, CopiesACompletedResponseUpToOneByteBelow512Mebibytes)
 {
     Exchange& exchange = beginReady("", true);
     PretendReadyBytes(exchange.response(), 0x1fffffff);
@@ -1097,7 +1096,7 @@ TEST_F(Dispatch, CopiesACompletedAnswerUpToOneByteBelow512Mebibytes)
     EXPECT_TRUE(isFree(exchange));
 }
 
-TEST_F(Dispatch, StreamsAnUnfinishedAnswerOfAnySize)
+TEST_F(Dispatch, StreamsAnUnfinishedResponseOfAnySize)
 {
     Exchange& exchange = beginReady("", false);
     EXPECT_EQ(laterCall(exchange), MHD_YES);
@@ -1105,16 +1104,16 @@ TEST_F(Dispatch, StreamsAnUnfinishedAnswerOfAnySize)
     EXPECT_EQ(daemon.response(0).size, MHD_SIZE_UNKNOWN);
 }
 
-// The library's own answer.
+// The library's own response.
 
-TEST_F(Dispatch, Answers500WhenTheResponseDeviceIsInError)
+TEST_F(Dispatch, Responds500WhenTheResponseDeviceIsInError)
 {
     for (const bool completed : {true, false}) {
         SCOPED_TRACE(completed);
         daemon.clearCalls();
         Exchange& exchange = beginReady("body", completed);
-        exchange.request->answer.statusCode = 201;
-        exchange.request->answer.addHeader("x", "y");
+        exchange.request->response.statusCode = 201;
+        exchange.request->response.addHeader("x", "y");
         exchange.response().setDeviceError("broken");
         Access::bodyPending(*exchange.request) = true;
         useThrottle();
@@ -1142,7 +1141,7 @@ TEST_F(Dispatch, Answers500WhenTheResponseDeviceIsInError)
     }
 }
 
-TEST_F(Dispatch, Answers500WithAnEmptyBodyWhenTheApplicationHasNone)
+TEST_F(Dispatch, Responds500WithAnEmptyBodyWhenTheApplicationHasNone)
 {
     application->setErrorBody("");
     Exchange& exchange = beginReady("body", true);
@@ -1168,12 +1167,12 @@ TEST_F(Dispatch, SendsHeadersInTheOrderOfTheirKeysThenCookies)
         SCOPED_TRACE(completed);
         daemon.clearCalls();
         Exchange& exchange = beginReady("", completed);
-        RecordingResponse& answer = exchange.request->answer;
-        answer.headers["b"] = {"A-Name", "1"};
-        answer.headers["a"] = {"Z-Name", "22"};
-        answer.headers["c"] = {"A-Name", "again"};
-        answer.cookies["second"] = "b=c";
-        answer.cookies["first"] = "";
+        RecordingResponse& response = exchange.request->response;
+        response.headers["b"] = {"A-Name", "1"};
+        response.headers["a"] = {"Z-Name", "22"};
+        response.headers["c"] = {"A-Name", "again"};
+        response.cookies["second"] = "b=c";
+        response.cookies["first"] = "";
         EXPECT_EQ(laterCall(exchange), MHD_YES);
         EXPECT_THAT(daemon.callsOf("MHD_add_response_header"),
                     ElementsAre("MHD_add_response_header Z-Name: 22",
@@ -1201,8 +1200,8 @@ TEST_F(Dispatch, CountsOntoTheHeaderBytesThatAreThere)
 {
     Exchange& exchange = beginReady("", true);
     Access::responseHeadBytes(*exchange.request) = 1000;
-    exchange.request->answer.addHeader("name", "value");
-    exchange.request->answer.cookies["cookie"] = "not counted";
+    exchange.request->response.addHeader("name", "value");
+    exchange.request->response.cookies["cookie"] = "not counted";
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     EXPECT_EQ(exchange.request->getResponseHeadBytes(), 1012u);
 }
@@ -1211,14 +1210,14 @@ TEST_F(Dispatch, CountsHeadersThatTheDaemonRefuses)
 {
     daemon.fail("MHD_add_response_header");
     Exchange& exchange = beginReady("body", true);
-    exchange.request->answer.addHeader("name", "value");
-    exchange.request->answer.addHeader("other", "");
+    exchange.request->response.addHeader("name", "value");
+    exchange.request->response.addHeader("other", "");
     EXPECT_EQ(laterCall(exchange), MHD_YES);
     EXPECT_EQ(exchange.request->getResponseHeadBytes(), 12u + 8u);
     EXPECT_THAT(daemon.response(0).queued, SizeIs(1));
 }
 
-// What the daemon says.
+// Return values of the daemon.
 
 TEST_F(Dispatch, ReturnsTheResultOfQueueingAsItIs)
 {
@@ -1308,7 +1307,7 @@ TEST_F(Dispatch, TakesTheTimeBetweenCallsOffTheSleep)
     }
 }
 
-TEST_F(Dispatch, AnswersAtOnceWhenTheAnswerBecomesReadyAfterAWhile)
+TEST_F(Dispatch, QueuesTheResponseAtOnceWhenItBecomesReadyAfterAWhile)
 {
     Exchange& exchange = begin();
     const int64_t start = time.nowMs();
@@ -1402,9 +1401,9 @@ TEST_F(Dispatch, BeginsTheWaitAnewAfterAnyProgress)
     } rows[] = {
         {"a new request", [&] { firstCall(open("/")); }},
         {"an upload", [&] { upload(begin(), "data"); }},
-        {"an answer queued whole", [&] { laterCall(beginReady("body", true)); }},
-        {"an answer queued as a stream", [&] { laterCall(beginReady("body", false)); }},
-        {"an error answered",
+        {"a response queued whole", [&] { laterCall(beginReady("body", true)); }},
+        {"a response queued as a stream", [&] { laterCall(beginReady("body", false)); }},
+        {"an error response",
          [&] {
              Exchange& exchange = beginReady("body", true);
              exchange.response().setDeviceError("broken");

@@ -194,7 +194,7 @@ TEST(HttpServerParameters, HaveTheirDefaults)
     EXPECT_FALSE(parameters.listenOnAllInterfaces);
 }
 
-TEST(HttpServerParameters, StandInTheirOrder)
+TEST(HttpServerParameters, KeepTheirOrder)
 {
     const Parameters parameters;
     const auto at = [&](const auto& field) {
@@ -321,7 +321,7 @@ TEST_F(HttpServer, PassesBacklogAndPoolSizeAsTheyAre)
     }
 }
 
-TEST_F(HttpServer, RoundsTheTimeOutUpToSecondsInSinglePrecision)
+TEST_F(HttpServer, RoundsTheTimeoutUpToSecondsInSinglePrecision)
 {
     const struct
     {
@@ -531,7 +531,7 @@ TEST_F(HttpServer, WaitsInSlicesOf200Milliseconds)
     });
     server->startServer({});
     ASSERT_TRUE(server->waitThread(kLimitMs));
-    EXPECT_THAT(time.waitTimeOuts(), ElementsAre(200, 200, 200, 200));
+    EXPECT_THAT(time.waitTimeouts(), ElementsAre(200, 200, 200, 200));
     EXPECT_EQ(server->getState(), http::HttpServer::Stopped);
 }
 
@@ -551,7 +551,7 @@ TEST_F(HttpServer, NoticesTheStopAlsoWithoutBeingWoken)
     server->stopServer(false);
     stopRequested.open();
     ASSERT_TRUE(server->waitThread(kLimitMs));
-    EXPECT_THAT(time.waitTimeOuts(), ElementsAre(200));
+    EXPECT_THAT(time.waitTimeouts(), ElementsAre(200));
 }
 
 TEST_F(HttpServer, DoesNotWaitWhenTheStopCameFirst)

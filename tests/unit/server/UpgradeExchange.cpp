@@ -40,7 +40,7 @@ using ::testing::SizeIs;
 constexpr const char* kKey = "dGhlIHNhbXBsZSBub25jZQ==";
 constexpr const char* kSecret = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
 
-// What a client asks with. Headers without a value are left out.
+// The request of a client. Headers without a value are left out.
 struct Handshake
 {
     const char* method = "GET";
@@ -151,7 +151,7 @@ TEST_F(UpgradeExchange, IsToldByTheExactCaseOfTwoHeaders)
 
 // The 101.
 
-TEST_F(UpgradeExchange, AsksInOrderAndAnswersWithThreeHeadersInOrder)
+TEST_F(UpgradeExchange, AsksInOrderAndRespondsWithThreeHeadersInOrder)
 {
     EXPECT_EQ(ask({}), MHD_YES);
     EXPECT_THAT(daemon.calls(),
@@ -210,7 +210,7 @@ TEST_F(UpgradeExchange, TakesAnyKeyOf24Characters)
 
 // Required: the handshake goes on; that the header is then missing on the wire is the daemon's
 // doing.
-TEST_F(UpgradeExchange, AnswersAKeyOfTheWrongLengthWith101AndAnEmptyProof)
+TEST_F(UpgradeExchange, Responds101WithAnEmptyProofToAKeyOfTheWrongLength)
 {
     for (const char* key : {"", "x", "dGhlIHNhbXBsZSBub25jZQ=", "dGhlIHNhbXBsZSBub25jZQ==="}) {
         SCOPED_TRACE(key);
@@ -239,7 +239,7 @@ TEST_F(UpgradeExchange, ResetsTheWaitLikeAnyNewRequest)
 // Refusals.
 
 // Required: 500 rather than 400.
-TEST_F(UpgradeExchange, Answers500ToAnotherMethodOrProtocol)
+TEST_F(UpgradeExchange, Responds500ToAnotherMethodOrProtocol)
 {
     const struct
     {
@@ -275,7 +275,7 @@ TEST_F(UpgradeExchange, Answers500ToAnotherMethodOrProtocol)
     }
 }
 
-TEST_F(UpgradeExchange, Answers426ToAnyOtherVersionThan13)
+TEST_F(UpgradeExchange, Responds426ToAnyOtherVersionThan13)
 {
     const std::string page = "<html>\n<head>\n<title>WebSocket</title>\n</head>\n<body>\n"
                              "Upgrade required\n</body>\n</html>\n";
@@ -323,7 +323,7 @@ TEST_F(UpgradeExchange, SendsTheSamePageFromTheSamePlaceEachTime)
     EXPECT_EQ(reply().bodyAddress, place);
 }
 
-TEST_F(UpgradeExchange, Answers500WithoutAKey)
+TEST_F(UpgradeExchange, Responds500WithoutAKey)
 {
     Handshake handshake;
     handshake.key = std::nullopt;
@@ -346,7 +346,7 @@ TEST_F(UpgradeExchange, IsDiscardedAfterAStopRequest)
     EXPECT_EQ(daemon.responseCount(), 0u);
 }
 
-// What the daemon says.
+// Return values of the daemon.
 
 TEST_F(UpgradeExchange, ReturnsTheResultOfQueueingAsItIs)
 {

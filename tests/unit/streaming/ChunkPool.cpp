@@ -77,7 +77,7 @@ TEST(ChunkPool, UsesFreedChunksAgainWithoutTheirBytes)
     EXPECT_EQ(placesOf(queue), places);
     EXPECT_THAT(bytesOf(queue), Each('y'));
 
-    // A chunk that was full has room again.
+    // A chunk that was full is empty again.
     FreeChunks(queue);
     append(queue, "short");
     EXPECT_EQ(bytesOf(queue), "short");
@@ -195,7 +195,7 @@ TEST(ChunkPool, KeepsSoManyBytesOfTheNewest)
     EXPECT_EQ(chunkCount(), kFit);
     EXPECT_EQ(byteCount(), ChunkPool::kMaxBytes);
 
-    // One that is longer takes the place of the oldest if that makes room enough.
+    // A longer chunk replaces the oldest one if that leaves enough capacity.
     append(queue, std::string(kMinChunkBytes + 1, 'x'));
     FreeChunks(queue);
     EXPECT_EQ(chunkCount(), kFit - 1);

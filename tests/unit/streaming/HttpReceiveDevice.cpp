@@ -1,5 +1,5 @@
-// The receive device: what a reader gets and when, how long it waits, who is told meanwhile.
-// The hook of a wait plays the daemon thread.
+// The receive device: the bytes of each read, the length of each wait, the callbacks. The hook of a
+// wait acts as the daemon thread.
 
 #include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
@@ -160,7 +160,7 @@ TEST(HttpReceiveDevice, WhileTheFeedIsOpenTheLastChunkIsNotRead)
         EXPECT_EQ(beforeTheEnd, row.readable);
         EXPECT_EQ(request.getReceiveDevice().getReceivedBytes(), all);
         EXPECT_TRUE(request.getReceiveDevice().atEnd());
-        EXPECT_THAT(time.waitTimeOuts(), ElementsAre(1000));
+        EXPECT_THAT(time.waitTimeouts(), ElementsAre(1000));
     }
 }
 
@@ -203,7 +203,7 @@ TEST(HttpReceiveDevice, WaitsInSlicesOfASecondUntilDataOrEnd)
             EndFeed(request);
     });
     EXPECT_EQ(Read(request, 10), "");
-    EXPECT_THAT(time.waitTimeOuts(), ElementsAre(1000, 1000, 1000, 1000, 1000));
+    EXPECT_THAT(time.waitTimeouts(), ElementsAre(1000, 1000, 1000, 1000, 1000));
     EXPECT_TRUE(request.getReceiveDevice().atEnd());
     EXPECT_FALSE(request.getReceiveDevice().hasDeviceError());
 }
@@ -316,7 +316,7 @@ TEST(HttpReceiveDevice, IdleReaderGivesUpAfter360Seconds)
     EXPECT_EQ(request.getReceiveDevice().getDeviceErrorMsg(), kIdleError);
     EXPECT_TRUE(request.getReceiveDevice().atEnd());
     EXPECT_THAT(time.waits(), SizeIs(361));
-    EXPECT_THAT(time.waitTimeOuts(), Each(1000));
+    EXPECT_THAT(time.waitTimeouts(), Each(1000));
     EXPECT_EQ(time.nowMs() - begin, 361000);
 }
 
@@ -422,11 +422,11 @@ TEST(HttpReceiveDevice, ErrorWhileWaitingEndsTheReadAfterWhatIsThere)
     time.onWait([&](FakeTime::Wait&) {
         Feed(request, PatternBytes(kChunk));
         Feed(request, "x");
-        request.getReceiveDevice().setDeviceError("gone");
+        request.getReceiveDevice().setDeviceError("closed");
     });
     EXPECT_TRUE(Read(request, 100000) == PatternBytes(kChunk));
     EXPECT_THAT(time.waits(), SizeIs(1));
-    EXPECT_EQ(request.getReceiveDevice().getDeviceErrorMsg(), "gone");
+    EXPECT_EQ(request.getReceiveDevice().getDeviceErrorMsg(), "closed");
 }
 
 TEST(HttpReceiveDevice, ListenerIsToldOnceAtTheBeginningAndOnceBeforeEachWait)
@@ -463,11 +463,11 @@ TEST(HttpReceiveDevice, ListenerMayEndTheReadWithAnError)
         WorkerRequest request;
         request.listener.action = [&] {
             if (request.listener.calls == row.atCall)
-                request.getReceiveDevice().setDeviceError("client gone");
+                request.getReceiveDevice().setDeviceError("client closed");
         };
         EXPECT_EQ(Read(request, 10), "");
         EXPECT_THAT(time.waits(), SizeIs(row.waits));
-        EXPECT_EQ(request.getReceiveDevice().getDeviceErrorMsg(), "client gone");
+        EXPECT_EQ(request.getReceiveDevice().getDeviceErrorMsg(), "client closed");
     }
 }
 
@@ -686,7 +686,7 @@ TEST(HttpReceiveDevice, KeepsItsChunksForTheNextBody)
         EXPECT_EQ(Read(request, 65536), std::string(65536, 'a'));
         EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 1);
     }
-    // What has not been read as well.
+    // The device returns unread chunks to the pool as well.
     EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 2);
 }
 

@@ -1,4 +1,4 @@
-// The response device: what is handed over and when, who may write, who waits, who is woken.
+// The response device: handing over, the thread check, waiting and waking.
 
 #include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
@@ -33,7 +33,7 @@ using ::testing::IsEmpty;
 
 constexpr size_t kChunk = 65536;
 constexpr size_t kReadyLimit = 262144;
-constexpr int64_t kPeriodMs = 120000;
+constexpr int64_t kHandOverIntervalMs = 120000;
 
 uint64_t Write(HttpBaseRequest& request, const std::string& bytes)
 {
@@ -45,7 +45,7 @@ uint64_t Write(HttpBaseRequest& request, size_t size)
     return Write(request, std::string(size, 'x'));
 }
 
-// What one call of the daemon fetches; both flags begin with the wrong value.
+// The bytes that one call of the daemon fetches. Both flags begin with the wrong value.
 struct Sent
 {
     std::string bytes;
@@ -192,9 +192,9 @@ TEST(HttpResponseDevice, WriteLongAfterTheLastHandOverHandsOverEverything)
         size_t ready;
     } rows[] = {
         {"at once", 0, 0},
-        {"a ms short of the period", kPeriodMs - 1, 0},
-        {"at the period", kPeriodMs, 0},
-        {"a ms after the period", kPeriodMs + 1, 11},
+        {"a ms short of the interval", kHandOverIntervalMs - 1, 0},
+        {"at the interval", kHandOverIntervalMs, 0},
+        {"a ms after the interval", kHandOverIntervalMs + 1, 11},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -207,14 +207,14 @@ TEST(HttpResponseDevice, WriteLongAfterTheLastHandOverHandsOverEverything)
     }
 }
 
-TEST(HttpResponseDevice, HandOverStartsANewPeriod)
+TEST(HttpResponseDevice, HandOverStartsANewInterval)
 {
     FakeTime time;
     WorkerRequest request;
-    time.advanceMs(kPeriodMs + 1);
+    time.advanceMs(kHandOverIntervalMs + 1);
     Write(request, 10);
     ASSERT_EQ(request.getResponseDevice().getDataSize(), 10u);
-    time.advanceMs(kPeriodMs);
+    time.advanceMs(kHandOverIntervalMs);
     Write(request, 10);
     EXPECT_EQ(request.getResponseDevice().getDataSize(), 10u);
     time.advanceMs(1);
@@ -222,13 +222,13 @@ TEST(HttpResponseDevice, HandOverStartsANewPeriod)
     EXPECT_EQ(request.getResponseDevice().getDataSize(), 30u);
 }
 
-TEST(HttpResponseDevice, FullChunkAndFlushStartANewPeriodToo)
+TEST(HttpResponseDevice, FullChunkAndFlushStartANewIntervalToo)
 {
     for (const bool flush : {false, true}) {
         SCOPED_TRACE(flush);
         FakeTime time;
         WorkerRequest request;
-        time.advanceMs(kPeriodMs - 1000);
+        time.advanceMs(kHandOverIntervalMs - 1000);
         Write(request, flush ? 1 : kChunk);
         if (flush)
             request.getResponseDevice().flush();
@@ -240,11 +240,11 @@ TEST(HttpResponseDevice, FullChunkAndFlushStartANewPeriodToo)
     }
 }
 
-TEST(HttpResponseDevice, WriteThatHandsNothingOverDoesNotStartANewPeriod)
+TEST(HttpResponseDevice, WriteThatHandsNothingOverDoesNotStartANewInterval)
 {
     FakeTime time;
     WorkerRequest request;
-    time.advanceMs(kPeriodMs + 1);
+    time.advanceMs(kHandOverIntervalMs + 1);
     EXPECT_EQ(Write(request, ""), 0u);
     Write(request, 10);
     EXPECT_EQ(request.getResponseDevice().getDataSize(), 10u);
@@ -372,7 +372,7 @@ TEST(HttpResponseDevice, RefusedWriteDoesNotCountAsKeepAlive)
     EXPECT_EQ(DispatchAccess::lastKeepAliveMs(request), impl::kTimeNotSet);
 }
 
-TEST(HttpResponseDevice, WaitsOnceWithoutTimeOutAboveTheReadyLimit)
+TEST(HttpResponseDevice, WaitsOnceWithoutTimeoutAboveTheReadyLimit)
 {
     const struct
     {
@@ -398,7 +398,7 @@ TEST(HttpResponseDevice, WaitsOnceWithoutTimeOutAboveTheReadyLimit)
         EXPECT_EQ(Write(request, row.written), row.written);
         if (row.flush)
             request.getResponseDevice().flush();
-        EXPECT_THAT(time.waitTimeOuts(),
+        EXPECT_THAT(time.waitTimeouts(),
                     std::vector<unsigned long>(row.waits, qvWaitCondition::kNoTimeout));
         EXPECT_EQ(request.getResponseDevice().getDataSize(),
                   row.ready + (row.written >= kChunk || row.flush ? row.written : 0));
@@ -457,7 +457,7 @@ TEST(HttpResponseDevice, LastHandOverIsTakenBeforeTheWait)
     FakeTime time;
     WorkerRequest request;
     Write(request, kReadyLimit + 1);
-    time.onWait([&](FakeTime::Wait&) { time.advanceMs(kPeriodMs + 1); });
+    time.onWait([&](FakeTime::Wait&) { time.advanceMs(kHandOverIntervalMs + 1); });
     Write(request, kChunk);
     const size_t ready = request.getResponseDevice().getDataSize();
     time.onWait({});
@@ -733,9 +733,9 @@ public:
     void write(size_t size, bool handOverAll)
     {
         if (!mFill.empty()) {
-            const size_t room = std::min(mFill.back().capacity - mFill.back().size, size);
-            mFill.back().size += room;
-            size -= room;
+            const size_t fitting = std::min(mFill.back().capacity - mFill.back().size, size);
+            mFill.back().size += fitting;
+            size -= fitting;
         }
         if (size != 0)
             mFill.push_back({size, std::max<size_t>(size, kChunk)});

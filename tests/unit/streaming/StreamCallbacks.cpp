@@ -353,7 +353,7 @@ TEST_F(RequestCompletedTest, EachTerminationCodeHasItsText)
     } rows[] = {
         {"completed", MHD_REQUEST_TERMINATED_COMPLETED_OK, ""},
         {"error", MHD_REQUEST_TERMINATED_WITH_ERROR, "Http response device : WriteError"},
-        {"time-out", MHD_REQUEST_TERMINATED_TIMEOUT_REACHED,
+        {"timeout", MHD_REQUEST_TERMINATED_TIMEOUT_REACHED,
          "Http response device : TimeoutReached"},
         {"shutdown", MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN,
          "Http response device : DaemonShutdown"},

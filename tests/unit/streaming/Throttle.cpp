@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 
 constexpr int64_t kStartMs = 5000;
 
-// What waits: only told apart.
+// Waiting requests. The throttle compares addresses only.
 const char kWaiting[3] = {};
 const void* const kOne = &kWaiting[0];
 
@@ -152,7 +152,7 @@ TEST(Throttle, ResetStartsANewGrace)
     EXPECT_THAT(time.sleeps(), ElementsAre(10));
 }
 
-// By then all that wait on the thread have been asked in vain.
+// At that point every request of the thread has been polled without success.
 TEST(Throttle, GivesUpTheTimeSliceWhenTheFirstOneIsAskedAgain)
 {
     FakeTime time(kStartMs);

@@ -1,5 +1,5 @@
-// A platform log that keeps what is written to it; installed as the log of the process for as
-// long as it lives.
+// A platform log that keeps its entries. It is installed as the log of the process during its
+// lifetime.
 #ifndef WENDREL_TESTS_CAPTUREDLOG_H
 #define WENDREL_TESTS_CAPTUREDLOG_H
 
@@ -16,7 +16,7 @@
 namespace qv::tests
 {
 
-// What a test compares of an entry.
+// The fields of an entry that a test compares.
 struct LogLine
 {
     int level = 0;

@@ -59,7 +59,7 @@ namespace qv::tests
 namespace
 {
 
-constexpr size_t kMostCalls = 1000;
+constexpr size_t kMaxCalls = 1000;
 constexpr const char* kKindNames[kFailingKinds] = {"new",     "malloc", "thread", "send",
                                                    "receive", "poll",   "open",   "daemon"};
 
@@ -278,7 +278,7 @@ int failuresSoFar()
     return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
-// What has been allocated and not been freed.
+// Returns the list of allocations that have not been freed.
 std::string runOnce(const char* operation, const std::function<void(Attempt&)>& body, Plan plan)
 {
     gPlan = plan;
@@ -297,13 +297,13 @@ std::string runOnce(const char* operation, const std::function<void(Attempt&)>& 
     gTable.close();
     watchdog().end();
     EXPECT_TRUE(gPlan.failed || !gPlan.threw) << "an exception although nothing has failed";
-    // What is said about a failure is kept until the end.
+    // Descriptions of failures are kept until the end.
     return failuresSoFar() == failuresBefore ? gTable.describe(!gPlan.forgivesMalloc)
                                              : std::string();
 }
 
-// Something may be made once in the life of the process, or of the thread; what is still there
-// after the second of two equal runs is lost.
+// An object may be created once per process, or per thread. Memory that is still allocated after
+// the second of two equal runs is leaked.
 void run(const char* operation, const std::function<void(Attempt&)>& body, Plan plan)
 {
     std::string left = runOnce(operation, body, plan);
@@ -400,7 +400,7 @@ void FailEachCall(const char* operation, const std::function<void(Attempt&)>& bo
             if (isClean)
                 break;
         }
-        if (tally.all() > kMostCalls) {
+        if (tally.all() > kMaxCalls) {
             ADD_FAILURE() << operation << ": no clean run after " << tally.all()
                           << " failing calls";
             break;
@@ -563,7 +563,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     static const auto real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "pthread_create"));
     if (qv::tests::isCounted() && qv::tests::countCall(Failing::ThreadStart))
         return EAGAIN;
-    // What the C library keeps for a thread it keeps for the next one as well.
+    // The C library reuses the memory of a thread for the next thread.
     const qv::tests::TestsOwn own;
     return real(thread, attributes, start, argument);
 }

@@ -16,7 +16,7 @@
 namespace qv::tests
 {
 
-// What can fail.
+// Kinds of calls that can fail.
 enum class Failing { New, Malloc, ThreadStart, Send, Receive, Poll, Open, Daemon };
 inline constexpr size_t kFailingKinds = 8;
 
@@ -29,8 +29,8 @@ bool CanRepeatCallOnce();
 // Counts a call of the thread under test; true when it is the one that has to fail.
 bool ShouldFail(Failing kind);
 
-// One run of an operation. The body of the test makes its objects, calls this with the operation,
-// and looks at what has become of the objects; they are gone when the body returns.
+// One run of an operation. The body of the test creates its objects, calls this with the operation,
+// and checks the objects. They are destroyed when the body returns.
 class Attempt
 {
 public:
@@ -58,7 +58,7 @@ public:
     // Likewise for either kind of allocation.
     bool hasLackedMemory() const { return hasFailed(Failing::New) || hasFailed(Failing::Malloc); }
 
-    // Where what malloc gave goes is not looked at in this run: OpenSSL keeps some for later.
+    // Ignores memory from malloc that is not freed in this run: OpenSSL keeps some for later.
     void forgiveMalloc();
 
 private:

@@ -27,7 +27,7 @@ namespace qv::tests
 namespace
 {
 
-constexpr size_t kMostRecords = 100000;
+constexpr size_t kMaxRecords = 100000;
 
 thread_local size_t tYields = 0;
 
@@ -46,8 +46,8 @@ struct FakeTime::State
     std::function<void(unsigned long)> sleepHook;
 
     void sleep(unsigned long ms);
-    bool wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeOutMs);
-    Wait beginWait(qvWaitCondition* condition, unsigned long timeOutMs, size_t& wakesBefore);
+    bool wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeoutMs);
+    Wait beginWait(qvWaitCondition* condition, unsigned long timeoutMs, size_t& wakesBefore);
     void endWait(Wait& wait, size_t wakesBefore);
 };
 
@@ -90,7 +90,7 @@ void FakeTime::State::sleep(unsigned long ms)
     std::function<void(unsigned long)> hook;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (sleeps.size() < kMostRecords)
+        if (sleeps.size() < kMaxRecords)
             sleeps.push_back(ms);
         hook = sleepHook;
     }
@@ -100,13 +100,13 @@ void FakeTime::State::sleep(unsigned long ms)
     nowMs += static_cast<int64_t>(ms);
 }
 
-FakeTime::Wait FakeTime::State::beginWait(qvWaitCondition* condition, unsigned long timeOutMs,
+FakeTime::Wait FakeTime::State::beginWait(qvWaitCondition* condition, unsigned long timeoutMs,
                                           size_t& wakesBefore)
 {
     std::lock_guard<std::mutex> lock(mutex);
     Wait wait;
     wait.condition = condition;
-    wait.timeOutMs = timeOutMs;
+    wait.timeoutMs = timeoutMs;
     wait.number = waitCount++;
     wait.nowMs = nowMs;
     wakesBefore = wakes[condition];
@@ -116,20 +116,20 @@ FakeTime::Wait FakeTime::State::beginWait(qvWaitCondition* condition, unsigned l
 void FakeTime::State::endWait(Wait& wait, size_t wakesBefore)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    // A wait without time-out can only end by being woken.
+    // A wait without timeout can only end by being woken.
     wait.woken = wait.woken || wakes[wait.condition] != wakesBefore ||
-                 wait.timeOutMs == qvWaitCondition::kNoTimeout;
+                 wait.timeoutMs == qvWaitCondition::kNoTimeout;
     if (!wait.woken)
-        nowMs += static_cast<int64_t>(wait.timeOutMs);
-    if (waits.size() < kMostRecords)
+        nowMs += static_cast<int64_t>(wait.timeoutMs);
+    if (waits.size() < kMaxRecords)
         waits.push_back(wait);
 }
 
-bool FakeTime::State::wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeOutMs)
+bool FakeTime::State::wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeoutMs)
 {
     const TestsOwn own;
     size_t wakesBefore = 0;
-    Wait current = beginWait(condition, timeOutMs, wakesBefore);
+    Wait current = beginWait(condition, timeoutMs, wakesBefore);
     std::function<void(Wait&)> hook;
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -204,13 +204,13 @@ std::vector<FakeTime::Wait> FakeTime::waits() const
     return mState->waits;
 }
 
-std::vector<unsigned long> FakeTime::waitTimeOuts() const
+std::vector<unsigned long> FakeTime::waitTimeouts() const
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
-    std::vector<unsigned long> timeOuts;
+    std::vector<unsigned long> timeouts;
     for (const Wait& wait : mState->waits)
-        timeOuts.push_back(wait.timeOutMs);
-    return timeOuts;
+        timeouts.push_back(wait.timeoutMs);
+    return timeouts;
 }
 
 size_t FakeTime::wakes(const qvWaitCondition* condition) const
@@ -272,13 +272,13 @@ void qvThread::msleep(unsigned long ms)
     real(ms);
 }
 
-bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeOutMs)
+bool qvWaitCondition::wait(qvMutex* mutex, unsigned long timeoutMs)
 {
     if (const auto state = tests::Current())
-        return state->wait(this, mutex, timeOutMs);
+        return state->wait(this, mutex, timeoutMs);
     static const auto real = tests::Real<bool (*)(qvWaitCondition*, qvMutex*, unsigned long)>(
         "_ZN2qv15qvWaitCondition4waitEPNS_7qvMutexEm");
-    return real(this, mutex, timeOutMs);
+    return real(this, mutex, timeoutMs);
 }
 
 void qvWaitCondition::wakeAll()

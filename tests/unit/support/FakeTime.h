@@ -23,16 +23,16 @@ namespace qv::tests
 //
 //     FakeTime time;                          // now: 1000000 ms
 //     time.onWait([&](FakeTime::Wait& wait) { device.endFeed() ...; });
-//     ...call what waits...
+//     ...call the function that waits...
 //     EXPECT_THAT(time.sleeps(), ElementsAre(10, 35));
 class FakeTime
 {
 public:
-    // One wait on a condition. The clock goes on by the time-out unless the wait was woken.
+    // One wait on a condition. The clock advances by the timeout unless the wait was woken.
     struct Wait
     {
         qvWaitCondition* condition = nullptr;
-        unsigned long timeOutMs = 0;
+        unsigned long timeoutMs = 0;
         size_t number = 0;   // 0 for the first wait of this FakeTime
         int64_t nowMs = 0;   // when it began
         bool woken = false;  // true as soon as wakeAll was called on the condition; a hook may
@@ -54,11 +54,11 @@ public:
     // Called on the sleeping thread before the clock goes on by `ms`.
     void onSleep(std::function<void(unsigned long ms)> hook);
 
-    // What has been slept and waited so far by all threads (the first 100000 of each), and how
-    // often a condition has been woken. A wait is recorded when it is over.
+    // The sleeps and waits of all threads so far (the first 100000 of each), and how often a
+    // condition has been woken. A wait is recorded when it is over.
     std::vector<unsigned long> sleeps() const;
     std::vector<Wait> waits() const;
-    std::vector<unsigned long> waitTimeOuts() const;
+    std::vector<unsigned long> waitTimeouts() const;
     size_t wakes(const qvWaitCondition* condition) const;
     size_t wakes() const;  // of all conditions together
     void clearRecords();

@@ -1,5 +1,5 @@
-// An application that writes into the record of the stand-in daemon what it is asked, so that
-// calls of both sides can be compared in one order.
+// An application that records its calls in the call record of the fake daemon, so that the calls of
+// both sides can be compared in one order.
 #ifndef WENDREL_TESTS_RECORDINGAPPLICATION_H
 #define WENDREL_TESTS_RECORDINGAPPLICATION_H
 

@@ -1,4 +1,4 @@
-// The MHD_ functions, and what they write down.
+// The MHD_ functions, and their call record.
 
 #include "support/RecordingDaemon.h"
 
@@ -313,7 +313,7 @@ void ReadFunctions(RecordingDaemon::Option& option, va_list& arguments)
     option.closure = va_arg(arguments, void*);
 }
 
-// Reads what follows the number of one option. False: nothing more can be read.
+// Reads the arguments behind the number of one option. False: nothing more can be read.
 bool ReadOption(RecordingDaemon::Option& option, va_list& arguments)
 {
     switch (option.number) {
@@ -358,7 +358,7 @@ extern "C" {
 
 const char* MHD_get_version(void)
 {
-    return "0.0.0 (stand-in)";
+    return "0.0.0 (fake)";
 }
 
 MHD_Result MHD_is_feature_supported(MHD_FEATURE feature)
@@ -425,7 +425,7 @@ int MHD_get_connection_values(MHD_Connection* connection, MHD_ValueKind kind,
         if ((value.kind & kind) == 0)
             continue;
         ++count;
-        // The real one hands over its own memory, gone after the request: so must we.
+        // The daemon passes memory that it frees after the request, and so does the fake.
         const auto name = value.name;
         const auto text = value.value;
         const qv::tests::LibrarysOwn librarys;

@@ -1,6 +1,5 @@
-// A stand-in for the daemon: defines every MHD_ function that the library calls, does what the
-// test tells it to and writes down what it was asked. A program that links it does not link
-// libmicrohttpd.
+// A fake of the daemon: defines every MHD_ function that the library calls, behaves as the test
+// demands and records the calls. A program that links it does not link libmicrohttpd.
 #ifndef WENDREL_TESTS_RECORDINGDAEMON_H
 #define WENDREL_TESTS_RECORDINGDAEMON_H
 
@@ -106,7 +105,7 @@ public:
         MHD_AccessHandlerCallback handler = nullptr;
         void* handlerClosure = nullptr;
         std::vector<Option> options;
-        MHD_Daemon* daemon = nullptr;  // what was returned
+        MHD_Daemon* daemon = nullptr;  // the returned daemon
 
         const Option* find(int number) const;
     };
@@ -116,7 +115,7 @@ public:
     RecordingDaemon(const RecordingDaemon&) = delete;
     RecordingDaemon& operator=(const RecordingDaemon&) = delete;
 
-    // A new connection; lives as long as the stand-in.
+    // A new connection; lives as long as the fake.
     MHD_Connection& connection();
 
     // Of the feature questions only these get a yes (at first poll and epoll).
@@ -136,7 +135,7 @@ public:
     // Adds a line of the test's own to the record.
     void record(const std::string& line);
 
-    // What happened so far, one line a call: "MHD_queue_response 200".
+    // The calls so far, one line a call: "MHD_queue_response 200".
     std::vector<std::string> calls() const;
     std::vector<std::string> callsOf(const std::string& function) const;
     void clearCalls();

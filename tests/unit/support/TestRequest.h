@@ -16,7 +16,7 @@
 namespace qv::tests
 {
 
-// Fill in what the test needs before the response is announced.
+// Set the fields before the response is announced.
 class TestResponse : public HttpResponseInterface
 {
 public:

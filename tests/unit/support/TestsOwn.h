@@ -1,4 +1,4 @@
-// Tells what the support of the tests does from what the library does: calls made in between are
+// Separates the calls of the test support from the calls of the library: calls made in between are
 // neither counted nor made to fail (support/FailingCalls). Without effect in other programs.
 #ifndef WENDREL_TESTS_TESTSOWN_H
 #define WENDREL_TESTS_TESTSOWN_H
@@ -6,7 +6,7 @@
 namespace qv::tests
 {
 
-// While it lives, what its thread does is the tests' own.
+// During its lifetime the calls of its thread are the tests' own.
 class TestsOwn
 {
 public:

@@ -13,7 +13,7 @@ using Queue = std::list<std::vector<uint8_t>>;
 constexpr size_t kBlock = 1024;
 constexpr MaskKey kKey{0x3d, 0x81, 0x00, 0xf6};
 
-// What a queue holds. Fails the test when its blocks are not as they have to be.
+// The bytes of a queue. Fails the test when the sizes of its blocks are wrong.
 Bytes Content(const Queue& queue, size_t offset, size_t lastFill)
 {
     Bytes bytes;
@@ -197,8 +197,8 @@ TEST(WebSocketWriteQueue, GrowsBehindAPartlyWrittenBlock)
     EXPECT_EQ(WriteContent(socket), Part(bytes, kBlock));
 }
 
-// The first block is the only one and its end has been reached: there is no room in it that
-// may be used again.
+// The first block is the only one and its end has been reached: no capacity of it is left for
+// reuse.
 TEST(WebSocketWriteQueue, ReleasesThePartlyFilledBlockThatIsWritten)
 {
     WebSocket socket(-1, nullptr);

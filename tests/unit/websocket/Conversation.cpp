@@ -3,7 +3,7 @@
 
 #include "websocket/Support.h"
 
-#include "support/FaultySockets.h"
+#include "support/ScriptedSockets.h"
 
 #include <random>
 
@@ -127,11 +127,11 @@ public:
     {
         for (const tests::Message& message : messages)
             mOutgoing = std::move(mOutgoing) + AnyFrames(dice, message);
-        mSockets.cap(FaultySockets::Recv, mCut.mostReceived);
-        mSockets.cap(FaultySockets::Send, mCut.mostSent);
+        mSockets.cap(ScriptedSockets::Recv, mCut.mostReceived);
+        mSockets.cap(ScriptedSockets::Send, mCut.mostSent);
         if (mCut.mayBlock)
-            mSockets.onCall([this](const FaultySockets::Attempt&) {
-                using Outcome = FaultySockets::Outcome;
+            mSockets.onCall([this](const ScriptedSockets::Attempt&) {
+                using Outcome = ScriptedSockets::Outcome;
                 return mDice.oneIn(5) ? std::optional<Outcome>({-1, EAGAIN}) : std::nullopt;
             });
         mConnection.onMessage = [this](Bytes& payload, bool isBinary) {
@@ -184,7 +184,7 @@ private:
     Dice& mDice;
     const std::vector<tests::Message> mExpected;
     SocketPair mEnds;
-    FaultySockets mSockets;
+    ScriptedSockets mSockets;
     Connection mConnection;
     Cut mCut;
     Bytes mOutgoing;

@@ -13,9 +13,9 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
 constexpr MaskKey kKey{0xa1, 0xb2, 0xc3, 0xd4};
-constexpr uint64_t kMost = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t kMaxUint64 = std::numeric_limits<uint64_t>::max();
 
-// What the outputs hold before the call.
+// The values of the outputs before the call.
 constexpr MaskKey kKeyBefore{0xee, 0xee, 0xee, 0xee};
 constexpr size_t kLengthBefore = 987654321;
 constexpr size_t kHeaderBefore = 123456789;
@@ -33,7 +33,7 @@ struct Parsed
     size_t headerSize = kHeaderBefore;
 };
 
-// What is behind `header` is 0xff up to the 14 bytes that may be looked at.
+// The bytes behind `header` are 0xff, up to the 14 bytes that the function may read.
 Parsed Parse(Bytes header, size_t available, bool expectFirstFrame = true, Parsed before = {})
 {
     header.resize(14, 0xff);
@@ -154,7 +154,7 @@ TEST(FrameHeader, ReadsAllEightBytesOfALength)
 TEST(FrameHeader, WaitsForFramesOfAnyLengthThatCanBeAddedUp)
 {
     for (const uint64_t length : {uint64_t{1} << 32, (uint64_t{1} << 63) - 1, uint64_t{1} << 63,
-                                  (uint64_t{1} << 63) + 1, kMost - 15, kMost - 14}) {
+                                  (uint64_t{1} << 63) + 1, kMaxUint64 - 15, kMaxUint64 - 14}) {
         SCOPED_TRACE(length);
         const Bytes header = ClientHeader(kFinText, length, kKey);
         for (const size_t available : {size_t{10}, size_t{14}, size_t{1} << 20, length + 13}) {
@@ -171,7 +171,7 @@ TEST(FrameHeader, WaitsForFramesOfAnyLengthThatCanBeAddedUp)
 TEST(FrameHeader, TakesAFrameWhoseSumWrapsAroundForBufferedAsRequired)
 {
     for (uint64_t sum = 0; sum <= 13; ++sum) {
-        const uint64_t length = kMost - 13 + sum;
+        const uint64_t length = kMaxUint64 - 13 + sum;
         SCOPED_TRACE(length);
         const Bytes header = ClientHeader(kFinText, length, kKey);
         for (size_t available = 6; available <= 20; ++available) {
@@ -287,17 +287,17 @@ TEST(FrameHeader, TakesAKeyForGrantedWithoutTheMaskBitAsRequired)
     }
 }
 
-// What the room of ten bytes holds afterwards; a byte that was not written is 0xee.
+// The header in a buffer of twelve bytes. Bytes that were not written are 0xee.
 Bytes Written(size_t length, bool isBinary, bool isFirstFrame, bool fin)
 {
-    Bytes room(12, 0xee);
+    Bytes buffer(12, 0xee);
     size_t headerSize = 0;
-    WebSocket::WriteHeader(room.data(), length, isBinary, isFirstFrame, fin, headerSize);
+    WebSocket::WriteHeader(buffer.data(), length, isBinary, isFirstFrame, fin, headerSize);
     EXPECT_LE(headerSize, 10u);
-    for (size_t i = headerSize; i < room.size(); ++i)
-        EXPECT_EQ(room[i], 0xee) << "behind the header at " << i;
-    room.resize(headerSize);
-    return room;
+    for (size_t i = headerSize; i < buffer.size(); ++i)
+        EXPECT_EQ(buffer[i], 0xee) << "behind the header at " << i;
+    buffer.resize(headerSize);
+    return buffer;
 }
 
 TEST(FrameHeader, IsWrittenWithTheShortestLength)
@@ -319,7 +319,7 @@ TEST(FrameHeader, IsWrittenWithTheShortestLength)
         {65536, {0x82, 127, 0, 0, 0, 0, 0, 1, 0, 0}},
         {131000, {0x82, 127, 0, 0, 0, 0, 0, 1, 0xff, 0xb8}},
         {0x0102030405060708, {0x82, 127, 1, 2, 3, 4, 5, 6, 7, 8}},
-        {kMost, {0x82, 127, 255, 255, 255, 255, 255, 255, 255, 255}},
+        {kMaxUint64, {0x82, 127, 255, 255, 255, 255, 255, 255, 255, 255}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.length);

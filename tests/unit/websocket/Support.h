@@ -1,5 +1,5 @@
-// What the tests of upgraded connections share: a connection's two ends, and the frames of a
-// client made and of a server read without the library's help.
+// Support of the tests of upgraded connections: the two ends of a connection, and the frames of a
+// client and a server, written and read without the library.
 #ifndef WENDREL_TESTS_WEBSOCKET_SUPPORT_H
 #define WENDREL_TESTS_WEBSOCKET_SUPPORT_H
 
@@ -31,7 +31,7 @@ using Bytes = std::vector<uint8_t>;
 using MaskKey = std::array<uint8_t, 4>;
 
 // Two non-blocking sockets connected with each other. The client's end reads and writes with
-// read and write, which no FaultySockets object touches.
+// read and write, which no ScriptedSockets object touches.
 class SocketPair
 {
 public:
@@ -219,7 +219,7 @@ inline Message Binary(const Bytes& payload)
     return {payload, true};
 }
 
-// A connection that keeps its messages instead of answering.
+// A connection that keeps its messages and sends no response.
 class Connection : public WebSocket
 {
 public:

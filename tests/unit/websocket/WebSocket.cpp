@@ -1,10 +1,10 @@
-// One connection: the object, sending and receiving, and the messages it writes. What it makes
-// of the frames it reads is in WebSocketFrames.cpp.
+// One connection: the object, sending and receiving, and the messages it writes. The handling of
+// received frames is tested in WebSocketFrames.cpp.
 
 #include "websocket/Support.h"
 
 #include "support/BackgroundCall.h"
-#include "support/FaultySockets.h"
+#include "support/ScriptedSockets.h"
 #include "support/VirtualSlot.h"
 
 #include <chrono>
@@ -26,7 +26,7 @@ using ::testing::IsEmpty;
 
 constexpr size_t kBlock = 1024;
 
-// Some address; the stand-in for the daemon does not look at it.
+// An address for the handle. The fake daemon does not dereference it.
 int gHandleTarget;
 void* const kHandle = &gHandleTarget;
 
@@ -205,9 +205,9 @@ protected:
     // as much as fits behind a block's end.
     void prepare(WebSocket& upgraded)
     {
-        FaultySockets sockets;
-        sockets.capEach(FaultySockets::Send, {300});
-        sockets.fail(FaultySockets::Send, 1, EAGAIN);
+        ScriptedSockets sockets;
+        sockets.capEach(ScriptedSockets::Send, {300});
+        sockets.fail(ScriptedSockets::Send, 1, EAGAIN);
         Write(upgraded, mOutgoing);
         EXPECT_TRUE(upgraded.sendDataIfAvailable());
         upgraded.setReadEnabled(true);
@@ -301,10 +301,10 @@ TEST_F(TakenOver, AFreshConnectionStaysFresh)
 
 TEST(WebSocketSending, DoesNothingWithAnEmptyQueue)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     WebSocket connection(-1, nullptr);
     EXPECT_TRUE(connection.sendDataIfAvailable());
-    EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Send), 0u);
 }
 
 TEST(WebSocketSending, TakesItsLockAlsoWithAnEmptyQueue)
@@ -321,16 +321,16 @@ TEST(WebSocketSending, TakesItsLockAlsoWithAnEmptyQueue)
 
 TEST(WebSocketSending, AsksForTheRestOfTheFirstBlockEachTime)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     Write(connection, Pattern(2496));  // 2500 with its header
-    sockets.capEach(FaultySockets::Send, {0, 24, 1000, 451, 1});
+    sockets.capEach(ScriptedSockets::Send, {0, 24, 1000, 451, 1});
     EXPECT_TRUE(connection.sendDataIfAvailable());
     const std::pair<size_t, ssize_t> expected[] = {
         {1024, 1024}, {1024, 24}, {1000, 1000}, {452, 451}, {1, 1},
     };
-    const auto calls = sockets.callsOf(FaultySockets::Send);
+    const auto calls = sockets.callsOf(ScriptedSockets::Send);
     ASSERT_EQ(calls.size(), std::size(expected));
     for (size_t i = 0; i < calls.size(); ++i) {
         SCOPED_TRACE(i);
@@ -347,14 +347,14 @@ TEST(WebSocketSending, ResumesAtEveryByteOfThreeThousand)
     SocketPair ends;
     const Bytes payload = Pattern(2996);
     for (size_t sent = 0; sent <= 3000; ++sent) {
-        FaultySockets sockets;
+        ScriptedSockets sockets;
         WebSocket connection(ends.server(), nullptr);
         Write(connection, payload);
         std::vector<size_t> parts(sent / kBlock, kBlock);
         if (sent % kBlock != 0)
             parts.push_back(sent % kBlock);
-        sockets.capEach(FaultySockets::Send, parts);
-        sockets.fail(FaultySockets::Send, parts.size(), EAGAIN);
+        sockets.capEach(ScriptedSockets::Send, parts);
+        sockets.fail(ScriptedSockets::Send, parts.size(), EAGAIN);
         ASSERT_TRUE(connection.sendDataIfAvailable());
 
         const Bytes first = ends.read();
@@ -370,14 +370,14 @@ TEST(WebSocketSending, ResumesAtEveryByteOfThreeThousand)
 
 TEST(WebSocketSending, GoesOnByteByByte)
 {
-    FaultySockets sockets;
-    sockets.cap(FaultySockets::Send, 1);
+    ScriptedSockets sockets;
+    sockets.cap(ScriptedSockets::Send, 1);
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     Write(connection, Pattern(2996));
     EXPECT_THAT(ServerMessages(SendAll(connection, ends)), ElementsAre(Binary(Pattern(2996))));
     // Now and then the socket is full.
-    const auto calls = sockets.callsOf(FaultySockets::Send);
+    const auto calls = sockets.callsOf(ScriptedSockets::Send);
     EXPECT_EQ(
         std::count_if(calls.begin(), calls.end(), [](auto& call) { return call.result == 1; }),
         3000);
@@ -385,14 +385,14 @@ TEST(WebSocketSending, GoesOnByteByByte)
 
 TEST(WebSocketSending, GoesOnAfterACallThatTookNothing)
 {
-    FaultySockets sockets;
-    sockets.answer(FaultySockets::Send, 0, {0, 0});
-    sockets.answer(FaultySockets::Send, 2, {0, 0});
+    ScriptedSockets sockets;
+    sockets.setOutcome(ScriptedSockets::Send, 0, {0, 0});
+    sockets.setOutcome(ScriptedSockets::Send, 2, {0, 0});
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     Write(connection, Pattern(1500));
     EXPECT_TRUE(connection.sendDataIfAvailable());
-    EXPECT_EQ(sockets.count(FaultySockets::Send), 4u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Send), 4u);
     EXPECT_THAT(ServerMessages(ends.read()), ElementsAre(Binary(Pattern(1500))));
 }
 
@@ -428,13 +428,13 @@ TEST(WebSocketSending, FailsAtEachCallInTurn)
         size_t failing = 0;
         for (bool clean = false; !clean; ++failing) {
             ASSERT_LT(failing, 100u);
-            FaultySockets sockets;
-            sockets.cap(FaultySockets::Send, 333);
-            sockets.fail(FaultySockets::Send, failing, row.error);
+            ScriptedSockets sockets;
+            sockets.cap(ScriptedSockets::Send, 333);
+            sockets.fail(ScriptedSockets::Send, failing, row.error);
             WebSocket connection(ends.server(), nullptr);
             Write(connection, Pattern(2996));
             const bool sent = connection.sendDataIfAvailable();
-            clean = sockets.count(FaultySockets::Send) <= failing;
+            clean = sockets.count(ScriptedSockets::Send) <= failing;
             EXPECT_EQ(sent, clean || row.expected) << "call " << failing;
             EXPECT_EQ(connection.hasWritePending(), !clean);
             // Nothing is sent twice and nothing is lost, even if somebody goes on.
@@ -445,7 +445,7 @@ TEST(WebSocketSending, FailsAtEachCallInTurn)
     }
 }
 
-TEST(WebSocketSending, FailsWhenThePeerIsGone)
+TEST(WebSocketSending, FailsWhenThePeerHasClosed)
 {
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
@@ -456,12 +456,12 @@ TEST(WebSocketSending, FailsWhenThePeerIsGone)
 
 TEST(WebSocketSending, HoldsTheLockMeanwhile)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     Write(connection, ToBytes("first"));
     std::unique_ptr<BackgroundCall> other;
-    sockets.onCall([&](const FaultySockets::Attempt& attempt) {
+    sockets.onCall([&](const ScriptedSockets::Attempt& attempt) {
         if (attempt.number == 0) {
             other = std::make_unique<BackgroundCall>([&] { Write(connection, ToBytes("second")); });
             EXPECT_TRUE(other->isBlocked());
@@ -478,26 +478,26 @@ TEST(WebSocketSending, HoldsTheLockMeanwhile)
 
 TEST(WebSocketReceiving, DoesNothingUnlessToldTo)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     ends.writeAll(ClientFrame(0x81, ToBytes("hello")));
     EXPECT_TRUE(connection.readDataIfAvailable());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 0u);
     EXPECT_THAT(connection.messages, IsEmpty());
     EXPECT_THAT(Access::readQueue(connection), IsEmpty());
 }
 
 TEST(WebSocketReceiving, StopsWhenTheSocketIsEmpty)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
     EXPECT_TRUE(connection.readDataIfAvailable());
     EXPECT_FALSE(connection.hasReadPending());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 1u);
-    EXPECT_EQ(Access::readQueue(connection).size(), 1u);  // opened for what has not come
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 1u);
+    EXPECT_EQ(Access::readQueue(connection).size(), 1u);  // allocated before the receive call
     EXPECT_EQ(Access::lastReadFill(connection), 0u);
 }
 
@@ -516,17 +516,17 @@ TEST(WebSocketReceiving, StaysReadyAfterAFrame)
 
 TEST(WebSocketReceiving, AsksForTheRestOfTheLastBlockEachTime)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
     ends.writeAll(ClientFrame(0x82, Pattern(2492)));  // 2500 with its header
-    sockets.capEach(FaultySockets::Recv, {100, 0, 1000, 23, 1, 352});
+    sockets.capEach(ScriptedSockets::Recv, {100, 0, 1000, 23, 1, 352});
     EXPECT_TRUE(connection.readDataIfAvailable());
     const std::pair<size_t, ssize_t> expected[] = {
         {1024, 100}, {924, 924}, {1024, 1000}, {24, 23}, {1, 1}, {1024, 352}, {672, 100},
     };
-    const auto calls = sockets.callsOf(FaultySockets::Recv);
+    const auto calls = sockets.callsOf(ScriptedSockets::Recv);
     ASSERT_EQ(calls.size(), std::size(expected));
     for (size_t i = 0; i < calls.size(); ++i) {
         SCOPED_TRACE(i);
@@ -562,15 +562,15 @@ TEST(WebSocketReceiving, ResumesAtEveryByteOfThreeThousand)
 
 TEST(WebSocketReceiving, GoesOnByteByByte)
 {
-    FaultySockets sockets;
-    sockets.cap(FaultySockets::Recv, 1);
+    ScriptedSockets sockets;
+    sockets.cap(ScriptedSockets::Recv, 1);
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
     ends.writeAll(ClientFrame(0x81, Pattern(2992)));
     EXPECT_TRUE(connection.readDataIfAvailable());
     EXPECT_THAT(connection.messages, ElementsAre(Text(Pattern(2992))));
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 3000u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 3000u);
 }
 
 TEST(WebSocketReceiving, FailsAtEachCallInTurn)
@@ -591,14 +591,14 @@ TEST(WebSocketReceiving, FailsAtEachCallInTurn)
         size_t failing = 0;
         for (bool clean = false; !clean; ++failing) {
             ASSERT_LT(failing, 100u);
-            FaultySockets sockets;
-            sockets.cap(FaultySockets::Recv, 333);
-            sockets.fail(FaultySockets::Recv, failing, row.error);
+            ScriptedSockets sockets;
+            sockets.cap(ScriptedSockets::Recv, 333);
+            sockets.fail(ScriptedSockets::Recv, failing, row.error);
             Connection connection(ends.server());
             connection.setReadEnabled(true);
             ends.writeAll(ClientFrame(0x82, Pattern(2992)));
             const bool read = connection.readDataIfAvailable();
-            clean = sockets.count(FaultySockets::Recv) <= failing;
+            clean = sockets.count(ScriptedSockets::Recv) <= failing;
             EXPECT_EQ(read, clean || row.expected) << "call " << failing;
             EXPECT_EQ(connection.messages.size(), clean ? 1u : 0u);
             // Only an empty socket ends the wish to read.
@@ -615,22 +615,22 @@ TEST(WebSocketReceiving, FailsAtEachCallInTurn)
 
 TEST(WebSocketReceiving, KeepsReceivingFromAHalfClosedPeerAsRequired)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     for (size_t number = 3; number < 1003; ++number)
-        sockets.answer(FaultySockets::Recv, number, {0, 0});
-    sockets.capEach(FaultySockets::Recv, {4, 2, 1});
+        sockets.setOutcome(ScriptedSockets::Recv, number, {0, 0});
+    sockets.capEach(ScriptedSockets::Recv, {4, 2, 1});
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
     ends.writeAll(ClientFrame(0x81, ToBytes("hello")));
     EXPECT_TRUE(connection.readDataIfAvailable());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 1004u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 1004u);
     EXPECT_THAT(connection.messages, ElementsAre(Text(ToBytes("hello"))));
 }
 
 TEST(WebSocketReceiving, LeavesAHalfClosedPeerByAnErrorOnlyAsRequired)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     ends.writeAll(ToBytes("abc"));
@@ -638,11 +638,11 @@ TEST(WebSocketReceiving, LeavesAHalfClosedPeerByAnErrorOnlyAsRequired)
     for (const bool failing : {false, true}) {
         SCOPED_TRACE(failing);
         connection.setReadEnabled(true);
-        sockets.fail(FaultySockets::Recv, failing ? 1000 : 500, failing ? ECONNRESET : EAGAIN);
+        sockets.fail(ScriptedSockets::Recv, failing ? 1000 : 500, failing ? ECONNRESET : EAGAIN);
         EXPECT_EQ(connection.readDataIfAvailable(), !failing);
-        EXPECT_EQ(sockets.count(FaultySockets::Recv), failing ? 1001u : 501u);
+        EXPECT_EQ(sockets.count(ScriptedSockets::Recv), failing ? 1001u : 501u);
     }
-    EXPECT_EQ(sockets.callsOf(FaultySockets::Recv)[700].result, 0);
+    EXPECT_EQ(sockets.callsOf(ScriptedSockets::Recv)[700].result, 0);
     EXPECT_EQ(Access::readQueue(connection).size(), 1u);
     EXPECT_EQ(Access::lastReadFill(connection), 3u);
 }
@@ -741,12 +741,12 @@ TEST(WebSocketWriting, SendsAtOnceOnTheThreadThatHandlesTheConnection)
 
 TEST(WebSocketWriting, OnlyQueuesOnAnyOtherThread)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     const auto expectQueued = [&](size_t messages) {
         EXPECT_TRUE(connection.hasWritePending());
-        EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);
+        EXPECT_EQ(sockets.count(ScriptedSockets::Send), 0u);
         size_t bytes = (Access::writeQueue(connection).size() - 1) * kBlock;
         bytes += Access::lastWriteFill(connection);
         EXPECT_EQ(bytes, messages * 5);
@@ -784,9 +784,9 @@ TEST(WebSocketWriting, LeavesAFailureToSendToTheNextCall)
 
 TEST(WebSocketWriting, QueuesWhatTheSocketDoesNotTake)
 {
-    FaultySockets sockets;
-    sockets.capEach(FaultySockets::Send, {100});
-    sockets.fail(FaultySockets::Send, 1, EAGAIN);
+    ScriptedSockets sockets;
+    sockets.capEach(ScriptedSockets::Send, {100});
+    sockets.fail(ScriptedSockets::Send, 1, EAGAIN);
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);
     const AsWorker worker(connection);
@@ -873,9 +873,9 @@ TEST(WebSocketWriting, LetsNobodyIntoALongMessage)
     EXPECT_EQ(shortMessages, 0u);
 }
 
-// --- The answer of a connection whose application overrides nothing.
+// --- The default response to a message.
 
-TEST(WebSocketDefaultAnswer, IsOneWordOverAndOverInThreeFramesAsRequired)
+TEST(WebSocketDefaultResponse, IsOneWordOverAndOverInThreeFramesAsRequired)
 {
     std::string expected;
     while (expected.size() < 262008)
@@ -899,7 +899,7 @@ TEST(WebSocketDefaultAnswer, IsOneWordOverAndOverInThreeFramesAsRequired)
     }
 }
 
-TEST(WebSocketDefaultAnswer, ChangesNeitherTheMessageNorWaitsForThePollThread)
+TEST(WebSocketDefaultResponse, ChangesNeitherTheMessageNorWaitsForThePollThread)
 {
     SocketPair ends;
     WebSocket connection(ends.server(), nullptr);

@@ -1,8 +1,8 @@
-// What a connection makes of the frames it reads.
+// Frames that a connection reads.
 
 #include "websocket/Support.h"
 
-#include "support/FaultySockets.h"
+#include "support/ScriptedSockets.h"
 
 #include <limits>
 #include <stdexcept>
@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 
 constexpr size_t kBlock = 1024;
 constexpr MaskKey kKey{0x9e, 0x37, 0x79, 0xb9};
-constexpr uint64_t kMost = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t kMaxUint64 = std::numeric_limits<uint64_t>::max();
 
 enum Result { kRefused = 0, kConsumed = 1, kIncomplete = 2 };
 
@@ -216,18 +216,18 @@ TEST(WebSocketFrames, AreJudgedByTwoBitsOfTheOpcodeAsRequired)
 
 TEST(WebSocketFrames, OfAPingAndAPongAreMessagesAsRequired)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     connection.assignCurrentThread();
     Converse(connection, ends,
              ClientFrame(0x89, ToBytes("ping")) + ClientFrame(0x8a, ToBytes("pong")));
     EXPECT_THAT(connection.messages, ElementsAre(Text(ToBytes("ping")), Binary(ToBytes("pong"))));
-    EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);  // no pong is sent
+    EXPECT_EQ(sockets.count(ScriptedSockets::Send), 0u);  // no pong is sent
     EXPECT_FALSE(connection.hasWritePending());
 }
 
-TEST(WebSocketFrames, OfACloseEndTheConnectionBetweenMessagesWithoutAnAnswerAsRequired)
+TEST(WebSocketFrames, OfACloseEndTheConnectionBetweenMessagesWithoutACloseFrameAsRequired)
 {
     SocketPair ends;
     Connection connection(ends.server());
@@ -305,8 +305,8 @@ TEST(WebSocketFrames, AreReadWhereverABlockEndsInTheirHeader)
             for (const bool inOneRead : {true, false}) {
                 SCOPED_TRACE(testing::Message() << inFirst << " of " << header << " header bytes"
                                                 << (inOneRead ? "" : ", byte by byte"));
-                FaultySockets sockets;
-                sockets.cap(FaultySockets::Recv, inOneRead ? 0 : 1);
+                ScriptedSockets sockets;
+                sockets.cap(ScriptedSockets::Recv, inOneRead ? 0 : 1);
                 SocketPair ends;
                 Connection connection(ends.server());
                 Converse(connection, ends, bytes);
@@ -336,7 +336,7 @@ TEST(WebSocketFrames, CarryTheMaskPhaseOverBlockEnds)
 
 TEST(WebSocketFrames, StayBufferedBehindTheFirstOfOneRead)
 {
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
@@ -344,14 +344,14 @@ TEST(WebSocketFrames, StayBufferedBehindTheFirstOfOneRead)
     EXPECT_TRUE(connection.readDataIfAvailable());
     EXPECT_THAT(connection.messages, ElementsAre(Text(ToBytes("one"))));
     EXPECT_TRUE(connection.hasReadPending());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 1u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 1u);
     EXPECT_TRUE(connection.readDataIfAvailable());
     EXPECT_THAT(connection.messages, ElementsAre(Text(ToBytes("one")), Text(ToBytes("two"))));
     EXPECT_FALSE(connection.hasReadPending());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 2u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 2u);
 }
 
-// Of what is buffered one frame is handled with each receiving, and one when the socket is empty.
+// Each receive call handles one buffered frame. One more is handled when the socket is empty.
 TEST(WebSocketFrames, BehindTheSecondOfOneReadWaitForMoreBytesAsRequired)
 {
     SocketPair ends;
@@ -391,8 +391,8 @@ TEST(WebSocketFrames, ThatAreRefusedEndTheConnectionWhereverTheyAreFound)
 
 TEST(WebSocketFrames, AreHandledBeforeALostConnectionIsNoticed)
 {
-    FaultySockets sockets;
-    sockets.failFrom(FaultySockets::Recv, 2, ECONNRESET);  // not reached
+    ScriptedSockets sockets;
+    sockets.failFrom(ScriptedSockets::Recv, 2, ECONNRESET);  // not reached
     SocketPair ends;
     Connection connection(ends.server());
     connection.setReadEnabled(true);
@@ -406,13 +406,13 @@ TEST(WebSocketFrames, AreHandledBeforeALostConnectionIsNoticed)
 TEST(WebSocketFrames, AreWaitedForHoweverLongTheyAre)
 {
     for (const uint64_t length :
-         {uint64_t{1} << 32, (uint64_t{1} << 63) - 1, uint64_t{1} << 63, kMost - 14}) {
+         {uint64_t{1} << 32, (uint64_t{1} << 63) - 1, uint64_t{1} << 63, kMaxUint64 - 14}) {
         SCOPED_TRACE(length);
         FedConnection connection;
         connection.feed(ClientHeader(0x81, length, kKey) + Pattern(5000));
         EXPECT_EQ(connection.tryToReadFrame(), kIncomplete);
         EXPECT_EQ(connection.buffered(), 5014u);
-        EXPECT_EQ(Access::message(connection).capacity(), 0u);  // no room is made beforehand
+        EXPECT_EQ(Access::message(connection).capacity(), 0u);  // nothing is reserved beforehand
     }
 }
 
@@ -420,7 +420,7 @@ TEST(WebSocketFrames, AreWaitedForHoweverLongTheyAre)
 // one that no vector can hold.
 TEST(WebSocketFrames, WhoseLengthWrapsAroundThrowAndHarmNothing)
 {
-    for (uint64_t length = kMost - 13; length != 0; ++length) {
+    for (uint64_t length = kMaxUint64 - 13; length != 0; ++length) {
         for (const size_t behind : {0, 1, 9, 1000}) {
             SCOPED_TRACE(testing::Message() << length << ", and " << behind << " bytes behind it");
             FedConnection connection;
@@ -436,7 +436,7 @@ TEST(WebSocketFrames, WhoseLengthWrapsAroundThrowAndHarmNothing)
 TEST(WebSocketFrames, WhoseLengthWrapsAroundLeaveTheBegunMessageAlone)
 {
     for (const size_t begun : {1, 5, 14, 15, 100, 5000}) {
-        for (uint64_t length = kMost - 13; length != 0; ++length) {
+        for (uint64_t length = kMaxUint64 - 13; length != 0; ++length) {
             SCOPED_TRACE(testing::Message() << begun << " + " << length);
             FedConnection connection;
             const Bytes fragment = Pattern(begun);
@@ -459,7 +459,7 @@ TEST(WebSocketFrames, WhoseLengthWrapsAroundMayBeCutInTheirHeader)
         SocketPair ends;
         Connection connection(ends.server());
         connection.setReadEnabled(true);
-        Bytes header = ClientHeader(0x81, kMost - 13, kKey);
+        Bytes header = ClientHeader(0x81, kMaxUint64 - 13, kKey);
         header.resize(cut);
         ends.writeAll(header);
         EXPECT_THROW(connection.readDataIfAvailable(), std::length_error);
@@ -489,7 +489,7 @@ TEST(WebSocketFrames, ClearTheMessageWhateverTheApplicationLeaves)
     EXPECT_FALSE(Access::messageIsBinary(connection));
 }
 
-TEST(WebSocketFrames, KeepTheRoomOfTheMessageForTheNext)
+TEST(WebSocketFrames, KeepTheCapacityOfTheMessageForTheNext)
 {
     FedConnection connection;
     connection.feed(ClientFrame(0x82, Pattern(5000)));

@@ -2,7 +2,7 @@
 
 #include "support/BackgroundCall.h"
 #include "support/CapturedLog.h"
-#include "support/FaultySockets.h"
+#include "support/ScriptedSockets.h"
 #include "support/VirtualSlot.h"
 #include "websocket/SpareBlocks.h"
 #include "websocket/Support.h"
@@ -97,7 +97,7 @@ using ::testing::SizeIs;
 constexpr uint8_t kText = 0x81;
 constexpr uint8_t kBroken = 0x83;  // an opcode that ends the connection
 
-// What happened on all threads, in one order. The same thing again and again counts once.
+// The events of all threads in one order. Equal events in succession count once.
 class EventLog
 {
 public:
@@ -131,8 +131,8 @@ public:
         mLines.clear();
     }
 
-    // Asks `condition` after each event, and now and then for what is no event; with no lock
-    // held. False when the limit has passed.
+    // Checks `condition` after each event, and at intervals for conditions without an event. No
+    // lock is held. False after the limit.
     bool wait(const std::function<bool()>& condition)
     {
         const auto end = std::chrono::steady_clock::now() + kLimit;
@@ -169,7 +169,7 @@ class TestSocket : public WebSocket
 {
 public:
     TestSocket(int fd, void* handle, std::string name, EventLog& eventLog)
-        : WebSocket(fd, handle), mName(std::move(name)), mJournal(eventLog)
+        : WebSocket(fd, handle), mName(std::move(name)), mEventLog(eventLog)
     {}
 
     ~TestSocket() override
@@ -178,7 +178,7 @@ public:
             onEnd();
         if (alive)
             --*alive;
-        mJournal.add("~" + mName);
+        mEventLog.add("~" + mName);
     }
 
     void onMessageReceived(Bytes& received, bool) override
@@ -186,7 +186,7 @@ public:
         const std::string text(received.begin(), received.end());
         if (onMessage)
             onMessage(text);
-        mJournal.add(mName + ": " + text);
+        mEventLog.add(mName + ": " + text);
     }
 
     std::function<void(const std::string&)> onMessage;
@@ -195,7 +195,7 @@ public:
 
 private:
     const std::string mName;
-    EventLog& mJournal;
+    EventLog& mEventLog;
 };
 
 // One connection with both its ends.
@@ -219,7 +219,7 @@ class WebSocketThreadTest : public ::testing::Test
 {
 protected:
     using PollHook =
-        std::function<std::optional<FaultySockets::Outcome>(pollfd* entries, size_t count)>;
+        std::function<std::optional<ScriptedSockets::Outcome>(pollfd* entries, size_t count)>;
 
     WebSocketThreadTest() : threads(std::make_unique<WebSocketThread>())
     {
@@ -239,30 +239,29 @@ protected:
         threads.reset();
     }
 
-    // Each poll is written down with the names of its connections; then `hook` may answer it.
+    // Records each poll with the names of its connections. Then `hook` may return its outcome.
     void onPoll(PollHook hook)
     {
-        sockets.onCall(
-            [this,
-             hook](const FaultySockets::Attempt& attempt) -> std::optional<FaultySockets::Outcome> {
-                if (attempt.operation != FaultySockets::Poll)
-                    return std::nullopt;
-                auto* entries = static_cast<pollfd*>(attempt.data);
-                std::string line = "poll";
-                for (size_t i = 0; i < attempt.length; ++i) {
-                    EXPECT_EQ(entries[i].revents, 0);
-                    line += " " + nameOf(entries[i].fd);
-                }
-                eventLog.add(line);
-                return hook ? hook(entries, attempt.length) : std::nullopt;
-            });
+        sockets.onCall([this, hook](const ScriptedSockets::Attempt& attempt)
+                           -> std::optional<ScriptedSockets::Outcome> {
+            if (attempt.operation != ScriptedSockets::Poll)
+                return std::nullopt;
+            auto* entries = static_cast<pollfd*>(attempt.data);
+            std::string line = "poll";
+            for (size_t i = 0; i < attempt.length; ++i) {
+                EXPECT_EQ(entries[i].revents, 0);
+                line += " " + nameOf(entries[i].fd);
+            }
+            eventLog.add(line);
+            return hook ? hook(entries, attempt.length) : std::nullopt;
+        });
     }
 
-    // The first polls have these results, whatever the sockets say; one row of events a poll.
+    // The results of the first polls, one row of events per poll. The sockets are not polled.
     void pollFirst(std::vector<std::vector<short>> rows)
     {
         onPoll([rows = std::move(rows), row = std::make_shared<std::atomic<size_t>>(0)](
-                   pollfd* entries, size_t count) -> std::optional<FaultySockets::Outcome> {
+                   pollfd* entries, size_t count) -> std::optional<ScriptedSockets::Outcome> {
             const size_t now = (*row)++;
             if (now >= rows.size())
                 return std::nullopt;
@@ -272,7 +271,7 @@ protected:
                 entries[i].revents = rows[now][i];
                 ready += entries[i].revents != 0;
             }
-            return FaultySockets::Outcome{ready, 0};
+            return ScriptedSockets::Outcome{ready, 0};
         });
     }
 
@@ -348,7 +347,7 @@ protected:
         onPoll(nullptr);
         sockets.clearCalls();
         return eventLog.wait([this] {
-            const auto polls = sockets.callsOf(FaultySockets::Poll);
+            const auto polls = sockets.callsOf(ScriptedSockets::Poll);
             return !polls.empty() && polls.back().result == 0 &&
                    polls.back().polled.size() == alive;
         });
@@ -394,7 +393,7 @@ protected:
     RecordingDaemon daemon;
     CapturedLog log;
     EventLog eventLog;
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     std::mutex namesMutex;
     std::map<int, std::string> names;  // of the connections, by their socket
     std::deque<Peer> peers;
@@ -433,26 +432,26 @@ TEST_F(WebSocketThreadTest, SleepsWithoutConnectionsAndDoesNotPoll)
     start(0);
     ASSERT_TRUE(isIdle());
     ASSERT_TRUE(waitUntilOthersSleep());
-    EXPECT_EQ(sockets.count(FaultySockets::Poll), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 0u);
 
     pollFirst({{0}, {POLLERR}});
     add("a");
     ASSERT_TRUE(eventLog.waitFor("~a"));
     ASSERT_TRUE(isIdle());
-    EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 2u);
     ASSERT_TRUE(waitUntilOthersSleep());
-    EXPECT_EQ(sockets.count(FaultySockets::Poll), 2u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 2u);
 }
 
 TEST_F(WebSocketThreadTest, IsIdleOnlyWhileItSleeps)
 {
     std::atomic<bool> wasIdleInPoll{false};
-    onPoll([&](pollfd* entries, size_t count) -> std::optional<FaultySockets::Outcome> {
+    onPoll([&](pollfd* entries, size_t count) -> std::optional<ScriptedSockets::Outcome> {
         if (Access::isPollThreadIdle(*threads))
             wasIdleInPoll = true;
         for (size_t i = 0; i < count; ++i)
             entries[i].revents = POLLHUP;
-        return FaultySockets::Outcome{static_cast<ssize_t>(count), 0};
+        return ScriptedSockets::Outcome{static_cast<ssize_t>(count), 0};
     });
     add("first");  // is there when the thread begins
     start(0);
@@ -474,13 +473,13 @@ TEST_F(WebSocketThreadTest, PollsForWritingOnlyWhileBytesAreQueued)
     start(1);
     ASSERT_TRUE(eventLog.waitFor("poll silent talking"));
     ASSERT_TRUE(eventLog.wait([&] { return ServerMessages(talking.pair.read()).size() == 1; }));
-    // Both are back, in whatever order.
+    // Both connections are polled again, in any order.
     ASSERT_TRUE(eventLog.wait([&] {
-        const auto polls = sockets.callsOf(FaultySockets::Poll);
+        const auto polls = sockets.callsOf(ScriptedSockets::Poll);
         return polls.size() > 1 && polls.back().polled.size() == 2;
     }));
 
-    const auto polls = sockets.callsOf(FaultySockets::Poll);
+    const auto polls = sockets.callsOf(ScriptedSockets::Poll);
     ASSERT_THAT(polls.front().polled, SizeIs(2));
     EXPECT_EQ(polls.front().polled[0].fd, silent.pair.server());
     EXPECT_EQ(polls.front().polled[0].events, POLLIN);
@@ -496,9 +495,9 @@ TEST_F(WebSocketThreadTest, PollsASilentConnectionAgainAndAgain)
 {
     start(1);
     add("a");
-    ASSERT_TRUE(eventLog.wait([&] { return sockets.count(FaultySockets::Poll) >= 4; }));
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
-    EXPECT_EQ(sockets.count(FaultySockets::Send), 0u);
+    ASSERT_TRUE(eventLog.wait([&] { return sockets.count(ScriptedSockets::Poll) >= 4; }));
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Send), 0u);
     EXPECT_EQ(Access::readyCount(*threads), 0u);
     EXPECT_THAT(eventLog.lines(), ElementsAre("poll a"));
 }
@@ -507,7 +506,7 @@ TEST_F(WebSocketThreadTest, PollsAConnectionThatComesMeanwhileInTheNextCycle)
 {
     // The thread goes on polling when this test has ended.
     const auto latch = std::make_shared<Latch>();
-    onPoll([latch](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
+    onPoll([latch](pollfd*, size_t) -> std::optional<ScriptedSockets::Outcome> {
         latch->wait();
         return std::nullopt;
     });
@@ -532,7 +531,7 @@ TEST_F(WebSocketThreadTest, ClosesAndDestroysWhatHasFailedEvenWithDataToRead)
         {"hang-up", POLLHUP},
         {"error with data", POLLERR | POLLIN},
         {"hang-up with data", POLLHUP | POLLIN},
-        {"hang-up with data and room", POLLHUP | POLLIN | POLLOUT},
+        {"hang-up, readable and writable", POLLHUP | POLLIN | POLLOUT},
         {"everything", POLLHUP | POLLERR | POLLIN | POLLOUT | POLLNVAL},
     };
     for (const auto& row : rows) {
@@ -554,14 +553,14 @@ TEST_F(WebSocketThreadTest, ClosesAndDestroysWhatHasFailedEvenWithDataToRead)
                     ElementsAre("poll failed other", "close", "~failed", "poll other"));
         EXPECT_EQ(lastClosed(), failed.handle());
         EXPECT_TRUE(locked);
-        EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
+        EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 0u);
         joinLockers();
         stop();
     }
     EXPECT_THAT(daemon.closedHandles(), SizeIs(std::size(rows)));
 }
 
-TEST_F(WebSocketThreadTest, ClosesAConnectionWhoseClientHasGone)
+TEST_F(WebSocketThreadTest, ClosesAConnectionWhoseClientHasClosed)
 {
     Peer& peer = connect("a");
     peer.send("never read");
@@ -580,8 +579,8 @@ TEST_F(WebSocketThreadTest, PollsADescriptorThatIsNotOpenAgain)
     peer.pair.closeServer();
     give(peer);
     start(1);
-    ASSERT_TRUE(eventLog.wait([&] { return sockets.callsOf(FaultySockets::Poll).size() >= 3; }));
-    for (const auto& poll : sockets.callsOf(FaultySockets::Poll)) {
+    ASSERT_TRUE(eventLog.wait([&] { return sockets.callsOf(ScriptedSockets::Poll).size() >= 3; }));
+    for (const auto& poll : sockets.callsOf(ScriptedSockets::Poll)) {
         ASSERT_THAT(poll.polled, SizeIs(1));
         EXPECT_EQ(poll.polled[0].revents, POLLNVAL);
     }
@@ -602,14 +601,14 @@ TEST_F(WebSocketThreadTest, ServesAConnectionAfterADoubtfulDescriptor)
     give(peer);
     start(1);
     ASSERT_TRUE(eventLog.waitFor("a: hello"));
-    EXPECT_GE(sockets.count(FaultySockets::Poll), 3u);
+    EXPECT_GE(sockets.count(ScriptedSockets::Poll), 3u);
     EXPECT_THAT(daemon.closedHandles(), IsEmpty());
 }
 
 TEST_F(WebSocketThreadTest, SortsOneCycleInOrder)
 {
     pollFirst({{POLLIN, 0, POLLHUP, POLLNVAL, POLLIN | POLLOUT}});
-    for (const char* name : {"reads", "silent", "gone", "invalid", "both"}) {
+    for (const char* name : {"reads", "silent", "closed", "invalid", "both"}) {
         Peer& peer = connect(name);
         peer.send("hello");
         give(peer);
@@ -620,7 +619,7 @@ TEST_F(WebSocketThreadTest, SortsOneCycleInOrder)
     EXPECT_THAT(messages(),
                 ElementsAre("reads: hello", "both: hello", "silent: hello", "invalid: hello"));
     EXPECT_EQ(eventLog.count("close"), 1u);
-    EXPECT_EQ(eventLog.count("~gone"), 1u);
+    EXPECT_EQ(eventLog.count("~closed"), 1u);
     EXPECT_THAT(daemon.closedHandles(), ElementsAre(peers[2].handle()));
 }
 
@@ -646,9 +645,9 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
         sockets.clearCalls();
         const size_t logged = log.lines().size();
         // Found by a connection that comes while poll is going on.
-        onPoll([&](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
+        onPoll([&](pollfd*, size_t) -> std::optional<ScriptedSockets::Outcome> {
             add("late");
-            return FaultySockets::Outcome{-1, row.error};
+            return ScriptedSockets::Outcome{-1, row.error};
         });
         connect("a").send("never read");
         connect("b");
@@ -665,12 +664,12 @@ TEST_F(WebSocketThreadTest, EndsWhenPollFails)
             log.lines().back(),
             (LogLine{5, "", std::string("Got an error during call to poll ") + row.text, true}));
 
-        // What comes is kept and not polled; the lock is free.
+        // A connection added now is kept and not polled. The lock is free.
         add("later");
         EXPECT_EQ(Access::newCount(*threads), 2u);
         ASSERT_TRUE(waitUntilOthersSleep());
-        EXPECT_EQ(sockets.count(FaultySockets::Poll), 1u);
-        mayHold = false;  // nothing has gone to the worker
+        EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 1u);
+        mayHold = false;  // no connection was given to the worker
         threads->stopThreads(true);
         EXPECT_FALSE(eventLog.has("~later"));
         threads.reset();
@@ -685,11 +684,11 @@ TEST_F(WebSocketThreadTest, PollsAgainAfterAFailureOnlyWhenStartedWithoutWorkers
         SCOPED_TRACE(workers);
         threads = std::make_unique<WebSocketThread>();
         sockets.clearCalls();
-        sockets.fail(FaultySockets::Poll, 0, EINVAL);
+        sockets.fail(ScriptedSockets::Poll, 0, EINVAL);
         onPoll(nullptr);
         start(workers);
         add("a");
-        ASSERT_TRUE(eventLog.wait([&] { return sockets.count(FaultySockets::Poll) == 1; }));
+        ASSERT_TRUE(eventLog.wait([&] { return sockets.count(ScriptedSockets::Poll) == 1; }));
         ASSERT_TRUE(threads->waitThread(kLimitMs));
         sockets.passThrough();
         onPoll(nullptr);
@@ -711,7 +710,7 @@ TEST_F(WebSocketThreadTest, PollsAgainAfterAFailureOnlyWhenStartedWithoutWorkers
 
 TEST_F(WebSocketThreadTest, HandlesOneFrameATurn)
 {
-    sockets.cap(FaultySockets::Recv, ClientFrame(kText, ToBytes("1")).size());
+    sockets.cap(ScriptedSockets::Recv, ClientFrame(kText, ToBytes("1")).size());
     Peer& a = connect("a");
     Peer& b = connect("b");
     for (const char* text : {"1", "2", "3"})
@@ -726,7 +725,7 @@ TEST_F(WebSocketThreadTest, HandlesOneFrameATurn)
 
 TEST_F(WebSocketThreadTest, ServesFramesThatAreThereWithoutAPollBetween)
 {
-    sockets.cap(FaultySockets::Recv, ClientFrame(kText, ToBytes("1")).size());
+    sockets.cap(ScriptedSockets::Recv, ClientFrame(kText, ToBytes("1")).size());
     Peer& peer = connect("a");
     for (const char* text : {"1", "2", "3", "4"})
         peer.send(text);
@@ -764,13 +763,14 @@ TEST_F(WebSocketThreadTest, ReadsOnlyWhatPollHasFoundReadable)
     start(1);
     ASSERT_TRUE(eventLog.waitFor("a: hello"));
     const auto calls = sockets.calls();
-    std::vector<FaultySockets::Operation> order;
+    std::vector<ScriptedSockets::Operation> order;
     for (const auto& call : calls)
         order.push_back(call.operation);
     ASSERT_GE(order.size(), 5u);
     order.resize(5);
-    EXPECT_THAT(order, ElementsAre(FaultySockets::Poll, FaultySockets::Send, FaultySockets::Poll,
-                                   FaultySockets::Poll, FaultySockets::Recv));
+    EXPECT_THAT(order,
+                ElementsAre(ScriptedSockets::Poll, ScriptedSockets::Send, ScriptedSockets::Poll,
+                            ScriptedSockets::Poll, ScriptedSockets::Recv));
     EXPECT_THAT(ServerMessages(peer.pair.read()), ElementsAre(Text(ToBytes("hi"))));
 }
 
@@ -784,9 +784,9 @@ TEST_F(WebSocketThreadTest, SendsBeforeItReads)
     ASSERT_TRUE(eventLog.waitFor("a: hello"));
     const auto calls = sockets.calls();
     ASSERT_GE(calls.size(), 3u);
-    EXPECT_EQ(calls[0].operation, FaultySockets::Poll);
-    EXPECT_EQ(calls[1].operation, FaultySockets::Send);
-    EXPECT_EQ(calls[2].operation, FaultySockets::Recv);
+    EXPECT_EQ(calls[0].operation, ScriptedSockets::Poll);
+    EXPECT_EQ(calls[1].operation, ScriptedSockets::Send);
+    EXPECT_EQ(calls[2].operation, ScriptedSockets::Recv);
 }
 
 // Required: the closed connection stays with its worker until the next one takes its place.
@@ -801,20 +801,20 @@ TEST_F(WebSocketThreadTest, KeepsAConnectionThatItHasClosedUntilTheNextOne)
         {"broken frame", [](Peer& peer) { peer.sendBroken(); }, false},
         {"receiving fails",
          [&](Peer& peer) {
-             sockets.fail(FaultySockets::Recv, 0, ECONNRESET);
+             sockets.fail(ScriptedSockets::Recv, 0, ECONNRESET);
              peer.send("hello");
          },
          false},
         {"sending fails, receiving is tried all the same",
          [&](Peer& peer) {
-             sockets.fail(FaultySockets::Send, 0, EPIPE);
+             sockets.fail(ScriptedSockets::Send, 0, EPIPE);
              peer.socket->writeMessage("hi", 2, false);
              peer.send("hello");
          },
          true},
         {"sending fails, nothing to receive",
          [&](Peer& peer) {
-             sockets.fail(FaultySockets::Send, 0, ECONNRESET);
+             sockets.fail(ScriptedSockets::Send, 0, ECONNRESET);
              peer.socket->writeMessage("hi", 2, false);
          },
          false},
@@ -862,7 +862,7 @@ TEST_F(WebSocketThreadTest, IsTheConnectionsThreadWhileItHandlesIt)
         during = Access::currentThread(*peer.socket);
         EXPECT_EQ(during, qvThread::CurrentThreadId());
         peer.socket->writeMessage("at once", 7, false);
-        sentDuring = sockets.callsOf(FaultySockets::Send).size();
+        sentDuring = sockets.callsOf(ScriptedSockets::Send).size();
     };
     peer.send("hello");
     give(peer);
@@ -910,12 +910,12 @@ TEST_F(WebSocketThreadTest, SendsWhatAnotherThreadHasWritten)
         }));
     }
     EXPECT_THAT(received, SizeIs(2));
-    for (const auto& send : sockets.callsOf(FaultySockets::Send))
+    for (const auto& send : sockets.callsOf(ScriptedSockets::Send))
         EXPECT_NE(send.thread, std::this_thread::get_id());
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 0u);
 }
 
-TEST_F(WebSocketThreadTest, SendsTheRestWhenTheClientHasMadeRoom)
+TEST_F(WebSocketThreadTest, SendsTheRestWhenTheClientHasReadSome)
 {
     Peer& peer = add("a");
     start(1);
@@ -1088,7 +1088,7 @@ TEST_F(WebSocketThreadTest, StopsIdleThreads)
         EXPECT_EQ(Access::workerCount(*threads), workers);
         for (unsigned i = 0; i < workers; ++i)
             EXPECT_TRUE(Access::hasWorkerEnded(*threads, i));
-        EXPECT_EQ(sockets.count(FaultySockets::Poll), 0u);
+        EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 0u);
         threads->stopThreads(true);  // once more: nothing to do
         threads->stopThreads(false);
     }
@@ -1112,7 +1112,7 @@ TEST_F(WebSocketThreadTest, EndsAtOnceWhenStartedAfterTheStop)
 TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
 {
     Latch latch;
-    onPoll([&](pollfd*, size_t) -> std::optional<FaultySockets::Outcome> {
+    onPoll([&](pollfd*, size_t) -> std::optional<ScriptedSockets::Outcome> {
         latch.wait();
         return std::nullopt;
     });
@@ -1128,40 +1128,40 @@ TEST_F(WebSocketThreadTest, WaitsForItsThreadsOnlyWhenAskedTo)
     EXPECT_TRUE(stop.waitForEnd());
     EXPECT_TRUE(threads->waitThread(0));
     EXPECT_TRUE(Access::hasWorkerEnded(*threads, 0));
-    EXPECT_EQ(sockets.count(FaultySockets::Poll), 1u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Poll), 1u);
     mayHold = false;
 }
 
 TEST_F(WebSocketThreadTest, FinishesItsCycleWhenItIsStopped)
 {
     Latch latch;
-    onPoll([&](pollfd* entries, size_t count) -> std::optional<FaultySockets::Outcome> {
+    onPoll([&](pollfd* entries, size_t count) -> std::optional<ScriptedSockets::Outcome> {
         latch.wait();
         EXPECT_EQ(count, 3u);
         entries[0].revents = 0;
         entries[1].revents = POLLIN;
         entries[2].revents = POLLHUP;
-        return FaultySockets::Outcome{2, 0};
+        return ScriptedSockets::Outcome{2, 0};
     });
-    for (const char* name : {"silent", "reads", "gone"}) {
+    for (const char* name : {"silent", "reads", "closed"}) {
         Peer& peer = connect(name);
         peer.send("never read");
         give(peer);
     }
     start(1);
-    ASSERT_TRUE(eventLog.waitFor("poll silent reads gone"));
+    ASSERT_TRUE(eventLog.waitFor("poll silent reads closed"));
     threads->stopThreads(false);
     latch.open();
     mayHold = false;
     threads->stopThreads(true);
-    EXPECT_THAT(eventLog.lines(), ElementsAre("poll silent reads gone", "close", "~gone"));
+    EXPECT_THAT(eventLog.lines(), ElementsAre("poll silent reads closed", "close", "~closed"));
     EXPECT_EQ(Access::newCount(*threads), 1u);
     EXPECT_EQ(Access::readyCount(*threads), 1u);
 
     // Those that are left are destroyed as they are: first those that waited for a worker.
     threads.reset();
     EXPECT_THAT(eventLog.lines(),
-                ElementsAre("poll silent reads gone", "close", "~gone", "~reads", "~silent"));
+                ElementsAre("poll silent reads closed", "close", "~closed", "~reads", "~silent"));
     EXPECT_THAT(daemon.closedHandles(), ElementsAre(peers[2].handle()));
 }
 
@@ -1215,7 +1215,7 @@ TEST_F(WebSocketThreadTest, LeavesReadyConnectionsWaitingWithoutWorkers)
     threads->startThreads(0);  // the poll thread goes on
     ASSERT_TRUE(waitUntilOthersSleep());
     EXPECT_EQ(Access::workerCount(*threads), 0u);
-    EXPECT_EQ(sockets.count(FaultySockets::Recv), 0u);
+    EXPECT_EQ(sockets.count(ScriptedSockets::Recv), 0u);
     EXPECT_EQ(Access::readyCount(*threads), 2u);
 
     start(1);
@@ -1341,7 +1341,7 @@ TEST_F(WebSocketThreadTest, WakesAWorkerForAConnectionThatIsGivenBack)
 
 // Many at once.
 
-// Echoes, and writes down what it has got. Only the worker that holds it touches the record.
+// Echoes and records its messages. Only the worker that holds the connection touches the record.
 class EchoSocket : public WebSocket
 {
 public:
@@ -1357,7 +1357,7 @@ private:
     std::vector<Message>& mRecord;
 };
 
-// What other threads write is longer than any echo: that tells them apart.
+// Messages of other threads are longer than any echo, so the client can distinguish them.
 constexpr size_t kWrittenBytes = 4000;
 
 // A client that sends a message when it has got the echo of the one before.
@@ -1469,10 +1469,10 @@ TEST(WebSocketThread, GetsEachMessageOnceAndInOrderOverManyConnections)
         client.join();
 
     // All is quiet now: when the poll thread has every connection, no worker has one.
-    FaultySockets sockets;
+    ScriptedSockets sockets;
     EventLog eventLog;
     const bool isQuiet = eventLog.wait([&] {
-        const auto polls = sockets.callsOf(FaultySockets::Poll);
+        const auto polls = sockets.callsOf(ScriptedSockets::Poll);
         return !polls.empty() && polls.back().result == 0 && polls.back().polled.size() == kPeers;
     });
     if (!isQuiet) {
@@ -1498,9 +1498,9 @@ TEST(WebSocketThread, GetsEachMessageOnceAndInOrderOverManyConnections)
 class WebSocketThreadDeathTest : public WebSocketThreadTest
 {
 protected:
-    // Stops the threads, with one worker holding a closed connection, and ends the process:
-    // with 0 if that worker goes round for ever.
-    [[noreturn]] void watchTheWorkerGoRound(const std::function<void()>& afterTheStop = nullptr)
+    // Stops the threads while one worker holds a closed connection, and ends the process: with 0 if
+    // that worker busy-waits.
+    [[noreturn]] void exitWhenTheWorkerSpins(const std::function<void()>& afterTheStop = nullptr)
     {
         std::atomic<bool> hasStopped{false};
         std::thread stopper([&] {
@@ -1514,7 +1514,7 @@ protected:
         sockets.clearCalls();
         constexpr size_t kRounds = 2000;
         EXPECT_TRUE(eventLog.wait([&] {
-            return sockets.count(FaultySockets::Recv) + sockets.count(FaultySockets::Send) >
+            return sockets.count(ScriptedSockets::Recv) + sockets.count(ScriptedSockets::Send) >
                    kRounds;
         }));
         for (const auto& call : sockets.calls())
@@ -1538,7 +1538,7 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithAClosedConnectionAfterTheStop)
         limitThisProcess();
         Peer& peer = connect("a");
         if (sendingFails) {
-            sockets.fail(FaultySockets::Send, 0, EPIPE);
+            sockets.fail(ScriptedSockets::Send, 0, EPIPE);
             peer.socket->writeMessage("hi", 2, false);
         } else {
             peer.sendBroken();
@@ -1546,7 +1546,7 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithAClosedConnectionAfterTheStop)
         give(peer);
         start(1);
         EXPECT_TRUE(eventLog.waitFor("close"));
-        watchTheWorkerGoRound();
+        exitWhenTheWorkerSpins();
     };
     EXPECT_EXIT(goRound(false), ::testing::ExitedWithCode(0), "") << "a broken frame";
     EXPECT_EXIT(goRound(true), ::testing::ExitedWithCode(0), "") << "sending fails";
@@ -1568,7 +1568,7 @@ TEST_F(WebSocketThreadDeathTest, GoesRoundWithTheConnectionItHandledWhenItWasSto
         give(peer);
         start(1);
         EXPECT_TRUE(eventLog.waitFor("inside"));
-        watchTheWorkerGoRound([&] {
+        exitWhenTheWorkerSpins([&] {
             EXPECT_THAT(daemon.closedHandles(), IsEmpty());
             latch.open();
         });
@@ -1596,7 +1596,7 @@ TEST_F(WebSocketThreadDeathTest, WaitsForEachOfItsWorkers)
         }
         start(2);
         EXPECT_TRUE(eventLog.wait([&] { return workers[0] != 0 && workers[1] != 0; }));
-        // The one that was started later keeps its connection, and will go round with it.
+        // The worker that started later keeps its connection and busy-waits with it.
         const size_t busy = workers[0] > workers[1] ? 0 : 1;
         latches[1 - busy].open();
         EXPECT_TRUE(eventLog.waitFor(busy == 0 ? "poll b" : "poll a"));

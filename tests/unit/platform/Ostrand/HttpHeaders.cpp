@@ -32,13 +32,13 @@ TEST(HttpHeaders, SplitsAtCommas)
     } rows[] = {
         {"one value", "close", {"close"}},
         {"two values", "gzip,br", {"gzip", "br"}},
-        {"blanks and tabs around", " \t gzip \t,\t br ", {"gzip", "br"}},
-        {"blanks inside stay", "a  b, c\td", {"a  b", "c\td"}},
+        {"spaces and tabs around", " \t gzip \t,\t br ", {"gzip", "br"}},
+        {"spaces inside stay", "a  b, c\td", {"a  b", "c\td"}},
         {"empty parts dropped", ",a,,b, ,\t,", {"a", "b"}},
         {"a comma alone", ",", {""}},
         {"nothing but commas", " , ,", {""}},
         {"empty value", "", {""}},
-        {"blank value", " \t ", {""}},
+        {"value of spaces only", " \t ", {""}},
         {"parameters", "text/html;q=0.8, */*;q=0.1", {"text/html;q=0.8", "*/*;q=0.1"}},
         {"order and duplicates kept", "b,a,b", {"b", "a", "b"}},
         {"bytes from 0x80 up", "\xC3\xA4,\x80\xFF", {"\xC3\xA4", "\x80\xFF"}},
@@ -67,7 +67,7 @@ TEST(HttpHeaders, DoesNotSplitInsideQuotes)
         {"parentheses in quotes are text", "\"(\",b,\")\"", {"\"(\"", "b", "\")\""}},
         {"empty quotes", "\"\",b", {"\"\"", "b"}},
         {"backslash outside is text", "a\\,b", {"a\\", "b"}},
-        {"blanks inside the quotes stay", "\" a , b \"", {"\" a , b \""}},
+        {"spaces inside the quotes stay", "\" a , b \"", {"\" a , b \""}},
         {"weekday in quotes", "\"Sun, 06\",b", {"\"Sun, 06\"", "b"}},
     };
     for (const auto& row : rows) {
@@ -126,7 +126,7 @@ TEST(HttpHeaders, LeavesDatesWhole)
         {"current form", "Sun, 06 Nov 1994 08:49:37 GMT", {"Sun, 06 Nov 1994 08:49:37 GMT"}},
         {"old form", "Sunday, 06-Nov-94 08:49:37 GMT", {"Sunday, 06-Nov-94 08:49:37 GMT"}},
         {"form of C", "Sun Nov  6 08:49:37 1994", {"Sun Nov  6 08:49:37 1994"}},
-        {"no blank after the comma", "Mon,06 Nov 1994", {"Mon,06 Nov 1994"}},
+        {"no space after the comma", "Mon,06 Nov 1994", {"Mon,06 Nov 1994"}},
         {"two dates", "Mon, 1 x, Tue, 2 y", {"Mon, 1 x", "Tue, 2 y"}},
         {"date after another value", "a, Wed, 3 x", {"a", "Wed, 3 x"}},
         {"a list of weekdays is no date", "Mon, Tue,Sunday", {"Mon", "Tue", "Sunday"}},
@@ -290,7 +290,7 @@ TEST(HttpHeaders, KeepsNoNameWithoutAValue)
     EXPECT_THAT(headers.findLine("accept"), Pointee(std::string("a")));
 }
 
-// What a header says when it is added line by line, as the library does.
+// Adds the values of one header line, as the library does.
 void AddLine(HttpHeaders& headers, const std::string& name, const std::string& line)
 {
     Values values;

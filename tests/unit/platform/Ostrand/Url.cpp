@@ -1,4 +1,4 @@
-// What is taken as a URL, what it falls into, and what each refusal says.
+// Accepted URLs, their components, and the error text of each refusal.
 
 #include <Ostrand/Url.h>
 
@@ -526,7 +526,7 @@ std::string Told(const Outcome& outcome)
     return told;
 }
 
-// What comes before the path is kept by the thread for the next text.
+// The thread caches the part in front of the path for the next URL.
 TEST(Url, MeansTheSameWhateverWasParsedBefore)
 {
     const std::vector<std::string> texts = {
@@ -592,7 +592,7 @@ TEST(Url, CanBeParsedFromAPartOfItself)
     EXPECT_EQ(url.path(), "/p");
 }
 
-// What must hold for any text at all.
+// Invariants of any text.
 void ExpectSound(const std::string& text)
 {
     const Outcome outcome = Parse(text, true, 64);

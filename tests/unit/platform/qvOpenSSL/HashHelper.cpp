@@ -138,7 +138,7 @@ TEST(HashHelper, DigestsNothingWithAReservedOrUnknownType)
     }
 }
 
-// OpenSSL is told to use only what is certified, which nothing on an ordinary machine is.
+// Restricts OpenSSL to certified digests. An ordinary machine has none.
 class OnlyCertifiedDigests
 {
 public:

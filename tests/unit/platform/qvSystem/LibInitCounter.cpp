@@ -1,4 +1,4 @@
-// Counting initialisations, and the registry of outside libraries.
+// The initialisation count, and the registry of third-party libraries.
 
 #include <qvSystem/LibInitCounter.h>
 
@@ -104,7 +104,7 @@ TEST(VersionRegistry, ListsWhatIsRegistered)
     std::string name = "a library";
     std::string version = "1.2.3";
     impl::RegisterThirdPartyLibVersionInfo(name.c_str(), version.c_str());
-    name = version = "gone";  // both texts were copied
+    name = version = "overwritten";  // both texts were copied
     EXPECT_THAT(GetThirdPartyLibVersionInfos(), Contains(Pair("a library", "1.2.3")));
 
     impl::RegisterThirdPartyLibVersionInfo("a library", "4.5");

@@ -1,4 +1,4 @@
-// Undoing what was begun.
+// Rollback of uncommitted steps.
 
 #include <qvSystem/Rollback.h>
 

@@ -130,7 +130,7 @@ TEST(qvMutexLocker, LeavesAnUnlockedMutexAloneWhenItDies)
         locker = new qvMutexLocker(&mutex);
         locker->unlock();
     }
-    delete locker;  // the mutex is gone; address checking would tell
+    delete locker;  // AddressSanitizer reports a use of the deleted mutex
 }
 
 }  // namespace

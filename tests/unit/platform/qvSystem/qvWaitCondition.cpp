@@ -1,4 +1,4 @@
-// Sleeping until woken, and time-outs of every length.
+// Waiting until woken, and timeouts of every length.
 
 #include <qvSystem/qvWaitCondition.h>
 
@@ -28,7 +28,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// What a test and its waiting threads share.
+// State shared by a test and its waiting threads.
 struct Meeting
 {
     qvMutex mutex;
@@ -38,13 +38,13 @@ struct Meeting
     int timedOut = 0;     // guarded by mutex
     pid_t waiter = 0;     // guarded by mutex
 
-    void waitUntilOpened(unsigned long timeOutMs)
+    void waitUntilOpened(unsigned long timeoutMs)
     {
         qvMutexLocker locker(&mutex);
         ++arrived;
         waiter = gettid();
         while (!opened) {
-            if (!changed.wait(&mutex, timeOutMs)) {
+            if (!changed.wait(&mutex, timeoutMs)) {
                 ++timedOut;
                 return;
             }
@@ -68,20 +68,20 @@ struct Meeting
 
 TEST(qvWaitCondition, TimesOutNoEarlierThanAsked)
 {
-    for (const unsigned long timeOutMs : {0UL, 1UL, 60UL}) {
-        SCOPED_TRACE(timeOutMs);
+    for (const unsigned long timeoutMs : {0UL, 1UL, 60UL}) {
+        SCOPED_TRACE(timeoutMs);
         qvMutex mutex;
         qvWaitCondition never;
         qvMutexLocker locker(&mutex);
         const auto begin = Clock::now();
-        while (never.wait(&mutex, timeOutMs)) {
+        while (never.wait(&mutex, timeoutMs)) {
             // woken without reason: once more
         }
-        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeOutMs));
+        EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(timeoutMs));
     }
 }
 
-TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
+TEST(qvWaitCondition, LongTimeoutsDoNotEndAtOnce)
 {
     const unsigned long rows[] = {
         kLimitMs,
@@ -94,10 +94,10 @@ TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
         qvWaitCondition::kNoTimeout - 1,
         qvWaitCondition::kNoTimeout,
     };
-    for (const unsigned long timeOutMs : rows) {
-        SCOPED_TRACE(timeOutMs);
+    for (const unsigned long timeoutMs : rows) {
+        SCOPED_TRACE(timeoutMs);
         Meeting meeting;
-        std::thread waiter([&] { meeting.waitUntilOpened(timeOutMs); });
+        std::thread waiter([&] { meeting.waitUntilOpened(timeoutMs); });
         EXPECT_TRUE(waitUntil([&] { return meeting.haveArrived(1); }));
         meeting.open();
         waiter.join();
@@ -105,7 +105,7 @@ TEST(qvWaitCondition, LongTimeOutsDoNotEndAtOnce)
     }
 }
 
-TEST(qvWaitCondition, NoTimeOutIsTheLargestNumber)
+TEST(qvWaitCondition, NoTimeoutIsTheLargestNumber)
 {
     EXPECT_EQ(qvWaitCondition::kNoTimeout, ULONG_MAX);
 }
@@ -193,7 +193,7 @@ TEST(qvWaitCondition, ReleasesTheMutexWhileItWaitsAndHoldsItAfterwards)
     EXPECT_EQ(meeting.timedOut, 0);
 }
 
-// The kernel tells what a thread sleeps in: the call's number, then its arguments.
+// The system call in which a thread sleeps, as the kernel reports it: number, then arguments.
 struct Sleep
 {
     long call = -1;
@@ -212,7 +212,7 @@ Sleep SleepOf(pid_t thread)
     return sleep;
 }
 
-TEST(qvWaitCondition, MeasuresTimeOutsByTheMonotonicClock)
+TEST(qvWaitCondition, MeasuresTimeoutsByTheMonotonicClock)
 {
     Meeting meeting;
     std::thread waiter([&] { meeting.waitUntilOpened(kLimitMs); });

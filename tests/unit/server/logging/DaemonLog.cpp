@@ -83,7 +83,7 @@ TEST(DaemonLog, TrimsTheEnd)
         {"line feed", "text\n", "text"},
         {"carriage return and line feed", "text\r\n", "text"},
         {"tab", "text\t", "text"},
-        {"blank", "text ", "text"},
+        {"space", "text ", "text"},
         {"all of them, more than once", "text \t\r\n\n\r\t  ", "text"},
         {"vertical tab stays", "text\v", "text\v"},
         {"form feed stays", "text\f", "text\f"},

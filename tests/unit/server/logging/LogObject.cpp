@@ -1,4 +1,4 @@
-// The log statement: what it records when it is made, what it takes in, where it goes.
+// The log statement: its fields, its operators and its output.
 
 #include "server/logging/LogObject.h"
 #include "support/CapturedLog.h"
@@ -95,7 +95,7 @@ public:
     RedirectedOutput(const RedirectedOutput&) = delete;
     RedirectedOutput& operator=(const RedirectedOutput&) = delete;
 
-    // What has left the process; nothing is flushed for it.
+    // The text written to the descriptor. Nothing is flushed first.
     std::string arrived() const
     {
         std::string text(100000, '\0');
@@ -414,7 +414,7 @@ TEST_F(LogObject, IsPrintedAtAnyLevelWithoutALog)
             }
             arrived = output.arrived();
         }
-        // The moment is its own: compare what stands behind it.
+        // The time stamp differs: the rest of the line is compared.
         qvLog::LogEntry entry;
         entry.category = "category";
         entry.level = level;

@@ -2,7 +2,7 @@
 // library. The real ones are reached through the dynamic linker and not by syscall(), so that
 // the sanitizers still see which memory is read and written.
 
-#include "support/FaultySockets.h"
+#include "support/ScriptedSockets.h"
 
 #include "support/TestsOwn.h"
 
@@ -24,17 +24,17 @@ namespace qv::tests
 namespace
 {
 
-constexpr size_t kMostRecords = 100000;
+constexpr size_t kMaxRecords = 100000;
 constexpr size_t kOperations = 3;
 
 }  // namespace
 
-struct FaultySockets::State
+struct ScriptedSockets::State
 {
     struct Script
     {
-        std::map<size_t, Outcome> answers;
-        std::optional<std::pair<size_t, Outcome>> answerFrom;
+        std::map<size_t, Outcome> outcomes;
+        std::optional<std::pair<size_t, Outcome>> outcomeFrom;
         std::map<size_t, size_t> caps;
         size_t cap = 0;
     };
@@ -59,9 +59,9 @@ std::mutex& InstanceMutex()
     return *mutex;
 }
 
-std::shared_ptr<FaultySockets::State>& Instance()
+std::shared_ptr<ScriptedSockets::State>& Instance()
 {
-    static auto* instance = new std::shared_ptr<FaultySockets::State>;
+    static auto* instance = new std::shared_ptr<ScriptedSockets::State>;
     return *instance;
 }
 
@@ -69,7 +69,7 @@ std::shared_ptr<FaultySockets::State>& Instance()
 // hide races of the library.
 std::atomic<bool> gInstalled{false};
 
-std::shared_ptr<FaultySockets::State> Current()
+std::shared_ptr<ScriptedSockets::State> Current()
 {
     if (!gInstalled.load(std::memory_order_relaxed))
         return nullptr;
@@ -81,21 +81,21 @@ template <typename Function> Function Real(const char* name)
 {
     void* found = dlsym(RTLD_NEXT, name);
     if (found == nullptr) {
-        std::fprintf(stderr, "FaultySockets: %s is not in a shared library\n", name);
+        std::fprintf(stderr, "ScriptedSockets: %s is not in a shared library\n", name);
         std::abort();
     }
     return reinterpret_cast<Function>(found);
 }
 
 // One call, with or without a script; `real` is given how many bytes to move.
-template <typename System> ssize_t Perform(FaultySockets::Attempt attempt, System real)
+template <typename System> ssize_t Perform(ScriptedSockets::Attempt attempt, System real)
 {
     const TestsOwn own;
     const auto state = Current();
     size_t length = attempt.length;
     if (!state)
         return real(length);
-    std::optional<FaultySockets::Outcome> outcome = state->begin(attempt, length);
+    std::optional<ScriptedSockets::Outcome> outcome = state->begin(attempt, length);
     if (!outcome) {
         const ssize_t result = real(length);
         outcome = {result, result < 0 ? errno : 0};
@@ -108,7 +108,8 @@ template <typename System> ssize_t Perform(FaultySockets::Attempt attempt, Syste
 
 }  // namespace
 
-std::optional<FaultySockets::Outcome> FaultySockets::State::begin(Attempt& attempt, size_t& length)
+std::optional<ScriptedSockets::Outcome> ScriptedSockets::State::begin(Attempt& attempt,
+                                                                      size_t& length)
 {
     std::function<std::optional<Outcome>(const Attempt&)> asked;
     {
@@ -122,10 +123,10 @@ std::optional<FaultySockets::Outcome> FaultySockets::State::begin(Attempt& attem
 
     std::lock_guard<std::mutex> lock(mutex);
     const Script& script = scripts[attempt.operation];
-    if (const auto found = script.answers.find(attempt.number); found != script.answers.end())
+    if (const auto found = script.outcomes.find(attempt.number); found != script.outcomes.end())
         return found->second;
-    if (script.answerFrom && attempt.number >= script.answerFrom->first)
-        return script.answerFrom->second;
+    if (script.outcomeFrom && attempt.number >= script.outcomeFrom->first)
+        return script.outcomeFrom->second;
     size_t cap = script.cap;
     if (const auto found = script.caps.find(attempt.number); found != script.caps.end())
         cap = found->second;
@@ -134,7 +135,7 @@ std::optional<FaultySockets::Outcome> FaultySockets::State::begin(Attempt& attem
     return std::nullopt;
 }
 
-void FaultySockets::State::end(const Attempt& attempt, Outcome outcome)
+void ScriptedSockets::State::end(const Attempt& attempt, Outcome outcome)
 {
     Call call{attempt.operation,
               attempt.fd,
@@ -149,70 +150,70 @@ void FaultySockets::State::end(const Attempt& attempt, Outcome outcome)
         call.polled.assign(entries, entries + attempt.length);
     }
     std::lock_guard<std::mutex> lock(mutex);
-    if (calls.size() < kMostRecords)
+    if (calls.size() < kMaxRecords)
         calls.push_back(std::move(call));
 }
 
-FaultySockets::FaultySockets() : mState(std::make_shared<State>())
+ScriptedSockets::ScriptedSockets() : mState(std::make_shared<State>())
 {
     std::lock_guard<std::mutex> lock(InstanceMutex());
     if (Instance()) {
-        std::fprintf(stderr, "FaultySockets: there is one already\n");
+        std::fprintf(stderr, "ScriptedSockets: there is one already\n");
         std::abort();
     }
     Instance() = mState;
     gInstalled = true;
 }
 
-FaultySockets::~FaultySockets()
+ScriptedSockets::~ScriptedSockets()
 {
     std::lock_guard<std::mutex> lock(InstanceMutex());
     gInstalled = false;
     Instance().reset();
 }
 
-void FaultySockets::answer(Operation operation, size_t number, Outcome outcome)
+void ScriptedSockets::setOutcome(Operation operation, size_t number, Outcome outcome)
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
-    mState->scripts[operation].answers[number] = outcome;
+    mState->scripts[operation].outcomes[number] = outcome;
 }
 
-void FaultySockets::fail(Operation operation, size_t number, int error)
+void ScriptedSockets::fail(Operation operation, size_t number, int error)
 {
-    answer(operation, number, {-1, error});
+    setOutcome(operation, number, {-1, error});
 }
 
-void FaultySockets::answerFrom(Operation operation, size_t number, Outcome outcome)
+void ScriptedSockets::setOutcomeFrom(Operation operation, size_t number, Outcome outcome)
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
-    mState->scripts[operation].answerFrom = {number, outcome};
+    mState->scripts[operation].outcomeFrom = {number, outcome};
 }
 
-void FaultySockets::failFrom(Operation operation, size_t number, int error)
+void ScriptedSockets::failFrom(Operation operation, size_t number, int error)
 {
-    answerFrom(operation, number, {-1, error});
+    setOutcomeFrom(operation, number, {-1, error});
 }
 
-void FaultySockets::cap(Operation operation, size_t bytes)
+void ScriptedSockets::cap(Operation operation, size_t bytes)
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     mState->scripts[operation].cap = bytes;
 }
 
-void FaultySockets::capEach(Operation operation, const std::vector<size_t>& bytes)
+void ScriptedSockets::capEach(Operation operation, const std::vector<size_t>& bytes)
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     for (size_t i = 0; i < bytes.size(); ++i)
         mState->scripts[operation].caps[mState->counts[operation] + i] = bytes[i];
 }
 
-void FaultySockets::onCall(std::function<std::optional<Outcome>(const Attempt&)> hook)
+void ScriptedSockets::onCall(std::function<std::optional<Outcome>(const Attempt&)> hook)
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     mState->hook = std::move(hook);
 }
 
-void FaultySockets::passThrough()
+void ScriptedSockets::passThrough()
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     for (State::Script& script : mState->scripts)
@@ -220,13 +221,13 @@ void FaultySockets::passThrough()
     mState->hook = nullptr;
 }
 
-std::vector<FaultySockets::Call> FaultySockets::calls() const
+std::vector<ScriptedSockets::Call> ScriptedSockets::calls() const
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     return mState->calls;
 }
 
-std::vector<FaultySockets::Call> FaultySockets::callsOf(Operation operation) const
+std::vector<ScriptedSockets::Call> ScriptedSockets::callsOf(Operation operation) const
 {
     std::vector<Call> found;
     for (Call& call : calls())
@@ -235,13 +236,13 @@ std::vector<FaultySockets::Call> FaultySockets::callsOf(Operation operation) con
     return found;
 }
 
-size_t FaultySockets::count(Operation operation) const
+size_t ScriptedSockets::count(Operation operation) const
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     return mState->counts[operation];
 }
 
-void FaultySockets::clearCalls()
+void ScriptedSockets::clearCalls()
 {
     std::lock_guard<std::mutex> lock(mState->mutex);
     mState->calls.clear();
@@ -251,7 +252,7 @@ void FaultySockets::clearCalls()
 
 }  // namespace qv::tests
 
-using qv::tests::FaultySockets;
+using qv::tests::ScriptedSockets;
 
 extern "C" {
 
@@ -259,22 +260,22 @@ ssize_t send(int fd, const void* buffer, size_t length, int flags)
 {
     static const auto real = qv::tests::Real<ssize_t (*)(int, const void*, size_t, int)>("send");
     return qv::tests::Perform(
-        {FaultySockets::Send, 0, fd, length, flags, const_cast<void*>(buffer)},
+        {ScriptedSockets::Send, 0, fd, length, flags, const_cast<void*>(buffer)},
         [&](size_t bytes) { return real(fd, buffer, bytes, flags); });
 }
 
 ssize_t recv(int fd, void* buffer, size_t length, int flags)
 {
     static const auto real = qv::tests::Real<ssize_t (*)(int, void*, size_t, int)>("recv");
-    return qv::tests::Perform({FaultySockets::Recv, 0, fd, length, flags, buffer},
+    return qv::tests::Perform({ScriptedSockets::Recv, 0, fd, length, flags, buffer},
                               [&](size_t bytes) { return real(fd, buffer, bytes, flags); });
 }
 
-int poll(pollfd* entries, nfds_t count, int timeOutMs)
+int poll(pollfd* entries, nfds_t count, int timeoutMs)
 {
     static const auto real = qv::tests::Real<int (*)(pollfd*, nfds_t, int)>("poll");
     return static_cast<int>(
-        qv::tests::Perform({FaultySockets::Poll, 0, -1, count, timeOutMs, entries},
-                           [&](size_t) -> ssize_t { return real(entries, count, timeOutMs); }));
+        qv::tests::Perform({ScriptedSockets::Poll, 0, -1, count, timeoutMs, entries},
+                           [&](size_t) -> ssize_t { return real(entries, count, timeoutMs); }));
 }
 }

@@ -1,6 +1,6 @@
 // The kit while memory and threads run out.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
 #include "websocket/Support.h"
@@ -42,11 +42,11 @@ using testing::SizeIs;
 
 constexpr std::chrono::seconds kLimit(60);
 
-class KitFaults : public testing::Test
+class KitFailures : public testing::Test
 {
 protected:
-    KitFaults() { HttpBaseRequest::InitRequestTypes(); }
-    ~KitFaults() override { HttpBaseRequest::ClearRequestTypes(); }
+    KitFailures() { HttpBaseRequest::InitRequestTypes(); }
+    ~KitFailures() override { HttpBaseRequest::ClearRequestTypes(); }
 };
 
 class ServedRequest : public Request
@@ -82,7 +82,7 @@ std::string Contents(ResponseHead& head)
     return text;
 }
 
-TEST_F(KitFaults, AHeadIsFilledWholeOrNotAtAll)
+TEST_F(KitFailures, AHeadIsFilledWholeOrNotAtAll)
 {
     const auto make = [] {
         auto head = std::make_unique<ResponseHead>();
@@ -118,16 +118,16 @@ std::string Routed(const Router& router, const char* method, const char* target)
            request.getHead().getHeader("allow") + " " + Sent(request);
 }
 
-Router::Handler Answering(const std::string& text)
+Router::Handler Replying(const std::string& text)
 {
     return [text](Request& request) { request.reply(200, "text/plain", text + kLongText); };
 }
 
-TEST_F(KitFaults, ARouteIsAddedWholeOrNotAtAll)
+TEST_F(KitFailures, ARouteIsAddedWholeOrNotAtAll)
 {
     const auto make = [] {
         auto router = std::make_unique<Router>();
-        router->add(HttpBaseRequest::GET, "/known/{name}", Answering("before"));
+        router->add(HttpBaseRequest::GET, "/known/{name}", Replying("before"));
         return router;
     };
     const auto look = [](Router& router) {
@@ -139,7 +139,7 @@ TEST_F(KitFaults, ARouteIsAddedWholeOrNotAtAll)
         return text;
     };
     const int methods = HttpBaseRequest::GET | HttpBaseRequest::PUT | HttpBaseRequest::POST;
-    const Router::Handler handler = Answering("after");
+    const Router::Handler handler = Replying("after");
     FailEachCallOf({
         AllOrNothing(
             "Router: new pattern", make,
@@ -153,7 +153,7 @@ TEST_F(KitFaults, ARouteIsAddedWholeOrNotAtAll)
     });
 }
 
-TEST_F(KitFaults, ARequestThatCouldNotBeRoutedCanBeFailed)
+TEST_F(KitFailures, ARequestThatCouldNotBeRoutedCanBeFailed)
 {
     Router router;
     router.add(HttpBaseRequest::GET, "/files/{a name of some length}/{the rest of it*}",
@@ -188,12 +188,12 @@ TEST_F(KitFaults, ARequestThatCouldNotBeRoutedCanBeFailed)
 
 // The request.
 
-TEST_F(KitFaults, AnAnswerIsGivenOnceAndWhole)
+TEST_F(KitFailures, AResponseIsSentOnceAndWhole)
 {
     const struct
     {
         const char* name;
-        std::function<void(Request&)> answer;
+        std::function<void(Request&)> reply;
         std::string body;
     } rows[] = {
         {"Request: reply", [](Request& r) { r.reply(200, "text/html; charset=utf-8", kLongText); },
@@ -206,7 +206,7 @@ TEST_F(KitFaults, AnAnswerIsGivenOnceAndWhole)
     for (const auto& row : rows) {
         FailEachCall(row.name, [&](Attempt& attempt) {
             ServedRequest request;
-            if (!attempt([&] { row.answer(request); })) {
+            if (!attempt([&] { row.reply(request); })) {
                 EXPECT_FALSE(request.isAnnounced());
                 EXPECT_TRUE(request.reply(200, "text/html; charset=utf-8", row.body));
             }
@@ -216,7 +216,7 @@ TEST_F(KitFaults, AnAnswerIsGivenOnceAndWhole)
     }
 }
 
-TEST_F(KitFaults, AStreamGoesOnWhereItStood)
+TEST_F(KitFailures, AStreamGoesOnWhereItStood)
 {
     FailEachCallOf({{"Request: stream",
                      [](Attempt& attempt) {
@@ -245,7 +245,7 @@ TEST_F(KitFaults, AStreamGoesOnWhereItStood)
                      }}});
 }
 
-TEST_F(KitFaults, ABodyIsReadAsFarAsThereIsMemory)
+TEST_F(KitFailures, ABodyIsReadAsFarAsThereIsMemory)
 {
     FailEachCallOf({{"Request: readWholeBody", [](Attempt& attempt) {
                          ServedRequest request("POST");
@@ -269,7 +269,7 @@ TEST_F(KitFaults, ABodyIsReadAsFarAsThereIsMemory)
 
 // Tasks.
 
-TEST_F(KitFaults, APoolHasAllItsThreadsOrNone)
+TEST_F(KitFailures, APoolHasAllItsThreadsOrNone)
 {
     FailEachCallOf({{"WorkerPool: made", [](Attempt& attempt) {
                          std::unique_ptr<WorkerPool> pool;
@@ -286,7 +286,7 @@ TEST_F(KitFaults, APoolHasAllItsThreadsOrNone)
                      }}});
 }
 
-TEST_F(KitFaults, ATaskIsQueuedOrNot)
+TEST_F(KitFailures, ATaskIsQueuedOrNot)
 {
     FailEachCallOf({{"WorkerPool: submit", [](Attempt& attempt) {
                          WorkerPool pool(1, 1000);
@@ -325,7 +325,7 @@ void Complete(HttpBaseRequest& request)
     request.onCompleted(0);
 }
 
-TEST_F(KitFaults, ARequestIsNotDeletedBeforeItIsCompleted)
+TEST_F(KitFailures, ARequestIsNotDeletedBeforeItIsCompleted)
 {
     FailEachCallOf({{"RequestReaper: add",
                      [](Attempt& attempt) {
@@ -387,7 +387,7 @@ private:
     std::atomic<int>& mAlive;
 };
 
-TEST_F(KitFaults, ARequestThatIsNotCountedIsNotMade)
+TEST_F(KitFailures, ARequestThatIsNotCountedIsNotMade)
 {
     FailEachCallOf({{"Application: createRequest", [](Attempt& attempt) {
                          std::atomic<int> alive{0};
@@ -400,7 +400,7 @@ TEST_F(KitFaults, ARequestThatIsNotCountedIsNotMade)
                      }}});
 }
 
-TEST(KitServerFaults, AServerIsMadeWholeOrNotAtAll)
+TEST(KitServerFailures, AServerIsMadeWholeOrNotAtAll)
 {
     FailEachCallOf({{"Server: made", [](Attempt& attempt) {
                          std::atomic<int> alive{0};
@@ -433,7 +433,7 @@ private:
     std::string mText;
 };
 
-TEST(WebSocketHubFaults, AConnectionComesIntoTheHubOrIsClosed)
+TEST(WebSocketHubFailures, AConnectionComesIntoTheHubOrIsClosed)
 {
     if (!CanRepeatCallOnce())
         GTEST_SKIP() << "ThreadSanitizer waits for ever on a call_once that has thrown";

@@ -1,6 +1,6 @@
-// Log statements while memory runs out, and what the library's own sinks make of it.
+// Log statements and the library's own sinks while memory runs out.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/CapturedLog.h"
 
 #include "server/logging/LogObject.h"
@@ -52,7 +52,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int, const char* format, ...)
     va_end(arguments);
 }
 
-// What an optimised build calls instead.
+// The function that an optimised build calls instead.
 __attribute__((format(printf, 3, 4))) void __syslog_chk(int, int, const char* format, ...)
 {
     va_list arguments;
@@ -109,7 +109,7 @@ private:
     std::streambuf* mBefore;
 };
 
-TEST(LogObjectFaults, AStatementIsWrittenLeftOutOrPassesTheExceptionThrough)
+TEST(LogObjectFailures, AStatementIsWrittenLeftOutOrPassesTheExceptionThrough)
 {
     // A text of two insertions, for the second of which the stream needs more memory.
     const std::string first(400, 'a');
@@ -177,7 +177,7 @@ private:
     std::string mLast;
 };
 
-TEST(LogFaults, AnExceptionOfASinkLeavesTheLogUsable)
+TEST(LogFailures, AnExceptionOfASinkLeavesTheLogUsable)
 {
     FailEachCallOf({{"qvLog: writing",
                      [](Attempt& attempt) {
@@ -200,7 +200,7 @@ TEST(LogFaults, AnExceptionOfASinkLeavesTheLogUsable)
                      }}});
 }
 
-TEST(LogFaults, TextsAreMadeWholeOrNotAtAll)
+TEST(LogFailures, TextsAreMadeWholeOrNotAtAll)
 {
     const std::string odd = kLongText + "\n\t\r\\\x01";
     const struct
@@ -233,7 +233,7 @@ class TemporaryDirectory
 public:
     TemporaryDirectory()
     {
-        std::string path = std::filesystem::temp_directory_path() / "faultsXXXXXX";
+        std::string path = std::filesystem::temp_directory_path() / "sinkXXXXXX";
         EXPECT_NE(mkdtemp(path.data()), nullptr);
         mPath = path;
     }
@@ -263,7 +263,7 @@ qvLog::LogEntry Entry(const std::string& message)
     return entry;
 }
 
-TEST(LogSinkFaults, ASinkIsMadeOrNot)
+TEST(LogSinkFailures, ASinkIsMadeOrNot)
 {
     FailEachCallOf({{"MakeRotatingFileSink",
                      [](Attempt& attempt) {
@@ -297,9 +297,8 @@ TEST(LogSinkFaults, ASinkIsMadeOrNot)
                      }}});
 }
 
-// Entries that make the sink turn to the next file. Whatever happens to one of them, the next are
-// written.
-TEST(LogSinkFaults, AFileSinkGoesOnAfterAFailure)
+// Entries that make the sink turn to the next file. The entries after a failed one are written.
+TEST(LogSinkFailures, AFileSinkGoesOnAfterAFailure)
 {
     for (const size_t size : {10, 400, 900}) {
         const std::string name =
@@ -324,7 +323,7 @@ TEST(LogSinkFaults, AFileSinkGoesOnAfterAFailure)
 }
 
 // The process has no descriptors left at the moment at which the sink opens the next file.
-TEST(LogSinkFaults, AFileSinkGoesOnWhenThereAreDescriptorsAgain)
+TEST(LogSinkFailures, AFileSinkGoesOnWhenThereAreDescriptorsAgain)
 {
     for (const size_t size : {10, 400}) {
         const std::string name =

@@ -1,6 +1,6 @@
 // Making a request, filling it and serving it while memory runs out.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/TestRequest.h"
 
 #include <qvSystem/qvThread.h>
@@ -54,7 +54,7 @@ protected:
     ~InitializedTable() override { HttpBaseRequest::ClearRequestTypes(); }
 };
 
-class RequestFaults : public InitializedTable
+class RequestFailures : public InitializedTable
 {};
 
 // A request with something of each kind in it.
@@ -73,7 +73,7 @@ Operation FillingNamed(const char* name, Fill fill, Points points = Points::Some
     return AllOrNothing(name, &Filled, fill, &Contents, points);
 }
 
-TEST_F(RequestFaults, ConstructionReleasesWhatItHasMade)
+TEST_F(RequestFailures, ConstructionReleasesWhatItHasMade)
 {
     FailEachCallOf({{"request: construction", [](Attempt& attempt) {
                          std::unique_ptr<TestRequest> request;
@@ -86,7 +86,7 @@ TEST_F(RequestFaults, ConstructionReleasesWhatItHasMade)
                      }}});
 }
 
-TEST_F(RequestFaults, ValuesAreTakenWholeOrNotAtAll)
+TEST_F(RequestFailures, ValuesAreTakenWholeOrNotAtAll)
 {
     static const std::string tooLong(8097, 'x');
     FailEachCallOf({
@@ -125,7 +125,7 @@ TEST_F(RequestFaults, ValuesAreTakenWholeOrNotAtAll)
     });
 }
 
-TEST_F(RequestFaults, RefusalsAreRecordedWholeOrNotAtAll)
+TEST_F(RequestFailures, RefusalsAreRecordedWholeOrNotAtAll)
 {
     static const std::string tooLong(8097, 'x');
     FailEachCallOf({
@@ -170,7 +170,7 @@ TEST_F(RequestFaults, RefusalsAreRecordedWholeOrNotAtAll)
     });
 }
 
-TEST_F(RequestFaults, TargetsAreTakenWholeOrNotAtAll)
+TEST_F(RequestFailures, TargetsAreTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         FillingNamed("setOriginalFullUrl: short",
@@ -184,7 +184,7 @@ TEST_F(RequestFaults, TargetsAreTakenWholeOrNotAtAll)
     });
 }
 
-TEST_F(RequestFaults, AServedRequestStaysWhatItWas)
+TEST_F(RequestFailures, AServedRequestStaysWhatItWas)
 {
     FailEachCallOf({
         FillingNamed("workerThreadStartHandling",
@@ -207,7 +207,7 @@ TEST_F(RequestFaults, AServedRequestStaysWhatItWas)
     });
 }
 
-TEST_F(RequestFaults, LookUpsPassTheExceptionThrough)
+TEST_F(RequestFailures, LookUpsPassTheExceptionThrough)
 {
     FailEachCallOf({
         {"getHeader, getCookie, getQueryParameter",
@@ -234,13 +234,13 @@ TEST_F(RequestFaults, LookUpsPassTheExceptionThrough)
     });
 }
 
-TEST_F(RequestFaults, TheMethodTableCanBeFilledAgain)
+TEST_F(RequestFailures, TheMethodTableCanBeFilledAgain)
 {
     FailEachCallOf({{"InitRequestTypes",
                      [](Attempt& attempt) {
                          HttpBaseRequest::ClearRequestTypes();
                          if (!attempt(&HttpBaseRequest::InitRequestTypes)) {
-                             // What is there is right.
+                             // The entries that exist are correct.
                              for (const auto& [name, type] : HttpBaseRequest::sRequestTypes)
                                  EXPECT_EQ(HttpBaseRequest::RequestTypeToString(type), name);
                              HttpBaseRequest::InitRequestTypes();
@@ -258,7 +258,7 @@ TEST_F(RequestFaults, TheMethodTableCanBeFilledAgain)
                      }}});
 }
 
-TEST_F(RequestFaults, TheUtf8CheckNeedsNoMemory)
+TEST_F(RequestFailures, TheUtf8CheckNeedsNoMemory)
 {
     FailEachCallOf({{"IsValidUtf8",
                      [](Attempt& attempt) {

@@ -1,10 +1,10 @@
-// What the tests of failing calls share.
-#ifndef WENDREL_TESTS_FAULTS_SUPPORT_H
-#define WENDREL_TESTS_FAULTS_SUPPORT_H
+// Support of the failure injection tests.
+#ifndef WENDREL_TESTS_FAILURE_INJECTION_SUPPORT_H
+#define WENDREL_TESTS_FAILURE_INJECTION_SUPPORT_H
 
 #include "support/FailingCalls.h"
-#include "support/FaultySockets.h"
 #include "support/RecordingDaemon.h"
+#include "support/ScriptedSockets.h"
 
 #include <gmock/gmock.h>
 
@@ -77,7 +77,7 @@ private:
 };
 
 // send, recv and poll fail in their turn.
-class FailingSockets : public FaultySockets
+class FailingSockets : public ScriptedSockets
 {
 public:
     explicit FailingSockets(int error = ECONNRESET)

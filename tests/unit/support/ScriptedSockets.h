@@ -1,9 +1,8 @@
-// Sockets that fail when told to: replaces send, recv and poll for a whole test program while a
-// FaultySockets object is alive. Without one, and wherever nothing else is asked for, the real
-// ones are called. The test's own end of a connection is not meant: let it use read and write,
-// which are left alone.
-#ifndef WENDREL_TESTS_FAULTYSOCKETS_H
-#define WENDREL_TESTS_FAULTYSOCKETS_H
+// Scripted results of send, recv and poll, for a whole test program while a ScriptedSockets object
+// is alive. Calls without a scripted result reach the system. A test uses read and write for its
+// own end of a connection: these are not replaced.
+#ifndef WENDREL_TESTS_SCRIPTEDSOCKETS_H
+#define WENDREL_TESTS_SCRIPTEDSOCKETS_H
 
 #include <cstddef>
 #include <functional>
@@ -22,17 +21,17 @@ namespace qv::tests
 // from any thread, also inside the hook. Calls are counted from 0, each operation by itself,
 // since the object was made or clearCalls.
 //
-//     FaultySockets sockets;
-//     sockets.fail(FaultySockets::Send, 2, ECONNRESET);   // the third send
-//     sockets.cap(FaultySockets::Recv, 1);                // every recv gives one byte at most
+//     ScriptedSockets sockets;
+//     sockets.fail(ScriptedSockets::Send, 2, ECONNRESET);   // the third send
+//     sockets.cap(ScriptedSockets::Recv, 1);                // every recv gives one byte at most
 //     ...
-//     EXPECT_EQ(sockets.callsOf(FaultySockets::Send)[2].error, ECONNRESET);
-class FaultySockets
+//     EXPECT_EQ(sockets.callsOf(ScriptedSockets::Send)[2].error, ECONNRESET);
+class ScriptedSockets
 {
 public:
     enum Operation { Send, Recv, Poll };
 
-    // What the caller gets; `error` goes to errno when the result is negative.
+    // The result for the caller. `error` is stored in errno when the result is negative.
     struct Outcome
     {
         ssize_t result = 0;
@@ -46,8 +45,8 @@ public:
         size_t number = 0;
         int fd = -1;           // -1 for poll
         size_t length = 0;     // bytes; entries for poll
-        int flags = 0;         // the time-out for poll
-        void* data = nullptr;  // what is sent, room for what is received, the pollfd entries
+        int flags = 0;         // the timeout for poll
+        void* data = nullptr;  // the bytes to send, the buffer to receive into, the pollfd entries
     };
 
     // A call that is over.
@@ -63,17 +62,17 @@ public:
         std::vector<pollfd> polled;  // poll: the entries with their results
     };
 
-    FaultySockets();
-    ~FaultySockets();
-    FaultySockets(const FaultySockets&) = delete;
-    FaultySockets& operator=(const FaultySockets&) = delete;
+    ScriptedSockets();
+    ~ScriptedSockets();
+    ScriptedSockets(const ScriptedSockets&) = delete;
+    ScriptedSockets& operator=(const ScriptedSockets&) = delete;
 
     // Call `number` does not reach the system and has this outcome.
-    void answer(Operation operation, size_t number, Outcome outcome);
+    void setOutcome(Operation operation, size_t number, Outcome outcome);
     void fail(Operation operation, size_t number, int error);
 
     // Likewise for call `number` and all after it.
-    void answerFrom(Operation operation, size_t number, Outcome outcome);
+    void setOutcomeFrom(Operation operation, size_t number, Outcome outcome);
     void failFrom(Operation operation, size_t number, int error);
 
     // Every send or recv moves at most `bytes`; 0: as many as it likes.
@@ -90,7 +89,7 @@ public:
     // Forgets all of the above; the counting goes on.
     void passThrough();
 
-    // What has happened so far (the first 100000 calls). A call is recorded when it is over.
+    // The calls so far (the first 100000). A call is recorded when it is over.
     std::vector<Call> calls() const;
     std::vector<Call> callsOf(Operation operation) const;
     size_t count(Operation operation) const;  // calls begun

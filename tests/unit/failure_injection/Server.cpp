@@ -2,7 +2,7 @@
 // resources run out. Through the daemon an exception would end the process; here it is seen to
 // come out of the callback, with nothing lost behind it.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
@@ -107,7 +107,7 @@ public:
     void* slot = nullptr;
 };
 
-TEST(DispatchFaults, AContextIsMadeWholeOrNotAtAll)
+TEST(DispatchFailures, AContextIsMadeWholeOrNotAtAll)
 {
     FailEachCallOf({{"URI-log callback", [](Attempt& attempt) {
                          Exchange exchange;
@@ -116,7 +116,7 @@ TEST(DispatchFaults, AContextIsMadeWholeOrNotAtAll)
                      }}});
 }
 
-// Counts what a head is made of.
+// Adds query, header and cookie values to a request.
 void AddValues(MHD_Connection& connection)
 {
     connection.setClient("192.0.2.7", 40000);
@@ -128,7 +128,7 @@ void AddValues(MHD_Connection& connection)
     connection.add(MHD_COOKIE_KIND, "cookie", kLongText);
 }
 
-TEST(DispatchFaults, TheFirstCallFillsARequestOrPassesTheExceptionThrough)
+TEST(DispatchFailures, TheFirstCallFillsARequestOrPassesTheExceptionThrough)
 {
     FailEachCallOf(
         {{"access handler: first call",
@@ -176,44 +176,43 @@ TEST(DispatchFaults, TheFirstCallFillsARequestOrPassesTheExceptionThrough)
           }}});
 }
 
-TEST(DispatchFaults, ABodyIsFedWholeOrNotAtAll)
+TEST(DispatchFailures, ABodyIsFedWholeOrNotAtAll)
 {
-    FailEachCallOf(
-        {{"access handler: body",
-          [](Attempt& attempt) {
-              Exchange exchange;
-              exchange.open();
-              exchange.call();
-              std::string expected;
-              if (attempt([&] { EXPECT_EQ(exchange.call(kLongText), MHD_YES); }))
-                  expected = kLongText;
-              exchange.call("the rest");
-              exchange.call();
-              expected += "the rest";
-              std::string body(1000, '\0');
-              HttpReceiveDevice& device = exchange.request->getReceiveDevice();
-              body.resize(device.readBytes(body.data(), body.size()));
-              EXPECT_EQ(body, expected);
-          }},
-         {"access handler: body that comes too late, end of the body, nothing to answer yet",
-          [](Attempt& attempt) {
-              Exchange exchange;
-              exchange.open();
-              exchange.call();
-              EXPECT_TRUE(attempt([&] {
-                  for (int i = 0; i < 200; ++i)
-                      EXPECT_EQ(exchange.call(), MHD_YES);
-              }));
-              exchange.request->getResponseDevice().endSending();
-              EXPECT_TRUE(attempt([&] { EXPECT_EQ(exchange.call("late"), MHD_YES); }));
-          },
-          Points::None}});
+    FailEachCallOf({{"access handler: body",
+                     [](Attempt& attempt) {
+                         Exchange exchange;
+                         exchange.open();
+                         exchange.call();
+                         std::string expected;
+                         if (attempt([&] { EXPECT_EQ(exchange.call(kLongText), MHD_YES); }))
+                             expected = kLongText;
+                         exchange.call("the rest");
+                         exchange.call();
+                         expected += "the rest";
+                         std::string body(1000, '\0');
+                         HttpReceiveDevice& device = exchange.request->getReceiveDevice();
+                         body.resize(device.readBytes(body.data(), body.size()));
+                         EXPECT_EQ(body, expected);
+                     }},
+                    {"access handler: body that comes too late, end of the body, no response yet",
+                     [](Attempt& attempt) {
+                         Exchange exchange;
+                         exchange.open();
+                         exchange.call();
+                         EXPECT_TRUE(attempt([&] {
+                             for (int i = 0; i < 200; ++i)
+                                 EXPECT_EQ(exchange.call(), MHD_YES);
+                         }));
+                         exchange.request->getResponseDevice().endSending();
+                         EXPECT_TRUE(attempt([&] { EXPECT_EQ(exchange.call("late"), MHD_YES); }));
+                     },
+                     Points::None}});
 }
 
-// How the answer of a row is to be sent.
+// How the response of a row is sent.
 enum class Way { Whole, Empty, Stream, StreamUnknown, Error };
 
-void PrepareAnswer(WorkerRequest& request, Way way)
+void PrepareResponse(WorkerRequest& request, Way way)
 {
     request.response.addHeader("x-first", "1");
     request.response.addHeader("x-second", kLongText);
@@ -231,17 +230,17 @@ void PrepareAnswer(WorkerRequest& request, Way way)
     device.setResponseReady();
 }
 
-TEST(DispatchFaults, AnAnswerIsQueuedOrItsConnectionCloses)
+TEST(DispatchFailures, AResponseIsQueuedOrItsConnectionCloses)
 {
     const struct
     {
         const char* name;
         Way way;
     } rows[] = {
-        {"access handler: answer from a buffer", Way::Whole},
-        {"access handler: empty answer", Way::Empty},
-        {"access handler: streamed answer", Way::Stream},
-        {"access handler: streamed answer of unknown length", Way::StreamUnknown},
+        {"access handler: response from a buffer", Way::Whole},
+        {"access handler: empty response", Way::Empty},
+        {"access handler: streamed response", Way::Stream},
+        {"access handler: streamed response of unknown length", Way::StreamUnknown},
         {"access handler: error body", Way::Error},
     };
     for (const auto& row : rows) {
@@ -249,7 +248,7 @@ TEST(DispatchFaults, AnAnswerIsQueuedOrItsConnectionCloses)
             Exchange exchange;
             exchange.open();
             exchange.call();
-            PrepareAnswer(*exchange.request, row.way);
+            PrepareResponse(*exchange.request, row.way);
             MHD_Result result = MHD_NO;
             const bool done = attempt([&] { result = exchange.call(); });
             EXPECT_EQ(done, !attempt.hasLackedMemory());
@@ -270,7 +269,7 @@ TEST(DispatchFaults, AnAnswerIsQueuedOrItsConnectionCloses)
                 EXPECT_EQ(result, MHD_NO);
                 return;
             }
-            // A header for which the daemon has no memory is left out; the answer goes out.
+            // A header for which the daemon has no memory is left out. The response is sent.
             const MHD_Response& response = exchange.daemon.response(0);
             EXPECT_THAT(response.queued, SizeIs(1));
             const size_t headers = row.way == Way::Error ? 0 : 4;
@@ -284,7 +283,7 @@ TEST(DispatchFaults, AnAnswerIsQueuedOrItsConnectionCloses)
     }
 }
 
-TEST(DispatchFaults, AnAnswerThatCouldNotBeTakenIsTakenTheNextTime)
+TEST(DispatchFailures, AResponseThatCouldNotBeQueuedIsQueuedTheNextTime)
 {
     FailEachCallOf({{"access handler: no memory for the copy of the body", [](Attempt& attempt) {
                          Exchange exchange;
@@ -312,7 +311,7 @@ struct Handshake
     unsigned int status;
 };
 
-TEST(UpgradeFaults, AnUpgradeIsAnsweredOrItsConnectionCloses)
+TEST(UpgradeFailures, AnUpgradeIsRespondedToOrItsConnectionCloses)
 {
     const Handshake rows[] = {
         {"upgrade: accepted", "GET", "13", "dGhlIHNhbXBsZSBub25jZQ==", 101},
@@ -357,7 +356,7 @@ TEST(UpgradeFaults, AnUpgradeIsAnsweredOrItsConnectionCloses)
     }
 }
 
-TEST(UpgradeFaults, AnUpgradedConnectionReachesTheApplicationOrIsReleased)
+TEST(UpgradeFailures, AnUpgradedConnectionReachesTheApplicationOrIsReleased)
 {
     FailEachCallOf({{"upgrade handler", [](Attempt& attempt) {
                          Exchange exchange;
@@ -379,10 +378,10 @@ protected:
     ~InitializedLibrary() override { terminateWendrel(); }
 };
 
-class ServerFaults : public InitializedLibrary
+class ServerFailures : public InitializedLibrary
 {};
 
-TEST_F(ServerFaults, ConstructionNeedsNoMemoryBeyondTheObject)
+TEST_F(ServerFailures, ConstructionNeedsNoMemoryBeyondTheObject)
 {
     FailEachCallOf({{"server: construction, stop, destruction",
                      [](Attempt& attempt) {
@@ -404,7 +403,7 @@ TEST_F(ServerFaults, ConstructionNeedsNoMemoryBeyondTheObject)
                      }}});
 }
 
-TEST_F(ServerFaults, AServerWithoutAThreadIsStoppedAndCanBeStarted)
+TEST_F(ServerFailures, AServerWithoutAThreadIsStoppedAndCanBeStarted)
 {
     FailEachCallOf({{"server: start", [](Attempt& attempt) {
                          CapturedLog log;
@@ -426,7 +425,7 @@ TEST_F(ServerFaults, AServerWithoutAThreadIsStoppedAndCanBeStarted)
                      }}});
 }
 
-TEST_F(ServerFaults, TheServerThreadStopsWhatItHasStarted)
+TEST_F(ServerFailures, TheServerThreadStopsWhatItHasStarted)
 {
     const struct
     {
@@ -462,7 +461,7 @@ TEST_F(ServerFaults, TheServerThreadStopsWhatItHasStarted)
     }
 }
 
-TEST(UninitializedServerFaults, TheServerThreadSaysThatTheLibraryIsNotInitialized)
+TEST(UninitializedServerFailures, TheServerThreadSaysThatTheLibraryIsNotInitialized)
 {
     FailEachCallOf({{"server thread: library not initialised", [](Attempt& attempt) {
                          Exchange exchange;
@@ -494,7 +493,7 @@ __attribute__((format(printf, 1, 2))) void LogAsDaemon(const char* format, ...)
     va_end(arguments);
 }
 
-TEST(DaemonLogFaults, ALineIsWrittenLeftOutOrPassesTheExceptionThrough)
+TEST(DaemonLogFailures, ALineIsWrittenLeftOutOrPassesTheExceptionThrough)
 {
     FailEachCallOf({{"daemon log", [](Attempt& attempt) {
                          CapturedLog log;

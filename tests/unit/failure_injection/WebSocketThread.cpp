@@ -1,7 +1,7 @@
 // The threads of upgraded connections while memory, threads and poll() fail: connections are in
 // exactly one place, or destroyed; the lock is free.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "websocket/Support.h"
@@ -61,17 +61,17 @@ MHD_UpgradeResponseHandle* Handle(char& place)
     return reinterpret_cast<MHD_UpgradeResponseHandle*>(&place);
 }
 
-TEST(WebSocketThreadFaults, AllThreadsAreStartedOrNone)
+TEST(WebSocketThreadFailures, AllThreadsAreStartedOrNone)
 {
     FailEachCallOf(
         {{"startThreads", [](Attempt& attempt) {
               size_t alive = 0;
-              FaultySockets sockets;
+              ScriptedSockets sockets;
               std::mutex mutex;
               std::condition_variable changed;
               bool polled = false;
               sockets.onCall(
-                  [&](const FaultySockets::Attempt&) -> std::optional<FaultySockets::Outcome> {
+                  [&](const ScriptedSockets::Attempt&) -> std::optional<ScriptedSockets::Outcome> {
                       const std::lock_guard<std::mutex> lock(mutex);
                       polled = true;
                       changed.notify_all();
@@ -104,7 +104,7 @@ TEST(WebSocketThreadFaults, AllThreadsAreStartedOrNone)
           }}});
 }
 
-TEST(WebSocketThreadFaults, AConnectionIsTakenOverOrStaysWithTheCaller)
+TEST(WebSocketThreadFailures, AConnectionIsTakenOverOrStaysWithTheCaller)
 {
     for (const bool readPending : {false, true}) {
         for (const bool givenBack : {false, true}) {
@@ -138,7 +138,7 @@ TEST(WebSocketThreadFaults, AConnectionIsTakenOverOrStaysWithTheCaller)
     }
 }
 
-TEST(WebSocketThreadFaults, HandingOutRefusingAndStoppingNeedNoMemory)
+TEST(WebSocketThreadFailures, HandingOutRefusingAndStoppingNeedNoMemory)
 {
     FailEachCallOf({{"getFirstWebSocket, stopThreads, addWebSocket after it",
                      [](Attempt& attempt) {
@@ -168,8 +168,8 @@ TEST(WebSocketThreadFaults, HandingOutRefusingAndStoppingNeedNoMemory)
 }
 
 // One cycle of the poll thread: one connection with something to read, one without, one whose
-// client is gone.
-TEST(WebSocketThreadFaults, ThePollThreadLosesNoConnection)
+// client has closed.
+TEST(WebSocketThreadFailures, ThePollThreadLosesNoConnection)
 {
     FailEachCallOf({{"poll thread: a cycle", [](Attempt& attempt) {
                          CapturedLog log;
@@ -190,13 +190,13 @@ TEST(WebSocketThreadFaults, ThePollThreadLosesNoConnection)
                              FakeTime time;
                              time.onWait([&](FakeTime::Wait&) { thread.stopThreads(false); });
                              // Ends the loop after the first cycle.
-                             sockets.onCall([&](const FaultySockets::Attempt& call)
-                                                -> std::optional<FaultySockets::Outcome> {
-                                 if (call.operation == FaultySockets::Poll)
+                             sockets.onCall([&](const ScriptedSockets::Attempt& call)
+                                                -> std::optional<ScriptedSockets::Outcome> {
+                                 if (call.operation == ScriptedSockets::Poll)
                                      thread.stopThreads(false);
                                  if (!ShouldFail(Failing::Poll))
                                      return std::nullopt;
-                                 return FaultySockets::Outcome{-1, EINTR};
+                                 return ScriptedSockets::Outcome{-1, EINTR};
                              });
                              const bool done = attempt([&] { thread.run(); });
                              // Each takes the lock.
@@ -220,11 +220,11 @@ TEST(WebSocketThreadFaults, ThePollThreadLosesNoConnection)
 }
 
 // A thread of workers that can be replaced by one that has not been stopped.
-TEST(WebSocketThreadFaults, AWorkerLosesNoConnection)
+TEST(WebSocketThreadFailures, AWorkerLosesNoConnection)
 {
     for (const int error : {EAGAIN, ECONNRESET}) {
         FailEachCall(error == EAGAIN ? "worker: a turn, the socket is not ready"
-                                     : "worker: a turn, the client is gone",
+                                     : "worker: a turn, the client has closed",
                      [&](Attempt& attempt) {
                          RecordingDaemon daemon;
                          size_t alive = 0;

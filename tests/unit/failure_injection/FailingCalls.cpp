@@ -1,6 +1,6 @@
-// The loop itself: that it makes every call fail, and that it sees what goes wrong.
+// The loop itself: it makes every call fail, and detects leaks and wrong results.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 
 #include <gtest/gtest-spi.h>
 

@@ -1,6 +1,6 @@
 // The platform libraries and the library's coming up while memory and threads run out.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/Wendrel.h>
@@ -38,7 +38,7 @@ using testing::Pair;
 
 // Bringing up.
 
-TEST(InitialisationFaults, ALibraryThatCouldNotBeBroughtUpCanBeTakenDownAndBroughtUp)
+TEST(InitialisationFailures, ALibraryThatCouldNotBeBroughtUpCanBeTakenDownAndBroughtUp)
 {
     FailEachCallOf({{"initializeWendrel", [](Attempt& attempt) {
                          if (!attempt(&initializeWendrel)) {
@@ -58,7 +58,7 @@ TEST(InitialisationFaults, ALibraryThatCouldNotBeBroughtUpCanBeTakenDownAndBroug
                          }
                          EXPECT_EQ(HttpBaseRequest::sRequestTypes.size(), 9u);
                          EXPECT_THAT(GetThirdPartyLibVersionInfos(),
-                                     Contains(Pair("libmicrohttpd", "0.0.0 (stand-in)")));
+                                     Contains(Pair("libmicrohttpd", "0.0.0 (fake)")));
                          EXPECT_TRUE(attempt(&terminateWendrel));
                          EXPECT_TRUE(HttpBaseRequest::sRequestTypes.empty());
                          EXPECT_THAT(GetThirdPartyLibVersionInfos(),
@@ -66,7 +66,7 @@ TEST(InitialisationFaults, ALibraryThatCouldNotBeBroughtUpCanBeTakenDownAndBroug
                      }}});
 }
 
-TEST(InitialisationFaults, ARecordOfAVersionIsMadeWholeOrNotAtAll)
+TEST(InitialisationFailures, ARecordOfAVersionIsMadeWholeOrNotAtAll)
 {
     FailEachCallOf({{"RegisterThirdPartyLibVersionInfo",
                      [](Attempt& attempt) {
@@ -98,7 +98,7 @@ TEST(InitialisationFaults, ARecordOfAVersionIsMadeWholeOrNotAtAll)
                      }}});
 }
 
-TEST(InitialisationFaults, CountingNeedsNoMemory)
+TEST(InitialisationFailures, CountingNeedsNoMemory)
 {
     FailEachCallOf({{"LibInitCounter",
                      [](Attempt& attempt) {
@@ -137,7 +137,7 @@ Operation Parsing(const char* name, const std::string& text, Points points = Poi
         [](http::HttpUrl& url) { return Contents(url); }, points);
 }
 
-TEST(UrlFaults, AUrlIsTakenWholeOrNotAtAll)
+TEST(UrlFailures, AUrlIsTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         Parsing("Url: accepted", "http://user@a-host-of-some-length.example.org:8080/a%20b/{c}/" +
@@ -163,7 +163,7 @@ TEST(UrlFaults, AUrlIsTakenWholeOrNotAtAll)
 
 // Headers.
 
-TEST(HttpHeadersFaults, ValuesAreAddedWholeOrNotAtAll)
+TEST(HttpHeadersFailures, ValuesAreAddedWholeOrNotAtAll)
 {
     const auto make = [] {
         auto headers = std::make_unique<http::HttpHeaders>();
@@ -216,7 +216,7 @@ TEST(HttpHeadersFaults, ValuesAreAddedWholeOrNotAtAll)
 
 // Digests and base64.
 
-TEST(Base64Faults, ATextIsAppendedWholeOrNotAtAll)
+TEST(Base64Failures, ATextIsAppendedWholeOrNotAtAll)
 {
     // The second one in several pieces.
     for (const size_t size : {size_t(100), size_t(10) << 20}) {
@@ -232,7 +232,7 @@ TEST(Base64Faults, ATextIsAppendedWholeOrNotAtAll)
     }
 }
 
-TEST(HashHelperFaults, ADigestIsMadeOrItsSizeIsNought)
+TEST(HashHelperFailures, ADigestIsMadeOrItsSizeIsNought)
 {
     FailEachCall(
         "HashHelper",
@@ -252,7 +252,7 @@ TEST(HashHelperFaults, ADigestIsMadeOrItsSizeIsNought)
         CanFailMalloc() ? Points::Some : Points::None);
 }
 
-// Threads and what belongs to them.
+// Threads, locks and waits.
 
 class CountingThread : public qvThread
 {
@@ -264,7 +264,7 @@ protected:
     void run() override { ++runs; }
 };
 
-TEST(qvThreadFaults, AThreadIsStartedOrCanBeStarted)
+TEST(qvThreadFailures, AThreadIsStartedOrCanBeStarted)
 {
     FailEachCallOf({{"qvThread: start", [](Attempt& attempt) {
                          CountingThread thread;
@@ -280,7 +280,7 @@ TEST(qvThreadFaults, AThreadIsStartedOrCanBeStarted)
                      }}});
 }
 
-TEST(qvThreadFaults, LocksWaitsAndNamesNeedNoMemory)
+TEST(qvThreadFailures, LocksWaitsAndNamesNeedNoMemory)
 {
     FailEachCallOf(
         {{"CurrentThreadId: for the first time on a thread",
@@ -307,7 +307,7 @@ TEST(qvThreadFaults, LocksWaitsAndNamesNeedNoMemory)
 
 // Texts.
 
-TEST(PlatformTextFaults, TextsAreMadeWholeOrNotAtAll)
+TEST(PlatformTextFailures, TextsAreMadeWholeOrNotAtAll)
 {
     FailEachCallOf(
         {{"IpAddress: texts",
@@ -334,7 +334,7 @@ public:
     bool atEnd() const override { return false; }
 };
 
-TEST(qvIoDeviceFaults, AnErrorIsSetWholeOrNotAtAll)
+TEST(qvIoDeviceFailures, AnErrorIsSetWholeOrNotAtAll)
 {
     FailEachCallOf({AllOrNothing(
                         "qvIoDevice: error", [] { return std::make_unique<Device>(); },

@@ -1,7 +1,7 @@
 // Upgraded connections while memory runs out and their sockets fail: each side gets whole messages,
 // each once and in order, or the connection is said to be lost.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "websocket/Support.h"
 
 #include <Wendrel/WebSocket.h>
@@ -23,7 +23,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// What the client gets of a connection whose worker sends until nothing is left.
+// The messages that the client receives from a connection whose worker sends until nothing is left.
 std::vector<Message> Received(WebSocket& connection, SocketPair& ends)
 {
     Bytes bytes;
@@ -36,8 +36,7 @@ std::vector<Message> Received(WebSocket& connection, SocketPair& ends)
     return ServerMessages(bytes);
 }
 
-// Keeps its messages without needing memory for it, as far as is counted; what a test hangs on
-// does.
+// Keeps its messages without counted allocations. Allocations of a test's hook are counted.
 class Keeping : public Connection
 {
 public:
@@ -93,7 +92,7 @@ Operation Queueing(const std::string& name, size_t before, size_t size)
             }};
 }
 
-TEST(WebSocketFaults, AMessageIsQueuedWholeOrNotAtAll)
+TEST(WebSocketFailures, AMessageIsQueuedWholeOrNotAtAll)
 {
     const struct
     {
@@ -116,18 +115,18 @@ TEST(WebSocketFaults, AMessageIsQueuedWholeOrNotAtAll)
     }
 }
 
-TEST(WebSocketFaults, AMessageThatFitsIntoTheLastBlockNeedsNoMemory)
+TEST(WebSocketFailures, AMessageThatFitsIntoTheLastBlockNeedsNoMemory)
 {
     FailEachCall("writeMessage: into the last block", Queueing("", 100, 100).body, Points::None);
 }
 
 // Written by the worker itself: sent at once, as far as the socket takes it.
-TEST(WebSocketFaults, AMessageOfTheWorkerIsSentOrStaysQueued)
+TEST(WebSocketFailures, AMessageOfTheWorkerIsSentOrStaysQueued)
 {
     for (const int error : {EAGAIN, ECONNRESET}) {
         FailEachCall(
             error == EAGAIN ? "writeMessage: by the worker, the socket is full"
-                            : "writeMessage: by the worker, the client is gone",
+                            : "writeMessage: by the worker, the client has closed",
             [&](Attempt& attempt) {
                 FailingSockets sockets(error);
                 SocketPair ends;
@@ -145,13 +144,13 @@ TEST(WebSocketFaults, AMessageOfTheWorkerIsSentOrStaysQueued)
     }
 }
 
-TEST(WebSocketFaults, SendingSaysWhetherTheConnectionIsLost)
+TEST(WebSocketFailures, SendingSaysWhetherTheConnectionIsLost)
 {
     for (const int error : {EAGAIN, EINTR, EPIPE, ECONNRESET}) {
         const std::string name = "sendDataIfAvailable: error " + std::to_string(error);
         FailEachCall(name.c_str(), [&](Attempt& attempt) {
             FailingSockets sockets(error);
-            sockets.cap(FaultySockets::Send, 700);
+            sockets.cap(ScriptedSockets::Send, 700);
             SocketPair ends;
             WebSocket connection(ends.server(), nullptr);
             const Message message = Text(Pattern(5000));
@@ -167,7 +166,7 @@ TEST(WebSocketFaults, SendingSaysWhetherTheConnectionIsLost)
 }
 
 // A connection that reads the frames of two messages while one of its calls fails, and goes on.
-TEST(WebSocketFaults, AMessageIsDeliveredOnceAndWhole)
+TEST(WebSocketFailures, AMessageIsDeliveredOnceAndWhole)
 {
     const struct
     {
@@ -176,7 +175,7 @@ TEST(WebSocketFaults, AMessageIsDeliveredOnceAndWhole)
         size_t cap;
     } rows[] = {
         {"readDataIfAvailable: nothing more for now", EAGAIN, 0},
-        {"readDataIfAvailable: the client is gone", ECONNRESET, 0},
+        {"readDataIfAvailable: the client has closed", ECONNRESET, 0},
         {"readDataIfAvailable: in pieces of 700 bytes", EAGAIN, 700},
     };
     const Bytes first = Pattern(3000);
@@ -185,7 +184,7 @@ TEST(WebSocketFaults, AMessageIsDeliveredOnceAndWhole)
         FailEachCall(row.name, [&](Attempt& attempt) {
             FailingSockets sockets(row.error);
             if (row.cap != 0)
-                sockets.cap(FaultySockets::Recv, row.cap);
+                sockets.cap(ScriptedSockets::Recv, row.cap);
             SocketPair ends;
             Keeping connection(ends.server());
             ends.writeAll(ClientFrame(0x01, first) + ClientFrame(0x80, first) +
@@ -208,7 +207,7 @@ TEST(WebSocketFaults, AMessageIsDeliveredOnceAndWhole)
 }
 
 // The same without a socket: all bytes are there, and there is only the message to make.
-TEST(WebSocketFaults, AFrameThatDoesNotFitIntoMemoryStaysInTheQueue)
+TEST(WebSocketFailures, AFrameThatDoesNotFitIntoMemoryStaysInTheQueue)
 {
     for (const size_t begun : {0, 100, 5000}) {
         const std::string name =
@@ -224,18 +223,18 @@ TEST(WebSocketFaults, AFrameThatDoesNotFitIntoMemoryStaysInTheQueue)
             ends.writeAll(stream);
             // All but the last piece, which makes the frame whole.
             {
-                FaultySockets sockets;
+                ScriptedSockets sockets;
                 size_t left = stream.size() - 1;
-                sockets.onCall([&](const FaultySockets::Attempt& call)
-                                   -> std::optional<FaultySockets::Outcome> {
-                    if (call.operation != FaultySockets::Recv)
+                sockets.onCall([&](const ScriptedSockets::Attempt& call)
+                                   -> std::optional<ScriptedSockets::Outcome> {
+                    if (call.operation != ScriptedSockets::Recv)
                         return std::nullopt;
                     if (left == 0)
-                        return FaultySockets::Outcome{-1, EAGAIN};
+                        return ScriptedSockets::Outcome{-1, EAGAIN};
                     const size_t part = std::min(left, call.length);
                     left -= part;
                     const ssize_t got = ::read(ends.server(), call.data, part);
-                    return FaultySockets::Outcome{got, 0};
+                    return ScriptedSockets::Outcome{got, 0};
                 });
                 while (connection.hasReadPending())
                     EXPECT_TRUE(connection.readDataIfAvailable());
@@ -251,7 +250,7 @@ TEST(WebSocketFaults, AFrameThatDoesNotFitIntoMemoryStaysInTheQueue)
     }
 }
 
-TEST(WebSocketFaults, AMessageWhoseHandlerThrowsIsOver)
+TEST(WebSocketFailures, AMessageWhoseHandlerThrowsIsOver)
 {
     FailEachCallOf({{"onMessageReceived: the handler needs memory", [](Attempt& attempt) {
                          SocketPair ends;
@@ -273,9 +272,9 @@ TEST(WebSocketFaults, AMessageWhoseHandlerThrowsIsOver)
                      }}});
 }
 
-TEST(WebSocketFaults, TheDefaultAnswerIsQueuedWholeOrNotAtAll)
+TEST(WebSocketFailures, TheDefaultResponseIsQueuedWholeOrNotAtAll)
 {
-    FailEachCallOf({{"onMessageReceived: the default answer", [](Attempt& attempt) {
+    FailEachCallOf({{"onMessageReceived: the default response", [](Attempt& attempt) {
                          SocketPair ends;
                          WebSocket connection(ends.server(), nullptr);
                          Bytes received = ToBytes("anything");
@@ -289,7 +288,7 @@ TEST(WebSocketFaults, TheDefaultAnswerIsQueuedWholeOrNotAtAll)
                      }}});
 }
 
-TEST(WebSocketFaults, MovingAndClosingNeedNoMemory)
+TEST(WebSocketFailures, MovingAndClosingNeedNoMemory)
 {
     FailEachCallOf({{"connection: made, moved, closed, destroyed",
                      [](Attempt& attempt) {
@@ -330,7 +329,7 @@ TEST(WebSocketFaults, MovingAndClosingNeedNoMemory)
                      }}});
 }
 
-TEST(WebSocketFaults, TheAcceptValueIsRightOrAnExceptionOrThatOfNoDigest)
+TEST(WebSocketFailures, TheAcceptValueIsRightOrAnExceptionOrThatOfNoDigest)
 {
     FailEachCallOf({{"ComputeSecret", [](Attempt& attempt) {
                          std::string secret;
@@ -339,8 +338,8 @@ TEST(WebSocketFaults, TheAcceptValueIsRightOrAnExceptionOrThatOfNoDigest)
                          });
                          const std::string right = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
                          if (attempt.hasFailed(Failing::Malloc)) {
-                             // Required: what becomes of the digest is not looked at. A client
-                             // refuses the value of twenty zero bytes.
+                             // Required: the result of the digest is not checked. A client refuses
+                             // the value of twenty zero bytes.
                              EXPECT_THAT(secret, testing::AnyOf(done ? right : "",
                                                                 "AAAAAAAAAAAAAAAAAAAAAAAAAAA="));
                          } else {

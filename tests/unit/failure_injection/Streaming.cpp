@@ -1,7 +1,7 @@
-// Bodies in both directions while memory runs out: whatever a call that failed leaves behind, what
-// was accepted arrives, once and in order.
+// Bodies in both directions while memory runs out: accepted bytes arrive once and in order, also
+// after a call that failed.
 
-#include "faults/Support.h"
+#include "failure_injection/Support.h"
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
 #include "support/TestRequest.h"
@@ -27,7 +27,7 @@ using Access = impl::DispatchAccess;
 
 constexpr size_t kChunk = 65536;
 
-// What an application's callback may do: it needs memory.
+// Allocates, as a callback of an application may.
 void Allocate()
 {
     const std::string copy = kLongText;
@@ -96,19 +96,19 @@ Operation Feeding(const char* name, size_t before, size_t size, Points points = 
             points};
 }
 
-TEST(ReceiveDeviceFaults, WhatIsFedIsTakenWholeOrNotAtAll)
+TEST(ReceiveDeviceFailures, WhatIsFedIsTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         Feeding("feed: into an empty queue", 0, 100),
-        Feeding("feed: into spare room", 100, 100, Points::None),
-        Feeding("feed: the last of the spare room", 100, kChunk - 100, Points::None),
-        Feeding("feed: beyond the spare room", kChunk - 50, 100),
+        Feeding("feed: into unused capacity", 100, 100, Points::None),
+        Feeding("feed: the last of the unused capacity", 100, kChunk - 100, Points::None),
+        Feeding("feed: beyond the unused capacity", kChunk - 50, 100),
         Feeding("feed: a full chunk", kChunk, kChunk),
         Feeding("feed: more than a chunk", 10, 2 * kChunk),
     });
 }
 
-TEST(ReceiveDeviceFaults, ARefusalIsAnErrorOrAnException)
+TEST(ReceiveDeviceFailures, ARefusalIsAnErrorOrAnException)
 {
     FailEachCallOf({{"feed: after its end",
                      [](Attempt& attempt) {
@@ -141,7 +141,7 @@ TEST(ReceiveDeviceFaults, ARefusalIsAnErrorOrAnException)
                      }}});
 }
 
-TEST(ReceiveDeviceFaults, AnExceptionOfACallbackLeavesTheDeviceUsable)
+TEST(ReceiveDeviceFailures, AnExceptionOfACallbackLeavesTheDeviceUsable)
 {
     for (const bool isListener : {false, true}) {
         FailEachCall(isListener ? "read: the wait listener needs memory"
@@ -175,7 +175,7 @@ TEST(ReceiveDeviceFaults, AnExceptionOfACallbackLeavesTheDeviceUsable)
     }
 }
 
-TEST(ReceiveDeviceFaults, ReadingNeedsNoMemory)
+TEST(ReceiveDeviceFailures, ReadingNeedsNoMemory)
 {
     FailEachCallOf(
         {{"read: what is there, and what comes",
@@ -241,13 +241,13 @@ Operation Writing(const char* name, size_t before, size_t size, Points points = 
             points};
 }
 
-TEST(ResponseDeviceFaults, WhatIsWrittenIsTakenWholeOrNotAtAll)
+TEST(ResponseDeviceFailures, WhatIsWrittenIsTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         Writing("write: into an empty queue", 0, 100),
-        Writing("write: into spare room", 100, 100, Points::None),
-        Writing("write: the last of the spare room", 100, kChunk - 100, Points::None),
-        Writing("write: beyond the spare room", kChunk - 50, 100),
+        Writing("write: into unused capacity", 100, 100, Points::None),
+        Writing("write: the last of the unused capacity", 100, kChunk - 100, Points::None),
+        Writing("write: beyond the unused capacity", kChunk - 50, 100),
         Writing("write: a full chunk", kChunk, kChunk),
         Writing("write: more than a chunk", 10, 2 * kChunk),
     });
@@ -269,13 +269,13 @@ template <typename Operate> Operation OnDevice(const char* name, Operate operate
             Points::None};
 }
 
-TEST(ResponseDeviceFaults, HandingOverNeedsNoMemory)
+TEST(ResponseDeviceFailures, HandingOverNeedsNoMemory)
 {
     FailEachCallOf({
         OnDevice("flush", [](HttpResponseDevice& device) { device.flush(); }),
         OnDevice("endSending", [](HttpResponseDevice& device) { device.endSending(); }),
         OnDevice("setResponseReady", [](HttpResponseDevice& device) { device.setResponseReady(); }),
-        {"write: waiting for room",
+        {"write: waiting for capacity",
          [](Attempt& attempt) {
              FakeTime time;
              WorkerRequest request;
@@ -302,7 +302,7 @@ TEST(ResponseDeviceFaults, HandingOverNeedsNoMemory)
     });
 }
 
-TEST(ResponseDeviceFaults, WhatCannotBeFetchedStays)
+TEST(ResponseDeviceFailures, WhatCannotBeFetchedStays)
 {
     FailEachCallOf({{"getData", [](Attempt& attempt) {
                          WorkerRequest request;
@@ -327,7 +327,7 @@ TEST(ResponseDeviceFaults, WhatCannotBeFetchedStays)
                      }}});
 }
 
-TEST(ResponseDeviceFaults, AnErrorIsSetWholeOrNotAtAll)
+TEST(ResponseDeviceFailures, AnErrorIsSetWholeOrNotAtAll)
 {
     const auto make = [] { return std::make_unique<WorkerRequest>(); };
     const auto look = [](WorkerRequest& request) {
@@ -360,7 +360,7 @@ TEST(ResponseDeviceFaults, AnErrorIsSetWholeOrNotAtAll)
     });
 }
 
-TEST(ResponseDeviceFaults, AWriterIsWokenAlsoWhenThereIsNoMemoryForTheReason)
+TEST(ResponseDeviceFailures, AWriterIsWokenAlsoWhenThereIsNoMemoryForTheReason)
 {
     FailEachCallOf({{"setConnectionLost: with a writer that waits", [](Attempt& attempt) {
                          FakeTime time;
@@ -409,7 +409,7 @@ struct Callbacks
     std::unique_ptr<http::HttpServer> server;
 };
 
-TEST(StreamCallbackFaults, ReadingContentNeedsNoMemory)
+TEST(StreamCallbackFailures, ReadingContentNeedsNoMemory)
 {
     const struct
     {
@@ -422,7 +422,8 @@ TEST(StreamCallbackFaults, ReadingContentNeedsNoMemory)
         {"content reader: bytes", 70000, false, false, 65536},
         {"content reader: nothing yet", 0, false, false, 0},
         {"content reader: the end", 0, true, false, MHD_CONTENT_READER_END_OF_STREAM},
-        {"content reader: the client is gone", 10, true, true, MHD_CONTENT_READER_END_WITH_ERROR},
+        {"content reader: the client has closed", 10, true, true,
+         MHD_CONTENT_READER_END_WITH_ERROR},
     };
     for (const auto& row : rows) {
         FailEachCall(
@@ -437,7 +438,7 @@ TEST(StreamCallbackFaults, ReadingContentNeedsNoMemory)
                 if (row.isEnded)
                     device.endSending();
                 if (row.isLost)
-                    device.setDeviceError("gone");
+                    device.setDeviceError("closed");
                 std::vector<char> buffer(65536);
                 ssize_t result = 0;
                 EXPECT_TRUE(attempt([&] {
@@ -450,7 +451,7 @@ TEST(StreamCallbackFaults, ReadingContentNeedsNoMemory)
     }
 }
 
-TEST(StreamCallbackFaults, ACompletedRequestIsCompletedWhateverComesOutOfTheCallback)
+TEST(StreamCallbackFailures, ACompletedRequestIsCompletedWhateverComesOutOfTheCallback)
 {
     const struct
     {
