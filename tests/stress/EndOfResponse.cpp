@@ -51,7 +51,7 @@ public:
     const CookieMap& getCookies() override { return mCookies; }
     const HeaderMap& getHeaders() override { return mHeaders; }
     uint32_t getStatusCode() override { return 200; }
-    // Asked between the decision to stream and the look at what the body's length is.
+    // Called between the decision to stream and the check of the body's length.
     int64_t getContentLength() override
     {
         delay();
@@ -208,7 +208,7 @@ TEST(EndOfResponse, CutsNothingWhileTheResponseIsBeingQueued)
     worker.join();
     qv::terminateWendrel();
     // How often the race was met depends on the machine.
-    std::printf("figure: end_of_response buffered %llu, streamed with length %llu, without %llu\n",
+    std::printf("metric: end_of_response buffered %llu, streamed with length %llu, without %llu\n",
                 static_cast<unsigned long long>(counts.buffered),
                 static_cast<unsigned long long>(counts.declared),
                 static_cast<unsigned long long>(counts.open));

@@ -1,4 +1,4 @@
-/// What is to happen to one request: drawn from its number, so that both sides know it.
+/// The plan of one request, drawn from its number, so that both sides know it.
 #ifndef WENDREL_TESTS_STRESS_PLAN_H
 #define WENDREL_TESTS_STRESS_PLAN_H
 
@@ -38,8 +38,8 @@ struct Plan
     Deleter deleter = Deleter::Worker;
     bool declaresLength = false;
     bool awaitsQueueing = false;  ///< the writer goes on when the daemon has taken the head
-    bool isUnfetched = false;     ///< as the answer to a HEAD request
-    bool isRefused = false;       ///< the daemon will not queue the answer
+    bool isUnfetched = false;     ///< as the response to a HEAD request
+    bool isRefused = false;       ///< the daemon will not queue the response
     bool deletesAtOnce = false;   ///< the worker asks again and again until it may
 };
 
@@ -107,7 +107,7 @@ inline Plan drawPlan(uint64_t seed, uint64_t id)
 class BodySource
 {
 public:
-    explicit BodySource(uint64_t seed) : mBytes(kPlaces + kLongestBody)
+    explicit BodySource(uint64_t seed) : mBytes(kPlaces + kMaxBodyBytes)
     {
         Dice dice(seed);
         for (char& byte : mBytes)
@@ -122,7 +122,7 @@ public:
 
 private:
     static constexpr size_t kPlaces = 100000;
-    static constexpr size_t kLongestBody = 1000000;
+    static constexpr size_t kMaxBodyBytes = 1000000;
 
     std::vector<char> mBytes;
 };

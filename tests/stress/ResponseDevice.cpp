@@ -2,8 +2,8 @@
 // the contract allows, with yields at every lock.
 
 #include "Dice.h"
-#include "Ledger.h"
 #include "Plan.h"
+#include "RunRecord.h"
 #include "Shaking.h"
 #include "SmallDaemon.h"
 
@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 constexpr uint64_t kDaemonThreads = 2;
 constexpr uint64_t kWorkers = 4;
 
-// How long nothing may move: far above what a loaded machine needs.
+// The limit of a run without progress: far above the pauses of a loaded machine.
 constexpr std::chrono::seconds kStallLimit(60);
 
 uint64_t fromEnvironment(const char* name, uint64_t otherwise)
@@ -71,7 +71,7 @@ private:
 class Request : public qv::HttpBaseRequest, public qv::HttpWaitListener
 {
 public:
-    Request(const Plan& plan_, Ledger& ledger) : plan(plan_), mLedger(ledger)
+    Request(const Plan& plan_, RunRecord& record) : plan(plan_), mRecord(record)
     {
         if (plan.declaresLength || plan.isUnfetched)
             mResponse.length = static_cast<int64_t>(plan.bodyBytes);
@@ -79,11 +79,11 @@ public:
 
     ~Request() override
     {
-        Ledger::Fate& fate = mLedger.fate(plan.id);
-        if (fate.completed != 1 || fate.served != 1)
-            mLedger.complain("a request was deleted too early");
-        if (fate.deleted++ != 0)
-            mLedger.complain("a request was deleted twice");
+        RunRecord::Progress& progress = mRecord.progress(plan.id);
+        if (progress.completed != 1 || progress.served != 1)
+            mRecord.addError("a request was deleted too early");
+        if (progress.deleted++ != 0)
+            mRecord.addError("a request was deleted twice");
     }
 
     qv::HttpResponseInterface& getResponse() override { return mResponse; }
@@ -98,17 +98,17 @@ public:
     {
         if (!request->mServed || !request->isCompleted())
             return false;
-        Ledger& ledger = request->mLedger;
-        ++ledger.deletedBy[static_cast<size_t>(request->plan.deleter)];
+        RunRecord& record = request->mRecord;
+        ++record.deletedBy[static_cast<size_t>(request->plan.deleter)];
         delete request;
-        ++ledger.deleted;
+        ++record.deleted;
         return true;
     }
 
     const Plan plan;
 
 private:
-    Ledger& mLedger;
+    RunRecord& mRecord;
     Response mResponse;
     std::atomic<bool> mServed{false};
 };
@@ -162,15 +162,15 @@ private:
 class Application : public qv::http::HttpServerImpl
 {
 public:
-    Application(Ledger& ledger, Queue& toWorkers, Queue& toReaper)
-        : mLedger(ledger), mToWorkers(toWorkers), mToReaper(toReaper)
+    Application(RunRecord& record, Queue& toWorkers, Queue& toReaper)
+        : mRecord(record), mToWorkers(toWorkers), mToReaper(toReaper)
     {
         setErrorBody("error");
     }
 
     qv::HttpBaseRequest* createRequest() override
     {
-        return new Request(SmallDaemon::CurrentPlan(), mLedger);
+        return new Request(SmallDaemon::CurrentPlan(), mRecord);
     }
 
     void handleRequest(qv::HttpBaseRequest* base) override
@@ -185,27 +185,27 @@ public:
 
     void onRequestCompleted() override
     {
-        Ledger::Fate& fate = mLedger.fate(SmallDaemon::CurrentPlan().id);
-        if (fate.completed++ != 0)
-            mLedger.complain("a request was completed twice");
-        ++(fate.served ? mLedger.servedBeforeCompleted : mLedger.completedBeforeServed);
+        RunRecord::Progress& progress = mRecord.progress(SmallDaemon::CurrentPlan().id);
+        if (progress.completed++ != 0)
+            mRecord.addError("a request was completed twice");
+        ++(progress.served ? mRecord.servedBeforeCompleted : mRecord.completedBeforeServed);
     }
 
-    void onNewWebSocket(qv::http::WebSocket*) override { mLedger.complain("an upgrade"); }
+    void onNewWebSocket(qv::http::WebSocket*) override { mRecord.addError("an upgrade"); }
     void onServerStopped() override {}
 
 private:
-    Ledger& mLedger;
+    RunRecord& mRecord;
     Queue& mToWorkers;
     Queue& mToReaper;
 };
 
-/// A thread that writes answers.
+/// A thread that writes responses.
 class Worker
 {
 public:
-    Worker(Ledger& ledger, const BodySource& source, uint64_t seed)
-        : mLedger(ledger), mSource(source), mDice(seed)
+    Worker(RunRecord& record, const BodySource& source, uint64_t seed)
+        : mRecord(record), mSource(source), mDice(seed)
     {}
 
     void run(Queue& queue)
@@ -230,10 +230,10 @@ private:
         request.workerThreadStartHandling(thread);
         write(request);
         request.workerThreadStopHandling(thread);
-        ++mLedger.fate(request.plan.id).served;
+        ++mRecord.progress(request.plan.id).served;
         shake();
         request.setServed();
-        // Somebody else's may be gone already.
+        // A request of another deleter may be deleted already.
         if (!isMine)
             return;
         if (!request.plan.deletesAtOnce)
@@ -262,7 +262,7 @@ private:
         if (!isAnnounced && plan.ending != Plan::Ending::NeverAnnounced)
             announce(request);
         if (device.hasDeviceError() && !isAbandoned)
-            ++mLedger.lossesSeenByWriter;
+            ++mRecord.lossesSeenByWriter;
     }
 
     bool announce(Request& request)
@@ -270,7 +270,7 @@ private:
         const qv::HttpResponseDevice& device = request.getResponseDevice();
         shake();
         if (!request.getResponseDevice().setResponseReady())
-            mLedger.complain("an answer was announced before");
+            mRecord.addError("a response was announced before");
         while (request.plan.awaitsQueueing && request.getResponseStartMs() < 0 &&
                !device.hasDeviceError())
             ::sched_yield();
@@ -293,11 +293,11 @@ private:
             device.flush();
         if (taken != size) {
             if (taken != 0 || !device.hasDeviceError())
-                mLedger.complain("a write was refused without error");
+                mRecord.addError("a write was refused without error");
             return false;
         }
         done += size;
-        mLedger.bytesWritten += size;
+        mRecord.bytesWritten += size;
         shake();
         return true;
     }
@@ -312,19 +312,19 @@ private:
             return;
         device.endSending();
         if (device.writeBytes("x", 1) != 0)
-            mLedger.complain("a write was taken after the end");
+            mRecord.addError("a write was taken after the end");
     }
 
     void deleteDone() { mDone.remove_if(Request::DeleteIfDone); }
 
-    Ledger& mLedger;
+    RunRecord& mRecord;
     const BodySource& mSource;
     Dice mDice;
     std::list<Request*> mDone;
 };
 
 /// A thread that looks at requests from outside all the time, and deletes them the moment it may.
-void reap(Queue& queue, Ledger& ledger)
+void reap(Queue& queue, RunRecord& record)
 {
     std::list<Request*> open;
     while (!queue.hasEnded() || !open.empty()) {
@@ -335,7 +335,7 @@ void reap(Queue& queue, Ledger& ledger)
             if (device.getSentBytes() > request->plan.bodyBytes + 1 ||
                 device.getDataSize() > request->plan.bodyBytes ||
                 (device.hasDeviceError() && !device.atEnd()))
-                ledger.complain("a device said something impossible");
+                record.addError("a device said something impossible");
         }
         open.remove_if(Request::DeleteIfDone);
         ::sched_yield();
@@ -346,7 +346,7 @@ void reap(Queue& queue, Ledger& ledger)
 class StallWatch
 {
 public:
-    explicit StallWatch(Ledger& ledger) : mLedger(ledger), mThread([this] { watch(); }) {}
+    explicit StallWatch(RunRecord& record) : mRecord(record), mThread([this] { watch(); }) {}
 
     ~StallWatch()
     {
@@ -361,7 +361,7 @@ public:
 private:
     uint64_t progress() const
     {
-        return mLedger.begun + mLedger.deleted + mLedger.bytesFetched + mLedger.bytesWritten;
+        return mRecord.begun + mRecord.deleted + mRecord.bytesFetched + mRecord.bytesWritten;
     }
 
     void watch()
@@ -387,15 +387,15 @@ private:
     {
         std::printf("Nothing has moved for too long: %llu of %llu requests deleted, %llu writers "
                     "waiting.\n%s",
-                    static_cast<unsigned long long>(mLedger.deleted),
-                    static_cast<unsigned long long>(mLedger.requests()),
+                    static_cast<unsigned long long>(mRecord.deleted),
+                    static_cast<unsigned long long>(mRecord.requests()),
                     static_cast<unsigned long long>(shakingCounts().waiting),
-                    mLedger.firstComplaints().c_str());
+                    mRecord.firstErrors().c_str());
         std::fflush(stdout);
         std::_Exit(1);
     }
 
-    Ledger& mLedger;
+    RunRecord& mRecord;
     std::mutex mMutex;
     std::condition_variable mChanged;
     bool mEnded = false;
@@ -404,37 +404,37 @@ private:
 
 void print(const std::string& name, uint64_t value, const char* unit)
 {
-    std::printf("figure: stress_%s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value),
+    std::printf("metric: stress_%s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value),
                 unit);
 }
 
-void printFigures(Ledger& ledger, uint64_t seed, Clock::duration took)
+void printMetrics(RunRecord& record, uint64_t seed, Clock::duration took)
 {
     print("seed", seed, "number");
-    print("requests", ledger.deleted, "requests");
+    print("requests", record.deleted, "requests");
     for (size_t i = 0; i < kOutcomes; ++i)
-        print(kOutcomeNames[i], ledger.outcomes[i], "requests");
-    print("served_before_completed", ledger.servedBeforeCompleted, "requests");
-    print("completed_before_served", ledger.completedBeforeServed, "requests");
+        print(kOutcomeNames[i], record.outcomes[i], "requests");
+    print("served_before_completed", record.servedBeforeCompleted, "requests");
+    print("completed_before_served", record.completedBeforeServed, "requests");
     const char* const deleters[] = {"worker", "daemon", "reaper"};
-    for (size_t i = 0; i < ledger.deletedBy.size(); ++i)
-        print(std::string("deleted_by_") + deleters[i], ledger.deletedBy[i], "requests");
-    print("losses_seen_by_writers", ledger.lossesSeenByWriter, "requests");
-    print("written", ledger.bytesWritten, "bytes");
-    print("fetched_and_compared", ledger.bytesFetched, "bytes");
+    for (size_t i = 0; i < record.deletedBy.size(); ++i)
+        print(std::string("deleted_by_") + deleters[i], record.deletedBy[i], "requests");
+    print("losses_seen_by_writers", record.lossesSeenByWriter, "requests");
+    print("written", record.bytesWritten, "bytes");
+    print("fetched_and_compared", record.bytesFetched, "bytes");
     print("writer_waits", shakingCounts().waits, "waits");
     print("yields", shakingCounts().yields, "yields");
     print("time", std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), "ms");
 }
 
-void runThreads(Ledger& ledger, uint64_t seed)
+void runThreads(RunRecord& record, uint64_t seed)
 {
     const BodySource source(seed);
     Queue toWorkers;
     Queue toReaper;
-    qv::http::HttpServer server(new Application(ledger, toWorkers, toReaper));
-    const SmallDaemon::Shared shared{server, ledger, source, seed};
-    StallWatch watch(ledger);
+    qv::http::HttpServer server(new Application(record, toWorkers, toReaper));
+    const SmallDaemon::Shared shared{server, record, source, seed};
+    StallWatch watch(record);
     std::vector<std::thread> daemons;
     std::vector<std::thread> others;
     for (uint64_t i = 0; i < kDaemonThreads; ++i)
@@ -445,11 +445,11 @@ void runThreads(Ledger& ledger, uint64_t seed)
     for (uint64_t i = 0; i < kWorkers; ++i)
         others.emplace_back([&, i] {
             shakeThisThread(seed + kDaemonThreads + i);
-            Worker(ledger, source, seed + i).run(toWorkers);
+            Worker(record, source, seed + i).run(toWorkers);
         });
     others.emplace_back([&] {
         shakeThisThread(seed + kDaemonThreads + kWorkers);
-        reap(toReaper, ledger);
+        reap(toReaper, record);
     });
     for (std::thread& daemon : daemons)
         daemon.join();
@@ -459,46 +459,46 @@ void runThreads(Ledger& ledger, uint64_t seed)
         other.join();
 }
 
-void expectEachOnce(Ledger& ledger)
+void expectEachOnce(RunRecord& record)
 {
     uint64_t wrong = 0;
-    for (uint64_t id = 0; id < ledger.requests(); ++id) {
-        const Ledger::Fate& fate = ledger.fate(id);
-        wrong += fate.served != 1 || fate.completed != 1 || fate.deleted != 1;
+    for (uint64_t id = 0; id < record.requests(); ++id) {
+        const RunRecord::Progress& progress = record.progress(id);
+        wrong += progress.served != 1 || progress.completed != 1 || progress.deleted != 1;
     }
     EXPECT_EQ(wrong, 0u) << "requests not served, completed and deleted exactly once";
-    EXPECT_EQ(ledger.deleted, ledger.requests());
-    EXPECT_EQ(ledger.servedBeforeCompleted + ledger.completedBeforeServed, ledger.requests());
+    EXPECT_EQ(record.deleted, record.requests());
+    EXPECT_EQ(record.servedBeforeCompleted + record.completedBeforeServed, record.requests());
 }
 
 // A run that did not meet every order has shown nothing.
-void expectEveryOrder(Ledger& ledger)
+void expectEveryOrder(RunRecord& record)
 {
     for (size_t i = 0; i < kOutcomes; ++i)
-        EXPECT_GT(ledger.outcomes[i], 0u) << kOutcomeNames[i];
-    for (const auto& deletions : ledger.deletedBy)
+        EXPECT_GT(record.outcomes[i], 0u) << kOutcomeNames[i];
+    for (const auto& deletions : record.deletedBy)
         EXPECT_GT(deletions, 0u);
-    EXPECT_GT(ledger.servedBeforeCompleted, 0u);
-    EXPECT_GT(ledger.completedBeforeServed, 0u);
+    EXPECT_GT(record.servedBeforeCompleted, 0u);
+    EXPECT_GT(record.completedBeforeServed, 0u);
     EXPECT_GT(shakingCounts().waits, 0u);
     EXPECT_GT(shakingCounts().yields, 0u);
 }
 
 TEST(HttpResponseDevice, CompletesEveryRequestOnceWhateverTheOrder)
 {
-    constexpr uint64_t kFewest = 10000;  // which meet every order
+    constexpr uint64_t kMinRequests = 10000;  // which meet every order
     const uint64_t requests = fromEnvironment("WENDREL_STRESS_REQUESTS", WENDREL_STRESS_REQUESTS);
     const uint64_t seed = fromEnvironment("WENDREL_STRESS_SEED", 1);
-    Ledger ledger(requests);
+    RunRecord record(requests);
     qv::initializeWendrel();
     const auto start = Clock::now();
-    runThreads(ledger, seed);
-    printFigures(ledger, seed, Clock::now() - start);
+    runThreads(record, seed);
+    printMetrics(record, seed, Clock::now() - start);
     qv::terminateWendrel();
-    EXPECT_EQ(ledger.complaints(), 0u) << ledger.firstComplaints();
-    expectEachOnce(ledger);
-    if (requests >= kFewest)
-        expectEveryOrder(ledger);
+    EXPECT_EQ(record.errorCount(), 0u) << record.firstErrors();
+    expectEachOnce(record);
+    if (requests >= kMinRequests)
+        expectEveryOrder(record);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Each operation does what the platform's does, and may let other threads run before and after.
+// Each operation calls the platform's own, and may let other threads run before and after.
 
 #include "Shaking.h"
 
@@ -21,7 +21,7 @@ namespace
 
 constexpr uint64_t kYieldOneIn = 12;
 constexpr uint64_t kSleepOneIn = 4000;
-constexpr uint64_t kLongestSleepUs = 100;
+constexpr uint64_t kMaxSleepUs = 100;
 
 thread_local Dice tDice(0);
 thread_local bool tShaken = false;
@@ -44,8 +44,7 @@ void shake()
         return;
     const uint64_t thrown = tDice.next();
     if (thrown % kSleepOneIn == 0)
-        std::this_thread::sleep_for(
-            std::chrono::microseconds(thrown / kSleepOneIn % kLongestSleepUs));
+        std::this_thread::sleep_for(std::chrono::microseconds(thrown / kSleepOneIn % kMaxSleepUs));
     else if (thrown % kYieldOneIn == 0)
         ::sched_yield();
     else

@@ -17,7 +17,7 @@ void shake();
 struct ShakingCounts
 {
     uint64_t yields = 0;
-    uint64_t waits = 0;    ///< on conditions, without a time-out
+    uint64_t waits = 0;    ///< on conditions, without a timeout
     uint64_t waiting = 0;  ///< threads in such a wait at this moment
 };
 

@@ -1,5 +1,5 @@
-// The daemon's turns, and the functions of the real one that the dispatch calls on its way from
-// a request to a queued answer.
+// The daemon's turns, and the functions of libmicrohttpd that the dispatch calls on the path from a
+// request to a queued response.
 
 #include "SmallDaemon.h"
 
@@ -59,7 +59,7 @@ void SmallDaemon::run()
             isBusy |= connection.isBusy;
         }
         // Between two requests a connection is idle, too.
-        if (!isBusy && mShared.ledger.begun >= mShared.ledger.requests())
+        if (!isBusy && mShared.record.begun >= mShared.record.requests())
             return;
         if (!moved)
             ::sched_yield();
@@ -82,12 +82,12 @@ bool SmallDaemon::turn(MHD_Connection& connection)
 
 bool SmallDaemon::begin(MHD_Connection& connection)
 {
-    Ledger& ledger = mShared.ledger;
+    RunRecord& record = mShared.record;
     // The first look keeps idle turns from being counted.
-    if (ledger.begun >= ledger.requests())
+    if (record.begun >= record.requests())
         return false;
-    const uint64_t id = ledger.begun++;
-    if (id >= ledger.requests())
+    const uint64_t id = record.begun++;
+    if (id >= record.requests())
         return false;
     connection = MHD_Connection();
     connection.plan = drawPlan(mShared.seed, id);
@@ -96,7 +96,7 @@ bool SmallDaemon::begin(MHD_Connection& connection)
     size_t size = 0;
     if (qv::impl::HandleAccess(&mShared.server, &connection, "/", "GET", "HTTP/1.1", nullptr, &size,
                                &connection.slot) != MHD_YES)
-        ledger.complain("a request was refused");
+        record.addError("a request was refused");
     return true;
 }
 
@@ -107,7 +107,7 @@ bool SmallDaemon::ask(MHD_Connection& connection)
                                                      "HTTP/1.1", nullptr, &size, &connection.slot);
     if (result != MHD_YES) {
         if (!connection.plan.isRefused)
-            mShared.ledger.complain("the library refused an answer");
+            mShared.record.addError("the library refused a response");
         complete(connection, MHD_REQUEST_TERMINATED_WITH_ERROR, QueueingRefused);
         return true;
     }
@@ -120,49 +120,49 @@ bool SmallDaemon::ask(MHD_Connection& connection)
     return true;
 }
 
-// An answer from a buffer goes out at once.
+// A response from a buffer is sent at once.
 void SmallDaemon::finishWhole(MHD_Connection& connection)
 {
     const Plan& plan = connection.plan;
     if (connection.status != MHD_HTTP_OK) {
         if (plan.ending != Plan::Ending::Abandoned)
-            mShared.ledger.complain("an error body for a request without error");
+            mShared.record.addError("an error body for a request without error");
         complete(connection, MHD_REQUEST_TERMINATED_COMPLETED_OK, ErrorBody);
         return;
     }
     take(connection, connection.response.body.data(), connection.response.body.size());
     if (connection.got != plan.bodyBytes)
-        mShared.ledger.complain("a whole body of another length");
+        mShared.record.addError("a whole body of another length");
     complete(connection, MHD_REQUEST_TERMINATED_COMPLETED_OK, SentWhole);
 }
 
 bool SmallDaemon::fetch(MHD_Connection& connection)
 {
-    const size_t room = roomFor(connection);
-    if (room == 0) {
+    const size_t requested = requestedBytes(connection);
+    if (requested == 0) {
         if (connection.got != connection.plan.bodyBytes)
-            mShared.ledger.complain("a declared length other than the body's");
+            mShared.record.addError("a declared length other than the body's");
         complete(connection, MHD_REQUEST_TERMINATED_COMPLETED_OK, StreamedToLength);
         return true;
     }
     const ssize_t got = connection.response.reader(connection.response.closure, connection.got,
-                                                   mBuffer.data(), room);
+                                                   mBuffer.data(), requested);
     if (got > 0) {
         take(connection, mBuffer.data(), static_cast<size_t>(got));
     } else if (got == MHD_CONTENT_READER_END_OF_STREAM) {
         if (connection.got != connection.plan.bodyBytes)
-            mShared.ledger.complain("a stream of another length");
+            mShared.record.addError("a stream of another length");
         complete(connection, MHD_REQUEST_TERMINATED_COMPLETED_OK, StreamedToEnd);
     } else if (got == MHD_CONTENT_READER_END_WITH_ERROR) {
         if (connection.plan.ending != Plan::Ending::Abandoned)
-            mShared.ledger.complain("a stream broken off without error");
+            mShared.record.addError("a stream broken off without error");
         complete(connection, MHD_REQUEST_TERMINATED_WITH_ERROR, ReaderError);
     }
     return got != 0;
 }
 
-// As the daemon asks: blocks up to what is left of a known length, anything otherwise.
-size_t SmallDaemon::roomFor(const MHD_Connection& connection)
+// The size of the daemon's buffer: at most the rest of a known length, otherwise any size.
+size_t SmallDaemon::requestedBytes(const MHD_Connection& connection)
 {
     if (connection.response.size != MHD_SIZE_UNKNOWN)
         return std::min<uint64_t>(connection.response.size - connection.got, kBlock);
@@ -174,21 +174,21 @@ void SmallDaemon::take(MHD_Connection& connection, const char* data, size_t size
 {
     const Plan& plan = connection.plan;
     if (connection.got + size > plan.bodyBytes)
-        mShared.ledger.complain("more bytes than were written");
+        mShared.record.addError("more bytes than were written");
     else if (!std::equal(data, data + size, mShared.source.at(plan.id, connection.got)))
-        mShared.ledger.complain("another byte than was written");
+        mShared.record.addError("another byte than was written");
     connection.got += size;
-    mShared.ledger.bytesFetched += size;
+    mShared.record.bytesFetched += size;
 }
 
 void SmallDaemon::complete(MHD_Connection& connection, uint32_t code, Outcome outcome)
 {
-    ++mShared.ledger.outcomes[outcome];
+    ++mShared.record.outcomes[outcome];
     qv::impl::RequestCompleted(&mShared.server, &connection, &connection.slot,
                                static_cast<MHD_RequestTerminationCode>(code));
-    // From here on the request may be gone.
+    // From here on the request may be deleted.
     if (connection.slot)
-        mShared.ledger.complain("a context was left behind");
+        mShared.record.addError("a context was left behind");
     connection.isBusy = false;
 }
 

@@ -4,8 +4,8 @@
 #define WENDREL_TESTS_STRESS_SMALLDAEMON_H
 
 #include "Dice.h"
-#include "Ledger.h"
 #include "Plan.h"
+#include "RunRecord.h"
 
 #include <microhttpd.h>
 
@@ -56,7 +56,7 @@ public:
     struct Shared
     {
         qv::http::HttpServer& server;
-        Ledger& ledger;
+        RunRecord& record;
         const BodySource& source;
         uint64_t seed;
     };
@@ -80,7 +80,7 @@ private:
     bool ask(MHD_Connection& connection);
     bool fetch(MHD_Connection& connection);
     void finishWhole(MHD_Connection& connection);
-    size_t roomFor(const MHD_Connection& connection);
+    size_t requestedBytes(const MHD_Connection& connection);
     void take(MHD_Connection& connection, const char* data, size_t size);
     void complete(MHD_Connection& connection, uint32_t code, Outcome outcome);
     bool deleteDone();

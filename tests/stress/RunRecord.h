@@ -1,6 +1,6 @@
-/// What has become of each request, and what went wrong.
-#ifndef WENDREL_TESTS_STRESS_LEDGER_H
-#define WENDREL_TESTS_STRESS_LEDGER_H
+/// The progress of each request, the statistics and the errors of a run.
+#ifndef WENDREL_TESTS_STRESS_RUNRECORD_H
+#define WENDREL_TESTS_STRESS_RUNRECORD_H
 
 #include <array>
 #include <atomic>
@@ -30,42 +30,42 @@ constexpr std::array<const char*, kOutcomes> kOutcomeNames = {
     "sent_whole",   "streamed_to_end",  "streamed_to_length", "head_only",           "error_body",
     "reader_error", "queueing_refused", "lost_while_waiting", "lost_while_streaming"};
 
-/// Any thread.
-class Ledger
+/// Thread-safe.
+class RunRecord
 {
 public:
-    explicit Ledger(uint64_t requests) : mFates(requests) {}
+    explicit RunRecord(uint64_t requests) : mProgress(requests) {}
 
-    struct Fate
+    struct Progress
     {
         std::atomic<uint8_t> served{0};     // its worker has left it
         std::atomic<uint8_t> completed{0};  // onRequestCompleted was called
         std::atomic<uint8_t> deleted{0};
     };
 
-    Fate& fate(uint64_t id) { return mFates[id]; }
-    uint64_t requests() const { return mFates.size(); }
+    Progress& progress(uint64_t id) { return mProgress[id]; }
+    uint64_t requests() const { return mProgress.size(); }
 
-    void complain(const std::string& what)
+    void addError(const std::string& what)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        constexpr size_t kKept = 20;
-        ++mComplaints;
-        if (mFirst.size() < kKept)
-            mFirst.push_back(what);
+        constexpr size_t kMaxKeptErrors = 20;
+        ++mErrorCount;
+        if (mFirstErrors.size() < kMaxKeptErrors)
+            mFirstErrors.push_back(what);
     }
 
-    uint64_t complaints() const
+    uint64_t errorCount() const
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return mComplaints;
+        return mErrorCount;
     }
 
-    std::string firstComplaints() const
+    std::string firstErrors() const
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         std::string text;
-        for (const std::string& what : mFirst)
+        for (const std::string& what : mFirstErrors)
             text += what + "\n";
         return text;
     }
@@ -81,10 +81,10 @@ public:
     std::atomic<uint64_t> lossesSeenByWriter{0};
 
 private:
-    std::vector<Fate> mFates;
+    std::vector<Progress> mProgress;
     mutable std::mutex mMutex;
-    uint64_t mComplaints = 0;
-    std::vector<std::string> mFirst;
+    uint64_t mErrorCount = 0;
+    std::vector<std::string> mFirstErrors;
 };
 
 }  // namespace stress
