@@ -74,18 +74,18 @@ void TryHash(FuzzedDataProvider& input)
 {
     constexpr unsigned long kSizes[] = {0, 16, 0, 20, 32, 64};
     const auto number = input.ConsumeIntegralInRange<int>(-2, 9);
-    const auto room = input.ConsumeIntegralInRange<unsigned long>(0, 80);
+    const auto capacity = input.ConsumeIntegralInRange<unsigned long>(0, 80);
     const std::string bytes = input.ConsumeRemainingBytesAsString();
     const unsigned long wanted = number >= 0 && number <= 5 ? kSizes[number] : 0;
 
     const HashHelper helper(static_cast<HashType>(number));
     FUZZ_CHECK(helper.getDigestSize() == wanted);
-    const auto out = std::make_unique<char[]>(room);
-    std::fill_n(out.get(), room, kUntouched);
-    const unsigned long size = helper.hash(bytes.data(), bytes.size(), out.get(), room);
-    FUZZ_CHECK(size == (wanted <= room ? wanted : 0));
-    FUZZ_CHECK(
-        std::all_of(out.get() + size, out.get() + room, [](char c) { return c == kUntouched; }));
+    const auto out = std::make_unique<char[]>(capacity);
+    std::fill_n(out.get(), capacity, kUntouched);
+    const unsigned long size = helper.hash(bytes.data(), bytes.size(), out.get(), capacity);
+    FUZZ_CHECK(size == (wanted <= capacity ? wanted : 0));
+    FUZZ_CHECK(std::all_of(out.get() + size, out.get() + capacity,
+                           [](char c) { return c == kUntouched; }));
 
     if (size == 0)
         return;

@@ -35,14 +35,14 @@ using qv::http::WebSocket;
 using qv::impl::WebSocketAccess;
 using Message = ReferenceReader::Message;
 
-constexpr size_t kMostOperations = 48;
-constexpr size_t kMostWireBytes = 100000;
-constexpr size_t kMostWrittenBytes = 400000;
-constexpr size_t kLongestWrittenFrame = 131000;
-constexpr size_t kMostZeros = 3;
+constexpr size_t kMaxOperations = 48;
+constexpr size_t kMaxWireBytes = 100000;
+constexpr size_t kMaxWrittenBytes = 400000;
+constexpr size_t kMaxWrittenFrameBytes = 131000;
+constexpr size_t kMaxZeros = 3;
 constexpr int kDescriptor = 1000000;  // of nobody: only send and recv below see it
 
-// What the two calls below return.
+// The results of the two calls below.
 struct ScriptedSocket
 {
     Bytes wire;  // from the client
@@ -66,8 +66,8 @@ ScriptedSocket* gSocket = nullptr;
 Bytes MakeFrames(FuzzedDataProvider& input)
 {
     Bytes wire;
-    const size_t spoiltAt = input.ConsumeIntegralInRange<size_t>(0, 2 * kMostWireBytes);
-    while (input.remaining_bytes() > 0 && wire.size() < kMostWireBytes) {
+    const size_t spoiltAt = input.ConsumeIntegralInRange<size_t>(0, 2 * kMaxWireBytes);
+    while (input.remaining_bytes() > 0 && wire.size() < kMaxWireBytes) {
         wire.push_back(input.ConsumeIntegral<uint8_t>());
         const unsigned shift = input.ConsumeIntegralInRange<unsigned>(0, 17);
         const auto length = input.ConsumeIntegralInRange<uint64_t>(0, 0x1ffff >> shift);
@@ -116,7 +116,7 @@ public:
 
     void put(const Bytes& message, bool isBinary)
     {
-        if (writtenBytes + message.size() > kMostWrittenBytes)
+        if (writtenBytes + message.size() > kMaxWrittenBytes)
             return;
         writtenBytes += message.size();
         written.push_back({message, isBinary});
@@ -238,7 +238,7 @@ public:
             FUZZ_CHECK(mReader.step(mSocket.received) == ClientHeader::Verdict::NeedsMore);
     }
 
-    // What the client makes of all bytes, those still queued included.
+    // Parses all bytes as the client would, those still queued included.
     void checkWritten()
     {
         Bytes bytes = mSocket.sent;
@@ -259,7 +259,7 @@ private:
             FUZZ_CHECK(header.has_value());
             FUZZ_CHECK((header->opcode == 0) == !isFirst);
             at += header->size;
-            FUZZ_CHECK(header->length <= std::min(bytes.size() - at, kLongestWrittenFrame));
+            FUZZ_CHECK(header->length <= std::min(bytes.size() - at, kMaxWrittenFrameBytes));
             if (isFirst)
                 message.isBinary = header->opcode == 2;
             const auto payload = bytes.begin() + static_cast<ptrdiff_t>(at);
@@ -269,7 +269,7 @@ private:
             fin = header->fin;
             // All frames but the last are full, and it is there for something.
             FUZZ_CHECK(fin ? isFirst || header->length > 0
-                           : header->length == kLongestWrittenFrame);
+                           : header->length == kMaxWrittenFrameBytes);
         }
         return message;
     }
@@ -344,7 +344,7 @@ void Perform(const Operation& operation, ScriptedSocket& socket, Conversation& c
         socket.receiveBudget = operation.amount;
         socket.receiveCap = operation.cap;
         socket.receiveError = error;
-        socket.zeros = operation.detail % (kMostZeros + 1);
+        socket.zeros = operation.detail % (kMaxZeros + 1);
         conversation.read();
         break;
     case Operation::Write:
@@ -413,7 +413,7 @@ ssize_t send(int fd, const void* data, size_t length, int)
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);
-    std::vector<Operation> operations(input.ConsumeIntegralInRange<size_t>(0, kMostOperations));
+    std::vector<Operation> operations(input.ConsumeIntegralInRange<size_t>(0, kMaxOperations));
     for (Operation& operation : operations)
         operation = ConsumeOperation(input);
 

@@ -1,5 +1,4 @@
-// Headers of frames: what the library reads against an independent decoder, and what it writes
-// read back by a strict one.
+// Headers of frames: reading against an independent decoder, and writing against a strict one.
 
 #include "support/Check.h"
 #include "support/ReferenceFrames.h"
@@ -48,7 +47,7 @@ void CheckRead(const Read& read, const ClientHeader& expected, bool wasBinary)
     using Verdict = ClientHeader::Verdict;
     FUZZ_CHECK(read.result == (expected.verdict != Verdict::NeedsMore));
     FUZZ_CHECK(read.error == (expected.verdict == Verdict::Refused));
-    // A length near 2^64 counts as whole, required; its key may lie behind what is buffered.
+    // A length near 2^64 counts as whole, required. Its key may lie behind the buffered bytes.
     if (expected.verdict != Verdict::Whole && expected.verdict != Verdict::Overflow)
         return;
     FUZZ_CHECK(read.fin == expected.fin);
@@ -71,7 +70,7 @@ void TryReading(FuzzedDataProvider& input)
     const ClientHeader expected = fuzz::DecodeClientHeader(byteAt, available, !expectFirst);
     CheckRead(GetLength(bytes.data(), available, expectFirst, wasBinary), expected, wasBinary);
 
-    // What has not arrived must not decide.
+    // Bytes that have not arrived do not change the result.
     if (expected.verdict == ClientHeader::Verdict::Overflow)
         return;
     for (size_t i = std::min<uint64_t>(available, kReadableBytes); i < kReadableBytes; ++i)

@@ -1,6 +1,6 @@
-// Bytes of a client over a loopback socket to a server of the kit in this process, which must
-// survive them all: now and then it has to answer an ordinary request, every request has to end,
-// and at the end of the run it has to stop cleanly.
+// Bytes of a client over a loopback socket to a server of the kit in this process. The server
+// responds to an ordinary request between the inputs, every request ends, and the server stops
+// cleanly at the end of the run.
 //
 // An input is one byte that says how the client behaves, one that says into which pieces the rest
 // is cut, and the bytes for the wire.
@@ -57,10 +57,10 @@ constexpr size_t kBodyLimitBytes = 100000;
 constexpr size_t kStreamLimitBytes = 300000;
 constexpr unsigned kInputsBetweenProbes = 32;
 
-// Above what the library, the kit and the hub take by themselves under sanitizers.
+// Above the response times of the library, the kit and the hub under sanitizers.
 constexpr std::chrono::seconds kAliveLimit(60);
 
-constexpr size_t kAnswerKeptBytes = 4096;
+constexpr size_t kMaxKeptResponseBytes = 4096;
 
 // More than the longest pause of the dispatch between two looks at a waiting request.
 constexpr milliseconds kQuiet(60);
@@ -121,7 +121,7 @@ void EchoBody(Request& request)
         request.replyError(result == BodyResult::TooLarge ? 413 : 400, "body");
 }
 
-// Answers while the body still comes.
+// Responds while the body is being received.
 void PassOn(Request& request)
 {
     char part[1000];
@@ -247,7 +247,7 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // Takes answers meanwhile, so that neither side waits for the other.
+    // Receives responses meanwhile, so that neither side waits for the other.
     void send(std::string_view bytes, Clock::time_point end)
     {
         while (!bytes.empty() && !mEnded && Clock::now() < end) {
@@ -270,10 +270,10 @@ public:
             take();
     }
 
-    // Until there is anything of the answer.
+    // Until a first byte of the response has arrived.
     void receiveSome(Clock::time_point end)
     {
-        while (!mEnded && mAnswer.empty() && Clock::now() < end && waitFor(POLLIN, kQuiet))
+        while (!mEnded && mResponse.empty() && Clock::now() < end && waitFor(POLLIN, kQuiet))
             take();
     }
 
@@ -286,7 +286,7 @@ public:
         ::setsockopt(mDescriptor, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     }
 
-    const std::string& answer() const { return mAnswer; }
+    const std::string& response() const { return mResponse; }
 
 private:
     bool waitFor(short events, milliseconds limit)
@@ -299,17 +299,17 @@ private:
     {
         char part[16384];
         const ssize_t got = ::recv(mDescriptor, part, sizeof part, 0);
-        if (got > 0 && mAnswer.size() < kAnswerKeptBytes)
-            mAnswer.append(part, static_cast<size_t>(got));
+        if (got > 0 && mResponse.size() < kMaxKeptResponseBytes)
+            mResponse.append(part, static_cast<size_t>(got));
         mEnded = got == 0 || (got < 0 && errno != EAGAIN);
     }
 
     int mDescriptor;
-    std::string mAnswer;  // its beginning
+    std::string mResponse;  // its first kMaxKeptResponseBytes
     bool mEnded = false;
 };
 
-// A request as anybody would send it is answered, in the end.
+// Sends an ordinary request until the server responds to it.
 void Probe()
 {
     const auto end = Clock::now() + kAliveLimit;
@@ -317,9 +317,9 @@ void Probe()
         Client client;
         client.send("GET / HTTP/1.1\r\nHost: probe\r\nConnection: close\r\n\r\n", end);
         client.receive(end);
-        const std::string& answer = client.answer();
-        if (answer.find("HTTP/1.1 200 ") == 0 && answer.size() > 4 &&
-            answer.substr(answer.size() - 4) == "here")
+        const std::string& response = client.response();
+        if (response.find("HTTP/1.1 200 ") == 0 && response.size() > 4 &&
+            response.substr(response.size() - 4) == "here")
             return;
         FUZZ_CHECK(Clock::now() < end);
     }
@@ -348,9 +348,9 @@ void tame(std::string& wire)
 
 enum Ending { Leave, Reset, HalfClose, WaitAndReset, EndingCount };
 
-// In the first byte of an input: an answer to the first head is waited for. Without it the daemon
-// drops frames that come right behind the request for an upgrade.
-constexpr uint8_t kPatient = 0x80;
+// In the first byte of an input: the client waits for the response to the first head. Otherwise the
+// daemon drops frames that directly follow the request for an upgrade.
+constexpr uint8_t kAwaitsResponse = 0x80;
 
 std::string_view TakeFirstHead(std::string_view& wire)
 {
@@ -367,7 +367,7 @@ void Converse(uint8_t manner, uint8_t cut, std::string_view wire)
     const auto ending = static_cast<Ending>(manner % EndingCount);
     const auto end = Clock::now() + kInputLimit;
     Client client;
-    if (manner & kPatient) {
+    if (manner & kAwaitsResponse) {
         client.send(TakeFirstHead(wire), end);
         client.receiveSome(end);
     }
@@ -380,9 +380,9 @@ void Converse(uint8_t manner, uint8_t cut, std::string_view wire)
         client.receive(end);
     if (ending != Leave)
         client.abandon();
-    const std::string& answer = client.answer();
-    FUZZ_CHECK(answer.compare(0, std::min<size_t>(7, answer.size()), "HTTP/1.", 0,
-                              std::min<size_t>(7, answer.size())) == 0);
+    const std::string& response = client.response();
+    FUZZ_CHECK(response.compare(0, std::min<size_t>(7, response.size()), "HTTP/1.", 0,
+                                std::min<size_t>(7, response.size())) == 0);
 }
 
 }  // namespace
@@ -398,7 +398,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     pthread_sigmask(SIG_BLOCK, &signals, &before);
     std::signal(SIGPIPE, SIG_IGN);
     Subject::Get();
-    Probe();  // starts what is started late
+    Probe();  // starts threads that the server starts late
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     std::atexit([] { Subject::Get().stop(); });
     return 0;

@@ -49,7 +49,7 @@ bool IsUtf8(std::string_view text)
     return fuzz::FirstBadUtf8(text) == text.size();
 }
 
-// Whether what follows an authority is well formed.
+// Whether the text behind an authority is well formed.
 bool IsGoodTail(std::string_view tail, bool strictUtf8)
 {
     for (const char c : tail) {
@@ -81,7 +81,7 @@ std::string Joined(const std::vector<std::string>& segments)
     return path;
 }
 
-// Only what a URL may have in every place: letters, marks and escapes.
+// Characters that a URL may contain in every component: letters, marks and escapes.
 bool IsAsciiText(std::string_view text)
 {
     return text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"

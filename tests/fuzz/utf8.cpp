@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                expected);
     FUZZ_CHECK(qv::impl::IsValidUtf8(text) == (expected == size));
 
-    // What is valid stays so in front of anything, and every character of it by itself.
+    // The part in front of the first error is valid by itself, and the rest begins with the error.
     if (expected < size) {
         const char* cut = begin + expected;
         FUZZ_CHECK(qv::impl::FindInvalidUtf8(begin, cut) == cut);

@@ -1,5 +1,5 @@
-// Headers, cookies and query parameters added one after the other, against what is written about
-// each check: its order, its text, what is stored and what is counted.
+// Headers, cookies and query parameters added one after the other, against a model of each check:
+// its order, its error text, the stored values and the counters.
 
 #include "support/Check.h"
 #include "support/FuzzRequest.h"
@@ -17,9 +17,9 @@ namespace
 using qv::HttpBaseRequest;
 
 constexpr size_t kPairLimitBytes = 8096;
-constexpr size_t kMostPairs = 64;
+constexpr size_t kMaxPairs = 64;
 
-// What a request must look like.
+// The expected state of a request.
 struct Expected
 {
     HttpBaseRequest::ValueMap headers;
@@ -37,16 +37,16 @@ struct Expected
             parseError = text;
     }
 
-    // Whether `text` may be stored; fails with the text for `what` otherwise.
-    bool takes(const std::string& text, const std::string& what)
+    // Whether `text` may be stored; fails with the text for `part` otherwise.
+    bool takes(const std::string& text, const std::string& part)
     {
         if (fuzz::FirstBadUtf8(text) != text.size())
-            fail(what + " is non utf8");
+            fail(part + " is non utf8");
         else if (std::any_of(text.begin(), text.end(), [](char c) {
                      const auto byte = static_cast<unsigned char>(c);
                      return byte < 32 || byte == 127;
                  }))
-            fail(what + " contains ASCII forbidden characters");
+            fail(part + " contains ASCII forbidden characters");
         else
             return true;
         return false;
@@ -155,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzedDataProvider input(data, size);
     fuzz::FuzzRequest request;
     Expected expected;
-    for (size_t i = 0; i < kMostPairs && input.remaining_bytes() > 0; ++i)
+    for (size_t i = 0; i < kMaxPairs && input.remaining_bytes() > 0; ++i)
         AddOne(input, request, expected);
     Compare(request, expected);
     return 0;

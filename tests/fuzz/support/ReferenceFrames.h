@@ -31,8 +31,8 @@ struct ClientHeader
     std::array<uint8_t, 4> key{};
 };
 
-// `byteAt` gives the byte at a position below 14; `buffered` is how many there are of the frame
-// and of what follows. The mask bit is not looked at, required: every frame has a key.
+// `byteAt` gives the byte at a position below 14; `buffered` is the number of bytes of the frame
+// and behind it. The mask bit is not checked, required: every frame has a key.
 template <typename ByteAt>
 ClientHeader DecodeClientHeader(ByteAt byteAt, uint64_t buffered, bool messageBegun)
 {
@@ -100,7 +100,7 @@ inline std::optional<ServerHeader> DecodeServerHeader(const uint8_t* data, size_
     return header;
 }
 
-// What a client's bytes mean, frame by frame, with all of them at hand.
+// The messages of a client's bytes, decoded frame by frame from the complete input.
 class ReferenceReader
 {
 public:

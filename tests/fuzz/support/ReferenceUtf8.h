@@ -9,7 +9,7 @@
 namespace fuzz
 {
 
-// What may come next inside a character, and what the byte that comes leads to.
+// A range of bytes that is valid in a state, and the next state.
 struct Utf8Step
 {
     enum State { Start, Tail1, Tail2, Tail3, AfterE0, AfterED, AfterF0, AfterF4, Bad };
