@@ -258,12 +258,12 @@ TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
         EXPECT_EQ(place.found, place.wanted) << place.name;
 }
 
-// What an application derives from and what is derived from it share one address: no conversion
-// between them moves the pointer.
+// A base class and the class derived from it share one address: a conversion between them does not
+// change the pointer.
 template <typename Base, typename Derived> bool beginsWith()
 {
-    alignas(Derived) static unsigned char room[sizeof(Derived)];
-    auto* const derived = reinterpret_cast<Derived*>(room);
+    alignas(Derived) static unsigned char storage[sizeof(Derived)];
+    auto* const derived = reinterpret_cast<Derived*>(storage);
     return static_cast<void*>(static_cast<Base*>(derived)) == static_cast<void*>(derived);
 }
 

@@ -12,19 +12,19 @@ import threading
 import time
 
 COMPILE_LIMIT_S = 600
-# What a run of the tests may use. A hang is a program that says nothing while none of its threads
-# runs or waits for the processor: on a busy machine a clock alone would take slow for stuck.
+# Limits of a test run. A run hangs when it writes nothing while none of its threads runs or waits
+# for the processor: on a busy machine a time limit alone would take a slow run for a hanging one.
 QUIET_LIMIT_S = 10
 CPU_LIMIT_S = 15
 SANITIZED_CPU_LIMIT_S = 60
 WALL_LIMIT_S = 600
-LOOK_S = 0.1
+POLL_INTERVAL_S = 0.1
 MEMORY_LIMIT_BYTES = 4 << 30
 OUTPUT_LIMIT_BYTES = 256 << 20
 
-# The release's optimiser sees more of what is the same.
+# Mutants that the release's optimiser compiles to the same code are discarded.
 OPTIMISED = ("-O2",)
-# What nothing shows but a byte too far, or never freed.
+# Some mutants only show as an access out of bounds or a leak.
 SANITIZERS = ("-fsanitize=address,undefined", "-fno-sanitize-recover=undefined")
 SANITIZED = ("-O1", "-fno-omit-frame-pointer", "-D_GLIBCXX_ASSERTIONS", *SANITIZERS)
 
@@ -49,7 +49,7 @@ class Tree:
         self.log = os.path.join(folder, "build.log")
         self.programs = programs
         self.stopping = False
-        self.lock = threading.Lock()  # guards what follows
+        self.lock = threading.Lock()  # guards headers
         self.headers = {}
         self.precompiled = os.path.join(folder, "headers")
         shutil.rmtree(self.precompiled, ignore_errors=True)
@@ -117,7 +117,7 @@ class Tree:
         for program in self.programs:
             target = "tests/unit/" + program
             text = output_of(["ninja", "-C", self.build, "-t", "commands", "-s", target])
-            # The last command, without what CMake puts around it.
+            # The last command, without CMake's prefix and suffix.
             text = text.strip().splitlines()[-1].removeprefix(": && ").split(" && ")[0]
             words = shlex.split(text)
             if os.path.basename(words[0]) == "ccache":
@@ -141,8 +141,8 @@ class Tree:
         library = [o for o in objects if self.compilers[o][0].startswith("src/")]
         return library, [o for o in objects if o not in library]
 
-    # What the source file includes, compiled once: most of the time goes there. None when that
-    # cannot be done. `call` runs a command.
+    # The precompiled includes of a source file, which take most of the compile time. None on
+    # failure. `call` runs a command.
     def headers_of(self, file, command, call):
         with self.lock:
             if file not in self.headers:
@@ -182,8 +182,8 @@ class Bench:
         shutil.rmtree(folder, ignore_errors=True)
         os.makedirs(folder)
 
-    # Compiles the given objects with `source` in the place of `file`; a digest of what came out,
-    # or None.
+    # Compiles the given objects with `source` in the place of `file`. Returns a digest of the
+    # objects, or None on failure.
     def compile(self, file, source, objects, options):
         shutil.rmtree(os.path.join(self.folder, "src"), ignore_errors=True)
         changed = os.path.join(self.folder, file)
@@ -235,7 +235,7 @@ class Bench:
         deadline = time.monotonic() + limit
         while time.monotonic() < deadline:
             try:
-                return process.wait(LOOK_S)
+                return process.wait(POLL_INTERVAL_S)
             except subprocess.TimeoutExpired:
                 if self.tree.stopping:
                     raise Stopped from None
@@ -272,7 +272,7 @@ class Bench:
         start = time.monotonic()
         while True:
             try:
-                code = process.wait(LOOK_S)
+                code = process.wait(POLL_INTERVAL_S)
                 return "0" if code == 0 else "failed" if code > 0 else f"signal {-code}"
             except subprocess.TimeoutExpired:
                 pass
@@ -282,7 +282,7 @@ class Bench:
             if size != written:
                 quiet, written = 0.0, size
             elif not running and cpu - used <= 0.02:
-                quiet += LOOK_S
+                quiet += POLL_INTERVAL_S
             used = cpu
             if quiet >= QUIET_LIMIT_S:
                 return "hangs"
@@ -328,7 +328,7 @@ def usage(pid):
     return ticks / os.sysconf("SC_CLK_TCK"), running
 
 
-# Ends the process and what it has started.
+# Ends the process and its children.
 def end(process):
     if process.poll() is None:
         try:

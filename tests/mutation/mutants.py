@@ -1,8 +1,8 @@
-"""Finds what can be changed in a source file: one operator, constant or statement at a time.
+"""Finds the mutations of a source file: one operator, constant or statement at a time.
 
 A tokenizer and the shape that the formatter gives the code are enough: a binary operator has a
-blank on either side, a template's bracket has not. What is guessed wrong does not compile, and is
-counted as that.
+space on either side, a template's bracket has not. A mutation that does not compile is counted as
+such.
 """
 
 import dataclasses
@@ -18,14 +18,14 @@ TOKEN = re.compile(
   | (?P<name>[A-Za-z_]\w*)
   | (?P<operator><<=|>>=|<=>|->|::|\+\+|--|<<|>>|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=
       |[-+*/%&|^~!<>=?:;,.(){}\[\]])
-  | (?P<blank>\s+)
+  | (?P<space>\s+)
     """,
     re.VERBOSE | re.DOTALL,
 )
 
 OPENING = {"(": ")", "{": "}", "[": "]"}
 
-# Operators that have a blank on either side, and what each becomes.
+# Operators with a space on either side, and their replacements.
 BINARY = {
     "<": ("<=", ">="),
     "<=": ("<", ">"),
@@ -71,7 +71,7 @@ DECLARATION = re.compile(
     r"(?:(?:const|auto|static|constexpr|using|thread_local|struct|enum)\b"
     r"|(?!(?:delete|throw)\b)[\w:]+(?:<[^;=]*?>)?(?:\s*[&*]+\s*|\s+)\w+\s*[;={(\[])"
 )
-# A condition that declares what it tests.
+# A condition that declares the tested variable.
 DECLARING = re.compile(r"(?:const|auto)\b|[\w:]+(?:<[^;=]*?>)?[&*]*\s+[&*]*\w+\s*=[^=]")
 
 ACCESS = ("public", "protected", "private")
@@ -112,7 +112,7 @@ def tokenize(source):
         match = TOKEN.match(source, at)
         if not match:
             raise ValueError(f"cannot read {source[at:at + 30]!r}")
-        if match.lastgroup not in ("comment", "directive", "blank"):
+        if match.lastgroup not in ("comment", "directive", "space"):
             tokens.append(Token(match.lastgroup, match.group(), at))
         at = match.end()
     return tokens

@@ -70,7 +70,7 @@ class Campaign:
             self.sources[file] = build.read(os.path.join(self.tree.tree, file)).decode()
         return self.sources[file]
 
-    # Tells how a mutant fared: a status and, for a killed one, by what.
+    # Returns the status of a mutant and, for a killed one, the test that failed.
     def judge(self, mutant):
         bench = self.benches.get()
         try:
@@ -94,7 +94,7 @@ class Campaign:
         how = self.run_tests(bench, file, changed) or self.run_sanitized(bench, file, changed)
         return (SURVIVED, "") if how is None else (KILLED, how)
 
-    # With the library's objects as they are on the bench: what killed the mutant, or None.
+    # Tests the mutant with the objects on the bench. Returns the failed test, or None.
     def run_tests(self, bench, file, changed):
         library, tests = self.tree.objects_of(file)
         paths = {}

@@ -32,7 +32,7 @@ def bodies(*lines):
 
 
 class Mutants(unittest.TestCase):
-    def test_change_an_operator_with_blanks_around_it(self):
+    def test_change_an_operator_with_spaces_around_it(self):
         self.assertEqual(bodies("a <= b;"), [";", "a < b;", "a > b;"])
         self.assertEqual(bodies("a == b;"), [";", "a != b;"])
         self.assertEqual(bodies("g() && b;"), [";", "g() || b;"])

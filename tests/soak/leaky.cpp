@@ -1,6 +1,5 @@
-// Loaded before the others into a server, makes it lose something with each connection that it
-// accepts: WENDREL_LEAK holds any of "descriptors", "threads" and "memory". With it the soak is
-// tried whether it finds what it is there for.
+// Preloaded into a server: leaks with each accepted connection. WENDREL_LEAK holds any of
+// "descriptors", "threads" and "memory". The tests of the soak check that each leak is detected.
 
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-// A call on a thread of its own, for tests of what blocks and for how long.
+// A call on a thread of its own, for tests of blocking calls and their duration.
 #ifndef WENDREL_TESTS_SUPPORT_BACKGROUNDCALL_H
 #define WENDREL_TESTS_SUPPORT_BACKGROUNDCALL_H
 

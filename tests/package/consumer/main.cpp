@@ -1,4 +1,4 @@
-// An application without the kit: every answer is complete before the daemon's thread goes on.
+// An application without the kit: each response is complete when the daemon's call returns.
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
@@ -41,7 +41,7 @@ public:
     qv::HttpResponseInterface& getResponse() override { return mHead; }
     qv::HttpWaitListener& getWaitListener() override { return *this; }
 
-    void answer()
+    void respond()
     {
         workerThreadStartHandling(qv::qvThread::CurrentThreadId());
         const bool found = !hasParseError() && getUrl().path() == "/hello/world";
@@ -70,7 +70,7 @@ public:
     }
     void handleRequest(qv::HttpBaseRequest* request) override
     {
-        static_cast<Request*>(request)->answer();
+        static_cast<Request*>(request)->respond();
     }
     void onNewWebSocket(qv::http::WebSocket* socket) override
     {
