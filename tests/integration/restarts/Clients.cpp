@@ -30,29 +30,29 @@ std::string putRequest(uint64_t id, size_t length)
            " HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
-// True when the answer came whole and the connection can go on.
-bool takeAnswer(Round& round, RawClient& client, uint64_t id, const std::string& wanted)
+// True when the response came whole and the connection can go on.
+bool takeResponse(Round& round, RawClient& client, uint64_t id, const std::string& wanted)
 {
     constexpr int kBusy = 503;
     const auto start = Clock::now();
-    const std::optional<RawResponse> answer = client.receive();
-    if (!answer) {
+    const std::optional<RawResponse> response = client.receive();
+    if (!response) {
         if (Clock::now() - start >= kLimit)
-            round.complain("neither an answer nor the end: request " + std::to_string(id));
+            round.addError("neither a response nor the end: request " + std::to_string(id));
         return false;
     }
-    if (answer->status == kBusy) {
+    if (response->status == kBusy) {
         ++round.record(id).refusals;
         round.isLeaving = true;
         return false;
     }
-    if (answer->status != 200 || answer->body != wanted) {
-        round.complain("request " + std::to_string(id) + " got " + answer->statusLine + ", " +
-                       answer->body.substr(0, 60));
+    if (response->status != 200 || response->body != wanted) {
+        round.addError("request " + std::to_string(id) + " got " + response->statusLine + ", " +
+                       response->body.substr(0, 60));
         return false;
     }
-    ++round.record(id).answers;
-    ++round.answered;
+    ++round.record(id).responses;
+    ++round.responses;
     return true;
 }
 
@@ -60,7 +60,7 @@ bool askSmall(Round& round, RawClient& client, const char* path)
 {
     const uint64_t id = round.newId();
     return client.send(getRequest(path + std::to_string(id))) &&
-           takeAnswer(round, client, id, smallAnswer(id));
+           takeResponse(round, client, id, smallBody(id));
 }
 
 void keepAsking(Round& round, uint32_t)
@@ -68,9 +68,9 @@ void keepAsking(Round& round, uint32_t)
     RawClient client(round.port);
     while (askSmall(round, client, "/small/")) {
     }
-    // Whatever comes now has been answered before.
+    // The client has received the response to each of its requests.
     if (!client.receiveToEnd().empty())
-        round.complain("bytes that nobody has asked for");
+        round.addError("bytes that nobody has asked for");
 }
 
 void askOnce(Round& round, uint32_t)
@@ -101,7 +101,7 @@ void pipeline(Round& round, uint32_t)
         if (!client.send(requests))
             return;
         for (const uint64_t id : ids)
-            goesOn = goesOn && takeAnswer(round, client, id, smallAnswer(id));
+            goesOn = goesOn && takeResponse(round, client, id, smallBody(id));
     }
 }
 
@@ -113,7 +113,7 @@ void upload(Round& round, uint32_t dice)
         const uint64_t id = round.newId();
         const std::string body = pattern(random() % kLargestUpload);
         goesOn = client.send(putRequest(id, body.size()) + body) &&
-                 takeAnswer(round, client, id, uploadAnswer(id, body));
+                 takeResponse(round, client, id, uploadBody(id, body));
     }
 }
 
@@ -132,10 +132,10 @@ void uploadHalf(Round& round, uint32_t dice)
     ++round.halfUploads;
     round.holdsUploads = false;
     if (!round.waitForStop())
-        round.complain("nobody has asked for a stop");
+        round.addError("nobody has asked for a stop");
     if (round.finishesUploads)
         client.send(std::string_view(body).substr(kHalfUpload));
-    takeAnswer(round, client, id, uploadAnswer(id, body));
+    takeResponse(round, client, id, uploadBody(id, body));
 }
 
 void readStream(Round& round, uint32_t)
@@ -146,7 +146,7 @@ void readStream(Round& round, uint32_t)
         round.record(id).isStream = true;
         goesOn = client.send(getRequest("/stream/" + std::to_string(id)));
         ++round.streaming;
-        goesOn = goesOn && takeAnswer(round, client, id, streamBody(id));
+        goesOn = goesOn && takeResponse(round, client, id, streamBody(id));
         --round.streaming;
     }
 }
@@ -170,17 +170,17 @@ void readMeasuredStream(Round& round, uint32_t)
         const std::string body = client.receiveExactly(wanted.size());
         --round.streaming;
         if (wanted.compare(0, body.size(), body) != 0)
-            round.complain("another body of stream " + std::to_string(id));
+            round.addError("another body of stream " + std::to_string(id));
         if (body.size() != wanted.size())
             return;
-        ++round.record(id).answers;
-        ++round.answered;
+        ++round.record(id).responses;
+        ++round.responses;
     }
 }
 
 void talk(Round& round, uint32_t dice)
 {
-    constexpr size_t kLongest = 40000;
+    constexpr size_t kMaxTextBytes = 40000;
     if (!round.hasWebSockets) {
         round.waitForEnd();
         return;
@@ -189,32 +189,32 @@ void talk(Round& round, uint32_t dice)
     const uint64_t messages = 2 + random() % 8;
     WebSocketClient client(round.port);
     for (uint64_t number = 0; round.talksOn || number < messages; ++number) {
-        const std::string text = std::to_string(number) + pattern(random() % kLongest);
+        const std::string text = std::to_string(number) + pattern(random() % kMaxTextBytes);
         if (!client.sendBinary(text))
             return;
         const auto echo = client.receive();
         if (!echo)
             return;
         if (echo->bytes != text) {
-            round.complain("another echo than what was said");
+            round.addError("another echo than what was said");
             return;
         }
         ++round.echoes;
     }
     ++round.quiet;
     if (!client.raw().receiveToEnd().empty())
-        round.complain("a message that nobody has asked for");
+        round.addError("a message that nobody has asked for");
     --round.quiet;
 }
 
 }  // namespace
 
-std::string smallAnswer(uint64_t id)
+std::string smallBody(uint64_t id)
 {
     return "small " + std::to_string(id);
 }
 
-std::string uploadAnswer(uint64_t id, const std::string& body)
+std::string uploadBody(uint64_t id, const std::string& body)
 {
     return "upload " + std::to_string(id) + " of " + std::to_string(body.size()) + ", " +
            std::to_string(std::hash<std::string>()(body));

@@ -1,4 +1,4 @@
-/// Clients that ask for as long as a server is there, and count what they get.
+/// Clients that send requests while a server listens, and count the responses.
 #ifndef WENDREL_TESTS_INTEGRATION_CLIENTS_H
 #define WENDREL_TESTS_INTEGRATION_CLIENTS_H
 
@@ -16,10 +16,10 @@
 namespace integration
 {
 
-// What both servers answer, for the clients to compare.
+// The response bodies of both servers, for the clients to compare.
 
-std::string smallAnswer(uint64_t id);
-std::string uploadAnswer(uint64_t id, const std::string& body);
+std::string smallBody(uint64_t id);
+std::string uploadBody(uint64_t id, const std::string& body);
 std::string streamBody(uint64_t id);
 
 /// Threads that live as long as the test, so that the server's are the only ones that come and

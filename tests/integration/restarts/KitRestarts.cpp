@@ -42,7 +42,7 @@ private:
     Round& mRound;
 };
 
-// What the hub's connections of one round have been through.
+// The numbers of a round's hub connections.
 struct Connections
 {
     std::atomic<uint64_t> made{0};
@@ -110,7 +110,7 @@ private:
 
     bool sendSmall(Request& request, uint64_t id)
     {
-        return request.reply(200, "text/plain", smallAnswer(id));
+        return request.reply(200, "text/plain", smallBody(id));
     }
 
     bool sendLate(Request& request, uint64_t id)
@@ -142,7 +142,7 @@ private:
     {
         std::string body;
         return request.readWholeBody(kBodyLimit, body) == BodyResult::Complete &&
-               request.reply(200, "text/plain", uploadAnswer(id, body));
+               request.reply(200, "text/plain", uploadBody(id, body));
     }
 
     Round& mRound;

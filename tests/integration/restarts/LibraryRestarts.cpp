@@ -73,7 +73,7 @@ void runLibraryServer(Round& round, Clients& clients, LibraryEnding ending)
             ending == LibraryEnding::StartedAgainUnwaited) {
             run.startAgain();
             waitForLoad(round);
-            round.askStop();  // the destructor is what stops it
+            round.askStop();  // the destructor stops the server
         }
     }
     qv::terminateWendrel();

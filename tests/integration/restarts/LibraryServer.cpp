@@ -1,4 +1,4 @@
-// What an application must do by itself: hand requests to workers, and delete them in time.
+// The duties of an application without the kit: hand requests to workers, and delete them in time.
 
 #include "LibraryServer.h"
 
@@ -31,11 +31,11 @@ uint64_t idOf(const qv::HttpBaseRequest& request)
     return std::strtoull(target.c_str() + target.rfind('/') + 1, nullptr, 10);
 }
 
-// Ends the wait for a body whose connection is gone.
+// Ends the wait for a body whose connection is closed.
 void PlainRequest::onWaitingForData()
 {
     if (isCompleted())
-        getReceiveDevice().setDeviceError("the connection is gone");
+        getReceiveDevice().setDeviceError("the connection is closed");
 }
 
 void PlainRequest::serve()
@@ -43,19 +43,19 @@ void PlainRequest::serve()
     const std::string& target = getOriginalFullUrl();
     const uint64_t id = idOf(*this);
     Record& record = mRound.begun(this, id);
-    bool isAnswered = false;
+    bool isReplied = false;
     if (target.starts_with("/stream/"))
-        isAnswered = stream(streamBody(id), false);
+        isReplied = stream(streamBody(id), false);
     else if (target.starts_with("/measured/"))
-        isAnswered = stream(streamBody(id), true);
+        isReplied = stream(streamBody(id), true);
     else if (target.starts_with("/upload/"))
-        isAnswered = takeUpload(id);
+        isReplied = takeUpload(id);
     else {
         if (target.starts_with("/late/"))
             std::this_thread::sleep_for(std::chrono::milliseconds(id % 20));  // as if it computed
-        isAnswered = reply(smallAnswer(id));
+        isReplied = reply(smallBody(id));
     }
-    record.finished = isAnswered;
+    record.finished = isReplied;
 }
 
 bool PlainRequest::reply(const std::string& body)
@@ -91,7 +91,7 @@ bool PlainRequest::takeUpload(uint64_t id)
         body.append(piece.data(), device.readBytes(piece.data(), piece.size()));
     if (device.hasDeviceError())
         return false;
-    return reply(uploadAnswer(id, body));
+    return reply(uploadBody(id, body));
 }
 
 PlainApplication::PlainApplication(Round& round) : mRound(round)
@@ -136,7 +136,7 @@ void PlainApplication::handleRequest(qv::HttpBaseRequest* base)
 void PlainApplication::onNewWebSocket(qv::http::WebSocket* socket)
 {
     const std::unique_ptr<qv::http::WebSocket> taken(socket);
-    mRound.complain("an upgrade that nobody asked for");
+    mRound.addError("an upgrade that nobody asked for");
     taken->markForDeletion();
 }
 
@@ -192,7 +192,7 @@ void PlainApplication::reap()
     }
     // The daemon has stopped and the workers have ended: there is nobody left to wait for.
     if (!open.empty())
-        mRound.complain(std::to_string(open.size()) + " requests were never completed");
+        mRound.addError(std::to_string(open.size()) + " requests were never completed");
 }
 
 }  // namespace integration

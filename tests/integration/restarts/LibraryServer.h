@@ -48,7 +48,7 @@ public:
     qv::HttpWaitListener& getWaitListener() override { return *this; }
     void onWaitingForData() override;
 
-    /// Answers by the path. Thread: a worker.
+    /// Responds by the path. Thread: a worker.
     void serve();
 
     std::atomic<bool> served{false};
@@ -85,7 +85,7 @@ private:
     Round& mRound;
     std::atomic<uint64_t> mCompletions{0};
     std::atomic<uint64_t> mStops{0};
-    std::mutex mMutex;  // guards what follows; no request is asked anything under it
+    std::mutex mMutex;  // guards the fields below; no request is accessed under it
     std::condition_variable mQueued;
     std::condition_variable mNewsCame;
     std::deque<PlainRequest*> mQueue;

@@ -1,5 +1,5 @@
-// Read from /proc, and counted at each allocation: what the allocator itself reports as used holds
-// the freed blocks that each thread keeps for itself, which grow for a long time.
+// Read from /proc, and counted at each allocation. The allocator's own count includes the freed
+// blocks that each thread caches, which grow for a long time.
 
 #include "ProcessState.h"
 
@@ -20,7 +20,7 @@ std::atomic<uint64_t> sAllocated{0};
 
 extern "C" {
 
-// The allocator's own names for what is replaced here.
+// The allocator's own names for the replaced functions.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);

@@ -1,4 +1,4 @@
-/// What a process holds: to be the same after many servers as before the first.
+/// The memory of a process, which must be the same after many servers as before the first.
 #ifndef WENDREL_TESTS_INTEGRATION_PROCESSSTATE_H
 #define WENDREL_TESTS_INTEGRATION_PROCESSSTATE_H
 
@@ -9,14 +9,14 @@
 namespace integration
 {
 
-/// Has the allocator keep less for later, so that what is resident tells more of what is used.
+/// Has the allocator cache less, so that the resident memory is closer to the memory in use.
 void keepHeapSmall();
 
 /// In bytes.
 struct Memory
 {
     uint64_t allocated = 0;  ///< and not freed; 0 where a sanitizer has the heap
-    uint64_t resident = 0;   ///< of the process, after the heap has given back what it can
+    uint64_t resident = 0;   ///< of the process, after the heap has returned unused pages
 };
 
 Memory measureMemory();

@@ -1,5 +1,5 @@
 // Servers started and stopped many times in one process, in the middle of their load: nothing is
-// left behind, no request is answered twice, and no answer is lost that was handed over before
+// left behind, no request gets two responses, and no response is lost that was handed over before
 // the stop was asked for.
 
 #include "Clients.h"
@@ -43,7 +43,7 @@ constexpr unsigned kRoundsPerHalfUpload = 16;
 // A hub whose workers are busy takes half a second to close.
 constexpr unsigned kRoundsPerTalk = 12;
 
-// How much more may be in use at the end; whatever leaked with each round would be far above.
+// Limits of growth until the end. A leak in each round would be far above them.
 constexpr uint64_t kAllowedAllocated = 16384;
 constexpr uint64_t kAllowedResident = 2 * 1024 * 1024;
 
@@ -120,7 +120,7 @@ private:
     std::thread mThread;
 };
 
-// What is to be the same after each round as before the first.
+// The resources that must be the same after each round as before the first.
 class ProcessWatch
 {
 public:
@@ -137,16 +137,16 @@ public:
 
     void finish() const
     {
-        printFigure("restart_descriptors", mDescriptors, "descriptors");
-        printFigure("restart_threads", mThreads, "threads");
+        printMetric("restart_descriptors", mDescriptors, "descriptors");
+        printMetric("restart_threads", mThreads, "threads");
         if (mMemory.size() < kWarmUp + 2 * kCompared)
             return;
         const Memory early = meanOf(mMemory, kWarmUp, kWarmUp + kCompared);
         const Memory late = meanOf(mMemory, mMemory.size() - kCompared, mMemory.size());
-        printFigure("restart_allocated_early", early.allocated, "bytes");
-        printFigure("restart_allocated_late", late.allocated, "bytes");
-        printFigure("restart_resident_early", early.resident, "bytes");
-        printFigure("restart_resident_late", late.resident, "bytes");
+        printMetric("restart_allocated_early", early.allocated, "bytes");
+        printMetric("restart_allocated_late", late.allocated, "bytes");
+        printMetric("restart_resident_early", early.resident, "bytes");
+        printMetric("restart_resident_late", late.resident, "bytes");
         EXPECT_LE(late.allocated, early.allocated + kAllowedAllocated) << jumps();
         if (!WENDREL_SANITIZED) {
             EXPECT_LE(late.resident, early.resident + kAllowedResident);
@@ -237,15 +237,15 @@ private:
 
 void waitForLoad(Round& round)
 {
-    const uint64_t answers = round.answered + 10 + (round.number * 37) % 50;
+    const uint64_t responses = round.responses + 10 + (round.number * 37) % 50;
     const bool isTalking = round.hasWebSockets && round.talksOn;
     const bool isQuiet = round.hasWebSockets && !round.talksOn;
     EXPECT_TRUE(waitUntil([&] {
-        return round.answered >= answers && round.streaming > 0 && !round.holdsUploads &&
+        return round.responses >= responses && round.streaming > 0 && !round.holdsUploads &&
                (!isTalking || round.echoes >= 3 + round.number % 10) &&
                (!isQuiet || round.quiet == Clients::kTalkers);
-    })) << round.answered
-        << " answers, " << round.echoes << " echoes";
+    })) << round.responses
+        << " responses, " << round.echoes << " echoes";
 }
 
 namespace
@@ -260,8 +260,8 @@ TEST(Restarts, LeaveNothingBehindAndLoseNothingThatWasHandedOver)
     for (unsigned number = 0; number < rounds && !HasFailure(); ++number)
         run.runRound(number);
     const auto took = std::chrono::steady_clock::now() - start;
-    printFigure("restart_rounds", rounds, "rounds");
-    printFigure("restart_time", std::chrono::duration_cast<std::chrono::milliseconds>(took).count(),
+    printMetric("restart_rounds", rounds, "rounds");
+    printMetric("restart_time", std::chrono::duration_cast<std::chrono::milliseconds>(took).count(),
                 "ms");
     run.finish();
 }

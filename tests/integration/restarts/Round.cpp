@@ -1,4 +1,4 @@
-// The books of a round, and the comparison of both sides.
+// The record of a round, and the comparison of both sides.
 
 #include "Round.h"
 
@@ -33,7 +33,7 @@ Record& Round::begun(qv::HttpBaseRequest* request, uint64_t id)
 {
     Record& known = record(id);
     if (known.begun++ != 0)
-        complain("request " + std::to_string(id) + " was given to a worker twice");
+        addError("request " + std::to_string(id) + " was given to a worker twice");
     const std::lock_guard<std::mutex> lock(mMutex);
     mOpen[request] = &known;
     return known;
@@ -42,7 +42,7 @@ Record& Round::begun(qv::HttpBaseRequest* request, uint64_t id)
 void Round::deleted(qv::HttpBaseRequest* request)
 {
     if (!request->isCompleted())
-        complain("a request was deleted before it was completed");
+        addError("a request was deleted before it was completed");
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto found = mOpen.find(request);
     if (Record* known = found->second) {
@@ -106,16 +106,16 @@ void Round::waitForServer()
     mChanged.wait_for(lock, std::chrono::milliseconds(1), [this] { return mEnded.load(); });
 }
 
-void Round::complain(const std::string& what)
+void Round::addError(const std::string& what)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mComplaints.push_back(what);
+    mErrors.push_back(what);
 }
 
-std::vector<std::string> Round::complaints() const
+std::vector<std::string> Round::errors() const
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mComplaints;
+    return mErrors;
 }
 
 size_t Round::openCount() const
@@ -126,8 +126,8 @@ size_t Round::openCount() const
 
 void Totals::add(const Round& round, bool losesNothing)
 {
-    for (const std::string& complaint : round.complaints())
-        ADD_FAILURE() << complaint;
+    for (const std::string& error : round.errors())
+        ADD_FAILURE() << error;
     EXPECT_EQ(round.openCount(), 0u) << "requests that were never deleted";
     ASSERT_LE(round.ids(), round.records().size()) << "more requests than there are places for";
     for (uint64_t id = 0; id < round.ids(); ++id)
@@ -139,46 +139,46 @@ void Totals::add(const Round& round, bool losesNothing)
 
 void Totals::check(const Record& record, uint64_t id, bool losesNothing)
 {
-    EXPECT_LE(record.answers + record.refusals, 1) << "answers to request " << id;
+    EXPECT_LE(record.responses + record.refusals, 1) << "responses to request " << id;
     EXPECT_EQ(record.begun, record.deleted) << "request " << id;
-    mAnswered += record.answers;
+    mResponses += record.responses;
     mRefusals += record.refusals;
     if (!record.begun) {
-        EXPECT_EQ(record.answers, 0) << "request " << id << " was answered without a worker";
+        EXPECT_EQ(record.responses, 0) << "a response to request " << id << " without a worker";
         return;
     }
     const Stage stage = record.stage;
     if (stage == Stage::HandedOver) {
-        EXPECT_EQ(record.answers, 1) << "request " << id << " was handed over before the stop";
+        EXPECT_EQ(record.responses, 1) << "request " << id << " was handed over before the stop";
     }
-    // What the kernel has been given reaches the client, whenever the stop came.
+    // Bytes that the kernel has accepted reach the client, whenever the stop came.
     if (record.endedWell) {
-        EXPECT_EQ(record.answers, 1) << "request " << id << " was completed without error";
+        EXPECT_EQ(record.responses, 1) << "request " << id << " was completed without error";
     } else {
-        mAnsweredThoughCutOff += record.answers;
+        mResponsesThoughCutOff += record.responses;
     }
     if (losesNothing) {
-        EXPECT_EQ(record.answers, 1) << "request " << id << " was taken and not answered";
+        EXPECT_EQ(record.responses, 1) << "no response to request " << id << ", which was accepted";
     }
     Counts& counts = record.isStream ? mStreams : mSmall;
     Count& count = counts[static_cast<size_t>(stage)];
     ++count.all;
-    count.lost += record.answers == 0;
+    count.lost += record.responses == 0;
 }
 
-void printFigure(const std::string& name, uint64_t value, const char* unit)
+void printMetric(const std::string& name, uint64_t value, const char* unit)
 {
-    std::printf("figure: %s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value), unit);
+    std::printf("metric: %s %llu %s\n", name.c_str(), static_cast<unsigned long long>(value), unit);
 }
 
 void Totals::print(const std::string& prefix) const
 {
-    printFigure(prefix + "_requests", mRequests, "requests");
-    printFigure(prefix + "_answered", mAnswered, "requests");
-    printFigure(prefix + "_refused", mRefusals, "requests");
-    printFigure(prefix + "_echoes", mEchoes, "messages");
-    printFigure(prefix + "_uploads_stopped_in_the_middle", mHalfUploads, "requests");
-    printFigure(prefix + "_answered_though_told_shutdown", mAnsweredThoughCutOff, "requests");
+    printMetric(prefix + "_requests", mRequests, "requests");
+    printMetric(prefix + "_responded", mResponses, "requests");
+    printMetric(prefix + "_refused", mRefusals, "requests");
+    printMetric(prefix + "_echoes", mEchoes, "messages");
+    printMetric(prefix + "_uploads_stopped_in_the_middle", mHalfUploads, "requests");
+    printMetric(prefix + "_responded_though_told_shutdown", mResponsesThoughCutOff, "requests");
     printCounts(prefix + "_small", mSmall);
     printCounts(prefix + "_stream", mStreams);
 }
@@ -189,8 +189,8 @@ void Totals::printCounts(const std::string& prefix, const Counts& counts)
         if (counts[i].all == 0)
             continue;
         const std::string name = prefix + "_" + kStageNames[i];
-        printFigure(name, counts[i].all, "requests");
-        printFigure(name + "_lost", counts[i].lost, "requests");
+        printMetric(name, counts[i].all, "requests");
+        printMetric(name + "_lost", counts[i].lost, "requests");
     }
 }
 

@@ -1,4 +1,4 @@
-/// One life of a server under load: what each request went through on both sides.
+/// One life of a server under load: the record of each request on both sides.
 #ifndef WENDREL_TESTS_INTEGRATION_ROUND_H
 #define WENDREL_TESTS_INTEGRATION_ROUND_H
 
@@ -23,12 +23,12 @@ class HttpBaseRequest;
 namespace integration
 {
 
-/// How far the answer to a request had come at the moment before the stop was asked for. The
-/// library answers for the last but one alone; what was on its way before that may be lost.
+/// The progress of a response at the moment before the stop was asked for. Only a response that was
+/// handed over must reach the client; a response in an earlier stage may be lost.
 enum class Stage : uint8_t {
     NotReached,  ///< the request came later, or no worker had begun with it
     InWork,      ///< its worker had not finished
-    Announced,   ///< its worker had finished; the daemon had not looked for the answer since
+    Announced,   ///< its worker had finished; the daemon had not checked for the response since
     Queued,      ///< and the daemon had queued it, but was not done with it
     HandedOver,  ///< and the daemon had handed it to the kernel, all of it, and completed it
     Broken       ///< its connection had been lost, by an earlier stop
@@ -40,10 +40,10 @@ constexpr size_t kStages = 6;
 struct Record
 {
     std::atomic<uint8_t> begun{0};      ///< by a worker
-    std::atomic<uint8_t> finished{0};   ///< by its worker, with an answer to the end
+    std::atomic<uint8_t> finished{0};   ///< by its worker, with a complete response
     std::atomic<uint8_t> deleted{0};    ///< by the server
     std::atomic<uint8_t> endedWell{0};  ///< without error of the device
-    std::atomic<uint8_t> answers{0};    ///< complete, at the client
+    std::atomic<uint8_t> responses{0};  ///< complete, at the client
     std::atomic<uint8_t> refusals{0};   ///< 503, at the client
     std::atomic<Stage> stage{Stage::NotReached};
     std::atomic<bool> isStream{false};
@@ -95,7 +95,7 @@ public:
     void waitForServer();
 
     std::atomic<bool> isLeaving{false};  ///< it has refused a request
-    std::atomic<uint64_t> answered{0};
+    std::atomic<uint64_t> responses{0};
     std::atomic<uint64_t> streaming{0};  ///< streams that clients are reading
     std::atomic<uint64_t> echoes{0};
     std::atomic<uint64_t> quiet{0};        ///< clients with an open WebSocket that say nothing more
@@ -105,10 +105,10 @@ public:
     std::atomic<bool> holdsUploads{false};     ///< a client is to make one
     std::atomic<bool> finishesUploads{false};  ///< and to send the rest when the order has come
 
-    // What went wrong, on either side.
+    // Errors on either side.
 
-    void complain(const std::string& what);
-    std::vector<std::string> complaints() const;
+    void addError(const std::string& what);
+    std::vector<std::string> errors() const;
 
     // When all is over.
 
@@ -127,17 +127,17 @@ private:
     std::atomic<uint64_t> mCreated{0};
     std::atomic<bool> mEnded{false};
     std::atomic<bool> mStopAsked{false};
-    mutable std::mutex mMutex;  // guards what follows
+    mutable std::mutex mMutex;  // guards the fields below
     std::condition_variable mChanged;
     std::unordered_map<qv::HttpBaseRequest*, Record*> mOpen;  // null: no worker yet
-    std::vector<std::string> mComplaints;
+    std::vector<std::string> mErrors;
 };
 
-/// What all rounds together have shown.
+/// The totals of all rounds.
 class Totals
 {
 public:
-    /// Checks one finished round. `losesNothing`: the server promised to answer whatever it took.
+    /// Checks one finished round. `losesNothing`: the server promised a response to each request.
     void add(const Round& round, bool losesNothing);
 
     void print(const std::string& prefix) const;
@@ -157,14 +157,14 @@ private:
     Counts mSmall{};
     Counts mStreams{};
     uint64_t mRequests = 0;
-    uint64_t mAnswered = 0;
-    uint64_t mAnsweredThoughCutOff = 0;
+    uint64_t mResponses = 0;
+    uint64_t mResponsesThoughCutOff = 0;
     uint64_t mEchoes = 0;
     uint64_t mRefusals = 0;
     uint64_t mHalfUploads = 0;
 };
 
-void printFigure(const std::string& name, uint64_t value, const char* unit);
+void printMetric(const std::string& name, uint64_t value, const char* unit);
 
 }  // namespace integration
 

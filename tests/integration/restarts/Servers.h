@@ -15,13 +15,13 @@ constexpr unsigned kLibraryEndings = 4;
 
 void runLibraryServer(Round& round, Clients& clients, LibraryEnding ending);
 
-/// How one of the kit ends. A drained one has promised to answer whatever it took.
+/// How a server of the kit ends. A drained one has promised a response to each accepted request.
 enum class KitEnding { Drained, StoppedAtOnce, Destroyed };
 constexpr unsigned kKitEndings = 3;
 
 void runKitServer(Round& round, Clients& clients, KitEnding ending);
 
-/// Waits until the load of the round is on its way: a number of answers that differs from round
+/// Waits until the load of the round is on its way: a number of responses that differs from round
 /// to round, streams, and messages on WebSockets if there are any.
 void waitForLoad(Round& round);
 
