@@ -24,7 +24,7 @@ using integration::TestServer;
 void echoTarget(TestRequest& request)
 {
     const std::string body = request.readBody();
-    request.answer(200, request.getOriginalFullUrl() + " " + body);
+    request.respond(200, request.getOriginalFullUrl() + " " + body);
 }
 
 TEST(Connection, Serves1000RequestsInTurn)
@@ -45,7 +45,7 @@ TEST(Connection, Serves1000RequestsInTurn)
     EXPECT_EQ(server.requestsDeleted(), uint64_t{kRequests});
 }
 
-TEST(Connection, AnswersPipelinedRequestsInOrder)
+TEST(Connection, RespondsToPipelinedRequestsInOrder)
 {
     constexpr int kRequests = 20;
     TestServer server(echoTarget);

@@ -1,4 +1,4 @@
-// Connections that end in the middle: what the worker is told, and that it is never left waiting.
+// Connections that end in the middle: the error that the worker gets, and that it never blocks.
 
 #include "support/CurlClient.h"
 #include "support/Pattern.h"
@@ -163,13 +163,13 @@ TEST_F(Disconnect, InTheDownloadWakesTheBlockedWriter)
 
 TEST_F(Disconnect, InTheDownloadIsSeenByALaterWrite)
 {
-    Latch gone;
+    Latch closed;
     TestServer server([&](TestRequest& request) {
         ASSERT_TRUE(request.beginStream());
         auto& device = request.getResponseDevice();
         EXPECT_EQ(device.writeBytes("first", 5), 5u);
         device.flush();
-        EXPECT_TRUE(gone.wait());
+        EXPECT_TRUE(closed.wait());
         EXPECT_TRUE(integration::waitUntil([&device] {
             device.writeBytes("more", 4);
             device.flush();
@@ -183,12 +183,12 @@ TEST_F(Disconnect, InTheDownloadIsSeenByALaterWrite)
     ASSERT_TRUE(client.receiveHead());
     EXPECT_EQ(client.receiveExactly(10), "5\r\nfirst\r\n");
     client.close();
-    gone.open();
+    closed.open();
     EXPECT_THAT(error.pop(), Optional(Eq("Http response device : WriteError")));
     expectServing(server);
 }
 
-TEST_F(Disconnect, AfterTheTimeOutIsTimeoutReached)
+TEST_F(Disconnect, AfterTheTimeoutIsTimeoutReached)
 {
     TestServerOptions options;
     options.connectionTimeoutMs = 1000;
@@ -205,10 +205,10 @@ TEST_F(Disconnect, AfterTheTimeOutIsTimeoutReached)
     expectServing(server);
 }
 
-TEST_F(Disconnect, AfterACompleteAnswerIsNoError)
+TEST_F(Disconnect, AfterACompleteResponseIsNoError)
 {
     TestServer server([this](TestRequest& request) {
-        request.answer(200, "whole");
+        request.respond(200, "whole");
         EXPECT_TRUE(integration::waitUntil([&request] { return request.isCompleted(); }));
         error.push(request.connectionError());
     });
@@ -224,7 +224,7 @@ TEST_F(Disconnect, AfterACompleteAnswerIsNoError)
 
 TEST_F(Disconnect, InTheHeadIsNoRequest)
 {
-    TestServer server([](TestRequest& request) { request.answer(200, "served"); });
+    TestServer server([](TestRequest& request) { request.respond(200, "served"); });
     const std::string whole = getRequest("/p?q=1", "X-A: b\r\n");
     // Cut after every byte, once with an orderly end and once with a reset.
     for (size_t size = 0; size < whole.size(); ++size) {

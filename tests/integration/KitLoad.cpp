@@ -62,7 +62,7 @@ void addRoutes(Router& router, std::atomic<uint64_t>& replies)
     router.add(HttpBaseRequest::GET, "/silent", [](Request&) {});
 }
 
-// A client with its own dice. What it gets must be right, or a refusal for want of workers.
+// A client with random behaviour. Each of its responses must be correct or 503 for lack of workers.
 class LoadClient
 {
 public:
@@ -73,7 +73,7 @@ public:
         const std::vector<void (LoadClient::*)()> deeds = {
             &LoadClient::askSmall,     &LoadClient::askSmall,      &LoadClient::askHead,
             &LoadClient::upload,       &LoadClient::uploadChunked, &LoadClient::readStream,
-            &LoadClient::leaveRequest, &LoadClient::leaveAnswer,   &LoadClient::leaveStream,
+            &LoadClient::leaveRequest, &LoadClient::leaveResponse, &LoadClient::leaveStream,
             &LoadClient::askForFailure};
         for (int i = 0; i < rounds; ++i)
             (this->*deeds[(dice(deeds.size()) + i) % deeds.size()])();
@@ -82,14 +82,14 @@ public:
         askSmall();
     }
 
-    int answered() const { return mAnswered; }
+    int responses() const { return mResponses; }
     int refused() const { return mRefused; }
     const std::vector<std::string>& wrong() const { return mWrong; }
 
 private:
     size_t dice(size_t sides) { return mRandom() % sides; }
 
-    // True when the answer has the status; false, without a complaint, for a refusal.
+    // True when the response has the status; false, without an error, for a refusal.
     bool expect(const std::optional<RawResponse>& response, int status, const std::string& what)
     {
         if (response && response->status == 503 && response->value("Retry-After") == "1") {
@@ -97,10 +97,10 @@ private:
             return false;
         }
         if (response && response->status == status) {
-            ++mAnswered;
+            ++mResponses;
             return true;
         }
-        complain(what + ": " + (response ? std::to_string(response->status) : "no answer"));
+        complain(what + ": " + (response ? std::to_string(response->status) : "no response"));
         return false;
     }
 
@@ -182,7 +182,7 @@ private:
         leave(client);
     }
 
-    void leaveAnswer()
+    void leaveResponse()
     {
         RawClient client(mPort);
         client.send(getRequest(dice(2) ? "/small/1" : "/silent"));
@@ -230,7 +230,7 @@ private:
 
     const uint16_t mPort;
     std::minstd_rand mRandom;
-    int mAnswered = 0;
+    int mResponses = 0;
     int mRefused = 0;
     std::vector<std::string> mWrong;
 };
@@ -258,15 +258,15 @@ TEST(KitLoad, EveryRequestOfGoodAndBadClientsEnds)
             threads.emplace_back([&client] { client.run(20); });
         for (std::thread& thread : threads)
             thread.join();
-        int answered = 0;
+        int responses = 0;
         for (const LoadClient& client : clients) {
             EXPECT_THAT(client.wrong(), ::testing::IsEmpty());
-            answered += client.answered();
+            responses += client.responses();
             if (workers == 16) {
                 EXPECT_EQ(client.refused(), 0);
             }
         }
-        EXPECT_GT(answered, 0);
+        EXPECT_GT(responses, 0);
         EXPECT_TRUE(run.stop(kLimit));
         expectNothingIsLeft(run);
     }
@@ -296,12 +296,12 @@ public:
         }
     }
 
-    std::atomic<uint64_t> answered{0};
+    std::atomic<uint64_t> responses{0};
     std::atomic<uint64_t> refused{0};
     std::atomic<uint64_t> wrong{0};
 
 private:
-    // False when the server is gone.
+    // False when the server has stopped.
     bool hammer(uint16_t port)
     {
         if (!RawClient::accepts("127.0.0.1", port))
@@ -313,7 +313,7 @@ private:
                 if (!response)
                     break;
                 if (response->status == 200 && response->body == "small 1")
-                    ++answered;
+                    ++responses;
                 else
                     ++(response->status == 503 ? refused : wrong);
             }
@@ -327,15 +327,15 @@ private:
     std::vector<std::thread> mThreads;
 };
 
-TEST(KitLoad, AStopWithTimeAnswersEverythingThatItTook)
+TEST(KitLoad, AStopWithTimeRespondsToEveryAcceptedRequest)
 {
     std::atomic<uint64_t> replies{0};
     KitRun run([&](Router& router) { addRoutes(router, replies); });
     Hammering hammering(run.port());
-    ASSERT_TRUE(waitUntil([&] { return hammering.answered > 300; }));
+    ASSERT_TRUE(waitUntil([&] { return hammering.responses > 300; }));
     EXPECT_TRUE(run.stop(kLimit));
     hammering.stop();
-    EXPECT_EQ(hammering.answered, replies);
+    EXPECT_EQ(hammering.responses, replies);
     EXPECT_EQ(hammering.wrong, 0u);
     expectNothingIsLeft(run);
 }
@@ -349,12 +349,12 @@ TEST(KitLoad, AStopWithoutTimeLeavesNothing)
     RawClient writer(run.port());
     reader.send(getRequest("/stream"));
     writer.send("PUT /echo HTTP/1.1\r\nHost: x\r\nContent-Length: 9\r\n\r\n123");
-    ASSERT_TRUE(waitUntil([&] { return hammering.answered > 50; }));
+    ASSERT_TRUE(waitUntil([&] { return hammering.responses > 50; }));
     run.stop(std::chrono::milliseconds(0));
     expectNothingIsLeft(run);
     hammering.stop();
     EXPECT_EQ(hammering.wrong, 0u);
-    EXPECT_LE(hammering.answered, replies);
+    EXPECT_LE(hammering.responses, replies);
 }
 
 TEST(KitLoad, ADestructionLeavesNothing)
@@ -365,7 +365,7 @@ TEST(KitLoad, ADestructionLeavesNothing)
         {
             KitRun run([&](Router& router) { addRoutes(router, replies); });
             hammering = std::make_unique<Hammering>(run.port());
-            ASSERT_TRUE(waitUntil([&] { return hammering->answered > 50; }));
+            ASSERT_TRUE(waitUntil([&] { return hammering->responses > 50; }));
         }
         EXPECT_EQ(KitRequest::sCreated, KitRequest::sDeleted);
         hammering->stop();

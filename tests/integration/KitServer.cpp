@@ -1,4 +1,4 @@
-// A server of the kit and what its clients get, one kind of request at a time.
+// A server of the kit and the responses to its clients, one kind of request at a time.
 
 #include "support/CapturedLog.h"
 #include "support/KitRun.h"
@@ -61,7 +61,7 @@ void helloRoute(Router& router)
     router.add(kGet, "/hello/{name}", sayHello);
 }
 
-TEST(KitServer, AnswersManyRequestsOnOneConnection)
+TEST(KitServer, ServesManyRequestsOnOneConnection)
 {
     KitRun run([](Router& router) {
         helloRoute(router);
@@ -109,7 +109,7 @@ TEST(KitServer, AnswersManyRequestsOnOneConnection)
     expectNothingIsLeft(run);
 }
 
-TEST(KitServer, AnswersABadRequestInJson)
+TEST(KitServer, RespondsToABadRequestInJson)
 {
     KitRun run(helloRoute);
     RawClient client(run.port());
@@ -200,7 +200,7 @@ TEST(KitServer, StreamsWithAndWithoutADeclaredLength)
         SCOPED_TRACE(kind);
         RawClient client(run.port());
         ASSERT_TRUE(client.send(getRequest(std::string("/") + kind)));
-        // Cut off: never an answer that looks whole.
+        // Cut off: the response never looks complete.
         const auto response = client.receive();
         EXPECT_TRUE(!response || response->status == 500);
     }
@@ -208,7 +208,7 @@ TEST(KitServer, StreamsWithAndWithoutADeclaredLength)
     expectNothingIsLeft(run);
 }
 
-TEST(KitServer, AnswersForHandlersThatFail)
+TEST(KitServer, RespondsForHandlersThatFail)
 {
     KitRun run([](Router& router) {
         router.add(kGet, "/silent", [](Request&) {});
@@ -269,24 +269,24 @@ TEST(KitServer, RefusesWhatItsWorkersCannotTake)
     ASSERT_TRUE(extra.send(getRequest("/")));
     ASSERT_TRUE(waitUntil([&] { return run.application().getRequestCount() == 4; }));
     latch.open();
-    int answered = 0;
+    int responses = 0;
     int refused = 0;
     clients.push_back(nullptr);
     for (auto& client : clients) {
         const auto response = client ? client->receive() : extra.receive();
         ASSERT_TRUE(response);
-        answered += response->status == 200;
+        responses += response->status == 200;
         refused += response->status == 503 && response->value("Retry-After") == "1" &&
                    response->body == R"({"error":"The server is busy.","status":503})";
     }
-    EXPECT_EQ(answered, 3);
+    EXPECT_EQ(responses, 3);
     EXPECT_EQ(refused, 1);
     EXPECT_TRUE(run.stop(kLimit));
     expectNothingIsLeft(run);
 }
 
 // The kit's own clock looks once a second; six minutes would pass without it.
-TEST(KitServer, FreesTheWorkerOfAnUploadWhoseClientHasGone)
+TEST(KitServer, FreesTheWorkerOfAnUploadWhoseClientHasClosed)
 {
     Channel<int> reading;
     Channel<BodyResult> results;
@@ -344,7 +344,7 @@ struct Streaming
 
     Channel<int> started;
     std::atomic<bool> ended{false};
-    Channel<bool> results;  // whether the client had gone
+    Channel<bool> results;  // whether the request was aborted
 };
 
 TEST(KitServer, ASlowReaderHoldsUpItsOwnStreamOnly)
@@ -396,7 +396,7 @@ TEST(KitServer, AStreamEndsWhenItsReaderGoes)
     expectNothingIsLeft(run);
 }
 
-TEST(KitServer, AStopLetsRunningRequestsBeAnsweredAndRefusesNewOnes)
+TEST(KitServer, AStopFinishesRunningRequestsAndRefusesNewOnes)
 {
     Latch latch;
     Channel<int> running;

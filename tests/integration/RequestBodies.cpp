@@ -25,7 +25,7 @@ using integration::TestServer;
 constexpr uint64_t kLargeBodyBytes = uint64_t{WENDREL_TEST_LARGE_BODY_MIB} * 1024 * 1024;
 constexpr size_t kReadBytes = 100000;
 
-// Reads the whole body, compares it with the pattern and answers with what was found.
+// Reads the whole body, compares it with the pattern and responds with the result.
 void checkUpload(TestRequest& request)
 {
     PatternChecker checker;
@@ -37,8 +37,8 @@ void checkUpload(TestRequest& request)
     }
     EXPECT_EQ(device.getReceivedBytes(), checker.bytes());
     EXPECT_FALSE(device.hasDeviceError()) << device.getDeviceErrorMsg();
-    request.answer(200, std::to_string(checker.bytes()) +
-                            (checker.matches() ? " as sent" : " other bytes"));
+    request.respond(200, std::to_string(checker.bytes()) +
+                             (checker.matches() ? " as sent" : " other bytes"));
 }
 
 struct Upload
@@ -152,7 +152,7 @@ TEST(RawRequestBody, IsReadableWhileItArrives)
         std::vector<char> buffer(kFirstBytes);
         firstRead.push(request.getReceiveDevice().readBytes(buffer.data(), buffer.size()));
         request.readBody();
-        request.answer(200, "done");
+        request.respond(200, "done");
     });
     RawClient client(server.port());
     // In pieces of this size the first chunk of the device fills up while the second exists.
@@ -168,20 +168,20 @@ TEST(RawRequestBody, IsReadableWhileItArrives)
     EXPECT_TRUE(client.receive());
 }
 
-// Required: what still arrives after the answer is complete is dropped.
-TEST(RawRequestBody, IsDroppedAfterTheAnswerIsComplete)
+// Required: bytes received after the response is complete are discarded.
+TEST(RawRequestBody, IsDroppedAfterTheResponseIsComplete)
 {
-    Latch answered;
+    Latch responded;
     Channel<std::string> read;
     TestServer server([&](TestRequest& request) {
-        request.answer(200, request.getOriginalFullUrl());
-        answered.open();
+        request.respond(200, request.getOriginalFullUrl());
+        responded.open();
         if (request.getOriginalFullUrl() == "/upload")
             read.push(request.readBody());
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(postHead("Content-Length: 10\r\n") + "12345"));
-    ASSERT_TRUE(answered.wait());
+    ASSERT_TRUE(responded.wait());
     ASSERT_TRUE(client.send("67890" + integration::getRequest("/next")));
     const auto first = client.receive();
     ASSERT_TRUE(first);
@@ -200,7 +200,7 @@ TEST(RawRequestBody, CallsTheKeepAliveCallbackWhileTheWorkerWaits)
     Channel<int> called;
     TestServer server([&](TestRequest& request) {
         request.setKeepAliveCallback([&] { called.push(1); }, 1);
-        request.answer(200, std::to_string(request.readBody().size()));
+        request.respond(200, std::to_string(request.readBody().size()));
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(postHead("Content-Length: 4\r\n")));

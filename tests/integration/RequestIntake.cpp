@@ -1,4 +1,4 @@
-// What the application sees of a request: method, target, headers, cookies, query.
+// The parts of a request that the application sees: method, target, headers, cookies, query.
 
 #include "support/CurlClient.h"
 #include "support/RawClient.h"
@@ -32,7 +32,7 @@ constexpr size_t kValueLimitBytes = 8096;
 class RequestIntake : public ::testing::Test
 {
 protected:
-    // Sends one request on a connection of its own and gives what the application saw of it.
+    // Sends one request on a connection of its own and returns the application's copy of it.
     SeenRequest see(const std::string& bytes)
     {
         RawClient client(server.port());
@@ -41,14 +41,14 @@ protected:
         if (!request)
             throw std::runtime_error("the request did not reach the application");
         const auto response = client.receive(bytes.rfind("HEAD ", 0) == 0);
-        EXPECT_TRUE(response && response->status == 404) << "no answer";
+        EXPECT_TRUE(response && response->status == 404) << "no response";
         return *request;
     }
 
     Channel<SeenRequest> seen;
     TestServer server{[this](TestRequest& request) {
         seen.push(SeenRequest(request));
-        request.answer(404, "seen");
+        request.respond(404, "seen");
     }};
 };
 
@@ -426,7 +426,7 @@ TEST_F(RequestIntake, TakesARequestThatArrivesByteByByte)
     EXPECT_THAT(request->query.at("q"), ElementsAre("1"));
 }
 
-// What the daemon answers by itself never becomes a request.
+// A request that the daemon refuses by itself does not reach the application.
 TEST_F(RequestIntake, SeesNothingOfWhatTheDaemonRefuses)
 {
     const struct

@@ -1,4 +1,4 @@
-// Answers on the wire: when they come, how they are framed, what their heads hold.
+// Responses on the wire: their time, framing and heads.
 
 #include "support/CapturedLog.h"
 #include "support/CurlClient.h"
@@ -32,12 +32,12 @@ using ::testing::IsEmpty;
 
 constexpr uint64_t kLargeBodyBytes = uint64_t{WENDREL_TEST_LARGE_BODY_MIB} * 1024 * 1024;
 
-// The request that shows whether a connection is still usable after an answer.
+// Sends a request that shows whether a connection is still usable after a response.
 void expectUsable(RawClient& client)
 {
     ASSERT_TRUE(client.send(getRequest("/again")));
     const auto response = client.receive();
-    ASSERT_TRUE(response) << "no second answer on the connection";
+    ASSERT_TRUE(response) << "no second response on the connection";
     EXPECT_EQ(response->statusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(response->body, "again");
 }
@@ -47,7 +47,7 @@ integration::Behaviour withAgain(const integration::Behaviour& behaviour)
 {
     return [behaviour](TestRequest& request) {
         if (request.getOriginalFullUrl() == "/again")
-            request.answer(200, "again");
+            request.respond(200, "again");
         else
             behaviour(request);
     };
@@ -55,7 +55,7 @@ integration::Behaviour withAgain(const integration::Behaviour& behaviour)
 
 TEST(Response, IsSentWhenReadyAtOnce)
 {
-    TestServer server([](TestRequest& request) { request.answer(200, "at once"); });
+    TestServer server([](TestRequest& request) { request.respond(200, "at once"); });
     CurlClient client;
     const CurlResult result = client.get(server.url());
     EXPECT_EQ(result.code, CURLE_OK);
@@ -69,7 +69,7 @@ TEST(Response, IsSentWhenReadyAfter300Ms)
     constexpr std::chrono::milliseconds kComputing{300};
     TestServer server([&](TestRequest& request) {
         std::this_thread::sleep_for(kComputing);
-        request.answer(200, "later");
+        request.respond(200, "later");
     });
     CurlClient client;
     const auto start = std::chrono::steady_clock::now();
@@ -182,7 +182,7 @@ TEST(Response, IsSentFromOneBufferWhenComplete)
 {
     TestServer server([](TestRequest& request) {
         const size_t size = std::stoull(request.getQueryParameter("size")->front());
-        request.answer(200, integration::pattern(size));
+        request.respond(200, integration::pattern(size));
         EXPECT_TRUE(
             integration::waitUntil([&request] { return request.getResponseDevice().atEnd(); }));
     });
@@ -205,7 +205,7 @@ TEST(Response, FromOneBufferHasTheLengthOfTheBuffer)
 {
     TestServer server([](TestRequest& request) {
         request.response.length = 20;
-        request.answer(200, "ten bytes.");
+        request.respond(200, "ten bytes.");
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
@@ -240,7 +240,7 @@ TEST(Response, IsTheErrorBodyWhenTheDeviceIsInErrorBeforeItIsDue)
                           EXPECT_EQ(request.getResponseDevice().readBytes(&byte, 1), 0u);
                           EXPECT_EQ(request.connectionError(), "read not implemented");
                           request.response.headers["x-own"] = {"X-Own", "lost"};
-                          request.answer(200, "lost");
+                          request.respond(200, "lost");
                       }),
                       options);
     RawClient client(server.port());
@@ -261,7 +261,7 @@ TEST(Response, IsAnEmpty500WhenTheErrorBodyIsEmpty)
     TestServer server(
         [](TestRequest& request) {
             request.getResponseDevice().setDeviceError("nothing to say");
-            request.answer(200, "lost");
+            request.respond(200, "lost");
         },
         options);
     CurlClient client;
@@ -280,7 +280,7 @@ TEST(Response, BreaksOffWhenTheDeviceMeetsAnErrorInTheStream)
         request.getResponseDevice().flush();
         EXPECT_TRUE(integration::waitUntil(
             [&request] { return !request.getResponseDevice().hasDataToSend(); }));
-        request.getResponseDevice().setDeviceError("the disk is gone");
+        request.getResponseDevice().setDeviceError("the disk is full");
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
@@ -292,7 +292,7 @@ TEST(Response, BreaksOffWhenTheDeviceMeetsAnErrorInTheStream)
 
 TEST(Response, ToHeadHasNoBody)
 {
-    TestServer server(withAgain([](TestRequest& request) { request.answer(200, "the body"); }));
+    TestServer server(withAgain([](TestRequest& request) { request.respond(200, "the body"); }));
     RawClient client(server.port());
     ASSERT_TRUE(client.send("HEAD / HTTP/1.1\r\nHost: x\r\n\r\n"));
     const auto response = client.receive(true);
@@ -328,7 +328,7 @@ TEST(Response, WithStatus204Or304HasNoBody)
         SCOPED_TRACE(row.status);
         TestServer server(withAgain([&row](TestRequest& request) {
             request.response.headers["etag"] = {"ETag", "\"v1\""};
-            request.answer(row.status, "");
+            request.respond(row.status, "");
         }));
         RawClient client(server.port());
         ASSERT_TRUE(client.send(getRequest("/")));
@@ -344,7 +344,7 @@ TEST(Response, WithStatus204Or304HasNoBody)
 TEST(Response, HasTheStatusOfTheApplication)
 {
     TestServer server([](TestRequest& request) {
-        request.answer(
+        request.respond(
             static_cast<uint32_t>(std::stoul(request.getQueryParameter("status")->front())),
             "text");
     });
@@ -364,7 +364,7 @@ TEST(Response, WithAStatusOutsideTheRangeClosesTheConnection)
         SCOPED_TRACE(status);
         Channel<std::string> error;
         TestServer server([&](TestRequest& request) {
-            request.answer(status, "never sent");
+            request.respond(status, "never sent");
             EXPECT_TRUE(request.waitForConnectionError());
             error.push(request.connectionError());
         });
@@ -380,7 +380,7 @@ TEST(Response, HasItsHeadersInTheOrderOfTheKeys)
     TestServer server([](TestRequest& request) {
         request.response.headers = {
             {"2", {"Alpha", "second"}}, {"1", {"Zulu", "first"}}, {"3", {"Mike", "third"}}};
-        request.answer(200, "");
+        request.respond(200, "");
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
@@ -399,7 +399,7 @@ TEST(Response, HasItsCookiesAfterItsHeaders)
     TestServer server([](TestRequest& request) {
         request.response.cookies = {{"session", "s1; HttpOnly"}, {"language", "en"}};
         request.response.headers = {{"x-last", {"X-Last", "1"}}};
-        request.answer(200, "");
+        request.respond(200, "");
     });
     RawClient client(server.port());
     ASSERT_TRUE(client.send(getRequest("/")));
@@ -420,7 +420,7 @@ TEST(Response, CountsItsHeadersButNotItsCookies)
     TestServer server([&](TestRequest& request) {
         request.response.headers = {{"a", {"X-A", "12345"}}, {"b", {"X-Bc", "1"}}};
         request.response.cookies = {{"session", "s1"}};
-        request.answer(200, "body");
+        request.respond(200, "body");
         // Completed after the head has been made.
         EXPECT_TRUE(integration::waitUntil([&request] { return request.isCompleted(); }));
         EXPECT_GE(request.getResponseStartMs(), 0);
@@ -439,7 +439,7 @@ TEST(Response, CannotBeWrittenByAnotherThreadThanTheWorker)
         std::thread other([&] { taken = request.getResponseDevice().writeBytes("other", 5); });
         other.join();
         EXPECT_EQ(taken, 0u);
-        request.answer(200, "worker");
+        request.respond(200, "worker");
     });
     CurlClient client;
     EXPECT_EQ(client.get(server.url()).body, "worker");

@@ -39,9 +39,9 @@ constexpr int kInformation = 2;
 constexpr int kWarning = 4;
 constexpr int kError = 5;
 
-void answerOk(TestRequest& request)
+void respondOk(TestRequest& request)
 {
-    request.answer(200, "ok");
+    request.respond(200, "ok");
 }
 
 std::string startLine(uint16_t port, const std::string& flags)
@@ -75,7 +75,7 @@ TEST(ServerLifecycle, LogsPortAndFlagsOnce)
         SCOPED_TRACE(allowWebSocket);
         TestServerOptions options;
         options.allowWebSocket = allowWebSocket;
-        TestServer server(answerOk, options);
+        TestServer server(respondOk, options);
         const auto lines = logLines(startLine(server.port(), allowWebSocket ? "18009" : "10009"));
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines.front().level, kInformation);
@@ -86,7 +86,7 @@ TEST(ServerLifecycle, LogsPortAndFlagsOnce)
 TEST(ServerLifecycle, LogsNothingElseInOrdinaryOperation)
 {
     {
-        TestServer server(answerOk);
+        TestServer server(respondOk);
         CurlClient client;
         EXPECT_EQ(client.get(server.url()).body, "ok");
     }
@@ -98,7 +98,7 @@ TEST(ServerLifecycle, RunsAsManyDaemonThreadsAsAsked)
     constexpr uint32_t kThreads = 3;
     TestServerOptions options;
     options.threadPoolSize = kThreads;
-    TestServer server(answerOk, options);
+    TestServer server(respondOk, options);
     const auto workers = [] {
         uint32_t count = 0;
         for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -116,14 +116,14 @@ TEST(ServerLifecycle, RunsAsManyDaemonThreadsAsAsked)
 
 TEST(ServerLifecycle, ListensOn127001Only)
 {
-    TestServer server(answerOk);
+    TestServer server(respondOk);
     EXPECT_TRUE(RawClient::accepts("127.0.0.1", server.port()));
     EXPECT_FALSE(RawClient::accepts("127.0.0.2", server.port()));
 }
 
 TEST(ServerLifecycle, IgnoresASecondStart)
 {
-    TestServer server(answerOk);
+    TestServer server(respondOk);
     HttpServer::Parameters other = server.parameters();
     other.port = qv::tests::findFreePort();
     server.server().startServer(other);
@@ -137,7 +137,7 @@ TEST(ServerLifecycle, IgnoresASecondStart)
 TEST(ServerLifecycle, StopsAndStartsAgainOnTheSamePort)
 {
     constexpr int kTimes = 3;
-    TestServer server(answerOk);
+    TestServer server(respondOk);
     // Connections of the run before must not keep the port.
     std::vector<std::unique_ptr<RawClient>> old;
     for (int i = 0; i < kTimes; ++i) {
@@ -166,7 +166,7 @@ TEST(ServerLifecycle, StopsWithoutWaiting)
     Latch released;
     TestServerOptions options;
     options.onServerStopped = [&released] { EXPECT_TRUE(released.wait()); };
-    TestServer server(answerOk, options);
+    TestServer server(respondOk, options);
     server.server().stopServer(false);
     // It returned although the server cannot stop yet.
     EXPECT_TRUE(server.server().isStopRequested());
@@ -177,7 +177,7 @@ TEST(ServerLifecycle, StopsWithoutWaiting)
 
 TEST(ServerLifecycle, FailsWhenThePortIsInUse)
 {
-    TestServer first(answerOk);
+    TestServer first(respondOk);
     std::atomic<int> stopped{0};
     HttpServer second(new IdleApplication(stopped));
     second.startServer(first.parameters());
@@ -202,7 +202,7 @@ TEST(ServerLifecycle, CannotStartAgainAfterAFailure)
     HttpServer::Parameters parameters;
     HttpServer server(new IdleApplication(stopped));
     {
-        TestServer first(answerOk);
+        TestServer first(respondOk);
         parameters = first.parameters();
         server.startServer(parameters);
         ASSERT_TRUE(waitForFailure(server));
@@ -241,7 +241,7 @@ TEST(ServerLifecycle, EndsRunningRequestsWhenItStops)
     TestServer server([&](TestRequest& request) {
         begun.push(1);
         EXPECT_TRUE(request.waitForConnectionError());
-        request.answer(200, "too late");
+        request.respond(200, "too late");
         errors.push(request.connectionError());
     });
     std::vector<std::unique_ptr<RawClient>> clients;
@@ -269,7 +269,7 @@ TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
         stopping.open();
         EXPECT_TRUE(released.wait());
     };
-    TestServer server(answerOk, options);
+    TestServer server(respondOk, options);
     RawClient kept(server.port());
     ASSERT_TRUE(kept.send(getRequest("/")));
     ASSERT_TRUE(kept.receive());
@@ -293,7 +293,7 @@ TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
         2u);
 }
 
-TEST(ServerLifecycle, AnswersRequestsAlreadyRunningWhileItStops)
+TEST(ServerLifecycle, ServesRequestsAlreadyRunningWhileItStops)
 {
     Latch begun;
     Latch stopping;
@@ -307,7 +307,7 @@ TEST(ServerLifecycle, AnswersRequestsAlreadyRunningWhileItStops)
         [&](TestRequest& request) {
             begun.open();
             EXPECT_TRUE(stopping.wait());
-            request.answer(200, "still answered");
+            request.respond(200, "still served");
         },
         options);
     RawClient client(server.port());
@@ -316,7 +316,7 @@ TEST(ServerLifecycle, AnswersRequestsAlreadyRunningWhileItStops)
     server.server().stopServer(false);
     const auto response = client.receive();
     ASSERT_TRUE(response);
-    EXPECT_EQ(response->body, "still answered");
+    EXPECT_EQ(response->body, "still served");
     released.open();
     EXPECT_TRUE(server.waitForState(HttpServer::Stopped));
 }
@@ -325,7 +325,7 @@ TEST(ServerLifecycle, StopsInItsDestructor)
 {
     uint16_t port = 0;
     {
-        TestServer server(answerOk);
+        TestServer server(respondOk);
         port = server.port();
         CurlClient client;
         EXPECT_EQ(client.get(server.url()).body, "ok");

@@ -108,7 +108,7 @@ public:
         return frame.payload.size() == size ? std::optional(frame) : std::nullopt;
     }
 
-    // A message of whatever fragments, with the first byte of its first frame.
+    // A message of any number of fragments, with the first byte of its first frame.
     std::optional<Frame> receiveMessage()
     {
         std::optional<Frame> message = receiveFrame();
@@ -217,7 +217,7 @@ private:
     Meeting& mMeeting;
 };
 
-// One that answers as the library does by itself.
+// A connection with the library's default response.
 class PlainSocket : public WebSocket
 {
 public:
@@ -248,7 +248,7 @@ public:
         };
         options.onServerStopped = [this] { closeAll(); };
         mServer = std::make_unique<TestServer>(
-            [](TestRequest& request) { request.answer(200, "an answer"); }, options);
+            [](TestRequest& request) { request.respond(200, "a response"); }, options);
     }
 
     ~LiveServer()
@@ -264,7 +264,7 @@ public:
     TestServer& server() { return *mServer; }
     Connections& connections() { return mConnections; }
 
-    // Whether those that come from now on answer as the library does by itself.
+    // Whether later connections send the library's default response.
     void setPlain(bool plain) { mPlain = plain; }
 
     // The connections that have never received anything. They may stay open until the end.
@@ -292,7 +292,7 @@ private:
     bool relieveWorkers()
     {
         constexpr int kAttempts = 30;
-        constexpr std::chrono::milliseconds kPatience{500};
+        constexpr std::chrono::milliseconds kAttemptTimeout{500};
         const auto onlyQuietOnes = [this] { return mConnections.size() == mQuiet; };
         for (int attempt = 0; attempt < kAttempts; ++attempt) {
             mMeeting.expect(kWorkers);
@@ -310,13 +310,13 @@ private:
             if (!ordinary.send(getRequest("/")) || !ordinary.receive())
                 return false;
             clients.clear();
-            if (waitUntil(onlyQuietOnes, kPatience))
+            if (waitUntil(onlyQuietOnes, kAttemptTimeout))
                 return true;
         }
         return false;
     }
 
-    // Before the daemon is stopped: after that the handles are gone.
+    // Called before the daemon is stopped: the daemon frees the handles.
     void closeAll()
     {
         std::unique_ptr<WebSocketThread> ended;
@@ -392,13 +392,13 @@ TEST(WebSockets, RefusesOtherVersionsWithAPageAndTheOneItSpeaks)
         EXPECT_EQ(response->value("Content-Length"), "87");
         EXPECT_EQ(response->body, "<html>\n<head>\n<title>WebSocket</title>\n</head>\n<body>\n"
                                   "Upgrade required\n</body>\n</html>\n");
-        // The daemon reads nothing after an answer that came at the first call.
+        // The daemon reads nothing after a response that was queued at the first call.
         EXPECT_EQ(response->value("Connection"), "close");
         EXPECT_TRUE(client.isClosedByServer());
     }
 }
 
-TEST(WebSockets, Answers500ToWhatIsWrongOtherwise)
+TEST(WebSockets, Responds500ToOtherErrors)
 {
     const std::string lines = kUpgradeLines + kVersionLine;
     const struct
@@ -432,11 +432,11 @@ TEST(WebSockets, Answers500ToWhatIsWrongOtherwise)
     EXPECT_EQ(server.connections().made(), 0u);
 }
 
-// Required: what was not asked for at the start of the server is refused by the daemon, which
-// says nothing; what the library refuses before that is answered all the same.
-TEST(WebSockets, ClosesWithoutAnAnswerWhenTheServerWasStartedWithoutThem)
+// Required: an upgrade without the flag at the start of the server is refused by the daemon,
+// without a response. A request that the library refuses before that gets a response all the same.
+TEST(WebSockets, ClosesWithoutAResponseWhenTheServerWasStartedWithoutThem)
 {
-    TestServer server([](TestRequest& request) { request.answer(200, "an answer"); });
+    TestServer server([](TestRequest& request) { request.respond(200, "a response"); });
     {
         RawClient client(server.port());
         ASSERT_TRUE(client.send(kHandshake));
@@ -490,7 +490,7 @@ TEST(WebSockets, EchoesMessagesOfAllSizes)
     }
 }
 
-TEST(WebSockets, AnswersWithTheSameWordWhenTheApplicationOverridesNothing)
+TEST(WebSockets, RespondsWithTheSameWordWhenTheApplicationOverridesNothing)
 {
     LiveServer server;
     server.setPlain(true);
@@ -508,10 +508,10 @@ TEST(WebSockets, AnswersWithTheSameWordWhenTheApplicationOverridesNothing)
         EXPECT_EQ(frame->payload.size(), size);
         received += frame->payload;
     }
-    std::string answer;
+    std::string expected;
     for (int word = 0; word < 32751; ++word)
-        answer += "response";
-    EXPECT_TRUE(received == answer);
+        expected += "response";
+    EXPECT_TRUE(received == expected);
 }
 
 TEST(WebSockets, SendsWhatAnotherThreadWritesToAll)
@@ -549,7 +549,7 @@ TEST(WebSockets, LeavesOrdinaryRequestsServedBesideThem)
         ASSERT_TRUE(ordinary.send(getRequest("/")));
         const auto response = ordinary.receive();
         ASSERT_TRUE(response);
-        EXPECT_EQ(response->body, "an answer");
+        EXPECT_EQ(response->body, "a response");
         EXPECT_EQ(client.echo("hello"), "hello");
     }
 }
@@ -595,7 +595,7 @@ TEST(WebSockets, LeaveNothingBehindIn100StartsAndStops)
     constexpr int kRounds = 100;
     constexpr size_t kQuiet = 3;
     constexpr size_t kBusy = 4;
-    // What is set up at first use is not counted.
+    // Descriptors opened at first use are not counted.
     {
         LiveServer server;
     }

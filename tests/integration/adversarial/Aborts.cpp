@@ -68,7 +68,7 @@ std::string chunked(const std::string& body)
 struct Exchange
 {
     std::string request;
-    size_t answerBytes;
+    size_t responseBytes;
 };
 
 Exchange exchangeOf(Kind kind, Way way)
@@ -120,8 +120,8 @@ public:
 private:
     struct Plan
     {
-        size_t requestBytes;  // that are sent
-        size_t answerBytes;   // that are read
+        size_t requestBytes;   // that are sent
+        size_t responseBytes;  // that are read
         Way way;
         Clock::time_point due = Clock::time_point::max();
         bool hasLeft = false;
@@ -142,12 +142,12 @@ private:
         plan.way = way;
         plan.requestBytes =
             uploads ? 1 + dice(exchange.request.size() - 1) : exchange.request.size();
-        plan.answerBytes = uploads ? 0 : dice(exchange.answerBytes);
+        plan.responseBytes = uploads ? 0 : dice(exchange.responseBytes);
         plan.due = Clock::time_point::max();
         mPlans.push_back(plan);
         Client& client = mCrowd.open(kind);
         if (!uploads)
-            client.receiveUpTo = plan.answerBytes;
+            client.receiveUpTo = plan.responseBytes;
         mCrowd.send(client, std::string_view(exchange.request).substr(0, plan.requestBytes));
     }
 
@@ -158,7 +158,7 @@ private:
             mEndedByServer += !plan.hasLeft;
             return;
         }
-        if (client.sent < plan.requestBytes || client.received < plan.answerBytes)
+        if (client.sent < plan.requestBytes || client.received < plan.responseBytes)
             return;
         if (plan.due == Clock::time_point::max()) {
             plan.due = Clock::now();
@@ -205,7 +205,7 @@ private:
 const std::set<std::string> kErrors = {"no error", "ClientAbort", "ReadError", "WriteError",
                                        "TimeoutReached"};
 
-// "upload: Http response device : ClientAbort" to what is behind the last colon.
+// The text behind the last colon, as in "upload: Http response device : ClientAbort".
 std::string reasonOf(const std::string& ending)
 {
     return ending.substr(ending.rfind(": ") + 2);
@@ -227,7 +227,7 @@ TEST(Aborts, OfTheKitsRequestsAllEndAndAreDeleted)
     constexpr size_t kToleratedBytes = 32u << 20;
     server.expectAsBefore(before, kToleratedBytes);
     metric("aborts", static_cast<double>(leavers.left()), "connections");
-    // On a machine that is too slow for the time-out.
+    // On a machine that is too slow for the timeout.
     metric("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
            "connections");
     metric("until-all-have-ended", millisecondsSince(start), "ms");
@@ -247,7 +247,7 @@ TEST(Aborts, OfTheKitsRequestsAllEndAndAreDeleted)
     server.stop(milliseconds(1000));
 }
 
-// What the workers of a server on the library alone saw, by the first part of the path.
+// The errors that the workers of a server on the library alone saw, by the first part of the path.
 class Endings
 {
 public:
@@ -279,11 +279,11 @@ void serveWithoutKit(integration::TestRequest& request, Endings& endings)
         const bool isWhole = !request.getReceiveDevice().hasDeviceError();
         endings.note(path.substr(8) + ": " + (isWhole ? "no error" : request.connectionError()));
         EXPECT_TRUE(!isWhole || body == std::string(kUploadBytes, 'u')) << body.size();
-        request.answer(200, "taken");
+        request.respond(200, "taken");
         return;
     }
     if (path.compare(0, 9, "/buffered") == 0) {
-        request.answer(200, std::string(kBufferedBytes, 'b'));
+        request.respond(200, std::string(kBufferedBytes, 'b'));
         return;
     }
     const bool isSized = path.compare(0, 6, "/known") == 0;
@@ -321,7 +321,7 @@ TEST(Aborts, AreCompletedOnceForEachRequestOfTheLibraryAlone)
     EXPECT_EQ(server.requestsCompleted(), server.requestsCreated());
     EXPECT_GT(server.requestsCreated(), 0u);
     metric("aborts", static_cast<double>(leavers.left()), "connections");
-    // On a machine that is too slow for the time-out.
+    // On a machine that is too slow for the timeout.
     metric("ended-before-by-the-server", static_cast<double>(leavers.endedByServer()),
            "connections");
     metric("requests", static_cast<double>(server.requestsCreated()), "requests");
@@ -334,12 +334,12 @@ TEST(Aborts, AreCompletedOnceForEachRequestOfTheLibraryAlone)
     }
 }
 
-// The daemon does not notice an end that comes along with the last bytes: only the time-out ends
+// The daemon does not notice an end that arrives along with the last bytes: only the timeout ends
 // the request and frees its worker.
-TEST(Aborts, BehindTheLastByteHoldAWorkerUntilTheTimeOut)
+TEST(Aborts, BehindTheLastByteHoldAWorkerUntilTheTimeout)
 {
     constexpr size_t kLeavers = 32;  // twice the workers: one or two are noticed
-    constexpr double kTimeOutMs = 3000;
+    constexpr double kTimeoutMs = 3000;
     ServerProcess server({"threads=2", "workers=16", "timeout=3000"});
     serve(server.port(), 100);
     const Footprint before = server.quietFootprint();
@@ -357,11 +357,11 @@ TEST(Aborts, BehindTheLastByteHoldAWorkerUntilTheTimeOut)
             crowd.send(crowd.open(), part);
         EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Ended) == kLeavers; }, kLimit));
     }
-    metric("clients-that-have-gone", kLeavers, "connections");
-    metric("connection-time-out", kTimeOutMs, "ms");
+    metric("clients-that-have-closed", kLeavers, "connections");
+    metric("connection-timeout", kTimeoutMs, "ms");
     Meanwhile good(server.port(), Meanwhile::Requests);
     EXPECT_TRUE(integration::waitUntil([&] { return good.answered() > 0; }));
-    metric("next-answer-after", millisecondsSince(start), "ms");
+    metric("next-response-after", millisecondsSince(start), "ms");
     // A good client that waits longer than that for a worker is closed as well.
     metric("good-clients-closed-meanwhile", static_cast<double>(good.stop().failures), "requests");
     constexpr size_t kToleratedBytes = 8u << 20;

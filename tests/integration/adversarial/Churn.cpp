@@ -33,7 +33,7 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
     const Footprint before = server.quietFootprint();
     Crowd crowd(server.port());
     size_t asked = 0;
-    size_t answered = 0;
+    size_t responses = 0;
     size_t endedByServer = 0;
     crowd.onChange = [&](Client& client) {
         if (client.state == Client::Ended) {
@@ -46,7 +46,7 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
         else if (client.role == HalfAndReset && client.sent == half.size())
             crowd.end(client, Crowd::End::Reset);
         else if (asks && client.text.find("\r\n\r\nsmall") != std::string::npos) {
-            ++answered;
+            ++responses;
             crowd.end(client, client.role == AskAndClose ? Crowd::End::Close : Crowd::End::Reset);
         }
     };
@@ -72,8 +72,8 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
     const double time = millisecondsSince(start);
     metric("connections", static_cast<double>(opened), "connections");
     metric("rate", static_cast<double>(opened) / time * 1000, "connections/s");
-    metric("answered", static_cast<double>(answered), "requests");
-    EXPECT_EQ(answered, asked);
+    metric("responses", static_cast<double>(responses), "requests");
+    EXPECT_EQ(responses, asked);
     EXPECT_EQ(endedByServer, 0u);
     EXPECT_EQ(opened, connections);
 

@@ -24,7 +24,7 @@ constexpr size_t kConnections = 1500;
 constexpr milliseconds kLimit = std::chrono::seconds(60);
 constexpr size_t kToleratedBytes = 16u << 20;
 
-bool isAnswer(const Client& client)
+bool isResponse(const Client& client)
 {
     return client.text.find("\r\n\r\nsmall") != std::string::npos;
 }
@@ -35,13 +35,13 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
     serve(server.port(), 200);
     const Footprint before = server.quietFootprint();
     Crowd crowd(server.port());
-    size_t answered = 0;
+    size_t responses = 0;
     std::vector<Client*> served;
     Distribution times;
     crowd.onChange = [&](Client& client) {
-        if (client.role == 0 && isAnswer(client)) {
+        if (client.role == 0 && isResponse(client)) {
             client.role = 1;
-            ++answered;
+            ++responses;
             served.push_back(&client);
             times.add(millisecondsSince(client.opened));
         }
@@ -49,15 +49,16 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
     const auto start = Clock::now();
     for (size_t i = 0; i < kConnections; ++i)
         crowd.send(crowd.open(), integration::getRequest("/small"));
-    EXPECT_TRUE(crowd.run([&] { return answered == kPlaces; }, kLimit));
+    EXPECT_TRUE(crowd.run([&] { return responses == kPlaces; }, kLimit));
     metric("connections", kConnections, "connections");
-    metric("first-served", static_cast<double>(answered), "connections");
+    metric("first-served", static_cast<double>(responses), "connections");
     metric("first-served-after", millisecondsSince(start), "ms");
-    // The others are connected, in the queue of the listening socket, and get nothing. While that
-    // queue was full the system dropped what asked for a connection, and asks again after a second.
+    // The others are connected, in the queue of the listening socket, and receive nothing. While
+    // that queue was full the system dropped connection requests; their clients repeat them after a
+    // second.
     EXPECT_TRUE(crowd.run([&] { return crowd.count(Client::Open) == kConnections; }, kLimit));
     crowd.runFor(milliseconds(500));
-    EXPECT_EQ(answered, kPlaces);
+    EXPECT_EQ(responses, kPlaces);
 
     // Each that leaves makes a place for one.
     const auto rest = Clock::now();
@@ -67,12 +68,12 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
             crowd.end(*served.back(), Crowd::End::Close);
             served.pop_back();
         }
-        return answered == kConnections;
+        return responses == kConnections;
     };
     EXPECT_TRUE(crowd.run(leave, kLimit));
-    metric("rest-served", static_cast<double>(answered - kPlaces), "connections");
+    metric("rest-served", static_cast<double>(responses - kPlaces), "connections");
     metric("rest-served-after", millisecondsSince(rest), "ms");
-    EXPECT_EQ(answered, kConnections);
+    EXPECT_EQ(responses, kConnections);
     EXPECT_EQ(server.metrics().at("requests"), kConnections + 200);
     for (Client* client : served)
         crowd.end(*client, Crowd::End::Close);
@@ -80,10 +81,10 @@ TEST(ConnectionLimit, FifteenHundredAtOnceAreAllServedAsPlacesBecomeFree)
     server.stop(kLimit);
 }
 
-// Silence costs a client nothing; the places come back with the time-out.
-TEST(ConnectionLimit, SilentClientsInAllPlacesLockTheOthersOutUntilTheTimeOut)
+// Silence costs a client nothing. The places become free after the timeout.
+TEST(ConnectionLimit, SilentClientsInAllPlacesLockTheOthersOutUntilTheTimeout)
 {
-    constexpr double kTimeOutMs = 3000;
+    constexpr double kTimeoutMs = 3000;
     ServerProcess server({"threads=2", "workers=16", "timeout=3000"});
     const Footprint before = server.quietFootprint();
     Crowd crowd(server.port());
@@ -100,8 +101,8 @@ TEST(ConnectionLimit, SilentClientsInAllPlacesLockTheOthersOutUntilTheTimeOut)
     EXPECT_TRUE(crowd.run([&] { return good.answered() > 0; }, kLimit));
     const double waited = millisecondsSince(start);
     metric("attackers", kPlaces, "connections");
-    metric("connection-time-out", kTimeOutMs, "ms");
-    metric("next-answer-after", waited, "ms");
+    metric("connection-timeout", kTimeoutMs, "ms");
+    metric("next-response-after", waited, "ms");
     const Served& served = good.stop();
     EXPECT_EQ(served.failures, 0u);
     // It was not there at once, unless this machine stood still meanwhile.
@@ -118,9 +119,9 @@ struct StopRow
 };
 
 // Without the WebSockets' flag nothing wakes a daemon's thread all of whose places are taken.
-TEST(ConnectionLimit, AStopWithAllPlacesTakenEndsWithTheTimeOutAtTheLatest)
+TEST(ConnectionLimit, AStopWithAllPlacesTakenEndsWithTheTimeoutAtTheLatest)
 {
-    constexpr double kTimeOutMs = 3000;
+    constexpr double kTimeoutMs = 3000;
     constexpr StopRow kRows[] = {{"with-websockets", "websocket=1"},
                                  {"without-websockets", "websocket=0"}};
     for (const StopRow& row : kRows) {
@@ -137,10 +138,10 @@ TEST(ConnectionLimit, AStopWithAllPlacesTakenEndsWithTheTimeOutAtTheLatest)
         ASSERT_TRUE(crowd.run(isFull, kLimit));
         const Report stopped = server.stop(milliseconds(0));
         metric(std::string(row.name) + ".stop", static_cast<double>(stopped.at("ms")), "ms");
-        constexpr double kSpareMs = 20000;
-        EXPECT_LT(static_cast<double>(stopped.at("ms")), kTimeOutMs + kSpareMs);
+        constexpr double kToleratedMs = 20000;
+        EXPECT_LT(static_cast<double>(stopped.at("ms")), kTimeoutMs + kToleratedMs);
     }
-    metric("connection-time-out", kTimeOutMs, "ms");
+    metric("connection-timeout", kTimeoutMs, "ms");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Very many clients on one thread, which do what no good client does.
+// Very many clients on one thread, which do things that no good client does.
 
 #include "Crowd.h"
 
@@ -135,7 +135,7 @@ void Crowd::update(Client& client)
 
 bool Crowd::run(const std::function<bool()>& until, milliseconds limit)
 {
-    constexpr milliseconds kLongestWait(10);
+    constexpr milliseconds kMaxWait(10);
     const auto end = Clock::now() + limit;
     std::array<epoll_event, kEventsAtOnce> events;
     while (!until()) {
@@ -143,7 +143,7 @@ bool Crowd::run(const std::function<bool()>& until, milliseconds limit)
         if (left.count() <= 0)
             return false;
         const int got = ::epoll_wait(mPoll, events.data(), kEventsAtOnce,
-                                     static_cast<int>(std::min(left, kLongestWait).count()));
+                                     static_cast<int>(std::min(left, kMaxWait).count()));
         for (int i = 0; i < got; ++i)
             serve(*static_cast<Client*>(events[static_cast<size_t>(i)].data.ptr),
                   events[static_cast<size_t>(i)].events);
@@ -182,7 +182,7 @@ void Crowd::serve(Client& client, uint32_t events)
     if (client.state == Client::Open && (events & (EPOLLIN | EPOLLERR | EPOLLHUP)) &&
         !receive(client))
         return;
-    // Whoever does not read sees the end all the same.
+    // A client that does not read sees the end all the same.
     if (client.state == Client::Open && (events & EPOLLRDHUP) && !(client.watched & EPOLLIN)) {
         ended(client, (events & EPOLLERR) != 0);
         return;
@@ -215,7 +215,7 @@ bool Crowd::sendPending(Client& client)
         if (sent < 0 && errno == EAGAIN)
             break;
         if (sent < 0) {
-            // What the server has said before it went may still be read.
+            // Bytes that the server sent before it closed may still be read.
             client.pending.clear();
             if (client.received < client.receiveUpTo)
                 break;
@@ -236,10 +236,10 @@ bool Crowd::sendPending(Client& client)
 bool Crowd::receive(Client& client)
 {
     std::array<char, kReadBytes> piece;
-    const uint64_t room = client.receiveUpTo - client.received;
-    if (room == 0)
+    const uint64_t capacity = client.receiveUpTo - client.received;
+    if (capacity == 0)
         return true;
-    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(room, piece.size()));
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(capacity, piece.size()));
     const ssize_t got = ::recv(client.descriptor, piece.data(), wanted, 0);
     if (got < 0 && errno == EAGAIN)
         return true;

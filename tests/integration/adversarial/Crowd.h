@@ -1,4 +1,4 @@
-/// Very many clients on one thread, which do what no good client does.
+/// Very many clients on one thread, which do things that no good client does.
 #ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_CROWD_H
 #define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_CROWD_H
 
@@ -26,7 +26,7 @@ struct Client
     uint64_t sent = 0;                    ///< bytes that the socket took
     uint64_t received = 0;                ///< bytes that were read
     uint64_t receiveUpTo = ~uint64_t{0};  ///< no more bytes are read than these
-    std::string text;                     ///< what was read, up to Crowd::kKeptBytes
+    std::string text;                     ///< the bytes read, up to Crowd::kKeptBytes
     Clock::time_point opened;
     Clock::time_point lastSent;
     Clock::time_point ended;
@@ -54,7 +54,7 @@ public:
     /// Begins to connect one more; with a receive buffer of this size unless 0.
     Client& open(int role = 0, int receiveBuffer = 0);
 
-    /// Sends behind what is not yet sent.
+    /// Queues the bytes behind unsent ones and sends.
     void send(Client& client, std::string_view bytes);
 
     void finishSending(Client& client);
@@ -62,7 +62,7 @@ public:
     /// Ends it from this side.
     void end(Client& client, End how);
 
-    /// Asks again what is to be read, after `receiveUpTo` has changed.
+    /// Applies a changed `receiveUpTo`.
     void update(Client& client);
 
     /// Called, if set, when something happened to a client: it was connected, bytes came or went,

@@ -18,7 +18,7 @@
 namespace adversarial
 {
 
-/// Times of those that were answered, and how many were not.
+/// Response times of the successful requests, and the number of failures.
 struct Served
 {
     Distribution times;
@@ -31,14 +31,14 @@ struct Served
     }
 };
 
-/// One request for /small on a connection of its own; false when it was not answered right.
+/// One request for /small on a connection of its own; false without a correct response.
 inline bool isAnswered(uint16_t port)
 {
     try {
         integration::RawClient client(port);
         client.send(integration::getRequest("/small"));
-        const auto answer = client.receive();
-        return answer && answer->status == 200 && answer->body == "small";
+        const auto response = client.receive();
+        return response && response->status == 200 && response->body == "small";
     } catch (const std::runtime_error&) {
         return false;
     }
@@ -67,8 +67,8 @@ inline void echoOne(integration::WebSocketClient& client, Served& served)
 {
     const auto start = Clock::now();
     client.sendText("hello");
-    const auto answer = client.receive();
-    if (answer && answer->bytes == "hello")
+    const auto response = client.receive();
+    if (response && response->bytes == "hello")
         served.times.add(millisecondsSince(start));
     else
         ++served.failures;
@@ -102,8 +102,8 @@ public:
         return mServed;
     }
 
-    /// Answers so far.
-    size_t answered() const { return mAnswered; }
+    /// Responses so far.
+    size_t answered() const { return mResponses; }
 
 private:
     void go(uint16_t port, Kind kind)
@@ -118,14 +118,14 @@ private:
                 echoOne(*client, mServed);
             else
                 serveOne(port, mServed);
-            mAnswered = mServed.times.values.size();
+            mResponses = mServed.times.values.size();
             std::this_thread::sleep_for(kPause);
         }
     }
 
     Served mServed;  // the thread's until it has ended
     std::atomic<bool> mStop{false};
-    std::atomic<size_t> mAnswered{0};
+    std::atomic<size_t> mResponses{0};
     std::thread mThread;
 };
 

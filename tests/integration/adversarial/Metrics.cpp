@@ -1,4 +1,4 @@
-// What the tests with adversarial clients measure, and how they say it.
+// Measurements of the tests with adversarial clients, and their output.
 
 #include "Metrics.h"
 

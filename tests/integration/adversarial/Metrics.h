@@ -1,4 +1,4 @@
-/// What the tests with adversarial clients measure, and how they say it.
+/// Measurements of the tests with adversarial clients, and their output.
 #ifndef WENDREL_TESTS_INTEGRATION_ADVERSARIAL_METRICS_H
 #define WENDREL_TESTS_INTEGRATION_ADVERSARIAL_METRICS_H
 

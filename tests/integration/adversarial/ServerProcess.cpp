@@ -27,12 +27,12 @@ namespace adversarial
 namespace
 {
 
-constexpr milliseconds kAnswerLimit = std::chrono::seconds(60);
+constexpr milliseconds kReplyLimit = std::chrono::seconds(60);
 
-// What a server that runs keeps for the bodies to come.
+// The chunk pool that a running server keeps for later bodies.
 constexpr size_t kKeptBytes = 4u << 20;
 
-// What the allocator keeps for each thread of what the thread has freed: a worker deletes requests.
+// Freed memory that the allocator caches for each thread: a worker deletes requests.
 constexpr size_t kKeptByThreadBytes = 16u << 10;
 
 size_t numberOf(const std::string& status, const std::string& name)
@@ -61,11 +61,11 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
 {
     raiseDescriptorLimit();
     std::array<int, 2> orders{};
-    std::array<int, 2> answers{};
-    if (::pipe2(orders.data(), O_CLOEXEC) != 0 || ::pipe2(answers.data(), O_CLOEXEC) != 0)
+    std::array<int, 2> replies{};
+    if (::pipe2(orders.data(), O_CLOEXEC) != 0 || ::pipe2(replies.data(), O_CLOEXEC) != 0)
         throw std::runtime_error("no pipe");
     mOrders = orders[1];
-    mAnswers = answers[0];
+    mReplies = replies[0];
 
     std::vector<std::string> words{WENDREL_ADVERSARIAL_SERVER};
     words.insert(words.end(), arguments.begin(), arguments.end());
@@ -77,22 +77,22 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, orders[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, answers[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, replies[1], STDOUT_FILENO);
     const int error =
         ::posix_spawn(&mProcess, words[0].c_str(), &actions, nullptr, pointers.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(orders[0]);
-    ::close(answers[1]);
+    ::close(replies[1]);
     if (error != 0)
         throw std::runtime_error("cannot start " + words[0]);
-    mPort = static_cast<uint16_t>(parsed(readLine(kAnswerLimit)).at("port"));
+    mPort = static_cast<uint16_t>(parsed(readLine(kReplyLimit)).at("port"));
     mFirstDescriptors = descriptors();
 }
 
 ServerProcess::~ServerProcess()
 {
     ::close(mOrders);
-    ::close(mAnswers);
+    ::close(mReplies);
     if (!mEnd && mProcess > 0) {
         ::kill(mProcess, SIGKILL);
         ::waitpid(mProcess, nullptr, 0);
@@ -105,11 +105,11 @@ std::string ServerProcess::readLine(milliseconds limit)
     size_t lineEnd = std::string::npos;
     while ((lineEnd = mUnread.find('\n')) == std::string::npos) {
         const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
-        pollfd polled{mAnswers, POLLIN, 0};
+        pollfd polled{mReplies, POLLIN, 0};
         if (left.count() <= 0 || ::poll(&polled, 1, static_cast<int>(left.count())) <= 0)
-            throw std::runtime_error("the server does not answer");
+            throw std::runtime_error("the server does not reply");
         std::array<char, 4096> piece;
-        const ssize_t got = ::read(mAnswers, piece.data(), piece.size());
+        const ssize_t got = ::read(mReplies, piece.data(), piece.size());
         if (got <= 0)
             throw std::runtime_error("the server has ended");
         mUnread.append(piece.data(), static_cast<size_t>(got));
@@ -124,7 +124,7 @@ Report ServerProcess::ask(const std::string& order)
     const std::string line = order + "\n";
     if (::write(mOrders, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
         throw std::runtime_error("the server takes no orders");
-    return parsed(readLine(kAnswerLimit));
+    return parsed(readLine(kReplyLimit));
 }
 
 std::map<std::string, uint64_t> ServerProcess::endings()
@@ -132,9 +132,9 @@ std::map<std::string, uint64_t> ServerProcess::endings()
     std::map<std::string, uint64_t> counts;
     const uint64_t lines = ask("endings").at("lines");
     for (uint64_t i = 0; i < lines; ++i) {
-        const std::string line = readLine(kAnswerLimit);
-        const size_t blank = line.find(' ');
-        counts[line.substr(blank + 1)] = std::stoull(line.substr(0, blank));
+        const std::string line = readLine(kReplyLimit);
+        const size_t space = line.find(' ');
+        counts[line.substr(space + 1)] = std::stoull(line.substr(0, space));
     }
     return counts;
 }
@@ -170,7 +170,7 @@ Footprint ServerProcess::quietFootprint()
 Report ServerProcess::stop(milliseconds limit)
 {
     const Report report = ask("stop " + std::to_string(limit.count()));
-    EXPECT_EQ(waitForEnd(kAnswerLimit), std::optional<int>(0));
+    EXPECT_EQ(waitForEnd(kReplyLimit), std::optional<int>(0));
     EXPECT_EQ(report.at("created"), report.at("deleted"));
     return report;
 }

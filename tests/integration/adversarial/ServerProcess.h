@@ -15,7 +15,7 @@
 namespace adversarial
 {
 
-/// What a process occupies.
+/// The resources of a process.
 struct Footprint
 {
     size_t descriptors = 0;
@@ -23,7 +23,7 @@ struct Footprint
     size_t residentBytes = 0;
 };
 
-/// What the server says of itself: names and numbers.
+/// The server's reply: names and numbers.
 using Report = std::map<std::string, uint64_t>;
 
 /// One process of adversarial_server; see there for its arguments and orders.
@@ -44,12 +44,12 @@ public:
     /// Has it give back the memory that it holds for nothing, then looks.
     Footprint footprint();
 
-    /// The same, when all connections have gone.
+    /// The same, after all connections have closed.
     Footprint quietFootprint();
 
     size_t descriptors() const;
 
-    /// One order whose answer is one line.
+    /// One order whose reply is one line.
     Report ask(const std::string& order);
 
     Report metrics() { return ask("metrics"); }
@@ -65,7 +65,7 @@ public:
     std::optional<int> waitForEnd(milliseconds limit);
 
     /// Waits until descriptors and threads are as they were and no request is open, and expects
-    /// memory within `toleratedBytes` of what it was.
+    /// memory within `toleratedBytes` of `before`.
     void expectAsBefore(const Footprint& before, size_t toleratedBytes);
 
 private:
@@ -73,7 +73,7 @@ private:
 
     pid_t mProcess = -1;
     int mOrders = -1;
-    int mAnswers = -1;
+    int mReplies = -1;
     uint16_t mPort = 0;
     size_t mFirstDescriptors = 0;
     std::string mUnread;

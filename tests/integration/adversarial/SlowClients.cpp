@@ -156,7 +156,7 @@ protected:
         EXPECT_EQ(served.failures, 0u);
         EXPECT_GT(served.times.values.size(), 0u);
         metric("attack-lasted", kDrips * static_cast<double>(kBetweenBytes.count()), "ms");
-        metric("connection-time-out", static_cast<double>(kTimeOut.count()), "ms");
+        metric("connection-timeout", static_cast<double>(kTimeOut.count()), "ms");
         metric("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
                "connections");
     }

@@ -105,7 +105,7 @@ protected:
     {
         crowd.reset();
         EXPECT_TRUE(waitUntil([this] { return server->metrics().at("connections") == 0; }));
-        metric("resident-memory-when-all-have-gone",
+        metric("resident-memory-after-all-have-closed",
                static_cast<double>(server->footprint().residentBytes) / kKib, "KiB");
         // A worker keeps the connection that it has closed until it gets another one.
         EXPECT_TRUE(waitUntil([this] {
@@ -124,7 +124,7 @@ protected:
     double memoryOfEach = 0;
 };
 
-// The daemon's time-out does not apply to upgraded connections.
+// The daemon's timeout does not apply to upgraded connections.
 TEST_F(WebSocketAbuse, AFrameByteByByteKeepsItsPlaceForEver)
 {
     start();
@@ -163,7 +163,7 @@ TEST_F(WebSocketAbuse, HalfClosedClientsAreEndedByTheHub)
     expectAllIsOver();
 }
 
-// What half-closed clients at a steady rate cost: each holds one of the hub's workers.
+// The cost of half-closed clients at a steady rate: each holds one of the hub's workers.
 TEST_F(WebSocketAbuse, AFewHalfClosedClientsASecondHoldAllWorkers)
 {
     start();
@@ -263,8 +263,8 @@ TEST_F(WebSocketAbuse, AFloodOfTinyFramesIsServedBesideOthers)
     std::string piece;
     for (size_t i = 0; i < kFramesAtOnce; ++i)
         piece += maskedFrame(integration::kLastText, "x");
-    // The answers to be read: each a header of two bytes and one more.
-    const uint64_t answerBytes = 3 * frames;
+    // The echoes to be read: each a header of two bytes and one more.
+    const uint64_t responseBytes = 3 * frames;
     Client& client = crowd->open();
     size_t sent = 0;
     uint64_t headBytes = 0;
@@ -284,7 +284,7 @@ TEST_F(WebSocketAbuse, AFloodOfTinyFramesIsServedBesideOthers)
         [&] {
             if (most == 0 || millisecondsSince(start) > 500)
                 most = std::max(most, server->footprint().residentBytes);
-            return headBytes > 0 && client.received >= headBytes + answerBytes;
+            return headBytes > 0 && client.received >= headBytes + responseBytes;
         },
         kLimit));
     metric("frames", static_cast<double>(frames), "frames");
@@ -297,7 +297,7 @@ TEST_F(WebSocketAbuse, AFloodOfTinyFramesIsServedBesideOthers)
     expectAllIsOver();
 }
 
-// There is no limit of size: what has been announced is kept until it is whole.
+// There is no limit of size: an announced frame is kept until it is complete.
 TEST_F(WebSocketAbuse, AnAnnouncedTebibyteIsKeptAsFarAsItHasCome)
 {
     start();
@@ -329,7 +329,8 @@ TEST_F(WebSocketAbuse, AnAnnouncedTebibyteIsKeptAsFarAsItHasCome)
     expectAllIsOver();
 }
 
-// Required: the sum of length and header wraps around, and what does not fit is asked for.
+// Required: the sum of length and header wraps around, so the frame counts as complete and its
+// payload is inserted with std::length_error.
 TEST_F(WebSocketAbuse, AnAnnouncedLengthNearTwoToThe64EndsTheProcess)
 {
     ServerProcess victim({"threads=2"});

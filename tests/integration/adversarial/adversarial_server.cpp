@@ -82,8 +82,8 @@ private:
     std::map<std::string, std::string> mValues;
 };
 
-// How requests have ended, and what the routes share.
-struct Ledger
+// The record of ended requests, and state shared by the routes.
+struct RequestRecord
 {
     void noteEnd(const std::string& kind, const std::string& error)
     {
@@ -103,18 +103,18 @@ struct Ledger
 class NotedRequest : public Request
 {
 public:
-    explicit NotedRequest(Ledger& ledger) : mLedger(ledger) { ++mLedger.created; }
+    explicit NotedRequest(RequestRecord& record) : mRecord(record) { ++mRecord.created; }
 
     ~NotedRequest() override
     {
-        mLedger.noteEnd(kind, getResponseDevice().getDeviceErrorMsg());
-        ++mLedger.deleted;
+        mRecord.noteEnd(kind, getResponseDevice().getDeviceErrorMsg());
+        ++mRecord.deleted;
     }
 
     std::string kind = "unserved";
 
 private:
-    Ledger& mLedger;
+    RequestRecord& mRecord;
 };
 
 uint64_t bytesAskedFor(const Request& request)
@@ -122,7 +122,7 @@ uint64_t bytesAskedFor(const Request& request)
     return std::stoull(request.getPathParameter("bytes"));
 }
 
-// False when the client has gone.
+// False when the connection is closed.
 bool writeBody(Request& request, uint64_t bytes)
 {
     static const std::string piece(kPieceBytes, 'd');
@@ -150,7 +150,7 @@ void takeUpload(Request& request)
         request.reply(200, "text/plain", std::to_string(total));
 }
 
-// Echoes; "flood" asks for a large answer first.
+// Echoes; "flood" requests a large message first.
 class Echo : public qv::kit::HubConnection
 {
 public:
@@ -183,8 +183,8 @@ class Target : public qv::kit::Application
 {
 public:
     Target(const Options& options, const qv::kit::WebSocketHub::Options& hubOptions, int sendBuffer,
-           Ledger& ledger)
-        : Application(options), mLedger(ledger), mSendBuffer(sendBuffer), mHub(hubOptions)
+           RequestRecord& record)
+        : Application(options), mRecord(record), mSendBuffer(sendBuffer), mHub(hubOptions)
     {
         addRoutes();
     }
@@ -195,7 +195,7 @@ public:
     uint64_t messages() const { return mMessages; }
 
 protected:
-    Request* newRequest() override { return new NotedRequest(mLedger); }
+    Request* newRequest() override { return new NotedRequest(mRecord); }
 
     void onNewWebSocket(qv::http::WebSocket* socket) override
     {
@@ -230,7 +230,7 @@ private:
             request.getHead().setContentLength(static_cast<int64_t>(bytes));
             writeBody(request, bytes);
         });
-        // What follows the length is part of the name only, for the log.
+        // The part behind the length is only part of the name, for the log.
         add(HttpBaseRequest::GET, "chunked", "/chunked/{bytes}/{name*}",
             [](Request& request) { writeBody(request, bytesAskedFor(request)); });
         add(HttpBaseRequest::PUT | HttpBaseRequest::POST, "upload", "/upload", takeUpload);
@@ -248,13 +248,13 @@ private:
 
     void hold()
     {
-        std::unique_lock<std::mutex> lock(mLedger.mutex);
-        ++mLedger.holding;
-        mLedger.released.wait(lock, [this] { return mLedger.isReleased; });
-        --mLedger.holding;
+        std::unique_lock<std::mutex> lock(mRecord.mutex);
+        ++mRecord.holding;
+        mRecord.released.wait(lock, [this] { return mRecord.isReleased; });
+        --mRecord.holding;
     }
 
-    Ledger& mLedger;
+    RequestRecord& mRecord;
     const int mSendBuffer;
     std::atomic<uint64_t> mMessages{0};
     qv::kit::WebSocketHub mHub;
@@ -298,7 +298,7 @@ public:
             hubOptions.workers = mArguments.number("hubworkers", hubOptions.workers);
             hubOptions.unsentLimit = milliseconds(mArguments.number("unsent", 60000));
             auto target = std::make_unique<Target>(
-                options, hubOptions, static_cast<int>(mArguments.number("sendbuffer", 0)), mLedger);
+                options, hubOptions, static_cast<int>(mArguments.number("sendbuffer", 0)), mRecord);
             mTarget = target.get();
             mServer = std::make_unique<qv::kit::Server>(std::move(target));
             qv::http::HttpServer::Parameters parameters;
@@ -321,7 +321,7 @@ public:
             std::printf("metrics open=%zu requests=%llu holding=%llu connections=%zu "
                         "messages=%llu heap=%zu lines=%llu\n",
                         mTarget->getOpenCount(), number(mTarget->getRequestCount()),
-                        number(mLedger.holding), mTarget->connections(),
+                        number(mRecord.holding), mTarget->connections(),
                         number(mTarget->messages()), heapBytes(), number(mLogLines));
         else if (order == "endings")
             printEndings();
@@ -332,17 +332,17 @@ public:
         std::fflush(stdout);
     }
 
-    // Everything that the server had is gone when the numbers are taken.
+    // The numbers are taken after the server is destroyed.
     void stop(milliseconds limit)
     {
         const auto start = std::chrono::steady_clock::now();
-        const bool answered = mServer->stop(limit);
+        const bool finished = mServer->stop(limit);
         const auto time =
             std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
         mServer.reset();
-        std::printf("stopped ms=%lld answered=%d created=%llu deleted=%llu heap=%zu\n",
-                    static_cast<long long>(time.count()), answered ? 1 : 0, number(mLedger.created),
-                    number(mLedger.deleted), heapBytes());
+        std::printf("stopped ms=%lld finished=%d created=%llu deleted=%llu heap=%zu\n",
+                    static_cast<long long>(time.count()), finished ? 1 : 0, number(mRecord.created),
+                    number(mRecord.deleted), heapBytes());
         std::fflush(stdout);
     }
 
@@ -353,22 +353,22 @@ private:
 
     void printEndings()
     {
-        const std::lock_guard<std::mutex> lock(mLedger.mutex);
-        std::printf("endings lines=%zu\n", mLedger.endings.size());
-        for (const auto& [text, count] : mLedger.endings)
+        const std::lock_guard<std::mutex> lock(mRecord.mutex);
+        std::printf("endings lines=%zu\n", mRecord.endings.size());
+        for (const auto& [text, count] : mRecord.endings)
             std::printf("%llu %s\n", number(count), text.c_str());
     }
 
     void release()
     {
-        const std::lock_guard<std::mutex> lock(mLedger.mutex);
-        mLedger.isReleased = true;
-        mLedger.released.notify_all();
+        const std::lock_guard<std::mutex> lock(mRecord.mutex);
+        mRecord.isReleased = true;
+        mRecord.released.notify_all();
         std::printf("released\n");
     }
 
     const Arguments& mArguments;
-    Ledger mLedger;
+    RequestRecord mRecord;
     Target* mTarget = nullptr;
     std::unique_ptr<qv::kit::Server> mServer;
 };
@@ -377,7 +377,7 @@ int run(const Arguments& arguments)
 {
     // A test that is cut off leaves no server behind.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    // As many heaps on every machine, whatever its number of cores.
+    // The number of heaps is fixed: by default it depends on the number of cores.
     constexpr int kHeaps = 4;
     ::mallopt(M_ARENA_MAX, kHeaps);
     qv::kit::StopSignal signals;

@@ -22,7 +22,7 @@ namespace
 
 constexpr size_t kConnectionMemoryBytes = 262144;
 constexpr unsigned int kListenBacklog = 1024;
-constexpr unsigned int kTimeOutSeconds = 60;
+constexpr unsigned int kTimeoutSeconds = 60;
 constexpr unsigned int kThreads = 4;
 constexpr int kStrictForClient = 1;
 constexpr size_t kStreamBlockBytes = 65536;
@@ -125,7 +125,7 @@ MHD_Daemon* start()
         nullptr, nullptr, &handleAccess, noClosure, MHD_OPTION_EXTERNAL_LOGGER, &logMessage,
         noClosure, MHD_OPTION_URI_LOG_CALLBACK, &openRequest, noClosure,
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemoryBytes, MHD_OPTION_LISTEN_BACKLOG_SIZE,
-        kListenBacklog, MHD_OPTION_CONNECTION_TIMEOUT, kTimeOutSeconds, MHD_OPTION_SOCK_ADDR,
+        kListenBacklog, MHD_OPTION_CONNECTION_TIMEOUT, kTimeoutSeconds, MHD_OPTION_SOCK_ADDR,
         reinterpret_cast<const sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kThreads,
         MHD_OPTION_NOTIFY_COMPLETED, &closeRequest, noClosure, MHD_OPTION_STRICT_FOR_CLIENT,
         kStrictForClient, MHD_OPTION_END);

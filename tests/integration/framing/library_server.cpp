@@ -30,7 +30,7 @@ void respond(TestRequest& request)
     const std::string& target = request.getOriginalFullUrl();
     const bool isNotModified = target.ends_with(framing::kNotModifiedTarget);
     if (!isNotModified && !target.ends_with(framing::kUndeclaredTarget)) {
-        request.answer(200, "seen\n");
+        request.respond(200, "seen\n");
         return;
     }
     request.response.status = isNotModified ? 304 : 200;
@@ -46,7 +46,7 @@ void serve(TestRequest& request)
     request.response.headers["x-application"] = {framing::kOwnHeader, "1"};
     if (request.hasParseError()) {
         framing::report(port, "refused", request.getParseError());
-        request.answer(400, "refused\n");
+        request.respond(400, "refused\n");
         return;
     }
     const uint64_t bodyBytes = request.readBody().size();

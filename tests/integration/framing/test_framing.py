@@ -16,7 +16,7 @@ from processes import SANITIZED, wait_until
 from raw_requests import EXPECT_ALONE, NEXT, REQUESTS, get
 
 LIMIT_SECONDS = 60 if SANITIZED else 20
-MOST_FAILURES = 5
+MAX_FAILURES = 5
 
 
 class Outcomes(unittest.TestCase):
@@ -30,7 +30,7 @@ class Outcomes(unittest.TestCase):
 
         def check(request):
             key = (request.group, request.name, name)
-            if len(failures) >= MOST_FAILURES:
+            if len(failures) >= MAX_FAILURES:
                 return
             outcome = paths.check(path, request.with_next(), expected[key], LIMIT_SECONDS)
             if outcome != expected[key]:

@@ -194,7 +194,7 @@ TEST(ProcessWideLocks, ThereIsNoneOnThePathOfARequest)
     std::mutex shared;
     const MarkedServer first(0, shared);
     const MarkedServer second(1, shared);
-    // Locks of what is set up once per process are not on the path of later requests.
+    // Locks of initialisation per process are not on the path of later requests.
     useServer(first);
     useServer(second);
 

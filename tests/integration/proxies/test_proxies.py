@@ -97,7 +97,7 @@ class Configuration(unittest.TestCase):
 
 
 class Headers(ProxyCase):
-    """What reaches the application, seen by a server that keeps it."""
+    """The request headers that reach the application, recorded by a server."""
 
     def setUp(self):
         self.recorder = HeadRecorder()
@@ -224,7 +224,7 @@ class Transfers(ProxyCase, filedrop.ServerCase):
         with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
             client.sendall(b"GET /files/large.bin HTTP/1.1\r\nHost: site.test\r\n\r\n")
             self.assertTrue(client.recv(65536).startswith(b"HTTP/1.1 200"))
-            # Nobody fetches any more: what lies between the client and the server gets full.
+            # The client reads no more: the buffers between client and server fill up.
             self.assertLess(self.wait_until_sending_stalls(), UNFETCHED // 2)
         wait_until(lambda: self.server_status()["openRequests"] == 1, "the server notices the end")
 

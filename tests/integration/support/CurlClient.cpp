@@ -1,4 +1,4 @@
-// A well-behaved client: libcurl with what the tests need of it.
+// A well-behaved client: libcurl with the operations that the tests need.
 
 #include "CurlClient.h"
 
@@ -68,7 +68,7 @@ CurlResult CurlClient::putPattern(const std::string& url, uint64_t size, bool ch
     curl_easy_setopt(mHandle, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(mHandle, CURLOPT_READFUNCTION, &CurlClient::giveBody);
     curl_easy_setopt(mHandle, CURLOPT_READDATA, this);
-    // Without the answer to its question curl must not send on its own before the limit.
+    // Without the interim response curl must not send the body before the limit.
     curl_easy_setopt(mHandle, CURLOPT_EXPECT_100_TIMEOUT_MS, kExpectWaitMs);
     std::vector<std::string> headers{expectContinue ? "Expect: 100-continue" : "Expect:"};
     if (chunked)

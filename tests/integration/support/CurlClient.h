@@ -1,4 +1,4 @@
-/// A well-behaved client: libcurl with what the tests need of it.
+/// A well-behaved client: libcurl with the operations that the tests need.
 #ifndef WENDREL_TESTS_INTEGRATION_CURLCLIENT_H
 #define WENDREL_TESTS_INTEGRATION_CURLCLIENT_H
 

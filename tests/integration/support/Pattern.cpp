@@ -13,12 +13,12 @@ namespace integration
 namespace
 {
 
-constexpr size_t kPeriodBytes = 1048573;
+constexpr size_t kPatternBytes = 1048573;
 
 const std::vector<char>& period()
 {
     static const std::vector<char> bytes = [] {
-        std::vector<char> made(kPeriodBytes);
+        std::vector<char> made(kPatternBytes);
         std::mt19937 generator(20260217);
         for (char& byte : made)
             byte = static_cast<char>(generator() & 0xff);
@@ -33,8 +33,8 @@ void fillPattern(char* out, size_t size, uint64_t offset)
 {
     size_t done = 0;
     while (done < size) {
-        const size_t start = static_cast<size_t>((offset + done) % kPeriodBytes);
-        const size_t piece = std::min(size - done, kPeriodBytes - start);
+        const size_t start = static_cast<size_t>((offset + done) % kPatternBytes);
+        const size_t piece = std::min(size - done, kPatternBytes - start);
         std::memcpy(out + done, period().data() + start, piece);
         done += piece;
     }

@@ -1,4 +1,4 @@
-// Counting what /proc tells of this process.
+// Counts of this process, read from /proc.
 
 #include "ProcessCounts.h"
 

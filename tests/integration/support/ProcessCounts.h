@@ -1,4 +1,4 @@
-// What a process has open and how many threads run in it.
+// The numbers of open descriptors and of threads of this process.
 #ifndef WENDREL_TESTS_INTEGRATION_PROCESSCOUNTS_H
 #define WENDREL_TESTS_INTEGRATION_PROCESSCOUNTS_H
 

@@ -1,4 +1,4 @@
-// A client that sends exactly the bytes it is told to, for what no well-behaved client sends.
+// A client that sends exactly the bytes it is given, also bytes that no well-behaved client sends.
 
 #include "RawClient.h"
 
@@ -74,7 +74,7 @@ std::string tableEntry(const sockaddr_in& end)
     return text.str();
 }
 
-// What waits to be fetched at the end of a connection that is `local` there.
+// The bytes that wait to be read at the end of a connection that is `local` there.
 std::optional<uint64_t> waitingBytes(const std::string& local, const std::string& remote)
 {
     std::ifstream table("/proc/net/tcp");

@@ -13,7 +13,7 @@
 namespace integration
 {
 
-/// An answer as it came off the wire.
+/// A response as received.
 struct RawResponse
 {
     int status = 0;
@@ -40,11 +40,11 @@ public:
     /// True when a server accepts connections at `address`.
     static bool accepts(const char* address, uint16_t port);
 
-    /// False when the connection is gone or nothing was taken within the limit.
+    /// False when the connection is closed or no byte was accepted within the limit.
     bool send(std::string_view bytes);
 
-    /// The next answer; none when the connection ended or the limit passed before its end.
-    /// `toHead`: the answer to a HEAD request, which has no body.
+    /// The next response; none when the connection ended or the limit passed before its end.
+    /// `toHead`: the response to a HEAD request, which has no body.
     std::optional<RawResponse> receive(bool toHead = false);
 
     /// The next head, "100 Continue" included, leaving the body to `receiveSome`.

@@ -1,4 +1,4 @@
-/// What a test keeps of a request after the request is gone.
+/// The copy of a request that a test keeps after the request is deleted.
 #ifndef WENDREL_TESTS_INTEGRATION_SEENREQUEST_H
 #define WENDREL_TESTS_INTEGRATION_SEENREQUEST_H
 

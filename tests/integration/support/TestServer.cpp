@@ -1,4 +1,4 @@
-// An application on the library whose answers are written by the tests: it serves each request
+// An application on the library whose responses are written by the tests: it serves each request
 // on a thread of its own and deletes it when worker and daemon are both done with it.
 
 #include "TestServer.h"
@@ -29,7 +29,7 @@ using qv::http::HttpServer;
 void TestRequest::onWaitingForData()
 {
     if (getResponseDevice().hasDeviceError())
-        getReceiveDevice().setDeviceError("the connection is gone");
+        getReceiveDevice().setDeviceError("the connection is closed");
 }
 
 std::string TestRequest::readBody()
@@ -43,7 +43,7 @@ std::string TestRequest::readBody()
     return body;
 }
 
-void TestRequest::answer(uint32_t status, const std::string& body)
+void TestRequest::respond(uint32_t status, const std::string& body)
 {
     response.status = status;
     getResponseDevice().writeBytes(body.data(), body.size());

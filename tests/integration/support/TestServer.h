@@ -1,4 +1,4 @@
-/// An application on the library whose answers are written by the tests.
+/// An application on the library whose responses are written by the tests.
 #ifndef WENDREL_TESTS_INTEGRATION_TESTSERVER_H
 #define WENDREL_TESTS_INTEGRATION_TESTSERVER_H
 
@@ -17,7 +17,7 @@
 namespace integration
 {
 
-/// The head of an answer; filled by the worker before the answer is announced.
+/// The head of a response; filled by the worker before the response is announced.
 class TestResponse : public qv::HttpResponseInterface
 {
 public:
@@ -40,19 +40,19 @@ public:
     qv::HttpResponseInterface& getResponse() override { return response; }
     qv::HttpWaitListener& getWaitListener() override { return *this; }
 
-    /// Ends the wait for a body whose connection is gone.
+    /// Ends the wait for a body whose connection is closed.
     void onWaitingForData() override;
 
     using qv::HttpBaseRequest::setKeepAliveCallback;
 
-    /// The whole body; what had come when the device met an error.
+    /// The whole body; the part received so far when the device is in error.
     std::string readBody();
 
-    /// Writes a body below 256 KiB and ends it, then announces the answer.
-    void answer(uint32_t status, const std::string& body);
+    /// Writes a body below 256 KiB and ends it, then announces the response.
+    void respond(uint32_t status, const std::string& body);
 
-    /// Announces the answer and waits until the daemon has queued it, so that what is written
-    /// from now on is streamed. False when it was not queued within the limit.
+    /// Announces the response and waits until the daemon has queued it, so that later writes are
+    /// streamed. False when it was not queued within the limit.
     bool beginStream();
 
     /// Begins the stream, writes `size` bytes of the pattern in pieces and ends the body.
@@ -74,7 +74,7 @@ using Behaviour = std::function<void(TestRequest&)>;
 
 struct TestServerOptions
 {
-    std::string errorBody = "The answer could not be made.";
+    std::string errorBody = "The response could not be created.";
     uint32_t threadPoolSize = 4;
     uint32_t connectionTimeoutMs = 60000;
     bool allowWebSocket = false;

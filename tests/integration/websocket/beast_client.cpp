@@ -4,7 +4,7 @@
 //     websocket_beast_client connections PORT COUNT SEED
 //
 // "connections" prints "open" when all are open and goes on when it is sent a line. Both end with
-// a line of figures and status 0, or with what was wrong and status 1.
+// a line of statistics and status 0, or with the error and status 1.
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -55,7 +55,7 @@ void check(beast::error_code error, const char* what)
 struct Message
 {
     std::string_view data;
-    std::string changed;  // what `data` shows when it is not a plain cut
+    std::string changed;  // the text of `data` when it is not a plain cut
     bool isBinary = false;
     std::vector<size_t> pieces;  // lengths of all but the last; none when it goes in one frame
 };
@@ -112,11 +112,11 @@ public:
         return made;
     }
 
-    // What is sent before the answers are awaited: two messages of one frame each, or one message
-    // in pieces, or one whole. The server handles one frame each time it receives and one more
-    // when nothing is left to receive; further frames that came along would wait for the next
-    // byte from here. So there are two frames at most, or longer ones of which at most two end in
-    // the 1024 bytes that it receives at a time.
+    // The messages that are sent before their echoes are awaited: two messages of one frame each,
+    // or one message in pieces, or one whole. The server handles one frame each time it receives
+    // and one more when nothing is left to receive; further frames would wait for the next byte of
+    // the client. So there are two frames at most, or longer ones of which at most two end in the
+    // 1024 bytes that the server receives at a time.
     std::deque<std::unique_ptr<Message>> turn(const std::vector<size_t>& sizes, size_t at)
     {
         std::deque<std::unique_ptr<Message>> made;
@@ -163,7 +163,7 @@ private:
     std::string mText;
 };
 
-// One connection, which sends its messages turn by turn and compares what comes back.
+// One connection, which sends its messages turn by turn and compares the echoes.
 class Client
 {
 public:

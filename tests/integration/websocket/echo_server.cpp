@@ -1,6 +1,6 @@
 // Sends every message back, on the library alone: the server that foreign clients talk to.
 //
-// Prints its port, and after SIGTERM or SIGINT what it has echoed.
+// Prints its port, and after SIGTERM or SIGINT the statistics of its echoes.
 
 #include "../support/Waiting.h"
 
@@ -45,7 +45,7 @@ using qv::http::WebSocketThread;
 constexpr unsigned kWorkers = 4;
 constexpr std::chrono::seconds kStopLimit(60);
 
-struct Figures
+struct Counters
 {
     std::atomic<uint64_t> connections{0};
     std::atomic<uint64_t> messages{0};
@@ -82,10 +82,10 @@ private:
 class Echo : public WebSocket
 {
 public:
-    Echo(WebSocket&& upgraded, Registry& registry, Figures& figures)
-        : WebSocket(std::move(upgraded)), mRegistry(registry), mFigures(figures)
+    Echo(WebSocket&& upgraded, Registry& registry, Counters& counters)
+        : WebSocket(std::move(upgraded)), mRegistry(registry), mCounters(counters)
     {
-        ++mFigures.connections;
+        ++mCounters.connections;
         mRegistry.add(this);
     }
 
@@ -93,14 +93,14 @@ public:
 
     void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
     {
-        ++mFigures.messages;
-        mFigures.bytes += received.size();
+        ++mCounters.messages;
+        mCounters.bytes += received.size();
         writeMessage(received.data(), received.size(), isBinary);
     }
 
 private:
     Registry& mRegistry;
-    Figures& mFigures;
+    Counters& mCounters;
 };
 
 void Registry::closeAll()
@@ -134,8 +134,8 @@ private:
 class EchoApplication : public qv::http::HttpServerImpl
 {
 public:
-    EchoApplication(WebSocketThread& threads, Registry& registry, Figures& figures)
-        : mThreads(threads), mRegistry(registry), mFigures(figures)
+    EchoApplication(WebSocketThread& threads, Registry& registry, Counters& counters)
+        : mThreads(threads), mRegistry(registry), mCounters(counters)
     {}
 
     qv::HttpBaseRequest* createRequest() override
@@ -169,7 +169,7 @@ public:
         const int on = 1;
         ::setsockopt(upgraded->getSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         std::unique_ptr<WebSocket> connection =
-            std::make_unique<Echo>(std::move(*upgraded), mRegistry, mFigures);
+            std::make_unique<Echo>(std::move(*upgraded), mRegistry, mCounters);
         mThreads.addWebSocket(connection);
     }
 
@@ -186,7 +186,7 @@ public:
 private:
     WebSocketThread& mThreads;
     Registry& mRegistry;
-    Figures& mFigures;
+    Counters& mCounters;
     std::mutex mMutex;  // guards all below
     std::list<std::unique_ptr<Request>> mRequests;
     bool mEnding = false;
@@ -259,7 +259,7 @@ bool start(HttpServer& server, uint16_t port)
 // stopped does not end, so a WebSocketThread that has served clients cannot be relied on to be
 // destroyed. Everything else is brought down in order.
 [[noreturn]] void stop(HttpServer& server, EchoApplication& application, WebSocketThread& threads,
-                       Registry& registry, const Figures& figures)
+                       Registry& registry, const Counters& counters)
 {
     application.refuseConnections();
     Parking parking;
@@ -276,9 +276,9 @@ bool start(HttpServer& server, uint16_t port)
     registry.closeAll();
     server.stopServer(true);
     std::printf("echoed %llu messages, %llu bytes, on %llu connections\n",
-                static_cast<unsigned long long>(figures.messages),
-                static_cast<unsigned long long>(figures.bytes),
-                static_cast<unsigned long long>(figures.connections));
+                static_cast<unsigned long long>(counters.messages),
+                static_cast<unsigned long long>(counters.bytes),
+                static_cast<unsigned long long>(counters.connections));
     std::fflush(stdout);
 #if defined(__SANITIZE_ADDRESS__)
     __lsan_do_leak_check();  // ends the process with a report when there is a leak
@@ -301,7 +301,7 @@ int main()
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 
     qv::initializeWendrel();
-    Figures figures;
+    Counters counters;
     Registry registry;
     WebSocketThread threads;
     threads.startThreads(kWorkers);
@@ -310,7 +310,7 @@ int main()
     // failed cannot be started again.
     constexpr int kAttempts = 5;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        auto* application = new EchoApplication(threads, registry, figures);
+        auto* application = new EchoApplication(threads, registry, counters);
         HttpServer server(application);
         const uint16_t port = qv::tests::findFreePort();
         if (!start(server, port))
@@ -319,7 +319,7 @@ int main()
         std::fflush(stdout);
         int signal = 0;
         sigwait(&stopSignals, &signal);
-        stop(server, *application, threads, registry, figures);
+        stop(server, *application, threads, registry, counters);
     }
     std::fprintf(stderr, "The server did not start.\n");
     return 1;
