@@ -96,7 +96,7 @@ Operation Feeding(const char* name, size_t before, size_t size, Points points = 
             points};
 }
 
-TEST(ReceiveDeviceFailures, WhatIsFedIsTakenWholeOrNotAtAll)
+TEST(ReceiveDeviceFailures, FedBytesAreTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         Feeding("feed: into an empty queue", 0, 100),
@@ -241,7 +241,7 @@ Operation Writing(const char* name, size_t before, size_t size, Points points = 
             points};
 }
 
-TEST(ResponseDeviceFailures, WhatIsWrittenIsTakenWholeOrNotAtAll)
+TEST(ResponseDeviceFailures, WrittenBytesAreTakenWholeOrNotAtAll)
 {
     FailEachCallOf({
         Writing("write: into an empty queue", 0, 100),
@@ -302,7 +302,7 @@ TEST(ResponseDeviceFailures, HandingOverNeedsNoMemory)
     });
 }
 
-TEST(ResponseDeviceFailures, WhatCannotBeFetchedStays)
+TEST(ResponseDeviceFailures, BytesThatCannotBeFetchedStay)
 {
     FailEachCallOf({{"getData", [](Attempt& attempt) {
                          WorkerRequest request;

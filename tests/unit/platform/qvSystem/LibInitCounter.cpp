@@ -121,7 +121,7 @@ TEST(VersionRegistry, ForgetsAnUnknownNameWithoutEffect)
     EXPECT_EQ(GetThirdPartyLibVersionInfos(), before);
 }
 
-TEST(VersionRegistry, HoldsWhatTheSystemLibraryStandsOn)
+TEST(VersionRegistry, HoldsTheDependenciesOfTheSystemLibrary)
 {
     EXPECT_THAT(GetThirdPartyLibVersionInfos(),
                 Contains(Pair("spdlog", MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+"))));
