@@ -38,7 +38,7 @@ public:
     // The daemon has finished: nobody reads the response, and the upload has ended.
     void lost();
 
-    // One of the two will not use it any more.
+    // Called by the daemon and by the worker when they have finished with it.
     void release();
 
     Exchange* next = nullptr;  // in the queue

@@ -50,7 +50,7 @@ struct Allocations
     uint64_t bytes = 0;
 };
 
-// Those of the library since the start of the program.
+// The allocations of the library since the start of the program.
 Allocations CountedAllocations();
 
 // Remembers each allocation of the library from now on, with where it was made.

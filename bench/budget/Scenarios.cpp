@@ -88,7 +88,7 @@ public:
                mConnection.response->reader;
     }
 
-    // Of a response from one buffer.
+    // The body of a response from one buffer.
     std::string_view body() const
     {
         const MHD_Response* response = mConnection.response;

@@ -45,7 +45,7 @@ private:
     static inline Listener sListener;
 };
 
-// Its worker is the calling thread.
+// A request whose worker is the calling thread.
 class WorkerRequest : public Request
 {
 public:

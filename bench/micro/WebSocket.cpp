@@ -205,7 +205,7 @@ void putIntoReadQueue(Connection& connection, const Bytes& bytes)
     }
 }
 
-// So many frames at once that switching the clock on and off does not count.
+// The frames of one measurement: enough that the cost of reading the clock does not count.
 size_t framesAtOnce(size_t payloadBytes)
 {
     constexpr size_t kPayloadAtOnceBytes = 65536;

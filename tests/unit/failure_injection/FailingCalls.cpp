@@ -103,7 +103,7 @@ TEST(FailingCalls, PassOnWhatTheSystemSaysOfThreads)
     });
 }
 
-// Those that follow are tests of tests.
+// Detection of leaks and of wrong results.
 
 TEST(FailingCalls, SeeALeak)
 {

@@ -109,7 +109,7 @@ TEST_F(KitFailures, AHeadIsFilledWholeOrNotAtAll)
 
 // The router.
 
-// Whom the router gives a request.
+// The response of the handler that the router chooses.
 std::string Routed(const Router& router, const char* method, const char* target)
 {
     ServedRequest request(method, target);

@@ -49,7 +49,7 @@ public:
     using WebSocketThread::run;
 };
 
-// Its class starts the thread before a derived one would be there.
+// Calls run() of a worker. A derived object is not possible: the constructor starts the thread.
 class WorkerRun : public WebSocketWorkerThread
 {
 public:

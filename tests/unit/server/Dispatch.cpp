@@ -521,7 +521,7 @@ TEST_F(Dispatch, ThrowsOnANullMethod)
     EXPECT_EQ(requests[0]->getOriginalFullUrl(), "");
 }
 
-// Its time is read under the lock: a daemon thread that waits for the lock counts the wait.
+// The end time is read under the lock: the duration includes the wait for the lock.
 TEST_F(Dispatch, RequiredTakesTheUploadDurationUnderTheLockOfTheReceiveDevice)
 {
     Exchange& exchange = begin();

@@ -49,7 +49,7 @@ size_t byteCount()
     return ChunkPool::Instance().getBytes();
 }
 
-// Whole chunks, one for each call.
+// A queue of full chunks.
 Queue wholeChunks(size_t count)
 {
     Queue queue;

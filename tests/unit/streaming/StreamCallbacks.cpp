@@ -243,7 +243,7 @@ protected:
         mSlot = ContextOf(mRequest);
     }
 
-    // Never looked into by the callback.
+    // The callback does not dereference the connection.
     MHD_Connection* connection() { return reinterpret_cast<MHD_Connection*>(&mNoConnection); }
 
     void complete(unsigned code)

@@ -63,7 +63,7 @@ constexpr size_t kMaxCalls = 1000;
 constexpr const char* kKindNames[kFailingKinds] = {"new",     "malloc", "thread", "send",
                                                    "receive", "poll",   "open",   "daemon"};
 
-// Of the thread under test; the others only look at whether they are that thread.
+// Set on the thread under test only.
 constinit thread_local bool tArmed = false;
 constinit thread_local bool tTracked = false;
 

@@ -118,7 +118,7 @@ public:
     // A new connection; lives as long as the fake.
     MHD_Connection& connection();
 
-    // Of the feature questions only these get a yes (at first poll and epoll).
+    // The features that MHD_is_feature_supported reports; by default poll and epoll.
     void setFeatures(std::set<MHD_FEATURE> features);
 
     // From now on the function named `function` ("MHD_queue_response") refuses: it returns

@@ -52,7 +52,7 @@ public:
     void closeServer() { close(mEnds[0]); }
     void closeClient() { close(mEnds[1]); }
 
-    // As many of the bytes as the socket takes; returns how many.
+    // Writes the bytes that the socket accepts and returns their number.
     size_t write(const uint8_t* data, size_t size)
     {
         const ssize_t written = ::write(mEnds[1], data, size);

@@ -615,7 +615,7 @@ TEST_F(WebSocketThreadTest, SortsOneCycleInOrder)
     }
     start(1);
     ASSERT_TRUE(eventLog.waitFor("invalid: hello"));
-    // Those of the first cycle, then those of the second: first come, first served.
+    // Messages are delivered in the order of the cycles in which they were received.
     EXPECT_THAT(messages(),
                 ElementsAre("reads: hello", "both: hello", "silent: hello", "invalid: hello"));
     EXPECT_EQ(eventLog.count("close"), 1u);
@@ -1158,7 +1158,7 @@ TEST_F(WebSocketThreadTest, FinishesItsCycleWhenItIsStopped)
     EXPECT_EQ(Access::newCount(*threads), 1u);
     EXPECT_EQ(Access::readyCount(*threads), 1u);
 
-    // Those that are left are destroyed as they are: first those that waited for a worker.
+    // The remaining connections are destroyed, not closed: first those that waited for a worker.
     threads.reset();
     EXPECT_THAT(eventLog.lines(),
                 ElementsAre("poll silent reads closed", "close", "~closed", "~reads", "~silent"));
