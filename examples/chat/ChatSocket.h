@@ -13,8 +13,7 @@
 namespace chat
 {
 
-/// Derives from qv::http::WebSocket through the kit's connection. Owned by the library; member of a
-/// chat room until it is closed.
+/// Owned by the hub; member of a chat room until it is closed.
 class ChatSocket : public qv::kit::HubConnection, public Member
 {
 public:

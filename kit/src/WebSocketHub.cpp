@@ -5,10 +5,12 @@
 #include "Deadline.h"
 #include "KitLog.h"
 
+#include <qvSystem/Rollback.h>
+
 #include <fcntl.h>
 #include <linux/sockios.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
@@ -17,6 +19,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
+#include <new>
+#include <system_error>
 #include <vector>
 
 namespace qv::kit
@@ -24,13 +29,13 @@ namespace qv::kit
 namespace
 {
 
-constexpr std::chrono::milliseconds kLookPeriod(50);
+constexpr std::chrono::milliseconds kWatchInterval(50);
 
 // A client may send its last message and end its side at once: time to handle that message once
 // it has been received.
 constexpr std::chrono::milliseconds kHalfCloseGrace(500);
 
-constexpr unsigned long kShortLookMs = 1;
+constexpr unsigned long kStateIntervalMs = 1;
 
 constexpr int kKeepAliveIdleSeconds = 60;
 constexpr int kKeepAliveIntervalSeconds = 15;
@@ -98,6 +103,18 @@ int countUnread(int descriptor)
 int countUnacknowledged(int descriptor)
 {
     return countBytes(descriptor, SIOCOUTQ);
+}
+
+// Changes when the client has acknowledged bytes. The system counts them for a TCP socket; of
+// another one it tells only how many are left.
+uint64_t countSent(int descriptor)
+{
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (::getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+        size >= offsetof(tcp_info, tcpi_bytes_acked) + sizeof info.tcpi_bytes_acked)
+        return info.tcpi_bytes_acked;
+    return static_cast<uint64_t>(countUnacknowledged(descriptor));
 }
 
 // Dissolves the connection below the library: every later receive fails, also that of a worker
@@ -175,19 +192,89 @@ bool isAnyPending(const Visits& visits) QV_REQUIRES(visits.mutex)
 
 }  // namespace
 
-HubConnection::HubConnection(http::WebSocket&& upgraded)
-    : WebSocket(std::move(upgraded)), mWatch(::fcntl(getSocket(), F_DUPFD_CLOEXEC, 0))
+// The library destroys connections with its lock held. This one is for the library; the
+// application's object stays with the hub, which tells it of the end without that lock.
+class HubConnection::Driven final : public http::WebSocket
 {
+public:
+    Driven(http::WebSocket&& upgraded, HubConnection& connection)
+        : WebSocket(std::move(upgraded)), mConnection(&connection)
+    {}
+
+    ~Driven() override
+    {
+        // A poll thread that fails closes nothing.
+        markForDeletion();
+        if (mHub) {
+            const qvMutexLocker locker(&mHub->mMutex);
+            if (mConnection)
+                mHub->leave(*mConnection);
+        } else if (mConnection) {
+            part();
+        }
+    }
+
+    // Frames that came together with this one must not wait until the client sends more.
+    void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
+    {
+        setReadEnabled(true);
+        mConnection->onMessageReceived(received, isBinary);
+    }
+
+    // From here on neither of the two uses the other. With the lock of the hub held, if it is in
+    // one.
+    void part()
+    {
+        const std::unique_lock<std::shared_mutex> alone(mConnection->mDrivenMutex);
+        mConnection->mDriven = nullptr;
+        mConnection = nullptr;
+    }
+
+    // Set before the library has the object.
+    void enter(WebSocketHub& hub) { mHub = &hub; }
+
+private:
+    HubConnection* mConnection;  // changed under the hub's lock once it is in one
+    WebSocketHub* mHub = nullptr;
+};
+
+HubConnection::HubConnection(http::WebSocket&& upgraded)
+{
+    auto driven = std::make_unique<Driven>(std::move(upgraded), *this);
+    mDriven = driven.get();
+    mGiven = std::move(driven);
+    mWatch = ::fcntl(mDriven->getSocket(), F_DUPFD_CLOEXEC, 0);
     if (mWatch != -1)
         prepareSocket(mWatch);
 }
 
 HubConnection::~HubConnection()
 {
-    // Of one that never came into a hub, for want of memory or of threads.
-    markForDeletion();
+    // Still here if a derived constructor has thrown.
+    mGiven.reset();
     if (mWatch != -1)
         ::close(mWatch);
+}
+
+void HubConnection::onMessageReceived(std::vector<uint8_t>&, bool) {}
+
+void HubConnection::writeMessage(const void* data, size_t size, bool isBinary)
+{
+    const std::shared_lock<std::shared_mutex> alive(mDrivenMutex);
+    if (mDriven)
+        mDriven->writeMessage(data, size, isBinary);
+}
+
+bool HubConnection::hasWritePending() const
+{
+    const std::shared_lock<std::shared_mutex> alive(mDrivenMutex);
+    return mDriven && mDriven->hasWritePending();
+}
+
+bool HubConnection::hasReadPending() const
+{
+    const std::shared_lock<std::shared_mutex> alive(mDrivenMutex);
+    return mDriven && mDriven->hasReadPending();
 }
 
 void HubConnection::sendText(std::string_view text)
@@ -219,36 +306,61 @@ WebSocketHub::~WebSocketHub()
 
 void WebSocketHub::add(std::unique_ptr<HubConnection> connection)
 {
-    std::call_once(mStart, [this] { start(); });
+    HubConnection& added = *connection;
+    std::unique_ptr<http::WebSocket> given = std::move(added.mGiven);
+    Rollback refused([&] {
+        given.reset();
+        added.onClosed();
+    });
+    if (!start())
+        return;
     {
         const qvMutexLocker locker(&mMutex);
         // Without a descriptor of its own a connection could not be watched.
-        if (mClosed || connection->mWatch == -1) {
-            connection->markForDeletion();
+        if (mClosed || added.mWatch == -1)
             return;
-        }
-        mConnections.push_back(connection.get());
-        connection->mHub = this;
+        mConnections.push_back(std::move(connection));
+        added.mPlace = std::prev(mConnections.end());
+        added.mDriven->enter(*this);
+        refused.commit();
         mChanged.wakeAll();
     }
     // Without our lock: the library destroys connections under its own, and they come here for
     // ours.
-    std::unique_ptr<http::WebSocket> given = std::move(connection);
     mThreads->addWebSocket(given);
 }
 
-void WebSocketHub::start()
+// False when there are no threads, and true when there are or the hub has been closed.
+bool WebSocketHub::start()
 {
+    const qvMutexLocker oneAtATime(&mStartMutex);
+    if (mStarted)
+        return true;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mClosed)
+            return true;
+    }
     const BlockedSignals blocked;
-    mThreads = std::make_unique<http::WebSocketThread>();
-    mThreads->startThreads(mOptions.workers);
-    mWatcher = std::thread(&WebSocketHub::watch, this);
+    Rollback started([this] { mThreads.reset(); });
+    try {
+        mThreads = std::make_unique<http::WebSocketThread>();
+        mThreads->startThreads(mOptions.workers);
+        mWatcher = std::thread(&WebSocketHub::watch, this);
+    } catch (const std::system_error& error) {
+        LogError("cannot start the threads of the WebSockets: " + error.code().message() +
+                 ": a connection was refused");
+        return false;
+    }
+    started.commit();
+    mStarted = true;
+    return true;
 }
 
 void WebSocketHub::forEach(const std::function<void(HubConnection&)>& action)
 {
     const qvMutexLocker locker(&mMutex);
-    for (HubConnection* connection : mConnections)
+    for (const auto& connection : mConnections)
         action(*connection);
 }
 
@@ -261,34 +373,51 @@ size_t WebSocketHub::getCount() const
 void WebSocketHub::watch()
 {
     const qvMutexLocker locker(&mMutex);
+    Deadline nextLook(kWatchInterval);
     while (!mWatchEnds) {
-        waitForNextLook();
-        while (HubConnection* closed = findClosed())
-            leave(*closed);
-        lookForLost();
-        revivePollThread();
+        if (mEnded.empty())
+            mChanged.wait(&mMutex,
+                          mConnections.empty() ? qvWaitCondition::kNoTimeout : nextLook.leftMs());
+        tellEnds();
+        if (nextLook.leftMs() != 0)
+            continue;
+        nextLook = Deadline(kWatchInterval);
+        look();
     }
 }
 
-void WebSocketHub::waitForNextLook()
+void WebSocketHub::look()
 {
-    if (mConnections.empty()) {
-        while (!mWatchEnds && mConnections.empty())
-            mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
-        return;
+    while (HubConnection* closed = findClosed())
+        leave(*closed);
+    try {
+        lookForLost();
+    } catch (const std::bad_alloc&) {
+        // The next look may have the memory.
     }
-    const Deadline next(kLookPeriod);
-    while (!mWatchEnds && next.leftMs() != 0)
-        mChanged.wait(&mMutex, next.leftMs());
+    revivePollThread();
 }
 
-// After a poll() that has failed the connections that were in it are gone; the others go on.
+// After a poll() that has failed the connections that were in it are gone; the others go on, if
+// only when the system has a thread to give again.
 void WebSocketHub::revivePollThread()
 {
     if (!mThreads->waitThread(0))
         return;
-    if (mThreads->startThread(nullptr))
-        LogError("The poll thread of the WebSockets had ended and was started again");
+    const BlockedSignals blocked;
+    try {
+        try {
+            if (mThreads->startThread(nullptr))
+                LogError("The poll thread of the WebSockets had ended and was started again");
+            mLacksThread = false;
+        } catch (const std::system_error& error) {
+            if (!std::exchange(mLacksThread, true))
+                LogError("cannot restart the poll thread of the WebSockets: " +
+                         error.code().message() + ": trying again");
+        }
+    } catch (const std::bad_alloc&) {
+        // For the thread, which the next look tries to start, or for the line, which is lost.
+    }
 }
 
 // A connection that the library has closed, but that its worker still holds.
@@ -296,8 +425,8 @@ HubConnection* WebSocketHub::findClosed() const
 {
     const auto closed =
         std::find_if(mConnections.begin(), mConnections.end(),
-                     [](const HubConnection* connection) { return connection->getSocket() == -1; });
-    return closed == mConnections.end() ? nullptr : *closed;
+                     [](const auto& each) { return each->mDriven->getSocket() == -1; });
+    return closed == mConnections.end() ? nullptr : closed->get();
 }
 
 // Resets the connections whose client has gone, as far as the library does not notice, and those
@@ -306,7 +435,7 @@ void WebSocketHub::lookForLost()
 {
     std::vector<pollfd> looks;
     looks.reserve(mConnections.size());
-    for (const HubConnection* connection : mConnections)
+    for (const auto& connection : mConnections)
         looks.push_back({connection->mWatch, POLLRDHUP, 0});
     if (::poll(looks.data(), looks.size(), 0) < 0)
         return;
@@ -314,49 +443,50 @@ void WebSocketHub::lookForLost()
     const auto now = Clock::now();
     const auto never = Clock::time_point::max();
     auto look = looks.begin();
-    for (HubConnection* connection : mConnections) {
+    for (const auto& connection : mConnections) {
         auto& ended = connection->mEndedSince;
-        auto& unsent = connection->mUnsentSince;
         const bool hasEnded = look->revents != 0 && countUnread(look->fd) == 0;
         ++look;
         ended = hasEnded ? std::min(ended, now) : never;
-        unsent = connection->hasWritePending() ? std::min(unsent, now) : never;
-        if (now - kHalfCloseGrace >= ended || now - mOptions.unsentLimit >= unsent)
+        auto& stalled = connection->mStalledSince;
+        stalled = isStalled(*connection) ? std::min(stalled, now) : never;
+        if (now - kHalfCloseGrace >= ended || now - mOptions.unsentLimit >= stalled)
             resetConnection(connection->mWatch);
     }
 }
 
-void WebSocketHub::Leave(HubConnection& connection)
+// Bytes are queued, and the client has acknowledged none since the last look.
+bool WebSocketHub::isStalled(HubConnection& connection)
 {
-    if (!connection.mHub)
-        return;
-    // A poll thread that fails closes nothing.
-    connection.markForDeletion();
-    WebSocketHub& hub = *connection.mHub;
-    const qvMutexLocker locker(&hub.mMutex);
-    hub.leave(connection);
+    if (!connection.mDriven->hasWritePending())
+        return false;
+    const uint64_t sent = countSent(connection.mWatch);
+    return std::exchange(connection.mSentBytes, sent) == sent;
 }
 
-// Called by the watcher, and by the thread that destroys the connection, which waits here while
-// the watcher is at it.
+// Called by the watchdog, and by the thread that destroys the connection's Driven.
 void WebSocketHub::leave(HubConnection& connection)
 {
-    using Stay = HubConnection::Stay;
-    while (connection.mStay == Stay::Leaving)
-        mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
-    if (connection.mStay == Stay::Left)
-        return;
-    connection.mStay = Stay::Leaving;
-    mConnections.remove(&connection);
+    connection.mDriven->part();
+    mEnded.splice(mEnded.end(), mConnections, connection.mPlace);
     ++mLeaving;
+    mChanged.wakeAll();
+}
+
+void WebSocketHub::tellEnds()
+{
+    if (mEnded.empty())
+        return;
+    Connections told;
+    told.swap(mEnded);
+    const size_t count = told.size();
     mMutex.unlock();
-    connection.onClosed();
+    while (!told.empty()) {
+        told.front()->onClosed();
+        told.pop_front();
+    }
     mMutex.lock();
-    // The client is to see the end now, not when the object is destroyed.
-    ::close(connection.mWatch);
-    connection.mWatch = -1;
-    connection.mStay = Stay::Left;
-    --mLeaving;
+    mLeaving -= count;
     mChanged.wakeAll();
 }
 
@@ -368,8 +498,10 @@ bool WebSocketHub::close(std::chrono::milliseconds limit)
         const qvMutexLocker locker(&mMutex);
         mClosed = true;
     }
-    // From here on a connection is refused, whether it has started the threads or not.
-    std::call_once(mStart, [] {});
+    {
+        // No start is under way after this, and none begins.
+        const qvMutexLocker noStart(&mStartMutex);
+    }
     if (mWatcher.joinable())
         mThreadsEnded = endThreads(limit);
     return mThreadsEnded;
@@ -394,10 +526,10 @@ void WebSocketHub::endConnections(std::chrono::milliseconds limit)
     const Deadline end(limit);
     const qvMutexLocker locker(&mMutex);
     while (isAnyUnsent() && end.leftMs() != 0)
-        mChanged.wait(&mMutex, kShortLookMs);
+        mChanged.wait(&mMutex, kStateIntervalMs);
     // The poll thread closes what it has. A worker goes round in its loop with what it has, as
-    // after a half-close, until the watcher comes.
-    for (const HubConnection* connection : mConnections)
+    // after a half-close, until the watchdog comes.
+    for (const auto& connection : mConnections)
         ::shutdown(connection->mWatch, SHUT_RDWR);
     while (!mConnections.empty() || mLeaving != 0)
         mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
@@ -406,8 +538,8 @@ void WebSocketHub::endConnections(std::chrono::milliseconds limit)
 // Of what the system has taken, a reset would throw away what the client has not.
 bool WebSocketHub::isAnyUnsent() const
 {
-    return std::any_of(mConnections.begin(), mConnections.end(), [](const HubConnection* each) {
-        return each->hasWritePending() || countUnacknowledged(each->mWatch) > 0;
+    return std::any_of(mConnections.begin(), mConnections.end(), [](const auto& each) {
+        return each->mDriven->hasWritePending() || countUnacknowledged(each->mWatch) > 0;
     });
 }
 
@@ -438,11 +570,11 @@ bool WebSocketHub::freeWorkers()
     // Nothing more is pending when a worker is about to hand its visitor back; only then may the
     // visitor be told to go, for the poll thread to destroy it.
     while (isAnyPending(visits))
-        visits.changed.wait(&visits.mutex, kShortLookMs);
+        visits.changed.wait(&visits.mutex, kStateIntervalMs);
     ::close(ends[1]);
     while (!visits.visitors.empty()) {
         revivePollThread();
-        visits.changed.wait(&visits.mutex, kLookPeriod.count());
+        visits.changed.wait(&visits.mutex, kWatchInterval.count());
     }
     ::close(ends[0]);
     return true;

@@ -180,7 +180,7 @@ public:
 
     void stop() { mServer->stop(milliseconds(0)); }
 
-    /// Every connection that was made has been closed once, at the right time, and deleted.
+    /// Every connection that was made has been told of its end once and in order, and deleted.
     void expectNothingIsLeft()
     {
         EXPECT_EQ(mLedger.closed, mLedger.made);

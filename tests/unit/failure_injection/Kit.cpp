@@ -1,6 +1,7 @@
 // The kit while memory and threads run out.
 
 #include "failure_injection/Support.h"
+#include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
 #include "websocket/Support.h"
@@ -19,7 +20,10 @@
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 
+#include <support/Waiting.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -39,8 +43,6 @@ using kit::Router;
 using kit::WebSocketHub;
 using kit::WorkerPool;
 using testing::SizeIs;
-
-constexpr std::chrono::seconds kLimit(60);
 
 class KitFailures : public testing::Test
 {
@@ -422,47 +424,117 @@ TEST(KitServerFailures, AServerIsMadeWholeOrNotAtAll)
 
 // Upgraded connections.
 
+struct Ends
+{
+    std::atomic<int> made{0};
+    std::atomic<int> closed{0};
+    std::atomic<int> destroyed{0};
+};
+
 class Joined : public HubConnection
 {
 public:
-    explicit Joined(http::WebSocket&& upgraded, std::string text)
-        : HubConnection(std::move(upgraded)), mText(text + kLongText)
-    {}
+    Joined(http::WebSocket&& upgraded, Ends& ends, const std::string& text)
+        : HubConnection(std::move(upgraded)), mText(text + kLongText), mEnds(ends)
+    {
+        ++mEnds.made;
+    }
+    ~Joined() override { ++mEnds.destroyed; }
+
+protected:
+    void onClosed() override { ++mEnds.closed; }
 
 private:
     std::string mText;
+    Ends& mEnds;
 };
 
-TEST(WebSocketHubFailures, AConnectionComesIntoTheHubOrIsClosed)
+class UpgradedSocket
 {
-    if (!CanRepeatCallOnce())
-        GTEST_SKIP() << "ThreadSanitizer waits for ever on a call_once that has thrown";
+public:
+    // For a hub, which takes ownership.
+    WebSocket* make()
+    {
+        return new WebSocket(mEnds.server(),
+                             reinterpret_cast<MHD_UpgradeResponseHandle*>(&mHandle));
+    }
+
+private:
+    SocketPair mEnds;
+    char mHandle = 0;
+};
+
+constexpr const char* kRefusedLine = "cannot start the threads of the WebSockets: "
+                                     "Resource temporarily unavailable: a connection was refused";
+
+TEST(WebSocketHubFailures, AConnectionComesIntoTheHubOrIsClosedAndToldSo)
+{
     FailEachCallOf({{"WebSocketHub: adopt", [](Attempt& attempt) {
+                         CapturedLog log;
                          RecordingDaemon daemon;
-                         char handles[2];
-                         SocketPair ends[2];
+                         UpgradedSocket sockets[2];
+                         Ends ends;
                          WebSocketHub::Options options;
                          options.workers = 1;
                          {
                              WebSocketHub hub(options);
-                             const auto adopt = [&](int i) {
-                                 auto upgraded = std::make_unique<WebSocket>(
-                                     ends[i].server(),
-                                     reinterpret_cast<MHD_UpgradeResponseHandle*>(&handles[i]));
-                                 return [&hub, socket = upgraded.release()] {
-                                     hub.adopt<Joined>(socket, kLongText);
-                                 };
-                             };
-                             const bool done = attempt(adopt(0));
-                             EXPECT_EQ(done, !attempt.hasFailed());
-                             EXPECT_EQ(hub.getCount(), done ? 1u : 0u);
-                             EXPECT_THAT(daemon.closedHandles(), SizeIs(done ? 0 : 1));
-                             adopt(1)();
-                             EXPECT_EQ(hub.getCount(), done ? 2u : 1u);
+                             WebSocket* const first = sockets[0].make();
+                             const bool done =
+                                 attempt([&] { hub.adopt<Joined>(first, ends, kLongText); });
+                             EXPECT_EQ(done, !attempt.hasLackedMemory());
+                             const bool isRefused = attempt.hasFailed(Failing::ThreadStart);
+                             EXPECT_THAT(log.lines(), SizeIs(isRefused ? 1 : 0));
+                             if (isRefused) {
+                                 EXPECT_EQ(log.lines().at(0).message, kRefusedLine);
+                             }
+                             const size_t open = done && !isRefused ? 1 : 0;
+                             EXPECT_EQ(hub.getCount(), open);
+                             EXPECT_THAT(daemon.closedHandles(), SizeIs(1 - open));
+                             hub.adopt<Joined>(sockets[1].make(), ends, kLongText);
+                             EXPECT_EQ(hub.getCount(), open + 1);
                              EXPECT_TRUE(hub.close(std::chrono::milliseconds(0)));
                          }
                          EXPECT_THAT(daemon.closedHandles(), SizeIs(2));
+                         EXPECT_EQ(ends.closed, ends.made);
+                         EXPECT_EQ(ends.destroyed, ends.made);
                      }}});
+}
+
+TEST(WebSocketHubFailures, APollThreadThatCannotBeRestartedIsRestartedLater)
+{
+    CapturedLog log;
+    const auto isLogged = [&](const std::string& text) {
+        for (const auto& line : log.lines()) {
+            if (line.message == text)
+                return true;
+        }
+        return false;
+    };
+    RecordingDaemon daemon;
+    UpgradedSocket sockets[2];
+    Ends ends;
+    WebSocketHub hub;
+    ScriptedSockets faulty;
+    hub.adopt<Joined>(sockets[0].make(), ends, kLongText);
+    {
+        const NoThreads none;
+        faulty.failFrom(ScriptedSockets::Poll, faulty.count(ScriptedSockets::Poll), EINVAL);
+        EXPECT_TRUE(waitUntil([&] { return ends.closed == 1; }));
+        hub.adopt<Joined>(sockets[1].make(), ends, kLongText);
+        EXPECT_TRUE(waitUntil([&] {
+            return isLogged("cannot restart the poll thread of the WebSockets: "
+                            "Resource temporarily unavailable: trying again");
+        }));
+        faulty.passThrough();
+    }
+    EXPECT_TRUE(waitUntil([&] {
+        return isLogged("The poll thread of the WebSockets had ended and was started again");
+    }));
+    EXPECT_EQ(hub.getCount(), 1u);
+    EXPECT_TRUE(hub.close(std::chrono::milliseconds(0)));
+    EXPECT_EQ(ends.closed, 2);
+    EXPECT_EQ(ends.destroyed, 2);
+    EXPECT_THAT(daemon.closedHandles(), SizeIs(2));
 }
 
 }  // namespace

@@ -79,6 +79,8 @@ struct Plan
 };
 Plan gPlan;
 
+std::atomic<bool> gRefusesThreads{false};
+
 std::atomic<std::chrono::seconds> gLongestRun{std::chrono::seconds(60)};
 
 bool isMemory(Failing kind)
@@ -332,9 +334,14 @@ bool CanFailMalloc()
     return WENDREL_TESTS_OWN_MALLOC;
 }
 
-bool CanRepeatCallOnce()
+NoThreads::NoThreads()
 {
-    return !WENDREL_TESTS_THREAD_SANITIZER;
+    gRefusesThreads = true;
+}
+
+NoThreads::~NoThreads()
+{
+    gRefusesThreads = false;
 }
 
 bool ShouldFail(Failing kind)
@@ -561,7 +568,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 {
     using Real = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static const auto real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (qv::tests::isCounted() && qv::tests::countCall(Failing::ThreadStart))
+    if (qv::tests::gRefusesThreads ||
+        (qv::tests::isCounted() && qv::tests::countCall(Failing::ThreadStart)))
         return EAGAIN;
     // The C library reuses the memory of a thread for the next thread.
     const qv::tests::TestsOwn own;

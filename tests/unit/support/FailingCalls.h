@@ -23,8 +23,15 @@ inline constexpr size_t kFailingKinds = 8;
 // False under a sanitizer.
 bool CanFailMalloc();
 
-// False under ThreadSanitizer, whose call_once waits for ever after an exception.
-bool CanRepeatCallOnce();
+// While one is alive, no thread of the program can start another.
+class NoThreads
+{
+public:
+    NoThreads();
+    ~NoThreads();
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+};
 
 // Counts a call of the thread under test; true when it is the one that has to fail.
 bool ShouldFail(Failing kind);
