@@ -9,6 +9,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace qv::kit
 {
@@ -17,6 +18,14 @@ namespace
 
 constexpr const char* kErrorBody = "{\"error\":\"The server failed.\",\"status\":500}";
 constexpr const char* kRetryAfterSeconds = "1";
+constexpr const char* kFailedMessage = "The server failed.";
+constexpr const char* kUnknownException = "an exception that is no std::exception";
+
+std::string describe(const Request& request)
+{
+    return HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
+           request.getOriginalFullUrl();
+}
 
 }  // namespace
 
@@ -52,9 +61,8 @@ void Application::serve(Request& request)
 
 void Application::onHandlerFailed(Request& request, const std::exception& error)
 {
-    LogError(HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
-             request.getOriginalFullUrl() + " failed: " + error.what());
-    request.failWith("The server failed.");
+    LogError(describe(request) + " failed: " + error.what());
+    request.failWith(kFailedMessage);
 }
 
 void Application::onServerStopped() {}
@@ -82,16 +90,39 @@ void Application::handleRequest(HttpBaseRequest* base)
 void Application::serveOnWorker(Request* request)
 {
     request->workerThreadStartHandling(qvThread::CurrentThreadId());
+    // The one place where application code is called: nothing it throws ends the process, whether
+    // it comes from a handler or from onHandlerFailed.
     try {
-        serve(*request);
+        serveOrReport(*request);
     } catch (const std::exception& error) {
-        onHandlerFailed(*request, error);
+        failUnreported(*request, error.what());
     } catch (...) {
-        // The one place where application code is called: nothing it throws ends the process.
-        onHandlerFailed(*request, std::runtime_error("an exception that is no std::exception"));
+        failUnreported(*request, kUnknownException);
     }
     release(request);
     mReaper.reap();
+}
+
+void Application::serveOrReport(Request& request)
+{
+    try {
+        serve(request);
+    } catch (const std::exception& error) {
+        onHandlerFailed(request, error);
+    } catch (...) {
+        onHandlerFailed(request, std::runtime_error(kUnknownException));
+    }
+}
+
+// onHandlerFailed has thrown.
+void Application::failUnreported(Request& request, const char* reason)
+{
+    try {
+        LogError(describe(request) + " failed, and onHandlerFailed threw: " + reason);
+        request.failWith(kFailedMessage);
+    } catch (...) {
+        // No memory, or a log sink that throws: release() completes the response.
+    }
 }
 
 // On the daemon's thread: the answer is complete before this returns.

@@ -3,11 +3,13 @@
 #include <Wendrel/kit/Application.h>
 
 #include "Support.h"
+#include "support/CapturedLog.h"
 
 #include <gmock/gmock.h>
 
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -60,12 +62,12 @@ protected:
         EXPECT_EQ(CountedRequest::sLive, 0);
     }
 
-    void make(unsigned int workers, size_t queueLimit)
+    template <typename App = CountingApplication> void make(unsigned int workers, size_t queueLimit)
     {
         Application::Options options;
         options.workers = workers;
         options.queueLimit = queueLimit;
-        mApplication = new CountingApplication(options);
+        mApplication = new App(options);
         mDaemon = std::make_unique<Completer>(mApplication);
     }
 
@@ -181,6 +183,57 @@ TEST_F(ApplicationTest, RespondsForAHandlerThatThrows)
     EXPECT_EQ(response(prepared), failed);
     EXPECT_THAT(response(arrive("/begun")), ::testing::EndsWith(" cut off"));
     EXPECT_EQ(response(arrive("/replied")), "200 text");
+}
+
+// Throws again where it is told of a handler that has thrown.
+class RethrowingApplication : public CountingApplication
+{
+public:
+    using CountingApplication::CountingApplication;
+
+protected:
+    void onHandlerFailed(Request& request, const std::exception& error) override
+    {
+        const std::string reason = error.what();
+        if (reason == "begun")
+            request.write("text", 4);
+        if (reason == "responded")
+            request.reply(503, "text/plain", "later");
+        if (reason == "exception")
+            throw std::runtime_error("on purpose");
+        throw 42;
+    }
+};
+
+TEST_F(ApplicationTest, RespondsWhenOnHandlerFailedThrows)
+{
+    const std::string failed = "500 {\"error\":\"The server failed.\",\"status\":500}";
+    const std::string suffix = " failed, and onHandlerFailed threw: ";
+    const std::string number = suffix + "an exception that is no std::exception";
+    const struct
+    {
+        std::string target;
+        ::testing::Matcher<std::string> response;
+        std::string logged;
+    } rows[] = {
+        {"/number", failed, number},
+        {"/exception", failed, suffix + "on purpose"},
+        {"/responded", "503 later", number},
+        {"/begun", ::testing::EndsWith(" cut off"), number},
+    };
+    qv::tests::CapturedLog log;
+    make<RethrowingApplication>(1, 10);
+    route("/fine", [](Request& request) { request.reply(200, "text/plain", "text"); });
+    route("/{reason}",
+          [](Request& request) { throw std::runtime_error(request.getPathParameter("reason")); });
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.target);
+        EXPECT_THAT(response(arrive(row.target)), row.response);
+        // The worker is still there.
+        EXPECT_EQ(response(arrive("/fine")), "200 text");
+        EXPECT_EQ(log.lines().back().message, "GET " + row.target + row.logged);
+    }
+    EXPECT_EQ(log.lines().size(), std::size(rows));
 }
 
 TEST_F(ApplicationTest, RefusesWhatItsWorkersCannotTake)

@@ -69,7 +69,8 @@ protected:
     virtual void serve(Request& request);
 
     /// A handler has thrown. Logs the text and answers 500, or abandons an answer that has
-    /// begun, unless overridden. Thread: a worker.
+    /// begun, unless overridden. An exception that leaves an override is logged, and the request
+    /// gets the same response. Thread: a worker.
     virtual void onHandlerFailed(Request& request, const std::exception& error);
 
     /// Does nothing. An override closes what must end before the daemon: a WebSocketHub. Thread:
@@ -86,6 +87,8 @@ private:
     void handleRequest(HttpBaseRequest* request) final;
     void onRequestCompleted() final {}
     void serveOnWorker(Request* request);
+    void serveOrReport(Request& request);
+    static void failUnreported(Request& request, const char* reason);
     void refuse(Request* request);
     void release(Request* request);
 
