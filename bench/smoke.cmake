@@ -4,7 +4,6 @@ include(${PROJECT_SOURCE_DIR}/tests/integration/script_tests.cmake)
 
 wendrel_python_tests(PREFIX bench.smoke
     SCRIPT ${CMAKE_CURRENT_LIST_DIR}/smoke.py
-    TIMEOUT 300
     ENVIRONMENT
         BENCH_SERVER=$<TARGET_FILE:wendrel-bench-server>
         BENCH_BARE=$<TARGET_FILE:wendrel-bench-bare>

@@ -6,14 +6,14 @@ foreach(page limits errors)
     add_test(NAME docs.${page}
         COMMAND Python3::Interpreter ${pages_dir}/${page}.py ${PROJECT_SOURCE_DIR} --broken)
     set_tests_properties(docs.${page} PROPERTIES
-        ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 TIMEOUT 300)
+        ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 TIMEOUT 900)
     wendrel_any_build(docs.${page})
 endforeach()
 
 find_program(DOT_PROGRAM dot)
 if(DOT_PROGRAM)
     add_test(NAME docs.diagrams COMMAND ${PROJECT_SOURCE_DIR}/scripts/diagrams.sh --check)
-    set_tests_properties(docs.diagrams PROPERTIES TIMEOUT 300)
+    set_tests_properties(docs.diagrams PROPERTIES TIMEOUT 900)
     wendrel_any_build(docs.diagrams)
 else()
     message(STATUS "Test of the diagrams: left out, dot is missing")
@@ -28,7 +28,7 @@ if(DOXYGEN_PROGRAM)
             ${CMAKE_CURRENT_BINARY_DIR}/reference/Doxyfile
             ${CMAKE_CURRENT_BINARY_DIR}/reference/html)
     set_tests_properties(docs.reference PROPERTIES
-        ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 TIMEOUT 300)
+        ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 TIMEOUT 900)
     wendrel_any_build(docs.reference)
 else()
     message(STATUS "Test of the reference: left out, doxygen is missing")
@@ -40,6 +40,6 @@ if(TARGET hello)
             COMMAND Python3::Interpreter ${pages_dir}/rolling_restart.py ${proxy}
                 $<TARGET_FILE:hello>)
         set_tests_properties(docs.rolling_restart.${proxy} PROPERTIES
-            ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 SKIP_RETURN_CODE 77 TIMEOUT 300)
+            ENVIRONMENT PYTHONDONTWRITEBYTECODE=1 SKIP_RETURN_CODE 77 TIMEOUT 900)
     endforeach()
 endif()

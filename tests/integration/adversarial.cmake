@@ -27,6 +27,6 @@ target_compile_definitions(integration_adversarial PRIVATE
     WENDREL_SLOWHTTPTEST="$<$<BOOL:${SLOWHTTPTEST_PROGRAM}>:${SLOWHTTPTEST_PROGRAM}>")
 add_dependencies(integration_adversarial adversarial_server)
 # Not two at once: each takes thousands of sockets and both cores.
-gtest_discover_tests(integration_adversarial TEST_PREFIX integration_adversarial. DISCOVERY_TIMEOUT 120
-    PROPERTIES TIMEOUT 900 RESOURCE_LOCK adversarial
+gtest_discover_tests(integration_adversarial TEST_PREFIX integration_adversarial. DISCOVERY_TIMEOUT 600
+    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
         ENVIRONMENT WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor})

@@ -6,5 +6,4 @@ if(NOT TARGET wendrel-chat)
 endif()
 wendrel_python_tests(PREFIX chat
     SCRIPT ${CMAKE_CURRENT_LIST_DIR}/chat/test_chat.py
-    ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>
-    TIMEOUT 300)
+    ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>)

@@ -10,4 +10,4 @@ target_link_libraries(early_initialisation PRIVATE
     wendrel_build wendrel_archive Wendrel::qvSystem Wendrel::qvOpenSSL Wendrel::Ostrand
     Wendrel::Quenby PkgConfig::MICROHTTPD)
 add_test(NAME integration.early_initialisation COMMAND early_initialisation)
-set_tests_properties(integration.early_initialisation PROPERTIES TIMEOUT 60)
+set_tests_properties(integration.early_initialisation PROPERTIES TIMEOUT 900)

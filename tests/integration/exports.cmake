@@ -12,5 +12,5 @@ if(Python3_FOUND AND CMAKE_NM AND CMAKE_READELF AND BUILD_SHARED_LIBS
     add_test(NAME integration.exports
         COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/exports.py
             --nm ${CMAKE_NM} --readelf ${CMAKE_READELF} check ${libraries})
-    set_tests_properties(integration.exports PROPERTIES TIMEOUT 60)
+    set_tests_properties(integration.exports PROPERTIES TIMEOUT 900)
 endif()

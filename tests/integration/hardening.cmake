@@ -19,5 +19,5 @@ if(Python3_FOUND AND CMAKE_READELF AND BUILD_SHARED_LIBS AND wendrel_hardened)
         COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/hardening.py
             --readelf ${CMAKE_READELF} --files ${hardened} --objects ${with_objects}
         COMMAND_EXPAND_LISTS)
-    set_tests_properties(integration.hardening PROPERTIES TIMEOUT 60)
+    set_tests_properties(integration.hardening PROPERTIES TIMEOUT 900)
 endif()

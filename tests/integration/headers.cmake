@@ -26,6 +26,6 @@ foreach(compiler g++ clang++)
         add_test(NAME ${name}
             COMMAND ${wendrel_${id}} -std=c++17 -Wall -Wextra -Wpedantic -Werror -fsyntax-only
                 ${public_directories} -x c++ ${PROJECT_SOURCE_DIR}/${header})
-        set_tests_properties(${name} PROPERTIES TIMEOUT 60)
+        set_tests_properties(${name} PROPERTIES TIMEOUT 900)
     endforeach()
 endforeach()

@@ -5,7 +5,6 @@ wendrel_test_program(integration_kit
         main.cpp
         support/CapturedLog.cpp support/ProcessCounts.cpp support/RawClient.cpp
         KitLoad.cpp KitServer.cpp KitWebSocketStops.cpp KitWebSockets.cpp
-    LIBRARIES Wendrel::Kit CURL::libcurl
-    TIMEOUT 240)
+    LIBRARIES Wendrel::Kit CURL::libcurl)
 
 include(hello.cmake)

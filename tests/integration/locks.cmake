@@ -3,5 +3,4 @@
 
 wendrel_test_program(integration_locks
     SOURCES main.cpp support/CapturedLog.cpp support/CurlClient.cpp support/Pattern.cpp locks/ProcessWideLocks.cpp
-    LIBRARIES Wendrel::Kit CURL::libcurl ${CMAKE_DL_LIBS}
-    TIMEOUT 240)
+    LIBRARIES Wendrel::Kit CURL::libcurl ${CMAKE_DL_LIBS})

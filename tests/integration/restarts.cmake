@@ -15,7 +15,7 @@ wendrel_test_program(integration_restart
         restarts/Clients.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl
-    TIMEOUT 600 SERIAL)
+    TIMEOUT 1800 SERIAL)
 target_compile_definitions(integration_restart PRIVATE
     WENDREL_RESTART_ROUNDS=${restart_rounds} WENDREL_SANITIZED=${restart_sanitized})
 

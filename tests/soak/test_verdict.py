@@ -144,7 +144,7 @@ class Files(unittest.TestCase):
                       "after": {"chat": after}}
             (directory / "phases.json").write_text(json.dumps(phases))
             done = subprocess.run([sys.executable, HERE / "verdict.py", name], text=True,
-                                  capture_output=True, check=False, timeout=120)
+                                  capture_output=True, check=False, timeout=600)
             return done.returncode, done.stdout
 
     def test_a_clean_run_passes(self):

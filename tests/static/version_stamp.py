@@ -33,7 +33,7 @@ class VersionStamp(unittest.TestCase):
 
     def run_quietly(self, *command):
         return subprocess.run(command, capture_output=True, text=True, check=False, cwd=self.source,
-                              timeout=120, env={**os.environ, "GIT_CONFIG_GLOBAL": "/dev/null"})
+                              timeout=600, env={**os.environ, "GIT_CONFIG_GLOBAL": "/dev/null"})
 
     def git(self, *arguments):
         result = self.run_quietly("git", "-c", "user.name=Tester", "-c", "user.email=tester@localhost",

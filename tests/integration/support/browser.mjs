@@ -15,7 +15,7 @@ const kChromium = process.env.CHROMIUM ?? '/usr/bin/chromium'
 const kPython = process.env.WENDREL_PYTHON ?? 'python3'
 const kProxyScript = fileURLToPath(new URL('../proxies/support.py', import.meta.url))
 
-export const kLimitMs = process.env.WENDREL_SANITIZED === '1' ? 60000 : 30000
+export const kLimitMs = 120000
 
 export function launchBrowser() {
     return chromium.launch({
