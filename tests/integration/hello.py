@@ -4,19 +4,15 @@ Usage: hello.py PROGRAM
 """
 
 import http.client
+import pathlib
 import signal
 import socket
 import subprocess
 import sys
 import unittest
 
-LIMIT_SECONDS = 60
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+sys.path.append(str(pathlib.Path(__file__).parents[1] / "support"))
+from processes import LIMIT_SECONDS, Process, free_port
 
 
 class Hello(unittest.TestCase):
@@ -24,13 +20,10 @@ class Hello(unittest.TestCase):
 
     def start(self):
         port = free_port()
-        process = subprocess.Popen([self.program, str(port)], stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
-        self.addCleanup(process.communicate)
+        process = Process(self.program, str(port))
         self.addCleanup(process.kill)
         # Lines of the library's log stand around it.
-        url = next((line for line in process.stdout if line.startswith("http")), "")
-        self.assertEqual(url, f"http://127.0.0.1:{port}/hello/world\n")
+        process.wait_line(rf"http://127\.0\.0\.1:{port}/hello/world$")
         connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
         self.addCleanup(connection.close)
         return process, connection
@@ -69,9 +62,9 @@ class Hello(unittest.TestCase):
         for number in (signal.SIGTERM, signal.SIGINT):
             process, connection = self.start()
             self.assertEqual(self.ask(connection, "GET", "/hello/x")[1], "Hello, x!\n")
-            process.send_signal(number)
-            self.assertEqual(process.wait(timeout=LIMIT_SECONDS), 0)
-            self.assertEqual(process.stderr.read(), "")
+            process.send(number)
+            self.assertEqual(process.wait_end(), 0)
+            self.assertEqual(process.errors, [])
 
     def test_says_that_it_cannot_listen(self):
         with socket.socket() as taken:

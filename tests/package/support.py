@@ -4,15 +4,17 @@ import os
 import pathlib
 import shutil
 import signal
-import socket
 import subprocess
+import sys
 import urllib.request
 
 STEP_LIMIT_SECONDS = 900
-RESPONSE_LIMIT_SECONDS = 30
 FOLDER = pathlib.Path(__file__).resolve().parent
 SOURCE = FOLDER.parent.parent
 GREETING = "Hello, world!\n"
+
+sys.path.append(str(SOURCE / "tests" / "support"))
+from processes import LIMIT_SECONDS, free_port
 
 
 class Failed(Exception):
@@ -50,12 +52,6 @@ def build(source, folder, *options, target=None):
     run("cmake", "--build", folder, *(["--target", target] if target else []))
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def check_greeting(program, library_path=None):
     """Starts the program, asks it once, stops it."""
     environment = dict(os.environ)
@@ -67,10 +63,10 @@ def check_greeting(program, library_path=None):
     try:
         url = next((line for line in process.stdout if line.startswith("http")), None)
         expect(url, f"{program} did not start")
-        with urllib.request.urlopen(url.strip(), timeout=RESPONSE_LIMIT_SECONDS) as response:
+        with urllib.request.urlopen(url.strip(), timeout=LIMIT_SECONDS) as response:
             text = response.read().decode()
         process.send_signal(signal.SIGTERM)
-        code = process.wait(timeout=RESPONSE_LIMIT_SECONDS)
+        code = process.wait(timeout=LIMIT_SECONDS)
     finally:
         process.kill()
         process.wait()

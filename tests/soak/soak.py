@@ -27,7 +27,7 @@ import plot
 import verdict
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path.append(str(HERE.parent / "integration" / "support"))
+sys.path.append(str(HERE.parent / "support"))
 from processes import free_port
 
 START_LIMIT_SECONDS = 60

@@ -19,6 +19,7 @@ import plot
 import soak
 from client import CLOSE_FRAME, WebSocket, cancel, frame
 from load import Load, Pace, Person
+from processes import wait_until
 
 HERE = pathlib.Path(__file__).resolve().parent
 LIMIT_SECONDS = 120
@@ -275,10 +276,7 @@ class Ends(unittest.TestCase):
             server.check_alive()
 
     def wait_for(self, server, text):
-        end = soak.time.monotonic() + LIMIT_SECONDS
-        while text not in server.text():
-            self.assertLess(soak.time.monotonic(), end, server.text())
-            soak.time.sleep(0.01)
+        wait_until(lambda: text in server.text(), text)
 
 
 class Leaks(unittest.TestCase):

@@ -13,8 +13,7 @@ import sys
 import time
 
 HERE = pathlib.Path(__file__).resolve().parent
-INTEGRATION = HERE.parents[1] / "integration"
-sys.path += [str(INTEGRATION / "support"), str(INTEGRATION / "proxies")]
+sys.path += [str(HERE.parents[1] / "support"), str(HERE.parents[1] / "integration" / "proxies")]
 from instances import Instance, Load, admin_of, second_instance
 from support import Proxy, find_program
 

@@ -15,7 +15,7 @@ import unittest
 import urllib.error
 import urllib.request
 
-sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 from live_client import LiveClient
 from processes import LIMIT_SECONDS, SANITIZED, Process, free_port, wait_until
 

@@ -17,7 +17,7 @@ import time
 import responses
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path += [str(HERE.parent / name) for name in ("support", "proxies")]
+sys.path += [str(HERE.parents[1] / "support"), str(HERE.parent / "proxies")]
 from processes import LIMIT_SECONDS, Process, wait_until
 from support import DEPLOY, Proxy
 

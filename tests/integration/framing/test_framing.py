@@ -12,10 +12,9 @@ import unittest
 import framing
 import paths
 from paths import Outcome
-from processes import SANITIZED, wait_until
+from processes import LIMIT_SECONDS, wait_until
 from raw_requests import EXPECT_ALONE, NEXT, REQUESTS, get
 
-LIMIT_SECONDS = 60 if SANITIZED else 20
 MAX_FAILURES = 5
 
 

@@ -23,7 +23,7 @@ import tempfile
 import threading
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path.append(str(HERE.parent / "support"))
+sys.path.append(str(HERE.parents[1] / "support"))
 from processes import LIMIT_SECONDS, free_port, wait_until
 
 DEPLOY = HERE.parents[2] / "deploy"

@@ -15,7 +15,7 @@ import unittest
 
 import websocket
 
-sys.path += [str(pathlib.Path(__file__).parent.parent / name) for name in ("support", "filedrop")]
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 import filedrop_server as filedrop
 from filedrop_server import MIB, SERVER
 from instances import Instance, Load, admin_of, second_instance

@@ -25,7 +25,7 @@ import urllib.parse
 
 import websocket
 
-sys.path += [str(pathlib.Path(__file__).parent.parent / name) for name in ("support", "filedrop")]
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 import filedrop_server as filedrop
 from filedrop_server import MIB
 from processes import LIMIT_SECONDS, Process, free_port, wait_until

@@ -20,7 +20,7 @@ import time
 import unittest
 
 HERE = pathlib.Path(__file__).parent
-sys.path += [str(HERE.parent / "support"), str(HERE.parent / "filedrop"), str(HERE.parent / "chat")]
+sys.path += [str(HERE.parents[1] / "support"), str(HERE.parent / "chat")]
 import filedrop_server
 import test_chat
 from live_client import LiveClient

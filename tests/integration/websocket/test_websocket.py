@@ -14,7 +14,7 @@ import socket
 import sys
 import unittest
 
-sys.path.append(str(pathlib.Path(__file__).parent.parent / "support"))
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 from processes import Process, wait_until
 
 SERVER = os.environ.get("WENDREL_ECHO_SERVER", "websocket_echo_server")
