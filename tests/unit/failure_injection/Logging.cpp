@@ -2,6 +2,7 @@
 
 #include "failure_injection/Support.h"
 #include "support/CapturedLog.h"
+#include "support/TemporaryDirectory.h"
 
 #include "server/logging/LogObject.h"
 
@@ -10,7 +11,6 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -228,33 +228,16 @@ TEST(LogFailures, TextsAreMadeWholeOrNotAtAll)
     }
 }
 
-class TemporaryDirectory
+// All log files, the newest first.
+std::string TextIn(const TemporaryDirectory& directory)
 {
-public:
-    TemporaryDirectory()
-    {
-        std::string path = std::filesystem::temp_directory_path() / "sinkXXXXXX";
-        EXPECT_NE(mkdtemp(path.data()), nullptr);
-        mPath = path;
+    std::string all;
+    for (const char* name : {"log.txt", "log.1.txt", "log.2.txt"}) {
+        std::ifstream file(directory / name);
+        all += std::string(std::istreambuf_iterator<char>(file), {});
     }
-    ~TemporaryDirectory() { std::filesystem::remove_all(mPath); }
-
-    std::string path(const std::string& name) const { return mPath / name; }
-
-    // All files, the newest first.
-    std::string text() const
-    {
-        std::string all;
-        for (const char* name : {"log.txt", "log.1.txt", "log.2.txt"}) {
-            std::ifstream file(mPath / name);
-            all += std::string(std::istreambuf_iterator<char>(file), {});
-        }
-        return all;
-    }
-
-private:
-    std::filesystem::path mPath;
-};
+    return all;
+}
 
 qvLog::LogEntry Entry(const std::string& message)
 {
@@ -271,15 +254,15 @@ TEST(LogSinkFailures, ASinkIsMadeOrNot)
                          std::string error;
                          std::unique_ptr<qvLogSink> sink;
                          const bool done = attempt([&] {
-                             sink = MakeRotatingFileSink(directory.path("log.txt"), 1000, 2, error);
+                             sink = MakeRotatingFileSink(directory / "log.txt", 1000, 2, error);
                          });
                          if (!done || !sink) {
                              EXPECT_TRUE(attempt.hasFailed());
-                             sink = MakeRotatingFileSink(directory.path("log.txt"), 1000, 2, error);
+                             sink = MakeRotatingFileSink(directory / "log.txt", 1000, 2, error);
                          }
                          sink->write(Entry("a line"));
                          sink->flush();
-                         EXPECT_THAT(directory.text(), testing::HasSubstr("a line\n"));
+                         EXPECT_THAT(TextIn(directory), testing::HasSubstr("a line\n"));
                      }},
                     {"MakeStandardErrorSink, MakeSystemLogSink", [](Attempt& attempt) {
                          gSystemLog.clear();
@@ -306,7 +289,7 @@ TEST(LogSinkFailures, AFileSinkGoesOnAfterAFailure)
         FailEachCall(name.c_str(), [&](Attempt& attempt) {
             const TemporaryDirectory directory;
             std::string error;
-            const auto sink = MakeRotatingFileSink(directory.path("log.txt"), 1000, 2, error);
+            const auto sink = MakeRotatingFileSink(directory / "log.txt", 1000, 2, error);
             sink->write(Entry("first " + std::string(700, 'f')));
             const qvLog::LogEntry entry = Entry("second " + std::string(size, 's'));
             attempt([&] {
@@ -316,8 +299,8 @@ TEST(LogSinkFailures, AFileSinkGoesOnAfterAFailure)
             for (const char* text : {"third", "fourth"})
                 sink->write(Entry(text));
             sink->flush();
-            EXPECT_THAT(directory.text(), testing::HasSubstr("third\nfourth\n"));
-            EXPECT_THAT(directory.text(), testing::HasSubstr("first"));
+            EXPECT_THAT(TextIn(directory), testing::HasSubstr("third\nfourth\n"));
+            EXPECT_THAT(TextIn(directory), testing::HasSubstr("first"));
         });
     }
 }
@@ -331,7 +314,7 @@ TEST(LogSinkFailures, AFileSinkGoesOnWhenThereAreDescriptorsAgain)
         FailEachCall(name.c_str(), [&](Attempt& attempt) {
             const TemporaryDirectory directory;
             std::string error;
-            const auto sink = MakeRotatingFileSink(directory.path("log.txt"), 1000, 2, error);
+            const auto sink = MakeRotatingFileSink(directory / "log.txt", 1000, 2, error);
             sink->write(Entry("first " + std::string(900, 'f')));
             const qvLog::LogEntry second = Entry("second " + std::string(400, 's'));
             const qvLog::LogEntry lost = Entry("lost " + std::string(size, 'l'));
@@ -342,19 +325,19 @@ TEST(LogSinkFailures, AFileSinkGoesOnWhenThereAreDescriptorsAgain)
                 sink->flush();
             });
             const std::string said = testing::internal::GetCapturedStderr();
-            EXPECT_THAT(directory.text(), testing::HasSubstr("first"));
+            EXPECT_THAT(TextIn(directory), testing::HasSubstr("first"));
             if (!attempt.hasFailed()) {
                 EXPECT_EQ(said, "");
-                EXPECT_THAT(directory.text(), testing::HasSubstr("lost"));
+                EXPECT_THAT(TextIn(directory), testing::HasSubstr("lost"));
             }
 
             const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(50);
-            while (directory.text().find("third\n") == std::string::npos &&
+            while (TextIn(directory).find("third\n") == std::string::npos &&
                    std::chrono::steady_clock::now() < end) {
                 sink->write(Entry("third"));
                 sink->flush();
             }
-            EXPECT_THAT(directory.text(), testing::HasSubstr("third\n"));
+            EXPECT_THAT(TextIn(directory), testing::HasSubstr("third\n"));
         });
     }
 }

@@ -2,6 +2,8 @@
 
 #include "FileStore.h"
 
+#include <support/TemporaryDirectory.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,15 +28,7 @@ namespace fs = std::filesystem;
 class FileStoreTest : public testing::Test
 {
 protected:
-    FileStoreTest()
-    {
-        std::string pattern = (fs::temp_directory_path() / "filedrop-XXXXXX").string();
-        mRoot = mkdtemp(pattern.data());
-        mServed = mRoot / "served";
-        fs::create_directory(mServed);
-    }
-
-    ~FileStoreTest() override { fs::remove_all(mRoot); }
+    FileStoreTest() { fs::create_directory(mServed); }
 
     std::unique_ptr<FileStore> openStore()
     {
@@ -83,8 +77,9 @@ protected:
         return result;
     }
 
-    fs::path mRoot;
-    fs::path mServed;
+    const qv::tests::TemporaryDirectory mDirectory;
+    const fs::path mRoot = mDirectory.path();
+    const fs::path mServed = mRoot / "served";
 };
 
 using Names = std::vector<std::string>;

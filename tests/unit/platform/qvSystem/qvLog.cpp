@@ -4,6 +4,7 @@
 #include <qvSystem/qvLog.h>
 
 #include "../../../support/Forking.h"
+#include "../../../support/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 
@@ -136,30 +137,13 @@ private:
     std::string mBefore;
 };
 
-class TemporaryDirectory
+std::vector<std::string> NamesIn(const TemporaryDirectory& directory)
 {
-public:
-    TemporaryDirectory()
-    {
-        std::string path = std::filesystem::temp_directory_path() / "qvLogXXXXXX";
-        EXPECT_NE(mkdtemp(path.data()), nullptr);
-        mPath = path;
-    }
-    ~TemporaryDirectory() { std::filesystem::remove_all(mPath); }
-
-    std::string operator/(const char* name) const { return mPath / name; }
-
-    std::vector<std::string> names() const
-    {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(mPath))
-            names.push_back(entry.path().filename());
-        return names;
-    }
-
-private:
-    std::filesystem::path mPath;
-};
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
+        names.push_back(entry.path().filename());
+    return names;
+}
 
 std::vector<std::string> LinesOf(const std::string& path)
 {
@@ -488,7 +472,7 @@ TEST(qvLogRotatingFileSink, KeepsAsManyOldFilesAsAsked)
     ASSERT_EQ(error, "");
     for (int i = 0; i < 9; ++i)
         log.Write(Entry("entry " + std::to_string(i)), true);
-    EXPECT_THAT(directory.names(),
+    EXPECT_THAT(NamesIn(directory),
                 ::testing::UnorderedElementsAre("test.log", "test.1.log", "test.2.log"));
     EXPECT_THAT(LinesOf(path), ElementsAre("PREFIX entry 8"));
     EXPECT_THAT(LinesOf(directory / "test.1.log"), ElementsAre("PREFIX entry 6", "PREFIX entry 7"));
