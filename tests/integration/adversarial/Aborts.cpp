@@ -33,7 +33,6 @@ constexpr size_t kAtOnce = 200;
 constexpr size_t kUploadBytes = 300000;
 constexpr size_t kBufferedBytes = 200000;
 constexpr size_t kStreamBytes = 1000000;
-constexpr milliseconds kLimit = std::chrono::minutes(4);
 
 enum Kind : int { SizedUpload, ChunkedUpload, Buffered, SizedStream, ChunkedStream, KindCount };
 

@@ -16,7 +16,6 @@ namespace
 
 constexpr size_t kConnections = 50000;
 constexpr size_t kAtOnce = 64;
-constexpr milliseconds kLimit = std::chrono::minutes(4);
 constexpr size_t kToleratedBytes = 8u << 20;
 
 // By the client's role.

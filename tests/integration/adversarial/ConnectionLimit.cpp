@@ -21,7 +21,6 @@ namespace
 // Of the daemon, shared out evenly among its threads.
 constexpr size_t kPlaces = 1020;
 constexpr size_t kConnections = 1500;
-constexpr milliseconds kLimit = std::chrono::seconds(60);
 constexpr size_t kToleratedBytes = 16u << 20;
 
 bool isResponse(const Client& client)

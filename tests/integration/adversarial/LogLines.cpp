@@ -6,11 +6,10 @@
 
 #include "../support/Waiting.h"
 
+#include <support/TemporaryDirectory.h>
+
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -21,8 +20,6 @@ namespace adversarial
 {
 namespace
 {
-
-constexpr milliseconds kLimit = std::chrono::seconds(60);
 
 // "2026-02-17T09:30:00.125" with any digits.
 bool beginsWithTime(const std::string& line)
@@ -39,18 +36,6 @@ bool beginsWithTime(const std::string& line)
 class LogLines : public ::testing::Test
 {
 protected:
-    LogLines()
-    {
-        std::string pattern = std::filesystem::temp_directory_path() / "adversarial-log-XXXXXX";
-        if (::mkdtemp(pattern.data()))
-            directory = pattern;
-    }
-    ~LogLines() override
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
-
     std::string written() const
     {
         std::stringstream text;
@@ -88,7 +73,7 @@ protected:
         return count;
     }
 
-    std::filesystem::path directory;
+    const qv::tests::TemporaryDirectory directory;
 };
 
 // Each on a connection of its own; waits for the end of all.
@@ -105,8 +90,7 @@ void sendRaw(uint16_t port, const std::vector<std::string>& rows)
 
 TEST_F(LogLines, OfAdversarialBytesAreOneEscapedLineAnEntry)
 {
-    ASSERT_FALSE(directory.empty());
-    ServerProcess server({"threads=2", "timeout=1000", "log=" + (directory / "log.txt").string()});
+    ServerProcess server({"threads=2", "timeout=1000", "log=" + directory / "log.txt"});
     const uint16_t port = server.port();
 
     // In the target, decoded by the daemon: a line of its own that looks like one of ours.

@@ -13,6 +13,9 @@ namespace adversarial
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
+/// The limit of a wait for all clients or for the server.
+constexpr milliseconds kLimit = std::chrono::minutes(4);
+
 /// True in a build with sanitizers, where memory and times say nothing about the library.
 extern const bool kSanitized;
 

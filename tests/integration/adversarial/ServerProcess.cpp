@@ -27,8 +27,6 @@ namespace adversarial
 namespace
 {
 
-constexpr milliseconds kReplyLimit = std::chrono::seconds(60);
-
 // The chunk pool that a running server keeps for later bodies.
 constexpr size_t kKeptBytes = 4u << 20;
 
@@ -85,7 +83,7 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
     ::close(replies[1]);
     if (error != 0)
         throw std::runtime_error("cannot start " + words[0]);
-    mPort = static_cast<uint16_t>(parsed(readLine(kReplyLimit)).at("port"));
+    mPort = static_cast<uint16_t>(parsed(readLine(kLimit)).at("port"));
     mFirstDescriptors = descriptors();
 }
 
@@ -124,7 +122,7 @@ Report ServerProcess::ask(const std::string& order)
     const std::string line = order + "\n";
     if (::write(mOrders, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
         throw std::runtime_error("the server takes no orders");
-    return parsed(readLine(kReplyLimit));
+    return parsed(readLine(kLimit));
 }
 
 std::map<std::string, uint64_t> ServerProcess::endings()
@@ -132,7 +130,7 @@ std::map<std::string, uint64_t> ServerProcess::endings()
     std::map<std::string, uint64_t> counts;
     const uint64_t lines = ask("endings").at("lines");
     for (uint64_t i = 0; i < lines; ++i) {
-        const std::string line = readLine(kReplyLimit);
+        const std::string line = readLine(kLimit);
         const size_t space = line.find(' ');
         counts[line.substr(space + 1)] = std::stoull(line.substr(0, space));
     }
@@ -170,7 +168,7 @@ Footprint ServerProcess::quietFootprint()
 Report ServerProcess::stop(milliseconds limit)
 {
     const Report report = ask("stop " + std::to_string(limit.count()));
-    EXPECT_EQ(waitForEnd(kReplyLimit), std::optional<int>(0));
+    EXPECT_EQ(waitForEnd(kLimit), std::optional<int>(0));
     EXPECT_EQ(report.at("created"), report.at("deleted"));
     return report;
 }

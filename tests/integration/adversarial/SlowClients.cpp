@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace adversarial
 {
@@ -26,7 +27,6 @@ constexpr size_t kClients = 500;
 constexpr milliseconds kTimeOut(2000);
 constexpr milliseconds kBetweenBytes(700);
 constexpr int kDrips = 7;  // more than two time-outs
-constexpr milliseconds kLimit = std::chrono::seconds(60);
 constexpr double kKib = 1024;
 constexpr size_t kToleratedBytes = 8u << 20;
 constexpr size_t kGoodRequests = 300;
@@ -63,21 +63,39 @@ protected:
         crowd = std::make_unique<Crowd>(server->port());
     }
 
-    void openAll(const std::string& firstBytes, int receiveBuffer = 0)
+    // Serves the crowd until the condition holds, with a byte of each client in every interval.
+    bool dripUntil(const std::function<bool()>& condition)
     {
-        const size_t clients = scaled(kClients);
-        for (size_t i = 0; i < clients; ++i)
-            crowd->send(crowd->open(0, receiveBuffer), firstBytes);
-        ASSERT_TRUE(crowd->run(
+        return crowd->run(
             [&] {
-                return std::all_of(
-                    crowd->clients().begin(), crowd->clients().end(),
-                    [&](const Client& each) { return each.sent >= firstBytes.size(); });
+                dripWhenDue();
+                return condition();
             },
-            kLimit));
-        // And the server has taken them all.
-        ASSERT_TRUE(
-            waitUntil([&] { return server->descriptors() >= before.descriptors + clients; }));
+            kLimit);
+    }
+
+    // Notes the longest pause in case this machine stands still longer than the server waits.
+    void dripWhenDue()
+    {
+        if (millisecondsSince(dripped) < static_cast<double>(kBetweenBytes.count()))
+            return;
+        const auto previous = std::exchange(dripped, Clock::now());
+        for (Client& each : crowd->clients())
+            crowd->send(each, "x");
+        longestPause = std::max(longestPause, millisecondsSince(previous));
+        ++drips;
+    }
+
+    // Waits until the server has accepted all, of which none times out before the last has come.
+    void openAllDripping(const std::string& firstBytes)
+    {
+        dripped = Clock::now();
+        for (size_t i = 0; i < scaled(kClients); ++i)
+            crowd->send(crowd->open(), firstBytes);
+        ASSERT_TRUE(dripUntil([&] {
+            return crowd->count(Client::Connecting) == 0 &&
+                   server->descriptors() >= before.descriptors + crowd->count(Client::Open);
+        }));
     }
 
     // One client for each rate at which it will read.
@@ -138,18 +156,12 @@ protected:
         return attack;
     }
 
-    // Does the deed again and again, with good clients beside it; notes the longest pause in case
-    // this machine stands still longer than the server waits.
-    void dripAll(const std::function<void(Client&)>& deed)
+    // With good clients beside it.
+    void dripAll()
     {
         Meanwhile good(server->port(), Meanwhile::Requests);
-        for (int i = 0; i < kDrips; ++i) {
-            const auto start = Clock::now();
-            crowd->runFor(kBetweenBytes);
-            for (Client& each : crowd->clients())
-                deed(each);
-            longestPause = std::max(longestPause, millisecondsSince(start));
-        }
+        const int last = drips + kDrips;
+        EXPECT_TRUE(dripUntil([&] { return drips >= last; }));
         const Served& served = good.stop();
         served.print("answered-beside-attack");
         slowestAnswer = served.times.most();
@@ -205,14 +217,16 @@ protected:
     double memoryOfEach = 0;
     double longestPause = 0;
     double slowestAnswer = 0;
+    Clock::time_point dripped;
+    int drips = 0;
 };
 
 TEST_F(SlowClients, AHeadByteByByteKeepsItsPlaceAndLittleElse)
 {
     start(16);
-    openAll("GET /small HTTP/1.1\r\nHost: x\r\nX-Slow: ");
+    openAllDripping("GET /small HTTP/1.1\r\nHost: x\r\nX-Slow: ");
     printCostOfEach(server->footprint());
-    dripAll([this](Client& each) { crowd->send(each, "x"); });
+    dripAll();
     expectAllAreStillThere();
     expectClosedInTime();
     if (!kSanitized) {
@@ -225,10 +239,11 @@ TEST_F(SlowClients, AHeadByteByByteKeepsItsPlaceAndLittleElse)
 TEST_F(SlowClients, ABodyByteByByteKeepsAWorker)
 {
     start(scaled(kClients) + 16);
-    openAll("PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n12345");
-    EXPECT_TRUE(waitUntil([this] { return server->metrics().at("open") >= scaled(kClients); }));
+    openAllDripping("PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000\r\n\r\n12345");
+    EXPECT_TRUE(
+        dripUntil([this] { return server->metrics().at("open") >= crowd->count(Client::Open); }));
     printCostOfEach(server->footprint());
-    dripAll([this](Client& each) { crowd->send(each, "x"); });
+    dripAll();
     expectAllAreStillThere();
     expectClosedInTime();
     if (!kSanitized) {
@@ -243,7 +258,16 @@ TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
     constexpr int kReceiveBuffer = 8192;
     start(scaled(kClients) + 16);
     const size_t kernelBefore = kernelBytesForTcp();
-    openAll("GET /known/67108864 HTTP/1.1\r\nHost: x\r\n\r\n", kReceiveBuffer);
+    for (size_t i = 0; i < scaled(kClients); ++i)
+        crowd->send(crowd->open(0, kReceiveBuffer),
+                    "GET /known/67108864 HTTP/1.1\r\nHost: x\r\n\r\n");
+    // They read until the server has accepted all: none times out before the last has come.
+    ASSERT_TRUE(crowd->run(
+        [&] {
+            return crowd->count(Client::Connecting) == 0 &&
+                   server->descriptors() >= before.descriptors + crowd->count(Client::Open);
+        },
+        kLimit));
     for (Client& each : crowd->clients())
         each.receiveUpTo = each.received;
     Meanwhile good(server->port(), Meanwhile::Requests);
@@ -282,11 +306,15 @@ TEST_F(SlowClients, AReaderKeepsItsPlaceAboveACertainRate)
             each.receiveUpTo = kRates[each.number] * static_cast<uint64_t>(i) / kPartsOfATurn;
             crowd->update(each);
         }
+        const auto start = Clock::now();
         crowd->runFor(milliseconds(1000 / kPartsOfATurn));
+        longestPause = std::max(longestPause, millisecondsSince(start));
     }
     // Each that is still served has a request open.
     const uint64_t stayed = server->metrics().at("open");
-    EXPECT_GT(stayed, 0u);
+    if (keptPace()) {
+        EXPECT_GT(stayed, 0u);
+    }
     EXPECT_LT(stayed, std::size(kRates));
     metric("lowest-rate-that-stays",
            static_cast<double>(kRates[std::size(kRates) - std::max<uint64_t>(1, stayed)]) / kKib,
@@ -351,13 +379,14 @@ TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
         crowd->runFor(kBetweenBytes);
         for (Client& each : crowd->clients())
             crowd->send(each, "x");
-        longestPause = std::max(longestPause, millisecondsSince(start) -
-                                                  i * static_cast<double>(kBetweenBytes.count()));
     }
+    const size_t answered = good.answered();
     metric("attackers", kWorkers, "connections");
-    metric("answered-during-attack", static_cast<double>(good.answered()), "requests");
+    metric("answered-during-attack", static_cast<double>(answered), "requests");
+    // A worker that a timeout has freed is seen by the end of its client.
+    crowd->runFor(milliseconds(100));
     if (crowd->count(Client::Open) == kWorkers) {
-        EXPECT_EQ(good.answered(), 0u);
+        EXPECT_EQ(answered, 0u);
     }
     EXPECT_TRUE(crowd->run([&] { return good.answered() > 0; }, kLimit));
     metric("next-answer-after-attack-began", millisecondsSince(start), "ms");

@@ -28,7 +28,6 @@ using integration::maskedFrame;
 using integration::waitUntil;
 
 constexpr size_t kClients = 500;
-constexpr milliseconds kLimit = std::chrono::seconds(60);
 constexpr size_t kGoodMessages = 40;
 // The allocator keeps pages between the blocks that the workers pool.
 constexpr size_t kToleratedBytes = 32u << 20;
