@@ -1,6 +1,7 @@
 // The kit while memory and threads run out.
 
 #include "failure_injection/Support.h"
+#include "kit/Support.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
@@ -16,9 +17,6 @@
 #include <Wendrel/kit/Server.h>
 #include <Wendrel/kit/WebSocketHub.h>
 #include <Wendrel/kit/WorkerPool.h>
-
-#include "request/ConnectionContext.h"
-#include "request/DispatchAccess.h"
 
 #include <support/Waiting.h>
 
@@ -42,6 +40,9 @@ using kit::ResponseHead;
 using kit::Router;
 using kit::WebSocketHub;
 using kit::WorkerPool;
+using kit::tests::Complete;
+using kit::tests::CountedRequest;
+using kit::tests::ServedRequest;
 using testing::SizeIs;
 
 class KitFailures : public testing::Test
@@ -50,27 +51,6 @@ protected:
     KitFailures() { HttpBaseRequest::InitRequestTypes(); }
     ~KitFailures() override { HttpBaseRequest::ClearRequestTypes(); }
 };
-
-class ServedRequest : public Request
-{
-public:
-    explicit ServedRequest(const char* method = "GET", std::string target = "/")
-    {
-        setHttpMethod(method);
-        setOriginalFullUrl(std::move(target));
-        workerThreadStartHandling(qvThread::CurrentThreadId());
-    }
-};
-
-// The body that the daemon would send.
-std::string Sent(HttpBaseRequest& request)
-{
-    std::string bytes(1 << 20, '\0');
-    bool ended = false;
-    bytes.resize(
-        request.getResponseDevice().sendChunksThreadSafe(bytes.data(), bytes.size(), ended, ended));
-    return bytes;
-}
 
 // The head.
 
@@ -117,7 +97,7 @@ std::string Routed(const Router& router, const char* method, const char* target)
     ServedRequest request(method, target);
     router.dispatch(request);
     return std::to_string(request.getHead().getStatusCode()) + " " +
-           request.getHead().getHeader("allow") + " " + Sent(request);
+           request.getHead().getHeader("allow") + " " + request.sent();
 }
 
 Router::Handler Replying(const std::string& text)
@@ -183,7 +163,7 @@ TEST_F(KitFailures, ARequestThatCouldNotBeRoutedCanBeFailed)
                 request.failWith("The server failed.");
             }
             EXPECT_TRUE(request.isAnnounced());
-            EXPECT_THAT(Sent(request), testing::HasSubstr(done ? row.body : "The server failed."));
+            EXPECT_THAT(request.sent(), testing::HasSubstr(done ? row.body : "The server failed."));
         });
     }
 }
@@ -213,7 +193,7 @@ TEST_F(KitFailures, AResponseIsSentOnceAndWhole)
                 EXPECT_TRUE(request.reply(200, "text/html; charset=utf-8", row.body));
             }
             EXPECT_TRUE(request.isAnnounced());
-            EXPECT_EQ(Sent(request), row.body);
+            EXPECT_EQ(request.sent(), row.body);
         });
     }
 }
@@ -230,7 +210,7 @@ TEST_F(KitFailures, AStreamGoesOnWhereItStood)
                              attempt([&] { taken = request.write(piece.data(), piece.size()); });
                          EXPECT_EQ(taken, done);
                          request.finish();
-                         const std::string sent = Sent(request);
+                         const std::string sent = request.sent();
                          // Pieces of 65536 bytes, each of them whole or not at all.
                          EXPECT_TRUE(sent == piece ||
                                      (!done && (sent.empty() || sent == piece.substr(0, 65536))))
@@ -310,55 +290,35 @@ TEST_F(KitFailures, ATaskIsQueuedOrNot)
 
 // Requests until their end.
 
-class CountedRequest : public Request
-{
-public:
-    explicit CountedRequest(std::atomic<int>& alive) : mAlive(alive) { ++mAlive; }
-    ~CountedRequest() override { --mAlive; }
-
-private:
-    std::atomic<int>& mAlive;
-};
-
-void Complete(HttpBaseRequest& request)
-{
-    qvMutexLocker locker(&impl::DispatchAccess::mutex(request.getResponseDevice()));
-    impl::DispatchAccess::completed(request) = true;
-    request.onCompleted(0);
-}
-
 TEST_F(KitFailures, ARequestIsNotDeletedBeforeItIsCompleted)
 {
     FailEachCallOf({{"RequestReaper: add",
                      [](Attempt& attempt) {
-                         std::atomic<int> alive{0};
                          RequestReaper reaper;
-                         auto request = std::make_unique<CountedRequest>(alive);
+                         auto request = std::make_unique<CountedRequest>();
                          kit::Request* added = nullptr;
                          const bool done =
                              attempt([&] { added = &reaper.add(std::move(request)); });
                          EXPECT_EQ(reaper.getOpenCount(), done ? 1u : 0u);
-                         EXPECT_EQ(alive, done ? 1 : 0);
+                         EXPECT_EQ(CountedRequest::sAlive, done ? 1 : 0);
                          if (!done)
-                             added = &reaper.add(std::make_unique<CountedRequest>(alive));
+                             added = &reaper.add(std::make_unique<CountedRequest>());
                          reaper.finished(*added);
-                         EXPECT_EQ(alive, 1);
+                         EXPECT_EQ(CountedRequest::sAlive, 1);
                          Complete(*added);
                          EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
-                         EXPECT_EQ(alive, 0);
+                         EXPECT_EQ(CountedRequest::sAlive, 0);
                      }},
                     {"RequestReaper: finished, completed",
                      [](Attempt& attempt) {
-                         std::atomic<int> alive{0};
                          RequestReaper reaper;
-                         kit::Request& request =
-                             reaper.add(std::make_unique<CountedRequest>(alive));
+                         kit::Request& request = reaper.add(std::make_unique<CountedRequest>());
                          EXPECT_TRUE(attempt([&] { reaper.finished(request); }));
                          // The daemon may still use it.
-                         EXPECT_EQ(alive, 1);
+                         EXPECT_EQ(CountedRequest::sAlive, 1);
                          EXPECT_TRUE(attempt([&] { Complete(request); }));
                          EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
-                         EXPECT_EQ(alive, 0);
+                         EXPECT_EQ(CountedRequest::sAlive, 0);
                      },
                      Points::None},
                     {"RequestReaper: made", [](Attempt& attempt) {
@@ -384,7 +344,7 @@ private:
         return options;
     }
 
-    Request* newRequest() override { return new CountedRequest(mAlive); }
+    Request* newRequest() override { return new CountedRequest; }
 
     std::atomic<int>& mAlive;
 };
@@ -398,7 +358,7 @@ TEST_F(KitFailures, ARequestThatIsNotCountedIsNotMade)
                          HttpBaseRequest* request = nullptr;
                          const bool done = attempt([&] { request = base.createRequest(); });
                          EXPECT_EQ(request != nullptr, done);
-                         EXPECT_EQ(alive, done ? 2 : 1);
+                         EXPECT_EQ(CountedRequest::sAlive, done ? 1 : 0);
                      }}});
 }
 

@@ -23,24 +23,6 @@ namespace
 
 using Http = HttpBaseRequest;
 
-// Counts itself, and says where it is deleted.
-class CountedRequest : public Request
-{
-public:
-    CountedRequest() { ++sLive; }
-    ~CountedRequest() override
-    {
-        --sLive;
-        if (onDeleted)
-            onDeleted();
-    }
-
-    std::function<void()> onDeleted;
-    static std::atomic<int> sLive;
-};
-
-std::atomic<int> CountedRequest::sLive{0};
-
 class CountingApplication : public Application
 {
 public:
@@ -55,11 +37,11 @@ protected:
 class ApplicationTest : public ::testing::Test
 {
 protected:
-    ApplicationTest() { CountedRequest::sLive = 0; }
+    ApplicationTest() { CountedRequest::sAlive = 0; }
     ~ApplicationTest() override
     {
         mDaemon.reset();
-        EXPECT_EQ(CountedRequest::sLive, 0);
+        EXPECT_EQ(CountedRequest::sAlive, 0);
     }
 
     template <typename App = CountingApplication> void make(unsigned int workers, size_t queueLimit)
@@ -133,7 +115,7 @@ TEST_F(ApplicationTest, ServesByItsRouterAndCounts)
     EXPECT_TRUE(mApplication->drain(kLimit));
     EXPECT_EQ(mApplication->getOpenCount(), 0u);
     EXPECT_EQ(mApplication->getRequestCount(), 2u);
-    EXPECT_EQ(CountedRequest::sLive, 0);
+    EXPECT_EQ(CountedRequest::sAlive, 0);
 }
 
 TEST_F(ApplicationTest, RespondsForAHandlerThatDoesNot)
@@ -301,11 +283,11 @@ TEST_F(ApplicationTest, KeepsARequestUntilItsWorkerHasFinished)
     ASSERT_TRUE(latch.waitForArrivals(1));
     mDaemon->complete(request, MHD_REQUEST_TERMINATED_CLIENT_ABORT);
     EXPECT_FALSE(mApplication->drain(kWhile));
-    EXPECT_EQ(CountedRequest::sLive, 1);
+    EXPECT_EQ(CountedRequest::sAlive, 1);
     latch.open();
     EXPECT_TRUE(aborted.get_future().get());
     EXPECT_TRUE(mApplication->drain(kLimit));
-    EXPECT_EQ(CountedRequest::sLive, 0);
+    EXPECT_EQ(CountedRequest::sAlive, 0);
 }
 
 // The reaper's own thread is held up by another request meanwhile.

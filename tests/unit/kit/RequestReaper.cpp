@@ -20,36 +20,11 @@ namespace
 
 using impl::DispatchAccess;
 
-std::atomic<int> sLive{0};
-
-// Counts itself and says on which thread it dies.
-class CountedRequest : public Request
-{
-public:
-    CountedRequest() { ++sLive; }
-    ~CountedRequest() override
-    {
-        --sLive;
-        if (onDeleted)
-            onDeleted();
-    }
-
-    std::function<void()> onDeleted;
-};
-
-// As the daemon does it, with the lock of the request's response device held.
-void complete(HttpBaseRequest& request)
-{
-    qvMutexLocker lock(&DispatchAccess::mutex(request.getResponseDevice()));
-    DispatchAccess::completed(request) = true;
-    request.onCompleted(0);
-}
-
 class RequestReaperTest : public ::testing::Test
 {
 protected:
-    RequestReaperTest() { sLive = 0; }
-    ~RequestReaperTest() override { EXPECT_EQ(sLive, 0); }
+    RequestReaperTest() { CountedRequest::sAlive = 0; }
+    ~RequestReaperTest() override { EXPECT_EQ(CountedRequest::sAlive, 0); }
 
     static CountedRequest& open(RequestReaper& reaper)
     {
@@ -70,12 +45,12 @@ TEST_F(RequestReaperTest, CountsFromTheOpeningToTheDeletion)
     CountedRequest& request = open(reaper);
     EXPECT_EQ(reaper.getOpenCount(), 1u);
     EXPECT_FALSE(reaper.waitUntilEmpty(std::chrono::milliseconds(0)));
-    complete(request);
+    Complete(request);
     EXPECT_EQ(reaper.getOpenCount(), 1u);
     reaper.finished(request);
     EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
     EXPECT_EQ(reaper.getOpenCount(), 0u);
-    EXPECT_EQ(sLive, 0);
+    EXPECT_EQ(CountedRequest::sAlive, 0);
 }
 
 TEST_F(RequestReaperTest, DeletesOnlyAfterBothEndsInEitherOrder)
@@ -85,17 +60,17 @@ TEST_F(RequestReaperTest, DeletesOnlyAfterBothEndsInEitherOrder)
         RequestReaper reaper;
         CountedRequest& request = open(reaper);
         if (completedFirst)
-            complete(request);
+            Complete(request);
         else
             reaper.finished(request);
         EXPECT_FALSE(reaper.waitUntilEmpty(kWhile));
-        EXPECT_EQ(sLive, 1);
+        EXPECT_EQ(CountedRequest::sAlive, 1);
         if (completedFirst)
             reaper.finished(request);
         else
-            complete(request);
+            Complete(request);
         EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
-        EXPECT_EQ(sLive, 0);
+        EXPECT_EQ(CountedRequest::sAlive, 0);
     }
 }
 
@@ -112,9 +87,9 @@ TEST_F(RequestReaperTest, DeletesTheCompletedOneOfSeveral)
     }
     int left = 5;
     for (const size_t i : {2u, 4u, 0u, 3u, 1u}) {
-        complete(*requests[i]);
+        Complete(*requests[i]);
         ASSERT_EQ(deleted[i].get_future().wait_for(kLimit), std::future_status::ready);
-        EXPECT_EQ(sLive, --left);
+        EXPECT_EQ(CountedRequest::sAlive, --left);
     }
     EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
 }
@@ -128,10 +103,10 @@ TEST_F(RequestReaperTest, DeletesOnNeitherOfItsCallersThreads)
         CountedRequest& request = open(reaper);
         request.onDeleted = [&where] { where.set_value(std::this_thread::get_id()); };
         if (completedFirst)
-            complete(request);
+            Complete(request);
         reaper.finished(request);
         if (!completedFirst)
-            complete(request);
+            Complete(request);
         auto thread = where.get_future();
         ASSERT_EQ(thread.wait_for(kLimit), std::future_status::ready);
         EXPECT_NE(thread.get(), std::this_thread::get_id());
@@ -151,7 +126,7 @@ public:
             end->wait_for(kLimit);
         };
         reaper.finished(request);
-        complete(request);
+        Complete(request);
         EXPECT_EQ(begun->get_future().wait_for(kLimit), std::future_status::ready);
     }
     ~BusyReaper() { mEnd.set_value(); }
@@ -174,7 +149,7 @@ TEST_F(RequestReaperTest, ReapsOnTheThreadThatAsksForIt)
         reaper.finished(request);
         reaper.reap();
         ASSERT_EQ(reaper.getOpenCount(), 2u);
-        complete(request);
+        Complete(request);
         reaper.reap();
         EXPECT_EQ(reaper.getOpenCount(), 1u);
         EXPECT_EQ(where, std::this_thread::get_id());
@@ -197,14 +172,14 @@ TEST_F(RequestReaperTest, ReapsTwoAtATime)
             reaper.finished(request);
         }
         for (CountedRequest* request : over)
-            complete(*request);
+            Complete(*request);
         for (const size_t left : {5u, 3u, 3u}) {
             reaper.reap();
             EXPECT_EQ(reaper.getOpenCount(), 1 + left);
         }
     }
     for (CountedRequest* request : staying)
-        complete(*request);
+        Complete(*request);
     EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
 }
 
@@ -218,7 +193,7 @@ TEST_F(RequestReaperTest, ReapsOnSeveralThreads)
             for (int n = 0; n < kRequests; ++n) {
                 CountedRequest& request = open(reaper);
                 reaper.finished(request);
-                complete(request);
+                Complete(request);
                 reaper.reap();
             }
         });
@@ -238,7 +213,7 @@ TEST_F(RequestReaperTest, DeletesNothingWhileItsCompletionGoesOn)
         DispatchAccess::completed(request) = true;
         static_cast<HttpBaseRequest&>(request).onCompleted(0);
         EXPECT_FALSE(reaper.waitUntilEmpty(kWhile));
-        EXPECT_EQ(sLive, 1);
+        EXPECT_EQ(CountedRequest::sAlive, 1);
     }
     EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
 }
@@ -256,7 +231,7 @@ TEST_F(RequestReaperTest, ServesItsCallersWhileARequestHoldsItUp)
     for (int i = 0; i < 100; ++i) {
         CountedRequest& request = open(reaper);
         reaper.finished(request);
-        complete(request);
+        Complete(request);
     }
     EXPECT_EQ(reaper.getOpenCount(), 101u);
 }
@@ -273,7 +248,7 @@ TEST_F(RequestReaperTest, DeletesWithoutItsLock)
             request.onDeleted = [&] { seen.set_value(reaper.getOpenCount()); };
             reaper.finished(request);
             if (!inDestructor) {
-                complete(request);
+                Complete(request);
                 EXPECT_TRUE(reaper.waitUntilEmpty(kLimit));
             }
         }
@@ -289,10 +264,10 @@ TEST_F(RequestReaperTest, LeavesNothingWhenItIsDestroyed)
             CountedRequest& request = open(reaper);
             reaper.finished(request);
             if (i % 3 == 0)
-                complete(request);
+                Complete(request);
         }
     }
-    EXPECT_EQ(sLive, 0);
+    EXPECT_EQ(CountedRequest::sAlive, 0);
 }
 
 TEST_F(RequestReaperTest, TellsEveryoneWhoWaitsForTheLast)
@@ -304,9 +279,9 @@ TEST_F(RequestReaperTest, TellsEveryoneWhoWaitsForTheLast)
     std::atomic<int> told{0};
     for (int i = 0; i < 4; ++i)
         waiters.emplace_back([&] { told += reaper.waitUntilEmpty(kLimit); });
-    complete(first);
+    Complete(first);
     reaper.finished(first);
-    complete(second);
+    Complete(second);
     reaper.finished(second);
     for (std::thread& waiter : waiters)
         waiter.join();
@@ -327,7 +302,7 @@ TEST_F(RequestReaperTest, DeletesEachOfThousandsFromManyThreads)
             std::deque<CountedRequest*> completedFirst;
             const auto endOne = [&] {
                 if (!finishedFirst.empty()) {
-                    complete(*finishedFirst.front());
+                    Complete(*finishedFirst.front());
                     finishedFirst.pop_front();
                 }
                 if (!completedFirst.empty()) {
@@ -339,7 +314,7 @@ TEST_F(RequestReaperTest, DeletesEachOfThousandsFromManyThreads)
                 CountedRequest& request = open(reaper);
                 request.onDeleted = [&deleted] { ++deleted; };
                 if ((i + t) % 3 == 0) {
-                    complete(request);
+                    Complete(request);
                     completedFirst.push_back(&request);
                 } else {
                     finishedFirst.push_back(&request);

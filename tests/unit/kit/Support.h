@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -54,6 +55,30 @@ inline bool IsReadyForDaemon(HttpBaseRequest& request)
     return impl::DispatchAccess::responseState(request.getResponseDevice()) ==
            impl::DispatchAccess::kReady;
 }
+
+// As the daemon completes it, with the lock of the request's response device held.
+inline void Complete(HttpBaseRequest& request)
+{
+    qvMutexLocker lock(&impl::DispatchAccess::mutex(request.getResponseDevice()));
+    impl::DispatchAccess::completed(request) = true;
+    request.onCompleted(0);
+}
+
+// Counts itself, and calls `onDeleted` on the thread that deletes it.
+class CountedRequest : public Request
+{
+public:
+    CountedRequest() { ++sAlive; }
+    ~CountedRequest() override
+    {
+        --sAlive;
+        if (onDeleted)
+            onDeleted();
+    }
+
+    std::function<void()> onDeleted;
+    static inline std::atomic<int> sAlive{0};
+};
 
 // Served by the thread that makes it.
 class ServedRequest : public Request
