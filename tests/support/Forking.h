@@ -9,6 +9,14 @@
 namespace qv::tests
 {
 
+// False where a child may not allocate while other threads of its parent do: the runtime of
+// AddressSanitizer does not hold the locks of its allocator across a fork.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kChildrenAllocate = false;
+#else
+constexpr bool kChildrenAllocate = true;
+#endif
+
 // Runs `function` in a child. False when the child does not end by itself within the limit, or ends
 // by a signal. No destructor and no exit handler runs in the child.
 template <typename Function> bool endsInAChild(Function function)
