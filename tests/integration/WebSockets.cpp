@@ -4,6 +4,7 @@
 #include "support/RawClient.h"
 #include "support/TestServer.h"
 #include "support/Waiting.h"
+#include "support/WebSocketClient.h"
 
 #include <Wendrel/WebSocket.h>
 
@@ -29,8 +30,14 @@ namespace
 {
 
 using integration::countDescriptors;
+using integration::Frame;
 using integration::getRequest;
+using integration::kCloseFrame;
+using integration::kLastBinary;
+using integration::kLastText;
+using integration::maskedFrame;
 using integration::RawClient;
+using integration::receiveFrame;
 using integration::TestRequest;
 using integration::TestServer;
 using integration::TestServerOptions;
@@ -50,33 +57,6 @@ const std::string kVersionLine = "Sec-WebSocket-Version: 13\r\n";
 const std::string kKeyLine = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
 const std::string kHandshake = getRequest("/live", kUpgradeLines + kVersionLine + kKeyLine);
 
-// Opcodes with the bit for the last fragment.
-constexpr uint8_t kText = 0x81;
-constexpr uint8_t kBinary = 0x82;
-constexpr uint8_t kClose = 0x88;
-
-// A masked frame of a client.
-std::string frameOf(uint8_t first, std::string_view payload)
-{
-    constexpr std::array<uint8_t, 4> kMask = {0x3a, 0x91, 0x07, 0xe4};
-    std::string frame(1, static_cast<char>(first));
-    const size_t size = payload.size();
-    const int lengthBytes = size <= 125 ? 0 : size <= 65535 ? 2 : 8;
-    frame += static_cast<char>(0x80 | (lengthBytes == 0 ? size : lengthBytes == 2 ? 126 : 127));
-    for (int shift = (lengthBytes - 1) * 8; shift >= 0; shift -= 8)
-        frame += static_cast<char>(size >> shift);
-    frame.append(kMask.begin(), kMask.end());
-    for (size_t i = 0; i < size; ++i)
-        frame += static_cast<char>(static_cast<uint8_t>(payload[i]) ^ kMask[i % 4]);
-    return frame;
-}
-
-struct Frame
-{
-    uint8_t first = 0;
-    std::string payload;
-};
-
 // A client that has not necessarily been upgraded. It ends with a reset: the end of its side
 // alone would keep a worker of the server busy for ever.
 class WebSocketClient : public RawClient
@@ -93,28 +73,13 @@ public:
         return head && head->status == 101;
     }
 
-    std::optional<Frame> receiveFrame()
-    {
-        std::string head = receiveExactly(2);
-        if (head.size() != 2)
-            return std::nullopt;
-        size_t size = static_cast<uint8_t>(head[1]);
-        const size_t lengthBytes = size == 126 ? 2 : size == 127 ? 8 : 0;
-        if (lengthBytes != 0)
-            size = 0;
-        for (const char byte : receiveExactly(lengthBytes))
-            size = size << 8 | static_cast<uint8_t>(byte);
-        Frame frame{static_cast<uint8_t>(head[0]), receiveExactly(size)};
-        return frame.payload.size() == size ? std::optional(frame) : std::nullopt;
-    }
-
     // A message of any number of fragments, with the first byte of its first frame.
     std::optional<Frame> receiveMessage()
     {
-        std::optional<Frame> message = receiveFrame();
+        std::optional<Frame> message = receiveFrame(*this);
         bool isWhole = message && (message->first & 0x80) != 0;
         while (message && !isWhole) {
-            const std::optional<Frame> next = receiveFrame();
+            const std::optional<Frame> next = receiveFrame(*this);
             if (!next || (next->first & 0x7f) != 0)
                 return std::nullopt;
             message->payload += next->payload;
@@ -125,7 +90,7 @@ public:
 
     std::string echo(const std::string& text)
     {
-        if (!send(frameOf(kText, text)))
+        if (!send(maskedFrame(kLastText, text)))
             return "not sent";
         const auto message = receiveMessage();
         return message ? message->payload : "nothing";
@@ -299,7 +264,8 @@ private:
             std::vector<std::unique_ptr<WebSocketClient>> clients;
             for (unsigned i = 0; i < kWorkers; ++i) {
                 clients.push_back(std::make_unique<WebSocketClient>(port()));
-                if (!clients.back()->upgrade() || !clients.back()->send(frameOf(kText, kMeet)))
+                if (!clients.back()->upgrade() ||
+                    !clients.back()->send(maskedFrame(kLastText, kMeet)))
                     return false;
             }
             for (const auto& client : clients)
@@ -460,7 +426,7 @@ TEST(WebSockets, LosesFramesThatComeInThePacketOfTheHandshake)
 {
     LiveServer server;
     WebSocketClient client(server.port());
-    ASSERT_TRUE(client.send(kHandshake + frameOf(kText, "lost")));
+    ASSERT_TRUE(client.send(kHandshake + maskedFrame(kLastText, "lost")));
     const auto head = client.receiveHead();
     ASSERT_TRUE(head);
     ASSERT_EQ(head->status, 101);
@@ -480,8 +446,8 @@ TEST(WebSockets, EchoesMessagesOfAllSizes)
         std::string payload(size, '\0');
         for (size_t i = 0; i < size; ++i)
             payload[i] = static_cast<char>(i * 7 + i / 251);
-        for (const uint8_t opcode : {kText, kBinary}) {
-            ASSERT_TRUE(client.send(frameOf(opcode, payload)));
+        for (const uint8_t opcode : {kLastText, kLastBinary}) {
+            ASSERT_TRUE(client.send(maskedFrame(opcode, payload)));
             const auto message = client.receiveMessage();
             ASSERT_TRUE(message);
             EXPECT_EQ(message->first & 0x7f, opcode & 0x7f);
@@ -498,11 +464,11 @@ TEST(WebSockets, RespondsWithTheSameWordWhenTheApplicationOverridesNothing)
     ASSERT_TRUE(client.upgrade());
     ASSERT_TRUE(waitUntil([&] { return server.connections().size() == 1; }));
     server.setPlain(false);
-    ASSERT_TRUE(client.send(frameOf(kText, "hello")));
+    ASSERT_TRUE(client.send(maskedFrame(kLastText, "hello")));
     std::string received;
     const std::pair<uint8_t, size_t> frames[] = {{0x02, 131000}, {0x00, 131000}, {0x80, 8}};
     for (const auto& [first, size] : frames) {
-        const auto frame = client.receiveFrame();
+        const auto frame = receiveFrame(client);
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->first, first);
         EXPECT_EQ(frame->payload.size(), size);
@@ -534,7 +500,7 @@ TEST(WebSockets, SendsWhatAnotherThreadWritesToAll)
             const auto message = client->receiveMessage();
             ASSERT_TRUE(message);
             EXPECT_EQ(message->payload, text);
-            EXPECT_EQ(message->first, kText);
+            EXPECT_EQ(message->first, kLastText);
         }
     }
 }
@@ -566,7 +532,7 @@ TEST(WebSockets, EndsAtACloseFrameWithoutAReply)
     ASSERT_TRUE(client.upgrade());
     EXPECT_EQ(client.echo("hello"), "hello");
     EXPECT_EQ(countDescriptors(), before + 2);
-    ASSERT_TRUE(client.send(frameOf(kClose, std::string("\x03\xe8", 2))));
+    ASSERT_TRUE(client.send(maskedFrame(kCloseFrame, std::string("\x03\xe8", 2))));
     EXPECT_TRUE(client.isClosedByServer());
     client.close();
     EXPECT_TRUE(waitUntil([before] { return countDescriptors() == before; }));
@@ -615,7 +581,7 @@ TEST(WebSockets, LeaveNothingBehindIn100StartsAndStops)
                 ASSERT_TRUE(client.upgrade());
                 ASSERT_EQ(client.echo("hello"), "hello");
                 if (i % 2 == 0) {
-                    ASSERT_TRUE(client.send(frameOf(kClose, "")));
+                    ASSERT_TRUE(client.send(maskedFrame(kCloseFrame, "")));
                     ASSERT_TRUE(client.isClosedByServer());
                 }
             }

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace integration
 {
@@ -35,6 +36,32 @@ inline std::string maskedFrame(uint8_t firstByte, std::string_view payload)
     for (size_t i = 0; i < size; ++i)
         frame += static_cast<char>(payload[i] ^ kKey[i % sizeof kKey]);
     return frame;
+}
+
+struct Frame
+{
+    uint8_t first = 0;  ///< fin bit and opcode
+    std::string payload;
+};
+
+/// The next frame of a server, which has no mask; none when the connection ended or the limit
+/// passed before its end.
+inline std::optional<Frame> receiveFrame(RawClient& client)
+{
+    const std::string start = client.receiveExactly(2);
+    if (start.size() != 2)
+        return std::nullopt;
+    size_t size = static_cast<uint8_t>(start[1]);
+    const size_t lengthBytes = size == 126 ? 2 : size == 127 ? 8 : 0;
+    if (lengthBytes != 0)
+        size = 0;
+    const std::string length = client.receiveExactly(lengthBytes);
+    for (const char byte : length)
+        size = size << 8 | static_cast<uint8_t>(byte);
+    if (length.size() != lengthBytes)
+        return std::nullopt;
+    Frame frame{static_cast<uint8_t>(start[0]), client.receiveExactly(size)};
+    return frame.payload.size() == size ? std::optional(std::move(frame)) : std::nullopt;
 }
 
 /// One upgraded connection to a port of 127.0.0.1. No operation waits longer than the limit.
@@ -72,20 +99,13 @@ public:
         constexpr uint8_t kBinary = 2;
         Message message;
         for (;;) {
-            const std::string start = mRaw.receiveExactly(2);
-            if (start.size() != 2)
+            const std::optional<Frame> frame = receiveFrame(mRaw);
+            if (!frame)
                 return std::nullopt;
-            const auto first = static_cast<uint8_t>(start[0]);
-            if ((first & kOpcodeBits) != 0)
-                message.isBinary = (first & kOpcodeBits) == kBinary;
-            const std::optional<size_t> size = receiveLength(static_cast<uint8_t>(start[1]));
-            if (!size)
-                return std::nullopt;
-            const std::string payload = mRaw.receiveExactly(*size);
-            if (payload.size() != *size)
-                return std::nullopt;
-            message.bytes += payload;
-            if (first & kFinBit)
+            if ((frame->first & kOpcodeBits) != 0)
+                message.isBinary = (frame->first & kOpcodeBits) == kBinary;
+            message.bytes += frame->payload;
+            if (frame->first & kFinBit)
                 return message;
         }
     }
@@ -98,21 +118,6 @@ public:
     }
 
 private:
-    // Server's frames have no mask.
-    std::optional<size_t> receiveLength(uint8_t code)
-    {
-        if (code <= 125)
-            return code;
-        const size_t lengthBytes = code == 126 ? 2 : 8;
-        const std::string bytes = mRaw.receiveExactly(lengthBytes);
-        if (bytes.size() != lengthBytes)
-            return std::nullopt;
-        size_t length = 0;
-        for (const char byte : bytes)
-            length = length << 8 | static_cast<uint8_t>(byte);
-        return length;
-    }
-
     RawClient mRaw;
 };
 
