@@ -1,7 +1,7 @@
 // A server of the kit and the responses to its clients, one kind of request at a time.
 
-#include "support/CapturedLog.h"
 #include "support/KitRun.h"
+#include "support/ProcessLog.h"
 #include "support/RawClient.h"
 #include "support/Waiting.h"
 #include "support/WebSocketClient.h"
@@ -236,7 +236,7 @@ TEST(KitServer, RespondsForHandlersThatFail)
         EXPECT_EQ(response->status, 500);
         EXPECT_EQ(response->body, row.body);
     }
-    EXPECT_EQ(logLines("GET /throws failed: on purpose").size(), 1u);
+    EXPECT_EQ(processLog->lines("GET /throws failed: on purpose").size(), 1u);
     EXPECT_TRUE(run.stop(kLimit));
     expectNothingIsLeft(run);
 }

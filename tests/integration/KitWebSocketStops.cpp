@@ -116,8 +116,8 @@ TEST(WebSocketHub, GoesOnAfterAPollThatFailed)
     EXPECT_EQ(run.hub().getCount(), 1u);
     for (auto& client : polled)
         EXPECT_TRUE(client->waitForEnd());
-    EXPECT_TRUE(waitForLogLine("Got an error during call to poll Invalid argument"));
-    EXPECT_TRUE(waitForLogLine(kRevived));
+    EXPECT_TRUE(processLog->waitForLine("Got an error during call to poll Invalid argument"));
+    EXPECT_TRUE(processLog->waitForLine(kRevived));
 
     run.ledger().latch.open();
     const auto answer = handling.receive();
@@ -167,7 +167,7 @@ TEST(WebSocketHub, ClosesThoughItsLastPollsFail)
         EXPECT_TRUE(run.hub().close(milliseconds(0)));
     }
     EXPECT_TRUE(waitUntil([&] { return countThreads() < threads - kWorkers; }));
-    EXPECT_TRUE(waitForLogLine("Got an error during call to poll Invalid argument"));
+    EXPECT_TRUE(processLog->waitForLine("Got an error during call to poll Invalid argument"));
     run.stopAndExpectNothingIsLeft();
 }
 
@@ -204,7 +204,7 @@ TEST(WebSocketHub, IsNotInterruptedBySignals)
     }
     ::sigaction(SIGUSR1, &before, nullptr);
     EXPECT_GT(sHandled, 0);
-    EXPECT_THAT(logLines(kRevived), ::testing::IsEmpty());
+    EXPECT_THAT(processLog->lines(kRevived), ::testing::IsEmpty());
 }
 
 // 0 when all was as it should be.
@@ -229,7 +229,7 @@ int closeWithoutDescriptors()
     }
     const bool closed = run.ledger().toldEnds == 2;
     constexpr const char* kLine = "The WebSocket threads could not be ended and are left behind";
-    const bool logged = logLines(kLine).size() == 1;
+    const bool logged = processLog->lines(kLine).size() == 1;
     WebSocketClient late(run.port());
     const bool refused = late.waitForEnd();
     run.stop();

@@ -1,8 +1,8 @@
 // Responses on the wire: their time, framing and heads.
 
-#include "support/CapturedLog.h"
 #include "support/CurlClient.h"
 #include "support/Pattern.h"
+#include "support/ProcessLog.h"
 #include "support/RawClient.h"
 #include "support/TestServer.h"
 
@@ -22,6 +22,7 @@ using integration::CurlResult;
 using integration::getRequest;
 using integration::Latch;
 using integration::PatternChecker;
+using integration::processLog;
 using integration::RawClient;
 using integration::RawResponse;
 using integration::TestRequest;
@@ -77,7 +78,6 @@ TEST(Response, IsSentWhenReadyAfter300Ms)
     const auto elapsed = std::chrono::steady_clock::now() - start;
     EXPECT_EQ(result.body, "later");
     EXPECT_GE(elapsed, kComputing);
-    EXPECT_LT(elapsed, std::chrono::seconds(10));
 }
 
 // Each piece is written only after the client has the one before: nothing is kept back until the
@@ -286,7 +286,7 @@ TEST(Response, BreaksOffWhenTheDeviceMeetsAnErrorInTheStream)
     ASSERT_TRUE(client.send(getRequest("/")));
     ASSERT_TRUE(client.receiveHead());
     EXPECT_EQ(client.receiveToEnd(), "5\r\nbegun\r\n");
-    EXPECT_TRUE(integration::waitForLogLine(
+    EXPECT_TRUE(processLog->waitForLine(
         "libmicrohttpd: Closing connection (application error generating response)."));
 }
 

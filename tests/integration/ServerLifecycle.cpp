@@ -1,7 +1,7 @@
 // Starting and stopping the server.
 
-#include "support/CapturedLog.h"
 #include "support/CurlClient.h"
+#include "support/ProcessLog.h"
 #include "support/RawClient.h"
 #include "support/TestServer.h"
 
@@ -25,8 +25,7 @@ using integration::CurlClient;
 using integration::CurlResult;
 using integration::getRequest;
 using integration::Latch;
-using integration::LogLine;
-using integration::logLines;
+using integration::processLog;
 using integration::RawClient;
 using integration::TestRequest;
 using integration::TestServer;
@@ -76,7 +75,8 @@ TEST(ServerLifecycle, LogsPortAndFlagsOnce)
         TestServerOptions options;
         options.allowWebSocket = allowWebSocket;
         TestServer server(respondOk, options);
-        const auto lines = logLines(startLine(server.port(), allowWebSocket ? "18009" : "10009"));
+        const auto lines =
+            processLog->lines(startLine(server.port(), allowWebSocket ? "18009" : "10009"));
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines.front().level, kInformation);
         EXPECT_EQ(lines.front().category, "httpserver");
@@ -90,7 +90,7 @@ TEST(ServerLifecycle, LogsNothingElseInOrdinaryOperation)
         CurlClient client;
         EXPECT_EQ(client.get(server.url()).body, "ok");
     }
-    EXPECT_EQ(logLines().size(), 1u);
+    EXPECT_EQ(processLog->lines().size(), 1u);
 }
 
 TEST(ServerLifecycle, RunsAsManyDaemonThreadsAsAsked)
@@ -129,7 +129,7 @@ TEST(ServerLifecycle, IgnoresASecondStart)
     server.server().startServer(other);
     EXPECT_EQ(server.server().getState(), HttpServer::Running);
     EXPECT_FALSE(RawClient::accepts("127.0.0.1", other.port));
-    EXPECT_TRUE(logLines(startLine(other.port, "10009")).empty());
+    EXPECT_TRUE(processLog->lines(startLine(other.port, "10009")).empty());
     CurlClient client;
     EXPECT_EQ(client.get(server.url()).body, "ok");
 }
@@ -184,11 +184,12 @@ TEST(ServerLifecycle, FailsWhenThePortIsInUse)
     ASSERT_TRUE(waitForFailure(second));
     EXPECT_EQ(stopped, 1);
 
-    const auto failed = logLines("Failed to create mhd server context");
+    const auto failed = processLog->lines("Failed to create mhd server context");
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_EQ(failed.front().level, kError);
-    const auto reason = logLines("libmicrohttpd: Failed to bind to port " +
-                                 std::to_string(first.port()) + ": Address already in use");
+    const auto reason =
+        processLog->lines("libmicrohttpd: Failed to bind to port " + std::to_string(first.port()) +
+                          ": Address already in use");
     ASSERT_EQ(reason.size(), 1u);
     EXPECT_EQ(reason.front().level, kWarning);
 
@@ -213,7 +214,7 @@ TEST(ServerLifecycle, CannotStartAgainAfterAFailure)
     server.stopServer(true);
     EXPECT_EQ(server.getState(), HttpServer::Failed);
     EXPECT_EQ(stopped, 1);
-    EXPECT_EQ(logLines("Failed to create mhd server context").size(), 1u);
+    EXPECT_EQ(processLog->lines("Failed to create mhd server context").size(), 1u);
     qv::terminateWendrel();
 }
 
@@ -227,7 +228,7 @@ TEST(ServerLifecycle, FailsWhenTheLibraryIsNotInitialized)
     server.startServer(parameters);
     ASSERT_TRUE(waitForFailure(server));
     EXPECT_EQ(stopped, 1);
-    const auto lines = logLines("Wendrel is not initialized");
+    const auto lines = processLog->lines("Wendrel is not initialized");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines.front().level, kError);
     EXPECT_FALSE(RawClient::accepts("127.0.0.1", parameters.port));
@@ -285,11 +286,12 @@ TEST(ServerLifecycle, RefusesNewRequestsWhileItStops)
     EXPECT_TRUE(server.waitForState(HttpServer::Stopped));
 
     EXPECT_EQ(server.requestsCreated(), 1u);
-    const auto refused = logLines("Discarding http request, server is shutting down");
+    const auto refused = processLog->lines("Discarding http request, server is shutting down");
     ASSERT_EQ(refused.size(), 2u);
     EXPECT_EQ(refused.front().level, kWarning);
     EXPECT_EQ(
-        logLines("libmicrohttpd: Application reported internal error, closing connection.").size(),
+        processLog->lines("libmicrohttpd: Application reported internal error, closing connection.")
+            .size(),
         2u);
 }
 

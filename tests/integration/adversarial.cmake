@@ -14,7 +14,7 @@ target_link_libraries(adversarial_server PRIVATE wendrel_build Wendrel::Kit wend
 
 add_executable(integration_adversarial
     main.cpp
-    support/CapturedLog.cpp support/RawClient.cpp support/TestServer.cpp support/Pattern.cpp
+    support/RawClient.cpp support/TestServer.cpp support/Pattern.cpp
     adversarial/Crowd.cpp adversarial/Metrics.cpp adversarial/ServerProcess.cpp
     adversarial/Aborts.cpp adversarial/Churn.cpp adversarial/ConnectionLimit.cpp adversarial/HeaderBombs.cpp adversarial/LogLines.cpp
     adversarial/SlowClients.cpp

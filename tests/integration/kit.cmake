@@ -3,7 +3,7 @@
 wendrel_test_program(integration_kit
     SOURCES
         main.cpp
-        support/CapturedLog.cpp support/ProcessCounts.cpp support/RawClient.cpp
+        support/ProcessCounts.cpp support/RawClient.cpp
         KitLoad.cpp KitServer.cpp KitWebSocketStops.cpp KitWebSockets.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl)
 

@@ -1,7 +1,7 @@
 // Entry of the integration test program: the log of the process is kept for every test, and
 // shown when the test fails.
 
-#include "support/CapturedLog.h"
+#include "support/ProcessLog.h"
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
@@ -14,13 +14,13 @@ namespace
 
 class LogOfEachTest : public ::testing::EmptyTestEventListener
 {
-    void OnTestStart(const ::testing::TestInfo&) override { integration::clearLog(); }
+    void OnTestStart(const ::testing::TestInfo&) override { integration::processLog->clear(); }
 
     void OnTestEnd(const ::testing::TestInfo& test) override
     {
         if (!test.result()->Failed())
             return;
-        for (const integration::LogLine& line : integration::logLines())
+        for (const auto& line : integration::processLog->lines())
             std::printf("log, level %d: %s\n", line.level, line.message.c_str());
     }
 };
@@ -33,9 +33,9 @@ int main(int argc, char** argv)
     curl_global_init(CURL_GLOBAL_ALL);
     ::testing::InitGoogleMock(&argc, argv);
     ::testing::UnitTest::GetInstance()->listeners().Append(new LogOfEachTest);
-    integration::installCapturedLog();
+    integration::processLog = std::make_unique<qv::tests::CapturedLog>();
     const int result = RUN_ALL_TESTS();
-    integration::uninstallCapturedLog();
+    integration::processLog.reset();
     curl_global_cleanup();
     return result;
 }

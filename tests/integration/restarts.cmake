@@ -11,7 +11,7 @@ endif()
 wendrel_test_program(integration_restart
     SOURCES
         main.cpp
-        support/CapturedLog.cpp support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
+        support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
         restarts/Clients.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl

@@ -7,8 +7,8 @@
 #include "Round.h"
 #include "Servers.h"
 
-#include "../support/CapturedLog.h"
 #include "../support/ProcessCounts.h"
+#include "../support/ProcessLog.h"
 #include "../support/Waiting.h"
 
 #include <arpa/inet.h>
@@ -193,7 +193,7 @@ public:
             ASSERT_TRUE(mClients.waitUntilIdle()) << "a client does not find its end";
             totals.add(round, &totals == &mDrained);
         }
-        clearLog();
+        processLog->clear();
         mWatch.takeSample();
     }
 

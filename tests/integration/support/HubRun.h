@@ -2,8 +2,8 @@
 #ifndef WENDREL_TESTS_INTEGRATION_HUBRUN_H
 #define WENDREL_TESTS_INTEGRATION_HUBRUN_H
 
-#include "CapturedLog.h"
 #include "KitRun.h"
+#include "ProcessLog.h"
 #include "Waiting.h"
 #include "WebSocketClient.h"
 
@@ -203,7 +203,7 @@ private:
     static size_t linesOfTheDaemon()
     {
         size_t count = 0;
-        for (const LogLine& line : logLines())
+        for (const auto& line : processLog->lines())
             count +=
                 line.message.find("\"upgraded\" connection was not closed") != std::string::npos;
         return count;

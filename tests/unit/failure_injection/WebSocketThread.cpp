@@ -4,14 +4,13 @@
 #include "failure_injection/Support.h"
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
+#include "support/Waiting.h"
 #include "websocket/Support.h"
 
 #include <Wendrel/WebSocket.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -67,14 +66,10 @@ TEST(WebSocketThreadFailures, AllThreadsAreStartedOrNone)
         {{"startThreads", [](Attempt& attempt) {
               size_t alive = 0;
               ScriptedSockets sockets;
-              std::mutex mutex;
-              std::condition_variable changed;
-              bool polled = false;
+              Latch polled;
               sockets.onCall(
                   [&](const ScriptedSockets::Attempt&) -> std::optional<ScriptedSockets::Outcome> {
-                      const std::lock_guard<std::mutex> lock(mutex);
-                      polled = true;
-                      changed.notify_all();
+                      polled.open();
                       return std::nullopt;
                   });
               SocketPair ends;
@@ -91,10 +86,7 @@ TEST(WebSocketThreadFailures, AllThreadsAreStartedOrNone)
                   std::unique_ptr<WebSocket> connection =
                       std::make_unique<Counted>(ends.server(), alive);
                   thread.addWebSocket(connection);
-                  {
-                      std::unique_lock<std::mutex> lock(mutex);
-                      changed.wait(lock, [&] { return polled; });
-                  }
+                  EXPECT_TRUE(polled.wait());
                   for (size_t i = 0; i < 3; ++i)
                       EXPECT_FALSE(Access::hasWorkerEnded(thread, i));
                   thread.stopThreads(true);

@@ -1,12 +1,15 @@
 // A platform log that keeps its entries. It is installed as the log of the process during its
 // lifetime.
-#ifndef WENDREL_TESTS_CAPTUREDLOG_H
-#define WENDREL_TESTS_CAPTUREDLOG_H
+#ifndef WENDREL_TESTS_SUPPORT_CAPTUREDLOG_H
+#define WENDREL_TESTS_SUPPORT_CAPTUREDLOG_H
 
-#include "support/TestsOwn.h"
+#include "TestsOwn.h"
+#include "Waiting.h"
 
 #include <qvSystem/qvLog.h>
 
+#include <algorithm>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -59,6 +62,34 @@ public:
         return lines;
     }
 
+    // Lines with exactly this message.
+    std::vector<LogLine> lines(const std::string& message) const
+    {
+        std::vector<LogLine> found = lines();
+        found.erase(std::remove_if(found.begin(), found.end(),
+                                   [&](const LogLine& line) { return line.message != message; }),
+                    found.end());
+        return found;
+    }
+
+    // Waits for a line with exactly this message; false at the limit.
+    bool waitForLine(const std::string& message) const
+    {
+        std::unique_lock<std::mutex> lock(mRecord->mutex);
+        return mRecord->written.wait_for(lock, kLimit, [&] {
+            return std::any_of(mRecord->entries.begin(), mRecord->entries.end(),
+                               [&](const auto& entry) { return entry.message == message; });
+        });
+    }
+
+    // Forgets all lines, with their memory: an empty vector that is assigned would keep it.
+    void clear()
+    {
+        const std::lock_guard<std::mutex> lock(mRecord->mutex);
+        std::vector<qvLog::LogEntry>().swap(mRecord->entries);
+        std::vector<bool>().swap(mRecord->flushed);
+    }
+
     std::vector<qvLog::LogEntry> entries() const
     {
         std::lock_guard<std::mutex> lock(mRecord->mutex);
@@ -71,6 +102,7 @@ private:
         std::mutex mutex;  // guards all below
         std::vector<qvLog::LogEntry> entries;
         std::vector<bool> flushed;  // an urgent entry is flushed at once
+        std::condition_variable written;
     };
 
     class Sink : public qvLogSink
@@ -84,6 +116,7 @@ private:
             std::lock_guard<std::mutex> lock(mRecord->mutex);
             mRecord->entries.push_back(entry);
             mRecord->flushed.push_back(false);
+            mRecord->written.notify_all();
         }
 
         void flush() override

@@ -1,7 +1,7 @@
 // Separates the calls of the test support from the calls of the library: calls made in between are
 // neither counted nor made to fail (support/FailingCalls). Without effect in other programs.
-#ifndef WENDREL_TESTS_TESTSOWN_H
-#define WENDREL_TESTS_TESTSOWN_H
+#ifndef WENDREL_TESTS_SUPPORT_TESTSOWN_H
+#define WENDREL_TESTS_SUPPORT_TESTSOWN_H
 
 namespace qv::tests
 {
