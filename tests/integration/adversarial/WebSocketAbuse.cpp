@@ -303,17 +303,21 @@ TEST_F(WebSocketAbuse, AnAnnouncedTebibyteIsKeptAsFarAsItHasCome)
     constexpr size_t kSentBytes = 128u << 20;
     const size_t bytes = scaled(kSentBytes);
     const std::string header("\x82\xff\x00\x00\x01\x00\x00\x00\x00\x00\x01\x02\x03\x04", 14);
+    const std::string piece(1u << 20, 'a');
     Client& client = crowd->open();
-    bool begun = false;
+    size_t sent = 0;
     crowd->onChange = [&](Client& each) {
-        if (!begun && each.text.find("\r\n\r\n") != std::string::npos) {
-            begun = true;
-            crowd->send(each, header);
-            crowd->send(each, std::string(bytes, 'a'));
+        if (each.text.find("\r\n\r\n") == std::string::npos)
+            return;
+        // Piece by piece: the removal of sent bytes moves all that are pending.
+        while (sent < bytes && each.pending.empty()) {
+            const std::string first = sent == 0 ? header : std::string();
+            sent += piece.size();
+            crowd->send(each, first + piece);
         }
     };
     crowd->send(client, kHandshake);
-    EXPECT_TRUE(crowd->run([&] { return begun && client.pending.empty(); }, kLimit));
+    EXPECT_TRUE(crowd->run([&] { return sent >= bytes && client.pending.empty(); }, kLimit));
     size_t most = 0;
     crowd->run(
         [&] {
