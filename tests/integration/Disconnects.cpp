@@ -128,7 +128,7 @@ TEST_F(Disconnect, InTheDownloadWakesTheBlockedWriter)
     constexpr uint64_t kBuffersBytes = uint64_t{64} * 1024 * 1024;
     std::atomic<uint64_t> written{0};
     TestServer server([&](TestRequest& request) {
-        request.response.length = static_cast<int64_t>(kBodyBytes);
+        request.response.contentLength = static_cast<int64_t>(kBodyBytes);
         ASSERT_TRUE(request.beginStream());
         const std::string piece(65536, 'd');
         uint64_t taken = piece.size();

@@ -149,7 +149,7 @@ TEST(Response, IsStreamedWithADeclaredLength)
 {
     TestServer server([](TestRequest& request) {
         const uint64_t size = std::stoull(request.getQueryParameter("size")->front());
-        request.response.length = static_cast<int64_t>(size);
+        request.response.contentLength = static_cast<int64_t>(size);
         EXPECT_TRUE(request.streamPattern(size, 10000));
     });
     CurlClient client;
@@ -204,7 +204,7 @@ TEST(Response, IsSentFromOneBufferWhenComplete)
 TEST(Response, FromOneBufferHasTheLengthOfTheBuffer)
 {
     TestServer server([](TestRequest& request) {
-        request.response.length = 20;
+        request.response.contentLength = 20;
         request.respond(200, "ten bytes.");
     });
     RawClient client(server.port());
@@ -218,7 +218,7 @@ TEST(Response, FromOneBufferHasTheLengthOfTheBuffer)
 TEST(Response, ThatEndsBeforeItsDeclaredLengthClosesTheConnection)
 {
     TestServer server([](TestRequest& request) {
-        request.response.length = 20;
+        request.response.contentLength = 20;
         ASSERT_TRUE(request.beginStream());
         request.getResponseDevice().writeBytes("ten bytes.", 10);
         request.getResponseDevice().endSending();
@@ -305,7 +305,7 @@ TEST(Response, ToHeadHasNoBody)
 TEST(Response, ToHeadMayDeclareALengthWithoutABody)
 {
     TestServer server(withAgain([](TestRequest& request) {
-        request.response.length = 5000000000;
+        request.response.contentLength = 5000000000;
         EXPECT_TRUE(request.beginStream());
         request.getResponseDevice().endSending();
     }));

@@ -5,7 +5,6 @@
 #include "SmallDaemon.h"
 
 #include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
@@ -16,6 +15,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <gtest/gtest.h>
+#include <support/MinimalRequest.h>
 
 #include <sched.h>
 
@@ -45,31 +45,21 @@ void delay()
         sink.load();
 }
 
-class Response : public qv::HttpResponseInterface
+class Response : public qv::tests::MinimalResponse
 {
 public:
-    const CookieMap& getCookies() override { return mCookies; }
-    const HeaderMap& getHeaders() override { return mHeaders; }
-    uint32_t getStatusCode() override { return 200; }
     // Called between the decision to stream and the check of the body's length.
     int64_t getContentLength() override
     {
         delay();
         return -1;
     }
-    std::string describe() override { return {}; }
-
-private:
-    CookieMap mCookies;
-    HeaderMap mHeaders;
 };
 
-class Request : public qv::HttpBaseRequest, public qv::HttpWaitListener
+class Request : public qv::tests::MinimalRequest
 {
 public:
     qv::HttpResponseInterface& getResponse() override { return mResponse; }
-    qv::HttpWaitListener& getWaitListener() override { return *this; }
-    void onWaitingForData() override {}
 
 private:
     Response mResponse;

@@ -8,12 +8,12 @@
 #include "SmallDaemon.h"
 
 #include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 
 #include <gtest/gtest.h>
+#include <support/MinimalRequest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -47,34 +47,24 @@ uint64_t fromEnvironment(const char* name, uint64_t otherwise)
     return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-class Response : public qv::HttpResponseInterface
+class Response : public qv::tests::MinimalResponse
 {
 public:
-    const CookieMap& getCookies() override { return mCookies; }
-    const HeaderMap& getHeaders() override { return mHeaders; }
-    uint32_t getStatusCode() override { return 200; }
     // Asked between the decision to stream and the look at the length.
     int64_t getContentLength() override
     {
         shake();
-        return length;
+        return contentLength;
     }
-    std::string describe() override { return {}; }
-
-    int64_t length = -1;
-
-private:
-    CookieMap mCookies;
-    HeaderMap mHeaders;
 };
 
-class Request : public qv::HttpBaseRequest, public qv::HttpWaitListener
+class Request : public qv::tests::MinimalRequest
 {
 public:
     Request(const Plan& plan_, RunRecord& record) : plan(plan_), mRecord(record)
     {
         if (plan.declaresLength || plan.isUnfetched)
-            mResponse.length = static_cast<int64_t>(plan.bodyBytes);
+            mResponse.contentLength = static_cast<int64_t>(plan.bodyBytes);
     }
 
     ~Request() override
@@ -87,8 +77,6 @@ public:
     }
 
     qv::HttpResponseInterface& getResponse() override { return mResponse; }
-    qv::HttpWaitListener& getWaitListener() override { return *this; }
-    void onWaitingForData() override {}
 
     /// The worker's last touch.
     void setServed() { mServed = true; }

@@ -287,7 +287,7 @@ void serveWithoutKit(integration::TestRequest& request, Endings& endings)
     }
     const bool isSized = path.compare(0, 6, "/known") == 0;
     if (isSized)
-        request.response.length = kStreamBytes;
+        request.response.contentLength = kStreamBytes;
     device.setResponseReady();
     const std::string piece(50000, 's');
     for (size_t done = 0; done < kStreamBytes; done += piece.size()) {

@@ -33,7 +33,7 @@ void respond(TestRequest& request)
         request.respond(200, "seen\n");
         return;
     }
-    request.response.status = isNotModified ? 304 : 200;
+    request.response.statusCode = isNotModified ? 304 : 200;
     request.beginStream();
     request.getResponseDevice().endSending();
 }

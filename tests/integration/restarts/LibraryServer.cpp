@@ -71,7 +71,7 @@ bool PlainRequest::stream(const std::string& body, bool isMeasured)
 {
     qv::HttpResponseDevice& device = getResponseDevice();
     if (isMeasured)
-        mResponse.length = static_cast<int64_t>(body.size());
+        response.contentLength = static_cast<int64_t>(body.size());
     device.setResponseReady();
     for (size_t at = 0; at < body.size(); at += kPieceBytes) {
         const size_t size = std::min(kPieceBytes, body.size() - at);

@@ -4,9 +4,9 @@
 
 #include "Round.h"
 
-#include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
+
+#include <support/MinimalRequest.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -22,30 +22,12 @@
 namespace integration
 {
 
-class PlainResponse : public qv::HttpResponseInterface
-{
-public:
-    const CookieMap& getCookies() override { return mCookies; }
-    const HeaderMap& getHeaders() override { return mHeaders; }
-    uint32_t getStatusCode() override { return 200; }
-    int64_t getContentLength() override { return length; }
-    std::string describe() override { return {}; }
-
-    int64_t length = -1;
-
-private:
-    CookieMap mCookies;
-    HeaderMap mHeaders;
-};
-
-class PlainRequest : public qv::HttpBaseRequest, public qv::HttpWaitListener
+class PlainRequest : public qv::tests::MinimalRequest
 {
 public:
     explicit PlainRequest(Round& round) : mRound(round) { mRound.opened(this); }
     ~PlainRequest() override { mRound.deleted(this); }
 
-    qv::HttpResponseInterface& getResponse() override { return mResponse; }
-    qv::HttpWaitListener& getWaitListener() override { return *this; }
     void onWaitingForData() override;
 
     /// Responds by the path. Thread: a worker.
@@ -59,7 +41,6 @@ private:
     bool takeUpload(uint64_t id);
 
     Round& mRound;
-    PlainResponse mResponse;
 };
 
 /// Deletes each request when its worker has finished and it is completed, whichever comes last.

@@ -45,7 +45,7 @@ std::string TestRequest::readBody()
 
 void TestRequest::respond(uint32_t status, const std::string& body)
 {
-    response.status = status;
+    response.statusCode = status;
     getResponseDevice().writeBytes(body.data(), body.size());
     getResponseDevice().endSending();
     getResponseDevice().setResponseReady();

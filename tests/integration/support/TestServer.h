@@ -4,10 +4,10 @@
 
 #include "Waiting.h"
 
-#include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/WebSocket.h>
+
+#include <support/MinimalRequest.h>
 
 #include <cstdint>
 #include <functional>
@@ -17,33 +17,12 @@
 namespace integration
 {
 
-/// The head of a response; filled by the worker before the response is announced.
-class TestResponse : public qv::HttpResponseInterface
-{
-public:
-    const CookieMap& getCookies() override { return cookies; }
-    const HeaderMap& getHeaders() override { return headers; }
-    uint32_t getStatusCode() override { return status; }
-    int64_t getContentLength() override { return length; }
-    std::string describe() override { return "status " + std::to_string(status); }
-
-    CookieMap cookies;
-    HeaderMap headers;
-    uint32_t status = 200;
-    int64_t length = -1;
-};
-
 /// A request, and the few steps that most tests serve it with. Each runs on its worker.
-class TestRequest : public qv::HttpBaseRequest, public qv::HttpWaitListener
+class TestRequest : public qv::tests::MinimalRequest
 {
 public:
-    qv::HttpResponseInterface& getResponse() override { return response; }
-    qv::HttpWaitListener& getWaitListener() override { return *this; }
-
     /// Ends the wait for a body whose connection is closed.
     void onWaitingForData() override;
-
-    using qv::HttpBaseRequest::setKeepAliveCallback;
 
     /// The whole body; the part received so far when the device is in error.
     std::string readBody();
@@ -64,8 +43,6 @@ public:
 
     /// Waits until the response device is in error; false after the limit.
     bool waitForConnectionError() const;
-
-    TestResponse response;
 };
 
 /// Serves one request; called on a thread of its own between the start and the end of the

@@ -4,12 +4,11 @@
 
 #include "../support/Waiting.h"
 
-#include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 
+#include <support/MinimalRequest.h>
 #include <support/Ports.h>
 
 #include <netinet/in.h>
@@ -111,24 +110,14 @@ void Registry::closeAll()
 }
 
 // An ordinary request: there is nothing here for it.
-class Request : public qv::HttpBaseRequest,
-                public qv::HttpResponseInterface,
-                public qv::HttpWaitListener
+class Request : public qv::tests::MinimalRequest
 {
 public:
-    qv::HttpResponseInterface& getResponse() override { return *this; }
-    qv::HttpWaitListener& getWaitListener() override { return *this; }
-    void onWaitingForData() override {}
-
-    const CookieMap& getCookies() override { return mNoCookies; }
-    const HeaderMap& getHeaders() override { return mNoHeaders; }
-    uint32_t getStatusCode() override { return 404; }
-    int64_t getContentLength() override { return 0; }
-    std::string describe() override { return "status 404"; }
-
-private:
-    const CookieMap mNoCookies;
-    const HeaderMap mNoHeaders;
+    Request()
+    {
+        response.statusCode = 404;
+        response.contentLength = 0;
+    }
 };
 
 class EchoApplication : public qv::http::HttpServerImpl

@@ -55,7 +55,7 @@ void PretendReadyBytes(HttpResponseDevice& device, uint64_t bytes);
 template struct ReadyBytesAccessor<&HttpResponseDevice::mReadyBytes>;
 
 // Records the accessors that are called.
-class RecordingResponse : public TestResponse
+class RecordingResponse : public MinimalResponse
 {
 public:
     explicit RecordingResponse(RecordingDaemon& daemon) : mDaemon(daemon) {}

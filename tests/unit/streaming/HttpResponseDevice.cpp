@@ -837,7 +837,7 @@ TEST(HttpResponseInterface, IsAPureInterfaceWithItsOperationsInOrder)
 
 TEST(HttpResponseInterface, IsDeletedThroughItsBase)
 {
-    struct Deleted : TestResponse
+    struct Deleted : MinimalResponse
     {
         explicit Deleted(bool& flag) : mFlag(flag) {}
         ~Deleted() override { mFlag = true; }

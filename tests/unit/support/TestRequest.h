@@ -1,41 +1,18 @@
-// The least that a request needs of an application: a response head, a wait listener and a
-// request class that shows both; and bytes to send through it.
+// Requests whose worker is a thread of the test, and bytes to send through them.
 #ifndef WENDREL_TESTS_TESTREQUEST_H
 #define WENDREL_TESTS_TESTREQUEST_H
 
-#include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
+#include <support/MinimalRequest.h>
+
 #include <qvSystem/qvThread.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
 
 namespace qv::tests
 {
-
-// Set the fields before the response is announced.
-class TestResponse : public HttpResponseInterface
-{
-public:
-    const CookieMap& getCookies() override { return cookies; }
-    const HeaderMap& getHeaders() override { return headers; }
-    uint32_t getStatusCode() override { return statusCode; }
-    int64_t getContentLength() override { return contentLength; }
-    std::string describe() override { return "test response"; }
-
-    void addHeader(const std::string& name, const std::string& value)
-    {
-        headers[name] = {name, value};
-    }
-
-    CookieMap cookies;
-    HeaderMap headers;
-    uint32_t statusCode = 200;
-    int64_t contentLength = -1;
-};
 
 // Counts its calls and passes each on to `action`. Used by the worker thread only.
 class TestWaitListener : public HttpWaitListener
@@ -52,19 +29,15 @@ public:
     std::function<void()> action;
 };
 
-class TestRequest : public HttpBaseRequest
+class TestRequest : public MinimalRequest
 {
 public:
-    HttpResponseInterface& getResponse() override { return response; }
     HttpWaitListener& getWaitListener() override { return listener; }
-
-    using HttpBaseRequest::setKeepAliveCallback;
 
     // The calling thread is the request's worker from now on.
     void serveOnThisThread() { workerThreadStartHandling(qvThread::CurrentThreadId()); }
     void stopServing() { workerThreadStopHandling(qvThread::CurrentThreadId()); }
 
-    TestResponse response;
     TestWaitListener listener;
 };
 
