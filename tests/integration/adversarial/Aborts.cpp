@@ -242,7 +242,7 @@ TEST(Aborts, OfTheKitsRequestsAllEndAndAreDeleted)
     }
     EXPECT_EQ(ended, server.metrics().at("requests"));
     EXPECT_GT(ended, requestsBefore);
-    EXPECT_TRUE(isAnswered(server.port()));
+    EXPECT_TRUE(isServed(server.port()));
     server.stop(milliseconds(1000));
 }
 
@@ -359,7 +359,7 @@ TEST(Aborts, BehindTheLastByteHoldAWorkerUntilTheTimeout)
     metric("clients-that-have-closed", kLeavers, "connections");
     metric("connection-timeout", kTimeoutMs, "ms");
     Meanwhile good(server.port(), Meanwhile::Requests);
-    EXPECT_TRUE(integration::waitUntil([&] { return good.answered() > 0; }));
+    EXPECT_TRUE(integration::waitUntil([&] { return good.responses() > 0; }));
     metric("next-response-after", millisecondsSince(start), "ms");
     // A good client that waits longer than that for a worker is closed as well.
     metric("good-clients-closed-meanwhile", static_cast<double>(good.stop().failures), "requests");

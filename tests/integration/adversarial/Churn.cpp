@@ -77,7 +77,7 @@ TEST(Churn, FiftyThousandConnectionsLeaveNothing)
     EXPECT_EQ(opened, connections);
 
     server.expectAsBefore(before, kToleratedBytes);
-    EXPECT_TRUE(isAnswered(server.port()));
+    EXPECT_TRUE(isServed(server.port()));
     server.stop(kLimit);
 }
 

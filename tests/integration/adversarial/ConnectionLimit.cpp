@@ -97,7 +97,7 @@ TEST(ConnectionLimit, SilentClientsInAllPlacesLockTheOthersOutUntilTheTimeout)
            static_cast<double>(full.residentBytes - before.residentBytes) / kPlaces / 1024, "KiB");
     Meanwhile good(server.port(), Meanwhile::Requests);
     const auto start = Clock::now();
-    EXPECT_TRUE(crowd.run([&] { return good.answered() > 0; }, kLimit));
+    EXPECT_TRUE(crowd.run([&] { return good.responses() > 0; }, kLimit));
     const double waited = millisecondsSince(start);
     metric("attackers", kPlaces, "connections");
     metric("connection-timeout", kTimeoutMs, "ms");

@@ -32,7 +32,7 @@ struct Served
 };
 
 /// One request for /small on a connection of its own; false without a correct response.
-inline bool isAnswered(uint16_t port)
+inline bool isServed(uint16_t port)
 {
     try {
         integration::RawClient client(port);
@@ -47,7 +47,7 @@ inline bool isAnswered(uint16_t port)
 inline void serveOne(uint16_t port, Served& served)
 {
     const auto start = Clock::now();
-    if (isAnswered(port))
+    if (isServed(port))
         served.times.add(millisecondsSince(start));
     else
         ++served.failures;
@@ -103,7 +103,7 @@ public:
     }
 
     /// Responses so far.
-    size_t answered() const { return mResponses; }
+    size_t responses() const { return mResponses; }
 
 private:
     void go(uint16_t port, Kind kind)

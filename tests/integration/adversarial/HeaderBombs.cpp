@@ -1,4 +1,4 @@
-// Requests that are too much of one thing: what their client gets, and what they leave behind.
+// Requests that exceed one limit: the responses, and the memory they leave behind.
 
 #include "Crowd.h"
 #include "GoodClients.h"
@@ -55,7 +55,7 @@ std::string upload(const std::string& body)
     return "PUT /upload HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n" + body;
 }
 
-// What a client gets: a status, or one of these.
+// The outcome of a request: a status, or one of these.
 constexpr int kClosed = 0;     // the connection is closed without a response, at once
 constexpr int kTimedOut = -1;  // likewise, but only by the timeout
 
@@ -132,7 +132,7 @@ protected:
         return ServerProcess({"threads=2", "workers=64", "timeout=" + std::to_string(timeoutMs)});
     }
 
-    // Sends the bytes `times` times, each on a connection of its own, and returns what came.
+    // Sends the bytes `times` times, each on a connection of its own, and returns the outcomes.
     static std::vector<int> outcomes(uint16_t port, const std::string& bytes, size_t times,
                                      unsigned timeoutMs)
     {
@@ -174,20 +174,20 @@ protected:
             EXPECT_THAT(found, ::testing::Each(bomb.outcome));
             metric(std::string(bomb.name) + ".outcome", found.front(), "status");
             metric(std::string(bomb.name) + ".time-of-each", time, "ms");
-            EXPECT_TRUE(isAnswered(server.port()));
+            EXPECT_TRUE(isServed(server.port()));
         }
         server.expectAsBefore(before, kToleratedBytes);
         server.stop(kLimit);
     }
 };
 
-TEST_F(HeaderBombs, GetAnAnswerOrTheirEndAndLeaveNothing)
+TEST_F(HeaderBombs, GetAResponseOrTheirEndAndLeaveNothing)
 {
     explode(false);
     explode(true);
 }
 
-TEST_F(HeaderBombs, TenThousandRequestsAtOnceOnOneConnectionAreAllAnswered)
+TEST_F(HeaderBombs, TenThousandRequestsAtOnceOnOneConnectionAreAllServed)
 {
     const size_t requests = scaled(10000);
     ServerProcess server = makeServer();
@@ -224,7 +224,7 @@ std::vector<Dropped> droppedRequests()
     };
 }
 
-// What the library has noted for such a request stays until the server stops, and no longer.
+// The library's context of such a request is freed when the server stops.
 TEST_F(HeaderBombs, RequestsDroppedByTheDaemonAreForgottenWhenTheServerStops)
 {
     constexpr size_t kRequests = 1000;
@@ -245,7 +245,7 @@ TEST_F(HeaderBombs, RequestsDroppedByTheDaemonAreForgottenWhenTheServerStops)
             size_t silent = 0;
             for (const Client& each : crowd.clients())
                 silent += each.text.empty();
-            metric(std::string(dropped.name) + ".without-answer", static_cast<double>(silent),
+            metric(std::string(dropped.name) + ".without-response", static_cast<double>(silent),
                    "requests");
         }
         // A client that does not wait for its end either.
@@ -262,7 +262,7 @@ TEST_F(HeaderBombs, RequestsDroppedByTheDaemonAreForgottenWhenTheServerStops)
             metric(std::string(dropped.name) + ".rate",
                    static_cast<double>(requests) / millisecondsSince(start) * 1000, "requests/s");
         }
-        EXPECT_TRUE(isAnswered(server.port()));
+        EXPECT_TRUE(isServed(server.port()));
         server.quietFootprint();
         const auto kept =
             static_cast<double>(server.metrics().at("heap")) - static_cast<double>(heapBefore);

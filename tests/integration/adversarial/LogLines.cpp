@@ -1,4 +1,4 @@
-// What clients write into the log: a line each, whatever it holds.
+// Bytes of clients in the log: an entry is one line.
 
 #include "GoodClients.h"
 #include "Metrics.h"
@@ -116,10 +116,10 @@ TEST_F(LogLines, OfAdversarialBytesAreOneEscapedLineAnEntry)
     // In a line of the kit, which holds the target as it came and the text of an exception.
     integration::RawClient client(port);
     client.send(integration::getRequest("/throws/%1b%0aFORGED"));
-    const auto answer = client.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->status, 500);
-    EXPECT_TRUE(isAnswered(port));
+    const auto response = client.receive();
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, 500);
+    EXPECT_TRUE(isServed(port));
     server.stop(kLimit);
 
     const std::string log = written();

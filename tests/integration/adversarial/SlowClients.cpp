@@ -1,4 +1,4 @@
-// Clients that take their time: in the head, in the body, in reading the answer.
+// Slow clients: in the head, in the body, in reading the response.
 
 #include "Crowd.h"
 #include "GoodClients.h"
@@ -24,9 +24,9 @@ namespace
 using integration::waitUntil;
 
 constexpr size_t kClients = 500;
-constexpr milliseconds kTimeOut(2000);
+constexpr milliseconds kTimeout(2000);
 constexpr milliseconds kBetweenBytes(700);
-constexpr int kDrips = 7;  // more than two time-outs
+constexpr int kDrips = 7;  // more than two timeouts
 constexpr double kKib = 1024;
 constexpr size_t kToleratedBytes = 8u << 20;
 constexpr size_t kGoodRequests = 300;
@@ -50,7 +50,7 @@ protected:
     static std::vector<std::string> argumentsFor(size_t workers)
     {
         return {"threads=2", "workers=" + std::to_string(workers),
-                "timeout=" + std::to_string(kTimeOut.count())};
+                "timeout=" + std::to_string(kTimeout.count())};
     }
 
     void start(size_t workers)
@@ -59,7 +59,7 @@ protected:
         // All that is made with the first requests is there.
         serve(server->port(), scaled(kGoodRequests));
         before = server->quietFootprint();
-        serve(server->port(), scaled(kGoodRequests)).print("answered-without-attack");
+        serve(server->port(), scaled(kGoodRequests)).print("served-without-attack");
         crowd = std::make_unique<Crowd>(server->port());
     }
 
@@ -123,7 +123,7 @@ protected:
                static_cast<double>(attacked.descriptors - before.descriptors) / clients, "count");
     }
 
-    // What an attack took at its height, and when the server closed each connection of it.
+    // The maximum cost of an attack, and when the server closed each of its connections.
     struct Attack
     {
         Footprint most;
@@ -163,24 +163,24 @@ protected:
         const int last = drips + kDrips;
         EXPECT_TRUE(dripUntil([&] { return drips >= last; }));
         const Served& served = good.stop();
-        served.print("answered-beside-attack");
-        slowestAnswer = served.times.most();
+        served.print("served-beside-attack");
+        maxResponseMs = served.times.most();
         EXPECT_EQ(served.failures, 0u);
         EXPECT_GT(served.times.values.size(), 0u);
         metric("attack-lasted", kDrips * static_cast<double>(kBetweenBytes.count()), "ms");
-        metric("connection-timeout", static_cast<double>(kTimeOut.count()), "ms");
+        metric("connection-timeout", static_cast<double>(kTimeout.count()), "ms");
         metric("attackers-still-connected", static_cast<double>(crowd->count(Client::Open)),
                "connections");
     }
 
-    // False when this machine has stood still so long that a time-out may have passed meanwhile.
+    // False when this machine has paused so long that a timeout may have passed meanwhile.
     bool keptPace() const
     {
-        constexpr double kSpareMs = 500;
-        return longestPause + slowestAnswer + kSpareMs < static_cast<double>(kTimeOut.count());
+        constexpr double kToleratedMs = 500;
+        return longestPause + maxResponseMs + kToleratedMs < static_cast<double>(kTimeout.count());
     }
 
-    // A byte now and then keeps a connection for ever: the time-out counts from the last byte.
+    // A byte now and then keeps a connection open: the timeout counts from the last byte.
     void expectAllAreStillThere()
     {
         if (keptPace()) {
@@ -200,14 +200,14 @@ protected:
         // The daemon counts in steps of the system's coarse clock.
         constexpr double kCoarseMs = 100;
         if (keptPace()) {
-            EXPECT_GE(times.least(), static_cast<double>(kTimeOut.count()) - kCoarseMs);
+            EXPECT_GE(times.least(), static_cast<double>(kTimeout.count()) - kCoarseMs);
         }
     }
 
     void expectAllIsOver()
     {
         server->expectAsBefore(before, kToleratedBytes);
-        EXPECT_TRUE(isAnswered(server->port()));
+        EXPECT_TRUE(isServed(server->port()));
         server->stop(kLimit);
     }
 
@@ -216,7 +216,7 @@ protected:
     Footprint before;
     double memoryOfEach = 0;
     double longestPause = 0;
-    double slowestAnswer = 0;
+    double maxResponseMs = 0;
     Clock::time_point dripped;
     int drips = 0;
 };
@@ -252,7 +252,7 @@ TEST_F(SlowClients, ABodyByteByByteKeepsAWorker)
     expectAllIsOver();
 }
 
-// The answer is larger than what the system takes for a client that does not read.
+// The response is larger than the socket buffers of a client that does not read.
 TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
 {
     constexpr int kReceiveBuffer = 8192;
@@ -273,9 +273,9 @@ TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
     Meanwhile good(server->port(), Meanwhile::Requests);
     const Attack attack = watchUntilClosed();
     const Served& served = good.stop();
-    served.print("answered-beside-attack");
+    served.print("served-beside-attack");
     EXPECT_EQ(served.failures, 0u);
-    // The time-out begins when the system takes no more of the answer.
+    // The timeout begins when the socket accepts no more of the response.
     metric("closed-after-attack-began.min", attack.closed.least(), "ms");
     attack.closed.print("closed-after-attack-began");
     EXPECT_GE(attack.closed.values.size(), scaled(kClients));
@@ -285,19 +285,19 @@ TEST_F(SlowClients, AStreamThatIsNotReadIsHeldBackAndClosed)
                static_cast<double>(scaled(kClients)) / kKib,
            "KiB");
     if (!kSanitized) {
-        // 256 KiB of the daemon, 256 KiB ready and what was being written, a worker's stack.
+        // 256 KiB of the daemon, 256 KiB ready and the chunk being written, a worker's stack.
         EXPECT_LT(memoryOfEach, 1024 * kKib);
     }
     crowd.reset();
     expectAllIsOver();
 }
 
-// A slow reader stays when the system has room for more of the answer once in a time-out.
+// A slow reader stays when the socket accepts more of the response once per timeout.
 TEST_F(SlowClients, AReaderKeepsItsPlaceAboveACertainRate)
 {
     constexpr int kReceiveBuffer = 8192;
     constexpr uint64_t kRates[] = {0, 32768, 65536, 131072, 262144, 524288, 1048576, 4194304};
-    constexpr int kTurns = 8;  // four time-outs
+    constexpr int kTurns = 8;  // four timeouts
     constexpr int kPartsOfATurn = 10;
     start(16);
     openAllWithRates(std::size(kRates), kReceiveBuffer);
@@ -324,22 +324,22 @@ TEST_F(SlowClients, AReaderKeepsItsPlaceAboveACertainRate)
 }
 
 // A body that is complete when it is announced is copied for each client.
-TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
+TEST_F(SlowClients, AResponseFromOneBufferIsHeldWholeForEachReader)
 {
-    constexpr size_t kAnswers = 50;
-    constexpr size_t kAnswerBytes = 8u << 20;
+    constexpr size_t kResponses = 50;
+    constexpr size_t kResponseBytes = 8u << 20;
     start(16);
     const uint64_t asked = server->metrics().at("requests");
-    for (size_t i = 0; i < scaled(kAnswers); ++i) {
+    for (size_t i = 0; i < scaled(kResponses); ++i) {
         Client& client = crowd->open(0, 8192);
         client.receiveUpTo = 0;
-        crowd->send(client, "GET /buffered/" + std::to_string(kAnswerBytes) +
+        crowd->send(client, "GET /buffered/" + std::to_string(kResponseBytes) +
                                 " HTTP/1.1\r\nHost: x\r\n\r\n");
     }
-    const auto isAnswering = [&] {
-        return server->metrics().at("requests") >= asked + scaled(kAnswers);
+    const auto areResponding = [&] {
+        return server->metrics().at("requests") >= asked + scaled(kResponses);
     };
-    ASSERT_TRUE(crowd->run(isAnswering, kLimit));
+    ASSERT_TRUE(crowd->run(areResponding, kLimit));
     size_t most = 0;
     EXPECT_TRUE(crowd->run(
         [&] {
@@ -349,21 +349,21 @@ TEST_F(SlowClients, AnAnswerFromOneBufferIsHeldWholeForEachReader)
         },
         kLimit));
     const double each = static_cast<double>(most - std::min(most, before.residentBytes)) /
-                        static_cast<double>(scaled(kAnswers));
-    metric("answer", static_cast<double>(kAnswerBytes) / kKib, "KiB");
+                        static_cast<double>(scaled(kResponses));
+    metric("response", static_cast<double>(kResponseBytes) / kKib, "KiB");
     metric("resident-memory-per-attacker", each / kKib, "KiB");
     if (!kSanitized) {
         // The copy for the daemon, and for a moment the two that it is made from.
-        EXPECT_LT(each, 3.5 * kAnswerBytes);
+        EXPECT_LT(each, 3.5 * kResponseBytes);
     }
     crowd.reset();
-    // What the heap of a thread ends with is not given back.
-    server->expectAsBefore(before, 4 * kAnswerBytes);
+    // The free end of a thread's heap is not returned.
+    server->expectAsBefore(before, 4 * kResponseBytes);
     server->stop(kLimit);
 }
 
 // Required is only that the daemon goes on; the kit's workers are as many as its user chose.
-TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
+TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllResponses)
 {
     constexpr size_t kWorkers = 16;
     start(kWorkers);
@@ -380,21 +380,21 @@ TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllAnswers)
         for (Client& each : crowd->clients())
             crowd->send(each, "x");
     }
-    const size_t answered = good.answered();
+    const size_t responses = good.responses();
     metric("attackers", kWorkers, "connections");
-    metric("answered-during-attack", static_cast<double>(answered), "requests");
+    metric("served-during-attack", static_cast<double>(responses), "requests");
     // A worker that a timeout has freed is seen by the end of its client.
     crowd->runFor(milliseconds(100));
     if (crowd->count(Client::Open) == kWorkers) {
-        EXPECT_EQ(answered, 0u);
+        EXPECT_EQ(responses, 0u);
     }
-    EXPECT_TRUE(crowd->run([&] { return good.answered() > 0; }, kLimit));
-    metric("next-answer-after-attack-began", millisecondsSince(start), "ms");
+    EXPECT_TRUE(crowd->run([&] { return good.responses() > 0; }, kLimit));
+    metric("next-response-after-attack-began", millisecondsSince(start), "ms");
     good.stop();
     expectAllIsOver();
 }
 
-// Requests that wait for the application slow the daemon's threads down, whoever sent them.
+// Requests that wait for the application slow down all requests of the daemon's threads.
 TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
 {
     constexpr int kGoodOnes = 2;
@@ -412,7 +412,7 @@ TEST_F(SlowClients, WaitingRequestsSlowDownAllOthersOfTheThread)
             crowd->runFor(milliseconds(300));
             serveOne(server->port(), served);
         }
-        const std::string name = "answered-beside-" + std::to_string(waiting) + "-waiting";
+        const std::string name = "served-beside-" + std::to_string(waiting) + "-waiting";
         metric(name + ".median", served.times.median(), "ms");
         metric(name + ".max", served.times.most(), "ms");
         EXPECT_EQ(served.failures, 0u);

@@ -35,11 +35,11 @@ std::ostream& operator<<(std::ostream& out, const ToolRow& row)
     return out << row.name;
 }
 
-// What the tool has noted, second by second.
+// The tool's record, second by second.
 struct Seconds
 {
     size_t count = 0;
-    size_t unavailable = 0;    // the tool's own request was not answered within three seconds
+    size_t unavailable = 0;    // the tool's own request had no response within three seconds
     double mostConnected = 0;  // slow connections
 };
 
@@ -98,7 +98,7 @@ TEST_P(SlowHttpTest, FindsTheServiceAvailable)
     Meanwhile good(server.port(), Meanwhile::Requests);
     const Seconds seconds = runTool(arguments);
     const Served& served = good.stop();
-    served.print("answered-beside-attack");
+    served.print("served-beside-attack");
     EXPECT_EQ(served.failures, 0u);
     metric("attackers", seconds.mostConnected, "connections");
     metric("seconds-without-service", static_cast<double>(seconds.unavailable), "seconds");
