@@ -1,4 +1,4 @@
-// What a hub of the kit leaves behind: after failures, and after many stops in every state.
+// The hub of the kit leaves nothing behind: after failures, and after many stops in every state.
 
 #include "support/HubRun.h"
 #include "support/ProcessCounts.h"
@@ -66,10 +66,10 @@ void openAndStop()
     }
     // Not before the last one is in the hub, or it would be refused.
     EXPECT_TRUE(waitUntil([&] {
-        return run.hub().getCount() + static_cast<size_t>(run.ledger().closed) == kClients;
+        return run.hub().getCount() + static_cast<size_t>(run.record().closed) == kClients;
     }));
     run.stopAndExpectNothingIsLeft();
-    EXPECT_EQ(run.ledger().made, static_cast<int>(kClients));
+    EXPECT_EQ(run.record().made, static_cast<int>(kClients));
 }
 
 // While it lives, poll() refuses more than a few connections, and there are no new descriptors.
@@ -107,11 +107,11 @@ TEST(WebSocketHub, GoesOnAfterAPollThatFailed)
         polled.push_back(std::make_unique<WebSocketClient>(run.port()));
     ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == 4; }));
     ASSERT_TRUE(handling.sendText("wait"));
-    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_EQ(run.record().messages.pop(), "wait");
     {
         const FewDescriptors few(2);
         for (size_t i = 0; i < polled.size(); ++i)
-            EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+            EXPECT_TRUE(run.record().closings.pop(kPrompt));
     }
     EXPECT_EQ(run.hub().getCount(), 1u);
     for (auto& client : polled)
@@ -119,14 +119,14 @@ TEST(WebSocketHub, GoesOnAfterAPollThatFailed)
     EXPECT_TRUE(processLog->waitForLine("Got an error during call to poll Invalid argument"));
     EXPECT_TRUE(processLog->waitForLine(kRevived));
 
-    run.ledger().latch.open();
-    const auto answer = handling.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->bytes, "wait");
+    run.record().latch.open();
+    const auto message = handling.receive();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->bytes, "wait");
     expectEcho(handling, "again", false);
     WebSocketClient fresh(run.port());
     expectEcho(fresh, "fresh", true);
-    EXPECT_EQ(run.ledger().closed, 3);
+    EXPECT_EQ(run.record().closed, 3);
     EXPECT_TRUE(run.hub().close(milliseconds(0)));
     run.stopAndExpectNothingIsLeft();
 }
@@ -142,7 +142,7 @@ TEST(WebSocketHub, ClosesAfterAPollThatFailedWithEveryConnection)
     {
         const FewDescriptors few(2);
         for (size_t i = 0; i < clients.size(); ++i)
-            EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+            EXPECT_TRUE(run.record().closings.pop(kPrompt));
     }
     const auto start = Clock::now();
     EXPECT_TRUE(run.hub().close(milliseconds(0)));
@@ -150,11 +150,11 @@ TEST(WebSocketHub, ClosesAfterAPollThatFailedWithEveryConnection)
     run.stopAndExpectNothingIsLeft();
 }
 
-// What ends the workers is polled, too, and here it is more than poll() takes.
+// The sockets that end the workers are polled, too: here more than poll() accepts.
 TEST(WebSocketHub, ClosesThoughItsLastPollsFail)
 {
     constexpr unsigned kWorkers = 64;
-    constexpr size_t kSpareDescriptors = 10;
+    constexpr size_t kUnusedDescriptors = 10;
     FewDescriptors::prepare();
     HubSetup setup;
     setup.options.workers = kWorkers;
@@ -163,7 +163,7 @@ TEST(WebSocketHub, ClosesThoughItsLastPollsFail)
     expectEcho(client, "text", false);
     const size_t threads = countThreads();
     {
-        const FewDescriptors few(countDescriptors() + kSpareDescriptors);
+        const FewDescriptors few(countDescriptors() + kUnusedDescriptors);
         EXPECT_TRUE(run.hub().close(milliseconds(0)));
     }
     EXPECT_TRUE(waitUntil([&] { return countThreads() < threads - kWorkers; }));
@@ -181,7 +181,7 @@ void signalEveryThread(int signal)
     ::closedir(opened);
 }
 
-// Signals whose handlers interrupt system calls come all the time, to whoever takes them.
+// Every thread is interrupted by signals whose handlers interrupt system calls.
 TEST(WebSocketHub, IsNotInterruptedBySignals)
 {
     struct sigaction before
@@ -213,21 +213,21 @@ int closeWithoutDescriptors()
     ::alarm(2 * kLimit.count());  // nobody else would end this process
     FewDescriptors::prepare();
     HubRun run;
-    run.ledger().endLimit = milliseconds(300);
+    run.record().endLimit = milliseconds(300);
     WebSocketClient client(run.port());
     expectEcho(client, "end slowly", false);
     // This one stays with its worker, which would not end if it were stopped.
     WebSocketClient held(run.port());
     held.sendClose();
-    run.ledger().closings.pop();
+    run.record().closings.pop();
     client.raw().reset();
-    run.ledger().closings.pop();
+    run.record().closings.pop();
     bool ended = true;
     {
         const FewDescriptors few(3);
         ended = run.hub().close(milliseconds(0)) || run.hub().close(milliseconds(0));
     }
-    const bool closed = run.ledger().toldEnds == 2;
+    const bool closed = run.record().toldEnds == 2;
     constexpr const char* kLine = "The WebSocket threads could not be ended and are left behind";
     const bool logged = processLog->lines(kLine).size() == 1;
     WebSocketClient late(run.port());
@@ -249,7 +249,7 @@ TEST(WebSocketHub, TakesConnectionsWhileItIsClosed)
     constexpr int kAdopters = 3;
     constexpr int kEach = 4;
     for (int round = 0; round < kRounds; ++round) {
-        Ledger ledger;
+        HubRecord record;
         std::vector<int> sockets;
         {
             WebSocketHub hub;
@@ -266,7 +266,7 @@ TEST(WebSocketHub, TakesConnectionsWhileItIsClosed)
                             const std::lock_guard<std::mutex> locked(mutex);
                             sockets.push_back(socket);
                         }
-                        hub.adopt<Echo>(new qv::http::WebSocket(socket, nullptr), ledger);
+                        hub.adopt<Echo>(new qv::http::WebSocket(socket, nullptr), record);
                     }
                 });
             }
@@ -276,10 +276,10 @@ TEST(WebSocketHub, TakesConnectionsWhileItIsClosed)
             for (std::thread& adopter : adopters)
                 adopter.join();
         }
-        EXPECT_EQ(ledger.made, kAdopters * kEach);
-        EXPECT_EQ(ledger.destroyed, kAdopters * kEach);
-        EXPECT_EQ(ledger.closed, kAdopters * kEach);
-        EXPECT_EQ(ledger.closedAgain, 0);
+        EXPECT_EQ(record.made, kAdopters * kEach);
+        EXPECT_EQ(record.destroyed, kAdopters * kEach);
+        EXPECT_EQ(record.closed, kAdopters * kEach);
+        EXPECT_EQ(record.closedAgain, 0);
         for (const int socket : sockets)
             ::close(socket);
     }
@@ -288,7 +288,7 @@ TEST(WebSocketHub, TakesConnectionsWhileItIsClosed)
 TEST(WebSocketHub, LeavesNothingBehindAfterManyStops)
 {
     constexpr int kRounds = 100;
-    openAndStop();  // whatever the process makes once, it makes here
+    openAndStop();  // objects that the process makes once are made here
     const size_t descriptors = countDescriptors();
     const size_t threads = countThreads();
     for (int round = 0; round < kRounds; ++round) {
@@ -360,8 +360,8 @@ TEST(WebSocketHub, OutlivesAStormOfClients)
             std::this_thread::yield();
         }
     });
-    waitUntil([&] { return run.ledger().made > 2000; }, kTime);
-    EXPECT_GT(run.ledger().made, 50);
+    waitUntil([&] { return run.record().made > 2000; }, kTime);
+    EXPECT_GT(run.record().made, 50);
     const auto start = Clock::now();
     EXPECT_TRUE(run.hub().close(milliseconds(50)));
     EXPECT_LT(Clock::now() - start, kPrompt);

@@ -58,9 +58,9 @@ TEST(WebSocketHub, HandlesMessagesThatArriveTogether)
         together += maskedFrame(kLastText, std::to_string(i));
     ASSERT_TRUE(client.raw().send(together));
     for (int i = 0; i < kMessages; ++i) {
-        const auto answer = client.receive();
-        ASSERT_TRUE(answer) << "after " << i;
-        EXPECT_EQ(answer->bytes, std::to_string(i));
+        const auto message = client.receive();
+        ASSERT_TRUE(message) << "after " << i;
+        EXPECT_EQ(message->bytes, std::to_string(i));
     }
     run.stopAndExpectNothingIsLeft();
 }
@@ -162,22 +162,22 @@ TEST(WebSocketHub, NoticesEveryWayToEndAndFreesTheWorker)
         EXPECT_EQ(run.hub().getCount(), 2u);
         const auto start = Clock::now();
         row.end(run, client);
-        EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+        EXPECT_TRUE(run.record().closings.pop(kPrompt));
         EXPECT_EQ(run.hub().getCount(), 1u);
         if (row.clientRemains) {
             EXPECT_TRUE(client.waitForEnd());
         }
         // Late broadcasts may come first.
         ASSERT_TRUE(other.sendText(row.name));
-        for (auto answer = other.receive();; answer = other.receive()) {
-            ASSERT_TRUE(answer);
-            if (answer->bytes == row.name)
+        for (auto message = other.receive();; message = other.receive()) {
+            ASSERT_TRUE(message);
+            if (message->bytes == row.name)
                 break;
         }
         EXPECT_LT(Clock::now() - start, kPrompt);
     }
     run.stopAndExpectNothingIsLeft();
-    EXPECT_EQ(run.ledger().made, static_cast<int>(std::size(rows)) + 1);
+    EXPECT_EQ(run.record().made, static_cast<int>(std::size(rows)) + 1);
 }
 
 TEST(WebSocketHub, HandlesTheLastMessageOfAClientThatEndsItsSide)
@@ -191,15 +191,15 @@ TEST(WebSocketHub, HandlesTheLastMessageOfAClientThatEndsItsSide)
         ASSERT_TRUE(client.sendText("early"));
         ASSERT_TRUE(client.sendText(last));
         client.raw().finishSending();
-        EXPECT_EQ(run.ledger().messages.pop(), "early");
-        EXPECT_EQ(run.ledger().messages.pop(), last);
+        EXPECT_EQ(run.record().messages.pop(), "early");
+        EXPECT_EQ(run.record().messages.pop(), last);
         for (const char* expected : {"early", last}) {
-            const auto answer = client.receive();
-            ASSERT_TRUE(answer);
-            EXPECT_EQ(answer->bytes, expected);
+            const auto message = client.receive();
+            ASSERT_TRUE(message);
+            EXPECT_EQ(message->bytes, expected);
         }
         EXPECT_TRUE(client.waitForEnd());
-        EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+        EXPECT_TRUE(run.record().closings.pop(kPrompt));
     }
     run.stopAndExpectNothingIsLeft();
 }
@@ -211,16 +211,16 @@ TEST(WebSocketHub, HandlesTheLastMessageThoughTheWorkerIsBusyForLong)
     HubRun run(setup);
     WebSocketClient busy(run.port());
     ASSERT_TRUE(busy.sendText("wait"));
-    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_EQ(run.record().messages.pop(), "wait");
     WebSocketClient client(run.port());
     ASSERT_TRUE(client.sendText("last"));
     client.raw().finishSending();
     // Longer than the half second that it has after its message has been received.
-    EXPECT_FALSE(waitUntil([&] { return run.ledger().closed != 0; }, milliseconds(900)));
-    run.ledger().latch.open();
-    const auto answer = client.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->bytes, "last");
+    EXPECT_FALSE(waitUntil([&] { return run.record().closed != 0; }, milliseconds(900)));
+    run.record().latch.open();
+    const auto message = client.receive();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->bytes, "last");
     EXPECT_TRUE(client.waitForEnd());
     run.stopAndExpectNothingIsLeft();
 }
@@ -235,15 +235,15 @@ TEST(WebSocketHub, KeepsAConnectionWhileItsEndIsTold)
     WebSocketClient client(run.port());
     expectEcho(client, "end slowly", false);
     ASSERT_TRUE(client.sendClose());
-    ASSERT_TRUE(run.ledger().closings.pop(kPrompt));
+    ASSERT_TRUE(run.record().closings.pop(kPrompt));
     ASSERT_TRUE(other.sendText("next"));
-    EXPECT_FALSE(waitUntil([&] { return run.ledger().destroyed != 0; }, milliseconds(500)));
-    EXPECT_EQ(run.ledger().closed, 1);
-    run.ledger().endLatch.open();
-    const auto answer = other.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->bytes, "next");
-    EXPECT_TRUE(waitUntil([&] { return run.ledger().destroyed == 1; }));
+    EXPECT_FALSE(waitUntil([&] { return run.record().destroyed != 0; }, milliseconds(500)));
+    EXPECT_EQ(run.record().closed, 1);
+    run.record().endLatch.open();
+    const auto message = other.receive();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->bytes, "next");
+    EXPECT_TRUE(waitUntil([&] { return run.record().destroyed == 1; }));
     run.stopAndExpectNothingIsLeft();
 }
 
@@ -266,14 +266,14 @@ TEST(WebSocketHub, TellsAnEndWithNoLockOfTheLibraryHeld)
         WebSocketClient client(run.port());
         expectEcho(client, "end slowly", false);
         row.end(client);
-        ASSERT_TRUE(run.ledger().closings.pop(kPrompt));
+        ASSERT_TRUE(run.record().closings.pop(kPrompt));
         EXPECT_EQ(run.hub().getCount(), 1u);
         expectEcho(other, "here", false);
         WebSocketClient fresh(run.port());
         expectEcho(fresh, "fresh", true);
         EXPECT_EQ(run.hub().getCount(), 2u);
-        EXPECT_EQ(run.ledger().toldEnds, 0);
-        run.ledger().endLatch.open();
+        EXPECT_EQ(run.record().toldEnds, 0);
+        run.record().endLatch.open();
         run.stopAndExpectNothingIsLeft();
     }
 }
@@ -287,7 +287,7 @@ TEST(WebSocketHub, AbortsAClientThatTakesNothing)
     WebSocketClient client(run.port());
     const auto start = Clock::now();
     ASSERT_TRUE(client.sendText("flood"));
-    EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
+    EXPECT_TRUE(run.record().closings.pop(kPrompt));
     EXPECT_GE(Clock::now() - start, setup.options.unsentLimit);
     EXPECT_TRUE(client.waitForEnd());
     // One that has nothing to take stays.
@@ -303,9 +303,9 @@ TEST(WebSocketHub, KeepsAClientThatIsSlowToTake)
     HubRun run(setup);
     WebSocketClient client(run.port());
     ASSERT_TRUE(client.sendText("flood"));
-    ASSERT_EQ(run.ledger().messages.pop(), "flood");
+    ASSERT_EQ(run.record().messages.pop(), "flood");
     // The hub has looked at it many times by now.
-    EXPECT_FALSE(run.ledger().closings.pop(milliseconds(1000)));
+    EXPECT_FALSE(run.record().closings.pop(milliseconds(1000)));
     const auto flood = client.receive();
     ASSERT_TRUE(flood);
     EXPECT_TRUE(flood->bytes == std::string(kFloodBytes, 'f'));
@@ -348,7 +348,7 @@ TEST(WebSocketHub, KeepsASteadyReaderWhoseQueueIsNeverEmpty)
         const auto part = readSteadily(client, setup.options.unsentLimit);
         if (part) {
             judged = true;
-            EXPECT_EQ(run.ledger().closed, 0);
+            EXPECT_EQ(run.record().closed, 0);
             EXPECT_TRUE(waitUntilSomethingIsQueued(run)) << "too few bytes for this test";
             const std::string rest = client.raw().receiveExactly(kFloodBytes - part->size());
             EXPECT_EQ(part->size() + rest.size(), kFloodBytes);
@@ -399,27 +399,27 @@ TEST(WebSocketHub, ClosesWhatComesAfterItsClose)
         if (used)
             expectEcho(*std::make_unique<WebSocketClient>(run.port()), "text", false);
         EXPECT_TRUE(run.hub().close(milliseconds(0)));
-        while (run.ledger().closings.pop(milliseconds(0))) {
+        while (run.record().closings.pop(milliseconds(0))) {
         }
-        const int before = run.ledger().closed;
+        const int before = run.record().closed;
         WebSocketClient client(run.port());
         EXPECT_TRUE(client.waitForEnd());
         EXPECT_EQ(run.hub().getCount(), 0u);
-        EXPECT_TRUE(run.ledger().closings.pop(kPrompt));
-        EXPECT_EQ(run.ledger().closed, before + 1);
-        EXPECT_TRUE(waitUntil([&] { return run.ledger().destroyed == run.ledger().made; }));
+        EXPECT_TRUE(run.record().closings.pop(kPrompt));
+        EXPECT_EQ(run.record().closed, before + 1);
+        EXPECT_TRUE(waitUntil([&] { return run.record().destroyed == run.record().made; }));
         run.stopAndExpectNothingIsLeft();
     }
 }
 
 TEST(WebSocketHub, ClosesWhatItCannotWatch)
 {
-    Ledger ledger;
+    HubRecord record;
     WebSocketHub hub;
-    hub.adopt<Echo>(new qv::http::WebSocket(-1, nullptr), ledger);
+    hub.adopt<Echo>(new qv::http::WebSocket(-1, nullptr), record);
     EXPECT_EQ(hub.getCount(), 0u);
-    EXPECT_EQ(ledger.destroyed, 1);
-    EXPECT_EQ(ledger.closed, 1);
+    EXPECT_EQ(record.destroyed, 1);
+    EXPECT_EQ(record.closed, 1);
 }
 
 TEST(WebSocketHub, ItsCloseLetsAReadingClientTakeWhatIsQueued)
@@ -448,8 +448,8 @@ TEST(WebSocketHub, ItsCloseLetsASlowClientTakeWhatTheSystemHolds)
     WebSocketClient client(run.port());
     ASSERT_TRUE(client.sendText("fill"));
     ASSERT_TRUE(client.sendText("wait"));
-    ASSERT_EQ(run.ledger().messages.pop(), "fill");
-    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_EQ(run.record().messages.pop(), "fill");
+    ASSERT_EQ(run.record().messages.pop(), "wait");
     run.hub().forEach([](HubConnection& each) { ASSERT_FALSE(each.hasWritePending()); });
     std::atomic<bool> returned{false};
     std::thread closer([&] {
@@ -460,7 +460,7 @@ TEST(WebSocketHub, ItsCloseLetsASlowClientTakeWhatTheSystemHolds)
     EXPECT_FALSE(waitUntil([&] { return returned.load(); }, milliseconds(600)));
     const auto fill = client.receive();
     EXPECT_TRUE(client.receive());
-    run.ledger().latch.open();
+    run.record().latch.open();
     closer.join();
     EXPECT_TRUE(client.waitForEnd());
     ASSERT_TRUE(fill);
@@ -478,8 +478,8 @@ TEST(WebSocketHub, ItsCloseLeavesToTheSystemWhatThatHasTaken)
         WebSocketClient client(run.port());
         ASSERT_TRUE(client.sendText("fill"));
         ASSERT_TRUE(client.sendText("mark"));
-        ASSERT_EQ(run.ledger().messages.pop(), "fill");
-        ASSERT_EQ(run.ledger().messages.pop(), "mark");
+        ASSERT_EQ(run.record().messages.pop(), "fill");
+        ASSERT_EQ(run.record().messages.pop(), "mark");
         bool busy = true;
         const auto isIdle = [&] {
             run.hub().forEach([&](HubConnection& each) {
@@ -544,7 +544,7 @@ TEST(WebSocketHub, IsClosedByItsDestruction)
     halfClosed.raw().finishSending();
     run.application().destroyHub();
     run.expectNothingIsLeft();
-    EXPECT_EQ(run.ledger().made, 2);
+    EXPECT_EQ(run.record().made, 2);
     EXPECT_TRUE(client.waitForEnd());
     EXPECT_TRUE(halfClosed.waitForEnd());
     run.stopAndExpectNothingIsLeft();
@@ -561,8 +561,8 @@ TEST(WebSocketHub, EveryCloseWaitsForRunningHandlers)
         clients.push_back(std::make_unique<WebSocketClient>(run.port()));
         ASSERT_TRUE(clients.back()->sendText("wait"));
     }
-    ASSERT_EQ(run.ledger().messages.pop(), "wait");
-    ASSERT_EQ(run.ledger().messages.pop(), "wait");
+    ASSERT_EQ(run.record().messages.pop(), "wait");
+    ASSERT_EQ(run.record().messages.pop(), "wait");
     ASSERT_TRUE(waitUntil([&] { return run.hub().getCount() == clients.size(); }));
     std::atomic<int> returned{0};
     std::vector<std::thread> closers;
@@ -572,10 +572,10 @@ TEST(WebSocketHub, EveryCloseWaitsForRunningHandlers)
             ++returned;
         });
     }
-    // The half second after which a client that has gone is aborted is over by then.
+    // Later than the half second after which a client that has closed is aborted.
     EXPECT_FALSE(waitUntil([&] { return returned != 0; }, milliseconds(1200)));
-    EXPECT_EQ(run.ledger().closedWhileHandling, 0);
-    run.ledger().latch.open();
+    EXPECT_EQ(run.record().closedWhileHandling, 0);
+    run.record().latch.open();
     for (std::thread& closer : closers)
         closer.join();
     run.expectNothingIsLeft();
@@ -586,12 +586,12 @@ TEST(WebSocketHub, EveryCloseWaitsForRunningHandlers)
 
 TEST(WebSocketHub, PreparesTheSocket)
 {
-    Ledger ledger;
+    HubRecord record;
     // The options belong to the connection, whichever descriptor they are asked of.
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     {
         WebSocketHub hub;
-        hub.adopt<Echo>(new qv::http::WebSocket(socket, nullptr), ledger);
+        hub.adopt<Echo>(new qv::http::WebSocket(socket, nullptr), record);
     }
     const struct
     {

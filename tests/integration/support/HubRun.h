@@ -1,4 +1,4 @@
-/// A server with a WebSocketHub for a test, which notes what its connections go through.
+/// A server with a WebSocketHub for a test, and a record of its connections.
 #ifndef WENDREL_TESTS_INTEGRATION_HUBRUN_H
 #define WENDREL_TESTS_INTEGRATION_HUBRUN_H
 
@@ -28,7 +28,7 @@ using qv::kit::WebSocketHub;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-/// What is called prompt: far above what the hub takes, far below what the system would.
+/// The limit of a prompt end: far above the time of the hub, far below the system's timeouts.
 constexpr std::chrono::seconds kPrompt(10);
 
 /// More than the sockets of both sides take.
@@ -37,8 +37,8 @@ constexpr size_t kFloodBytes = 24 * 1024 * 1024;
 /// Less than that, and more than a client's socket takes alone.
 constexpr size_t kFillBytes = 500000;
 
-/// What the connections of a test have been through. Outlives the server.
-struct Ledger
+/// The events of a test's connections. Outlives the server.
+struct HubRecord
 {
     std::atomic<int> made{0};
     std::atomic<int> closed{0};
@@ -58,21 +58,21 @@ struct Ledger
 class Echo : public HubConnection
 {
 public:
-    Echo(qv::http::WebSocket&& upgraded, Ledger& ledger)
-        : HubConnection(std::move(upgraded)), mLedger(ledger)
+    Echo(qv::http::WebSocket&& upgraded, HubRecord& record)
+        : HubConnection(std::move(upgraded)), mRecord(record)
     {
-        ++mLedger.made;
+        ++mRecord.made;
     }
 
-    ~Echo() override { ++mLedger.destroyed; }
+    ~Echo() override { ++mRecord.destroyed; }
 
     void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
     {
         mHandling = true;
-        mLedger.handledAfterClose += mClosed;
+        mRecord.handledAfterClose += mClosed;
         const std::string_view bytes(reinterpret_cast<const char*>(received.data()),
                                      received.size());
-        mLedger.messages.push(std::string(bytes.substr(0, 32)));
+        mRecord.messages.push(std::string(bytes.substr(0, 32)));
         obey(bytes, isBinary);
         mHandling = false;
     }
@@ -80,13 +80,13 @@ public:
 protected:
     void onClosed() override
     {
-        mLedger.closedAgain += mClosed.exchange(true);
-        mLedger.closedWhileHandling += mHandling;
-        ++mLedger.closed;
-        mLedger.closings.push(0);
+        mRecord.closedAgain += mClosed.exchange(true);
+        mRecord.closedWhileHandling += mHandling;
+        ++mRecord.closed;
+        mRecord.closings.push(0);
         if (mEndsSlowly)
-            mLedger.endLatch.wait(mLedger.endLimit);
-        ++mLedger.toldEnds;
+            mRecord.endLatch.wait(mRecord.endLimit);
+        ++mRecord.toldEnds;
     }
 
 private:
@@ -99,7 +99,7 @@ private:
         else if (bytes == "fill")
             sendBinary(std::string(kFillBytes, 'f'));
         else if (bytes == "wait")
-            mLedger.latch.wait();
+            mRecord.latch.wait();
         else if (bytes == "end slowly")
             mEndsSlowly = true;
         if (bytes == "quiet")
@@ -110,7 +110,7 @@ private:
             sendText(bytes);
     }
 
-    Ledger& mLedger;
+    HubRecord& mRecord;
     std::atomic<bool> mHandling{false};
     std::atomic<bool> mClosed{false};
     bool mEndsSlowly = false;
@@ -126,8 +126,8 @@ struct HubSetup
 class HubApplication : public qv::kit::Application
 {
 public:
-    HubApplication(const HubSetup& setup, Ledger& ledger)
-        : mSetup(setup), mLedger(ledger), mHub(std::make_unique<WebSocketHub>(setup.options))
+    HubApplication(const HubSetup& setup, HubRecord& record)
+        : mSetup(setup), mRecord(record), mHub(std::make_unique<WebSocketHub>(setup.options))
     {}
     ~HubApplication() override { stopWorkers(); }
 
@@ -137,7 +137,7 @@ public:
 protected:
     void onNewWebSocket(qv::http::WebSocket* upgraded) override
     {
-        mHub->adopt<Echo>(upgraded, mLedger);
+        mHub->adopt<Echo>(upgraded, mRecord);
     }
 
     void onServerStopped() override
@@ -148,7 +148,7 @@ protected:
 
 private:
     const HubSetup mSetup;
-    Ledger& mLedger;
+    HubRecord& mRecord;
     std::unique_ptr<WebSocketHub> mHub;
 };
 
@@ -164,7 +164,7 @@ public:
             parameters.port = mPort = qv::tests::findFreePort();
             parameters.threadPoolSize = 2;
             parameters.allowWebSocket = true;
-            auto application = std::make_unique<HubApplication>(setup, mLedger);
+            auto application = std::make_unique<HubApplication>(setup, mRecord);
             mApplication = application.get();
             mServer = std::make_unique<qv::kit::Server>(std::move(application));
             if (mServer->start(parameters, std::chrono::seconds(30)))
@@ -176,18 +176,18 @@ public:
     uint16_t port() const { return mPort; }
     WebSocketHub& hub() { return mApplication->hub(); }
     HubApplication& application() { return *mApplication; }
-    Ledger& ledger() { return mLedger; }
+    HubRecord& record() { return mRecord; }
 
     void stop() { mServer->stop(milliseconds(0)); }
 
     /// Every connection that was made has been told of its end once and in order, and deleted.
     void expectNothingIsLeft()
     {
-        EXPECT_EQ(mLedger.closed, mLedger.made);
-        EXPECT_EQ(mLedger.destroyed, mLedger.made);
-        EXPECT_EQ(mLedger.closedAgain, 0);
-        EXPECT_EQ(mLedger.closedWhileHandling, 0);
-        EXPECT_EQ(mLedger.handledAfterClose, 0);
+        EXPECT_EQ(mRecord.closed, mRecord.made);
+        EXPECT_EQ(mRecord.destroyed, mRecord.made);
+        EXPECT_EQ(mRecord.closedAgain, 0);
+        EXPECT_EQ(mRecord.closedWhileHandling, 0);
+        EXPECT_EQ(mRecord.handledAfterClose, 0);
     }
 
     void stopAndExpectNothingIsLeft()
@@ -195,7 +195,7 @@ public:
         stop();
         mServer.reset();
         expectNothingIsLeft();
-        /// Whatever was open when the daemon stopped would be named here.
+        /// The daemon logs each connection that is open when it stops.
         EXPECT_EQ(linesOfTheDaemon(), 0u);
     }
 
@@ -209,7 +209,7 @@ private:
         return count;
     }
 
-    Ledger mLedger;
+    HubRecord mRecord;
     std::unique_ptr<qv::kit::Server> mServer;
     HubApplication* mApplication = nullptr;
     uint16_t mPort = 0;
@@ -228,10 +228,10 @@ inline bool waitUntilSomethingIsQueued(HubRun& run)
 inline void expectEcho(WebSocketClient& client, const std::string& bytes, bool binary)
 {
     ASSERT_TRUE(binary ? client.sendBinary(bytes) : client.sendText(bytes));
-    const auto answer = client.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->isBinary, binary);
-    EXPECT_TRUE(answer->bytes == bytes) << answer->bytes.size() << " bytes";
+    const auto message = client.receive();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->isBinary, binary);
+    EXPECT_TRUE(message->bytes == bytes) << message->bytes.size() << " bytes";
 }
 
 }  // namespace integration

@@ -24,10 +24,10 @@ inline std::string maskedFrame(uint8_t firstByte, std::string_view payload)
 {
     constexpr uint8_t kMasked = 0x80;
     constexpr uint8_t kKey[] = {0x12, 0xf4, 0x56, 0x80};
-    constexpr size_t kLongestInByte = 125;
-    constexpr size_t kLongestInTwoBytes = 65535;
+    constexpr size_t kMaxInByte = 125;
+    constexpr size_t kMaxInTwoBytes = 65535;
     const size_t size = payload.size();
-    const size_t lengthBytes = size <= kLongestInByte ? 0 : size <= kLongestInTwoBytes ? 2 : 8;
+    const size_t lengthBytes = size <= kMaxInByte ? 0 : size <= kMaxInTwoBytes ? 2 : 8;
     const size_t lengthCode = lengthBytes == 0 ? size : lengthBytes == 2 ? 126 : 127;
     std::string frame{static_cast<char>(firstByte), static_cast<char>(kMasked | lengthCode)};
     for (size_t i = lengthBytes; i > 0; --i)
@@ -80,8 +80,8 @@ public:
                                   "Sec-WebSocket-Version: 13\r\n"
                                   "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"));
         constexpr int kSwitchingProtocols = 101;
-        const auto answer = mRaw.receiveHead();
-        if (!answer || answer->status != kSwitchingProtocols)
+        const auto response = mRaw.receiveHead();
+        if (!response || response->status != kSwitchingProtocols)
             throw std::runtime_error("not upgraded");
     }
 
