@@ -333,7 +333,7 @@ TEST_F(WebSocketAbuse, AnAnnouncedTebibyteIsKeptAsFarAsItHasCome)
 }
 
 // Required: the sum of length and header wraps around, so the frame counts as complete and its
-// payload is inserted with std::length_error.
+// payload is inserted, which throws std::length_error.
 TEST_F(WebSocketAbuse, AnAnnouncedLengthNearTwoToThe64EndsTheProcess)
 {
     ServerProcess victim({"threads=2"});
