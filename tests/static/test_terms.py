@@ -51,6 +51,11 @@ class Terms(unittest.TestCase):
             self.assertTrue(allowed.reason)
             self.assertIn(allowed.term, terms.ADVICE)
 
+    def test_allow_a_text_of_the_product_to_the_letter(self):
+        name = "tests/unit/kit/Application.cpp"
+        self.assertEqual(terms.terms_in(name, '"The request was not answered."'), [])
+        self.assertEqual(terms.terms_in(name, "// The request is not answered."), ["answer"])
+
 
 class Limits(unittest.TestCase):
     def setUp(self):
