@@ -51,7 +51,7 @@ def write_table(outcomes):
             lines.append("\t".join((
                 request.group, request.name, path, BETWEEN.join(outcome.responses), outcome.connection,
                 BETWEEN.join(outcome.seen), str(outcome.forwarded), str(outcome.handled),
-                outcome.verdict)))
+                outcome.verdict)).rstrip("\t"))
     TABLE.write_text("\n".join(lines) + "\n")
 
 
@@ -62,9 +62,9 @@ def table_versions():
 def read_table():
     outcomes = {}
     for line in TABLE.read_text().split("\n")[2:-1]:
-        group, name, path, given, connection, seen, forwarded, handled, verdict = line.split("\t")
+        group, name, path, given, connection, seen, forwarded, handled, *verdict = line.split("\t")
         outcomes[group, name, path] = Outcome(split(given), connection, split(seen), int(forwarded),
-                                              int(handled), verdict)
+                                              int(handled), "".join(verdict))
     return outcomes
 
 
