@@ -32,7 +32,7 @@ BUDGET_FILE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__fil
                            "budget.json")
 
 # Besides our code the number of instructions depends on these.
-DECISIVE = ("architecture", "compiler", "libstdc++", "glibc", "boost")
+DECISIVE = ("architecture", "compiler", "libstdc++", "glibc")
 
 Counted = collections.namedtuple("Counted", "instructions allocations bytes")
 

@@ -15,7 +15,6 @@
 #include <string_view>
 #include <thread>
 
-#include <boost/version.hpp>
 #include <gnu/libc-version.h>
 
 extern "C" {
@@ -89,7 +88,6 @@ bool countNamed(std::string_view name)
 {
     std::printf("madeWith compiler %s %s\n", kCompiler, __VERSION__);
     std::printf("madeWith libstdc++ %ld\n", static_cast<long>(__GLIBCXX__));
-    std::printf("madeWith boost %s\n", BOOST_LIB_VERSION);
     std::printf("madeWith glibc %s\n", gnu_get_libc_version());
     const NamedScenario* named = find(name);
     return named && count(*named);

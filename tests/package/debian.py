@@ -26,8 +26,8 @@ def check_control(packages):
     version = field(packages["libwendrel3.0"], "Version")
     expect(version == "3.0.0-1", f"the version is {version}")
     runtime = names_of(field(packages["libwendrel3.0"], "Depends"))
-    wanted = {"libmicrohttpd12", "libspdlog1.10-fmt9", "libssl3", "libboost-url1.81.0", "libc6",
-              "libstdc++6", "libgcc-s1"}
+    wanted = {"libmicrohttpd12", "libspdlog1.10-fmt9", "libssl3", "libc6", "libstdc++6",
+              "libgcc-s1"}
     expect(runtime == wanted, f"libwendrel3.0 depends on {sorted(runtime)}")
     development = field(packages["libwendrel-dev"], "Depends")
     expect(development == f"libwendrel3.0 (= {version})", f"libwendrel-dev depends on {development}")

@@ -1,12 +1,9 @@
-// URLs: a pass that takes what browsers send beyond the RFC and refuses, with a reason and a place,
-// what is none. Scheme and authority are Boost.URL's; they are the same for most texts of a thread,
-// and then not parsed again.
+// URLs: the parts of the text are found first, then each rule is checked, which gives the reason
+// and the byte of a refusal. What browsers send beyond the RFC is percent-encoded.
 
 #include <Ostrand/Url.h>
 
-#include <boost/locale/utf.hpp>
-#include <boost/url/parse.hpp>
-#include <boost/url/url_view.hpp>
+#include <qvSystem/IpAddress.h>
 
 #include <algorithm>
 #include <array>
@@ -19,131 +16,170 @@ namespace qv
 namespace
 {
 
-constexpr unsigned long kHighestPort = 65535;
+constexpr unsigned kHighestPort = 65535;
 
 // All of printable ASCII that the RFC allows in neither path nor query.
 constexpr std::string_view kTolerated = "|\\^`{}\"<>[]";
 
-// What a byte can mean for the text around it, as bits.
-enum ByteKind : uint8_t { kForbidden = 1, kPercent = 2, kBeyondAscii = 4, kMustBeEncoded = 8 };
+// Besides letters and digits. A "%" has been checked before.
+constexpr std::string_view kSchemeMarks = "+-.";
+constexpr std::string_view kHostMarks = "-._~!$&'()*+,;=%";
 
-constexpr uint8_t kindsOf(unsigned byte)
+// What a byte can mean for the text around it, as bits.
+enum ByteKind : uint8_t {
+    kForbidden = 1,
+    kPercent = 2,
+    kBeyondAscii = 4,
+    kMustBeEncoded = 8,
+    kOfScheme = 16,
+    kOfHost = 32,
+    kPartBegin = 64,  // of path, query or fragment
+    kColon = 128
+};
+
+constexpr bool isLetter(char c)
 {
-    if (byte <= ' ' || byte == 0x7F)
-        return kForbidden;
-    if (byte == '%')
-        return kPercent;
-    if (byte >= 0x80)
-        return kBeyondAscii | kMustBeEncoded;
-    return kTolerated.find(static_cast<char>(byte)) != std::string_view::npos ? kMustBeEncoded : 0;
+    return (c | 0x20) >= 'a' && (c | 0x20) <= 'z';
+}
+
+constexpr bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+constexpr bool isHexDigit(char c)
+{
+    return isDigit(c) || ((c | 0x20) >= 'a' && (c | 0x20) <= 'f');
+}
+
+constexpr bool isOneOf(std::string_view marks, char c)
+{
+    return marks.find(c) != std::string_view::npos;
+}
+
+constexpr bool isControl(unsigned byte)
+{
+    return byte < 0x20 || byte == 0x7F;
+}
+
+constexpr int kindsOf(unsigned byte)
+{
+    const auto c = static_cast<char>(byte);
+    const bool isAlphanumeric = isLetter(c) || isDigit(c);
+    return (byte == ' ' || isControl(byte) ? +kForbidden : 0) | (byte == '%' ? +kPercent : 0) |
+           (byte >= 0x80 ? kBeyondAscii | kMustBeEncoded : 0) |
+           (isOneOf(kTolerated, c) ? +kMustBeEncoded : 0) |
+           (isAlphanumeric || isOneOf(kSchemeMarks, c) ? +kOfScheme : 0) |
+           (isAlphanumeric || isOneOf(kHostMarks, c) ? +kOfHost : 0) |
+           (isOneOf("/?#", c) ? +kPartBegin : 0) | (byte == ':' ? +kColon : 0);
 }
 
 constexpr std::array<uint8_t, 256> makeKinds()
 {
     std::array<uint8_t, 256> kinds{};
     for (unsigned byte = 0; byte < kinds.size(); ++byte)
-        kinds[byte] = kindsOf(byte);
+        kinds[byte] = static_cast<uint8_t>(kindsOf(byte));
     return kinds;
 }
 
 constexpr std::array<uint8_t, 256> kKinds = makeKinds();
 
-// All kinds of byte there are in `text`.
-uint8_t kindsIn(std::string_view text)
+unsigned kindsOfChar(char c)
 {
-    uint8_t kinds = 0;
+    return kKinds[static_cast<unsigned char>(c)];
+}
+
+// All kinds of byte there are in `text`.
+unsigned kindsIn(std::string_view text)
+{
+    unsigned kinds = 0;
     for (const char c : text)
-        kinds |= kKinds[static_cast<unsigned char>(c)];
+        kinds |= kindsOfChar(c);
     return kinds;
 }
 
-// Besides letters and digits.
-constexpr std::string_view kSchemeMarks = "+-.";
-constexpr std::string_view kHostMarks = "-._~!$&'()*+,;=%";
+// The first byte from `at` on that is of one of `kinds`, or the size of the text.
+size_t findKind(std::string_view text, size_t at, unsigned kinds)
+{
+    while (at < text.size() && !(kindsOfChar(text[at]) & kinds))
+        ++at;
+    return at;
+}
 
 struct Refusal
 {
     std::string what;
-    size_t byte;
+    size_t at;  // in the text, from 0
 };
 
 using MaybeRefusal = std::optional<Refusal>;
 
-// Where the parts of the text begin and end. A missing authority is empty and stands
-// behind the scheme.
+// Where the parts of the text begin and end. A missing authority is empty and stands behind the
+// scheme.
 struct Outline
 {
     size_t schemeEnd = 0;  // 0 when there is none
     size_t authorityBegin = 0;
-    size_t authorityEnd = 0;
     size_t hostBegin = 0;
     size_t hostEnd = 0;
+    size_t authorityEnd = 0;
+    size_t queryBegin = 0;     // at its "?", or the same as fragmentBegin
     size_t fragmentBegin = 0;  // at its "#", or the size of the text
-    bool hasAuthority = false;
 };
 
-bool isLetter(char c)
+void outlineAuthority(std::string_view authority, Outline& outline)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
-bool isHexDigit(char c)
-{
-    return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-bool isLetterDigitOr(char c, std::string_view marks)
-{
-    return isLetter(c) || isDigit(c) || marks.find(c) != std::string_view::npos;
-}
-
-int hexValue(char c)
-{
-    return isDigit(c) ? c - '0' : (c | 0x20) - 'a' + 10;
-}
-
-void outlineAuthority(std::string_view text, Outline& outline)
-{
-    const std::string_view authority =
-        text.substr(outline.authorityBegin, outline.authorityEnd - outline.authorityBegin);
     const size_t host = authority.rfind('@') + 1;  // 0 without user information
     const bool inBrackets = host < authority.size() && authority[host] == '[';
     const size_t closing = inBrackets ? authority.find(']', host) : host;
-    const size_t colon = authority.find(':', closing);
     outline.hostBegin = outline.authorityBegin + host;
-    outline.hostEnd = outline.authorityBegin + std::min(colon, authority.size());
-}
-
-// What is to be known of a text whose beginning has been parsed before.
-Outline outlineBehind(std::string_view text, size_t authorityEnd)
-{
-    Outline outline;
-    outline.authorityEnd = authorityEnd;
-    outline.fragmentBegin = std::min(text.find('#', authorityEnd), text.size());
-    return outline;
+    outline.hostEnd =
+        outline.authorityBegin + std::min(authority.find(':', closing), authority.size());
 }
 
 Outline outlineOf(std::string_view text)
 {
     Outline outline;
-    const size_t colon = text.find_first_of(":/?#");
-    if (colon != std::string_view::npos && text[colon] == ':')
+    const size_t colon = findKind(text, 0, kColon | kPartBegin);
+    if (colon < text.size() && text[colon] == ':')
         outline.schemeEnd = colon;
-    outline.hasAuthority = text.substr(outline.schemeEnd, 3) == "://";
-    outline.authorityBegin = outline.schemeEnd + (outline.hasAuthority ? 3 : 1);
-    outline.authorityBegin = std::min(outline.authorityBegin, text.size());
+    const bool hasAuthority = text.substr(outline.schemeEnd, 3) == "://";
+    outline.authorityBegin = std::min(outline.schemeEnd + (hasAuthority ? 3 : 1), text.size());
     outline.authorityEnd = outline.authorityBegin;
-    if (outline.hasAuthority)
-        outline.authorityEnd =
-            std::min(text.find_first_of("/?#", outline.authorityBegin), text.size());
-    outlineAuthority(text, outline);
-    outline.fragmentBegin = std::min(text.find('#'), text.size());
+    if (hasAuthority)
+        outline.authorityEnd = findKind(text, outline.authorityBegin, kPartBegin);
+    outlineAuthority(
+        text.substr(outline.authorityBegin, outline.authorityEnd - outline.authorityBegin),
+        outline);
+    outline.fragmentBegin = std::min(text.find('#', outline.authorityEnd), text.size());
+    outline.queryBegin = std::min(text.find('?', outline.authorityEnd), outline.fragmentBegin);
     return outline;
+}
+
+unsigned hexValue(char c)
+{
+    return static_cast<unsigned>(isDigit(c) ? c - '0' : (c | 0x20) - 'a' + 10);
+}
+
+// The byte at `at`, which moves behind it; an escape is one byte when `decode` is set.
+unsigned takeByte(std::string_view text, size_t& at, bool decode)
+{
+    const char c = text[at++];
+    if (c != '%' || !decode)
+        return static_cast<unsigned char>(c);
+    at += 2;
+    return hexValue(text[at - 2]) * 16 + hexValue(text[at - 1]);
+}
+
+std::string decoded(std::string_view text)
+{
+    if (text.find('%') == std::string_view::npos)
+        return std::string(text);
+    std::string result;
+    result.reserve(text.size());
+    for (size_t at = 0; at < text.size();)
+        result += static_cast<char>(takeByte(text, at, true));
+    return result;
 }
 
 MaybeRefusal checkLength(std::string_view text, const Outline& outline, unsigned long maxLength)
@@ -154,17 +190,23 @@ MaybeRefusal checkLength(std::string_view text, const Outline& outline, unsigned
                    outline.authorityEnd + maxLength};
 }
 
+MaybeRefusal checkEscape(std::string_view text, size_t at)
+{
+    if (at + 2 < text.size() && isHexDigit(text[at + 1]) && isHexDigit(text[at + 2]))
+        return std::nullopt;
+    return Refusal{"'%' not followed by two hexadecimal digits", at};
+}
+
 MaybeRefusal checkBytes(std::string_view text)
 {
     for (size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        if (byte == ' ')
-            return Refusal{"space", at};
-        if (byte < 0x20 || byte == 0x7F)
-            return Refusal{"control character", at};
-        if (byte == '%' &&
-            (at + 2 >= text.size() || !isHexDigit(text[at + 1]) || !isHexDigit(text[at + 2])))
-            return Refusal{"'%' not followed by two hexadecimal digits", at};
+        const unsigned kinds = kindsOfChar(text[at]);
+        if (kinds & kForbidden)
+            return Refusal{text[at] == ' ' ? "space" : "control character", at};
+        if (!(kinds & kPercent))
+            continue;
+        if (MaybeRefusal refusal = checkEscape(text, at))
+            return refusal;
     }
     return std::nullopt;
 }
@@ -174,13 +216,26 @@ MaybeRefusal checkScheme(std::string_view text, const Outline& outline)
     if (outline.schemeEnd == 0)
         return Refusal{"no scheme", 0};
     for (size_t at = 0; at < outline.schemeEnd; ++at) {
-        if (!isLetterDigitOr(text[at], kSchemeMarks) || (at == 0 && !isLetter(text[at])))
+        if (!(kindsOfChar(text[at]) & kOfScheme) || (at == 0 && !isLetter(text[0])))
             return Refusal{"character not allowed in a scheme", at};
     }
     return std::nullopt;
 }
 
-// Whether the brackets hold an address is left to the parser.
+// The RFC's form for addresses yet to be invented: "v1.anything".
+bool isFutureAddress(std::string_view text)
+{
+    const size_t dot = text.find('.');
+    if (text.empty() || (text[0] | 0x20) != 'v' || dot == std::string_view::npos)
+        return false;
+    const std::string_view version = text.substr(1, dot - 1);
+    const std::string_view address = text.substr(dot + 1);
+    return !version.empty() && std::all_of(version.begin(), version.end(), isHexDigit) &&
+           !address.empty() && std::all_of(address.begin(), address.end(), [](char c) {
+               return c == ':' || (c != '%' && (kindsOfChar(c) & kOfHost));
+           });
+}
+
 MaybeRefusal checkBrackets(std::string_view host, size_t hostBegin)
 {
     const size_t closing = host.find(']');
@@ -189,6 +244,10 @@ MaybeRefusal checkBrackets(std::string_view host, size_t hostBegin)
     if (closing + 1 != host.size())
         return Refusal{"']' not followed by a port or the end of the host",
                        hostBegin + closing + 1};
+    const std::string_view address = host.substr(1, closing - 1);
+    if (!isFutureAddress(address) &&
+        IpAddress::fromText(std::string(address), 0).getFamily() != IpAddress::Family::V6)
+        return Refusal{"host in brackets that is no address", hostBegin};
     return std::nullopt;
 }
 
@@ -197,11 +256,10 @@ MaybeRefusal checkHost(std::string_view text, const Outline& outline)
     const bool inBrackets = outline.hostBegin < outline.hostEnd && text[outline.hostBegin] == '[';
     const size_t end = inBrackets ? outline.hostBegin : outline.hostEnd;
     for (size_t at = outline.authorityBegin; at < end; ++at) {
-        // The parser would take a second '@' for the beginning of the path.
         const bool separates =
             at < outline.hostBegin &&
             (text[at] == ':' || (text[at] == '@' && at + 1 == outline.hostBegin));
-        if (!separates && !isLetterDigitOr(text[at], kHostMarks))
+        if (!separates && !(kindsOfChar(text[at]) & kOfHost))
             return Refusal{"character not allowed in a host", at};
     }
     if (!inBrackets)
@@ -210,169 +268,79 @@ MaybeRefusal checkHost(std::string_view text, const Outline& outline)
                          outline.hostBegin);
 }
 
-// The parser takes a port of any size, and other bytes right behind the digits.
-MaybeRefusal checkPort(std::string_view text, const Outline& outline)
+MaybeRefusal readPort(std::string_view text, const Outline& outline, uint16_t& port)
 {
-    unsigned long port = 0;
+    unsigned number = 0;
     for (size_t at = outline.hostEnd + 1; at < outline.authorityEnd; ++at) {
         if (!isDigit(text[at]))
             return Refusal{"port followed by something else than '/', '?', '#' or the end", at};
-        port = port * 10 + static_cast<unsigned long>(hexValue(text[at]));
-        if (port > kHighestPort)
+        number = number * 10 + hexValue(text[at]);
+        if (number > kHighestPort)
             return Refusal{"port above 65535", outline.hostEnd + 1};
     }
+    port = static_cast<uint16_t>(number);
     return std::nullopt;
 }
 
 MaybeRefusal checkFragment(std::string_view text, const Outline& outline)
 {
     for (size_t at = outline.fragmentBegin + 1; at < text.size(); ++at) {
-        const uint8_t kinds = kKinds[static_cast<unsigned char>(text[at])];
-        if (text[at] == '#' || kinds == kMustBeEncoded)
+        if (text[at] == '#' || isOneOf(kTolerated, text[at]))
             return Refusal{"character not allowed in a fragment", at};
     }
     return std::nullopt;
 }
 
-std::string decoded(std::string_view text)
+// Size in `text` of the UTF-8 character (RFC 3629) at `at`; 0 when none begins there.
+size_t sizeOfCharacter(std::string_view text, size_t at, bool decode)
 {
-    if (text.find('%') == std::string_view::npos)
-        return std::string(text);
-    std::string result;
-    result.reserve(text.size());
-    for (size_t at = 0; at < text.size(); ++at) {
-        if (text[at] == '%') {
-            result += static_cast<char>(hexValue(text[at + 1]) * 16 + hexValue(text[at + 2]));
-            at += 2;
-        } else {
-            result += text[at];
-        }
+    const size_t begin = at;
+    const unsigned lead = takeByte(text, at, decode);
+    if (lead < 0x80)
+        return at - begin;
+    if (lead < 0xC0 || lead > 0xF7)
+        return 0;
+    const unsigned continuations = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
+    unsigned value = lead & (0x3Fu >> continuations);
+    for (unsigned i = 0; i < continuations; ++i) {
+        const unsigned byte = at < text.size() ? takeByte(text, at, decode) : 0;
+        if ((byte & 0xC0) != 0x80)
+            return 0;
+        value = value << 6 | (byte & 0x3F);
     }
-    return result;
-}
-
-// Where in `text` the byte stands that is number `count` after decoding.
-size_t placeBeforeDecoding(std::string_view text, size_t count)
-{
-    size_t at = 0;
-    for (; count > 0; --count)
-        at += text[at] == '%' ? 3 : 1;
-    return at;
-}
-
-// The first byte that begins no character; nothing when all is UTF-8.
-std::optional<size_t> findBadUtf8(std::string_view text)
-{
-    using Traits = boost::locale::utf::utf_traits<char>;
-    const char* at = text.data();
-    const char* const end = at + text.size();
-    while (at != end) {
-        const char* const begin = at;
-        const auto value = Traits::decode(at, end);
-        if (value == boost::locale::utf::illegal || value == boost::locale::utf::incomplete)
-            return static_cast<size_t>(begin - text.data());
-    }
-    return std::nullopt;
-}
-
-MaybeRefusal checkRawUtf8(std::string_view text)
-{
-    if (const auto bad = findBadUtf8(text))
-        return Refusal{"bytes that are not UTF-8", *bad};
-    return std::nullopt;
+    constexpr unsigned kLowest[] = {0x80, 0x800, 0x10000};
+    const bool isSurrogate = value >= 0xD800 && value <= 0xDFFF;
+    return value < kLowest[continuations - 1] || value > 0x10FFFF || isSurrogate ? 0 : at - begin;
 }
 
 // All components in one go: separators are ASCII, so that no character reaches over one.
-MaybeRefusal checkDecodedUtf8(std::string_view text)
+MaybeRefusal checkUtf8(std::string_view text, bool decode, const char* what)
 {
-    if (const auto bad = findBadUtf8(decoded(text)))
-        return Refusal{"percent-encoded bytes that are not UTF-8", placeBeforeDecoding(text, *bad)};
+    for (size_t at = 0; at < text.size();) {
+        const size_t size = sizeOfCharacter(text, at, decode);
+        if (size == 0)
+            return Refusal{what, at};
+        at += size;
+    }
     return std::nullopt;
 }
 
-// Scheme and authority, once they have been parsed.
-struct Beginning
+MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf8)
 {
-    std::string scheme;
-    std::string host;
-    uint16_t port = 0;
-};
-
-// A text in a place of its own, so that what a thread keeps needs no memory.
-class KeptText
-{
-public:
-    bool keep(std::string_view text)
-    {
-        mSize = text.size() <= mBytes.size() ? text.size() : 0;
-        std::copy_n(text.begin(), mSize, mBytes.begin());
-        return mSize == text.size();
-    }
-
-    std::string_view get() const { return {mBytes.data(), mSize}; }
-
-private:
-    std::array<char, 64> mBytes{};
-    size_t mSize = 0;
-};
-
-// The beginning of the latest text of a thread, up to the end of its authority.
-class KeptBeginning
-{
-public:
-    // Whether `text` begins with it and goes on with something else than its authority.
-    bool isOf(std::string_view text) const
-    {
-        const std::string_view kept = mText.get();
-        if (kept.empty() || text.substr(0, kept.size()) != kept)
-            return false;
-        const char next = text.size() == kept.size() ? '/' : text[kept.size()];
-        return next == '/' || next == '?' || next == '#';
-    }
-
-    size_t size() const { return mText.get().size(); }
-
-    Beginning get() const { return {std::string(mScheme.get()), std::string(mHost.get()), mPort}; }
-
-    void keep(std::string_view text, const Beginning& beginning)
-    {
-        mPort = beginning.port;
-        if (!mScheme.keep(beginning.scheme) || !mHost.keep(beginning.host) || !mText.keep(text))
-            mText.keep({});
-    }
-
-private:
-    KeptText mText;  // empty when nothing is kept
-    KeptText mScheme;
-    KeptText mHost;
-    uint16_t mPort = 0;
-};
-
-MaybeRefusal checkBeginning(std::string_view text, const Outline& outline)
-{
-    MaybeRefusal refusal = checkScheme(text, outline);
+    const unsigned kinds = kindsIn(text);
+    MaybeRefusal refusal;
+    if (kinds & (kForbidden | kPercent))
+        refusal = checkBytes(text);
+    if (!refusal)
+        refusal = checkScheme(text, outline);
     if (!refusal)
         refusal = checkHost(text, outline);
     if (!refusal)
-        refusal = checkPort(text, outline);
-    return refusal;
-}
-
-MaybeRefusal check(std::string_view text, const Outline& outline, bool isBeginningKnown,
-                   bool strictUtf8, unsigned long maxLength)
-{
-    const uint8_t kinds = kindsIn(text);
-    MaybeRefusal refusal = checkLength(text, outline, maxLength);
-    if (!refusal && (kinds & (kForbidden | kPercent)))
-        refusal = checkBytes(text);
-    if (!refusal && !isBeginningKnown)
-        refusal = checkBeginning(text, outline);
-    if (!refusal)
         refusal = checkFragment(text, outline);
     if (!refusal && (kinds & kBeyondAscii))
-        refusal = checkRawUtf8(text);
+        refusal = checkUtf8(text, false, "bytes that are not UTF-8");
     if (!refusal && strictUtf8 && (kinds & kPercent))
-        refusal = checkDecodedUtf8(text);
+        refusal = checkUtf8(text, true, "percent-encoded bytes that are not UTF-8");
     return refusal;
 }
 
@@ -408,23 +376,20 @@ std::vector<std::string> segmentsOf(std::string_view encodedPath)
     return segments;
 }
 
-std::string lowerCase(std::string text)
+std::string lowerCase(std::string_view text)
 {
-    for (char& c : text) {
+    std::string lower(text);
+    for (char& c : lower) {
         if (isLetter(c))
             c = static_cast<char>(c | 0x20);
     }
-    return text;
+    return lower;
 }
 
-MaybeRefusal parseBeginning(std::string_view text, const Outline& outline, Beginning& parsed)
+std::string hostOf(std::string_view host)
 {
-    const auto url = boost::urls::parse_uri({text.data(), outline.authorityEnd});
-    // All else that the parser could refuse has been refused before.
-    if (!url)
-        return Refusal{"host in brackets that is no address", outline.hostBegin};
-    parsed = {lowerCase(std::string(url->scheme())), url->host_address(), url->port_number()};
-    return std::nullopt;
+    const bool inBrackets = !host.empty() && host.front() == '[';
+    return decoded(inBrackets ? host.substr(1, host.size() - 2) : host);
 }
 
 // What follows the mark that stands at `mark`, if one does.
@@ -438,36 +403,28 @@ std::string_view behind(std::string_view text, size_t mark)
 bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                 unsigned long maxLength)
 {
-    // Servers parse all their targets behind the same beginning.
-    thread_local KeptBeginning kept;
-    const bool isKnown = kept.isOf(text);
-    const Outline outline = isKnown ? outlineBehind(text, kept.size()) : outlineOf(text);
-    Beginning beginning = isKnown ? kept.get() : Beginning();
-    MaybeRefusal refusal = check(text, outline, isKnown, strictUtf8, maxLength);
-    if (!refusal && !isKnown)
-        refusal = parseBeginning(text, outline, beginning);
-    // Without an authority the same beginning may go on with one: "x:/a" and "x://a".
-    if (!refusal && !isKnown && outline.hasAuthority)
-        kept.keep(std::string_view(text).substr(0, outline.authorityEnd), beginning);
+    const std::string_view all(text);
+    const Outline outline = outlineOf(all);
     Url result;
+    MaybeRefusal refusal = checkLength(all, outline, maxLength);
+    if (!refusal)
+        refusal = check(all, outline, strictUtf8);
+    if (!refusal)
+        refusal = readPort(all, outline, result.mPort);
     if (!refusal) {
-        const std::string_view all(text);
-        const size_t queryBegin =
-            std::min(all.find('?', outline.authorityEnd), outline.fragmentBegin);
-        result.mScheme = std::move(beginning.scheme);
-        result.mHost = std::move(beginning.host);
-        result.mPort = beginning.port;
-        result.mEncodedPath =
-            encodeTolerated(all.substr(outline.authorityEnd, queryBegin - outline.authorityEnd));
+        const auto part = [&](size_t begin, size_t end) { return all.substr(begin, end - begin); };
+        result.mScheme = lowerCase(part(0, outline.schemeEnd));
+        result.mHost = hostOf(part(outline.hostBegin, outline.hostEnd));
+        result.mEncodedPath = encodeTolerated(part(outline.authorityEnd, outline.queryBegin));
         result.mPath = decoded(result.mEncodedPath);
         result.mPathSegments = segmentsOf(result.mEncodedPath);
-        result.mQuery = encodeTolerated(behind(all.substr(0, outline.fragmentBegin), queryBegin));
+        result.mQuery = encodeTolerated(behind(part(0, outline.fragmentBegin), outline.queryBegin));
         result.mFragment = decoded(behind(all, outline.fragmentBegin));
         result.mValid = true;
     }
     *this = std::move(result);
     if (refusal && error)
-        *error = refusal->what + " at byte " + std::to_string(refusal->byte);
+        *error = refusal->what + " at byte " + std::to_string(refusal->at);
     return mValid;
 }
 

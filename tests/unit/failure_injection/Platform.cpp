@@ -145,7 +145,7 @@ TEST(UrlFailures, AUrlIsTakenWholeOrNotAtAll)
                                      "#the-fragment-of-this-url"),
         Parsing("Url: address in brackets", "http://[2001:db8::1234:5678]/"),
         Parsing("Url: refused", "http://127.0.0.1:80/a b", Points::None),
-        Parsing("Url: refused by the parser", "http://[1::2::3]/"),
+        Parsing("Url: no address in brackets", "http://[1::2::3]/"),
         Parsing("Url: not UTF-8", "http://127.0.0.1:80/%C0%80"),
         {"Url: the reason of a refusal",
          [](Attempt& attempt) {

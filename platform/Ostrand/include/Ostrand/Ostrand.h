@@ -8,8 +8,8 @@
 namespace qv
 {
 
-/// Counts one use of the HTTP helper library; the first registers the versions of the
-/// libraries it stands on. `options` is reserved: pass an empty string. Any thread.
+/// Counts one use of the HTTP helper library. `options` is reserved: pass an empty string.
+/// Any thread.
 QV_EXPORT void initializeOstrand(const std::string& options);
 
 /// Undoes one `initializeOstrand`. Any thread.
