@@ -2,6 +2,8 @@
 
 #include <Wendrel/HttpRequest.h>
 
+#include <cstring>
+
 namespace qv
 {
 namespace
@@ -26,7 +28,7 @@ void HttpBaseRequest::setOriginalFullUrl(std::string&& target)
     // Required: no slash is put in between, so that a target in another form than origin form
     // is refused by the parser.
     std::string error;
-    mUrl.fromEncodedUtf8String(kBase + target, &error, true, kTargetLimitBytes);
+    mUrl.fromEncodedUtf8String(kBase + target, &error, true, kTargetLimitBytes, std::strlen(kBase));
     if (mUrl.isValid()) {
         mOriginalFullUrl = std::move(target);
         return;

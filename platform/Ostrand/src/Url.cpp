@@ -251,7 +251,7 @@ MaybeRefusal checkBrackets(std::string_view host, size_t hostBegin)
     return std::nullopt;
 }
 
-MaybeRefusal checkHost(std::string_view text, const Outline& outline)
+MaybeRefusal checkHost(std::string_view text, const Outline& outline, bool isTarget)
 {
     const bool inBrackets = outline.hostBegin < outline.hostEnd && text[outline.hostBegin] == '[';
     const size_t end = inBrackets ? outline.hostBegin : outline.hostEnd;
@@ -262,6 +262,9 @@ MaybeRefusal checkHost(std::string_view text, const Outline& outline)
         if (!separates && !(kindsOfChar(text[at]) & kOfHost))
             return Refusal{"character not allowed in a host", at};
     }
+    // Only an "@" of the target can take the host of the base away.
+    if (isTarget && outline.hostBegin == outline.hostEnd)
+        return Refusal{"no host", outline.hostBegin - 1};
     if (!inBrackets)
         return std::nullopt;
     return checkBrackets(text.substr(outline.hostBegin, outline.hostEnd - outline.hostBegin),
@@ -325,7 +328,7 @@ MaybeRefusal checkUtf8(std::string_view text, bool decode, const char* what)
     return std::nullopt;
 }
 
-MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf8)
+MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf8, bool isTarget)
 {
     const unsigned kinds = kindsIn(text);
     MaybeRefusal refusal;
@@ -334,7 +337,7 @@ MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf
     if (!refusal)
         refusal = checkScheme(text, outline);
     if (!refusal)
-        refusal = checkHost(text, outline);
+        refusal = checkHost(text, outline, isTarget);
     if (!refusal)
         refusal = checkFragment(text, outline);
     if (!refusal && (kinds & kBeyondAscii))
@@ -403,12 +406,18 @@ std::string_view behind(std::string_view text, size_t mark)
 bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                 unsigned long maxLength)
 {
+    return fromEncodedUtf8String(text, error, strictUtf8, maxLength, 0);
+}
+
+bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
+                                unsigned long maxLength, size_t baseBytes)
+{
     const std::string_view all(text);
     const Outline outline = outlineOf(all);
     Url result;
     MaybeRefusal refusal = checkLength(all, outline, maxLength);
     if (!refusal)
-        refusal = check(all, outline, strictUtf8);
+        refusal = check(all, outline, strictUtf8, baseBytes > 0);
     if (!refusal)
         refusal = readPort(all, outline, result.mPort);
     if (!refusal) {
@@ -423,8 +432,10 @@ bool Url::fromEncodedUtf8String(const std::string& text, std::string* error, boo
         result.mValid = true;
     }
     *this = std::move(result);
+    // A port that began in the base went wrong with the first byte behind it.
     if (refusal && error)
-        *error = refusal->what + " at byte " + std::to_string(refusal->at);
+        *error = refusal->what + " at byte " +
+                 std::to_string(std::max(refusal->at, baseBytes) - baseBytes + 1);
     return mValid;
 }
 

@@ -156,7 +156,7 @@ TEST(UrlFailures, AUrlIsTakenWholeOrNotAtAll)
                      url.fromEncodedUtf8String("http://127.0.0.1:80/%C0%80", &error, true, 4096));
              });
              EXPECT_FALSE(url.isValid());
-             EXPECT_EQ(error, done ? "percent-encoded bytes that are not UTF-8 at byte 20" : "");
+             EXPECT_EQ(error, done ? "percent-encoded bytes that are not UTF-8 at byte 21" : "");
          }},
     });
 }

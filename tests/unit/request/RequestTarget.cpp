@@ -11,14 +11,19 @@ namespace qv::tests
 namespace
 {
 
-// The error text of the platform's parser for a target behind the fixed base.
-std::string ParserError(const std::string& target)
+// Nothing is kept of a refused target.
+void ExpectRefused(const TestRequest& request, const std::string& reason)
 {
-    http::HttpUrl url;
-    std::string error;
-    url.fromEncodedUtf8String("http://127.0.0.1:80" + target, &error, true, 4096);
+    const http::HttpUrl& url = request.getUrl();
+    EXPECT_EQ(request.getParseError(), "fail to parse request URI, " + reason);
+    EXPECT_TRUE(request.hasParseError());
+    EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
     EXPECT_FALSE(url.isValid());
-    return error;
+    EXPECT_EQ(url.scheme() + url.host() + url.path() + url.encodedPath() + url.query() +
+                  url.fragment(),
+              "");
+    EXPECT_EQ(url.port(), 0);
+    EXPECT_TRUE(url.pathSegments().empty());
 }
 
 TEST(RequestTarget, IsStoredAsReceivedAndParsed)
@@ -105,33 +110,37 @@ TEST(RequestTarget, TooLongLeavesTheParsedUrlUntouched)
 
 TEST(RequestTarget, ThatDoesNotParseIsReplacedAndTheParsersTextReported)
 {
+    const std::string followed =
+        "port followed by something else than '/', '?', '#' or the end at byte 1";
     const struct
     {
         const char* name;
         std::string target;
+        std::string reason;
     } rows[] = {
-        {"no slash: glued to the port", "a/b"},
-        {"asterisk form", "*"},
-        {"absolute form", "http://www.example.org/x"},
-        {"digits that make the port too large", "123"},
-        {"a space", "/a b"},
-        {"a control character", "/a\x01"},
-        {"a NUL", std::string("/a\0b", 4)},
-        {"a percent sign alone", "/%"},
-        {"a percent sign and no digits", "/%zz"},
-        {"percent-encoded bytes that are not UTF-8", "/%FF"},
-        {"raw bytes that are not UTF-8", "/\xFF"},
+        {"no slash: glued to the port", "a/b", followed},
+        {"asterisk form", "*", followed},
+        {"absolute form", "http://www.example.org/x", followed},
+        {"digits that make the port too large", "123", "port above 65535 at byte 1"},
+        {"a space", "/a b", "space at byte 3"},
+        {"a control character", "/a\x01", "control character at byte 3"},
+        {"a NUL", std::string("/a\0b", 4), "control character at byte 3"},
+        {"a percent sign alone", "/%", "'%' not followed by two hexadecimal digits at byte 2"},
+        {"a percent sign and no digits", "/%zz",
+         "'%' not followed by two hexadecimal digits at byte 2"},
+        {"percent-encoded bytes that are not UTF-8", "/%FF",
+         "percent-encoded bytes that are not UTF-8 at byte 2"},
+        {"raw bytes that are not UTF-8", "/\xFF", "bytes that are not UTF-8 at byte 2"},
+        {"an at sign and no host", "@", "no host at byte 1"},
+        {"an at sign before the path", "@/x", "no host at byte 1"},
+        {"an at sign before the query", "@?q", "no host at byte 1"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         TestRequest request;
+        request.setOriginalFullUrl("/earlier?q#f");
         request.setOriginalFullUrl(std::string(row.target));
-        EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
-        EXPECT_FALSE(request.getUrl().isValid());
-        EXPECT_TRUE(request.hasParseError());
-        EXPECT_EQ(request.getParseError(), "fail to parse request URI, " + ParserError(row.target));
-        EXPECT_GT(request.getParseError().size(),
-                  std::string("fail to parse request URI, ").size());
+        ExpectRefused(request, row.reason);
     }
 }
 
@@ -154,19 +163,6 @@ TEST(RequestTarget, RequiredAtSignMakesTheHostWhatTheClientSays)
     EXPECT_EQ(request.getUrl().port(), 8080);
     EXPECT_EQ(request.getUrl().path(), "/x");
     EXPECT_EQ(request.getOriginalFullUrl(), "@www.example.org:8080/x");
-}
-
-// Found by fuzzing: the parser takes such a URL, but HTTP cannot use it, and there is no text.
-TEST(RequestTarget, AtSignWithoutAHostIsRefusedWithoutAReason)
-{
-    for (const char* target : {"@", "@/x", "@?q"}) {
-        SCOPED_TRACE(target);
-        TestRequest request;
-        request.setOriginalFullUrl(target);
-        EXPECT_FALSE(request.getUrl().isValid());
-        EXPECT_EQ(request.getOriginalFullUrl(), "Invalid URI");
-        EXPECT_EQ(request.getParseError(), "fail to parse request URI, ");
-    }
 }
 
 TEST(RequestTarget, EmptyTargetGivesTheBaseAlone)

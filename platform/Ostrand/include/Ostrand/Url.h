@@ -3,6 +3,7 @@
 
 #include <qvSystem/Export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -28,9 +29,17 @@ public:
     /// query and fragment together longer than `maxLength` bytes.
     ///
     /// Returns true on success. Otherwise the object is as if newly made (`isValid()` is
-    /// false) and `*error`, unless null, says what is wrong and at which byte of `text`.
+    /// false) and `*error`, unless null, says what is wrong and at which byte of `text`, counted
+    /// from 1.
     bool fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                unsigned long maxLength);
+
+    /// The same for `text` that is a base ("http://host:80") of `baseBytes` bytes and, right
+    /// behind it, the target of a request. Refused is also a target that leaves no host ("@/x").
+    /// Bytes are counted from 1 at the beginning of the target. With `baseBytes` 0 it is the
+    /// overload above.
+    bool fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
+                               unsigned long maxLength, size_t baseBytes);
 
     /// True after a successful parse.
     bool isValid() const { return mValid; }

@@ -23,7 +23,7 @@ using ::testing::MatchesRegex;
 constexpr unsigned long kLimit = 4096;
 
 // The URL of a target behind a fixed host, as a server parses its requests. The target begins
-// at byte 19.
+// at byte 20.
 const std::string kBase = "http://127.0.0.1:80";
 
 struct Outcome
@@ -202,32 +202,32 @@ TEST(Url, RefusesHostsThatAreNone)
         const char* text;
         const char* error;
     } rows[] = {
-        {"http://ho<st/", "character not allowed in a host at byte 9"},
-        {"http://h|/", "character not allowed in a host at byte 8"},
-        {"http://h\xC3\xA4/", "character not allowed in a host at byte 8"},
-        {"http://us[er@h/", "character not allowed in a host at byte 9"},
-        {"http://a@b@h/", "character not allowed in a host at byte 8"},
-        {"http://a@b@[::1]/", "character not allowed in a host at byte 8"},
-        {"http://@@/", "character not allowed in a host at byte 7"},
-        {"http://u:1@h@", "character not allowed in a host at byte 10"},
-        {"http://[::1/", "'[' without ']' at byte 7"},
-        {"http://u@[::1/", "'[' without ']' at byte 9"},
-        {"http://[", "'[' without ']' at byte 7"},
-        {"http://[::1]x/", "']' not followed by a port or the end of the host at byte 12"},
-        {"http://[::1]80/", "']' not followed by a port or the end of the host at byte 12"},
-        {"http://[::1]]:80/", "']' not followed by a port or the end of the host at byte 12"},
-        {"http://::1]/", "port followed by something else than '/', '?', '#' or the end at byte 8"},
-        {"http://[]/", "host in brackets that is no address at byte 7"},
-        {"http://[::g]/", "host in brackets that is no address at byte 7"},
-        {"http://u@[1:2]:80/", "host in brackets that is no address at byte 9"},
-        {"http://[127.0.0.1]/", "host in brackets that is no address at byte 7"},
-        {"http://[1:2:3:4:5:6:7:8:9]/", "host in brackets that is no address at byte 7"},
-        {"http://[::1%25eth0]/", "host in brackets that is no address at byte 7"},
-        {"http://[v.x]/", "host in brackets that is no address at byte 7"},
-        {"http://[v1]/", "host in brackets that is no address at byte 7"},
-        {"http://[v1.]/", "host in brackets that is no address at byte 7"},
-        {"http://[vg.x]/", "host in brackets that is no address at byte 7"},
-        {"http://[v1.%41]/", "host in brackets that is no address at byte 7"},
+        {"http://ho<st/", "character not allowed in a host at byte 10"},
+        {"http://h|/", "character not allowed in a host at byte 9"},
+        {"http://h\xC3\xA4/", "character not allowed in a host at byte 9"},
+        {"http://us[er@h/", "character not allowed in a host at byte 10"},
+        {"http://a@b@h/", "character not allowed in a host at byte 9"},
+        {"http://a@b@[::1]/", "character not allowed in a host at byte 9"},
+        {"http://@@/", "character not allowed in a host at byte 8"},
+        {"http://u:1@h@", "character not allowed in a host at byte 11"},
+        {"http://[::1/", "'[' without ']' at byte 8"},
+        {"http://u@[::1/", "'[' without ']' at byte 10"},
+        {"http://[", "'[' without ']' at byte 8"},
+        {"http://[::1]x/", "']' not followed by a port or the end of the host at byte 13"},
+        {"http://[::1]80/", "']' not followed by a port or the end of the host at byte 13"},
+        {"http://[::1]]:80/", "']' not followed by a port or the end of the host at byte 13"},
+        {"http://::1]/", "port followed by something else than '/', '?', '#' or the end at byte 9"},
+        {"http://[]/", "host in brackets that is no address at byte 8"},
+        {"http://[::g]/", "host in brackets that is no address at byte 8"},
+        {"http://u@[1:2]:80/", "host in brackets that is no address at byte 10"},
+        {"http://[127.0.0.1]/", "host in brackets that is no address at byte 8"},
+        {"http://[1:2:3:4:5:6:7:8:9]/", "host in brackets that is no address at byte 8"},
+        {"http://[::1%25eth0]/", "host in brackets that is no address at byte 8"},
+        {"http://[v.x]/", "host in brackets that is no address at byte 8"},
+        {"http://[v1]/", "host in brackets that is no address at byte 8"},
+        {"http://[v1.]/", "host in brackets that is no address at byte 8"},
+        {"http://[vg.x]/", "host in brackets that is no address at byte 8"},
+        {"http://[v1.%41]/", "host in brackets that is no address at byte 8"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
@@ -242,20 +242,20 @@ TEST(Url, RefusesTextWithoutScheme)
         const char* text;
         const char* error;
     } rows[] = {
-        {"", "no scheme at byte 0"},
-        {"/path", "no scheme at byte 0"},
-        {"path", "no scheme at byte 0"},
-        {"//host/", "no scheme at byte 0"},
-        {"://host/", "no scheme at byte 0"},
-        {":", "no scheme at byte 0"},
-        {"*", "no scheme at byte 0"},
-        {"?a:b", "no scheme at byte 0"},
-        {"#a:b", "no scheme at byte 0"},
-        {"a/b:c", "no scheme at byte 0"},
-        {"1http://h/", "character not allowed in a scheme at byte 0"},
-        {"+http://h/", "character not allowed in a scheme at byte 0"},
-        {"ht_tp://h/", "character not allowed in a scheme at byte 2"},
-        {"htt\xC3\xA4://h/", "character not allowed in a scheme at byte 3"},
+        {"", "no scheme at byte 1"},
+        {"/path", "no scheme at byte 1"},
+        {"path", "no scheme at byte 1"},
+        {"//host/", "no scheme at byte 1"},
+        {"://host/", "no scheme at byte 1"},
+        {":", "no scheme at byte 1"},
+        {"*", "no scheme at byte 1"},
+        {"?a:b", "no scheme at byte 1"},
+        {"#a:b", "no scheme at byte 1"},
+        {"a/b:c", "no scheme at byte 1"},
+        {"1http://h/", "character not allowed in a scheme at byte 1"},
+        {"+http://h/", "character not allowed in a scheme at byte 1"},
+        {"ht_tp://h/", "character not allowed in a scheme at byte 3"},
+        {"htt\xC3\xA4://h/", "character not allowed in a scheme at byte 4"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
@@ -291,22 +291,22 @@ TEST(Url, RefusesOtherPorts)
         const char* text;
         std::string error;
     } rows[] = {
-        {"http://127.0.0.1:80*", followed + "19"},
-        {"http://127.0.0.1:80index.html", followed + "19"},
-        {"http://127.0.0.1:80:81/", followed + "19"},
-        {"http://127.0.0.1:80%2F", followed + "19"},
-        {"http://127.0.0.1:80\\x", followed + "19"},
-        {"http://127.0.0.1:80\xC3\xA4", followed + "19"},
-        {"http://127.0.0.1:-1/", followed + "17"},
-        {"http://127.0.0.1:80123", "port above 65535 at byte 17"},
-        {"http://127.0.0.1:80123/", "port above 65535 at byte 17"},
-        {"http://127.0.0.1:65536/", "port above 65535 at byte 17"},
-        {"http://127.0.0.1:18446744073709551696/", "port above 65535 at byte 17"},
-        {"http://[::1]:65536/", "port above 65535 at byte 13"},
-        {"http://[::1]:80*", followed + "15"},
-        {"http://u:1@h:65536/", "port above 65535 at byte 13"},
-        {"http://u@[::1]:65536/", "port above 65535 at byte 15"},
-        {"http://u@[::1]:8x/", followed + "16"},
+        {"http://127.0.0.1:80*", followed + "20"},
+        {"http://127.0.0.1:80index.html", followed + "20"},
+        {"http://127.0.0.1:80:81/", followed + "20"},
+        {"http://127.0.0.1:80%2F", followed + "20"},
+        {"http://127.0.0.1:80\\x", followed + "20"},
+        {"http://127.0.0.1:80\xC3\xA4", followed + "20"},
+        {"http://127.0.0.1:-1/", followed + "18"},
+        {"http://127.0.0.1:80123", "port above 65535 at byte 18"},
+        {"http://127.0.0.1:80123/", "port above 65535 at byte 18"},
+        {"http://127.0.0.1:65536/", "port above 65535 at byte 18"},
+        {"http://127.0.0.1:18446744073709551696/", "port above 65535 at byte 18"},
+        {"http://[::1]:65536/", "port above 65535 at byte 14"},
+        {"http://[::1]:80*", followed + "16"},
+        {"http://u:1@h:65536/", "port above 65535 at byte 14"},
+        {"http://u@[::1]:65536/", "port above 65535 at byte 16"},
+        {"http://u@[::1]:8x/", followed + "17"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
@@ -328,7 +328,7 @@ TEST(Url, TakesWhatBrowsersSendAsIfPercentEncoded)
         EXPECT_EQ(outcome.url.query(), "c" + encoded + "d");
 
         ExpectRefused(Parse(text + "#e" + c), "character not allowed in a fragment at byte " +
-                                                  std::to_string(text.size() + 2));
+                                                  std::to_string(text.size() + 3));
     }
 }
 
@@ -397,12 +397,12 @@ TEST(Url, RefusesRawBytesThatAreNotUtf8)
             for (const char* const before : {"/", "/p?", "/p?q#", "/p/"}) {
                 const std::string text = kBase + before;
                 const std::string error =
-                    "bytes that are not UTF-8 at byte " + std::to_string(text.size() + row.at);
+                    "bytes that are not UTF-8 at byte " + std::to_string(text.size() + row.at + 1);
                 ExpectRefused(Parse(text + row.bytes, strictUtf8), error);
             }
         }
     }
-    ExpectRefused(Parse(kBase + "/\xC3%A4"), "bytes that are not UTF-8 at byte 20");
+    ExpectRefused(Parse(kBase + "/\xC3%A4"), "bytes that are not UTF-8 at byte 21");
 }
 
 TEST(Url, RefusesEncodedBytesThatAreNotUtf8OnlyWhenStrict)
@@ -416,7 +416,7 @@ TEST(Url, RefusesEncodedBytesThatAreNotUtf8OnlyWhenStrict)
             const std::string text = kBase + before;
             ExpectRefused(Parse(text + encoded, true),
                           "percent-encoded bytes that are not UTF-8 at byte " +
-                              std::to_string(text.size() + 3 * row.at));
+                              std::to_string(text.size() + 3 * row.at + 1));
             ExpectTaken(Parse(text + encoded, false));
         }
         EXPECT_EQ(Parse(kBase + "/" + encoded, false).url.path(), "/" + row.bytes);
@@ -425,9 +425,9 @@ TEST(Url, RefusesEncodedBytesThatAreNotUtf8OnlyWhenStrict)
 
 TEST(Url, ReadsEachPartAloneWhenItLooksForUtf8)
 {
-    ExpectRefused(Parse(kBase + "/%C3/%A4"), "percent-encoded bytes that are not UTF-8 at byte 20");
-    ExpectRefused(Parse(kBase + "/%C3?%A4"), "percent-encoded bytes that are not UTF-8 at byte 20");
-    ExpectRefused(Parse("http://%C3%28/"), "percent-encoded bytes that are not UTF-8 at byte 7");
+    ExpectRefused(Parse(kBase + "/%C3/%A4"), "percent-encoded bytes that are not UTF-8 at byte 21");
+    ExpectRefused(Parse(kBase + "/%C3?%A4"), "percent-encoded bytes that are not UTF-8 at byte 21");
+    ExpectRefused(Parse("http://%C3%28/"), "percent-encoded bytes that are not UTF-8 at byte 8");
     ExpectTaken(Parse(kBase + "/%c3%A4"));
 }
 
@@ -443,7 +443,7 @@ TEST(Url, RefusesSpacesAndControlCharactersEverywhere)
             text.insert(at, 1, static_cast<char>(byte));
             ExpectRefused(Parse(text),
                           (byte == ' ' ? "space at byte " : "control character at byte ") +
-                              std::to_string(at));
+                              std::to_string(at + 1));
         }
     }
 }
@@ -455,7 +455,7 @@ TEST(Url, RefusesPercentWithoutTwoHexadecimalDigits)
         const std::string text = before;
         for (const char* const bad : {"%", "%4", "%4g", "%g4", "%%41", "%-1", "%/41", "%4\xC3"}) {
             SCOPED_TRACE(text + bad);
-            ExpectRefused(Parse(text + bad), error + std::to_string(text.size()));
+            ExpectRefused(Parse(text + bad), error + std::to_string(text.size() + 1));
         }
     }
     ExpectTaken(Parse("http://h/%0A%fF%00", false));
@@ -463,8 +463,8 @@ TEST(Url, RefusesPercentWithoutTwoHexadecimalDigits)
 
 TEST(Url, RefusesASecondNumberSign)
 {
-    ExpectRefused(Parse("http://h/#a#b"), "character not allowed in a fragment at byte 11");
-    ExpectRefused(Parse("http://h##"), "character not allowed in a fragment at byte 9");
+    ExpectRefused(Parse("http://h/#a#b"), "character not allowed in a fragment at byte 12");
+    ExpectRefused(Parse("http://h##"), "character not allowed in a fragment at byte 10");
 }
 
 TEST(Url, IsTakenUpToItsLengthWhichCountsWhatFollowsTheAuthority)
@@ -498,11 +498,11 @@ TEST(Url, IsTakenUpToItsLengthWhichCountsWhatFollowsTheAuthority)
         if (row.taken)
             ExpectTaken(outcome);
         else
-            ExpectRefused(outcome, tooLong + std::to_string(row.before.size() + 4096));
+            ExpectRefused(outcome, tooLong + std::to_string(row.before.size() + 4097));
     }
     ExpectTaken(Parse("http://h", true, 0));
     ExpectRefused(Parse("http://h/", true, 0),
-                  "path, query and fragment longer than 0 bytes at byte 8");
+                  "path, query and fragment longer than 0 bytes at byte 9");
     ExpectTaken(Parse("http://h/" + std::string(100000, 'a'), true, ULONG_MAX));
 }
 
@@ -512,7 +512,7 @@ TEST(Url, KeepsNothingOfAnEarlierParseWhenItRefuses)
     ExpectTaken(outcome);
     outcome.result = outcome.url.fromEncodedUtf8String("http://h:x", &outcome.error, true, kLimit);
     ExpectRefused(outcome, "port followed by something else than '/', '?', '#' or the end "
-                           "at byte 9");
+                           "at byte 10");
     outcome.error.clear();
     outcome.result = outcome.url.fromEncodedUtf8String("a:b", &outcome.error, true, kLimit);
     ExpectTaken(outcome);
@@ -520,6 +520,78 @@ TEST(Url, KeepsNothingOfAnEarlierParseWhenItRefuses)
     EXPECT_EQ(outcome.url.port(), 0);
     EXPECT_EQ(outcome.url.query(), "");
     EXPECT_EQ(outcome.url.fragment(), "");
+}
+
+Outcome ParseTarget(const std::string& target, const std::string& base = kBase)
+{
+    Outcome outcome;
+    outcome.result =
+        outcome.url.fromEncodedUtf8String(base + target, &outcome.error, true, kLimit, base.size());
+    return outcome;
+}
+
+TEST(Url, CountsTheBytesOfATargetFromItsBeginning)
+{
+    const std::string followed = "port followed by something else than '/', '?', '#' or the end ";
+    const struct
+    {
+        std::string target;
+        std::string error;
+    } rows[] = {
+        {"*", followed + "at byte 1"},
+        {"81x", followed + "at byte 3"},
+        {":81/x", followed + "at byte 1"},
+        // The port begins in the base.
+        {"123", "port above 65535 at byte 1"},
+        {"@h:65536/", "port above 65535 at byte 4"},
+        {" ", "space at byte 1"},
+        {"/a b", "space at byte 3"},
+        {"/a\x01", "control character at byte 3"},
+        {"/%zz", "'%' not followed by two hexadecimal digits at byte 2"},
+        {"/ab%FF", "percent-encoded bytes that are not UTF-8 at byte 4"},
+        {"/\xFF", "bytes that are not UTF-8 at byte 2"},
+        {"/#a#", "character not allowed in a fragment at byte 4"},
+        {"@a|b/", "character not allowed in a host at byte 3"},
+        {"@[::1/", "'[' without ']' at byte 2"},
+        {"@[1]/", "host in brackets that is no address at byte 2"},
+        {"/" + std::string(4096, 'a'),
+         "path, query and fragment longer than 4096 bytes at byte 4097"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.target);
+        ExpectRefused(ParseTarget(row.target), row.error);
+        if (row.target.front() == '/')
+            ExpectRefused(ParseTarget(row.target, "https://[::1]"), row.error);
+    }
+}
+
+TEST(Url, RefusesATargetThatLeavesNoHost)
+{
+    const struct
+    {
+        const char* target;
+        const char* error;
+    } rows[] = {
+        {"@", "no host at byte 1"},     {"@/x", "no host at byte 1"},
+        {"@?q", "no host at byte 1"},   {"@:80/x", "no host at byte 1"},
+        {"81@#f", "no host at byte 3"}, {":pw@/x", "no host at byte 4"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.target);
+        ExpectRefused(ParseTarget(row.target), row.error);
+        ExpectTaken(Parse(kBase + row.target));
+    }
+    ExpectTaken(ParseTarget("@h/x"));
+}
+
+TEST(Url, IsNoTargetBehindABaseOfNoBytes)
+{
+    for (const char* const text : {"http:///x", "mailto:a@b"}) {
+        SCOPED_TRACE(text);
+        Outcome outcome;
+        outcome.result = outcome.url.fromEncodedUtf8String(text, &outcome.error, true, kLimit, 0);
+        ExpectTaken(outcome);
+    }
 }
 
 TEST(Url, NeedsNoPlaceForTheErrorText)
@@ -554,9 +626,10 @@ void ExpectSound(const std::string& text)
     ASSERT_THAT(outcome.error, MatchesRegex(".+ at byte [0-9]+"));
     const size_t place = outcome.error.rfind(' ') + 1;
     const size_t byte = std::stoul(outcome.error.substr(place));
-    ASSERT_LE(byte, text.size());
+    ASSERT_GE(byte, 1u);
+    ASSERT_LE(byte, text.size() + 1);
     if (outcome.error.rfind("host in brackets that is no address", 0) == 0) {
-        ASSERT_EQ(text[byte], '[');
+        ASSERT_EQ(text[byte - 1], '[');
     }
 }
 
