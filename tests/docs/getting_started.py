@@ -200,10 +200,14 @@ class ProgramsTest(StepsTest):
 
     def test_no_name_leads_out_of_the_directory(self):
         server = Server(self, self.programs[3])
-        for name in ("..%2Fa", ".a", "..%00", "%2Fa", "a%00b", "a%5Cb"):
+        for name in ("..%2Fa", ".a", "%2Fa", "a%5Cb"):
             status, text, _ = server.ask("PUT", f"/files/{name}", b"x")
             self.assertEqual((status, text), (400, b'{"error":"This name is not allowed.","status":400}'),
                              name)
+        for name in ("..%00", "a%00b"):
+            status, text, _ = server.ask("PUT", f"/files/{name}", b"x")
+            self.assertEqual(status, 400, name)
+            self.assertIn(b"percent-encoded control character in the path at byte ", text, name)
         self.assertEqual(server.uploads(), [])
         self.assertEqual(server.process.stop(), 0)
 

@@ -59,16 +59,17 @@ class Logging(unittest.TestCase):
         self.assertRegex(self.log.read_text(),
                          rf"(?m)^{TIME} debug \[shop\] \d+ somebody looks at the page$")
 
-    def test_control_characters_are_escaped(self):
+    def test_escapes_cannot_be_forged(self):
         server = self.start("error")
-        server.ask("GET", "/order/%0A%1B[31m")
+        # Control characters do not come as far as a line.
+        self.assertEqual(server.ask("GET", "/order/%0A%1B[31m")[0], 400)
+        self.assertEqual(server.ask("GET", "/order/%5Cn")[0], 500)
         self.assertEqual(server.process.stop(), 0)
         # The target is as it was sent, the text of the exception as the handler made it.
         self.assertRegex(self.log.read_text(),
-                         rf"\A{TIME} error \[kit\] \d+ GET /order/%0A%1B\[31m failed: "
-                         r"no \\n\\x1b\[31m\n\Z")
+                         rf"\A{TIME} error \[kit\] \d+ GET /order/%5Cn failed: no \\\\n\n\Z")
         self.assertEqual("".join(server.process.errors),
-                         "error kit GET /order/%0A%1B[31m failed: no \\n\\x1b[31m\n")
+                         "error kit GET /order/%5Cn failed: no \\\\n\n")
 
     def test_a_file_that_cannot_be_written_is_said(self):
         ended = subprocess.run([self.program, "0", "/proc/nowhere/log.txt", "information"], check=False,

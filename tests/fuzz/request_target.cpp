@@ -9,6 +9,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <optional>
@@ -47,6 +48,21 @@ std::optional<std::string> Unescape(std::string_view text)
 bool IsUtf8(std::string_view text)
 {
     return fuzz::FirstBadUtf8(text) == text.size();
+}
+
+// Whether a target has no escaped control character but those of a text's lines in its query.
+bool IsFreeOfEscapedControls(std::string_view target)
+{
+    target = target.substr(0, target.find('#'));
+    const size_t mark = std::min(target.find('?'), target.size());
+    const auto path = Unescape(target.substr(0, mark));
+    const auto query = Unescape(target.substr(mark));
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
+    const auto isRefusedInQuery = [&](char c) {
+        return isControl(c) && c != '\t' && c != '\n' && c != '\r';
+    };
+    return path && query && std::none_of(path->begin(), path->end(), isControl) &&
+           std::none_of(query->begin(), query->end(), isRefusedInQuery);
 }
 
 // Whether the text behind an authority is well formed.
@@ -147,7 +163,8 @@ void TryTarget(const std::string& target)
     }
     if (!target.empty() && std::string_view("/?#").find(target[0]) == std::string_view::npos)
         return;
-    FUZZ_CHECK(url.isValid() == (target.size() <= kTargetLimitBytes && IsGoodTail(target, true)));
+    FUZZ_CHECK(url.isValid() == (target.size() <= kTargetLimitBytes && IsGoodTail(target, true) &&
+                                 IsFreeOfEscapedControls(target)));
     if (!url.isValid())
         return;
     FUZZ_CHECK(url.host() == "127.0.0.1" && url.port() == 80);

@@ -360,6 +360,33 @@ TEST_F(RequestIntake, RefusesControlCharacters)
     }
 }
 
+// The daemon ends an argument at its NUL, so that only the target shows it.
+TEST_F(RequestIntake, RefusesEncodedControlCharactersInTheTarget)
+{
+    const std::string inPath =
+        "fail to parse request URI, percent-encoded control character in the path at byte ";
+    const std::string inQuery =
+        "fail to parse request URI, percent-encoded control character in the query at byte ";
+    const struct
+    {
+        const char* target;
+        std::string parseError;
+    } rows[] = {
+        {"/a%00b", inPath + "3"},      {"/a%0d%0ab", inPath + "3"},
+        {"/a%09?q", inPath + "3"},     {"/a%7F", inPath + "3"},
+        {"/a%01?q=%00", inPath + "3"}, {"/?q=abc%00def", inQuery + "8"},
+        {"/?q=%00%01", inQuery + "5"}, {"/?%00=v", inQuery + "3"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.target);
+        const SeenRequest request = see(getRequest(row.target));
+        EXPECT_EQ(request.parseError, row.parseError);
+        EXPECT_EQ(request.target, "Invalid URI");
+        EXPECT_FALSE(request.urlIsValid);
+        EXPECT_EQ(request.path, "");
+    }
+}
+
 TEST_F(RequestIntake, KeepsValidPairsBesideBadOnes)
 {
     const SeenRequest request = see(

@@ -197,7 +197,22 @@ MaybeRefusal checkEscape(std::string_view text, size_t at)
     return Refusal{"'%' not followed by two hexadecimal digits", at};
 }
 
-MaybeRefusal checkBytes(std::string_view text)
+// A NUL would end what an application takes for a C string. Line ends and tabs in a query are left
+// to whoever reads its values.
+MaybeRefusal checkEncodedControl(std::string_view text, size_t at, const Outline& outline)
+{
+    size_t next = at;
+    const unsigned byte = takeByte(text, next, true);
+    if (!isControl(byte) || at < outline.authorityEnd || at >= outline.fragmentBegin)
+        return std::nullopt;
+    if (at < outline.queryBegin)
+        return Refusal{"percent-encoded control character in the path", at};
+    if (isOneOf("\t\n\r", static_cast<char>(byte)))
+        return std::nullopt;
+    return Refusal{"percent-encoded control character in the query", at};
+}
+
+MaybeRefusal checkBytes(std::string_view text, const Outline& outline, bool isTarget)
 {
     for (size_t at = 0; at < text.size(); ++at) {
         const unsigned kinds = kindsOfChar(text[at]);
@@ -205,7 +220,10 @@ MaybeRefusal checkBytes(std::string_view text)
             return Refusal{text[at] == ' ' ? "space" : "control character", at};
         if (!(kinds & kPercent))
             continue;
-        if (MaybeRefusal refusal = checkEscape(text, at))
+        MaybeRefusal refusal = checkEscape(text, at);
+        if (!refusal && isTarget)
+            refusal = checkEncodedControl(text, at, outline);
+        if (refusal)
             return refusal;
     }
     return std::nullopt;
@@ -333,7 +351,7 @@ MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf
     const unsigned kinds = kindsIn(text);
     MaybeRefusal refusal;
     if (kinds & (kForbidden | kPercent))
-        refusal = checkBytes(text);
+        refusal = checkBytes(text, outline, isTarget);
     if (!refusal)
         refusal = checkScheme(text, outline);
     if (!refusal)

@@ -131,6 +131,14 @@ TEST(RequestTarget, ThatDoesNotParseIsReplacedAndTheParsersTextReported)
         {"percent-encoded bytes that are not UTF-8", "/%FF",
          "percent-encoded bytes that are not UTF-8 at byte 2"},
         {"raw bytes that are not UTF-8", "/\xFF", "bytes that are not UTF-8 at byte 2"},
+        {"an encoded NUL in the path", "/a%00b?q",
+         "percent-encoded control character in the path at byte 3"},
+        {"an encoded line end in the path", "/a%0Ab",
+         "percent-encoded control character in the path at byte 3"},
+        {"an encoded NUL in the query", "/?q=abc%00def",
+         "percent-encoded control character in the query at byte 8"},
+        {"an encoded DEL in the query", "/?%7f",
+         "percent-encoded control character in the query at byte 3"},
         {"an at sign and no host", "@", "no host at byte 1"},
         {"an at sign before the path", "@/x", "no host at byte 1"},
         {"an at sign before the query", "@?q", "no host at byte 1"},
@@ -142,6 +150,14 @@ TEST(RequestTarget, ThatDoesNotParseIsReplacedAndTheParsersTextReported)
         request.setOriginalFullUrl(std::string(row.target));
         ExpectRefused(request, row.reason);
     }
+}
+
+TEST(RequestTarget, MayHaveEncodedLinesInItsQuery)
+{
+    TestRequest request;
+    request.setOriginalFullUrl("/?text=a%09b%0D%0Ac");
+    EXPECT_FALSE(request.hasParseError()) << request.getParseError();
+    EXPECT_EQ(request.getUrl().query(), "text=a%09b%0D%0Ac");
 }
 
 TEST(RequestTarget, RequiredDigitsWithoutSlashBecomePartOfThePort)

@@ -35,9 +35,10 @@ public:
                                unsigned long maxLength);
 
     /// The same for `text` that is a base ("http://host:80") of `baseBytes` bytes and, right
-    /// behind it, the target of a request. Refused is also a target that leaves no host ("@/x").
-    /// Bytes are counted from 1 at the beginning of the target. With `baseBytes` 0 it is the
-    /// overload above.
+    /// behind it, the target of a request. Refused are also a target that leaves no host ("@/x"),
+    /// one whose decoded path has a control character, and one whose decoded query has a control
+    /// character other than tab, line feed and carriage return. Bytes are counted from 1 at the
+    /// beginning of the target. With `baseBytes` 0 it is the overload above.
     bool fromEncodedUtf8String(const std::string& text, std::string* error, bool strictUtf8,
                                unsigned long maxLength, size_t baseBytes);
 

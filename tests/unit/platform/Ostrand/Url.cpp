@@ -584,9 +584,43 @@ TEST(Url, RefusesATargetThatLeavesNoHost)
     ExpectTaken(ParseTarget("@h/x"));
 }
 
+TEST(Url, RefusesEncodedControlCharactersInTheTargetOfARequest)
+{
+    for (unsigned byte = 0; byte < 0x80; ++byte) {
+        const std::string encoded = "%" + Hex(static_cast<unsigned char>(byte));
+        SCOPED_TRACE(encoded);
+        const bool isControl = byte < 0x20 || byte == 0x7F;
+        const bool mayBeInQuery = !isControl || byte == '\t' || byte == '\n' || byte == '\r';
+        const std::string inPath = "percent-encoded control character in the path at byte ";
+        const std::string inQuery = "percent-encoded control character in the query at byte ";
+        for (const char* const after : {"", "/b", "?q", "#f"}) {
+            const Outcome outcome = ParseTarget("/a" + encoded + after);
+            if (isControl)
+                ExpectRefused(outcome, inPath + "3");
+            else
+                ExpectTaken(outcome);
+            ExpectTaken(Parse(kBase + "/a" + encoded + after));
+        }
+        for (const char* const after : {"", "d", "#f"}) {
+            const Outcome outcome = ParseTarget("/?a=%20?" + encoded + after);
+            if (mayBeInQuery)
+                ExpectTaken(outcome);
+            else
+                ExpectRefused(outcome, inQuery + "9");
+            ExpectTaken(Parse(kBase + "/?a=%20?" + encoded + after));
+        }
+        ExpectTaken(ParseTarget("/#?" + encoded));
+        ExpectTaken(ParseTarget("@h" + encoded + "/"));
+    }
+    ExpectRefused(ParseTarget("/%09?%00"),
+                  "percent-encoded control character in the path at byte 2");
+    ExpectRefused(ParseTarget("?%0a%7f"),
+                  "percent-encoded control character in the query at byte 5");
+}
+
 TEST(Url, IsNoTargetBehindABaseOfNoBytes)
 {
-    for (const char* const text : {"http:///x", "mailto:a@b"}) {
+    for (const char* const text : {"http://h/%00?%00", "http:///x", "mailto:a@b"}) {
         SCOPED_TRACE(text);
         Outcome outcome;
         outcome.result = outcome.url.fromEncodedUtf8String(text, &outcome.error, true, kLimit, 0);
