@@ -262,7 +262,11 @@ TEST(ChunkPool, WorksInAForkedChild)
 TEST(ChunkPool, KeepsWithinItsLimitsOnManyThreads)
 {
     constexpr int kThreads = 4;
+#ifdef __SANITIZE_THREAD__
+    constexpr int kRounds = 50;
+#else
     constexpr int kRounds = 500;
+#endif
     std::atomic<bool> isWithin{true};
     std::atomic<bool> isWhole{true};
     {
