@@ -370,16 +370,16 @@ TEST_F(SlowClients, AsManySlowBodiesAsWorkersStopAllResponses)
     for (size_t i = 0; i < kWorkers; ++i)
         crowd->send(crowd->open(),
                     "PUT /upload HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\n");
-    const auto areTaken = [&] { return server->metrics().at("open") == kWorkers; };
-    ASSERT_TRUE(crowd->run(areTaken, kLimit));
+    dripped = Clock::now();
+    ASSERT_TRUE(dripUntil([&] {
+        return crowd->count(Client::Connecting) == 0 &&
+               server->metrics().at("open") >= crowd->count(Client::Open);
+    }));
     const auto start = Clock::now();
     Meanwhile good(server->port(), Meanwhile::Requests);
     constexpr int kBytes = 5;
-    for (int i = 0; i < kBytes; ++i) {
-        crowd->runFor(kBetweenBytes);
-        for (Client& each : crowd->clients())
-            crowd->send(each, "x");
-    }
+    const int last = drips + kBytes;
+    EXPECT_TRUE(dripUntil([&] { return drips >= last; }));
     const size_t responses = good.responses();
     metric("attackers", kWorkers, "connections");
     metric("served-during-attack", static_cast<double>(responses), "requests");
