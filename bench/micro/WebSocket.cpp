@@ -3,7 +3,8 @@
 #include "Support.h"
 
 #include "websocket/Unmask.h"
-#include "websocket/WebSocketAccess.h"
+
+#include <support/WebSocketAccess.h>
 
 #include <array>
 #include <cerrno>

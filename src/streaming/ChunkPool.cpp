@@ -77,16 +77,6 @@ void ChunkPool::give(Chunk&& chunk)
     mBytes -= capacity;
 }
 
-size_t ChunkPool::getChunkCount() const
-{
-    size_t count = 0;
-    for (const Group& group : mGroups) {
-        for (const Slot& slot : group.slots)
-            count += slot.state > kBusy;
-    }
-    return count;
-}
-
 ChunkPool::Slot& ChunkPool::slotAt(size_t index)
 {
     index %= kMaxChunks;

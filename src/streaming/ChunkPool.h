@@ -10,6 +10,8 @@
 namespace qv::impl
 {
 
+struct TestAccess;  // of the tests
+
 // Minimum capacity of a chunk in bytes.
 inline constexpr size_t kMinChunkBytes = 65536;
 
@@ -43,11 +45,9 @@ public:
     // Keeps or frees `chunk`. A full pool frees another chunk first.
     void give(Chunk&& chunk);
 
-    // Chunks and bytes kept at the moment.
-    size_t getChunkCount() const;
-    size_t getBytes() const { return mBytes; }
-
 private:
+    friend struct TestAccess;
+
     // A thread looks into one group first, so that threads seldom meet.
     static constexpr size_t kGroupSlots = 8;
     static constexpr size_t kCacheLineBytes = 64;

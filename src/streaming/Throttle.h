@@ -9,6 +9,8 @@
 namespace qv::impl
 {
 
+struct TestAccess;  // of the tests
+
 // One record per daemon thread, shared by the dispatch and the content reader: any progress
 // of any connection of the thread resets it.
 class Throttle
@@ -32,13 +34,12 @@ public:
     // yielded to the application.
     void pause(const void* waiting, int64_t nowMs);
 
-    int64_t waitSinceMs() const { return mWaitSinceMs; }
-    int64_t lastSleepMs() const { return mLastSleepMs; }
-
     // How long to sleep at `nowMs` when the last sleep began at `lastSleepMs`.
     static int32_t SleepMs(int64_t nowMs, int64_t lastSleepMs);
 
 private:
+    friend struct TestAccess;
+
     int64_t mWaitSinceMs = kTimeNotSet;
     int64_t mLastSleepMs = kTimeNotSet;
     const void* mFirstWaiting = nullptr;  // since the wait began; only compared: it may be deleted

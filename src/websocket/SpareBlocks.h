@@ -10,6 +10,8 @@
 namespace qv::impl
 {
 
+struct TestAccess;  // of the tests
+
 // While one is alive, the blocks that its thread frees are kept for those that it needs next: a
 // message of a megabyte is a thousand of them on its way in, and a thousand on its way out. Lives
 // on the stack of the thread; at most one a thread.
@@ -33,9 +35,9 @@ public:
     // Any thread.
     static void FreeFirst(Queue& queue);
 
-    size_t getCount() const { return mBlocks.size(); }
-
 private:
+    friend struct TestAccess;
+
     Queue mBlocks;
 };
 

@@ -11,7 +11,7 @@
 #include "support/Check.h"
 #include "support/ReferenceFrames.h"
 
-#include "websocket/WebSocketAccess.h"
+#include <support/WebSocketAccess.h>
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -13,6 +13,11 @@ namespace qv
 
 class qvLog;
 
+namespace impl
+{
+struct TestAccess;  // of the tests
+}
+
 class qvLogObject
 {
 public:
@@ -40,13 +45,9 @@ public:
     // Stream manipulators such as std::hex.
     qvLogObject& operator<<(std::ios_base& (*manipulator)(std::ios_base&));
 
-    int getLevel() const { return mLevel; }
-    const qvLog* getSink() const { return mSink; }
-    const std::string& getThreadId() const { return mThreadId; }
-    bool isUrgent() const { return mUrgent; }
-    bool hasStream() const { return mMessage != nullptr; }
-
 private:
+    friend struct impl::TestAccess;
+
     std::ostringstream& stream();
     void emit();
 

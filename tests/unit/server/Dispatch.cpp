@@ -12,6 +12,7 @@
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
 #include "support/RecordingDaemon.h"
+#include "support/TestAccess.h"
 #include "support/TestRequest.h"
 
 #include <Wendrel/HttpServer.h>
@@ -248,8 +249,8 @@ protected:
     static bool throttleIsReset()
     {
         const impl::Throttle& throttle = impl::Throttle::OfThisThread();
-        return throttle.waitSinceMs() == impl::kTimeNotSet &&
-               throttle.lastSleepMs() == impl::kTimeNotSet;
+        return impl::TestAccess::waitSinceMs(throttle) == impl::kTimeNotSet &&
+               impl::TestAccess::lastSleepMs(throttle) == impl::kTimeNotSet;
     }
 
     static void useThrottle()
@@ -543,7 +544,7 @@ TEST_F(Dispatch, RequiredLooksAtTheClockWhenItReachesTheThrottle)
     const int64_t begunMs = time.nowMs();
     laterCall(exchange);
     EXPECT_EQ(exchange.request->getReceiveDurationMs(), 0);
-    EXPECT_EQ(impl::Throttle::OfThisThread().waitSinceMs(), begunMs + 7);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(impl::Throttle::OfThisThread()), begunMs + 7);
 }
 
 TEST_F(Dispatch, StartsTheClockUnlessItRunsAlready)
@@ -918,9 +919,9 @@ TEST_F(Dispatch, KeepsTheChunkOfAResponseForTheNext)
 {
     const impl::ChunkPool::User user;
     Exchange& exchange = beginReady("0123456789", true);
-    const size_t before = impl::ChunkPool::Instance().getChunkCount();
+    const size_t before = impl::TestAccess::chunkCount(impl::ChunkPool::Instance());
     EXPECT_EQ(laterCall(exchange), MHD_YES);
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), before + 1);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), before + 1);
 }
 
 TEST_F(Dispatch, QueuesAResponseOnce)

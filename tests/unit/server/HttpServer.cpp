@@ -8,6 +8,7 @@
 #include "support/GroupingLocale.h"
 #include "support/RecordingApplication.h"
 #include "support/RecordingDaemon.h"
+#include "support/TestAccess.h"
 #include "support/VirtualSlot.h"
 
 #include <Wendrel/HttpServer.h>
@@ -664,12 +665,12 @@ TEST_F(HttpServer, HasChunksOfBodiesKeptWhileItRuns)
         impl::ChunkPool::Instance().give(std::move(chunk));
     };
     freeOne();
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 0u);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), 0u);
     startAndWait();
     freeOne();
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 1u);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), 1u);
     server->stopServer(true);
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), 0u);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), 0u);
 }
 
 TEST_F(HttpServer, ReturnsAtOnceFromAStopWithoutWait)

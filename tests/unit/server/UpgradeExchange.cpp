@@ -8,13 +8,14 @@
 #include "support/FakeTime.h"
 #include "support/RecordingApplication.h"
 #include "support/RecordingDaemon.h"
-#include "websocket/WebSocketAccess.h"
+#include "support/TestAccess.h"
 
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 
 #include <qvSystem/qvSystemUtils.h>
+#include <support/WebSocketAccess.h>
 
 #include <gmock/gmock.h>
 
@@ -230,9 +231,9 @@ TEST_F(UpgradeExchange, ResetsTheWaitLikeAnyNewRequest)
 {
     impl::Throttle& throttle = impl::Throttle::OfThisThread();
     throttle.pause(nullptr, qvSystemUtils::GetTimeBaseMs());
-    ASSERT_NE(throttle.waitSinceMs(), impl::kTimeNotSet);
+    ASSERT_NE(impl::TestAccess::waitSinceMs(throttle), impl::kTimeNotSet);
     EXPECT_EQ(ask({}), MHD_YES);
-    EXPECT_EQ(throttle.waitSinceMs(), impl::kTimeNotSet);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(throttle), impl::kTimeNotSet);
     EXPECT_THAT(time.sleeps(), IsEmpty());
 }
 

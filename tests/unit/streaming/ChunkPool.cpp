@@ -4,6 +4,7 @@
 
 #include "../../support/Forking.h"
 #include "streaming/ChunkQueue.h"
+#include "support/TestAccess.h"
 
 #include <gmock/gmock.h>
 
@@ -41,12 +42,12 @@ void append(Queue& queue, const std::string& bytes)
 
 size_t chunkCount()
 {
-    return ChunkPool::Instance().getChunkCount();
+    return TestAccess::chunkCount(ChunkPool::Instance());
 }
 
 size_t byteCount()
 {
-    return ChunkPool::Instance().getBytes();
+    return TestAccess::bytes(ChunkPool::Instance());
 }
 
 // A queue of full chunks.

@@ -3,6 +3,7 @@
 
 #include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
+#include "support/TestAccess.h"
 #include "support/TestRequest.h"
 
 #include "request/ConnectionContext.h"
@@ -682,12 +683,12 @@ TEST(HttpReceiveDevice, KeepsItsChunksForTheNextBody)
         WorkerRequest request;
         Feed(request, std::string(65536, 'a'));
         Feed(request, std::string(65536, 'b'));
-        whenFed = impl::ChunkPool::Instance().getChunkCount();
+        whenFed = impl::TestAccess::chunkCount(impl::ChunkPool::Instance());
         EXPECT_EQ(Read(request, 65536), std::string(65536, 'a'));
-        EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 1);
+        EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), whenFed + 1);
     }
     // The device returns unread chunks to the pool as well.
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenFed + 2);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), whenFed + 2);
 }
 
 TEST(HttpReceiveDeviceThreads, OneFeedsOneReadsAndAnyoneLooks)

@@ -2,6 +2,7 @@
 
 #include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
+#include "support/TestAccess.h"
 #include "support/TestRequest.h"
 
 #include "request/ConnectionContext.h"
@@ -994,15 +995,15 @@ TEST(HttpResponseDevice, KeepsItsChunksForTheNextBody)
         for (int i = 0; i < 3; ++i)
             device.writeBytes(chunk.data(), chunk.size());
         device.writeBytes("y", 1);  // not handed over
-        whenWritten = impl::ChunkPool::Instance().getChunkCount();
+        whenWritten = impl::TestAccess::chunkCount(impl::ChunkPool::Instance());
         // The first has been read, the second only in part, the third not at all.
         std::vector<char> block(65537);
         bool ended = false;
         bool endedToo = false;
         EXPECT_EQ(device.sendChunksThreadSafe(block.data(), block.size(), ended, endedToo), 65537u);
-        EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenWritten + 1);
+        EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), whenWritten + 1);
     }
-    EXPECT_EQ(impl::ChunkPool::Instance().getChunkCount(), whenWritten + 4);
+    EXPECT_EQ(impl::TestAccess::chunkCount(impl::ChunkPool::Instance()), whenWritten + 4);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "support/BackgroundCall.h"
 #include "support/FakeTime.h"
+#include "support/TestAccess.h"
 #include "support/TestRequest.h"
 
 #include "request/ContextRegistry.h"
@@ -66,8 +67,8 @@ protected:
 
     static bool throttleIsReset()
     {
-        return Throttle::OfThisThread().waitSinceMs() == kTimeNotSet &&
-               Throttle::OfThisThread().lastSleepMs() == kTimeNotSet;
+        return impl::TestAccess::waitSinceMs(Throttle::OfThisThread()) == kTimeNotSet &&
+               impl::TestAccess::lastSleepMs(Throttle::OfThisThread()) == kTimeNotSet;
     }
 
     WorkerRequest mRequest;
@@ -151,8 +152,8 @@ TEST_F(ReadContentTest, WithoutDataReturnsZeroForTheGraceThenSleepsTenAndThirtyF
 {
     FakeTime time(5000);
     EXPECT_EQ(read(), 0);
-    EXPECT_EQ(Throttle::OfThisThread().waitSinceMs(), 5000);
-    EXPECT_EQ(Throttle::OfThisThread().lastSleepMs(), 5000);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(Throttle::OfThisThread()), 5000);
+    EXPECT_EQ(impl::TestAccess::lastSleepMs(Throttle::OfThisThread()), 5000);
     time.advanceMs(100);
     EXPECT_EQ(read(), 0);
     EXPECT_THAT(time.sleeps(), IsEmpty());
@@ -391,9 +392,9 @@ TEST_F(RequestCompletedTest, LeavesTheThrottleAlone)
 {
     Throttle::OfThisThread().reset();
     Throttle::OfThisThread().pause(nullptr, qvSystemUtils::GetTimeBaseMs());
-    const int64_t since = Throttle::OfThisThread().waitSinceMs();
+    const int64_t since = impl::TestAccess::waitSinceMs(Throttle::OfThisThread());
     complete(0);
-    EXPECT_EQ(Throttle::OfThisThread().waitSinceMs(), since);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(Throttle::OfThisThread()), since);
     Throttle::OfThisThread().reset();
 }
 

@@ -3,6 +3,7 @@
 #include "streaming/Throttle.h"
 
 #include "support/FakeTime.h"
+#include "support/TestAccess.h"
 
 #include <qvSystem/qvSystemUtils.h>
 
@@ -69,8 +70,8 @@ TEST(Throttle, RequiredSleepIsComputedIn32Bits)
 TEST(Throttle, StartsUnset)
 {
     const impl::Throttle throttle;
-    EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
-    EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(throttle), kTimeNotSet);
+    EXPECT_EQ(impl::TestAccess::lastSleepMs(throttle), kTimeNotSet);
 }
 
 TEST(Throttle, FirstPauseOnlyNotesTheTime)
@@ -79,8 +80,8 @@ TEST(Throttle, FirstPauseOnlyNotesTheTime)
     impl::Throttle throttle;
     pause(throttle);
     EXPECT_THAT(time.sleeps(), IsEmpty());
-    EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
-    EXPECT_EQ(throttle.lastSleepMs(), kStartMs);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(throttle), kStartMs);
+    EXPECT_EQ(impl::TestAccess::lastSleepMs(throttle), kStartMs);
 }
 
 TEST(Throttle, GraceLasts100Ms)
@@ -99,8 +100,9 @@ TEST(Throttle, GraceLasts100Ms)
         time.advanceMs(row.afterMs);
         pause(throttle);
         EXPECT_EQ(time.sleeps().size(), row.sleeps);
-        EXPECT_EQ(throttle.waitSinceMs(), kStartMs);
-        EXPECT_EQ(throttle.lastSleepMs(), kStartMs + (row.sleeps != 0 ? row.afterMs : 0));
+        EXPECT_EQ(impl::TestAccess::waitSinceMs(throttle), kStartMs);
+        EXPECT_EQ(impl::TestAccess::lastSleepMs(throttle),
+                  kStartMs + (row.sleeps != 0 ? row.afterMs : 0));
     }
 }
 
@@ -123,7 +125,7 @@ TEST(Throttle, CountsTheSpacingFromTheBeginningOfTheLastSleep)
     pause(throttle);
     time.advanceMs(500);
     pause(throttle);  // sleeps 10
-    EXPECT_EQ(throttle.lastSleepMs(), kStartMs + 500);
+    EXPECT_EQ(impl::TestAccess::lastSleepMs(throttle), kStartMs + 500);
     time.advanceMs(20);
     pause(throttle);  // 30 ms after the beginning of the last
     time.advanceMs(100);
@@ -139,8 +141,8 @@ TEST(Throttle, ResetStartsANewGrace)
     time.advanceMs(101);
     pause(throttle);
     throttle.reset();
-    EXPECT_EQ(throttle.waitSinceMs(), kTimeNotSet);
-    EXPECT_EQ(throttle.lastSleepMs(), kTimeNotSet);
+    EXPECT_EQ(impl::TestAccess::waitSinceMs(throttle), kTimeNotSet);
+    EXPECT_EQ(impl::TestAccess::lastSleepMs(throttle), kTimeNotSet);
     time.clearRecords();
 
     pause(throttle);
@@ -217,11 +219,11 @@ TEST(Throttle, IsOneRecordPerThread)
     int64_t ofTheOther = 0;
     std::thread other([&] {
         EXPECT_NE(&impl::Throttle::OfThisThread(), mine);
-        ofTheOther = impl::Throttle::OfThisThread().waitSinceMs();
+        ofTheOther = impl::TestAccess::waitSinceMs(impl::Throttle::OfThisThread());
     });
     other.join();
     EXPECT_EQ(ofTheOther, kTimeNotSet);
-    EXPECT_NE(mine->waitSinceMs(), kTimeNotSet);
+    EXPECT_NE(impl::TestAccess::waitSinceMs(*mine), kTimeNotSet);
     mine->reset();
 }
 

@@ -2,6 +2,7 @@
 
 #include "websocket/SpareBlocks.h"
 
+#include "support/TestAccess.h"
 #include "websocket/Support.h"
 
 #include <thread>
@@ -46,11 +47,11 @@ TEST(SpareBlocks, GiveBackWhatWasFreedLast)
     const uint8_t* const first = queue.front().data();
     const uint8_t* const second = queue.back().data();
     freeAll(queue);
-    EXPECT_EQ(spares.getCount(), 2u);
+    EXPECT_EQ(impl::TestAccess::blockCount(spares), 2u);
     queue = blocks(2);
     EXPECT_EQ(queue.front().data(), second);
     EXPECT_EQ(queue.back().data(), first);
-    EXPECT_EQ(spares.getCount(), 0u);
+    EXPECT_EQ(impl::TestAccess::blockCount(spares), 0u);
 }
 
 TEST(SpareBlocks, AppendBehindWhatIsThere)
@@ -72,7 +73,7 @@ TEST(SpareBlocks, GiveNoBlockOfAnotherSize)
     freeAll(queue);
     SpareBlocks::Append(queue, kBlockBytes + 1);
     EXPECT_EQ(queue.back().size(), kBlockBytes + 1);
-    EXPECT_EQ(spares.getCount(), 1u);
+    EXPECT_EQ(impl::TestAccess::blockCount(spares), 1u);
 }
 
 TEST(SpareBlocks, AreNoMoreThanTheirLimit)
@@ -80,7 +81,7 @@ TEST(SpareBlocks, AreNoMoreThanTheirLimit)
     const SpareBlocks spares;
     Queue queue = blocks(SpareBlocks::kMostBlocks + 1);
     freeAll(queue);
-    EXPECT_EQ(spares.getCount(), SpareBlocks::kMostBlocks);
+    EXPECT_EQ(impl::TestAccess::blockCount(spares), SpareBlocks::kMostBlocks);
 }
 
 TEST(SpareBlocks, BelongToTheirThread)
@@ -88,7 +89,7 @@ TEST(SpareBlocks, BelongToTheirThread)
     const SpareBlocks spares;
     Queue queue = blocks(1);
     std::thread([&] { freeAll(queue); }).join();
-    EXPECT_EQ(spares.getCount(), 0u);
+    EXPECT_EQ(impl::TestAccess::blockCount(spares), 0u);
 }
 
 TEST(SpareBlocks, EndWithTheirObject)
@@ -101,7 +102,7 @@ TEST(SpareBlocks, EndWithTheirObject)
     Queue queue = blocks(1);
     freeAll(queue);
     const SpareBlocks others;
-    EXPECT_EQ(others.getCount(), 0u);
+    EXPECT_EQ(impl::TestAccess::blockCount(others), 0u);
 }
 
 }  // namespace

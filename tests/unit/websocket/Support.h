@@ -5,7 +5,7 @@
 
 #include "support/RecordingDaemon.h"
 
-#include "websocket/WebSocketAccess.h"
+#include <support/WebSocketAccess.h>
 
 #include <gmock/gmock.h>
 

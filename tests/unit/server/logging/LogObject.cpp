@@ -3,6 +3,7 @@
 #include "server/logging/LogObject.h"
 #include "support/CapturedLog.h"
 #include "support/GroupingLocale.h"
+#include "support/TestAccess.h"
 
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
@@ -155,7 +156,7 @@ TEST_F(LogObjectWithLog, IsUrgentFromWarningsUp)
         SCOPED_TRACE(row.name);
         {
             qvLogObject statement(row.level);
-            EXPECT_EQ(statement.isUrgent(), row.urgent);
+            EXPECT_EQ(impl::TestAccess::isUrgent(statement), row.urgent);
             statement << "text";
         }
         EXPECT_EQ(captured.lines().back(), (LogLine{row.level, "", "text", row.urgent}));
@@ -179,10 +180,10 @@ TEST_F(LogObjectWithLog, DiscardsALevelThatIsOff)
         int formatted = 0;
         {
             qvLogObject statement(level);
-            EXPECT_EQ(statement.getLevel(), qvLogObject::kDiscard);
-            EXPECT_EQ(statement.getSink(), nullptr);
+            EXPECT_EQ(impl::TestAccess::level(statement), qvLogObject::kDiscard);
+            EXPECT_EQ(impl::TestAccess::sink(statement), nullptr);
             statement << Counted{&formatted} << "text" << std::hex;
-            EXPECT_FALSE(statement.hasStream());
+            EXPECT_FALSE(impl::TestAccess::hasStream(statement));
         }
         EXPECT_EQ(formatted, 0);
         EXPECT_THAT(captured.lines(), IsEmpty());
@@ -198,8 +199,8 @@ TEST_F(LogObjectWithLog, KeepsALevelThatIsOn)
         int formatted = 0;
         {
             qvLogObject statement(level);
-            EXPECT_EQ(statement.getLevel(), level);
-            EXPECT_EQ(statement.getSink(), &captured.log());
+            EXPECT_EQ(impl::TestAccess::level(statement), level);
+            EXPECT_EQ(impl::TestAccess::sink(statement), &captured.log());
             statement << Counted{&formatted};
         }
         EXPECT_EQ(formatted, 1);
@@ -255,7 +256,7 @@ TEST_F(LogObjectWithLog, RecordsTheThreadWhenInformationIsOnWhateverItsOwnLevel)
                 captured.log().setLevelEnabled(level, ownOn);
                 captured.log().setLevelEnabled(2, informationOn);
                 const qvLogObject statement(level);
-                EXPECT_EQ(statement.getThreadId(),
+                EXPECT_EQ(impl::TestAccess::threadId(statement),
                           informationOn ? qvThread::CurrentThreadId() : std::string());
             }
         }
@@ -327,12 +328,12 @@ TEST_F(LogObjectWithLog, WritesNothingWithoutText)
 {
     {
         const qvLogObject untouched(5);
-        EXPECT_FALSE(untouched.hasStream());
+        EXPECT_FALSE(impl::TestAccess::hasStream(untouched));
     }
     {
         qvLogObject empty(5);
         empty << "" << std::string();
-        EXPECT_TRUE(empty.hasStream());
+        EXPECT_TRUE(impl::TestAccess::hasStream(empty));
     }
     {
         qvLogObject onlyManipulated(5);
@@ -407,9 +408,9 @@ TEST_F(LogObject, IsPrintedAtAnyLevelWithoutALog)
             const RedirectedOutput output;
             {
                 qvLogObject statement(level, "category");
-                EXPECT_EQ(statement.getLevel(), level);
-                EXPECT_EQ(statement.getSink(), nullptr);
-                EXPECT_EQ(statement.getThreadId(), "");
+                EXPECT_EQ(impl::TestAccess::level(statement), level);
+                EXPECT_EQ(impl::TestAccess::sink(statement), nullptr);
+                EXPECT_EQ(impl::TestAccess::threadId(statement), "");
                 statement << "text " << level;
             }
             arrived = output.arrived();

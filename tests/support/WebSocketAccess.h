@@ -1,6 +1,6 @@
-// The door to the private parts of the connection and its threads, for tests and fuzzing.
-#ifndef WENDREL_WEBSOCKET_WEBSOCKETACCESS_H
-#define WENDREL_WEBSOCKET_WEBSOCKETACCESS_H
+// Accessor to the private parts of the connection and its threads, for tests and benchmarks.
+#ifndef WENDREL_TESTS_WEBSOCKETACCESS_H
+#define WENDREL_TESTS_WEBSOCKETACCESS_H
 
 #include <Wendrel/WebSocket.h>
 
