@@ -1,5 +1,8 @@
 // The replaced system calls.
 
+// The fortified declaration of recv is a definition for clang.
+#undef _FORTIFY_SOURCE
+
 #include "System.h"
 
 #include "Boundary.h"

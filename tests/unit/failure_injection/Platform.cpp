@@ -236,7 +236,7 @@ TEST(HashHelperFailures, ADigestIsMadeOrItsSizeIsNought)
 {
     FailEachCall(
         "HashHelper",
-        [canFail = false](Attempt& attempt) mutable {
+        [](Attempt& attempt) {
             char digest[64] = {};
             unsigned long size = 0;
             EXPECT_TRUE(attempt(

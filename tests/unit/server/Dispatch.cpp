@@ -18,6 +18,7 @@
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/Wendrel.h>
 
+#include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvSystemUtils.h>
 
 #include <gmock/gmock.h>
@@ -236,7 +237,7 @@ protected:
     }
 
     // Whether another thread gets the lock of the request's response device.
-    static bool isFree(Exchange& exchange)
+    static bool isFree(Exchange& exchange) QV_NO_THREAD_SAFETY_ANALYSIS
     {
         BackgroundCall taken(
             [&exchange] { qvMutexLocker locker(&Access::mutex(exchange.response())); });

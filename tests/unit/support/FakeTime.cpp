@@ -5,6 +5,7 @@
 
 #include "support/TestsOwn.h"
 
+#include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
@@ -46,7 +47,7 @@ struct FakeTime::State
     std::function<void(unsigned long)> sleepHook;
 
     void sleep(unsigned long ms);
-    bool wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeoutMs);
+    bool wait(qvWaitCondition* condition, qvMutex* held, unsigned long timeoutMs) QV_REQUIRES(held);
     Wait beginWait(qvWaitCondition* condition, unsigned long timeoutMs, size_t& wakesBefore);
     void endWait(Wait& wait, size_t wakesBefore);
 };
