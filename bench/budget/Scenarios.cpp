@@ -9,7 +9,7 @@
 
 #include <Wendrel/WebSocket.h>
 
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 
 #include <algorithm>
 #include <array>
@@ -378,7 +378,7 @@ private:
 
     const std::vector<uint8_t> mFrame;
     EchoSocket mSocket;
-    impl::SpareBlocks mSpares;  // as a worker thread has them
+    impl::BlockPool mPool;  // as a worker thread has them
 };
 
 template <typename Made> std::unique_ptr<Scenario> make()

@@ -136,7 +136,7 @@ void Application::refuse(Request* request)
 
 void Application::release(Request* request)
 {
-    request->closeAnswer();
+    request->closeResponse();
     request->workerThreadStopHandling(qvThread::CurrentThreadId());
     mReaper.finished(*request);
 }

@@ -231,7 +231,7 @@ void Request::failWith(const std::string& message)
 }
 
 // After the handler: every request gets an answer with an end.
-void Request::closeAnswer()
+void Request::closeResponse()
 {
     if (!mAnnounced)
         failWith("The request was not answered.");

@@ -346,7 +346,7 @@ bool WebSocketHub::start()
     try {
         mThreads = std::make_unique<http::WebSocketThread>();
         mThreads->startThreads(mOptions.workers);
-        mWatcher = std::thread(&WebSocketHub::watch, this);
+        mWatchdog = std::thread(&WebSocketHub::watch, this);
     } catch (const std::system_error& error) {
         LogError("cannot start the threads of the WebSockets: " + error.code().message() +
                  ": a connection was refused");
@@ -502,7 +502,7 @@ bool WebSocketHub::close(std::chrono::milliseconds limit)
         // No start is under way after this, and none begins.
         const qvMutexLocker noStart(&mStartMutex);
     }
-    if (mWatcher.joinable())
+    if (mWatchdog.joinable())
         mThreadsEnded = endThreads(limit);
     return mThreadsEnded;
 }
@@ -510,7 +510,7 @@ bool WebSocketHub::close(std::chrono::milliseconds limit)
 bool WebSocketHub::endThreads(std::chrono::milliseconds limit)
 {
     endConnections(limit);
-    endWatcher();
+    endWatchdog();
     if (freeWorkers()) {
         mThreads->stopThreads(true);
         return true;
@@ -543,14 +543,14 @@ bool WebSocketHub::isAnyUnsent() const
     });
 }
 
-void WebSocketHub::endWatcher()
+void WebSocketHub::endWatchdog()
 {
     {
         const qvMutexLocker locker(&mMutex);
         mWatchEnds = true;
         mChanged.wakeAll();
     }
-    mWatcher.join();
+    mWatchdog.join();
 }
 
 // A worker that holds a closed connection when it is stopped never ends. All connections are

@@ -15,8 +15,8 @@ namespace
 constexpr size_t kKeyBytes = 24;  // 16 random bytes in base64
 constexpr const char* kHandshakeGuid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 
-// The digest has 20 bytes; what the client compares is the text of these alone.
-constexpr size_t kDigestRoomBytes = 32;
+// The digest has 20 bytes; the client compares the text of these alone.
+constexpr size_t kDigestCapacityBytes = 32;
 constexpr size_t kDigestBytes = 20;
 
 }  // namespace
@@ -27,7 +27,7 @@ std::string WebSocket::ComputeSecret(const char* key)
     if (!key || std::strlen(key) != kKeyBytes)
         return secret;
     const std::string text = std::string(key, kKeyBytes) + kHandshakeGuid;
-    char digest[kDigestRoomBytes] = {};
+    char digest[kDigestCapacityBytes] = {};
     HashHelper(HashType::Sha1).hash(text.data(), text.size(), digest, sizeof digest);
     base64Encode(digest, kDigestBytes, secret, Base64CharSet::Standard);
     return secret;

@@ -3,7 +3,7 @@
 
 #include <Wendrel/WebSocket.h>
 
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 #include "websocket/Unmask.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ void WebSocket::writeRawData(const void* data, size_t size)
     const auto* next = static_cast<const uint8_t*>(data);
     while (size > 0) {
         if (lastWriteFill == blockSize) {
-            impl::SpareBlocks::Append(writeQueue, blockSize);
+            impl::BlockPool::Append(writeQueue, blockSize);
             lastWriteFill = 0;
         }
         const size_t part = std::min(blockSize - lastWriteFill, size);
@@ -38,7 +38,7 @@ void WebSocket::removeWrittenBytes(size_t count)
     writeOffset += count;
     if (writeOffset != firstWriteEnd())
         return;
-    impl::SpareBlocks::FreeFirst(writeQueue);
+    impl::BlockPool::FreeFirst(writeQueue);
     writeOffset = 0;
     if (writeQueue.empty()) {
         lastWriteFill = blockSize;
@@ -62,7 +62,7 @@ void WebSocket::consumeRead(size_t count)
     readOffset += count;
     if (readOffset != blockSize)
         return;
-    impl::SpareBlocks::FreeFirst(readQueue);
+    impl::BlockPool::FreeFirst(readQueue);
     readOffset = 0;
     if (readQueue.empty())
         lastReadFill = blockSize;

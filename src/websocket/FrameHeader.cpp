@@ -19,12 +19,12 @@ constexpr uint8_t kContinuation = 0;
 constexpr uint8_t kText = 1;
 constexpr uint8_t kBinary = 2;
 
-constexpr size_t kLongestInByte = 125;
-constexpr size_t kLongestInTwoBytes = 65535;
+constexpr size_t kMaxInByte = 125;
+constexpr size_t kMaxInTwoBytes = 65535;
 constexpr uint8_t kTwoByteLength = 126;
 constexpr uint8_t kEightByteLength = 127;
 
-// Of a client's frame, the masking key included: it is taken for granted, whatever the mask
+// Of a client's frame, the masking key included: it is taken for granted, independent of the mask
 // bit says.
 constexpr size_t kMaskBytes = 4;
 constexpr size_t kShortHeaderBytes = 6;
@@ -103,10 +103,10 @@ void WebSocket::WriteHeader(uint8_t* out, size_t length, bool isBinary, bool isF
     const uint8_t dataOpcode = isBinary ? kBinary : kText;
     out[0] =
         static_cast<uint8_t>((fin ? kFinBit : 0) | (isFirstFrame ? dataOpcode : kContinuation));
-    if (length <= kLongestInByte) {
+    if (length <= kMaxInByte) {
         out[1] = static_cast<uint8_t>(length);
         headerSize = 2;
-    } else if (length <= kLongestInTwoBytes) {
+    } else if (length <= kMaxInTwoBytes) {
         out[1] = kTwoByteLength;
         putBigEndian(out + 2, 2, length);
         headerSize = 4;

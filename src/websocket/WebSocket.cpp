@@ -2,7 +2,7 @@
 
 #include <Wendrel/WebSocket.h>
 
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 
 #include <qvSystem/Rollback.h>
 
@@ -20,17 +20,17 @@ namespace
 {
 
 constexpr size_t kBlockBytes = 1024;
-constexpr size_t kLongestFrameBytes = 131000;
+constexpr size_t kMaxFrameBytes = 131000;
 
-// Room for the longest header that is read and that is written.
+// Capacity for the longest header that is read and that is written.
 constexpr size_t kClientHeaderBytes = 14;
 constexpr size_t kServerHeaderBytes = 10;
 
-constexpr size_t kShortestFrameBytes = 6;
+constexpr size_t kMinFrameBytes = 6;
 
-// The default answer: one word, often enough for three frames.
-constexpr char kAnswerWord[] = {'r', 'e', 's', 'p', 'o', 'n', 's', 'e'};
-constexpr size_t kAnswerWords = 32751;
+// The default response: one word, often enough for three frames.
+constexpr char kResponseWord[] = {'r', 'e', 's', 'p', 'o', 'n', 's', 'e'};
+constexpr size_t kResponseWords = 32751;
 
 constexpr size_t kMaskBytes = 4;
 
@@ -39,8 +39,8 @@ bool canHold(const std::vector<uint8_t>& message, size_t payload)
     return payload <= message.max_size() - message.size();
 }
 
-// Room for the payload of a frame, as much as insert would make, if a vector can hold it.
-void makeRoom(std::vector<uint8_t>& message, size_t payload)
+// Reserves space for the payload of a frame, as much as insert would, if a vector can hold it.
+void reservePayload(std::vector<uint8_t>& message, size_t payload)
 {
     const size_t size = message.size();
     if (canHold(message, payload) && payload > message.capacity() - size)
@@ -136,13 +136,13 @@ bool WebSocket::readDataIfAvailable()
         return true;
     for (;;) {
         if (lastReadFill == blockSize) {
-            impl::SpareBlocks::Append(readQueue, blockSize);
+            impl::BlockPool::Append(readQueue, blockSize);
             lastReadFill = 0;
         }
-        const int room = static_cast<int>(blockSize - lastReadFill);
+        const int space = static_cast<int>(blockSize - lastReadFill);
         // Required: 0, the end of the client's side, is not treated as the end of the stream.
         const ssize_t received =
-            ::recv(socket, readQueue.back().data() + lastReadFill, static_cast<size_t>(room), 0);
+            ::recv(socket, readQueue.back().data() + lastReadFill, static_cast<size_t>(space), 0);
         if (received < 0) {
             if (errno != EAGAIN)
                 return false;
@@ -159,7 +159,7 @@ bool WebSocket::readDataIfAvailable()
 int WebSocket::tryToReadFrame()
 {
     const size_t available = bufferedBytes();
-    if (available < kShortestFrameBytes)
+    if (available < kMinFrameBytes)
         return FrameIncomplete;
     uint8_t header[kClientHeaderBytes] = {};
     readNoSeek(header, sizeof header);
@@ -180,7 +180,7 @@ int WebSocket::tryToReadFrame()
         return ProtocolError;
 
     // Before anything is consumed: without memory the frame stays where it is.
-    makeRoom(message, payloadLength);
+    reservePayload(message, payloadLength);
     skipBytes(headerSize);
     if (expectFirstFrame)
         messageIsBinary = isBinary;
@@ -233,8 +233,8 @@ void WebSocket::queueFrames(const void* data, size_t size, bool isBinary)
     bool isFirstFrame = true;
     bool fin = false;
     while (!fin) {
-        fin = size <= kLongestFrameBytes;
-        const size_t length = std::min(size, kLongestFrameBytes);
+        fin = size <= kMaxFrameBytes;
+        const size_t length = std::min(size, kMaxFrameBytes);
         uint8_t header[kServerHeaderBytes];
         size_t headerSize = 0;
         WriteHeader(header, length, isBinary, isFirstFrame, fin, headerSize);
@@ -246,13 +246,13 @@ void WebSocket::queueFrames(const void* data, size_t size, bool isBinary)
     }
 }
 
-// Required: an application that overrides nothing answers everything with this.
+// Required: an application that overrides nothing responds to everything with this.
 void WebSocket::onMessageReceived(std::vector<uint8_t>&, bool)
 {
-    std::vector<uint8_t> answer(sizeof kAnswerWord * kAnswerWords);
-    for (size_t i = 0; i < answer.size(); ++i)
-        answer[i] = static_cast<uint8_t>(kAnswerWord[i % sizeof kAnswerWord]);
-    writeMessage(answer.data(), answer.size(), true);
+    std::vector<uint8_t> response(sizeof kResponseWord * kResponseWords);
+    for (size_t i = 0; i < response.size(); ++i)
+        response[i] = static_cast<uint8_t>(kResponseWord[i % sizeof kResponseWord]);
+    writeMessage(response.data(), response.size(), true);
 }
 
 }  // namespace qv::http

@@ -3,7 +3,7 @@
 #include <Wendrel/WebSocket.h>
 
 #include "server/logging/LogObject.h"
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 
 #include <qvSystem/Rollback.h>
 #include <qvSystem/SystemError.h>
@@ -19,7 +19,7 @@ namespace
 {
 
 // Bounds how long bytes that another thread queues wait for the next cycle.
-constexpr int kPollTimeOutMs = 10;
+constexpr int kPollTimeoutMs = 10;
 
 constexpr unsigned long kThreadEndLimitMs = 2147483647;
 
@@ -32,7 +32,7 @@ int pollConnections(const std::vector<std::unique_ptr<WebSocket>>& cycle,
         const int events = POLLIN | (connection->hasWritePending() ? POLLOUT : 0);
         polled.push_back({connection->getSocket(), static_cast<short>(events), 0});
     }
-    return ::poll(polled.data(), polled.size(), kPollTimeOutMs);
+    return ::poll(polled.data(), polled.size(), kPollTimeoutMs);
 }
 
 }  // namespace
@@ -49,7 +49,7 @@ WebSocketWorkerThread::~WebSocketWorkerThread()
 
 void WebSocketWorkerThread::run()
 {
-    const impl::SpareBlocks spares;
+    const impl::BlockPool pool;
     std::unique_ptr<WebSocket> connection;
     for (;;) {
         mOwner->getFirstWebSocket(connection);
@@ -167,7 +167,7 @@ WebSocketWorkerThread* WebSocketThread::workerAt(size_t index)
     return index < workers.size() ? workers[index].get() : nullptr;
 }
 
-// Moves each connection of the cycle to where its events lead; what is left in the cycle is
+// Moves each connection of the cycle to where its events lead; those left in the cycle are
 // to be destroyed. Returns how many are for a worker.
 size_t WebSocketThread::sortCycle(Connections& cycle, const std::vector<pollfd>& polled)
 {

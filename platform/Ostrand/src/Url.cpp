@@ -1,5 +1,5 @@
 // URLs: the parts of the text are found first, then each rule is checked, which gives the reason
-// and the byte of a refusal. What browsers send beyond the RFC is percent-encoded.
+// and the byte of a refusal. Bytes that browsers send beyond the RFC are percent-encoded.
 
 #include <Ostrand/Url.h>
 
@@ -25,7 +25,7 @@ constexpr std::string_view kTolerated = "|\\^`{}\"<>[]";
 constexpr std::string_view kSchemeMarks = "+-.";
 constexpr std::string_view kHostMarks = "-._~!$&'()*+,;=%";
 
-// What a byte can mean for the text around it, as bits.
+// Meanings of a byte for the text around it, as bits.
 enum ByteKind : uint8_t {
     kForbidden = 1,
     kPercent = 2,
@@ -197,8 +197,8 @@ MaybeRefusal checkEscape(std::string_view text, size_t at)
     return Refusal{"'%' not followed by two hexadecimal digits", at};
 }
 
-// A NUL would end what an application takes for a C string. Line ends and tabs in a query are left
-// to whoever reads its values.
+// A NUL would end a text that an application uses as a C string. Line ends and tabs in a query are
+// left to the reader of its values.
 MaybeRefusal checkEncodedControl(std::string_view text, size_t at, const Outline& outline)
 {
     size_t next = at;
@@ -365,7 +365,7 @@ MaybeRefusal check(std::string_view text, const Outline& outline, bool strictUtf
     return refusal;
 }
 
-// What the RFC does not allow in path and query, percent-encoded.
+// Path or query with the bytes that the RFC does not allow percent-encoded.
 std::string encodeTolerated(std::string_view text)
 {
     if (!(kindsIn(text) & kMustBeEncoded))
@@ -413,7 +413,7 @@ std::string hostOf(std::string_view host)
     return decoded(inBrackets ? host.substr(1, host.size() - 2) : host);
 }
 
-// What follows the mark that stands at `mark`, if one does.
+// The text behind the mark at `mark`, if there is one.
 std::string_view behind(std::string_view text, size_t mark)
 {
     return mark < text.size() ? text.substr(mark + 1) : std::string_view();

@@ -10,7 +10,7 @@ namespace
 {
 
 // Made on first use and never destroyed: static objects of an application may come here
-// before ours are made and after they are gone.
+// before ours are made and after they are freed.
 impl::LibInitCounter& initCounter()
 {
     static impl::LibInitCounter& counter = *new impl::LibInitCounter("quenby", true);

@@ -29,7 +29,7 @@ void makeUrlSafe(std::string& out, size_t from)
 void base64Encode(const char* data, unsigned long size, std::string& out, Base64CharSet charSet)
 {
     const size_t from = out.size();
-    // At once, so that without memory nothing is appended; with room for the encoder's NUL.
+    // At once, so that without memory nothing is appended; with space for the encoder's NUL.
     out.reserve(from + (size / 3 + 1) * 4 + 1);
     while (size > 0) {
         const unsigned long piece = std::min(size, kPieceBytes);

@@ -14,7 +14,7 @@ namespace qv
 namespace
 {
 
-// Says what this library stands on for as long as it is loaded.
+// Registers the library below for as long as this one is loaded.
 struct VersionRecord
 {
     static constexpr const char* kName = "OpenSSL";

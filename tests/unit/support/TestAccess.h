@@ -5,7 +5,7 @@
 #include "server/logging/LogObject.h"
 #include "streaming/ChunkPool.h"
 #include "streaming/Throttle.h"
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +36,7 @@ struct TestAccess
     static int64_t waitSinceMs(const Throttle& t) { return t.mWaitSinceMs; }
     static int64_t lastSleepMs(const Throttle& t) { return t.mLastSleepMs; }
 
-    static size_t blockCount(const SpareBlocks& b) { return b.mBlocks.size(); }
+    static size_t blockCount(const BlockPool& b) { return b.mBlocks.size(); }
 };
 
 }  // namespace qv::impl

@@ -4,7 +4,7 @@
 #include "support/CapturedLog.h"
 #include "support/ScriptedSockets.h"
 #include "support/VirtualSlot.h"
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 #include "websocket/Support.h"
 
 #include <atomic>
@@ -879,13 +879,13 @@ TEST_F(WebSocketThreadTest, KeepsBlocksForTheNextMessagesOfAWorker)
     Peer& peer = connect("a");
     bool wasKept = false;
     peer.socket->onMessage = [&](const std::string&) {
-        impl::SpareBlocks::Queue queue;
-        impl::SpareBlocks::Append(queue, 1024);
+        impl::BlockPool::Queue queue;
+        impl::BlockPool::Append(queue, 1024);
         const uint8_t* const place = queue.front().data();
-        impl::SpareBlocks::FreeFirst(queue);
+        impl::BlockPool::FreeFirst(queue);
         // Had the allocator got it back, this would get it.
         const std::vector<uint8_t> another(1024);
-        impl::SpareBlocks::Append(queue, 1024);
+        impl::BlockPool::Append(queue, 1024);
         wasKept = queue.front().data() == place && another.data() != place;
     };
     peer.send("hello");

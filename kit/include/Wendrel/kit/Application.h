@@ -17,10 +17,10 @@
 namespace qv::kit
 {
 
-/// Serves each request on a worker thread by its router, refuses with 503 what the workers
-/// cannot take, and has requests deleted. Use it as it is or derive from it; a derived class's
-/// own members must outlive the workers: call `stopWorkers` in its destructor if handlers use
-/// them.
+/// Serves each request on a worker thread by its router, refuses with 503 requests that
+/// the workers cannot take, and has requests deleted. Use it as it is or derive from it; a derived
+/// class's own members must outlive the workers: call `stopWorkers` in its destructor if handlers
+/// use them.
 class Application : public http::HttpServerImpl
 {
 public:
@@ -30,7 +30,7 @@ public:
         /// Threads that serve requests. A request occupies one from its first byte to the
         /// moment its handler returns, also while its client is slow.
         unsigned int workers = 16;
-        /// Requests that may wait for a worker; more are answered 503.
+        /// Requests that may wait for a worker; further ones get a 503 response.
         size_t queueLimit = 1024;
     };
 
@@ -46,12 +46,12 @@ public:
     /// Add routes before the server is started.
     Router& getRouter() { return mRouter; }
 
-    /// From now on new requests are answered 503; waits at most `limit` until every request
-    /// has been answered and completed. Returns whether that was so. Any thread but a worker.
+    /// From now on new requests get a 503 response; waits at most `limit` until every request
+    /// has its response and is completed. Returns whether that was so. Any thread but a worker.
     bool drain(std::chrono::milliseconds limit);
 
-    /// Serves what is queued, then ends the workers. Later requests are answered 503. Stop the
-    /// server first: a worker that waits for a body waits until its request has ended.
+    /// Serves the queued requests, then ends the workers. Later requests get a 503 response. Stop
+    /// the server first: a worker that waits for a body waits until its request has ended.
     void stopWorkers();
 
     /// Requests so far. Any thread.
@@ -65,16 +65,16 @@ protected:
     /// Thread: the daemon's.
     virtual Request* newRequest();
 
-    /// Answers the request; by the router unless overridden. Thread: a worker.
+    /// Responds to the request; by the router unless overridden. Thread: a worker.
     virtual void serve(Request& request);
 
-    /// A handler has thrown. Logs the text and answers 500, or abandons an answer that has
-    /// begun, unless overridden. An exception that leaves an override is logged, and the request
-    /// gets the same response. Thread: a worker.
+    /// A handler has thrown. Logs the text and responds with 500, or abandons a response that
+    /// has begun, unless overridden. An exception that leaves an override is logged, and the
+    /// request gets the same response. Thread: a worker.
     virtual void onHandlerFailed(Request& request, const std::exception& error);
 
-    /// Does nothing. An override closes what must end before the daemon: a WebSocketHub. Thread:
-    /// the server's, with the server's lock held.
+    /// Does nothing. An override closes objects that must end before the daemon: a WebSocketHub.
+    /// Thread: the server's, with the server's lock held.
     void onServerStopped() override;
 
     /// Never called unless connections can be upgraded (`Parameters::allowWebSocket`), and to

@@ -1,4 +1,4 @@
-/// A request that knows how to read its body and how to be answered.
+/// A request that knows how to read its body and how to send its response.
 #ifndef WENDREL_KIT_REQUEST_H
 #define WENDREL_KIT_REQUEST_H
 
@@ -15,19 +15,19 @@
 namespace qv::kit
 {
 
-/// What became of reading a body.
+/// The outcome of reading a body.
 enum class BodyResult {
     Complete,  ///< the body has been read to its end
     More,      ///< the buffer is full, there may be more
     TooLarge,  ///< longer than the limit
-    Aborted    ///< the client went away, the server stops, or nothing came for six minutes
+    Aborted  ///< the peer closed the connection, the server stops, or nothing came for six minutes
 };
 
 /// The request class of the kit. Everything below is for the thread that serves the request,
 /// unless it says otherwise. Made by Application::newRequest, deleted by the RequestReaper.
 ///
-/// An answer is either one `reply`, or `startStream`, any number of `write`, and `finish`.
-/// What a handler leaves unanswered is answered 500 after it has returned.
+/// A response is either one `reply`, or `startStream`, any number of `write`, and `finish`.
+/// A request that has no response when its handler has returned gets a 500 response.
 class Request : public HttpBaseRequest, private HttpWaitListener
 {
 public:
@@ -37,7 +37,7 @@ public:
     /// Thread: a worker, the reaper's, or the one that destroys the application.
     ~Request() override;
 
-    // What was asked.
+    // The request.
 
     /// The part of the path that the route's `{name}` stands for, decoded; empty when the
     /// route has none of this name.
@@ -46,7 +46,7 @@ public:
     /// For the router.
     void setPathParameters(std::map<std::string, std::string> parameters);
 
-    /// Whether only the head of the answer will be sent.
+    /// Whether only the head of the response will be sent.
     bool isHead() const { return getRequestType() == HEAD; }
 
     /// The first value of a header (name in lower case); empty when there is none.
@@ -62,7 +62,7 @@ public:
     // The body.
 
     /// Fills `buf` with `len` bytes, waiting for them; `got` is how many there are, less than
-    /// `len` only at the end. More: the buffer is full. A client that goes away ends the wait
+    /// `len` only at the end. More: the buffer is full. A closed connection ends the wait
     /// within about two seconds: Aborted. The daemon does not notice a client that closes its
     /// side together with its last bytes; that wait ends with `connectionTimeoutMs`.
     BodyResult readBody(char* buf, size_t len, size_t& got);
@@ -71,17 +71,17 @@ public:
     /// before anything is read, any other body as soon as it is longer: TooLarge.
     BodyResult readWholeBody(uint64_t limitBytes, std::string& body);
 
-    // The answer.
+    // The response.
 
-    /// The head of the answer; not to be changed after it has been announced.
+    /// The head of the response; not to be changed after it has been announced.
     ResponseHead& getHead() { return mHead; }
 
-    /// Answers with `body`. For HEAD and for status 204 and 304 only its length is sent; with
+    /// Responds with `body`. For HEAD and for status 204 and 304 only its length is sent; with
     /// an empty `body` there, the length set in the head.
-    /// False when the request has been answered already or the client is gone.
+    /// False when the request has its response already or the connection is closed.
     bool reply(uint32_t status, const std::string& contentType, const std::string& body);
 
-    /// Answers `{"error": message, "status": status}` as application/json.
+    /// Responds with `{"error": message, "status": status}` as application/json.
     bool replyError(uint32_t status, const std::string& message);
 
     /// Announces the head; the body follows by `write`. With a length set in the head the
@@ -90,10 +90,11 @@ public:
 
     /// Writes the next `len` bytes of the body; waits while the client is slow. Nothing is
     /// sent for HEAD and for status 204 and 304, and true is returned. False when the client
-    /// is gone, the answer has ended or the declared length would be exceeded: stop then.
+    /// has closed the connection, the response has ended or the declared length would be exceeded:
+    /// stop then.
     bool write(const char* data, size_t len);
 
-    /// Sends what has been written so far without waiting for 64 KiB to come together.
+    /// Sends the bytes written so far without waiting for 64 KiB to come together.
     bool flush();
 
     /// Ends the body. A body shorter than declared is cut off by closing the connection, so
@@ -101,20 +102,20 @@ public:
     void finish();
 
     /// Something went wrong on our side: status 500 with `message` and nothing of the head set
-    /// so far; an answer that has begun is abandoned, one that has ended stays.
+    /// so far; a response that has begun is abandoned, one that has ended stays.
     void failWith(const std::string& message);
 
-    /// Gives the answer up, unless it has ended: the client finds the connection closed in the
+    /// Gives the response up, unless it has ended: the client finds the connection closed in the
     /// middle of it, or gets a status 500 when nothing has been sent yet.
     void abandon(const std::string& reason);
 
-    /// True once `reply` or `startStream` has announced the answer.
+    /// True once `reply` or `startStream` has announced the response.
     bool isAnnounced() const { return mAnnounced; }
 
     /// False for HEAD and for status 204 and 304.
     bool hasBody();
 
-    /// True when the client cannot be answered any more. Any thread.
+    /// True when no response can be sent any more. Any thread.
     bool isAborted() const { return getResponseDevice().hasDeviceError() || isCompleted(); }
 
     /// The head, for the library.
@@ -137,7 +138,7 @@ private:
     bool announce();
     bool mayAnnounce() const;
     bool mayHaveUpload() const;
-    void closeAnswer();
+    void closeResponse();
 
     ResponseHead mHead;
     std::map<std::string, std::string> mPathParameters;

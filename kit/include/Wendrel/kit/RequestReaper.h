@@ -25,7 +25,7 @@ class Request;
 /// after the first of them was over. Every operation takes constant time, however many requests are
 /// open.
 ///
-/// Destroy it when the daemon has stopped: what is left is deleted then.
+/// Destroy it when the daemon has stopped: requests that are left are deleted then.
 class RequestReaper
 {
 public:
@@ -35,7 +35,7 @@ public:
     /// Starts its thread; throws std::system_error when the system has none to give.
     RequestReaper();
 
-    /// Deletes what is left and joins its thread. When the daemon has stopped.
+    /// Deletes the requests that are left and joins its thread. When the daemon has stopped.
     ~RequestReaper();
     RequestReaper(const RequestReaper&) = delete;
     RequestReaper& operator=(const RequestReaper&) = delete;

@@ -1,4 +1,4 @@
-/// The head of an answer, with defaults.
+/// The head of a response, with defaults.
 #ifndef WENDREL_KIT_RESPONSEHEAD_H
 #define WENDREL_KIT_RESPONSEHEAD_H
 
@@ -11,7 +11,7 @@ namespace qv::kit
 {
 
 /// Status 200, "Content-Type: text/plain; charset=utf-8" and an unknown length until told
-/// otherwise. Filled by the request's worker before the answer is announced, read by a daemon
+/// otherwise. Filled by the request's worker before the response is announced, read by a daemon
 /// thread afterwards. `Date` and the length's header are the daemon's.
 class ResponseHead : public HttpResponseInterface
 {
@@ -23,7 +23,7 @@ public:
     void setStatus(uint32_t status) { mStatus = status; }
 
     /// Sets a header, in place of one of the same name (letter case does not matter). An
-    /// empty value removes it. Blanks in the name or line breaks in the value: the daemon
+    /// empty value removes it. Spaces in the name or line breaks in the value: the daemon
     /// leaves the header out.
     void setHeader(const std::string& name, const std::string& value);
 
@@ -40,10 +40,10 @@ public:
     /// Bytes of the body; negative: not known.
     void setContentLength(int64_t bytes) { mContentLength = bytes; }
 
-    /// What has been added.
+    /// The cookies added so far.
     const CookieMap& getCookies() override { return mCookies; }
 
-    /// What has been set, by names in lower case.
+    /// The headers set so far, by names in lower case.
     const HeaderMap& getHeaders() override { return mHeaders; }
 
     /// 200 unless set.

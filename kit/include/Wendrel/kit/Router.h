@@ -1,4 +1,4 @@
-/// From method and path to the function that answers.
+/// From method and path to the function that responds.
 #ifndef WENDREL_KIT_ROUTER_H
 #define WENDREL_KIT_ROUTER_H
 
@@ -30,7 +30,7 @@ public:
     /// and adds nothing, for a pattern that does not start with "/" or is malformed.
     bool add(int methods, const std::string& pattern, Handler handler);
 
-    /// Answers the request: 400 with the parse error of a bad request, 404 when no pattern
+    /// Responds to the request: 400 with the parse error of a bad request, 404 when no pattern
     /// fits, 405 with `Allow` when the pattern has no handler for the method, otherwise by the
     /// handler. HEAD is given to the handler of GET when it has none of its own.
     void dispatch(Request& request) const;

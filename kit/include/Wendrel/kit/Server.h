@@ -31,9 +31,9 @@ public:
     bool start(const http::HttpServer::Parameters& parameters,
                std::chrono::milliseconds limit = std::chrono::seconds(10));
 
-    /// Stops. Running requests have `limit` to be answered, new ones are answered 503 during
-    /// it; then the daemon is stopped, which ends what is left, and the workers are joined.
-    /// Returns whether every request was answered. Workers that wait for a body notice the
+    /// Stops. Running requests have `limit` to get their responses, new ones get 503 during
+    /// it; then the daemon is stopped, which ends all others, and the workers are joined.
+    /// Returns whether every request got its response. Workers that wait for a body notice the
     /// stop within two seconds; one that does something else is waited for.
     bool stop(std::chrono::milliseconds limit);
 

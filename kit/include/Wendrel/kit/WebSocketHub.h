@@ -107,7 +107,7 @@ private:
 class WebSocketHub
 {
 public:
-    /// How much is handled at once, and how patiently; a plain value.
+    /// Number of threads and timeout; a plain value.
     struct Options
     {
         /// Threads that receive, call `onMessageReceived` and send. Started with the first
@@ -152,11 +152,11 @@ public:
 
     /// Takes no more connections, gives each `limit` to take its queue, closes all and ends the
     /// threads; waits for handlers that are running. Call it before the daemon stops, at the latest
-    /// in `onServerStopped`; there the server's lock is held, and handlers that called `stopServer`
-    /// would be waited for in vain. Any thread, but not from a handler or `onClosed`; further calls
-    /// do nothing but wait for the first. Returns false, with a line in the log, when there were
-    /// not two descriptors left, which it takes to end the threads: these are then left behind,
-    /// without a connection.
+    /// in `onServerStopped`; there the server's lock is held, so that a handler which calls
+    /// `stopServer` blocks `close` for ever. Any thread, but not from a handler or `onClosed`;
+    /// further calls do nothing but wait for the first. Returns false, with a line in the log, when
+    /// there were not two descriptors left, which it takes to end the threads: these are then left
+    /// behind, without a connection.
     bool close(std::chrono::milliseconds limit);
 
 private:
@@ -187,7 +187,7 @@ private:
     bool endThreads(std::chrono::milliseconds limit);
     void endConnections(std::chrono::milliseconds limit);
     bool isAnyUnsent() const QV_REQUIRES(mMutex);
-    void endWatcher();
+    void endWatchdog();
     bool freeWorkers();
 
     const Options mOptions;
@@ -206,7 +206,7 @@ private:
     qvMutex mStartMutex;  // held while starting
     bool mStarted QV_GUARDED_BY(mStartMutex) = false;
     std::unique_ptr<http::WebSocketThread> mThreads;
-    std::thread mWatcher;
+    std::thread mWatchdog;
     bool mLacksThread = false;  // a line says so; used by the watchdog, then by `close`
 };
 

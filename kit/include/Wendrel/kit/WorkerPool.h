@@ -20,7 +20,7 @@ namespace qv::kit
 class WorkerPool
 {
 public:
-    /// What a thread is to do.
+    /// Work for a thread.
     using Task = std::function<void()>;
 
     /// Starts `threads` threads (at least 1); throws std::system_error when there are not so

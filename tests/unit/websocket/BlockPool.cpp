@@ -1,6 +1,6 @@
 // The blocks that a worker thread uses again.
 
-#include "websocket/SpareBlocks.h"
+#include "websocket/BlockPool.h"
 
 #include "support/TestAccess.h"
 #include "websocket/Support.h"
@@ -12,8 +12,8 @@ namespace qv::tests
 namespace
 {
 
-using impl::SpareBlocks;
-using Queue = SpareBlocks::Queue;
+using impl::BlockPool;
+using Queue = BlockPool::Queue;
 
 constexpr size_t kBlockBytes = 1024;
 
@@ -21,88 +21,88 @@ Queue blocks(size_t count)
 {
     Queue queue;
     for (size_t i = 0; i < count; ++i)
-        SpareBlocks::Append(queue, kBlockBytes);
+        BlockPool::Append(queue, kBlockBytes);
     return queue;
 }
 
 void freeAll(Queue& queue)
 {
     while (!queue.empty())
-        SpareBlocks::FreeFirst(queue);
+        BlockPool::FreeFirst(queue);
 }
 
-TEST(SpareBlocks, AreNeededByNobody)
+TEST(BlockPool, IsOptional)
 {
     Queue queue = blocks(2);
     EXPECT_EQ(queue.size(), 2u);
     EXPECT_EQ(queue.back().size(), kBlockBytes);
-    SpareBlocks::FreeFirst(queue);
+    BlockPool::FreeFirst(queue);
     EXPECT_EQ(queue.size(), 1u);
 }
 
-TEST(SpareBlocks, GiveBackWhatWasFreedLast)
+TEST(BlockPool, ReusesTheBlockThatWasFreedLast)
 {
-    const SpareBlocks spares;
+    const BlockPool pool;
     Queue queue = blocks(2);
     const uint8_t* const first = queue.front().data();
     const uint8_t* const second = queue.back().data();
     freeAll(queue);
-    EXPECT_EQ(impl::TestAccess::blockCount(spares), 2u);
+    EXPECT_EQ(impl::TestAccess::blockCount(pool), 2u);
     queue = blocks(2);
     EXPECT_EQ(queue.front().data(), second);
     EXPECT_EQ(queue.back().data(), first);
-    EXPECT_EQ(impl::TestAccess::blockCount(spares), 0u);
+    EXPECT_EQ(impl::TestAccess::blockCount(pool), 0u);
 }
 
-TEST(SpareBlocks, AppendBehindWhatIsThere)
+TEST(BlockPool, AppendsBehindTheOthers)
 {
-    const SpareBlocks spares;
+    const BlockPool pool;
     Queue queue = blocks(1);
     freeAll(queue);
     queue.emplace_back(kBlockBytes);
     const uint8_t* const first = queue.front().data();
-    SpareBlocks::Append(queue, kBlockBytes);
+    BlockPool::Append(queue, kBlockBytes);
     EXPECT_EQ(queue.front().data(), first);
     EXPECT_EQ(queue.size(), 2u);
 }
 
-TEST(SpareBlocks, GiveNoBlockOfAnotherSize)
+TEST(BlockPool, ReusesNoBlockOfAnotherSize)
 {
-    const SpareBlocks spares;
+    const BlockPool pool;
     Queue queue = blocks(1);
     freeAll(queue);
-    SpareBlocks::Append(queue, kBlockBytes + 1);
+    BlockPool::Append(queue, kBlockBytes + 1);
     EXPECT_EQ(queue.back().size(), kBlockBytes + 1);
-    EXPECT_EQ(impl::TestAccess::blockCount(spares), 1u);
+    EXPECT_EQ(impl::TestAccess::blockCount(pool), 1u);
 }
 
-TEST(SpareBlocks, AreNoMoreThanTheirLimit)
+TEST(BlockPool, KeepsAtMostItsLimit)
 {
-    const SpareBlocks spares;
-    Queue queue = blocks(SpareBlocks::kMostBlocks + 1);
+    const BlockPool pool;
+    Queue queue = blocks(BlockPool::kMaxBlocks + 1);
     freeAll(queue);
-    EXPECT_EQ(impl::TestAccess::blockCount(spares), SpareBlocks::kMostBlocks);
+    EXPECT_EQ(impl::TestAccess::blockCount(pool), BlockPool::kMaxBlocks);
 }
 
-TEST(SpareBlocks, BelongToTheirThread)
+TEST(BlockPool, BelongsToItsThread)
 {
-    const SpareBlocks spares;
+    const BlockPool pool;
     Queue queue = blocks(1);
     std::thread([&] { freeAll(queue); }).join();
-    EXPECT_EQ(impl::TestAccess::blockCount(spares), 0u);
+    EXPECT_EQ(impl::TestAccess::blockCount(pool), 0u);
 }
 
-TEST(SpareBlocks, EndWithTheirObject)
+TEST(BlockPool, EndsWithItsObject)
 {
     {
-        const SpareBlocks spares;
+        const BlockPool pool;
         Queue queue = blocks(1);
         freeAll(queue);
     }
     Queue queue = blocks(1);
     freeAll(queue);
-    const SpareBlocks others;
-    EXPECT_EQ(impl::TestAccess::blockCount(others), 0u);
+    const BlockPool other;
+    EXPECT_EQ(impl::TestAccess::blockCount(other), 0u);
 }
 
 }  // namespace
