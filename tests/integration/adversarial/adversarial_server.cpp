@@ -380,6 +380,11 @@ int run(const Arguments& arguments)
     // The number of heaps is fixed: by default it depends on the number of cores.
     constexpr int kHeaps = 4;
     ::mallopt(M_ARENA_MAX, kHeaps);
+    // Constant defaults: the dynamic threshold grows to 64 MiB with the blocks freed, and
+    // malloc_trim does not release the top of a thread's heap below the threshold.
+    constexpr int kThresholdBytes = 128 * 1024;
+    ::mallopt(M_MMAP_THRESHOLD, kThresholdBytes);
+    ::mallopt(M_TRIM_THRESHOLD, kThresholdBytes);
     qv::kit::StopSignal signals;
     qv::qvLog log;
     Run server(arguments);
