@@ -60,6 +60,16 @@ MHD_Daemon* MHD_start_daemon(unsigned int, uint16_t, MHD_AcceptPolicyCallback, v
 
 void MHD_stop_daemon(MHD_Daemon*) {}
 
+// Of event-driven mode, which no scenario uses.
+MHD_Result MHD_add_connection(MHD_Daemon*, MHD_socket, const sockaddr*, socklen_t)
+{
+    return MHD_NO;
+}
+
+void MHD_suspend_connection(MHD_Connection*) {}
+
+void MHD_resume_connection(MHD_Connection*) {}
+
 const char* MHD_lookup_connection_value(MHD_Connection* connection, MHD_ValueKind kind,
                                         const char* key)
 {

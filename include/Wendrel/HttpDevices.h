@@ -77,6 +77,7 @@ private:
     void keepAliveStep();
     uint64_t takeFromQueue(char* buf, uint64_t wanted) QV_REQUIRES(mMutex);
     uint64_t readLocked(char* buf, uint64_t len, int64_t idleSinceMs) QV_REQUIRES(mMutex);
+    void continueFeed() QV_REQUIRES(mMutex);
 
     qvMutex mMutex;
     qvWaitCondition mDataArrived;
@@ -88,6 +89,8 @@ private:
     uint64_t mReadOffset QV_GUARDED_BY(mMutex);
     std::atomic<uint64_t> mReceivedBytes;  // changed under mMutex
     bool mFeedEnded QV_GUARDED_BY(mMutex);
+    bool mFeedPaused QV_GUARDED_BY(mMutex);           // the connection is suspended
+    uint64_t mQueueLimitBytes QV_GUARDED_BY(mMutex);  // 0: no limit
 };
 
 /// The device into which an application writes a response body.
@@ -160,6 +163,7 @@ private:
     using Queue = std::list<Chunk>;
 
     bool mayWrite() const;
+    void resume() QV_REQUIRES(*mMutex);
     void handOver(Queue::iterator end, uint64_t bytes);
     bool takeOver(size_t space, bool& ended);
 
@@ -175,9 +179,10 @@ private:
     std::atomic<uint64_t> mSentBytes;   // changed by the writer
     std::unique_ptr<qvMutex> mMutex;
     std::unique_ptr<qvWaitCondition> mSpaceFreed;
-    std::atomic<bool> mCompleted;   // changed under mMutex
-    std::atomic<bool> mTakenWhole;  // changed under mMutex
-    bool mFlushRequested;           // writer
+    std::atomic<bool> mCompleted;            // changed under mMutex
+    std::atomic<bool> mTakenWhole;           // changed under mMutex
+    bool mFlushRequested;                    // writer
+    bool mSuspended QV_GUARDED_BY(*mMutex);  // the connection waits for this device
 };
 
 /// The head of a response: status, declared length, headers and cookies. Derive from it.

@@ -27,8 +27,9 @@ class HttpResponseInterface;
 
 namespace impl
 {
+class ConnectionRecord;
 struct DispatchAccess;
-}
+}  // namespace impl
 
 /// Told each time a worker thread is about to wait for more of the request's body: once at
 /// the start of `readBytes` and then every second at the latest.
@@ -90,6 +91,17 @@ public:
     /// whole. Thread: the daemon's, right after `HttpServerImpl::onRequestCompleted`, with the
     /// response device's mutex held: delete nothing here, and call nothing that takes that mutex.
     virtual void onCompleted(int terminationCode);
+
+    /// The whole body has been received; for a request without a body right after
+    /// `handleRequest`. Event-driven mode only. Does nothing unless overridden. Thread: the
+    /// daemon's, without a lock: it must not wait.
+    virtual void onBodyComplete();
+
+    /// The request ends without its response having been sent: the peer closed the connection, a
+    /// deadline has passed or the server shuts down. Called once, before `onCompleted`; both
+    /// devices are in error with `reason` already. Event-driven mode only. Does nothing unless
+    /// overridden. Thread: the daemon's, without a lock: it must not wait.
+    virtual void onAborted(const std::string& reason);
 
     // Methods. The conversions to text may be called from any thread.
 
@@ -236,6 +248,8 @@ private:
     RequestType mRequestType;
     bool mHasParseError;
     bool mCompleted;  // changed under the response device's mutex
+    impl::ConnectionRecord*
+        mRecord;  // of event-driven mode; set before the application sees the request
 };
 
 }  // namespace qv

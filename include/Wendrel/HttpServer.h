@@ -3,6 +3,7 @@
 #define WENDREL_HTTPSERVER_H
 
 #include <Wendrel/Export.h>
+#include <Wendrel/ServerOptions.h>
 
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
@@ -11,14 +12,22 @@
 #include <qvSystem/qvWaitCondition.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qv
 {
 
 class HttpBaseRequest;
+
+namespace impl
+{
+class EventServer;
+}
 
 namespace http
 {
@@ -155,17 +164,53 @@ public:
     /// The application's object. Any thread.
     HttpServerImpl& getImpl() const { return *mImpl; }
 
+    /// Starts the server in event-driven mode: a request that waits for its application costs no
+    /// thread and delays nobody, and uploads wait for their reader. The application's classes are
+    /// the same as with `startServer`; of HttpServerImpl, `onServerStopped` is called without a
+    /// lock when the stop begins.
+    ///
+    /// Returns true when the server accepts connections on all endpoints. Otherwise nothing is
+    /// open, the state is unchanged and `getFailureReason` tells why: an impossible option, an
+    /// endpoint that cannot be opened, a server that is not stopped, a library that is not
+    /// initialized. `recordBytes`: size of the options known to the caller.
+    bool serve(const ServerOptions& options, size_t recordBytes = sizeof(ServerOptions));
+
+    /// Why the last `serve` has returned false: "cannot listen on [::1]:443: permission denied".
+    /// Empty after success. Any thread.
+    std::string getFailureReason() const;
+
+    /// The endpoints of the last successful `serve` as they are bound: "127.0.0.1:8181",
+    /// "unix:/run/app.sock". Any thread.
+    std::vector<std::string> getEndpoints() const;
+
+    /// Waits at most `limit` while the server is `Starting`; true when it is `Running`. Any thread.
+    bool waitUntilRunning(std::chrono::milliseconds limit) const;
+
+    /// Stops a server of event-driven mode without losing a request: the queued connections are
+    /// accepted, the endpoints closed, connections without a request closed, and running requests
+    /// finished; each response closes its connection. Requests that are not finished within
+    /// `deadline` are aborted. Returns when the server has stopped: true when no request was
+    /// aborted. Any thread but the daemon's. In polling mode the same as `stopServer(true)`,
+    /// and false.
+    bool shutDown(std::chrono::milliseconds deadline);
+
 protected:
     /// The server thread.
     void run() override;
 
 private:
+    void runEventDriven();
+
     std::unique_ptr<HttpServerImpl> mImpl;
-    qvMutex mMutex;
-    qvWaitCondition mWake;
+    mutable qvMutex mMutex;
+    mutable qvWaitCondition mWake;
     Parameters mParameters QV_GUARDED_BY(mMutex);
     std::atomic<int32_t> mState;       // changed under mMutex, read by anyone
     std::atomic<bool> mStopRequested;  // changed under mMutex, read by the daemon's threads
+    std::unique_ptr<impl::EventServer> mEventServer;  // changed under mMutex
+    std::vector<std::string> mEndpoints QV_GUARDED_BY(mMutex);
+    std::string mFailureReason QV_GUARDED_BY(mMutex);
+    bool mHasDrained QV_GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace http

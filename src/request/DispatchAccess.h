@@ -6,6 +6,8 @@
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 
+#include <string>
+
 namespace qv::impl
 {
 
@@ -37,11 +39,52 @@ struct DispatchAccess
     static int64_t& lastKeepAliveMs(HttpBaseRequest& r) { return r.mLastKeepAliveMs; }
     static uint32_t& keepAliveIntervalMs(HttpBaseRequest& r) { return r.mKeepAliveIntervalMs; }
 
+    static ConnectionRecord*& record(HttpBaseRequest& r) { return r.mRecord; }
+
     static qvMutex& mutex(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS { return d.mMutex; }
 
     static qvMutex& mutex(HttpResponseDevice& d) { return *d.mMutex; }
     static std::atomic<uint32_t>& responseState(HttpResponseDevice& d) { return d.mResponseState; }
     static bool isCompleted(const HttpResponseDevice& d) { return d.mCompleted; }
+
+    // Event-driven mode. The daemon thread sets these marks with the device's mutex held, right
+    // before it suspends the connection; the device resumes it.
+    static bool& isFeedPaused(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mFeedPaused;
+    }
+    static bool& isSuspended(HttpResponseDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mSuspended;
+    }
+    static uint64_t& queueLimitBytes(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mQueueLimitBytes;
+    }
+    static uint64_t queuedBytes(const HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mQueuedBytes;
+    }
+    static bool isFeedEnded(const HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mFeedEnded;
+    }
+    // Makes everything received readable. The mutex is held.
+    static void pauseFeed(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        d.mFeedPaused = true;
+        d.mDataArrived.wakeAll();
+    }
+
+    // Any thread; these take the device's mutex. The request is not completed.
+    static void resume(HttpResponseDevice& d);
+    static void resumeAfterError(HttpResponseDevice& d);
+    static void liftQueueLimit(HttpReceiveDevice& d);
+    static void abort(HttpReceiveDevice& d, const std::string& reason);
+    // Sets `aborted` with the mutex held. False, and nothing done, when the response has been
+    // announced and `unlessReady` is given.
+    static bool abort(HttpResponseDevice& d, const std::string& reason, bool unlessReady,
+                      std::atomic<bool>& aborted);
 };
 
 }  // namespace qv::impl

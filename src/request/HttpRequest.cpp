@@ -28,7 +28,7 @@ HttpBaseRequest::HttpBaseRequest()
     : mConnection(nullptr), mAuxIndex(-1), mReceiveDurationMs(0), mResponseStartMs(-1),
       mRequestHeadBytes(0), mResponseHeadBytes(0), mLastKeepAliveMs(impl::kTimeNotSet),
       mAuxTimeMs(impl::kTimeNotSet), mKeepAliveIntervalMs(0), mBodyPending(false),
-      mRequestType(UNKNOWN_HTTP_METHOD), mHasParseError(false), mCompleted(false)
+      mRequestType(UNKNOWN_HTTP_METHOD), mHasParseError(false), mCompleted(false), mRecord(nullptr)
 {
     mReceiveDevice = std::make_unique<HttpReceiveDevice>(*this);
     mResponseDevice = std::make_unique<HttpResponseDevice>(*this);
@@ -41,6 +41,10 @@ HttpBaseRequest::~HttpBaseRequest()
 }
 
 void HttpBaseRequest::onCompleted(int) {}
+
+void HttpBaseRequest::onBodyComplete() {}
+
+void HttpBaseRequest::onAborted(const std::string&) {}
 
 void HttpBaseRequest::setParseError(std::string&& message)
 {
@@ -76,6 +80,9 @@ void HttpBaseRequest::workerThreadStopHandling(const std::string&)
     static_cast<void>(std::exchange(mKeepAliveCallback, nullptr));
     mKeepAliveIntervalMs = 0;
     mLastKeepAliveMs = impl::kTimeNotSet;
+    // An error that the worker has set on its device is not announced otherwise.
+    if (mRecord)
+        impl::DispatchAccess::resumeAfterError(*mResponseDevice);
 }
 
 bool HttpBaseRequest::isCompleted() const

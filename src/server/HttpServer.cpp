@@ -5,6 +5,7 @@
 #include <Wendrel/Wendrel.h>
 
 #include "server/Dispatch.h"
+#include "server/EventServer.h"
 #include "server/logging/DaemonLog.h"
 #include "server/logging/LogObject.h"
 #include "streaming/ChunkPool.h"
@@ -17,6 +18,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ios>
 
@@ -28,6 +30,8 @@ namespace
 constexpr size_t kConnectionMemoryBytes = 262144;
 constexpr int kStrictForClient = 1;
 constexpr unsigned long kStopCheckIntervalMs = 200;
+constexpr unsigned long kStateCheckIntervalMs = 5;
+constexpr const char* kListenerThreadName = "http-listener";
 constexpr unsigned long kJoinLimitMs = 0x7fffffff;  // in effect none
 
 using CompletedCallback = void (*)(void*, MHD_Connection*, void**, MHD_RequestTerminationCode);
@@ -129,6 +133,7 @@ void HttpServer::startServer(const Parameters& parameters)
     mParameters = parameters;
     mState = Starting;
     mStopRequested = false;
+    mHasDrained = false;
     // The new thread waits for the lock. Without a thread nothing would ever change the state.
     Rollback starting([this] { mState = Stopped; });
     startThread(nullptr);
@@ -144,6 +149,8 @@ void HttpServer::stopServer(bool wait)
         mStopRequested = true;
         run = getRunNumber();
         mWake.wakeAll();
+        if (mEventServer)
+            mEventServer->getListener().stop(0);
     }
     // Another thread may start the server again before this one waits.
     if (wait)
@@ -165,6 +172,11 @@ bool HttpServer::isStopRequested() const
 void HttpServer::run()
 {
     qvMutexLocker locker(&mMutex);
+    if (mEventServer) {
+        locker.unlock();
+        runEventDriven();
+        return;
+    }
     MHD_Daemon* daemon =
         isLibraryInitialized() && canPoll() ? startDaemon(*this, mParameters) : nullptr;
     if (!daemon) {
@@ -179,6 +191,93 @@ void HttpServer::run()
     mImpl->onServerStopped();
     MHD_stop_daemon(daemon);
     mState = Stopped;
+}
+
+bool HttpServer::serve(const ServerOptions& options, size_t recordBytes)
+{
+    qvMutexLocker locker(&mMutex);
+    mFailureReason.clear();
+    if (mState != Stopped)
+        mFailureReason = "the server is not stopped";
+    else if (!IsWendrelInitialized())
+        mFailureReason = "Wendrel is not initialized; call initializeWendrel first";
+    if (!mFailureReason.empty())
+        return false;
+    waitThread(kJoinLimitMs);
+    mEventServer =
+        impl::EventServer::Open(*this, impl::ReadOptions(options, recordBytes), mFailureReason);
+    if (!mEventServer)
+        return false;
+    mEndpoints = mEventServer->getEndpoints();
+    mStopRequested = false;
+    mHasDrained = false;
+    // The new thread waits for the lock.
+    Rollback starting([this] { mEventServer.reset(); });
+    startThread(kListenerThreadName);
+    starting.commit();
+    mState = Running;
+    for (const std::string& endpoint : mEndpoints)
+        qvLogObject(qvLogObject::kInformation, "httpserver") << "Serving on " << endpoint;
+    return true;
+}
+
+// Without the lock: it may be taken meanwhile to stop the server or to ask for its endpoints.
+void HttpServer::runEventDriven()
+{
+    impl::Listener& listener = mEventServer->getListener();
+    const impl::ChunkPool::User chunkPoolUser;
+    listener.run();
+    mImpl->onServerStopped();
+    listener.drain();
+    qvMutexLocker locker(&mMutex);
+    mStopRequested = true;
+    mHasDrained = listener.hasDrained();
+    mEventServer.reset();
+    mState = Stopped;
+}
+
+std::string HttpServer::getFailureReason() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mFailureReason;
+}
+
+std::vector<std::string> HttpServer::getEndpoints() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mEndpoints;
+}
+
+bool HttpServer::waitUntilRunning(std::chrono::milliseconds limit) const
+{
+    const int64_t endMs = qvSystemUtils::GetTimeBaseMs() + limit.count();
+    const qvMutexLocker locker(&mMutex);
+    while (mState == Starting) {
+        const int64_t leftMs = endMs - qvSystemUtils::GetTimeBaseMs();
+        if (leftMs <= 0)
+            break;
+        // The thread of polling mode wakes nobody.
+        mWake.wait(&mMutex, std::min<unsigned long>(leftMs, kStateCheckIntervalMs));
+    }
+    return mState == Running;
+}
+
+bool HttpServer::shutDown(std::chrono::milliseconds deadline)
+{
+    uint32_t run = 0;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (!mEventServer) {
+            mStopRequested = true;
+            mWake.wakeAll();
+        } else {
+            mEventServer->getListener().stop(std::max<int64_t>(deadline.count(), 0));
+        }
+        run = getRunNumber();
+    }
+    waitThread(kJoinLimitMs, run);
+    const qvMutexLocker locker(&mMutex);
+    return mHasDrained;
 }
 
 }  // namespace qv::http

@@ -6,6 +6,7 @@
 #include <Wendrel/HttpRequest.h>
 
 #include "request/ConnectionContext.h"
+#include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
 #include "streaming/ChunkQueue.h"
 
@@ -33,7 +34,7 @@ bool isIdleTooLong(int64_t sinceMs)
 
 HttpReceiveDevice::HttpReceiveDevice(HttpBaseRequest& request)
     : qvIoDevice(BothWays), mAtEnd(false), mRequest(&request), mQueuedBytes(0), mWantedBytes(0),
-      mReadOffset(0), mReceivedBytes(0), mFeedEnded(false)
+      mReadOffset(0), mReceivedBytes(0), mFeedEnded(false), mFeedPaused(false), mQueueLimitBytes(0)
 {
     reset();
 }
@@ -130,6 +131,8 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
         copied += taken;
         mReceivedBytes += taken;
         mQueuedBytes -= taken;
+        if (mFeedPaused && mQueuedBytes <= mQueueLimitBytes / 2)
+            continueFeed();
         if (taken == 0 && isIdleTooLong(idleSinceMs)) {
             setDeviceError("Wait too long without incoming data");
             break;
@@ -144,12 +147,12 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
     return copied;
 }
 
-// While the feed is open its newest chunk is left alone: it may still be growing.
+// While data comes the newest chunk of the feed is left alone: it may still be growing.
 uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted)
 {
     uint64_t taken = 0;
     while (taken < wanted && !mQueue.empty()) {
-        if (!mFeedEnded && std::next(mQueue.begin()) == mQueue.end())
+        if (!mFeedEnded && !mFeedPaused && std::next(mQueue.begin()) == mQueue.end())
             break;
         const Chunk& front = mQueue.front();
         const uint64_t part = std::min<uint64_t>(front.size() - mReadOffset, wanted - taken);
@@ -162,6 +165,30 @@ uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted)
         }
     }
     return taken;
+}
+
+// The connection is read again.
+void HttpReceiveDevice::continueFeed()
+{
+    if (!mFeedPaused)
+        return;
+    mFeedPaused = false;
+    impl::DispatchAccess::record(*mRequest)->continueUpload();
+}
+
+void impl::DispatchAccess::liftQueueLimit(HttpReceiveDevice& device)
+{
+    const qvMutexLocker locker(&device.mMutex);
+    device.mQueueLimitBytes = 0;
+    device.continueFeed();
+}
+
+void impl::DispatchAccess::abort(HttpReceiveDevice& device, const std::string& reason)
+{
+    const qvMutexLocker locker(&device.mMutex);
+    device.setDeviceError(reason);
+    device.mDataArrived.wakeAll();
+    device.continueFeed();
 }
 
 }  // namespace qv

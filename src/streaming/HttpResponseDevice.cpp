@@ -5,6 +5,7 @@
 #include <Wendrel/HttpRequest.h>
 
 #include "request/ConnectionContext.h"
+#include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
 #include "streaming/ChunkQueue.h"
 
@@ -33,7 +34,7 @@ HttpResponseDevice::HttpResponseDevice(HttpBaseRequest& request)
       mReadyBytes(0), mFillBytes(0), mLastHandOverMs(qvSystemUtils::GetTimeBaseMs()),
       mSendOffset(0), mSentBytes(0), mMutex(std::make_unique<qvMutex>()),
       mSpaceFreed(std::make_unique<qvWaitCondition>()), mCompleted(false), mTakenWhole(false),
-      mFlushRequested(false)
+      mFlushRequested(false), mSuspended(false)
 {}
 
 HttpResponseDevice::~HttpResponseDevice()
@@ -87,6 +88,10 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
 // Moves the fill queue's chunks before `end` to the daemon's side; no byte is copied.
 void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
 {
+    // The daemon sends nothing before it has received the whole body: a writer that also reads
+    // would wait for an upload that waits for it.
+    if (mReadyBytes > kReadyLimitBytes && impl::DispatchAccess::record(*mRequest))
+        impl::DispatchAccess::liftQueueLimit(mRequest->getReceiveDevice());
     qvMutexLocker locker(mMutex.get());
     // Required: one wait only. After it the chunks go over even above the limit. A connection
     // lost since the caller looked will wake nobody again, hence the second look.
@@ -95,6 +100,17 @@ void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
     mReadyQueue.splice(mReadyQueue.end(), mFillQueue, mFillQueue.begin(), end);
     mReadyBytes += bytes;
     mFillBytes -= bytes;
+    if (mResponseState == impl::DispatchAccess::kStreamed)
+        resume();
+}
+
+// The daemon thread looks at the device again.
+void HttpResponseDevice::resume()
+{
+    if (!mSuspended)
+        return;
+    mSuspended = false;
+    impl::DispatchAccess::record(*mRequest)->resume();
 }
 
 uint64_t HttpResponseDevice::flush()
@@ -105,15 +121,22 @@ uint64_t HttpResponseDevice::flush()
 
 void HttpResponseDevice::endSending()
 {
-    qvMutexLocker locker(mMutex.get());
-    if (!hasDeviceError()) {
-        mReadyQueue.splice(mReadyQueue.end(), mFillQueue);
-        mReadyBytes += mFillBytes;
-        mFillBytes = 0;
+    {
+        qvMutexLocker locker(mMutex.get());
+        if (!hasDeviceError()) {
+            mReadyQueue.splice(mReadyQueue.end(), mFillQueue);
+            mReadyBytes += mFillBytes;
+            mFillBytes = 0;
+        }
+        // Last: the dispatch reads the flag and then the size, without the lock. A reader that sees
+        // the flag sees the size of the whole body.
+        mCompleted = true;
+        if (mResponseState == impl::DispatchAccess::kStreamed)
+            resume();
     }
-    // Last: the dispatch reads the flag and then the size, without the lock. A reader that sees the
-    // flag sees the size of the whole body.
-    mCompleted = true;
+    // The rest of an upload is received and discarded.
+    if (impl::DispatchAccess::record(*mRequest))
+        impl::DispatchAccess::liftQueueLimit(mRequest->getReceiveDevice());
 }
 
 bool HttpResponseDevice::atEnd() const
@@ -127,6 +150,7 @@ bool HttpResponseDevice::setResponseReady()
     if (mResponseState != impl::DispatchAccess::kNotReady)
         return false;
     mResponseState = impl::DispatchAccess::kReady;
+    resume();
     return true;
 }
 
@@ -215,6 +239,32 @@ void HttpResponseDevice::setConnectionLost(const std::string& reason)
     // memory for the text.
     mSpaceFreed->wakeAll();
     setDeviceError("Http response device : " + reason);
+}
+
+void impl::DispatchAccess::resume(HttpResponseDevice& device)
+{
+    const qvMutexLocker locker(device.mMutex.get());
+    device.resume();
+}
+
+void impl::DispatchAccess::resumeAfterError(HttpResponseDevice& device)
+{
+    const qvMutexLocker locker(device.mMutex.get());
+    if (device.hasDeviceError() && device.mResponseState == kStreamed)
+        device.resume();
+}
+
+bool impl::DispatchAccess::abort(HttpResponseDevice& device, const std::string& reason,
+                                 bool unlessReady, std::atomic<bool>& aborted)
+{
+    const qvMutexLocker locker(device.mMutex.get());
+    if (unlessReady && device.mResponseState != kNotReady)
+        return false;
+    // Before the connection is resumed, and before a daemon thread that suspends it has the mutex.
+    aborted = true;
+    device.setConnectionLost(reason);
+    device.resume();
+    return true;
 }
 
 }  // namespace qv

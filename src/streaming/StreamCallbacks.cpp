@@ -8,6 +8,7 @@
 
 #include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
+#include "streaming/AbortReason.h"
 #include "streaming/Throttle.h"
 
 #include <qvSystem/qvSystemUtils.h>
@@ -16,29 +17,24 @@
 
 namespace qv::impl
 {
-namespace
-{
 
-// Why the connection was lost; null when it was not, or for a code from the future.
-const char* lossReason(MHD_RequestTerminationCode code)
+const char* AbortReason(int terminationCode)
 {
-    switch (code) {
+    switch (terminationCode) {
     case MHD_REQUEST_TERMINATED_WITH_ERROR:
-        return "WriteError";
+        return kWriteError;
     case MHD_REQUEST_TERMINATED_TIMEOUT_REACHED:
-        return "TimeoutReached";
+        return kTimeoutReached;
     case MHD_REQUEST_TERMINATED_DAEMON_SHUTDOWN:
-        return "DaemonShutdown";
+        return kDaemonShutdown;
     case MHD_REQUEST_TERMINATED_READ_ERROR:
-        return "ReadError";
+        return kReadError;
     case MHD_REQUEST_TERMINATED_CLIENT_ABORT:
-        return "ClientAbort";
+        return kClientAbort;
     default:
         return nullptr;
     }
 }
-
-}  // namespace
 
 ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
 {
@@ -84,7 +80,7 @@ void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTe
     // Application code under the response device's lock.
     static_cast<http::HttpServer*>(closure)->getImpl().onRequestCompleted();
     request.onCompleted(static_cast<int>(code));
-    if (const char* reason = lossReason(code))
+    if (const char* reason = AbortReason(code))
         device.setConnectionLost(reason);
 }
 

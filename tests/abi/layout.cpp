@@ -72,6 +72,10 @@ WENDREL_PLACE(qv::http::HttpServer, mWake, 160);
 WENDREL_PLACE(qv::http::HttpServer, mParameters, 208);
 WENDREL_PLACE(qv::http::HttpServer, mState, 232);
 WENDREL_PLACE(qv::http::HttpServer, mStopRequested, 236);
+WENDREL_PLACE(qv::http::HttpServer, mEventServer, 240);
+WENDREL_PLACE(qv::http::HttpServer, mEndpoints, 248);
+WENDREL_PLACE(qv::http::HttpServer, mFailureReason, 272);
+WENDREL_PLACE(qv::http::HttpServer, mHasDrained, 304);
 WENDREL_PLACE(qv::http::HttpServer, run, 2);
 
 WENDREL_PLACE(qv::http::HttpServerImpl, mErrorBody, 8);
@@ -105,9 +109,12 @@ WENDREL_PLACE(qv::HttpBaseRequest, mBodyPending, 660);
 WENDREL_PLACE(qv::HttpBaseRequest, mRequestType, 662);
 WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 664);
 WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 665);
+WENDREL_PLACE(qv::HttpBaseRequest, mRecord, 672);
 WENDREL_PLACE(qv::HttpBaseRequest, getResponse, 2);
 WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
 WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
+WENDREL_PLACE(qv::HttpBaseRequest, onBodyComplete, 5);
+WENDREL_PLACE(qv::HttpBaseRequest, onAborted, 6);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
 
@@ -121,6 +128,8 @@ WENDREL_PLACE(qv::HttpReceiveDevice, mWantedBytes, 224);
 WENDREL_PLACE(qv::HttpReceiveDevice, mReadOffset, 232);
 WENDREL_PLACE(qv::HttpReceiveDevice, mReceivedBytes, 240);
 WENDREL_PLACE(qv::HttpReceiveDevice, mFeedEnded, 248);
+WENDREL_PLACE(qv::HttpReceiveDevice, mFeedPaused, 249);
+WENDREL_PLACE(qv::HttpReceiveDevice, mQueueLimitBytes, 256);
 WENDREL_PLACE(qv::HttpReceiveDevice, readBytes, 2);
 WENDREL_PLACE(qv::HttpReceiveDevice, writeBytes, 3);
 WENDREL_PLACE(qv::HttpReceiveDevice, atEnd, 4);
@@ -140,6 +149,7 @@ WENDREL_PLACE(qv::HttpResponseDevice, mSpaceFreed, 224);
 WENDREL_PLACE(qv::HttpResponseDevice, mCompleted, 232);
 WENDREL_PLACE(qv::HttpResponseDevice, mTakenWhole, 233);
 WENDREL_PLACE(qv::HttpResponseDevice, mFlushRequested, 234);
+WENDREL_PLACE(qv::HttpResponseDevice, mSuspended, 235);
 WENDREL_PLACE(qv::HttpResponseDevice, readBytes, 2);
 WENDREL_PLACE(qv::HttpResponseDevice, writeBytes, 3);
 WENDREL_PLACE(qv::HttpResponseDevice, atEnd, 4);
@@ -230,11 +240,11 @@ WENDREL_PLACE(qv::http::HttpServer::Parameters, listenOnAllInterfaces, 20);
 
 // Entries 0 and 1 of a table are the destructor's, unless the class has other operations before it.
 
-static_assert(sizeof(qv::http::HttpServer) == 240);
+static_assert(sizeof(qv::http::HttpServer) == 312);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
-static_assert(sizeof(qv::HttpBaseRequest) == 672);
+static_assert(sizeof(qv::HttpBaseRequest) == 680);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
-static_assert(sizeof(qv::HttpReceiveDevice) == 256);
+static_assert(sizeof(qv::HttpReceiveDevice) == 264);
 static_assert(sizeof(qv::HttpResponseDevice) == 240);
 static_assert(sizeof(qv::HttpResponseInterface) == 8);
 static_assert(sizeof(qv::http::WebSocket) == 208);
@@ -249,7 +259,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 144;
+constexpr size_t kPlaces = 154;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -400,6 +400,25 @@ void MHD_stop_daemon(MHD_Daemon* daemon)
     call->takeStop(daemon);
 }
 
+MHD_Result MHD_add_connection(MHD_Daemon*, MHD_socket client, const sockaddr*, socklen_t)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_add_connection", std::to_string(client));
+    return call.isAllowed() ? MHD_YES : MHD_NO;
+}
+
+void MHD_suspend_connection(MHD_Connection*)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_suspend_connection", "");
+}
+
+void MHD_resume_connection(MHD_Connection*)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_resume_connection", "");
+}
+
 const char* MHD_lookup_connection_value(MHD_Connection* connection, MHD_ValueKind kind,
                                         const char* key)
 {

@@ -1,0 +1,191 @@
+// The phases of a connection, and the operations of the listener on it.
+
+#include "listener/Connection.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+
+#include "listener/ConnectionTable.h"
+#include "request/DispatchAccess.h"
+
+#include <qvSystem/qvSystemUtils.h>
+
+#include <microhttpd.h>
+
+#include <algorithm>
+#include <sys/socket.h>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+constexpr uint64_t kMsPerSecond = 1000;
+
+int64_t afterMs(int64_t nowMs, int64_t limitMs)
+{
+    return limitMs == 0 ? kNoDeadline : nowMs + limitMs;
+}
+
+}  // namespace
+
+Connection::Connection(ConnectionTable& table, int descriptor, const Peer& peer)
+    : mTable(table), mPeer(peer), mDescriptor(descriptor)
+{}
+
+void Connection::resume()
+{
+    MHD_resume_connection(mHandle);
+}
+
+void Connection::continueUpload()
+{
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    mBodyStartMs += nowMs - mPausedAtMs;
+    mTable.arm(*this, bodyDeadlineMs(nowMs));
+    resume();
+}
+
+// Moves from any phase but Ended. The deadline comes first: who sees the phase sees its deadline.
+void Connection::setPhase(Phase next, int64_t deadline)
+{
+    mTable.arm(*this, deadline);
+    Phase before = phase;
+    while (before != Phase::Ended && !phase.compare_exchange_weak(before, next)) {
+    }
+    // The listener goes on to visit a connection that it has claimed.
+    if (before == Phase::Ended)
+        mTable.arm(*this, 0);
+}
+
+bool Connection::beginHead(int64_t nowMs)
+{
+    if (phase != Phase::Head)
+        setPhase(Phase::NextHead, afterMs(nowMs, mTable.getLimits().headMs));
+    return phase != Phase::Ended;
+}
+
+bool Connection::beginRequest(HttpBaseRequest& request, MHD_Connection* handle, Phase next)
+{
+    setPhase(next, kNoDeadline);
+    if (phase == Phase::Ended)
+        return false;
+    progress = Progress();
+    mHandle = handle;
+    const qvMutexLocker locker(&mMutex);
+    isAborted = false;
+    isResponseLate = false;
+    mRequest = &request;
+    return true;
+}
+
+void Connection::endRequest(int64_t nowMs)
+{
+    {
+        const qvMutexLocker locker(&mMutex);
+        mRequest = nullptr;
+    }
+    setPhase(Phase::Idle, afterMs(nowMs, mTable.getLimits().idleMs));
+}
+
+// The sooner of silence and of falling below the least rate.
+int64_t Connection::bodyDeadlineMs(int64_t nowMs) const
+{
+    const ConnectionLimits& limits = mTable.getLimits();
+    int64_t deadline = afterMs(nowMs, limits.bodyMs);
+    if (limits.minBodyBytesPerSecond != 0) {
+        const uint64_t earnedMs = mBodyBytes * kMsPerSecond / limits.minBodyBytesPerSecond;
+        const int64_t startMs = mBodyStartMs + static_cast<int64_t>(earnedMs);
+        deadline = std::min(deadline, afterMs(startMs, limits.bodyMs));
+    }
+    return deadline;
+}
+
+void Connection::beginBody(int64_t nowMs)
+{
+    mBodyBytes = 0;
+    mBodyStartMs = nowMs;
+    mTable.arm(*this, bodyDeadlineMs(nowMs));
+}
+
+void Connection::countBody(uint64_t bytes)
+{
+    mBodyBytes += bytes;
+}
+
+void Connection::armBody(int64_t nowMs)
+{
+    mTable.arm(*this, bodyDeadlineMs(nowMs));
+}
+
+void Connection::pauseBody(int64_t nowMs)
+{
+    mPausedAtMs = nowMs;
+    mTable.arm(*this, kNoDeadline);
+}
+
+bool Connection::claim(Phase expected)
+{
+    return phase.compare_exchange_strong(expected, Phase::Ended);
+}
+
+void Connection::abortRequest(const std::string& reason, bool unlessReady)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (!mRequest || isAborted)
+        return;
+    mAbortReason = reason;
+    if (!DispatchAccess::abort(mRequest->getResponseDevice(), reason, unlessReady, isAborted))
+        return;
+    DispatchAccess::abort(mRequest->getReceiveDevice(), reason);
+}
+
+std::string Connection::getAbortReason()
+{
+    const qvMutexLocker locker(&mMutex);
+    return mAbortReason;
+}
+
+void Connection::expireResponse(int64_t nowMs)
+{
+    const qvMutexLocker locker(&mMutex);
+    // Another request may have begun.
+    if (!mRequest || deadlineMs > nowMs)
+        return;
+    isResponseLate = true;
+    DispatchAccess::resume(mRequest->getResponseDevice());
+}
+
+void Connection::shutDown(int how)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (mDescriptor < 0)
+        return;
+    (how == SHUT_RDWR ? isShutDown : isReadingShutDown) = true;
+    shutdown(mDescriptor, how);
+}
+
+void Connection::refuse(const std::string& response)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (mDescriptor < 0)
+        return;
+    send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    isShutDown = true;
+    shutdown(mDescriptor, SHUT_RDWR);
+}
+
+bool Connection::isClosed()
+{
+    const qvMutexLocker locker(&mMutex);
+    return mDescriptor < 0;
+}
+
+int Connection::close()
+{
+    const qvMutexLocker locker(&mMutex);
+    return std::exchange(mDescriptor, -1);
+}
+
+}  // namespace qv::impl

@@ -1,0 +1,155 @@
+// The record of one accepted connection, from its acceptance until the daemon closes it.
+#ifndef WENDREL_LISTENER_CONNECTION_H
+#define WENDREL_LISTENER_CONNECTION_H
+
+#include "listener/DeadlineWheel.h"
+#include "request/ConnectionRecord.h"
+
+#include <qvSystem/IpAddress.h>
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+
+struct MHD_Connection;
+
+namespace qv
+{
+class HttpBaseRequest;
+}
+
+namespace qv::impl
+{
+
+class ConnectionTable;
+
+struct Peer
+{
+    IpAddress address;
+    IpAddress host;  // the address without the port
+};
+
+inline constexpr int64_t kNoDeadline = std::numeric_limits<int64_t>::max();
+
+// Shared by the daemon thread that serves the connection and the listener thread that watches it.
+class Connection : public ConnectionRecord,
+                   public DeadlineWheel::Entry,
+                   public std::enable_shared_from_this<Connection>
+{
+public:
+    enum class Phase : uint8_t {
+        Head,        // the first head is being received
+        Idle,        // between two requests
+        NextHead,    // the head of a later request is being received
+        Body,        // a body is being received
+        Working,     // the request is complete, its response is not announced
+        Responding,  // the response has been given to the daemon
+        Ended        // claimed by the listener: no request begins any more
+    };
+
+    Connection(ConnectionTable& table, int descriptor, const Peer& peer);
+
+    const Peer& getPeer() const { return mPeer; }
+
+    // Changed by the daemon thread. The listener changes it to Ended only.
+    std::atomic<Phase> phase{Phase::Head};
+
+    // When the listener acts; changed by ConnectionTable::arm.
+    std::atomic<int64_t> deadlineMs{kNoDeadline};
+
+    // The peer has shut down its sending side. Set once, by the listener.
+    std::atomic<bool> isPeerClosed{false};
+
+    // The server has shut down both directions, or the one that it reads from. Set before it does.
+    std::atomic<bool> isShutDown{false};
+    std::atomic<bool> isReadingShutDown{false};
+
+    // The request in progress is to be ended without its response. Set by the listener.
+    std::atomic<bool> isAborted{false};
+
+    // The request in progress has exceeded the time for its response. Set by the listener.
+    std::atomic<bool> isResponseLate{false};
+
+    // The application has nothing left to wait for: the connection is served again.
+    void resume() override;
+    void continueUpload() override;
+
+    // Daemon thread: the phases of a request, with their deadlines. `beginHead` and `beginRequest`
+    // return false when the listener has claimed the connection.
+    bool beginHead(int64_t nowMs);
+    bool beginRequest(HttpBaseRequest& request, MHD_Connection* handle, Phase next);
+    void endRequest(int64_t nowMs);
+    void setPhase(Phase next, int64_t deadline);
+
+    // Daemon thread: the clock of a body. It stands still from `pauseBody` to `continueUpload`.
+    // With the receive device's mutex held.
+    void beginBody(int64_t nowMs);
+    void countBody(uint64_t bytes);
+    void armBody(int64_t nowMs);
+    void pauseBody(int64_t nowMs);
+
+    // Listener thread: claims a connection in phase `expected`; false when the phase has changed.
+    bool claim(Phase expected);
+
+    // Ends the request in progress: its devices are put in error with `reason`, and a suspended
+    // connection is resumed, so that the daemon thread sees `isAborted`. With `unlessReady` a
+    // request whose response has been announced is left alone. Any thread.
+    void abortRequest(const std::string& reason, bool unlessReady);
+
+    // Daemon thread, after it has seen `isAborted`.
+    std::string getAbortReason();
+
+    // Listener thread: the daemon thread sees `isResponseLate`, unless the deadline has moved.
+    void expireResponse(int64_t nowMs);
+
+    // Shuts the socket down (SHUT_RD, SHUT_RDWR), if it is still open. Any thread.
+    void shutDown(int how);
+
+    // Sends `response` if the socket takes it at once, then shuts the socket down. Listener thread.
+    void refuse(const std::string& response);
+
+    // The daemon closes the descriptor after this. Daemon thread. Returns the descriptor.
+    int close();
+
+    // Whether `close` has been called. Any thread.
+    bool isClosed();
+
+    // Of the request in progress; daemon thread only.
+    struct Progress
+    {
+        uint64_t declaredBytes = 0;  // of the body
+        uint64_t bodyBytes = 0;
+        uint32_t finalCalls = 0;
+        bool isHttp10 = false;
+        bool isChunked = false;         // the response
+        bool isEndedByClosing = false;  // the response, as HTTP/1.0 ends a body of unknown length
+        bool isAbortReported = false;
+    };
+    static constexpr uint64_t kUnknownLength = std::numeric_limits<uint64_t>::max();
+    Progress progress;
+
+private:
+    int64_t bodyDeadlineMs(int64_t nowMs) const;
+
+    ConnectionTable& mTable;
+    const Peer mPeer;
+    MHD_Connection* mHandle = nullptr;  // of the request in progress; not changed while suspended
+
+    // Guarded by the receive device's mutex.
+    uint64_t mBodyBytes = 0;
+    int64_t mBodyStartMs = 0;  // moved on by the length of each pause
+    int64_t mPausedAtMs = 0;
+
+    qvMutex mMutex;
+    int mDescriptor QV_GUARDED_BY(mMutex);
+    HttpBaseRequest* mRequest QV_GUARDED_BY(mMutex) = nullptr;
+    std::string mAbortReason QV_GUARDED_BY(mMutex);
+};
+
+}  // namespace qv::impl
+
+#endif

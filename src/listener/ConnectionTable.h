@@ -1,0 +1,74 @@
+// The connections of one daemon, by descriptor, and their deadlines.
+#ifndef WENDREL_LISTENER_CONNECTIONTABLE_H
+#define WENDREL_LISTENER_CONNECTIONTABLE_H
+
+#include "listener/Connection.h"
+#include "listener/DeadlineWheel.h"
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+namespace qv::impl
+{
+
+// Milliseconds; 0: none.
+struct ConnectionLimits
+{
+    int64_t headMs = 0;
+    int64_t idleMs = 0;
+    int64_t bodyMs = 0;  // of silence; also the time before the rate counts
+    uint64_t minBodyBytesPerSecond = 0;
+    int64_t responseMs = 0;
+};
+
+// Its lock is taken for each connection and when a deadline comes closer than the visit of the
+// wheel; while it is held, no other lock is taken.
+class ConnectionTable
+{
+public:
+    using Pointer = std::shared_ptr<Connection>;
+
+    ConnectionTable(const ConnectionLimits& limits, int64_t nowMs);
+
+    const ConnectionLimits& getLimits() const { return mLimits; }
+
+    // Adds a connection before it is given to the daemon. A record of the same descriptor is one
+    // that the daemon has closed without taking it over; it is returned in `abandoned`.
+    Pointer add(int descriptor, const Peer& peer, int64_t nowMs, Pointer& abandoned);
+
+    // Null when there is none.
+    Pointer find(int descriptor) const;
+
+    // The daemon closes the connection. False when it had been removed.
+    bool remove(int descriptor, const Connection& connection);
+
+    // Sets the deadline of a connection. Any thread.
+    void arm(Connection& connection, int64_t deadlineMs);
+
+    // Appends the connections whose deadline has passed. They are visited again after `repeatMs`.
+    void takeExpired(int64_t nowMs, int64_t repeatMs, std::vector<Pointer>& expired);
+
+    // All connections of this moment.
+    std::vector<Pointer> getAll() const;
+
+    // Any thread, no lock.
+    size_t getCount() const { return mCount; }
+
+private:
+    const ConnectionLimits mLimits;
+    mutable qvMutex mMutex;
+    std::unordered_map<int, Pointer> mConnections QV_GUARDED_BY(mMutex);
+    DeadlineWheel mWheel QV_GUARDED_BY(mMutex);
+    std::atomic<size_t> mCount{0};
+};
+
+}  // namespace qv::impl
+
+#endif

@@ -1,0 +1,567 @@
+// The listener thread: one epoll set for listening sockets and for the peers of all connections.
+
+#include "listener/Listener.h"
+
+#include "server/logging/LogObject.h"
+#include "streaming/AbortReason.h"
+
+#include <qvSystem/Rollback.h>
+#include <qvSystem/SystemError.h>
+#include <qvSystem/qvSystemUtils.h>
+#include <qvSystem/qvThread.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <system_error>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+constexpr uint64_t kWakeKey = ~uint64_t{0};
+constexpr uint64_t kListenFlag = uint64_t{1} << 63;
+constexpr unsigned kSinkShift = 32;
+constexpr uint64_t kDescriptorMask = 0xffffffff;
+
+constexpr int kMaxEvents = 256;
+constexpr int kMaxAcceptsAtOnce = 64;
+constexpr int64_t kRepeatMs = 1000;      // of an action on a connection that is still there
+constexpr int64_t kAcceptPauseMs = 100;  // without descriptors
+constexpr int64_t kReminderMs = DeadlineWheel::kSlotMs;
+constexpr int64_t kRefusedLingerMs = 2000;
+constexpr size_t kMaxRefused = 256;
+constexpr int kDrainStepMs = 5;
+constexpr unsigned long kMemoryPauseMs = 10;
+constexpr int64_t kIdleGraceMs = 50;  // of a drain, for requests that are on their way
+constexpr int kMaxProbeSeconds = 32767;
+
+constexpr char kBusyResponse[] = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 1\r\n"
+                                 "Connection: close\r\nContent-Length: 0\r\n\r\n";
+constexpr char kTimeoutResponse[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\n"
+                                    "Content-Length: 0\r\n\r\n";
+
+[[noreturn]] void fail(const char* what)
+{
+    throw std::system_error(errno, std::system_category(), what);
+}
+
+// Without memory the listener thread goes on: nothing else would end the connections.
+template <typename Step> void attempt(const Step& step)
+{
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        qvThread::msleep(kMemoryPauseMs);
+    }
+}
+
+// Accepted sockets inherit these.
+void setTimeouts(int descriptor, int64_t sendMs)
+{
+    if (sendMs == 0)
+        return;
+    const int one = 1;
+    const int limitMs = static_cast<int>(sendMs);
+    // The first probe after a third of the time, two more in the rest.
+    const int thirdSeconds =
+        static_cast<int>(std::clamp<int64_t>(sendMs / 3000, 1, kMaxProbeSeconds));
+    const int probes = 2;
+    setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof one);
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, &thirdSeconds, sizeof thirdSeconds);
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, &thirdSeconds, sizeof thirdSeconds);
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    setsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &limitMs, sizeof limitMs);
+}
+
+// A client of IPv4 on a socket for both is one of IPv4.
+void unmapAddress(sockaddr_storage& address, socklen_t& size)
+{
+    auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
+    if (address.ss_family != AF_INET6 || !IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
+        return;
+    constexpr size_t kPrefixBytes = 12;
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = v6.sin6_port;
+    std::memcpy(&v4.sin_addr, v6.sin6_addr.s6_addr + kPrefixBytes, sizeof v4.sin_addr);
+    std::memcpy(&address, &v4, sizeof v4);
+    size = sizeof v4;
+}
+
+// A client has many ports.
+IpAddress withoutPort(sockaddr_storage address)
+{
+    // At the same place for both families.
+    reinterpret_cast<sockaddr_in&>(address).sin_port = 0;
+    return IpAddress::fromIP(reinterpret_cast<const sockaddr*>(&address));
+}
+
+bool isOutOfResources(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// Connections that the kernel has accepted and nobody has taken.
+bool hasQueuedConnections(int listening)
+{
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    return getsockopt(listening, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_unacked != 0;
+}
+
+}  // namespace
+
+Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
+                   std::vector<ConnectionSink*> sinks)
+    : mLimits(limits), mSockets(std::move(sockets)), mSinks(std::move(sinks))
+{
+    Rollback opened([this] {
+        if (mWake >= 0)
+            close(mWake);
+        if (mEpoll >= 0)
+            close(mEpoll);
+    });
+    mEpoll = epoll_create1(EPOLL_CLOEXEC);
+    if (mEpoll < 0)
+        fail("epoll_create1");
+    mWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (mWake < 0 || !watch(mWake, kWakeKey, EPOLLIN))
+        fail("eventfd");
+    for (size_t i = 0; i < mSockets.size(); ++i) {
+        setTimeouts(mSockets[i].getDescriptor(), mLimits.sendMs);
+        if (!watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN))
+            fail("epoll_ctl");
+    }
+    opened.commit();
+}
+
+Listener::~Listener()
+{
+    for (const Refused& refused : mRefused)
+        close(refused.descriptor);
+    close(mWake);
+    close(mEpoll);
+}
+
+bool Listener::watch(int descriptor, uint64_t key, uint32_t events)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = key;
+    return epoll_ctl(mEpoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+void Listener::unwatch(int descriptor)
+{
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+void Listener::wake()
+{
+    eventfd_write(mWake, 1);
+}
+
+void Listener::stop(int64_t limitMs)
+{
+    // Below kNoDeadline, which means that there is no drain.
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    const int64_t deadlineMs = nowMs + std::min(limitMs, kNoDeadline - 1 - nowMs);
+    int64_t known = mDrainDeadlineMs;
+    while (deadlineMs < known && !mDrainDeadlineMs.compare_exchange_weak(known, deadlineMs)) {
+    }
+    wake();
+}
+
+void Listener::run()
+{
+    while (!isDraining())
+        attempt([this] { handleEvents(waitMs(qvSystemUtils::GetTimeBaseMs())); });
+}
+
+size_t Listener::getCount() const
+{
+    size_t count = 0;
+    for (ConnectionSink* sink : mSinks)
+        count += sink->getTable().getCount();
+    return count;
+}
+
+// Deadlines and nudges need no look while nobody is connected.
+int Listener::waitMs(int64_t nowMs) const
+{
+    int64_t wait = -1;
+    const auto atMost = [&wait](int64_t limit) {
+        limit = std::max<int64_t>(limit, 0);
+        wait = wait < 0 ? limit : std::min(wait, limit);
+    };
+    if (getCount() != 0 || !mRefused.empty())
+        atMost(DeadlineWheel::kSlotMs);
+    if (mContinueAcceptingMs != kNoDeadline)
+        atMost(mContinueAcceptingMs - nowMs);
+    for (ConnectionSink* sink : mSinks) {
+        if (sink->getTable().getCount() >= kNudgeConnections)
+            atMost(kNudgeMs);
+    }
+    return static_cast<int>(wait);
+}
+
+// Peers before new connections: an event of a closed descriptor cannot be taken for one of a new
+// connection with the same number.
+void Listener::handleEvents(int timeoutMs)
+{
+    std::array<epoll_event, kMaxEvents> events;
+    const int count = epoll_wait(mEpoll, events.data(), kMaxEvents, timeoutMs);
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    for (int i = 0; i < count; ++i) {
+        const uint64_t key = events[static_cast<size_t>(i)].data.u64;
+        if (key == kWakeKey) {
+            eventfd_t wakes = 0;
+            eventfd_read(mWake, &wakes);
+        } else if ((key & kListenFlag) == 0) {
+            handlePeer(key, events[static_cast<size_t>(i)].events);
+        }
+    }
+    for (int i = 0; i < count; ++i) {
+        const uint64_t key = events[static_cast<size_t>(i)].data.u64;
+        if (key != kWakeKey && (key & kListenFlag) != 0)
+            acceptFrom(static_cast<size_t>(key & ~kListenFlag), nowMs);
+    }
+    continueAccepting(nowMs);
+    closeRefused(nowMs);
+    remindOfPeers(nowMs);
+    handleDeadlines(nowMs);
+    nudgeSinks(nowMs);
+}
+
+void Listener::handlePeer(uint64_t key, uint32_t events)
+{
+    using Phase = Connection::Phase;
+    const int descriptor = static_cast<int>(key & kDescriptorMask);
+    const ConnectionTable::Pointer connection =
+        mSinks[key >> kSinkShift]->getTable().find(descriptor);
+    if (!connection || connection->isShutDown)
+        return;
+    // The daemon has shut down the other direction after the response.
+    if ((events & EPOLLERR) == 0 && connection->isPeerClosed &&
+        connection->phase == Phase::Responding)
+        return;
+    if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
+        connection->abortRequest(kWriteError, false);
+        connection->shutDown(SHUT_RDWR);
+        return;
+    }
+    // From now on only the end of both directions is reported.
+    epoll_event again{};
+    again.events = EPOLLONESHOT;
+    again.data.u64 = key;
+    epoll_ctl(mEpoll, EPOLL_CTL_MOD, descriptor, &again);
+    // The server's own shutdown is reported in the same way. A request that has come before it is
+    // served.
+    if (connection->isReadingShutDown)
+        return;
+    connection->isPeerClosed = true;
+    const Phase phase = connection->phase;
+    if (phase == Phase::Working && !mLimits.halfClosedClients)
+        connection->abortRequest(kClientAbort, true);
+    else if (phase != Phase::Working && phase != Phase::Responding)
+        connection->shutDown(SHUT_RD);
+    mClosedByPeer.push_back(connection);
+}
+
+// The daemon reads the received bytes and then sees the end. It misses an end that is reported
+// before it has read them: it is told again until it closes the connection.
+void Listener::remindOfPeers(int64_t nowMs)
+{
+    using Phase = Connection::Phase;
+    if (mClosedByPeer.empty() || nowMs < mNextReminderMs)
+        return;
+    mNextReminderMs = nowMs + kReminderMs;
+    const auto isOver = [](const ConnectionTable::Pointer& connection) {
+        const Phase phase = connection->phase;
+        if (phase != Phase::Working && phase != Phase::Responding)
+            connection->shutDown(SHUT_RD);
+        return connection->isClosed();
+    };
+    mClosedByPeer.erase(std::remove_if(mClosedByPeer.begin(), mClosedByPeer.end(), isOver),
+                        mClosedByPeer.end());
+}
+
+void Listener::acceptFrom(size_t index, int64_t nowMs)
+{
+    for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
+        if (!acceptOne(mSockets[index].getDescriptor(), nowMs))
+            return;
+    }
+}
+
+// False when there is none to accept now.
+bool Listener::acceptOne(int listening, int64_t nowMs)
+{
+    sockaddr_storage address{};
+    socklen_t size = sizeof address;
+    auto* const plain = reinterpret_cast<sockaddr*>(&address);
+    const int descriptor = accept4(listening, plain, &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor < 0) {
+        const int error = errno;
+        if (isOutOfResources(error))
+            pauseAccepting(nowMs);
+        // Any other error is one of a connection that has ended in the queue.
+        return error != EAGAIN && error != EWOULDBLOCK && error != EBADF && error != EINVAL &&
+               !isOutOfResources(error);
+    }
+    unmapAddress(address, size);
+    const IpAddress peer = IpAddress::fromIP(plain);
+    Rollback accepted([descriptor] { close(descriptor); });
+    const IpAddress host = withoutPort(address);
+    if (getCount() >= mLimits.maxConnections || !countHost(host)) {
+        refuse(descriptor, nowMs);
+    } else {
+        Rollback counted([&] { releaseHost(host); });
+        place(descriptor, plain, size, {peer, host}, nowMs);
+        counted.commit();
+    }
+    accepted.commit();
+    return true;
+}
+
+// To the daemon with the fewest connections.
+void Listener::place(int descriptor, const sockaddr* address, size_t bytes, const Peer& peer,
+                     int64_t nowMs)
+{
+    size_t index = 0;
+    for (size_t i = 1; i < mSinks.size(); ++i) {
+        if (mSinks[i]->getTable().getCount() < mSinks[index]->getTable().getCount())
+            index = i;
+    }
+    ConnectionSink& sink = *mSinks[index];
+    ConnectionTable::Pointer abandoned;
+    sink.getTable().add(descriptor, peer, nowMs, abandoned);
+    if (abandoned)
+        connectionClosed(*abandoned);
+    // Before the daemon has it: afterwards the descriptor may be closed at any time.
+    watch(descriptor,
+          static_cast<uint64_t>(index) << kSinkShift | static_cast<uint64_t>(descriptor),
+          EPOLLRDHUP | EPOLLONESHOT);
+    if (sink.serve(descriptor, address, bytes))
+        return;
+    const ConnectionTable::Pointer failed = sink.getTable().find(descriptor);
+    if (failed && sink.getTable().remove(descriptor, *failed))
+        connectionClosed(*failed);
+}
+
+// False when the address has as many connections as it may have.
+bool Listener::countHost(const IpAddress& host)
+{
+    if (mLimits.maxConnectionsPerAddress == 0 || !host.isValid())
+        return true;
+    const qvMutexLocker locker(&mHostMutex);
+    size_t& count = mHosts[host];
+    if (count >= mLimits.maxConnectionsPerAddress)
+        return false;
+    ++count;
+    return true;
+}
+
+void Listener::releaseHost(const IpAddress& host)
+{
+    if (mLimits.maxConnectionsPerAddress == 0 || !host.isValid())
+        return;
+    const qvMutexLocker locker(&mHostMutex);
+    const auto found = mHosts.find(host);
+    if (found != mHosts.end() && --found->second == 0)
+        mHosts.erase(found);
+}
+
+void Listener::connectionClosed(const Connection& connection)
+{
+    releaseHost(connection.getPeer().host);
+    if (isDraining())
+        wake();
+}
+
+// Closing at once would reset the connection and destroy the response when the client has sent its
+// request already.
+void Listener::refuse(int descriptor, int64_t nowMs)
+{
+    send(descriptor, kBusyResponse, sizeof kBusyResponse - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    shutdown(descriptor, SHUT_WR);
+    mRefused.push_back({descriptor, nowMs + kRefusedLingerMs});
+    if (mRefused.size() > kMaxRefused) {
+        close(mRefused.front().descriptor);
+        mRefused.pop_front();
+    }
+}
+
+void Listener::closeRefused(int64_t nowMs)
+{
+    std::array<char, 4096> discarded;
+    const auto isOver = [&](const Refused& refused) {
+        ssize_t received = 0;
+        do {
+            received = recv(refused.descriptor, discarded.data(), discarded.size(), MSG_DONTWAIT);
+        } while (received > 0);
+        const bool isOpen = received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        if (isOpen && nowMs < refused.untilMs)
+            return false;
+        close(refused.descriptor);
+        return true;
+    };
+    mRefused.erase(std::remove_if(mRefused.begin(), mRefused.end(), isOver), mRefused.end());
+}
+
+// The listening sockets are always ready without descriptors to accept with.
+void Listener::pauseAccepting(int64_t nowMs)
+{
+    if (mContinueAcceptingMs == kNoDeadline && !std::exchange(mReportedLimit, true))
+        qvLogObject(qvLogObject::kWarning)
+            << "cannot accept connections: " << SystemError(errno).toString();
+    mContinueAcceptingMs = nowMs + kAcceptPauseMs;
+    for (const ListeningSocket& socket : mSockets)
+        unwatch(socket.getDescriptor());
+}
+
+void Listener::continueAccepting(int64_t nowMs)
+{
+    if (nowMs < mContinueAcceptingMs)
+        return;
+    mContinueAcceptingMs = kNoDeadline;
+    for (size_t i = 0; i < mSockets.size(); ++i)
+        watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN);
+}
+
+void Listener::handleDeadlines(int64_t nowMs)
+{
+    std::vector<ConnectionTable::Pointer> expired;
+    for (ConnectionSink* sink : mSinks)
+        sink->getTable().takeExpired(nowMs, kRepeatMs, expired);
+    for (const ConnectionTable::Pointer& connection : expired)
+        handleDeadline(*connection, nowMs);
+}
+
+// The phase may change at any time: a response is written only after it has been claimed.
+void Listener::handleDeadline(Connection& connection, int64_t nowMs)
+{
+    using Phase = Connection::Phase;
+    const Phase phase = connection.phase;
+    // The deadline that has passed was that of an earlier phase.
+    if (connection.deadlineMs > nowMs)
+        return;
+    switch (phase) {
+    case Phase::Head:
+    case Phase::NextHead:
+        if (connection.claim(phase))
+            connection.refuse(kTimeoutResponse);
+        break;
+    case Phase::Idle:
+        connection.shutDown(SHUT_RD);
+        break;
+    case Phase::Body:
+        if (connection.claim(phase)) {
+            connection.abortRequest(kTimeoutReached, false);
+            connection.refuse(kTimeoutResponse);
+        }
+        break;
+    case Phase::Working:
+        connection.expireResponse(nowMs);
+        break;
+    case Phase::Ended:
+        connection.shutDown(SHUT_RDWR);
+        break;
+    default:
+        break;
+    }
+}
+
+void Listener::nudgeSinks(int64_t nowMs)
+{
+    if (nowMs < mNextNudgeMs)
+        return;
+    mNextNudgeMs = nowMs + kNudgeMs;
+    for (ConnectionSink* sink : mSinks) {
+        if (sink->getTable().getCount() >= kNudgeConnections)
+            sink->nudge();
+    }
+}
+
+// Nothing that a client has sent to an accepted connection is lost before the deadline.
+void Listener::drain()
+{
+    const int64_t startMs = qvSystemUtils::GetTimeBaseMs();
+    attempt([this] { acceptQueued(); });
+    for (const ListeningSocket& socket : mSockets)
+        unwatch(socket.getDescriptor());
+    mContinueAcceptingMs = kNoDeadline;
+    mSockets.clear();
+    while (getCount() != 0) {
+        const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+        mIsStopping = nowMs >= mDrainDeadlineMs;
+        attempt([&] {
+            if (mIsStopping)
+                abortAll();
+            else if (nowMs - startMs >= kIdleGraceMs)
+                endIdleConnections();
+            handleEvents(kDrainStepMs);
+        });
+    }
+}
+
+// A shared socket keeps its queue for the next process.
+void Listener::acceptQueued()
+{
+    for (const ListeningSocket& socket : mSockets) {
+        if (socket.isShared())
+            continue;
+        const auto acceptNext = [&] {
+            const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+            return nowMs < mDrainDeadlineMs && acceptOne(socket.getDescriptor(), nowMs);
+        };
+        do {
+            while (acceptNext()) {
+            }
+        } while (hasQueuedConnections(socket.getDescriptor()) &&
+                 mContinueAcceptingMs == kNoDeadline &&
+                 qvSystemUtils::GetTimeBaseMs() < mDrainDeadlineMs);
+    }
+}
+
+// Bytes that have arrived are read before the end of the reading side is seen.
+void Listener::endIdleConnections()
+{
+    using Phase = Connection::Phase;
+    for (ConnectionSink* sink : mSinks) {
+        for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
+            const Phase phase = connection->phase;
+            if (phase == Phase::Idle || phase == Phase::Head)
+                connection->shutDown(SHUT_RD);
+        }
+    }
+}
+
+void Listener::abortAll()
+{
+    using Phase = Connection::Phase;
+    for (ConnectionSink* sink : mSinks) {
+        for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
+            const Phase phase = connection->phase;
+            if (phase == Phase::Body || phase == Phase::Working || phase == Phase::Responding)
+                mHasAborted = true;
+            connection->abortRequest(kDaemonShutdown, false);
+            connection->shutDown(SHUT_RDWR);
+        }
+    }
+}
+
+}  // namespace qv::impl

@@ -1,0 +1,138 @@
+// Accepts connections and watches them: limits, deadlines, closed peers, the drain of a shutdown.
+#ifndef WENDREL_LISTENER_LISTENER_H
+#define WENDREL_LISTENER_LISTENER_H
+
+#include "listener/ConnectionTable.h"
+#include "listener/Endpoint.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct sockaddr;
+
+namespace qv::impl
+{
+
+// Where the listener puts a connection. Called on the listener thread.
+class ConnectionSink
+{
+public:
+    virtual ~ConnectionSink() = default;
+    virtual ConnectionTable& getTable() = 0;
+
+    // Takes the ownership of the descriptor, also when it fails.
+    virtual bool serve(int descriptor, const sockaddr* address, size_t bytes) = 0;
+
+    // Ends a wait of the daemon for one more event; called every kNudgeMs while it has at least
+    // kNudgeConnections.
+    virtual void nudge() = 0;
+};
+
+class Listener
+{
+public:
+    struct Limits
+    {
+        size_t maxConnections = 0;
+        size_t maxConnectionsPerAddress = 0;  // 0: none
+        int64_t sendMs = 0;                   // 0: none
+        bool halfClosedClients = false;
+    };
+
+    // The daemon waits for one more event when exactly 128 are ready.
+    static constexpr size_t kNudgeConnections = 126;
+    static constexpr int64_t kNudgeMs = 10;
+
+    // Opens its epoll set and takes the sockets over; throws std::system_error without descriptors.
+    Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
+             std::vector<ConnectionSink*> sinks);
+    ~Listener();
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    // Serves until `stop`. The thread that calls this and `drain` is the listener thread.
+    void run();
+
+    // After `run`: closes the listening sockets, ends connections without a request, and returns
+    // when all connections are closed. Requests that are not finished by the deadline are aborted.
+    void drain();
+
+    // Ends `run`, and sets the deadline of `drain`. A later call can only shorten it. Any thread.
+    void stop(int64_t limitMs);
+
+    // From `stop` on: every response closes its connection. Any thread, no lock.
+    bool isDraining() const { return mDrainDeadlineMs != kNoDeadline; }
+
+    // The time of the drain is over: requests are refused. Any thread, no lock.
+    bool isStopping() const { return mIsStopping; }
+
+    // Whether every request had its response when `drain` returned.
+    bool hasDrained() const { return !mHasAborted; }
+
+    // A connection has been closed. Called by daemon threads.
+    void connectionClosed(const Connection& connection);
+
+    // Watches for the peer's end of a connection, and stops to. Called by the daemon thread.
+    void unwatch(int descriptor);
+
+private:
+    struct Refused
+    {
+        int descriptor;
+        int64_t untilMs;
+    };
+
+    bool watch(int descriptor, uint64_t key, uint32_t events);
+    void wake();
+    int waitMs(int64_t nowMs) const;
+    void handleEvents(int timeoutMs);
+    void handlePeer(uint64_t key, uint32_t events);
+    void acceptFrom(size_t index, int64_t nowMs);
+    bool acceptOne(int listening, int64_t nowMs);
+    void place(int descriptor, const sockaddr* address, size_t bytes, const Peer& peer,
+               int64_t nowMs);
+    bool countHost(const IpAddress& host);
+    void releaseHost(const IpAddress& host);
+    void refuse(int descriptor, int64_t nowMs);
+    void closeRefused(int64_t nowMs);
+    void pauseAccepting(int64_t nowMs);
+    void continueAccepting(int64_t nowMs);
+    void remindOfPeers(int64_t nowMs);
+    void handleDeadlines(int64_t nowMs);
+    void handleDeadline(Connection& connection, int64_t nowMs);
+    void nudgeSinks(int64_t nowMs);
+    void acceptQueued();
+    void endIdleConnections();
+    void abortAll();
+    size_t getCount() const;
+
+    const Limits mLimits;
+    std::vector<ListeningSocket> mSockets;
+    const std::vector<ConnectionSink*> mSinks;
+    int mEpoll = -1;
+    int mWake = -1;
+    std::atomic<int64_t> mDrainDeadlineMs{kNoDeadline};
+    std::atomic<bool> mIsStopping{false};
+
+    qvMutex mHostMutex;
+    std::map<IpAddress, size_t> mHosts QV_GUARDED_BY(mHostMutex);  // connections of each address
+
+    // Listener thread.
+    std::deque<Refused> mRefused;
+    std::vector<ConnectionTable::Pointer> mClosedByPeer;  // and not yet by the daemon
+    int64_t mNextReminderMs = 0;
+    int64_t mContinueAcceptingMs = kNoDeadline;
+    int64_t mNextNudgeMs = 0;
+    bool mReportedLimit = false;
+    bool mHasAborted = false;
+};
+
+}  // namespace qv::impl
+
+#endif

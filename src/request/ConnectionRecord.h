@@ -1,0 +1,24 @@
+// The connection of a request in event-driven mode, as its body devices see it.
+#ifndef WENDREL_REQUEST_CONNECTIONRECORD_H
+#define WENDREL_REQUEST_CONNECTIONRECORD_H
+
+namespace qv::impl
+{
+
+// Each operation is called once for each suspension, by any thread, with the mutex held under which
+// the connection was suspended: it cannot be closed meanwhile.
+class ConnectionRecord
+{
+public:
+    virtual ~ConnectionRecord() = default;
+
+    // The daemon thread calls the dispatch or the content reader again.
+    virtual void resume() = 0;
+
+    // The same after a pause of the upload: the deadlines of the body run again.
+    virtual void continueUpload() = 0;
+};
+
+}  // namespace qv::impl
+
+#endif

@@ -1,0 +1,71 @@
+// A daemon of event-driven mode: one thread, no listening socket, connections from the listener.
+#ifndef WENDREL_SERVER_EVENTDAEMON_H
+#define WENDREL_SERVER_EVENTDAEMON_H
+
+#include "listener/ConnectionTable.h"
+#include "listener/Listener.h"
+
+#include <cstddef>
+#include <cstdint>
+
+struct MHD_Daemon;
+
+namespace qv
+{
+namespace http
+{
+class HttpServer;
+}
+}  // namespace qv
+
+namespace qv::impl
+{
+
+class EventDaemon : public ConnectionSink
+{
+public:
+    struct Settings
+    {
+        size_t connectionMemoryBytes = 0;
+        uint64_t uploadQueueBytes = 0;  // 0: no limit
+        bool halfClosedClients = false;
+    };
+
+    EventDaemon(http::HttpServer& server, const Settings& settings, const ConnectionLimits& limits);
+
+    // Stops the daemon. No connection is open any more, except the one of `nudge`.
+    ~EventDaemon() override;
+    EventDaemon(const EventDaemon&) = delete;
+    EventDaemon& operator=(const EventDaemon&) = delete;
+
+    // False when the system has no thread or no memory for it.
+    bool start();
+
+    // The listener that watches the connections, set before the first one.
+    void setListener(Listener& listener) { mListener = &listener; }
+
+    // Ends `run`: the daemon has no connection of a client any more. Listener thread.
+    void stop();
+
+    ConnectionTable& getTable() override { return mTable; }
+    bool serve(int descriptor, const sockaddr* address, size_t bytes) override;
+    void nudge() override;
+
+    http::HttpServer& getServer() const { return mServer; }
+    Listener& getListener() const { return *mListener; }
+    const Settings& getSettings() const { return mSettings; }
+
+private:
+    bool openNudge();
+
+    http::HttpServer& mServer;
+    const Settings mSettings;
+    ConnectionTable mTable;
+    Listener* mListener = nullptr;
+    MHD_Daemon* mDaemon = nullptr;
+    int mNudge = -1;  // our end of a connection that is no client's; listener thread
+};
+
+}  // namespace qv::impl
+
+#endif

@@ -1,0 +1,375 @@
+// One request of event-driven mode: created at the first call, fed with its body under
+// back-pressure, suspended until the application announces its response.
+
+#include "server/EventDispatch.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/HttpServer.h>
+
+#include "listener/Connection.h"
+#include "request/ContextRegistry.h"
+#include "request/DispatchAccess.h"
+#include "server/Dispatch.h"
+#include "server/EventDaemon.h"
+#include "server/Reply.h"
+#include "server/ResponseQueue.h"
+#include "streaming/AbortReason.h"
+#include "streaming/StreamCallbacks.h"
+
+#include <qvSystem/qvSystemUtils.h>
+
+#include <sys/socket.h>
+
+#include <charconv>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qv::impl
+{
+namespace
+{
+
+using Phase = Connection::Phase;
+
+constexpr const char* kRetryAfterSeconds = "1";
+
+// Null for the connection that the server has with itself.
+Connection* connectionOf(MHD_Connection* connection)
+{
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return info ? static_cast<Connection*>(info->socket_context) : nullptr;
+}
+
+MHD_Result respondEmpty(MHD_Connection* connection, unsigned status, const char* retryAfter)
+{
+    MHD_Response* const response =
+        MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+    if (response && retryAfter)
+        MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER, retryAfter);
+    return QueueAndDestroy(connection, status, response);
+}
+
+// Bytes of the body that the head declares; 0 without a body.
+uint64_t declaredBytes(MHD_Connection* connection)
+{
+    if (MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_TRANSFER_ENCODING))
+        return Connection::kUnknownLength;
+    const char* const length =
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    uint64_t bytes = 0;
+    if (length)
+        std::from_chars(length, length + std::strlen(length), bytes);
+    return bytes;
+}
+
+bool mustClose(const EventDaemon& daemon, const Connection& record)
+{
+    return daemon.getListener().isDraining() || record.isPeerClosed;
+}
+
+// The devices are in error already, or nothing waits for them.
+void reportAbort(HttpBaseRequest& request, Connection& record, const std::string& reason)
+{
+    if (record.progress.isAbortReported)
+        return;
+    record.progress.isAbortReported = true;
+    request.onAborted(reason);
+}
+
+MHD_Result endAborted(HttpBaseRequest& request, Connection& record)
+{
+    reportAbort(request, record, record.getAbortReason());
+    return MHD_NO;
+}
+
+// The application may still work for the request; its response is discarded.
+MHD_Result respondLate(HttpBaseRequest& request, Connection& record, MHD_Connection* connection)
+{
+    std::atomic<bool> aborted{false};
+    DispatchAccess::abort(request.getResponseDevice(), kTimeoutReached, false, aborted);
+    DispatchAccess::abort(request.getReceiveDevice(), kTimeoutReached);
+    record.setPhase(Phase::Responding, kNoDeadline);
+    reportAbort(request, record, kTimeoutReached);
+    return respondEmpty(connection, MHD_HTTP_SERVICE_UNAVAILABLE, kRetryAfterSeconds);
+}
+
+// The daemon does not close the connection of a reader that ends a body otherwise than by its
+// chunks or its length: it forgets the connection until another event of its thread. A send that
+// fails is handled at once.
+ssize_t endByClosing(Connection& record, char* buffer)
+{
+    record.shutDown(SHUT_RDWR);
+    *buffer = 0;
+    return 1;
+}
+
+// The device resumes the connection when it has something to send.
+void suspendStream(HttpBaseRequest& request)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    const qvMutexLocker locker(&DispatchAccess::mutex(device));
+    // Otherwise something has come since the reader looked: the daemon calls it again at once.
+    if (device.hasDataToSend() || DispatchAccess::isCompleted(device) || device.hasDeviceError())
+        return;
+    DispatchAccess::isSuspended(device) = true;
+    MHD_suspend_connection(DispatchAccess::connection(request));
+}
+
+// Content reader; `closure` is the HttpBaseRequest.
+ssize_t readContent(void* closure, uint64_t, char* buffer, size_t size)
+{
+    auto& request = *static_cast<HttpBaseRequest*>(closure);
+    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
+    HttpResponseDevice& device = request.getResponseDevice();
+    if (device.hasDeviceError())
+        return endByClosing(record, buffer);
+    bool ended = false;
+    bool endedToo = false;
+    const size_t copied = device.sendChunksThreadSafe(buffer, size, ended, endedToo);
+    if (copied != 0)
+        return static_cast<ssize_t>(copied);
+    if (!ended) {
+        suspendStream(request);
+        return 0;
+    }
+    if (record.progress.isChunked)
+        return MHD_CONTENT_READER_END_OF_STREAM;
+    record.progress.isEndedByClosing = record.progress.isHttp10;
+    return endByClosing(record, buffer);
+}
+
+MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* connection,
+                        HttpBaseRequest& request, Connection& record, std::vector<char>& body)
+{
+    record.setPhase(Phase::Responding, kNoDeadline);
+    HttpResponseInterface& head = request.getResponse();
+    record.progress.isChunked =
+        decision == Decision::Stream && !record.progress.isHttp10 && head.getContentLength() < 0;
+    return QueueDecided(decision, daemon.getServer().getImpl(), connection, request, head, body,
+                        {&readContent, mustClose(daemon, record)});
+}
+
+// A response that is complete before the body of its request has been received is sent in place of
+// "100 Continue"; the daemon closes the connection after it. The writer of one that is only ready
+// may still read the body.
+MHD_Result respondEarly(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
+                        Connection& record)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    std::vector<char> body;
+    Decision decision = Decision::Wait;
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        if (!record.isAborted && DispatchAccess::isCompleted(device))
+            decision = Decide(device, request, body);
+    }
+    if (decision == Decision::Wait)
+        return MHD_YES;
+    return queueDecided(decision, daemon, connection, request, record, body);
+}
+
+// The first call: the head is complete, the body has not been read.
+MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const char* method,
+                        const char* version, Connection& record, ConnectionContext& context)
+{
+    const uint64_t declared = declaredBytes(connection);
+    http::HttpServerImpl& application = daemon.getServer().getImpl();
+    HttpBaseRequest& request = *application.createRequest();
+    context.request = &request;
+    FillRequest(request, connection, method, record.getPeer().address, context);
+    DispatchAccess::record(request) = &record;
+    {
+        HttpReceiveDevice& device = request.getReceiveDevice();
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        DispatchAccess::queueLimitBytes(device) = daemon.getSettings().uploadQueueBytes;
+    }
+    const bool isOpen =
+        record.beginRequest(request, connection, declared != 0 ? Phase::Body : Phase::Working);
+    record.progress.declaredBytes = declared;
+    record.progress.isHttp10 = std::strcmp(version, MHD_HTTP_VERSION_1_0) == 0;
+    // After the request is known to the listener: it aborts all that it finds.
+    if (!isOpen || daemon.getListener().isStopping())
+        record.abortRequest(kDaemonShutdown, false);
+    if (declared != 0) {
+        const qvMutexLocker locker(&DispatchAccess::mutex(request.getReceiveDevice()));
+        record.beginBody(qvSystemUtils::GetTimeBaseMs());
+    }
+    application.handleRequest(&request);
+    return declared == 0 ? MHD_YES : respondEarly(daemon, connection, request, record);
+}
+
+MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
+                    const char* data, size_t* size)
+{
+    Connection::Progress& progress = record.progress;
+    progress.bodyBytes += *size;
+    // The daemon must read on at the end of a body: a client that has shut down its sending side
+    // would be taken for one that has left.
+    const bool isLast = progress.bodyBytes == progress.declaredBytes;
+    const bool isDiscarded = DispatchAccess::isCompleted(request.getResponseDevice());
+    HttpReceiveDevice& device = request.getReceiveDevice();
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        record.countBody(*size);
+        if (!isDiscarded)
+            device.writeBytes(data, *size);
+        *size = 0;
+        const uint64_t limit = DispatchAccess::queueLimitBytes(device);
+        const bool isFull = limit != 0 && DispatchAccess::queuedBytes(device) >= limit;
+        const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+        if (DispatchAccess::isFeedPaused(device)) {
+            // The daemon delivers the chunks that it has read already although it is suspended.
+        } else if (isFull && !isLast && !record.isAborted) {
+            DispatchAccess::pauseFeed(device);
+            record.pauseBody(nowMs);
+            MHD_suspend_connection(connection);
+        } else {
+            record.armBody(nowMs);
+        }
+    }
+    return record.isAborted ? endAborted(request, record) : MHD_YES;
+}
+
+// After a response that was sent before the body had been received, no reader waits for the rest.
+void endUpload(HttpBaseRequest& request)
+{
+    HttpReceiveDevice& device = request.getReceiveDevice();
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        if (DispatchAccess::isFeedEnded(device))
+            return;
+    }
+    DispatchAccess::abort(device, kClientAbort);
+}
+
+void endBody(EventDaemon& daemon, HttpBaseRequest& request, Connection& record,
+             const ConnectionContext& context)
+{
+    EndBody(request, context);
+    const int64_t limitMs = daemon.getTable().getLimits().responseMs;
+    record.setPhase(Phase::Working,
+                    limitMs == 0 ? kNoDeadline : qvSystemUtils::GetTimeBaseMs() + limitMs);
+    request.onBodyComplete();
+    // After the phase has been set: the listener looks at it after it has set the flag.
+    if (record.isPeerClosed && !daemon.getSettings().halfClosedClients)
+        record.abortRequest(kClientAbort, true);
+}
+
+// The body is complete: queues the response if the application is ready. Otherwise the second call
+// suspends the connection: suspended in the first one, a client that has shut down its sending side
+// would get no response.
+MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
+                   Connection& record, const ConnectionContext& context)
+{
+    const bool isFirst = record.progress.finalCalls++ == 0;
+    if (isFirst)
+        endBody(daemon, request, record, context);
+    HttpResponseDevice& device = request.getResponseDevice();
+    std::vector<char> body;
+    Decision decision = Decision::Wait;
+    bool isLate = false;
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        if (!record.isAborted)
+            decision = Decide(device, request, body);
+        isLate = record.isResponseLate;
+        if (decision == Decision::Wait && !record.isAborted && !isLate) {
+            if (!isFirst) {
+                DispatchAccess::isSuspended(device) = true;
+                MHD_suspend_connection(connection);
+            }
+            return MHD_YES;
+        }
+        // Nobody can announce it any more.
+        if (decision == Decision::Wait)
+            DispatchAccess::responseState(device) = DispatchAccess::kSentWhole;
+    }
+    if (record.isAborted)
+        return endAborted(request, record);
+    if (decision == Decision::Wait)
+        return respondLate(request, record, connection);
+    return queueDecided(decision, daemon, connection, request, record, body);
+}
+
+}  // namespace
+
+void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
+{
+    if (Connection* const record = connectionOf(connection))
+        record->beginHead(qvSystemUtils::GetTimeBaseMs());
+    return ContextRegistry::Add(uri ? uri : "", connection);
+}
+
+void NotifyConnection(void* closure, MHD_Connection* connection, void** socketContext,
+                      MHD_ConnectionNotificationCode code)
+{
+    auto& daemon = *static_cast<EventDaemon*>(closure);
+    if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+        const MHD_ConnectionInfo* info =
+            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        *socketContext = daemon.getTable().find(info->connect_fd).get();
+        return;
+    }
+    auto* const known = static_cast<Connection*>(*socketContext);
+    if (!known)
+        return;
+    const ConnectionTable::Pointer record = known->shared_from_this();
+    const int descriptor = record->close();
+    daemon.getListener().unwatch(descriptor);
+    if (daemon.getTable().remove(descriptor, *record))
+        daemon.getListener().connectionClosed(*record);
+}
+
+MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const char*,
+                             const char* method, const char* version, const char* uploadData,
+                             size_t* uploadSize, void** slot)
+{
+    auto& daemon = *static_cast<EventDaemon*>(closure);
+    auto& context = *static_cast<ConnectionContext*>(*slot);
+    Connection* const record = connectionOf(connection);
+    if (!record) {
+        const bool isFirst = context.startTimeMs == kTimeNotSet;
+        context.startTimeMs = 0;
+        return isFirst ? MHD_YES : respondEmpty(connection, MHD_HTTP_NO_CONTENT, nullptr);
+    }
+    if (!context.request) {
+        if (record->phase == Phase::Ended || daemon.getListener().isStopping())
+            return MHD_NO;
+        return beginRequest(daemon, connection, method, version, *record, context);
+    }
+    HttpBaseRequest& request = *context.request;
+    if (*uploadSize != 0)
+        return feedBody(request, *record, connection, uploadData, uploadSize);
+    return respond(daemon, connection, request, *record, context);
+}
+
+void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slot,
+                           MHD_RequestTerminationCode code)
+{
+    auto& daemon = *static_cast<EventDaemon*>(closure);
+    auto* const context = static_cast<ConnectionContext*>(*slot);
+    Connection* const record = connectionOf(connection);
+    if (record && context && context->request) {
+        HttpBaseRequest& request = *context->request;
+        if (record->progress.isEndedByClosing)
+            code = MHD_REQUEST_TERMINATED_COMPLETED_OK;
+        if (code != MHD_REQUEST_TERMINATED_COMPLETED_OK) {
+            const char* const reason = AbortReason(code);
+            record->abortRequest(reason ? reason : kWriteError, false);
+            reportAbort(request, *record, record->getAbortReason());
+        }
+        endUpload(request);
+    }
+    if (record)
+        record->endRequest(qvSystemUtils::GetTimeBaseMs());
+    RequestCompleted(&daemon.getServer(), connection, slot, code);
+    // The daemon may have missed the report of the end.
+    if (record && (record->isPeerClosed || daemon.getListener().isDraining()))
+        record->shutDown(SHUT_RD);
+}
+
+}  // namespace qv::impl

@@ -1,0 +1,209 @@
+// Options of event-driven mode, and the start of its parts.
+
+#include "server/EventServer.h"
+
+#include "server/logging/LogObject.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+using http::ServerOptions;
+using std::chrono::milliseconds;
+
+constexpr uint32_t kMaxThreads = 1024;
+constexpr uint32_t kMaxConnections = 1000000;
+constexpr size_t kMinMemoryBytes = 4096;
+constexpr size_t kMaxMemoryBytes = 16777216;
+constexpr milliseconds kMaxTimeout = std::chrono::hours(24);
+
+// Descriptors for the application itself, and of each daemon.
+constexpr rlim_t kOtherDescriptors = 128;
+constexpr rlim_t kDescriptorsOfDaemon = 4;
+constexpr rlim_t kMinConnections = 16;
+
+template <typename Field>
+void readField(const ServerOptions& from, size_t recordBytes, Field ServerOptions::*field,
+               ServerOptions& to)
+{
+    const auto offset = static_cast<size_t>(reinterpret_cast<const char*>(&(from.*field)) -
+                                            reinterpret_cast<const char*>(&from));
+    if (offset + sizeof(Field) <= recordBytes)
+        to.*field = from.*field;
+}
+
+template <typename Number>
+std::string checkRange(const char* field, Number value, Number least, Number most)
+{
+    if (value >= least && value <= most)
+        return std::string();
+    return std::string("ServerOptions::") + field + ": " + std::to_string(value) +
+           " is not between " + std::to_string(least) + " and " + std::to_string(most);
+}
+
+std::string checkTimeout(const char* field, milliseconds value)
+{
+    std::string why = checkRange<int64_t>(field, value.count(), 0, kMaxTimeout.count());
+    return why.empty() ? why : why + " ms";
+}
+
+std::string checkEndpoints(const std::vector<std::string>& texts)
+{
+    if (texts.empty())
+        return "ServerOptions::listen: no endpoint; give one such as 127.0.0.1:8181";
+    for (const std::string& text : texts) {
+        std::string error;
+        ParseEndpoint(text, error);
+        if (!error.empty())
+            return error;
+    }
+    return std::string();
+}
+
+// As many connections as the process may have descriptors for.
+size_t limitConnections(const ServerOptions& options)
+{
+    const rlim_t others = kOtherDescriptors + options.threads * kDescriptorsOfDaemon;
+    const rlim_t wanted = options.maxConnections + others;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)
+        return options.maxConnections;
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur >= wanted)
+        return options.maxConnections;
+    const rlim_t possible =
+        std::max(limit.rlim_cur > others ? limit.rlim_cur - others : 0, kMinConnections);
+    qvLogObject(qvLogObject::kWarning)
+        << "at most " << possible << " connections instead of " << options.maxConnections
+        << ": the process may have " << limit.rlim_cur << " descriptors (RLIMIT_NOFILE)";
+    return possible;
+}
+
+ConnectionLimits limitsOf(const ServerOptions& options)
+{
+    ConnectionLimits limits;
+    limits.headMs = options.headTimeout.count();
+    limits.idleMs = options.idleTimeout.count();
+    limits.bodyMs = options.bodyTimeout.count();
+    limits.minBodyBytesPerSecond = options.minBodyBytesPerSecond;
+    limits.responseMs = options.responseTimeout.count();
+    return limits;
+}
+
+std::string openEndpoints(const ServerOptions& options, std::vector<ListeningSocket>& sockets)
+{
+    std::string failure;
+    for (const std::string& text : options.listen) {
+        const Endpoint endpoint = ParseEndpoint(text, failure);
+        if (failure.empty())
+            failure = OpenEndpoint(endpoint, sockets);
+        if (!failure.empty())
+            break;
+    }
+    return failure;
+}
+
+}  // namespace
+
+ServerOptions ReadOptions(const ServerOptions& options, size_t recordBytes)
+{
+    ServerOptions known;
+    const auto read = [&](auto... field) { (readField(options, recordBytes, field, known), ...); };
+    using Options = ServerOptions;
+    read(&Options::listen, &Options::threads, &Options::connectionMemoryBytes,
+         &Options::maxConnections, &Options::maxConnectionsPerAddress, &Options::headTimeout,
+         &Options::idleTimeout, &Options::bodyTimeout, &Options::minBodyBytesPerSecond,
+         &Options::sendTimeout, &Options::responseTimeout, &Options::uploadQueueBytes,
+         &Options::halfClosedClients);
+    return known;
+}
+
+std::string CheckOptions(const ServerOptions& options)
+{
+    const std::string checks[] = {
+        checkEndpoints(options.listen),
+        checkRange<uint32_t>("threads", options.threads, 1, kMaxThreads),
+        checkRange<size_t>("connectionMemoryBytes", options.connectionMemoryBytes, kMinMemoryBytes,
+                           kMaxMemoryBytes),
+        checkRange<uint32_t>("maxConnections", options.maxConnections, 1, kMaxConnections),
+        checkTimeout("headTimeout", options.headTimeout),
+        checkTimeout("idleTimeout", options.idleTimeout),
+        checkTimeout("bodyTimeout", options.bodyTimeout),
+        checkTimeout("sendTimeout", options.sendTimeout),
+        checkTimeout("responseTimeout", options.responseTimeout),
+    };
+    for (const std::string& why : checks) {
+        if (!why.empty())
+            return why;
+    }
+    return std::string();
+}
+
+bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& options)
+{
+    EventDaemon::Settings ofDaemon;
+    ofDaemon.connectionMemoryBytes = options.connectionMemoryBytes;
+    ofDaemon.uploadQueueBytes = options.uploadQueueBytes;
+    ofDaemon.halfClosedClients = options.halfClosedClients;
+    for (uint32_t i = 0; i < options.threads; ++i) {
+        mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
+        if (!mDaemons.back()->start())
+            return false;
+    }
+    return true;
+}
+
+std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
+                                               const ServerOptions& options, std::string& failure)
+{
+    failure = CheckOptions(options);
+    if (!failure.empty())
+        return nullptr;
+    std::unique_ptr<EventServer> made(new EventServer);
+    std::vector<ListeningSocket> sockets;
+    failure = openEndpoints(options, sockets);
+    if (!failure.empty())
+        return nullptr;
+    for (const ListeningSocket& socket : sockets)
+        made->mEndpoints.push_back(socket.getName());
+    Listener::Limits ofListener;
+    ofListener.maxConnections = limitConnections(options);
+    ofListener.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
+    ofListener.sendMs = options.sendTimeout.count();
+    ofListener.halfClosedClients = options.halfClosedClients;
+    if (!made->startDaemons(server, options)) {
+        failure = "cannot start a thread for connections";
+        return nullptr;
+    }
+    std::vector<ConnectionSink*> sinks;
+    for (const auto& daemon : made->mDaemons)
+        sinks.push_back(daemon.get());
+    try {
+        made->mListener =
+            std::make_unique<Listener>(ofListener, std::move(sockets), std::move(sinks));
+    } catch (const std::system_error& error) {
+        failure = std::string("cannot watch connections: ") + error.what();
+        return nullptr;
+    }
+    for (const auto& daemon : made->mDaemons)
+        daemon->setListener(*made->mListener);
+    return made;
+}
+
+// The daemons use the listener until they are stopped.
+EventServer::~EventServer()
+{
+    mDaemons.clear();
+}
+
+}  // namespace qv::impl

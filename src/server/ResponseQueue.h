@@ -1,0 +1,45 @@
+// From an announced response to the daemon: the decision, and the response queued for it.
+#ifndef WENDREL_SERVER_RESPONSEQUEUE_H
+#define WENDREL_SERVER_RESPONSEQUEUE_H
+
+#include <microhttpd.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace qv
+{
+class HttpBaseRequest;
+class HttpResponseDevice;
+class HttpResponseInterface;
+namespace http
+{
+class HttpServerImpl;
+}
+}  // namespace qv
+
+namespace qv::impl
+{
+
+enum class Decision : uint8_t { Wait, Queued, Error, Whole, Stream };
+
+// Reads the response state and moves it on. A body that is complete is moved to `body`. The
+// device's mutex is held.
+Decision Decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body);
+
+// How a response is sent.
+struct SendOptions
+{
+    MHD_ContentReaderCallback reader;  // of a stream; its closure is the HttpBaseRequest
+    bool close;                        // the connection is closed after it
+};
+
+// Queues the response that was decided on.
+MHD_Result QueueDecided(Decision decision, const http::HttpServerImpl& application,
+                        MHD_Connection* connection, HttpBaseRequest& request,
+                        HttpResponseInterface& head, std::vector<char>& body,
+                        const SendOptions& options);
+
+}  // namespace qv::impl
+
+#endif

@@ -1,0 +1,19 @@
+// Why a request ended without its response: the texts of the body devices and of onAborted.
+#ifndef WENDREL_STREAMING_ABORTREASON_H
+#define WENDREL_STREAMING_ABORTREASON_H
+
+namespace qv::impl
+{
+
+inline constexpr const char* kWriteError = "WriteError";
+inline constexpr const char* kTimeoutReached = "TimeoutReached";
+inline constexpr const char* kDaemonShutdown = "DaemonShutdown";
+inline constexpr const char* kReadError = "ReadError";
+inline constexpr const char* kClientAbort = "ClientAbort";
+
+// Of an MHD_RequestTerminationCode; null when the response was sent, and for an unknown code.
+const char* AbortReason(int terminationCode);
+
+}  // namespace qv::impl
+
+#endif
