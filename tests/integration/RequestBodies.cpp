@@ -189,6 +189,9 @@ TEST(RawRequestBody, IsDroppedAfterTheResponseIsComplete)
     const auto body = read.pop();
     ASSERT_TRUE(body);
     EXPECT_THAT(*body, ::testing::AnyOf("", "12345"));
+    // A response that is complete before the body is being received closes its connection there.
+    if (integration::isEventDriven())
+        return;
     const auto second = client.receive();
     ASSERT_TRUE(second);
     EXPECT_EQ(second->body, "/next");

@@ -30,14 +30,19 @@ namespace
 
 constexpr size_t kReadBytes = 65536;
 
+void setLimits(int descriptor)
+{
+    const timeval limit{kLimit.count(), 0};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 int connectTo(const char* address, uint16_t port)
 {
     const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (descriptor < 0)
         return -1;
-    const timeval limit{kLimit.count(), 0};
-    ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    setLimits(descriptor);
     const int on = 1;
     ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 
@@ -111,6 +116,13 @@ RawClient::RawClient(uint16_t port) : mDescriptor(connectTo("127.0.0.1", port))
 {
     if (mDescriptor < 0)
         throw std::runtime_error("cannot connect to port " + std::to_string(port));
+}
+
+RawClient::RawClient(Connected connected) : mDescriptor(connected.descriptor)
+{
+    if (mDescriptor < 0)
+        throw std::runtime_error("not connected");
+    setLimits(mDescriptor);
 }
 
 RawClient::~RawClient()

@@ -33,6 +33,13 @@ class RawClient
 {
 public:
     explicit RawClient(uint16_t port);
+
+    /// A connection that the test has made itself, which is closed with this object.
+    struct Connected
+    {
+        int descriptor;
+    };
+    explicit RawClient(Connected connected);
     ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;

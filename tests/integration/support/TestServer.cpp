@@ -221,12 +221,29 @@ private:
     std::thread mReaper;
 };
 
+bool isEventDriven()
+{
+    const char* const mode = std::getenv("WENDREL_TEST_MODE");
+    return mode && std::string(mode) == "event-driven";
+}
+
+qv::http::ServerOptions withMemoryOfPollingMode()
+{
+    qv::http::ServerOptions options;
+    options.connectionMemoryBytes = 262144;
+    return options;
+}
+
 TestServer::TestServer(Behaviour behaviour, TestServerOptions options)
 {
     qv::initializeWendrel();
     mParameters.threadPoolSize = options.threadPoolSize;
     mParameters.connectionTimeoutMs = options.connectionTimeoutMs;
     mParameters.allowWebSocket = options.allowWebSocket;
+    if (isEventDriven()) {
+        serveEventDriven(std::move(behaviour), options);
+        return;
+    }
     // Another program may take the port between the search and the start; a server that has
     // failed cannot be started again.
     constexpr int kAttempts = 5;
@@ -240,6 +257,21 @@ TestServer::TestServer(Behaviour behaviour, TestServerOptions options)
             return;
     }
     throw std::runtime_error("the server did not start");
+}
+
+void TestServer::serveEventDriven(Behaviour behaviour, const TestServerOptions& options)
+{
+    mApplication = new Application(std::move(behaviour), options);
+    mServer = std::make_unique<HttpServer>(mApplication);
+    qv::http::ServerOptions served = options.eventDriven;
+    served.listen = {"127.0.0.1:0"};
+    served.threads = options.threadPoolSize;
+    const std::chrono::milliseconds timeout(options.connectionTimeoutMs);
+    served.headTimeout = served.idleTimeout = served.bodyTimeout = served.responseTimeout = timeout;
+    if (!mServer->serve(served))
+        throw std::runtime_error(mServer->getFailureReason());
+    const std::string endpoint = mServer->getEndpoints().front();
+    mParameters.port = static_cast<uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
 }
 
 TestServer::~TestServer()

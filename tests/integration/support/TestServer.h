@@ -49,12 +49,21 @@ public:
 /// worker's handling.
 using Behaviour = std::function<void(TestRequest&)>;
 
+/// Whether servers of this process run in event-driven mode (environment variable
+/// WENDREL_TEST_MODE=event-driven) or in polling mode.
+bool isEventDriven();
+
+/// Default options with the connection memory of polling mode, for tests of large heads.
+qv::http::ServerOptions withMemoryOfPollingMode();
+
 struct TestServerOptions
 {
     std::string errorBody = "The response could not be created.";
     uint32_t threadPoolSize = 4;
     uint32_t connectionTimeoutMs = 60000;
     bool allowWebSocket = false;
+    /// For event-driven mode; endpoint, threads and timeouts are those of the test server.
+    qv::http::ServerOptions eventDriven = withMemoryOfPollingMode();
     std::function<void()> onServerStopped;
     /// Takes the connection over, on a daemon thread. Without it an upgrade fails the test.
     std::function<void(std::unique_ptr<qv::http::WebSocket>)> onNewWebSocket;
@@ -92,6 +101,8 @@ public:
 
 private:
     class Application;
+
+    void serveEventDriven(Behaviour behaviour, const TestServerOptions& options);
 
     qv::http::HttpServer::Parameters mParameters;
     std::unique_ptr<qv::http::HttpServer> mServer;
