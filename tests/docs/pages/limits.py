@@ -71,6 +71,42 @@ NOT_FOR_USERS = {
     "kit/src/WebSocketHub.cpp kStateIntervalMs": "interval of checks during a close",
     "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
     "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeout": "means: none",
+    "include/Wendrel/HttpServer.h serve(recordBytes)": "size of a record",
+    "src/listener/Connection.cpp kMsPerSecond": "a unit",
+    "src/listener/Connection.h kNoDeadline": "means: none",
+    "src/listener/Connection.h kUnknownLength": "means: chunked",
+    "src/listener/DeadlineWheel.h kSlots": "how far the wheel reaches",
+    "src/listener/Endpoint.cpp kMaxPort": "the protocol's",
+    "src/listener/Endpoint.cpp kMaxMode": "the system's",
+    "src/listener/Endpoint.cpp kFirstPassedDescriptor": "the service manager's",
+    "src/listener/Endpoint.cpp kMaxPathBytes": "the system's",
+    "src/listener/Listener.cpp kWakeKey": "a mark",
+    "src/listener/Listener.cpp kListenFlag": "a mark",
+    "src/listener/Listener.cpp kSinkShift": "a position of bits",
+    "src/listener/Listener.cpp kDescriptorMask": "a position of bits",
+    "src/listener/Listener.cpp kMaxEvents": "events fetched at once",
+    "src/listener/Listener.cpp kMaxAcceptsAtOnce": "how long others wait for a burst",
+    "src/listener/Listener.cpp kReminderMs": "interval of repeated actions",
+    "src/listener/Listener.cpp kRepeatMs": "interval of repeated actions",
+    "src/listener/Listener.cpp kDrainStepMs": "interval of checks during a shutdown",
+    "src/listener/Listener.cpp kMemoryPauseMs": "pause without memory",
+    "src/listener/Listener.cpp kMaxProbeSeconds": "the system's",
+    "src/listener/Listener.cpp kPrefixBytes": "the protocol's",
+    "src/listener/Listener.h kNudgeConnections": "the daemon's",
+    "src/listener/Listener.h kNudgeMs": "bound of a wait of the daemon, see the page of event-driven mode",
+    "src/server/EventDaemon.cpp kFlags": "the daemon's",
+    "src/server/EventDaemon.cpp kNoConnectionLimit": "means: none",
+    "src/server/EventDaemon.cpp kNoTimeout": "means: none",
+    "src/server/EventDaemon.cpp kStrictForClient": "as in polling mode",
+    "src/server/EventDispatch.cpp kRetryAfterSeconds": "told with the rows of 503",
+    "src/server/EventServer.cpp kMaxThreads": "checked range of an option",
+    "src/server/EventServer.cpp kMaxConnections": "checked range of an option",
+    "src/server/EventServer.cpp kMinMemoryBytes": "checked range of an option",
+    "src/server/EventServer.cpp kMaxMemoryBytes": "checked range of an option",
+    "src/server/EventServer.cpp kMaxTimeout": "checked range of an option",
+    "src/server/EventServer.cpp kDescriptorsOfDaemon": "descriptors of a daemon",
+    "src/server/EventServer.cpp kMinConnections": "least number of connections",
+    "src/server/HttpServer.cpp kStateCheckIntervalMs": "interval of checks during a start",
     "include/Wendrel/HttpServer.h Parameters::reserved1": "not used",
     "include/Wendrel/HttpServer.h Parameters::reserved2": "not used",
     "include/Wendrel/HttpServer.h Parameters::reserved3": "not used",
@@ -80,8 +116,8 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options)\s*\{(.*?)\n\s*\};", re.S)
-MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*=\s*([^;]+);", re.M)
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions)\s*\{(.*?)\n\s*\};", re.S)
+MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
 ROW = re.compile(r"\[`([\w:]+?)(?:\((\w+)\))?`\]\(\.\./([^)]+)\)")
 
@@ -190,7 +226,7 @@ def key_of(name, argument, file):
     parts = name.split("::")
     if argument:
         return f"{file} {parts[-1]}({argument})"
-    if len(parts) > 1 and parts[-2] in ("Parameters", "Options"):
+    if len(parts) > 1 and parts[-2] in ("Parameters", "Options", "ServerOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 
@@ -233,7 +269,7 @@ def try_broken(page, files):
     for path, old, new in (
             ("src/request/RequestTarget.cpp", "kTargetLimitBytes = 4096", "kTargetLimitBytes = 4097"),
             ("src/streaming/ChunkPool.h", "kMaxBytes = 4 << 20", "kMaxBytes = 4 << 21"),
-            ("src/server/Dispatch.cpp", "0x1fffffff", "0x1ffffffe"),
+            ("src/server/ResponseQueue.cpp", "0x1fffffff", "0x1ffffffe"),
             ("kit/src/WebSocketHub.cpp", "kWatchInterval(50)", "kWatchInterval(60)"),
             ("kit/src/WebSocketHub.cpp", "kKeepAliveProbes = 4", "kKeepAliveProbes = 5"),
             ("kit/src/Deadline.h", "hours(24 * 365)", "hours(24 * 366)"),
