@@ -383,8 +383,10 @@ def neighbours(number):
     if "." in digits:
         value = float(digits)
         return [f"{other}{suffix}" for other in (value + 1, value - 1, 0.0)]
-    value = int(digits, 0)
-    form = hex if digits[:2].lower() == "0x" else str
+    if re.fullmatch("0[0-7]+", digits):
+        value, form = int(digits, 8), "0{:o}".format
+    else:
+        value, form = int(digits, 0), hex if digits[:2].lower() == "0x" else str
     if value == 0:
         return [f"1{suffix}"]
     return [f"{form(other)}{suffix}" for other in dict.fromkeys((value + 1, value - 1, 0))]

@@ -49,6 +49,7 @@ class Mutants(unittest.TestCase):
         self.assertEqual(
             bodies("int c = 0x1Fu;"), ["int c = 0x20u;", "int c = 0x1eu;", "int c = 0x0u;"]
         )
+        self.assertEqual(bodies("int c = 017;"), ["int c = 020;", "int c = 016;", "int c = 00;"])
         self.assertEqual(bodies("int c = 1;"), ["int c = 2;", "int c = 0;"])
         self.assertEqual(bodies("int c = 0;"), ["int c = 1;"])
         self.assertEqual(bodies("bool c = true;"), ["bool c = false;"])

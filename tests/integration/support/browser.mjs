@@ -1,16 +1,15 @@
 // Shared parts of the tests of pages in a real browser.
 
 import assert from 'node:assert/strict'
-import {spawn} from 'node:child_process'
-import {once} from 'node:events'
-import {createRequire} from 'node:module'
+import { spawn } from 'node:child_process'
+import { once } from 'node:events'
+import { createRequire } from 'node:module'
 import net from 'node:net'
-import {setTimeout} from 'node:timers/promises'
-import {fileURLToPath} from 'node:url'
+import { setTimeout } from 'node:timers/promises'
+import { fileURLToPath } from 'node:url'
 
 // Installed once, for filedrop's page.
-const {chromium} =
-    createRequire(new URL('../filedrop/package.json', import.meta.url))('playwright-core')
+const { chromium } = createRequire(new URL('../filedrop/package.json', import.meta.url))('playwright-core')
 
 const kChromium = process.env.CHROMIUM ?? '/usr/bin/chromium'
 const kPython = process.env.WENDREL_PYTHON ?? 'python3'
@@ -20,11 +19,9 @@ export const kLimitMs = 120000
 
 export function launchBrowser() {
     return chromium.launch({
-        executablePath : kChromium,
-        args : [
-            '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-            '--disable-background-networking', '--disable-component-update', '--disable-sync'
-        ],
+        executablePath: kChromium,
+        args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+            '--disable-background-networking', '--disable-component-update', '--disable-sync'],
     })
 }
 
@@ -40,7 +37,7 @@ export function watchPage(page, troubles, expected) {
 export function freePort() {
     return new Promise((resolve, reject) => {
         const probe = net.createServer()
-    probe.on('error', reject)
+        probe.on('error', reject)
         probe.listen(0, '127.0.0.1', () => {
             const { port } = probe.address()
             probe.close(() => resolve(port))
@@ -50,42 +47,40 @@ export function freePort() {
 
 // Starts a process; `ready` resolves with the match of `pattern` in its output.
 export function start(command, args, pattern) {
-    const process = spawn(command, args, {stdio : [ 'pipe', 'pipe', 'inherit' ]})
+    const process = spawn(command, args, { stdio: ['pipe', 'pipe', 'inherit'] })
     const ready = new Promise((resolve, reject) => {
         let text = ''
-    process.stdout.on('data', (data) => {
-        text += data
-        const found = text.match(pattern)
-        if (found)
-        resolve(found[0])
-    })
-    process.on('exit', (code) => reject(new Error(`${command} ended with ${code}`)))
+        process.stdout.on('data', (data) => {
+            text += data
+            const found = text.match(pattern)
+            if (found)
+                resolve(found[0])
+        })
+        process.on('exit', (code) => reject(new Error(`${command} ended with ${code}`)))
         process.on('error', reject)
     })
-        return
-        {
-            process, ready
-        }
+    return { process, ready }
 }
 
 // Ends a process unless it has ended; resolves with its exit code.
 export async function stop(process) {
     if (process.exitCode === null && process.signalCode === null) {
         const ended = once(process, 'exit')
-        process.kill('SIGTERM') await ended
+        process.kill('SIGTERM')
+        await ended
     }
     return process.exitCode
 }
 
 // A proxy configured as in deploy/; `ready` resolves with its address.
 export function startProxy(name, backendPort, ...options) {
-    return start(kPython, [ kProxyScript, ...options, name, String(backendPort) ], /https?:\/\/\S+/)
+    return start(kPython, [kProxyScript, ...options, name, String(backendPort)], /https?:\/\/\S+/)
 }
 
 export async function waitUntil(condition, what) {
     const end = Date.now() + kLimitMs
-    while (!await condition())
-    {
-        assert.ok(Date.now() < end, `timed out: ${what}`) await setTimeout(20)
+    while (!await condition()) {
+        assert.ok(Date.now() < end, `timed out: ${what}`)
+        await setTimeout(20)
     }
 }
