@@ -161,7 +161,8 @@ test('files can be dropped', async () => {
 
 test('a refused name is explained in words', async () => {
     await open()
-    for (const [name, words] of [['bad\u0001name', 'A name cannot contain control characters.'],
+    for (const [name, words] of [['bad\u0085name', 'A name cannot contain control characters.'],
+        ['bad\u0001name', 'percent-encoded control character in the path'],
         ['..', 'A file cannot have this name.'],
         ['n'.repeat(256), 'The name is longer than 255 bytes.'],
         ['.filedrop-upload-1', 'Names that begin like this are kept for unfinished uploads.']]) {
