@@ -69,15 +69,13 @@ bool Connection::beginHead(int64_t nowMs)
 bool Connection::beginRequest(HttpBaseRequest& request, MHD_Connection* handle, Phase next)
 {
     setPhase(next, kNoDeadline);
-    if (phase == Phase::Ended)
-        return false;
     progress = Progress();
     mHandle = handle;
     const qvMutexLocker locker(&mMutex);
     isAborted = false;
     isResponseLate = false;
     mRequest = &request;
-    return true;
+    return phase != Phase::Ended;
 }
 
 void Connection::endRequest(int64_t nowMs)

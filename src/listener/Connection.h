@@ -79,7 +79,8 @@ public:
     void continueUpload() override;
 
     // Daemon thread: the phases of a request, with their deadlines. `beginHead` and `beginRequest`
-    // return false when the listener has claimed the connection.
+    // return false when the listener has claimed the connection. A request that has begun is
+    // aborted then.
     bool beginHead(int64_t nowMs);
     bool beginRequest(HttpBaseRequest& request, MHD_Connection* handle, Phase next);
     void endRequest(int64_t nowMs);
