@@ -89,6 +89,17 @@ def upload_in_bursts(build):
             return watch(server, client, "the same, sent in bursts", settled_upload, None)
 
 
+def slow_consumer(build):
+    """curl sends as fast as the server reads; the worker reads 20 MB/s."""
+    with tempfile.NamedTemporaryFile() as file:
+        file.truncate(UPLOAD_BYTES)
+        with drive.Server(build, "server", ["--mode", "worker"], None) as server:
+            client = curl("--request", "POST", "--header", "Expect:", "--upload-file", file.name,
+                          f"http://127.0.0.1:{server.port}/slow-upload")
+            return watch(server, client, "upload of 1 GiB to a worker that reads 20 MB/s",
+                         lambda seconds: seconds > SETTLED_SECONDS, 1 << 20)
+
+
 def measure(build):
-    print("  memory: 1 GiB up, twice, then 4 GiB down at 10 MB/s (7 minutes)", flush=True)
-    return [even_upload(build), upload_in_bursts(build), slow_reader(build)]
+    print("  memory: 1 GiB up, three times, then 4 GiB down at 10 MB/s (8 minutes)", flush=True)
+    return [even_upload(build), upload_in_bursts(build), slow_consumer(build), slow_reader(build)]

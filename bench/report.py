@@ -8,10 +8,12 @@ import statistics
 import subprocess
 import tempfile
 
-OURS, FLOOR = "server", "bare"
-TITLES = {"server": "this library", "bare": "bare daemon", "civetweb": "civetweb",
-          "beast": "Boost.Beast"}
-COLOURS = {"server": "#1f5fa8", "bare": "#8a8a8a", "civetweb": "#c05a00", "beast": "#5a8f3c"}
+FLOOR = "bare"
+TITLES = {"event": "event-driven mode", "polling": "polling mode", "bare": "bare daemon",
+          "suspend": "bare daemon, suspending", "civetweb": "civetweb", "beast": "Boost.Beast"}
+COLOURS = {"event": "#1f5fa8", "polling": "#9cc0e6", "bare": "#8a8a8a", "suspend": "#bdbdbd",
+           "civetweb": "#c05a00", "beast": "#5a8f3c"}
+FIELDS = {"rate": "rate", "cpu_seconds": "processor time", "p99_ms": "p99"}
 BEGIN = "<!-- results: written by bench/run.sh -->"
 END = "<!-- end of results -->"
 MEBIBYTE = 1 << 20
@@ -31,10 +33,10 @@ def median(values):
     return statistics.median(known) if known else None
 
 
-def ratio(measurements, field):
-    """The median of the rounds' ratios of ours to the bare daemon's."""
+def ratio(measurements, server, other, field):
+    """The median of the rounds' ratios of one server to another."""
     pairs = [(getattr(ours, field), getattr(floor, field))
-             for ours, floor in zip(measurements[OURS], measurements[FLOOR])]
+             for ours, floor in zip(measurements[server], measurements[other])]
     return median([ours / floor if ours is not None and floor else None for ours, floor in pairs])
 
 
@@ -54,10 +56,23 @@ def at_most(name, value, limit):
     return Target(name, f"≤ {limit:.2f}", f"{value:.2f}", value <= limit)
 
 
+def targets_of(crowd):
+    if crowd.max_ping_p99_ms is None:
+        return
+    yield at_most(f"{crowd.name}: p99 of another client, ms", crowd.ping_p99_ms,
+                  crowd.max_ping_p99_ms)
+    yield at_most(f"{crowd.name}: share of a core, %", crowd.core_share * 100, 1)
+    if crowd.response_seconds is not None:
+        yield at_most(f"{crowd.name}: event to last response, s", crowd.response_seconds, 0.5)
+    if crowd.max_bytes_each is not None:
+        yield at_most(f"{crowd.name}: kB each", crowd.bytes_each / 1000, crowd.max_bytes_each / 1000)
+
+
 @dataclasses.dataclass
 class Result:
     found: dict  # {(row, placement): {server: [Measured]}}
     used: list
+    crowds: list
     small: list
     rounds: int
     seconds: int
@@ -65,16 +80,11 @@ class Result:
 
     def targets(self):
         for (row, placement), measurements in self.found.items():
-            if placement != HELD_ON:
-                continue
-            if row.min_rate is not None:
-                yield at_least(f"{row.name}: rate, ratio to bare", ratio(measurements, "rate"), row.min_rate)
-            if row.max_cpu is not None:
-                yield at_most(f"{row.name}: processor time for a request, ratio to bare",
-                           ratio(measurements, "cpu_seconds"), row.max_cpu)
-            if row.max_p99 is not None:
-                yield at_most(f"{row.name}: p99, ratio to bare", ratio(measurements, "p99_ms"),
-                           row.max_p99)
+            for goal in row.goals if placement == HELD_ON else ():
+                check = at_least if goal.field == "rate" else at_most
+                yield check(f"{row.name}: {FIELDS[goal.field]}, {TITLES[goal.server]} to "
+                            f"{TITLES[goal.other]}",
+                            ratio(measurements, goal.server, goal.other, goal.field), goal.limit)
         yield from self.targets_of_microbenchmarks()
         for used in self.used:
             if used.max_growth_bytes is None:
@@ -82,6 +92,9 @@ class Result:
             growth, limit = used.growth_bytes / MEBIBYTE, used.max_growth_bytes / MEBIBYTE
             yield Target(f"{used.name}: resident memory grows by, MiB", f"< {limit:.0f}",
                          f"{growth:.2f}", growth < limit)
+
+        for crowd in self.crowds:
+            yield from targets_of(crowd)
 
     def targets_of_microbenchmarks(self):
         benchmarks = {benchmark.name: benchmark for benchmark in self.small}
@@ -116,7 +129,7 @@ class Result:
                 if not measured:
                     continue
                 rates = [each.rate for each in measured]
-                compared = f"**{ratio(measurements, 'rate'):.2f}**" if name == OURS else ""
+                compared = f"{ratio(measurements, name, FLOOR, 'rate'):.2f}" if name != FLOOR else ""
                 lines.append(
                     f"| {row.name} | {TITLES[name]} | {number(median(rates))} {row.unit} | "
                     f"{number(min(rates))}–{number(max(rates))} | "
@@ -140,6 +153,16 @@ class Result:
                       f"{used.max_bytes / MEBIBYTE:.1f} MiB | "
                       f"{used.growth_bytes / MEBIBYTE:.2f} MiB | {used.seconds:.0f} s |"
                       for used in self.used]
+        if self.crowds:
+            lines += ["", "### Many connections", "",
+                      "| Connections | Server | another client: p50 ms | p99 ms | share of a core "
+                      "| kB each | event to last response |", "|---|---|---|---|---|---|---|"]
+            lines += [f"| {crowd.name} | {crowd.server} | {number(crowd.ping_p50_ms)} | "
+                      f"{number(crowd.ping_p99_ms)} | {crowd.core_share:.1%} | "
+                      f"{number(scaled(crowd.bytes_each, 1000))} | "
+                      f"{number(scaled(crowd.response_seconds, 1))}"
+                      f"{' s' if crowd.response_seconds is not None else ''} |"
+                      for crowd in self.crowds]
         if self.small:
             lines += ["", "### Microbenchmarks", "",
                       "| Microbenchmark | ns | GB/s | millions per second |", "|---|---|---|---|"]
@@ -155,6 +178,7 @@ class Result:
                                       for name, measured in measurements.items()}}
                          for (row, placement), measurements in self.found.items()],
                 "memory": [dataclasses.asdict(used) for used in self.used],
+                "connections": [dataclasses.asdict(crowd) for crowd in self.crowds],
                 "microbenchmarks": [dataclasses.asdict(benchmark) for benchmark in self.small],
                 "targets": [dataclasses.asdict(target) for target in self.targets()]}
 
@@ -206,9 +230,9 @@ def draw_chart(file, name, rows):
             points = pathlib.Path(work) / server
             lines = []
             for place, (_, measurements) in enumerate(rows):
-                rates = [each.rate for each in measurements[server]]
+                rates = [each.rate for each in measurements.get(server, [])]
                 if rates:
-                    x = place + (position - (len(COLOURS) - 1) / 2) * 0.2
+                    x = place + (position - (len(COLOURS) - 1) / 2) * 0.14
                     lines.append(f"{x:.3f} {median(rates):.6g} {min(rates):.6g} {max(rates):.6g}\n")
             if lines:
                 points.write_text("".join(lines))
@@ -220,7 +244,7 @@ def draw_chart(file, name, rows):
         script = "\n".join([
             'set terminal svg size 760,340 dynamic background "#ffffff" font "sans-serif,13"',
             f'set output "{file}"', f'set title "{name}, server and client on one core"',
-            f'set ylabel "{rows[0][0].unit}"', "set yrange [0:*]", "set boxwidth 0.18",
+            f'set ylabel "{rows[0][0].unit}"', "set yrange [0:*]", "set boxwidth 0.125",
             f"set xrange [-0.6:{len(rows) - 0.4}]", f"set xtics ({tics}) nomirror scale 0",
             "set ytics nomirror", 'set format y "%.1s%c"', "set grid y lc rgb '#dddddd' lt 1",
             "set border 3 lc rgb '#444444'", "set key outside right top Left reverse",

@@ -10,14 +10,18 @@ import sys
 import tempfile
 import time
 
+import connections
 import drive
 import memory
 import micro
 import report
 
 BUILD = pathlib.Path("build/bench/bench")
-OURS, FLOOR = "server", "bare"
-SERVERS = (OURS, FLOOR, "civetweb", "beast")
+# Name: the program and its options.
+SERVERS = {"event": ("server", ()), "polling": ("server", ("--polling",)), "bare": ("bare", ()),
+           "suspend": ("bare", ("--suspend",)), "civetweb": ("civetweb", ()), "beast": ("beast", ())}
+WITH_WEBSOCKETS = ("polling", "bare", "civetweb", "beast")
+ON_SEVERAL_CORES = ("event", "polling", "bare", "suspend", "beast")
 STREAM_BYTES = 1 << 30
 UPLOAD_BYTES = 512 << 20
 CORE = 0
@@ -25,8 +29,30 @@ EPOLL_EVENTS = 128  # fetched by the daemon at once
 
 
 @dataclasses.dataclass(frozen=True)
+class Goal:
+    """A target for the ratio of a server to another one: at least for rates, at most otherwise."""
+
+    server: str
+    other: str
+    field: str
+    limit: float
+
+
+def rate(server, other, limit):
+    return Goal(server, other, "rate", limit)
+
+
+def p99(server, other, limit):
+    return Goal(server, other, "p99_ms", limit)
+
+
+def cpu(server, other, limit):
+    return Goal(server, other, "cpu_seconds", limit)
+
+
+@dataclasses.dataclass(frozen=True)
 class Row:
-    """A workload; the targets are ratios to the bare daemon."""
+    """A workload."""
 
     name: str
     kind: str
@@ -34,28 +60,39 @@ class Row:
     unit: str
     connections: int = 1
     size: int = 0
-    min_rate: float | None = None
-    max_cpu: float | None = None
-    max_p99: float | None = None
+    goals: tuple[Goal, ...] = ()
 
 
 def rows():
-    for connections in (32, 256):
+    for connections, of_bare, of_beast in ((32, 1.10, 0.92), (256, 1.35, 1.0)):
         yield Row(f"hello inline {connections}", "hello", "inline", "requests/s", connections,
-                  min_rate=0.95, max_cpu=1.10)
-    for connections in (1, 32, 256):
+                  goals=(rate("event", "bare", of_bare), rate("event", "beast", of_beast),
+                         rate("polling", "bare", 0.95), cpu("polling", "bare", 1.10)))
+    for connections, of_suspending in ((1, None), (32, 0.90), (256, 0.88)):
+        goals = (rate("polling", "bare", 1.0), p99("polling", "bare", 1.0))
+        if of_suspending:
+            goals = (rate("event", "suspend", of_suspending), p99("event", "suspend", 1.2), *goals)
         yield Row(f"hello worker {connections}", "hello", "worker", "requests/s", connections,
-                  min_rate=1.0, max_p99=1.0)
+                  goals=goals)
     for mode in ("inline", "worker"):
-        yield Row(f"big {mode} 32", "big", mode, "requests/s", 32, min_rate=0.95)
+        yield Row(f"big {mode} 32", "big", mode, "requests/s", 32,
+                  goals=(rate("event", "bare", 0.95), rate("polling", "bare", 0.95)))
     for mode in ("inline", "worker"):
-        yield Row(f"stream {mode}", "stream", mode, "MiB/s", size=STREAM_BYTES, min_rate=0.95)
+        yield Row(f"stream {mode}", "stream", mode, "MiB/s", size=STREAM_BYTES,
+                  goals=(rate("polling", "bare", 0.95),))
     for mode in ("inline", "worker"):
-        yield Row(f"upload {mode}", "upload", mode, "MiB/s", size=UPLOAD_BYTES, min_rate=0.90)
+        yield Row(f"upload {mode}", "upload", mode, "MiB/s", size=UPLOAD_BYTES,
+                  goals=(rate("polling", "bare", 0.90),))
     for connections in (1, 50):
         yield Row(f"websocket 64 B {connections}", "websocket", "worker", "messages/s", connections,
-                  64, min_rate=1.0, max_p99=1.0)
-    yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20, min_rate=0.90)
+                  64, goals=(rate("polling", "bare", 1.0), p99("polling", "bare", 1.0)))
+    yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20,
+              goals=(rate("polling", "bare", 0.90),))
+
+
+def servers_of(row, placement):
+    names = WITH_WEBSOCKETS if row.kind == "websocket" else tuple(SERVERS)
+    return tuple(name for name in names if placement == "one core" or name in ON_SEVERAL_CORES)
 
 
 @dataclasses.dataclass
@@ -70,10 +107,11 @@ class Run:
         # each accepts. But the daemon stalls when exactly 128 connections of a thread, or a
         # multiple, are ready at once, which is likely when a thread has no others.
         threads = 1 if core is not None and row.connections < EPOLL_EVENTS else 2
-        options = ["--mode", row.mode, "--workers", workers, "--threads", threads]
+        program, options = SERVERS[name]
+        options = [*options, "--mode", row.mode, "--workers", workers, "--threads", threads]
         if row.kind == "websocket":
             options.append("--websocket")
-        with drive.Server(BUILD, name, options, core) as server:
+        with drive.Server(BUILD, program, options, core) as server:
             match row.kind:
                 case "hello" | "big":
                     return drive.wrk(server, f"/{row.kind}", row.connections, self.seconds, core)
@@ -95,15 +133,14 @@ def zeros(folder, size):
 
 def measure_all(arguments, wanted, placements):
     """{(row, placement): {server: [Measured, one a round]}}"""
-    found = {(row, placement): {name: [] for name in SERVERS}
+    found = {(row, placement): {name: [] for name in servers_of(row, placement)}
              for placement in placements for row in wanted}
     divisor = 4 if arguments.quick else 1
     with tempfile.TemporaryDirectory() as folder:
         run = Run(arguments.seconds, divisor, zeros(folder, UPLOAD_BYTES // divisor))
         for turn in range(arguments.rounds):
             for (row, placement), measurements in found.items():
-                # The other servers run on the shared core only.
-                names = SERVERS if placement == "one core" else SERVERS[:2]
+                names = list(measurements)
                 start = turn % len(names)
                 for name in names[start:] + names[:start]:
                     core = CORE if placement == "one core" else None
@@ -121,6 +158,7 @@ def arguments_of(words):
     parser.add_argument("--only", action="append", default=[])
     parser.add_argument("--no-micro", action="store_true")
     parser.add_argument("--no-memory", action="store_true")
+    parser.add_argument("--no-connections", action="store_true")
     parser.add_argument("--write", action="store_true")
     parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path("build/bench/results"))
     arguments = parser.parse_args(words)
@@ -141,11 +179,12 @@ def main():
     try:
         found = measure_all(arguments, wanted, placements)
         used = [] if arguments.no_memory or arguments.quick else memory.measure(BUILD)
+        crowds = [] if arguments.no_connections else connections.measure(BUILD)
         small = [] if arguments.no_micro else micro.measure(BUILD, arguments.quick)
     except drive.Failed as failure:
         sys.exit(f"run.py: {failure}")
     arguments.output.mkdir(parents=True, exist_ok=True)
-    result = report.Result(found, used, small, arguments.rounds, arguments.seconds,
+    result = report.Result(found, used, crowds, small, arguments.rounds, arguments.seconds,
                            (time.monotonic() - began) / 60)
     (arguments.output / "measurements.json").write_text(json.dumps(result.as_json(), indent=1) + "\n")
     text = result.markdown()

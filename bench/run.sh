@@ -5,7 +5,8 @@ set -euo pipefail
 usage() {
     cat <<'TEXT'
 Usage: bench/run.sh [--quick] [--rounds N] [--seconds N] [--only PATTERN]... [--no-micro]
-                    [--no-memory] [--write] [--output DIR] [--no-install] [--help]
+                    [--no-memory] [--no-connections] [--write] [--output DIR] [--no-install]
+                    [--help]
 
 Builds the servers in build/bench and drives each of them with the same clients: wrk for small and
 large responses, curl for streams and uploads, a WebSocket client of Boost.Beast. The servers
@@ -24,6 +25,8 @@ and does not fail the run.
   --only PATTERN  only rows whose name matches, such as 'hello*'; may be given several times
   --no-micro      without the microbenchmarks
   --no-memory     without the 4 GiB stream to a slow reader and the 1 GiB upload
+  --no-connections
+                  without the rows of many connections, waiting and idle
   --write         write tables and charts into docs/performance.md and docs/performance/
   --output DIR    directory of measurements, tables and charts (default: build/bench/results)
   --no-install    no Debian packages are installed
@@ -41,7 +44,7 @@ install=true
 arguments=()
 while (($# > 0)); do
     case "$1" in
-        --quick | --no-micro | --no-memory | --write) arguments+=("$1") ;;
+        --quick | --no-micro | --no-memory | --no-connections | --write) arguments+=("$1") ;;
         --rounds | --seconds | --only)
             (($# > 1)) || fail "$1 needs a value; see --help"
             arguments+=("$1" "$2")

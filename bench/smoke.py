@@ -11,6 +11,7 @@ import os
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 import unittest
 
@@ -34,20 +35,29 @@ def free_port():
 
 
 class Server(unittest.TestCase):
-    def check(self, program, mode):
+    def check(self, program, mode, *options, not_found=("/",), echoes=True):
         port = free_port()
+        process = self.start(program, "--port", str(port), "--mode", mode, *options,
+                             *(["--websocket"] if echoes else []))
+        self.assertEqual(process.stdout.readline(), f"listening on 127.0.0.1:{port}\n")
+        self.check_pages(port, not_found)
+        if echoes:
+            self.check_echo(port)
+        self.end(process)
+
+    def start(self, program, *options):
         process = subprocess.Popen(
-            [os.environ[program], "--port", str(port), "--mode", mode, "--workers", "6",
-             "--threads", "2", "--websocket"], stdout=subprocess.PIPE, text=True)
+            [os.environ[program], "--workers", "6", "--threads", "2", *options],
+            stdout=subprocess.PIPE, text=True)
         self.addCleanup(process.communicate)
         self.addCleanup(process.kill)
-        self.assertEqual(process.stdout.readline(), f"listening on 127.0.0.1:{port}\n")
-        self.check_pages(port)
-        self.check_echo(port)
+        return process
+
+    def end(self, process):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(LIMIT_SECONDS), 0)
 
-    def check_pages(self, port):
+    def check_pages(self, port, not_found):
         connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
         self.addCleanup(connection.close)
 
@@ -72,7 +82,7 @@ class Server(unittest.TestCase):
         self.assertEqual(ask("GET", "/slow?ms=50"), (200, b"Hello, World!", None))
         self.assertGreaterEqual(time.monotonic() - asked, 0.05)
         self.assertIs(connection.sock, opened, "the connection was closed")
-        for target in "/", "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
+        for target in *not_found, "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
             self.assertEqual(ask("GET", target)[0], 404, target)
 
     def check_echo(self, port):
@@ -84,17 +94,89 @@ class Server(unittest.TestCase):
             self.assertEqual((client.returncode, counts["errors"]), (0, 0), counts)
             self.assertGreater(counts["messages"], 0)
 
+    def check_bodies(self, port):
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        for target in "/", "/echo":
+            for method in "GET", "PUT", "POST", "DELETE", "OPTIONS", "PATCH", "TRACE":
+                for body in b"", b"some bytes", iter([PIECE] * 20):
+                    expected = short(PIECE * 20) if not isinstance(body, bytes) else body
+                    connection.request(method, target, body)
+                    response = connection.getresponse()
+                    self.assertEqual((response.status, short(response.read())), (200, expected))
+
     def test_server_inline(self):
-        self.check("BENCH_SERVER", "inline")
+        self.check("BENCH_SERVER", "inline", not_found=(), echoes=False)
 
     def test_server_worker(self):
-        self.check("BENCH_SERVER", "worker")
+        self.check("BENCH_SERVER", "worker", not_found=(), echoes=False)
+
+    def test_server_inline_polling(self):
+        self.check("BENCH_SERVER", "inline", "--polling", not_found=())
+
+    def test_server_worker_polling(self):
+        self.check("BENCH_SERVER", "worker", "--polling", not_found=())
+
+    def test_server_responds_with_the_body(self):
+        for mode in "inline", "worker":
+            for options in [], ["--polling"]:
+                with self.subTest(mode=mode, options=options):
+                    port = free_port()
+                    process = self.start("BENCH_SERVER", "--port", str(port), "--mode", mode, *options)
+                    process.stdout.readline()
+                    self.check_bodies(port)
+                    self.end(process)
+
+    def test_server_listens_on_endpoints(self):
+        with tempfile.TemporaryDirectory() as folder:
+            process = self.start("BENCH_SERVER", "--listen", "127.0.0.1:0", "--listen",
+                                 f"unix:{folder}/socket")
+            address = process.stdout.readline().removeprefix("listening on ").strip()
+            self.assertRegex(address, r"^127\.0\.0\.1:[1-9]\d*$")
+            self.assertEqual(process.stdout.readline(), f"listening on unix:{folder}/socket\n")
+            for options in [f"http://{address}/hello"], ["--unix-socket", f"{folder}/socket",
+                                                         "http://localhost/hello"]:
+                run = subprocess.run(["curl", "--silent", "--fail", *options], text=True,
+                                     stdout=subprocess.PIPE, timeout=LIMIT_SECONDS)
+                self.assertEqual((run.returncode, run.stdout), (0, "Hello, World!"))
+            self.end(process)
+
+    def test_server_lets_requests_wait(self):
+        port = free_port()
+        process = self.start("BENCH_SERVER", "--port", str(port))
+        process.stdout.readline()
+        waiting = [http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+                   for _ in range(40)]
+        for connection in waiting:
+            self.addCleanup(connection.close)
+            connection.request("GET", "/wait")
+        other = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+        self.addCleanup(other.close)
+
+        def ask(target):
+            other.request("GET", target)
+            return other.getresponse().read()
+
+        end = time.monotonic() + LIMIT_SECONDS
+        while ask("/waiting") != b"40":
+            self.assertLess(time.monotonic(), end)
+        self.assertEqual(ask("/release"), b"40")
+        for connection in waiting:
+            response = connection.getresponse()
+            self.assertEqual((response.status, response.read()), (200, b"Hello, World!"))
+        self.end(process)
 
     def test_bare_inline(self):
         self.check("BENCH_BARE", "inline")
 
     def test_bare_worker(self):
         self.check("BENCH_BARE", "worker")
+
+    def test_bare_inline_suspending(self):
+        self.check("BENCH_BARE", "inline", "--suspend")
+
+    def test_bare_worker_suspending(self):
+        self.check("BENCH_BARE", "worker", "--suspend")
 
     def test_civetweb(self):
         self.check("BENCH_CIVETWEB", "inline")
@@ -127,7 +209,21 @@ class CommandLine(unittest.TestCase):
                     run = subprocess.run([os.environ[program], "--port", port],
                                          capture_output=True, text=True, timeout=LIMIT_SECONDS)
                     self.assertEqual((run.returncode, run.stdout), (1, ""))
-                    self.assertIn(f"cannot listen on port {port}", run.stderr)
+                    place = "127.0.0.1:" if program == "BENCH_SERVER" else "port "
+                    self.assertIn(f"cannot listen on {place}{port}", run.stderr)
+            run = subprocess.run([os.environ["BENCH_SERVER"], "--polling", "--port", port],
+                                 capture_output=True, text=True, timeout=LIMIT_SECONDS)
+            self.assertEqual((run.returncode, run.stdout), (1, ""))
+            self.assertIn(f"cannot listen on port {port}", run.stderr)
+
+    def test_wants_one_place_to_listen_on(self):
+        for options in [], ["--port", "1", "--listen", "127.0.0.1:0"], \
+                ["--listen", "127.0.0.1:0", "--polling"], ["--listen", "127.0.0.1:0", "--websocket"]:
+            with self.subTest(options):
+                run = subprocess.run([os.environ["BENCH_SERVER"], *options], capture_output=True,
+                                     text=True, timeout=LIMIT_SECONDS)
+                self.assertEqual((run.returncode, run.stdout), (2, ""))
+                self.assertIn("--listen", run.stderr)
 
     def test_client_counts_what_fails(self):
         run = subprocess.run(

@@ -12,7 +12,8 @@
 namespace bench
 {
 
-Exchange::Exchange(const Question& question) : mQuestion(question)
+Exchange::Exchange(const Question& question, MHD_Connection* connection)
+    : mQuestion(question), mConnection(connection)
 {
     if (question.page == Page::Stream)
         mStream = std::make_unique<StreamBuffer>();
@@ -44,7 +45,7 @@ void Exchange::serve()
     case Page::Upload:
         countUpload();
         break;
-    case Page::NotFound:
+    default:
         announce(makeLasting(kNotFound));
         break;
     }
@@ -52,14 +53,28 @@ void Exchange::serve()
 
 void Exchange::announce(MHD_Response* response)
 {
-    mResponse.store(response, std::memory_order_release);
+    if (!mConnection) {
+        mResponse.store(response, std::memory_order_release);
+        return;
+    }
+    const std::lock_guard locker(mMutex);
+    mResponse.store(response, std::memory_order_relaxed);
+    mSuspension.resume();
 }
 
 MHD_Response* Exchange::takeResponse()
 {
-    MHD_Response* response = mResponse.load(std::memory_order_acquire);
-    if (response)
-        mResponse.store(nullptr, std::memory_order_relaxed);
+    if (!mConnection) {
+        MHD_Response* response = mResponse.load(std::memory_order_acquire);
+        if (response)
+            mResponse.store(nullptr, std::memory_order_relaxed);
+        return response;
+    }
+    const std::lock_guard locker(mMutex);
+    MHD_Response* const response = mResponse.load(std::memory_order_relaxed);
+    mResponse.store(nullptr, std::memory_order_relaxed);
+    if (!response && mTakes++ != 0)
+        mSuspension.suspend(mConnection);
     return response;
 }
 
@@ -70,8 +85,9 @@ unsigned int Exchange::getStatus() const
 
 ssize_t Exchange::ReadStream(void* closure, uint64_t, char* buffer, size_t size)
 {
+    auto& exchange = *static_cast<Exchange*>(closure);
     bool ended = false;
-    const size_t count = static_cast<Exchange*>(closure)->mStream->read(buffer, size, ended);
+    const size_t count = exchange.mStream->read(buffer, size, ended, exchange.mConnection);
     return count == 0 && ended ? MHD_CONTENT_READER_END_OF_STREAM : static_cast<ssize_t>(count);
 }
 

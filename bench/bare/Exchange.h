@@ -22,12 +22,15 @@ namespace bench
 class Exchange
 {
 public:
-    explicit Exchange(const Question& question);
+    // Waits suspended if `connection` is given, by polling otherwise.
+    Exchange(const Question& question, MHD_Connection* connection);
 
     // Serves the request completely. Thread: a worker.
     void serve();
 
-    // The response, once; null until it is ready. Thread: the daemon's.
+    // The response, once; null until it is ready. The second null suspends the connection: the
+    // first is returned before the daemon has left the state in which it reads. Thread: the
+    // daemon's.
     MHD_Response* takeResponse();
 
     unsigned int getStatus() const;
@@ -52,6 +55,10 @@ private:
     void countUpload();
 
     const Question mQuestion;
+    MHD_Connection* const mConnection;  // null: polled
+    std::mutex mMutex;
+    Suspension mSuspension;  // under mMutex
+    int mTakes = 0;          // the daemon's
     std::atomic<MHD_Response*> mResponse{nullptr};
     std::atomic<int> mUsers{2};
     bool mFed = false;  // the daemon's

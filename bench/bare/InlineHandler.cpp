@@ -61,7 +61,7 @@ MHD_Result respond(MHD_Connection* connection, const char* path, const char* met
         // NOLINTEND(performance-no-int-to-ptr)
     case Page::Upload:
         return queueAndDestroy(connection, MHD_HTTP_OK, makeCopied(std::to_string(uploadedBytes)));
-    case Page::NotFound:
+    default:
         break;
     }
     return queueAndDestroy(connection, MHD_HTTP_NOT_FOUND, makeLasting(kNotFound));

@@ -33,6 +33,7 @@ bool StreamBuffer::write(const char* data, size_t count)
     std::memcpy(mRing.get(), data + part, count - part);
     const std::lock_guard locker(mMutex);
     mWritten += count;
+    mSuspension.resume();
     return true;
 }
 
@@ -40,15 +41,18 @@ void StreamBuffer::end()
 {
     const std::lock_guard locker(mMutex);
     mEnded = true;
+    mSuspension.resume();
 }
 
-size_t StreamBuffer::read(char* buffer, size_t size, bool& ended)
+size_t StreamBuffer::read(char* buffer, size_t size, bool& ended, MHD_Connection* connection)
 {
     uint64_t available = 0;
     {
         const std::lock_guard locker(mMutex);
         available = mWritten - mRead;
         ended = mEnded;
+        if (available == 0 && !ended && connection)
+            mSuspension.suspend(connection);
     }
     const size_t count = std::min<uint64_t>(available, size);
     if (count == 0)

@@ -2,6 +2,8 @@
 #ifndef BENCH_BARE_STREAMBUFFER_H
 #define BENCH_BARE_STREAMBUFFER_H
 
+#include "bare/Suspension.h"
+
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -23,8 +25,9 @@ public:
     // No more will be written.
     void end();
 
-    // Takes up to `size` bytes, or 0 with `ended` saying whether more may come. Never waits.
-    size_t read(char* buffer, size_t size, bool& ended);
+    // Takes up to `size` bytes, or 0 with `ended` saying whether more may come. Never waits, but
+    // suspends `connection`, unless null, until more has come.
+    size_t read(char* buffer, size_t size, bool& ended, MHD_Connection* connection);
 
     // Nothing more will be read.
     void close();
@@ -37,6 +40,7 @@ private:
     bool mWriterWaits = false;
     bool mEnded = false;
     bool mClosed = false;
+    Suspension mSuspension;  // under mMutex
     std::unique_ptr<char[]> mRing;
 };
 

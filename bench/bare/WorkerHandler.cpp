@@ -1,5 +1,5 @@
 // The pages of the benchmark, served by workers. Until the response is ready each poll of the
-// daemon returns at once.
+// daemon returns at once, or the connection is suspended.
 
 #include "bare/WorkerHandler.h"
 
@@ -16,7 +16,8 @@ MHD_Result begin(WorkerService& service, MHD_Connection* connection, const char*
 {
     if (service.echo && asksForUpgrade(connection))
         return acceptUpgrade(connection, *service.echo);
-    auto* exchange = new Exchange(questionOf(connection, method, path));
+    auto* exchange =
+        new Exchange(questionOf(connection, method, path), service.suspends ? connection : nullptr);
     *slot = exchange;
     service.queue.push(exchange);
     return MHD_YES;

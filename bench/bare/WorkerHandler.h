@@ -14,6 +14,7 @@ struct WorkerService
 {
     WorkQueue& queue;
     EchoLoop* echo;  // takes upgraded connections; null: none are upgraded
+    bool suspends;   // connections that wait
 };
 
 // `service` must outlive the daemon.

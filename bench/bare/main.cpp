@@ -18,9 +18,9 @@ namespace
 constexpr const char* kAbout =
     "On libmicrohttpd alone, with the flags and options that the library gives it. inline: on the\n"
     "daemon's threads. worker: on --workers threads behind a queue; the daemon is told at once,\n"
-    "whenever it polls, that there is no response yet. WebSockets have a poll thread and "
-    "--workers\n"
-    "threads of their own in both.";
+    "whenever it polls, that there is no response yet, or with --suspend suspended until there "
+    "is.\n"
+    "WebSockets have a poll thread and --workers threads of their own in both.";
 
 bool serve(const bench::Options& options, bench::StopSignal& stopSignal,
            const bench::Handlers& handlers, bench::EchoLoop* echo)
@@ -33,6 +33,7 @@ bool serve(const bench::Options& options, bench::StopSignal& stopSignal,
     // The connections must be closed while the daemon is still there to close them.
     if (echo)
         echo->stop();
+    bench::Suspension::End();
     return true;
 }
 
@@ -42,7 +43,8 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    if (!bench::parseOptions(argc, argv, "wendrel-bench-bare", kAbout, options, exitCode))
+    const bench::Program program{.name = "wendrel-bench-bare", .about = kAbout, .canSuspend = true};
+    if (!bench::parseOptions(argc, argv, program, options, exitCode))
         return exitCode;
     bench::StopSignal stopSignal;  // before any thread
     std::unique_ptr<bench::EchoLoop> echo;
@@ -54,7 +56,7 @@ int main(int argc, char** argv)
         served = serve(options, stopSignal, bench::inlineHandlers(echo.get()), echo.get());
     } else {
         bench::WorkQueue queue(options.workers);
-        bench::WorkerService service{queue, echo.get()};
+        bench::WorkerService service{queue, echo.get(), options.suspend};
         served = serve(options, stopSignal, bench::workerHandlers(service), echo.get());
     }
     if (!served)

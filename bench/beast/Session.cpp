@@ -136,7 +136,7 @@ Awaitable<bool> Session::respond(const Request& request, const Question& questio
         co_return co_await stream(request, question.number);
     case Page::Upload:
         co_return co_await reply(request, http::status::ok, std::to_string(uploaded));
-    case Page::NotFound:
+    default:
         break;
     }
     co_return co_await reply(request, http::status::not_found, kNotFound);

@@ -52,7 +52,7 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    if (!bench::parseOptions(argc, argv, "wendrel-bench-beast", kAbout, options, exitCode))
+    if (!bench::parseOptions(argc, argv, {"wendrel-bench-beast", kAbout}, options, exitCode))
         return exitCode;
     bench::StopSignal stopSignal;  // before any thread
     try {

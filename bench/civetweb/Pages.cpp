@@ -98,7 +98,7 @@ int serve(mg_connection* connection, void*)
     case Page::Upload:
         countUpload(connection);
         return kOk;
-    case Page::NotFound:
+    default:
         break;
     }
     reply(connection, "HTTP/1.1 404 Not Found", kNotFound);

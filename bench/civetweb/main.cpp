@@ -61,7 +61,7 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    if (!bench::parseOptions(argc, argv, "wendrel-bench-civetweb", kAbout, options, exitCode))
+    if (!bench::parseOptions(argc, argv, {"wendrel-bench-civetweb", kAbout}, options, exitCode))
         return exitCode;
     if (options.webSocket && mg_check_feature(MG_FEATURES_WEBSOCKET) == 0) {
         std::cerr << "wendrel-bench-civetweb: this civetweb has no WebSockets" << std::endl;

@@ -3,14 +3,16 @@
 #include "server/InlineApplication.h"
 
 #include "server/Echo.h"
+#include "server/Listening.h"
+#include "support/Content.h"
 #include "support/StopSignal.h"
 
 #include <Wendrel/Wendrel.h>
-#include <qvSystem/qvThread.h>
 
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <string>
 
 namespace bench
 {
@@ -22,11 +24,10 @@ constexpr uint64_t kUnreadLimitBytes = 262144;
 
 constexpr size_t kMaxConnections = 1020;
 constexpr std::chrono::milliseconds kLastWordsLimit(1000);
-constexpr unsigned long kStateIntervalMs = 1;
 
-bool mustWait(const Question& question)
+bool mustWait(const Question& question, const InlineRequest& request)
 {
-    return question.page == Page::Upload ||
+    return question.page == Page::Upload || (question.page == Page::Echo && request.hasBody()) ||
            (question.page == Page::Stream && question.number > kUnreadLimitBytes);
 }
 
@@ -39,19 +40,6 @@ public:
     Initialized(const Initialized&) = delete;
     Initialized& operator=(const Initialized&) = delete;
 };
-
-bool start(qv::http::HttpServer& server, const Options& options)
-{
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = options.port;
-    parameters.threadPoolSize = options.threads;
-    parameters.allowWebSocket = options.webSocket;
-    server.startServer(parameters);
-    // The server offers no condition to wait on, only its state.
-    while (server.getState() == qv::http::HttpServer::Starting)
-        qv::qvThread::msleep(kStateIntervalMs);
-    return server.getState() == qv::http::HttpServer::Running;
-}
 
 }  // namespace
 
@@ -68,10 +56,41 @@ void InlineApplication::handleRequest(qv::HttpBaseRequest* base)
 {
     auto* request = static_cast<InlineRequest*>(base);
     const Question question = request->getQuestion();
-    if (!mustWait(question))
+    if (question.page == Page::Wait)
+        addWaiting(request);
+    else if (question.page == Page::Waiting)
+        request->serveText(std::to_string(countWaiting()));
+    else if (question.page == Page::Release)
+        request->serveText(std::to_string(releaseWaiting()));
+    else if (!mustWait(question, *request))
         request->serve(question);
     else if (!mPool.submit([request, question] { request->serve(question); }))
         request->serve(Question{});
+}
+
+void InlineApplication::addWaiting(InlineRequest* request)
+{
+    const std::lock_guard locker(mMutex);
+    mWaiting.push_back(request);
+}
+
+size_t InlineApplication::countWaiting()
+{
+    const std::lock_guard locker(mMutex);
+    return mWaiting.size();
+}
+
+// Clients that have left are among them.
+size_t InlineApplication::releaseWaiting()
+{
+    std::vector<InlineRequest*> released;
+    {
+        const std::lock_guard locker(mMutex);
+        released.swap(mWaiting);
+    }
+    for (InlineRequest* request : released)
+        request->serveText(kHello);
+    return released.size();
 }
 
 void InlineApplication::onNewWebSocket(qv::http::WebSocket* socket)
@@ -95,10 +114,10 @@ bool serveInline(const Options& options)
     StopSignal stopSignal;
     const Initialized initialized;
     qv::http::HttpServer server(std::make_unique<InlineApplication>(options).release());
-    if (!start(server, options))
+    if (!startServer(server, options))
         return false;
-    announceListening(options.port);
     stopSignal.wait();
+    shutDownServer(server, options);
     server.stopServer(true);
     return true;
 }

@@ -9,7 +9,9 @@
 #include <Wendrel/kit/WebSocketHub.h>
 #include <Wendrel/kit/WorkerPool.h>
 
-#include <cstdint>
+#include <cstddef>
+#include <mutex>
+#include <vector>
 
 namespace bench
 {
@@ -29,7 +31,13 @@ private:
     void onServerStopped() override;
     void onRequestCompleted() override;
 
+    void addWaiting(InlineRequest* request);
+    size_t countWaiting();
+    size_t releaseWaiting();
+
     RequestBins mBins;
+    std::mutex mMutex;
+    std::vector<InlineRequest*> mWaiting;  // under mMutex; not served, so not deleted either
     qv::kit::WebSocketHub mHub;
     qv::kit::WorkerPool mPool;  // last: its threads use requests
 };

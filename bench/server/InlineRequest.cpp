@@ -18,7 +18,11 @@ namespace
 {
 
 constexpr uint32_t kOk = 200;
+constexpr uint32_t kBadRequest = 400;
 constexpr uint32_t kNotFoundStatus = 404;
+constexpr uint32_t kTooLarge = 413;
+constexpr uint32_t kNotImplemented = 501;
+constexpr uint64_t kMaxEchoBytes = 67108864;
 
 const qv::HttpResponseInterface::HeaderMap kHeaders = {
     {"content-type", {"Content-Type", kContentType}}};
@@ -50,12 +54,36 @@ std::string InlineHead::describe()
 Question InlineRequest::getQuestion() const
 {
     if (hasParseError())
-        return {};
-    return parseQuestion(RequestTypeToString(getRequestType()), getUrl().path(),
+        return {Page::Refused,
+                getRequestType() == UNKNOWN_HTTP_METHOD ? kNotImplemented : kBadRequest};
+    const std::string& path = getUrl().path();
+    if (path == "/" || path == "/echo" || getOriginalFullUrl() == "*")
+        return {Page::Echo};
+    if (path == "/wait")
+        return {Page::Wait};
+    if (path == "/waiting")
+        return {Page::Waiting};
+    if (path == "/release")
+        return {Page::Release};
+    return parseQuestion(RequestTypeToString(getRequestType()), path,
                          [this](const char* name) -> std::string_view {
                              const auto* values = getQueryParameter(name);
                              return values ? std::string_view(values->front()) : std::string_view();
                          });
+}
+
+bool InlineRequest::hasBody() const
+{
+    const auto* const length = getHeader("content-length");
+    return getHeader("transfer-encoding") || (length && length->front() != "0");
+}
+
+void InlineRequest::serveText(const std::string& text)
+{
+    workerThreadStartHandling(qv::qvThread::CurrentThreadId());
+    reply(kOk, text);
+    workerThreadStopHandling(qv::qvThread::CurrentThreadId());
+    mServed.store(true, std::memory_order_release);
 }
 
 void InlineRequest::serve(const Question& question)
@@ -78,7 +106,13 @@ void InlineRequest::serve(const Question& question)
     case Page::Upload:
         countUpload();
         break;
-    case Page::NotFound:
+    case Page::Echo:
+        echo();
+        break;
+    case Page::Refused:
+        reply(static_cast<uint32_t>(question.number), getParseError());
+        break;
+    default:
         reply(kNotFoundStatus, kNotFound);
         break;
     }
@@ -113,12 +147,34 @@ void InlineRequest::stream(uint64_t bytes)
 // An aborted upload counts as well: nobody reads the response.
 void InlineRequest::countUpload()
 {
+    reply(kOk, std::to_string(readBody([](const char*, size_t) {})));
+}
+
+void InlineRequest::echo()
+{
+    std::string body;
+    uint64_t bytes = 0;
+    if (hasBody()) {
+        bytes = readBody([&body](const char* data, size_t size) {
+            if (body.size() + size <= kMaxEchoBytes)
+                body.append(data, size);
+        });
+    }
+    reply(bytes == body.size() ? kOk : kTooLarge, body);
+}
+
+// Returns the number of bytes.
+uint64_t InlineRequest::readBody(const std::function<void(const char*, size_t)>& take)
+{
     qv::HttpReceiveDevice& device = getReceiveDevice();
     std::array<char, kPieceBytes> piece;
     uint64_t bytes = 0;
-    while (!device.atEnd())
-        bytes += device.readBytes(piece.data(), piece.size());
-    reply(kOk, std::to_string(bytes));
+    while (!device.atEnd()) {
+        const size_t got = device.readBytes(piece.data(), piece.size());
+        take(piece.data(), got);
+        bytes += got;
+    }
+    return bytes;
 }
 
 // The library does not end the wait when the connection is closed.

@@ -8,7 +8,9 @@
 #include <Wendrel/HttpRequest.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace bench
@@ -35,11 +37,17 @@ private:
 class InlineRequest : public qv::HttpBaseRequest, private qv::HttpWaitListener
 {
 public:
-    // The requested page; not found for a request with a parse error.
+    // The requested page.
     Question getQuestion() const;
+
+    // Whether the head announces a body.
+    bool hasBody() const;
 
     // Serves the request completely.
     void serve(const Question& question);
+
+    // Serves the request with `text`.
+    void serveText(const std::string& text);
 
     // Served, and the daemon is done with it, too: may be deleted. Any thread but inside the
     // callback that completes it.
@@ -52,6 +60,8 @@ private:
     void reply(uint32_t status, const std::string& body);
     void stream(uint64_t bytes);
     void countUpload();
+    void echo();
+    uint64_t readBody(const std::function<void(const char*, size_t)>& take);
     void onWaitingForData() override;
 
     InlineHead mHead;

@@ -3,6 +3,7 @@
 #include "server/WorkerApplication.h"
 
 #include "server/Echo.h"
+#include "server/Listening.h"
 #include "support/Content.h"
 #include "support/Question.h"
 #include "support/StopSignal.h"
@@ -26,6 +27,12 @@ using qv::kit::Request;
 
 constexpr uint32_t kOk = 200;
 constexpr uint32_t kNotFoundStatus = 404;
+constexpr uint32_t kTooLarge = 413;
+constexpr uint64_t kSlowBytesPerMicrosecond = 20;
+constexpr uint64_t kMaxEchoBytes = 67108864;
+constexpr int kAnyMethod = HttpBaseRequest::OPTIONS | HttpBaseRequest::GET | HttpBaseRequest::POST |
+                           HttpBaseRequest::PUT | HttpBaseRequest::DELETE | HttpBaseRequest::TRACE |
+                           HttpBaseRequest::PATCH | HttpBaseRequest::HEAD;
 constexpr std::chrono::milliseconds kLastWordsLimit(1000);
 constexpr std::chrono::milliseconds kStopLimit(2000);
 
@@ -77,6 +84,32 @@ void countUpload(Request& request)
     request.reply(kOk, kContentType, std::to_string(bytes));
 }
 
+// As a slow disk would.
+void countSlowly(Request& request)
+{
+    std::array<char, kPieceBytes> piece;
+    uint64_t bytes = 0;
+    qv::kit::BodyResult result = qv::kit::BodyResult::More;
+    const auto start = std::chrono::steady_clock::now();
+    while (result == qv::kit::BodyResult::More) {
+        size_t got = 0;
+        result = request.readBody(piece.data(), piece.size(), got);
+        bytes += got;
+        std::this_thread::sleep_until(start +
+                                      std::chrono::microseconds(bytes / kSlowBytesPerMicrosecond));
+    }
+    request.reply(kOk, kContentType, std::to_string(bytes));
+}
+
+void echo(Request& request)
+{
+    std::string body;
+    if (request.readWholeBody(kMaxEchoBytes, body) == qv::kit::BodyResult::TooLarge)
+        request.replyError(kTooLarge, "the body is too large");
+    else
+        request.reply(kOk, kContentType, body);
+}
+
 qv::kit::Application::Options kitOptions(const bench::Options& options)
 {
     qv::kit::Application::Options kit;
@@ -102,6 +135,9 @@ void WorkerApplication::addRoutes()
     router.add(HttpBaseRequest::GET, "/stream", stream);
     router.add(HttpBaseRequest::GET, "/slow", respondSlowly);
     router.add(HttpBaseRequest::POST, "/upload", countUpload);
+    router.add(HttpBaseRequest::POST, "/slow-upload", countSlowly);
+    for (const char* path : {"/", "/echo"})
+        router.add(kAnyMethod, path, echo);
 }
 
 void WorkerApplication::onNewWebSocket(qv::http::WebSocket* socket)
@@ -120,14 +156,10 @@ bool serveWithWorkers(const bench::Options& options)
 {
     StopSignal stopSignal;
     qv::kit::Server server(std::make_unique<WorkerApplication>(options));
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = options.port;
-    parameters.threadPoolSize = options.threads;
-    parameters.allowWebSocket = options.webSocket;
-    if (!server.start(parameters))
+    if (!startServer(server.getHttpServer(), options))
         return false;
-    announceListening(options.port);
     stopSignal.wait();
+    shutDownServer(server.getHttpServer(), options);
     server.stop(kStopLimit);
     return true;
 }

@@ -6,16 +6,17 @@
 
 #include <qvSystem/qvLog.h>
 
-#include <iostream>
-
 namespace
 {
 
 constexpr const char* kAbout =
+    "Also responds to any method on / and /echo with the body of the request.\n"
     "On this library. inline: each response is complete before handleRequest returns, on the\n"
-    "daemon's thread; only uploads and streams of more than 256 KiB, which would wait there for\n"
-    "that thread itself, go to a pool of --workers threads. worker: by the kit's router, on a\n"
-    "pool of --workers threads. WebSockets have --workers threads of their own in both.";
+    "daemon's thread; only requests with a body and streams of more than 256 KiB, which would\n"
+    "wait there for that thread itself, go to a pool of --workers threads; GET /wait responds\n"
+    "when GET /release is requested, GET /waiting tells how many wait. worker: by the kit's\n"
+    "router, on a pool of --workers threads. WebSockets exist in polling mode only, which\n"
+    "--websocket selects; they have --workers threads of their own.";
 
 }  // namespace
 
@@ -23,8 +24,11 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    if (!bench::parseOptions(argc, argv, "wendrel-bench-server", kAbout, options, exitCode))
+    const bench::Program program{
+        .name = "wendrel-bench-server", .about = kAbout, .hasEndpoints = true};
+    if (!bench::parseOptions(argc, argv, program, options, exitCode))
         return exitCode;
+    options.polling = options.polling || options.webSocket;
     // Clients that break off are no news here.
     qv::qvLog log;
     log.setMinimumLevel(qv::qvLog::Error);
@@ -33,7 +37,5 @@ int main(int argc, char** argv)
 
     const bool served = options.mode == bench::Mode::Inline ? bench::serveInline(options)
                                                             : bench::serveWithWorkers(options);
-    if (!served)
-        std::cerr << "wendrel-bench-server: cannot listen on port " << options.port << std::endl;
     return served ? 0 : 1;
 }

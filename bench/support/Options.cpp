@@ -20,17 +20,15 @@ constexpr const char* kPages =
 
 }  // namespace
 
-bool parseOptions(int argc, char** argv, const std::string& program, const std::string& about,
-                  Options& options, int& exitCode)
+bool parseOptions(int argc, char** argv, const Program& program, Options& options, int& exitCode)
 {
     const std::map<std::string, Mode> modes = {{"inline", Mode::Inline}, {"worker", Mode::Worker}};
     std::string mode = "inline";
-    CLI::App app(kPages + about, program);
+    CLI::App app(kPages + program.about, program.name);
     app.option_defaults()->always_capture_default();
-    app.add_option("--port", options.port, "TCP port to listen on")
-        ->type_name("NUMBER")
-        ->required()
-        ->check(CLI::Range(1, 65535));
+    CLI::Option* const port = app.add_option("--port", options.port, "TCP port to listen on")
+                                  ->type_name("NUMBER")
+                                  ->check(CLI::Range(1, 65535));
     app.add_option("--mode", mode, "Where requests are served")
         ->check(CLI::IsMember({"inline", "worker"}));
     app.add_option("--workers", options.workers, "Threads of the pool that serves requests")
@@ -40,8 +38,25 @@ bool parseOptions(int argc, char** argv, const std::string& program, const std::
         ->type_name("NUMBER")
         ->check(CLI::Range(1U, kMaxThreads));
     app.add_flag("--websocket", options.webSocket, "Upgrade connections to WebSockets");
+    if (program.hasEndpoints) {
+        CLI::Option* const polling =
+            app.add_flag("--polling", options.polling, "Polling mode instead of event-driven mode");
+        app.add_option("--listen", options.listen,
+                       "Endpoint to listen on in place of the port; may be given several times")
+            ->type_name("ENDPOINT")
+            ->excludes(polling)
+            ->excludes(port)
+            ->excludes(app.get_option("--websocket"));
+    } else {
+        port->required();
+    }
+    if (program.canSuspend)
+        app.add_flag("--suspend", options.suspend,
+                     "Suspend connections that wait for a worker; 32 KiB of memory for each");
     try {
         app.parse(argc, argv);
+        if (options.port == 0 && options.listen.empty())
+            throw CLI::RequiredError("--port or --listen");
     } catch (const CLI::ParseError& error) {
         exitCode = app.exit(error) == 0 ? 0 : kWrongUse;
         return false;

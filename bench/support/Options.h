@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace bench
 {
@@ -20,12 +21,22 @@ struct Options
     unsigned workers = 4;
     unsigned threads = 1;
     bool webSocket = false;
+    bool polling = false;             // this library only
+    std::vector<std::string> listen;  // this library only; in place of the port
+    bool suspend = false;             // the bare daemon only
+};
+
+// A server, as its help describes it.
+struct Program
+{
+    std::string name;
+    std::string about;
+    bool hasEndpoints = false;  // --listen and --polling
+    bool canSuspend = false;    // --suspend
 };
 
 // False: the process must exit with `exitCode`; the message has been printed.
-// `about` describes this server.
-bool parseOptions(int argc, char** argv, const std::string& program, const std::string& about,
-                  Options& options, int& exitCode);
+bool parseOptions(int argc, char** argv, const Program& program, Options& options, int& exitCode);
 
 }  // namespace bench
 

@@ -8,7 +8,20 @@
 namespace bench
 {
 
-enum class Page { NotFound, Hello, Big, Stream, Slow, Upload };
+enum class Page {
+    NotFound,
+    Hello,
+    Big,
+    Stream,
+    Slow,
+    Upload,
+    // Of this library's server only.
+    Echo,     // responds with the request's body
+    Wait,     // responds when Release is requested
+    Waiting,  // how many wait
+    Release,
+    Refused  // a bad request
+};
 
 struct Question
 {

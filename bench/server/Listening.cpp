@@ -1,0 +1,66 @@
+// A server of either mode, from its options to its end.
+
+#include "server/Listening.h"
+
+#include "support/StopSignal.h"
+
+#include <chrono>
+#include <iostream>
+#include <string>
+
+namespace bench
+{
+namespace
+{
+
+// More than the clients of any row.
+constexpr uint32_t kMaxConnections = 20000;
+constexpr std::chrono::seconds kStartLimit(10);
+constexpr std::chrono::milliseconds kStopLimit(2000);
+
+bool startPolling(qv::http::HttpServer& server, const Options& options)
+{
+    qv::http::HttpServer::Parameters parameters;
+    parameters.port = options.port;
+    parameters.threadPoolSize = options.threads;
+    parameters.allowWebSocket = options.webSocket;
+    server.startServer(parameters);
+    if (!server.waitUntilRunning(kStartLimit)) {
+        std::cerr << "wendrel-bench-server: cannot listen on port " << options.port << std::endl;
+        return false;
+    }
+    announceListening(options.port);
+    return true;
+}
+
+bool serve(qv::http::HttpServer& server, const Options& options)
+{
+    qv::http::ServerOptions serving;
+    serving.listen = options.listen;
+    if (options.port != 0)
+        serving.listen = {"127.0.0.1:" + std::to_string(options.port)};
+    serving.threads = options.threads;
+    serving.maxConnections = kMaxConnections;
+    if (!server.serve(serving)) {
+        std::cerr << "wendrel-bench-server: " << server.getFailureReason() << std::endl;
+        return false;
+    }
+    for (const std::string& endpoint : server.getEndpoints())
+        std::cout << "listening on " << endpoint << std::endl;
+    return true;
+}
+
+}  // namespace
+
+bool startServer(qv::http::HttpServer& server, const Options& options)
+{
+    return options.polling ? startPolling(server, options) : serve(server, options);
+}
+
+void shutDownServer(qv::http::HttpServer& server, const Options& options)
+{
+    if (!options.polling)
+        server.shutDown(kStopLimit);
+}
+
+}  // namespace bench
