@@ -20,6 +20,8 @@ struct DispatchAccess
     static constexpr uint32_t kSentWhole = 3;
 
     static MHD_Connection*& connection(HttpBaseRequest& r) { return r.mConnection; }
+    static std::string& originalFullUrl(HttpBaseRequest& r) { return r.mOriginalFullUrl; }
+    static http::HttpHeaders& headers(HttpBaseRequest& r) { return r.mHeaders; }
     static IpAddress& clientAddress(HttpBaseRequest& r) { return r.mClientAddress; }
     static std::atomic<int64_t>& receiveDurationMs(HttpBaseRequest& r)
     {

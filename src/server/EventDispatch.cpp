@@ -14,6 +14,7 @@
 #include "server/EventDaemon.h"
 #include "server/Reply.h"
 #include "server/ResponseQueue.h"
+#include "server/TargetForm.h"
 #include "streaming/AbortReason.h"
 #include "streaming/StreamCallbacks.h"
 
@@ -172,6 +173,24 @@ MHD_Result respondEarly(EventDaemon& daemon, MHD_Connection* connection, HttpBas
     return queueDecided(decision, daemon, connection, request, record, body);
 }
 
+// The application sees every target in origin form.
+void fill(HttpBaseRequest& request, MHD_Connection* connection, const char* method,
+          const IpAddress& address, ConnectionContext& context)
+{
+    TargetParts parts;
+    if (!SplitTarget(method, context.uri, parts)) {
+        FillRequest(request, connection, method, address, context);
+        return;
+    }
+    const std::string received = context.uri;
+    SplitTarget(method, received, parts);
+    context.uri = parts.origin;
+    if (context.uri.empty() || context.uri.front() != '/')
+        context.uri.insert(0, 1, '/');
+    FillRequest(request, connection, method, address, context);
+    SetReceivedTarget(request, received, parts);
+}
+
 // The first call: the head is complete, the body has not been read.
 MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const char* method,
                         const char* version, Connection& record, ConnectionContext& context)
@@ -180,7 +199,7 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     http::HttpServerImpl& application = daemon.getServer().getImpl();
     HttpBaseRequest& request = *application.createRequest();
     context.request = &request;
-    FillRequest(request, connection, method, record.getPeer().address, context);
+    fill(request, connection, method, record.getPeer().address, context);
     DispatchAccess::record(request) = &record;
     {
         HttpReceiveDevice& device = request.getReceiveDevice();
