@@ -217,17 +217,24 @@ TEST(ShutDown, OfPollingModeIsAStop)
     EXPECT_EQ(run.server().getState(), HttpServer::Stopped);
 }
 
-// Eight clients send one request after the other while the server shuts down. A client may find its
+struct Load
+{
+    int clients;
+    int rounds;
+};
+
+class ShutDownUnderLoad : public testing::TestWithParam<Load>
+{};
+
+// Clients send one request after the other while the server shuts down. A client may find its
 // connection closed before any byte of a response: the server closes an idle connection while a
 // request is on its way. These must not happen:
 // - a request that was sent whole before the shutdown began remains without its response;
 // - a request that the application has seen remains without its whole response.
-TEST(ShutDown, UnderLoadLosesNoResponse)
+TEST_P(ShutDownUnderLoad, LosesNoResponse)
 {
-    constexpr int kRounds = 50;
-    constexpr int kClients = 8;
     int64_t served = 0;
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < GetParam().rounds; ++round) {
         SCOPED_TRACE(round);
         ServerOptions options = onOneThread();
         options.threads = 2;
@@ -250,7 +257,7 @@ TEST(ShutDown, UnderLoadLosesNoResponse)
         std::atomic<int> responses{0};
         std::vector<std::thread> clients;
         const uint16_t port = run.port();
-        for (int i = 0; i < kClients; ++i) {
+        for (int i = 0; i < GetParam().clients; ++i) {
             clients.emplace_back([&, i] {
                 std::unique_ptr<RawClient> client;
                 for (int number = 0;; ++number) {
@@ -293,6 +300,51 @@ TEST(ShutDown, UnderLoadLosesNoResponse)
         served += responses;
     }
     RecordProperty("responses", std::to_string(served));
+}
+
+INSTANTIATE_TEST_SUITE_P(, ShutDownUnderLoad, testing::Values(Load{8, 50}, Load{200, 5}),
+                         [](const testing::TestParamInfo<Load>& load) {
+                             return std::to_string(load.param.clients) + "Clients";
+                         });
+
+// The daemon ends the process when it is stopped while it handles certain heads.
+TEST(ShutDown, WithMalformedRequestsInFlightCrashesNothing)
+{
+    const std::vector<std::string> requests = {
+        "GET / HTTP/1.1\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: x",
+        "GET / HTTP/1.1\r\nHost: x\r\nHost: y\r\n\r\n",
+        "GE",
+        "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n",
+        "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 10\r\n\r\n12345",
+        "POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n",
+        "\r\n\r\n\r\n",
+        std::string("GET /\0 HTTP/1.1\r\n\r\n", 19),
+        "GET / HTTP/1.1\r\n folded\r\n\r\n"};
+    constexpr int kRounds = 40;
+    constexpr size_t kClients = 40;
+    for (int round = 0; round < kRounds; ++round) {
+        SCOPED_TRACE(round);
+        ServerOptions options = onOneThread();
+        options.threads = 2;
+        EventRun run(&parkAllButPings, options);
+        std::vector<std::unique_ptr<RawClient>> clients;
+        for (size_t i = 0; i < kClients; ++i)
+            clients.push_back(std::make_unique<RawClient>(run.port()));
+        std::atomic<bool> ended{false};
+        std::atomic<size_t> sent{0};
+        BackgroundCall sender([&] {
+            for (size_t i = 0; !ended && i < 100 * kClients; ++i) {
+                clients[i % kClients]->send(requests[(i + i / kClients) % requests.size()]);
+                ++sent;
+            }
+        });
+        EXPECT_TRUE(waitUntil([&] { return sent >= static_cast<size_t>(round); }));
+        run.server().shutDown(milliseconds(round % 3 * 10));
+        EXPECT_EQ(run.server().getState(), HttpServer::Stopped);
+        ended = true;
+        EXPECT_TRUE(sender.waitForEnd());
+    }
 }
 
 }  // namespace
