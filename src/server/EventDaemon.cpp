@@ -9,9 +9,11 @@
 
 #include <microhttpd.h>
 
-#include <array>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
 #include <utility>
 
 namespace qv::impl
@@ -27,7 +29,9 @@ constexpr unsigned kNoConnectionLimit = 1000000;
 constexpr unsigned kNoTimeout = 0;
 constexpr int kStrictForClient = 1;
 
-constexpr char kNudgeRequest[] = "GET / HTTP/1.1\r\nHost: n\r\n\r\n";
+// Its body never ends; a piece of it is the cheapest event that makes the daemon go on.
+constexpr char kNudgeHead[] = "POST / HTTP/1.1\r\nHost: n\r\n"
+                              "Content-Length: 9223372036854775807\r\n\r\n";
 
 }  // namespace
 
@@ -78,21 +82,23 @@ bool EventDaemon::openNudge()
     mNudge = pair[0];
     sockaddr address{};
     address.sa_family = AF_UNIX;
-    if (serve(pair[1], &address, sizeof address))
+    if (serve(pair[1], &address, sizeof address) && sendNudge(kNudgeHead, sizeof kNudgeHead - 1))
         return true;
     close(std::exchange(mNudge, -1));
     return false;
 }
 
-// A complete request, whose response is discarded with the next one.
+// True also when the daemon has not read the last ones: they are an event as well.
+bool EventDaemon::sendNudge(const char* data, size_t size)
+{
+    return send(mNudge, data, size, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || errno == EAGAIN;
+}
+
 void EventDaemon::nudge()
 {
     if (mNudge < 0 && !openNudge())
         return;
-    std::array<char, 512> discarded;
-    while (recv(mNudge, discarded.data(), discarded.size(), MSG_DONTWAIT) > 0) {
-    }
-    if (send(mNudge, kNudgeRequest, sizeof kNudgeRequest - 1, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+    if (!sendNudge("n", 1))
         close(std::exchange(mNudge, -1));
 }
 

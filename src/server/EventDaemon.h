@@ -57,6 +57,7 @@ public:
 
 private:
     bool openNudge();
+    bool sendNudge(const char* data, size_t size);
 
     http::HttpServer& mServer;
     const Settings mSettings;

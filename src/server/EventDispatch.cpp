@@ -351,9 +351,8 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
     auto& context = *static_cast<ConnectionContext*>(*slot);
     Connection* const record = connectionOf(connection);
     if (!record) {
-        const bool isFirst = context.startTimeMs == kTimeNotSet;
-        context.startTimeMs = 0;
-        return isFirst ? MHD_YES : respondEmpty(connection, MHD_HTTP_NO_CONTENT, nullptr);
+        *uploadSize = 0;
+        return MHD_YES;
     }
     if (!context.request) {
         if (record->phase == Phase::Ended || daemon.getListener().isStopping())
