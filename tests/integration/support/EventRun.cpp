@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -193,6 +194,9 @@ ServerOptions onOneThread()
     ServerOptions options;
     options.listen = {"127.0.0.1:0"};
     options.threads = 1;
+    // Longer than any pause of a busy machine.
+    options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
+        std::chrono::minutes(10);
     return options;
 }
 

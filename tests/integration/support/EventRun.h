@@ -80,7 +80,7 @@ private:
     Application* mApplication = nullptr;  // owned by mServer
 };
 
-/// Options with one thread on a free port of 127.0.0.1.
+/// Options with one thread on a free port of 127.0.0.1, and deadlines that no test reaches.
 qv::http::ServerOptions onOneThread();
 
 }  // namespace integration
