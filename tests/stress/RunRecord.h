@@ -2,8 +2,10 @@
 #ifndef WENDREL_TESTS_STRESS_RUNRECORD_H
 #define WENDREL_TESTS_STRESS_RUNRECORD_H
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -30,11 +32,19 @@ constexpr std::array<const char*, kOutcomes> kOutcomeNames = {
     "sent_whole",   "streamed_to_end",  "streamed_to_length", "head_only",           "error_body",
     "reader_error", "queueing_refused", "lost_while_waiting", "lost_while_streaming"};
 
+using Clock = std::chrono::steady_clock;
+
 /// Thread-safe.
 class RunRecord
 {
 public:
-    explicit RunRecord(uint64_t requests) : mProgress(requests) {}
+    /// Begins at most `requests` requests, and after `limit` no more than kMinRequests.
+    RunRecord(uint64_t requests, Clock::duration limit)
+        : mProgress(requests), mEnd(Clock::now() + limit)
+    {}
+
+    /// So many meet every order.
+    static constexpr uint64_t kMinRequests = 10000;
 
     struct Progress
     {
@@ -44,7 +54,23 @@ public:
     };
 
     Progress& progress(uint64_t id) { return mProgress[id]; }
-    uint64_t requests() const { return mProgress.size(); }
+
+    /// How many have been begun.
+    uint64_t requests() const { return std::min<uint64_t>(begun, mProgress.size()); }
+
+    bool mayBegin() const
+    {
+        return begun < mProgress.size() && (begun < kMinRequests || Clock::now() < mEnd);
+    }
+
+    /// The number of the next request; false when there is none.
+    bool begin(uint64_t& id)
+    {
+        if (!mayBegin())
+            return false;
+        id = begun++;
+        return id < mProgress.size();
+    }
 
     void addError(const std::string& what)
     {
@@ -82,6 +108,7 @@ public:
 
 private:
     std::vector<Progress> mProgress;
+    const Clock::time_point mEnd;
     mutable std::mutex mMutex;
     uint64_t mErrorCount = 0;
     std::vector<std::string> mFirstErrors;

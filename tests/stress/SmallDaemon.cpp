@@ -59,7 +59,7 @@ void SmallDaemon::run()
             isBusy |= connection.isBusy;
         }
         // Between two requests a connection is idle, too.
-        if (!isBusy && mShared.record.begun >= mShared.record.requests())
+        if (!isBusy && !mShared.record.mayBegin())
             return;
         if (!moved)
             ::sched_yield();
@@ -83,11 +83,8 @@ bool SmallDaemon::turn(MHD_Connection& connection)
 bool SmallDaemon::begin(MHD_Connection& connection)
 {
     RunRecord& record = mShared.record;
-    // The first look keeps idle turns from being counted.
-    if (record.begun >= record.requests())
-        return false;
-    const uint64_t id = record.begun++;
-    if (id >= record.requests())
+    uint64_t id = 0;
+    if (!record.begin(id))
         return false;
     connection = MHD_Connection();
     connection.plan = drawPlan(mShared.seed, id);

@@ -63,7 +63,7 @@ public:
 
     SmallDaemon(const Shared& shared, uint64_t number);
 
-    /// Serves requests until all have been begun and those of its connections have been completed
+    /// Serves requests until no more may be begun and those of its connections have been completed
     /// and those left to it have been deleted. The body of a thread.
     void run();
 
