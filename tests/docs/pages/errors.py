@@ -33,6 +33,7 @@ PARTS = (
     re.compile(r"mFailureReason = \"[^;]*;"),
 )
 PARTS_FILES = ("src/streaming/AbortReason.h", "src/listener/Endpoint.cpp",
+               "src/request/AddressSet.cpp", "src/request/AllowedHosts.cpp",
                "src/server/EventServer.cpp", "src/server/HttpServer.cpp")
 
 # Texts in these statements that are not errors.
