@@ -153,7 +153,8 @@ public:
     /// The target as received; "Invalid URI" when it could not be parsed.
     const std::string& getOriginalFullUrl() const { return mOriginalFullUrl; }
 
-    /// Address and port of the peer; behind a proxy, those of the proxy.
+    /// Address and port of the peer; behind a proxy, those of the proxy, or those of its client
+    /// when the proxy is one of `ServerOptions::trustedProxies` and tells them. Port 0: not told.
     const IpAddress& getClientAddress() const { return mClientAddress; }
 
     /// Names in lower case.

@@ -75,6 +75,21 @@ struct WENDREL_EXPORT ServerOptions
     /// Whether a client may shut down its sending side after its request and wait for the response.
     /// Otherwise a request of a client that does is aborted, unless its response is ready.
     bool halfClosedClients = false;
+
+    /// Proxies that tell the address of their client: addresses and networks ("127.0.0.1",
+    /// "10.0.0.0/8", "fd00::/8"), and "unix" for the clients of Unix sockets. A PROXY header
+    /// (version 1 or 2) at the beginning of a connection, otherwise `X-Forwarded-For` or
+    /// `Forwarded` of each request decide `HttpBaseRequest::getClientAddress`. A connection of a
+    /// trusted proxy does not count for `maxConnectionsPerAddress` unless it has a PROXY header:
+    /// then it counts for the address in it. Everyone who can connect from such an address can
+    /// choose the client address.
+    std::vector<std::string> trustedProxies;
+
+    /// Hosts that are served: "example.com", "example.com:8080", "*.example.com" (one label in
+    /// place of the asterisk), "[::1]". The port of a request counts only for an entry that names
+    /// one. Other requests, and those without a host, get 421 and never reach the application.
+    /// Empty: every host.
+    std::vector<std::string> allowedHosts;
 };
 
 }  // namespace http

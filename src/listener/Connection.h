@@ -29,8 +29,9 @@ class ConnectionTable;
 
 struct Peer
 {
-    IpAddress address;
-    IpAddress host;  // the address without the port
+    IpAddress address;  // of the client
+    IpAddress host;     // without the port; none when its connections are not counted
+    bool isTrustedProxy = false;
 };
 
 inline constexpr int64_t kNoDeadline = std::numeric_limits<int64_t>::max();

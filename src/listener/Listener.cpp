@@ -2,6 +2,7 @@
 
 #include "listener/Listener.h"
 
+#include "listener/ProxyHeader.h"
 #include "server/logging/LogObject.h"
 #include "streaming/AbortReason.h"
 
@@ -22,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -32,6 +34,7 @@ namespace
 
 constexpr uint64_t kWakeKey = ~uint64_t{0};
 constexpr uint64_t kListenFlag = uint64_t{1} << 63;
+constexpr uint64_t kUndecidedFlag = uint64_t{1} << 62;
 constexpr unsigned kSinkShift = 32;
 constexpr uint64_t kDescriptorMask = 0xffffffff;
 
@@ -100,12 +103,51 @@ void unmapAddress(sockaddr_storage& address, socklen_t& size)
     size = sizeof v4;
 }
 
-// A client has many ports.
-IpAddress withoutPort(sockaddr_storage address)
+const sockaddr* plainAddress(const sockaddr_storage& address)
 {
-    // At the same place for both families.
-    reinterpret_cast<sockaddr_in&>(address).sin_port = 0;
-    return IpAddress::fromIP(reinterpret_cast<const sockaddr*>(&address));
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+// A client has many ports.
+IpAddress withoutPort(NetworkAddress address)
+{
+    address.port = 0;
+    return address.toIpAddress();
+}
+
+// A proxy may have any number of connections.
+Peer peerAt(const std::optional<NetworkAddress>& address, bool isTrustedProxy)
+{
+    if (!address)
+        return {IpAddress(), IpAddress(), isTrustedProxy};
+    return {address->toIpAddress(), isTrustedProxy ? IpAddress() : withoutPort(*address),
+            isTrustedProxy};
+}
+
+// A connection that has ended without a byte begins with no header.
+ProxyHeader peekHeader(int descriptor)
+{
+    std::array<char, kMaxProxyHeaderBytes> bytes;
+    const ssize_t count = recv(descriptor, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+    if (count > 0)
+        return ParseProxyHeader({bytes.data(), static_cast<size_t>(count)});
+    ProxyHeader header;
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        header.state = ProxyHeader::State::Incomplete;
+    return header;
+}
+
+// The bytes were there when they were looked at.
+bool discard(int descriptor, size_t bytes)
+{
+    std::array<char, kMaxProxyHeaderBytes> discarded;
+    while (bytes != 0) {
+        const ssize_t received = recv(descriptor, discarded.data(), bytes, MSG_DONTWAIT);
+        if (received <= 0)
+            return false;
+        bytes -= static_cast<size_t>(received);
+    }
+    return true;
 }
 
 bool isOutOfResources(int error)
@@ -152,6 +194,7 @@ Listener::~Listener()
 {
     for (const Refused& refused : mRefused)
         close(refused.descriptor);
+    closeAllUndecided();
     close(mWake);
     close(mEpoll);
 }
@@ -193,7 +236,7 @@ void Listener::run()
 
 size_t Listener::getCount() const
 {
-    size_t count = 0;
+    size_t count = mUndecided.size();
     for (ConnectionSink* sink : mSinks)
         count += sink->getTable().getCount();
     return count;
@@ -230,6 +273,10 @@ void Listener::handleEvents(int timeoutMs)
         if (key == kWakeKey) {
             eventfd_t wakes = 0;
             eventfd_read(mWake, &wakes);
+        } else if ((key & kUndecidedFlag) != 0) {
+            const uint32_t reported = events[static_cast<size_t>(i)].events;
+            continueUndecided(static_cast<int>(key & kDescriptorMask),
+                              (reported & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0, nowMs);
         } else if ((key & kListenFlag) == 0) {
             handlePeer(key, events[static_cast<size_t>(i)].events);
         }
@@ -241,6 +288,7 @@ void Listener::handleEvents(int timeoutMs)
     }
     continueAccepting(nowMs);
     closeRefused(nowMs);
+    closeExpiredUndecided(nowMs);
     remindOfPeers(nowMs);
     handleDeadlines(nowMs);
     nudgeSinks(nowMs);
@@ -310,11 +358,10 @@ void Listener::acceptFrom(size_t index, int64_t nowMs)
 // False when there is none to accept now.
 bool Listener::acceptOne(int listening, int64_t nowMs)
 {
-    sockaddr_storage address{};
-    socklen_t size = sizeof address;
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    const int descriptor = accept4(listening, plain, &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) {
+    Accepted accepted{-1, nowMs, {}, sizeof accepted.address};
+    accepted.descriptor = accept4(listening, reinterpret_cast<sockaddr*>(&accepted.address),
+                                  &accepted.bytes, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (accepted.descriptor < 0) {
         const int error = errno;
         if (isOutOfResources(error))
             pauseAccepting(nowMs);
@@ -322,24 +369,126 @@ bool Listener::acceptOne(int listening, int64_t nowMs)
         return error != EAGAIN && error != EWOULDBLOCK && error != EBADF && error != EINVAL &&
                !isOutOfResources(error);
     }
-    unmapAddress(address, size);
-    const IpAddress peer = IpAddress::fromIP(plain);
-    Rollback accepted([descriptor] { close(descriptor); });
-    const IpAddress host = withoutPort(address);
-    if (getCount() >= mLimits.maxConnections || !countHost(host)) {
-        refuse(descriptor, nowMs);
-    } else {
-        Rollback counted([&] { releaseHost(host); });
-        place(descriptor, plain, size, {peer, host}, nowMs);
-        counted.commit();
-    }
-    accepted.commit();
+    unmapAddress(accepted.address, accepted.bytes);
+    Rollback opened([&accepted] { close(accepted.descriptor); });
+    if (getCount() >= mLimits.maxConnections)
+        refuse(accepted.descriptor, nowMs);
+    else if (!isTrustedProxy(accepted))
+        admit(accepted, peerAt(ToNetworkAddress(plainAddress(accepted.address)), false), nowMs);
+    else if (const ProxyHeader header = peekHeader(accepted.descriptor);
+             header.state != ProxyHeader::State::Incomplete)
+        admitFromProxy(accepted, header, nowMs);
+    else
+        awaitHeader(accepted);
+    opened.commit();
     return true;
 }
 
+bool Listener::isTrustedProxy(const Accepted& accepted) const
+{
+    const AddressSet& trusted = mLimits.trustedProxies;
+    if (trusted.isEmpty())
+        return false;
+    const std::optional<NetworkAddress> address = ToNetworkAddress(plainAddress(accepted.address));
+    return address ? trusted.contains(*address) : trusted.containsUnix();
+}
+
+// The header is not incomplete.
+void Listener::admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs)
+{
+    if (header.state == ProxyHeader::State::Malformed)
+        reportMalformed(accepted);
+    if (header.state == ProxyHeader::State::Malformed ||
+        !discard(accepted.descriptor, header.bytes)) {
+        close(accepted.descriptor);
+        return;
+    }
+    Peer peer = peerAt(ToNetworkAddress(plainAddress(accepted.address)), true);
+    if (header.source)
+        peer = peerAt(header.source, mLimits.trustedProxies.contains(*header.source));
+    else if (header.state == ProxyHeader::State::Complete)
+        // Of a client that the proxy cannot name the headers are not those of the proxy.
+        peer.isTrustedProxy = header.isLocal;
+    admit(accepted, peer, nowMs);
+}
+
+void Listener::reportMalformed(const Accepted& accepted)
+{
+    if (std::exchange(mReportedMalformed, true))
+        return;
+    const IpAddress peer = IpAddress::fromIP(plainAddress(accepted.address));
+    qvLogObject(qvLogObject::kWarning)
+        << "closed a connection with a malformed PROXY header, from "
+        << (peer.isValid() ? peer.toStringWithPort() : "a Unix socket");
+}
+
+// Edge-triggered: the part of a header that has been received stays in the socket.
+void Listener::awaitHeader(const Accepted& accepted)
+{
+    const auto position = mUndecided.insert(mUndecided.end(), accepted);
+    Rollback inserted([&] { mUndecided.erase(position); });
+    mUndecidedOf[accepted.descriptor] = position;
+    inserted.commit();
+    if (!watch(accepted.descriptor, kUndecidedFlag | static_cast<uint64_t>(accepted.descriptor),
+               EPOLLIN | EPOLLRDHUP | EPOLLET))
+        closeUndecided(accepted.descriptor);
+}
+
+// More bytes have come, or the end.
+void Listener::continueUndecided(int descriptor, bool hasEnded, int64_t nowMs)
+{
+    const auto found = mUndecidedOf.find(descriptor);
+    if (found == mUndecidedOf.end())
+        return;
+    const ProxyHeader header = peekHeader(descriptor);
+    if (header.state == ProxyHeader::State::Incomplete) {
+        if (hasEnded)
+            closeUndecided(descriptor);
+        return;
+    }
+    Rollback opened([descriptor] { close(descriptor); });
+    const Accepted accepted = *found->second;
+    mUndecided.erase(found->second);
+    mUndecidedOf.erase(found);
+    unwatch(descriptor);
+    admitFromProxy(accepted, header, nowMs);
+    opened.commit();
+}
+
+void Listener::closeUndecided(int descriptor)
+{
+    const auto found = mUndecidedOf.find(descriptor);
+    mUndecided.erase(found->second);
+    mUndecidedOf.erase(found);
+    close(descriptor);
+}
+
+void Listener::closeExpiredUndecided(int64_t nowMs)
+{
+    if (mLimits.headMs == 0)
+        return;
+    while (!mUndecided.empty() && nowMs - mUndecided.front().acceptedMs >= mLimits.headMs)
+        closeUndecided(mUndecided.front().descriptor);
+}
+
+void Listener::closeAllUndecided()
+{
+    while (!mUndecided.empty())
+        closeUndecided(mUndecided.front().descriptor);
+}
+
+// Places a connection, or refuses it when its client has too many.
+void Listener::admit(const Accepted& accepted, const Peer& peer, int64_t nowMs)
+{
+    if (!countHost(peer.host))
+        return refuse(accepted.descriptor, nowMs);
+    Rollback counted([&] { releaseHost(peer.host); });
+    place(accepted, peer);
+    counted.commit();
+}
+
 // To the daemon with the fewest connections.
-void Listener::place(int descriptor, const sockaddr* address, size_t bytes, const Peer& peer,
-                     int64_t nowMs)
+void Listener::place(const Accepted& accepted, const Peer& peer)
 {
     size_t index = 0;
     for (size_t i = 1; i < mSinks.size(); ++i) {
@@ -347,15 +496,16 @@ void Listener::place(int descriptor, const sockaddr* address, size_t bytes, cons
             index = i;
     }
     ConnectionSink& sink = *mSinks[index];
+    const int descriptor = accepted.descriptor;
     ConnectionTable::Pointer abandoned;
-    sink.getTable().add(descriptor, peer, nowMs, abandoned);
+    sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned);
     if (abandoned)
         connectionClosed(*abandoned);
     // Before the daemon has it: afterwards the descriptor may be closed at any time.
     watch(descriptor,
           static_cast<uint64_t>(index) << kSinkShift | static_cast<uint64_t>(descriptor),
           EPOLLRDHUP | EPOLLONESHOT);
-    if (sink.serve(descriptor, address, bytes))
+    if (sink.serve(descriptor, plainAddress(accepted.address), accepted.bytes))
         return;
     const ConnectionTable::Pointer failed = sink.getTable().find(descriptor);
     if (failed && sink.getTable().remove(descriptor, *failed))
@@ -541,6 +691,9 @@ void Listener::acceptQueued()
 void Listener::endIdleConnections()
 {
     using Phase = Connection::Phase;
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    for (auto next = mUndecided.begin(); next != mUndecided.end();)
+        continueUndecided(next++->descriptor, true, nowMs);
     for (ConnectionSink* sink : mSinks) {
         for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
             const Phase phase = connection->phase;
@@ -553,6 +706,7 @@ void Listener::endIdleConnections()
 void Listener::abortAll()
 {
     using Phase = Connection::Phase;
+    closeAllUndecided();
     for (ConnectionSink* sink : mSinks) {
         for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
             const Phase phase = connection->phase;

@@ -4,20 +4,25 @@
 
 #include "listener/ConnectionTable.h"
 #include "listener/Endpoint.h"
+#include "request/AddressSet.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
-struct sockaddr;
+#include <sys/socket.h>
 
 namespace qv::impl
 {
+
+struct ProxyHeader;
 
 // Where the listener puts a connection. Called on the listener thread.
 class ConnectionSink
@@ -43,6 +48,8 @@ public:
         size_t maxConnectionsPerAddress = 0;  // 0: none
         int64_t sendMs = 0;                   // 0: none
         bool halfClosedClients = false;
+        int64_t headMs = 0;  // 0: none
+        AddressSet trustedProxies;
     };
 
     // The daemon waits for one more event when exactly 128 are ready.
@@ -88,6 +95,18 @@ private:
         int64_t untilMs;
     };
 
+    struct Accepted
+    {
+        int descriptor;
+        int64_t acceptedMs;
+        sockaddr_storage address;
+        socklen_t bytes;  // of the address
+    };
+
+    // Connections of trusted proxies whose first bytes do not tell yet whether a PROXY header
+    // comes, in order of acceptance.
+    using Undecided = std::list<Accepted>;
+
     bool watch(int descriptor, uint64_t key, uint32_t events);
     void wake();
     int waitMs(int64_t nowMs) const;
@@ -95,8 +114,16 @@ private:
     void handlePeer(uint64_t key, uint32_t events);
     void acceptFrom(size_t index, int64_t nowMs);
     bool acceptOne(int listening, int64_t nowMs);
-    void place(int descriptor, const sockaddr* address, size_t bytes, const Peer& peer,
-               int64_t nowMs);
+    bool isTrustedProxy(const Accepted& accepted) const;
+    void admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs);
+    void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
+    void place(const Accepted& accepted, const Peer& peer);
+    void awaitHeader(const Accepted& accepted);
+    void continueUndecided(int descriptor, bool hasEnded, int64_t nowMs);
+    void closeUndecided(int descriptor);
+    void closeExpiredUndecided(int64_t nowMs);
+    void closeAllUndecided();
+    void reportMalformed(const Accepted& accepted);
     bool countHost(const IpAddress& host);
     void releaseHost(const IpAddress& host);
     void refuse(int descriptor, int64_t nowMs);
@@ -125,11 +152,14 @@ private:
 
     // Listener thread.
     std::deque<Refused> mRefused;
-    std::vector<ConnectionTable::Pointer> mClosedByPeer;  // and not yet by the daemon
+    Undecided mUndecided;
+    std::unordered_map<int, Undecided::iterator> mUndecidedOf;  // by descriptor
+    std::vector<ConnectionTable::Pointer> mClosedByPeer;        // and not yet by the daemon
     int64_t mNextReminderMs = 0;
     int64_t mContinueAcceptingMs = kNoDeadline;
     int64_t mNextNudgeMs = 0;
     bool mReportedLimit = false;
+    bool mReportedMalformed = false;
     bool mHasAborted = false;
 };
 

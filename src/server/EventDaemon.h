@@ -4,6 +4,8 @@
 
 #include "listener/ConnectionTable.h"
 #include "listener/Listener.h"
+#include "request/AddressSet.h"
+#include "request/AllowedHosts.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +31,8 @@ public:
         size_t connectionMemoryBytes = 0;
         uint64_t uploadQueueBytes = 0;  // 0: no limit
         bool halfClosedClients = false;
+        AddressSet trustedProxies;
+        AllowedHosts allowedHosts;
     };
 
     EventDaemon(http::HttpServer& server, const Settings& settings, const ConnectionLimits& limits);

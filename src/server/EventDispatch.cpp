@@ -10,6 +10,7 @@
 #include "listener/Connection.h"
 #include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
+#include "server/Admission.h"
 #include "server/Dispatch.h"
 #include "server/EventDaemon.h"
 #include "server/Reply.h"
@@ -191,20 +192,34 @@ void fill(HttpBaseRequest& request, MHD_Connection* connection, const char* meth
     SetReceivedTarget(request, received, parts);
 }
 
+IpAddress clientAddressOf(const EventDaemon::Settings& settings, MHD_Connection* connection,
+                          const Connection& record)
+{
+    const Peer& peer = record.getPeer();
+    return peer.isTrustedProxy
+               ? FindClientAddress(settings.trustedProxies, connection, peer.address)
+               : peer.address;
+}
+
 // The first call: the head is complete, the body has not been read.
 MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const char* method,
                         const char* version, Connection& record, ConnectionContext& context)
 {
+    const EventDaemon::Settings& settings = daemon.getSettings();
+    if (!IsHostAllowed(settings.allowedHosts, connection, context.uri)) {
+        record.setPhase(Phase::Responding, kNoDeadline);
+        return RefuseHost(connection);
+    }
     const uint64_t declared = declaredBytes(connection);
     http::HttpServerImpl& application = daemon.getServer().getImpl();
     HttpBaseRequest& request = *application.createRequest();
     context.request = &request;
-    fill(request, connection, method, record.getPeer().address, context);
+    fill(request, connection, method, clientAddressOf(settings, connection, record), context);
     DispatchAccess::record(request) = &record;
     {
         HttpReceiveDevice& device = request.getReceiveDevice();
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
-        DispatchAccess::queueLimitBytes(device) = daemon.getSettings().uploadQueueBytes;
+        DispatchAccess::queueLimitBytes(device) = settings.uploadQueueBytes;
     }
     const bool isOpen =
         record.beginRequest(request, connection, declared != 0 ? Phase::Body : Phase::Working);

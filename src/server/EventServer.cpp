@@ -68,6 +68,40 @@ std::string checkEndpoints(const std::vector<std::string>& texts)
     return std::string();
 }
 
+// The set that holds every entry of a field. An invalid one is told in `why`.
+template <typename Set>
+Set makeSet(const char* field, const std::vector<std::string>& entries, std::string& why)
+{
+    Set set;
+    for (const std::string& entry : entries) {
+        why = set.add(entry);
+        if (!why.empty()) {
+            why = std::string("ServerOptions::") + field + ": \"" + entry + "\": " + why;
+            break;
+        }
+    }
+    return set;
+}
+
+AddressSet proxiesOf(const ServerOptions& options, std::string& why)
+{
+    return makeSet<AddressSet>("trustedProxies", options.trustedProxies, why);
+}
+
+AllowedHosts hostsOf(const ServerOptions& options, std::string& why)
+{
+    return makeSet<AllowedHosts>("allowedHosts", options.allowedHosts, why);
+}
+
+std::string checkSets(const ServerOptions& options)
+{
+    std::string why;
+    proxiesOf(options, why);
+    if (why.empty())
+        hostsOf(options, why);
+    return why;
+}
+
 // As many connections as the process may have descriptors for.
 size_t limitConnections(const ServerOptions& options)
 {
@@ -124,7 +158,7 @@ ServerOptions ReadOptions(const ServerOptions& options, size_t recordBytes)
          &Options::maxConnections, &Options::maxConnectionsPerAddress, &Options::headTimeout,
          &Options::idleTimeout, &Options::bodyTimeout, &Options::minBodyBytesPerSecond,
          &Options::sendTimeout, &Options::responseTimeout, &Options::uploadQueueBytes,
-         &Options::halfClosedClients);
+         &Options::halfClosedClients, &Options::trustedProxies, &Options::allowedHosts);
     return known;
 }
 
@@ -141,6 +175,7 @@ std::string CheckOptions(const ServerOptions& options)
         checkTimeout("bodyTimeout", options.bodyTimeout),
         checkTimeout("sendTimeout", options.sendTimeout),
         checkTimeout("responseTimeout", options.responseTimeout),
+        checkSets(options),
     };
     for (const std::string& why : checks) {
         if (!why.empty())
@@ -155,6 +190,9 @@ bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& op
     ofDaemon.connectionMemoryBytes = options.connectionMemoryBytes;
     ofDaemon.uploadQueueBytes = options.uploadQueueBytes;
     ofDaemon.halfClosedClients = options.halfClosedClients;
+    std::string checked;
+    ofDaemon.trustedProxies = proxiesOf(options, checked);
+    ofDaemon.allowedHosts = hostsOf(options, checked);
     for (uint32_t i = 0; i < options.threads; ++i) {
         mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
         if (!mDaemons.back()->start())
@@ -181,6 +219,8 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
     ofListener.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
     ofListener.sendMs = options.sendTimeout.count();
     ofListener.halfClosedClients = options.halfClosedClients;
+    ofListener.headMs = options.headTimeout.count();
+    ofListener.trustedProxies = proxiesOf(options, failure);
     if (!made->startDaemons(server, options)) {
         failure = "cannot start a thread for connections";
         return nullptr;

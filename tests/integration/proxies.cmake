@@ -10,6 +10,25 @@ foreach(proxy IN ITEMS nginx haproxy)
     endif()
 endforeach()
 
+# The client's address in event-driven mode.
+add_executable(proxies_address_server
+    proxies/address_server.cpp support/Pattern.cpp support/TestServer.cpp)
+set_target_properties(proxies_address_server PROPERTIES CXX_EXTENSIONS OFF)
+target_link_libraries(proxies_address_server PRIVATE
+    wendrel_build Wendrel::Wendrel wendrel_test_support GTest::gtest)
+foreach(proxy IN LISTS proxies_found)
+    foreach(class HeadersOfRequests HeadersOfConnections)
+        # nginx sends PROXY headers only with a module that is a package of its own.
+        if(NOT "${proxy} ${class}" STREQUAL "nginx HeadersOfConnections")
+            wendrel_python_tests(PREFIX proxies.${proxy}
+                SCRIPT ${CMAKE_CURRENT_LIST_DIR}/proxies/test_addresses.py
+                CLASS ${class}
+                ENVIRONMENT WENDREL_PROXY=${proxy}
+                    WENDREL_ADDRESS_SERVER=$<TARGET_FILE:proxies_address_server>)
+        endif()
+    endforeach()
+endforeach()
+
 if(NOT TARGET wendrel-filedrop OR NOT TARGET wendrel-chat)
     message(STATUS "Tests behind proxies: left out, the examples are not built")
     return()

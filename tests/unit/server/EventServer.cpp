@@ -62,6 +62,34 @@ TEST(CheckOptions, RefusesAFieldBeyondItsLimitsAndNamesIt)
         {"address without a limit", [](ServerOptions& o) { o.maxConnectionsPerAddress = 0; }, ""},
         {"upload without a limit", [](ServerOptions& o) { o.uploadQueueBytes = 0; }, ""},
         {"body of any rate", [](ServerOptions& o) { o.minBodyBytesPerSecond = 0; }, ""},
+        {"proxies",
+         [](ServerOptions& o) {
+             o.trustedProxies = {"unix", "::1", "10.0.0.0/8"};
+         },
+         ""},
+        {"no proxy",
+         [](ServerOptions& o) {
+             o.trustedProxies = {"127.0.0.1", "proxy"};
+         },
+         "ServerOptions::trustedProxies: \"proxy\": no address; use 127.0.0.1, 10.0.0.0/8, "
+         "fd00::/8 "
+         "or unix"},
+        {"no network",
+         [](ServerOptions& o) {
+             o.trustedProxies = {"10.0.0.1/8", "::1"};
+         },
+         "ServerOptions::trustedProxies: \"10.0.0.1/8\": the address has bits behind its prefix"},
+        {"hosts",
+         [](ServerOptions& o) {
+             o.allowedHosts = {"localhost", "*.example.com:80"};
+         },
+         ""},
+        {"no host",
+         [](ServerOptions& o) {
+             o.allowedHosts = {"localhost", "http://localhost"};
+         },
+         "ServerOptions::allowedHosts: \"http://localhost\": no host; use example.com, "
+         "example.com:8080, *.example.com or [::1]"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -117,6 +145,8 @@ ServerOptions differentEverywhere()
     options.responseTimeout += milliseconds(1);
     options.uploadQueueBytes += 1;
     options.halfClosedClients = !options.halfClosedClients;
+    options.trustedProxies = {"127.0.0.1"};
+    options.allowedHosts = {"localhost"};
     return options;
 }
 
@@ -143,6 +173,8 @@ template <typename Check> void forEachField(Check check)
     field("responseTimeout", &Options::responseTimeout);
     field("uploadQueueBytes", &Options::uploadQueueBytes);
     field("halfClosedClients", &Options::halfClosedClients);
+    field("trustedProxies", &Options::trustedProxies);
+    field("allowedHosts", &Options::allowedHosts);
 }
 
 TEST(ReadOptions, TakesTheFieldsThatTheCallerKnowsAndDefaultsForTheRest)
