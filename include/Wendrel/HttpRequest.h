@@ -24,6 +24,7 @@ namespace qv
 class HttpReceiveDevice;
 class HttpResponseDevice;
 class HttpResponseInterface;
+class UpgradedConnection;
 
 namespace impl
 {
@@ -102,6 +103,12 @@ public:
     /// devices are in error with `reason` already. Event-driven mode only. Does nothing unless
     /// overridden. Thread: the daemon's, without a lock: it must not wait.
     virtual void onAborted(const std::string& reason);
+
+    /// Takes the connection after the response with the status 101 has been sent, right before
+    /// `onCompleted`. Event-driven mode only. Closes the connection unless overridden. `connection`
+    /// is independent of the request; include <Wendrel/UpgradedConnection.h>. Thread: the daemon's,
+    /// without a lock: it must not wait.
+    virtual void onUpgraded(std::unique_ptr<UpgradedConnection> connection);
 
     // Methods. The conversions to text may be called from any thread.
 

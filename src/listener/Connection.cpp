@@ -12,8 +12,12 @@
 
 #include <microhttpd.h>
 
-#include <algorithm>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <utility>
 
 namespace qv::impl
@@ -158,7 +162,7 @@ void Connection::expireResponse(int64_t nowMs)
 void Connection::shutDown(int how)
 {
     const qvMutexLocker locker(&mMutex);
-    if (mDescriptor < 0)
+    if (!isOurs())
         return;
     (how == SHUT_RDWR ? isShutDown : isReadingShutDown) = true;
     shutdown(mDescriptor, how);
@@ -167,7 +171,7 @@ void Connection::shutDown(int how)
 void Connection::refuse(const std::string& response)
 {
     const qvMutexLocker locker(&mMutex);
-    if (mDescriptor < 0)
+    if (!isOurs())
         return;
     send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     isShutDown = true;
@@ -177,7 +181,23 @@ void Connection::refuse(const std::string& response)
 bool Connection::isClosed()
 {
     const qvMutexLocker locker(&mMutex);
-    return mDescriptor < 0;
+    return !isOurs();
+}
+
+int Connection::detach(int replacement)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (isAborted || isShutDown)
+        return -ECANCELED;
+    const int descriptor = fcntl(mDescriptor, F_DUPFD_CLOEXEC, 0);
+    if (descriptor < 0)
+        return -errno;
+    // Two descriptors of one connection: it would stay open until both are closed, and in an epoll
+    // set of the application under a number that the system has given to another one by then.
+    dup3(replacement, mDescriptor, O_CLOEXEC);
+    mIsDetached = true;
+    mRequest = nullptr;
+    return descriptor;
 }
 
 int Connection::close()

@@ -2,6 +2,7 @@
 #ifndef WENDREL_LISTENER_CONNECTION_H
 #define WENDREL_LISTENER_CONNECTION_H
 
+#include "listener/ConnectionPlaces.h"
 #include "listener/DeadlineWheel.h"
 #include "request/ConnectionRecord.h"
 
@@ -55,6 +56,10 @@ public:
     Connection(ConnectionTable& table, int descriptor, const Peer& peer);
 
     const Peer& getPeer() const { return mPeer; }
+
+    // Given up when the daemon closes the connection, unless an upgrade has moved it on. Set by the
+    // listener before the daemon has the connection, then the daemon thread's.
+    ConnectionPlace place;
 
     // Changed by the daemon thread. The listener changes it to Ended only.
     std::atomic<Phase> phase{Phase::Head};
@@ -114,10 +119,16 @@ public:
     // Sends `response` if the socket takes it at once, then shuts the socket down. Listener thread.
     void refuse(const std::string& response);
 
+    // Daemon thread: ends the request, and returns the connection under another descriptor, which
+    // nobody shuts down any more. The daemon's descriptor becomes a duplicate of `replacement`.
+    // When the request has been aborted or the system has no descriptor, it does nothing and
+    // returns the error, negated (ECANCELED after an abort).
+    int detach(int replacement);
+
     // The daemon closes the descriptor after this. Daemon thread. Returns the descriptor.
     int close();
 
-    // Whether `close` has been called. Any thread.
+    // Whether `close` or `detach` has been called. Any thread.
     bool isClosed();
 
     // Of the request in progress; daemon thread only.
@@ -136,6 +147,7 @@ public:
 
 private:
     int64_t bodyDeadlineMs(int64_t nowMs) const;
+    bool isOurs() const QV_REQUIRES(mMutex) { return mDescriptor >= 0 && !mIsDetached; }
 
     ConnectionTable& mTable;
     const Peer mPeer;
@@ -148,6 +160,7 @@ private:
 
     qvMutex mMutex;
     int mDescriptor QV_GUARDED_BY(mMutex);
+    bool mIsDetached QV_GUARDED_BY(mMutex) = false;  // the descriptor is a replacement
     HttpBaseRequest* mRequest QV_GUARDED_BY(mMutex) = nullptr;
     std::string mAbortReason QV_GUARDED_BY(mMutex);
 };

@@ -168,7 +168,9 @@ bool hasQueuedConnections(int listening)
 
 Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
                    std::vector<ConnectionSink*> sinks)
-    : mLimits(limits), mSockets(std::move(sockets)), mSinks(std::move(sinks))
+    : mLimits(limits), mSockets(std::move(sockets)), mSinks(std::move(sinks)),
+      mPlaces(std::make_shared<ConnectionPlaces>(limits.maxConnections,
+                                                 limits.maxConnectionsPerAddress))
 {
     Rollback opened([this] {
         if (mWake >= 0)
@@ -371,7 +373,7 @@ bool Listener::acceptOne(int listening, int64_t nowMs)
     }
     unmapAddress(accepted.address, accepted.bytes);
     Rollback opened([&accepted] { close(accepted.descriptor); });
-    if (getCount() >= mLimits.maxConnections)
+    if (mPlaces->getCount() + mUndecided.size() >= mLimits.maxConnections)
         refuse(accepted.descriptor, nowMs);
     else if (!isTrustedProxy(accepted))
         admit(accepted, peerAt(ToNetworkAddress(plainAddress(accepted.address)), false), nowMs);
@@ -480,15 +482,14 @@ void Listener::closeAllUndecided()
 // Places a connection, or refuses it when its client has too many.
 void Listener::admit(const Accepted& accepted, const Peer& peer, int64_t nowMs)
 {
-    if (!countHost(peer.host))
+    ConnectionPlace counted = mPlaces->take(peer.host);
+    if (!counted)
         return refuse(accepted.descriptor, nowMs);
-    Rollback counted([&] { releaseHost(peer.host); });
-    place(accepted, peer);
-    counted.commit();
+    place(accepted, peer, std::move(counted));
 }
 
 // To the daemon with the fewest connections.
-void Listener::place(const Accepted& accepted, const Peer& peer)
+void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted)
 {
     size_t index = 0;
     for (size_t i = 1; i < mSinks.size(); ++i) {
@@ -498,7 +499,8 @@ void Listener::place(const Accepted& accepted, const Peer& peer)
     ConnectionSink& sink = *mSinks[index];
     const int descriptor = accepted.descriptor;
     ConnectionTable::Pointer abandoned;
-    sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned);
+    sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned)->place =
+        std::move(counted);
     if (abandoned)
         connectionClosed(*abandoned);
     // Before the daemon has it: afterwards the descriptor may be closed at any time.
@@ -512,32 +514,9 @@ void Listener::place(const Accepted& accepted, const Peer& peer)
         connectionClosed(*failed);
 }
 
-// False when the address has as many connections as it may have.
-bool Listener::countHost(const IpAddress& host)
+void Listener::connectionClosed(Connection& connection)
 {
-    if (mLimits.maxConnectionsPerAddress == 0 || !host.isValid())
-        return true;
-    const qvMutexLocker locker(&mHostMutex);
-    size_t& count = mHosts[host];
-    if (count >= mLimits.maxConnectionsPerAddress)
-        return false;
-    ++count;
-    return true;
-}
-
-void Listener::releaseHost(const IpAddress& host)
-{
-    if (mLimits.maxConnectionsPerAddress == 0 || !host.isValid())
-        return;
-    const qvMutexLocker locker(&mHostMutex);
-    const auto found = mHosts.find(host);
-    if (found != mHosts.end() && --found->second == 0)
-        mHosts.erase(found);
-}
-
-void Listener::connectionClosed(const Connection& connection)
-{
-    releaseHost(connection.getPeer().host);
+    connection.place.giveUp();
     if (isDraining())
         wake();
 }

@@ -2,6 +2,7 @@
 #ifndef WENDREL_LISTENER_LISTENER_H
 #define WENDREL_LISTENER_LISTENER_H
 
+#include "listener/ConnectionPlaces.h"
 #include "listener/ConnectionTable.h"
 #include "listener/Endpoint.h"
 #include "request/AddressSet.h"
@@ -11,7 +12,6 @@
 #include <cstdint>
 #include <deque>
 #include <list>
-#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -83,7 +83,7 @@ public:
     bool hasDrained() const { return !mHasAborted; }
 
     // A connection has been closed. Called by daemon threads.
-    void connectionClosed(const Connection& connection);
+    void connectionClosed(Connection& connection);
 
     // Watches for the peer's end of a connection, and stops to. Called by the daemon thread.
     void unwatch(int descriptor);
@@ -117,15 +117,13 @@ private:
     bool isTrustedProxy(const Accepted& accepted) const;
     void admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs);
     void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
-    void place(const Accepted& accepted, const Peer& peer);
+    void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted);
     void awaitHeader(const Accepted& accepted);
     void continueUndecided(int descriptor, bool hasEnded, int64_t nowMs);
     void closeUndecided(int descriptor);
     void closeExpiredUndecided(int64_t nowMs);
     void closeAllUndecided();
     void reportMalformed(const Accepted& accepted);
-    bool countHost(const IpAddress& host);
-    void releaseHost(const IpAddress& host);
     void refuse(int descriptor, int64_t nowMs);
     void closeRefused(int64_t nowMs);
     void pauseAccepting(int64_t nowMs);
@@ -147,8 +145,7 @@ private:
     std::atomic<int64_t> mDrainDeadlineMs{kNoDeadline};
     std::atomic<bool> mIsStopping{false};
 
-    qvMutex mHostMutex;
-    std::map<IpAddress, size_t> mHosts QV_GUARDED_BY(mHostMutex);  // connections of each address
+    const std::shared_ptr<ConnectionPlaces> mPlaces;
 
     // Listener thread.
     std::deque<Refused> mRefused;

@@ -3,6 +3,7 @@
 #include <Wendrel/HttpRequest.h>
 
 #include <Wendrel/HttpDevices.h>
+#include <Wendrel/UpgradedConnection.h>
 
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
@@ -45,6 +46,8 @@ void HttpBaseRequest::onCompleted(int) {}
 void HttpBaseRequest::onBodyComplete() {}
 
 void HttpBaseRequest::onAborted(const std::string&) {}
+
+void HttpBaseRequest::onUpgraded(std::unique_ptr<UpgradedConnection>) {}
 
 void HttpBaseRequest::setParseError(std::string&& message)
 {

@@ -22,7 +22,8 @@ namespace
 {
 
 constexpr unsigned kFlags = MHD_USE_ERROR_LOG | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL |
-                            MHD_USE_ITC | MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME;
+                            MHD_USE_ITC | MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME |
+                            MHD_ALLOW_UPGRADE;
 
 // The listener counts. At a limit of its own the daemon would leave a mutex locked.
 constexpr unsigned kNoConnectionLimit = 1000000;
@@ -48,6 +49,9 @@ EventDaemon::~EventDaemon()
 // The daemon fetches each option with a fixed type from a variable argument list.
 bool EventDaemon::start()
 {
+    mReplacement = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (mReplacement < 0)
+        return false;
     void* const noClosure = nullptr;
     mDaemon = MHD_start_daemon(
         kFlags, 0, nullptr, nullptr, &HandleEventAccess, this, MHD_OPTION_EXTERNAL_LOGGER,
@@ -66,6 +70,8 @@ void EventDaemon::stop()
         MHD_stop_daemon(std::exchange(mDaemon, nullptr));
     if (mNudge >= 0)
         close(std::exchange(mNudge, -1));
+    if (mReplacement >= 0)
+        close(std::exchange(mReplacement, -1));
 }
 
 bool EventDaemon::serve(int descriptor, const sockaddr* address, size_t bytes)

@@ -42,7 +42,7 @@ public:
     EventDaemon(const EventDaemon&) = delete;
     EventDaemon& operator=(const EventDaemon&) = delete;
 
-    // False when the system has no thread or no memory for it.
+    // False when the system has no thread, no descriptor or no memory for it.
     bool start();
 
     // The listener that watches the connections, set before the first one.
@@ -54,6 +54,10 @@ public:
     ConnectionTable& getTable() override { return mTable; }
     bool serve(int descriptor, const sockaddr* address, size_t bytes) override;
     void nudge() override;
+
+    // A socket that is never used: the daemon's descriptor of an upgraded connection becomes a
+    // duplicate of it.
+    int getReplacement() const { return mReplacement; }
 
     http::HttpServer& getServer() const { return mServer; }
     Listener& getListener() const { return *mListener; }
@@ -68,6 +72,7 @@ private:
     ConnectionTable mTable;
     Listener* mListener = nullptr;
     MHD_Daemon* mDaemon = nullptr;
+    int mReplacement = -1;
     int mNudge = -1;  // our end of a connection that is no client's; listener thread
 };
 

@@ -13,6 +13,7 @@
 #include "server/Admission.h"
 #include "server/Dispatch.h"
 #include "server/EventDaemon.h"
+#include "server/EventUpgrade.h"
 #include "server/Reply.h"
 #include "server/ResponseQueue.h"
 #include "server/TargetForm.h"
@@ -37,14 +38,6 @@ namespace
 using Phase = Connection::Phase;
 
 constexpr const char* kRetryAfterSeconds = "1";
-
-// Null for the connection that the server has with itself.
-Connection* connectionOf(MHD_Connection* connection)
-{
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    return info ? static_cast<Connection*>(info->socket_context) : nullptr;
-}
 
 MHD_Result respondEmpty(MHD_Connection* connection, unsigned status, const char* retryAfter)
 {
@@ -73,29 +66,25 @@ bool mustClose(const EventDaemon& daemon, const Connection& record)
     return daemon.getListener().isDraining() || record.isPeerClosed;
 }
 
-// The devices are in error already, or nothing waits for them.
-void reportAbort(HttpBaseRequest& request, Connection& record, const std::string& reason)
-{
-    if (record.progress.isAbortReported)
-        return;
-    record.progress.isAbortReported = true;
-    request.onAborted(reason);
-}
-
 MHD_Result endAborted(HttpBaseRequest& request, Connection& record)
 {
-    reportAbort(request, record, record.getAbortReason());
+    ReportAbort(request, record, record.getAbortReason());
     return MHD_NO;
 }
 
 // The application may still work for the request; its response is discarded.
-MHD_Result respondLate(HttpBaseRequest& request, Connection& record, MHD_Connection* connection)
+void discardResponse(HttpBaseRequest& request, Connection& record, const char* reason)
 {
     std::atomic<bool> aborted{false};
-    DispatchAccess::abort(request.getResponseDevice(), kTimeoutReached, false, aborted);
-    DispatchAccess::abort(request.getReceiveDevice(), kTimeoutReached);
+    DispatchAccess::abort(request.getResponseDevice(), reason, false, aborted);
+    DispatchAccess::abort(request.getReceiveDevice(), reason);
     record.setPhase(Phase::Responding, kNoDeadline);
-    reportAbort(request, record, kTimeoutReached);
+    ReportAbort(request, record, reason);
+}
+
+MHD_Result respondLate(HttpBaseRequest& request, Connection& record, MHD_Connection* connection)
+{
+    discardResponse(request, record, kTimeoutReached);
     return respondEmpty(connection, MHD_HTTP_SERVICE_UNAVAILABLE, kRetryAfterSeconds);
 }
 
@@ -144,11 +133,26 @@ ssize_t readContent(void* closure, uint64_t, char* buffer, size_t size)
     return endByClosing(record, buffer);
 }
 
+MHD_Result upgrade(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
+                   Connection& record)
+{
+    const unsigned status = QueueUpgrade(daemon, connection, request, record);
+    if (status == 0)
+        return MHD_YES;
+    discardResponse(request, record, kUpgradeRefused);
+    return status == MHD_HTTP_INTERNAL_SERVER_ERROR
+               ? QueueErrorBody(daemon.getServer().getImpl(), connection)
+               : respondEmpty(connection, status, nullptr);
+}
+
 MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* connection,
                         HttpBaseRequest& request, Connection& record, std::vector<char>& body)
 {
     record.setPhase(Phase::Responding, kNoDeadline);
     HttpResponseInterface& head = request.getResponse();
+    if ((decision == Decision::Whole || decision == Decision::Stream) &&
+        head.getStatusCode() == MHD_HTTP_SWITCHING_PROTOCOLS)
+        return upgrade(daemon, connection, request, record);
     record.progress.isChunked =
         decision == Decision::Stream && !record.progress.isHttp10 && head.getContentLength() < 0;
     return QueueDecided(decision, daemon.getServer().getImpl(), connection, request, head, body,
@@ -331,9 +335,24 @@ MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
 
 }  // namespace
 
+Connection* ConnectionOf(MHD_Connection* connection)
+{
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return info ? static_cast<Connection*>(info->socket_context) : nullptr;
+}
+
+void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string& reason)
+{
+    if (record.progress.isAbortReported)
+        return;
+    record.progress.isAbortReported = true;
+    request.onAborted(reason);
+}
+
 void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
 {
-    if (Connection* const record = connectionOf(connection))
+    if (Connection* const record = ConnectionOf(connection))
         record->beginHead(qvSystemUtils::GetTimeBaseMs());
     return ContextRegistry::Add(uri ? uri : "", connection);
 }
@@ -364,7 +383,7 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
 {
     auto& daemon = *static_cast<EventDaemon*>(closure);
     auto& context = *static_cast<ConnectionContext*>(*slot);
-    Connection* const record = connectionOf(connection);
+    Connection* const record = ConnectionOf(connection);
     if (!record) {
         *uploadSize = 0;
         return MHD_YES;
@@ -385,7 +404,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
 {
     auto& daemon = *static_cast<EventDaemon*>(closure);
     auto* const context = static_cast<ConnectionContext*>(*slot);
-    Connection* const record = connectionOf(connection);
+    Connection* const record = ConnectionOf(connection);
     if (record && context && context->request) {
         HttpBaseRequest& request = *context->request;
         if (record->progress.isEndedByClosing)
@@ -393,7 +412,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
         if (code != MHD_REQUEST_TERMINATED_COMPLETED_OK) {
             const char* const reason = AbortReason(code);
             record->abortRequest(reason ? reason : kWriteError, false);
-            reportAbort(request, *record, record->getAbortReason());
+            ReportAbort(request, *record, record->getAbortReason());
         }
         endUpload(request);
     }

@@ -4,8 +4,24 @@
 
 #include <microhttpd.h>
 
+#include <string>
+
+namespace qv
+{
+class HttpBaseRequest;
+}
+
 namespace qv::impl
 {
+
+class Connection;
+
+// The record of a connection; null for the one that the server has with itself.
+Connection* ConnectionOf(MHD_Connection* connection);
+
+// Tells the request, once, that it ends without its response. Its devices are in error already, or
+// nothing waits for them. Daemon thread.
+void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string& reason);
 
 // Of all four `closure` is the EventDaemon, except for OpenEventContext, which has none.
 

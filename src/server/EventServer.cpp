@@ -27,7 +27,7 @@ constexpr milliseconds kMaxTimeout = std::chrono::hours(24);
 
 // Descriptors for the application itself, and of each daemon.
 constexpr rlim_t kOtherDescriptors = 128;
-constexpr rlim_t kDescriptorsOfDaemon = 4;
+constexpr rlim_t kDescriptorsOfDaemon = 5;
 constexpr rlim_t kMinConnections = 16;
 
 template <typename Field>

@@ -12,6 +12,8 @@
 
 #include <qvSystem/qvSystemUtils.h>
 
+#include <strings.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,18 +29,35 @@ constexpr size_t kStreamBlockBytes = 65536;
 constexpr uint64_t kHeaderOverheadBytes = 3;
 constexpr const char* kCookieHeader = "Set-cookie";
 
-void emitHead(HttpBaseRequest& request, HttpResponseInterface& head, MHD_Response* response)
+MHD_Result emitHeader(HttpBaseRequest& request, MHD_Response* response, const std::string& name,
+                      const std::string& value)
 {
-    for (const auto& [key, header] : head.getHeaders()) {
-        const auto& [name, value] = header;
-        MHD_add_response_header(response, name.c_str(), value.c_str());
-        DispatchAccess::responseHeadBytes(request) +=
-            name.size() + value.size() + kHeaderOverheadBytes;
-    }
+    const MHD_Result result = MHD_add_response_header(response, name.c_str(), value.c_str());
+    DispatchAccess::responseHeadBytes(request) += name.size() + value.size() + kHeaderOverheadBytes;
+    return result;
+}
+
+void emitCookies(HttpResponseInterface& head, MHD_Response* response)
+{
     // Cookies are few. NOLINTBEGIN(performance-inefficient-string-concatenation)
     for (const auto& [name, value] : head.getCookies())
         MHD_add_response_header(response, kCookieHeader, (name + "=" + value).c_str());
     // NOLINTEND(performance-inefficient-string-concatenation)
+}
+
+void emitHead(HttpBaseRequest& request, HttpResponseInterface& head, MHD_Response* response)
+{
+    for (const auto& [key, header] : head.getHeaders())
+        emitHeader(request, response, header.first, header.second);
+    emitCookies(head, response);
+}
+
+// The daemon adds "Connection: Upgrade"; there is no body.
+bool isSetByUpgrade(const std::string& name)
+{
+    return strcasecmp(name.c_str(), MHD_HTTP_HEADER_CONNECTION) == 0 ||
+           strcasecmp(name.c_str(), MHD_HTTP_HEADER_CONTENT_LENGTH) == 0 ||
+           strcasecmp(name.c_str(), MHD_HTTP_HEADER_TRANSFER_ENCODING) == 0;
 }
 
 // Sends the head and the given body.
@@ -106,6 +125,26 @@ Decision Decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vecto
     }
     state = DispatchAccess::kStreamed;
     return Decision::Stream;
+}
+
+bool QueueUpgradeHead(HttpBaseRequest& request, HttpResponseInterface& head,
+                      MHD_Connection* connection, MHD_Response* response)
+{
+    if (!response)
+        return false;
+    std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> held(response, &MHD_destroy_response);
+    bool isNamed = false;
+    for (const auto& [key, header] : head.getHeaders()) {
+        if (isSetByUpgrade(header.first))
+            continue;
+        const MHD_Result added = emitHeader(request, response, header.first, header.second);
+        if (strcasecmp(header.first.c_str(), MHD_HTTP_HEADER_UPGRADE) == 0)
+            isNamed = isNamed || added == MHD_YES;
+    }
+    emitCookies(head, response);
+    DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
+    return isNamed &&
+           QueueAndDestroy(connection, MHD_HTTP_SWITCHING_PROTOCOLS, held.release()) == MHD_YES;
 }
 
 MHD_Result QueueDecided(Decision decision, const http::HttpServerImpl& application,

@@ -34,6 +34,12 @@ struct SendOptions
     bool close;                        // the connection is closed after it
 };
 
+// Queues the head of the application as the response to an upgrade, without the headers that the
+// daemon sets itself. `response` is destroyed. False when the daemon does not take it, or the head
+// has no header "Upgrade".
+bool QueueUpgradeHead(HttpBaseRequest& request, HttpResponseInterface& head,
+                      MHD_Connection* connection, MHD_Response* response);
+
 // Queues the response that was decided on.
 MHD_Result QueueDecided(Decision decision, const http::HttpServerImpl& application,
                         MHD_Connection* connection, HttpBaseRequest& request,

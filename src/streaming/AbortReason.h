@@ -10,6 +10,10 @@ inline constexpr const char* kTimeoutReached = "TimeoutReached";
 inline constexpr const char* kDaemonShutdown = "DaemonShutdown";
 inline constexpr const char* kReadError = "ReadError";
 inline constexpr const char* kClientAbort = "ClientAbort";
+inline constexpr const char* kUpgradeRefused = "UpgradeRefused";
+
+// Of a response device whose connection is the application's; no reason of onAborted.
+inline constexpr const char* kUpgraded = "Upgraded";
 
 // Of an MHD_RequestTerminationCode; null when the response was sent, and for an unknown code.
 const char* AbortReason(int terminationCode);

@@ -69,7 +69,11 @@ void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTe
     *slot = nullptr;
     if (!context || !context->request)
         return;
-    HttpBaseRequest& request = *context->request;
+    CompleteRequest(closure, *context->request, code);
+}
+
+void CompleteRequest(void* closure, HttpBaseRequest& request, MHD_RequestTerminationCode code)
+{
     HttpResponseDevice& device = request.getResponseDevice();
 
     // Once this lock is released another thread may delete the request: nothing of it is

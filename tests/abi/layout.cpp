@@ -5,6 +5,7 @@
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/UpgradedConnection.h>
 #include <Wendrel/WebSocket.h>
 
 #include <gtest/gtest.h>
@@ -115,8 +116,14 @@ WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
 WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
 WENDREL_PLACE(qv::HttpBaseRequest, onBodyComplete, 5);
 WENDREL_PLACE(qv::HttpBaseRequest, onAborted, 6);
+WENDREL_PLACE(qv::HttpBaseRequest, onUpgraded, 7);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
+
+WENDREL_PLACE(qv::UpgradedConnection, mDescriptor, 0);
+WENDREL_PLACE(qv::UpgradedConnection, mReceivedBytes, 8);
+WENDREL_PLACE(qv::UpgradedConnection, mPeerAddress, 40);
+WENDREL_PLACE(qv::UpgradedConnection, mPlace, 64);
 
 WENDREL_PLACE(qv::HttpReceiveDevice, mMutex, 88);
 WENDREL_PLACE(qv::HttpReceiveDevice, mDataArrived, 128);
@@ -244,6 +251,7 @@ static_assert(sizeof(qv::http::HttpServer) == 312);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
 static_assert(sizeof(qv::HttpBaseRequest) == 680);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
+static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 264);
 static_assert(sizeof(qv::HttpResponseDevice) == 240);
 static_assert(sizeof(qv::HttpResponseInterface) == 8);
@@ -259,7 +267,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 154;
+constexpr size_t kPlaces = 159;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -21,6 +21,7 @@ CLASSES = {
         "qv::HttpResponseDevice",
         "qv::HttpResponseInterface",
         "qv::HttpWaitListener",
+        "qv::UpgradedConnection",
         "qv::http::HttpServer",
         "qv::http::HttpServerImpl",
         "qv::http::WebSocket",

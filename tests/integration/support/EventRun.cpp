@@ -45,6 +45,15 @@ void EventRequest::onCompleted(int terminationCode)
     ++completions;
 }
 
+void EventRequest::onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection)
+{
+    EXPECT_EQ(completions, 0);
+    EXPECT_EQ(aborts, 0);
+    ++upgrades;
+    if (takeUpgraded)
+        takeUpgraded(std::move(connection));
+}
+
 std::string EventRequest::abortReason() const
 {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -164,16 +173,18 @@ private:
             worker.join();
     }
 
-    // The response to a late request is a 503, which is sent.
+    // The response to a late request is a 503, which is sent; so is one that refuses an upgrade.
     static void check(const EventRequest& request)
     {
         SCOPED_TRACE(request.getOriginalFullUrl());
         EXPECT_EQ(request.completions, 1);
         EXPECT_LE(request.aborts, 1);
         EXPECT_LE(request.bodyCompletions, 1);
+        EXPECT_LE(request.upgrades + request.aborts, 1);
         if (request.code != 0) {
             EXPECT_EQ(request.aborts, 1) << "ended with " << request.code;
-        } else if (request.abortReason() != "TimeoutReached") {
+        } else if (request.abortReason() != "TimeoutReached" &&
+                   request.abortReason() != "UpgradeRefused") {
             EXPECT_EQ(request.aborts, 0) << request.abortReason();
         }
     }

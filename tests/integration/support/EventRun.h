@@ -6,6 +6,7 @@
 #include "Waiting.h"
 
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/UpgradedConnection.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -27,6 +28,7 @@ public:
     void onBodyComplete() override;
     void onAborted(const std::string& reason) override;
     void onCompleted(int terminationCode) override;
+    void onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection) override;
 
     /// The reason of `onAborted`; empty before.
     std::string abortReason() const;
@@ -37,7 +39,11 @@ public:
     std::atomic<int> bodyCompletions{0};
     std::atomic<int> aborts{0};
     std::atomic<int> completions{0};
+    std::atomic<int> upgrades{0};
     std::atomic<int> code{-1};
+
+    /// Takes the upgraded connection, which is closed without it. Set before the announcement.
+    std::function<void(std::unique_ptr<qv::UpgradedConnection>)> takeUpgraded;
 
 private:
     mutable std::mutex mMutex;

@@ -6,6 +6,13 @@
 #include <gtest/gtest.h>
 #include <support/MinimalRequest.h>
 
+#include <array>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace qv::tests
 {
 namespace
@@ -30,6 +37,76 @@ TEST(Connection, AbortsARequestThatBeginsAfterTheListenerHasClaimedIt)
     EXPECT_EQ(connection->phase, Connection::Phase::Ended);
     connection->endRequest(0);
     EXPECT_TRUE(table.remove(1000000, *connection));
+}
+
+// A connection, its peer, and a request that it serves.
+class DetachedConnection : public ::testing::Test
+{
+protected:
+    DetachedConnection()
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, mEnds.data()), 0);
+        ConnectionTable::Pointer abandoned;
+        mConnection = mTable.add(mEnds[1], {}, 0, abandoned);
+        EXPECT_TRUE(mConnection->beginRequest(mRequest, nullptr, Connection::Phase::Working));
+    }
+    ~DetachedConnection() override
+    {
+        mConnection->endRequest(0);
+        EXPECT_TRUE(mTable.remove(mConnection->close(), *mConnection));
+        for (const int descriptor : {mEnds[0], mEnds[1], mReplacement})
+            close(descriptor);
+    }
+
+    bool isOpen() const
+    {
+        char byte = 0;
+        return recv(mEnds[0], &byte, 1, MSG_DONTWAIT) != 0;
+    }
+
+    std::array<int, 2> mEnds{};
+    const int mReplacement = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ConnectionTable mTable{{}, 0};
+    ConnectionTable::Pointer mConnection;
+    MinimalRequest mRequest;
+};
+
+TEST_F(DetachedConnection, IsNotEndedByTheListenerAndHasOneDescriptor)
+{
+    const int descriptor = mConnection->detach(mReplacement);
+    ASSERT_GE(descriptor, 0);
+    EXPECT_NE(descriptor, mEnds[1]);
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+    EXPECT_TRUE(mConnection->isClosed());
+    mConnection->abortRequest("DaemonShutdown", false);
+    EXPECT_FALSE(mConnection->isAborted);
+    EXPECT_FALSE(mRequest.getResponseDevice().hasDeviceError());
+    mConnection->shutDown(SHUT_RDWR);
+    mConnection->refuse("x");
+    EXPECT_FALSE(mConnection->isShutDown);
+    EXPECT_TRUE(isOpen());
+    EXPECT_EQ(send(descriptor, "y", 1, MSG_NOSIGNAL), 1);
+    char byte = 0;
+    EXPECT_EQ(recv(mEnds[0], &byte, 1, MSG_DONTWAIT), 1);
+    EXPECT_EQ(byte, 'y');
+    // Although the daemon has not closed its own.
+    close(descriptor);
+    EXPECT_FALSE(isOpen());
+}
+
+TEST_F(DetachedConnection, IsImpossibleForARequestThatHasBeenAborted)
+{
+    mConnection->abortRequest("ClientAbort", false);
+    EXPECT_EQ(mConnection->detach(mReplacement), -ECANCELED);
+    EXPECT_FALSE(mConnection->isClosed());
+    EXPECT_TRUE(isOpen());
+}
+
+TEST_F(DetachedConnection, IsImpossibleForAConnectionThatHasBeenShutDown)
+{
+    mConnection->shutDown(SHUT_RDWR);
+    EXPECT_EQ(mConnection->detach(mReplacement), -ECANCELED);
+    EXPECT_FALSE(mConnection->isClosed());
 }
 
 }  // namespace

@@ -1,0 +1,122 @@
+// An upgrade in event-driven mode: the application's 101, and the connection handed on after it
+// under a descriptor of its own. The daemon closes the other one and keeps nothing.
+
+#include "server/EventUpgrade.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/UpgradedConnection.h>
+
+#include "listener/Connection.h"
+#include "request/ConnectionContext.h"
+#include "request/DispatchAccess.h"
+#include "server/EventDaemon.h"
+#include "server/EventDispatch.h"
+#include "server/ResponseQueue.h"
+#include "server/logging/LogObject.h"
+#include "streaming/AbortReason.h"
+#include "streaming/StreamCallbacks.h"
+
+#include <qvSystem/SystemError.h>
+#include <qvSystem/qvSystemUtils.h>
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+constexpr const char* kUpgradeToken = "upgrade";
+
+bool hasToken(const std::list<std::string>* values, const char* token)
+{
+    return values && std::any_of(values->begin(), values->end(), [&](const std::string& value) {
+               return strcasecmp(value.c_str(), token) == 0;
+           });
+}
+
+// Null when the request can be upgraded.
+const char* whyNot(const HttpBaseRequest& request, const Connection& record)
+{
+    if (record.progress.isHttp10)
+        return "the request is older than HTTP/1.1";
+    if (record.progress.declaredBytes != 0)
+        return "the request has a body";
+    if (!request.getHeader("upgrade"))
+        return "the request has no header Upgrade";
+    if (!hasToken(request.getHeader("connection"), kUpgradeToken))
+        return "the header Connection of the request does not name Upgrade";
+    return nullptr;
+}
+
+// A writer of a body, which nobody sends, would wait for ever.
+void endBodyOfUpgrade(HttpBaseRequest& request)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    const qvMutexLocker locker(&DispatchAccess::mutex(device));
+    if (!DispatchAccess::isCompleted(device))
+        device.setConnectionLost(kUpgraded);
+}
+
+void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
+{
+    if (error != ECANCELED)
+        qvLogObject(qvLogObject::kWarning)
+            << "cannot hand on an upgraded connection: " << SystemError(error).toString();
+    record.abortRequest(kWriteError, false);
+    ReportAbort(request, record, record.getAbortReason());
+    record.endRequest(qvSystemUtils::GetTimeBaseMs());
+}
+
+// Upgrade handler; `closure` is the EventDaemon, `slot` the ConnectionContext. The daemon completes
+// the context under its own mutex when it closes its descriptor: the request is completed here.
+void handOn(void* closure, MHD_Connection* connection, void* slot, const char* extraBytes,
+            size_t extraSize, MHD_socket socket, MHD_UpgradeResponseHandle* handle)
+{
+    auto& daemon = *static_cast<EventDaemon*>(closure);
+    auto& context = *static_cast<ConnectionContext*>(slot);
+    Connection& record = *ConnectionOf(connection);
+    HttpBaseRequest& request = *std::exchange(context.request, nullptr);
+    // The listener would go on to watch the connection under its other descriptor.
+    daemon.getListener().unwatch(socket);
+    const int descriptor = record.detach(daemon.getReplacement());
+    auto code = MHD_REQUEST_TERMINATED_COMPLETED_OK;
+    if (descriptor >= 0) {
+        endBodyOfUpgrade(request);
+        request.onUpgraded(std::make_unique<UpgradedConnection>(
+            descriptor, std::string(extraBytes, extraSize), request.getClientAddress(),
+            std::make_shared<ConnectionPlace>(std::move(record.place))));
+    } else {
+        abortUpgrade(request, record, -descriptor);
+        code = MHD_REQUEST_TERMINATED_WITH_ERROR;
+    }
+    CompleteRequest(&daemon.getServer(), request, code);
+    MHD_upgrade_action(handle, MHD_UPGRADE_ACTION_CLOSE);
+}
+
+}  // namespace
+
+unsigned QueueUpgrade(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
+                      const Connection& record)
+{
+    if (const char* const why = whyNot(request, record)) {
+        qvLogObject(qvLogObject::kWarning) << "Refusing an upgrade: " << why;
+        return MHD_HTTP_BAD_REQUEST;
+    }
+    MHD_Response* const response = MHD_create_response_for_upgrade(&handOn, &daemon);
+    if (QueueUpgradeHead(request, request.getResponse(), connection, response))
+        return 0;
+    qvLogObject(qvLogObject::kWarning)
+        << "Refusing an upgrade: the response has no valid header Upgrade";
+    return MHD_HTTP_INTERNAL_SERVER_ERROR;
+}
+
+}  // namespace qv::impl
