@@ -66,6 +66,16 @@ MHD_Result MHD_add_connection(MHD_Daemon*, MHD_socket, const sockaddr*, socklen_
     return MHD_NO;
 }
 
+int MHD_get_connection_values_n(MHD_Connection*, MHD_ValueKind, MHD_KeyValueIteratorN, void*)
+{
+    return 0;
+}
+
+MHD_Result MHD_run(MHD_Daemon*)
+{
+    return MHD_NO;
+}
+
 void MHD_suspend_connection(MHD_Connection*) {}
 
 void MHD_resume_connection(MHD_Connection*) {}

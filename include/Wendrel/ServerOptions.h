@@ -90,6 +90,14 @@ struct WENDREL_EXPORT ServerOptions
     /// one. Other requests, and those without a host, get 421 and never reach the application.
     /// Empty: every host.
     std::vector<std::string> allowedHosts;
+
+    /// Whether requests that two servers could read differently are refused with 400 (501 for an
+    /// unknown transfer coding) before the application sees them, and their connections closed:
+    /// several or malformed `Content-Length`, `Content-Length` beside `Transfer-Encoding`, any
+    /// `Transfer-Encoding` but `chunked`, several `Host`, a method or header name that is no token,
+    /// control characters, a target in no valid form, folded lines, bare LF and NUL. `serve` fails
+    /// with a daemon for which this is not possible.
+    bool strictRequests = true;
 };
 
 }  // namespace http

@@ -33,6 +33,7 @@ public:
         bool halfClosedClients = false;
         AddressSet trustedProxies;
         AllowedHosts allowedHosts;
+        bool strictRequests = false;
     };
 
     EventDaemon(http::HttpServer& server, const Settings& settings, const ConnectionLimits& limits);

@@ -16,7 +16,9 @@
 #include "server/EventUpgrade.h"
 #include "server/Reply.h"
 #include "server/ResponseQueue.h"
+#include "server/StrictPositions.h"
 #include "server/TargetForm.h"
+#include "server/logging/LogObject.h"
 #include "streaming/AbortReason.h"
 #include "streaming/StreamCallbacks.h"
 
@@ -205,6 +207,17 @@ IpAddress clientAddressOf(const EventDaemon::Settings& settings, MHD_Connection*
                : peer.address;
 }
 
+// The application does not see the request. The daemon closes the connection after a response to
+// the first call.
+MHD_Result refuseHead(const Refusal& refusal, MHD_Connection* connection, Connection& record)
+{
+    qvLogObject(qvLogObject::kInformation)
+        << "Refused a request of " << record.getPeer().address.toString() << " with "
+        << refusal.status << ": " << refusal.reason;
+    record.setPhase(Phase::Responding, kNoDeadline);
+    return respondEmpty(connection, refusal.status, nullptr);
+}
+
 // The first call: the head is complete, the body has not been read.
 MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const char* method,
                         const char* version, Connection& record, ConnectionContext& context)
@@ -377,7 +390,7 @@ void NotifyConnection(void* closure, MHD_Connection* connection, void** socketCo
         daemon.getListener().connectionClosed(*record);
 }
 
-MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const char*,
+MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const char* url,
                              const char* method, const char* version, const char* uploadData,
                              size_t* uploadSize, void** slot)
 {
@@ -391,6 +404,11 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
     if (!context.request) {
         if (record->phase == Phase::Ended || daemon.getListener().isStopping())
             return MHD_NO;
+        if (daemon.getSettings().strictRequests) {
+            const Refusal refusal = CheckHead({connection, url, method, version, context.uri});
+            if (refusal.status != 0)
+                return refuseHead(refusal, connection, *record);
+        }
         return beginRequest(daemon, connection, method, version, *record, context);
     }
     HttpBaseRequest& request = *context.request;

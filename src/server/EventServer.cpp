@@ -2,6 +2,7 @@
 
 #include "server/EventServer.h"
 
+#include "server/StrictPositions.h"
 #include "server/logging/LogObject.h"
 
 #include <sys/resource.h>
@@ -158,7 +159,8 @@ ServerOptions ReadOptions(const ServerOptions& options, size_t recordBytes)
          &Options::maxConnections, &Options::maxConnectionsPerAddress, &Options::headTimeout,
          &Options::idleTimeout, &Options::bodyTimeout, &Options::minBodyBytesPerSecond,
          &Options::sendTimeout, &Options::responseTimeout, &Options::uploadQueueBytes,
-         &Options::halfClosedClients, &Options::trustedProxies, &Options::allowedHosts);
+         &Options::halfClosedClients, &Options::trustedProxies, &Options::allowedHosts,
+         &Options::strictRequests);
     return known;
 }
 
@@ -193,6 +195,7 @@ bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& op
     std::string checked;
     ofDaemon.trustedProxies = proxiesOf(options, checked);
     ofDaemon.allowedHosts = hostsOf(options, checked);
+    ofDaemon.strictRequests = options.strictRequests;
     for (uint32_t i = 0; i < options.threads; ++i) {
         mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
         if (!mDaemons.back()->start())
@@ -205,6 +208,8 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
                                                const ServerOptions& options, std::string& failure)
 {
     failure = CheckOptions(options);
+    if (failure.empty() && options.strictRequests)
+        failure = TestStrictPositions();
     if (!failure.empty())
         return nullptr;
     std::unique_ptr<EventServer> made(new EventServer);

@@ -595,13 +595,12 @@ int statusOf(EventRun& run, const std::string& head)
 
 TEST(AllowedHosts, AreServedAndNoOthers)
 {
-    EventRun run([](EventRequest& request) { request.respondHere(200, ""); },
-                 serving({"localhost", "127.0.0.1:8181", "*.example.com", "[::1]"}));
     const struct
     {
         const char* name;
         std::string head;
         int status;
+        bool isRefusedStrictly = false;
     } rows[] = {
         {"a host", requestLine() + "Host: localhost\r\n", 200},
         {"any port", requestLine() + "Host: LocalHost:80\r\n", 200},
@@ -622,18 +621,25 @@ TEST(AllowedHosts, AreServedAndNoOthers)
          requestLine("http://localhost/") + "Host: evil.test\r\n", 200},
         {"user in the target", requestLine("http://localhost@evil.test/") + "Host: localhost\r\n",
          421},
-        {"two hosts", requestLine() + "Host: localhost\r\nHost: evil.test\r\n", 421},
+        {"two hosts", requestLine() + "Host: localhost\r\nHost: evil.test\r\n", 421, true},
         {"two hosts, the other first", requestLine() + "Host: evil.test\r\nHost: localhost\r\n",
-         421},
+         421, true},
     };
-    size_t served = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(statusOf(run, row.head), row.status);
-        served += row.status == 200 ? 1 : 0;
+    for (const bool isStrict : {true, false}) {
+        SCOPED_TRACE(isStrict);
+        ServerOptions options = serving({"localhost", "127.0.0.1:8181", "*.example.com", "[::1]"});
+        options.strictRequests = isStrict;
+        EventRun run([](EventRequest& request) { request.respondHere(200, ""); }, options);
+        size_t served = 0;
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.name);
+            EXPECT_EQ(statusOf(run, row.head),
+                      isStrict && row.isRefusedStrictly ? 400 : row.status);
+            served += row.status == 200 ? 1 : 0;
+        }
+        // The others have not reached the application.
+        EXPECT_EQ(run.requestCount(), served);
     }
-    // The others have not reached the application.
-    EXPECT_EQ(run.requestCount(), served);
 }
 
 TEST(AllowedHosts, RefuseWithAResponseAndClose)

@@ -24,17 +24,21 @@ STATEMENTS = (
     re.compile(r"\bfprintf\(stderr,[^;]*;"),
     re.compile(r"\bthrow std::\w+\([^;]*;"),
 )
-# Texts that other functions put together: reasons of aborted requests and of refused endpoints.
+# Texts that other functions put together: reasons of aborted and refused requests and of refused endpoints.
 PARTS = (
     re.compile(r"inline constexpr const char\* k\w+ = [^;]*;"),
     re.compile(r"\b(?:cannotListen|invalid)\((?!const)[^;]*;"),
     re.compile(r"return \"(?:no|the|an) [^;]*;"),
     re.compile(r"\bfailure = \"[^;]*;"),
+    re.compile(r"\brefuse\((?!const)[^;]*;"),
+    re.compile(r"\bconstexpr const char\* kNotContiguous = [^;]*;"),
+    re.compile(r"return \"(?:cannot test|ServerOptions::strictRequests)[^;]*;"),
     re.compile(r"mFailureReason = \"[^;]*;"),
 )
 PARTS_FILES = ("src/streaming/AbortReason.h", "src/listener/Endpoint.cpp",
                "src/request/AddressSet.cpp", "src/request/AllowedHosts.cpp",
-               "src/server/EventServer.cpp", "src/server/HttpServer.cpp")
+               "src/server/EventServer.cpp", "src/server/HttpServer.cpp",
+               "src/request/StrictRequest.cpp", "src/server/StrictPositions.cpp")
 
 # Texts in these statements that are not errors.
 NO_COMPLAINTS = {", with flags 0x"}

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """Request framing: the table of outcomes, and the page generated from it.
 
-    WENDREL_BARE_DAEMON=... WENDREL_LIBRARY_SERVER=... python3 framing.py --write [GROUP...]
+    WENDREL_BARE_DAEMON=... WENDREL_LIBRARY_SERVER=... python3 framing.py --write [--path PATH] [GROUP...]
 
-sends every request of raw_requests.py (or of some groups) twice, directly and through both proxies,
-and writes outcomes.tsv and docs/request-framing.md in ten minutes. `--page` writes only the page,
-from the recorded table.
+sends every request of raw_requests.py (or of some groups) twice, directly and through both proxies
+(or on one path), and writes outcomes.tsv and docs/request-framing.md in ten minutes. `--page` writes
+only the page, from the recorded table.
 """
 
 import argparse
@@ -27,6 +27,10 @@ COLUMNS = ("group", "request", "path", "responses", "connection", "seen", "forwa
 BETWEEN = " | "
 
 UNEXPLAINED = "unexplained"
+
+AGREES = "agrees"
+REFUSES = "refuses"
+WITHOUT_UPGRADE = "without upgrade"
 
 
 def versions():
@@ -101,6 +105,21 @@ def difference(request, outcomes):
     return UNEXPLAINED
 
 
+def strictness(request, outcomes):
+    """How event-driven mode treats a request, compared with polling mode."""
+    library = outcomes[request.group, request.name, "library"]
+    strict = outcomes[request.group, request.name, "event-driven"]
+    # It accepts more forms of a target than polling mode.
+    if strict == library or (request.group == "Target" and strict == outcomes[request.group, request.name, "daemon"]):
+        return AGREES
+    if strict.connection == "closed" and strict.responses[-1:] in (("400",), ("501",)):
+        seen = strict.seen == library.seen[:len(strict.seen)]
+        return REFUSES if seen and len(strict.seen) < max(len(library.seen), 1) else UNEXPLAINED
+    if difference(request, outcomes) == "upgrade":
+        return WITHOUT_UPGRADE
+    return UNEXPLAINED
+
+
 def refusing(outcome):
     """Whether a proxy has not forwarded the first request."""
     return outcome.forwarded == 0
@@ -140,14 +159,14 @@ def cell(outcome):
 def group_table(group, outcomes):
     yield f"### {group}"
     yield ""
-    yield "| Request | Daemon | Library | nginx | HAProxy |"
-    yield "|---|---|---|---|---|"
+    yield "| Request | Daemon | Library | Event-driven | nginx | HAProxy |"
+    yield "|---|---|---|---|---|---|"
     for request in REQUESTS:
         if request.group != group:
             continue
-        daemon, library, nginx, haproxy = (outcomes[group, request.name, path] for path in PATHS)
+        daemon, library, strict, nginx, haproxy = (outcomes[group, request.name, path] for path in PATHS)
         yield (f"| {request.name} | {cell(daemon)} | {'the same' if library == daemon else cell(library)} "
-               f"| {cell(nginx)} | {cell(haproxy)} |")
+               f"| {'the same' if strict == library else cell(strict)} | {cell(nginx)} | {cell(haproxy)} |")
     yield ""
 
 
@@ -170,7 +189,8 @@ every request and compares. Measured with {versions}.
 one piece followed by `GET /next`,
 
 - to the **daemon** without the library, with the same flags and options,
-- to the **library**, with an application that responds 400 to a parse error,
+- to the **library** in polling mode, with an application that responds 400 to a parse error,
+- to the library in **event-driven** mode with the default options, hence with `strictRequests`,
 - through **nginx** and **HAProxy** to the same application, with the configurations of
   [`deploy/`](../deploy), with only the marked lines adapted.
 
@@ -192,6 +212,15 @@ requests.
 
 The daemon accepts these {lenient} requests, and both proxies refuse them. Another proxy must refuse or rewrite
 them as well; [Request smuggling](../SECURITY.md#request-smuggling) lists those that are exploitable.
+
+"""
+
+STRICT = """\
+## Requests refused by event-driven mode
+
+With `strictRequests` the library refuses {strict} of the requests that the daemon accepts or leaves without an
+end, before the application sees them, and closes the connection. It passes these on although both
+proxies refuse them:
 
 """
 
@@ -221,6 +250,9 @@ def page(outcomes):
         lenient=len(lenient),
         **{kind: kinds.count(kind) for kind in ("refused", "upgrade")})
         + "\n".join(names(lenient))]
+    strict = [request for request in REQUESTS if strictness(request, outcomes) == REFUSES]
+    passed = [request for request in lenient if request not in strict]
+    lines.append(STRICT.format(strict=len(strict)) + "\n".join(names(passed)))
     lines.append(LEGEND.rstrip("\n"))
     lines.append("")
     for group in GROUPS:
@@ -232,13 +264,15 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--write", action="store_true", help="measure")
     parser.add_argument("--page", action="store_true", help="write the page of the recorded table")
+    parser.add_argument("--path", choices=PATHS, help="measure only this one")
     parser.add_argument("groups", nargs="*", choices=[[], *GROUPS], metavar="GROUP")
     arguments = parser.parse_args()
     if arguments.write:
         groups = arguments.groups or list(GROUPS)
-        outcomes = read_table() if arguments.groups else {}
+        measured = (arguments.path,) if arguments.path else PATHS
+        outcomes = read_table() if arguments.groups or arguments.path else {}
         with concurrent.futures.ThreadPoolExecutor() as pool:
-            for found in pool.map(lambda name: observe_all(name, groups), PATHS):
+            for found in pool.map(lambda name: observe_all(name, groups), measured):
                 outcomes.update(found)
         write_table(outcomes)
     if arguments.write or arguments.page:

@@ -55,8 +55,8 @@ def shortened(word):
 class BackEnd:
     """A server under test; its events by the port of the client that they are about."""
 
-    def __init__(self, program):
-        self.process = Process(program)
+    def __init__(self, *command):
+        self.process = Process(*command)
         self.port = int(self.process.wait_line(r"port (\d+)")[1])
         self.events = {}
         self.reader = threading.Thread(target=self._read, daemon=True)
@@ -237,9 +237,9 @@ class Client:
 class DirectPath:
     at_once = 8  # requests that may be on their way
 
-    def __init__(self, name, program):
+    def __init__(self, name, *command):
         self.name = name
-        self.back_end = BackEnd(program)
+        self.back_end = BackEnd(*command)
         self.port = self.back_end.port
 
     def activity(self, client):
@@ -358,10 +358,12 @@ def open_path(name, change=lambda text: text):
         return DirectPath(name, BARE_DAEMON)
     if name == "library":
         return DirectPath(name, LIBRARY_SERVER)
+    if name == "event-driven":
+        return DirectPath(name, "env", "WENDREL_TEST_MODE=event-driven", LIBRARY_SERVER)
     return ProxyPath(name, change)
 
 
-PATHS = ("daemon", "library", "nginx", "haproxy")
+PATHS = ("daemon", "library", "event-driven", "nginx", "haproxy")
 
 
 def settle(path, client, quiet_seconds):

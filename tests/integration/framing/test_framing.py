@@ -47,6 +47,9 @@ class Outcomes(unittest.TestCase):
     def test_library(self):
         self.check_all("library")
 
+    def test_event_driven(self):
+        self.check_all("event-driven")
+
     def test_nginx(self):
         self.check_all("nginx")
 
@@ -73,6 +76,14 @@ class Table(unittest.TestCase):
         for request in REQUESTS:
             with self.subTest(request.name):
                 self.assertNotEqual(framing.difference(request, outcomes), framing.UNEXPLAINED)
+
+    def test_event_driven_mode_refuses_or_agrees(self):
+        """It refuses a request by itself and closes the connection, or passes on the same as polling mode."""
+        outcomes = framing.read_table()
+        for request in REQUESTS:
+            with self.subTest(request.name):
+                self.assertIn(framing.strictness(request, outcomes),
+                              (framing.AGREES, framing.REFUSES, framing.WITHOUT_UPGRADE))
 
     def test_the_page_is_current(self):
         self.assertEqual(framing.PAGE.read_text(), framing.page(framing.read_table()),

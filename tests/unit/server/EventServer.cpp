@@ -147,6 +147,7 @@ ServerOptions differentEverywhere()
     options.halfClosedClients = !options.halfClosedClients;
     options.trustedProxies = {"127.0.0.1"};
     options.allowedHosts = {"localhost"};
+    options.strictRequests = !options.strictRequests;
     return options;
 }
 
@@ -175,6 +176,7 @@ template <typename Check> void forEachField(Check check)
     field("halfClosedClients", &Options::halfClosedClients);
     field("trustedProxies", &Options::trustedProxies);
     field("allowedHosts", &Options::allowedHosts);
+    field("strictRequests", &Options::strictRequests);
 }
 
 TEST(ReadOptions, TakesTheFieldsThatTheCallerKnowsAndDefaultsForTheRest)

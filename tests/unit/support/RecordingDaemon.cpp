@@ -456,6 +456,21 @@ int MHD_get_connection_values(MHD_Connection* connection, MHD_ValueKind kind,
     return count;
 }
 
+// Of strict mode, whose positions a fake does not have.
+int MHD_get_connection_values_n(MHD_Connection*, MHD_ValueKind kind, MHD_KeyValueIteratorN, void*)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_get_connection_values_n", std::to_string(kind));
+    return 0;
+}
+
+MHD_Result MHD_run(MHD_Daemon*)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_run", "");
+    return call.isAllowed() ? MHD_YES : MHD_NO;
+}
+
 const MHD_ConnectionInfo* MHD_get_connection_info(MHD_Connection* connection,
                                                   MHD_ConnectionInfoType info_type, ...)
 {
