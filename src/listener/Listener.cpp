@@ -622,6 +622,8 @@ void Listener::nudgeSinks(int64_t nowMs)
     for (ConnectionSink* sink : mSinks) {
         if (sink->getTable().getCount() >= kNudgeConnections)
             sink->nudge();
+        else
+            sink->stopNudging();
     }
 }
 

@@ -37,6 +37,9 @@ public:
     // Ends a wait of the daemon for one more event; called every kNudgeMs while it has at least
     // kNudgeConnections.
     virtual void nudge() = 0;
+
+    // It has fewer: frees what `nudge` uses.
+    virtual void stopNudging() = 0;
 };
 
 class Listener

@@ -68,8 +68,7 @@ void EventDaemon::stop()
 {
     if (mDaemon)
         MHD_stop_daemon(std::exchange(mDaemon, nullptr));
-    if (mNudge >= 0)
-        close(std::exchange(mNudge, -1));
+    stopNudging();
     if (mReplacement >= 0)
         close(std::exchange(mReplacement, -1));
 }
@@ -90,7 +89,7 @@ bool EventDaemon::openNudge()
     address.sa_family = AF_UNIX;
     if (serve(pair[1], &address, sizeof address) && sendNudge(kNudgeHead, sizeof kNudgeHead - 1))
         return true;
-    close(std::exchange(mNudge, -1));
+    stopNudging();
     return false;
 }
 
@@ -105,6 +104,13 @@ void EventDaemon::nudge()
     if (mNudge < 0 && !openNudge())
         return;
     if (!sendNudge("n", 1))
+        stopNudging();
+}
+
+// The daemon closes its end.
+void EventDaemon::stopNudging()
+{
+    if (mNudge >= 0)
         close(std::exchange(mNudge, -1));
 }
 

@@ -55,6 +55,7 @@ public:
     ConnectionTable& getTable() override { return mTable; }
     bool serve(int descriptor, const sockaddr* address, size_t bytes) override;
     void nudge() override;
+    void stopNudging() override;
 
     // A socket that is never used: the daemon's descriptor of an upgraded connection becomes a
     // duplicate of it.
