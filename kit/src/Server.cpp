@@ -57,9 +57,16 @@ bool Server::start(const http::HttpServer::Parameters& parameters, std::chrono::
     return mServer->getState() == http::HttpServer::Running;
 }
 
+bool Server::start(const http::ServerOptions& options)
+{
+    mIsEventDriven = mServer->serve(options);
+    return mIsEventDriven;
+}
+
+// In event-driven mode requests that have been sent already are served.
 bool Server::stop(std::chrono::milliseconds limit)
 {
-    const bool drained = mApplication->drain(limit);
+    const bool drained = mIsEventDriven ? mServer->shutDown(limit) : mApplication->drain(limit);
     mServer->stopServer(true);
     mApplication->stopWorkers();
     // Every request is completed and its worker done: this only waits until all are deleted.

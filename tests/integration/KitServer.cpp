@@ -68,7 +68,7 @@ TEST(KitServer, ServesManyRequestsOnOneConnection)
         router.add(kPut, "/empty", [](Request& request) { request.reply(204, "", ""); });
         router.add(kGet, "/known", [](Request& request) { request.reply(304, "", ""); });
     });
-    RawClient client(run.port());
+    auto client = std::make_unique<RawClient>(run.port());
     for (int round = 0; round < 3; ++round) {
         const struct
         {
@@ -92,11 +92,14 @@ TEST(KitServer, ServesManyRequestsOnOneConnection)
         for (const auto& row : rows) {
             SCOPED_TRACE(row.bytes);
             const bool head = row.bytes.compare(0, 4, "HEAD") == 0;
-            ASSERT_TRUE(client.send(row.bytes));
-            const auto response = client.receive(head);
+            ASSERT_TRUE(client->send(row.bytes));
+            const auto response = client->receive(head);
             ASSERT_TRUE(response);
             EXPECT_EQ(response->status, row.status);
             EXPECT_EQ(response->body, row.body);
+            // A response that is complete before the body has been received is sent early.
+            if (integration::isEventDriven() && response->value("Connection") == "close")
+                client = std::make_unique<RawClient>(run.port());
             if (*row.length) {
                 EXPECT_EQ(response->value("Content-Length"), row.length);
             }
@@ -413,13 +416,17 @@ TEST(KitServer, AStopFinishesRunningRequestsAndRefusesNewOnes)
     ASSERT_TRUE(running.pop());
     bool drained = false;
     std::thread stopper([&] { drained = run.stop(kLimit); });
-    RawClient other(run.port());
-    EXPECT_TRUE(waitUntil([&] {
-        if (!other.send(getRequest("/hello/x")))
-            return false;
-        const auto response = other.receive();
-        return response && response->status == 503;
-    }));
+    if (integration::isEventDriven()) {
+        EXPECT_TRUE(waitUntil([&] { return !RawClient::accepts("127.0.0.1", run.port()); }));
+    } else {
+        RawClient other(run.port());
+        EXPECT_TRUE(waitUntil([&] {
+            if (!other.send(getRequest("/hello/x")))
+                return false;
+            const auto response = other.receive();
+            return response && response->status == 503;
+        }));
+    }
     latch.open();
     const auto response = client.receive();
     stopper.join();

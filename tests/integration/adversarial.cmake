@@ -30,3 +30,8 @@ add_dependencies(integration_adversarial adversarial_server)
 gtest_discover_tests(integration_adversarial TEST_PREFIX integration_adversarial. DISCOVERY_TIMEOUT 600
     PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
         ENVIRONMENT WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor})
+# Event-driven mode has no WebSockets, and limits of its own in place of the others' findings.
+gtest_discover_tests(integration_adversarial TEST_PREFIX event_driven.adversarial. DISCOVERY_TIMEOUT 600
+    TEST_FILTER "Aborts.*Deleted:Aborts.AreCompletedOnce*:Churn.*:HeaderBombs.*:LogLines.*"
+    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
+        ENVIRONMENT "WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor};WENDREL_TEST_MODE=event-driven")

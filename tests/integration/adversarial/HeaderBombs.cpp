@@ -117,6 +117,9 @@ bool hasOutcome(const Client& client)
 int outcomeOf(const Client& client, double timeoutMs)
 {
     const std::string version = "HTTP/1.1 ";
+    // Event-driven mode says so.
+    if (client.text.starts_with(version + "408"))
+        return kTimedOut;
     if (client.text.compare(0, version.size(), version) == 0)
         return std::atoi(client.text.c_str() + version.size());
     constexpr double kCoarseMs = 100;

@@ -2,6 +2,7 @@
 
 #include "ServerProcess.h"
 
+#include "../support/TestMode.h"
 #include "../support/Waiting.h"
 
 #include <gtest/gtest.h>
@@ -67,6 +68,8 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
 
     std::vector<std::string> words{WENDREL_ADVERSARIAL_SERVER};
     words.insert(words.end(), arguments.begin(), arguments.end());
+    if (integration::isEventDriven())
+        words.emplace_back("events=1");
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());

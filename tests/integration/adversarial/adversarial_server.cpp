@@ -2,9 +2,9 @@
 // descriptors and threads can be told from those of its clients.
 //
 // Arguments, all as name=number: threads, workers, queue, timeout (ms), websocket (0 or 1),
-// hubworkers, unsent (ms), sendbuffer (bytes, of upgraded sockets); and log=path for a log in a
-// file (without it, lines are only counted). Prints "port=N". Obeys orders on standard input, a
-// line each:
+// hubworkers, unsent (ms), sendbuffer (bytes, of upgraded sockets), events (1: event-driven mode);
+// and log=path for a log in a file (without it, lines are only counted). Prints "port=N". Obeys
+// orders on standard input, a line each:
 //   metrics   gives unused memory back to the system and prints numbers
 //   endings   prints how requests ended: their number, then "count kind: error" a line each
 //   release   lets those requests go on that ask for /hold
@@ -306,7 +306,7 @@ public:
             parameters.threadPoolSize = mArguments.number("threads", 2);
             parameters.connectionTimeoutMs = mArguments.number("timeout", 60000);
             parameters.allowWebSocket = mArguments.number("websocket", 1) != 0;
-            if (mServer->start(parameters, std::chrono::seconds(30))) {
+            if (startIn(parameters)) {
                 std::printf("port=%d\n", parameters.port);
                 std::fflush(stdout);
                 return true;
@@ -349,6 +349,23 @@ public:
     std::atomic<uint64_t> mLogLines{0};
 
 private:
+    // With the limits of polling mode, where they are the same.
+    bool startIn(const qv::http::HttpServer::Parameters& parameters)
+    {
+        if (mArguments.number("events", 0) == 0)
+            return mServer->start(parameters, std::chrono::seconds(30));
+        constexpr uint32_t kMaxConnections = 1020;
+        constexpr size_t kConnectionMemoryBytes = 262144;
+        qv::http::ServerOptions options;
+        options.listen = {"127.0.0.1:" + std::to_string(parameters.port)};
+        options.threads = parameters.threadPoolSize;
+        options.maxConnections = kMaxConnections;
+        options.connectionMemoryBytes = kConnectionMemoryBytes;
+        options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
+            milliseconds(parameters.connectionTimeoutMs);
+        return mServer->start(options);
+    }
+
     static unsigned long long number(uint64_t value) { return value; }
 
     void printEndings()

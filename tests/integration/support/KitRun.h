@@ -4,6 +4,8 @@
 
 #include <Wendrel/kit/Server.h>
 
+#include "TestMode.h"
+
 #include <support/Ports.h>
 
 #include <atomic>
@@ -61,7 +63,7 @@ public:
             parameters.port = mPort = qv::tests::findFreePort();
             parameters.threadPoolSize = 2;
             parameters.allowWebSocket = true;
-            if (mServer->start(parameters, std::chrono::seconds(30)))
+            if (start(parameters))
                 return;
         }
         throw std::runtime_error("the server of the test did not start");
@@ -74,6 +76,17 @@ public:
     bool stop(std::chrono::milliseconds limit) { return mServer->stop(limit); }
 
 private:
+    bool start(const qv::http::HttpServer::Parameters& parameters)
+    {
+        if (!isEventDriven())
+            return mServer->start(parameters, std::chrono::seconds(30));
+        qv::http::ServerOptions options;
+        options.listen = {"127.0.0.1:" + std::to_string(parameters.port)};
+        options.threads = parameters.threadPoolSize;
+        options.connectionMemoryBytes = 262144;
+        return mServer->start(options);
+    }
+
     std::unique_ptr<qv::kit::Server> mServer;
     uint16_t mPort = 0;
 };

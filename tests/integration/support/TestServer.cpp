@@ -221,12 +221,6 @@ private:
     std::thread mReaper;
 };
 
-bool isEventDriven()
-{
-    const char* const mode = std::getenv("WENDREL_TEST_MODE");
-    return mode && std::string(mode) == "event-driven";
-}
-
 qv::http::ServerOptions withMemoryOfPollingMode()
 {
     qv::http::ServerOptions options;

@@ -2,6 +2,7 @@
 #ifndef WENDREL_TESTS_INTEGRATION_TESTSERVER_H
 #define WENDREL_TESTS_INTEGRATION_TESTSERVER_H
 
+#include "TestMode.h"
 #include "Waiting.h"
 
 #include <Wendrel/HttpServer.h>
@@ -48,10 +49,6 @@ public:
 /// Serves one request; called on a thread of its own between the start and the end of the
 /// worker's handling.
 using Behaviour = std::function<void(TestRequest&)>;
-
-/// Whether servers of this process run in event-driven mode (environment variable
-/// WENDREL_TEST_MODE=event-driven) or in polling mode.
-bool isEventDriven();
 
 /// Default options with the connection memory of polling mode, for tests of large heads.
 qv::http::ServerOptions withMemoryOfPollingMode();

@@ -31,10 +31,17 @@ public:
     bool start(const http::HttpServer::Parameters& parameters,
                std::chrono::milliseconds limit = std::chrono::seconds(10));
 
-    /// Stops. Running requests have `limit` to get their responses, new ones get 503 during
-    /// it; then the daemon is stopped, which ends all others, and the workers are joined.
-    /// Returns whether every request got its response. Workers that wait for a body notice the
-    /// stop within two seconds; one that does something else is waited for.
+    /// Starts in event-driven mode: slow clients and uploads cost no more memory than the options
+    /// allow, and clients that leave are noticed at once. WebSockets need the other mode. False when
+    /// the server could not start: `getHttpServer().getFailureReason()` says why. It can be tried
+    /// again.
+    bool start(const http::ServerOptions& options);
+
+    /// Stops. Running requests have `limit` to get their responses; then the daemon is stopped,
+    /// which ends all others, and the workers are joined. During the limit new requests get 503, or
+    /// in event-driven mode their connections are closed. Returns whether every request got its
+    /// response. Workers that wait for a body notice the stop within two seconds; one that does
+    /// something else is waited for.
     bool stop(std::chrono::milliseconds limit);
 
     /// The application, which is the server's.
@@ -46,6 +53,7 @@ public:
 private:
     Application* mApplication;  // owned by the server
     std::unique_ptr<http::HttpServer> mServer;
+    bool mIsEventDriven = false;
 };
 
 /// Lets a program wait for the order to stop.
