@@ -186,9 +186,10 @@ void impl::DispatchAccess::liftQueueLimit(HttpReceiveDevice& device)
 void impl::DispatchAccess::abort(HttpReceiveDevice& device, const std::string& reason)
 {
     const qvMutexLocker locker(&device.mMutex);
-    device.setDeviceError(reason);
     device.mDataArrived.wakeAll();
     device.continueFeed();
+    // Last: it may find no memory. Nobody looks at the device before the mutex is released.
+    device.setDeviceError(reason);
 }
 
 }  // namespace qv

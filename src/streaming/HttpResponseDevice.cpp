@@ -13,6 +13,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
+#include <new>
 
 namespace qv
 {
@@ -262,8 +263,13 @@ bool impl::DispatchAccess::abort(HttpResponseDevice& device, const std::string& 
         return false;
     // Before the connection is resumed, and before a daemon thread that suspends it has the mutex.
     aborted = true;
-    device.setConnectionLost(reason);
     device.resume();
+    try {
+        device.setConnectionLost(reason);
+    } catch (const std::bad_alloc&) {
+        // The reasons are short enough for a text without an allocation.
+        device.setDeviceError(reason);
+    }
     return true;
 }
 
