@@ -137,6 +137,20 @@ MHD_Response* MHD_create_response_from_buffer(size_t size, void* buffer, MHD_Res
     return response;
 }
 
+MHD_Response* MHD_create_response_from_buffer_with_free_callback_cls(
+    size_t size, void* buffer, MHD_ContentReaderFreeCallback release, void* closure)
+{
+    MHD_Response* const response =
+        MHD_create_response_from_buffer(size, buffer, MHD_RESPMEM_PERSISTENT);
+    release(closure);
+    return response;
+}
+
+MHD_Result MHD_set_response_options(MHD_Response*, MHD_ResponseFlags, ...)
+{
+    return MHD_YES;
+}
+
 MHD_Response* MHD_create_response_from_callback(uint64_t size, size_t,
                                                 MHD_ContentReaderCallback reader, void* closure,
                                                 MHD_ContentReaderFreeCallback)

@@ -22,12 +22,14 @@
 namespace qv
 {
 
+class BodySource;
 class HttpBaseRequest;
 
 namespace impl
 {
+class BodySignal;
 struct DispatchAccess;
-}
+}  // namespace impl
 
 /// The device from which an application reads the body that a client uploads.
 ///
@@ -49,7 +51,8 @@ public:
     /// has been received for 360000 ms; then `atEnd()` is true. During the upload the newest chunk
     /// of at least 64 KiB is not readable. A connection closed during the upload does not end the
     /// wait: the wait listener is notified every second and can set an error on this device.
-    /// Thread: the request's worker.
+    /// In event-driven mode a read that would wait on a daemon thread sets the device error "read
+    /// on a daemon thread" instead. Thread: the request's worker.
     uint64_t readBytes(char* buf, size_t len) override;
 
     /// Takes the next `len` bytes of the upload; returns `len`, or 0 after the feed ended.
@@ -77,6 +80,7 @@ private:
     void keepAliveStep();
     uint64_t takeFromQueue(char* buf, uint64_t wanted) QV_REQUIRES(mMutex);
     uint64_t readLocked(char* buf, uint64_t len, int64_t idleSinceMs) QV_REQUIRES(mMutex);
+    bool mayNotWait();
     void continueFeed() QV_REQUIRES(mMutex);
 
     qvMutex mMutex;
@@ -115,7 +119,8 @@ public:
     /// device in error. Waits, once, without limit, while more than 256 KiB are ready and
     /// not yet sent; a lost connection ends the wait. The wait never ends when the daemon does
     /// not fetch the body to its end: write nothing for HEAD and for status 204 and 304, and
-    /// not more than the declared length. Thread: the request's worker.
+    /// not more than the declared length. In event-driven mode a write that would wait on a daemon
+    /// thread is refused instead, with a line in the log. Thread: the request's worker.
     uint64_t writeBytes(const char* data, size_t len) override;
 
     /// Hands everything written so far to the daemon, also a chunk of less than 64 KiB.
@@ -144,7 +149,8 @@ public:
     /// True while there are such bytes. Any thread, no lock.
     bool hasDataToSend() const;
 
-    /// Bytes accepted by `writeBytes` so far. Any thread, no lock.
+    /// Bytes accepted by `writeBytes`, or fetched from the body source, so far. Any thread, no
+    /// lock.
     uint64_t getSentBytes() const;
 
     /// Copies up to `max` bytes to `buf` and returns how many. Both flags are set to whether
@@ -156,6 +162,17 @@ public:
     /// writer. Thread: the daemon's, with the device's mutex held. Not for applications.
     void setConnectionLost(const std::string& reason);
 
+    /// The daemon fetches the body from `source`; nothing is written to this device. The body is
+    /// complete for the device, as after `endSending`: the rest of an upload is discarded. Its
+    /// length is sent as Content-Length; see HttpResponseInterface::getContentLength. For HEAD and
+    /// for status 204 and 304 the source is not read.
+    ///
+    /// Any thread, once, before `setResponseReady`. Returns false and destroys the source, with a
+    /// line in the log, in polling mode, for null, after another source, a write, `endSending` or
+    /// `setResponseReady`, and when the resumer of the source serves another response; without a
+    /// line when the device is in error.
+    bool setBodySource(std::unique_ptr<BodySource> source);
+
 private:
     friend struct impl::DispatchAccess;
 
@@ -163,7 +180,9 @@ private:
     using Queue = std::list<Chunk>;
 
     bool mayWrite() const;
+    bool wouldHandOver(size_t len, int64_t nowMs) const;
     void resume() QV_REQUIRES(*mMutex);
+    const char* takeSource(std::unique_ptr<BodySource>& source);
     void handOver(Queue::iterator end, uint64_t bytes);
     bool takeOver(size_t space, bool& ended);
 
@@ -179,10 +198,13 @@ private:
     std::atomic<uint64_t> mSentBytes;   // changed by the writer
     std::unique_ptr<qvMutex> mMutex;
     std::unique_ptr<qvWaitCondition> mSpaceFreed;
-    std::atomic<bool> mCompleted;            // changed under mMutex
-    std::atomic<bool> mTakenWhole;           // changed under mMutex
-    bool mFlushRequested;                    // writer
-    bool mSuspended QV_GUARDED_BY(*mMutex);  // the connection waits for this device
+    std::atomic<bool> mCompleted;                // changed under mMutex
+    std::atomic<bool> mTakenWhole;               // changed under mMutex
+    bool mFlushRequested;                        // writer
+    bool mSuspended QV_GUARDED_BY(*mMutex);      // the connection waits for this device
+    bool mSourceResumed QV_GUARDED_BY(*mMutex);  // and has not been read since
+    std::unique_ptr<BodySource> mSource QV_GUARDED_BY(*mMutex);  // used by the daemon thread
+    std::shared_ptr<impl::BodySignal> mSourceSignal QV_GUARDED_BY(*mMutex);
 };
 
 /// The head of a response: status, declared length, headers and cookies. Derive from it.
@@ -216,7 +238,10 @@ public:
     virtual uint32_t getStatusCode() = 0;
 
     /// Length of the body in bytes; negative: not known. Not called when the body is complete and
-    /// at most 536870911 bytes long when the response is queued.
+    /// at most 536870911 bytes long when the response is queued. The length of a body source has
+    /// precedence, with a line in the log when both are known and differ. A body source of unknown
+    /// length must not end before the length given here: the connection is closed then. Bytes
+    /// beyond it are not read.
     virtual int64_t getContentLength() = 0;
 
     /// A line for the application's own log. Not called by the library.

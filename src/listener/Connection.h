@@ -138,7 +138,8 @@ public:
         uint64_t bodyBytes = 0;
         uint32_t finalCalls = 0;
         bool isHttp10 = false;
-        bool isChunked = false;         // the response
+        bool isChunked = false;            // the response
+        bool isSourceLengthKnown = false;  // of the response
         bool isEndedByClosing = false;  // the response, as HTTP/1.0 ends a body of unknown length
         bool isAbortReported = false;
     };

@@ -3,9 +3,11 @@
 #ifndef WENDREL_REQUEST_DISPATCHACCESS_H
 #define WENDREL_REQUEST_DISPATCHACCESS_H
 
+#include <Wendrel/BodySource.h>
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 
+#include <memory>
 #include <string>
 
 namespace qv::impl
@@ -78,7 +80,25 @@ struct DispatchAccess
         d.mDataArrived.wakeAll();
     }
 
+    // Event-driven mode. The source is set before the response is announced, and removed by
+    // `endSource`: in between, the daemon thread uses it without the mutex.
+    static BodySource* source(HttpResponseDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mSource.get();
+    }
+    // A resume that no suspension has used up. The mutex is held.
+    static bool& isSourceResumed(HttpResponseDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mSourceResumed;
+    }
+    static std::atomic<uint64_t>& sentBytes(HttpResponseDevice& d) { return d.mSentBytes; }
+    static std::shared_ptr<BodySignal> signal(const BodyResumer& r) { return r.mSignal; }
+
+    // Destroys the source without the mutex. The handles of its resumer do nothing any more.
+    static void endSource(HttpResponseDevice& d);
+
     // Any thread; these take the device's mutex. The request is not completed.
+    static void resumeSource(HttpResponseDevice& d);
     static void resume(HttpResponseDevice& d);
     static void resumeAfterError(HttpResponseDevice& d);
     static void liftQueueLimit(HttpReceiveDevice& d);

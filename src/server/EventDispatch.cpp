@@ -13,6 +13,7 @@
 #include "server/Admission.h"
 #include "server/Dispatch.h"
 #include "server/EventDaemon.h"
+#include "server/EventStream.h"
 #include "server/EventUpgrade.h"
 #include "server/Reply.h"
 #include "server/ResponseQueue.h"
@@ -20,6 +21,7 @@
 #include "server/TargetForm.h"
 #include "server/logging/LogObject.h"
 #include "streaming/AbortReason.h"
+#include "streaming/DaemonThread.h"
 #include "streaming/StreamCallbacks.h"
 
 #include <qvSystem/qvSystemUtils.h>
@@ -90,51 +92,6 @@ MHD_Result respondLate(HttpBaseRequest& request, Connection& record, MHD_Connect
     return respondEmpty(connection, MHD_HTTP_SERVICE_UNAVAILABLE, kRetryAfterSeconds);
 }
 
-// The daemon does not close the connection of a reader that ends a body otherwise than by its
-// chunks or its length: it forgets the connection until another event of its thread. A send that
-// fails is handled at once.
-ssize_t endByClosing(Connection& record, char* buffer)
-{
-    record.shutDown(SHUT_RDWR);
-    *buffer = 0;
-    return 1;
-}
-
-// The device resumes the connection when it has something to send.
-void suspendStream(HttpBaseRequest& request)
-{
-    HttpResponseDevice& device = request.getResponseDevice();
-    const qvMutexLocker locker(&DispatchAccess::mutex(device));
-    // Otherwise something has come since the reader looked: the daemon calls it again at once.
-    if (device.hasDataToSend() || DispatchAccess::isCompleted(device) || device.hasDeviceError())
-        return;
-    DispatchAccess::isSuspended(device) = true;
-    MHD_suspend_connection(DispatchAccess::connection(request));
-}
-
-// Content reader; `closure` is the HttpBaseRequest.
-ssize_t readContent(void* closure, uint64_t, char* buffer, size_t size)
-{
-    auto& request = *static_cast<HttpBaseRequest*>(closure);
-    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
-    HttpResponseDevice& device = request.getResponseDevice();
-    if (device.hasDeviceError())
-        return endByClosing(record, buffer);
-    bool ended = false;
-    bool endedToo = false;
-    const size_t copied = device.sendChunksThreadSafe(buffer, size, ended, endedToo);
-    if (copied != 0)
-        return static_cast<ssize_t>(copied);
-    if (!ended) {
-        suspendStream(request);
-        return 0;
-    }
-    if (record.progress.isChunked)
-        return MHD_CONTENT_READER_END_OF_STREAM;
-    record.progress.isEndedByClosing = record.progress.isHttp10;
-    return endByClosing(record, buffer);
-}
-
 MHD_Result upgrade(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
                    Connection& record)
 {
@@ -152,13 +109,19 @@ MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* 
 {
     record.setPhase(Phase::Responding, kNoDeadline);
     HttpResponseInterface& head = request.getResponse();
-    if ((decision == Decision::Whole || decision == Decision::Stream) &&
-        head.getStatusCode() == MHD_HTTP_SWITCHING_PROTOCOLS)
+    const bool hasBody =
+        decision == Decision::Whole || decision == Decision::Stream || decision == Decision::Source;
+    if (hasBody && head.getStatusCode() == MHD_HTTP_SWITCHING_PROTOCOLS) {
+        DispatchAccess::endSource(request.getResponseDevice());
         return upgrade(daemon, connection, request, record);
+    }
+    const bool close = mustClose(daemon, record);
+    if (decision == Decision::Source)
+        return QueueSource(request, record, connection, close);
     record.progress.isChunked =
         decision == Decision::Stream && !record.progress.isHttp10 && head.getContentLength() < 0;
     return QueueDecided(decision, daemon.getServer().getImpl(), connection, request, head, body,
-                        {&readContent, mustClose(daemon, record)});
+                        {&ReadEventContent, close});
 }
 
 // A response that is complete before the body of its request has been received is sent in place of
@@ -173,7 +136,7 @@ MHD_Result respondEarly(EventDaemon& daemon, MHD_Connection* connection, HttpBas
     {
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
         if (!record.isAborted && DispatchAccess::isCompleted(device))
-            decision = Decide(device, request, body);
+            decision = DecideEvent(device, request, body);
     }
     if (decision == Decision::Wait)
         return MHD_YES;
@@ -326,7 +289,7 @@ MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
     {
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
         if (!record.isAborted)
-            decision = Decide(device, request, body);
+            decision = DecideEvent(device, request, body);
         isLate = record.isResponseLate;
         if (decision == Decision::Wait && !record.isAborted && !isLate) {
             if (!isFirst) {
@@ -365,6 +328,7 @@ void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string
 
 void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
 {
+    DaemonThread::mark();
     if (Connection* const record = ConnectionOf(connection))
         record->beginHead(qvSystemUtils::GetTimeBaseMs());
     return ContextRegistry::Add(uri ? uri : "", connection);
@@ -433,6 +397,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
             ReportAbort(request, *record, record->getAbortReason());
         }
         endUpload(request);
+        DispatchAccess::endSource(request.getResponseDevice());
     }
     if (record)
         record->endRequest(qvSystemUtils::GetTimeBaseMs());

@@ -60,27 +60,11 @@ bool isSetByUpgrade(const std::string& name)
            strcasecmp(name.c_str(), MHD_HTTP_HEADER_TRANSFER_ENCODING) == 0;
 }
 
-// Sends the head and the given body.
-MHD_Result queueResponse(HttpBaseRequest& request, HttpResponseInterface& head,
-                         MHD_Connection* connection, MHD_Response* response,
-                         const SendOptions& options)
-{
-    if (!response)
-        return MHD_NO;
-    std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> held(response, &MHD_destroy_response);
-    DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
-    emitHead(request, head, response);
-    if (options.close)
-        MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
-    const uint32_t status = head.getStatusCode();
-    return QueueAndDestroy(connection, status, held.release());
-}
-
 MHD_Result queueWhole(HttpBaseRequest& request, HttpResponseInterface& head,
                       MHD_Connection* connection, std::vector<char>& body,
                       const SendOptions& options)
 {
-    const MHD_Result result = queueResponse(
+    const MHD_Result result = QueueResponse(
         request, head, connection,
         MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY), options);
     ChunkPool::Instance().give(std::move(body));
@@ -99,7 +83,7 @@ uint64_t streamLength(HttpResponseInterface& head, const HttpResponseDevice& dev
 MHD_Result queueStream(HttpBaseRequest& request, HttpResponseInterface& head,
                        MHD_Connection* connection, const SendOptions& options)
 {
-    return queueResponse(
+    return QueueResponse(
         request, head, connection,
         MHD_create_response_from_callback(streamLength(head, request.getResponseDevice()),
                                           kStreamBlockBytes, options.reader, &request, nullptr),
@@ -107,6 +91,21 @@ MHD_Result queueStream(HttpBaseRequest& request, HttpResponseInterface& head,
 }
 
 }  // namespace
+
+MHD_Result QueueResponse(HttpBaseRequest& request, HttpResponseInterface& head,
+                         MHD_Connection* connection, MHD_Response* response,
+                         const SendOptions& options)
+{
+    if (!response)
+        return MHD_NO;
+    std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> held(response, &MHD_destroy_response);
+    DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
+    emitHead(request, head, response);
+    if (options.close)
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    const uint32_t status = head.getStatusCode();
+    return QueueAndDestroy(connection, status, held.release());
+}
 
 Decision Decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body)
 {

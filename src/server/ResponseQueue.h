@@ -21,7 +21,8 @@ class HttpServerImpl;
 namespace qv::impl
 {
 
-enum class Decision : uint8_t { Wait, Queued, Error, Whole, Stream };
+// `Source`: in event-driven mode only, which decides on it itself.
+enum class Decision : uint8_t { Wait, Queued, Error, Whole, Stream, Source };
 
 // Reads the response state and moves it on. A body that is complete is moved to `body`. The
 // device's mutex is held.
@@ -40,7 +41,12 @@ struct SendOptions
 bool QueueUpgradeHead(HttpBaseRequest& request, HttpResponseInterface& head,
                       MHD_Connection* connection, MHD_Response* response);
 
-// Queues the response that was decided on.
+// Queues `response` with the application's head, and destroys it. Null: MHD_NO.
+MHD_Result QueueResponse(HttpBaseRequest& request, HttpResponseInterface& head,
+                         MHD_Connection* connection, MHD_Response* response,
+                         const SendOptions& options);
+
+// Queues the response that was decided on, unless it is a source.
 MHD_Result QueueDecided(Decision decision, const http::HttpServerImpl& application,
                         MHD_Connection* connection, HttpBaseRequest& request,
                         HttpResponseInterface& head, std::vector<char>& body,

@@ -9,6 +9,7 @@
 #include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
 #include "streaming/ChunkQueue.h"
+#include "streaming/DaemonThread.h"
 
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
@@ -122,6 +123,8 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
     uint64_t copied = 0;
     for (bool firstPass = true; !mAtEnd && !hasDeviceError(); firstPass = false) {
         if (!firstPass) {
+            if (mayNotWait())
+                break;
             keepAliveStep();
             mWantedBytes = len - copied;
             mDataArrived.wait(&mMutex, kWaitIntervalMs);
@@ -145,6 +148,17 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
             break;
     }
     return copied;
+}
+
+// The thread that waits would be the one that feeds. With the error the device is at its end: a
+// reader does not repeat the read for ever.
+bool HttpReceiveDevice::mayNotWait()
+{
+    if (!impl::DaemonThread::isCurrent() || !impl::DispatchAccess::record(*mRequest))
+        return false;
+    impl::DaemonThread::logRefusal("HttpReceiveDevice::readBytes");
+    setDeviceError("read on a daemon thread");
+    return true;
 }
 
 // While data comes the newest chunk of the feed is left alone: it may still be growing.

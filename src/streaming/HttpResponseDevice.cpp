@@ -2,18 +2,24 @@
 
 #include <Wendrel/HttpDevices.h>
 
+#include <Wendrel/BodySource.h>
 #include <Wendrel/HttpRequest.h>
 
 #include "request/ConnectionContext.h"
 #include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
+#include "server/logging/LogObject.h"
+#include "streaming/BodySignal.h"
+#include "streaming/ChunkPool.h"
 #include "streaming/ChunkQueue.h"
+#include "streaming/DaemonThread.h"
 
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace qv
 {
@@ -35,11 +41,14 @@ HttpResponseDevice::HttpResponseDevice(HttpBaseRequest& request)
       mReadyBytes(0), mFillBytes(0), mLastHandOverMs(qvSystemUtils::GetTimeBaseMs()),
       mSendOffset(0), mSentBytes(0), mMutex(std::make_unique<qvMutex>()),
       mSpaceFreed(std::make_unique<qvWaitCondition>()), mCompleted(false), mTakenWhole(false),
-      mFlushRequested(false), mSuspended(false)
+      mFlushRequested(false), mSuspended(false), mSourceResumed(false)
 {}
 
-HttpResponseDevice::~HttpResponseDevice()
+// Nobody else uses the device.
+HttpResponseDevice::~HttpResponseDevice() QV_NO_THREAD_SAFETY_ANALYSIS
 {
+    if (mSource)
+        impl::DispatchAccess::endSource(*this);
     qvMutexLocker locker(mMutex.get());
     impl::FreeChunks(mReadyQueue);
     impl::FreeChunks(mFillQueue);
@@ -64,6 +73,11 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
     if (!mayWrite())
         return 0;
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    if (mReadyBytes > kReadyLimitBytes && impl::DaemonThread::isCurrent() &&
+        impl::DispatchAccess::record(*mRequest) && wouldHandOver(len, nowMs)) {
+        impl::DaemonThread::logRefusal("HttpResponseDevice::writeBytes");
+        return 0;
+    }
     if (impl::DispatchAccess::keepAliveCallback(*mRequest))
         impl::DispatchAccess::lastKeepAliveMs(*mRequest) = nowMs;
 
@@ -84,6 +98,18 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
         handOver(end, bytes);
     }
     return len;
+}
+
+// Whether a write of `len` bytes gives chunks to the daemon's side.
+bool HttpResponseDevice::wouldHandOver(size_t len, int64_t nowMs) const
+{
+    if (mFlushRequested || mLastHandOverMs == impl::kTimeNotSet ||
+        nowMs - mLastHandOverMs > kHandOverIntervalMs)
+        return mFillBytes + len != 0;
+    const size_t space = mFillQueue.empty()
+                             ? impl::kMinChunkBytes
+                             : mFillQueue.back().capacity() - mFillQueue.back().size();
+    return len >= space;
 }
 
 // Moves the fill queue's chunks before `end` to the daemon's side; no byte is copied.
@@ -233,6 +259,51 @@ bool HttpResponseDevice::takeOver(size_t space, bool& ended)
     return true;
 }
 
+bool HttpResponseDevice::setBodySource(std::unique_ptr<BodySource> source)
+{
+    if (const char* const why = takeSource(source)) {
+        if (!hasDeviceError())
+            qvLogObject(qvLogObject::kWarning) << "body source refused: " << why;
+        return false;
+    }
+    // The rest of an upload is received and discarded.
+    impl::DispatchAccess::liftQueueLimit(mRequest->getReceiveDevice());
+    return true;
+}
+
+// Why it is refused; null when it has been taken.
+const char* HttpResponseDevice::takeSource(std::unique_ptr<BodySource>& source)
+{
+    if (!source)
+        return "null";
+    if (!impl::DispatchAccess::record(*mRequest))
+        return "not in event-driven mode";
+    const BodyResumer* const resumer = source->getResumer();
+    std::shared_ptr<impl::BodySignal> signal =
+        resumer ? impl::DispatchAccess::signal(*resumer) : nullptr;
+    // Before the device's mutex is taken: `BodySignal::resume` takes both in this order.
+    if (signal && !signal->attach(*this))
+        return "its resumer serves another response";
+    const char* why = nullptr;
+    {
+        const qvMutexLocker locker(mMutex.get());
+        if (hasDeviceError())
+            why = "device error";
+        else if (mResponseState != impl::DispatchAccess::kNotReady)
+            why = "the response has been announced";
+        else if (mCompleted || mSentBytes != 0)
+            why = "the response has a body";
+        if (!why) {
+            mSource = std::move(source);
+            mSourceSignal = std::move(signal);
+            mCompleted = true;
+        }
+    }
+    if (why && signal)
+        signal->detach();
+    return why;
+}
+
 // The caller holds the mutex.
 void HttpResponseDevice::setConnectionLost(const std::string& reason)
 {
@@ -271,6 +342,28 @@ bool impl::DispatchAccess::abort(HttpResponseDevice& device, const std::string& 
         device.setDeviceError(reason);
     }
     return true;
+}
+
+void impl::DispatchAccess::resumeSource(HttpResponseDevice& device)
+{
+    const qvMutexLocker locker(device.mMutex.get());
+    if (device.mSuspended && device.mResponseState == kStreamed)
+        device.resume();
+    else
+        device.mSourceResumed = true;
+}
+
+void impl::DispatchAccess::endSource(HttpResponseDevice& device)
+{
+    std::unique_ptr<BodySource> source;
+    std::shared_ptr<BodySignal> signal;
+    {
+        const qvMutexLocker locker(device.mMutex.get());
+        source = std::move(device.mSource);
+        signal = std::move(device.mSourceSignal);
+    }
+    if (signal)
+        signal->detach();
 }
 
 }  // namespace qv

@@ -2,6 +2,7 @@
 // operations by their place in the table. Applications have these numbers compiled in.
 // See docs/compatibility.md before you change one.
 
+#include <Wendrel/BodySource.h>
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
@@ -157,9 +158,21 @@ WENDREL_PLACE(qv::HttpResponseDevice, mCompleted, 232);
 WENDREL_PLACE(qv::HttpResponseDevice, mTakenWhole, 233);
 WENDREL_PLACE(qv::HttpResponseDevice, mFlushRequested, 234);
 WENDREL_PLACE(qv::HttpResponseDevice, mSuspended, 235);
+WENDREL_PLACE(qv::HttpResponseDevice, mSourceResumed, 236);
+WENDREL_PLACE(qv::HttpResponseDevice, mSource, 240);
+WENDREL_PLACE(qv::HttpResponseDevice, mSourceSignal, 248);
 WENDREL_PLACE(qv::HttpResponseDevice, readBytes, 2);
 WENDREL_PLACE(qv::HttpResponseDevice, writeBytes, 3);
 WENDREL_PLACE(qv::HttpResponseDevice, atEnd, 4);
+
+WENDREL_PLACE(qv::BodySource, getLength, 2);
+WENDREL_PLACE(qv::BodySource, read, 3);
+WENDREL_PLACE(qv::BodySource, setRange, 4);
+WENDREL_PLACE(qv::BodySource, getMemory, 5);
+WENDREL_PLACE(qv::BodySource, getResumer, 6);
+WENDREL_PLACE(qv::BodySource, getBlockBytes, 7);
+
+WENDREL_PLACE(qv::BodyResumer, mSignal, 0);
 
 WENDREL_PLACE(qv::HttpResponseInterface, getCookies, 2);
 WENDREL_PLACE(qv::HttpResponseInterface, getHeaders, 3);
@@ -253,7 +266,10 @@ static_assert(sizeof(qv::HttpBaseRequest) == 680);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 264);
-static_assert(sizeof(qv::HttpResponseDevice) == 240);
+static_assert(sizeof(qv::HttpResponseDevice) == 264);
+static_assert(sizeof(qv::BodySource) == 8);
+static_assert(sizeof(qv::BodyResumer) == 16);
+static_assert(sizeof(qv::BodyRead) == 16);
 static_assert(sizeof(qv::HttpResponseInterface) == 8);
 static_assert(sizeof(qv::http::WebSocket) == 208);
 static_assert(sizeof(qv::http::WebSocketThread) == 328);
@@ -267,7 +283,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 159;
+constexpr size_t kPlaces = 169;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -1,6 +1,8 @@
-// A message board in event-driven mode: GET /next waits for the next message, POST /post sends it.
-// No request occupies a thread while it waits.
+// A message board in event-driven mode: GET /next waits for the next message, POST /post sends it,
+// GET /live streams the messages from now on, GET /rules sends a page from memory. No request
+// occupies a thread while it waits.
 
+#include <Wendrel/BodySource.h>
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
@@ -8,7 +10,6 @@
 
 #include <qvSystem/qvThread.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 using qv::HttpBaseRequest;
@@ -42,6 +44,38 @@ public:
     uint32_t status = 200;
 };
 
+// The messages that a reader of /live has not received yet.
+struct Live
+{
+    std::mutex mutex;  // guards the two below
+    std::string unsent;
+    bool hasEnded = false;
+    qv::BodyResumer resumer;
+
+    void add(const std::string& message, bool isLast)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            unsent += message;
+            hasEnded = isLast;
+        }
+        resumer.resume();
+    }
+};
+
+std::unique_ptr<qv::BodySource> makeSource(const std::shared_ptr<Live>& live)
+{
+    const auto read = [live](uint64_t, char* buffer, size_t size) -> qv::BodyRead {
+        const std::lock_guard<std::mutex> lock(live->mutex);
+        if (live->unsent.empty())
+            return {live->hasEnded ? qv::BodyRead::End : qv::BodyRead::NotYet};
+        const size_t part = live->unsent.copy(buffer, size);
+        live->unsent.erase(0, part);
+        return {qv::BodyRead::Data, part};
+    };
+    return qv::BodySource::fromCallback(read, live->resumer);
+}
+
 class BoardRequest : public HttpBaseRequest, public qv::HttpWaitListener
 {
 public:
@@ -65,6 +99,13 @@ public:
         getResponseDevice().endSending();
         workerThreadStopHandling(qv::qvThread::CurrentThreadId());
         getResponseDevice().setResponseReady();
+    }
+
+    // Sends a body that the daemon fetches. Any thread.
+    void respondFrom(std::unique_ptr<qv::BodySource> source)
+    {
+        if (getResponseDevice().setBodySource(std::move(source)))
+            getResponseDevice().setResponseReady();
     }
 
 private:
@@ -98,6 +139,8 @@ public:
             mStopping = true;
         }
         publish(kStops);
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mLive.clear();
     }
 
     void onRequestCompleted() override {}
@@ -117,9 +160,31 @@ public:
         mWaiting.erase(&request);
     }
 
+    void sendRules(BoardRequest& request)
+    {
+        request.respondFrom(qv::BodySource::fromString(mRules));
+    }
+
+    void sendLive(BoardRequest& request)
+    {
+        const auto live = std::make_shared<Live>();
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mStopping)
+            live->add(kStops, true);
+        else
+            mLive.push_back(live);
+        request.respondFrom(makeSource(live));
+    }
+
     size_t publish(const std::string& message)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
+        std::erase_if(mLive, [&](const std::weak_ptr<Live>& each) {
+            const std::shared_ptr<Live> live = each.lock();
+            if (live)
+                live->add(message, mStopping);
+            return !live;
+        });
         const size_t count = mWaiting.size();
         for (BoardRequest* request : mWaiting)
             request->respond(200, message);
@@ -147,8 +212,11 @@ private:
             static_cast<void>(request->isCompleted());
     }
 
-    std::mutex mMutex;  // guards the two below and the responses of waiting requests
+    const std::shared_ptr<const std::string> mRules =
+        std::make_shared<const std::string>("Be polite.\n");
+    std::mutex mMutex;  // guards the three below and the responses of waiting requests
     std::set<BoardRequest*> mWaiting;
+    std::vector<std::weak_ptr<Live>> mLive;  // owned by the sources
     bool mStopping = false;
     std::mutex mCompletedMutex;
     std::vector<std::unique_ptr<BoardRequest>> mCompleted;
@@ -160,6 +228,10 @@ void BoardRequest::onBodyComplete()
     const std::string path = hasParseError() ? std::string() : getUrl().path();
     if (path == "/next" && getRequestType() == GET) {
         mBoard.wait(*this);
+    } else if (path == "/rules") {
+        mBoard.sendRules(*this);
+    } else if (path == "/live") {
+        mBoard.sendLive(*this);
     } else if (path == "/post" && getRequestType() == POST) {
         std::string message(1000, '\0');
         message.resize(getReceiveDevice().readBytes(message.data(), message.size()));

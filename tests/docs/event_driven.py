@@ -47,6 +47,23 @@ class EventDriven(unittest.TestCase):
         wait_until(lambda: self.server.ask("POST", "/post", b"x")[1] == b"0 readers\n",
                    "every reader is forgotten")
 
+    def test_rules_come_from_memory(self):
+        self.assertEqual(self.server.ask("GET", "/rules")[:2], (200, b"Be polite.\n"))
+        status, body, response = self.server.ask("HEAD", "/rules")
+        self.assertEqual((status, body), (200, b""))
+        self.assertEqual(response.getheader("Content-Length"), "11")
+
+    def test_messages_are_streamed_to_the_end(self):
+        reader = self.server.connect()
+        reader.request("GET", "/live")
+        response = reader.getresponse()
+        for message in (b"one\n", b"two\n"):
+            self.server.ask("POST", "/post", message)
+            self.assertEqual(response.readline(), message)
+        self.server.process.send(signal.SIGTERM)
+        self.assertEqual(response.read(), b"The server stops.\n")
+        self.assertEqual(self.server.process.wait_end(), 0)
+
     def test_stops_with_readers(self):
         reader, = self.wait_for_readers(1)
         self.server.process.send(signal.SIGTERM)

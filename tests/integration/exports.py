@@ -16,6 +16,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 # Symbols that a library may export: members, tables and type information of classes, and functions.
 CLASSES = {
     "libWendrel": [
+        "qv::BodyResumer",
+        "qv::BodySource",
         "qv::HttpBaseRequest",
         "qv::HttpReceiveDevice",
         "qv::HttpResponseDevice",

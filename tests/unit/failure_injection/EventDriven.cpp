@@ -1,12 +1,20 @@
-// Event-driven mode while memory runs out: no connection stays suspended.
+// Event-driven mode while memory runs out: no connection stays suspended, and no lent memory is
+// lost.
 
 #include "failure_injection/Support.h"
 #include "support/TestRequest.h"
 
+#include <Wendrel/BodySource.h>
+
+#include "listener/Connection.h"
+#include "listener/ConnectionTable.h"
 #include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
+#include "server/EventStream.h"
 
 #include <atomic>
+#include <memory>
+#include <string>
 
 namespace qv::tests
 {
@@ -59,6 +67,49 @@ TEST(AbortFailures, AnUploadIsContinuedWithoutMemoryForTheError)
         }
         attempt([&] { Access::abort(device, kLongText); });
         EXPECT_EQ(record.continued, 1);
+    });
+}
+
+TEST(SourceFailures, LentMemoryIsReleasedWhenAnyCallFails)
+{
+    const auto text = std::make_shared<const std::string>(kLongText);
+    FailEachCall("queue: a response from memory", [&](Attempt& attempt) {
+        {
+            FailingDaemon daemon;
+            impl::ConnectionTable table({}, 0);
+            const auto record = std::make_shared<impl::Connection>(table, -1, impl::Peer{});
+            TestRequest request;
+            Access::record(request) = record.get();
+            EXPECT_TRUE(request.getResponseDevice().setBodySource(BodySource::fromString(text)));
+            MHD_Result result = MHD_NO;
+            const bool done = attempt(
+                [&] { result = impl::QueueSource(request, *record, &daemon.connection(), false); });
+            EXPECT_EQ(done && result == MHD_YES, !attempt.hasFailed());
+        }
+        EXPECT_EQ(text.use_count(), 1);
+    });
+}
+
+TEST(SourceFailures, ASourceIsSetOrDestroyed)
+{
+    const auto text = std::make_shared<const std::string>(kLongText);
+    const BodyResumer resumer;
+    FailEachCall("set: a source with a resumer", [&](Attempt& attempt) {
+        {
+            CountingRecord record;
+            TestRequest request;
+            Access::record(request) = &record;
+            HttpResponseDevice& device = request.getResponseDevice();
+            bool isSet = false;
+            attempt([&] {
+                isSet = device.setBodySource(BodySource::fromCallback(
+                    [text](uint64_t, char*, size_t) -> BodyRead { return {BodyRead::End}; },
+                    resumer));
+            });
+            EXPECT_EQ(Access::source(device) != nullptr, isSet);
+            EXPECT_EQ(text.use_count(), isSet ? 2 : 1);
+        }
+        EXPECT_EQ(text.use_count(), 1);
     });
 }
 

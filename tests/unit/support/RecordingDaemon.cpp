@@ -67,6 +67,15 @@ const RecordingDaemon::Option* RecordingDaemon::Start::find(int number) const
     return nullptr;
 }
 
+// Gives lent memory back, as the daemon does with the last use of a response.
+static void release(MHD_Response& response)
+{
+    if (response.kind != MHD_Response::Buffer || response.free == nullptr)
+        return;
+    response.free(response.closure);
+    response.free = nullptr;
+}
+
 RecordingDaemon::RecordingDaemon()
 {
     if (gCurrent.exchange(this) != nullptr) {
@@ -80,6 +89,8 @@ RecordingDaemon::~RecordingDaemon()
     gCurrent = nullptr;
     for (size_t i = 0; i < mResponses.size(); ++i)
         EXPECT_EQ(mResponses[i]->destroyed, 1) << "times that response " << i << " was destroyed";
+    for (const auto& response : mResponses)
+        release(*response);
 }
 
 RecordingDaemon& RecordingDaemon::Current()
@@ -264,8 +275,24 @@ void RecordingDaemon::takeQueued(MHD_Connection* connection, unsigned int status
 
 void RecordingDaemon::takeDestroyed(MHD_Response* response)
 {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        ++response->destroyed;
+    }
+    if (!response->isHeld)
+        release(*response);
+}
+
+void RecordingDaemon::takeHeld(MHD_Response* response)
+{
     std::lock_guard<std::mutex> lock(mMutex);
-    ++response->destroyed;
+    response->isHeld = true;
+}
+
+void RecordingDaemon::takeFlags(MHD_Response* response, unsigned flags)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    response->flags = flags;
 }
 
 void RecordingDaemon::takeWalkStopped()
@@ -523,6 +550,34 @@ MHD_Response* MHD_create_response_from_buffer(size_t size, void* buffer,
     return call->takeResponse(std::move(response));
 }
 
+MHD_Response* MHD_create_response_from_buffer_with_free_callback_cls(
+    size_t size, void* buffer, MHD_ContentReaderFreeCallback crfc, void* crfc_cls)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_create_response_from_buffer_with_free_callback_cls", std::to_string(size));
+    if (!call.isAllowed())
+        return nullptr;
+    auto response = std::make_unique<MHD_Response>();
+    response->kind = MHD_Response::Buffer;
+    response->size = size;
+    response->bodyAddress = buffer;
+    response->free = crfc;
+    response->closure = crfc_cls;
+    if (size != 0)
+        response->body.assign(static_cast<const char*>(buffer), size);
+    return call->takeResponse(std::move(response));
+}
+
+MHD_Result MHD_set_response_options(MHD_Response* response, MHD_ResponseFlags flags, ...)
+{
+    const qv::tests::TestsOwn own;
+    const Call call("MHD_set_response_options", std::to_string(flags));
+    if (!call.isAllowed() || !call->isUsable(response, "MHD_set_response_options"))
+        return MHD_NO;
+    call->takeFlags(response, flags);
+    return MHD_YES;
+}
+
 MHD_Response* MHD_create_response_from_callback(uint64_t size, size_t block_size,
                                                 MHD_ContentReaderCallback crc, void* crc_cls,
                                                 MHD_ContentReaderFreeCallback crfc)
@@ -578,7 +633,10 @@ MHD_Result MHD_queue_response(MHD_Connection* connection, unsigned int status_co
     if (response == nullptr || !call->isUsable(response, "MHD_queue_response"))
         return MHD_NO;
     call->takeQueued(connection, status_code, response);
-    return call.isAllowed() ? MHD_YES : MHD_NO;
+    if (!call.isAllowed())
+        return MHD_NO;
+    call->takeHeld(response);
+    return MHD_YES;
 }
 
 void MHD_destroy_response(MHD_Response* response)

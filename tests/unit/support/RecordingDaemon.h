@@ -66,7 +66,7 @@ struct MHD_Response
     uint64_t size = 0;
     size_t blockSize = 0;
     MHD_ContentReaderCallback reader = nullptr;
-    MHD_ContentReaderFreeCallback free = nullptr;
+    MHD_ContentReaderFreeCallback free = nullptr;  // also of a buffer that is lent
 
     // Upgrade.
     MHD_UpgradeHandler upgrade = nullptr;
@@ -75,6 +75,8 @@ struct MHD_Response
     std::vector<std::pair<std::string, std::string>> headers;
     std::vector<std::pair<MHD_Connection*, unsigned int>> queued;  // with which status
     int destroyed = 0;
+    bool isHeld = false;  // by a connection: what is lent is released with the fake
+    unsigned flags = 0;   // of MHD_set_response_options
 };
 
 namespace qv::tests
@@ -161,6 +163,8 @@ public:
     bool isUsable(const MHD_Response* response, const char* function) const;
     void takeHeader(MHD_Response* response, const char* name, const char* value);
     void takeQueued(MHD_Connection* connection, unsigned int status, MHD_Response* response);
+    void takeFlags(MHD_Response* response, unsigned flags);
+    void takeHeld(MHD_Response* response);
     void takeDestroyed(MHD_Response* response);
     void takeWalkStopped();
     void takeClosed(const MHD_UpgradeResponseHandle* handle);

@@ -1,0 +1,222 @@
+// The content readers of event-driven mode, and the responses whose body comes from a source.
+
+#include "server/EventStream.h"
+
+#include <Wendrel/BodySource.h>
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+
+#include "listener/Connection.h"
+#include "request/DispatchAccess.h"
+#include "server/logging/LogObject.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+// The daemon does not close the connection of a reader that ends a body otherwise than by its
+// chunks or its length: it forgets the connection until another event of its thread. A send that
+// fails is handled at once.
+ssize_t endByClosing(Connection& record, char* buffer)
+{
+    record.shutDown(SHUT_RDWR);
+    *buffer = 0;
+    return 1;
+}
+
+// The end of a body of unknown length.
+ssize_t endBody(Connection& record, char* buffer)
+{
+    if (record.progress.isChunked)
+        return MHD_CONTENT_READER_END_OF_STREAM;
+    record.progress.isEndedByClosing = record.progress.isHttp10;
+    return endByClosing(record, buffer);
+}
+
+bool isOver(const Connection& record, const HttpResponseDevice& device)
+{
+    return record.isAborted || device.hasDeviceError();
+}
+
+// The device resumes the connection when it has something to send.
+void suspendStream(HttpBaseRequest& request, const Connection& record)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    const qvMutexLocker locker(&DispatchAccess::mutex(device));
+    // Otherwise something has come since the reader looked: the daemon calls it again at once.
+    if (device.hasDataToSend() || DispatchAccess::isCompleted(device) || isOver(record, device))
+        return;
+    DispatchAccess::isSuspended(device) = true;
+    MHD_suspend_connection(DispatchAccess::connection(request));
+}
+
+// The resumer of the source resumes the connection. A resume since the read, or before it, is used
+// up by another read.
+void suspendSource(HttpBaseRequest& request, const Connection& record)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    const qvMutexLocker locker(&DispatchAccess::mutex(device));
+    if (std::exchange(DispatchAccess::isSourceResumed(device), false) || isOver(record, device))
+        return;
+    DispatchAccess::isSuspended(device) = true;
+    MHD_suspend_connection(DispatchAccess::connection(request));
+}
+
+ssize_t failSource(Connection& record, char* buffer, const char* why, uint64_t position)
+{
+    qvLogObject(qvLogObject::kWarning)
+        << "body source failed: " << why << " after " << position << " bytes";
+    return endByClosing(record, buffer);
+}
+
+// Content reader of a body from a source; `closure` is the HttpBaseRequest.
+ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
+{
+    auto& request = *static_cast<HttpBaseRequest*>(closure);
+    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
+    HttpResponseDevice& device = request.getResponseDevice();
+    if (isOver(record, device))
+        return endByClosing(record, buffer);
+    BodySource& source = *DispatchAccess::source(device);
+    const BodyRead part = source.read(position, buffer, size);
+    switch (part.state) {
+    case BodyRead::Data:
+        if (part.bytes == 0 || part.bytes > size)
+            return failSource(record, buffer, "a read of an impossible size", position);
+        DispatchAccess::sentBytes(device) += part.bytes;
+        return static_cast<ssize_t>(part.bytes);
+    case BodyRead::NotYet:
+        if (!source.getResumer())
+            return failSource(record, buffer, "it waits without a resumer", position);
+        suspendSource(request, record);
+        return 0;
+    case BodyRead::End:
+        if (record.progress.isSourceLengthKnown)
+            return failSource(record, buffer, "it ended too early,", position);
+        return endBody(record, buffer);
+    default:
+        return endByClosing(record, buffer);
+    }
+}
+
+bool isWithoutBody(const HttpBaseRequest& request, uint32_t status)
+{
+    return request.getRequestType() == HttpBaseRequest::HEAD || status == MHD_HTTP_NO_CONTENT ||
+           status == MHD_HTTP_NOT_MODIFIED;
+}
+
+ssize_t readNothing(void*, uint64_t, char*, size_t)
+{
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+// Its head only. With an unknown length the daemon would send the last chunk of a body: the client
+// would take it for the next response, so that the connection is closed instead.
+MHD_Response* makeHeadOnly(uint64_t length)
+{
+    MHD_Response* const response =
+        MHD_create_response_from_callback(length, 1, &readNothing, nullptr, nullptr);
+    if (response && length == MHD_SIZE_UNKNOWN)
+        MHD_set_response_options(response, MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
+    return response;
+}
+
+using Memory = std::shared_ptr<const char>;
+
+void releaseMemory(void* held)
+{
+    delete static_cast<Memory*>(held);
+}
+
+// The daemon holds the memory until it has destroyed the response.
+MHD_Response* makeLent(Memory memory, size_t bytes)
+{
+    auto held = std::make_unique<Memory>(std::move(memory));
+    // The daemon does not write to it.
+    MHD_Response* const response = MHD_create_response_from_buffer_with_free_callback_cls(
+        bytes, const_cast<char*>(held->get()), &releaseMemory, held.get());
+    if (response)
+        static_cast<void>(held.release());
+    return response;
+}
+
+// Bytes of the body; MHD_SIZE_UNKNOWN when neither the source nor the head knows.
+uint64_t lengthOf(const BodySource& source, HttpResponseInterface& head)
+{
+    const int64_t length = source.getLength();
+    const int64_t declared = head.getContentLength();
+    if (length < 0)
+        return declared < 0 ? MHD_SIZE_UNKNOWN : static_cast<uint64_t>(declared);
+    if (declared >= 0 && declared != length)
+        qvLogObject(qvLogObject::kWarning)
+            << "the body source has " << length << " bytes, the response declares " << declared;
+    return static_cast<uint64_t>(length);
+}
+
+}  // namespace
+
+ssize_t ReadEventContent(void* closure, uint64_t, char* buffer, size_t size)
+{
+    auto& request = *static_cast<HttpBaseRequest*>(closure);
+    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
+    HttpResponseDevice& device = request.getResponseDevice();
+    if (isOver(record, device))
+        return endByClosing(record, buffer);
+    bool ended = false;
+    bool endedToo = false;
+    const size_t copied = device.sendChunksThreadSafe(buffer, size, ended, endedToo);
+    if (copied != 0)
+        return static_cast<ssize_t>(copied);
+    if (ended)
+        return endBody(record, buffer);
+    suspendStream(request, record);
+    return 0;
+}
+
+Decision DecideEvent(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body)
+{
+    auto& state = DispatchAccess::responseState(device);
+    if (state != DispatchAccess::kReady || !DispatchAccess::source(device) ||
+        device.hasDeviceError())
+        return Decide(device, request, body);
+    DispatchAccess::bodyPending(request) = false;
+    state = DispatchAccess::kStreamed;
+    return Decision::Source;
+}
+
+MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
+                       bool close)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    HttpResponseInterface& head = request.getResponse();
+    BodySource& source = *DispatchAccess::source(device);
+    const uint64_t length = lengthOf(source, head);
+    const bool isKnown = length != MHD_SIZE_UNKNOWN;
+    record.progress.isSourceLengthKnown = isKnown;
+    record.progress.isChunked = !isKnown && !record.progress.isHttp10;
+    MHD_Response* response = nullptr;
+    if (isWithoutBody(request, head.getStatusCode())) {
+        response = makeHeadOnly(head.getStatusCode() == MHD_HTTP_NO_CONTENT ? 0 : length);
+        DispatchAccess::endSource(device);
+    } else if (Memory memory = source.getLength() < 0 ? nullptr : source.getMemory()) {
+        response = makeLent(std::move(memory), length);
+        DispatchAccess::sentBytes(device) = length;
+        DispatchAccess::endSource(device);
+    } else {
+        // Chunks are made in the memory of the connection.
+        const size_t block =
+            record.progress.isChunked ? 1 : std::max<size_t>(source.getBlockBytes(), 1);
+        response = MHD_create_response_from_callback(length, std::clamp<uint64_t>(length, 1, block),
+                                                     &readSource, &request, nullptr);
+    }
+    return QueueResponse(request, head, connection, response, {nullptr, close});
+}
+
+}  // namespace qv::impl
