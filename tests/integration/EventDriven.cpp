@@ -280,6 +280,36 @@ TEST_F(Upload, ReachesAReaderThatWantsMoreThanTheQueueHolds)
 }
 
 // The reader waits for each piece, and the client sends the next one only when it has been read.
+// An application that starts its workers in `onBodyComplete` has none waiting for a client.
+TEST_F(Upload, OfManySlowClientsDelaysNobody)
+{
+    constexpr size_t kClients = 100;
+    constexpr size_t kBytes = 100000;
+    EventRun run(&parkAllButPings, onOneThread());
+    const std::string body = pattern(kBytes);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (size_t i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<RawClient>(run.port()));
+        ASSERT_TRUE(clients.back()->send(postHead(kBytes) + body.substr(0, 10)));
+    }
+    ASSERT_TRUE(run.request(kClients - 1));
+    RawClient pinger(run.port());
+    for (int i = 0; i < 50; ++i)
+        ASSERT_TRUE(respondsToPing(pinger)) << i;
+    for (size_t i = 0; i < kClients; ++i)
+        EXPECT_EQ(run.request(i)->bodyCompletions, 0) << i;
+
+    for (const auto& client : clients)
+        ASSERT_TRUE(client->send(body.substr(10)));
+    for (size_t i = 0; i < kClients; ++i) {
+        EventRequest& request = *run.request(i);
+        ASSERT_TRUE(waitUntil([&] { return request.bodyCompletions == 1; })) << i;
+        run.work(request, [](EventRequest& r) { readAll(r, 65536); });
+    }
+    for (const auto& client : clients)
+        EXPECT_THAT(client->receive(), Optional(Field(&RawResponse::body, std::to_string(kBytes))));
+}
+
 TEST_F(Upload, OfASlowClientIsReadPieceByPiece)
 {
     constexpr size_t kPieces = 40;
