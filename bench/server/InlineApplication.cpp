@@ -44,12 +44,13 @@ public:
 }  // namespace
 
 InlineApplication::InlineApplication(const Options& options)
-    : mHub({.workers = options.workers}), mPool(options.workers, kMaxConnections)
+    : mLends(!options.polling), mHub({.workers = options.workers}),
+      mPool(options.workers, kMaxConnections)
 {}
 
 qv::HttpBaseRequest* InlineApplication::createRequest()
 {
-    return mBins.create();
+    return mBins.create(mLends);
 }
 
 void InlineApplication::handleRequest(qv::HttpBaseRequest* base)

@@ -35,6 +35,7 @@ private:
     size_t countWaiting();
     size_t releaseWaiting();
 
+    const bool mLends;
     RequestBins mBins;
     std::mutex mMutex;
     std::vector<InlineRequest*> mWaiting;  // under mMutex; not served, so not deleted either

@@ -4,11 +4,13 @@
 
 #include "support/Content.h"
 
+#include <Wendrel/BodySource.h>
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <memory>
 #include <string_view>
 #include <thread>
 
@@ -94,7 +96,7 @@ void InlineRequest::serve(const Question& question)
         reply(kOk, kHello);
         break;
     case Page::Big:
-        reply(kOk, bigBody());
+        replyBig();
         break;
     case Page::Stream:
         stream(question.number);
@@ -127,6 +129,19 @@ void InlineRequest::reply(uint32_t status, const std::string& body)
     qv::HttpResponseDevice& device = getResponseDevice();
     device.writeBytes(body.data(), body.size());
     device.endSending();
+    device.setResponseReady();
+}
+
+void InlineRequest::replyBig()
+{
+    if (!mLends) {
+        reply(kOk, bigBody());
+        return;
+    }
+    static const auto body = std::make_shared<const std::string>(bigBody());
+    mHead.set(kOk, static_cast<int64_t>(body->size()));
+    qv::HttpResponseDevice& device = getResponseDevice();
+    device.setBodySource(qv::BodySource::fromString(body));
     device.setResponseReady();
 }
 

@@ -37,6 +37,9 @@ private:
 class InlineRequest : public qv::HttpBaseRequest, private qv::HttpWaitListener
 {
 public:
+    // `lends`: large bodies are sent without a copy, which needs event-driven mode.
+    explicit InlineRequest(bool lends) : mLends(lends) {}
+
     // The requested page.
     Question getQuestion() const;
 
@@ -58,12 +61,14 @@ public:
 
 private:
     void reply(uint32_t status, const std::string& body);
+    void replyBig();
     void stream(uint64_t bytes);
     void countUpload();
     void echo();
     uint64_t readBody(const std::function<void(const char*, size_t)>& take);
     void onWaitingForData() override;
 
+    const bool mLends;
     InlineHead mHead;
     std::atomic<bool> mServed{false};
 };

@@ -23,13 +23,13 @@ RequestBins::Bin& RequestBins::binOfThisThread()
     return *bin;
 }
 
-InlineRequest* RequestBins::create()
+InlineRequest* RequestBins::create(bool lends)
 {
     Bin& bin = binOfThisThread();
     // At least half of the requests are deleted then, unless a worker still uses them.
     if (bin.completions >= kMinBatchSize && bin.completions >= bin.requests.size() / 2)
         sweep(bin);
-    return bin.requests.emplace_back(std::make_unique<InlineRequest>()).get();
+    return bin.requests.emplace_back(std::make_unique<InlineRequest>(lends)).get();
 }
 
 void RequestBins::completed()

@@ -24,8 +24,8 @@ namespace bench
 class RequestBins
 {
 public:
-    // A new request. Thread: a daemon's.
-    InlineRequest* create();
+    // A new request; see its constructor. Thread: a daemon's.
+    InlineRequest* create(bool lends);
 
     // Call from `onRequestCompleted`, and only there.
     void completed();
