@@ -47,7 +47,7 @@ using ::testing::HasSubstr;
 using namespace std::string_literals;
 
 constexpr milliseconds kShort{300};
-constexpr std::chrono::minutes kLong{1};
+constexpr std::chrono::minutes kLong{10};
 
 constexpr const char* kTrusted = "127.0.0.1";
 constexpr const char* kStranger = "127.0.0.2";
