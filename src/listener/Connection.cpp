@@ -13,6 +13,7 @@
 #include <microhttpd.h>
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -166,6 +167,16 @@ void Connection::shutDown(int how)
         return;
     (how == SHUT_RDWR ? isShutDown : isReadingShutDown) = true;
     shutdown(mDescriptor, how);
+}
+
+void Connection::watch(int epoll, uint64_t key, uint32_t events)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = key;
+    const qvMutexLocker locker(&mMutex);
+    if (isOurs())
+        epoll_ctl(epoll, EPOLL_CTL_MOD, mDescriptor, &event);
 }
 
 void Connection::refuse(const std::string& response)

@@ -116,6 +116,10 @@ public:
     // Shuts the socket down (SHUT_RD, SHUT_RDWR), if it is still open. Any thread.
     void shutDown(int how);
 
+    // Changes the events that an epoll set reports of the socket, if it is still open. Listener
+    // thread.
+    void watch(int epoll, uint64_t key, uint32_t events);
+
     // Sends `response` if the socket takes it at once, then shuts the socket down. Listener thread.
     void refuse(const std::string& response);
 

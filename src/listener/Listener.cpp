@@ -314,10 +314,7 @@ void Listener::handlePeer(uint64_t key, uint32_t events)
         return;
     }
     // From now on only the end of both directions is reported.
-    epoll_event again{};
-    again.events = EPOLLONESHOT;
-    again.data.u64 = key;
-    epoll_ctl(mEpoll, EPOLL_CTL_MOD, descriptor, &again);
+    connection->watch(mEpoll, key, EPOLLONESHOT);
     // The server's own shutdown is reported in the same way. A request that has come before it is
     // served.
     if (connection->isReadingShutDown)
