@@ -39,8 +39,15 @@ Connection::Connection(ConnectionTable& table, int descriptor, const Peer& peer)
     : mTable(table), mPeer(peer), mDescriptor(descriptor)
 {}
 
+void Connection::suspend()
+{
+    mTable.countSuspended();
+    MHD_suspend_connection(mHandle);
+}
+
 void Connection::resume()
 {
+    mTable.countResumed();
     MHD_resume_connection(mHandle);
 }
 

@@ -80,6 +80,9 @@ public:
     // The request in progress has exceeded the time for its response. Set by the listener.
     std::atomic<bool> isResponseLate{false};
 
+    // Daemon thread, with the mutex held under which it will be resumed, once.
+    void suspend();
+
     // The application has nothing left to wait for: the connection is served again.
     void resume() override;
     void continueUpload() override;

@@ -8,6 +8,7 @@
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -58,8 +59,14 @@ public:
     // All connections of this moment.
     std::vector<Pointer> getAll() const;
 
-    // Any thread, no lock.
+    // Any thread, no lock, as the following.
     size_t getCount() const { return mCount; }
+
+    // Connections of which the daemon can have an event.
+    size_t getServedCount() const { return mCount - std::min<size_t>(mSuspended, mCount); }
+
+    void countSuspended() { ++mSuspended; }
+    void countResumed() { --mSuspended; }
 
 private:
     const ConnectionLimits mLimits;
@@ -67,6 +74,7 @@ private:
     std::unordered_map<int, Pointer> mConnections QV_GUARDED_BY(mMutex);
     DeadlineWheel mWheel QV_GUARDED_BY(mMutex);
     std::atomic<size_t> mCount{0};
+    std::atomic<size_t> mSuspended{0};
 };
 
 }  // namespace qv::impl

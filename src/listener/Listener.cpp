@@ -617,7 +617,7 @@ void Listener::nudgeSinks(int64_t nowMs)
         return;
     mNextNudgeMs = nowMs + kNudgeMs;
     for (ConnectionSink* sink : mSinks) {
-        if (sink->getTable().getCount() >= kNudgeConnections)
+        if (sink->getTable().getServedCount() >= kNudgeConnections)
             sink->nudge();
         else
             sink->stopNudging();

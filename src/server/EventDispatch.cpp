@@ -216,8 +216,8 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     return declared == 0 ? MHD_YES : respondEarly(daemon, connection, request, record);
 }
 
-MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
-                    const char* data, size_t* size)
+MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection*, const char* data,
+                    size_t* size)
 {
     Connection::Progress& progress = record.progress;
     progress.bodyBytes += *size;
@@ -240,7 +240,7 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection
         } else if (isFull && !isLast && !record.isAborted) {
             DispatchAccess::pauseFeed(device);
             record.pauseBody(nowMs);
-            MHD_suspend_connection(connection);
+            record.suspend();
         } else {
             record.armBody(nowMs);
         }
@@ -294,7 +294,7 @@ MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
         if (decision == Decision::Wait && !record.isAborted && !isLate) {
             if (!isFirst) {
                 DispatchAccess::isSuspended(device) = true;
-                MHD_suspend_connection(connection);
+                record.suspend();
             }
             return MHD_YES;
         }

@@ -46,7 +46,7 @@ bool isOver(const Connection& record, const HttpResponseDevice& device)
 }
 
 // The device resumes the connection when it has something to send.
-void suspendStream(HttpBaseRequest& request, const Connection& record)
+void suspendStream(HttpBaseRequest& request, Connection& record)
 {
     HttpResponseDevice& device = request.getResponseDevice();
     const qvMutexLocker locker(&DispatchAccess::mutex(device));
@@ -54,19 +54,19 @@ void suspendStream(HttpBaseRequest& request, const Connection& record)
     if (device.hasDataToSend() || DispatchAccess::isCompleted(device) || isOver(record, device))
         return;
     DispatchAccess::isSuspended(device) = true;
-    MHD_suspend_connection(DispatchAccess::connection(request));
+    record.suspend();
 }
 
 // The resumer of the source resumes the connection. A resume since the read, or before it, is used
 // up by another read.
-void suspendSource(HttpBaseRequest& request, const Connection& record)
+void suspendSource(HttpBaseRequest& request, Connection& record)
 {
     HttpResponseDevice& device = request.getResponseDevice();
     const qvMutexLocker locker(&DispatchAccess::mutex(device));
     if (std::exchange(DispatchAccess::isSourceResumed(device), false) || isOver(record, device))
         return;
     DispatchAccess::isSuspended(device) = true;
-    MHD_suspend_connection(DispatchAccess::connection(request));
+    record.suspend();
 }
 
 ssize_t failSource(Connection& record, char* buffer, const char* why, uint64_t position)
