@@ -55,8 +55,54 @@ void Connection::continueUpload()
 {
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     mBodyStartMs += nowMs - mPausedAtMs;
-    mTable.arm(*this, bodyDeadlineMs(nowMs));
+    armUnlessDiscarding(bodyDeadlineMs(nowMs));
     resume();
+}
+
+void Connection::discardUpload()
+{
+    if (phase != Phase::Body)
+        return;
+    const int64_t untilMs = qvSystemUtils::GetTimeBaseMs() + kMaxDiscardMs;
+    mDiscardUntilMs = untilMs;
+    mTable.arm(*this, untilMs);
+}
+
+// Each thread writes its deadline and then the daemon thread looks for that of discarding, which is
+// set before it is armed: whichever is armed last, it holds.
+void Connection::armUnlessDiscarding(int64_t deadline)
+{
+    mTable.arm(*this, deadline);
+    if (const int64_t untilMs = mDiscardUntilMs; untilMs != kNoDeadline)
+        mTable.arm(*this, untilMs);
+}
+
+bool Connection::countDiscarded(uint64_t bytes, int64_t nowMs)
+{
+    const int64_t untilMs = mDiscardUntilMs;
+    if (untilMs == kNoDeadline)
+        return true;
+    if (nowMs < untilMs && bytes <= kMaxDiscardedBytes - progress.discardedBytes) {
+        progress.discardedBytes += bytes;
+        return true;
+    }
+    mDiscardUntilMs = 0;
+    mTable.arm(*this, 0);
+    return false;
+}
+
+// The application's result does not change any more; the request cannot be completed meanwhile.
+uint32_t Connection::getEarlyStatus(int64_t nowMs)
+{
+    constexpr uint32_t kFirstFinal = 200;
+    constexpr uint32_t kLastFinal = 999;
+    constexpr uint32_t kServerError = 500;
+    const qvMutexLocker locker(&mMutex);
+    if (!mRequest || mDiscardUntilMs > nowMs)
+        return 0;
+    const uint32_t status = mRequest->getResponse().getStatusCode();
+    const bool isFinal = status >= kFirstFinal && status <= kLastFinal;
+    return isFinal && !mRequest->getResponseDevice().hasDeviceError() ? status : kServerError;
 }
 
 // Moves from any phase but Ended. The deadline comes first: who sees the phase sees its deadline.
@@ -86,6 +132,7 @@ bool Connection::beginRequest(HttpBaseRequest& request, MHD_Connection* handle, 
     const qvMutexLocker locker(&mMutex);
     isAborted = false;
     isResponseLate = false;
+    mDiscardUntilMs = kNoDeadline;
     mRequest = &request;
     return phase != Phase::Ended;
 }
@@ -116,7 +163,7 @@ void Connection::beginBody(int64_t nowMs)
 {
     mBodyBytes = 0;
     mBodyStartMs = nowMs;
-    mTable.arm(*this, bodyDeadlineMs(nowMs));
+    armUnlessDiscarding(bodyDeadlineMs(nowMs));
 }
 
 void Connection::countBody(uint64_t bytes)
@@ -126,13 +173,13 @@ void Connection::countBody(uint64_t bytes)
 
 void Connection::armBody(int64_t nowMs)
 {
-    mTable.arm(*this, bodyDeadlineMs(nowMs));
+    armUnlessDiscarding(bodyDeadlineMs(nowMs));
 }
 
 void Connection::pauseBody(int64_t nowMs)
 {
     mPausedAtMs = nowMs;
-    mTable.arm(*this, kNoDeadline);
+    armUnlessDiscarding(kNoDeadline);
 }
 
 bool Connection::claim(Phase expected)
@@ -194,6 +241,17 @@ void Connection::refuse(const std::string& response)
     send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     isShutDown = true;
     shutdown(mDescriptor, SHUT_RDWR);
+}
+
+int Connection::endWith(const std::string& response)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (!isOurs())
+        return -1;
+    send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    isShutDown = true;
+    shutdown(mDescriptor, SHUT_WR);
+    return fcntl(mDescriptor, F_DUPFD_CLOEXEC, 0);
 }
 
 bool Connection::isClosed()

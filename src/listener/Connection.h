@@ -35,6 +35,10 @@ struct Peer
     bool isTrustedProxy = false;
 };
 
+// The rest of a body whose response is complete and announced is discarded within both limits.
+inline constexpr uint64_t kMaxDiscardedBytes = 1048576;
+inline constexpr int64_t kMaxDiscardMs = 5000;
+
 inline constexpr int64_t kNoDeadline = std::numeric_limits<int64_t>::max();
 
 // Shared by the daemon thread that serves the connection and the listener thread that watches it.
@@ -86,6 +90,7 @@ public:
     // The application has nothing left to wait for: the connection is served again.
     void resume() override;
     void continueUpload() override;
+    void discardUpload() override;
 
     // Daemon thread: the phases of a request, with their deadlines. `beginHead` and `beginRequest`
     // return false when the listener has claimed the connection. A request that has begun is
@@ -101,6 +106,14 @@ public:
     void countBody(uint64_t bytes);
     void armBody(int64_t nowMs);
     void pauseBody(int64_t nowMs);
+
+    // Daemon thread: counts bytes that are discarded. False beyond a limit: then nothing is
+    // counted, and the listener ends the connection at once.
+    bool countDiscarded(uint64_t bytes, int64_t nowMs);
+
+    // Listener thread, with the connection claimed: the status of the application's response when
+    // the body has been discarded for too long; 0 when it has not. Calls the application.
+    uint32_t getEarlyStatus(int64_t nowMs);
 
     // Listener thread: claims a connection in phase `expected`; false when the phase has changed.
     bool claim(Phase expected);
@@ -132,6 +145,11 @@ public:
     // returns the error, negated (ECANCELED after an abort).
     int detach(int replacement);
 
+    // Sends `response` if the socket takes it at once, and shuts the sending side down. Returns a
+    // duplicate of the descriptor, to be read from until the peer has seen the response; -1 without
+    // one. Listener thread.
+    int endWith(const std::string& response);
+
     // The daemon closes the descriptor after this. Daemon thread. Returns the descriptor.
     int close();
 
@@ -143,6 +161,7 @@ public:
     {
         uint64_t declaredBytes = 0;  // of the body
         uint64_t bodyBytes = 0;
+        uint64_t discardedBytes = 0;  // of the body, since it is discarded
         uint32_t finalCalls = 0;
         bool isHttp10 = false;
         bool isChunked = false;            // the response
@@ -155,11 +174,15 @@ public:
 
 private:
     int64_t bodyDeadlineMs(int64_t nowMs) const;
+    void armUnlessDiscarding(int64_t deadline);
     bool isOurs() const QV_REQUIRES(mMutex) { return mDescriptor >= 0 && !mIsDetached; }
 
     ConnectionTable& mTable;
     const Peer mPeer;
     MHD_Connection* mHandle = nullptr;  // of the request in progress; not changed while suspended
+
+    // The end of discarding the body: kNoDeadline until it begins, 0 beyond the limit of bytes.
+    std::atomic<int64_t> mDiscardUntilMs{kNoDeadline};
 
     // Guarded by the receive device's mutex.
     uint64_t mBodyBytes = 0;

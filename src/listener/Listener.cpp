@@ -44,6 +44,8 @@ constexpr int64_t kRepeatMs = 1000;      // of an action on a connection that is
 constexpr int64_t kAcceptPauseMs = 100;  // without descriptors
 constexpr int64_t kReminderMs = DeadlineWheel::kSlotMs;
 constexpr int64_t kRefusedLingerMs = 2000;
+constexpr size_t kRefusedLingerBytes = 1048576;
+constexpr int kMaxReadsAtOnce = 16;
 constexpr size_t kMaxRefused = 256;
 constexpr int kDrainStepMs = 5;
 constexpr unsigned long kMemoryPauseMs = 10;
@@ -153,6 +155,17 @@ bool discard(int descriptor, size_t bytes)
 bool isOutOfResources(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// In place of a response whose request does not end; the phrase is optional. A response with these
+// two statuses never has a length.
+std::string earlyResponse(uint32_t status)
+{
+    constexpr uint32_t kNoContent = 204;
+    constexpr uint32_t kNotModified = 304;
+    const bool hasLength = status != kNoContent && status != kNotModified;
+    return "HTTP/1.1 " + std::to_string(status) + " \r\nConnection: close\r\n" +
+           (hasLength ? "Content-Length: 0\r\n\r\n" : "\r\n");
 }
 
 // Connections that the kernel has accepted and nobody has taken.
@@ -524,7 +537,13 @@ void Listener::refuse(int descriptor, int64_t nowMs)
 {
     send(descriptor, kBusyResponse, sizeof kBusyResponse - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
     shutdown(descriptor, SHUT_WR);
-    mRefused.push_back({descriptor, nowMs + kRefusedLingerMs});
+    linger(descriptor, nowMs);
+}
+
+// Reads on until the peer has seen the end, within limits.
+void Listener::linger(int descriptor, int64_t nowMs)
+{
+    mRefused.push_back({descriptor, nowMs + kRefusedLingerMs, kRefusedLingerBytes});
     if (mRefused.size() > kMaxRefused) {
         close(mRefused.front().descriptor);
         mRefused.pop_front();
@@ -534,12 +553,16 @@ void Listener::refuse(int descriptor, int64_t nowMs)
 void Listener::closeRefused(int64_t nowMs)
 {
     std::array<char, 4096> discarded;
-    const auto isOver = [&](const Refused& refused) {
-        ssize_t received = 0;
-        do {
-            received = recv(refused.descriptor, discarded.data(), discarded.size(), MSG_DONTWAIT);
-        } while (received > 0);
-        const bool isOpen = received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    const auto isOver = [&](Refused& refused) {
+        ssize_t received = 1;
+        for (int i = 0; i < kMaxReadsAtOnce && received > 0 && refused.bytesLeft != 0; ++i) {
+            received = recv(refused.descriptor, discarded.data(),
+                            std::min(discarded.size(), refused.bytesLeft), MSG_DONTWAIT);
+            refused.bytesLeft -= received > 0 ? static_cast<size_t>(received) : 0;
+        }
+        const bool isOpen = received > 0
+                                ? refused.bytesLeft != 0
+                                : received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
         if (isOpen && nowMs < refused.untilMs)
             return false;
         close(refused.descriptor);
@@ -595,10 +618,8 @@ void Listener::handleDeadline(Connection& connection, int64_t nowMs)
         connection.shutDown(SHUT_RD);
         break;
     case Phase::Body:
-        if (connection.claim(phase)) {
-            connection.abortRequest(kTimeoutReached, false);
-            connection.refuse(kTimeoutResponse);
-        }
+        if (connection.claim(phase))
+            endBody(connection, nowMs);
         break;
     case Phase::Working:
         connection.expireResponse(nowMs);
@@ -609,6 +630,23 @@ void Listener::handleDeadline(Connection& connection, int64_t nowMs)
     default:
         break;
     }
+}
+
+// The body of a claimed connection, which neither comes nor ends.
+void Listener::endBody(Connection& connection, int64_t nowMs)
+{
+    const uint32_t status = connection.getEarlyStatus(nowMs);
+    if (status == 0) {
+        connection.abortRequest(kTimeoutReached, false);
+        connection.refuse(kTimeoutResponse);
+        return;
+    }
+    // Before the abort, after which the daemon closes the connection. The client may still be
+    // sending: a reset would destroy the response.
+    const int descriptor = connection.endWith(earlyResponse(status));
+    connection.abortRequest(kBodyDiscarded, false);
+    if (descriptor >= 0)
+        linger(descriptor, nowMs);
 }
 
 void Listener::nudgeSinks(int64_t nowMs)

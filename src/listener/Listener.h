@@ -96,6 +96,7 @@ private:
     {
         int descriptor;
         int64_t untilMs;
+        size_t bytesLeft;
     };
 
     struct Accepted
@@ -128,6 +129,8 @@ private:
     void closeAllUndecided();
     void reportMalformed(const Accepted& accepted);
     void refuse(int descriptor, int64_t nowMs);
+    void linger(int descriptor, int64_t nowMs);
+    void endBody(Connection& connection, int64_t nowMs);
     void closeRefused(int64_t nowMs);
     void pauseAccepting(int64_t nowMs);
     void continueAccepting(int64_t nowMs);

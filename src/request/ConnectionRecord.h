@@ -5,8 +5,8 @@
 namespace qv::impl
 {
 
-// Each operation is called once for each suspension, by any thread, with the mutex held under which
-// the connection was suspended: it cannot be closed meanwhile.
+// The first two operations are called once for each suspension, by any thread, with the mutex held
+// under which the connection was suspended: it cannot be closed meanwhile.
 class ConnectionRecord
 {
 public:
@@ -17,6 +17,11 @@ public:
 
     // The same after a pause of the upload: the deadlines of the body run again.
     virtual void continueUpload() = 0;
+
+    // The response is complete and announced: the rest of the body is discarded. Called once for
+    // each request, by any thread, with the response device's mutex held and the request not
+    // completed.
+    virtual void discardUpload() = 0;
 };
 
 }  // namespace qv::impl

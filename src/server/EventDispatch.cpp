@@ -108,6 +108,11 @@ MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* 
                         HttpBaseRequest& request, Connection& record, std::vector<char>& body)
 {
     record.setPhase(Phase::Responding, kNoDeadline);
+    // The listener has responded, or is about to.
+    if (record.phase == Phase::Ended) {
+        record.abortRequest(kTimeoutReached, false);
+        return endAborted(request, record);
+    }
     HttpResponseInterface& head = request.getResponse();
     const bool hasBody =
         decision == Decision::Whole || decision == Decision::Stream || decision == Decision::Source;
@@ -220,21 +225,29 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection
                     size_t* size)
 {
     Connection::Progress& progress = record.progress;
-    progress.bodyBytes += *size;
     // The daemon must read on at the end of a body: a client that has shut down its sending side
     // would be taken for one that has left.
-    const bool isLast = progress.bodyBytes == progress.declaredBytes;
+    const bool isLast = progress.bodyBytes + *size == progress.declaredBytes;
     const bool isDiscarded = DispatchAccess::isCompleted(request.getResponseDevice());
     HttpReceiveDevice& device = request.getReceiveDevice();
     {
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+        if (isDiscarded && !record.isAborted && !record.countDiscarded(*size, nowMs)) {
+            // Bytes that are left make the daemon call again when the listener has responded.
+            if (!DispatchAccess::isFeedPaused(device)) {
+                DispatchAccess::pauseFeed(device);
+                record.suspend();
+            }
+            return MHD_YES;
+        }
+        progress.bodyBytes += *size;
         record.countBody(*size);
         if (!isDiscarded)
             device.writeBytes(data, *size);
         *size = 0;
         const uint64_t limit = DispatchAccess::queueLimitBytes(device);
         const bool isFull = limit != 0 && DispatchAccess::queuedBytes(device) >= limit;
-        const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
         if (DispatchAccess::isFeedPaused(device)) {
             // The daemon delivers the chunks that it has read already although it is suspended.
         } else if (isFull && !isLast && !record.isAborted) {

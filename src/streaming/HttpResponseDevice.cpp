@@ -32,6 +32,15 @@ constexpr uint64_t kReadyLimitBytes = 262144;
 // A write later than this after the last hand-over hands over everything.
 constexpr int64_t kHandOverIntervalMs = 120000;
 
+// The caller holds the mutex of the response device. The connection exists until the request is
+// completed, for which the daemon thread takes the mutex.
+void discardUpload(HttpBaseRequest& request)
+{
+    impl::ConnectionRecord* const record = impl::DispatchAccess::record(request);
+    if (record && !impl::DispatchAccess::completed(request))
+        record->discardUpload();
+}
+
 }  // namespace
 
 HttpResponseInterface::~HttpResponseInterface() = default;
@@ -160,6 +169,8 @@ void HttpResponseDevice::endSending()
         mCompleted = true;
         if (mResponseState == impl::DispatchAccess::kStreamed)
             resume();
+        else if (mResponseState == impl::DispatchAccess::kReady)
+            discardUpload(*mRequest);
     }
     // The rest of an upload is received and discarded.
     if (impl::DispatchAccess::record(*mRequest))
@@ -177,6 +188,8 @@ bool HttpResponseDevice::setResponseReady()
     if (mResponseState != impl::DispatchAccess::kNotReady)
         return false;
     mResponseState = impl::DispatchAccess::kReady;
+    if (mCompleted)
+        discardUpload(*mRequest);
     resume();
     return true;
 }

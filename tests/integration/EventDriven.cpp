@@ -360,7 +360,7 @@ TEST_F(Upload, IsEchoedWhileItIsRead)
 
 TEST_F(Upload, ThatIsNotWantedIsDiscardedWhenTheResponseIsComplete)
 {
-    constexpr uint64_t kBytes = 4 * 1024 * 1024;
+    constexpr uint64_t kBytes = 1024 * 1024;
     EventRun run(&parkAllButPings, withQueue(65536));
     RawClient client(run.port());
     ASSERT_TRUE(client.send(postHead(kBytes) + pattern(100000)));

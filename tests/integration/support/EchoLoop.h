@@ -1,4 +1,4 @@
-/// Echoes what the peers of upgraded connections send.
+/// Echoes the bytes that the peers of upgraded connections send.
 #ifndef WENDREL_TESTS_INTEGRATION_ECHOLOOP_H
 #define WENDREL_TESTS_INTEGRATION_ECHOLOOP_H
 

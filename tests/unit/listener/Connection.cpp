@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <support/MinimalRequest.h>
 
+#include <qvSystem/qvSystemUtils.h>
+
 #include <array>
 #include <cerrno>
 
@@ -37,6 +39,104 @@ TEST(Connection, AbortsARequestThatBeginsAfterTheListenerHasClaimedIt)
     EXPECT_EQ(connection->phase, Connection::Phase::Ended);
     connection->endRequest(0);
     EXPECT_TRUE(table.remove(1000000, *connection));
+}
+
+// A connection whose response is complete while a body comes.
+class DiscardingConnection : public ::testing::Test
+{
+protected:
+    DiscardingConnection()
+    {
+        ConnectionTable::Pointer abandoned;
+        mConnection = mTable.add(1000000, {}, 0, abandoned);
+        EXPECT_TRUE(mConnection->beginRequest(mRequest, nullptr, Connection::Phase::Body));
+        mConnection->beginBody(qvSystemUtils::GetTimeBaseMs());
+    }
+    ~DiscardingConnection() override
+    {
+        mConnection->endRequest(0);
+        EXPECT_TRUE(mTable.remove(1000000, *mConnection));
+    }
+
+    ConnectionTable mTable{{0, 0, 1000, 0, 0}, 0};
+    ConnectionTable::Pointer mConnection;
+    MinimalRequest mRequest;
+};
+
+TEST_F(DiscardingConnection, CountsBytesUpToTheirLimit)
+{
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    EXPECT_TRUE(mConnection->countDiscarded(uint64_t{1} << 40, nowMs));  // does not discard yet
+    mConnection->discardUpload();
+    EXPECT_TRUE(mConnection->countDiscarded(1048575, nowMs));
+    EXPECT_FALSE(mConnection->countDiscarded(2, nowMs));
+    EXPECT_EQ(mConnection->deadlineMs, 0);
+    EXPECT_FALSE(mConnection->countDiscarded(1, nowMs));
+}
+
+TEST_F(DiscardingConnection, MayDiscardAsManyBytesAsTheLimit)
+{
+    mConnection->discardUpload();
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    EXPECT_TRUE(mConnection->countDiscarded(1048576, nowMs));
+    EXPECT_EQ(mConnection->getEarlyStatus(nowMs), 0u);
+    EXPECT_FALSE(mConnection->countDiscarded(1, nowMs));
+    EXPECT_EQ(mConnection->getEarlyStatus(nowMs), 200u);
+}
+
+TEST_F(DiscardingConnection, EndsAtItsLimitOfTimeWhateverTheOthersAre)
+{
+    const int64_t beforeMs = qvSystemUtils::GetTimeBaseMs();
+    mConnection->discardUpload();
+    const int64_t untilMs = mConnection->deadlineMs;
+    EXPECT_GE(untilMs, beforeMs + 5000);
+    EXPECT_LE(untilMs, qvSystemUtils::GetTimeBaseMs() + 5000);
+    // The deadline of the body, 1000 ms, holds no more.
+    mConnection->armBody(beforeMs);
+    EXPECT_EQ(mConnection->deadlineMs, untilMs);
+    mConnection->pauseBody(beforeMs);
+    EXPECT_EQ(mConnection->deadlineMs, untilMs);
+    EXPECT_EQ(mConnection->getEarlyStatus(untilMs - 1), 0u);
+    EXPECT_EQ(mConnection->getEarlyStatus(untilMs), 200u);
+    EXPECT_TRUE(mConnection->countDiscarded(1, untilMs - 1));
+    EXPECT_FALSE(mConnection->countDiscarded(1, untilMs));
+}
+
+TEST_F(DiscardingConnection, HasNoLimitAfterItsBody)
+{
+    mConnection->setPhase(Connection::Phase::Working, qv::impl::kNoDeadline);
+    mConnection->discardUpload();
+    EXPECT_EQ(mConnection->deadlineMs, qv::impl::kNoDeadline);
+    EXPECT_EQ(mConnection->getEarlyStatus(qvSystemUtils::GetTimeBaseMs()), 0u);
+}
+
+TEST_F(DiscardingConnection, IsAnErrorOfTheServerWithoutAStatusOrWithADeviceInError)
+{
+    mConnection->discardUpload();
+    const int64_t lateMs = qvSystemUtils::GetTimeBaseMs() + 5000;
+    const struct
+    {
+        uint32_t status;
+        uint32_t sent;
+    } rows[] = {{200, 200}, {199, 500}, {101, 500}, {999, 999}, {1000, 500}, {0, 500}};
+    for (const auto& row : rows) {
+        mRequest.response.statusCode = row.status;
+        EXPECT_EQ(mConnection->getEarlyStatus(lateMs), row.sent) << row.status;
+    }
+    mRequest.response.statusCode = 200;
+    mRequest.getResponseDevice().setDeviceError("broken");
+    EXPECT_EQ(mConnection->getEarlyStatus(lateMs), 500u);
+}
+
+TEST_F(DiscardingConnection, ForgetsItWithTheNextRequest)
+{
+    mConnection->discardUpload();
+    mConnection->endRequest(0);
+    EXPECT_TRUE(mConnection->beginRequest(mRequest, nullptr, Connection::Phase::Body));
+    const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+    mConnection->beginBody(nowMs);
+    EXPECT_EQ(mConnection->deadlineMs, nowMs + 1000);
+    EXPECT_EQ(mConnection->getEarlyStatus(nowMs + 100000), 0u);
 }
 
 // A connection, its peer, and a request that it serves.
