@@ -292,7 +292,7 @@ const char* HttpResponseDevice::takeSource(std::unique_ptr<BodySource>& source)
     if (!impl::DispatchAccess::record(*mRequest))
         return "not in event-driven mode";
     const BodyResumer* const resumer = source->getResumer();
-    std::shared_ptr<impl::BodySignal> signal =
+    const std::shared_ptr<impl::BodySignal> signal =
         resumer ? impl::DispatchAccess::signal(*resumer) : nullptr;
     // Before the device's mutex is taken: `BodySignal::resume` takes both in this order.
     if (signal && !signal->attach(*this))
@@ -308,7 +308,7 @@ const char* HttpResponseDevice::takeSource(std::unique_ptr<BodySource>& source)
             why = "the response has a body";
         if (!why) {
             mSource = std::move(source);
-            mSourceSignal = std::move(signal);
+            mSourceSignal = signal;
             mCompleted = true;
         }
     }

@@ -33,7 +33,6 @@ using integration::EventRun;
 using integration::fillPattern;
 using integration::pattern;
 using integration::RawClient;
-using integration::waitUntil;
 using qv::BodyRead;
 using qv::BodyResumer;
 using qv::BodySource;
@@ -243,7 +242,7 @@ private:
     void leave()
     {
         if (upTo(mRandom, 1) == 0)
-            mClient->receiveSome(static_cast<size_t>(1 + upTo(mRandom, 1000)));
+            mClient->receiveSome(static_cast<size_t>(upTo(mRandom, 999)) + 1);
         if (upTo(mRandom, 1) == 0)
             mClient->reset();
         mClient.reset();
@@ -268,6 +267,8 @@ TEST(EventSourceStress, CompletesEveryRequestOnceAndEveryBodyWhole)
     std::vector<std::unique_ptr<Client>> clients;
     std::vector<std::thread> threads;
     const int each = std::max(requestsOfRun() / kClients, 1);
+    clients.reserve(kClients);
+    threads.reserve(kClients);
     for (int i = 0; i < kClients; ++i)
         clients.push_back(std::make_unique<Client>(run.port(), seed + static_cast<unsigned>(i)));
     for (const auto& client : clients)

@@ -55,7 +55,6 @@ using qv::tests::BackgroundCall;
 using std::chrono::milliseconds;
 using ::testing::AllOf;
 using ::testing::Field;
-using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::Optional;
 using ::testing::SizeIs;

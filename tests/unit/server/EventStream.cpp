@@ -27,8 +27,6 @@ namespace
 {
 
 using Access = impl::DispatchAccess;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 // A request of event-driven mode whose response is queued by the test.
 class EventStream : public testing::Test
