@@ -22,6 +22,7 @@ struct DispatchAccess;
 /// The result of `BodySource::read`: `return {BodyRead::Data, bytes};`, `return {BodyRead::End};`.
 struct BodyRead
 {
+    /// The outcome of a read.
     enum State : uint8_t {
         Data,    ///< `bytes` bytes have been written to the buffer: at least 1, at most its size
         NotYet,  ///< nothing at the moment; the next read follows a `BodyResumer::resume`
@@ -29,7 +30,7 @@ struct BodyRead
         Failed   ///< the body cannot be completed: the connection is closed
     };
 
-    State state;
+    State state;       ///< the outcome
     size_t bytes = 0;  ///< of `Data`
 };
 

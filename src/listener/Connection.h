@@ -168,6 +168,7 @@ public:
         bool isSourceLengthKnown = false;  // of the response
         bool isEndedByClosing = false;  // the response, as HTTP/1.0 ends a body of unknown length
         bool isAbortReported = false;
+        bool isUpgraded = false;  // or could not be, after the 101
     };
     static constexpr uint64_t kUnknownLength = std::numeric_limits<uint64_t>::max();
     Progress progress;

@@ -412,6 +412,12 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
         endUpload(request);
         DispatchAccess::endSource(request.getResponseDevice());
     }
+    // The daemon completes the request of an upgraded connection with its own mutex held, under
+    // which no mutex of a request or connection is taken.
+    if (record && record->progress.isUpgraded) {
+        RequestCompleted(&daemon.getServer(), connection, slot, code);
+        return;
+    }
     if (record)
         record->endRequest(qvSystemUtils::GetTimeBaseMs());
     RequestCompleted(&daemon.getServer(), connection, slot, code);

@@ -73,7 +73,6 @@ void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
             << "cannot hand on an upgraded connection: " << SystemError(error).toString();
     record.abortRequest(kWriteError, false);
     ReportAbort(request, record, record.getAbortReason());
-    record.endRequest(qvSystemUtils::GetTimeBaseMs());
 }
 
 // Upgrade handler; `closure` is the EventDaemon, `slot` the ConnectionContext. The daemon completes
@@ -98,6 +97,8 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
         abortUpgrade(request, record, -descriptor);
         code = MHD_REQUEST_TERMINATED_WITH_ERROR;
     }
+    record.endRequest(qvSystemUtils::GetTimeBaseMs());
+    record.progress.isUpgraded = true;
     CompleteRequest(&daemon.getServer(), request, code);
     MHD_upgrade_action(handle, MHD_UPGRADE_ACTION_CLOSE);
 }

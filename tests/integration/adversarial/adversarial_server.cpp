@@ -306,7 +306,7 @@ public:
             parameters.threadPoolSize = mArguments.number("threads", 2);
             parameters.connectionTimeoutMs = mArguments.number("timeout", 60000);
             parameters.allowWebSocket = mArguments.number("websocket", 1) != 0;
-            if (startIn(parameters)) {
+            if (startServer(parameters)) {
                 std::printf("port=%d\n", parameters.port);
                 std::fflush(stdout);
                 return true;
@@ -350,7 +350,7 @@ public:
 
 private:
     // With the limits of polling mode, where they are the same.
-    bool startIn(const qv::http::HttpServer::Parameters& parameters)
+    bool startServer(const qv::http::HttpServer::Parameters& parameters)
     {
         if (mArguments.number("events", 0) == 0)
             return mServer->start(parameters, std::chrono::seconds(30));
