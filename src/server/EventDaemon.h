@@ -23,7 +23,7 @@ class HttpServer;
 namespace qv::impl
 {
 
-class EventDaemon : public ConnectionSink
+class EventDaemon final : public ConnectionSink
 {
 public:
     struct Settings
