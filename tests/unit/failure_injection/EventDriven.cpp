@@ -28,9 +28,11 @@ class CountingRecord : public impl::ConnectionRecord
 public:
     void resume() override { ++resumed; }
     void continueUpload() override { ++continued; }
+    void discardUpload() override { ++discarded; }
 
     int resumed = 0;
     int continued = 0;
+    int discarded = 0;
 };
 
 // The error has the longer text when there is memory for it.
