@@ -324,6 +324,8 @@ void Listener::handlePeer(uint64_t key, uint32_t events)
     if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
         connection->abortRequest(kWriteError, false);
         connection->shutDown(SHUT_RDWR);
+        // One that has begun between the two. The daemon thread aborts a later one itself.
+        connection->abortRequest(kWriteError, false);
         return;
     }
     // From now on only the end of both directions is reported.

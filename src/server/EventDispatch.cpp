@@ -213,6 +213,9 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     // After the request is known to the listener: it aborts all that it finds.
     if (!isOpen || daemon.getListener().isStopping())
         record.abortRequest(kDaemonShutdown, false);
+    // The reset is reported once, possibly before the bytes that have come before it are read.
+    if (record.isShutDown)
+        record.abortRequest(kWriteError, false);
     if (declared != 0) {
         const qvMutexLocker locker(&DispatchAccess::mutex(request.getReceiveDevice()));
         record.beginBody(qvSystemUtils::GetTimeBaseMs());
