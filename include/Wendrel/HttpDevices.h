@@ -29,6 +29,7 @@ namespace impl
 {
 class BodySignal;
 struct DispatchAccess;
+class MemoryBudget;
 }  // namespace impl
 
 /// The device from which an application reads the body that a client uploads.
@@ -82,6 +83,8 @@ private:
     uint64_t readLocked(char* buf, uint64_t len, int64_t idleSinceMs) QV_REQUIRES(mMutex);
     bool mayNotWait();
     void continueFeed() QV_REQUIRES(mMutex);
+    void continueFeedIfFree() QV_REQUIRES(mMutex);
+    void creditBudget(uint64_t bytes) QV_REQUIRES(mMutex);
 
     qvMutex mMutex;
     qvWaitCondition mDataArrived;
@@ -95,6 +98,10 @@ private:
     bool mFeedEnded QV_GUARDED_BY(mMutex);
     bool mFeedPaused QV_GUARDED_BY(mMutex);           // the connection is suspended
     uint64_t mQueueLimitBytes QV_GUARDED_BY(mMutex);  // 0: no limit
+    bool mAwaitsMemory QV_GUARDED_BY(mMutex);         // paused until the budget has free memory
+    bool mMustNotPause QV_GUARDED_BY(mMutex);         // the writer waits for the whole upload
+    uint64_t mChargedBytes QV_GUARDED_BY(mMutex);     // of the queue, to the budget
+    std::shared_ptr<impl::MemoryBudget> mBudget QV_GUARDED_BY(mMutex);  // null: none
 };
 
 /// The device into which an application writes a response body.

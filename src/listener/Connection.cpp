@@ -214,6 +214,12 @@ void Connection::expireResponse(int64_t nowMs)
     DispatchAccess::resume(mRequest->getResponseDevice());
 }
 
+bool Connection::continueWaitingUpload()
+{
+    const qvMutexLocker locker(&mMutex);
+    return mRequest && DispatchAccess::continueWaiting(mRequest->getReceiveDevice());
+}
+
 void Connection::shutDown(int how)
 {
     const qvMutexLocker locker(&mMutex);

@@ -129,6 +129,9 @@ public:
     // Listener thread: the daemon thread sees `isResponseLate`, unless the deadline has moved.
     void expireResponse(int64_t nowMs);
 
+    // Listener thread: goes on with an upload that waits for free memory. False when it does not.
+    bool continueWaitingUpload();
+
     // Shuts the socket down (SHUT_RD, SHUT_RDWR), if it is still open. Any thread.
     void shutDown(int how);
 

@@ -307,6 +307,7 @@ void Listener::handleEvents(int timeoutMs)
     remindOfPeers(nowMs);
     handleDeadlines(nowMs);
     nudgeSinks(nowMs);
+    continueUploads(nowMs);
 }
 
 void Listener::handlePeer(uint64_t key, uint32_t events)
@@ -661,6 +662,32 @@ void Listener::nudgeSinks(int64_t nowMs)
             sink->nudge();
         else
             sink->stopNudging();
+    }
+}
+
+// As many uploads as the free memory is enough for, in turn; at least one. One that has been paused
+// meanwhile waits for the next time.
+void Listener::continueUploads(int64_t nowMs)
+{
+    MemoryBudget* const budget = mLimits.memoryBudget.get();
+    if (!budget || !budget->hasWaiting() || nowMs < mNextUploadsMs)
+        return;
+    mNextUploadsMs = nowMs + DeadlineWheel::kSlotMs;
+    uint64_t freeBytes = budget->getFreeBytes();
+    if (freeBytes == 0)
+        return;
+    std::vector<ConnectionTable::Pointer> connections;
+    for (ConnectionSink* sink : mSinks) {
+        const std::vector<ConnectionTable::Pointer> all = sink->getTable().getAll();
+        connections.insert(connections.end(), all.begin(), all.end());
+    }
+    const size_t first = mUploadTurn;
+    for (size_t i = 0; i < connections.size() && freeBytes != 0; ++i) {
+        const size_t turn = first + i;
+        if (!connections[turn % connections.size()]->continueWaitingUpload())
+            continue;
+        freeBytes -= std::min(freeBytes, mLimits.uploadPieceBytes);
+        mUploadTurn = turn + 1;
     }
 }
 

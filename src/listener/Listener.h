@@ -6,6 +6,7 @@
 #include "listener/ConnectionTable.h"
 #include "listener/Endpoint.h"
 #include "request/AddressSet.h"
+#include "request/MemoryBudget.h"
 
 #include <atomic>
 #include <cstddef>
@@ -53,6 +54,8 @@ public:
         bool halfClosedClients = false;
         int64_t headMs = 0;  // 0: none
         AddressSet trustedProxies;
+        std::shared_ptr<MemoryBudget> memoryBudget;  // null: none
+        uint64_t uploadPieceBytes = 0;               // a resumed upload takes about so many
     };
 
     // The daemon waits for one more event when exactly 128 are ready.
@@ -138,6 +141,7 @@ private:
     void handleDeadlines(int64_t nowMs);
     void handleDeadline(Connection& connection, int64_t nowMs);
     void nudgeSinks(int64_t nowMs);
+    void continueUploads(int64_t nowMs);
     void acceptQueued();
     void endIdleConnections();
     void abortAll();
@@ -161,6 +165,8 @@ private:
     int64_t mNextReminderMs = 0;
     int64_t mContinueAcceptingMs = kNoDeadline;
     int64_t mNextNudgeMs = 0;
+    int64_t mNextUploadsMs = 0;
+    size_t mUploadTurn = 0;
     bool mReportedLimit = false;
     bool mReportedMalformed = false;
     bool mHasAborted = false;

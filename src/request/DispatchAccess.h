@@ -97,8 +97,24 @@ struct DispatchAccess
     // Destroys the source without the mutex. The handles of its resumer do nothing any more.
     static void endSource(HttpResponseDevice& d);
 
+    // The budget of the server, set before the first byte. The mutex is held, here and below.
+    static std::shared_ptr<MemoryBudget>& budget(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mBudget;
+    }
+    static void chargeBudget(HttpReceiveDevice& d, uint64_t bytes);
+    static bool isBudgetExceeded(const HttpReceiveDevice& d);
+    static bool mustNotPause(const HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        return d.mMustNotPause;
+    }
+    // Of a paused feed: it may go on as soon as the budget has free memory.
+    static void awaitMemory(HttpReceiveDevice& d);
+
     // Any thread; these take the device's mutex. The request is not completed.
     static void resumeSource(HttpResponseDevice& d);
+    // False when the feed does not wait for memory.
+    static bool continueWaiting(HttpReceiveDevice& d);
     static void resume(HttpResponseDevice& d);
     static void resumeAfterError(HttpResponseDevice& d);
     static void liftQueueLimit(HttpReceiveDevice& d);

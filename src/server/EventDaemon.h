@@ -6,9 +6,11 @@
 #include "listener/Listener.h"
 #include "request/AddressSet.h"
 #include "request/AllowedHosts.h"
+#include "request/MemoryBudget.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 struct MHD_Daemon;
 
@@ -34,6 +36,7 @@ public:
         AddressSet trustedProxies;
         AllowedHosts allowedHosts;
         bool strictRequests = false;
+        std::shared_ptr<MemoryBudget> memoryBudget;  // null: no limit
     };
 
     EventDaemon(http::HttpServer& server, const Settings& settings, const ConnectionLimits& limits);

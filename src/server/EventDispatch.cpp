@@ -42,6 +42,9 @@ namespace
 using Phase = Connection::Phase;
 
 constexpr const char* kRetryAfterSeconds = "1";
+constexpr const char* kUnavailableResponse = "HTTP/1.1 503 Service Unavailable\r\n"
+                                             "Retry-After: 1\r\nConnection: close\r\n"
+                                             "Content-Length: 0\r\n\r\n";
 
 MHD_Result respondEmpty(MHD_Connection* connection, unsigned status, const char* retryAfter)
 {
@@ -205,6 +208,8 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
         HttpReceiveDevice& device = request.getReceiveDevice();
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
         DispatchAccess::queueLimitBytes(device) = settings.uploadQueueBytes;
+        if (declared != 0)
+            DispatchAccess::budget(device) = settings.memoryBudget;
     }
     const bool isOpen =
         record.beginRequest(request, connection, declared != 0 ? Phase::Body : Phase::Working);
@@ -224,6 +229,16 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     return declared == 0 ? MHD_YES : respondEarly(daemon, connection, request, record);
 }
 
+// The daemon takes no response in the call of a piece. When the listener has claimed the connection
+// it ends the request itself.
+void refuseUpload(Connection& record)
+{
+    if (!record.claim(Phase::Body))
+        return;
+    record.abortRequest(kMemoryExhausted, false);
+    record.refuse(kUnavailableResponse);
+}
+
 MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection*, const char* data,
                     size_t* size)
 {
@@ -233,6 +248,7 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection
     const bool isLast = progress.bodyBytes + *size == progress.declaredBytes;
     const bool isDiscarded = DispatchAccess::isCompleted(request.getResponseDevice());
     HttpReceiveDevice& device = request.getReceiveDevice();
+    bool isRefused = false;
     {
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
         const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
@@ -246,21 +262,30 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection
         }
         progress.bodyBytes += *size;
         record.countBody(*size);
-        if (!isDiscarded)
+        if (!isDiscarded) {
             device.writeBytes(data, *size);
+            DispatchAccess::chargeBudget(device, *size);
+        }
         *size = 0;
         const uint64_t limit = DispatchAccess::queueLimitBytes(device);
         const bool isFull = limit != 0 && DispatchAccess::queuedBytes(device) >= limit;
+        const bool isOverBudget = !isDiscarded && DispatchAccess::isBudgetExceeded(device);
         if (DispatchAccess::isFeedPaused(device)) {
             // The daemon delivers the chunks that it has read already although it is suspended.
-        } else if (isFull && !isLast && !record.isAborted) {
+        } else if (isOverBudget && !isLast && DispatchAccess::mustNotPause(device)) {
+            isRefused = true;
+        } else if ((isFull || isOverBudget) && !isLast && !record.isAborted) {
             DispatchAccess::pauseFeed(device);
+            if (!isFull)
+                DispatchAccess::awaitMemory(device);
             record.pauseBody(nowMs);
             record.suspend();
         } else {
             record.armBody(nowMs);
         }
     }
+    if (isRefused && !record.isAborted)
+        refuseUpload(record);
     return record.isAborted ? endAborted(request, record) : MHD_YES;
 }
 

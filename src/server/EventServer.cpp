@@ -160,7 +160,7 @@ ServerOptions ReadOptions(const ServerOptions& options, size_t recordBytes)
          &Options::idleTimeout, &Options::bodyTimeout, &Options::minBodyBytesPerSecond,
          &Options::sendTimeout, &Options::responseTimeout, &Options::uploadQueueBytes,
          &Options::halfClosedClients, &Options::trustedProxies, &Options::allowedHosts,
-         &Options::strictRequests);
+         &Options::strictRequests, &Options::memoryBudgetBytes);
     return known;
 }
 
@@ -196,6 +196,7 @@ bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& op
     ofDaemon.trustedProxies = proxiesOf(options, checked);
     ofDaemon.allowedHosts = hostsOf(options, checked);
     ofDaemon.strictRequests = options.strictRequests;
+    ofDaemon.memoryBudget = mMemoryBudget;
     for (uint32_t i = 0; i < options.threads; ++i) {
         mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
         if (!mDaemons.back()->start())
@@ -226,6 +227,10 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
     ofListener.halfClosedClients = options.halfClosedClients;
     ofListener.headMs = options.headTimeout.count();
     ofListener.trustedProxies = proxiesOf(options, failure);
+    if (options.memoryBudgetBytes != 0)
+        made->mMemoryBudget = std::make_shared<MemoryBudget>(options.memoryBudgetBytes);
+    ofListener.memoryBudget = made->mMemoryBudget;
+    ofListener.uploadPieceBytes = options.connectionMemoryBytes / 2;
     if (!made->startDaemons(server, options)) {
         failure = "cannot start a thread for connections";
         return nullptr;

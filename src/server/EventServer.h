@@ -41,6 +41,8 @@ private:
 
     bool startDaemons(http::HttpServer& server, const http::ServerOptions& options);
 
+    std::shared_ptr<MemoryBudget> mMemoryBudget;  // null: no limit
+
     std::vector<std::string> mEndpoints;
     std::vector<std::unique_ptr<EventDaemon>> mDaemons;
     std::unique_ptr<Listener> mListener;

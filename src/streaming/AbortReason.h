@@ -11,6 +11,7 @@ inline constexpr const char* kDaemonShutdown = "DaemonShutdown";
 inline constexpr const char* kReadError = "ReadError";
 inline constexpr const char* kClientAbort = "ClientAbort";
 inline constexpr const char* kBodyDiscarded = "BodyDiscarded";
+inline constexpr const char* kMemoryExhausted = "MemoryExhausted";
 inline constexpr const char* kUpgradeRefused = "UpgradeRefused";
 
 // Of a response device whose connection is the application's; no reason of onAborted.

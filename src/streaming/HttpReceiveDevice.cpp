@@ -8,6 +8,7 @@
 #include "request/ConnectionContext.h"
 #include "request/ConnectionRecord.h"
 #include "request/DispatchAccess.h"
+#include "request/MemoryBudget.h"
 #include "streaming/ChunkQueue.h"
 #include "streaming/DaemonThread.h"
 
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 namespace qv
 {
@@ -35,14 +37,16 @@ bool isIdleTooLong(int64_t sinceMs)
 
 HttpReceiveDevice::HttpReceiveDevice(HttpBaseRequest& request)
     : qvIoDevice(BothWays), mAtEnd(false), mRequest(&request), mQueuedBytes(0), mWantedBytes(0),
-      mReadOffset(0), mReceivedBytes(0), mFeedEnded(false), mFeedPaused(false), mQueueLimitBytes(0)
+      mReadOffset(0), mReceivedBytes(0), mFeedEnded(false), mFeedPaused(false), mQueueLimitBytes(0),
+      mAwaitsMemory(false), mMustNotPause(false), mChargedBytes(0)
 {
     reset();
 }
 
-HttpReceiveDevice::~HttpReceiveDevice()
+HttpReceiveDevice::~HttpReceiveDevice() QV_NO_THREAD_SAFETY_ANALYSIS
 {
     impl::FreeChunks(mQueue);
+    creditBudget(mChargedBytes);
 }
 
 // The caller holds the mutex.
@@ -134,8 +138,9 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
         copied += taken;
         mReceivedBytes += taken;
         mQueuedBytes -= taken;
-        if (mFeedPaused && mQueuedBytes <= mQueueLimitBytes / 2)
-            continueFeed();
+        creditBudget(taken);
+        if (mFeedPaused)
+            continueFeedIfFree();
         if (taken == 0 && isIdleTooLong(idleSinceMs)) {
             setDeviceError("Wait too long without incoming data");
             break;
@@ -187,13 +192,68 @@ void HttpReceiveDevice::continueFeed()
     if (!mFeedPaused)
         return;
     mFeedPaused = false;
+    if (std::exchange(mAwaitsMemory, false))
+        mBudget->removeWaiting();
     impl::DispatchAccess::record(*mRequest)->continueUpload();
+}
+
+// A reader that has read everything gets more also without free memory: otherwise uploads could
+// wait for each other.
+void HttpReceiveDevice::continueFeedIfFree()
+{
+    if (mQueueLimitBytes != 0 && mQueuedBytes > mQueueLimitBytes / 2)
+        return;
+    if (mQueue.empty() || !mBudget || !mBudget->isExceeded())
+        continueFeed();
+    else if (!std::exchange(mAwaitsMemory, true))
+        mBudget->addWaiting();
+}
+
+// Exact also after `reset`, which keeps the queue and not the place in it.
+void HttpReceiveDevice::creditBudget(uint64_t bytes)
+{
+    if (!mBudget)
+        return;
+    bytes = std::min(bytes, mChargedBytes);
+    mChargedBytes -= bytes;
+    mBudget->credit(bytes);
+}
+
+void impl::DispatchAccess::chargeBudget(HttpReceiveDevice& device,
+                                        uint64_t bytes) QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!device.mBudget)
+        return;
+    device.mChargedBytes += bytes;
+    device.mBudget->charge(bytes);
+}
+
+bool impl::DispatchAccess::isBudgetExceeded(const HttpReceiveDevice& device)
+    QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    return device.mBudget && device.mBudget->isExceeded();
+}
+
+void impl::DispatchAccess::awaitMemory(HttpReceiveDevice& device) QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    device.mAwaitsMemory = true;
+    device.mBudget->addWaiting();
+}
+
+bool impl::DispatchAccess::continueWaiting(HttpReceiveDevice& device)
+{
+    const qvMutexLocker locker(&device.mMutex);
+    if (!device.mAwaitsMemory)
+        return false;
+    device.continueFeed();
+    return true;
 }
 
 void impl::DispatchAccess::liftQueueLimit(HttpReceiveDevice& device)
 {
     const qvMutexLocker locker(&device.mMutex);
     device.mQueueLimitBytes = 0;
+    device.mMustNotPause = true;
     device.continueFeed();
 }
 

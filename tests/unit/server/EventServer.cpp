@@ -148,6 +148,7 @@ ServerOptions differentEverywhere()
     options.trustedProxies = {"127.0.0.1"};
     options.allowedHosts = {"localhost"};
     options.strictRequests = !options.strictRequests;
+    options.memoryBudgetBytes += 1;
     return options;
 }
 
@@ -177,6 +178,7 @@ template <typename Check> void forEachField(Check check)
     field("trustedProxies", &Options::trustedProxies);
     field("allowedHosts", &Options::allowedHosts);
     field("strictRequests", &Options::strictRequests);
+    field("memoryBudgetBytes", &Options::memoryBudgetBytes);
 }
 
 TEST(ReadOptions, TakesTheFieldsThatTheCallerKnowsAndDefaultsForTheRest)

@@ -1,0 +1,187 @@
+// The memory shared by the uploads of a server: the counter, and the receive devices that it
+// counts.
+
+#include "request/MemoryBudget.h"
+
+#include "support/TestRequest.h"
+
+#include "request/ConnectionRecord.h"
+#include "request/DispatchAccess.h"
+
+#include <qvSystem/qvMutex.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace qv::tests
+{
+namespace
+{
+
+using impl::DispatchAccess;
+using impl::MemoryBudget;
+
+TEST(MemoryBudget, IsExceededBeyondItsLimit)
+{
+    MemoryBudget budget(10);
+    budget.charge(9);
+    EXPECT_EQ(budget.getFreeBytes(), 1u);
+    budget.charge(1);
+    EXPECT_FALSE(budget.isExceeded());
+    EXPECT_EQ(budget.getFreeBytes(), 0u);
+    budget.charge(1);
+    EXPECT_TRUE(budget.isExceeded());
+    EXPECT_EQ(budget.getFreeBytes(), 0u);
+    budget.credit(1);
+    EXPECT_FALSE(budget.isExceeded());
+    budget.credit(10);
+    EXPECT_EQ(budget.getUsedBytes(), 0u);
+}
+
+class Connected : public impl::ConnectionRecord
+{
+public:
+    void resume() override {}
+    void continueUpload() override { ++continued; }
+    void discardUpload() override {}
+
+    int continued = 0;
+};
+
+// An upload as the dispatch feeds it.
+class BudgetedUpload : public ::testing::Test
+{
+protected:
+    BudgetedUpload() : request(std::make_unique<WorkerRequest>())
+    {
+        DispatchAccess::record(*request) = &connection;
+        DispatchAccess::budget(device()) = budget;
+        DispatchAccess::queueLimitBytes(device()) = 1000;
+    }
+
+    HttpReceiveDevice& device() { return request->getReceiveDevice(); }
+
+    void feed(size_t bytes)
+    {
+        const std::string data(bytes, 'b');
+        const qvMutexLocker locker(&DispatchAccess::mutex(device()));
+        device().writeBytes(data.data(), data.size());
+        DispatchAccess::chargeBudget(device(), data.size());
+    }
+
+    void pause()
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device()));
+        ASSERT_TRUE(DispatchAccess::isBudgetExceeded(device()));
+        DispatchAccess::pauseFeed(device());
+        DispatchAccess::awaitMemory(device());
+    }
+
+    size_t read(size_t bytes)
+    {
+        std::string data(bytes, '\0');
+        return device().readBytes(data.data(), data.size());
+    }
+
+    Connected connection;
+    std::shared_ptr<MemoryBudget> budget = std::make_shared<MemoryBudget>(100);
+    std::unique_ptr<WorkerRequest> request;
+};
+
+TEST_F(BudgetedUpload, CreditsReadBytes)
+{
+    feed(100);
+    EXPECT_EQ(budget->getUsedBytes(), 100u);
+    feed(60);
+    pause();
+    EXPECT_EQ(read(40), 40u);
+    EXPECT_EQ(budget->getUsedBytes(), 120u);
+    EXPECT_EQ(connection.continued, 0);
+    EXPECT_TRUE(budget->hasWaiting());
+    EXPECT_EQ(read(20), 20u);
+    EXPECT_EQ(budget->getUsedBytes(), 100u);
+    EXPECT_EQ(connection.continued, 1);
+    EXPECT_FALSE(budget->hasWaiting());
+}
+
+TEST_F(BudgetedUpload, CreditsUnreadBytesAtItsEnd)
+{
+    feed(150);
+    request.reset();
+    EXPECT_EQ(budget->getUsedBytes(), 0u);
+}
+
+TEST_F(BudgetedUpload, GoesOnWhenAllIsReadAlsoWithoutFreeMemory)
+{
+    budget->charge(500);
+    feed(50);
+    pause();
+    EXPECT_EQ(read(49), 49u);
+    EXPECT_EQ(connection.continued, 0);
+    EXPECT_EQ(read(1), 1u);
+    EXPECT_EQ(connection.continued, 1);
+    EXPECT_FALSE(budget->hasWaiting());
+    EXPECT_EQ(budget->getUsedBytes(), 500u);
+}
+
+TEST_F(BudgetedUpload, WaitsForMemoryAfterItsOwnLimit)
+{
+    DispatchAccess::queueLimitBytes(device()) = 40;
+    feed(200);
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device()));
+        DispatchAccess::pauseFeed(device());
+    }
+    EXPECT_FALSE(DispatchAccess::continueWaiting(device()));
+    budget->charge(500);
+    // Half of the own limit is left.
+    EXPECT_EQ(read(185), 185u);
+    EXPECT_TRUE(budget->hasWaiting());
+    EXPECT_EQ(connection.continued, 0);
+    EXPECT_TRUE(DispatchAccess::continueWaiting(device()));
+    EXPECT_EQ(connection.continued, 1);
+    EXPECT_FALSE(budget->hasWaiting());
+    EXPECT_FALSE(DispatchAccess::continueWaiting(device()));
+}
+
+TEST_F(BudgetedUpload, WaitsNoMoreWhenItIsAbortedOrItsLimitLifted)
+{
+    budget->charge(500);
+    feed(50);
+    pause();
+    DispatchAccess::abort(device(), "ClientAbort");
+    EXPECT_EQ(connection.continued, 1);
+    EXPECT_FALSE(budget->hasWaiting());
+    device().reset();
+    pause();
+    DispatchAccess::liftQueueLimit(device());
+    EXPECT_EQ(connection.continued, 2);
+    EXPECT_FALSE(budget->hasWaiting());
+    EXPECT_TRUE(DispatchAccess::mustNotPause(device()));
+}
+
+// `reset` goes back to the beginning of the first chunk: bytes are read twice and credited once.
+TEST_F(BudgetedUpload, CreditsEachByteOnce)
+{
+    budget->charge(7);
+    feed(50);
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device()));
+        device().endFeed();
+    }
+    EXPECT_EQ(read(30), 30u);
+    device().reset();
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device()));
+        device().endFeed();
+    }
+    EXPECT_EQ(read(50), 50u);
+    EXPECT_EQ(budget->getUsedBytes(), 7u);
+    request.reset();
+    EXPECT_EQ(budget->getUsedBytes(), 7u);
+}
+
+}  // namespace
+}  // namespace qv::tests
