@@ -198,6 +198,16 @@ void Connection::abortRequest(const std::string& reason, bool unlessReady)
     DispatchAccess::abort(mRequest->getReceiveDevice(), reason);
 }
 
+bool Connection::isUploadPaused()
+{
+    const qvMutexLocker locker(&mMutex);
+    if (!mRequest)
+        return false;
+    HttpReceiveDevice& device = mRequest->getReceiveDevice();
+    const qvMutexLocker deviceLocker(&DispatchAccess::mutex(device));
+    return DispatchAccess::isFeedPaused(device);
+}
+
 std::string Connection::getAbortReason()
 {
     const qvMutexLocker locker(&mMutex);

@@ -123,6 +123,10 @@ public:
     // request whose response has been announced is left alone. Any thread.
     void abortRequest(const std::string& reason, bool unlessReady);
 
+    // Whether the daemon does not read the body of the request in progress until the application
+    // has read more of it. Any thread.
+    bool isUploadPaused();
+
     // Daemon thread, after it has seen `isAborted`.
     std::string getAbortReason();
 
@@ -167,8 +171,8 @@ public:
         uint64_t discardedBytes = 0;  // of the body, since it is discarded
         uint32_t finalCalls = 0;
         bool isHttp10 = false;
-        bool isChunked = false;            // the response
-        bool isSourceLengthKnown = false;  // of the response
+        bool isChunked = false;         // the response
+        bool isLengthKnown = false;     // of the response
         bool isEndedByClosing = false;  // the response, as HTTP/1.0 ends a body of unknown length
         bool isAbortReported = false;
         bool isUpgraded = false;  // or could not be, after the 101

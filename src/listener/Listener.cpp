@@ -46,7 +46,6 @@ constexpr int64_t kReminderMs = DeadlineWheel::kSlotMs;
 constexpr int64_t kRefusedLingerMs = 2000;
 constexpr size_t kRefusedLingerBytes = 1048576;
 constexpr int kMaxReadsAtOnce = 16;
-constexpr size_t kMaxRefused = 256;
 constexpr int kDrainStepMs = 5;
 constexpr unsigned long kMemoryPauseMs = 10;
 constexpr int64_t kIdleGraceMs = 50;  // of a drain, for requests that are on their way
@@ -339,23 +338,31 @@ void Listener::handlePeer(uint64_t key, uint32_t events)
     const Phase phase = connection->phase;
     if (phase == Phase::Working && !mLimits.halfClosedClients)
         connection->abortRequest(kClientAbort, true);
-    else if (phase != Phase::Working && phase != Phase::Responding)
-        connection->shutDown(SHUT_RD);
+    endReading(*connection);
     mClosedByPeer.push_back(connection);
+}
+
+// The peer has shut down its sending side. The daemon does not look at a paused upload.
+void Listener::endReading(Connection& connection)
+{
+    using Phase = Connection::Phase;
+    const Phase phase = connection.phase;
+    if (phase == Phase::Working || phase == Phase::Responding)
+        return;
+    if (phase == Phase::Body && !mLimits.halfClosedClients && connection.isUploadPaused())
+        connection.abortRequest(kClientAbort, true);
+    connection.shutDown(SHUT_RD);
 }
 
 // The daemon reads the received bytes and then sees the end. It misses an end that is reported
 // before it has read them: it is told again until it closes the connection.
 void Listener::remindOfPeers(int64_t nowMs)
 {
-    using Phase = Connection::Phase;
     if (mClosedByPeer.empty() || nowMs < mNextReminderMs)
         return;
     mNextReminderMs = nowMs + kReminderMs;
-    const auto isOver = [](const ConnectionTable::Pointer& connection) {
-        const Phase phase = connection->phase;
-        if (phase != Phase::Working && phase != Phase::Responding)
-            connection->shutDown(SHUT_RD);
+    const auto isOver = [this](const ConnectionTable::Pointer& connection) {
+        endReading(*connection);
         return connection->isClosed();
     };
     mClosedByPeer.erase(std::remove_if(mClosedByPeer.begin(), mClosedByPeer.end(), isOver),

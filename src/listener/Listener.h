@@ -62,6 +62,9 @@ public:
     static constexpr size_t kNudgeConnections = 126;
     static constexpr int64_t kNudgeMs = 10;
 
+    // Refused connections that are open for a moment, so that the client receives the 503.
+    static constexpr size_t kMaxRefused = 256;
+
     // Opens its epoll set and takes the sockets over; throws std::system_error without descriptors.
     Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
              std::vector<ConnectionSink*> sinks);
@@ -137,6 +140,7 @@ private:
     void closeRefused(int64_t nowMs);
     void pauseAccepting(int64_t nowMs);
     void continueAccepting(int64_t nowMs);
+    void endReading(Connection& connection);
     void remindOfPeers(int64_t nowMs);
     void handleDeadlines(int64_t nowMs);
     void handleDeadline(Connection& connection, int64_t nowMs);

@@ -126,8 +126,12 @@ MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* 
     const bool close = mustClose(daemon, record);
     if (decision == Decision::Source)
         return QueueSource(request, record, connection, close);
-    record.progress.isChunked =
-        decision == Decision::Stream && !record.progress.isHttp10 && head.getContentLength() < 0;
+    if (decision == Decision::Stream) {
+        if (IsWithoutBody(request, head.getStatusCode()))
+            return QueueHeadOnly(request, connection, close);
+        record.progress.isLengthKnown = head.getContentLength() >= 0;
+        record.progress.isChunked = !record.progress.isHttp10 && !record.progress.isLengthKnown;
+    }
     return QueueDecided(decision, daemon.getServer().getImpl(), connection, request, head, body,
                         {&ReadEventContent, close});
 }

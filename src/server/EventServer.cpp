@@ -106,7 +106,8 @@ std::string checkSets(const ServerOptions& options)
 // As many connections as the process may have descriptors for.
 size_t limitConnections(const ServerOptions& options)
 {
-    const rlim_t others = kOtherDescriptors + options.threads * kDescriptorsOfDaemon;
+    const rlim_t others =
+        kOtherDescriptors + Listener::kMaxRefused + options.threads * kDescriptorsOfDaemon;
     const rlim_t wanted = options.maxConnections + others;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)

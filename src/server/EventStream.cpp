@@ -36,7 +36,7 @@ ssize_t endBody(Connection& record, char* buffer)
 {
     if (record.progress.isChunked)
         return MHD_CONTENT_READER_END_OF_STREAM;
-    record.progress.isEndedByClosing = record.progress.isHttp10;
+    record.progress.isEndedByClosing = record.progress.isHttp10 && !record.progress.isLengthKnown;
     return endByClosing(record, buffer);
 }
 
@@ -98,18 +98,12 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
         suspendSource(request, record);
         return 0;
     case BodyRead::End:
-        if (record.progress.isSourceLengthKnown)
+        if (record.progress.isLengthKnown)
             return failSource(record, buffer, "it ended too early,", position);
         return endBody(record, buffer);
     default:
         return endByClosing(record, buffer);
     }
-}
-
-bool isWithoutBody(const HttpBaseRequest& request, uint32_t status)
-{
-    return request.getRequestType() == HttpBaseRequest::HEAD || status == MHD_HTTP_NO_CONTENT ||
-           status == MHD_HTTP_NOT_MODIFIED;
 }
 
 ssize_t readNothing(void*, uint64_t, char*, size_t)
@@ -191,6 +185,22 @@ Decision DecideEvent(HttpResponseDevice& device, HttpBaseRequest& request, std::
     return Decision::Source;
 }
 
+bool IsWithoutBody(const HttpBaseRequest& request, uint32_t status)
+{
+    return request.getRequestType() == HttpBaseRequest::HEAD || status == MHD_HTTP_NO_CONTENT ||
+           status == MHD_HTTP_NOT_MODIFIED;
+}
+
+MHD_Result QueueHeadOnly(HttpBaseRequest& request, MHD_Connection* connection, bool close)
+{
+    HttpResponseInterface& head = request.getResponse();
+    const int64_t length = head.getContentLength();
+    return QueueResponse(
+        request, head, connection,
+        makeHeadOnly(length < 0 ? MHD_SIZE_UNKNOWN : static_cast<uint64_t>(length)),
+        {nullptr, close});
+}
+
 MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
                        bool close)
 {
@@ -199,10 +209,10 @@ MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connect
     BodySource& source = *DispatchAccess::source(device);
     const uint64_t length = lengthOf(source, head);
     const bool isKnown = length != MHD_SIZE_UNKNOWN;
-    record.progress.isSourceLengthKnown = isKnown;
+    record.progress.isLengthKnown = isKnown;
     record.progress.isChunked = !isKnown && !record.progress.isHttp10;
     MHD_Response* response = nullptr;
-    if (isWithoutBody(request, head.getStatusCode())) {
+    if (IsWithoutBody(request, head.getStatusCode())) {
         response = makeHeadOnly(head.getStatusCode() == MHD_HTTP_NO_CONTENT ? 0 : length);
         DispatchAccess::endSource(device);
     } else if (Memory memory = source.getLength() < 0 ? nullptr : source.getMemory()) {

@@ -26,6 +26,12 @@ Decision DecideEvent(HttpResponseDevice& device, HttpBaseRequest& request, std::
 MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
                        bool close);
 
+// Queues the response to a request whose response has a body that is not sent.
+MHD_Result QueueHeadOnly(HttpBaseRequest& request, MHD_Connection* connection, bool close);
+
+// Whether a response with this status has no body on the wire.
+bool IsWithoutBody(const HttpBaseRequest& request, uint32_t status);
+
 }  // namespace qv::impl
 
 #endif

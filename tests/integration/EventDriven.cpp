@@ -476,6 +476,26 @@ TEST_F(Peer, ThatLeavesWakesTheReaderAndTheWriter)
     EXPECT_TRUE(isServing(run));
 }
 
+// The daemon does not read a connection while its upload is paused.
+TEST_F(Peer, ThatLeavesDuringAPausedUploadAbortsTheRequest)
+{
+    // The end is behind the sent bytes, the rest of which fits into the buffer of the socket.
+    constexpr size_t kSent = 100000;
+    for (const size_t declared : {2 * kSent, kSent}) {
+        SCOPED_TRACE(declared);
+        ServerOptions options = withPlaces(2);
+        options.uploadQueueBytes = 65536;
+        EventRun run(&parkAllButPings, options);
+        for (int i = 0; i < 4; ++i) {
+            RawClient client(run.port());
+            ASSERT_TRUE(client.send(postHead(declared) + pattern(kSent)));
+            ASSERT_TRUE(run.request(static_cast<size_t>(i)));
+            client.close();
+            expectAborted(*run.request(static_cast<size_t>(i)), "ClientAbort");
+        }
+    }
+}
+
 TEST_F(Peer, ThatResetsInAnyPhaseFreesItsPlace)
 {
     const struct
@@ -984,6 +1004,43 @@ TEST(EventStream, OfADeclaredLengthThatEndsEarlyIsClosed)
     EXPECT_EQ(client.receiveToEnd(), "begun");
     ASSERT_TRUE(waitUntil([&] { return run.request(0)->completions == 1; }));
     EXPECT_EQ(run.request(0)->aborts, 1);
+
+    // The end of the connection is the end of a body for HTTP/1.0, but not of this one.
+    RawClient old(run.port());
+    ASSERT_TRUE(old.send("GET / HTTP/1.0\r\n\r\n"));
+    ASSERT_TRUE(old.receiveHead());
+    EXPECT_EQ(old.receiveToEnd(), "begun");
+    ASSERT_TRUE(waitUntil([&] { return run.request(1)->completions == 1; }));
+    EXPECT_EQ(run.request(1)->aborts, 1);
+}
+
+// The daemon would send the last chunk of a body that there is not.
+TEST(EventStream, ForHeadIsNothingButTheHead)
+{
+    for (const int64_t length : {-1, 1000}) {
+        SCOPED_TRACE(length);
+        EventRun run(
+            [&](EventRequest& request) {
+                if (isPing(request))
+                    return request.respondHere(200, "pong");
+                run.work(request, [&](EventRequest& r) {
+                    r.response.contentLength = length;
+                    r.beginStream();
+                    r.getResponseDevice().endSending();
+                });
+            },
+            onOneThread());
+        RawClient client(run.port());
+        ASSERT_TRUE(client.send("HEAD / HTTP/1.1\r\nHost: x\r\n\r\n"));
+        const auto head = client.receiveHead();
+        ASSERT_TRUE(head);
+        EXPECT_EQ(head->status, 200);
+        if (length < 0) {
+            EXPECT_EQ(client.receiveToEnd(), "");
+        } else {
+            EXPECT_TRUE(respondsToPing(client));
+        }
+    }
 }
 
 // The writer has nothing to send for a while: the connection costs no thread and no time.
