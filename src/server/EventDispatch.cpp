@@ -243,8 +243,7 @@ void refuseUpload(Connection& record)
     record.refuse(kUnavailableResponse);
 }
 
-MHD_Result feedBody(HttpBaseRequest& request, Connection& record, MHD_Connection*, const char* data,
-                    size_t* size)
+MHD_Result feedBody(HttpBaseRequest& request, Connection& record, const char* data, size_t* size)
 {
     Connection::Progress& progress = record.progress;
     // The daemon must read on at the end of a body: a client that has shut down its sending side
@@ -422,7 +421,7 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
     }
     HttpBaseRequest& request = *context.request;
     if (*uploadSize != 0)
-        return feedBody(request, *record, connection, uploadData, uploadSize);
+        return feedBody(request, *record, uploadData, uploadSize);
     return respond(daemon, connection, request, *record, context);
 }
 

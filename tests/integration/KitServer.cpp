@@ -116,7 +116,9 @@ TEST(KitServer, RespondsToABadRequestInJson)
 {
     KitRun run(helloRoute);
     RawClient client(run.port());
-    ASSERT_TRUE(client.send(getRequest("hello")));
+    // In event-driven mode the library refuses the other target before the kit sees it.
+    const std::string target = integration::isEventDriven() ? "/%zz" : "hello";
+    ASSERT_TRUE(client.send(getRequest(target)));
     const auto response = client.receive();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, 400);

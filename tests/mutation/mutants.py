@@ -199,7 +199,8 @@ class Finder:
         words = [self.text(i) for i in self.outermost(head, brace)]
         if "namespace" in words or "extern" in words:
             return "scope"
-        if "=" in words:
+        if any(word == "=" and before != "operator"
+               for before, word in zip([""] + words, words)):
             return "value"
         if "(" in words:
             return "function"

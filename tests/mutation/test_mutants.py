@@ -98,12 +98,13 @@ class Mutants(unittest.TestCase):
             "}",
             "S::~S() { g(); }",
             "bool S::operator==(int a) { return a == 5; }",
+            "S& S::operator=(int a) { value = a + 1; return *this; }",
             "}",
         ))
         found = mutants.find_mutants("file.cpp", source)
         self.assertEqual(
             list(dict.fromkeys(m.function for m in found)),
-            [mutants.CONSTANTS, "get", "S::S", "S::~S", "S::operator=="],
+            [mutants.CONSTANTS, "get", "S::S", "S::~S", "S::operator==", "S::operator="],
         )
 
     def test_come_in_turns_and_in_the_same_order_for_a_seed(self):
