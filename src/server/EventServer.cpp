@@ -75,9 +75,10 @@ Set makeSet(const char* field, const std::vector<std::string>& entries, std::str
 {
     Set set;
     for (const std::string& entry : entries) {
-        why = set.add(entry);
-        if (!why.empty()) {
-            why = std::string("ServerOptions::") + field + ": \"" + entry + "\": " + why;
+        const std::string reason = set.add(entry);
+        if (!reason.empty()) {
+            why.append("ServerOptions::").append(field).append(": \"").append(entry);
+            why.append("\": ").append(reason);
             break;
         }
     }
