@@ -31,6 +31,7 @@ UNEXPLAINED = "unexplained"
 AGREES = "agrees"
 REFUSES = "refuses"
 WITHOUT_UPGRADE = "without upgrade"
+WITHOUT_STRAY_BYTES = "without stray bytes"
 
 
 def versions():
@@ -115,6 +116,10 @@ def strictness(request, outcomes):
     if strict.connection == "closed" and strict.responses[-1:] in (("400",), ("501",)):
         seen = strict.seen == library.seen[:len(strict.seen)]
         return REFUSES if seen and len(strict.seen) < max(len(library.seen), 1) else UNEXPLAINED
+    # It closes the connection in their place.
+    if (strict.connection == "closed" and strict.responses == library.responses[:1]
+            and library.responses[1:2] == ("5 stray bytes",)):
+        return WITHOUT_STRAY_BYTES
     if difference(request, outcomes) == "upgrade":
         return WITHOUT_UPGRADE
     return UNEXPLAINED

@@ -588,6 +588,35 @@ TEST_F(HttpServer, ForgetsAnOldStopRequestWhenStarted)
     EXPECT_TRUE(server->isStopRequested());
 }
 
+// A thread that sees the request withdrawn sees the start as well.
+TEST_F(HttpServer, IsNeverSeenStoppedWithoutAStopRequest)
+{
+    constexpr int kRounds = 2000;
+    server->stopServer(false);
+    std::atomic<int> round{0};
+    std::atomic<int> seen{0};
+    std::atomic<int> wrong{0};
+    std::thread observer([&] {
+        for (int i = 1; i <= kRounds; ++i) {
+            while (round < i)
+                std::this_thread::yield();
+            while (server->isStopRequested()) {
+            }
+            wrong += server->getState() == http::HttpServer::Stopped;
+            seen = i;
+        }
+    });
+    for (int i = 1; i <= kRounds; ++i) {
+        round = i;
+        server->startServer({});
+        while (seen < i)
+            std::this_thread::yield();
+        server->stopServer(true);
+    }
+    observer.join();
+    EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(HttpServer, IgnoresASecondStart)
 {
     Parameters parameters;
