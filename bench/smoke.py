@@ -104,6 +104,10 @@ class Server(unittest.TestCase):
                     connection.request(method, target, body)
                     response = connection.getresponse()
                     self.assertEqual((response.status, short(response.read())), (200, expected))
+        connection.request("HEAD", "/hello")
+        response = connection.getresponse()
+        self.assertEqual((response.status, response.headers["Content-Length"]), (200, "13"))
+        response.read()
 
     def test_server_inline(self):
         self.check("BENCH_SERVER", "inline", not_found=(), echoes=False)

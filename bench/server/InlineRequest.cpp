@@ -67,8 +67,8 @@ Question InlineRequest::getQuestion() const
         return {Page::Waiting};
     if (path == "/release")
         return {Page::Release};
-    return parseQuestion(RequestTypeToString(getRequestType()), path,
-                         [this](const char* name) -> std::string_view {
+    return parseQuestion(RequestTypeToString(getRequestType() == HEAD ? GET : getRequestType()),
+                         path, [this](const char* name) -> std::string_view {
                              const auto* values = getQueryParameter(name);
                              return values ? std::string_view(values->front()) : std::string_view();
                          });
