@@ -126,6 +126,7 @@ bool Connection::beginHead(int64_t nowMs)
 
 bool Connection::beginRequest(HttpBaseRequest& request, MHD_Connection* handle, Phase next)
 {
+    mTable.countRequest();
     setPhase(next, kNoDeadline);
     progress = Progress();
     mHandle = handle;

@@ -65,6 +65,10 @@ public:
     // Connections of which the daemon can have an event.
     size_t getServedCount() const { return mCount - std::min<size_t>(mSuspended, mCount); }
 
+    // Requests so far.
+    uint64_t getRequestCount() const { return mRequests; }
+
+    void countRequest() { mRequests.fetch_add(1, std::memory_order_relaxed); }
     void countSuspended() { ++mSuspended; }
     void countResumed() { --mSuspended; }
 
@@ -75,6 +79,7 @@ private:
     DeadlineWheel mWheel QV_GUARDED_BY(mMutex);
     std::atomic<size_t> mCount{0};
     std::atomic<size_t> mSuspended{0};
+    std::atomic<uint64_t> mRequests{0};
 };
 
 }  // namespace qv::impl

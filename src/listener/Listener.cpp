@@ -184,6 +184,7 @@ Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
       mPlaces(std::make_shared<ConnectionPlaces>(limits.maxConnections,
                                                  limits.maxConnectionsPerAddress))
 {
+    mRequestCounts.resize(mSinks.size());
     Rollback opened([this] {
         if (mWake >= 0)
             close(mWake);
@@ -270,7 +271,7 @@ int Listener::waitMs(int64_t nowMs) const
         atMost(mContinueAcceptingMs - nowMs);
     for (ConnectionSink* sink : mSinks) {
         if (sink->getTable().getCount() >= kNudgeConnections)
-            atMost(kNudgeMs);
+            atMost(mNextNudgeMs - nowMs);
     }
     return static_cast<int>(wait);
 }
@@ -508,14 +509,25 @@ void Listener::admit(const Accepted& accepted, const Peer& peer, int64_t nowMs)
     place(accepted, peer, std::move(counted));
 }
 
-// To the daemon with the fewest connections.
-void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted)
+// The daemon with the fewest connections. One with a multiple of 128 is avoided: when all of them
+// are ready at once, as those of clients that wait for each other are, it waits for another event.
+size_t Listener::chooseSink() const
 {
+    const auto costOf = [this](size_t index) {
+        const size_t count = mSinks[index]->getTable().getCount();
+        return std::make_pair((count + 1) % kFullBatch == 0, count);
+    };
     size_t index = 0;
     for (size_t i = 1; i < mSinks.size(); ++i) {
-        if (mSinks[i]->getTable().getCount() < mSinks[index]->getTable().getCount())
+        if (costOf(i) < costOf(index))
             index = i;
     }
+    return index;
+}
+
+void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted)
+{
+    const size_t index = chooseSink();
     ConnectionSink& sink = *mSinks[index];
     const int descriptor = accepted.descriptor;
     ConnectionTable::Pointer abandoned;
@@ -664,11 +676,19 @@ void Listener::nudgeSinks(int64_t nowMs)
     if (nowMs < mNextNudgeMs)
         return;
     mNextNudgeMs = nowMs + kNudgeMs;
-    for (ConnectionSink* sink : mSinks) {
-        if (sink->getTable().getServedCount() >= kNudgeConnections)
-            sink->nudge();
-        else
-            sink->stopNudging();
+    for (size_t i = 0; i < mSinks.size(); ++i) {
+        const ConnectionTable& table = mSinks[i]->getTable();
+        const size_t served = table.getServedCount();
+        const uint64_t requests = table.getRequestCount();
+        const bool isActive = std::exchange(mRequestCounts[i], requests) != requests;
+        if (served < kNudgeConnections) {
+            mSinks[i]->stopNudging();
+            continue;
+        }
+        mSinks[i]->nudge();
+        // The nudge is an event as well.
+        if (isActive && (served % kFullBatch == 0 || (served + 1) % kFullBatch == 0))
+            mNextNudgeMs = nowMs + kFullBatchNudgeMs;
     }
 }
 

@@ -58,9 +58,15 @@ public:
         uint64_t uploadPieceBytes = 0;               // a resumed upload takes about so many
     };
 
-    // The daemon waits for one more event when exactly 128 are ready.
+    // The daemon waits for one more event when exactly so many are ready, or a multiple.
+    static constexpr size_t kFullBatch = 128;
+
+    // From so many connections on its wait is ended every kNudgeMs: it has events of its own, too.
     static constexpr size_t kNudgeConnections = 126;
     static constexpr int64_t kNudgeMs = 10;
+
+    // The same for a daemon with a multiple of kFullBatch that has requests.
+    static constexpr int64_t kFullBatchNudgeMs = 1;
 
     // Refused connections that are open for a moment, so that the client receives the 503.
     static constexpr size_t kMaxRefused = 256;
@@ -127,6 +133,7 @@ private:
     bool isTrustedProxy(const Accepted& accepted) const;
     void admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs);
     void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
+    size_t chooseSink() const;
     void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted);
     void awaitHeader(const Accepted& accepted);
     void continueUndecided(int descriptor, bool hasEnded, int64_t nowMs);
@@ -169,6 +176,7 @@ private:
     int64_t mNextReminderMs = 0;
     int64_t mContinueAcceptingMs = kNoDeadline;
     int64_t mNextNudgeMs = 0;
+    std::vector<uint64_t> mRequestCounts;  // of each sink, at the last nudge
     int64_t mNextUploadsMs = 0;
     size_t mUploadTurn = 0;
     bool mReportedLimit = false;

@@ -15,7 +15,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -174,6 +176,33 @@ TEST(EventDriven, RespondsToAnyNumberOfConnectionsThatSendAtOnce)
         for (const auto& client : clients)
             EXPECT_TRUE(client->receive());
     }
+}
+
+// With 128 each, clients that all send at once would wait for the next event of their daemon.
+TEST(EventDriven, PlacesNoFullBatchOfConnectionsOnADaemon)
+{
+    std::mutex mutex;
+    std::map<std::thread::id, int> connections;
+    ServerOptions options = onOneThread();
+    options.threads = 2;
+    EventRun run(
+        [&](EventRequest& request) {
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                ++connections[std::this_thread::get_id()];
+            }
+            request.respondHere(200, "pong");
+        },
+        options);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 256; ++i) {
+        clients.push_back(std::make_unique<RawClient>(run.port()));
+        ASSERT_TRUE(respondsToPing(*clients.back()));
+    }
+    std::vector<int> counts;
+    for (const auto& [thread, count] : connections)
+        counts.push_back(count);
+    EXPECT_THAT(counts, testing::UnorderedElementsAre(127, 129));
 }
 
 // Uploads.

@@ -120,6 +120,8 @@ NOT_FOR_USERS = {
     "src/listener/Listener.cpp kMaxProbeSeconds": "the system's",
     "src/listener/Listener.cpp kPrefixBytes": "the protocol's",
     "src/listener/Listener.h kNudgeConnections": "the daemon's",
+    "src/listener/Listener.h kFullBatch": "events that the daemon fetches at once",
+    "src/listener/Listener.h kFullBatchNudgeMs": "as kNudgeMs",
     "src/listener/Listener.h kNudgeMs": "bound of a wait of the daemon, see the page of event-driven mode",
     "src/listener/ProxyHeader.cpp kMaxPortDigits": "the protocol's",
     "src/listener/ProxyHeader.cpp kMaxPort": "the protocol's",
