@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -267,6 +268,17 @@ int Connection::endWith(const std::string& response)
         return -1;
     send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     isShutDown = true;
+    shutdown(mDescriptor, SHUT_WR);
+    return fcntl(mDescriptor, F_DUPFD_CLOEXEC, 0);
+}
+
+int Connection::keepUntilSeen()
+{
+    const qvMutexLocker locker(&mMutex);
+    int unreadBytes = 0;
+    if (!isOurs() || isShutDown || isAborted ||
+        (!isBodyUnread && (ioctl(mDescriptor, FIONREAD, &unreadBytes) != 0 || unreadBytes == 0)))
+        return -1;
     shutdown(mDescriptor, SHUT_WR);
     return fcntl(mDescriptor, F_DUPFD_CLOEXEC, 0);
 }

@@ -2,6 +2,8 @@
 
 #include "listener/Endpoint.h"
 
+#include "request/FieldText.h"
+
 #include <qvSystem/IpAddress.h>
 #include <qvSystem/SystemError.h>
 
@@ -34,7 +36,6 @@ constexpr std::string_view kSystemdName = "systemd";
 constexpr std::string_view kModeOption = ",mode=";
 constexpr std::string_view kAnyHost = "*";
 
-constexpr unsigned kMaxPort = 65535;
 constexpr unsigned kMaxMode = 0777;
 constexpr int kListenBacklog = 4096;       // the kernel lowers it to net.core.somaxconn
 constexpr int kFirstPassedDescriptor = 3;  // of the service manager
@@ -106,8 +107,8 @@ std::string parseTcp(std::string_view text, Endpoint& endpoint)
     const size_t colon = text.rfind(':');
     if (colon == std::string_view::npos)
         return "no port; use host:port, [IPv6 address]:port, *:port, unix:/path, fd:N or systemd";
-    unsigned port = 0;
-    if (!parseNumber(text.substr(colon + 1), port) || port > kMaxPort)
+    const std::optional<uint16_t> port = ParsePort(text.substr(colon + 1));
+    if (!port)
         return "the port is not a number of at most 65535";
     std::string_view host = text.substr(0, colon);
     const bool isBracketed = host.size() >= 2 && host.front() == '[' && host.back() == ']';
@@ -124,7 +125,7 @@ std::string parseTcp(std::string_view text, Endpoint& endpoint)
         return "the host contains a zero byte";
     endpoint.kind = Endpoint::Kind::Tcp;
     endpoint.host = host;
-    endpoint.port = static_cast<uint16_t>(port);
+    endpoint.port = *port;
     return std::string();
 }
 

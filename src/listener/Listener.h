@@ -8,6 +8,9 @@
 #include "request/AddressSet.h"
 #include "request/MemoryBudget.h"
 
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -68,7 +71,7 @@ public:
     // The same for a daemon with a multiple of kFullBatch that has requests.
     static constexpr int64_t kFullBatchNudgeMs = 1;
 
-    // Refused connections that are open for a moment, so that the client receives the 503.
+    // Connections that are over and open for a moment, so that the client receives the response.
     static constexpr size_t kMaxRefused = 256;
 
     // Opens its epoll set and takes the sockets over; throws std::system_error without descriptors.
@@ -100,6 +103,10 @@ public:
     // A connection has been closed. Called by daemon threads.
     void connectionClosed(Connection& connection);
 
+    // Takes over a descriptor of a connection that the daemon closes before it has read all that
+    // its client sends: a reset would destroy the response. Called by daemon threads.
+    void keepUntilSeen(int descriptor);
+
     // Watches for the peer's end of a connection, and stops to. Called by the daemon thread.
     void unwatch(int descriptor);
 
@@ -108,7 +115,7 @@ private:
     {
         int descriptor;
         int64_t untilMs;
-        size_t bytesLeft;
+        uint64_t bytesLeft;
     };
 
     struct Accepted
@@ -142,7 +149,8 @@ private:
     void closeAllUndecided();
     void reportMalformed(const Accepted& accepted);
     void refuse(int descriptor, int64_t nowMs);
-    void linger(int descriptor, int64_t nowMs);
+    void linger(int descriptor, int64_t untilMs);
+    void takeUnseen(int64_t nowMs);
     void endBody(Connection& connection, int64_t nowMs);
     void closeRefused(int64_t nowMs);
     void pauseAccepting(int64_t nowMs);
@@ -167,6 +175,9 @@ private:
     std::atomic<bool> mIsStopping{false};
 
     const std::shared_ptr<ConnectionPlaces> mPlaces;
+
+    qvMutex mMutex;
+    std::vector<int> mUnseen QV_GUARDED_BY(mMutex);  // from `keepUntilSeen`
 
     // Listener thread.
     std::deque<Refused> mRefused;

@@ -2,10 +2,10 @@
 
 #include "listener/ProxyHeader.h"
 
+#include "request/FieldText.h"
+
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <system_error>
 
 namespace qv::impl
 {
@@ -19,7 +19,6 @@ constexpr size_t kMaxLineBytes = 107;  // with the line end
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kUnknown = "UNKNOWN";
 constexpr size_t kMaxPortDigits = 5;
-constexpr unsigned kMaxPort = 65535;
 
 constexpr size_t kVersionPosition = 12;
 constexpr size_t kFamilyPosition = 13;
@@ -66,13 +65,9 @@ std::string_view takeField(std::string_view& rest)
 // Without leading zeros.
 std::optional<uint16_t> parsePort(std::string_view text)
 {
-    unsigned number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, failure] = std::from_chars(text.data(), end, number);
-    if (failure != std::errc() || stopped != end || text.size() > kMaxPortDigits ||
-        number > kMaxPort || (text.size() > 1 && text.front() == '0'))
+    if (text.size() > kMaxPortDigits || (text.size() > 1 && text.front() == '0'))
         return std::nullopt;
-    return static_cast<uint16_t>(number);
+    return ParsePort(text);
 }
 
 // An address of the family that the line names.

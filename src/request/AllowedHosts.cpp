@@ -2,12 +2,12 @@
 
 #include "request/AllowedHosts.h"
 
+#include "request/FieldText.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
 #include <utility>
 
 namespace qv::impl
@@ -15,30 +15,19 @@ namespace qv::impl
 namespace
 {
 
-constexpr std::string_view kSpaces = " \t";
 constexpr std::string_view kWildcard = "*.";
 constexpr std::string_view kSchemeEnd = "://";
 constexpr std::string_view kAuthorityEnds = "/?#";
 
-constexpr unsigned kMaxPort = 65535;
-
-bool isAlphanumeric(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
 bool isNameCharacter(char c)
 {
-    return isAlphanumeric(c) || c == '-' || c == '_' || c == '.';
+    return IsAlphanumeric(c) || c == '-' || c == '_' || c == '.';
 }
 
 std::string lowerCase(std::string_view text)
 {
     std::string lower(text);
-    for (char& c : lower) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
+    std::transform(lower.begin(), lower.end(), lower.begin(), &ToLower);
     return lower;
 }
 
@@ -73,13 +62,8 @@ bool parsePort(std::string_view text, std::optional<uint16_t>& port)
 {
     if (text.size() <= 1)
         return text.empty() || text == ":";
-    unsigned number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, failure] = std::from_chars(text.data() + 1, end, number);
-    if (text.front() != ':' || failure != std::errc() || stopped != end || number > kMaxPort)
-        return false;
-    port = static_cast<uint16_t>(number);
-    return true;
+    port = ParsePort(text.substr(1));
+    return text.front() == ':' && port;
 }
 
 // An empty result is no authority.
@@ -91,14 +75,6 @@ std::string parseAuthority(std::string_view text, std::optional<uint16_t>& port)
     if (!parsePort(text.substr(hostBytes), port))
         return std::string();
     return normalizedHost(text.substr(0, hostBytes));
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    const size_t begin = text.find_first_not_of(kSpaces);
-    if (begin == std::string_view::npos)
-        return std::string_view();
-    return text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin);
 }
 
 bool isOneLabelBefore(const std::string& parent, const std::string& host)
@@ -124,7 +100,7 @@ std::string AllowedHosts::add(std::string_view entry)
 bool AllowedHosts::contains(std::string_view authority) const
 {
     std::optional<uint16_t> port;
-    const std::string host = parseAuthority(trimmed(authority), port);
+    const std::string host = parseAuthority(Trimmed(authority), port);
     const auto isHost = [&](const Entry& entry) {
         if (entry.port && entry.port != port)
             return false;

@@ -3,10 +3,10 @@
 
 #include "request/Forwarded.h"
 
+#include "request/FieldText.h"
+
 #include <algorithm>
-#include <charconv>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace qv::impl
@@ -14,32 +14,16 @@ namespace qv::impl
 namespace
 {
 
-constexpr std::string_view kSpaces = " \t";
-constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
 // Not allowed without quotes, and written without them by some proxies.
 constexpr std::string_view kNodeMarks = ":[]";
 constexpr std::string_view kObfuscatedMarks = "._-";
 constexpr std::string_view kFor = "for";
 
 constexpr size_t kMaxPortDigits = 5;
-constexpr unsigned kMaxPort = 65535;
-
-bool isAlphanumeric(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
 
 bool isOneOf(std::string_view marks, char c)
 {
     return marks.find(c) != std::string_view::npos;
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    const size_t begin = text.find_first_not_of(kSpaces);
-    if (begin == std::string_view::npos)
-        return std::string_view();
-    return text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin);
 }
 
 // "4711", or "_name" for a port that the proxy does not tell.
@@ -47,15 +31,12 @@ bool parsePort(std::string_view text, uint16_t& port)
 {
     if (text.size() >= 2 && text.front() == '_')
         return std::all_of(text.begin(), text.end(), [](char c) {
-            return isAlphanumeric(c) || isOneOf(kObfuscatedMarks, c);
+            return IsAlphanumeric(c) || isOneOf(kObfuscatedMarks, c);
         });
-    unsigned number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, failure] = std::from_chars(text.data(), end, number);
-    if (failure != std::errc() || stopped != end || text.size() > kMaxPortDigits ||
-        number > kMaxPort)
+    const std::optional<uint16_t> number = ParsePort(text);
+    if (!number || text.size() > kMaxPortDigits)
         return false;
-    port = static_cast<uint16_t>(number);
+    port = *number;
     return true;
 }
 
@@ -112,13 +93,9 @@ public:
     }
 
 private:
-    static bool isToken(char c) { return isAlphanumeric(c) || isOneOf(kTokenMarks, c); }
+    static bool isToken(char c) { return IsAlphanumeric(c) || isOneOf(kTokenMarks, c); }
 
-    static bool isFor(std::string_view name)
-    {
-        return std::equal(name.begin(), name.end(), kFor.begin(), kFor.end(),
-                          [](char a, char b) { return (a | 0x20) == b; });
-    }
+    static bool isFor(std::string_view name) { return EqualsCaseless(name, kFor); }
 
     bool take(char c)
     {
@@ -217,7 +194,7 @@ std::optional<NetworkAddress> findClient(const HeaderLines& lines, const Address
         for (bool isFirst = false; !isFirst;) {
             const size_t comma = findLastComma(rest, hasQuotes);
             isFirst = comma == std::string_view::npos;
-            const std::string_view element = trimmed(isFirst ? rest : rest.substr(comma + 1));
+            const std::string_view element = Trimmed(isFirst ? rest : rest.substr(comma + 1));
             rest = isFirst ? std::string_view() : rest.substr(0, comma);
             // A list may have empty elements.
             if (element.empty())

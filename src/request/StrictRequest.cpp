@@ -3,6 +3,8 @@
 
 #include "request/StrictRequest.h"
 
+#include "request/FieldText.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -19,25 +21,14 @@ constexpr unsigned char kFirstPrintable = 0x20;
 constexpr unsigned char kDelete = 0x7f;
 constexpr size_t kByteValues = 256;
 
-constexpr bool isAlpha(unsigned char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-constexpr bool isDigit(unsigned char c)
-{
-    return c >= '0' && c <= '9';
-}
-
 // Targets: browsers send more than the grammar has, but no fragment.
 constexpr std::array<uint8_t, kByteValues> makeClasses()
 {
-    constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
     std::array<uint8_t, kByteValues> classes{};
     for (size_t i = 0; i < classes.size(); ++i) {
         const auto c = static_cast<unsigned char>(i);
-        if (isAlpha(c) || isDigit(c) ||
-            (c != 0 && kTokenMarks.find(static_cast<char>(c)) != std::string_view::npos))
+        const auto text = static_cast<char>(i);
+        if (IsAlphanumeric(text) || kTokenMarks.find(text) != std::string_view::npos)
             classes[i] |= kToken;
         if (c > kFirstPrintable && c != kDelete && c != '#')
             classes[i] |= kTarget;
@@ -98,18 +89,6 @@ bool hasControl(std::string_view text)
     return std::any_of(text.begin(), text.end(), &isControl);
 }
 
-char toLower(char c)
-{
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsCaseless(std::string_view text, std::string_view lowerCase)
-{
-    return text.size() == lowerCase.size() &&
-           std::equal(text.begin(), text.end(), lowerCase.begin(),
-                      [](char a, char b) { return toLower(a) == b; });
-}
-
 // "host:port", "[IPv6 address]:port".
 bool isAuthority(std::string_view target)
 {
@@ -119,7 +98,7 @@ bool isAuthority(std::string_view target)
     const std::string_view port = target.substr(colon + 1);
     const std::string_view host = target.substr(0, colon);
     const bool isBracketed = host.front() == '[' && host.back() == ']' && host.size() > 2;
-    return !port.empty() && std::all_of(port.begin(), port.end(), &isDigit) &&
+    return !port.empty() && std::all_of(port.begin(), port.end(), &IsDigit) &&
            host.find_first_of("/?@\\") == std::string_view::npos &&
            (isBracketed || host.find_first_of("[]:") == std::string_view::npos);
 }
@@ -128,15 +107,13 @@ bool isAuthority(std::string_view target)
 bool isAbsolute(std::string_view target)
 {
     const size_t colon = target.find("://");
-    if (colon == std::string_view::npos || colon == 0 ||
-        !isAlpha(static_cast<unsigned char>(target.front())))
+    if (colon == std::string_view::npos || colon == 0 || !IsLetter(target.front()))
         return false;
     const std::string_view scheme = target.substr(0, colon);
     const std::string_view rest = target.substr(colon + std::strlen("://"));
-    return std::all_of(scheme.begin(), scheme.end(),
-                       [](unsigned char c) {
-                           return isAlpha(c) || isDigit(c) || c == '+' || c == '-' || c == '.';
-                       }) &&
+    return std::all_of(
+               scheme.begin(), scheme.end(),
+               [](char c) { return IsAlphanumeric(c) || c == '+' || c == '-' || c == '.'; }) &&
            !rest.empty() && rest.front() != '/' && rest.front() != '?';
 }
 
@@ -155,20 +132,11 @@ bool isTarget(std::string_view method, std::string_view target)
 bool isLength(std::string_view value)
 {
     constexpr std::string_view kMaxLength = "9223372036854775807";
-    if (value.empty() || !std::all_of(value.begin(), value.end(), &isDigit))
+    if (value.empty() || !std::all_of(value.begin(), value.end(), &IsDigit))
         return false;
     value.remove_prefix(std::min(value.find_first_not_of('0'), value.size()));
     return value.size() < kMaxLength.size() ||
            (value.size() == kMaxLength.size() && value <= kMaxLength);
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    constexpr std::string_view kSpaces = " \t";
-    const size_t begin = text.find_first_not_of(kSpaces);
-    if (begin == std::string_view::npos)
-        return std::string_view();
-    return text.substr(begin, text.find_last_not_of(kSpaces) + 1 - begin);
 }
 
 // A well-formed list with another coding than "chunked".
@@ -178,11 +146,11 @@ bool hasUnknownCoding(std::string_view list)
     for (bool isLast = false; !isLast;) {
         const size_t comma = list.find(',');
         isLast = comma == std::string_view::npos;
-        const std::string_view element = trimmed(list.substr(0, comma));
-        const std::string_view coding = trimmed(element.substr(0, element.find(';')));
+        const std::string_view element = Trimmed(list.substr(0, comma));
+        const std::string_view coding = Trimmed(element.substr(0, element.find(';')));
         if (!isToken(coding))
             return false;
-        hasUnknown |= !equalsCaseless(coding, "chunked");
+        hasUnknown |= !EqualsCaseless(coding, "chunked");
         list.remove_prefix(isLast ? list.size() : comma + 1);
     }
     return hasUnknown;
@@ -216,14 +184,14 @@ void StrictRequest::takeHeader(std::string_view name, std::string_view value)
         refuse("a header value contains a control character");
     switch (name.size()) {
     case kHost.size():
-        mHosts += equalsCaseless(name, kHost) ? 1 : 0;
+        mHosts += EqualsCaseless(name, kHost) ? 1 : 0;
         break;
     case kContentLength.size():
-        if (equalsCaseless(name, kContentLength))
+        if (EqualsCaseless(name, kContentLength))
             takeContentLength(value);
         break;
     case kTransferEncoding.size():
-        if (equalsCaseless(name, kTransferEncoding))
+        if (EqualsCaseless(name, kTransferEncoding))
             takeTransferEncoding(value);
         break;
     default:
@@ -247,7 +215,7 @@ void StrictRequest::takeTransferEncoding(std::string_view value)
         refuse("a Transfer-Encoding in HTTP/1.0");
     else if (hasUnknownCoding(value))
         mHasUnknownCoding = true;
-    else if (!equalsCaseless(value, "chunked"))
+    else if (!EqualsCaseless(value, "chunked"))
         refuse("a malformed Transfer-Encoding");
 }
 

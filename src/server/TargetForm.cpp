@@ -4,9 +4,9 @@
 
 #include <Wendrel/HttpRequest.h>
 
+#include "request/AllowedHosts.h"
 #include "request/DispatchAccess.h"
-
-#include <strings.h>
+#include "request/FieldText.h"
 
 #include <list>
 #include <string>
@@ -20,12 +20,6 @@ namespace
 
 constexpr const char* kHost = "host";
 
-bool startsWith(std::string_view text, std::string_view prefix)
-{
-    return text.size() >= prefix.size() &&
-           strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
 }  // namespace
 
 bool SplitTarget(std::string_view method, std::string_view target, TargetParts& parts)
@@ -37,11 +31,10 @@ bool SplitTarget(std::string_view method, std::string_view target, TargetParts& 
         return method == "OPTIONS";
     }
     for (const std::string_view scheme : {"http://", "https://"}) {
-        if (!startsWith(target, scheme))
+        if (!EqualsCaseless(target.substr(0, scheme.size()), scheme))
             continue;
-        const std::string_view rest = target.substr(scheme.size());
-        const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
-        parts = {authority, rest.substr(authority.size())};
+        const std::string_view authority = GetTargetAuthority(target).value_or(std::string_view());
+        parts = {authority, target.substr(scheme.size() + authority.size())};
         // User information is an error, and a way to disguise a host.
         return !authority.empty() && authority.find('@') == std::string_view::npos;
     }

@@ -279,4 +279,48 @@ TEST(EarlyResponse, OfAnyStatusIsMinimalInItsWay)
     }
 }
 
+// A connection that is closed with unread bytes is reset: the client may lose the response.
+TEST(EarlyResponse, DoesNotResetAClientThatStillSends)
+{
+    constexpr size_t kBytes = 100000;
+    ServerOptions options = onOneThread();
+    options.allowedHosts = {"x"};
+    const struct
+    {
+        const char* name;
+        std::string head;
+        int status;
+    } rows[] = {
+        {"of the application", "POST / HTTP/1.1\r\nHost: x\r\n", 200},
+        {"to another host", "POST / HTTP/1.1\r\nHost: y\r\n", 421},
+        {"to an ambiguous head", "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 7\r\n", 400},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EventRun run([](EventRequest& request) { request.respondHere(200, "early"); }, options);
+        RawClient client(run.port());
+        ASSERT_TRUE(
+            client.send(row.head + "Content-Length: " + std::to_string(kBytes) + "\r\n\r\n"));
+        const auto response = client.receive();
+        ASSERT_TRUE(response);
+        EXPECT_EQ(response->status, row.status);
+        EXPECT_EQ(response->value("Connection"), "close");
+        EXPECT_EQ(client.receiveToEnd(), "");
+        EXPECT_TRUE(client.send(pattern(kBytes)));
+        EXPECT_TRUE(client.waitUntilTaken());
+    }
+}
+
+TEST(EarlyResponse, IsFollowedByAnEndWithoutAResetWhenBytesAreLeft)
+{
+    EventRun run([](EventRequest& request) { request.respondHere(200, "last"); }, onOneThread());
+    RawClient client(run.port());
+    ASSERT_TRUE(client.send(getRequest("/", "Connection: close\r\n") + pattern(200000)));
+    const auto response = client.receive();
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->body, "last");
+    EXPECT_TRUE(client.isClosedByServer());
+    EXPECT_TRUE(client.waitUntilTaken());
+}
+
 }  // namespace
