@@ -59,8 +59,10 @@ bool Server::start(const http::HttpServer::Parameters& parameters, std::chrono::
 
 bool Server::start(const http::ServerOptions& options)
 {
-    mIsEventDriven = mServer->serve(options);
-    return mIsEventDriven;
+    if (mServer->isStopRequested() || !mServer->serve(options))
+        return false;
+    mIsEventDriven = true;
+    return true;
 }
 
 // In event-driven mode requests that have been sent already are served.

@@ -416,6 +416,7 @@ TEST(KitServer, AStopFinishesRunningRequestsAndRefusesNewOnes)
     RawClient client(run.port());
     ASSERT_TRUE(client.send(getRequest("/")));
     ASSERT_TRUE(running.pop());
+    EXPECT_FALSE(run.server().start(qv::http::ServerOptions()));  // the stop stays the same
     bool drained = false;
     std::thread stopper([&] { drained = run.stop(kLimit); });
     if (integration::isEventDriven()) {
@@ -472,6 +473,9 @@ TEST(KitServer, IsStartedOnceAndStoppedAsOftenAsOneLikes)
     EXPECT_TRUE(run.stop(kLimit));
     EXPECT_TRUE(run.stop(kLimit));
     EXPECT_FALSE(run.server().start(qv::http::HttpServer::Parameters()));
+    qv::http::ServerOptions options;
+    options.listen = {"127.0.0.1:0"};
+    EXPECT_FALSE(run.server().start(options));
 }
 
 TEST(KitServer, SaysThatItsPortIsInUse)

@@ -34,7 +34,7 @@ public:
     /// Starts in event-driven mode: slow clients and uploads cost no more memory than the options
     /// allow, and clients that leave are noticed at once. WebSockets need the other mode. False
     /// when the server could not start: `getHttpServer().getFailureReason()` says why. It can be
-    /// tried again.
+    /// tried again, but not after a stop.
     bool start(const http::ServerOptions& options);
 
     /// Stops. Running requests have `limit` to get their responses; then the daemon is stopped,
