@@ -63,7 +63,11 @@ public:
     size_t getCount() const { return mCount; }
 
     // Connections of which the daemon can have an event.
-    size_t getServedCount() const { return mCount - std::min<size_t>(mSuspended, mCount); }
+    size_t getServedCount() const
+    {
+        const size_t count = mCount;
+        return count - std::min<size_t>(mSuspended, count);
+    }
 
     // Requests so far.
     uint64_t getRequestCount() const { return mRequests; }
