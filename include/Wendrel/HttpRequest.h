@@ -80,8 +80,9 @@ public:
     HttpBaseRequest(const HttpBaseRequest&) = delete;
     HttpBaseRequest& operator=(const HttpBaseRequest&) = delete;
 
-    /// The head of the response. Called on a daemon thread each time it polls for the response. The
-    /// object belongs to the request and lives as long.
+    /// The head of the response. Called on a daemon thread each time it polls for the response; in
+    /// event-driven mode once the response has been announced, and also on the listener's thread.
+    /// The object belongs to the request and lives as long.
     virtual HttpResponseInterface& getResponse() = 0;
 
     /// The listener that is notified when a worker waits for more of the body.
