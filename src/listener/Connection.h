@@ -39,6 +39,11 @@ struct Peer
 inline constexpr uint64_t kMaxDiscardedBytes = 1048576;
 inline constexpr int64_t kMaxDiscardMs = 5000;
 
+// Written by hand where the daemon cannot respond.
+inline constexpr const char* kUnavailableResponse = "HTTP/1.1 503 Service Unavailable\r\n"
+                                                    "Retry-After: 1\r\nConnection: close\r\n"
+                                                    "Content-Length: 0\r\n\r\n";
+
 inline constexpr int64_t kNoDeadline = std::numeric_limits<int64_t>::max();
 
 // Shared by the daemon thread that serves the connection and the listener thread that watches it.
@@ -156,6 +161,13 @@ public:
     // duplicate of the descriptor, to be read from until the peer has seen the response; -1 without
     // one. Listener thread.
     int endWith(const std::string& response);
+
+    // The response is sent without reading the body. Daemon thread.
+    bool isBodyUnread = false;
+
+    // A duplicate of the descriptor, to be read from until the peer has seen the response, when it
+    // has sent or sends more than has been read; otherwise -1. Daemon thread, before `close`.
+    int keepUntilSeen();
 
     // The daemon closes the descriptor after this. Daemon thread. Returns the descriptor.
     int close();

@@ -44,15 +44,13 @@ constexpr int64_t kRepeatMs = 1000;      // of an action on a connection that is
 constexpr int64_t kAcceptPauseMs = 100;  // without descriptors
 constexpr int64_t kReminderMs = DeadlineWheel::kSlotMs;
 constexpr int64_t kRefusedLingerMs = 2000;
-constexpr size_t kRefusedLingerBytes = 1048576;
+constexpr int64_t kDrainLingerMs = 500;  // of the last responses of a drain
 constexpr int kMaxReadsAtOnce = 16;
 constexpr int kDrainStepMs = 5;
 constexpr unsigned long kMemoryPauseMs = 10;
 constexpr int64_t kIdleGraceMs = 50;  // of a drain, for requests that are on their way
 constexpr int kMaxProbeSeconds = 32767;
 
-constexpr char kBusyResponse[] = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 1\r\n"
-                                 "Connection: close\r\nContent-Length: 0\r\n\r\n";
 constexpr char kTimeoutResponse[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\n"
                                     "Content-Length: 0\r\n\r\n";
 
@@ -207,6 +205,7 @@ Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
 
 Listener::~Listener()
 {
+    takeUnseen(0);
     for (const Refused& refused : mRefused)
         close(refused.descriptor);
     closeAllUndecided();
@@ -302,6 +301,7 @@ void Listener::handleEvents(int timeoutMs)
             acceptFrom(static_cast<size_t>(key & ~kListenFlag), nowMs);
     }
     continueAccepting(nowMs);
+    takeUnseen(nowMs);
     closeRefused(nowMs);
     closeExpiredUndecided(nowMs);
     remindOfPeers(nowMs);
@@ -557,30 +557,58 @@ void Listener::connectionClosed(Connection& connection)
 // request already.
 void Listener::refuse(int descriptor, int64_t nowMs)
 {
-    send(descriptor, kBusyResponse, sizeof kBusyResponse - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    send(descriptor, kUnavailableResponse, std::strlen(kUnavailableResponse),
+         MSG_DONTWAIT | MSG_NOSIGNAL);
     shutdown(descriptor, SHUT_WR);
-    linger(descriptor, nowMs);
+    linger(descriptor, nowMs + kRefusedLingerMs);
 }
 
 // Reads on until the peer has seen the end, within limits.
-void Listener::linger(int descriptor, int64_t nowMs)
+void Listener::linger(int descriptor, int64_t untilMs)
 {
-    mRefused.push_back({descriptor, nowMs + kRefusedLingerMs, kRefusedLingerBytes});
+    try {
+        mRefused.push_back({descriptor, untilMs, kMaxDiscardedBytes});
+    } catch (const std::bad_alloc&) {
+        close(descriptor);
+    }
     if (mRefused.size() > kMaxRefused) {
         close(mRefused.front().descriptor);
         mRefused.pop_front();
     }
 }
 
+void Listener::keepUntilSeen(int descriptor)
+{
+    try {
+        const qvMutexLocker locker(&mMutex);
+        mUnseen.push_back(descriptor);
+    } catch (const std::bad_alloc&) {
+        close(descriptor);
+        return;
+    }
+    wake();
+}
+
+void Listener::takeUnseen(int64_t nowMs)
+{
+    std::vector<int> unseen;
+    {
+        const qvMutexLocker locker(&mMutex);
+        unseen.swap(mUnseen);
+    }
+    for (const int descriptor : unseen)
+        linger(descriptor, nowMs + kMaxDiscardMs);
+}
+
 void Listener::closeRefused(int64_t nowMs)
 {
-    std::array<char, 4096> discarded;
+    std::array<char, 16384> discarded;
     const auto isOver = [&](Refused& refused) {
         ssize_t received = 1;
         for (int i = 0; i < kMaxReadsAtOnce && received > 0 && refused.bytesLeft != 0; ++i) {
             received = recv(refused.descriptor, discarded.data(),
-                            std::min(discarded.size(), refused.bytesLeft), MSG_DONTWAIT);
-            refused.bytesLeft -= received > 0 ? static_cast<size_t>(received) : 0;
+                            std::min<uint64_t>(discarded.size(), refused.bytesLeft), MSG_DONTWAIT);
+            refused.bytesLeft -= received > 0 ? static_cast<uint64_t>(received) : 0;
         }
         const bool isOpen = received > 0
                                 ? refused.bytesLeft != 0
@@ -666,9 +694,9 @@ void Listener::endBody(Connection& connection, int64_t nowMs)
     // Before the abort, after which the daemon closes the connection. The client may still be
     // sending: a reset would destroy the response.
     const int descriptor = connection.endWith(earlyResponse(status));
-    connection.abortRequest(kBodyDiscarded, false);
     if (descriptor >= 0)
-        linger(descriptor, nowMs);
+        linger(descriptor, nowMs + kRefusedLingerMs);
+    connection.abortRequest(kBodyDiscarded, false);
 }
 
 void Listener::nudgeSinks(int64_t nowMs)
@@ -738,6 +766,11 @@ void Listener::drain()
             handleEvents(kDrainStepMs);
         });
     }
+    const int64_t closedMs = qvSystemUtils::GetTimeBaseMs();
+    const int64_t untilMs = std::min(mDrainDeadlineMs.load(), closedMs + kDrainLingerMs);
+    takeUnseen(closedMs);
+    while (!mRefused.empty() && qvSystemUtils::GetTimeBaseMs() < untilMs)
+        attempt([this] { handleEvents(kDrainStepMs); });
 }
 
 // A shared socket keeps its queue for the next process.

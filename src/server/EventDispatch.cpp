@@ -42,9 +42,6 @@ namespace
 using Phase = Connection::Phase;
 
 constexpr const char* kRetryAfterSeconds = "1";
-constexpr const char* kUnavailableResponse = "HTTP/1.1 503 Service Unavailable\r\n"
-                                             "Retry-After: 1\r\nConnection: close\r\n"
-                                             "Content-Length: 0\r\n\r\n";
 
 MHD_Result respondEmpty(MHD_Connection* connection, unsigned status, const char* retryAfter)
 {
@@ -152,6 +149,7 @@ MHD_Result respondEarly(EventDaemon& daemon, MHD_Connection* connection, HttpBas
     }
     if (decision == Decision::Wait)
         return MHD_YES;
+    record.isBodyUnread = true;
     return queueDecided(decision, daemon, connection, request, record, body);
 }
 
@@ -190,6 +188,7 @@ MHD_Result refuseHead(const Refusal& refusal, MHD_Connection* connection, Connec
         << "Refused a request of " << record.getPeer().address.toString() << " with "
         << refusal.status << ": " << refusal.reason;
     record.setPhase(Phase::Responding, kNoDeadline);
+    record.isBodyUnread = true;
     return respondEmpty(connection, refusal.status, nullptr);
 }
 
@@ -200,6 +199,7 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     const EventDaemon::Settings& settings = daemon.getSettings();
     if (!IsHostAllowed(settings.allowedHosts, connection, context.uri)) {
         record.setPhase(Phase::Responding, kNoDeadline);
+        record.isBodyUnread = true;
         return RefuseHost(connection);
     }
     const uint64_t declared = declaredBytes(connection);
@@ -392,6 +392,8 @@ void NotifyConnection(void* closure, MHD_Connection* connection, void** socketCo
     if (!known)
         return;
     const ConnectionTable::Pointer record = known->shared_from_this();
+    if (const int kept = record->keepUntilSeen(); kept >= 0)
+        daemon.getListener().keepUntilSeen(kept);
     const int descriptor = record->close();
     daemon.getListener().unwatch(descriptor);
     if (daemon.getTable().remove(descriptor, *record))
