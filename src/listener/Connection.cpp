@@ -299,7 +299,11 @@ int Connection::detach(int replacement)
         return -errno;
     // Two descriptors of one connection: it would stay open until both are closed, and in an epoll
     // set of the application under a number that the system has given to another one by then.
-    dup3(replacement, mDescriptor, O_CLOEXEC);
+    if (dup3(replacement, mDescriptor, O_CLOEXEC) < 0) {
+        const int error = errno;
+        ::close(descriptor);
+        return -error;
+    }
     mIsDetached = true;
     mRequest = nullptr;
     return descriptor;

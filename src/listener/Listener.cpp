@@ -506,7 +506,7 @@ void Listener::admit(const Accepted& accepted, const Peer& peer, int64_t nowMs)
     ConnectionPlace counted = mPlaces->take(peer.host);
     if (!counted)
         return refuse(accepted.descriptor, nowMs);
-    place(accepted, peer, std::move(counted));
+    place(accepted, peer, std::move(counted), nowMs);
 }
 
 // The daemon with the fewest connections. One with a multiple of 128 is avoided: when all of them
@@ -525,20 +525,23 @@ size_t Listener::chooseSink() const
     return index;
 }
 
-void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted)
+void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
+                     int64_t nowMs)
 {
     const size_t index = chooseSink();
     ConnectionSink& sink = *mSinks[index];
     const int descriptor = accepted.descriptor;
+    // Before the daemon has it: afterwards the descriptor may be closed at any time. The end of a
+    // connection that cannot be watched would not be noticed.
+    if (!watch(descriptor,
+               static_cast<uint64_t>(index) << kSinkShift | static_cast<uint64_t>(descriptor),
+               EPOLLRDHUP | EPOLLONESHOT))
+        return refuse(descriptor, nowMs);
     ConnectionTable::Pointer abandoned;
     sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned)->place =
         std::move(counted);
     if (abandoned)
         connectionClosed(*abandoned);
-    // Before the daemon has it: afterwards the descriptor may be closed at any time.
-    watch(descriptor,
-          static_cast<uint64_t>(index) << kSinkShift | static_cast<uint64_t>(descriptor),
-          EPOLLRDHUP | EPOLLONESHOT);
     if (sink.serve(descriptor, plainAddress(accepted.address), accepted.bytes))
         return;
     const ConnectionTable::Pointer failed = sink.getTable().find(descriptor);
@@ -637,8 +640,10 @@ void Listener::continueAccepting(int64_t nowMs)
     if (nowMs < mContinueAcceptingMs)
         return;
     mContinueAcceptingMs = kNoDeadline;
-    for (size_t i = 0; i < mSockets.size(); ++i)
-        watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN);
+    for (size_t i = 0; i < mSockets.size(); ++i) {
+        if (!watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN) && errno != EEXIST)
+            mContinueAcceptingMs = nowMs + kAcceptPauseMs;
+    }
 }
 
 void Listener::handleDeadlines(int64_t nowMs)

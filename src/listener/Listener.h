@@ -141,7 +141,7 @@ private:
     void admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs);
     void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
     size_t chooseSink() const;
-    void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted);
+    void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted, int64_t nowMs);
     void awaitHeader(const Accepted& accepted);
     void continueUndecided(int descriptor, bool hasEnded, int64_t nowMs);
     void closeUndecided(int descriptor);

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ios>
+#include <system_error>
 
 namespace qv::http
 {
@@ -208,13 +209,18 @@ bool HttpServer::serve(const ServerOptions& options, size_t recordBytes)
         impl::EventServer::Open(*this, impl::ReadOptions(options, recordBytes), mFailureReason);
     if (!mEventServer)
         return false;
-    mEndpoints = mEventServer->getEndpoints();
     mStopRequested = false;
     mHasDrained = false;
     // The new thread waits for the lock.
     Rollback starting([this] { mEventServer.reset(); });
-    startThread(kListenerThreadName);
+    try {
+        startThread(kListenerThreadName);
+    } catch (const std::system_error& error) {
+        mFailureReason = std::string("cannot start the listener thread: ") + error.what();
+        return false;
+    }
     starting.commit();
+    mEndpoints = mEventServer->getEndpoints();
     mState = Running;
     for (const std::string& endpoint : mEndpoints)
         qvLogObject(qvLogObject::kInformation, "httpserver") << "Serving on " << endpoint;
