@@ -9,7 +9,7 @@ import re
 import sys
 
 PAGE = "docs/troubleshooting.md"
-FOLDERS = ("src", "kit/src", "platform")
+FOLDERS = ("src", "kit/src", "kit/websocket", "platform")
 STRING = r'"((?:[^"\\]|\\.)*)"'
 
 # Statements that produce error texts, each up to its end.

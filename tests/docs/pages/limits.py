@@ -90,6 +90,73 @@ NOT_FOR_USERS = {
     "kit/src/Router.cpp kMethodBits": "how many methods there are bits for",
     "kit/src/Server.cpp kStateLookMs": "interval of checks during a start",
     "kit/src/WebSocketHub.cpp kStateIntervalMs": "interval of checks during a close",
+    "kit/websocket/Buffer.h kMinCapacityBytes": "where a buffer begins to grow",
+    "kit/websocket/Connection.cpp kMaxTurnBytes": "how long others wait for a connection",
+    "kit/websocket/Connection.cpp kMaxOutBytes": "how much is collected for one call",
+    "kit/websocket/Connection.cpp kMinUncopiedBytes": "an algorithm's",
+    "kit/websocket/Connection.cpp kMaxFramesAtOnce": "how much is collected for one call",
+    "kit/websocket/Connection.cpp kMaxTakenBytes": "how much is collected for one call",
+    "kit/websocket/Connection.cpp kMaxKeptFrames": "memory kept; some bytes",
+    "kit/websocket/Deflate.cpp kMinWindowBits": "the compressor's",
+    "kit/websocket/Deflate.cpp kMaxWindowBits": "the protocol's",
+    "kit/websocket/Deflate.cpp kTailBytes": "the protocol's",
+    "kit/websocket/Deflate.cpp kWindowBytes": "the protocol's",
+    "kit/websocket/Deflate.cpp kInflateStepBytes": "an algorithm's",
+    "kit/websocket/Deflate.cpp kMaxStepBytes": "an algorithm's",
+    "kit/websocket/Deflate.cpp kMaxZlibBytes": "the compressor's",
+    "kit/websocket/Deflate.cpp kFlushBytes": "the compressor's",
+    "kit/websocket/DeflateOffers.cpp kMinWindowBits": "the protocol's",
+    "kit/websocket/DeflateOffers.cpp kMaxWindowBits": "the protocol's",
+    "kit/websocket/DeflateOffers.cpp kMinOwnWindowBits": "the compressor's",
+    "kit/websocket/Engine.cpp kMaxDeadline": "checked range of an argument",
+    "kit/websocket/Frame.cpp kFinBit": "the protocol's",
+    "kit/websocket/Frame.cpp kRsv1Bit": "the protocol's",
+    "kit/websocket/Frame.cpp kReservedBits": "the protocol's",
+    "kit/websocket/Frame.cpp kOpcodeBits": "the protocol's",
+    "kit/websocket/Frame.cpp kControlBit": "the protocol's",
+    "kit/websocket/Frame.cpp kMaskBit": "the protocol's",
+    "kit/websocket/Frame.cpp kLengthBits": "the protocol's",
+    "kit/websocket/Frame.cpp kTwoByteLength": "the protocol's",
+    "kit/websocket/Frame.cpp kEightByteLength": "the protocol's",
+    "kit/websocket/Frame.cpp kMaxTwoByteLength": "the protocol's",
+    "kit/websocket/Frame.cpp kBitsOfByte": "an algorithm's",
+    "kit/websocket/Frame.cpp kCodeBytes": "the protocol's",
+    "kit/websocket/Frame.cpp kLanes": "an algorithm's",
+    "kit/websocket/Frame.h kNormal": "a close code",
+    "kit/websocket/Frame.h kGoingAway": "a close code",
+    "kit/websocket/Frame.h kProtocolError": "a close code",
+    "kit/websocket/Frame.h kNoStatus": "a close code",
+    "kit/websocket/Frame.h kAbnormal": "a close code",
+    "kit/websocket/Frame.h kInvalidData": "a close code",
+    "kit/websocket/Frame.h kTooBig": "a close code",
+    "kit/websocket/Frame.h kInternalError": "a close code",
+    "kit/websocket/Frame.h kTryAgainLater": "a close code",
+    "kit/websocket/Frame.h kMaxHeaderBytes": "the protocol's",
+    "kit/websocket/Frame.h kMaxServerHeaderBytes": "the protocol's",
+    "kit/websocket/Frame.h kMaskBytes": "the protocol's",
+    "kit/websocket/Handshake.cpp kSwitching": "a status",
+    "kit/websocket/Handshake.cpp kBadRequest": "a status",
+    "kit/websocket/Handshake.cpp kForbidden": "a status",
+    "kit/websocket/Handshake.cpp kWrongMethod": "a status",
+    "kit/websocket/Handshake.cpp kUpgradeRequired": "a status",
+    "kit/websocket/Handshake.cpp kKeyCharacters": "the protocol's",
+    "kit/websocket/Handshake.cpp kKeyDigits": "the protocol's",
+    "kit/websocket/Handshake.cpp kVersion": "the protocol's",
+    "kit/websocket/Loop.cpp kMaxEvents": "events fetched at once",
+    "kit/websocket/MessageParser.cpp kMinDirectBytes": "an algorithm's",
+    "kit/websocket/MessageParser.cpp kMaxDirectBytes": "how long others wait for a connection",
+    "kit/websocket/MessageParser.cpp kDeflateShare": "more than compression ever adds",
+    "kit/websocket/MessageParser.cpp kDeflateExtraBytes": "more than compression ever adds",
+    "kit/websocket/Strand.cpp kNoticeBytes": "how callbacks are counted",
+    "kit/websocket/TimerWheel.h kSlots": "how far the wheel reaches",
+    "kit/websocket/TimerWheel.h kWordBits": "an algorithm's",
+    "kit/websocket/Utf8Check.cpp kBlockBytes": "an algorithm's",
+    "kit/websocket/Utf8Check.cpp kHighBits": "an algorithm's",
+    "kit/websocket/Utf8Check.cpp kMinContinuation": "the protocol's",
+    "kit/websocket/Utf8Check.cpp kMaxContinuation": "the protocol's",
+    "kit/include/Wendrel/kit/websocket/WebSocketOptions.h WebSocketOptions::Executor": "a type",
+    "kit/include/Wendrel/kit/websocket/WebSocketOptions.h WebSocketOptions::queuePolicy": "one of several; see the row of the queue",
+    "kit/include/Wendrel/kit/websocket/Engine.h EngineOptions::loops": "0 means: the processors",
     "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
     "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeout": "means: none",
     "include/Wendrel/HttpServer.h serve(recordBytes)": "size of a record",
@@ -159,7 +226,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions)\s*\{(.*?)\n\s*\};", re.S)
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|WebSocketOptions|EngineOptions)\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
 ROW = re.compile(r"\[`([\w:]+?)(?:\((\w+)\))?`\]\(\.\./([^)]+)\)")
@@ -269,7 +336,8 @@ def key_of(name, argument, file):
     parts = name.split("::")
     if argument:
         return f"{file} {parts[-1]}({argument})"
-    if len(parts) > 1 and parts[-2] in ("Parameters", "Options", "ServerOptions"):
+    if len(parts) > 1 and parts[-2] in (
+            "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

@@ -1,0 +1,132 @@
+// Memory of received messages, counted in a budget that all sessions share.
+#ifndef WENDREL_KIT_WEBSOCKET_BUFFER_H
+#define WENDREL_KIT_WEBSOCKET_BUFFER_H
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace qv::kit::websocket
+{
+
+// Counts bytes of all sessions. Any thread, no lock.
+class Budget
+{
+public:
+    explicit Budget(uint64_t limitBytes) : mLimitBytes(limitBytes) {}
+
+    // False, and nothing is counted, when the limit would be exceeded.
+    bool charge(uint64_t bytes)
+    {
+        if (mUsedBytes.fetch_add(bytes, std::memory_order_relaxed) + bytes <= mLimitBytes)
+            return true;
+        credit(bytes);
+        return false;
+    }
+    void chargeAlways(uint64_t bytes) { mUsedBytes.fetch_add(bytes, std::memory_order_relaxed); }
+    void credit(uint64_t bytes) { mUsedBytes.fetch_sub(bytes, std::memory_order_relaxed); }
+    uint64_t usedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
+
+private:
+    const uint64_t mLimitBytes;
+    std::atomic<uint64_t> mUsedBytes{0};
+};
+
+// Contiguous bytes that grow as they arrive, never ahead of a length that was only announced. Not
+// initialised, and moved by the kernel where they are large.
+class Buffer
+{
+public:
+    // Null: not counted. The budget outlives the buffer.
+    explicit Buffer(Budget* budget = nullptr) : mBudget(budget) {}
+    Buffer(Buffer&& other) noexcept { swap(other); }
+    Buffer& operator=(Buffer&& other) noexcept
+    {
+        swap(other);
+        return *this;
+    }
+    ~Buffer() { release(); }
+
+    uint8_t* data() { return mData; }
+    size_t size() const { return mSize; }
+    size_t capacity() const { return mCapacity; }
+    void clear() { mSize = 0; }
+    void addSize(size_t bytes) { mSize += bytes; }
+
+    // Has space for `bytes` more; when it must grow, at least doubles, but not above
+    // `expectedBytes` in all. False without memory, with the content unchanged.
+    bool ensureSpace(size_t bytes, size_t expectedBytes)
+    {
+        if (mCapacity - mSize >= bytes)
+            return true;
+        const size_t doubled = std::max(2 * mCapacity, kMinCapacityBytes);
+        return setCapacity(std::max(mSize + bytes, std::min(doubled, expectedBytes)));
+    }
+
+    bool append(const void* bytes, size_t size)
+    {
+        if (!ensureSpace(size, SIZE_MAX))
+            return false;
+        if (size > 0)
+            std::memcpy(mData + mSize, bytes, size);
+        mSize += size;
+        return true;
+    }
+
+    // Gives unused memory back when most of it is unused.
+    void shrink()
+    {
+        if (mCapacity > kMinCapacityBytes && mCapacity / 4 > mSize)
+            setCapacity(std::max(mSize, kMinCapacityBytes));
+    }
+
+    void release()
+    {
+        std::free(mData);
+        if (mBudget)
+            mBudget->credit(mCapacity);
+        mData = nullptr;
+        mSize = mCapacity = 0;
+    }
+
+    void swap(Buffer& other) noexcept
+    {
+        std::swap(mData, other.mData);
+        std::swap(mSize, other.mSize);
+        std::swap(mCapacity, other.mCapacity);
+        std::swap(mBudget, other.mBudget);
+    }
+
+private:
+    static constexpr size_t kMinCapacityBytes = 4096;
+
+    bool setCapacity(size_t capacity)
+    {
+        if (mBudget && capacity > mCapacity && !mBudget->charge(capacity - mCapacity))
+            return false;
+        void* const moved = std::realloc(mData, capacity);
+        if (!moved) {
+            if (mBudget && capacity > mCapacity)
+                mBudget->credit(capacity - mCapacity);
+            return false;
+        }
+        if (mBudget && capacity < mCapacity)
+            mBudget->credit(mCapacity - capacity);
+        mData = static_cast<uint8_t*>(moved);
+        mCapacity = capacity;
+        return true;
+    }
+
+    uint8_t* mData = nullptr;
+    size_t mSize = 0;
+    size_t mCapacity = 0;
+    Budget* mBudget = nullptr;
+};
+
+}  // namespace qv::kit::websocket
+
+#endif

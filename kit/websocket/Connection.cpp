@@ -1,0 +1,922 @@
+// A session: sending, receiving, and the end of the connection.
+
+#include "websocket/Connection.h"
+
+#include "websocket/Log.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+namespace qv::kit::websocket
+{
+namespace
+{
+
+// Received from one connection before others get their turn.
+constexpr size_t kMaxTurnBytes = 1048576;
+// Small messages are collected up to this size.
+constexpr size_t kMaxOutBytes = 65536;
+// From here on a message is sent from the caller's memory.
+constexpr size_t kMinUncopiedBytes = 16384;
+// Frames of one call.
+constexpr size_t kMaxFramesAtOnce = 64;
+constexpr size_t kMaxTakenBytes = 262144;
+// Memory that a loop keeps for the next message.
+constexpr size_t kMaxKeptBytes = 4194304;
+constexpr size_t kMaxKeptFrames = 16;
+
+// The connection whose callback runs on this thread, when it is the thread of its loop.
+thread_local const Connection* tCurrent = nullptr;
+
+Buffer& compressedOfThread()
+{
+    thread_local Buffer buffer;
+    buffer.clear();
+    if (buffer.capacity() > kMaxKeptBytes)
+        buffer.release();
+    return buffer;
+}
+
+ssize_t sendParts(int descriptor, iovec* parts, size_t count)
+{
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    ssize_t sent = 0;
+    do
+        sent = ::sendmsg(descriptor, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
+iovec part(const uint8_t* bytes, size_t size)
+{
+    return {const_cast<uint8_t*>(bytes), size};
+}
+
+// A queue of which the first elements have been used.
+void compact(std::vector<OutFrame>& frames, size_t& begin)
+{
+    if (begin == frames.size()) {
+        frames.clear();
+        begin = 0;
+        if (frames.capacity() > kMaxKeptFrames)
+            frames.shrink_to_fit();
+    } else if (begin >= kMaxFramesAtOnce && 2 * begin >= frames.size()) {
+        frames.erase(frames.begin(), frames.begin() + static_cast<ptrdiff_t>(begin));
+        begin = 0;
+    }
+}
+
+}  // namespace
+
+Connection::Connection(std::shared_ptr<Loop> loop, std::shared_ptr<Membership> membership,
+                       std::unique_ptr<UpgradedConnection> socket, const Agreement& agreement,
+                       std::shared_ptr<SessionHandler> handler,
+                       std::shared_ptr<const WebSocketOptions> options)
+    : mLoop(std::move(loop)), mMembership(std::move(membership)), mHandler(std::move(handler)),
+      mOptions(std::move(options)), mDeflate(agreement.deflate),
+      mSubprotocol(agreement.subprotocol), mPeerAddress(socket->getPeerAddress()),
+      mSocket(std::move(socket)),
+      mParser(mOptions->maxMessageBytes, mDeflate.isEnabled, &mMembership->budget)
+{
+    if (mOptions->executor)
+        mStrand = std::make_unique<Strand>(mOptions->maxMessageBytes);
+}
+
+Connection::~Connection() = default;
+
+SendResult Connection::sendText(std::string_view text)
+{
+    return sendMessage(Opcode::Text, BinaryView(text));
+}
+
+SendResult Connection::sendBinary(BinaryView bytes)
+{
+    return sendMessage(Opcode::Binary, bytes);
+}
+
+SendResult Connection::sendMessage(Opcode opcode, BinaryView payload)
+{
+    if (!mDeflate.isEnabled || payload.size() < mOptions->minDeflateBytes)
+        return put(opcode, false, payload, true);
+    if (!mDeflate.serverNoContextTakeover)
+        return sendWithContext(opcode, payload);
+    Buffer& compressed = compressedOfThread();
+    Deflater& deflater = deflaterOfThread(mDeflate.serverMaxWindowBits, mOptions->compressionLevel,
+                                          mOptions->compressionMemoryLevel);
+    if (!deflater.compress(payload, compressed))
+        return put(opcode, false, payload, true);
+    return put(opcode, true, {compressed.data(), compressed.size()}, true);
+}
+
+// Compressed in the order of the queue, and never dropped: later messages refer to it.
+SendResult Connection::sendWithContext(Opcode opcode, BinaryView payload)
+{
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const size_t charged = payload.size() + kMaxServerHeaderBytes;
+        const SendResult result = makeSpace(charged);
+        if (result != SendResult::Queued)
+            return result;
+        if (!mDeflater) {
+            mDeflater =
+                std::make_unique<Deflater>(mDeflate.serverMaxWindowBits, mOptions->compressionLevel,
+                                           mOptions->compressionMemoryLevel);
+        }
+        Buffer& compressed = compressedOfThread();
+        const bool isShorter = mDeflater->compress(payload, compressed);
+        if (isShorter)
+            payload = {compressed.data(), compressed.size()};
+        else
+            mDeflater->reset();
+        OutFrame frame = makeFrame(opcode, isShorter, payload, false);
+        mMembership->budget.credit(charged - frame.size);
+        isWakeNeeded = push(std::move(frame));
+    }
+    wakeIf(isWakeNeeded);
+    return SendResult::Queued;
+}
+
+SendResult Connection::send(const PreparedMessage& message)
+{
+    bool isCompressed = false;
+    OutFrame frame = message.mForms->get(mDeflate, *mOptions, isCompressed);
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const SendResult result = makeSpace(frame.size);
+        if (result != SendResult::Queued)
+            return result;
+        // The peer's window has the shared message now, this compressor has not.
+        if (isCompressed && mDeflater)
+            mDeflater->reset();
+        isWakeNeeded = push(std::move(frame));
+    }
+    wakeIf(isWakeNeeded);
+    return SendResult::Queued;
+}
+
+SendResult Connection::ping(std::string_view payload)
+{
+    return put(Opcode::Ping, false, BinaryView(payload.substr(0, kMaxControlBytes)), false);
+}
+
+SendResult Connection::put(Opcode opcode, bool rsv1, BinaryView payload, bool isDroppable)
+{
+    if (tCurrent != this)
+        return enqueue(makeFrame(opcode, rsv1, payload, isDroppable));
+    uint8_t header[kMaxServerHeaderBytes];
+    const size_t headerSize = writeFrameHeader(header, opcode, rsv1, payload.size());
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mIsCloseQueued)
+            return SendResult::Closed;
+        const bool isFirst = mQueueBegin == mQueue.size() && mSending.empty();
+        if (!isFirst) {
+            const SendResult result = makeSpace(headerSize + payload.size());
+            if (result == SendResult::Queued)
+                push(makeFrame(opcode, rsv1, payload, isDroppable));
+            return result;
+        }
+    }
+    sendNow(header, headerSize, payload);
+    return SendResult::Queued;
+}
+
+SendResult Connection::enqueue(OutFrame frame)
+{
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const SendResult result = makeSpace(frame.size);
+        if (result != SendResult::Queued)
+            return result;
+        isWakeNeeded = push(std::move(frame));
+    }
+    wakeIf(isWakeNeeded);
+    return SendResult::Queued;
+}
+
+// Charges the bytes of a new frame, or follows the policy. Under mMutex.
+SendResult Connection::makeSpace(size_t bytes)
+{
+    if (mIsCloseQueued)
+        return SendResult::Closed;
+    const auto fits = [this, bytes] {
+        const size_t buffered = mBufferedBytes;
+        return buffered == 0 || buffered + bytes <= mOptions->sendQueueBytes;
+    };
+    if (fits() && mMembership->budget.charge(bytes))
+        return SendResult::Queued;
+    switch (mOptions->queuePolicy) {
+    case QueuePolicy::DropNewest:
+        return SendResult::Dropped;
+    case QueuePolicy::Refuse:
+        return SendResult::Full;
+    case QueuePolicy::DropOldest:
+        return dropOldest(bytes) ? SendResult::Queued : SendResult::Dropped;
+    default:
+        overflow();
+        return SendResult::Closed;
+    }
+}
+
+// Under mMutex.
+bool Connection::dropOldest(size_t bytes)
+{
+    size_t droppable = 0;
+    for (size_t i = mQueueBegin; i < mQueue.size(); ++i)
+        droppable += mQueue[i].isDroppable ? mQueue[i].size : 0;
+    if (mBufferedBytes - droppable != 0 &&
+        mBufferedBytes - droppable + bytes > mOptions->sendQueueBytes)
+        return false;
+    size_t kept = mQueueBegin;
+    for (size_t i = mQueueBegin; i < mQueue.size(); ++i) {
+        const size_t size = mQueue[i].size;
+        if (mQueue[i].isDroppable && mBufferedBytes + bytes > mOptions->sendQueueBytes) {
+            mBufferedBytes -= size;
+            mMembership->budget.credit(size);
+        } else if (kept++ != i) {
+            mQueue[kept - 1] = std::move(mQueue[i]);
+        }
+    }
+    mQueue.resize(kept);
+    return mMembership->budget.charge(bytes);
+}
+
+// The messages that wait are dropped, so that the close frame leaves soon. Under mMutex.
+void Connection::overflow()
+{
+    const auto isDroppable = [this](const OutFrame& frame) {
+        if (frame.isDroppable) {
+            mBufferedBytes -= frame.size;
+            mMembership->budget.credit(frame.size);
+        }
+        return frame.isDroppable;
+    };
+    const auto begin = mQueue.begin() + static_cast<ptrdiff_t>(mQueueBegin);
+    mQueue.erase(std::remove_if(begin, mQueue.end(), isDroppable), mQueue.end());
+    const std::string payload =
+        makeClosePayload(closecode::kTryAgainLater, "the send queue is full");
+    OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
+    mMembership->budget.chargeAlways(frame.size);
+    wakeIf(push(std::move(frame)));
+    mIsOverflown = true;
+    mIsCloseQueued = true;
+}
+
+bool Connection::close(uint16_t code, std::string_view reason)
+{
+    return isCloseCode(code) && queueClose(code, reason);
+}
+
+bool Connection::queueClose(uint16_t code, std::string_view reason)
+{
+    const std::string payload = makeClosePayload(code, reason);
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mIsCloseQueued)
+            return false;
+        OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
+        mMembership->budget.chargeAlways(frame.size);
+        isWakeNeeded = push(std::move(frame));
+        mIsCloseQueued = true;
+    }
+    wakeIf(isWakeNeeded);
+    return true;
+}
+
+void Connection::abort()
+{
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mIsAborted = true;
+        mIsCloseQueued = true;
+        isWakeNeeded = schedule();
+    }
+    wakeIf(isWakeNeeded);
+}
+
+size_t Connection::bufferedBytes() const
+{
+    return mBufferedBytes + (tCurrent == this ? mLoop->mOut.size() : 0);
+}
+
+void Connection::begin()
+{
+    bool isWakeNeeded = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        isWakeNeeded = schedule();
+    }
+    wakeIf(isWakeNeeded);
+}
+
+// A frame whose bytes have been charged. True: wake the loop. Under mMutex.
+bool Connection::push(OutFrame frame)
+{
+    mBufferedBytes += frame.size;
+    mQueue.push_back(std::move(frame));
+    return schedule();
+}
+
+// Nothing is pushed after the end: the loop may have ended. Under mMutex.
+bool Connection::schedule()
+{
+    if (mHasEnded || mIsScheduled)
+        return false;
+    mIsScheduled = true;
+    mSelf = shared_from_this();
+    return mLoop->push(*this);
+}
+
+void Connection::wakeIf(bool isNeeded)
+{
+    if (isNeeded)
+        mLoop->wake();
+}
+
+std::shared_ptr<Connection> Connection::takeScheduled()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mIsScheduled = false;
+    return std::move(mSelf);
+}
+
+void Connection::start()
+{
+    mState = State::Open;
+    mReceivedMs = mPingedMs = mLoop->mNowMs;
+    const int descriptor = mSocket->getDescriptor();
+    const int on = 1;
+    // Fails for a Unix socket, which needs it not.
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    mLoop->add(shared_from_this());
+    epoll_event event{};
+    mEvents = event.events = EPOLLIN;
+    event.data.ptr = this;
+    const bool isWatched = epoll_ctl(mLoop->mEpoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+    std::string received = mSocket->takeReceivedBytes();
+    tCurrent = this;
+    notify({.kind = Notice::Kind::Open});
+    if (!isWatched) {
+        lose("no memory to watch the connection");
+    } else if (!received.empty()) {
+        mParser.feed(reinterpret_cast<uint8_t*>(received.data()), received.size());
+        handleReceived();
+    }
+    tCurrent = nullptr;
+    if (mLoop->mIsDraining)
+        closeForShutDown();
+    settle();
+}
+
+void Connection::onReady()
+{
+    if (mState == State::Ended)
+        return;
+    if (mState == State::New)
+        start();
+    bool isAborted = false;
+    bool isOverflown = false;
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        isAborted = mIsAborted;
+        isOverflown = mIsOverflown;
+    }
+    if (mState == State::Ended)
+        return;
+    if (isAborted)
+        lose("aborted by the application");
+    else if (isOverflown)
+        fail(closecode::kTryAgainLater, "the send queue is full");
+    settle();
+}
+
+void Connection::onEvents(uint32_t events)
+{
+    if ((events & EPOLLOUT) != 0)
+        mIsBlocked = false;
+    if (mState == State::Draining || mHasFailed)
+        discardReceived();
+    else if ((events & EPOLLIN) != 0)
+        receive();
+    else if ((events & (EPOLLERR | EPOLLHUP)) != 0)
+        lose("the connection was reset");
+    settle();
+}
+
+// One reception is enough, unless it has filled the memory: epoll reports the rest again.
+void Connection::receive()
+{
+    if (!mParser.isInMessage())
+        mParser.buffer().swap(mLoop->mReusable);
+    tCurrent = this;
+    size_t size = 0;
+    ssize_t received = 0;
+    for (size_t turn = 0; turn < kMaxTurnBytes; turn += size) {
+        uint8_t* const direct = mParser.directSpace(size);
+        uint8_t* const space = direct ? direct : mLoop->mScratch.get();
+        if (!direct)
+            size = Loop::kScratchBytes;
+        received = ::recv(mSocket->getDescriptor(), space, size, 0);
+        if (received <= 0)
+            break;
+        mReceivedMs = mLoop->mNowMs;
+        if (direct)
+            mParser.receivedDirectly(static_cast<size_t>(received));
+        else
+            mParser.feed(space, static_cast<size_t>(received));
+        if (!handleReceived() || static_cast<size_t>(received) < size)
+            break;
+    }
+    if (received == 0)
+        lose("the peer has closed the connection");
+    else if (received < 0 && errno != EAGAIN && errno != EINTR)
+        lose("the connection was reset");
+    tCurrent = nullptr;
+    if (mParser.isInMessage()) {
+        mParser.buffer().shrink();
+        return;
+    }
+    mParser.buffer().clear();
+    mParser.buffer().swap(mLoop->mReusable);
+    if (mLoop->mReusable.capacity() > kMaxKeptBytes)
+        mLoop->mReusable.release();
+}
+
+// False when nothing more is to be received now.
+bool Connection::handleReceived()
+{
+    using Event = MessageParser::Event;
+    while (isReceiving() && !mHasFailed && !mHasPeerClose && !mIsLost) {
+        const Event event = mParser.next();
+        const BinaryView payload(mParser.payload(), mParser.payloadBytes());
+        switch (event) {
+        case Event::NeedsMore:
+            return !isPaused();
+        case Event::Text:
+            handleMessage(Opcode::Text);
+            break;
+        case Event::Binary:
+            handleMessage(Opcode::Binary);
+            break;
+        case Event::Ping:
+            put(Opcode::Pong, false, payload, false);
+            break;
+        case Event::Pong:
+            notify({.kind = Notice::Kind::Pong, .payload = payload});
+            break;
+        case Event::Close:
+            handlePeerClose();
+            break;
+        case Event::Failed:
+            fail(mParser.failureCode(), mParser.failure());
+            break;
+        }
+    }
+    return false;
+}
+
+void Connection::handleMessage(Opcode opcode)
+{
+    BinaryView payload(mParser.payload(), mParser.payloadBytes());
+    if (mParser.isCompressed()) {
+        if (!inflateMessage(payload))
+            return;
+        if (opcode == Opcode::Text && !isUtf8(payload.asText())) {
+            fail(closecode::kInvalidData, "text is not UTF-8");
+            return;
+        }
+    }
+    notify({.kind = opcode == Opcode::Text ? Notice::Kind::Text : Notice::Kind::Binary,
+            .payload = payload});
+    if (mLoop->mInflated.capacity() > kMaxKeptBytes)
+        mLoop->mInflated.release();
+}
+
+bool Connection::inflateMessage(BinaryView& payload)
+{
+    std::unique_ptr<Inflater>& inflater =
+        mDeflate.clientNoContextTakeover ? mLoop->mInflater : mInflater;
+    if (!inflater)
+        inflater = std::make_unique<Inflater>();
+    else if (mDeflate.clientNoContextTakeover)
+        inflater->reset();
+    Buffer& inflated = mLoop->mInflated;
+    inflated.clear();
+    switch (inflater->decompress(payload, inflated, mOptions->maxMessageBytes)) {
+    case Inflater::Result::Whole:
+        payload = {inflated.data(), inflated.size()};
+        return true;
+    case Inflater::Result::TooLong:
+        fail(closecode::kTooBig, "message is too long");
+        return false;
+    case Inflater::Result::NoMemory:
+        fail(closecode::kTryAgainLater, "no memory for the message");
+        return false;
+    default:
+        fail(closecode::kInvalidData, "compressed message is malformed");
+        return false;
+    }
+}
+
+void Connection::handlePeerClose()
+{
+    const CloseStatus status = readClosePayload(mParser.payload(), mParser.payloadBytes());
+    if (status.failure != 0) {
+        fail(status.failure, "close frame is malformed");
+        return;
+    }
+    mHasPeerClose = true;
+    mCloseCode = status.code;
+    mCloseReason = status.reason;
+    queueClose(status.code, {});
+}
+
+// The peer may send until it has received the close frame.
+void Connection::discardReceived()
+{
+    for (size_t turn = 0; turn < kMaxTurnBytes; turn += Loop::kScratchBytes) {
+        const ssize_t received =
+            ::recv(mSocket->getDescriptor(), mLoop->mScratch.get(), Loop::kScratchBytes, 0);
+        if (received == 0 || (received < 0 && errno != EAGAIN && errno != EINTR)) {
+            lose("the peer has closed the connection");
+            return;
+        }
+        if (received < static_cast<ssize_t>(Loop::kScratchBytes))
+            return;
+    }
+}
+
+// The first message of a turn, or one of several small ones.
+void Connection::sendNow(const uint8_t* header, size_t headerBytes, BinaryView payload)
+{
+    Buffer& out = mLoop->mOut;
+    if (!out.ensureSpace(headerBytes + kMinUncopiedBytes, kMaxOutBytes)) {
+        lose("no memory to send");
+        return;
+    }
+    out.append(header, headerBytes);
+    if (payload.size() >= kMinUncopiedBytes) {
+        sendOut(payload);
+        return;
+    }
+    out.append(payload.data(), payload.size());
+    if (out.size() >= kMaxOutBytes - kMinUncopiedBytes)
+        sendOut({});
+}
+
+// Sends the collected bytes and `more`. The bytes that the socket does not take are copied.
+void Connection::sendOut(BinaryView more)
+{
+    Buffer& out = mLoop->mOut;
+    const size_t total = out.size() + more.size();
+    if (total == 0)
+        return;
+    iovec parts[] = {part(out.data(), out.size()), part(more.data(), more.size())};
+    const ssize_t result = mIsLost ? -1 : sendParts(mSocket->getDescriptor(), parts, 2);
+    const bool isFull = result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    if (result < 0 && !isFull)
+        mIsLost = true;
+    const size_t sent = result > 0 ? static_cast<size_t>(result) : 0;
+    if (sent < total && !mIsLost) {
+        const size_t ofOut = std::min(sent, out.size());
+        const size_t ofMore = sent - ofOut;
+        auto bytes = std::make_shared_for_overwrite<uint8_t[]>(total - sent);
+        std::copy(out.data() + ofOut, out.data() + out.size(), bytes.get());
+        std::copy(more.begin() + ofMore, more.end(), bytes.get() + (out.size() - ofOut));
+        // The bytes are counted, even if they exceed the budget: part of the frame has been sent.
+        mMembership->budget.chargeAlways(total - sent);
+        mBufferedBytes += total - sent;
+        mSending.push_back({std::move(bytes), total - sent, false});
+        mIsBlocked = mHadToWait = true;
+        mProgressMs = mLoop->mNowMs;
+    }
+    out.clear();
+}
+
+// Moves frames from the queue to those that are being sent.
+bool Connection::takeQueued()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    size_t bytes = 0;
+    while (mQueueBegin < mQueue.size() && mSending.size() < kMaxFramesAtOnce &&
+           bytes < kMaxTakenBytes) {
+        bytes += mQueue[mQueueBegin].size;
+        mSending.push_back(std::move(mQueue[mQueueBegin++]));
+    }
+    compact(mQueue, mQueueBegin);
+    return !mSending.empty();
+}
+
+void Connection::flush()
+{
+    while (!mIsBlocked && !mIsLost && (!mSending.empty() || takeQueued())) {
+        std::array<iovec, kMaxFramesAtOnce> parts;
+        size_t count = 0;
+        size_t total = 0;
+        for (size_t i = mSendingBegin; i < mSending.size() && count < parts.size(); ++i) {
+            const size_t skipped = i == mSendingBegin ? mSentOfFirst : 0;
+            const OutFrame& frame = mSending[i];
+            parts[count++] = part(frame.bytes.get() + skipped, frame.size - skipped);
+            total += frame.size - skipped;
+        }
+        const ssize_t sent = sendParts(mSocket->getDescriptor(), parts.data(), count);
+        if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+            mIsLost = true;
+            return;
+        }
+        removeSent(sent > 0 ? static_cast<size_t>(sent) : 0);
+        if (sent > 0 || !mHadToWait)
+            mProgressMs = mLoop->mNowMs;
+        if (sent < static_cast<ssize_t>(total))
+            mIsBlocked = mHadToWait = true;
+    }
+}
+
+void Connection::removeSent(size_t bytes)
+{
+    mBufferedBytes -= bytes;
+    mMembership->budget.credit(bytes);
+    mSentOfFirst += bytes;
+    while (mSendingBegin < mSending.size() && mSentOfFirst >= mSending[mSendingBegin].size) {
+        mSentOfFirst -= mSending[mSendingBegin].size;
+        mSending[mSendingBegin++].bytes.reset();
+    }
+    compact(mSending, mSendingBegin);
+}
+
+// After each turn: sends, moves on to the next state, and adjusts events and deadlines.
+void Connection::settle()
+{
+    if (mState == State::Ended)
+        return;
+    sendOut({});
+    flush();
+    if (mIsLost) {
+        lose("the connection was reset");
+        return;
+    }
+    // The flag is set after the bytes of the close frame have been counted: read in this order, it
+    // is never seen without them.
+    const bool isCloseQueued = mIsCloseQueued;
+    const bool isAllSent = mSending.empty() && mBufferedBytes == 0;
+    if (isAllSent && isCloseQueued && mState == State::Open) {
+        mState = State::CloseSent;
+        if (mCloseDeadlineMs == 0)
+            mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
+    }
+    if (mState == State::CloseSent && (mHasPeerClose || mHasFailed)) {
+        drain();
+    } else if (isAllSent && mHadToWait && mState == State::Open) {
+        mHadToWait = false;
+        tCurrent = this;
+        notify({.kind = Notice::Kind::Drained});
+        tCurrent = nullptr;
+        settle();
+        return;
+    }
+    updateEvents();
+    updateTimer();
+}
+
+bool Connection::isPaused() const
+{
+    if (mState == State::Draining || mHasFailed)
+        return false;
+    return mBufferedBytes > mOptions->sendQueueBytes / 2 || (mStrand && mStrand->isFull());
+}
+
+void Connection::updateEvents()
+{
+    if (mState == State::Ended)
+        return;
+    const uint32_t events =
+        (isPaused() ? 0U : uint32_t{EPOLLIN}) | (mIsBlocked ? uint32_t{EPOLLOUT} : 0U);
+    if (events == mEvents)
+        return;
+    // Silence does not count while nothing is received.
+    if ((events & EPOLLIN) != 0 && (mEvents & EPOLLIN) == 0)
+        mReceivedMs = mLoop->mNowMs;
+    mEvents = events;
+    epoll_event event{};
+    event.events = events;
+    event.data.ptr = this;
+    epoll_ctl(mLoop->mEpoll, EPOLL_CTL_MOD, mSocket->getDescriptor(), &event);
+}
+
+void Connection::updateTimer()
+{
+    if (mState == State::Ended)
+        return;
+    int64_t first = INT64_MAX;
+    const auto add = [&first](int64_t fromMs, std::chrono::milliseconds after) {
+        if (after.count() > 0)
+            first = std::min(first, fromMs + after.count());
+    };
+    if (mCloseDeadlineMs != 0)
+        first = mCloseDeadlineMs;
+    if (mIsBlocked)
+        add(mProgressMs, mOptions->sendTimeout);
+    if (mState == State::Open && (mEvents & EPOLLIN) != 0) {
+        add(mReceivedMs, mOptions->silenceTimeout);
+        add(std::max(mReceivedMs, mPingedMs), mOptions->pingInterval);
+    }
+    if (first != INT64_MAX)
+        mLoop->mTimers.set(*this, first);
+}
+
+void Connection::onTimer()
+{
+    const int64_t now = mLoop->mNowMs;
+    const auto isOver = [now](int64_t fromMs, std::chrono::milliseconds after) {
+        return after.count() > 0 && now >= fromMs + after.count();
+    };
+    const bool isListening = mState == State::Open && (mEvents & EPOLLIN) != 0;
+    if (mCloseDeadlineMs != 0 && now >= mCloseDeadlineMs)
+        lose("the close handshake took too long");
+    else if (mIsBlocked && isOver(mProgressMs, mOptions->sendTimeout))
+        lose("the peer receives nothing");
+    else if (isListening && isOver(mReceivedMs, mOptions->silenceTimeout))
+        lose("the peer is silent");
+    else if (isListening && isOver(std::max(mReceivedMs, mPingedMs), mOptions->pingInterval)) {
+        mPingedMs = now;
+        put(Opcode::Ping, false, {}, false);
+    }
+    settle();
+}
+
+void Connection::closeForShutDown()
+{
+    queueClose(closecode::kGoingAway, "the server shuts down");
+}
+
+void Connection::endByDeadline()
+{
+    if (mState != State::Draining)
+        mMembership->forced.fetch_add(1, std::memory_order_relaxed);
+    lose("the server has shut down");
+    settle();
+}
+
+// The close frame follows the messages that wait. Nothing more is received.
+void Connection::fail(uint16_t code, const char* reason)
+{
+    if (mHasFailed || mState == State::Draining || mState == State::Ended)
+        return;
+    mHasFailed = true;
+    mCloseCode = code;
+    mCloseReason = reason;
+    mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
+    queueClose(code, reason);
+}
+
+// `settle` ends the connection; until then a callback may run.
+void Connection::lose(const char* reason)
+{
+    mIsLost = true;
+    if (*mLoss == 0)
+        mLoss = reason;
+    if (tCurrent != this)
+        finish();
+}
+
+// A reset would discard the close frame: the peer closes first, or the deadline passes.
+void Connection::drain()
+{
+    mState = State::Draining;
+    mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
+    ::shutdown(mSocket->getDescriptor(), SHUT_WR);
+    mParser.buffer().release();
+    mInflater.reset();
+    notifyClosed();
+}
+
+void Connection::finish()
+{
+    if (mState == State::Ended)
+        return;
+    const std::shared_ptr<Connection> held = shared_from_this();
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mIsCloseQueued = true;
+        mHasEnded = true;
+        mQueue = {};
+        mQueueBegin = 0;
+        mDeflater.reset();
+        mMembership->budget.credit(mBufferedBytes.exchange(0));
+    }
+    mLoop->mOut.clear();
+    mSending = {};
+    notifyClosed();
+    mState = State::Ended;
+    mParser.buffer().release();
+    epoll_ctl(mLoop->mEpoll, EPOLL_CTL_DEL, mSocket->getDescriptor(), nullptr);
+    mSocket.reset();
+    mLoop->remove(*this);
+    leaveHalf();
+}
+
+void Connection::notifyClosed()
+{
+    if (std::exchange(mIsNotified, true))
+        return;
+    Notice notice{.kind = Notice::Kind::Close};
+    if (mHasPeerClose || mHasFailed) {
+        notice.code = mCloseCode;
+        notice.payload = BinaryView(mCloseReason);
+        notice.isClean = mHasPeerClose && !mHasFailed && mState == State::Draining;
+    } else {
+        notice.code = closecode::kAbnormal;
+        notice.payload = BinaryView(std::string_view(mLoss));
+    }
+    notify(notice);
+}
+
+void Connection::notify(const Notice& notice)
+{
+    if (!mStrand) {
+        call(notice);
+        return;
+    }
+    if (!mStrand->add(notice))
+        return;
+    if (!mIsExecutorRefused) {
+        if (mOptions->executor([self = shared_from_this()] { self->runStrand(); }))
+            return;
+        mIsExecutorRefused = true;
+        mStrand->discardMessages();
+        fail(closecode::kTryAgainLater, "the server is busy");
+    }
+    runStrand();
+}
+
+void Connection::runStrand()
+{
+    if (!mStrand->run([this](const Notice& notice) { call(notice); }))
+        return;
+    begin();  // receives again
+}
+
+// The boundary to the application's code.
+void Connection::call(const Notice& notice)
+{
+    try {
+        callHandler(notice);
+    } catch (const std::exception& error) {
+        logException(error.what());
+        close(closecode::kInternalError, "internal error");
+    } catch (...) {
+        logException("unknown exception");
+        close(closecode::kInternalError, "internal error");
+    }
+    if (notice.kind == Notice::Kind::Close)
+        leaveHalf();
+}
+
+void Connection::callHandler(const Notice& notice)
+{
+    switch (notice.kind) {
+    case Notice::Kind::Open:
+        mHandler->onOpen(shared_from_this());
+        break;
+    case Notice::Kind::Text:
+        mHandler->onText(*this, notice.payload.asText());
+        break;
+    case Notice::Kind::Binary:
+        mHandler->onBinary(*this, notice.payload);
+        break;
+    case Notice::Kind::Pong:
+        mHandler->onPong(*this, notice.payload);
+        break;
+    case Notice::Kind::Drained:
+        mHandler->onDrained(*this);
+        break;
+    case Notice::Kind::Close:
+        mHandler->onClose(*this, notice.code, notice.payload.asText(), notice.isClean);
+        break;
+    }
+}
+
+void Connection::leaveHalf()
+{
+    if (--mHalves == 0)
+        mMembership->leave();
+}
+
+}  // namespace qv::kit::websocket

@@ -1,0 +1,168 @@
+// Compression and decompression of permessage-deflate.
+
+#include "websocket/Deflate.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+namespace qv::kit::websocket
+{
+namespace
+{
+
+constexpr int kMinWindowBits = 9;
+constexpr int kMaxWindowBits = 15;
+constexpr size_t kTailBytes = 4;
+constexpr std::array<uint8_t, kTailBytes> kTail = {0x00, 0x00, 0xff, 0xff};
+constexpr size_t kWindowBytes = 32768;
+constexpr size_t kInflateStepBytes = 16384;
+constexpr size_t kMaxStepBytes = 1048576;
+constexpr size_t kMaxZlibBytes = std::numeric_limits<uInt>::max();
+// Each costs a copy of the window; a sender needs one for a message.
+constexpr int kMaxFinalBlocks = 16;
+// An empty block behind the data, and a header.
+constexpr size_t kFlushBytes = 16;
+
+Bytef* withoutConst(const uint8_t* bytes)
+{
+    return const_cast<Bytef*>(bytes);  // zlib only reads it
+}
+
+}  // namespace
+
+Deflater::Deflater(int windowBits, int level, int memoryLevel)
+    : mStream(std::make_unique<z_stream>()), mWindowBits(windowBits), mLevel(level),
+      mMemoryLevel(memoryLevel)
+{
+    mIsValid = deflateInit2(mStream.get(), level, Z_DEFLATED, -std::max(windowBits, kMinWindowBits),
+                            memoryLevel, Z_DEFAULT_STRATEGY) == Z_OK;
+}
+
+Deflater::~Deflater()
+{
+    if (mIsValid)
+        deflateEnd(mStream.get());
+}
+
+bool Deflater::hasParameters(int windowBits, int level, int memoryLevel) const
+{
+    return mWindowBits == windowBits && mLevel == level && mMemoryLevel == memoryLevel;
+}
+
+bool Deflater::compress(BinaryView message, Buffer& out)
+{
+    if (!mIsValid || message.size() > kMaxZlibBytes)
+        return false;
+    // More than that is not wanted.
+    const size_t limit = message.size() + kTailBytes;
+    if (!out.ensureSpace(limit + kFlushBytes, SIZE_MAX))
+        return false;
+    z_stream& stream = *mStream;
+    stream.next_in = withoutConst(message.data());
+    stream.avail_in = static_cast<uInt>(message.size());
+    stream.next_out = out.data() + out.size();
+    stream.avail_out = static_cast<uInt>(std::min(limit, kMaxZlibBytes));
+    const size_t space = stream.avail_out;
+    if (deflate(&stream, Z_SYNC_FLUSH) != Z_OK || stream.avail_out == 0)
+        return false;
+    out.addSize(space - stream.avail_out - kTailBytes);
+    return true;
+}
+
+void Deflater::reset()
+{
+    if (mIsValid)
+        deflateReset(mStream.get());
+}
+
+Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel)
+{
+    thread_local std::unique_ptr<Deflater> kept;
+    if (!kept || !kept->hasParameters(windowBits, level, memoryLevel))
+        kept = std::make_unique<Deflater>(windowBits, level, memoryLevel);
+    else
+        kept->reset();
+    return *kept;
+}
+
+Inflater::Inflater() : mStream(std::make_unique<z_stream>())
+{
+    mIsValid = inflateInit2(mStream.get(), -kMaxWindowBits) == Z_OK;
+}
+
+Inflater::~Inflater()
+{
+    if (mIsValid)
+        inflateEnd(mStream.get());
+}
+
+void Inflater::reset()
+{
+    if (mIsValid)
+        inflateReset(mStream.get());
+}
+
+// A final block ends the stream, not the message: the next block may refer to the window.
+bool Inflater::restart()
+{
+    std::array<Bytef, kWindowBytes> window;
+    uInt size = 0;
+    return inflateGetDictionary(mStream.get(), window.data(), &size) == Z_OK &&
+           inflateReset(mStream.get()) == Z_OK &&
+           (size == 0 || inflateSetDictionary(mStream.get(), window.data(), size) == Z_OK);
+}
+
+// Inflates the bytes of `next_in`; the space is made as the output comes.
+Inflater::Result Inflater::inflatePart(Buffer& out, size_t maxBytes)
+{
+    z_stream& stream = *mStream;
+    for (;;) {
+        // One byte beyond the limit tells a message of exactly the limit from a longer one.
+        const size_t allowed = maxBytes + 1 - out.size();
+        if (!out.ensureSpace(std::min(kInflateStepBytes, allowed), maxBytes + 1))
+            return Result::NoMemory;
+        const size_t space = std::min({out.capacity() - out.size(), allowed, kMaxStepBytes});
+        stream.next_out = out.data() + out.size();
+        stream.avail_out = static_cast<uInt>(space);
+        const int result = inflate(&stream, Z_SYNC_FLUSH);
+        out.addSize(space - stream.avail_out);
+        if (out.size() > maxBytes)
+            return Result::TooLong;
+        if (result == Z_STREAM_END) {
+            if (++mFinalBlocks > kMaxFinalBlocks || !restart())
+                return Result::Corrupt;
+            mHasEndedFinally = stream.avail_in == 0;
+            if (mHasEndedFinally)
+                return Result::Whole;
+        } else if (result == Z_MEM_ERROR) {
+            return Result::NoMemory;
+        } else if (result != Z_OK && result != Z_BUF_ERROR) {
+            return Result::Corrupt;
+        } else if (stream.avail_out > 0) {
+            return stream.avail_in == 0 ? Result::Whole : Result::Corrupt;
+        }
+    }
+}
+
+Inflater::Result Inflater::decompress(BinaryView compressed, Buffer& out, size_t maxBytes)
+{
+    if (!mIsValid || compressed.size() > kMaxZlibBytes)
+        return Result::NoMemory;
+    mFinalBlocks = 0;
+    mHasEndedFinally = false;
+    z_stream& stream = *mStream;
+    stream.next_in = withoutConst(compressed.data());
+    stream.avail_in = static_cast<uInt>(compressed.size());
+    const Result result = inflatePart(out, maxBytes);
+    // A final block that ends the message has no empty block for the tail to complete.
+    if (result != Result::Whole || mHasEndedFinally)
+        return result;
+    stream.next_in = withoutConst(kTail.data());
+    stream.avail_in = static_cast<uInt>(kTail.size());
+    return inflatePart(out, maxBytes);
+}
+
+}  // namespace qv::kit::websocket

@@ -1,0 +1,98 @@
+// The receiving side of a connection: bytes in, messages and control frames out.
+#ifndef WENDREL_KIT_WEBSOCKET_MESSAGEPARSER_H
+#define WENDREL_KIT_WEBSOCKET_MESSAGEPARSER_H
+
+#include "websocket/Buffer.h"
+#include "websocket/Frame.h"
+#include "websocket/Utf8Check.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace qv::kit::websocket
+{
+
+// Parses the frames of a client in pieces of any size. Text is checked as it arrives.
+//
+// A message that lies whole in the given bytes is unmasked there and not copied; any other is
+// collected in a buffer, into which large frames can be received directly. Used by one thread.
+class MessageParser
+{
+public:
+    enum class Event : uint8_t { NeedsMore, Text, Binary, Ping, Pong, Close, Failed };
+
+    // `maxMessageBytes`: of a message before decompression a little more is accepted.
+    MessageParser(size_t maxMessageBytes, bool allowsCompression, Budget* budget)
+        : mMessage(budget), mMaxMessageBytes(maxMessageBytes), mAllowsCompression(allowsCompression)
+    {}
+
+    // Gives bytes, which are changed and must stay until `next` returns NeedsMore. Only after that.
+    void feed(uint8_t* bytes, size_t size)
+    {
+        mInput = bytes;
+        mInputEnd = bytes + size;
+    }
+
+    // The next event. After Failed there is none but Failed.
+    Event next();
+
+    // Of the last event, until `next` is called again.
+    uint8_t* payload() const { return mPayload; }
+    size_t payloadBytes() const { return mPayloadBytes; }
+    // The message must be decompressed, and text checked then.
+    bool isCompressed() const { return mIsCompressed; }
+    // After Failed.
+    uint16_t failureCode() const { return mFailureCode; }
+    const char* failure() const { return mFailure; }
+
+    // Where the rest of a large frame may be received; null when it is better given to `feed`. Only
+    // when `next` has returned NeedsMore.
+    uint8_t* directSpace(size_t& size);
+    // Bytes have been received there; then call `next`.
+    void receivedDirectly(size_t size);
+
+    // The memory of messages. It may be exchanged while no message has begun, and not before the
+    // last one has been used.
+    Buffer& buffer() { return mMessage; }
+    bool isInMessage() const { return mInMessage; }
+
+private:
+    enum class Step : uint8_t { Go, Wait, Fail };
+
+    Event fail(uint16_t code, const char* what);
+    Step readHead();
+    bool beginFrame();
+    Event readControl();
+    Event readData();
+    bool collect(size_t size);
+    Event endMessage();
+    size_t available() const { return static_cast<size_t>(mInputEnd - mInput); }
+    size_t maxBytes() const;
+
+    uint8_t* mInput = nullptr;
+    uint8_t* mInputEnd = nullptr;
+    uint8_t* mPayload = nullptr;
+    size_t mPayloadBytes = 0;
+    Buffer mMessage;
+    const char* mFailure = nullptr;
+    const size_t mMaxMessageBytes;
+    uint64_t mRemaining = 0;  // of the payload of the current frame
+    FrameHeader mHeader;
+    uint16_t mFailureCode = 0;
+    Utf8Check mUtf8;
+    Opcode mOpcode = Opcode::Continuation;  // of the current message
+    const bool mAllowsCompression;
+    bool mInPayload = false;
+    bool mInMessage = false;  // the first frame has begun, the last one has not ended
+    bool mIsCompressed = false;
+    bool mIsDelivered = false;  // the buffer holds a message that `next` has returned
+    uint8_t mHeadFill = 0;
+    uint8_t mControlFill = 0;
+    std::array<uint8_t, kMaxHeaderBytes> mHead;
+    std::array<uint8_t, kMaxControlBytes> mControl;
+};
+
+}  // namespace qv::kit::websocket
+
+#endif

@@ -1,0 +1,68 @@
+// The callbacks of one session, in order and one at a time.
+#ifndef WENDREL_KIT_WEBSOCKET_STRAND_H
+#define WENDREL_KIT_WEBSOCKET_STRAND_H
+
+#include <Wendrel/kit/websocket/Session.h>
+#include <Wendrel/kit/websocket/WebSocketOptions.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace qv::kit::websocket
+{
+
+// A callback to be called.
+struct Notice
+{
+    enum class Kind : uint8_t { Open, Text, Binary, Pong, Drained, Close };
+
+    Kind kind;
+    bool isClean = false;
+    uint16_t code = 0;
+    BinaryView payload = {};  // the message, or the reason
+};
+
+// Queues notices for an executor. Notices are added by the loop's thread.
+class Strand
+{
+public:
+    using Call = std::function<void(const Notice&)>;
+
+    // Full at `maxBytes`.
+    explicit Strand(size_t maxBytes) : mMaxBytes(maxBytes) {}
+
+    // True: submit a task that calls `run`.
+    bool add(const Notice& notice);
+
+    // Runs all notices. True: the queue was full, and is not any more.
+    bool run(const Call& call);
+
+    // The executor has refused the task: only Open and Close are kept. Then `run`.
+    void discardMessages();
+
+    // The queue is full: receive nothing more.
+    bool isFull() const;
+
+private:
+    struct Stored
+    {
+        Notice notice;
+        std::string payload;
+    };
+
+    const size_t mMaxBytes;
+    mutable std::mutex mMutex;
+    std::deque<Stored> mNotices;  // these under mMutex
+    size_t mBytes = 0;
+    bool mIsRunning = false;  // a task is queued or runs
+    bool mIsRefused = false;
+    bool mWasFull = false;
+};
+
+}  // namespace qv::kit::websocket
+
+#endif

@@ -1,0 +1,274 @@
+// Frames in, messages and control frames out.
+
+#include "websocket/MessageParser.h"
+
+#include "Support.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using namespace websockettests;
+using qv::kit::websocket::Budget;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+const std::string kEuro = "\xe2\x82\xac";
+
+std::string text(std::string_view payload)
+{
+    return frame(Opcode::Text, payload);
+}
+
+TEST(MessageParser, DeliversMessagesOfEveryLengthForm)
+{
+    for (const size_t size : {0, 1, 125, 126, 127, 128, 65535, 65536, 100000}) {
+        SCOPED_TRACE(size);
+        const std::string payload(size, 'p');
+        EXPECT_THAT(parse(text(payload)), ElementsAre("text:" + payload));
+        EXPECT_THAT(parse(frame(Opcode::Binary, payload)), ElementsAre("binary:" + payload));
+    }
+}
+
+TEST(MessageParser, DeliversSeveralMessagesOfOneReception)
+{
+    EXPECT_THAT(
+        parse(text("a") + text("") + frame(Opcode::Binary, std::string("\0\xff", 2)) + text("b")),
+        ElementsAre("text:a", "text:", "binary:" + std::string("\0\xff", 2), "text:b"));
+}
+
+TEST(MessageParser, JoinsTheFragmentsOfAMessage)
+{
+    EXPECT_THAT(parse(frame(Opcode::Text, "ab", false) + frame(Opcode::Continuation, "", false) +
+                      frame(Opcode::Continuation, "cd", false) + frame(Opcode::Continuation, "e") +
+                      text("next")),
+                ElementsAre("text:abcde", "text:next"));
+    EXPECT_THAT(parse(frame(Opcode::Binary, "", false) + frame(Opcode::Continuation, "")),
+                ElementsAre("binary:"));
+}
+
+TEST(MessageParser, MustHandleControlFramesInsideAFragmentedMessage)
+{
+    EXPECT_THAT(parse(frame(Opcode::Text, "ab", false) + frame(Opcode::Ping, "p") +
+                      frame(Opcode::Continuation, "cd", false) + frame(Opcode::Pong, "q") +
+                      frame(Opcode::Continuation, "e")),
+                ElementsAre("ping:p", "pong:q", "text:abcde"));
+    EXPECT_THAT(parse(frame(Opcode::Text, "ab", false) + frame(Opcode::Close, "\x03\xe8")),
+                ElementsAre("close:\x03\xe8"));
+}
+
+TEST(MessageParser, MustFailUnmaskedFrames)
+{
+    std::string unmasked = text("abc");
+    unmasked[1] = static_cast<char>(unmasked[1] & 0x7f);
+    EXPECT_THAT(parse(unmasked), ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, MustFailReservedBitsWithoutAnExtension)
+{
+    for (const uint8_t bit : {0x40, 0x20, 0x10}) {
+        for (const uint8_t opcode : {0, 1, 2, 8, 9, 10}) {
+            SCOPED_TRACE(testing::Message() << int{bit} << ' ' << int{opcode});
+            EXPECT_THAT(parse(rawFrame(static_cast<uint8_t>(kFin | bit | opcode), "")),
+                        ElementsAre("failed:1002"));
+        }
+    }
+}
+
+TEST(MessageParser, MustFailUnknownOpcodes)
+{
+    for (const uint8_t opcode : {3, 4, 5, 6, 7, 11, 12, 13, 14, 15})
+        EXPECT_THAT(parse(rawFrame(static_cast<uint8_t>(kFin | opcode), "")),
+                    ElementsAre("failed:1002"))
+            << int{opcode};
+}
+
+TEST(MessageParser, MustFailFragmentedControlFrames)
+{
+    for (const Opcode opcode : {Opcode::Close, Opcode::Ping, Opcode::Pong})
+        EXPECT_THAT(parse(frame(opcode, "", false)), ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, MustFailControlFramesAbove125Bytes)
+{
+    const std::string longest(125, 'p');
+    EXPECT_THAT(parse(frame(Opcode::Ping, longest)), ElementsAre("ping:" + longest));
+    for (const Opcode opcode : {Opcode::Close, Opcode::Ping, Opcode::Pong})
+        EXPECT_THAT(parse(frame(opcode, longest + "p")), ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, MustFailLengthsThatAreNotMinimal)
+{
+    EXPECT_THAT(parse(rawFrame(0x82, std::string(125, 'x'), 1, 2)), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(rawFrame(0x82, std::string(125, 'x'), 1, 8)), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(rawFrame(0x82, std::string(65535, 'x'), 1, 8)), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(rawFrame(0x82, "", 1, 8)), ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, MustFailALengthWithTheHighestBit)
+{
+    EXPECT_THAT(parse(announcement(0x82, uint64_t{1} << 63)), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(announcement(0x82, (uint64_t{1} << 63) - 1)), ElementsAre("failed:1009"));
+}
+
+TEST(MessageParser, MustFailAContinuationWithoutAMessage)
+{
+    EXPECT_THAT(parse(frame(Opcode::Continuation, "x")), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(text("a") + frame(Opcode::Continuation, "x")),
+                ElementsAre("text:a", "failed:1002"));
+}
+
+TEST(MessageParser, MustFailAMessageInsideAFragmentedMessage)
+{
+    EXPECT_THAT(parse(frame(Opcode::Text, "a", false) + text("b")), ElementsAre("failed:1002"));
+    EXPECT_THAT(parse(frame(Opcode::Binary, "a", false) + frame(Opcode::Text, "b", false)),
+                ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, MustFailTextThatIsNotUtf8)
+{
+    EXPECT_THAT(parse(text("ab\xff")), ElementsAre("failed:1007"));
+    EXPECT_THAT(parse(text("ab" + kEuro.substr(0, 2))), ElementsAre("failed:1007"));
+    EXPECT_THAT(
+        parse(frame(Opcode::Text, kEuro.substr(0, 2), false) + frame(Opcode::Continuation, "a")),
+        ElementsAre("failed:1007"));
+    EXPECT_THAT(
+        parse(frame(Opcode::Text, kEuro.substr(0, 2), false) + frame(Opcode::Continuation, "")),
+        ElementsAre("failed:1007"));
+    EXPECT_THAT(parse(frame(Opcode::Binary, "ab\xff")), ElementsAre("binary:ab\xff"));
+}
+
+TEST(MessageParser, AcceptsACharacterAcrossFragments)
+{
+    EXPECT_THAT(parse(frame(Opcode::Text, kEuro.substr(0, 1), false) + frame(Opcode::Ping, "") +
+                      frame(Opcode::Continuation, kEuro.substr(1, 1), false) +
+                      frame(Opcode::Continuation, kEuro.substr(2))),
+                ElementsAre("ping:", "text:" + kEuro));
+}
+
+TEST(MessageParser, FailsInvalidTextBeforeItsFrameIsComplete)
+{
+    const std::string whole = text("abc\xff" + std::string(100, 'x'));
+    Parsing parsing;
+    parsing.feed(whole.substr(0, 6 + 3));
+    EXPECT_THAT(parsing.events, IsEmpty());
+    parsing.feed(whole.substr(6 + 3, 1));
+    EXPECT_THAT(parsing.events, ElementsAre("failed:1007"));
+}
+
+TEST(MessageParser, FailsABadHeaderAfterItsFirstTwoBytes)
+{
+    for (const char* const head : {"\xc1\x80", "\x83\x80", "\x81\x05", "\x09\x80", "\x89\xfe"}) {
+        Parsing parsing;
+        parsing.feed(std::string_view(head, 2));
+        EXPECT_THAT(parsing.events, ElementsAre("failed:1002"));
+    }
+}
+
+TEST(MessageParser, FailsAMessageAboveTheLimit)
+{
+    EXPECT_THAT(parse(frame(Opcode::Binary, std::string(1000, 'x')), 1000),
+                ElementsAre("binary:" + std::string(1000, 'x')));
+    EXPECT_THAT(parse(frame(Opcode::Binary, std::string(1001, 'x')), 1000),
+                ElementsAre("failed:1009"));
+    EXPECT_THAT(parse(frame(Opcode::Binary, std::string(600, 'x'), false) +
+                          frame(Opcode::Continuation, std::string(401, 'x')),
+                      1000),
+                ElementsAre("failed:1009"));
+}
+
+TEST(MessageParser, AllocatesNothingForAnAnnouncedLength)
+{
+    for (const uint64_t length : {uint64_t{1} << 62, uint64_t{1} << 40, uint64_t{1} << 25}) {
+        Parsing parsing(size_t{1} << 62);
+        parsing.feed(announcement(0x82, length) + "x");
+        EXPECT_THAT(parsing.events, IsEmpty());
+        EXPECT_LE(parsing.parser.buffer().capacity(), 65536u) << length;
+    }
+    Parsing refused;
+    refused.feed(announcement(0x82, uint64_t{1} << 62));
+    EXPECT_THAT(refused.events, ElementsAre("failed:1009"));
+    EXPECT_EQ(refused.parser.buffer().capacity(), 0u);
+}
+
+TEST(MessageParser, NeedsNoMemoryForMessagesThatArriveWhole)
+{
+    Parsing parsing;
+    parsing.feed(text(std::string(30000, 'x')) + text("y"));
+    EXPECT_EQ(parsing.events.size(), 2u);
+    EXPECT_EQ(parsing.parser.buffer().capacity(), 0u);
+}
+
+TEST(MessageParser, ReceivesLargeFramesDirectly)
+{
+    std::string payload;
+    for (size_t i = 0; i < 300000; ++i)
+        payload.push_back(static_cast<char>('a' + i * 7 % 26));
+    const std::string bytes = text(payload) + text("next") + frame(Opcode::Binary, payload, false) +
+                              frame(Opcode::Continuation, payload) + text("last");
+    for (const size_t piece : {1000, 4096, 65536, 262144, 10000000}) {
+        SCOPED_TRACE(piece);
+        Parsing parsing;
+        parsing.feedInPieces(bytes, piece, true);
+        ASSERT_EQ(parsing.events.size(), 4u);
+        EXPECT_TRUE(parsing.events[0] == "text:" + payload);
+        EXPECT_EQ(parsing.events[1], "text:next");
+        EXPECT_TRUE(parsing.events[2] == "binary:" + payload + payload);
+        EXPECT_EQ(parsing.events[3], "text:last");
+    }
+}
+
+TEST(MessageParser, FailsInvalidTextThatIsReceivedDirectly)
+{
+    std::string payload(100000, 'a');
+    payload[90000] = '\xff';
+    Parsing parsing;
+    parsing.feedInPieces(text(payload), 10000, true);
+    ASSERT_FALSE(parsing.events.empty());
+    EXPECT_EQ(parsing.events.front(), "failed:1007");
+    size_t space = 0;
+    EXPECT_EQ(parsing.parser.directSpace(space), nullptr);
+}
+
+TEST(MessageParser, CountsItsMemoryInTheBudget)
+{
+    Budget budget(100000);
+    {
+        Parsing parsing(kMessageLimitBytes, false, &budget);
+        parsing.feed(frame(Opcode::Binary, std::string(50000, 'x'), false));
+        EXPECT_GE(budget.usedBytes(), 50000u);
+        parsing.feed(frame(Opcode::Continuation, std::string(90000, 'x'), false));
+        EXPECT_THAT(parsing.events, ElementsAre("failed:1013"));
+    }
+    EXPECT_EQ(budget.usedBytes(), 0u);
+}
+
+TEST(MessageParser, AllowsTheFirstReservedBitOnlyInTheFirstFrameOfACompressedMessage)
+{
+    const auto compressed = [](const std::string& bytes) {
+        return parse(bytes, kMessageLimitBytes, true);
+    };
+    EXPECT_THAT(compressed(rawFrame(kFin | kRsv1 | 1, "\xff")),
+                ElementsAre("compressed text:\xff"));
+    EXPECT_THAT(compressed(rawFrame(kRsv1 | 2, "a") + frame(Opcode::Ping, "p") +
+                           frame(Opcode::Continuation, "b") + text("c")),
+                ElementsAre("ping:p", "compressed binary:ab", "text:c"));
+    EXPECT_THAT(compressed(rawFrame(kRsv1 | 2, "a") + rawFrame(kFin | kRsv1, "b")),
+                ElementsAre("failed:1002"));
+    EXPECT_THAT(compressed(rawFrame(kFin | kRsv1 | 9, "b")), ElementsAre("failed:1002"));
+    EXPECT_THAT(compressed(rawFrame(kFin | 0x20 | 1, "b")), ElementsAre("failed:1002"));
+}
+
+TEST(MessageParser, HasNoEventAfterAFailure)
+{
+    Parsing parsing;
+    parsing.feed(frame(Opcode::Continuation, "x") + text("a"));
+    parsing.feed(text("b"));
+    EXPECT_THAT(parsing.events, ElementsAre("failed:1002", "failed:1002"));
+}
+
+}  // namespace
