@@ -147,9 +147,10 @@ def upload(server, file, core):
                      core, file.stat().st_size)
 
 
-def websockets(build, server, connections, size, seconds, core):
+def websockets(build, server, connections, size, seconds, core, path):
     command = [str(build / "client" / "wendrel-bench-websocket-client"), "--port", str(server.port),
-               "--connections", str(connections), "--bytes", str(size), "--seconds", str(seconds)]
+               "--connections", str(connections), "--bytes", str(size), "--seconds", str(seconds),
+               "--path", path]
     before = server.cpu_seconds()
     result = json.loads(run_client(command, core, seconds * 3 + 60))
     used = server.cpu_seconds() - before

@@ -85,10 +85,11 @@ class Server(unittest.TestCase):
         for target in *not_found, "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
             self.assertEqual(ask("GET", target)[0], 404, target)
 
-    def check_echo(self, port):
+    def check_echo(self, port, path="/echo"):
         for arguments in ["--bytes", "64"], ["--bytes", "200000", "--text", "--connections", "4"]:
             client = subprocess.run(
-                [os.environ["BENCH_CLIENT"], "--port", str(port), "--seconds", "0.3", *arguments],
+                [os.environ["BENCH_CLIENT"], "--port", str(port), "--path", path,
+                 "--seconds", "0.3", *arguments],
                 stdout=subprocess.PIPE, text=True, timeout=LIMIT_SECONDS)
             counts = json.loads(client.stdout)
             self.assertEqual((client.returncode, counts["errors"]), (0, 0), counts)
@@ -120,6 +121,21 @@ class Server(unittest.TestCase):
 
     def test_server_worker_polling(self):
         self.check("BENCH_SERVER", "worker", "--polling", not_found=())
+
+    def test_server_echoes_messages_in_event_driven_mode(self):
+        for options in [], ["--mode", "worker"], ["--deflate"]:
+            with self.subTest(options=options):
+                port = free_port()
+                process = self.start("BENCH_SERVER", "--port", str(port), "--websocket", *options)
+                process.stdout.readline()
+                self.check_echo(port, "/ws")
+                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
+                self.addCleanup(connection.close)
+                connection.request("GET", "/ws")
+                response = connection.getresponse()
+                self.assertEqual((response.status, response.headers["Sec-WebSocket-Version"]),
+                                 (426, "13"))
+                self.end(process)
 
     def test_server_responds_with_the_body(self):
         for mode in "inline", "worker":
@@ -222,7 +238,7 @@ class CommandLine(unittest.TestCase):
 
     def test_wants_one_place_to_listen_on(self):
         for options in [], ["--port", "1", "--listen", "127.0.0.1:0"], \
-                ["--listen", "127.0.0.1:0", "--polling"], ["--listen", "127.0.0.1:0", "--websocket"]:
+                ["--listen", "127.0.0.1:0", "--polling"]:
             with self.subTest(options):
                 run = subprocess.run([os.environ["BENCH_SERVER"], *options], capture_output=True,
                                      text=True, timeout=LIMIT_SECONDS)

@@ -46,7 +46,10 @@ public:
 InlineApplication::InlineApplication(const Options& options)
     : mLends(!options.polling), mHub({.workers = options.workers}),
       mPool(options.workers, kMaxConnections)
-{}
+{
+    if (options.webSocket && !options.polling)
+        mWebSocketEcho = std::make_unique<WebSocketEcho>(options, mPool);
+}
 
 qv::HttpBaseRequest* InlineApplication::createRequest()
 {
@@ -57,7 +60,9 @@ void InlineApplication::handleRequest(qv::HttpBaseRequest* base)
 {
     auto* request = static_cast<InlineRequest*>(base);
     const Question question = request->getQuestion();
-    if (question.page == Page::Wait)
+    if (question.page == Page::WebSocket && mWebSocketEcho)
+        mWebSocketEcho->serve(*request);
+    else if (question.page == Page::Wait)
         addWaiting(request);
     else if (question.page == Page::Waiting)
         request->serveText(std::to_string(countWaiting()));
@@ -103,6 +108,8 @@ void InlineApplication::onNewWebSocket(qv::http::WebSocket* socket)
 void InlineApplication::onServerStopped()
 {
     mHub.close(kLastWordsLimit);
+    if (mWebSocketEcho)
+        mWebSocketEcho->shutDown(kLastWordsLimit);
 }
 
 void InlineApplication::onRequestCompleted()

@@ -3,6 +3,7 @@
 #define BENCH_SERVER_INLINEAPPLICATION_H
 
 #include "server/RequestBins.h"
+#include "server/WebSocketEcho.h"
 #include "support/Options.h"
 
 #include <Wendrel/HttpServer.h>
@@ -10,6 +11,7 @@
 #include <Wendrel/kit/WorkerPool.h>
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -40,7 +42,8 @@ private:
     std::mutex mMutex;
     std::vector<InlineRequest*> mWaiting;  // under mMutex; not served, so not deleted either
     qv::kit::WebSocketHub mHub;
-    qv::kit::WorkerPool mPool;  // last: its threads use requests
+    qv::kit::WorkerPool mPool;                      // its threads use requests
+    std::unique_ptr<WebSocketEcho> mWebSocketEcho;  // null: polling mode, or not wanted
 };
 
 // Serves until the process is told to stop; false when it could not listen.

@@ -5,6 +5,7 @@
 #include "support/Content.h"
 
 #include <Wendrel/BodySource.h>
+#include <Wendrel/UpgradedConnection.h>
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
@@ -13,12 +14,14 @@
 #include <memory>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace bench
 {
 namespace
 {
 
+constexpr uint32_t kSwitchingProtocols = 101;
 constexpr uint32_t kOk = 200;
 constexpr uint32_t kBadRequest = 400;
 constexpr uint32_t kNotFoundStatus = 404;
@@ -38,6 +41,11 @@ void InlineHead::set(uint32_t status, int64_t contentLength)
     mContentLength = contentLength;
 }
 
+void InlineHead::setHeaders(HeaderMap headers)
+{
+    mHeaders = std::make_unique<HeaderMap>(std::move(headers));
+}
+
 const qv::HttpResponseInterface::CookieMap& InlineHead::getCookies()
 {
     return kNoCookies;
@@ -45,7 +53,7 @@ const qv::HttpResponseInterface::CookieMap& InlineHead::getCookies()
 
 const qv::HttpResponseInterface::HeaderMap& InlineHead::getHeaders()
 {
-    return kHeaders;
+    return mHeaders ? *mHeaders : kHeaders;
 }
 
 std::string InlineHead::describe()
@@ -61,6 +69,8 @@ Question InlineRequest::getQuestion() const
     const std::string& path = getUrl().path();
     if (path == "/" || path == "/echo" || getOriginalFullUrl() == "*")
         return {Page::Echo};
+    if (path == "/ws")
+        return {Page::WebSocket};
     if (path == "/wait")
         return {Page::Wait};
     if (path == "/waiting")
@@ -86,6 +96,32 @@ void InlineRequest::serveText(const std::string& text)
     reply(kOk, text);
     workerThreadStopHandling(qv::qvThread::CurrentThreadId());
     mServed.store(true, std::memory_order_release);
+}
+
+void InlineRequest::upgrade(qv::HttpResponseInterface::HeaderMap headers, TakeUpgraded take)
+{
+    mTakeUpgraded = std::move(take);
+    mHead.set(kSwitchingProtocols, 0);
+    mHead.setHeaders(std::move(headers));
+    getResponseDevice().endSending();
+    getResponseDevice().setResponseReady();
+    mServed.store(true, std::memory_order_release);
+}
+
+void InlineRequest::refuse(uint32_t status, const std::string& reason,
+                           qv::HttpResponseInterface::HeaderMap headers)
+{
+    mHead.setHeaders(std::move(headers));
+    workerThreadStartHandling(qv::qvThread::CurrentThreadId());
+    reply(status, reason);
+    workerThreadStopHandling(qv::qvThread::CurrentThreadId());
+    mServed.store(true, std::memory_order_release);
+}
+
+void InlineRequest::onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection)
+{
+    if (mTakeUpgraded)
+        mTakeUpgraded(std::move(connection));
 }
 
 void InlineRequest::serve(const Question& question)

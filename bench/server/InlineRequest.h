@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace bench
@@ -21,6 +22,8 @@ class InlineHead : public qv::HttpResponseInterface
 {
 public:
     void set(uint32_t status, int64_t contentLength);
+    // In place of the usual header.
+    void setHeaders(HeaderMap headers);
 
     const CookieMap& getCookies() override;
     const HeaderMap& getHeaders() override;
@@ -31,6 +34,7 @@ public:
 private:
     uint32_t mStatus = 200;
     int64_t mContentLength = -1;
+    std::unique_ptr<HeaderMap> mHeaders;  // null: the usual one
 };
 
 // Served by one call of `serve` on any thread, which does not use it afterwards.
@@ -52,6 +56,16 @@ public:
     // Serves the request with `text`.
     void serveText(const std::string& text);
 
+    // Using a connection that has been upgraded.
+    using TakeUpgraded = std::function<void(std::unique_ptr<qv::UpgradedConnection>)>;
+
+    // Accepts an upgrade.
+    void upgrade(qv::HttpResponseInterface::HeaderMap headers, TakeUpgraded take);
+
+    // Refuses an upgrade.
+    void refuse(uint32_t status, const std::string& reason,
+                qv::HttpResponseInterface::HeaderMap headers);
+
     // Served, and the daemon is done with it, too: may be deleted. Any thread but inside the
     // callback that completes it.
     bool isOver() const { return mServed.load(std::memory_order_acquire) && isCompleted(); }
@@ -67,9 +81,11 @@ private:
     void echo();
     uint64_t readBody(const std::function<void(const char*, size_t)>& take);
     void onWaitingForData() override;
+    void onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection) override;
 
     const bool mLends;
     InlineHead mHead;
+    TakeUpgraded mTakeUpgraded;
     std::atomic<bool> mServed{false};
 };
 

@@ -15,8 +15,9 @@ constexpr const char* kAbout =
     "daemon's thread; only requests with a body and streams of more than 256 KiB, which would\n"
     "wait there for that thread itself, go to a pool of --workers threads; GET /wait responds\n"
     "when GET /release is requested, GET /waiting tells how many wait. worker: by the kit's\n"
-    "router, on a pool of --workers threads. WebSockets exist in polling mode only, which\n"
-    "--websocket selects; they have --workers threads of their own.";
+    "router, on a pool of --workers threads. With --websocket requests are served inline, and\n"
+    "messages on /ws are echoed by --threads event loops, in worker mode by the pool; with\n"
+    "--polling --websocket messages on any path are, by --workers threads of their own.";
 
 }  // namespace
 
@@ -28,14 +29,14 @@ int main(int argc, char** argv)
         .name = "wendrel-bench-server", .about = kAbout, .hasEndpoints = true};
     if (!bench::parseOptions(argc, argv, program, options, exitCode))
         return exitCode;
-    options.polling = options.polling || options.webSocket;
     // Clients that break off are no news here.
     qv::qvLog log;
     log.setMinimumLevel(qv::qvLog::Error);
     log.addSink(qv::MakeStandardErrorSink());
     log.install();
 
-    const bool served = options.mode == bench::Mode::Inline ? bench::serveInline(options)
-                                                            : bench::serveWithWorkers(options);
+    const bool isInline =
+        options.mode == bench::Mode::Inline || (options.webSocket && !options.polling);
+    const bool served = isInline ? bench::serveInline(options) : bench::serveWithWorkers(options);
     return served ? 0 : 1;
 }

@@ -45,8 +45,10 @@ bool parseOptions(int argc, char** argv, const Program& program, Options& option
                        "Endpoint to listen on in place of the port; may be given several times")
             ->type_name("ENDPOINT")
             ->excludes(polling)
-            ->excludes(port)
-            ->excludes(app.get_option("--websocket"));
+            ->excludes(port);
+        app.add_flag("--deflate", options.deflate, "Accept compression of WebSocket messages")
+            ->needs(app.get_option("--websocket"))
+            ->excludes(polling);
     } else {
         port->required();
     }

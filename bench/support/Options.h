@@ -23,6 +23,7 @@ struct Options
     bool webSocket = false;
     bool polling = false;             // this library only
     std::vector<std::string> listen;  // this library only; in place of the port
+    bool deflate = false;             // this library only; WebSockets of event-driven mode
     bool suspend = false;             // the bare daemon only
 };
 
@@ -31,7 +32,7 @@ struct Program
 {
     std::string name;
     std::string about;
-    bool hasEndpoints = false;  // --listen and --polling
+    bool hasEndpoints = false;  // --listen, --polling and --deflate
     bool canSuspend = false;    // --suspend
 };
 

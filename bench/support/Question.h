@@ -16,9 +16,10 @@ enum class Page {
     Slow,
     Upload,
     // Of this library's server only.
-    Echo,     // responds with the request's body
-    Wait,     // responds when Release is requested
-    Waiting,  // how many wait
+    Echo,       // responds with the request's body
+    WebSocket,  // the handshake
+    Wait,       // responds when Release is requested
+    Waiting,    // how many wait
     Release,
     Refused  // a bad request
 };
