@@ -24,7 +24,9 @@
 #include <utility>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -303,6 +305,61 @@ TEST(EventUpgrade, IsClosedWithItsOnlyDescriptor)
     seen.open();
     EXPECT_TRUE(waitUntil([&] { return run.request(0)->completions == 1; }));
     EXPECT_TRUE(closedAtOnce);
+}
+
+// The number of the daemon's descriptor is that of a later connection, which the end of the
+// upgraded one must not be taken for.
+TEST(EventUpgrade, DoesNotEndAConnectionThatHasItsFormerDescriptor)
+{
+    constexpr size_t kLater = 16;
+    std::unique_ptr<UpgradedConnection> upgraded;
+    std::atomic<bool> isUpgradedNow{false};
+    EventRun run(
+        [&](EventRequest& request) {
+            if (request.getOriginalFullUrl() == "/ping")
+                request.respondHere(200, "pong");
+            if (request.getOriginalFullUrl() != "/echo")
+                return;
+            request.takeUpgraded = [&](std::unique_ptr<UpgradedConnection> connection) {
+                upgraded = std::move(connection);
+                isUpgradedNow = true;
+            };
+            announceUpgrade(request);
+        },
+        onOneThread());
+    // Sockets of the clients that come later: the server takes the numbers that become free.
+    std::vector<std::unique_ptr<RawClient>> later;
+    std::array<int, kLater> sockets{};
+    for (int& socket : sockets) {
+        socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        later.push_back(std::make_unique<RawClient>(RawClient::Connected{socket}));
+    }
+    RawClient client(run.port());
+    ASSERT_TRUE(client.send(handshake()));
+    ASSERT_TRUE(isUpgraded(client));
+    ASSERT_TRUE(waitUntil([&] { return isUpgradedNow.load(); }));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(run.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (size_t i = 0; i < kLater; ++i) {
+        ASSERT_EQ(::connect(sockets[i], reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_TRUE(later[i]->send(getRequest("/later")));
+        ASSERT_TRUE(run.request(i + 1));
+    }
+    client.finishSending();
+    char byte = 0;
+    ASSERT_TRUE(
+        waitUntil([&] { return recv(upgraded->getDescriptor(), &byte, 1, MSG_DONTWAIT) == 0; }));
+    // The listener has seen the end when it serves a connection that comes after it.
+    EXPECT_TRUE(isServed(run.port()));
+    for (size_t i = 0; i < kLater; ++i) {
+        EventRequest& request = *run.request(i + 1);
+        EXPECT_EQ(request.aborts, 0) << i;
+        request.respondHere(200, "whole");
+        const auto response = later[i]->receive();
+        EXPECT_TRUE(response && response->body == "whole") << i;
+    }
 }
 
 TEST(EventUpgrade, IsAbortedWithoutADescriptor)
