@@ -84,9 +84,9 @@ Connection::Connection(std::shared_ptr<Loop> loop, std::shared_ptr<Membership> m
                        std::unique_ptr<UpgradedConnection> socket, const Agreement& agreement,
                        std::shared_ptr<SessionHandler> handler,
                        std::shared_ptr<const WebSocketOptions> options)
-    : mLoop(std::move(loop)), mMembership(std::move(membership)), mHandler(std::move(handler)),
-      mOptions(std::move(options)), mDeflate(agreement.deflate),
-      mSubprotocol(agreement.subprotocol), mPeerAddress(socket->getPeerAddress()),
+    : mLoop(std::move(loop)), mMembership(std::move(membership)), mOptions(std::move(options)),
+      mDeflate(agreement.deflate), mSubprotocol(agreement.subprotocol),
+      mPeerAddress(socket->getPeerAddress()), mHandler(std::move(handler)),
       mSocket(std::move(socket)),
       mParser(mOptions->maxMessageBytes, mDeflate.isEnabled, &mMembership->budget)
 {
@@ -885,8 +885,10 @@ void Connection::call(const Notice& notice)
         logException("unknown exception");
         close(closecode::kInternalError, "internal error");
     }
-    if (notice.kind == Notice::Kind::Close)
-        leaveHalf();
+    if (notice.kind != Notice::Kind::Close)
+        return;
+    mHandler.reset();
+    leaveHalf();
 }
 
 void Connection::callHandler(const Notice& notice)

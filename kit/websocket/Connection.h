@@ -118,11 +118,14 @@ private:
 
     const std::shared_ptr<Loop> mLoop;
     const std::shared_ptr<Membership> mMembership;
-    const std::shared_ptr<SessionHandler> mHandler;
     const std::shared_ptr<const WebSocketOptions> mOptions;
     const DeflateParameters mDeflate;
     const std::string mSubprotocol;
     const IpAddress mPeerAddress;
+
+    // Used by the callbacks. Dropped after the last one: the application's handler may own the
+    // session.
+    std::shared_ptr<SessionHandler> mHandler;
 
     mutable std::mutex mMutex;
     std::vector<OutFrame> mQueue;         // under mMutex, from mQueueBegin on

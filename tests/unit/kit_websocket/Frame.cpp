@@ -92,7 +92,7 @@ TEST(ClosePayload, CodesThatMustNotBeSentAreInvalid)
 
 TEST(ClosePayload, IsReadWithCodeAndReason)
 {
-    const auto read = [](const std::string& payload) {
+    const auto read = [](std::string_view payload) {
         return readClosePayload(reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
     };
     EXPECT_EQ(read("").code, 1005);

@@ -624,6 +624,18 @@ TEST(Session, IsClosedWith1013WhenTheExecutorRefuses)
     EXPECT_THAT(run.recorder->events(), ElementsAre("open", "close:1013:the server is busy:lost"));
 }
 
+TEST(Session, DropsItsHandlerAfterTheLastCallback)
+{
+    SessionRun run(withLongTimeouts());
+    Peer& peer = run.open();
+    const std::weak_ptr<Recorder> handler = run.recorder;
+    run.recorder->event(1);
+    run.recorder.reset();
+    EXPECT_FALSE(handler.expired());
+    peer.close();
+    EXPECT_TRUE(waitUntil([&] { return handler.expired(); }));
+}
+
 TEST(Session, OutlivesItsEngine)
 {
     std::shared_ptr<Session> session;

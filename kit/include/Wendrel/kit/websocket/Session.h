@@ -72,8 +72,8 @@ protected:
     Session() = default;
 };
 
-/// The application's callbacks. One object may serve any number of sessions; it lives as long as
-/// the last of them.
+/// The application's callbacks. One object may serve any number of sessions. A session shares the
+/// ownership until its `onClose` has returned, so that a handler may own its session.
 ///
 /// The callbacks of one session are called one after the other, never two at once: on the event
 /// loop of the session, which they must not block, or where `WebSocketOptions::executor` runs them.
