@@ -4,9 +4,14 @@
 
 #include "server/logging/LogObject.h"
 
+#include <qvSystem/SystemError.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace qv::impl
 {
@@ -17,6 +22,30 @@ constexpr size_t kBufferBytes = 1024;
 
 // Required: vertical tab and form feed are kept.
 constexpr std::string_view kTrailing("\0\t\n\r ", 5);
+
+// Of an option that the kind of socket does not have; the reason follows.
+constexpr std::string_view kOptionFormat = "Setting %s option to %s state failed: %s";
+constexpr std::string_view kPushFormat = "Failed to push the data from buffers to the network.";
+
+thread_local bool tHasDroppedOption = false;
+
+bool startsWith(const char* text, std::string_view start)
+{
+    return std::strncmp(text, start.data(), start.size()) == 0;
+}
+
+bool isUnsupportedOption(const char* format, va_list arguments)
+{
+    if (!startsWith(format, kOptionFormat))
+        return false;
+    va_list copied;
+    va_copy(copied, arguments);
+    va_arg(copied, const char*);  // the option
+    va_arg(copied, const char*);  // the state
+    const std::string_view reason = va_arg(copied, const char*);
+    va_end(copied);
+    return reason == SystemError(EOPNOTSUPP).toString();
+}
 
 }  // namespace
 
@@ -29,6 +58,15 @@ void LogDaemonMessage(void*, const char* format, va_list arguments)
     std::string_view message(buffer, std::min(static_cast<size_t>(formatted), kBufferBytes - 1));
     message = message.substr(0, message.find_last_not_of(kTrailing) + 1);
     qvLogObject(qvLogObject::kWarning) << "libmicrohttpd: " << message;
+}
+
+// The line about the push follows, although the bytes have been sent.
+void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
+{
+    const bool isBehindOption = std::exchange(tHasDroppedOption, false);
+    tHasDroppedOption = isUnsupportedOption(format, arguments);
+    if (!tHasDroppedOption && !(isBehindOption && startsWith(format, kPushFormat)))
+        LogDaemonMessage(closure, format, arguments);
 }
 
 }  // namespace qv::impl

@@ -9,9 +9,13 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <cwchar>
+#include <functional>
 #include <string>
+#include <thread>
 
 namespace qv::tests
 {
@@ -151,6 +155,73 @@ TEST(DaemonLog, IsSilentWhenWarningsAreOff)
     log.log().setLevelEnabled(4, false);
     Log("text");
     EXPECT_THAT(log.lines(), SizeIs(0));
+}
+
+// As the daemon of event-driven mode calls it.
+void LogEvent(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    impl::LogEventDaemonMessage(nullptr, format, arguments);
+    va_end(arguments);
+}
+
+constexpr const char* kOption = "Setting %s option to %s state failed: %s\n";
+constexpr const char* kPush = "Failed to push the data from buffers to the network. Client may "
+                              "experience some delay (usually in range 200ms - 5 sec).\n";
+
+TEST(EventDaemonLog, DropsTheLinesOfAResponseOnASocketWithoutOptionsOfTcp)
+{
+    const CapturedLog log;
+    for (int i = 0; i < 2; ++i) {
+        LogEvent(kOption, "TCP_NODELAY", "ON", std::strerror(EOPNOTSUPP));
+        LogEvent(kOption, "TCP_CORK", "OFF", std::strerror(EOPNOTSUPP));
+        LogEvent(kPush);
+    }
+    EXPECT_THAT(log.lines(), SizeIs(0));
+}
+
+TEST(EventDaemonLog, WritesEveryOtherLineAsPollingModeDoes)
+{
+    const struct
+    {
+        const char* name;
+        std::function<void()> write;
+        std::string line;
+    } rows[] = {
+        {"any", [] { LogEvent("Failed to bind to port %u: %s\n", 80u, "in use"); },
+         "Failed to bind to port 80: in use"},
+        {"an option that fails for another reason",
+         [] { LogEvent(kOption, "TCP_NODELAY", "ON", std::strerror(EBADF)); },
+         "Setting TCP_NODELAY option to ON state failed: Bad file descriptor"},
+        {"an option of a TCP socket",
+         [] {
+             LogEvent("Setting %s option to %s state failed for TCP/IP socket %d: %s\n",
+                      "TCP_NODELAY", "ON", 5, std::strerror(EOPNOTSUPP));
+         },
+         "Setting TCP_NODELAY option to ON state failed for TCP/IP socket 5: Operation not "
+         "supported"},
+        {"a push without an option before", [] { LogEvent(kPush); },
+         "Failed to push the data from buffers to the network. Client may experience some delay "
+         "(usually in range 200ms - 5 sec)."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const CapturedLog log;
+        row.write();
+        EXPECT_THAT(log.lines(), ElementsAre(LogLine{4, "", "libmicrohttpd: " + row.line, true}));
+    }
+}
+
+// The push that is dropped is the one right behind an option, on the same thread.
+TEST(EventDaemonLog, WritesAPushBehindAnotherLine)
+{
+    const CapturedLog log;
+    LogEvent(kOption, "TCP_CORK", "OFF", std::strerror(EOPNOTSUPP));
+    std::thread([] { LogEvent(kPush); }).join();
+    LogEvent("Another\n");
+    LogEvent(kPush);
+    EXPECT_THAT(log.lines(), SizeIs(3));
 }
 
 }  // namespace
