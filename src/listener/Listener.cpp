@@ -525,8 +525,8 @@ size_t Listener::chooseSink() const
     return index;
 }
 
-// Every connection passes here, admitted and behind its PROXY header. TLS will be terminated between
-// `admit` and this: `accepted` is the decrypted side then, whose peer the TLS side watches.
+// Every connection passes here, admitted and behind its PROXY header. The place of TLS is before
+// this: `accepted` is the decrypted side then, and its peer is watched by the TLS side.
 void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
                      int64_t nowMs)
 {

@@ -3,7 +3,7 @@
 #include "server/EventDaemon.h"
 
 #include "server/EventDispatch.h"
-#include "server/logging/DaemonLog.h"
+#include "server/ForgottenHead.h"
 
 #include <qvSystem/qvSystemUtils.h>
 
@@ -55,8 +55,8 @@ bool EventDaemon::start()
     void* const noClosure = nullptr;
     mDaemon = MHD_start_daemon(
         kFlags, 0, nullptr, nullptr, &HandleEventAccess, this, MHD_OPTION_EXTERNAL_LOGGER,
-        &LogDaemonMessage, noClosure, MHD_OPTION_URI_LOG_CALLBACK, &OpenEventContext, noClosure,
-        MHD_OPTION_NOTIFY_COMPLETED, &EventRequestCompleted, static_cast<void*>(this),
+        &LogOfEventDaemon, static_cast<void*>(this), MHD_OPTION_URI_LOG_CALLBACK, &OpenEventContext,
+        noClosure, MHD_OPTION_NOTIFY_COMPLETED, &EventRequestCompleted, static_cast<void*>(this),
         MHD_OPTION_NOTIFY_CONNECTION, &NotifyConnection, static_cast<void*>(this),
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, mSettings.connectionMemoryBytes,
         MHD_OPTION_CONNECTION_LIMIT, kNoConnectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, kNoTimeout,

@@ -15,6 +15,7 @@
 #include "server/EventDaemon.h"
 #include "server/EventStream.h"
 #include "server/EventUpgrade.h"
+#include "server/ForgottenHead.h"
 #include "server/Reply.h"
 #include "server/ResponseQueue.h"
 #include "server/StrictPositions.h"
@@ -375,6 +376,8 @@ void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
     DaemonThread::mark();
     if (Connection* const record = ConnectionOf(connection))
         record->beginHead(qvSystemUtils::GetTimeBaseMs());
+    if (uri)
+        NoteRequestLine(connection, uri);
     return ContextRegistry::Add(uri ? uri : "", connection);
 }
 
@@ -388,6 +391,7 @@ void NotifyConnection(void* closure, MHD_Connection* connection, void** socketCo
         *socketContext = daemon.getTable().find(info->connect_fd).get();
         return;
     }
+    ForgetRequestLine(connection);
     auto* const known = static_cast<Connection*>(*socketContext);
     if (!known)
         return;

@@ -35,7 +35,7 @@ size_t countCalls(SystemCall call);
 /// of a kind at a time.
 ///
 /// Counted are the calls of libWendrel, on any thread. The daemon's own are not. Starts of threads
-/// are counted on the constructing thread only, whoever makes them.
+/// are counted on the constructing thread only, of any caller.
 class FailNth
 {
 public:

@@ -1,5 +1,5 @@
-// The listener with fake sinks in place of daemons: where a connection is placed, when a sink is
-// nudged, what a refused connection holds.
+// The listener with fake sinks in place of daemons: the places of connections, the nudges of a
+// sink, the descriptors of refused connections.
 
 #include "listener/Listener.h"
 
