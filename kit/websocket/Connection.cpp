@@ -453,8 +453,12 @@ void Connection::receive()
         mParser.buffer().shrink();
         return;
     }
-    mParser.buffer().clear();
-    mParser.buffer().swap(mLoop->mReusable);
+    // The loop keeps the larger one of its buffer and that of the message.
+    Buffer& own = mParser.buffer();
+    own.clear();
+    if (own.capacity() > mLoop->mReusable.capacity())
+        own.swap(mLoop->mReusable);
+    own.release();
     if (mLoop->mReusable.capacity() > kMaxKeptBytes)
         mLoop->mReusable.release();
 }

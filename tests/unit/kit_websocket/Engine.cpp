@@ -11,6 +11,8 @@
 #include <random>
 #include <thread>
 
+#include <sys/ioctl.h>
+
 namespace
 {
 
@@ -141,6 +143,35 @@ TEST(Engine, BroadcastsToAllSessions)
     for (const auto& peer : peers) {
         for (int round = 0; round < 20; ++round)
             ASSERT_EQ(peer->receive(), "81:round " + std::to_string(round));
+    }
+}
+
+// The budget is enough for the messages of one group at a time.
+TEST(Engine, KeepsNoMemoryForSessionsBetweenMessages)
+{
+    Engine engine({1, 500000});
+    const auto handler = std::make_shared<Counter>();
+    const auto options = std::make_shared<WebSocketOptions>();
+    const std::string bytes = frame(Opcode::Text, std::string(60000, 'x'));
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int group = 0; group < 5; ++group) {
+        const size_t first = peers.size();
+        for (int i = 0; i < 5; ++i) {
+            const auto [server, client] = tcpPair();
+            openOn(engine, server, handler, options);
+            peers.push_back(std::make_unique<Peer>(client));
+            peers.back()->send(bytes.substr(0, 30000));
+            // The first halves are received before the second ones are sent.
+            ASSERT_TRUE(waitUntil([descriptor = server] {
+                int unread = 0;
+                ::ioctl(descriptor, FIONREAD, &unread);
+                return unread == 0;
+            }));
+        }
+        for (size_t i = first; i < peers.size(); ++i) {
+            peers[i]->send(bytes.substr(30000));
+            ASSERT_EQ(peers[i]->receive().size(), 60003u) << i;
+        }
     }
 }
 
