@@ -250,7 +250,7 @@ TEST(KitWebSocketHandshake, DoesNotLoseFramesThatFollowItAtOnce)
     }
 }
 
-TEST(KitWebSocketHandshake, IsRefusedWithTheStatusOfItsFault)
+TEST(KitWebSocketHandshake, IsRefusedWithTheStatusOfItsError)
 {
     EchoServer server;
     const struct
