@@ -10,9 +10,11 @@ import tempfile
 
 FLOOR = "bare"
 TITLES = {"event": "event-driven mode", "polling": "polling mode", "bare": "bare daemon",
-          "suspend": "bare daemon, suspending", "civetweb": "civetweb", "beast": "Boost.Beast"}
+          "suspend": "bare daemon, suspending", "civetweb": "civetweb", "beast": "Boost.Beast",
+          "libwebsockets": "libwebsockets"}
 COLOURS = {"event": "#1f5fa8", "polling": "#9cc0e6", "bare": "#8a8a8a", "suspend": "#bdbdbd",
-           "civetweb": "#c05a00", "beast": "#5a8f3c"}
+           "civetweb": "#c05a00", "beast": "#5a8f3c",
+           "libwebsockets": "#8a4fa0"}
 FIELDS = {"rate": "rate", "cpu_seconds": "processor time", "p99_ms": "p99"}
 BEGIN = "<!-- results: written by bench/run.sh -->"
 END = "<!-- end of results -->"

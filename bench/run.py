@@ -19,8 +19,10 @@ import report
 BUILD = pathlib.Path("build/bench/bench")
 # Name: the program and its options.
 SERVERS = {"event": ("server", ()), "polling": ("server", ("--polling",)), "bare": ("bare", ()),
-           "suspend": ("bare", ("--suspend",)), "civetweb": ("civetweb", ()), "beast": ("beast", ())}
-WITH_WEBSOCKETS = ("event", "polling", "bare", "civetweb", "beast")
+           "suspend": ("bare", ("--suspend",)), "civetweb": ("civetweb", ()), "beast": ("beast", ()),
+           "libwebsockets": ("libwebsockets", ())}
+WITH_WEBSOCKETS = ("event", "polling", "bare", "civetweb", "beast", "libwebsockets")
+WITH_REQUESTS = ("event", "polling", "bare", "suspend", "civetweb", "beast")
 ON_SEVERAL_CORES = ("event", "polling", "bare", "suspend", "beast")
 STREAM_BYTES = 1 << 30
 UPLOAD_BYTES = 512 << 20
@@ -86,13 +88,16 @@ def rows():
     for connections in (1, 50):
         yield Row(f"websocket 64 B {connections}", "websocket", "worker", "messages/s", connections,
                   64, goals=(rate("event", "beast", 1.0), p99("event", "beast", 1.0),
+                             rate("event", "libwebsockets", 1.0),
+                             p99("event", "libwebsockets", 1.0),
                              rate("polling", "bare", 1.0), p99("polling", "bare", 1.0)))
     yield Row("websocket 1 MiB", "websocket", "worker", "messages/s", 1, 1 << 20,
-              goals=(rate("event", "beast", 1.0), rate("polling", "bare", 0.90)))
+              goals=(rate("event", "beast", 1.0), rate("event", "libwebsockets", 1.0),
+                     rate("polling", "bare", 0.90)))
 
 
 def servers_of(row, placement):
-    names = WITH_WEBSOCKETS if row.kind == "websocket" else tuple(SERVERS)
+    names = WITH_WEBSOCKETS if row.kind == "websocket" else WITH_REQUESTS
     return tuple(name for name in names if placement == "one core" or name in ON_SEVERAL_CORES)
 
 

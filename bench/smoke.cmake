@@ -9,4 +9,5 @@ wendrel_python_tests(PREFIX bench.smoke
         BENCH_BARE=$<TARGET_FILE:wendrel-bench-bare>
         BENCH_CIVETWEB=$<TARGET_FILE:wendrel-bench-civetweb>
         BENCH_BEAST=$<TARGET_FILE:wendrel-bench-beast>
+        BENCH_LIBWEBSOCKETS=$<TARGET_FILE:wendrel-bench-libwebsockets>
         BENCH_CLIENT=$<TARGET_FILE:wendrel-bench-websocket-client>)

@@ -201,6 +201,13 @@ class Server(unittest.TestCase):
     def test_civetweb(self):
         self.check("BENCH_CIVETWEB", "inline")
 
+    def test_libwebsockets(self):
+        port = free_port()
+        process = self.start("BENCH_LIBWEBSOCKETS", "--port", str(port), "--websocket")
+        self.assertEqual(process.stdout.readline(), f"listening on 127.0.0.1:{port}\n")
+        self.check_echo(port)
+        self.end(process)
+
     def test_beast_inline(self):
         self.check("BENCH_BEAST", "inline")
 

@@ -46,7 +46,7 @@ fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)
 soak_packages=(python3 gnuplot-nox)
 bench_packages=(
     python3 gnuplot-nox curl wrk valgrind
-    libboost1.81-dev libcivetweb-dev libbenchmark-dev)
+    libboost1.81-dev libcivetweb-dev libbenchmark-dev libwebsockets-dev)
 
 wanted=("${build_packages[@]}")
 with_tests=false
