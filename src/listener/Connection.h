@@ -182,6 +182,7 @@ public:
         uint64_t bodyBytes = 0;
         uint64_t discardedBytes = 0;  // of the body, since it is discarded
         uint32_t finalCalls = 0;
+        bool skipsFinalCall = false;  // the first one comes before its time
         bool isHttp10 = false;
         bool isChunked = false;         // the response
         bool isLengthKnown = false;     // of the response

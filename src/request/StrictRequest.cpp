@@ -16,6 +16,11 @@ namespace
 
 constexpr uint8_t kToken = 1;
 constexpr uint8_t kTarget = 2;
+constexpr uint8_t kRegisteredName = 4;
+constexpr uint8_t kLiteral = 8;
+
+// Of a host name, beside letters, digits and "%" with two digits.
+constexpr std::string_view kNameMarks = "-._~!$&'()*+,;=";
 
 constexpr unsigned char kFirstPrintable = 0x20;
 constexpr unsigned char kDelete = 0x7f;
@@ -32,6 +37,12 @@ constexpr std::array<uint8_t, kByteValues> makeClasses()
             classes[i] |= kToken;
         if (c > kFirstPrintable && c != kDelete && c != '#')
             classes[i] |= kTarget;
+        if (IsAlphanumeric(text) || kNameMarks.find(text) != std::string_view::npos)
+            classes[i] |= kRegisteredName | kLiteral;
+        if (text == '%')
+            classes[i] |= kRegisteredName;
+        if (text == ':')
+            classes[i] |= kLiteral;
     }
     return classes;
 }
@@ -87,6 +98,39 @@ bool hasControl(std::string_view text)
             return false;
     }
     return std::any_of(text.begin(), text.end(), &isControl);
+}
+
+bool isHexDigit(char c)
+{
+    return IsDigit(c) || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+}
+
+bool isPercentEncoded(std::string_view text)
+{
+    constexpr size_t kDigits = 2;
+    for (size_t at = text.find('%'); at != std::string_view::npos; at = text.find('%', at + 1)) {
+        const std::string_view digits = text.substr(at + 1, kDigits);
+        if (digits.size() != kDigits || !std::all_of(digits.begin(), digits.end(), &isHexDigit))
+            return false;
+    }
+    return true;
+}
+
+// A host with or without a port, or nothing. The address in brackets is not parsed.
+bool isHost(std::string_view value)
+{
+    const bool isLiteral = !value.empty() && value.front() == '[';
+    const size_t hostEnd = isLiteral ? value.find(']') : std::min(value.find(':'), value.size());
+    if (hostEnd == std::string_view::npos)
+        return false;
+    const std::string_view host = value.substr(isLiteral ? 1 : 0, hostEnd - (isLiteral ? 1 : 0));
+    const std::string_view rest = value.substr(hostEnd + (isLiteral ? 1 : 0));
+    if (!rest.empty() &&
+        (rest.front() != ':' || !std::all_of(rest.begin() + 1, rest.end(), &IsDigit)))
+        return false;
+    if (isLiteral)
+        return !host.empty() && consistsOf(host, kLiteral);
+    return consistsOf(host, kRegisteredName) && isPercentEncoded(host);
 }
 
 // "host:port", "[IPv6 address]:port".
@@ -184,7 +228,8 @@ void StrictRequest::takeHeader(std::string_view name, std::string_view value)
         refuse("a header value contains a control character");
     switch (name.size()) {
     case kHost.size():
-        mHosts += EqualsCaseless(name, kHost) ? 1 : 0;
+        if (EqualsCaseless(name, kHost))
+            takeHost(value);
         break;
     case kContentLength.size():
         if (EqualsCaseless(name, kContentLength))
@@ -197,6 +242,13 @@ void StrictRequest::takeHeader(std::string_view name, std::string_view value)
     default:
         break;
     }
+}
+
+void StrictRequest::takeHost(std::string_view value)
+{
+    ++mHosts;
+    if (!isHost(Trimmed(value)))
+        refuse("a malformed Host");
 }
 
 void StrictRequest::takeContentLength(std::string_view value)

@@ -35,6 +35,7 @@ public:
     Refusal finish();
 
 private:
+    void takeHost(std::string_view value);
     void takeContentLength(std::string_view value);
     void takeTransferEncoding(std::string_view value);
 

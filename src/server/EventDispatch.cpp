@@ -33,6 +33,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace qv::impl
@@ -64,6 +65,14 @@ uint64_t declaredBytes(MHD_Connection* connection)
     if (length)
         std::from_chars(length, length + std::strlen(length), bytes);
     return bytes;
+}
+
+// The daemon takes the bytes behind such a head for a body, and asks for the response then, which
+// it refuses. It asks again behind that.
+bool isAskedTooEarly(MHD_Connection* connection, const Connection::Progress& progress)
+{
+    return progress.declaredBytes == 0 && !progress.isHttp10 &&
+           MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_EXPECT);
 }
 
 bool mustClose(const EventDaemon& daemon, const Connection& record)
@@ -220,6 +229,7 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
         record.beginRequest(request, connection, declared != 0 ? Phase::Body : Phase::Working);
     record.progress.declaredBytes = declared;
     record.progress.isHttp10 = std::strcmp(version, MHD_HTTP_VERSION_1_0) == 0;
+    record.progress.skipsFinalCall = isAskedTooEarly(connection, record.progress);
     // After the request is known to the listener: it aborts all that it finds.
     if (!isOpen || daemon.getListener().isStopping())
         record.abortRequest(kDaemonShutdown, false);
@@ -324,6 +334,8 @@ void endBody(EventDaemon& daemon, HttpBaseRequest& request, Connection& record,
 MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequest& request,
                    Connection& record, const ConnectionContext& context)
 {
+    if (std::exchange(record.progress.skipsFinalCall, false))
+        return MHD_YES;
     const bool isFirst = record.progress.finalCalls++ == 0;
     if (isFirst)
         endBody(daemon, request, record, context);

@@ -81,6 +81,13 @@ bool IsLength(const std::string& value)
     return digits.size() < 19 || (digits.size() == 19 && digits <= "9223372036854775807");
 }
 
+bool IsHost(const std::string& value)
+{
+    static const std::regex pattern(
+        R"([ \t]*(([-A-Za-z0-9._~!$&'()*+,;=]|%[0-9A-Fa-f]{2})*|\[[-A-Za-z0-9._~!$&'()*+,;=:]+\])(:[0-9]*)?[ \t]*)");
+    return std::regex_match(value, pattern);
+}
+
 // A list of tokens with parameters, one of which is not "chunked".
 bool IsUnknownCoding(const std::string& value)
 {
@@ -106,7 +113,10 @@ unsigned ExpectedStatus(const Head& head)
     bool isBad = !IsToken(head.method) || !IsTarget(head.method, head.target);
     for (const auto& [name, value] : head.headers) {
         isBad |= !IsToken(name) || HasControl(value, true);
-        hosts += Lower(name) == "host";
+        if (Lower(name) == "host") {
+            ++hosts;
+            isBad |= !IsHost(value);
+        }
         if (Lower(name) == "content-length") {
             ++lengths;
             isBad |= !IsLength(value);

@@ -36,7 +36,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// What a command writes; ended after the limit, with another result than 0.
+// The output of a command. One that reaches the limit is ended with another result than 0.
 struct Output
 {
     std::string text;

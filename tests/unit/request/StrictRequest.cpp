@@ -296,6 +296,74 @@ TEST(StrictRequest, RefusesASecondFramingHeader)
     }
 }
 
+TEST(StrictRequest, AcceptsAHostWithOrWithoutAPort)
+{
+    const struct
+    {
+        std::string value;
+        bool isHost;
+    } rows[] = {
+        {"", true},
+        {"h", true},
+        {"h:", true},
+        {"h:80", true},
+        {"h:99999999999999999999", true},
+        {":80", true},
+        {"www.example.com.", true},
+        {"my_host", true},
+        {"127.0.0.1:8181", true},
+        {"a,b;c=(d)*e!$&'+~-", true},
+        {"%c3%A4", true},
+        {" h\t", true},
+        {"[::1]", true},
+        {"[::1]:", true},
+        {"[::1]:80", true},
+        {"[v1.a:b]", true},
+        {"a b", false},
+        {"a, b", false},
+        {"a\tb", false},
+        {"a/b", false},
+        {"a?b", false},
+        {"a#b", false},
+        {"a\\b", false},
+        {"u@h", false},
+        {"http://h", false},
+        {"h:80a", false},
+        {"h:80:80", false},
+        {"h:-1", false},
+        {"h: 80", false},
+        {"::1", false},
+        {"<h>", false},
+        {"\"h\"", false},
+        {"\xc3\xa4", false},
+        {"%", false},
+        {"%c", false},
+        {"%cg", false},
+        {"a%41%", false},
+        {"[", false},
+        {"[]", false},
+        {"[::1", false},
+        {"::1]", false},
+        {"[::1]a", false},
+        {"[::1]:a", false},
+        {"[::1]]", false},
+        {"[[::1]", false},
+        {"[fe80::1%25eth0]", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.value);
+        for (const bool isHttp10 : {false, true}) {
+            Head head;
+            head.isHttp10 = isHttp10;
+            head.hasHost = false;
+            head.headers = {{"hOST", row.value}};
+            const Refusal refusal = check(head);
+            EXPECT_STREQ(refusal.reason, row.isHost ? "" : "a malformed Host");
+            EXPECT_EQ(refusal.status, row.isHost ? 0u : 400u);
+        }
+    }
+}
+
 TEST(StrictRequest, KnowsTheRulesOfHttp10)
 {
     Head head;
