@@ -47,3 +47,35 @@ if(websocket_python)
 else()
     message(STATUS "Tests of WebSockets with python3-websocket: left out, it is missing")
 endif()
+
+# The same clients against the kit's sessions.
+add_executable(websocket_session_server websocket/session_server.cpp)
+set_target_properties(websocket_session_server PROPERTIES CXX_EXTENSIONS OFF)
+target_link_libraries(websocket_session_server PRIVATE
+    wendrel_build Wendrel::Kit wendrel_test_support)
+
+# websocket_session_tests(class client...): the tests of this class, with this client.
+function(websocket_session_tests class)
+    list(JOIN ARGN "|" client)
+    wendrel_python_tests(PREFIX websocket_sessions
+        SCRIPT ${websocket_tests_dir}/test_sessions.py
+        CLASS ${class}
+        ENVIRONMENT WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_session_server>
+            WENDREL_WEBSOCKET_CLIENT=${client} CHROMIUM=${chromium})
+endfunction()
+
+websocket_session_tests(Server)
+if(TARGET websocket_beast_client)
+    websocket_session_tests(Beast $<TARGET_FILE:websocket_beast_client>)
+endif()
+if(NODE_PROGRAM AND EXISTS ${websocket_tests_dir}/node_modules/ws)
+    websocket_session_tests(Ws ${NODE_PROGRAM} ${websocket_tests_dir}/ws_client.mjs)
+endif()
+if(websocket_python)
+    websocket_session_tests(Python ${websocket_python} ${websocket_tests_dir}/python_client.py)
+endif()
+if(EXISTS ${chromium})
+    websocket_session_tests(Browser)
+else()
+    message(STATUS "Tests of WebSocket sessions with a browser: left out, there is no ${chromium}")
+endif()
