@@ -233,41 +233,37 @@ SendResult Connection::makeSpace(size_t bytes)
     }
 }
 
-// Under mMutex.
+// Nothing is dropped when that would not be enough. Under mMutex.
 bool Connection::dropOldest(size_t bytes)
 {
-    size_t droppable = 0;
-    for (size_t i = mQueueBegin; i < mQueue.size(); ++i)
-        droppable += mQueue[i].isDroppable ? mQueue[i].size : 0;
-    if (mBufferedBytes - droppable != 0 &&
-        mBufferedBytes - droppable + bytes > mOptions->sendQueueBytes)
+    const size_t limit = mOptions->sendQueueBytes;
+    const size_t kept = mBufferedBytes - mDroppableBytes;
+    if (kept != 0 && kept + bytes > limit)
         return false;
-    size_t kept = mQueueBegin;
-    for (size_t i = mQueueBegin; i < mQueue.size(); ++i) {
-        const size_t size = mQueue[i].size;
-        if (mQueue[i].isDroppable && mBufferedBytes + bytes > mOptions->sendQueueBytes) {
-            mBufferedBytes -= size;
-            mMembership->budget.credit(size);
-        } else if (kept++ != i) {
-            mQueue[kept - 1] = std::move(mQueue[i]);
-        }
-    }
-    mQueue.resize(kept);
+    for (size_t i = mQueueBegin; i < mQueue.size() && mBufferedBytes + bytes > limit; ++i)
+        dropFrame(mQueue[i]);
+    while (mQueueBegin < mQueue.size() && mQueue[mQueueBegin].size == 0)
+        ++mQueueBegin;
+    compact(mQueue, mQueueBegin);
     return mMembership->budget.charge(bytes);
+}
+
+// Leaves an empty frame, unless the frame must be sent. Under mMutex.
+void Connection::dropFrame(OutFrame& frame)
+{
+    if (!frame.isDroppable)
+        return;
+    mBufferedBytes -= frame.size;
+    mDroppableBytes -= frame.size;
+    mMembership->budget.credit(frame.size);
+    frame = {};
 }
 
 // The messages that wait are dropped, so that the close frame leaves soon. Under mMutex.
 void Connection::overflow()
 {
-    const auto isDroppable = [this](const OutFrame& frame) {
-        if (frame.isDroppable) {
-            mBufferedBytes -= frame.size;
-            mMembership->budget.credit(frame.size);
-        }
-        return frame.isDroppable;
-    };
-    const auto begin = mQueue.begin() + static_cast<ptrdiff_t>(mQueueBegin);
-    mQueue.erase(std::remove_if(begin, mQueue.end(), isDroppable), mQueue.end());
+    for (size_t i = mQueueBegin; i < mQueue.size(); ++i)
+        dropFrame(mQueue[i]);
     const std::string payload =
         makeClosePayload(closecode::kTryAgainLater, "the send queue is full");
     OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
@@ -330,6 +326,7 @@ void Connection::begin()
 bool Connection::push(OutFrame frame)
 {
     mBufferedBytes += frame.size;
+    mDroppableBytes += frame.isDroppable ? frame.size : 0;
     mQueue.push_back(std::move(frame));
     return schedule();
 }
@@ -621,8 +618,11 @@ bool Connection::takeQueued()
     size_t bytes = 0;
     while (mQueueBegin < mQueue.size() && mSending.size() < kMaxFramesAtOnce &&
            bytes < kMaxTakenBytes) {
-        bytes += mQueue[mQueueBegin].size;
-        mSending.push_back(std::move(mQueue[mQueueBegin++]));
+        OutFrame frame = std::move(mQueue[mQueueBegin++]);
+        mDroppableBytes -= frame.isDroppable ? frame.size : 0;
+        bytes += frame.size;
+        if (frame.size != 0)
+            mSending.push_back(std::move(frame));
     }
     compact(mQueue, mQueueBegin);
     return !mSending.empty();
@@ -822,6 +822,7 @@ void Connection::finish()
         mHasEnded = true;
         mQueue = {};
         mQueueBegin = 0;
+        mDroppableBytes = 0;
         mDeflater.reset();
         mMembership->budget.credit(mBufferedBytes.exchange(0));
     }

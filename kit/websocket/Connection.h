@@ -79,6 +79,7 @@ private:
     SendResult enqueue(OutFrame frame);
     SendResult makeSpace(size_t bytes);
     bool dropOldest(size_t bytes);
+    void dropFrame(OutFrame& frame);
     void overflow();
     bool queueClose(uint16_t code, std::string_view reason);
     bool push(OutFrame frame);
@@ -130,6 +131,7 @@ private:
     mutable std::mutex mMutex;
     std::vector<OutFrame> mQueue;         // under mMutex, from mQueueBegin on
     size_t mQueueBegin = 0;               // under mMutex
+    size_t mDroppableBytes = 0;           // of the queue; under mMutex
     std::unique_ptr<Deflater> mDeflater;  // with context; under mMutex
     std::atomic<size_t> mBufferedBytes{0};
     std::atomic<bool> mIsCloseQueued{false};  // changed under mMutex: nothing is queued after it

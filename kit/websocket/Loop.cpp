@@ -22,6 +22,7 @@ namespace
 {
 
 constexpr int kMaxEvents = 256;
+constexpr int64_t kMaxTimeoutMs = 3600000;  // fits the argument of epoll_wait
 
 thread_local const Loop* tLoop = nullptr;  // whose thread this is
 
@@ -168,7 +169,7 @@ int Loop::timeoutMs() const
         const int64_t left = std::max<int64_t>(0, deadline - now);
         timeout = timeout < 0 ? left : std::min(timeout, left);
     }
-    return static_cast<int>(timeout);
+    return static_cast<int>(std::min(timeout, kMaxTimeoutMs));
 }
 
 void Loop::run()

@@ -146,6 +146,7 @@ NOT_FOR_USERS = {
     "kit/websocket/Handshake.cpp kKeyDigits": "the protocol's",
     "kit/websocket/Handshake.cpp kVersion": "the protocol's",
     "kit/websocket/Loop.cpp kMaxEvents": "events fetched at once",
+    "kit/websocket/Loop.cpp kMaxTimeoutMs": "the system's",
     "kit/websocket/MessageParser.cpp kMinDirectBytes": "an algorithm's",
     "kit/websocket/MessageParser.cpp kMaxDirectBytes": "how long others wait for a connection",
     "kit/websocket/MessageParser.cpp kDeflateShare": "more than compression ever adds",
