@@ -234,6 +234,59 @@ TEST(Session, ReportsALostConnection)
     }
 }
 
+TEST(Session, SurvivesAResetInEveryState)
+{
+    const struct
+    {
+        const char* name;
+        std::function<void(SessionRun&)> reach;
+    } rows[] = {
+        {"before the first byte", [](SessionRun&) {}},
+        {"inside a header", [](SessionRun& run) { run.peer->send("\x82"); }},
+        {"inside a message",
+         [](SessionRun& run) { run.peer->send(frame(Opcode::Binary, "abc", false)); }},
+        {"inside a large frame",
+         [](SessionRun& run) {
+             run.peer->send(frame(Opcode::Binary, std::string(500000, 'x')).substr(0, 300000));
+         }},
+        {"while messages wait",
+         [](SessionRun& run) {
+             for (int i = 0; i < 100; ++i)
+                 run.session->sendText(std::string(40000, 'x'));
+             waitUntil([&] { return run.session->bufferedBytes() > 0; });
+         }},
+        {"after the server's close frame",
+         [](SessionRun& run) {
+             run.session->close(1000);
+             run.peer->receive();
+         }},
+        {"after the peer's close frame",
+         [](SessionRun& run) {
+             run.peer->send(closeFrame(1000));
+             run.recorder->closed();
+         }},
+        {"after a violation",
+         [](SessionRun& run) {
+             run.peer->send(rawFrame(kFin | 3, "x"));
+             run.recorder->closed();
+         }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SessionRun run(withLongTimeouts(), {}, {}, 4096);
+        run.open();
+        run.recorder->event(1);
+        row.reach(run);
+        run.peer->reset();
+        EXPECT_TRUE(waitUntil([&] { return run.engine.sessionCount() == 0; }));
+        const auto events = run.recorder->events();
+        EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                                [](const auto& event) { return event.rfind("close:", 0) == 0; }),
+                  1);
+        EXPECT_EQ(run.session->bufferedBytes(), 0u);
+    }
+}
+
 TEST(Session, EndsAtOnceWhenAborted)
 {
     SessionRun run(withLongTimeouts());
