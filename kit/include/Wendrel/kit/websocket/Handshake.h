@@ -30,17 +30,17 @@ struct DeflateParameters
 /// The parameters of a session that both sides have agreed on; given to `Engine::open`.
 struct Agreement
 {
-    std::string subprotocol;  ///< empty: none
-    DeflateParameters deflate;
+    std::string subprotocol;    ///< empty: none
+    DeflateParameters deflate;  ///< of permessage-deflate
 };
 
 /// The response to a handshake.
 struct HandshakeReply
 {
-    uint32_t status = 0;  ///< 101: accept
-    std::string reason;   ///< why it is refused, for the body of the response
-    HttpResponseInterface::HeaderMap headers;
-    Agreement agreement;
+    uint32_t status = 0;                       ///< 101: accept
+    std::string reason;                        ///< why it is refused, for the body of the response
+    HttpResponseInterface::HeaderMap headers;  ///< of the response
+    Agreement agreement;                       ///< for `Engine::open`, when it is accepted
 };
 
 /// Checks the handshake in `request` and makes the response. Any thread that may read the request.
