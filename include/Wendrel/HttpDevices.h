@@ -73,6 +73,15 @@ public:
     /// lock: no other thread may use the device meanwhile.
     void reset();
 
+    /// Sets how many bytes may be received and not yet read before the connection is not read any
+    /// more, in place of `ServerOptions::uploadQueueBytes`; 0: no limit. Event-driven mode only.
+    /// Call it in `HttpServerImpl::handleRequest`; takes the device's mutex.
+    void setQueueLimit(uint64_t bytes);
+
+    /// Discards everything that has been received and not read, and frees its memory. Any thread;
+    /// takes the device's mutex.
+    void discardReceived();
+
 private:
     friend struct impl::DispatchAccess;
 

@@ -111,6 +111,13 @@ public:
     /// without a lock: it must not wait.
     virtual void onUpgraded(std::unique_ptr<UpgradedConnection> connection);
 
+    /// The connection is not read any more until the reader of the body has caught up:
+    /// `queuedBytes` bytes have been received and not read, as many as the queue may hold, or fewer
+    /// when `ServerOptions::memoryBudgetBytes` is used up. For requests whose reader waits for the
+    /// end of the body. A complete response ends the pause. Event-driven mode only. Does nothing
+    /// unless overridden. Thread: the daemon's, without a lock: it must not wait.
+    virtual void onBodyPaused(uint64_t queuedBytes);
+
     // Methods. The conversions to text may be called from any thread.
 
     /// Method name to value; filled while the library is initialised. Read it only then.

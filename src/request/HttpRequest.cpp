@@ -49,6 +49,8 @@ void HttpBaseRequest::onAborted(const std::string&) {}
 
 void HttpBaseRequest::onUpgraded(std::unique_ptr<UpgradedConnection>) {}
 
+void HttpBaseRequest::onBodyPaused(uint64_t) {}
+
 void HttpBaseRequest::setParseError(std::string&& message)
 {
     mHasParseError = true;

@@ -263,6 +263,7 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, const char* da
     const bool isDiscarded = DispatchAccess::isCompleted(request.getResponseDevice());
     HttpReceiveDevice& device = request.getReceiveDevice();
     bool isRefused = false;
+    uint64_t pausedBytes = 0;  // what the queue holds when the pause begins
     {
         const qvMutexLocker locker(&DispatchAccess::mutex(device));
         const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
@@ -294,12 +295,15 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, const char* da
                 DispatchAccess::awaitMemory(device);
             record.pauseBody(nowMs);
             record.suspend();
+            pausedBytes = DispatchAccess::queuedBytes(device);
         } else {
             record.armBody(nowMs);
         }
     }
     if (isRefused && !record.isAborted)
         refuseUpload(record);
+    if (pausedBytes != 0)
+        request.onBodyPaused(pausedBytes);
     return record.isAborted ? endAborted(request, record) : MHD_YES;
 }
 

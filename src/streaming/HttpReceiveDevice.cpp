@@ -81,6 +81,23 @@ void HttpReceiveDevice::reset() QV_NO_THREAD_SAFETY_ANALYSIS
     mFeedEnded = false;
 }
 
+void HttpReceiveDevice::setQueueLimit(uint64_t bytes)
+{
+    const qvMutexLocker locker(&mMutex);
+    mQueueLimitBytes = bytes;
+}
+
+void HttpReceiveDevice::discardReceived()
+{
+    const qvMutexLocker locker(&mMutex);
+    impl::FreeChunks(mQueue);
+    creditBudget(mQueuedBytes);
+    mQueuedBytes = 0;
+    mReadOffset = 0;
+    if (mFeedPaused)
+        continueFeedIfFree();
+}
+
 bool HttpReceiveDevice::atEnd() const
 {
     return mAtEnd || hasDeviceError();
