@@ -27,4 +27,15 @@ void LogError(const std::string& message)
         log->Write(entry, true);
 }
 
+void LogOfRoute(const std::string& route, std::string_view text, std::string_view detail) noexcept
+{
+    try {
+        std::string line = route;
+        line.append(": ").append(text).append(detail);
+        LogError(line);
+    } catch (...) {
+        // No memory, or a sink that throws: the request is more important than the line.
+    }
+}
+
 }  // namespace qv::kit

@@ -1,243 +1,347 @@
-// Reading a body to its end, and answering in the ways that cannot hang.
+// The faces of an exchange: request, response, deferred response and its stream.
 
 #include <Wendrel/kit/Request.h>
 
-#include <nlohmann/json.hpp>
+#include "Exchange.h"
+#include "StreamQueue.h"
 
 #include <algorithm>
-#include <charconv>
-#include <vector>
+#include <cctype>
+#include <stdexcept>
+#include <utility>
 
 namespace qv::kit
 {
 namespace
 {
 
-constexpr size_t kPieceBytes = 65536;
-constexpr uint32_t kNoContent = 204;
-constexpr uint32_t kNotModified = 304;
+using By = Exchange::By;
 
 const std::string kNothing;
+const std::list<std::string> kNoValues;
 
-}  // namespace
-
-Request::Request() = default;
-
-Request::~Request() = default;
-
-const std::string& Request::getPathParameter(const std::string& name) const
+const std::string& firstOf(const std::list<std::string>* values)
 {
-    const auto found = mPathParameters.find(name);
-    return found == mPathParameters.end() ? kNothing : found->second;
-}
-
-void Request::setPathParameters(std::map<std::string, std::string> parameters)
-{
-    mPathParameters = std::move(parameters);
-}
-
-const std::string& Request::getHeaderText(const char* name) const
-{
-    const std::list<std::string>* values = getHeader(name);
     return values ? values->front() : kNothing;
 }
 
-const std::string& Request::getHeaderLine(const char* name) const
+}  // namespace
+
+Responder::Responder(Responder&& other) noexcept
+    : mHead(std::move(other.mHead)), mExchange(std::exchange(other.mExchange, nullptr))
+{}
+
+Responder& Responder::operator=(Responder&& other) noexcept
 {
-    const std::string* line = getHeaders().findLine(name);
+    mHead = std::move(other.mHead);
+    mExchange = std::exchange(other.mExchange, nullptr);
+    return *this;
+}
+
+Exchange* Responder::responding() const
+{
+    if (mExchange && mIsHandedOn) {
+        mExchange->log("a response after defer was discarded");
+        return nullptr;
+    }
+    return mExchange;
+}
+
+bool Responder::reply(std::string body, const ContentType& type)
+{
+    return reply(200, std::move(body), type);
+}
+
+bool Responder::reply(int status, std::string body, const ContentType& type)
+{
+    return replyText(status, std::make_shared<const std::string>(std::move(body)), &type);
+}
+
+bool Responder::reply(int status)
+{
+    return replyText(status, nullptr, nullptr);
+}
+
+bool Responder::reply(std::shared_ptr<const std::string> body, const ContentType& type)
+{
+    return replyText(200, std::move(body), &type);
+}
+
+bool Responder::replyText(int status, std::shared_ptr<const std::string> body,
+                          const ContentType* type)
+{
+    Exchange* const exchange = responding();
+    if (!exchange)
+        return false;
+    Exchange::Response response;
+    response.head = std::move(mHead);
+    response.status = status;
+    response.type = type;
+    response.source = BodySource::fromString(std::move(body));
+    return exchange->respond(By::Application, std::move(response));
+}
+
+bool Responder::replyError(int status, const std::string& message)
+{
+    Exchange* const exchange = responding();
+    return exchange && exchange->respondError(By::Application, std::move(mHead), status, message);
+}
+
+bool Responder::replySource(std::unique_ptr<BodySource> source, const ContentType& type)
+{
+    return replySource(200, std::move(source), type);
+}
+
+bool Responder::replySource(int status, std::unique_ptr<BodySource> source, const ContentType& type)
+{
+    Exchange* const exchange = responding();
+    if (!exchange)
+        return false;
+    Exchange::Response response;
+    response.head = std::move(mHead);
+    response.status = status;
+    response.type = &type;
+    response.source = std::move(source);
+    return exchange->respond(By::Application, std::move(response));
+}
+
+bool Responder::isOpen() const
+{
+    return mExchange && !mIsHandedOn && mExchange->isOpen();
+}
+
+std::string Responder::route() const
+{
+    return mExchange ? mExchange->routeName() : std::string();
+}
+
+Request::Request(Exchange& exchange) : Responder(&exchange) {}
+
+Method Request::method() const
+{
+    return static_cast<Method>(mExchange->getRequestType());
+}
+
+const std::string& Request::path() const
+{
+    return mExchange->getUrl().path();
+}
+
+const std::string& Request::target() const
+{
+    return mExchange->getOriginalFullUrl();
+}
+
+const std::string& Request::pathParameter(std::string_view name) const
+{
+    return mExchange->pathParameter(name);
+}
+
+const std::string& Request::query(const std::string& name) const
+{
+    return firstOf(mExchange->getQueryParameter(name.c_str()));
+}
+
+const std::list<std::string>& Request::queryValues(const std::string& name) const
+{
+    const std::list<std::string>* const values = mExchange->getQueryParameter(name.c_str());
+    return values ? *values : kNoValues;
+}
+
+const std::string& Request::header(std::string_view name) const
+{
+    std::string key(name);
+    std::transform(key.begin(), key.end(), key.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string* const line = mExchange->getHeaders().findLine(key);
     return line ? *line : kNothing;
 }
 
-int64_t Request::getDeclaredBodyLength() const
+const std::string& Request::cookie(const std::string& name) const
 {
-    const std::string& text = getHeaderText("content-length");
-    int64_t length = -1;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
-    const bool whole = error == std::errc() && end == text.data() + text.size();
-    return whole && length >= 0 ? length : -1;
+    return firstOf(mExchange->getCookie(name.c_str()));
 }
 
-BodyResult Request::readBody(char* buf, size_t len, size_t& got)
+const IpAddress& Request::clientAddress() const
 {
-    HttpReceiveDevice& device = getReceiveDevice();
-    got = device.readBytes(buf, len);
-    if (device.hasDeviceError())
-        return BodyResult::Aborted;
-    return device.atEnd() ? BodyResult::Complete : BodyResult::More;
+    return mExchange->getClientAddress();
 }
 
-BodyResult Request::readWholeBody(uint64_t limitBytes, std::string& body)
+int64_t Request::contentLength() const
 {
-    const int64_t declared = getDeclaredBodyLength();
-    if (declared >= 0 && static_cast<uint64_t>(declared) > limitBytes)
-        return BodyResult::TooLarge;
-    std::vector<char> piece(kPieceBytes);
-    uint64_t total = 0;
-    BodyResult result = BodyResult::More;
-    while (result == BodyResult::More) {
-        size_t got = 0;
-        result = readBody(piece.data(), piece.size(), got);
-        total += got;
-        if (total > limitBytes)
-            return BodyResult::TooLarge;
-        body.append(piece.data(), got);
-    }
-    return result;
+    return mExchange->declaredBodyBytes();
 }
 
-void Request::onCompleted(int)
+const std::string& Request::body()
 {
-    if (mReaper)
-        mReaper->completed(*this);
+    return mExchange->body();
 }
 
-// Called about every second while the worker waits for the body. The daemon does not end the wait
-// when the connection is closed.
-void Request::onWaitingForData()
+size_t Request::readBody(char* buffer, size_t size)
 {
-    if (isCompleted())
-        getReceiveDevice().setDeviceError("the request ended before its body was complete");
+    return mExchange->readBody(buffer, size);
 }
 
-bool Request::hasBody()
+std::string Request::readAll(uint64_t limitBytes)
 {
-    const uint32_t status = mHead.getStatusCode();
-    return !isHead() && status != kNoContent && status != kNotModified;
+    return mExchange->readAll(limitBytes);
 }
 
-bool Request::mayAnnounce() const
+bool Request::startStream(const ContentType& type, int status)
 {
-    return !mAnnounced && !getResponseDevice().hasDeviceError();
+    Exchange* const exchange = responding();
+    return exchange && exchange->startStream(std::move(mHead), type, status);
 }
 
-bool Request::announce()
+bool Request::write(std::string_view data)
 {
-    mAnnounced = true;
-    return getResponseDevice().setResponseReady();
-}
-
-bool Request::reply(uint32_t status, const std::string& contentType, const std::string& body)
-{
-    if (!mayAnnounce())
-        return false;
-    mHead.setStatus(status);
-    mHead.setContentType(contentType);
-    // An answer without a body may declare the length that it would have had.
-    if (hasBody() || !body.empty())
-        mHead.setContentLength(static_cast<int64_t>(body.size()));
-    if (!hasBody())
-        return startStream();
-    // Complete before it is announced, so that it goes out from one buffer; nothing is ready
-    // yet, so that this write does not wait.
-    HttpResponseDevice& device = getResponseDevice();
-    const bool taken = device.writeBytes(body.data(), body.size()) == body.size();
-    device.endSending();
-    mEnded = true;
-    return announce() && taken;
-}
-
-bool Request::replyError(uint32_t status, const std::string& message)
-{
-    // Only the text is left to the JSON library: the destructor of its objects needs memory, and
-    // without any the process would end.
-    const std::string text =
-        nlohmann::json(message).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    return reply(status, "application/json",
-                 "{\"error\":" + text + ",\"status\":" + std::to_string(status) + "}");
-}
-
-// An answer without a body is not ended when its length is declared: ended, it would be sent
-// from a buffer, with the buffer's length. The daemon does not ask for its body. But an upload
-// that nobody will read is dropped only once the answer has ended.
-bool Request::startStream()
-{
-    if (!mayAnnounce())
-        return false;
-    if (!hasBody()) {
-        if (mHead.getContentLength() < 0 || mayHaveUpload())
-            getResponseDevice().endSending();
-        mEnded = true;
-    }
-    return announce();
-}
-
-bool Request::write(const char* data, size_t len)
-{
-    if (!mAnnounced && !startStream())
-        return false;
-    if (!hasBody())
-        return !isAborted();
-    const int64_t declared = mHead.getContentLength();
-    if (mEnded || (declared >= 0 && len > static_cast<uint64_t>(declared) - mWrittenBytes))
-        return false;
-    // In pieces, each of which waits for room: a block of any size takes constant memory.
-    while (len > 0) {
-        const size_t piece = std::min(len, kPieceBytes);
-        if (getResponseDevice().writeBytes(data, piece) != piece)
-            return false;
-        mWrittenBytes += piece;
-        data += piece;
-        len -= piece;
-    }
-    return !getResponseDevice().hasDeviceError();
+    return mExchange->write(data);
 }
 
 bool Request::flush()
 {
-    if (!mAnnounced || mEnded)
-        return false;
-    getResponseDevice().flush();
-    return !getResponseDevice().hasDeviceError();
+    return mExchange->flush();
 }
 
-void Request::finish()
+bool Request::finish()
 {
-    if (!mAnnounced && !startStream())
-        return;
-    if (mEnded)
-        return;
-    const int64_t declared = mHead.getContentLength();
-    if (declared >= 0 && mWrittenBytes != static_cast<uint64_t>(declared)) {
-        abandon("the body is shorter than declared");
-        return;
+    return mExchange->finish();
+}
+
+DeferredResponse Request::defer()
+{
+    if (mIsHandedOn || mExchange->hasResponse())
+        throw std::logic_error("defer after a response");
+    mIsHandedOn = true;
+    mExchange->noteDeferred();
+    mExchange->retain();
+    DeferredResponse later(mExchange);
+    later.mHead = std::move(mHead);
+    return later;
+}
+
+DeferredResponse& DeferredResponse::operator=(DeferredResponse&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        Responder::operator=(std::move(other));
     }
-    getResponseDevice().endSending();
-    mEnded = true;
+    return *this;
 }
 
-void Request::abandon(const std::string& reason)
+DeferredResponse::~DeferredResponse()
 {
-    if (mEnded)
+    close();
+}
+
+void DeferredResponse::close()
+{
+    if (!mExchange)
         return;
-    getResponseDevice().setDeviceError(reason);
-    mEnded = true;
-    if (!mAnnounced)
-        announce();
+    Exchange* const exchange = std::exchange(mExchange, nullptr);
+    exchange->endDeferred();
+    exchange->release();
 }
 
-bool Request::mayHaveUpload() const
+DeferredStream DeferredResponse::startStream(const ContentType& type, int status, size_t queueBytes)
 {
-    return getDeclaredBodyLength() > 0 || getHeader("transfer-encoding");
+    if (!mExchange)
+        return DeferredStream();
+    auto queue = std::make_shared<StreamQueue>(mExchange->routeName(), queueBytes,
+                                               mExchange->hasNoBody(status));
+    Exchange::Response response;
+    response.head = std::move(mHead);
+    response.status = status;
+    response.type = &type;
+    response.source = StreamQueue::makeSource(queue, *mExchange);
+    response.isStream = true;
+    if (!mExchange->respond(By::Application, std::move(response)))
+        return DeferredStream();
+    mExchange->retain();
+    return DeferredStream(mExchange, std::move(queue));
 }
 
-void Request::failWith(const std::string& message)
+void DeferredResponse::onGone(std::function<void()> callback)
 {
-    if (mAnnounced) {
-        abandon(message);
-        return;
+    if (mExchange)
+        mExchange->setGoneCallback(std::move(callback));
+}
+
+void DeferredResponse::setDeadline(std::chrono::milliseconds limit, int status)
+{
+    if (isOpen())
+        mExchange->setDeadline(limit, status);
+}
+
+DeferredStream::DeferredStream() : mExchange(nullptr) {}
+
+DeferredStream::DeferredStream(Exchange* exchange, std::shared_ptr<StreamQueue> queue)
+    : mExchange(exchange), mQueue(std::move(queue))
+{}
+
+DeferredStream::DeferredStream(DeferredStream&& other) noexcept
+    : mExchange(std::exchange(other.mExchange, nullptr)), mQueue(std::move(other.mQueue))
+{}
+
+DeferredStream& DeferredStream::operator=(DeferredStream&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        mExchange = std::exchange(other.mExchange, nullptr);
+        mQueue = std::move(other.mQueue);
     }
-    mHead = ResponseHead();  // what was meant for another answer
-    replyError(500, message);
+    return *this;
 }
 
-// After the handler: every request gets an answer with an end.
-void Request::closeResponse()
+DeferredStream::~DeferredStream()
 {
-    if (!mAnnounced)
-        failWith("The request was not answered.");
-    if (!mAnnounced)
-        announce();
-    finish();
+    close();
+}
+
+void DeferredStream::close()
+{
+    if (!mExchange)
+        return;
+    Exchange* const exchange = std::exchange(mExchange, nullptr);
+    if (!mQueue->isFinished())
+        exchange->dropGoneCallback();
+    if (mQueue->fail() && !exchange->isGone())
+        exchange->log("the stream was destroyed before finish");
+    mQueue.reset();
+    exchange->release();
+}
+
+StreamWrite DeferredStream::write(std::string_view data)
+{
+    return mExchange && !mExchange->isGone() ? mQueue->write(data) : StreamWrite::Gone;
+}
+
+void DeferredStream::onWritable(std::function<void()> callback)
+{
+    if (mExchange)
+        mQueue->onWritable(std::move(callback));
+}
+
+void DeferredStream::onGone(std::function<void()> callback)
+{
+    if (mExchange)
+        mExchange->setGoneCallback(std::move(callback));
+}
+
+void DeferredStream::finish()
+{
+    if (mExchange)
+        mQueue->finish();
+}
+
+size_t DeferredStream::queuedBytes() const
+{
+    return mExchange ? mQueue->queuedBytes() : 0;
+}
+
+bool DeferredStream::isGone() const
+{
+    return !mExchange || mExchange->isGone() || mQueue->isClosed();
 }
 
 }  // namespace qv::kit

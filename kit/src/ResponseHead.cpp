@@ -1,16 +1,52 @@
-// The head of an answer.
+// The head of a response, checked as it is collected: nothing in it can end a line or a cookie.
 
 #include <Wendrel/kit/ResponseHead.h>
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 namespace qv::kit
 {
 namespace
 {
 
-// Lower case as key: the daemon wants "connection" before "date".
+constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
+
+// Separates the name from a number, so that headers of one name stay together.
+constexpr char kNumberMark = '\x01';
+
+bool isTokenByte(unsigned char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+           kTokenMarks.find(static_cast<char>(c)) != std::string_view::npos;
+}
+
+bool isToken(std::string_view text)
+{
+    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenByte);
+}
+
+bool isControl(unsigned char c)
+{
+    return c < ' ' || c == 0x7f;
+}
+
+bool isHeaderValue(std::string_view text)
+{
+    return std::none_of(text.begin(), text.end(),
+                        [](unsigned char c) { return isControl(c) && c != '\t'; });
+}
+
+bool isCookieValue(std::string_view text)
+{
+    constexpr std::string_view kNotAllowed = " \",;\\";
+    return std::none_of(text.begin(), text.end(), [&](unsigned char c) {
+        return isControl(c) || kNotAllowed.find(static_cast<char>(c)) != std::string_view::npos;
+    });
+}
+
+// In lower case: the daemon wants "connection" before "date".
 std::string keyOf(std::string name)
 {
     std::transform(name.begin(), name.end(), name.begin(),
@@ -18,41 +54,82 @@ std::string keyOf(std::string name)
     return name;
 }
 
+bool isReserved(const std::string& key)
+{
+    return key == "content-length" || key == "transfer-encoding" || key == "set-cookie";
+}
+
+bool hasName(const std::string& key, const std::string& name)
+{
+    return key.compare(0, name.size(), name) == 0 &&
+           (key.size() == name.size() || key[name.size()] == kNumberMark);
+}
+
 }  // namespace
 
-ResponseHead::ResponseHead()
+void ResponseHead::fail(const std::string& error)
 {
-    setContentType("text/plain; charset=utf-8");
+    if (mError.empty())
+        mError = error;
+}
+
+bool ResponseHead::check(const std::string& name, const std::string& value)
+{
+    if (!isToken(name))
+        fail("the header name \"" + name + "\" is no token");
+    else if (isReserved(keyOf(name)))
+        fail("the header " + name + " cannot be set");
+    else if (!isHeaderValue(value))
+        fail("the value of the header " + name + " has a control character: \"" + value + "\"");
+    else
+        return true;
+    return false;
 }
 
 void ResponseHead::setHeader(const std::string& name, const std::string& value)
 {
-    if (value.empty())
-        mHeaders.erase(keyOf(name));
-    else
-        mHeaders[keyOf(name)] = {name, value};
+    if (!check(name, value))
+        return;
+    const std::string key = keyOf(name);
+    // First what may find no memory.
+    HttpResponseInterface::HeaderMap made;
+    if (!value.empty())
+        made.emplace(key, std::make_pair(name, value));
+    auto entry = mHeaders.lower_bound(key);
+    while (entry != mHeaders.end() && hasName(entry->first, key))
+        entry = mHeaders.erase(entry);
+    mHeaders.merge(made);
 }
 
-std::string ResponseHead::getHeader(const std::string& name) const
+void ResponseHead::addHeader(const std::string& name, const std::string& value)
+{
+    if (!check(name, value) || value.empty())
+        return;
+    const std::string key = keyOf(name);
+    std::string free = key;
+    for (int number = 0; mHeaders.count(free) != 0; ++number)
+        free = key + kNumberMark + std::to_string(number);
+    mHeaders.emplace(free, std::make_pair(name, value));
+}
+
+void ResponseHead::setCookie(const std::string& name, const std::string& value,
+                             const std::string& attributes)
+{
+    if (!isToken(name))
+        fail("the cookie name \"" + name + "\" is no token");
+    else if (!isCookieValue(value))
+        fail("the value of the cookie " + name + " has a byte that is not allowed: \"" + value +
+             "\"");
+    else if (!isHeaderValue(attributes))
+        fail("the attributes of the cookie " + name + " have a control character");
+    else
+        mCookies.insert_or_assign(name, attributes.empty() ? value : value + "; " + attributes);
+}
+
+std::string ResponseHead::header(const std::string& name) const
 {
     const auto found = mHeaders.find(keyOf(name));
     return found == mHeaders.end() ? std::string() : found->second.second;
-}
-
-void ResponseHead::addCookie(const std::string& name, const std::string& value)
-{
-    mCookies.insert_or_assign(name, std::string(value));
-}
-
-std::string ResponseHead::describe()
-{
-    std::string text = std::to_string(mStatus);
-    const std::string type = getHeader("content-type");
-    if (!type.empty())
-        text += " " + type;
-    if (mContentLength >= 0)
-        text += ", " + std::to_string(mContentLength) + " bytes";
-    return text;
 }
 
 }  // namespace qv::kit

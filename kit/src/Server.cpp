@@ -1,94 +1,214 @@
-// A server from start to clean stop.
+// A server from start to clean stop, and the signals that end a program.
 
 #include <Wendrel/kit/Server.h>
+
+#include "ServerCore.h"
 
 #include <Wendrel/Wendrel.h>
 
 #include <qvSystem/Rollback.h>
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <iostream>
+#include <mutex>
+#include <utility>
 
 namespace qv::kit
 {
 namespace
 {
 
-constexpr unsigned long kStateLookMs = 1;
-constexpr std::chrono::seconds kDeletionLimit(10);
+constexpr std::array<int, 2> kStopSignals{SIGINT, SIGTERM};
+constexpr const char* kUnixPrefix = "unix:";
 
-sigset_t stopSignals()
+// Readable after the first signal, until the last run has ended.
+std::atomic<int> sStopDescriptor{-1};
+
+extern "C" void wendrelKitStop(int)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
+    const int error = errno;
+    const uint64_t one = 1;
+    static_cast<void>(!write(sStopDescriptor, &one, sizeof one));
+    errno = error;
 }
+
+// Handles the signals while there is one; any number at a time.
+class StopSignals
+{
+public:
+    StopSignals()
+    {
+        const std::lock_guard<std::mutex> locker(sMutex);
+        if (sCount == 0)
+            install();
+        ++sCount;
+    }
+
+    ~StopSignals()
+    {
+        const std::lock_guard<std::mutex> locker(sMutex);
+        if (--sCount == 0)
+            uninstall();
+    }
+
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    static bool isValid() { return sStopDescriptor >= 0; }
+
+    static void wait()
+    {
+        pollfd entry{sStopDescriptor, POLLIN, 0};
+        while (poll(&entry, 1, -1) < 0 && errno == EINTR) {
+        }
+    }
+
+private:
+    static void install()
+    {
+        sStopDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (!isValid())
+            return;
+        struct sigaction action
+        {};
+        action.sa_handler = &wendrelKitStop;
+        action.sa_flags = SA_RESETHAND | SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        for (size_t i = 0; i < kStopSignals.size(); ++i)
+            sigaction(kStopSignals[i], &action, &sBefore[i]);
+        struct sigaction ignore
+        {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGPIPE, &ignore, &sPipeBefore);
+    }
+
+    static void uninstall()
+    {
+        if (!isValid())
+            return;
+        for (size_t i = 0; i < kStopSignals.size(); ++i)
+            sigaction(kStopSignals[i], &sBefore[i], nullptr);
+        sigaction(SIGPIPE, &sPipeBefore, nullptr);
+        close(sStopDescriptor.exchange(-1));
+    }
+
+    static inline std::mutex sMutex;
+    static inline int sCount = 0;
+    static inline std::array<struct sigaction, kStopSignals.size()> sBefore;
+    static inline struct sigaction sPipeBefore;
+};
 
 }  // namespace
 
-Server::Server(std::unique_ptr<Application> application) : mApplication(application.get())
+Server::Server() : Server(ServerOptions()) {}
+
+Server::Server(ServerOptions options) : mOptions(std::move(options)), mCore(nullptr)
 {
-    // cppcheck-suppress useInitializationList ; the application changes hands right after
-    mServer = std::make_unique<http::HttpServer>(application.get());
-    static_cast<void>(application.release());  // the server's, now that there is one
     Rollback counted(&terminateWendrel);  // an initialisation that throws has been counted, too
     initializeWendrel();
+    mCore = new ServerCore;
     counted.commit();
 }
 
 Server::~Server()
 {
-    stop(std::chrono::milliseconds(0));
-    mServer.reset();
+    mCore->close();
+    mCore->release();
     terminateWendrel();
 }
 
-bool Server::start(const http::HttpServer::Parameters& parameters, std::chrono::milliseconds limit)
+Router& Server::router()
 {
-    if (mServer->getState() != http::HttpServer::Stopped || mServer->isStopRequested())
-        return false;
-    mServer->startServer(parameters);
-    // The server offers no condition to wait on, only its state.
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (mServer->getState() == http::HttpServer::Starting &&
-           std::chrono::steady_clock::now() < end)
-        qvThread::msleep(kStateLookMs);
-    return mServer->getState() == http::HttpServer::Running;
+    return mCore->router();
 }
 
-bool Server::start(const http::ServerOptions& options)
+ServerOptions& Server::options()
 {
-    if (mServer->isStopRequested() || !mServer->serve(options))
-        return false;
-    mIsEventDriven = true;
-    return true;
+    return mOptions;
 }
 
-// In event-driven mode requests that have been sent already are served.
-bool Server::stop(std::chrono::milliseconds limit)
+int Server::run(const std::string& endpoint)
 {
-    const bool drained = mIsEventDriven ? mServer->shutDown(limit) : mApplication->drain(limit);
-    mServer->stopServer(true);
-    mApplication->stopWorkers();
-    // Every request is completed and its worker done: this only waits until all are deleted.
-    mApplication->drain(kDeletionLimit);
-    return drained;
+    mOptions.listen = {endpoint};
+    return run();
 }
 
-StopSignal::StopSignal()
+int Server::run()
 {
-    const sigset_t signals = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
+    {
+        // Before the server accepts connections: a signal from then on is not lost.
+        const StopSignals signals;
+        if (!StopSignals::isValid() || !start()) {
+            std::cerr << (StopSignals::isValid() ? failureReason() : "cannot handle signals")
+                      << '\n'
+                      << std::flush;
+            return 1;
+        }
+        for (const std::string& url : urls())
+            std::cout << url << '\n';
+        std::cout << std::flush;
+        StopSignals::wait();
+    }
+    stop(mOptions.stopTimeout);
+    return 0;
 }
 
-int StopSignal::wait()
+bool Server::start(const std::string& endpoint)
 {
-    const sigset_t signals = stopSignals();
-    int number = 0;
-    sigwait(&signals, &number);
-    return number;
+    mOptions.listen = {endpoint};
+    return start();
+}
+
+bool Server::start()
+{
+    return mCore->start(mOptions);
+}
+
+std::string Server::failureReason() const
+{
+    return mCore->failureReason();
+}
+
+bool Server::stop(std::chrono::milliseconds deadline)
+{
+    return mCore->stop(deadline);
+}
+
+bool Server::isRunning() const
+{
+    return mCore->httpServer().getState() == http::HttpServer::Running;
+}
+
+std::vector<std::string> Server::endpoints() const
+{
+    return mCore->httpServer().getEndpoints();
+}
+
+std::vector<std::string> Server::urls() const
+{
+    std::vector<std::string> urls = endpoints();
+    for (std::string& url : urls) {
+        if (url.rfind(kUnixPrefix, 0) != 0)
+            url = "http://" + url + "/";
+    }
+    return urls;
+}
+
+uint64_t Server::requestCount() const
+{
+    return mCore->requestCount();
+}
+
+size_t Server::openRequests() const
+{
+    return mCore->openRequests();
 }
 
 }  // namespace qv::kit

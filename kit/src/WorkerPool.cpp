@@ -1,39 +1,49 @@
-// Threads that run tasks.
+// Workers share one queue; a thread is woken only when one waits that nobody has woken yet.
 
-#include <Wendrel/kit/WorkerPool.h>
+#include "WorkerPool.h"
 
 #include <qvSystem/Rollback.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace qv::kit
 {
 
-WorkerPool::WorkerPool(unsigned int threads, size_t queueLimit) : mQueueLimit(queueLimit)
-{
-    const unsigned int count = std::max(1u, threads);
-    mThreads.reserve(count);
-    Rollback started([this] { stop(); });
-    for (unsigned int i = 0; i < count; ++i)
-        mThreads.emplace_back(&WorkerPool::work, this);
-    started.commit();
-}
+WorkerPool::WorkerPool(Serve serve) : mServe(std::move(serve)) {}
 
 WorkerPool::~WorkerPool()
 {
     stop();
 }
 
-bool WorkerPool::submit(Task task)
+void WorkerPool::start(unsigned threads, size_t queueLimit)
 {
     {
         const qvMutexLocker locker(&mMutex);
-        if (mStopping || mQueue.size() >= mQueueLimit)
-            return false;
-        mQueue.push_back(std::move(task));
+        mQueueLimit = queueLimit;
+        mIsRunning = true;
     }
-    mTaskQueued.wakeOne();
+    Rollback started([this] { stop(); });
+    mThreads.reserve(threads);
+    for (unsigned i = 0; i < threads; ++i)
+        mThreads.emplace_back(&WorkerPool::work, this);
+    started.commit();
+}
+
+bool WorkerPool::submit(Exchange& exchange)
+{
+    bool wakes = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (!mIsRunning || mQueue.size() >= mQueueLimit)
+            return false;
+        mQueue.push_back(&exchange);
+        wakes = mWaiting > mWoken;
+        if (wakes)
+            ++mWoken;
+    }
+    if (wakes)
+        mQueued.wakeOne();
     return true;
 }
 
@@ -41,39 +51,36 @@ void WorkerPool::stop()
 {
     {
         const qvMutexLocker locker(&mMutex);
-        mStopping = true;
+        mIsRunning = false;
     }
-    mTaskQueued.wakeAll();
-    for (std::thread& thread : mThreads) {
-        if (thread.joinable())
-            thread.join();
-    }
-}
-
-size_t WorkerPool::getQueuedCount() const
-{
-    const qvMutexLocker locker(&mMutex);
-    return mQueue.size();
+    mQueued.wakeAll();
+    for (std::thread& thread : mThreads)
+        thread.join();
+    mThreads.clear();
 }
 
 void WorkerPool::work()
 {
-    // What a task holds is released without the lock.
-    while (const std::optional<Task> task = takeTask())
-        (*task)();
+    while (Exchange* const exchange = take())
+        mServe(*exchange);
 }
 
-// Waits for the next one; none when the pool stops.
-std::optional<WorkerPool::Task> WorkerPool::takeTask()
+// Null when the pool stops.
+Exchange* WorkerPool::take()
 {
     const qvMutexLocker locker(&mMutex);
-    while (!mStopping && mQueue.empty())
-        mTaskQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
-    if (mQueue.empty())
-        return std::nullopt;
-    std::optional<Task> task(std::move(mQueue.front()));
+    while (mQueue.empty()) {
+        if (!mIsRunning)
+            return nullptr;
+        ++mWaiting;
+        mQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
+        --mWaiting;
+        if (mWoken != 0)
+            --mWoken;
+    }
+    Exchange* const exchange = mQueue.front();
     mQueue.pop_front();
-    return task;
+    return exchange;
 }
 
 }  // namespace qv::kit

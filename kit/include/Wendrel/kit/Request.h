@@ -1,153 +1,125 @@
-/// A request that knows how to read its body and how to send its response.
+/// A request as its handler sees it.
 #ifndef WENDREL_KIT_REQUEST_H
 #define WENDREL_KIT_REQUEST_H
 
-#include <Wendrel/HttpDevices.h>
-#include <Wendrel/HttpRequest.h>
-#include <Wendrel/kit/RequestReaper.h>
-#include <Wendrel/kit/ResponseHead.h>
+#include <Wendrel/kit/DeferredResponse.h>
+#include <Wendrel/kit/HttpError.h>
+#include <Wendrel/kit/Responder.h>
 
-#include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <map>
+#include <list>
 #include <string>
+#include <string_view>
+
+namespace qv
+{
+class IpAddress;
+}
 
 namespace qv::kit
 {
 
-/// The outcome of reading a body.
-enum class BodyResult {
-    Complete,  ///< the body has been read to its end
-    More,      ///< the buffer is full, there may be more
-    TooLarge,  ///< longer than the limit
-    Aborted  ///< the peer closed the connection, the server stops, or nothing came for six minutes
+/// Methods, one bit each.
+enum class Method : uint16_t {
+    Options = 2,    ///< OPTIONS
+    Get = 4,        ///< GET
+    Post = 8,       ///< POST
+    Put = 16,       ///< PUT
+    Delete = 32,    ///< DELETE
+    Head = 64,      ///< HEAD
+    Connect = 128,  ///< CONNECT
+    Trace = 256,    ///< TRACE
+    Patch = 512     ///< PATCH
 };
 
-/// The request class of the kit. Everything below is for the thread that serves the request,
-/// unless it says otherwise. Made by Application::newRequest, deleted by the RequestReaper.
+/// One request, and its response. It is its handler's until the handler returns: keep no reference
+/// to it, `defer` instead. Every text that is returned by reference lives as long.
 ///
-/// A response is either one `reply`, or `startStream`, any number of `write`, and `finish`.
-/// A request that has no response when its handler has returned gets a 500 response.
-class Request : public HttpBaseRequest, private HttpWaitListener
+/// A response is one `reply...`, or `startStream`, any number of `write`, and `finish`, or `defer`.
+/// Without one the response is 500, with a line in the log that names the route.
+class Request : public Responder
 {
 public:
-    /// Thread: the daemon's.
-    Request();
+    // The head of the request.
 
-    /// Thread: a worker, the reaper's, or the one that destroys the application.
-    ~Request() override;
+    /// HEAD, too, in a handler for GET.
+    Method method() const;
 
-    // The request.
+    /// The path, decoded. "%2F" cannot be told from "/": use path parameters.
+    const std::string& path() const;
 
-    /// The part of the path that the route's `{name}` stands for, decoded; empty when the
-    /// route has none of this name.
-    const std::string& getPathParameter(const std::string& name) const;
+    /// Path and query as received: "/a%20b?c=d".
+    const std::string& target() const;
 
-    /// For the router.
-    void setPathParameters(std::map<std::string, std::string> parameters);
+    /// The part of the path that `{name}` of the route stands for, decoded; the segments of
+    /// `{name*}` are joined by "/". Throws std::logic_error when the route has no such parameter.
+    const std::string& pathParameter(std::string_view name) const;
 
-    /// Whether only the head of the response will be sent.
-    bool isHead() const { return getRequestType() == HEAD; }
+    /// The first value of a parameter of the query, decoded; empty when there is none.
+    const std::string& query(const std::string& name) const;
 
-    /// The first value of a header (name in lower case); empty when there is none.
-    const std::string& getHeaderText(const char* name) const;
+    /// All values of a parameter of the query, in order of arrival.
+    const std::list<std::string>& queryValues(const std::string& name) const;
 
-    /// The whole value of a header (name in lower case) as it was received, commas included; the
-    /// lines of a repeated header are joined by ", ". Empty when there is none.
-    const std::string& getHeaderLine(const char* name) const;
+    /// The value of a header as it was received; upper and lower case do not matter. The lines of a
+    /// repeated header are joined by ", ". Empty when there is none.
+    const std::string& header(std::string_view name) const;
+
+    /// The value of a cookie; empty when there is none.
+    const std::string& cookie(const std::string& name) const;
+
+    /// Address and port of the client; see `http::ServerOptions::trustedProxies`.
+    const IpAddress& clientAddress() const;
 
     /// The length that the client declared for its body; -1 when it declared none.
-    int64_t getDeclaredBodyLength() const;
+    int64_t contentLength() const;
 
-    // The body.
+    // The body. Of a route that is not `streaming` it has been received whole: none of these waits.
 
-    /// Fills `buf` with `len` bytes, waiting for them; `got` is how many there are, less than
-    /// `len` only at the end. More: the buffer is full. A closed connection ends the wait
-    /// within about two seconds: Aborted. The daemon does not notice a client that closes its
-    /// side together with its last bytes; that wait ends with `connectionTimeoutMs`.
-    BodyResult readBody(char* buf, size_t len, size_t& got);
+    /// The whole body. In a streaming route it waits, and throws HttpError as `readAll` does, with
+    /// `ServerOptions::maxBodyBytes` as the limit. Read either by this or by `readBody`.
+    const std::string& body();
 
-    /// Appends the whole body to `body`. A declared length above `limitBytes` is refused
-    /// before anything is read, any other body as soon as it is longer: TooLarge.
-    BodyResult readWholeBody(uint64_t limitBytes, std::string& body);
+    /// Reads up to `size` bytes, in a streaming route waiting until there are so many or the body
+    /// ends. Returns how many, 0 at the end of the body. Throws HttpError: 413 beyond
+    /// `Route::maxBodyBytes`, 400 when the body cannot be received any more.
+    size_t readBody(char* buffer, size_t size);
 
-    // The response.
+    /// The rest of the body. Throws HttpError: 413 when it is longer than `limitBytes`, otherwise
+    /// as `readBody`.
+    std::string readAll(uint64_t limitBytes);
 
-    /// The head of the response; not to be changed after it has been announced.
-    ResponseHead& getHead() { return mHead; }
+    // A response that is written while it is sent, by a handler on a worker. It occupies the worker
+    // while the client is slow: see `DeferredResponse::startStream` for one that does not.
 
-    /// Responds with `body`. For HEAD and for status 204 and 304 only its length is sent; with
-    /// an empty `body` there, the length set in the head.
-    /// False when the request has its response already or the connection is closed.
-    bool reply(uint32_t status, const std::string& contentType, const std::string& body);
+    /// Sends the head. False as with `reply`; in a nonBlocking route always, with a line in the
+    /// log.
+    bool startStream(const ContentType& type = ContentType::text(), int status = 200);
 
-    /// Responds with `{"error": message, "status": status}` as application/json.
-    bool replyError(uint32_t status, const std::string& message);
+    /// Writes the next bytes of the body; waits while more than 256 KiB wait for the client. False
+    /// when the client has closed the connection, the body has ended or is longer than declared:
+    /// stop then. For HEAD and for status 204 and 304 nothing is sent, and true is returned.
+    bool write(std::string_view data);
 
-    /// Announces the head; the body follows by `write`. With a length set in the head the
-    /// body must be exactly that long. False as with `reply`.
-    bool startStream();
-
-    /// Writes the next `len` bytes of the body; waits while the client is slow. Nothing is
-    /// sent for HEAD and for status 204 and 304, and true is returned. False when the client
-    /// has closed the connection, the response has ended or the declared length would be exceeded:
-    /// stop then.
-    bool write(const char* data, size_t len);
-
-    /// Sends the bytes written so far without waiting for 64 KiB to come together.
+    /// Sends what was written so far without waiting for 64 KiB to come together.
     bool flush();
 
-    /// Ends the body. A body shorter than declared is cut off by closing the connection, so
-    /// that the client notices.
-    void finish();
+    /// Ends the body, as the end of the handler does. A body shorter than declared is cut off by
+    /// closing the connection.
+    bool finish();
 
-    /// Something went wrong on our side: status 500 with `message` and nothing of the head set
-    /// so far; a response that has begun is abandoned, one that has ended stays.
-    void failWith(const std::string& message);
+    // A response that comes later.
 
-    /// Gives the response up, unless it has ended: the client finds the connection closed in the
-    /// middle of it, or gets a status 500 when nothing has been sent yet.
-    void abandon(const std::string& reason);
-
-    /// True once `reply` or `startStream` has announced the response.
-    bool isAnnounced() const { return mAnnounced; }
-
-    /// False for HEAD and for status 204 and 304.
-    bool hasBody();
-
-    /// True when no response can be sent any more. Any thread.
-    bool isAborted() const { return getResponseDevice().hasDeviceError() || isCompleted(); }
-
-    /// The head, for the library.
-    HttpResponseInterface& getResponse() override { return mHead; }
-
-    /// The request itself.
-    HttpWaitListener& getWaitListener() override { return *this; }
-
-protected:
-    /// Ends the wait for the body when the request has been completed. An override calls this.
-    void onWaitingForData() override;
-
-    /// Tells the reaper. An override calls this.
-    void onCompleted(int terminationCode) override;
+    /// The response is given by the object that is returned, any time and from any thread; the
+    /// worker is free when the handler returns. Headers set so far move on to it. Throws
+    /// std::logic_error after a response or another `defer`.
+    [[nodiscard]] DeferredResponse defer();
 
 private:
-    friend class Application;
-    friend class RequestReaper;
-
-    bool announce();
-    bool mayAnnounce() const;
-    bool mayHaveUpload() const;
-    void closeResponse();
-
-    ResponseHead mHead;
-    std::map<std::string, std::string> mPathParameters;
-    uint64_t mWrittenBytes = 0;
-    bool mAnnounced = false;
-    bool mEnded = false;
-    RequestReaper* mReaper = nullptr;
-    RequestReaper::List::iterator mPlace;
-    std::atomic<int> mUsers{2};  // its worker and the daemon
+    friend class Exchange;
+    explicit Request(Exchange& exchange);
+    ~Request() = default;
 };
 
 }  // namespace qv::kit

@@ -1,4 +1,4 @@
-/// The head of a response, with defaults.
+/// The head of a response: status, headers and cookies.
 #ifndef WENDREL_KIT_RESPONSEHEAD_H
 #define WENDREL_KIT_RESPONSEHEAD_H
 
@@ -6,60 +6,84 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace qv::kit
 {
 
-/// Status 200, "Content-Type: text/plain; charset=utf-8" and an unknown length until told
-/// otherwise. Filled by the request's worker before the response is announced, read by a daemon
-/// thread afterwards. `Date` and the length's header are the daemon's.
-class ResponseHead : public HttpResponseInterface
+/// The type of a body: the value of `Content-Type`. Never converted from a text by itself, so that
+/// a body and its type cannot be swapped.
+class ContentType
 {
 public:
-    /// As above.
-    ResponseHead();
+    /// "image/png". A line break in it is an error as in `Responder::setHeader`.
+    explicit ContentType(std::string value) : mValue(std::move(value)) {}
 
-    /// 100 to 999.
-    void setStatus(uint32_t status) { mStatus = status; }
+    /// "text/plain; charset=utf-8", the type of a body unless another one is given.
+    static ContentType text() { return ContentType("text/plain; charset=utf-8"); }
+    /// "text/html; charset=utf-8"
+    static ContentType html() { return ContentType("text/html; charset=utf-8"); }
+    /// "application/json"
+    static ContentType json() { return ContentType("application/json"); }
+    /// "application/octet-stream"
+    static ContentType bytes() { return ContentType("application/octet-stream"); }
 
-    /// Sets a header, in place of one of the same name (letter case does not matter). An
-    /// empty value removes it. Spaces in the name or line breaks in the value: the daemon
-    /// leaves the header out.
-    void setHeader(const std::string& name, const std::string& value);
-
-    /// Value of a header; empty when there is none.
-    std::string getHeader(const std::string& name) const;
-
-    /// Sets the header `Content-Type`.
-    void setContentType(const std::string& type) { setHeader("Content-Type", type); }
-
-    /// Sets a cookie, in place of one of the same name. `value` may carry attributes:
-    /// "abc; Path=/; HttpOnly".
-    void addCookie(const std::string& name, const std::string& value);
-
-    /// Bytes of the body; negative: not known.
-    void setContentLength(int64_t bytes) { mContentLength = bytes; }
-
-    /// The cookies added so far.
-    const CookieMap& getCookies() override { return mCookies; }
-
-    /// The headers set so far, by names in lower case.
-    const HeaderMap& getHeaders() override { return mHeaders; }
-
-    /// 200 unless set.
-    uint32_t getStatusCode() override { return mStatus; }
-
-    /// -1 unless set.
-    int64_t getContentLength() override { return mContentLength; }
-
-    /// "200 text/plain; charset=utf-8, 13 bytes".
-    std::string describe() override;
+    /// The value of the header.
+    const std::string& value() const { return mValue; }
 
 private:
-    HeaderMap mHeaders;
-    CookieMap mCookies;
+    std::string mValue;
+};
+
+/// Collects the head of one response. A plain value, used by one thread at a time. `Date` and the
+/// header of the body's length are the daemon's.
+///
+/// An impossible name or value is not stored. The first one is kept as the error of the head; the
+/// response becomes 500 with a line in the log that names the route.
+class ResponseHead
+{
+public:
+    /// Sets a header in place of all of the same name; upper and lower case do not matter. An empty
+    /// value removes it. Errors: a name that is no token, a control character other than tab in the
+    /// value, and the names `Content-Length`, `Transfer-Encoding` and `Set-Cookie`.
+    void setHeader(const std::string& name, const std::string& value);
+
+    /// Adds a header beside those of the same name. Errors as above.
+    void addHeader(const std::string& name, const std::string& value);
+
+    /// Sends `Set-Cookie: name=value; attributes`, in place of a cookie of the same name.
+    /// `attributes`: "Path=/; HttpOnly; Max-Age=3600". Errors: a name that is no token; a control
+    /// character, space, quotation mark, comma, semicolon or backslash in the value; a control
+    /// character in the attributes.
+    void setCookie(const std::string& name, const std::string& value,
+                   const std::string& attributes = std::string());
+
+    /// The first value of a header set so far; empty when there is none.
+    std::string header(const std::string& name) const;
+
+    /// Declares the length of the body in bytes, for a stream or for a body that is not sent (HEAD,
+    /// 304). Negative, the default: not known. Bodies that are given whole need none.
+    void setContentLength(int64_t bytes) { mContentLength = bytes; }
+
+    /// As declared.
+    int64_t contentLength() const { return mContentLength; }
+
+    /// What is wrong with the head; empty when nothing is.
+    const std::string& error() const { return mError; }
+
+    /// For the library: by ordering key, as HttpResponseInterface wants them.
+    const HttpResponseInterface::HeaderMap& headers() const { return mHeaders; }
+    /// For the library.
+    const HttpResponseInterface::CookieMap& cookies() const { return mCookies; }
+
+private:
+    bool check(const std::string& name, const std::string& value);
+    void fail(const std::string& error);
+
+    HttpResponseInterface::HeaderMap mHeaders;
+    HttpResponseInterface::CookieMap mCookies;
+    std::string mError;
     int64_t mContentLength = -1;
-    uint32_t mStatus = 200;
 };
 
 }  // namespace qv::kit

@@ -1,68 +1,121 @@
-/// From method and path to the function that responds.
+/// From method and path to the handler that responds.
 #ifndef WENDREL_KIT_ROUTER_H
 #define WENDREL_KIT_ROUTER_H
 
+#include <Wendrel/kit/Request.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace qv::kit
 {
 
-class Request;
+class RouteTable;
 
-/// A table of routes. Filled before the server is started, then read by any thread.
+/// Responds to a request. Called on a worker, unless the route says otherwise, by several threads
+/// at once. An HttpError that leaves it becomes its response; anything else becomes 500 and a line
+/// in the log that names the route.
+using Handler = std::function<void(Request&)>;
+
+/// The options of one route, set before the server is started; later changes are refused with a
+/// line in the log. Each operation returns the route.
+class Route
+{
+public:
+    /// The handler runs on the daemon thread of the connection, which serves other connections,
+    /// too: it must not wait. For what is known at once. `Request::startStream` is refused there.
+    Route& nonBlocking();
+
+    /// The handler runs at once, on a worker, and reads the body while it is received. Otherwise it
+    /// runs when the whole body has been received, so that a slow client holds no worker. Not
+    /// together with `nonBlocking`.
+    Route& streaming();
+
+    /// Bytes of a body; 413 beyond it. By default `ServerOptions::maxBodyBytes`, for a streaming
+    /// route no limit.
+    Route& maxBodyBytes(uint64_t bytes);
+
+    /// From the complete request, or in a streaming route from its head, to the beginning of the
+    /// response, deferred ones included: then 503. By default none but
+    /// `http::ServerOptions::responseTimeout`.
+    Route& responseTimeout(std::chrono::milliseconds limit);
+
+    /// Method and pattern: "GET /files/{name}".
+    const std::string& name() const { return mName; }
+
+    Route(const Route&) = delete;
+    Route& operator=(const Route&) = delete;
+    ~Route();
+
+private:
+    friend class RouteTable;
+    friend class Exchange;
+    friend class Router;
+    Route(std::string name, Handler handler);
+    bool mayChange() const;
+
+    struct Parameter
+    {
+        std::string name;
+        size_t segment;  // of the path
+        bool isRest;
+    };
+
+    std::string mName;
+    Handler mHandler;
+    std::vector<Parameter> mParameters;
+    std::chrono::milliseconds mResponseTimeout{0};
+    uint64_t mMaxBodyBytes = 0;
+    bool mHasMaxBodyBytes = false;
+    bool mIsNonBlocking = false;
+    bool mIsStreaming = false;
+    const bool* mIsFrozen = nullptr;
+};
+
+/// The routes of a server. Filled by one thread before the server is started; a route that is added
+/// later is refused with a line in the log.
+///
+/// A pattern is a path whose segments are literal, `{name}` for one segment that is not empty, or,
+/// at the end, `{name*}` for all the rest, also an empty one. It is compared with the decoded
+/// segments of the target: an encoded slash stays inside its segment. Of several patterns that fit,
+/// the one that is literal earlier is used. A pattern that is malformed, or that has a handler for
+/// the method already, throws std::invalid_argument, whose text names it.
+///
+/// Without a route the response is 404, with one for other methods 405 with `Allow`. HEAD is served
+/// by the handler for GET. OPTIONS without a handler, also of `*`, gets 204 with `Allow`.
 class Router
 {
 public:
-    /// Responds to a request. Thread: a worker. An exception that it throws is logged, and the
-    /// response is 500.
-    using Handler = std::function<void(Request&)>;
+    Router();
+    Router(const Router&) = delete;
+    Router& operator=(const Router&) = delete;
+    ~Router();
 
-    /// Adds a route for a set of methods (`HttpBaseRequest::GET | HttpBaseRequest::PUT`).
-    ///
-    /// `pattern` is a path whose segments are literal, `{name}` for any one segment that is
-    /// not empty, or, at the end, `{name*}` for all the rest. It is compared with the decoded
-    /// segments of the target, so that an encoded slash stays inside its segment; in the rest
-    /// the segments are joined by "/". Where several patterns fit, the one that is literal earlier
-    /// wins. A second handler for the same pattern and method replaces the first. Returns false,
-    /// and adds nothing, for a pattern that does not start with "/" or is malformed.
-    bool add(int methods, const std::string& pattern, Handler handler);
-
-    /// Responds to the request: 400 with the parse error of a bad request, 404 when no pattern
-    /// fits, 405 with `Allow` when the pattern has no handler for the method, otherwise by the
-    /// handler. HEAD is given to the handler of GET when it has none of its own.
-    void dispatch(Request& request) const;
+    /// A route for GET, and for HEAD unless that has its own.
+    Route& get(const std::string& pattern, Handler handler);
+    /// A route for POST.
+    Route& post(const std::string& pattern, Handler handler);
+    /// A route for PUT.
+    Route& put(const std::string& pattern, Handler handler);
+    /// A route for DELETE.
+    Route& del(const std::string& pattern, Handler handler);
+    /// A route for PATCH.
+    Route& patch(const std::string& pattern, Handler handler);
+    /// A route for HEAD.
+    Route& head(const std::string& pattern, Handler handler);
+    /// A route for OPTIONS.
+    Route& options(const std::string& pattern, Handler handler);
+    /// A route for all methods but CONNECT that have no handler of their own for this pattern.
+    Route& any(const std::string& pattern, Handler handler);
 
 private:
-    struct Segment
-    {
-        enum Kind { Literal, One, Rest } kind;
-        std::string text;  // of a literal
-    };
-    using Names = std::vector<std::string>;
-    using Values = std::vector<std::string>;
-
-    struct Target
-    {
-        Handler handler;
-        Names names;  // of the variable segments, in their order
-    };
-    struct Route
-    {
-        std::vector<Segment> segments;
-        std::map<int, Target> targets;  // one method each
-    };
-
-    static bool parse(const std::string& pattern, std::vector<Segment>& segments, Names& names);
-    static bool sameShape(const std::vector<Segment>& a, const std::vector<Segment>& b);
-    static bool matches(const Route& route, const std::vector<std::string>& path, Values& values);
-    static bool moreSpecific(const Route& a, const Route& b);
-    static int allowedMethods(const Route& route);
-    const Route* find(const std::vector<std::string>& path, Values& values) const;
-
-    std::vector<Route> mRoutes;
+    friend class ServerCore;
+    std::unique_ptr<RouteTable> mTable;
 };
 
 }  // namespace qv::kit

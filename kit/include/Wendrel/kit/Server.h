@@ -2,72 +2,106 @@
 #ifndef WENDREL_KIT_SERVER_H
 #define WENDREL_KIT_SERVER_H
 
-#include <Wendrel/kit/Application.h>
-
-#include <Wendrel/HttpServer.h>
+#include <Wendrel/ServerOptions.h>
+#include <Wendrel/kit/Request.h>
+#include <Wendrel/kit/Router.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace qv::kit
 {
 
-/// Initialises the library, owns the server and its application, and stops both in the order
-/// that loses nothing. Used by one thread.
+class ServerCore;
+
+/// Options of a server: those of the library, and these. A plain value.
+struct ServerOptions : http::ServerOptions
+{
+    /// Threads that run handlers, 1 to 1024. A handler occupies one until it returns.
+    unsigned workers = 16;
+    /// Requests that may wait for a worker; further ones get 503 with `Retry-After`.
+    size_t workerQueueLimit = 1024;
+    /// Bytes of a body that is received before its handler runs; 413 beyond it. See
+    /// `Route::maxBodyBytes`.
+    uint64_t maxBodyBytes = 1048576;
+    /// How long `run` gives running requests when it has been told to stop.
+    std::chrono::milliseconds stopTimeout{5000};
+};
+
+/// Owns routes, threads and connections: the one object that an application makes.
+///
+/// Any number of servers may exist in a process. A server is used by one thread, except where an
+/// operation says otherwise. The destructor stops it without waiting for running requests; objects
+/// that handlers use must outlive the server, or a `stop` before they are destroyed.
 class Server
 {
 public:
-    /// Initialises the library and takes the application over.
-    explicit Server(std::unique_ptr<Application> application);
-
-    /// Stops without waiting for running requests, unless stopped before.
+    /// With the default options. Initialises the library.
+    Server();
+    /// With `options`. Nothing is opened before `start` or `run`.
+    explicit Server(ServerOptions options);
+    /// As `stop` with a limit of 0.
     ~Server();
 
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    /// Starts and waits until the server listens. False when it could not (the log says why;
-    /// usually the port is in use) or did not within `limit`. A server can be started once.
-    bool start(const http::HttpServer::Parameters& parameters,
-               std::chrono::milliseconds limit = std::chrono::seconds(10));
+    /// Add routes before the server is started.
+    Router& router();
 
-    /// Starts in event-driven mode: slow clients and uploads cost no more memory than the options
-    /// allow, and clients that leave are noticed at once. WebSockets need the other mode. False
-    /// when the server could not start: `getHttpServer().getFailureReason()` says why. It can be
-    /// tried again, but not after a stop.
-    bool start(const http::ServerOptions& options);
+    /// The options; change them before the server is started.
+    ServerOptions& options();
 
-    /// Stops. Running requests have `limit` to get their responses; then the daemon is stopped,
-    /// which ends all others, and the workers are joined. During the limit new requests get 503, or
-    /// in event-driven mode their connections are closed. Returns whether every request got its
-    /// response. Workers that wait for a body notice the stop within two seconds; one that does
-    /// something else is waited for.
-    bool stop(std::chrono::milliseconds limit);
+    /// Serves `endpoint` ("127.0.0.1:8181"; see `http::ServerOptions::listen`) until SIGINT or
+    /// SIGTERM, then stops within `ServerOptions::stopTimeout`. Prints the URLs to standard output,
+    /// or to standard error why it cannot listen. Returns the exit status of the program: 0, or 1
+    /// when it could not listen. The signals are handled by this call alone while it runs; a second
+    /// signal ends the process.
+    int run(const std::string& endpoint);
 
-    /// The application, which is the server's.
-    Application& getApplication() { return *mApplication; }
+    /// The same with the endpoints of the options.
+    int run();
 
-    /// The library's server, for its state.
-    http::HttpServer& getHttpServer() { return *mServer; }
+    /// Starts, and returns when the server accepts connections: for a program with a main loop and
+    /// signals of its own. False when it could not: `failureReason` tells why, and it can be tried
+    /// again. Throws std::system_error when the system has no threads to give.
+    bool start(const std::string& endpoint);
+
+    /// The same with the endpoints of the options.
+    bool start();
+
+    /// Why the last `start` returned false: "cannot listen on 127.0.0.1:80: permission denied".
+    std::string failureReason() const;
+
+    /// Stops. No connection is accepted any more; running requests, deferred ones included, have
+    /// until `deadline` to get their responses. Those left are aborted then, and their `onGone`
+    /// called. Returns when all handlers have returned: true when no request was aborted. It can be
+    /// started again. Any thread but those of handlers and callbacks.
+    bool stop(std::chrono::milliseconds deadline);
+
+    /// Whether it accepts connections. Any thread.
+    bool isRunning() const;
+
+    /// The endpoints as they are bound: "127.0.0.1:8181". Any thread.
+    std::vector<std::string> endpoints() const;
+
+    /// The same as URLs: "http://127.0.0.1:8181/"; a Unix socket as its endpoint. Any thread.
+    std::vector<std::string> urls() const;
+
+    /// Requests so far. Any thread.
+    uint64_t requestCount() const;
+
+    /// Requests that are being received or served, those that wait for a deferred response
+    /// included. Any thread.
+    size_t openRequests() const;
 
 private:
-    Application* mApplication;  // owned by the server
-    std::unique_ptr<http::HttpServer> mServer;
-    bool mIsEventDriven = false;
-};
-
-/// Lets a program wait for the order to stop.
-///
-/// Make one at the start of main: it blocks SIGINT and SIGTERM in this thread and in all that
-/// are started after it, and ignores SIGPIPE.
-class StopSignal
-{
-public:
-    /// In main, before any thread is started.
-    StopSignal();
-
-    /// Waits for SIGINT or SIGTERM and returns its number.
-    int wait();
+    ServerOptions mOptions;
+    ServerCore* mCore;  // counted
 };
 
 }  // namespace qv::kit

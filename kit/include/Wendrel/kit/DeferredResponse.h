@@ -1,0 +1,123 @@
+/// Responses that come later, from any thread.
+#ifndef WENDREL_KIT_DEFERREDRESPONSE_H
+#define WENDREL_KIT_DEFERREDRESPONSE_H
+
+#include <Wendrel/kit/Responder.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+namespace qv::kit
+{
+
+class StreamQueue;
+
+/// The outcome of `DeferredStream::write`.
+enum class StreamWrite {
+    Taken,  ///< queued
+    Full,   ///< nothing queued: the client is slower than the application; see `onWritable`
+    Gone    ///< nothing queued: no byte reaches the client any more
+};
+
+/// The body of a deferred response, written from any thread. Made by
+/// `DeferredResponse::startStream`; movable; used by one thread at a time. Destroyed before
+/// `finish` the connection is closed in the middle of the body, with a line in the log that names
+/// the route.
+class DeferredStream
+{
+public:
+    /// Bytes that a queue holds unless told otherwise.
+    static constexpr size_t kDefaultQueueBytes = 65536;
+
+    /// Of no response: `write` returns Gone.
+    DeferredStream();
+    /// Leaves `other` without a response.
+    DeferredStream(DeferredStream&& other) noexcept;
+    /// As the destructor, then as the constructor.
+    DeferredStream& operator=(DeferredStream&& other) noexcept;
+    DeferredStream(const DeferredStream&) = delete;
+    DeferredStream& operator=(const DeferredStream&) = delete;
+    /// As above.
+    ~DeferredStream();
+
+    /// Queues `data` whole or not at all; never waits. An empty queue takes data of any size;
+    /// otherwise the queue takes what fits into its limit. For HEAD the data is discarded: Taken.
+    StreamWrite write(std::string_view data);
+
+    /// `callback` is called each time that the queue has fallen to half of its limit after a
+    /// `write` that returned Full; at once when that has happened already. It may write. It
+    /// replaces the one before. Thread: the daemon's, or the caller's; it must not wait. An
+    /// exception that leaves it is logged with the route.
+    void onWritable(std::function<void()> callback);
+
+    /// As `DeferredResponse::onGone`.
+    void onGone(std::function<void()> callback);
+
+    /// The body is complete. Queued bytes are sent.
+    void finish();
+
+    /// Bytes that are queued.
+    size_t queuedBytes() const;
+
+    /// Whether no byte reaches the client any more.
+    bool isGone() const;
+
+private:
+    friend class DeferredResponse;
+    DeferredStream(Exchange* exchange, std::shared_ptr<StreamQueue> queue);
+    void close();
+
+    Exchange* mExchange;
+    std::shared_ptr<StreamQueue> mQueue;
+};
+
+/// The response to one request, given later and from any thread. Made by `Request::defer`. Movable:
+/// keep it where the response will be known. It holds no thread; the request and its connection
+/// wait for it, until the client closes the connection, a deadline passes or the server stops.
+///
+/// It takes exactly one `reply...` or `startStream`. Destroyed without one it responds with 500 and
+/// logs a line that names the route. It may outlive the server: then it does nothing.
+class DeferredResponse : public Responder
+{
+public:
+    /// Of no request: `reply` returns false.
+    DeferredResponse() : Responder(nullptr) {}
+    /// Leaves `other` without a request.
+    DeferredResponse(DeferredResponse&& other) noexcept = default;
+    /// As the destructor, then as the constructor.
+    DeferredResponse& operator=(DeferredResponse&& other) noexcept;
+    /// As above.
+    ~DeferredResponse();
+
+    /// Sends the head; the body is written to the stream that is returned, whose queue holds at
+    /// most `queueBytes`. When no response can be sent any more, its `write` returns Gone.
+    DeferredStream startStream(const ContentType& type, int status = 200,
+                               size_t queueBytes = DeferredStream::kDefaultQueueBytes);
+
+    /// `callback` is called once when no response can reach the client any more although none, or
+    /// not all of it, has been sent: the client has closed the connection, the deadline has passed,
+    /// or the server stops; at once when that has happened already. It replaces the one before. It
+    /// is destroyed, uncalled, when the response has been sent whole.
+    ///
+    /// Thread: the daemon's, one of the server, or the caller's; it must not wait. No lock is held:
+    /// it may use this object if the application guards it. An exception that leaves it is logged
+    /// with the route.
+    void onGone(std::function<void()> callback);
+
+    /// Without a response within `limit` from now, the response is that of `replyError(status)`,
+    /// and `onGone` is called. It replaces the deadline before; a limit that is not positive
+    /// removes it. A stream that has been started in time has no deadline.
+    void setDeadline(std::chrono::milliseconds limit, int status = 503);
+
+private:
+    friend class Request;
+    explicit DeferredResponse(Exchange* exchange) : Responder(exchange) {}
+    void close();
+};
+
+}  // namespace qv::kit
+
+#endif

@@ -1,0 +1,692 @@
+// The way of a request: to its route, to its handler, to one response, to its end.
+
+#include "Exchange.h"
+
+#include "KitLog.h"
+#include "ReasonPhrase.h"
+#include "RouteTable.h"
+#include "ServerCore.h"
+
+#include <qvSystem/qvThread.h>
+
+#include <algorithm>
+#include <charconv>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr int kNoContent = 204;
+constexpr int kNotModified = 304;
+constexpr int kBadRequest = 400;
+constexpr int kNotFound = 404;
+constexpr int kMethodNotAllowed = 405;
+constexpr int kContentTooLarge = 413;
+constexpr int kServerError = 500;
+constexpr int kNotImplemented = 501;
+constexpr int kUnavailable = 503;
+constexpr int kMinStatus = 200;
+constexpr int kMaxStatus = 599;
+
+constexpr const char* kRetryAfterSeconds = "1";
+constexpr const char* kOtherException = "an exception that is no std::exception";
+constexpr size_t kPieceBytes = 65536;
+
+// A body up to this size is received before a request without a route is refused: the connection
+// can be used again.
+constexpr int64_t kMaxBodyOfRefusalBytes = 65536;
+
+bool isError(int status)
+{
+    return status >= kBadRequest && status <= kMaxStatus;
+}
+
+// A body whose length only the head knows, or nobody: it is not sent.
+std::unique_ptr<BodySource> makeNoBody()
+{
+    return BodySource::fromCallback([](uint64_t, char*, size_t) { return BodyRead{BodyRead::End}; },
+                                    BodyResumer());
+}
+
+std::unique_ptr<BodySource> makeText(std::string&& text)
+{
+    return BodySource::fromString(std::make_shared<const std::string>(std::move(text)));
+}
+
+}  // namespace
+
+void Exchange::Head::set(ResponseHead&& head, int status)
+{
+    mData = std::move(head);
+    mStatus = static_cast<uint32_t>(status);
+}
+
+Exchange::Exchange(ServerCore& core) : mCore(core)
+{
+    mCore.retain();
+}
+
+Exchange::~Exchange()
+{
+    mCore.release();
+}
+
+void Exchange::release()
+{
+    if (--mUsers == 0)
+        destroy(*this);
+}
+
+void Exchange::destroy(Exchange& exchange)
+{
+    // Takes the mutex that the daemon holds while it completes the request.
+    static_cast<void>(exchange.isCompleted());
+    delete &exchange;
+}
+
+std::string Exchange::routeName() const
+{
+    return mRoute ? mRoute->name()
+                  : RequestTypeToString(getRequestType()) + " " + getOriginalFullUrl();
+}
+
+void Exchange::log(std::string_view text, std::string_view detail) const noexcept
+{
+    try {
+        LogOfRoute(routeName(), text, detail);
+    } catch (...) {
+        // No memory for the name.
+    }
+}
+
+// For what the library calls: an exception would end the process.
+template <typename Action> void Exchange::guard(const Action& action) noexcept
+{
+    try {
+        action();
+    } catch (...) {
+        // There is no memory.
+        if (claim(By::Server))
+            breakOff();
+    }
+}
+
+void Exchange::begin()
+{
+    guard([this] {
+        Refusal refusal;
+        if (findRoute(refusal))
+            beginBody();
+        else
+            refuseAfterBody(std::move(refusal));
+    });
+}
+
+bool Exchange::findRoute(Refusal& refusal)
+{
+    const RequestType type = getRequestType();
+    if (hasParseError()) {
+        refusal.status = type == UNKNOWN_HTTP_METHOD ? kNotImplemented : kBadRequest;
+        refusal.message = getParseError();
+        return false;
+    }
+    const RouteTable& routes = mCore.routes();
+    const auto method = static_cast<Method>(type);
+    if (method == Method::Options && getOriginalFullUrl() == "*") {
+        refusal.status = kNoContent;
+        refusal.head.setHeader("Allow", routes.allowOfAll());
+        return false;
+    }
+    const RouteTable::Target* const target = routes.find(getUrl().pathSegments());
+    if (!target) {
+        refusal.status = kNotFound;
+        return false;
+    }
+    mRoute = target->find(method);
+    if (mRoute)
+        return true;
+    refusal.status = method == Method::Options ? kNoContent : kMethodNotAllowed;
+    refusal.head.setHeader("Allow", target->allow);
+    return false;
+}
+
+int64_t Exchange::declaredBodyBytes() const
+{
+    const std::list<std::string>* const values = getHeader("content-length");
+    if (!values)
+        return -1;
+    const std::string& text = values->front();
+    int64_t bytes = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), bytes);
+    const bool isWhole = error == std::errc() && end == text.data() + text.size();
+    return isWhole && bytes >= 0 ? bytes : -1;
+}
+
+bool Exchange::hasUpload() const
+{
+    return declaredBodyBytes() > 0 || getHeader("transfer-encoding");
+}
+
+uint64_t Exchange::bodyLimit() const
+{
+    if (mRoute->mHasMaxBodyBytes)
+        return mRoute->mMaxBodyBytes;
+    return mRoute->mIsStreaming ? UINT64_MAX : mCore.maxBodyBytes();
+}
+
+void Exchange::beginBody()
+{
+    mHasUpload = hasUpload();
+    if (!mHasUpload) {
+        if (mRoute->mIsStreaming)
+            dispatch();
+        return;
+    }
+    const uint64_t limit = bodyLimit();
+    const int64_t declared = declaredBodyBytes();
+    if (declared > 0 && static_cast<uint64_t>(declared) > limit) {
+        Refusal refusal;
+        refusal.status = kContentTooLarge;
+        refuse(std::move(refusal));
+    } else if (mRoute->mIsStreaming) {
+        dispatch();
+    } else {
+        // One byte more than allowed: the queue is full when the body is too large.
+        getReceiveDevice().setQueueLimit(limit == UINT64_MAX ? 0 : limit + 1);
+    }
+}
+
+void Exchange::onBodyComplete()
+{
+    guard([this] {
+        if (mRefusal)
+            refuse(std::move(*mRefusal));
+        else if (mRoute && !mIsDispatched && isOpen())
+            dispatch();
+    });
+}
+
+// The handler waits for the whole body, which cannot be received.
+void Exchange::onBodyPaused(uint64_t queuedBytes)
+{
+    if (mIsDispatched || !isOpen())
+        return;
+    getReceiveDevice().discardReceived();
+    guard([&] {
+        if (mRefusal) {
+            refuse(std::move(*mRefusal));
+        } else if (queuedBytes > bodyLimit()) {
+            Refusal refusal;
+            refusal.status = kContentTooLarge;
+            refuse(std::move(refusal));
+        } else {
+            refuseBusy();
+        }
+    });
+}
+
+void Exchange::refuse(Refusal&& refusal)
+{
+    if (isError(refusal.status)) {
+        respondError(By::Server, std::move(refusal.head), refusal.status, refusal.message);
+        return;
+    }
+    Response response;
+    response.head = std::move(refusal.head);
+    response.status = refusal.status;
+    response.source = makeText(std::string());
+    respond(By::Server, std::move(response));
+}
+
+void Exchange::refuseAfterBody(Refusal&& refusal)
+{
+    const int64_t declared = declaredBodyBytes();
+    const bool isShort = declared > 0 && declared <= kMaxBodyOfRefusalBytes;
+    if (isShort && !hasParseError() && !getHeader("expect") && !getHeader("transfer-encoding"))
+        mRefusal = std::make_unique<Refusal>(std::move(refusal));
+    else
+        refuse(std::move(refusal));
+}
+
+void Exchange::refuseBusy()
+{
+    Refusal refusal;
+    refusal.status = kUnavailable;
+    refusal.head.setHeader("Retry-After", kRetryAfterSeconds);
+    refuse(std::move(refusal));
+}
+
+void Exchange::dispatch()
+{
+    mIsDispatched = true;
+    if (!isOpen())
+        return;
+    if (mRoute->mResponseTimeout.count() > 0)
+        setDeadline(mRoute->mResponseTimeout, kUnavailable);
+    retain();
+    if (mRoute->mIsNonBlocking) {
+        serve();
+    } else if (!mCore.workers().submit(*this)) {
+        release();
+        refuseBusy();
+    }
+}
+
+// The one place where a handler is called.
+void Exchange::serve()
+{
+    if (isOpen())
+        callHandler();
+    release();
+}
+
+void Exchange::callHandler() noexcept
+{
+    guard([this] {
+        try {
+            {
+                Request request(*this);
+                mRoute->mHandler(request);
+            }
+            endHandler();
+        } catch (const HttpError& error) {
+            fail(isError(error.status()) ? error.status() : kServerError, error.what());
+        } catch (const std::exception& error) {
+            log("the handler failed: ", error.what());
+            fail(kServerError, std::string());
+        } catch (...) {
+            log("the handler failed: ", kOtherException);
+            fail(kServerError, std::string());
+        }
+    });
+    std::string().swap(mBody);
+    // A deferred response may wait for long.
+    if (mIsDeferred && !mRoute->mIsStreaming && mHasUpload)
+        getReceiveDevice().discardReceived();
+    if (mIsStream && !mIsStreamDiscarded)
+        workerThreadStopHandling(std::string());
+}
+
+void Exchange::endHandler()
+{
+    if (mIsStream) {
+        finish();
+    } else if (!mIsDeferred && isOpen()) {
+        log("the handler has not responded");
+        fail(kServerError, std::string());
+    }
+}
+
+void Exchange::fail(int status, const std::string& message)
+{
+    if (mIsStream)
+        abandonStream("handler failed");
+    else if (!mIsDeferred)
+        respondError(By::Server, ResponseHead(), status, message);
+}
+
+void Exchange::expire(int status)
+{
+    guard([&] { respondError(By::Deadline, ResponseHead(), status, std::string()); });
+    if (mBy == By::Deadline)
+        becomeGone();
+}
+
+void Exchange::endDeferred()
+{
+    // The application has forgotten the request, unless it is a stream now.
+    if (mBy == By::Nobody)
+        dropGoneCallback();
+    if (!isOpen())
+        return;
+    guard([this] {
+        if (respondError(By::Server, ResponseHead(), kServerError, std::string()))
+            log("the deferred response was destroyed without a response");
+    });
+}
+
+bool Exchange::hasNoBody(int status) const
+{
+    return getRequestType() == HEAD || status == kNoContent || status == kNotModified;
+}
+
+bool Exchange::claim(By by)
+{
+    By expected = By::Nobody;
+    if (!mBy.compare_exchange_strong(expected, by))
+        return false;
+    mCore.deadlines().remove(*this);
+    return true;
+}
+
+void Exchange::reportClaimed(By by) const
+{
+    if (by == By::Application && mBy == By::Application)
+        log("a second response was discarded");
+}
+
+// A response that is not possible becomes 500.
+bool Exchange::isSendable(By by, const Response& response)
+{
+    if (!response.head.error().empty())
+        log(response.head.error());
+    else if (response.status < kMinStatus || response.status > kMaxStatus)
+        log("impossible status ", std::to_string(response.status));
+    else if (!response.source)
+        log("the body source is null");
+    else
+        return true;
+    respondError(by, ResponseHead(), kServerError, std::string());
+    return false;
+}
+
+bool Exchange::respond(By by, Response&& response)
+{
+    if (response.type && *response.type->value().c_str() != '\0') {
+        // The type that is used unless another one is given does not replace a header.
+        static const std::string defaultType = ContentType::text().value();
+        const std::string& type = response.type->value();
+        if (type != defaultType || response.head.header("Content-Type").empty())
+            response.head.setHeader("Content-Type", type);
+    }
+    if (!isSendable(by, response))
+        return false;
+    if (!response.isStream) {
+        const bool isForHead = hasNoBody(response.status) && response.source->getLength() == 0 &&
+                               response.head.contentLength() >= 0;
+        if (isForHead)
+            response.source = makeNoBody();
+        else
+            response.head.setContentLength(-1);
+    }
+    if (!claim(by)) {
+        reportClaimed(by);
+        return false;
+    }
+    mHead.set(std::move(response.head), response.status);
+    const bool isSent = publish(std::move(response.source));
+    // Of a deferred response: nobody else calls this for the application.
+    if (by == By::Application && mIsDeferred && !response.isStream)
+        dropGoneCallback();
+    return isSent;
+}
+
+bool Exchange::respondError(By by, ResponseHead&& head, int status, const std::string& message)
+{
+    const int sent = isError(status) ? status : kServerError;
+    const ContentType type = ContentType::json();
+    Response response;
+    response.head = std::move(head);
+    response.status = sent;
+    response.type = &type;
+    response.source = makeText(ErrorBody(sent, message));
+    return respond(by, std::move(response));
+}
+
+bool Exchange::publish(std::unique_ptr<BodySource> source) noexcept
+{
+    try {
+        return publishSource(std::move(source));
+    } catch (...) {
+        breakOff();
+        return false;
+    }
+}
+
+bool Exchange::publishSource(std::unique_ptr<BodySource> source)
+{
+    HttpResponseDevice& device = getResponseDevice();
+    bool isTaken = device.setBodySource(std::move(source));
+    if (!isTaken && !device.hasDeviceError()) {
+        log("the body source was refused");
+        ResponseHead head;
+        head.setHeader("Content-Type", ContentType::json().value());
+        mHead.set(std::move(head), kServerError);
+        device.setBodySource(makeText(ErrorBody(kServerError, std::string())));
+    }
+    return device.setResponseReady() && isTaken;
+}
+
+// The library sends its own 500, or closes the connection.
+void Exchange::breakOff() noexcept
+{
+    try {
+        getResponseDevice().setDeviceError("no memory");
+        getResponseDevice().setResponseReady();
+    } catch (...) {
+        // A text of this size needs no memory.
+    }
+}
+
+void Exchange::onAborted(const std::string&)
+{
+    claim(By::Aborted);
+    becomeGone();
+}
+
+// With the mutex of the response device held.
+void Exchange::onCompleted(int)
+{
+    mCore.completed();
+    if (--mUsers == 0)
+        mCore.deleteLater(*this);
+}
+
+void Exchange::becomeGone()
+{
+    std::function<void()> callback;
+    {
+        const qvMutexLocker locker(&mGoneMutex);
+        if (mIsGone)
+            return;
+        mIsGone = true;
+        callback.swap(mGoneCallback);
+    }
+    if (callback)
+        callGone(callback);
+}
+
+void Exchange::callGone(const std::function<void()>& callback) const noexcept
+{
+    try {
+        callback();
+    } catch (const std::exception& error) {
+        log("the callback onGone failed: ", error.what());
+    } catch (...) {
+        log("the callback onGone failed: ", kOtherException);
+    }
+}
+
+void Exchange::setGoneCallback(std::function<void()> callback)
+{
+    {
+        const qvMutexLocker locker(&mGoneMutex);
+        if (!mIsGone) {
+            callback.swap(mGoneCallback);
+            return;
+        }
+    }
+    if (callback)
+        callGone(callback);
+}
+
+// What the callback holds is released without the mutex.
+void Exchange::dropGoneCallback()
+{
+    std::function<void()> dropped;
+    const qvMutexLocker locker(&mGoneMutex);
+    dropped.swap(mGoneCallback);
+}
+
+void Exchange::setDeadline(std::chrono::milliseconds limit, int status)
+{
+    constexpr std::chrono::milliseconds kMaxLimit = std::chrono::hours(24 * 365);
+    DeadlineQueue& deadlines = mCore.deadlines();
+    if (limit.count() <= 0) {
+        deadlines.remove(*this);
+        return;
+    }
+    deadlines.set(*this, DeadlineQueue::Clock::now() + std::min(limit, kMaxLimit), status);
+    // Whoever has responded since has found no deadline.
+    if (mBy != By::Nobody)
+        deadlines.remove(*this);
+}
+
+const std::string& Exchange::pathParameter(std::string_view name)
+{
+    for (const Route::Parameter& parameter : mRoute->mParameters) {
+        if (parameter.name != name)
+            continue;
+        const std::vector<std::string>& path = getUrl().pathSegments();
+        if (!parameter.isRest)
+            return path[parameter.segment];
+        mRest.clear();
+        for (size_t at = parameter.segment; at < path.size(); ++at)
+            mRest.append(at == parameter.segment ? "" : "/").append(path[at]);
+        return mRest;
+    }
+    throw std::logic_error("the route has no path parameter \"" + std::string(name) + "\"");
+}
+
+const std::string& Exchange::body()
+{
+    if (!mHasBody) {
+        mBody = readAll(mRoute->mHasMaxBodyBytes ? mRoute->mMaxBodyBytes : mCore.maxBodyBytes());
+        mHasBody = true;
+    }
+    return mBody;
+}
+
+size_t Exchange::readBody(char* buffer, size_t size)
+{
+    HttpReceiveDevice& device = getReceiveDevice();
+    const size_t got = device.readBytes(buffer, size);
+    if (got != size && device.hasDeviceError())
+        throw HttpError(kBadRequest, "the body has not been received");
+    mReadBytes += got;
+    if (mReadBytes > bodyLimit())
+        throw HttpError(kContentTooLarge);
+    return got;
+}
+
+std::string Exchange::readAll(uint64_t limitBytes)
+{
+    const int64_t declared = declaredBodyBytes();
+    if (declared > 0 && static_cast<uint64_t>(declared) > mReadBytes &&
+        static_cast<uint64_t>(declared) - mReadBytes > limitBytes)
+        throw HttpError(kContentTooLarge);
+    std::string text;
+    for (;;) {
+        const size_t have = text.size();
+        text.resize(have + kPieceBytes);
+        const size_t got = readBody(text.data() + have, kPieceBytes);
+        text.resize(have + got);
+        if (text.size() > limitBytes)
+            throw HttpError(kContentTooLarge);
+        if (got != kPieceBytes)
+            return text;
+    }
+}
+
+bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int status)
+{
+    if (mRoute->mIsNonBlocking) {
+        log("startStream refused: the route is nonBlocking");
+        return false;
+    }
+    const bool isDiscarded = hasNoBody(status);
+    Response response;
+    response.head = std::move(head);
+    response.status = status;
+    response.type = &type;
+    response.isStream = true;
+    response.source = makeNoBody();
+    if (isDiscarded) {
+        if (!respond(By::Application, std::move(response)))
+            return false;
+        mIsStream = mIsStreamDiscarded = true;
+        return true;
+    }
+    if (!type.value().empty())
+        response.head.setHeader("Content-Type", type.value());
+    if (!isSendable(By::Application, response))
+        return false;
+    const std::string thread = qvThread::CurrentThreadId();
+    if (!claim(By::Application)) {
+        reportClaimed(By::Application);
+        return false;
+    }
+    mIsStream = true;
+    mHead.set(std::move(response.head), status);
+    workerThreadStartHandling(thread);
+    return getResponseDevice().setResponseReady() && !getResponseDevice().hasDeviceError();
+}
+
+bool Exchange::write(std::string_view data)
+{
+    if (!mIsStream) {
+        log("write refused: startStream has not been called");
+        return false;
+    }
+    HttpResponseDevice& device = getResponseDevice();
+    if (mIsStreamDiscarded || mIsStreamEnded)
+        return !mIsStreamEnded && !device.hasDeviceError();
+    const int64_t declared = mHead.getContentLength();
+    if (declared >= 0 && data.size() > static_cast<uint64_t>(declared) - mWrittenBytes)
+        return false;
+    // In pieces, each of which waits for space: data of any size takes constant memory.
+    while (!data.empty()) {
+        const size_t piece = std::min(data.size(), kPieceBytes);
+        if (device.writeBytes(data.data(), piece) != piece)
+            return false;
+        mWrittenBytes += piece;
+        data.remove_prefix(piece);
+    }
+    return !device.hasDeviceError();
+}
+
+bool Exchange::flush()
+{
+    HttpResponseDevice& device = getResponseDevice();
+    if (!mIsStream || mIsStreamEnded)
+        return false;
+    if (!mIsStreamDiscarded)
+        device.flush();
+    return !device.hasDeviceError();
+}
+
+bool Exchange::finish()
+{
+    HttpResponseDevice& device = getResponseDevice();
+    if (!mIsStream || mIsStreamEnded)
+        return false;
+    if (!mIsStreamDiscarded) {
+        const int64_t declared = mHead.getContentLength();
+        if (declared >= 0 && mWrittenBytes != static_cast<uint64_t>(declared)) {
+            if (!device.hasDeviceError())
+                log("the body is shorter than declared");
+            abandonStream("body too short");
+            return false;
+        }
+        device.endSending();
+    }
+    mIsStreamEnded = true;
+    return !device.hasDeviceError();
+}
+
+// The client finds the connection closed in the middle of the body. A reason of this size needs no
+// memory.
+void Exchange::abandonStream(const char* why)
+{
+    if (mIsStreamEnded)
+        return;
+    mIsStreamEnded = true;
+    if (!mIsStreamDiscarded)
+        getResponseDevice().setDeviceError(why);
+}
+
+}  // namespace qv::kit

@@ -1,0 +1,195 @@
+// A request of the library with its response, for as long as anybody uses it.
+#ifndef WENDREL_KIT_SRC_EXCHANGE_H
+#define WENDREL_KIT_SRC_EXCHANGE_H
+
+#include "DeadlineQueue.h"
+
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/kit/Request.h>
+#include <Wendrel/kit/Router.h>
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qv::kit
+{
+
+class ServerCore;
+
+// Used by the daemon until it is completed, by its handler, by a deferred response or stream, and
+// by its deadline; each is counted. The last of them deletes it.
+class Exchange : public HttpBaseRequest, private HttpWaitListener
+{
+public:
+    // Who responds: the first that claims the response.
+    enum class By : uint8_t {
+        Nobody,
+        Application,
+        Server,  // a refusal, or a response that the application has not given
+        Deadline,
+        Aborted  // nobody any more
+    };
+
+    explicit Exchange(ServerCore& core);
+
+    void retain() { ++mUsers; }
+    // Any thread that holds no mutex of the request.
+    void release();
+    // Waits for the mutex under which the request has been completed. Any thread.
+    static void destroy(Exchange& exchange);
+
+    ServerCore& core() { return mCore; }
+    std::string routeName() const;
+    // A line that names the route. Any thread; nothing is thrown.
+    void log(std::string_view text, std::string_view detail = std::string_view()) const noexcept;
+
+    // The daemon thread.
+    void begin();
+    // A worker, or the daemon thread: calls the handler and sees to it that there is a response.
+    void serve();
+    // The thread of the deadlines.
+    void expire(int status);
+
+    // The response. Any thread. False when there is one, or none can be sent.
+    struct Response
+    {
+        ResponseHead head;
+        int status = 200;
+        const ContentType* type = nullptr;
+        std::unique_ptr<BodySource> source;
+        bool isStream = false;  // the application writes it later
+    };
+    bool respond(By by, Response&& response);
+    bool respondError(By by, ResponseHead&& head, int status, const std::string& message);
+    bool isOpen() const { return mBy == By::Nobody && !getResponseDevice().hasDeviceError(); }
+    bool hasNoBody(int status) const;
+    // By the application.
+    bool hasResponse() const { return mBy == By::Application; }
+    // The deferred response is destroyed.
+    void endDeferred();
+
+    // Any thread.
+    void setGoneCallback(std::function<void()> callback);
+    void dropGoneCallback();
+    bool isGone() const { return mIsGone; }
+    void setDeadline(std::chrono::milliseconds limit, int status);
+
+    // The handler's thread.
+    const std::string& pathParameter(std::string_view name);
+    const std::string& body();
+    size_t readBody(char* buffer, size_t size);
+    std::string readAll(uint64_t limitBytes);
+    int64_t declaredBodyBytes() const;
+    bool startStream(ResponseHead&& head, const ContentType& type, int status);
+    bool write(std::string_view data);
+    bool flush();
+    bool finish();
+    void noteDeferred() { mIsDeferred = true; }
+    bool isDeferred() const { return mIsDeferred; }
+
+private:
+    friend class DeadlineQueue;
+    friend class ServerCore;
+
+    // As the library wants it. Not changed after the response has been announced.
+    class Head : public HttpResponseInterface
+    {
+    public:
+        void set(ResponseHead&& head, int status);
+        const CookieMap& getCookies() override { return mData.cookies(); }
+        const HeaderMap& getHeaders() override { return mData.headers(); }
+        uint32_t getStatusCode() override { return mStatus; }
+        int64_t getContentLength() override { return mData.contentLength(); }
+        std::string describe() override { return std::to_string(mStatus); }
+
+    private:
+        ResponseHead mData;
+        uint32_t mStatus = 200;
+    };
+
+    ~Exchange() override;
+
+    HttpResponseInterface& getResponse() override { return mHead; }
+    HttpWaitListener& getWaitListener() override { return *this; }
+    void onWaitingForData() override {}
+    void onBodyComplete() override;
+    void onBodyPaused(uint64_t queuedBytes) override;
+    void onAborted(const std::string& reason) override;
+    void onCompleted(int terminationCode) override;
+
+    // A response without a handler.
+    struct Refusal
+    {
+        int status = 0;
+        ResponseHead head;
+        std::string message;
+    };
+
+    bool findRoute(Refusal& refusal);
+    void beginBody();
+    void refuse(Refusal&& refusal);
+    void refuseAfterBody(Refusal&& refusal);
+    void refuseBusy();
+    void dispatch();
+    bool hasUpload() const;
+    uint64_t bodyLimit() const;
+    template <typename Action> void guard(const Action& action) noexcept;
+
+    bool isSendable(By by, const Response& response);
+    bool claim(By by);
+    void reportClaimed(By by) const;
+    bool publish(std::unique_ptr<BodySource> source) noexcept;
+    bool publishSource(std::unique_ptr<BodySource> source);
+    void breakOff() noexcept;
+    void callHandler() noexcept;
+    void endHandler();
+    void fail(int status, const std::string& message);
+    void abandonStream(const char* why);
+    void becomeGone();
+    void callGone(const std::function<void()>& callback) const noexcept;
+
+    ServerCore& mCore;
+    const Route* mRoute = nullptr;
+    std::atomic<uint32_t> mUsers{1};  // the daemon
+    std::atomic<By> mBy{By::Nobody};
+    std::atomic<bool> mIsGone{false};
+    std::unique_ptr<Refusal> mRefusal;  // that follows the body; the daemon thread's
+    bool mHasUpload = false;            // the daemon thread's until the handler runs
+    bool mIsDispatched = false;         // the daemon thread's
+    Head mHead;
+
+    // The handler's thread.
+    bool mIsDeferred = false;
+    bool mHasBody = false;
+    bool mIsStream = false;  // a worker writes the response
+    bool mIsStreamEnded = false;
+    bool mIsStreamDiscarded = false;
+    uint64_t mWrittenBytes = 0;
+    uint64_t mReadBytes = 0;
+    std::string mBody;
+    std::string mRest;  // of the path
+
+    qvMutex mGoneMutex;
+    std::function<void()> mGoneCallback QV_GUARDED_BY(mGoneMutex);
+
+    // Guarded by the mutex of the deadlines; the flag is also looked at without.
+    std::atomic<bool> mHasDeadline{false};
+    DeadlineQueue::Entries::iterator mDeadline;
+
+    Exchange* mNextOver = nullptr;
+};
+
+}  // namespace qv::kit
+
+#endif

@@ -1,0 +1,170 @@
+// Start, stop, and the end of requests.
+
+#include "ServerCore.h"
+
+#include "Exchange.h"
+#include "RouteTable.h"
+
+#include <Wendrel/WebSocket.h>
+
+#include <qvSystem/Rollback.h>
+
+#include <utility>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr const char* kErrorBody = R"({"error":"Internal Server Error","status":500})";
+constexpr unsigned kMaxWorkers = 1024;
+
+std::string whyImpossible(const ServerOptions& options)
+{
+    if (options.workers == 0 || options.workers > kMaxWorkers)
+        return "ServerOptions::workers: " + std::to_string(options.workers) +
+               " is not between 1 and " + std::to_string(kMaxWorkers);
+    return std::string();
+}
+
+}  // namespace
+
+// The library's interface: all that it calls is an operation of the request.
+class ServerCore::Application : public http::HttpServerImpl
+{
+public:
+    explicit Application(ServerCore& core) : mCore(core) { setErrorBody(kErrorBody); }
+
+    HttpBaseRequest* createRequest() override { return &mCore.create(); }
+
+    void handleRequest(HttpBaseRequest* request) override
+    {
+        static_cast<Exchange*>(request)->begin();
+    }
+
+    void onRequestCompleted() override {}
+    void onServerStopped() override {}
+
+    // Polling mode only.
+    void onNewWebSocket(http::WebSocket* socket) override
+    {
+        const std::unique_ptr<http::WebSocket> taken(socket);
+        taken->markForDeletion();
+    }
+
+private:
+    ServerCore& mCore;
+};
+
+ServerCore::ServerCore()
+    : mDeadlines([this] { deleteRequests(); }), mWorkers([](Exchange& e) { serveOnWorker(e); })
+{
+    auto application = std::make_unique<Application>(*this);
+    mServer = std::make_unique<http::HttpServer>(application.get());
+    static_cast<void>(application.release());  // the server's
+}
+
+ServerCore::~ServerCore() = default;
+
+void ServerCore::release()
+{
+    if (--mUsers == 0)
+        delete this;
+}
+
+void ServerCore::serveOnWorker(Exchange& exchange)
+{
+    ServerCore& core = exchange.core();
+    exchange.serve();
+    // The worker is one of the core: it is still there.
+    core.deleteRequests();
+}
+
+bool ServerCore::startThreads(const ServerOptions& options)
+{
+    Rollback started([this] { stopThreads(); });
+    mDeadlines.start();
+    mWorkers.start(options.workers, options.workerQueueLimit);
+    const bool serves = mServer->serve(options, sizeof(http::ServerOptions));
+    if (serves)
+        started.commit();
+    return serves;
+}
+
+void ServerCore::stopThreads()
+{
+    mWorkers.stop();
+    mDeadlines.stop();
+    deleteRequests();
+}
+
+bool ServerCore::start(const ServerOptions& options)
+{
+    const qvMutexLocker locker(&mMutex);
+    std::string failure = mIsStarted ? "the server is not stopped" : whyImpossible(options);
+    if (failure.empty()) {
+        mRouter.mTable->freeze();
+        mMaxBodyBytes = options.maxBodyBytes;
+        if (startThreads(options))
+            mIsStarted = true;
+        else
+            failure = mServer->getFailureReason();
+    }
+    const bool isStarted = failure.empty();
+    const qvMutexLocker reasonLocker(&mReasonMutex);
+    mFailureReason = std::move(failure);
+    return isStarted;
+}
+
+bool ServerCore::stop(std::chrono::milliseconds deadline)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (!mIsStarted)
+        return true;
+    // The workers go on until every request is completed.
+    const bool drained = mServer->shutDown(deadline);
+    stopThreads();
+    mIsStarted = false;
+    return drained;
+}
+
+void ServerCore::close()
+{
+    stop(std::chrono::milliseconds(0));
+    mServer.reset();
+}
+
+std::string ServerCore::failureReason() const
+{
+    const qvMutexLocker locker(&mReasonMutex);
+    return mFailureReason;
+}
+
+Exchange& ServerCore::create()
+{
+    ++mRequestCount;
+    auto* const exchange = new Exchange(*this);
+    ++mOpenRequests;
+    return *exchange;
+}
+
+void ServerCore::deleteLater(Exchange& exchange)
+{
+    Exchange* first = mOver.load(std::memory_order_relaxed);
+    do {
+        exchange.mNextOver = first;
+    } while (!mOver.compare_exchange_weak(first, &exchange, std::memory_order_release,
+                                          std::memory_order_relaxed));
+    mDeadlines.requestDeletion();
+}
+
+void ServerCore::deleteRequests()
+{
+    if (!mOver.load(std::memory_order_relaxed))
+        return;
+    Exchange* exchange = mOver.exchange(nullptr, std::memory_order_acquire);
+    while (exchange)
+        Exchange::destroy(*std::exchange(exchange, exchange->mNextOver));
+}
+
+}  // namespace qv::kit

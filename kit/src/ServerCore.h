@@ -1,0 +1,91 @@
+// What the requests of a server share.
+#ifndef WENDREL_KIT_SRC_SERVERCORE_H
+#define WENDREL_KIT_SRC_SERVERCORE_H
+
+#include "DeadlineQueue.h"
+#include "WorkerPool.h"
+
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/kit/Router.h>
+#include <Wendrel/kit/Server.h>
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace qv::kit
+{
+
+class Exchange;
+class RouteTable;
+
+// Counted by the server and by each request that is not deleted: a deferred response may outlive
+// the server.
+class ServerCore
+{
+public:
+    ServerCore();
+    ServerCore(const ServerCore&) = delete;
+    ServerCore& operator=(const ServerCore&) = delete;
+
+    void retain() { ++mUsers; }
+    void release();
+
+    // The server's owner.
+    Router& router() { return mRouter; }
+    bool start(const ServerOptions& options);
+    bool stop(std::chrono::milliseconds deadline);
+    // Nothing serves any more; the server's owner does not use it again.
+    void close();
+    std::string failureReason() const;
+    const http::HttpServer& httpServer() const { return *mServer; }
+
+    // The requests.
+    const RouteTable& routes() const { return *mRouter.mTable; }
+    DeadlineQueue& deadlines() { return mDeadlines; }
+    WorkerPool& workers() { return mWorkers; }
+    uint64_t maxBodyBytes() const { return mMaxBodyBytes; }
+    uint64_t requestCount() const { return mRequestCount; }
+    size_t openRequests() const { return mOpenRequests; }
+
+    // A new request. Thread: the daemon's.
+    Exchange& create();
+    // The daemon has completed a request. Under the mutex of its response device.
+    void completed() { --mOpenRequests; }
+    // Deletes the request when no mutex is held any more. Thread: the daemon's.
+    void deleteLater(Exchange& exchange);
+    // Deletes those.
+    void deleteRequests();
+
+private:
+    class Application;
+
+    ~ServerCore();
+    static void serveOnWorker(Exchange& exchange);
+    bool startThreads(const ServerOptions& options);
+    void stopThreads();
+
+    Router mRouter;
+    std::atomic<size_t> mUsers{1};
+    std::atomic<uint64_t> mRequestCount{0};
+    std::atomic<size_t> mOpenRequests{0};
+    std::atomic<Exchange*> mOver{nullptr};  // requests to be deleted
+    std::atomic<uint64_t> mMaxBodyBytes{0};
+    qvMutex mMutex;  // held by start and stop
+    bool mIsStarted QV_GUARDED_BY(mMutex) = false;
+    mutable qvMutex mReasonMutex;
+    std::string mFailureReason QV_GUARDED_BY(mReasonMutex);
+    DeadlineQueue mDeadlines;
+    WorkerPool mWorkers;
+    std::unique_ptr<http::HttpServer> mServer;
+};
+
+}  // namespace qv::kit
+
+#endif

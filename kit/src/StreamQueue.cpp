@@ -1,0 +1,223 @@
+// A bounded queue of bytes: written without waiting, read by the daemon thread.
+
+#include "StreamQueue.h"
+
+#include "Exchange.h"
+#include "KitLog.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace qv::kit
+{
+namespace
+{
+
+// An empty queue keeps no more memory than this: thousands of streams wait most of their time.
+constexpr size_t kMaxKeptBytes = 1024;
+
+// Closes the queue when the library destroys the source, which it does before the end of the
+// request.
+class Closer
+{
+public:
+    Closer(std::shared_ptr<StreamQueue> queue, Exchange& exchange)
+        : mQueue(std::move(queue)), mExchange(exchange)
+    {}
+
+    ~Closer()
+    {
+        mQueue->close();
+        // The body has been sent; otherwise the callback is called.
+        if (!mExchange.getResponseDevice().hasDeviceError())
+            mExchange.dropGoneCallback();
+    }
+
+    Closer(const Closer&) = delete;
+    Closer& operator=(const Closer&) = delete;
+
+private:
+    const std::shared_ptr<StreamQueue> mQueue;
+    Exchange& mExchange;
+};
+
+}  // namespace
+
+StreamQueue::StreamQueue(std::string route, size_t limitBytes, bool isDiscarded)
+    : mRoute(std::move(route)), mLimitBytes(limitBytes), mIsDiscarded(isDiscarded)
+{}
+
+std::unique_ptr<BodySource> StreamQueue::makeSource(const std::shared_ptr<StreamQueue>& queue,
+                                                    Exchange& exchange)
+{
+    StreamQueue* const self = queue.get();
+    return BodySource::fromCallback(
+        [self, closer = std::make_shared<Closer>(queue, exchange)](
+            uint64_t, char* buffer, size_t size) { return self->read(buffer, size); },
+        queue->mResumer);
+}
+
+StreamWrite StreamQueue::write(std::string_view data)
+{
+    bool resumes = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mIsFinished)
+            return StreamWrite::Gone;
+        if (mIsDiscarded)
+            return StreamWrite::Taken;
+        if (mIsClosed)
+            return StreamWrite::Gone;
+        const size_t queued = queuedLocked();
+        if (queued != 0 && (queued > mLimitBytes || data.size() > mLimitBytes - queued)) {
+            mWasFull = true;
+            return StreamWrite::Full;
+        }
+        // What has been sent is removed when it is at least half, so that each byte moves once.
+        if (mOffset != 0 && mOffset >= queued) {
+            mBytes.erase(0, mOffset);
+            mOffset = 0;
+        }
+        mBytes.append(data);
+        resumes = !data.empty() && std::exchange(mIsWaiting, false);
+    }
+    if (resumes)
+        mResumer.resume();
+    return StreamWrite::Taken;
+}
+
+bool StreamQueue::mayWriteAgain() const
+{
+    return mWasFull && !mIsClosed && !mIsFinished && queuedLocked() <= mLimitBytes / 2;
+}
+
+void StreamQueue::onWritable(std::function<void()> callback)
+{
+    Callback replaced;
+    if (callback)
+        replaced = std::make_shared<const std::function<void()>>(std::move(callback));
+    const Callback kept = replaced;
+    bool isDue = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        mOnWritable.swap(replaced);
+        isDue = kept && mayWriteAgain();
+        if (isDue)
+            mWasFull = false;
+    }
+    if (isDue)
+        call(kept);
+}
+
+void StreamQueue::finish()
+{
+    Callback dropped;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mIsFinished)
+            return;
+        mIsFinished = true;
+        dropped.swap(mOnWritable);
+        mIsWaiting = false;
+    }
+    mResumer.resume();
+}
+
+bool StreamQueue::fail()
+{
+    Callback dropped;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mIsFinished || mIsClosed)
+            return false;
+        mIsFinished = true;
+        mHasFailed = true;
+        dropped.swap(mOnWritable);
+        mIsWaiting = false;
+    }
+    mResumer.resume();
+    return true;
+}
+
+bool StreamQueue::isFinished() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mIsFinished;
+}
+
+size_t StreamQueue::queuedBytes() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return queuedLocked();
+}
+
+void StreamQueue::close()
+{
+    std::string released;
+    Callback dropped;  // destroyed without the mutex
+    const qvMutexLocker locker(&mMutex);
+    mIsClosed = true;
+    mOffset = 0;
+    released.swap(mBytes);
+    dropped.swap(mOnWritable);
+}
+
+bool StreamQueue::isClosed() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mIsClosed && !mIsDiscarded;
+}
+
+// The daemon thread.
+BodyRead StreamQueue::read(char* buffer, size_t size)
+{
+    BodyRead part{BodyRead::NotYet};
+    Callback writable;
+    {
+        const qvMutexLocker locker(&mMutex);
+        part = takeLocked(buffer, size);
+        if (mOnWritable && mayWriteAgain()) {
+            mWasFull = false;
+            writable = mOnWritable;
+        }
+    }
+    if (writable)
+        call(writable);
+    return part;
+}
+
+BodyRead StreamQueue::takeLocked(char* buffer, size_t size)
+{
+    if (mHasFailed)
+        return {BodyRead::Failed};
+    const size_t part = std::min(size, queuedLocked());
+    if (part == 0) {
+        mIsWaiting = !mIsFinished;
+        return {mIsFinished ? BodyRead::End : BodyRead::NotYet};
+    }
+    std::memcpy(buffer, mBytes.data() + mOffset, part);
+    mOffset += part;
+    if (mOffset == mBytes.size()) {
+        mOffset = 0;
+        if (mBytes.capacity() > kMaxKeptBytes)
+            std::string().swap(mBytes);
+        else
+            mBytes.clear();
+    }
+    return {BodyRead::Data, part};
+}
+
+void StreamQueue::call(const Callback& callback) const
+{
+    try {
+        (*callback)();
+    } catch (const std::exception& error) {
+        LogOfRoute(mRoute, "the callback onWritable failed: ", error.what());
+    } catch (...) {
+        LogOfRoute(mRoute,
+                   "the callback onWritable failed: ", "an exception that is no std::exception");
+    }
+}
+
+}  // namespace qv::kit
