@@ -1,4 +1,4 @@
-// The pages of the benchmark, served on the daemon threads.
+// The pages of the benchmark, served with the library only.
 
 #include "server/InlineApplication.h"
 
@@ -27,7 +27,8 @@ constexpr std::chrono::milliseconds kLastWordsLimit(1000);
 
 bool mustWait(const Question& question, const InlineRequest& request)
 {
-    return question.page == Page::Upload || (question.page == Page::Echo && request.hasBody()) ||
+    return question.page == Page::Upload || question.page == Page::SlowUpload ||
+           (question.page == Page::Echo && request.hasBody()) ||
            (question.page == Page::Stream && question.number > kUnreadLimitBytes);
 }
 
@@ -44,8 +45,8 @@ public:
 }  // namespace
 
 InlineApplication::InlineApplication(const Options& options)
-    : mLends(!options.polling), mHub({.workers = options.workers}),
-      mPool(options.workers, kMaxConnections)
+    : mLends(!options.polling), mUsesPool(options.mode == Mode::Worker),
+      mHub({.workers = options.workers}), mPool(options.workers, kMaxConnections)
 {
     if (options.webSocket && !options.polling)
         mWebSocketEcho = std::make_unique<WebSocketEcho>(options, mPool);
@@ -68,7 +69,7 @@ void InlineApplication::handleRequest(qv::HttpBaseRequest* base)
         request->serveText(std::to_string(countWaiting()));
     else if (question.page == Page::Release)
         request->serveText(std::to_string(releaseWaiting()));
-    else if (!mustWait(question, *request))
+    else if (!mUsesPool && !mustWait(question, *request))
         request->serve(question);
     else if (!mPool.submit([request, question] { request->serve(question); }))
         request->serve(Question{});

@@ -1,14 +1,14 @@
-// The pages of the benchmark, served on the daemon threads.
+// The pages of the benchmark, served with the library only: on the daemon threads, or by a pool.
 #ifndef BENCH_SERVER_INLINEAPPLICATION_H
 #define BENCH_SERVER_INLINEAPPLICATION_H
 
+#include "server/Pool.h"
 #include "server/RequestBins.h"
 #include "server/WebSocketEcho.h"
 #include "support/Options.h"
 
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/kit/WebSocketHub.h>
-#include <Wendrel/kit/WorkerPool.h>
 
 #include <cstddef>
 #include <memory>
@@ -20,7 +20,7 @@ namespace bench
 
 // Completes each response inside `handleRequest`, except two that would wait there for their own
 // thread: a stream larger than the response device accepts without waiting, and an upload, which is
-// not received while `handleRequest` runs. A pool serves these.
+// not received while `handleRequest` runs. A pool serves these, and in mode `worker` all.
 class InlineApplication : public qv::http::HttpServerImpl
 {
 public:
@@ -38,11 +38,12 @@ private:
     size_t releaseWaiting();
 
     const bool mLends;
+    const bool mUsesPool;
     RequestBins mBins;
     std::mutex mMutex;
     std::vector<InlineRequest*> mWaiting;  // under mMutex; not served, so not deleted either
     qv::kit::WebSocketHub mHub;
-    qv::kit::WorkerPool mPool;                      // its threads use requests
+    Pool mPool;                                     // its threads use requests
     std::unique_ptr<WebSocketEcho> mWebSocketEcho;  // null: polling mode, or not wanted
 };
 

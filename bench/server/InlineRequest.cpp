@@ -28,6 +28,7 @@ constexpr uint32_t kNotFoundStatus = 404;
 constexpr uint32_t kTooLarge = 413;
 constexpr uint32_t kNotImplemented = 501;
 constexpr uint64_t kMaxEchoBytes = 67108864;
+constexpr uint64_t kSlowBytesPerMicrosecond = 20;
 
 const qv::HttpResponseInterface::HeaderMap kHeaders = {
     {"content-type", {"Content-Type", kContentType}}};
@@ -69,6 +70,8 @@ Question InlineRequest::getQuestion() const
     const std::string& path = getUrl().path();
     if (path == "/" || path == "/echo" || getOriginalFullUrl() == "*")
         return {Page::Echo};
+    if (path == "/slow-upload")
+        return {Page::SlowUpload};
     if (path == "/ws")
         return {Page::WebSocket};
     if (path == "/wait")
@@ -144,6 +147,9 @@ void InlineRequest::serve(const Question& question)
     case Page::Upload:
         countUpload();
         break;
+    case Page::SlowUpload:
+        countSlowly();
+        break;
     case Page::Echo:
         echo();
         break;
@@ -199,6 +205,19 @@ void InlineRequest::stream(uint64_t bytes)
 void InlineRequest::countUpload()
 {
     reply(kOk, std::to_string(readBody([](const char*, size_t) {})));
+}
+
+// As a slow disk would.
+void InlineRequest::countSlowly()
+{
+    uint64_t bytes = 0;
+    const auto start = std::chrono::steady_clock::now();
+    readBody([&](const char*, size_t size) {
+        bytes += size;
+        std::this_thread::sleep_until(start +
+                                      std::chrono::microseconds(bytes / kSlowBytesPerMicrosecond));
+    });
+    reply(kOk, std::to_string(bytes));
 }
 
 void InlineRequest::echo()

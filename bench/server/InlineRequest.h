@@ -78,6 +78,7 @@ private:
     void replyBig();
     void stream(uint64_t bytes);
     void countUpload();
+    void countSlowly();
     void echo();
     uint64_t readBody(const std::function<void(const char*, size_t)>& take);
     void onWaitingForData() override;

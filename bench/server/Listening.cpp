@@ -35,13 +35,7 @@ bool startPolling(qv::http::HttpServer& server, const Options& options)
 
 bool serve(qv::http::HttpServer& server, const Options& options)
 {
-    qv::http::ServerOptions serving;
-    serving.listen = options.listen;
-    if (options.port != 0)
-        serving.listen = {"127.0.0.1:" + std::to_string(options.port)};
-    serving.threads = options.threads;
-    serving.maxConnections = kMaxConnections;
-    if (!server.serve(serving)) {
+    if (!server.serve(servingOptions(options))) {
         std::cerr << "wendrel-bench-server: " << server.getFailureReason() << std::endl;
         return false;
     }
@@ -51,6 +45,17 @@ bool serve(qv::http::HttpServer& server, const Options& options)
 }
 
 }  // namespace
+
+qv::http::ServerOptions servingOptions(const Options& options)
+{
+    qv::http::ServerOptions serving;
+    serving.listen = options.listen;
+    if (options.port != 0)
+        serving.listen = {"127.0.0.1:" + std::to_string(options.port)};
+    serving.threads = options.threads;
+    serving.maxConnections = kMaxConnections;
+    return serving;
+}
 
 bool startServer(qv::http::HttpServer& server, const Options& options)
 {

@@ -9,6 +9,9 @@
 namespace bench
 {
 
+// The options of event-driven mode.
+qv::http::ServerOptions servingOptions(const Options& options);
+
 // Starts the server and prints its endpoints; false, with the reason printed, when it cannot
 // listen.
 bool startServer(qv::http::HttpServer& server, const Options& options);

@@ -29,7 +29,7 @@ class Handler : public websocket::SessionHandler
     }
 };
 
-websocket::WebSocketOptions optionsOf(const Options& options, qv::kit::WorkerPool& pool)
+websocket::WebSocketOptions optionsOf(const Options& options, Pool& pool)
 {
     websocket::WebSocketOptions made;
     made.maxMessageBytes = kMaxMessageBytes;
@@ -44,7 +44,7 @@ websocket::WebSocketOptions optionsOf(const Options& options, qv::kit::WorkerPoo
 
 }  // namespace
 
-WebSocketEcho::WebSocketEcho(const Options& options, qv::kit::WorkerPool& pool)
+WebSocketEcho::WebSocketEcho(const Options& options, Pool& pool)
     : mOptions(std::make_shared<websocket::WebSocketOptions>(optionsOf(options, pool))),
       mHandler(std::make_shared<Handler>()),
       mEngine({.loops = options.threads, .memoryBudgetBytes = kBudgetBytes})

@@ -3,9 +3,9 @@
 #define BENCH_SERVER_WEBSOCKETECHO_H
 
 #include "server/InlineRequest.h"
+#include "server/Pool.h"
 #include "support/Options.h"
 
-#include <Wendrel/kit/WorkerPool.h>
 #include <Wendrel/kit/websocket/Engine.h>
 
 #include <chrono>
@@ -19,7 +19,7 @@ class WebSocketEcho
 {
 public:
     // The pool outlives the object.
-    WebSocketEcho(const Options& options, qv::kit::WorkerPool& pool);
+    WebSocketEcho(const Options& options, Pool& pool);
 
     // Responds to a handshake. Thread: the daemon's.
     void serve(InlineRequest& request);

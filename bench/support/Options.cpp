@@ -22,15 +22,18 @@ constexpr const char* kPages =
 
 bool parseOptions(int argc, char** argv, const Program& program, Options& options, int& exitCode)
 {
-    const std::map<std::string, Mode> modes = {{"inline", Mode::Inline}, {"worker", Mode::Worker}};
+    const std::map<std::string, Mode> modes = {
+        {"inline", Mode::Inline}, {"worker", Mode::Worker}, {"kit", Mode::Kit}};
+    std::vector<std::string> names = {"inline", "worker"};
+    if (program.hasKit)
+        names.emplace_back("kit");
     std::string mode = "inline";
     CLI::App app(kPages + program.about, program.name);
     app.option_defaults()->always_capture_default();
     CLI::Option* const port = app.add_option("--port", options.port, "TCP port to listen on")
                                   ->type_name("NUMBER")
                                   ->check(CLI::Range(1, 65535));
-    app.add_option("--mode", mode, "Where requests are served")
-        ->check(CLI::IsMember({"inline", "worker"}));
+    app.add_option("--mode", mode, "Where requests are served")->check(CLI::IsMember(names));
     app.add_option("--workers", options.workers, "Threads of the pool that serves requests")
         ->type_name("NUMBER")
         ->check(CLI::Range(1U, kMaxThreads));

@@ -11,7 +11,8 @@ namespace bench
 
 enum class Mode {
     Inline,  // served on the thread that has read the request
-    Worker   // handed to a pool of threads
+    Worker,  // handed to a pool of threads
+    Kit      // served by the kit; this library only
 };
 
 struct Options
@@ -34,6 +35,7 @@ struct Program
     std::string about;
     bool hasEndpoints = false;  // --listen, --polling and --deflate
     bool canSuspend = false;    // --suspend
+    bool hasKit = false;        // --mode kit
 };
 
 // False: the process must exit with `exitCode`; the message has been printed.

@@ -16,6 +16,7 @@ enum class Page {
     Slow,
     Upload,
     // Of this library's server only.
+    SlowUpload,
     Echo,       // responds with the request's body
     WebSocket,  // the handshake
     Wait,       // responds when Release is requested

@@ -1,0 +1,163 @@
+// The pages of the benchmark as an application of the kit has them.
+
+#include "server/KitServer.h"
+
+#include "server/Listening.h"
+#include "support/Content.h"
+#include "support/Question.h"
+#include "support/StopSignal.h"
+
+#include <Wendrel/kit/Server.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace bench
+{
+namespace
+{
+
+using qv::kit::ContentType;
+using qv::kit::DeferredResponse;
+using qv::kit::Request;
+
+constexpr int kNotFoundStatus = 404;
+constexpr uint64_t kSlowBytesPerMicrosecond = 20;
+constexpr uint64_t kMaxEchoBytes = 67108864;
+constexpr std::chrono::milliseconds kStopLimit(2000);
+
+const ContentType kType(kContentType);
+
+Question questionOf(const Request& request, Page page)
+{
+    const std::string& value = request.query(argumentName(page));
+    return value.empty() ? Question() : makeQuestion(page, value);
+}
+
+void stream(Request& request)
+{
+    const Question question = questionOf(request, Page::Stream);
+    if (question.page == Page::NotFound) {
+        request.reply(kNotFoundStatus, kNotFound, kType);
+        return;
+    }
+    request.startStream(kType);
+    for (uint64_t left = question.number; left > 0;) {
+        const size_t part = std::min<uint64_t>(left, kPieceBytes);
+        if (!request.write(std::string_view(streamPiece()).substr(0, part)))
+            return;
+        left -= part;
+    }
+}
+
+void respondSlowly(Request& request)
+{
+    const Question question = questionOf(request, Page::Slow);
+    if (question.page == Page::NotFound) {
+        request.reply(kNotFoundStatus, kNotFound, kType);
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(question.number));
+    request.reply(kHello, kType);
+}
+
+// `isSlow`: as a slow disk would.
+void countUpload(Request& request, bool isSlow)
+{
+    std::array<char, kPieceBytes> piece;
+    uint64_t bytes = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (const size_t got = request.readBody(piece.data(), piece.size())) {
+        bytes += got;
+        if (isSlow)
+            std::this_thread::sleep_until(
+                start + std::chrono::microseconds(bytes / kSlowBytesPerMicrosecond));
+    }
+    request.reply(std::to_string(bytes), kType);
+}
+
+// Requests that wait for /release.
+class Waiting
+{
+public:
+    void add(DeferredResponse later)
+    {
+        const std::lock_guard locker(mMutex);
+        mResponses.push_back(std::move(later));
+    }
+
+    size_t count()
+    {
+        const std::lock_guard locker(mMutex);
+        return mResponses.size();
+    }
+
+    size_t release()
+    {
+        std::vector<DeferredResponse> released;
+        {
+            const std::lock_guard locker(mMutex);
+            released.swap(mResponses);
+        }
+        for (DeferredResponse& response : released)
+            response.reply(kHello, kType);
+        return released.size();
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<DeferredResponse> mResponses;  // under mMutex
+};
+
+void addRoutes(qv::kit::Router& router, Waiting& waiting)
+{
+    router.get("/hello", [](Request& request) { request.reply(kHello, kType); });
+    router.get("/ping", [](Request& request) { request.reply(kHello, kType); }).nonBlocking();
+    router.get("/big", [body = std::make_shared<const std::string>(bigBody())](Request& request) {
+        request.reply(body, kType);
+    });
+    router.get("/stream", stream);
+    router.get("/slow", respondSlowly);
+    router.post("/upload", [](Request& request) { countUpload(request, false); }).streaming();
+    router.post("/slow-upload", [](Request& request) { countUpload(request, true); }).streaming();
+    for (const char* path : {"/", "/echo"})
+        router.any(path, [](Request& request) { request.reply(request.body(), kType); })
+            .maxBodyBytes(kMaxEchoBytes);
+    router.get("/wait", [&](Request& request) { waiting.add(request.defer()); }).nonBlocking();
+    router.get("/waiting",
+               [&](Request& request) { request.reply(std::to_string(waiting.count())); });
+    router.get("/release",
+               [&](Request& request) { request.reply(std::to_string(waiting.release())); });
+}
+
+}  // namespace
+
+bool serveWithKit(const Options& options)
+{
+    StopSignal stopSignal;
+    qv::kit::ServerOptions serving;
+    static_cast<qv::http::ServerOptions&>(serving) = servingOptions(options);
+    serving.workers = options.workers;
+    Waiting waiting;
+    qv::kit::Server server(serving);
+    addRoutes(server.router(), waiting);
+    if (!server.start()) {
+        std::cerr << "wendrel-bench-server: " << server.failureReason() << std::endl;
+        return false;
+    }
+    for (const std::string& endpoint : server.endpoints())
+        std::cout << "listening on " << endpoint << std::endl;
+    stopSignal.wait();
+    server.stop(kStopLimit);
+    return true;
+}
+
+}  // namespace bench
