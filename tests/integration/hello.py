@@ -20,10 +20,10 @@ class Hello(unittest.TestCase):
 
     def start(self):
         port = free_port()
-        process = Process(self.program, str(port))
+        process = Process(self.program, f"127.0.0.1:{port}")
         self.addCleanup(process.kill)
         # Lines of the library's log stand around it.
-        process.wait_line(rf"http://127\.0\.0\.1:{port}/hello/world$")
+        process.wait_line(rf"http://127\.0\.0\.1:{port}/$")
         connection = http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
         self.addCleanup(connection.close)
         return process, connection
@@ -50,13 +50,13 @@ class Hello(unittest.TestCase):
         for target in ("/", "/hello", "/hello/", "/hello/a/b", "/Hello/a"):
             response, text = self.ask(connection, "GET", target)
             self.assertEqual(response.status, 404, target)
-            self.assertEqual(text, '{"error":"There is nothing at this address.","status":404}')
+            self.assertEqual(text, '{"error":"Not Found","status":404}')
             self.assertEqual(response.getheader("Content-Type"), "application/json")
 
-        for method in ("DELETE", "OPTIONS", "POST"):
+        for method, status in (("DELETE", 405), ("OPTIONS", 204), ("POST", 405)):
             response, _ = self.ask(connection, method, "/hello/world")
-            self.assertEqual(response.status, 405, method)
-            self.assertEqual(response.getheader("Allow"), "GET,HEAD")
+            self.assertEqual(response.status, status, method)
+            self.assertEqual(response.getheader("Allow"), "GET, HEAD, OPTIONS")
 
     def test_stops_cleanly_on_a_signal(self):
         for number in (signal.SIGTERM, signal.SIGINT):
@@ -71,11 +71,13 @@ class Hello(unittest.TestCase):
             taken.bind(("127.0.0.1", 0))
             taken.listen()
             port = taken.getsockname()[1]
-            process = subprocess.run([self.program, str(port)], capture_output=True, text=True,
+            endpoint = f"127.0.0.1:{port}"
+            process = subprocess.run([self.program, endpoint], capture_output=True, text=True,
                                      timeout=LIMIT_SECONDS)
         self.assertEqual(process.returncode, 1)
         self.assertNotIn("http://", process.stdout)
-        self.assertEqual(process.stderr, f"hello: cannot listen on port {port}\n")
+        self.assertEqual(process.stderr,
+                         f"cannot listen on {endpoint}: address already in use\n")
 
 
 if __name__ == "__main__":

@@ -4,12 +4,16 @@ wendrel_test_program(integration_kit
     SOURCES
         main.cpp
         support/ProcessCounts.cpp support/RawClient.cpp
-        KitLoad.cpp KitServer.cpp KitWebSocketStops.cpp KitWebSockets.cpp
+        KitBodies.cpp KitDeferred.cpp KitDeferredStress.cpp KitResponses.cpp KitRouting.cpp
+        KitScale.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl)
-gtest_discover_tests(integration_kit
-    TEST_PREFIX event_driven.kit.
-    TEST_FILTER "KitServer.*:KitLoad.*:-*Upgraded*"
-    DISCOVERY_TIMEOUT 120
-    PROPERTIES TIMEOUT 900 ENVIRONMENT "WENDREL_TEST_MODE=event-driven")
+
+# The hub, on the kit of polling mode until the chat does without it.
+wendrel_test_program(integration_kit_hub
+    SOURCES
+        main.cpp
+        support/ProcessCounts.cpp support/RawClient.cpp
+        KitWebSocketStops.cpp KitWebSockets.cpp
+    LIBRARIES Wendrel::KitOld CURL::libcurl)
 
 include(hello.cmake)

@@ -2,5 +2,5 @@
 # the C library.
 
 wendrel_test_program(integration_locks
-    SOURCES main.cpp support/CurlClient.cpp support/Pattern.cpp locks/ProcessWideLocks.cpp
+    SOURCES main.cpp support/CurlClient.cpp support/Pattern.cpp support/RawClient.cpp locks/ProcessWideLocks.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl ${CMAKE_DL_LIBS})

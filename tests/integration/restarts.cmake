@@ -14,7 +14,7 @@ wendrel_test_program(integration_restart
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
         restarts/Clients.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
-    LIBRARIES Wendrel::Kit CURL::libcurl
+    LIBRARIES Wendrel::KitOld CURL::libcurl
     TIMEOUT 1800 SERIAL)
 target_compile_definitions(integration_restart PRIVATE
     WENDREL_RESTART_ROUNDS=${restart_rounds} WENDREL_SANITIZED=${restart_sanitized})
