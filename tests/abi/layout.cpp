@@ -118,6 +118,7 @@ WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
 WENDREL_PLACE(qv::HttpBaseRequest, onBodyComplete, 5);
 WENDREL_PLACE(qv::HttpBaseRequest, onAborted, 6);
 WENDREL_PLACE(qv::HttpBaseRequest, onUpgraded, 7);
+WENDREL_PLACE(qv::HttpBaseRequest, onBodyPaused, 8);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
 

@@ -54,6 +54,13 @@ void EventRequest::onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection
         takeUpgraded(std::move(connection));
 }
 
+void EventRequest::onBodyPaused(uint64_t queuedBytes)
+{
+    EXPECT_EQ(completions, 0);
+    pausedBytes = queuedBytes;
+    ++pauses;
+}
+
 std::string EventRequest::abortReason() const
 {
     const std::lock_guard<std::mutex> lock(mMutex);

@@ -29,6 +29,7 @@ public:
     void onAborted(const std::string& reason) override;
     void onCompleted(int terminationCode) override;
     void onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection) override;
+    void onBodyPaused(uint64_t queuedBytes) override;
 
     /// The reason of `onAborted`; empty before.
     std::string abortReason() const;
@@ -40,6 +41,8 @@ public:
     std::atomic<int> aborts{0};
     std::atomic<int> completions{0};
     std::atomic<int> upgrades{0};
+    std::atomic<int> pauses{0};
+    std::atomic<uint64_t> pausedBytes{0};  ///< of the last pause
     std::atomic<int> code{-1};
 
     /// Takes the upgraded connection, which is closed without it. Set before the announcement.
