@@ -17,11 +17,11 @@ namespace
 {
 
 using qv::HttpBaseRequest;
-using qv::kit::Request;
 
 // How long those who are still sent something at the end have to take it.
 constexpr std::chrono::milliseconds kLastWordsLimit(1000);
 
+constexpr const char* kErrorBody = "{\"error\":\"The server failed.\",\"status\":500}";
 constexpr const char* kPolicy = "default-src 'none'; script-src 'self'; style-src 'self'; "
                                 "img-src blob:; connect-src 'self' ws: wss:; base-uri 'none'; "
                                 "form-action 'none'; frame-ancestors 'none'";
@@ -30,46 +30,54 @@ constexpr const char* kPolicy = "default-src 'none'; script-src 'self'; style-sr
 
 Chat::Chat()
 {
-    addRoutes();
+    setErrorBody(kErrorBody);
 }
 
-Chat::~Chat()
+void Chat::handleRequest(HttpBaseRequest* base)
 {
-    stopWorkers();
+    auto& request = static_cast<PageRequest&>(*base);
+    request.addHeader("Content-Security-Policy", kPolicy);
+    request.addHeader("X-Content-Type-Options", "nosniff");
+    request.addHeader("Referrer-Policy", "no-referrer");
+    request.addHeader("Cache-Control", "no-store");
+    const HttpBaseRequest::RequestType type = request.getRequestType();
+    if (request.hasParseError()) {
+        request.replyError(type == HttpBaseRequest::UNKNOWN_HTTP_METHOD ? 501 : 400,
+                           request.getParseError());
+    } else if (type == HttpBaseRequest::GET || type == HttpBaseRequest::HEAD) {
+        serve(request, request.getUrl().path());
+    } else {
+        request.addHeader("Allow", "GET,HEAD");
+        request.replyError(405, "The method is not allowed here.");
+    }
 }
 
-void Chat::addRoutes()
+void Chat::serve(PageRequest& request, const std::string& path)
 {
-    const auto addAsset = [this](const char* path, const char* type, std::string_view bytes) {
-        getRouter().add(HttpBaseRequest::GET, path, [type, bytes](Request& request) {
-            request.reply(200, type, std::string(bytes));
-        });
-    };
-    addAsset("/", "text/html; charset=utf-8", kPage);
-    addAsset("/chat.js", "text/javascript; charset=utf-8", kScript);
-    addAsset("/chat.css", "text/css; charset=utf-8", kStyle);
-    getRouter().add(HttpBaseRequest::GET, "/api/status", [this](Request& request) {
-        const nlohmann::json status = {{"connections", mHub.getCount()},
-                                       {"people", mRooms.getPeopleCount()},
-                                       {"rooms", mRooms.getRoomCount()}};
-        request.reply(200, "application/json", status.dump());
-    });
-    // A request for an upgrade that is not spelt as the library wants it ends up here.
-    getRouter().add(HttpBaseRequest::GET, "/live", [](Request& request) {
-        request.getHead().setHeader("Upgrade", "WebSocket");
+    if (path == "/") {
+        request.reply(200, "text/html; charset=utf-8", std::string(kPage));
+    } else if (path == "/chat.js") {
+        request.reply(200, "text/javascript; charset=utf-8", std::string(kScript));
+    } else if (path == "/chat.css") {
+        request.reply(200, "text/css; charset=utf-8", std::string(kStyle));
+    } else if (path == "/api/status") {
+        sendStatus(request);
+    } else if (path == "/live") {
+        // A request for an upgrade that is not spelt as the library wants it.
+        request.addHeader("Upgrade", "WebSocket");
         request.replyError(426, "Only a connection upgraded to a WebSocket is served here; "
                                 "browsers need the proxy of deploy/ for that.");
-    });
+    } else {
+        request.replyError(404, "There is no such page.");
+    }
 }
 
-void Chat::serve(Request& request)
+void Chat::sendStatus(PageRequest& request)
 {
-    qv::kit::ResponseHead& head = request.getHead();
-    head.setHeader("Content-Security-Policy", kPolicy);
-    head.setHeader("X-Content-Type-Options", "nosniff");
-    head.setHeader("Referrer-Policy", "no-referrer");
-    head.setHeader("Cache-Control", "no-store");
-    Application::serve(request);
+    const nlohmann::json status = {{"connections", mHub.getCount()},
+                                   {"people", mRooms.getPeopleCount()},
+                                   {"rooms", mRooms.getRoomCount()}};
+    request.reply(200, "application/json", status.dump());
 }
 
 void Chat::onNewWebSocket(qv::http::WebSocket* socket)
@@ -81,7 +89,6 @@ void Chat::onNewWebSocket(qv::http::WebSocket* socket)
 void Chat::onServerStopped()
 {
     mHub.close(kLastWordsLimit);
-    Application::onServerStopped();
 }
 
 }  // namespace chat

@@ -2,13 +2,14 @@
 
 #include "Chat.h"
 
+#include <Wendrel/HttpServer.h>
 #include <Wendrel/Wendrel.h>
-#include <Wendrel/kit/Server.h>
 #include <qvSystem/qvLog.h>
 
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <iostream>
 #include <memory>
@@ -17,7 +18,7 @@
 namespace
 {
 
-constexpr std::chrono::milliseconds kStopLimit(5000);
+constexpr std::chrono::seconds kStartLimit(10);
 
 struct Options
 {
@@ -49,13 +50,56 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
     return true;
 }
 
+// SIGINT and SIGTERM are blocked in this thread and in all that it starts.
+sigset_t blockStopSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    return signals;
+}
+
+// The library, up as long as this is.
+class Library
+{
+public:
+    Library() { qv::initializeWendrel(); }
+    ~Library() { qv::terminateWendrel(); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+};
+
+int serve(const Options& options, const sigset_t& signals)
+{
+    const Library library;
+    qv::http::HttpServer server(std::make_unique<chat::Chat>().release());  // the server owns it
+    qv::http::HttpServer::Parameters parameters;
+    parameters.port = options.port;
+    parameters.listenOnAllInterfaces = options.allInterfaces;
+    parameters.allowWebSocket = true;
+    server.startServer(parameters);
+    if (!server.waitUntilRunning(kStartLimit)) {
+        std::cerr << "wendrel-chat: cannot serve on port " << options.port
+                  << "; is it in use? Choose another one with --port" << std::endl;
+        return 1;
+    }
+    std::cout << "Chatting at http://127.0.0.1:" << options.port << "/" << std::endl;
+    int signal = 0;
+    sigwait(&signals, &signal);
+    server.stopServer(true);
+    return 0;
+}
+
 }  // namespace
 
 // An exception at the start ends the process with its text.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // before any thread
+    const sigset_t signals = blockStopSignals();
     Options options;
     int exitCode = 0;
     if (!parseOptions(argc, argv, options, exitCode))
@@ -63,19 +107,5 @@ int main(int argc, char** argv)
     qv::qvLog log;
     log.addSink(qv::MakeStandardErrorSink());
     log.install();
-
-    qv::kit::Server server(std::make_unique<chat::Chat>());
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = options.port;
-    parameters.listenOnAllInterfaces = options.allInterfaces;
-    parameters.allowWebSocket = true;
-    if (!server.start(parameters)) {
-        std::cerr << "wendrel-chat: cannot serve on port " << options.port
-                  << "; is it in use? Choose another one with --port" << std::endl;
-        return 1;
-    }
-    std::cout << "Chatting at http://127.0.0.1:" << options.port << "/" << std::endl;
-    stopSignal.wait();
-    server.stop(kStopLimit);
-    return 0;
+    return serve(options, signals);
 }
