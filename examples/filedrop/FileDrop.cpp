@@ -1,13 +1,16 @@
-// The handlers of filedrop. Each runs on a worker, which serves nothing else meanwhile.
+// The handlers of filedrop.
 
 #include "FileDrop.h"
 
+#include "AccessLine.h"
 #include "ByteSize.h"
+#include "Download.h"
 #include "FileName.h"
 #include "HttpText.h"
 #include "Log.h"
 #include "Page.h"
 
+#include <Wendrel/BodySource.h>
 #include <Wendrel/Wendrel.h>
 #include <qvSystem/LibInitCounter.h>
 #include <qvSystem/qvLog.h>
@@ -18,9 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <list>
 #include <optional>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -30,16 +31,17 @@ namespace filedrop
 namespace
 {
 
-using qv::HttpBaseRequest;
+using qv::kit::ContentType;
+using qv::kit::HttpError;
+using qv::kit::Method;
 using qv::kit::Request;
 
-constexpr const char* kJson = "application/json";
 constexpr const char* kPolicy = "default-src 'none'; frame-ancestors 'none'";
 constexpr const char* kFilePolicy = "default-src 'none'; frame-ancestors 'none'; sandbox";
-constexpr const char* kBusy = "The server is busy with other transfers. Try again in a moment.";
+constexpr const char* kBusy = "The server is busy with other uploads. Try again in a moment.";
 
-constexpr size_t kReadBytes = 65536;      // a chunk of the response device
-constexpr uint64_t kSmallBytes = 262144;  // accepted by the response device without waiting
+constexpr size_t kBlockBytes = 65536;
+constexpr uint64_t kMaxDiscardedBytes = 64u << 20;
 constexpr uint32_t kWorkersPerFreeOne = 8;
 
 int64_t slotsOf(uint32_t workers)
@@ -47,34 +49,21 @@ int64_t slotsOf(uint32_t workers)
     return std::max<int64_t>(1, workers - std::max(1u, workers / kWorkersPerFreeOne));
 }
 
-qv::kit::Application::Options optionsOf(const Settings& settings)
+std::optional<std::string> presentHeader(const Request& request, const char* name)
 {
-    qv::kit::Application::Options options;
-    options.workers = settings.workers;
-    return options;
-}
-
-// The library splits list headers; the parsers here want them as they were.
-std::optional<std::string> joinedHeader(const Request& request, const char* name)
-{
-    const std::list<std::string>* values = request.getHeader(name);
-    if (values == nullptr)
-        return std::nullopt;
-    std::string joined;
-    for (const std::string& value : *values)
-        joined += (joined.empty() ? "" : ", ") + value;
-    return joined;
+    const std::string& value = request.header(name);
+    return value.empty() ? std::nullopt : std::make_optional(value);
 }
 
 Conditions conditionsOf(const Request& request)
 {
     Conditions conditions;
-    conditions.ifNoneMatch = joinedHeader(request, "if-none-match");
-    conditions.ifModifiedSince = joinedHeader(request, "if-modified-since");
+    conditions.ifNoneMatch = presentHeader(request, "if-none-match");
+    conditions.ifModifiedSince = presentHeader(request, "if-modified-since");
     // A range has a meaning for GET alone.
-    if (request.getRequestType() == HttpBaseRequest::GET) {
-        conditions.ifRange = joinedHeader(request, "if-range");
-        conditions.range = joinedHeader(request, "range");
+    if (request.method() == Method::Get) {
+        conditions.ifRange = presentHeader(request, "if-range");
+        conditions.range = presentHeader(request, "range");
     }
     return conditions;
 }
@@ -90,43 +79,81 @@ std::string errorText(int error)
     return strerror_r(error, buffer, sizeof buffer);
 }
 
-// Reads until `size` bytes are there; fewer when the file ends before or cannot be read.
-size_t readAt(int fd, char* buffer, size_t size, uint64_t offset)
+const std::string& usableName(const Request& request)
 {
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = pread(fd, buffer + got, size - got, static_cast<off_t>(offset + got));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        got += static_cast<size_t>(n);
-    }
-    return got;
-}
-
-// True when the name can be used; otherwise the client has been told why not.
-bool checkName(Request& request, const std::string& name)
-{
+    const std::string& name = request.pathParameter("name");
     const std::string refusal = refusalOfName(name);
     if (!refusal.empty())
-        request.replyError(400, refusal);
-    return refusal.empty();
+        throw HttpError(400, refusal);
+    return name;
+}
+
+HttpError tooLarge(uint64_t limit)
+{
+    return HttpError(413, "The file is larger than the " + formatByteSize(limit) +
+                              " that this server takes.");
+}
+
+// The client gets a general text; the error of the system is only logged.
+HttpError failure(StoreResult result, const std::string& what)
+{
+    const int error = errno;
+    switch (result) {
+    case StoreResult::NotFound:
+        return HttpError(404, "There is no such file.");
+    case StoreResult::NameTaken:
+        return HttpError(409, "The name is taken by something that is not a file.");
+    case StoreResult::NameTooLong:
+        return HttpError(400, "The name is too long for this server's file system.");
+    case StoreResult::NoSpace:
+        writeLog(qv::qvLog::Warning, what + ": " + errorText(error));
+        return HttpError(507, "The server has no space left for this file.");
+    default:
+        writeLog(qv::qvLog::Error, what + ": " + errorText(error));
+        return HttpError(500, "The server cannot do this at the moment; its log says why.");
+    }
+}
+
+// Many clients read no response before they have sent everything: without this they would find the
+// connection closed instead of the reason.
+void discardRest(Request& request)
+{
+    try {
+        std::vector<char> block(kBlockBytes);
+        uint64_t discarded = 0;
+        while (discarded < kMaxDiscardedBytes) {
+            const size_t got = request.readBody(block.data(), block.size());
+            if (got == 0)
+                return;
+            discarded += got;
+        }
+    } catch (const HttpError&) {
+        // The connection is closed: nobody waits for the reason.
+    }
+}
+
+void setCommonHeaders(Request& request)
+{
+    request.setHeader("X-Content-Type-Options", "nosniff");
+    request.setHeader("Content-Security-Policy", kPolicy);
+    request.setHeader("Referrer-Policy", "no-referrer");
+    request.setHeader("Cross-Origin-Resource-Policy", "same-origin");
+    request.setHeader("Cache-Control", "no-store");
 }
 
 }  // namespace
 
-// The right to keep a worker for as long as a transfer lasts.
-class FileDrop::TransferSlot
+// The right to keep a worker for as long as an upload lasts.
+class FileDrop::UploadSlot
 {
 public:
-    explicit TransferSlot(std::atomic<int64_t>& freeSlots)
+    explicit UploadSlot(std::atomic<int64_t>& freeSlots)
         : mFreeSlots(freeSlots), mTaken(--freeSlots >= 0)
     {}
 
-    ~TransferSlot() { ++mFreeSlots; }
-    TransferSlot(const TransferSlot&) = delete;
-    TransferSlot& operator=(const TransferSlot&) = delete;
+    ~UploadSlot() { ++mFreeSlots; }
+    UploadSlot(const UploadSlot&) = delete;
+    UploadSlot& operator=(const UploadSlot&) = delete;
 
     bool isTaken() const { return mTaken; }
 
@@ -135,87 +162,73 @@ private:
     const bool mTaken;
 };
 
+// For the line in the log.
+struct FileDrop::Outcome
+{
+    int status = 0;  // 0: the line is written when the response ends
+    bool isSent = true;
+    uint64_t bytes = 0;
+};
+
 FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
-    : Application(optionsOf(settings)), mStore(std::move(store)), mSettings(settings),
-      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.workers)),
-      mLive([this] { return listText(); })
+    : mStore(std::move(store)), mMaxUploadBytes(settings.maxUploadBytes),
+      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.server.workers)),
+      mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
     addRoutes();
 }
 
-FileDrop::~FileDrop()
+bool FileDrop::stop(std::chrono::milliseconds limit)
 {
-    stopWorkers();
+    mLive.close();
+    return mServer.stop(limit);
 }
 
 void FileDrop::addRoutes()
 {
-    const auto add = [this](int method, const char* pattern,
-                            void (FileDrop::*handler)(DropRequest&)) {
-        getRouter().add(method, pattern, [this, handler](Request& request) {
-            (this->*handler)(static_cast<DropRequest&>(request));
-        });
-    };
-    add(HttpBaseRequest::GET, "/", &FileDrop::sendPage);
-    add(HttpBaseRequest::GET, "/api/files", &FileDrop::sendList);
-    add(HttpBaseRequest::GET, "/live", &FileDrop::refuseLive);
-    add(HttpBaseRequest::GET, "/api/status", &FileDrop::sendStatus);
-    add(HttpBaseRequest::GET, "/files/{name}", &FileDrop::sendFile);
-    add(HttpBaseRequest::PUT, "/files/{name}", &FileDrop::receiveFile);
-    add(HttpBaseRequest::DELETE, "/files/{name}", &FileDrop::deleteFile);
+    qv::kit::Router& router = mServer.router();
+    router.get("/", handlerOf(&FileDrop::sendPage)).nonBlocking();
+    router.get("/api/files", handlerOf(&FileDrop::sendList));
+    router.get("/live", handlerOf(&FileDrop::listen));
+    router.get("/api/status", handlerOf(&FileDrop::sendStatus)).nonBlocking();
+    router.get("/files/{name}", handlerOf(&FileDrop::sendFile));
+    router.put("/files/{name}", handlerOf(&FileDrop::receiveFile)).streaming();
+    router.del("/files/{name}", handlerOf(&FileDrop::deleteFile));
+    router.get("/{path*}", handlerOf(&FileDrop::refuseOther)).nonBlocking();
 }
 
-Request* FileDrop::newRequest()
+qv::kit::Handler FileDrop::handlerOf(Handler handler)
 {
-    return new DropRequest;  // the kit owns it
+    return [this, handler](Request& request) { serve(handler, request); };
 }
 
-void FileDrop::serve(Request& request)
+void FileDrop::serve(Handler handler, Request& request)
 {
-    const int64_t startedMs = qv::qvSystemUtils::GetTimeBaseMs();
-    qv::kit::ResponseHead& head = request.getHead();
-    head.setHeader("X-Content-Type-Options", "nosniff");
-    head.setHeader("Content-Security-Policy", kPolicy);
-    head.setHeader("Referrer-Policy", "no-referrer");
-    head.setHeader("Cross-Origin-Resource-Policy", "same-origin");
-    head.setHeader("Cache-Control", "no-store");
-    Application::serve(request);
-    mBytesOut += static_cast<DropRequest&>(request).takeNewlyWritten();
-    const bool lost = request.getResponseDevice().hasDeviceError();
-    writeLog(qv::qvLog::Information,
-             request.getClientAddress().toString() + " " +
-                 HttpBaseRequest::RequestTypeToString(request.getRequestType()) + " " +
-                 request.getOriginalFullUrl() + " " +
-                 (lost ? "lost" : std::to_string(head.getStatusCode())) + " " +
-                 std::to_string(request.getResponseDevice().getSentBytes()) + " bytes " +
-                 std::to_string(qv::qvSystemUtils::GetTimeBaseMs() - startedMs) + " ms");
+    const AccessLine line(request);
+    setCommonHeaders(request);
+    Outcome outcome;
+    try {
+        outcome = (this->*handler)(request);
+    } catch (const HttpError& error) {
+        outcome = {error.status(), request.replyError(error.status(), error.what())};
+    }
+    if (outcome.status != 0)
+        line.write(outcome.status, outcome.isSent, outcome.bytes);
 }
 
-void FileDrop::sendPage(DropRequest& request)
+FileDrop::Outcome FileDrop::respond(Request& request, int status, std::string body,
+                                    const ContentType& type)
+{
+    const uint64_t bytes = request.method() == Method::Head ? 0 : body.size();
+    mBytesOut += bytes;
+    return {status, request.reply(status, std::move(body), type), bytes};
+}
+
+FileDrop::Outcome FileDrop::sendPage(Request& request)
 {
     const std::string nonce = makeNonce();
-    request.getHead().setHeader("Content-Security-Policy", pagePolicy(nonce));
-    request.reply(200, "text/html; charset=utf-8", pageWithNonce(nonce));
-}
-
-void FileDrop::onNewWebSocket(qv::http::WebSocket* socket)
-{
-    mLive.add(socket);
-}
-
-// The connections must be closed while the daemon is still there to close them.
-void FileDrop::onServerStopped()
-{
-    mLive.close();
-    Application::onServerStopped();
-}
-
-// Receives upgrade requests in a spelling that the library does not accept.
-void FileDrop::refuseLive(DropRequest& request)
-{
-    request.getHead().setHeader("Upgrade", "WebSocket");
-    request.replyError(426, "Only a connection upgraded to a WebSocket is served here; browsers "
-                            "need the proxy of deploy/ for that.");
+    request.setHeader("Content-Security-Policy", pagePolicy(nonce));
+    return respond(request, 200, pageWithNonce(nonce), ContentType::html());
 }
 
 // None when the directory cannot be read.
@@ -234,201 +247,161 @@ std::optional<std::string> FileDrop::listText() const
     return nlohmann::json({{"files", std::move(list)}}).dump();
 }
 
-void FileDrop::sendList(DropRequest& request)
+FileDrop::Outcome FileDrop::sendList(Request& request)
 {
-    if (const auto text = listText())
-        request.reply(200, kJson, *text);
-    else
-        respondFailure(request, StoreResult::Failed, "the directory cannot be read");
+    std::optional<std::string> text = listText();
+    if (!text)
+        throw failure(StoreResult::Failed, "the directory cannot be read");
+    return respond(request, 200, std::move(*text), ContentType::json());
 }
 
-void FileDrop::sendStatus(DropRequest& request)
+FileDrop::Outcome FileDrop::listen(Request& request)
+{
+    mLive.add(request);
+    return {};
+}
+
+FileDrop::Outcome FileDrop::sendStatus(Request& request)
 {
     const nlohmann::json status = {
         {"version", Wendrel::Version::GetDescStringMajorMinorReleaseRevision(false, false)},
         {"uptimeSeconds", (qv::qvSystemUtils::GetTimeBaseMs() - mStartedMs) / 1000},
-        {"requests", getRequestCount()},
-        {"openRequests", getOpenCount()},
+        {"requests", mServer.requestCount()},
+        {"openRequests", mServer.openRequests()},
         {"bytesIn", mBytesIn.load()},
         {"bytesOut", mBytesOut.load()},
         {"thirdParty", qv::GetThirdPartyLibVersionInfos()},
     };
-    request.reply(200, kJson, status.dump());
+    return respond(request, 200, status.dump(), ContentType::json());
 }
 
-void FileDrop::sendFile(DropRequest& request)
+FileDrop::Outcome FileDrop::sendFile(Request& request)
 {
-    const std::string& name = request.getPathParameter("name");
-    if (!checkName(request, name))
-        return;
+    const std::string& name = usableName(request);
     Descriptor fd;
     FileInfo info;
     const StoreResult result = mStore->openFile(name, fd, info);
-    if (result == StoreResult::Done)
-        sendContent(request, fd.get(), info);
-    else
-        respondFailure(request, result, "'" + name + "' cannot be opened");
+    if (result != StoreResult::Done)
+        throw failure(result, "'" + name + "' cannot be opened");
+    return sendContent(request, std::move(fd), info);
 }
 
-void FileDrop::sendContent(DropRequest& request, int fd, const FileInfo& info)
+FileDrop::Outcome FileDrop::sendContent(Request& request, Descriptor fd, const FileInfo& info)
 {
     const Validators validators = {
         makeETag(info.inode, info.size, info.modifiedSeconds, info.modifiedNanoseconds),
         info.modifiedSeconds};
     const Conditions conditions = conditionsOf(request);
-    qv::kit::ResponseHead& head = request.getHead();
-    head.setHeader("ETag", validators.etag);
-    head.setHeader("Last-Modified", formatHttpDate(info.modifiedSeconds));
-    head.setHeader("Cache-Control", "no-cache");
-    head.setHeader("Accept-Ranges", "bytes");
+    request.setHeader("ETag", validators.etag);
+    request.setHeader("Last-Modified", formatHttpDate(info.modifiedSeconds));
+    request.setHeader("Cache-Control", "no-cache");
+    request.setHeader("Accept-Ranges", "bytes");
     if (isNotModified(conditions, validators, nowSeconds())) {
-        head.setStatus(304);
-        head.setContentType("");
-        head.setContentLength(static_cast<int64_t>(info.size));
-        request.startStream();
-        return;
+        request.setContentLength(static_cast<int64_t>(info.size));
+        return {304, request.reply(304)};
     }
     ByteRange range = chooseRange(conditions, validators, info.size, nowSeconds());
     const std::string total = std::to_string(info.size);
     if (range.kind == ByteRange::Unsatisfiable) {
-        head.setHeader("Content-Range", "bytes */" + total);
-        request.replyError(416, "The file ends before that range.");
-        return;
+        request.setHeader("Content-Range", "bytes */" + total);
+        throw HttpError(416, "The file ends before that range.");
     }
-    head.setHeader("Content-Type", mediaType(info.name));
-    head.setHeader("Content-Disposition", attachment(info.name));
-    head.setHeader("Content-Security-Policy", kFilePolicy);
-    if (range.kind == ByteRange::Part) {
-        head.setStatus(206);
-        head.setHeader("Content-Range", "bytes " + std::to_string(range.first) + "-" +
-                                            std::to_string(range.last) + "/" + total);
-    } else if (info.size > 0) {
-        range = {ByteRange::Part, 0, info.size - 1};
-    }
-    stream(request, fd, info.name, range);
+    request.setHeader("Content-Disposition", attachment(info.name));
+    request.setHeader("Content-Security-Policy", kFilePolicy);
+    if (range.kind == ByteRange::Part)
+        request.setHeader("Content-Range", "bytes " + std::to_string(range.first) + "-" +
+                                               std::to_string(range.last) + "/" + total);
+    return sendBytes(request, std::move(fd), info, range);
 }
 
-void FileDrop::stream(DropRequest& request, int fd, const std::string& name, const ByteRange& range)
+FileDrop::Outcome FileDrop::sendBytes(Request& request, Descriptor fd, const FileInfo& info,
+                                      const ByteRange& range)
 {
-    const uint64_t length = range.kind == ByteRange::Part ? range.last - range.first + 1 : 0;
-    const bool isHead = request.isHead();
-    std::optional<TransferSlot> slot;
-    if (length > kSmallBytes && !isHead) {
-        slot.emplace(mFreeSlots);
-        if (!slot->isTaken()) {
-            request.getHead().setHeader("Content-Range", "");
-            request.getHead().setHeader("Content-Disposition", "");
-            request.getHead().setHeader("Retry-After", "2");
-            request.replyError(503, kBusy);
-            return;
-        }
-    }
-    request.getHead().setContentLength(static_cast<int64_t>(length));
-    std::vector<char> buffer(isHead ? 0 : std::min<uint64_t>(length, kReadBytes));
-    bool going = request.startStream();
-    for (uint64_t sent = 0; going && !isHead && sent < length;) {
-        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(buffer.size(), length - sent));
-        const size_t got = readAt(fd, buffer.data(), wanted, range.first + sent);
-        if (got < wanted) {
-            writeLog(qv::qvLog::Warning, "'" + name + "' has become shorter while it was sent");
-            request.abandon("the file has become shorter");
-            return;
-        }
-        going = request.write(buffer.data(), got);
-        sent += got;
-        mBytesOut += request.takeNewlyWritten();
-    }
-    request.finish();
+    const bool isPart = range.kind == ByteRange::Part;
+    const int status = isPart ? 206 : 200;
+    const ContentType type(mediaType(info.name));
+    std::unique_ptr<qv::BodySource> content =
+        isPart ? qv::BodySource::fromDescriptor(fd.release(), range.first,
+                                                range.last - range.first + 1)
+               : qv::BodySource::fromDescriptor(fd.release());
+    if (!content)
+        throw failure(StoreResult::Failed, "'" + info.name + "' cannot be sent");
+    if (request.method() == Method::Head)
+        return {status, request.replySource(status, std::move(content), type)};
+    request.replySource(
+        status,
+        std::make_unique<Download>(std::move(content), status, AccessLine(request), mBytesOut),
+        type);
+    return {};
 }
 
-void FileDrop::receiveFile(DropRequest& request)
+FileDrop::Outcome FileDrop::receiveFile(Request& request)
 {
-    const std::string name = request.getPathParameter("name");
-    if (!checkName(request, name))
-        return;
-    const uint64_t limit = mSettings.maxUploadBytes;
-    const int64_t declared = request.getDeclaredBodyLength();
-    Receiver receiver(request, *mStore, limit, mBytesIn);
-    const TransferSlot slot(mFreeSlots);
+    const UploadSlot slot(mFreeSlots);
     if (!slot.isTaken()) {
-        request.getHead().setHeader("Retry-After", "2");
-        request.replyError(503, kBusy);
-    } else if (limit != 0 && declared > 0 && static_cast<uint64_t>(declared) > limit) {
-        request.replyError(413, "The file is larger than the " + formatByteSize(limit) +
-                                    " that this server takes.");
-    } else {
-        respondToUpload(request, receiver, name);
+        request.setHeader("Retry-After", "2");
+        throw HttpError(503, kBusy);
+    }
+    try {
+        return storeFile(request);
+    } catch (const HttpError&) {
+        discardRest(request);
+        throw;
     }
 }
 
-void FileDrop::respondToUpload(DropRequest& request, Receiver& receiver, const std::string& name)
+FileDrop::Outcome FileDrop::storeFile(Request& request)
 {
-    switch (receiver.receive()) {
-    case Receiver::Result::Stored:
-        break;
-    case Receiver::Result::TooLarge:
-        request.replyError(413, "The file is larger than the " +
-                                    formatByteSize(mSettings.maxUploadBytes) +
-                                    " that this server takes.");
-        return;
-    case Receiver::Result::Lost:
-        request.abandon("the upload was lost");
-        return;
-    case Receiver::Result::NoSpace:
-        respondFailure(request, StoreResult::NoSpace, "'" + name + "' cannot be stored");
-        return;
-    case Receiver::Result::Failed:
-        respondFailure(request, StoreResult::Failed, "'" + name + "' cannot be stored");
-        return;
-    }
-    const StoreResult result = receiver.commit(name);
-    if (result == StoreResult::Done)
-        request.getHead().setHeader("Location", request.getUrl().encodedPath());
-    if (result == StoreResult::Done || result == StoreResult::Replaced) {
-        mLive.listChanged();
-        const nlohmann::json stored = {{"name", name}, {"size", receiver.size()}};
-        request.reply(result == StoreResult::Done ? 201 : 200, kJson, stored.dump());
-        return;
-    }
-    respondFailure(request, result, "'" + name + "' cannot be stored");
+    const std::string& name = usableName(request);
+    const std::string what = "'" + name + "' cannot be stored";
+    const int64_t declared = request.contentLength();
+    if (mMaxUploadBytes != 0 && declared > 0 && static_cast<uint64_t>(declared) > mMaxUploadBytes)
+        throw tooLarge(mMaxUploadBytes);
+    const std::unique_ptr<Upload> upload = receive(request, what);
+    const StoreResult result = upload->commit(name);
+    if (result != StoreResult::Done && result != StoreResult::Replaced)
+        throw failure(result, what);
+    const bool isNew = result == StoreResult::Done;
+    if (isNew)
+        request.setHeader("Location", request.target().substr(0, request.target().find('?')));
+    mLive.listChanged();
+    const nlohmann::json stored = {{"name", name}, {"size", upload->size()}};
+    return respond(request, isNew ? 201 : 200, stored.dump(), ContentType::json());
 }
 
-void FileDrop::deleteFile(DropRequest& request)
+// When this throws, nothing is left of the upload.
+std::unique_ptr<Upload> FileDrop::receive(Request& request, const std::string& what)
 {
-    const std::string& name = request.getPathParameter("name");
-    if (!checkName(request, name))
-        return;
+    std::unique_ptr<Upload> upload = mStore->beginUpload();
+    if (!upload)
+        throw failure(
+            errno == ENOSPC || errno == EDQUOT ? StoreResult::NoSpace : StoreResult::Failed, what);
+    std::vector<char> block(kBlockBytes);
+    while (const size_t got = request.readBody(block.data(), block.size())) {
+        mBytesIn += got;
+        if (mMaxUploadBytes != 0 && upload->size() + got > mMaxUploadBytes)
+            throw tooLarge(mMaxUploadBytes);
+        const StoreResult result = upload->write(block.data(), got);
+        if (result != StoreResult::Done)
+            throw failure(result, what);
+    }
+    return upload;
+}
+
+FileDrop::Outcome FileDrop::deleteFile(Request& request)
+{
+    const std::string& name = usableName(request);
     const StoreResult result = mStore->remove(name);
-    if (result == StoreResult::Done) {
-        mLive.listChanged();
-        request.reply(204, "", "");
-    } else {
-        respondFailure(request, result, "'" + name + "' cannot be deleted");
-    }
+    if (result != StoreResult::Done)
+        throw failure(result, "'" + name + "' cannot be deleted");
+    mLive.listChanged();
+    return {204, request.reply(204)};
 }
 
-// The client gets a general text; the error of the system is only logged.
-void FileDrop::respondFailure(DropRequest& request, StoreResult result, const std::string& what)
+// Instead of the server's own response, which has none of the common headers.
+FileDrop::Outcome FileDrop::refuseOther(Request&)
 {
-    const int error = errno;
-    switch (result) {
-    case StoreResult::NotFound:
-        request.replyError(404, "There is no such file.");
-        return;
-    case StoreResult::NameTaken:
-        request.replyError(409, "The name is taken by something that is not a file.");
-        return;
-    case StoreResult::NameTooLong:
-        request.replyError(400, "The name is too long for this server's file system.");
-        return;
-    case StoreResult::NoSpace:
-        writeLog(qv::qvLog::Warning, what + ": " + errorText(error));
-        request.replyError(507, "The server has no space left for this file.");
-        return;
-    default:
-        writeLog(qv::qvLog::Error, what + ": " + errorText(error));
-        request.replyError(500, "The server cannot do this at the moment; its log says why.");
-    }
+    throw HttpError(404, "There is no such page.");
 }
 
 }  // namespace filedrop

@@ -3,14 +3,13 @@
 #define FILEDROP_FILEDROP_H
 
 #include "Conditional.h"
-#include "DropRequest.h"
 #include "FileStore.h"
 #include "LiveList.h"
-#include "Receiver.h"
 
-#include <Wendrel/kit/Application.h>
+#include <Wendrel/kit/Server.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -21,52 +20,61 @@ namespace filedrop
 
 struct Settings
 {
-    uint32_t workers = 64;
+    qv::kit::ServerOptions server;
     uint64_t maxUploadBytes = 0;  ///< 0: no limit
 };
 
-/// Serves one directory. Owned by its server.
+/// Serves one directory.
 ///
-/// An upload, and a download that does not fit into the library's buffers, keeps its worker
-/// until it ends. An eighth of the workers, at least one, is reserved for other requests: the page
-/// stays available, and no upload waits for a worker while its body fills the memory. Further
-/// transfers get 503 at once.
-class FileDrop : public qv::kit::Application
+/// An upload keeps its worker until it ends; downloads and listeners keep none. An eighth of the
+/// workers, at least one, is reserved for other requests: the page stays available. Further uploads
+/// get 503 at once.
+class FileDrop
 {
 public:
     FileDrop(std::unique_ptr<FileStore> store, const Settings& settings);
-    ~FileDrop() override;
 
-protected:
-    qv::kit::Request* newRequest() override;
-    void serve(qv::kit::Request& request) override;
-    void onNewWebSocket(qv::http::WebSocket* socket) override;
-    void onServerStopped() override;
+    /// For its start. Its `stop` waits for listeners: use the one below.
+    qv::kit::Server& server() { return mServer; }
+
+    /// Ends listening and stops the server; running transfers have `limit`. A call from another
+    /// thread can shorten it. Returns whether no transfer was cut off.
+    bool stop(std::chrono::milliseconds limit);
 
 private:
-    class TransferSlot;
+    class UploadSlot;
+    struct Outcome;
+    using Handler = Outcome (FileDrop::*)(qv::kit::Request&);
 
     void addRoutes();
-    void sendPage(DropRequest& request);
+    qv::kit::Handler handlerOf(Handler handler);
+    void serve(Handler handler, qv::kit::Request& request);
+    Outcome respond(qv::kit::Request& request, int status, std::string body,
+                    const qv::kit::ContentType& type);
+
+    Outcome sendPage(qv::kit::Request& request);
     std::optional<std::string> listText() const;
-    void sendList(DropRequest& request);
-    void refuseLive(DropRequest& request);
-    void sendStatus(DropRequest& request);
-    void sendFile(DropRequest& request);
-    void sendContent(DropRequest& request, int fd, const FileInfo& info);
-    void stream(DropRequest& request, int fd, const std::string& name, const ByteRange& range);
-    void receiveFile(DropRequest& request);
-    void respondToUpload(DropRequest& request, Receiver& receiver, const std::string& name);
-    void deleteFile(DropRequest& request);
-    void respondFailure(DropRequest& request, StoreResult result, const std::string& what);
+    Outcome sendList(qv::kit::Request& request);
+    Outcome listen(qv::kit::Request& request);
+    Outcome sendStatus(qv::kit::Request& request);
+    Outcome sendFile(qv::kit::Request& request);
+    Outcome sendContent(qv::kit::Request& request, Descriptor fd, const FileInfo& info);
+    Outcome sendBytes(qv::kit::Request& request, Descriptor fd, const FileInfo& info,
+                      const ByteRange& range);
+    Outcome receiveFile(qv::kit::Request& request);
+    Outcome storeFile(qv::kit::Request& request);
+    std::unique_ptr<Upload> receive(qv::kit::Request& request, const std::string& what);
+    Outcome deleteFile(qv::kit::Request& request);
+    Outcome refuseOther(qv::kit::Request& request);
 
     const std::unique_ptr<FileStore> mStore;
-    const Settings mSettings;
+    const uint64_t mMaxUploadBytes;
     const int64_t mStartedMs;
     std::atomic<uint64_t> mBytesIn{0};
     std::atomic<uint64_t> mBytesOut{0};
     std::atomic<int64_t> mFreeSlots;
     LiveList mLive;
+    qv::kit::Server mServer;  // last: its threads use all above
 };
 
 }  // namespace filedrop

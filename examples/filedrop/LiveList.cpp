@@ -1,11 +1,10 @@
-// The list of files, pushed to the pages that have opened a WebSocket.
+// The list of files, pushed to the pages that listen.
 
 #include "LiveList.h"
 
-#include <chrono>
-#include <cstdint>
+#include <qvSystem/qvSystemUtils.h>
+
 #include <utility>
-#include <vector>
 
 namespace filedrop
 {
@@ -13,30 +12,26 @@ namespace filedrop
 namespace
 {
 
+using qv::kit::Request;
+using qv::kit::StreamWrite;
+
 constexpr unsigned long kPollIntervalMs = 2000;
 
-qv::kit::WebSocketHub::Options hubOptions()
+// Shorter than the time after which proxies close a silent connection.
+constexpr int64_t kHeartbeatIntervalMs = 15000;
+
+constexpr std::string_view kHeartbeat = ":\n\n";
+constexpr std::string_view kRetry = "retry: 2000\n\n";  // milliseconds
+
+qv::kit::ContentType eventStream()
 {
-    qv::kit::WebSocketHub::Options options;
-    options.workers = 2;
-    return options;
+    return qv::kit::ContentType("text/event-stream");
 }
 
 }  // namespace
 
-// A page that listens; it has nothing to say.
-class LiveList::Connection : public qv::kit::HubConnection
-{
-public:
-    explicit Connection(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded)) {}
-
-    void onMessageReceived(std::vector<uint8_t>&, bool) override {}
-
-    uint64_t number = 0;  // of the list it has; used by the pushing thread alone
-};
-
-LiveList::LiveList(Source source)
-    : mSource(std::move(source)), mHub(hubOptions()), mThread(&LiveList::push, this)
+LiveList::LiveList(Source source, std::atomic<uint64_t>& counter)
+    : mSource(std::move(source)), mCounter(counter), mThread(&LiveList::push, this)
 {}
 
 LiveList::~LiveList()
@@ -44,16 +39,37 @@ LiveList::~LiveList()
     close();
 }
 
-void LiveList::add(qv::http::WebSocket* upgraded)
+void LiveList::add(Request& request)
 {
-    mHub.adopt<Connection>(upgraded);
-    listChanged();
+    AccessLine line(request);
+    if (request.method() == qv::kit::Method::Head) {
+        line.write(200, request.reply(200, std::string(), eventStream()), 0);
+        return;
+    }
+    // A proxy that collects a response before it passes it on would keep the list for itself.
+    request.setHeader("X-Accel-Buffering", "no");
+    qv::kit::DeferredResponse later = request.defer();
+    std::list<Listener> added;
+    added.push_back({later.startStream(eventStream()), std::move(line)});
+    added.back().stream.onWritable([this] { listChanged(); });
+    write(added.back(), kRetry);
+    {
+        const qv::qvMutexLocker locker(&mMutex);
+        if (!mClosed)
+            mNew.splice(mNew.end(), added);
+        mStale = true;
+    }
+    mChanged.wakeAll();
+    if (!added.empty())
+        end(added.front());
 }
 
 void LiveList::listChanged()
 {
-    const qv::qvMutexLocker locker(&mMutex);
-    mStale = true;
+    {
+        const qv::qvMutexLocker locker(&mMutex);
+        mStale = true;
+    }
     mChanged.wakeAll();
 }
 
@@ -64,51 +80,92 @@ void LiveList::close()
         if (mClosed)
             return;
         mClosed = true;
-        mChanged.wakeAll();
     }
+    mChanged.wakeAll();
     mThread.join();
-    mHub.close(std::chrono::milliseconds(0));
 }
 
 void LiveList::push()
 {
-    bool anyone = false;
-    while (waitUntilDue(anyone)) {
-        anyone = mHub.getCount() > 0;
-        if (!anyone)
+    while (waitUntilDue()) {
+        removeGone();
+        if (mListeners.empty())
             continue;
-        if (const auto text = mSource())
-            send(*text);
+        update();
+        for (Listener& listener : mListeners)
+            send(listener);
     }
+    for (Listener& listener : mListeners)
+        end(listener);
+    mListeners.clear();
 }
 
-// While anyone listens, the directory is looked at now and then: others may change it. False when
-// the list has been closed.
-bool LiveList::waitUntilDue(bool anyone)
+// Takes new listeners over. While anybody listens, the directory is looked at now and then: others
+// may change it. False when the list has been closed.
+bool LiveList::waitUntilDue()
 {
     const qv::qvMutexLocker locker(&mMutex);
     // A wake-up without reason costs one look at the directory.
-    if (!mStale && !mClosed && anyone)
+    if (!mStale && !mClosed && !mListeners.empty())
         mChanged.wait(&mMutex, kPollIntervalMs);
-    while (!mStale && !mClosed && !anyone)
+    while (!mStale && !mClosed && mListeners.empty())
         mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeout);
     mStale = false;
+    mListeners.splice(mListeners.end(), mNew);
     return !mClosed;
 }
 
-void LiveList::send(const std::string& text)
+// JSON has no line breaks in it: the list is one line of data.
+void LiveList::update()
 {
-    if (mNumber == 0 || text != mSent) {
-        mSent = text;
-        ++mNumber;
+    const std::optional<std::string> text = mSource();
+    if (!text)
+        return;
+    std::string event = "data: " + *text + "\n\n";
+    if (mNumber != 0 && event == mEvent)
+        return;
+    mEvent = std::move(event);
+    ++mNumber;
+}
+
+// A listener that is slower than the changes gets the newest list when its queue has space again.
+void LiveList::send(Listener& listener)
+{
+    if (listener.number != mNumber) {
+        if (write(listener, mEvent))
+            listener.number = mNumber;
+    } else if (qv::qvSystemUtils::GetTimeBaseMs() - listener.writtenMs >= kHeartbeatIntervalMs) {
+        write(listener, kHeartbeat);
     }
-    mHub.forEach([this](qv::kit::HubConnection& each) {
-        auto& connection = static_cast<Connection&>(each);
-        if (connection.number == mNumber)
-            return;
-        connection.number = mNumber;
-        connection.sendText(mSent);
-    });
+}
+
+// Whether the queue has taken it.
+bool LiveList::write(Listener& listener, std::string_view event)
+{
+    if (listener.stream.write(event) != StreamWrite::Taken)
+        return false;
+    listener.writtenMs = qv::qvSystemUtils::GetTimeBaseMs();
+    listener.sentBytes += event.size();
+    mCounter += event.size();
+    return true;
+}
+
+void LiveList::removeGone()
+{
+    for (auto listener = mListeners.begin(); listener != mListeners.end();) {
+        if (listener->stream.isGone()) {
+            end(*listener);
+            listener = mListeners.erase(listener);
+        } else {
+            ++listener;
+        }
+    }
+}
+
+void LiveList::end(Listener& listener)
+{
+    listener.stream.finish();
+    listener.line.write(200, true, listener.sentBytes);
 }
 
 }  // namespace filedrop

@@ -1,33 +1,40 @@
-/// The list of files, pushed to the pages that have opened a WebSocket.
+/// The list of files, pushed to the pages that listen.
 #ifndef FILEDROP_LIVELIST_H
 #define FILEDROP_LIVELIST_H
 
-#include <Wendrel/kit/WebSocketHub.h>
+#include "AccessLine.h"
+
+#include <Wendrel/kit/DeferredResponse.h>
+#include <Wendrel/kit/Request.h>
 
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 #include <qvSystem/qvWaitCondition.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace filedrop
 {
 
-/// Sends each connection the list when it opens and whenever it has become another one. Looks by
-/// itself every two seconds while there are connections, as files also come and go behind the
-/// server's back.
+/// Sends each listener the list as server-sent events: when it begins to listen and whenever the
+/// list has become another one. Looks by itself every two seconds while anybody listens, as files
+/// also come and go behind the server's back. A listener occupies no thread.
 class LiveList
 {
 public:
-    /// Makes the text to be sent; none when the directory cannot be read. Called on the thread of
-    /// this object alone, from the construction on.
+    /// Makes the text to be sent, of one line; none when the directory cannot be read. Called on
+    /// the thread of this object alone, from the construction on.
     using Source = std::function<std::optional<std::string>()>;
 
-    explicit LiveList(Source source);
+    /// `counter` grows by each byte sent.
+    LiveList(Source source, std::atomic<uint64_t>& counter);
 
     /// Closes.
     ~LiveList();
@@ -35,31 +42,48 @@ public:
     LiveList(const LiveList&) = delete;
     LiveList& operator=(const LiveList&) = delete;
 
-    /// Takes the connection over. Any thread.
-    void add(qv::http::WebSocket* upgraded);
+    /// Responds to `request` with the list from now on; with an empty stream when the list has been
+    /// closed. Thread: that of the handler.
+    void add(qv::kit::Request& request);
 
     /// The list may have become another one. Any thread.
     void listChanged();
 
-    /// Closes all connections; must be called while the daemon is running. Once is enough.
+    /// Ends all responses. Call it before the server stops, which waits for them. Once is enough.
     void close();
 
 private:
-    class Connection;
+    struct Listener
+    {
+        qv::kit::DeferredStream stream;
+        AccessLine line;
+        uint64_t number = 0;  // of the list it has
+        int64_t writtenMs = 0;
+        uint64_t sentBytes = 0;
+    };
 
     void push();
-    bool waitUntilDue(bool anyone);
-    void send(const std::string& text);
+    bool waitUntilDue();
+    void update();
+    void send(Listener& listener);
+    bool write(Listener& listener, std::string_view event);
+    void removeGone();
+    static void end(Listener& listener);
 
     const Source mSource;
-    qv::kit::WebSocketHub mHub;
+    std::atomic<uint64_t>& mCounter;
     qv::qvMutex mMutex;
     qv::qvWaitCondition mChanged;
+    std::list<Listener> mNew QV_GUARDED_BY(mMutex);
     bool mStale QV_GUARDED_BY(mMutex) = false;
     bool mClosed QV_GUARDED_BY(mMutex) = false;
-    std::string mSent;     // used by the thread alone
-    uint64_t mNumber = 0;  // of the list that was sent last; likewise
-    std::thread mThread;   // last: uses all above
+
+    // Used by the thread alone.
+    std::list<Listener> mListeners;
+    std::string mEvent;    // the list that was sent last
+    uint64_t mNumber = 0;  // of that list
+
+    std::thread mThread;  // last: uses all above
 };
 
 }  // namespace filedrop

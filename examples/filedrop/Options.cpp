@@ -6,12 +6,11 @@
 
 #include <Wendrel/Wendrel.h>
 #include <qvSystem/qvLog.h>
-#include <qvSystem/qvSystemUtils.h>
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <optional>
+#include <vector>
 
 namespace filedrop
 {
@@ -19,15 +18,9 @@ namespace filedrop
 namespace
 {
 
-constexpr uint32_t kLargestThreads = 255;
-constexpr uint32_t kLargestWorkers = 1000;
+constexpr uint32_t kMaxThreads = 255;
+constexpr uint32_t kMaxWorkers = 1000;
 constexpr uint32_t kDefaultWorkers = 64;
-
-// A daemon thread with a waiting request delays its other connections.
-uint32_t defaultThreads()
-{
-    return std::clamp(2 * qv::qvSystemUtils::GetIdealThreadCount(), 4u, 32u);
-}
 
 std::string checkSize(const std::string& text)
 {
@@ -53,8 +46,11 @@ std::string versionText()
 
 bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
 {
-    options.threads = defaultThreads();
-    options.workers = kDefaultWorkers;
+    qv::kit::ServerOptions& server = options.settings.server;
+    server.workers = kDefaultWorkers;
+    uint16_t port = 8181;
+    bool allInterfaces = false;
+    std::vector<std::string> endpoints;
     std::string maxUpload = "0";
 
     CLI::App app("Serves one directory as a web page on which everyone can upload, download and "
@@ -63,18 +59,23 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
     app.get_formatter()->column_width(34);
     app.option_defaults()->always_capture_default();
     app.add_option("--directory", options.directory, "The directory to serve")->type_name("PATH");
-    app.add_option("--port", options.port, "TCP port to listen on")
+    app.add_option("--port", port, "TCP port to listen on")
         ->type_name("NUMBER")
         ->check(CLI::Range(1, 65535));
-    app.add_flag("--all-interfaces", options.allInterfaces,
+    app.add_flag("--all-interfaces", allInterfaces,
                  "Listen on every network of this machine, not on 127.0.0.1 alone");
-    app.add_option("--threads", options.threads, "Threads that serve connections")
+    CLI::Option* const listen =
+        app.add_option("--listen", endpoints,
+                       "Endpoint in place of the port, such as [::1]:8181 or unix:/PATH; may be "
+                       "given several times")
+            ->option_text("ENDPOINT");
+    app.add_option("--threads", server.threads, "Threads that serve connections")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1u, kLargestThreads));
-    app.add_option("--workers", options.workers,
-                   "Uploads and downloads that run at once; each keeps a worker until it ends")
+        ->check(CLI::Range(1u, kMaxThreads));
+    app.add_option("--workers", server.workers,
+                   "Threads that handle requests; an upload keeps one until it ends")
         ->type_name("NUMBER")
-        ->check(CLI::Range(1u, kLargestWorkers));
+        ->check(CLI::Range(1u, kMaxWorkers));
     app.add_option("--max-upload", maxUpload, "Largest file taken, such as 500M or 10G; 0: any")
         ->type_name("SIZE")
         ->check(CLI::Validator(checkSize, ""));
@@ -92,11 +93,18 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
 
     try {
         app.parse(argc, argv);
+        for (const char* other : {"--port", "--all-interfaces"}) {
+            if (listen->count() > 0 && app.count(other) > 0)
+                throw CLI::ExcludesError("--listen", other);
+        }
     } catch (const CLI::ParseError& error) {
         exitCode = app.exit(error) == 0 ? 0 : 1;
         return false;
     }
-    options.maxUploadBytes = parseByteSize(maxUpload).value_or(0);
+    if (endpoints.empty())
+        endpoints = {(allInterfaces ? "*:" : "127.0.0.1:") + std::to_string(port)};
+    server.listen = endpoints;
+    options.settings.maxUploadBytes = parseByteSize(maxUpload).value_or(0);
     return true;
 }
 

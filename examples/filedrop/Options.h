@@ -2,6 +2,8 @@
 #ifndef FILEDROP_OPTIONS_H
 #define FILEDROP_OPTIONS_H
 
+#include "FileDrop.h"
+
 #include <cstdint>
 #include <string>
 
@@ -13,12 +15,8 @@ struct Options
     std::string directory = ".";
     std::string logFile;  ///< empty: standard error
     std::string logLevel = "information";
-    uint64_t maxUploadBytes = 0;  ///< 0: no limit
-    uint16_t port = 8181;
-    uint32_t threads = 0;
-    uint32_t workers = 0;
     uint32_t stopLimitSeconds = 10;
-    bool allInterfaces = false;
+    Settings settings;
 };
 
 /// Parses the command line. True: continue with `options`. False: the process must exit with

@@ -5,21 +5,15 @@
 #include "Log.h"
 #include "Options.h"
 
-#include <Wendrel/kit/Server.h>
 #include <qvSystem/qvLog.h>
 
-#include <arpa/inet.h>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <future>
 #include <iostream>
-#include <malloc.h>
 #include <memory>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
 
 namespace filedrop
@@ -30,20 +24,12 @@ namespace
 
 constexpr size_t kLogFileBytes = 10u << 20;
 constexpr size_t kOldLogFiles = 3;
-constexpr std::chrono::milliseconds kDrainInterval(50);
+constexpr std::chrono::milliseconds kSignalInterval(50);
 
 int complain(const std::string& message)
 {
     std::cerr << "wendrel-filedrop: " << message << std::endl;
     return 1;
-}
-
-// Bodies pass through the heap in blocks of 64 KiB and more. Given back to the system one by
-// one, they do not add up to memory that is held for nothing after a burst of transfers.
-void keepHeapSmall()
-{
-    mallopt(M_MMAP_THRESHOLD, 65536);
-    mallopt(M_TRIM_THRESHOLD, 262144);
 }
 
 bool startLog(const Options& options, qv::qvLog& log, std::string& error)
@@ -62,95 +48,78 @@ bool startLog(const Options& options, qv::qvLog& log, std::string& error)
     return true;
 }
 
-// Why the daemon could not listen there; empty when it could. Asked before, so that the usual
-// reasons are told in one line.
-std::string portTrouble(const Options& options)
+// SIGINT and SIGTERM, taken one by one.
+class StopSignals
 {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return std::strerror(errno);
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(options.port);
-    address.sin_addr.s_addr = htonl(options.allInterfaces ? INADDR_ANY : INADDR_LOOPBACK);
-    const bool bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    const int error = errno;
-    close(fd);
-    if (bound)
-        return {};
-    return error == EADDRINUSE ? "is in use"
-                               : "cannot be listened on: " + std::string(std::strerror(error));
-}
-
-std::string ownAddress(const Options& options)
-{
-    std::string host = "127.0.0.1";
-    char name[256] = {};
-    if (options.allInterfaces && gethostname(name, sizeof name - 1) == 0)
-        host = name;
-    return "http://" + host + ":" + std::to_string(options.port) + "/";
-}
-
-// Takes a signal that has come since the first one; all are still blocked.
-bool isStopSignalPending()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    const timespec noTime{};
-    return sigtimedwait(&signals, nullptr, &noTime) > 0;
-}
-
-// Waits for running transfers; a second signal ends the wait.
-bool finishTransfers(qv::kit::Server& server, std::chrono::seconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!server.getApplication().drain(kDrainInterval)) {
-        if (std::chrono::steady_clock::now() >= end || isStopSignalPending())
-            return false;
+public:
+    // In main, before any thread is started: all of them block the signals.
+    StopSignals()
+    {
+        sigemptyset(&mSignals);
+        sigaddset(&mSignals, SIGINT);
+        sigaddset(&mSignals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &mSignals, nullptr);
+        std::signal(SIGPIPE, SIG_IGN);
     }
-    return true;
+
+    // Waits for a signal and returns its number.
+    int wait() const
+    {
+        int number = 0;
+        sigwait(&mSignals, &number);
+        return number;
+    }
+
+    // Takes one that has come; false when there is none.
+    bool take() const
+    {
+        const timespec noTime{};
+        return sigtimedwait(&mSignals, nullptr, &noTime) > 0;
+    }
+
+private:
+    sigset_t mSignals;
+};
+
+// Waits for running transfers; a second signal ends the wait. False when some were cut off.
+bool stop(FileDrop& fileDrop, std::chrono::seconds limit, const StopSignals& signals)
+{
+    std::future<bool> stopped =
+        std::async(std::launch::async, [&] { return fileDrop.stop(limit); });
+    while (stopped.wait_for(kSignalInterval) == std::future_status::timeout) {
+        if (signals.take())
+            fileDrop.stop(std::chrono::milliseconds(0));
+    }
+    return stopped.get();
 }
 
-int serve(const Options& options, std::unique_ptr<FileStore> store, qv::kit::StopSignal& stopSignal)
+int serve(const Options& options, std::unique_ptr<FileStore> store, const StopSignals& signals)
 {
-    Settings settings;
-    settings.workers = options.workers;
-    settings.maxUploadBytes = options.maxUploadBytes;
     const unsigned int leftovers = store->removedLeftovers();
-    qv::kit::Server server(std::make_unique<FileDrop>(std::move(store), settings));
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = options.port;
-    parameters.threadPoolSize = options.threads;
-    parameters.allowWebSocket = true;
-    parameters.listenOnAllInterfaces = options.allInterfaces;
-    if (!server.start(parameters))
-        return complain("cannot serve on port " + std::to_string(options.port));
+    FileDrop fileDrop(std::move(store), options.settings);
+    if (!fileDrop.server().start())
+        return complain(fileDrop.server().failureReason());
 
     if (leftovers > 0)
         writeLog(qv::qvLog::Notice, "Removed " + std::to_string(leftovers) + " unfinished uploads");
-    std::cout << "Serving '" << options.directory << "' at " << ownAddress(options) << std::endl;
+    for (const std::string& url : fileDrop.server().urls())
+        std::cout << "Serving '" << options.directory << "' at " << url << std::endl;
 
-    const int signal = stopSignal.wait();
+    const int signal = signals.wait();
     writeLog(qv::qvLog::Notice, std::string("Stopping on ") + strsignal(signal));
-    if (!finishTransfers(server, std::chrono::seconds(options.stopLimitSeconds)))
+    if (!stop(fileDrop, std::chrono::seconds(options.stopLimitSeconds), signals))
         writeLog(qv::qvLog::Warning, "Some transfers were cut off");
-    server.stop(std::chrono::milliseconds(0));
     writeLog(qv::qvLog::Notice, "Stopped");
     return 0;
 }
 
 int run(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // before any thread
+    const StopSignals signals;
     Options options;
     int exitCode = 0;
     if (!parseOptions(argc, argv, options, exitCode))
         return exitCode;
-    keepHeapSmall();
 
     std::string error;
     qv::qvLog log;
@@ -159,10 +128,7 @@ int run(int argc, char** argv)
     std::unique_ptr<FileStore> store = FileStore::open(options.directory, error);
     if (!store)
         return complain(error);
-    const std::string trouble = portTrouble(options);
-    if (!trouble.empty())
-        return complain("port " + std::to_string(options.port) + " " + trouble);
-    return serve(options, std::move(store), stopSignal);
+    return serve(options, std::move(store), signals);
 }
 
 }  // namespace

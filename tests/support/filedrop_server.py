@@ -69,10 +69,12 @@ def parse_head(text):
 class Server(Process):
     """One filedrop process."""
 
-    def __init__(self, directory, *options, port=None):
+    def __init__(self, directory, *options, port=None, endpoints=()):
+        """Without a port on a free one; with endpoints on these instead."""
         self.port = port or free_port()
         self.url = f"http://127.0.0.1:{self.port}"
-        super().__init__(SERVER, "--directory", str(directory), "--port", str(self.port), *options)
+        place = [word for endpoint in endpoints for word in ("--listen", endpoint)] or ["--port", str(self.port)]
+        super().__init__(SERVER, "--directory", str(directory), *place, *options)
 
     def wait_ready(self):
         line = self.next_line()

@@ -13,10 +13,9 @@ import sys
 import threading
 import unittest
 
-import websocket
-
 sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 import filedrop_server as filedrop
+from event_stream import EventStream
 from filedrop_server import MIB, SERVER
 from instances import Instance, Load, admin_of, second_instance
 from processes import LIMIT_SECONDS, wait_until
@@ -47,16 +46,16 @@ class Reload(filedrop.ServerCase):
             self.assertNotIn(word, log)
 
     def names_in_message(self, client):
-        return {file["name"] for file in json.loads(client.recv())["files"]}
+        return {file["name"] for file in json.loads(client.receive())["files"]}
 
-    def test_no_request_transfer_or_websocket_fails(self):
+    def test_no_request_transfer_or_stream_fails(self):
         admin = admin_of(self.proxy)
         upload = self.upload("upload", 2 * MIB)
         upload.send(b"1" * MIB)
         wait_until(self.temporary, "the upload has begun")
         download = self.download("large")
-        live = websocket.create_connection(f"ws://127.0.0.1:{self.proxy.port}/live", timeout=LIMIT_SECONDS)
-        self.addCleanup(live.shutdown)
+        live = EventStream(self.proxy.port, LIMIT_SECONDS)
+        self.addCleanup(live.close)
         self.assertIn("small", self.names_in_message(live))
         with Load(self.proxy.port, "/files/small", self.small, repeats=True) as load:
             for _ in range(RELOADS):

@@ -23,7 +23,7 @@ HERE = pathlib.Path(__file__).parent
 sys.path += [str(HERE.parents[1] / "support"), str(HERE.parent / "chat")]
 import filedrop_server
 import test_chat
-from live_client import LiveClient
+from event_stream import EventStream
 from processes import LIMIT_SECONDS, SANITIZED, Process, free_port, wait_until
 
 ROUNDS = int(os.environ.get("WENDREL_STOP_ROUNDS", "6" if SANITIZED else "30"))
@@ -214,10 +214,10 @@ class Asker(Client):
 
 
 class Listener(Client):
-    """A page with its WebSocket open."""
+    """A page that listens."""
 
     def work(self):
-        live = LiveClient(self.port, LIMIT_SECONDS)
+        live = EventStream(self.port, LIMIT_SECONDS)
         try:
             while (message := live.receive()) is not None:
                 json.loads(message)
