@@ -542,7 +542,7 @@ TEST(WebSocketHub, IsClosedByItsDestruction)
     expectEcho(client, "text", false);
     expectEcho(halfClosed, "text", false);
     halfClosed.raw().finishSending();
-    run.application().destroyHub();
+    run.destroyHub();
     run.expectNothingIsLeft();
     EXPECT_EQ(run.record().made, 2);
     EXPECT_TRUE(client.waitForEnd());

@@ -3,7 +3,7 @@
 if(Python3_FOUND AND CMAKE_READELF AND BUILD_SHARED_LIBS AND wendrel_hardened
         AND CMAKE_EXPORT_COMPILE_COMMANDS)
     set(libraries Wendrel)
-    set(with_objects wendrel_objects WendrelKitOld)
+    set(with_objects wendrel_objects WendrelKit)
     if(WENDREL_BUNDLED_PLATFORM)
         list(APPEND libraries qvSystem qvOpenSSL Ostrand Quenby)
     endif()

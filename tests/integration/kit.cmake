@@ -8,12 +8,4 @@ wendrel_test_program(integration_kit
         KitScale.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl)
 
-# The hub, on the kit of polling mode until the chat does without it.
-wendrel_test_program(integration_kit_hub
-    SOURCES
-        main.cpp
-        support/ProcessCounts.cpp support/RawClient.cpp
-        KitWebSocketStops.cpp KitWebSockets.cpp
-    LIBRARIES Wendrel::KitOld CURL::libcurl)
-
 include(hello.cmake)

@@ -12,9 +12,9 @@ wendrel_test_program(integration_restart
     SOURCES
         main.cpp
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
-        restarts/Clients.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
+        restarts/Clients.cpp restarts/HubRestarts.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
-    LIBRARIES Wendrel::KitOld CURL::libcurl
+    LIBRARIES Wendrel::Kit CURL::libcurl
     TIMEOUT 1800 SERIAL)
 target_compile_definitions(integration_restart PRIVATE
     WENDREL_RESTART_ROUNDS=${restart_rounds} WENDREL_SANITIZED=${restart_sanitized})

@@ -34,14 +34,16 @@ namespace integration
 namespace
 {
 
-// Every third server is one of the kit.
-constexpr unsigned kRoundsPerKit = 3;
+// Two of three servers are driven by the library alone; the third is one of the kit or has a hub,
+// in turn.
+constexpr unsigned kRoundsPerOther = 3;
 
-// A worker that waits for the rest of an upload takes a second to notice that it has ended.
+// In polling mode, a worker that waits for the rest of an upload takes a second to notice that it
+// has ended.
 constexpr unsigned kRoundsPerHalfUpload = 16;
 
 // A hub whose workers are busy takes half a second to close.
-constexpr unsigned kRoundsPerTalk = 12;
+constexpr unsigned kHubsPerTalk = 2;
 
 // Limits of growth until the end. A leak in each round would be far above them.
 constexpr uint64_t kAllowedAllocated = 16384;
@@ -188,7 +190,7 @@ public:
         {
             Round round(mPort, number);
             round.holdsUploads = number % kRoundsPerHalfUpload == 0;
-            Totals& totals = number % kRoundsPerKit == 0 ? runKit(round) : runLibrary(round);
+            Totals& totals = number % kRoundsPerOther == 0 ? runOther(round) : runLibrary(round);
             round.end();
             ASSERT_TRUE(mClients.waitUntilIdle()) << "a client does not find its end";
             totals.add(round, &totals == &mDrained);
@@ -202,6 +204,7 @@ public:
         mLibrary.print("restart_library");
         mDrained.print("restart_kit_drained");
         mKit.print("restart_kit_cut_off");
+        mHub.print("restart_hub");
         mWatch.finish();
     }
 
@@ -209,19 +212,31 @@ private:
     Totals& runLibrary(Round& round)
     {
         const unsigned turn =
-            round.number / kRoundsPerKit * (kRoundsPerKit - 1) + round.number % kRoundsPerKit;
+            round.number / kRoundsPerOther * (kRoundsPerOther - 1) + round.number % kRoundsPerOther;
         runLibraryServer(round, mClients, static_cast<LibraryEnding>(turn % kLibraryEndings));
         return mLibrary;
     }
 
-    Totals& runKit(Round& round)
+    Totals& runOther(Round& round)
     {
-        const unsigned turn = round.number / kRoundsPerKit;
+        const unsigned turn = round.number / kRoundsPerOther;
+        return turn % 2 == 0 ? runKit(round, turn / 2) : runHub(round, turn / 2);
+    }
+
+    Totals& runKit(Round& round, unsigned turn)
+    {
         const auto ending = static_cast<KitEnding>(turn % kKitEndings);
-        round.hasWebSockets = true;
-        round.talksOn = round.number % kRoundsPerTalk == 0;
         runKitServer(round, mClients, ending);
         return ending == KitEnding::Drained ? mDrained : mKit;
+    }
+
+    Totals& runHub(Round& round, unsigned turn)
+    {
+        round.hasWebSockets = true;
+        round.talksOn = turn % kHubsPerTalk == 0;
+        const unsigned endingTurn = turn / kHubsPerTalk;
+        runHubServer(round, mClients, static_cast<HubEnding>(endingTurn % kHubEndings));
+        return mHub;
     }
 
     Clients mClients;
@@ -231,6 +246,7 @@ private:
     Totals mLibrary;
     Totals mDrained;
     Totals mKit;
+    Totals mHub;
 };
 
 }  // namespace

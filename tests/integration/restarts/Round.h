@@ -39,12 +39,13 @@ constexpr size_t kStages = 6;
 /// One request, known to both sides by its number.
 struct Record
 {
-    std::atomic<uint8_t> begun{0};      ///< by a worker
-    std::atomic<uint8_t> finished{0};   ///< by its worker, with a complete response
-    std::atomic<uint8_t> deleted{0};    ///< by the server
-    std::atomic<uint8_t> endedWell{0};  ///< without error of the device
-    std::atomic<uint8_t> responses{0};  ///< complete, at the client
-    std::atomic<uint8_t> refusals{0};   ///< 503, at the client
+    std::atomic<uint8_t> begun{0};        ///< by a worker
+    std::atomic<uint8_t> finished{0};     ///< by its worker, with a complete response
+    std::atomic<bool> isFollowed{false};  ///< its object is known; the next two count only then
+    std::atomic<uint8_t> deleted{0};      ///< by the server
+    std::atomic<uint8_t> endedWell{0};    ///< without error of the device
+    std::atomic<uint8_t> responses{0};    ///< complete, at the client
+    std::atomic<uint8_t> refusals{0};     ///< 503, at the client
     std::atomic<Stage> stage{Stage::NotReached};
     std::atomic<bool> isStream{false};
 };
@@ -65,6 +66,11 @@ public:
 
     /// A worker begins with it.
     Record& begun(qv::HttpBaseRequest* request, uint64_t id);
+
+    /// The same of a server that keeps its requests to itself: neither their ends nor the stage of
+    /// their responses are known, and `noteCreated` tells how many there were.
+    Record& begun(uint64_t id);
+    void noteCreated(uint64_t requests) { mCreated = requests; }
 
     /// It is being deleted, its devices are still there. By then it must be completed.
     void deleted(qv::HttpBaseRequest* request);

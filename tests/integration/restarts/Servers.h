@@ -1,4 +1,4 @@
-/// The two servers that are started and stopped. Each makes one, sends the clients, waits for the
+/// The servers that are started and stopped. Each makes one, sends the clients, waits for the
 /// load, and stops and destroys it in the way that is next in turn.
 #ifndef WENDREL_TESTS_INTEGRATION_SERVERS_H
 #define WENDREL_TESTS_INTEGRATION_SERVERS_H
@@ -20,6 +20,12 @@ enum class KitEnding { Drained, StoppedAtOnce, Destroyed };
 constexpr unsigned kKitEndings = 3;
 
 void runKitServer(Round& round, Clients& clients, KitEnding ending);
+
+/// How a server with a hub ends.
+enum class HubEnding { Stopped, Destroyed };
+constexpr unsigned kHubEndings = 2;
+
+void runHubServer(Round& round, Clients& clients, HubEnding ending);
 
 /// Waits until the load of the round is on its way: a number of responses that differs from round
 /// to round, streams, and messages on WebSockets if there are any.

@@ -2,8 +2,8 @@
 #ifndef WENDREL_TESTS_INTEGRATION_HUBRUN_H
 #define WENDREL_TESTS_INTEGRATION_HUBRUN_H
 
-#include "KitRun.h"
 #include "ProcessLog.h"
+#include "TestServer.h"
 #include "Waiting.h"
 #include "WebSocketClient.h"
 
@@ -14,7 +14,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -119,66 +118,37 @@ private:
 struct HubSetup
 {
     WebSocketHub::Options options;
-    milliseconds closeLimit{0};
-    bool closesInTime = true;  // in onServerStopped
+    milliseconds closeLimit{0};  // in onServerStopped
 };
 
-class HubApplication : public qv::kit::Application
-{
-public:
-    HubApplication(const HubSetup& setup, HubRecord& record)
-        : mSetup(setup), mRecord(record), mHub(std::make_unique<WebSocketHub>(setup.options))
-    {}
-    ~HubApplication() override { stopWorkers(); }
-
-    WebSocketHub& hub() { return *mHub; }
-    void destroyHub() { mHub.reset(); }
-
-protected:
-    void onNewWebSocket(qv::http::WebSocket* upgraded) override
-    {
-        mHub->adopt<Echo>(upgraded, mRecord);
-    }
-
-    void onServerStopped() override
-    {
-        if (mHub)
-            mHub->close(mSetup.closeLimit);
-    }
-
-private:
-    const HubSetup mSetup;
-    HubRecord& mRecord;
-    std::unique_ptr<WebSocketHub> mHub;
-};
-
-/// A server with a hub, on a port that was free when it started.
+/// A server with a hub, in polling mode, on a port that was free when it started.
 class HubRun
 {
 public:
     explicit HubRun(const HubSetup& setup = HubSetup())
+        : mHub(std::make_unique<WebSocketHub>(setup.options))
     {
-        constexpr int kTries = 5;
-        for (int i = 0; i < kTries; ++i) {
-            qv::http::HttpServer::Parameters parameters;
-            parameters.port = mPort = qv::tests::findFreePort();
-            parameters.threadPoolSize = 2;
-            parameters.allowWebSocket = true;
-            auto application = std::make_unique<HubApplication>(setup, mRecord);
-            mApplication = application.get();
-            mServer = std::make_unique<qv::kit::Server>(std::move(application));
-            if (mServer->start(parameters, std::chrono::seconds(30)))
-                return;
-        }
-        throw std::runtime_error("the server of the test did not start");
+        TestServerOptions options;
+        options.threadPoolSize = 2;
+        options.connectionTimeoutMs = 360000;
+        options.allowWebSocket = true;
+        options.onNewWebSocket = [this](std::unique_ptr<qv::http::WebSocket> upgraded) {
+            mHub->adopt<Echo>(upgraded.release(), mRecord);
+        };
+        options.onServerStopped = [this, limit = setup.closeLimit] {
+            if (mHub)
+                mHub->close(limit);
+        };
+        mServer = std::make_unique<TestServer>(
+            [](TestRequest& request) { request.respond(404, std::string()); }, options);
     }
 
-    uint16_t port() const { return mPort; }
-    WebSocketHub& hub() { return mApplication->hub(); }
-    HubApplication& application() { return *mApplication; }
+    uint16_t port() const { return mServer->port(); }
+    WebSocketHub& hub() { return *mHub; }
+    void destroyHub() { mHub.reset(); }
     HubRecord& record() { return mRecord; }
 
-    void stop() { mServer->stop(milliseconds(0)); }
+    void stop() { mServer->server().stopServer(true); }
 
     /// Every connection that was made has been told of its end once and in order, and deleted.
     void expectNothingIsLeft()
@@ -210,9 +180,8 @@ private:
     }
 
     HubRecord mRecord;
-    std::unique_ptr<qv::kit::Server> mServer;
-    HubApplication* mApplication = nullptr;
-    uint16_t mPort = 0;
+    std::unique_ptr<WebSocketHub> mHub;
+    std::unique_ptr<TestServer> mServer;  // last: it closes the hub
 };
 
 /// True when a flood is on its way to a client that does not read.
