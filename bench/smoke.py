@@ -116,6 +116,15 @@ class Server(unittest.TestCase):
     def test_server_worker(self):
         self.check("BENCH_SERVER", "worker", not_found=(), echoes=False)
 
+    def test_server_kit(self):
+        self.check("BENCH_SERVER", "kit", not_found=(), echoes=False)
+
+    def test_kit_has_no_polling_mode(self):
+        run = subprocess.run([os.environ["BENCH_SERVER"], "--port", "1", "--mode", "kit", "--polling"],
+                             capture_output=True, text=True, timeout=LIMIT_SECONDS)
+        self.assertEqual((run.returncode, run.stdout), (2, ""))
+        self.assertIn("no polling mode", run.stderr)
+
     def test_server_inline_polling(self):
         self.check("BENCH_SERVER", "inline", "--polling", not_found=())
 
@@ -138,8 +147,8 @@ class Server(unittest.TestCase):
                 self.end(process)
 
     def test_server_responds_with_the_body(self):
-        for mode in "inline", "worker":
-            for options in [], ["--polling"]:
+        for mode in "inline", "worker", "kit":
+            for options in [], *([["--polling"]] if mode != "kit" else []):
                 with self.subTest(mode=mode, options=options):
                     port = free_port()
                     process = self.start("BENCH_SERVER", "--port", str(port), "--mode", mode, *options)
@@ -162,8 +171,13 @@ class Server(unittest.TestCase):
             self.end(process)
 
     def test_server_lets_requests_wait(self):
+        for mode in "inline", "worker", "kit":
+            with self.subTest(mode):
+                self.check_waiting(mode)
+
+    def check_waiting(self, mode):
         port = free_port()
-        process = self.start("BENCH_SERVER", "--port", str(port))
+        process = self.start("BENCH_SERVER", "--port", str(port), "--mode", mode)
         process.stdout.readline()
         waiting = [http.client.HTTPConnection("127.0.0.1", port, timeout=LIMIT_SECONDS)
                    for _ in range(40)]

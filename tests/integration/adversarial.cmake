@@ -8,9 +8,9 @@ if(WENDREL_SANITIZE)
 endif()
 find_program(SLOWHTTPTEST_PROGRAM slowhttptest)
 
-add_executable(adversarial_server adversarial/adversarial_server.cpp)
+add_executable(adversarial_server adversarial/adversarial_server.cpp support/WorkerApplication.cpp)
 set_target_properties(adversarial_server PROPERTIES CXX_EXTENSIONS OFF)
-target_link_libraries(adversarial_server PRIVATE wendrel_build Wendrel::KitOld wendrel_test_support)
+target_link_libraries(adversarial_server PRIVATE wendrel_build Wendrel::Kit wendrel_test_support)
 
 add_executable(integration_adversarial
     main.cpp
@@ -21,7 +21,7 @@ add_executable(integration_adversarial
     adversarial/SlowHttpTest.cpp adversarial/WebSocketAbuse.cpp)
 set_target_properties(integration_adversarial PROPERTIES CXX_EXTENSIONS OFF)
 target_link_libraries(integration_adversarial PRIVATE
-    wendrel_build Wendrel::KitOld CURL::libcurl wendrel_test_support GTest::gmock GTest::gtest)
+    wendrel_build Wendrel::Kit CURL::libcurl wendrel_test_support GTest::gmock GTest::gtest)
 target_compile_definitions(integration_adversarial PRIVATE
     WENDREL_ADVERSARIAL_SERVER="$<TARGET_FILE:adversarial_server>"
     WENDREL_SLOWHTTPTEST="$<$<BOOL:${SLOWHTTPTEST_PROGRAM}>:${SLOWHTTPTEST_PROGRAM}>")

@@ -1,19 +1,25 @@
-// The server under attack: an application of the kit in a process of its own, so that memory,
-// descriptors and threads can be told from those of its clients.
+// The server under attack in a process of its own, so that memory, descriptors and threads can be
+// told from those of its clients: of the kit in event-driven mode, otherwise on the library's own
+// classes in polling mode.
 //
 // Arguments, all as name=number: threads, workers, queue, timeout (ms), websocket (0 or 1),
 // hubworkers, unsent (ms), sendbuffer (bytes, of upgraded sockets), events (1: event-driven mode);
 // and log=path for a log in a file (without it, lines are only counted). Prints "port=N". Obeys
 // orders on standard input, a line each:
 //   metrics   gives unused memory back to the system and prints numbers
-//   endings   prints how requests ended: their number, then "count kind: error" a line each
+//   endings   prints how requests of polling mode ended: their number, then "count kind: error" a
+//             line each
 //   release   lets those requests go on that ask for /hold
 //   stop N    stops within N ms, prints numbers, and ends the process
+
+#include "../support/WorkerApplication.h"
 
 #include <Wendrel/kit/Server.h>
 #include <Wendrel/kit/WebSocketHub.h>
 
 #include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/Wendrel.h>
 #include <qvSystem/qvLog.h>
 #include <support/Ports.h>
 
@@ -27,6 +33,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -44,11 +51,14 @@ namespace
 {
 
 using qv::HttpBaseRequest;
-using qv::kit::BodyResult;
 using qv::kit::Request;
 using std::chrono::milliseconds;
 
 constexpr size_t kPieceBytes = 65536;
+constexpr unsigned kWorkers = 16;
+constexpr unsigned kQueueLimit = 2048;
+constexpr unsigned kThreads = 2;
+constexpr unsigned kTimeoutMs = 60000;
 constexpr uint64_t kUploadLimitBytes = 1u << 30;
 
 class Arguments
@@ -91,64 +101,98 @@ struct RequestRecord
         ++endings[kind + ": " + (error.empty() ? "no error" : error)];
     }
 
-    std::atomic<uint64_t> created{0};
-    std::atomic<uint64_t> deleted{0};
+    void hold()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++holding;
+        released.wait(lock, [this] { return isReleased; });
+        --holding;
+    }
+
     std::atomic<uint64_t> holding{0};
-    std::mutex mutex;  // guards all below
+    std::atomic<uint64_t> deleted{0};  // of polling mode
+    std::mutex mutex;                  // guards all below
     std::condition_variable released;
     bool isReleased = false;
     std::map<std::string, uint64_t> endings;
 };
 
-class NotedRequest : public Request
+// A request of polling mode.
+class NotedRequest : public integration::WorkerRequest
 {
 public:
-    explicit NotedRequest(RequestRecord& record) : mRecord(record) { ++mRecord.created; }
+    explicit NotedRequest(RequestRecord& record) : mRecord(record) {}
 
     ~NotedRequest() override
     {
-        mRecord.noteEnd(kind, getResponseDevice().getDeviceErrorMsg());
+        mRecord.noteEnd(mKind, getResponseDevice().getDeviceErrorMsg());
         ++mRecord.deleted;
     }
 
-    std::string kind = "unserved";
+    void serve() override
+    {
+        if (hasParseError()) {
+            respond(getRequestType() == UNKNOWN_HTTP_METHOD ? 501 : 400, getParseError());
+            return;
+        }
+        std::vector<std::string> path = getUrl().pathSegments();
+        path.resize(2);
+        mKind = path[0];
+        if (mKind == "upload")
+            takeUpload(path[1]);
+        else
+            sendBody(path[1]);
+    }
 
 private:
+    void sendBody(const std::string& size)
+    {
+        const uint64_t bytes = std::strtoull(size.c_str(), nullptr, 10);
+        if (mKind == "small") {
+            respond(200, "small");
+        } else if (mKind == "buffered") {
+            respond(200, std::string(bytes, 'b'));
+        } else if (mKind == "known" || mKind == "chunked") {
+            stream(bytes, mKind == "known");
+        } else if (mKind == "hold") {
+            mRecord.hold();
+            respond(200, "held");
+        } else {
+            respond(mKind == "throws" ? 500 : 404, std::string());
+        }
+    }
+
+    void takeUpload(const std::string& kind)
+    {
+        if (!kind.empty())
+            mKind = kind;
+        std::vector<char> piece(kPieceBytes);
+        qv::HttpReceiveDevice& device = getReceiveDevice();
+        uint64_t total = 0;
+        while (!device.atEnd() && total <= kUploadLimitBytes)
+            total += device.readBytes(piece.data(), piece.size());
+        respond(device.hasDeviceError() ? 400 : 200, std::to_string(total));
+    }
+
     RequestRecord& mRecord;
+    std::string mKind = "unserved";
 };
 
-uint64_t bytesAskedFor(const Request& request)
+// A server of either mode.
+class Target
 {
-    return std::stoull(request.getPathParameter("bytes"));
-}
+public:
+    virtual ~Target() = default;
 
-// False when the connection is closed.
-bool writeBody(Request& request, uint64_t bytes)
-{
-    static const std::string piece(kPieceBytes, 'd');
-    while (bytes > 0) {
-        const auto part = static_cast<size_t>(std::min<uint64_t>(bytes, piece.size()));
-        if (!request.write(piece.data(), part))
-            return false;
-        bytes -= part;
-    }
-    request.finish();
-    return true;
-}
-
-void takeUpload(Request& request)
-{
-    std::vector<char> piece(kPieceBytes);
-    uint64_t total = 0;
-    BodyResult result = BodyResult::More;
-    while (result == BodyResult::More && total <= kUploadLimitBytes) {
-        size_t got = 0;
-        result = request.readBody(piece.data(), piece.size(), got);
-        total += got;
-    }
-    if (result == BodyResult::Complete)
-        request.reply(200, "text/plain", std::to_string(total));
-}
+    virtual bool start(uint16_t port) = 0;
+    virtual bool stop(milliseconds limit) = 0;
+    virtual size_t openCount() const = 0;
+    virtual uint64_t requestCount() const = 0;
+    // When it has stopped.
+    virtual uint64_t deletedCount() const = 0;
+    virtual size_t connections() const { return 0; }
+    virtual uint64_t messages() const { return 0; }
+};
 
 // Echoes; "flood" requests a large message first.
 class Echo : public qv::kit::HubConnection
@@ -179,85 +223,191 @@ private:
     std::atomic<uint64_t>& mMessages;
 };
 
-class Target : public qv::kit::Application
+class HubApplication : public integration::WorkerApplication
 {
 public:
-    Target(const Options& options, const qv::kit::WebSocketHub::Options& hubOptions, int sendBuffer,
-           RequestRecord& record)
-        : Application(options), mRecord(record), mSendBuffer(sendBuffer), mHub(hubOptions)
-    {
-        addRoutes();
-    }
+    HubApplication(const Arguments& arguments, RequestRecord& record)
+        : WorkerApplication(arguments.number("workers", kWorkers),
+                            arguments.number("queue", kQueueLimit)),
+          mRecord(record), mSendBuffer(static_cast<int>(arguments.number("sendbuffer", 0))),
+          mHub(hubOptions(arguments))
+    {}
 
-    ~Target() override { stopWorkers(); }
+    ~HubApplication() override { stopWorkers(); }
 
     size_t connections() const { return mHub.getCount(); }
     uint64_t messages() const { return mMessages; }
 
 protected:
-    Request* newRequest() override { return new NotedRequest(mRecord); }
+    std::unique_ptr<integration::WorkerRequest> newRequest() override
+    {
+        return std::make_unique<NotedRequest>(mRecord);
+    }
 
     void onNewWebSocket(qv::http::WebSocket* socket) override
     {
         mHub.adopt<Echo>(socket, mMessages, mSendBuffer);
     }
 
-    void onServerStopped() override
-    {
-        mHub.close(milliseconds(0));
-        Application::onServerStopped();
-    }
+    void onServerStopped() override { mHub.close(milliseconds(0)); }
 
 private:
-    void add(int methods, const std::string& kind, const std::string& pattern,
-             const qv::kit::Router::Handler& handler)
+    static qv::kit::WebSocketHub::Options hubOptions(const Arguments& arguments)
     {
-        getRouter().add(methods, pattern, [kind, handler](Request& request) {
-            static_cast<NotedRequest&>(request).kind = kind;
-            handler(request);
-        });
-    }
-
-    void addRoutes()
-    {
-        add(HttpBaseRequest::GET, "small", "/small",
-            [](Request& request) { request.reply(200, "text/plain", "small"); });
-        add(HttpBaseRequest::GET, "buffered", "/buffered/{bytes}", [](Request& request) {
-            request.reply(200, "text/plain", std::string(bytesAskedFor(request), 'b'));
-        });
-        add(HttpBaseRequest::GET, "known", "/known/{bytes}", [](Request& request) {
-            const uint64_t bytes = bytesAskedFor(request);
-            request.getHead().setContentLength(static_cast<int64_t>(bytes));
-            writeBody(request, bytes);
-        });
-        // The part behind the length is only part of the name, for the log.
-        add(HttpBaseRequest::GET, "chunked", "/chunked/{bytes}/{name*}",
-            [](Request& request) { writeBody(request, bytesAskedFor(request)); });
-        add(HttpBaseRequest::PUT | HttpBaseRequest::POST, "upload", "/upload", takeUpload);
-        getRouter().add(HttpBaseRequest::PUT, "/upload/{kind}", [](Request& request) {
-            static_cast<NotedRequest&>(request).kind = request.getPathParameter("kind");
-            takeUpload(request);
-        });
-        add(HttpBaseRequest::GET, "hold", "/hold", [this](Request& request) {
-            hold();
-            request.reply(200, "text/plain", "held");
-        });
-        add(HttpBaseRequest::GET, "throws", "/throws/{name*}",
-            [](Request&) { throw std::runtime_error("on purpose\nwith a second line"); });
-    }
-
-    void hold()
-    {
-        std::unique_lock<std::mutex> lock(mRecord.mutex);
-        ++mRecord.holding;
-        mRecord.released.wait(lock, [this] { return mRecord.isReleased; });
-        --mRecord.holding;
+        qv::kit::WebSocketHub::Options options;
+        options.workers = arguments.number("hubworkers", options.workers);
+        options.unsentLimit = milliseconds(arguments.number("unsent", 60000));
+        return options;
     }
 
     RequestRecord& mRecord;
     const int mSendBuffer;
     std::atomic<uint64_t> mMessages{0};
     qv::kit::WebSocketHub mHub;
+};
+
+class PollingTarget : public Target
+{
+public:
+    PollingTarget(const Arguments& arguments, RequestRecord& record)
+        : mArguments(arguments), mRecord(record)
+    {
+        qv::initializeWendrel();
+    }
+
+    ~PollingTarget() override
+    {
+        mServer.reset();
+        qv::terminateWendrel();
+    }
+
+    // A server that has failed cannot be started again.
+    bool start(uint16_t port) override
+    {
+        mApplication = new HubApplication(mArguments, mRecord);
+        mServer = std::make_unique<qv::http::HttpServer>(mApplication);
+        qv::http::HttpServer::Parameters parameters;
+        parameters.port = port;
+        parameters.threadPoolSize = mArguments.number("threads", kThreads);
+        parameters.connectionTimeoutMs = mArguments.number("timeout", kTimeoutMs);
+        parameters.allowWebSocket = mArguments.number("websocket", 1) != 0;
+        mServer->startServer(parameters);
+        return mServer->waitUntilRunning(std::chrono::seconds(30));
+    }
+
+    bool stop(milliseconds limit) override
+    {
+        const bool finished = mApplication->drain(limit);
+        mServer->stopServer(true);
+        mRequests = mApplication->requestCount();
+        mServer.reset();
+        return finished;
+    }
+
+    size_t openCount() const override { return mApplication->openCount(); }
+    uint64_t requestCount() const override
+    {
+        return mServer ? mApplication->requestCount() : mRequests;
+    }
+    uint64_t deletedCount() const override { return mRecord.deleted; }
+    size_t connections() const override { return mApplication->connections(); }
+    uint64_t messages() const override { return mApplication->messages(); }
+
+private:
+    const Arguments& mArguments;
+    RequestRecord& mRecord;
+    HubApplication* mApplication = nullptr;  // the server's
+    std::unique_ptr<qv::http::HttpServer> mServer;
+    uint64_t mRequests = 0;
+};
+
+// With the limits of polling mode, where they are the same.
+class KitTarget : public Target
+{
+public:
+    KitTarget(const Arguments& arguments, RequestRecord& record) : mServer(optionsOf(arguments))
+    {
+        addRoutes(mServer.router(), record);
+    }
+
+    bool start(uint16_t port) override
+    {
+        return mServer.start("127.0.0.1:" + std::to_string(port));
+    }
+
+    bool stop(milliseconds limit) override { return mServer.stop(limit); }
+    size_t openCount() const override { return mServer.openRequests(); }
+    uint64_t requestCount() const override { return mServer.requestCount(); }
+    uint64_t deletedCount() const override { return requestCount() - openCount(); }
+
+private:
+    static qv::kit::ServerOptions optionsOf(const Arguments& arguments)
+    {
+        constexpr uint32_t kMaxConnections = 1020;
+        constexpr size_t kConnectionMemoryBytes = 262144;
+        qv::kit::ServerOptions options;
+        options.workers = arguments.number("workers", kWorkers);
+        options.workerQueueLimit = arguments.number("queue", kQueueLimit);
+        options.threads = arguments.number("threads", kThreads);
+        options.maxConnections = kMaxConnections;
+        options.connectionMemoryBytes = kConnectionMemoryBytes;
+        options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
+            milliseconds(arguments.number("timeout", kTimeoutMs));
+        return options;
+    }
+
+    static uint64_t bytesAskedFor(const Request& request)
+    {
+        return std::strtoull(request.pathParameter("bytes").c_str(), nullptr, 10);
+    }
+
+    static void writeBody(Request& request)
+    {
+        static const std::string piece(kPieceBytes, 'd');
+        uint64_t bytes = bytesAskedFor(request);
+        request.startStream();
+        while (bytes > 0) {
+            const auto part = static_cast<size_t>(std::min<uint64_t>(bytes, piece.size()));
+            if (!request.write({piece.data(), part}))
+                return;
+            bytes -= part;
+        }
+    }
+
+    static void takeUpload(Request& request)
+    {
+        std::vector<char> piece(kPieceBytes);
+        uint64_t total = 0;
+        while (const size_t got = request.readBody(piece.data(), piece.size()))
+            total += got;
+        request.reply(std::to_string(total));
+    }
+
+    static void addRoutes(qv::kit::Router& router, RequestRecord& record)
+    {
+        router.get("/small", [](Request& request) { request.reply("small"); });
+        router.get("/buffered/{bytes}", [](Request& request) {
+            request.reply(std::string(bytesAskedFor(request), 'b'));
+        });
+        router.get("/known/{bytes}", [](Request& request) {
+            request.setContentLength(static_cast<int64_t>(bytesAskedFor(request)));
+            writeBody(request);
+        });
+        // The part behind the length is only part of the name, for the log.
+        router.get("/chunked/{bytes}/{name*}", writeBody);
+        for (const char* pattern : {"/upload", "/upload/{kind}"})
+            router.put(pattern, takeUpload).streaming().maxBodyBytes(kUploadLimitBytes);
+        router.post("/upload", takeUpload).streaming().maxBodyBytes(kUploadLimitBytes);
+        router.get("/hold", [&record](Request& request) {
+            record.hold();
+            request.reply("held");
+        });
+        router.get("/throws/{name*}", [](Request& request) {
+            throw std::runtime_error("on purpose\nwith a second line, " + request.target());
+        });
+    }
+
+    qv::kit::Server mServer;
 };
 
 class CountingSink : public qv::qvLogSink
@@ -291,23 +441,10 @@ public:
     {
         constexpr int kTries = 5;
         for (int i = 0; i < kTries; ++i) {
-            qv::kit::Application::Options options;
-            options.workers = mArguments.number("workers", options.workers);
-            options.queueLimit = mArguments.number("queue", 2048);
-            qv::kit::WebSocketHub::Options hubOptions;
-            hubOptions.workers = mArguments.number("hubworkers", hubOptions.workers);
-            hubOptions.unsentLimit = milliseconds(mArguments.number("unsent", 60000));
-            auto target = std::make_unique<Target>(
-                options, hubOptions, static_cast<int>(mArguments.number("sendbuffer", 0)), mRecord);
-            mTarget = target.get();
-            mServer = std::make_unique<qv::kit::Server>(std::move(target));
-            qv::http::HttpServer::Parameters parameters;
-            parameters.port = qv::tests::findFreePort();
-            parameters.threadPoolSize = mArguments.number("threads", 2);
-            parameters.connectionTimeoutMs = mArguments.number("timeout", 60000);
-            parameters.allowWebSocket = mArguments.number("websocket", 1) != 0;
-            if (startServer(parameters)) {
-                std::printf("port=%d\n", parameters.port);
+            const uint16_t port = qv::tests::findFreePort();
+            mTarget = makeTarget();
+            if (mTarget->start(port)) {
+                std::printf("port=%d\n", port);
                 std::fflush(stdout);
                 return true;
             }
@@ -320,7 +457,7 @@ public:
         if (order == "metrics")
             std::printf("metrics open=%zu requests=%llu holding=%llu connections=%zu "
                         "messages=%llu heap=%zu lines=%llu\n",
-                        mTarget->getOpenCount(), number(mTarget->getRequestCount()),
+                        mTarget->openCount(), number(mTarget->requestCount()),
                         number(mRecord.holding), mTarget->connections(),
                         number(mTarget->messages()), heapBytes(), number(mLogLines));
         else if (order == "endings")
@@ -336,34 +473,26 @@ public:
     void stop(milliseconds limit)
     {
         const auto start = std::chrono::steady_clock::now();
-        const bool finished = mServer->stop(limit);
+        const bool finished = mTarget->stop(limit);
         const auto time =
             std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
-        mServer.reset();
+        const uint64_t created = mTarget->requestCount();
+        const uint64_t deleted = mTarget->deletedCount();
+        mTarget.reset();
         std::printf("stopped ms=%lld finished=%d created=%llu deleted=%llu heap=%zu\n",
-                    static_cast<long long>(time.count()), finished ? 1 : 0, number(mRecord.created),
-                    number(mRecord.deleted), heapBytes());
+                    static_cast<long long>(time.count()), finished ? 1 : 0, number(created),
+                    number(deleted), heapBytes());
         std::fflush(stdout);
     }
 
     std::atomic<uint64_t> mLogLines{0};
 
 private:
-    // With the limits of polling mode, where they are the same.
-    bool startServer(const qv::http::HttpServer::Parameters& parameters)
+    std::unique_ptr<Target> makeTarget()
     {
         if (mArguments.number("events", 0) == 0)
-            return mServer->start(parameters, std::chrono::seconds(30));
-        constexpr uint32_t kMaxConnections = 1020;
-        constexpr size_t kConnectionMemoryBytes = 262144;
-        qv::http::ServerOptions options;
-        options.listen = {"127.0.0.1:" + std::to_string(parameters.port)};
-        options.threads = parameters.threadPoolSize;
-        options.maxConnections = kMaxConnections;
-        options.connectionMemoryBytes = kConnectionMemoryBytes;
-        options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
-            milliseconds(parameters.connectionTimeoutMs);
-        return mServer->start(options);
+            return std::make_unique<PollingTarget>(mArguments, mRecord);
+        return std::make_unique<KitTarget>(mArguments, mRecord);
     }
 
     static unsigned long long number(uint64_t value) { return value; }
@@ -386,8 +515,7 @@ private:
 
     const Arguments& mArguments;
     RequestRecord mRecord;
-    Target* mTarget = nullptr;
-    std::unique_ptr<qv::kit::Server> mServer;
+    std::unique_ptr<Target> mTarget;
 };
 
 int run(const Arguments& arguments)
@@ -402,7 +530,8 @@ int run(const Arguments& arguments)
     constexpr int kThresholdBytes = 128 * 1024;
     ::mallopt(M_MMAP_THRESHOLD, kThresholdBytes);
     ::mallopt(M_TRIM_THRESHOLD, kThresholdBytes);
-    qv::kit::StopSignal signals;
+    // Ends by an order only.
+    ::signal(SIGPIPE, SIG_IGN);
     qv::qvLog log;
     Run server(arguments);
     std::string error;
