@@ -56,6 +56,7 @@ using std::chrono::milliseconds;
 
 constexpr size_t kPieceBytes = 65536;
 constexpr unsigned kWorkers = 16;
+constexpr unsigned kMaxKitWorkers = 1024;
 constexpr unsigned kQueueLimit = 2048;
 constexpr unsigned kThreads = 2;
 constexpr unsigned kTimeoutMs = 60000;
@@ -346,7 +347,7 @@ private:
         constexpr uint32_t kMaxConnections = 1020;
         constexpr size_t kConnectionMemoryBytes = 262144;
         qv::kit::ServerOptions options;
-        options.workers = arguments.number("workers", kWorkers);
+        options.workers = std::min(arguments.number("workers", kWorkers), kMaxKitWorkers);
         options.workerQueueLimit = arguments.number("queue", kQueueLimit);
         options.threads = arguments.number("threads", kThreads);
         options.maxConnections = kMaxConnections;
