@@ -10,7 +10,7 @@
 namespace filedrop
 {
 
-/// Keeps what the line says about a request until its response is known.
+/// The part of the line that is known before the response.
 class AccessLine
 {
 public:

@@ -88,7 +88,7 @@ void LiveList::close()
 void LiveList::push()
 {
     while (waitUntilDue()) {
-        removeGone();
+        removeClosed();
         if (mListeners.empty())
             continue;
         update();
@@ -150,7 +150,7 @@ bool LiveList::write(Listener& listener, std::string_view event)
     return true;
 }
 
-void LiveList::removeGone()
+void LiveList::removeClosed()
 {
     for (auto listener = mListeners.begin(); listener != mListeners.end();) {
         if (listener->stream.isGone()) {

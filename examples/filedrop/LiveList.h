@@ -67,7 +67,7 @@ private:
     void update();
     void send(Listener& listener);
     bool write(Listener& listener, std::string_view event);
-    void removeGone();
+    void removeClosed();
     static void end(Listener& listener);
 
     const Source mSource;

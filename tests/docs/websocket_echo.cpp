@@ -1,15 +1,27 @@
 // The server of docs/websocket.md: echoes every message until SIGINT or SIGTERM.
 
-#include <Wendrel/kit/Server.h>
+#include <Wendrel/HttpDevices.h>
+#include <Wendrel/HttpRequest.h>
+#include <Wendrel/HttpServer.h>
+#include <Wendrel/Wendrel.h>
 #include <Wendrel/kit/WebSocketHub.h>
 
+#include <qvSystem/qvThread.h>
+
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <list>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
+
+using qv::HttpBaseRequest;
+using qv::http::HttpServer;
 
 class Echo : public qv::kit::HubConnection
 {
@@ -22,33 +34,88 @@ public:
     }
 };
 
-class EchoApplication : public qv::kit::Application
+// A request that is no upgrade: 404.
+class NotFound : public HttpBaseRequest, private qv::HttpResponseInterface, qv::HttpWaitListener
 {
-    void onNewWebSocket(qv::http::WebSocket* socket) override { mHub.adopt<Echo>(socket); }
-
-    void onServerStopped() override
+public:
+    void respond()
     {
-        mHub.close(std::chrono::seconds(1));
-        Application::onServerStopped();
+        getResponseDevice().endSending();
+        getResponseDevice().setResponseReady();
     }
 
+private:
+    qv::HttpResponseInterface& getResponse() override { return *this; }
+    qv::HttpWaitListener& getWaitListener() override { return *this; }
+    void onWaitingForData() override {}
+
+    const CookieMap& getCookies() override { return mCookies; }
+    const HeaderMap& getHeaders() override { return mHeaders; }
+    uint32_t getStatusCode() override { return 404; }
+    int64_t getContentLength() override { return 0; }
+    std::string describe() override { return "404"; }
+
+    CookieMap mCookies;
+    HeaderMap mHeaders;
+};
+
+class EchoApplication : public qv::http::HttpServerImpl
+{
+public:
+    void onNewWebSocket(qv::http::WebSocket* socket) override { mHub.adopt<Echo>(socket); }
+
+    void onServerStopped() override { mHub.close(std::chrono::seconds(1)); }
+
+    HttpBaseRequest* createRequest() override
+    {
+        auto request = std::make_unique<NotFound>();
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mRequests.remove_if([](const auto& other) { return other->isCompleted(); });
+        return mRequests.emplace_back(std::move(request)).get();
+    }
+
+    void handleRequest(HttpBaseRequest* request) override
+    {
+        static_cast<NotFound*>(request)->respond();
+    }
+
+    void onRequestCompleted() override {}
+
+private:
+    std::mutex mMutex;
+    std::list<std::unique_ptr<NotFound>> mRequests;  // deleted when they are completed
     qv::kit::WebSocketHub mHub;
 };
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before the first thread
+    std::signal(SIGPIPE, SIG_IGN);
 
-    qv::http::HttpServer::Parameters parameters;
+    HttpServer::Parameters parameters;
     if (argc > 1)
         parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
     parameters.allowWebSocket = true;
-    qv::kit::Server server(std::make_unique<EchoApplication>());
-    if (!server.start(parameters))
-        return 1;
-    std::printf("ws://127.0.0.1:%u/\n", parameters.port);
-    std::fflush(stdout);
-    stopSignal.wait();
-    server.stop(std::chrono::seconds(5));
-    return 0;
+    qv::initializeWendrel();
+    int status = 1;
+    {
+        HttpServer server(new EchoApplication);  // deletes it
+        server.startServer(parameters);
+        while (server.getState() == HttpServer::Starting)
+            qv::qvThread::msleep(1);
+        if (server.getState() == HttpServer::Running) {
+            std::printf("ws://127.0.0.1:%u/\n", parameters.port);
+            std::fflush(stdout);
+            int number = 0;
+            sigwait(&signals, &number);
+            server.stopServer(true);
+            status = 0;
+        }
+    }
+    qv::terminateWendrel();
+    return status;
 }

@@ -124,7 +124,7 @@ public:
     {
         DeferredResponse later = request.defer();
         later.setDeadline(milliseconds(300));
-        later.onGone([this] { ++mGone; });
+        later.onGone([this] { ++mAborted; });
         const std::lock_guard<std::mutex> locker(mMutex);
         mResponses.push_back(std::move(later));
         if (mResponses.size() > kMaxWaiting)
@@ -157,14 +157,14 @@ public:
             stream.write(std::string(1000, 'd'));
             stream.finish();
         }
-        request.reply("gone on");
+        request.reply("done");
     }
 
 private:
     // Fewer than the requests that may be open between two inputs.
     static constexpr size_t kMaxWaiting = 2;
 
-    std::atomic<uint64_t> mGone{0};
+    std::atomic<uint64_t> mAborted{0};
     std::atomic<uint64_t> mWritable{0};
     std::mutex mMutex;  // guards both below
     std::vector<DeferredResponse> mResponses;
