@@ -443,7 +443,7 @@ class Tls(ProxyCase):
         return connection
 
     def test_hello(self):
-        self.start_tls(self.start_server(HELLO, str(free_port())))
+        self.start_tls(self.start_server(HELLO, f"127.0.0.1:{free_port()}"))
         connection = self.connect()
         for name in ("you", "gr%C3%BC%C3%9Fe"):
             connection.request("GET", f"/hello/{name}")
@@ -461,7 +461,7 @@ class Tls(ProxyCase):
         self.assertEqual(recorder.take().values("x-forwarded-proto"), ["https"])
 
     def test_clear_text_and_old_versions_are_refused(self):
-        self.start_tls(self.start_server(HELLO, str(free_port())))
+        self.start_tls(self.start_server(HELLO, f"127.0.0.1:{free_port()}"))
         with socket.create_connection(("127.0.0.1", self.proxy.port), timeout=LIMIT_SECONDS) as client:
             client.sendall(b"GET /hello/you HTTP/1.1\r\nHost: site.test\r\n\r\n")
             self.assertNotIn(b"Hello", client.recv(65536))
