@@ -155,6 +155,41 @@ def frame(message):
 CLOSE_FRAME = bytes([0x88, 0x82, 1, 2, 3, 4, 0x03 ^ 1, 0xe9 ^ 2])
 
 
+class EventStream(Http):
+    """A response of server-sent events."""
+
+    @classmethod
+    async def listen(cls, port, target):
+        self = await cls.open(port)
+        try:
+            await self.send_head("GET", target)
+            response = await self.receive_head()
+            expect(response.status == 200, f"status {response.status} for an event stream")
+            expect(response.headers.get("transfer-encoding") == "chunked", "a stream with a length")
+            self.received = b""
+        except BaseException:
+            self.writer.transport.abort()
+            raise
+        return self
+
+    async def receive(self):
+        """The data of the next event; None at the end of the stream."""
+        while True:
+            event, end, rest = self.received.partition(b"\n\n")
+            if end:
+                self.received = rest
+                data = [line.removeprefix("data: ") for line in event.decode().split("\n")
+                        if line.startswith("data: ")]
+                if data:
+                    return "\n".join(data)
+                continue
+            size = int(await within(self.reader.readuntil(b"\r\n")), 16)
+            chunk = await within(self.reader.readexactly(size + 2))
+            if size == 0:
+                return None
+            self.received += chunk[:-2]
+
+
 class WebSocket(Http):
     """An upgraded connection."""
 

@@ -19,7 +19,7 @@ import sys
 import traceback
 
 from client import (
-    BLOCK, CLOSE_FRAME, Connection, Http, WebSocket, Wrong, cancel, expect, frame, within)
+    BLOCK, CLOSE_FRAME, Connection, EventStream, Http, WebSocket, Wrong, cancel, expect, frame, within)
 
 KIB = 1024
 MIB = 1024 * KIB
@@ -350,10 +350,10 @@ class Load:
             await socket.send(frame("x" * 100)[:self.random.randrange(1, 100)])
 
     async def live(self):
-        async with await WebSocket.upgrade(self.filedrop) as socket:
+        async with await EventStream.listen(self.filedrop, "/live") as stream:
             loop = asyncio.get_running_loop()
             end = loop.time() + self.random.uniform(*self.pace.stay_seconds)
-            text = await socket.receive()
+            text = await stream.receive()
             while not self.stopping.is_set():
                 expect(isinstance(text, str) and "small-1" in
                        {file["name"] for file in json.loads(text)["files"]}, "a wrong list")
@@ -361,14 +361,19 @@ class Load:
                 left = end - loop.time()
                 if left <= 0:
                     break
-                wait = asyncio.ensure_future(socket.receive())
+                wait = asyncio.ensure_future(stream.receive())
                 await asyncio.wait([wait, self.stop_wait], timeout=left,
                                    return_when=asyncio.FIRST_COMPLETED)
                 if not wait.done():
                     await cancel(wait)
                     break
                 text = wait.result()
-            await self.leave_live(socket)
+            way = self.random.choice(("half_close", "reset", "close"))
+            self.done[f"leave_stream_{way}"] += 1
+            if way == "half_close":
+                stream.finish_sending()
+            elif way == "reset":
+                await stream.reset()
 
     async def talk(self):
         number = next(self.numbers)
