@@ -101,12 +101,13 @@ void ServerCore::stopThreads()
 bool ServerCore::start(const ServerOptions& options)
 {
     const qvMutexLocker locker(&mMutex);
-    std::string failure = mIsStarted ? "the server is not stopped" : whyImpossible(options);
+    std::string failure =
+        mState == State::Stopped ? whyImpossible(options) : "the server is not stopped";
     if (failure.empty()) {
         mRouter.mTable->freeze();
         mMaxBodyBytes = options.maxBodyBytes;
         if (startThreads(options))
-            mIsStarted = true;
+            mState = State::Started;
         else
             failure = mServer->getFailureReason();
     }
@@ -118,14 +119,28 @@ bool ServerCore::start(const ServerOptions& options)
 
 bool ServerCore::stop(std::chrono::milliseconds deadline)
 {
-    const qvMutexLocker locker(&mMutex);
-    if (!mIsStarted)
-        return true;
-    // The workers go on until every request is completed.
+    bool isFirst = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mState == State::Stopped)
+            return true;
+        isFirst = mState == State::Started;
+        mState = State::Stopping;
+    }
+    // A further call shortens the time of the first one.
     const bool drained = mServer->shutDown(deadline);
-    stopThreads();
-    mIsStarted = false;
-    return drained;
+    // The workers go on until every request is completed.
+    if (isFirst)
+        stopThreads();
+    const qvMutexLocker locker(&mMutex);
+    if (isFirst) {
+        mHasDrained = drained;
+        mState = State::Stopped;
+        mStopped.wakeAll();
+    }
+    while (mState == State::Stopping)
+        mStopped.wait(&mMutex, qvWaitCondition::kNoTimeout);
+    return mHasDrained;
 }
 
 void ServerCore::close()

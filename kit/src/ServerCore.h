@@ -11,6 +11,7 @@
 
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
 
 #include <atomic>
 #include <chrono>
@@ -77,8 +78,12 @@ private:
     std::atomic<size_t> mOpenRequests{0};
     std::atomic<Exchange*> mOver{nullptr};  // requests to be deleted
     std::atomic<uint64_t> mMaxBodyBytes{0};
-    qvMutex mMutex;  // held by start and stop
-    bool mIsStarted QV_GUARDED_BY(mMutex) = false;
+    enum class State : uint8_t { Stopped, Started, Stopping };
+
+    qvMutex mMutex;  // held by start, and by stop while it does not wait
+    qvWaitCondition mStopped;
+    State mState QV_GUARDED_BY(mMutex) = State::Stopped;
+    bool mHasDrained QV_GUARDED_BY(mMutex) = true;  // the last stop
     mutable qvMutex mReasonMutex;
     std::string mFailureReason QV_GUARDED_BY(mReasonMutex);
     DeadlineQueue mDeadlines;

@@ -80,7 +80,8 @@ public:
     /// Stops. No connection is accepted any more; running requests, deferred ones included, have
     /// until `deadline` to get their responses. Those left are aborted then, and their `onGone`
     /// called. Returns when all handlers have returned: true when no request was aborted. It can be
-    /// started again. Any thread but those of handlers and callbacks.
+    /// started again. A call while another one waits can shorten the time of that one, and returns
+    /// with it. Any thread but those of handlers and callbacks.
     bool stop(std::chrono::milliseconds deadline);
 
     /// Whether it accepts connections. Any thread.
