@@ -9,6 +9,7 @@ descriptors and threads, the load, its end, another look, SIGTERM, the verdict.
 import argparse
 import collections
 import csv
+import http.client
 import json
 import os
 import pathlib
@@ -265,6 +266,21 @@ class Soak:
             failures = json.loads(line)["failures"]
             if failures:
                 raise RunFailed("even before the load: " + "; ".join(failures))
+        # A stream whose client has left ends when a later write fails.
+        end = time.monotonic() + PRIME_LIMIT_SECONDS
+        while self.open_requests() > 1:
+            if time.monotonic() > end:
+                raise RunFailed("requests of clients that have left stay open")
+            time.sleep(POLL_INTERVAL_SECONDS)
+
+    def open_requests(self):
+        """Of filedrop, this one included."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.filedrop.port, timeout=PRIME_LIMIT_SECONDS)
+        try:
+            connection.request("GET", "/api/status", headers={"Connection": "close"})
+            return json.loads(connection.getresponse().read())["openRequests"]
+        finally:
+            connection.close()
 
     def wait_steady(self):
         """Descriptors and threads in a steady state."""
