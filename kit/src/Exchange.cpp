@@ -191,7 +191,7 @@ void Exchange::beginBody()
     if (declared > 0 && static_cast<uint64_t>(declared) > limit) {
         Refusal refusal;
         refusal.status = kContentTooLarge;
-        refuse(std::move(refusal));
+        refuse(By::Server, std::move(refusal));
     } else if (mRoute->mIsStreaming) {
         dispatch();
     } else {
@@ -204,7 +204,7 @@ void Exchange::onBodyComplete()
 {
     guard([this] {
         if (mRefusal)
-            refuse(std::move(*mRefusal));
+            refuse(By::Server, std::move(*mRefusal));
         else if (mRoute && !mIsDispatched && isOpen())
             dispatch();
     });
@@ -218,28 +218,28 @@ void Exchange::onBodyPaused(uint64_t queuedBytes)
     getReceiveDevice().discardReceived();
     guard([&] {
         if (mRefusal) {
-            refuse(std::move(*mRefusal));
+            refuse(By::Server, std::move(*mRefusal));
         } else if (queuedBytes > bodyLimit()) {
             Refusal refusal;
             refusal.status = kContentTooLarge;
-            refuse(std::move(refusal));
+            refuse(By::Server, std::move(refusal));
         } else {
             refuseBusy();
         }
     });
 }
 
-void Exchange::refuse(Refusal&& refusal)
+void Exchange::refuse(By by, Refusal&& refusal)
 {
     if (isError(refusal.status)) {
-        respondError(By::Server, std::move(refusal.head), refusal.status, refusal.message);
+        respondError(by, std::move(refusal.head), refusal.status, refusal.message);
         return;
     }
     Response response;
     response.head = std::move(refusal.head);
     response.status = refusal.status;
     response.source = makeText(std::string());
-    respond(By::Server, std::move(response));
+    respond(by, std::move(response));
 }
 
 void Exchange::refuseAfterBody(Refusal&& refusal)
@@ -249,7 +249,7 @@ void Exchange::refuseAfterBody(Refusal&& refusal)
     if (isShort && !hasParseError() && !getHeader("expect") && !getHeader("transfer-encoding"))
         mRefusal = std::make_unique<Refusal>(std::move(refusal));
     else
-        refuse(std::move(refusal));
+        refuse(By::Server, std::move(refusal));
 }
 
 void Exchange::refuseBusy()
@@ -257,7 +257,7 @@ void Exchange::refuseBusy()
     Refusal refusal;
     refusal.status = kUnavailable;
     refusal.head.setHeader("Retry-After", kRetryAfterSeconds);
-    refuse(std::move(refusal));
+    refuse(By::Server, std::move(refusal));
 }
 
 void Exchange::dispatch()
@@ -331,7 +331,13 @@ void Exchange::fail(int status, const std::string& message)
 
 void Exchange::expire(int status)
 {
-    guard([&] { respondError(By::Deadline, ResponseHead(), status, std::string()); });
+    guard([&] {
+        Refusal refusal;
+        refusal.status = status == kNoContent || status == kNotModified || isError(status)
+                             ? status
+                             : kServerError;
+        refuse(By::Deadline, std::move(refusal));
+    });
     if (mBy == By::Deadline)
         becomeGone();
 }

@@ -138,7 +138,7 @@ private:
 
     bool findRoute(Refusal& refusal);
     void beginBody();
-    void refuse(Refusal&& refusal);
+    void refuse(By by, Refusal&& refusal);
     void refuseAfterBody(Refusal&& refusal);
     void refuseBusy();
     void dispatch();

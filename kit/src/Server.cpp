@@ -181,6 +181,11 @@ bool Server::stop(std::chrono::milliseconds deadline)
     return mCore->stop(deadline);
 }
 
+void Server::onStopping(std::function<void()> callback)
+{
+    mCore->setStopping(std::move(callback));
+}
+
 bool Server::isRunning() const
 {
     return mCore->httpServer().getState() == http::HttpServer::Running;

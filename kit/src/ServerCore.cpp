@@ -3,6 +3,7 @@
 #include "ServerCore.h"
 
 #include "Exchange.h"
+#include "KitLog.h"
 #include "RouteTable.h"
 
 #include <Wendrel/WebSocket.h>
@@ -43,7 +44,7 @@ public:
     }
 
     void onRequestCompleted() override {}
-    void onServerStopped() override {}
+    void onServerStopped() override { mCore.callStopping(); }
 
     // Polling mode only.
     void onNewWebSocket(http::WebSocket* socket) override
@@ -153,6 +154,20 @@ std::string ServerCore::failureReason() const
 {
     const qvMutexLocker locker(&mReasonMutex);
     return mFailureReason;
+}
+
+// Thread: the listener's.
+void ServerCore::callStopping() const
+{
+    constexpr const char* kWhat = "the callback onStopping failed: ";
+    try {
+        if (mStopping)
+            mStopping();
+    } catch (const std::exception& error) {
+        LogOfRoute("server", kWhat, error.what());
+    } catch (...) {
+        LogOfRoute("server", kWhat, "an exception that is no std::exception");
+    }
 }
 
 Exchange& ServerCore::create()

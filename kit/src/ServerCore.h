@@ -17,8 +17,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace qv::kit
 {
@@ -47,6 +49,8 @@ public:
     std::string failureReason() const;
     const http::HttpServer& httpServer() const { return *mServer; }
 
+    void setStopping(std::function<void()> callback) { mStopping = std::move(callback); }
+
     // The requests.
     const RouteTable& routes() const { return *mRouter.mTable; }
     DeadlineQueue& deadlines() { return mDeadlines; }
@@ -72,7 +76,10 @@ private:
     bool startThreads(const ServerOptions& options);
     void stopThreads();
 
+    void callStopping() const;
+
     Router mRouter;
+    std::function<void()> mStopping;  // not changed while the server runs
     std::atomic<size_t> mUsers{1};
     std::atomic<uint64_t> mRequestCount{0};
     std::atomic<size_t> mOpenRequests{0};

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -206,6 +208,94 @@ TEST(KitDeferred, ADeadlineRespondsAndTellsTheApplication)
         EXPECT_EQ(client.receive().value_or(RawResponse()).body, "in time");
     }
     EXPECT_EQ(calls, 1);
+}
+
+TEST(KitDeferred, ADeadlineMayRespondWithoutABody)
+{
+    Deferring deferring;
+    KitTestServer server([&](Router& router) { deferring.addTo(router); });
+    RawClient client(server.port());
+    const struct
+    {
+        int given;
+        int sent;
+    } rows[] = {{204, 204}, {304, 304}, {404, 404}, {200, 500}, {101, 500}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.given);
+        ASSERT_TRUE(client.send(getRequest("/wait")));
+        auto later = deferring.next();
+        later->setDeadline(milliseconds(1), row.given);
+        const auto response = client.receive();
+        ASSERT_TRUE(response);
+        EXPECT_EQ(response->status, row.sent);
+        EXPECT_EQ(response->body.empty(), row.sent < 400);
+    }
+}
+
+TEST(KitDeferred, OneMayBeDestroyedByItsOwnCallback)
+{
+    Deferring deferring;
+    KitTestServer server([&](Router& router) { deferring.addTo(router); });
+    for (const bool expires : {true, false}) {
+        SCOPED_TRACE(expires);
+        RawClient client(server.port());
+        ASSERT_TRUE(client.send(getRequest("/wait")));
+        std::mutex mutex;
+        auto later = deferring.next();
+        std::atomic<int> open{-1};
+        {
+            const std::lock_guard locker(mutex);
+            later->onGone([&] {
+                const std::lock_guard callbackLocker(mutex);
+                const bool isOpen = later->isOpen();
+                std::atomic<int>& result = open;
+                later.reset();
+                result = isOpen;
+            });
+            if (expires)
+                later->setDeadline(milliseconds(1));
+            else
+                client.reset();
+        }
+        EXPECT_TRUE(waitUntil([&] { return open != -1; }));
+        EXPECT_EQ(open, 0);
+        const std::lock_guard locker(mutex);
+    }
+}
+
+TEST(KitDeferred, AStopMayEndThoseThatWait)
+{
+    std::mutex mutex;
+    std::vector<DeferredResponse> waiting;
+    std::atomic<int> calls{0};
+    qv::kit::Server server(kitOptions(1));
+    server.router().get("/wait", [&](Request& request) {
+        const std::lock_guard locker(mutex);
+        waiting.push_back(request.defer());
+    });
+    server.onStopping([&] {
+        ++calls;
+        const std::lock_guard locker(mutex);
+        for (DeferredResponse& later : waiting)
+            later.reply("stopping");
+        waiting.clear();
+        throw std::runtime_error("on purpose");
+    });
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_TRUE(server.start());
+        const std::string endpoint = server.endpoints().front();
+        RawClient client(
+            static_cast<uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1))));
+        ASSERT_TRUE(client.send(getRequest("/wait")));
+        ASSERT_TRUE(waitUntil([&] {
+            const std::lock_guard locker(mutex);
+            return waiting.size() == 1;
+        }));
+        EXPECT_TRUE(server.stop(kLimit));
+        EXPECT_EQ(calls, round);
+        EXPECT_EQ(client.receive().value_or(RawResponse()).body, "stopping");
+    }
+    EXPECT_TRUE(logged("server: the callback onStopping failed: on purpose"));
 }
 
 TEST(KitDeferred, DeadlinesExpireInTheirOrder)

@@ -102,14 +102,15 @@ public:
     /// or the server stops; at once when that has happened already. It replaces the one before. It
     /// is destroyed, uncalled, when the response has been sent whole.
     ///
-    /// Thread: the daemon's, one of the server, or the caller's; it must not wait. No lock is held:
-    /// it may use this object if the application guards it. An exception that leaves it is logged
-    /// with the route.
+    /// Thread: the daemon's, one of the server, or the caller's; it must not wait. No lock is held,
+    /// and `isOpen` is false: it may use or destroy this object if the application guards it. An
+    /// exception that leaves it is logged with the route.
     void onGone(std::function<void()> callback);
 
     /// Without a response within `limit` from now, the response is that of `replyError(status)`,
-    /// and `onGone` is called. It replaces the deadline before; a limit that is not positive
-    /// removes it. A stream that has been started in time has no deadline.
+    /// or an empty one with status 204 or 304, and `onGone` is called. It replaces the deadline
+    /// before; a limit that is not positive removes it. A stream that has been started in time has
+    /// no deadline.
     void setDeadline(std::chrono::milliseconds limit, int status = 503);
 
 private:

@@ -6,16 +6,13 @@
 #include <Wendrel/kit/HttpError.h>
 #include <Wendrel/kit/Responder.h>
 
+#include <qvSystem/IpAddress.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <string>
 #include <string_view>
-
-namespace qv
-{
-class IpAddress;
-}
 
 namespace qv::kit
 {
@@ -69,7 +66,7 @@ public:
     /// The value of a cookie; empty when there is none.
     const std::string& cookie(const std::string& name) const;
 
-    /// Address and port of the client; see `http::ServerOptions::trustedProxies`.
+    /// Address and port of the client; see `ServerOptions::trustedProxies`.
     const IpAddress& clientAddress() const;
 
     /// The length that the client declared for its body; -1 when it declared none.

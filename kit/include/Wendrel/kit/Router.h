@@ -42,7 +42,7 @@ public:
 
     /// From the complete request, or in a streaming route from its head, to the beginning of the
     /// response, deferred ones included: then 503. By default none but
-    /// `http::ServerOptions::responseTimeout`.
+    /// `ServerOptions::responseTimeout`.
     Route& responseTimeout(std::chrono::milliseconds limit);
 
     /// Method and pattern: "GET /files/{name}".

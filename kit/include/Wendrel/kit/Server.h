@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -56,7 +57,7 @@ public:
     /// The options; change them before the server is started.
     ServerOptions& options();
 
-    /// Serves `endpoint` ("127.0.0.1:8181"; see `http::ServerOptions::listen`) until SIGINT or
+    /// Serves `endpoint` ("127.0.0.1:8181"; see `ServerOptions::listen`) until SIGINT or
     /// SIGTERM, then stops within `ServerOptions::stopTimeout`. Prints the URLs to standard output,
     /// or to standard error why it cannot listen. Returns the exit status of the program: 0, or 1
     /// when it could not listen. The signals are handled by this call alone while it runs; a second
@@ -83,6 +84,12 @@ public:
     /// started again. A call while another one waits can shorten the time of that one, and returns
     /// with it. Any thread but those of handlers and callbacks.
     bool stop(std::chrono::milliseconds deadline);
+
+    /// `callback` is called once at the beginning of each stop, that of `run` and of the destructor
+    /// included, when no connection is accepted any more: end deferred responses and streams that
+    /// would wait for the deadline otherwise. Set it before the server is started. Thread: one of
+    /// the server; it must not wait. An exception that leaves it is logged.
+    void onStopping(std::function<void()> callback);
 
     /// Whether it accepts connections. Any thread.
     bool isRunning() const;
