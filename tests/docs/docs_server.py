@@ -12,22 +12,29 @@ RESET_AT_CLOSE = b"\1\0\0\0\0\0\0\0"
 
 
 class DocsServer:
-    """The program, started with a free port and `arguments`, and operations of clients."""
+    """The program, started with a free port and `arguments`, and operations of clients.
+
+    "DIRECTORY" in an argument is the directory of the program."""
 
     def __init__(self, test, program, *arguments):
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="wendrel-docs-"))
         test.addCleanup(shutil.rmtree, self.directory)
+        more = [str(argument).replace("DIRECTORY", str(self.directory)) for argument in arguments]
         for last_attempt in (False, False, True):
             self.port = free_port()
-            self.process = Process("env", "-C", self.directory, program, str(self.port), *arguments)
+            self.process = Process("env", "-C", self.directory, program, self.endpoint(), *more)
             test.addCleanup(self.process.kill)
             try:
-                self.process.wait_line(rf"listening on http://127\.0\.0\.1:{self.port}/$")
+                self.process.wait_line(rf"(?:listening on )?http://127\.0\.0\.1:{self.port}/$")
                 return
             except AssertionError:
                 # Somebody else may have taken the port meanwhile.
                 if last_attempt or self.process.wait_end() != 1:
                     raise
+
+    def endpoint(self):
+        """The first argument of the program."""
+        return str(self.port)
 
     def connect(self, receive_bytes=None):
         """A connection; with `receive_bytes` the system takes little that is not read."""
@@ -71,6 +78,27 @@ class DocsServer:
         _, _, response = wait_until(lambda: (found := self.ask("GET", target))[0] == 503 and found,
                                   "a new request is refused")
         return response
+
+
+class KitServer(DocsServer):
+    """The same of a program whose first argument is an endpoint."""
+
+    def endpoint(self):
+        return f"127.0.0.1:{self.port}"
+
+    def is_accepting(self):
+        connection = self.connect()
+        try:
+            connection.connect()
+            return True
+        except ConnectionRefusedError:
+            return False
+        finally:
+            connection.close()
+
+    def wait_until_stopping(self):
+        """The server has been told to stop: it accepts no connection any more."""
+        wait_until(lambda: not self.is_accepting(), "the endpoint is closed")
 
 
 def reset(connection):

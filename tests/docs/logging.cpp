@@ -6,16 +6,12 @@
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
 
-#include <chrono>
-#include <cstdint>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
-using qv::HttpBaseRequest;
 using qv::qvLog;
 using qv::kit::Request;
 
@@ -74,17 +70,15 @@ std::unique_ptr<qvLog> makeLog(const std::string& path, int level)
     return log;
 }
 
-std::unique_ptr<qv::kit::Application> makeShop()
+void addRoutes(qv::kit::Router& router)
 {
-    auto shop = std::make_unique<qv::kit::Application>();
-    shop->getRouter().add(HttpBaseRequest::GET, "/", [](Request& request) {
+    router.get("/", [](Request& request) {
         writeLog(qvLog::Debug, "somebody looks at the page");
-        request.reply(200, "text/plain; charset=utf-8", "The shop is open.\n");
+        request.reply("The shop is open.\n");
     });
-    shop->getRouter().add(HttpBaseRequest::GET, "/order/{item}", [](Request& request) {
-        throw std::runtime_error("no " + request.getPathParameter("item"));
+    router.get("/order/{item}", [](Request& request) {
+        throw std::runtime_error("no " + request.pathParameter("item"));
     });
-    return shop;
 }
 
 }  // namespace
@@ -93,24 +87,15 @@ int main(int argc, char** argv)
 {
     const int level = argc == 4 ? qvLog::LevelFromName(argv[3]) : -1;
     if (level < 0) {
-        std::fprintf(stderr, "usage: docs_logging PORT FILE LEVEL\n");
+        std::fprintf(stderr, "usage: docs_logging ENDPOINT FILE LEVEL\n");
         return 2;
     }
-    qv::kit::StopSignal stopSignal;
-
     // Constructed before the server, so that it is destroyed after it.
     const std::unique_ptr<qvLog> log = makeLog(argv[2], level);
     if (!log)
         return 1;
 
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
-    qv::kit::Server server(makeShop());
-    if (!server.start(parameters))
-        return 1;
-    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
-    std::fflush(stdout);
-    stopSignal.wait();
-    server.stop(std::chrono::seconds(10));
-    return 0;
+    qv::kit::Server server;
+    addRoutes(server.router());
+    return server.run(argv[1]);
 }

@@ -1,21 +1,21 @@
-// The handlers of docs/streaming.md: stream a file, read request bodies.
+// The handlers of docs/streaming.md: bodies of any length in constant memory.
 
 #include <Wendrel/kit/Server.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-using qv::HttpBaseRequest;
-using qv::kit::BodyResult;
+using qv::BodySource;
+using qv::kit::ContentType;
+using qv::kit::DeferredStream;
+using qv::kit::HttpError;
 using qv::kit::Request;
+using qv::kit::StreamWrite;
 
 namespace
 {
@@ -23,85 +23,99 @@ namespace
 constexpr size_t kPieceBytes = 65536;
 constexpr uint64_t kNoteLimitBytes = 65536;
 
-// With a declared length the client can show progress and detects truncation.
-void sendFile(Request& request, const std::string& path)
+uint64_t lastOf(Request& request)
 {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) {
-        request.replyError(404, "There is no such file.");
-        return;
-    }
-    request.getHead().setContentType("application/octet-stream");
-    request.getHead().setContentLength(file.tellg());
-    if (!request.startStream() || !request.hasBody())
-        return;  // the connection is closed, or the request is HEAD
-    file.seekg(0);
-    std::vector<char> piece(kPieceBytes);
-    while (file.read(piece.data(), kPieceBytes) || file.gcount() > 0) {
-        if (!request.write(piece.data(), static_cast<size_t>(file.gcount())))
-            return;  // the connection is closed
-    }
-    request.finish();  // closes the connection if the file has been truncated meanwhile
+    return std::strtoull(request.pathParameter("last").c_str(), nullptr, 10);
 }
 
-// Reads a body of any length in constant memory.
+// The server reads the file while it sends it. No worker waits.
+void sendFile(Request& request, const std::string& path)
+{
+    std::unique_ptr<BodySource> file = BodySource::fromFile(path);
+    if (!file)
+        throw HttpError(404, "There is no such file.");
+    request.replySource(std::move(file), ContentType::bytes());
+}
+
+// The worker writes at the rate at which the client reads.
+void sendNumbers(Request& request)
+{
+    const uint64_t last = lastOf(request);
+    if (!request.startStream())
+        return;
+    for (uint64_t number = 1; number <= last; ++number) {
+        if (!request.write(std::to_string(number) + "\n"))
+            return;  // the client has closed the connection
+    }
+}
+
+// The same without a worker: continued each time that the client has taken enough.
+class Numbers : public std::enable_shared_from_this<Numbers>
+{
+public:
+    Numbers(DeferredStream stream, uint64_t last) : mStream(std::move(stream)), mLast(last) {}
+
+    void start()
+    {
+        // The stream keeps the callback, and so this object, until it is finished or gone.
+        mStream.onWritable([self = shared_from_this()] { self->writeMore(); });
+        writeMore();
+    }
+
+private:
+    void writeMore()
+    {
+        for (; mNext <= mLast; ++mNext) {
+            if (mStream.write(std::to_string(mNext) + "\n") != StreamWrite::Taken)
+                return;  // Full: called again. Gone: never
+        }
+        mStream.finish();
+    }
+
+    DeferredStream mStream;
+    uint64_t mNext = 1;
+    const uint64_t mLast;
+};
+
+void sendNumbersLater(Request& request)
+{
+    const uint64_t last = lastOf(request);
+    DeferredStream stream = request.defer().startStream(ContentType::text());
+    std::make_shared<Numbers>(std::move(stream), last)->start();
+}
+
+// Reads a body of any length in constant memory. For a streaming route.
 void countLines(Request& request)
 {
     std::vector<char> piece(kPieceBytes);
     int64_t lines = 0;
-    BodyResult result = BodyResult::More;
-    while (result == BodyResult::More) {
-        size_t got = 0;
-        result = request.readBody(piece.data(), piece.size(), got);
+    while (const size_t got = request.readBody(piece.data(), piece.size()))
         lines += std::count(piece.data(), piece.data() + got, '\n');
-    }
-    if (result == BodyResult::Complete)
-        request.reply(200, "text/plain; charset=utf-8", std::to_string(lines) + "\n");
+    request.reply(std::to_string(lines) + "\n");
 }
 
-// Reads a small body as a whole; holds at most the limit in memory.
+// The body has been received when the handler is called.
 void takeNote(Request& request)
 {
-    std::string note;
-    switch (request.readWholeBody(kNoteLimitBytes, note)) {
-    case BodyResult::Complete:
-        request.reply(200, "text/plain; charset=utf-8", "noted: " + note + "\n");
-        break;
-    case BodyResult::TooLarge:
-        request.replyError(413,
-                           "A note has at most " + std::to_string(kNoteLimitBytes) + " bytes.");
-        break;
-    default:
-        break;  // the connection is closed or the server stops: nobody receives a response
-    }
+    request.reply("noted: " + request.body() + "\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: docs_streaming PORT FILE\n");
+    if (argc != 3)
         return 2;
-    }
-    qv::kit::StopSignal stopSignal;
-
-    const std::string path = argv[2];
-    auto application = std::make_unique<qv::kit::Application>();
-    qv::kit::Router& router = application->getRouter();
-    router.add(HttpBaseRequest::GET, "/file",
-               [path](Request& request) { sendFile(request, path); });
-    router.add(HttpBaseRequest::POST, "/lines", countLines);
-    router.add(HttpBaseRequest::POST, "/notes", takeNote);
-
-    qv::http::HttpServer::Parameters parameters;
-    parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
-    qv::kit::Server server(std::move(application));
-    if (!server.start(parameters))
-        return 1;
-    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
-    std::fflush(stdout);
-    stopSignal.wait();
-    server.stop(std::chrono::seconds(10));
-    return 0;
+    qv::kit::ServerOptions options;
+    options.listen = {argv[1]};
+    options.workers = 4;
+    qv::kit::Server server(options);
+    qv::kit::Router& router = server.router();
+    router.get("/file",
+               [path = std::string(argv[2])](Request& request) { sendFile(request, path); });
+    router.get("/numbers/{last}", sendNumbers);
+    router.get("/numbers-later/{last}", sendNumbersLater);
+    router.post("/lines", countLines).streaming();
+    router.post("/notes", takeNote).maxBodyBytes(kNoteLimitBytes);
+    return server.run();
 }

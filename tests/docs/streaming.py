@@ -6,10 +6,11 @@ import sys
 import tempfile
 import unittest
 
-from docs_server import DocsServer, reset
+from docs_server import KitServer, reset
 
 FILE_BYTES = 12 * 1024 * 1024  # more than the socket buffers of both sides hold
 NOTE_LIMIT_BYTES = 65536
+LAST_NUMBER = 3000000
 
 
 class Streaming(unittest.TestCase):
@@ -21,7 +22,7 @@ class Streaming(unittest.TestCase):
         self.file = pathlib.Path(folder.name) / "file"
         self.content = b"".join(b"%07d\n" % number for number in range(FILE_BYTES // 8))
         self.file.write_bytes(self.content)
-        self.server = DocsServer(self, self.program, self.file)
+        self.server = KitServer(self, self.program, self.file)
 
     def tearDown(self):
         self.assertEqual(self.server.process.stop(), 0)
@@ -50,11 +51,42 @@ class Streaming(unittest.TestCase):
             response.read()
         connection.close()
 
+    def test_numbers_arrive_with_and_without_a_worker(self):
+        for target in ("/numbers", "/numbers-later"):
+            with self.subTest(target):
+                for last in (0, 1, LAST_NUMBER):
+                    expected = "".join(f"{number}\n" for number in range(1, last + 1)).encode()
+                    status, body, _ = self.server.ask("GET", f"{target}/{last}")
+                    self.assertEqual(status, 200)
+                    self.assertTrue(body == expected, f"{len(body)} bytes")
+                self.assertEqual(self.server.ask("HEAD", f"{target}/3")[:2], (200, b""))
+
+    def test_slow_readers_of_a_deferred_stream_hold_no_worker(self):
+        """There are 4 workers."""
+        readers = []
+        for target in ("/numbers-later/20000000", "/file") * 10:
+            readers.append(self.server.connect(receive_bytes=65536))
+            readers[-1].request("GET", target)
+            readers[-1].getresponse().read(1000)
+        self.assertEqual(self.server.ask("POST", "/notes", b"milk")[:2], (200, b"noted: milk\n"))
+        for reader in readers:
+            reset(reader)
+
+    def test_a_slow_body_holds_no_worker(self):
+        senders = [self.server.connect() for _ in range(20)]
+        for sender in senders:
+            sender.putrequest("POST", "/notes")
+            sender.putheader("Content-Length", "1000")
+            sender.endheaders(b"x")
+        self.assertEqual(self.server.ask("POST", "/notes", b"milk")[:2], (200, b"noted: milk\n"))
+        for sender in senders:
+            reset(sender)
+
     def test_the_handler_returns_when_the_client_disconnects(self):
-        """The server has 16 workers: waiting for 17 closed connections, none would be free."""
-        for _ in range(17):
+        """The server has 4 workers: waiting for 5 closed connections, none would be free."""
+        for _ in range(5):
             connection = self.server.connect(receive_bytes=65536)
-            connection.request("GET", "/file")
+            connection.request("GET", "/numbers/20000000")
             connection.getresponse().read(1000)
             reset(connection)
             reset(self.server.begin_upload("POST", "/lines", 1000000, b"\n" * 1000))
@@ -70,7 +102,7 @@ class Streaming(unittest.TestCase):
                          (200, b"%d\n" % (2 * FILE_BYTES // 8)))
 
     def test_a_note_has_its_limit(self):
-        too_large = (413, b'{"error":"A note has at most 65536 bytes.","status":413}')
+        too_large = (413, b'{"error":"Content Too Large","status":413}')
         largest = b"x" * NOTE_LIMIT_BYTES
         chunked = {"encode_chunked": True, "headers": {"Transfer-Encoding": "chunked"}}
         self.assertEqual(self.server.ask("POST", "/notes", b"milk")[:2], (200, b"noted: milk\n"))

@@ -1,56 +1,94 @@
-// First server: hello, and a stream of numbers.
+// Notes in memory: paths, queries, JSON, small bodies, errors.
 
 #include <Wendrel/kit/Server.h>
 
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
+#include <map>
+#include <mutex>
 #include <string>
-#include <utility>
 
-using qv::HttpBaseRequest;
+using qv::kit::ContentType;
+using qv::kit::HttpError;
 using qv::kit::Request;
 
-void sendHello(Request& request)
+// A text, which is UTF-8, as a string of JSON.
+std::string quoted(const std::string& text)
 {
-    request.reply(200, "text/plain; charset=utf-8",
-                  "Hello, " + request.getPathParameter("name") + "!\n");
+    std::string json = "\"";
+    for (const char c : text) {
+        char escaped[8] = {c, '\0'};
+        if (c == '"' || c == '\\')
+            std::snprintf(escaped, sizeof escaped, "\\%c", c);
+        else if (static_cast<unsigned char>(c) < ' ')
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+        json += escaped;
+    }
+    return json + "\"";
 }
 
-// Generates lines at the rate at which the client reads them.
-void sendNumbers(Request& request)
+class Notes
 {
-    const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
-    for (uint64_t number = 1; number <= last; ++number) {
-        const std::string line = std::to_string(number) + "\n";
-        if (!request.write(line.data(), line.size()))
-            return;  // the connection is closed
+public:
+    // GET /notes?contains=TEXT
+    void list(Request& request)
+    {
+        const std::string& part = request.query("contains");
+        std::string json;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        for (const auto& [id, text] : mNotes) {
+            if (text.find(part) != std::string::npos)
+                json += (json.empty() ? "" : ",") + ("{\"id\":" + id) +
+                        ",\"text\":" + quoted(text) + "}";
+        }
+        request.reply("[" + json + "]\n", ContentType::json());
     }
-    request.finish();
-}
+
+    // POST /notes
+    void add(Request& request)
+    {
+        const std::string& text = request.body();
+        if (text.empty())
+            throw HttpError(422, "A note needs a text.");
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const std::string id = std::to_string(++mLastId);
+        mNotes[id] = text;
+        request.setHeader("Location", "/notes/" + id);
+        request.reply(201, "{\"id\":" + id + "}\n", ContentType::json());
+    }
+
+    // GET /notes/{id}
+    void show(Request& request)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const auto found = mNotes.find(request.pathParameter("id"));
+        if (found == mNotes.end())
+            throw HttpError(404, "There is no such note.");
+        request.reply(found->second);
+    }
+
+    // DELETE /notes/{id}
+    void remove(Request& request)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (mNotes.erase(request.pathParameter("id")) == 0)
+            throw HttpError(404, "There is no such note.");
+        request.reply(204);
+    }
+
+private:
+    std::mutex mMutex;  // handlers run on several threads at once
+    std::map<std::string, std::string> mNotes;
+    unsigned mLastId = 0;
+};
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
-
-    auto application = std::make_unique<qv::kit::Application>();
-    application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);
-    application->getRouter().add(HttpBaseRequest::GET, "/numbers/{last}", sendNumbers);
-
-    qv::http::HttpServer::Parameters parameters;
-    if (argc > 1)
-        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
-    qv::kit::Server server(std::move(application));  // owns the application from here
-    if (!server.start(parameters)) {
-        std::fprintf(stderr, "cannot listen on port %u\n", parameters.port);
-        return 1;
-    }
-    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
-    std::fflush(stdout);
-
-    stopSignal.wait();
-    server.stop(std::chrono::seconds(10));
-    return 0;
+    Notes notes;  // outlives the server, whose handlers use it
+    qv::kit::Server server;
+    qv::kit::Router& router = server.router();
+    router.get("/notes", [&](Request& request) { notes.list(request); });
+    router.post("/notes", [&](Request& request) { notes.add(request); }).maxBodyBytes(10000);
+    router.get("/notes/{id}", [&](Request& request) { notes.show(request); });
+    router.del("/notes/{id}", [&](Request& request) { notes.remove(request); });
+    return server.run(argc > 1 ? argv[1] : "127.0.0.1:8181");
 }

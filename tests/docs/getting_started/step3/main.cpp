@@ -1,120 +1,112 @@
-// First server: hello, a stream of numbers, and uploads.
+// Files of any size in constant memory: uploads to a directory, downloads with ranges.
 
 #include <Wendrel/kit/Server.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
-using qv::HttpBaseRequest;
-using qv::kit::BodyResult;
+using qv::BodySource;
+using qv::kit::ContentType;
+using qv::kit::HttpError;
 using qv::kit::Request;
 
-void sendHello(Request& request)
-{
-    request.reply(200, "text/plain; charset=utf-8",
-                  "Hello, " + request.getPathParameter("name") + "!\n");
-}
-
-// Generates lines at the rate at which the client reads them.
-void sendNumbers(Request& request)
-{
-    const uint64_t last = std::strtoull(request.getPathParameter("last").c_str(), nullptr, 10);
-    for (uint64_t number = 1; number <= last; ++number) {
-        const std::string line = std::to_string(number) + "\n";
-        if (!request.write(line.data(), line.size()))
-            return;  // the connection is closed
-    }
-    request.finish();
-}
-
-constexpr int64_t kUploadLimitBytes = 16LL * 1024 * 1024;  // 16 MiB
 constexpr size_t kPieceBytes = 65536;
+constexpr uint64_t kMaxFileBytes = 16UL * 1024 * 1024;  // 16 MiB
 
-// Rejects names that leave the directory or are hidden files.
-bool isGoodName(const std::string& name)
+// The name comes from the client: it must neither leave the directory nor be a hidden file.
+std::string pathOf(Request& request)
 {
-    constexpr const char* kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                     "0123456789-_.";
-    return name[0] != '.' && name.find_first_not_of(kAllowed) == std::string::npos;
+    static const std::regex allowed("[A-Za-z0-9_-][A-Za-z0-9_.-]*");
+    const std::string& name = request.pathParameter("name");
+    if (!std::regex_match(name, allowed))
+        throw HttpError(400, "This name is not allowed.");
+    return "uploads/" + name;
 }
 
-// Writes the body to a file in pieces.
-BodyResult receive(Request& request, std::ofstream& file, int64_t& total)
+// A file that gets its name when it is complete; otherwise it is removed.
+class NewFile
 {
-    if (request.getDeclaredBodyLength() > kUploadLimitBytes)
-        return BodyResult::TooLarge;
-    std::vector<char> piece(kPieceBytes);
-    BodyResult result = BodyResult::More;
-    while (result == BodyResult::More) {
-        size_t got = 0;
-        result = request.readBody(piece.data(), piece.size(), got);
-        total += static_cast<int64_t>(got);
-        if (total > kUploadLimitBytes)  // the client may send no Content-Length
-            return BodyResult::TooLarge;
-        file.write(piece.data(), static_cast<std::streamsize>(got));
+public:
+    NewFile() : mStream(mTemporary, std::ios::binary) {}
+    ~NewFile() { std::remove(mTemporary.c_str()); }
+
+    void write(const char* data, size_t size)
+    {
+        mStream.write(data, static_cast<std::streamsize>(size));
     }
-    return result;
-}
 
+    bool complete(const std::string& path)
+    {
+        mStream.close();
+        return mStream && std::rename(mTemporary.c_str(), path.c_str()) == 0;
+    }
+
+private:
+    static inline std::atomic<unsigned> sFiles{0};  // handlers run on several threads at once
+
+    const std::string mTemporary = "uploads/.part" + std::to_string(++sFiles);
+    std::ofstream mStream;
+};
+
+// PUT /files/{name}. readBody throws when the client leaves, or sends more than the limit.
 void storeFile(Request& request)
 {
-    const std::string name = request.getPathParameter("name");
-    if (!isGoodName(name)) {
-        request.replyError(400, "This name is not allowed.");
+    const std::string path = pathOf(request);
+    NewFile file;
+    std::vector<char> piece(kPieceBytes);
+    uint64_t total = 0;
+    while (const size_t got = request.readBody(piece.data(), piece.size())) {
+        file.write(piece.data(), got);
+        total += got;
+    }
+    if (!file.complete(path))
+        throw HttpError(500, "The file could not be written.");
+    request.reply(std::to_string(total) + " bytes stored\n");
+}
+
+// GET /files/{name}
+void sendFile(Request& request)
+{
+    std::unique_ptr<BodySource> file = BodySource::fromFile(pathOf(request));
+    if (!file)
+        throw HttpError(404, "There is no such file.");
+    request.setHeader("Accept-Ranges", "bytes");
+
+    static const std::regex range("bytes=([0-9]{1,15})-([0-9]{0,15})");
+    std::smatch part;
+    const std::string wanted = request.header("Range");
+    if (!std::regex_match(wanted, part, range)) {
+        request.replySource(std::move(file), ContentType::bytes());
         return;
     }
-    static std::atomic<unsigned> uploads{0};  // handlers run concurrently
-    const std::string unfinished = "uploads/.part" + std::to_string(++uploads);
-    std::ofstream file(unfinished, std::ios::binary);
-    int64_t total = 0;
-    const BodyResult result = receive(request, file, total);
-    file.close();
-    const bool stored = result == BodyResult::Complete && file &&
-                        std::rename(unfinished.c_str(), ("uploads/" + name).c_str()) == 0;
-    if (!stored)
-        std::remove(unfinished.c_str());
-
-    if (stored)
-        request.reply(200, "text/plain; charset=utf-8", std::to_string(total) + " bytes stored\n");
-    else if (result == BodyResult::TooLarge)
-        request.replyError(413,
-                           "At most " + std::to_string(kUploadLimitBytes) + " bytes are taken.");
-    else if (result == BodyResult::Complete)
-        request.replyError(500, "The file could not be written.");
-    // Aborted: the connection is closed, nobody receives a response.
+    const auto size = static_cast<uint64_t>(file->getLength());
+    const uint64_t first = std::stoull(part[1]);
+    uint64_t end = part[2].length() == 0 ? size : std::stoull(part[2]) + 1;
+    if (end > size)
+        end = size;
+    if (first >= end || !file->setRange(first, end - first)) {
+        request.setHeader("Content-Range", "bytes */" + std::to_string(size));
+        request.replyError(416);
+        return;
+    }
+    request.setHeader("Content-Range", "bytes " + std::to_string(first) + "-" +
+                                           std::to_string(end - 1) + "/" + std::to_string(size));
+    request.replySource(206, std::move(file), ContentType::bytes());
 }
 
 int main(int argc, char** argv)
 {
-    qv::kit::StopSignal stopSignal;  // before any thread starts: all block the signals
-
-    auto application = std::make_unique<qv::kit::Application>();
-    application->getRouter().add(HttpBaseRequest::GET, "/hello/{name}", sendHello);
-    application->getRouter().add(HttpBaseRequest::GET, "/numbers/{last}", sendNumbers);
-    application->getRouter().add(HttpBaseRequest::PUT, "/files/{name}", storeFile);
     std::filesystem::create_directory("uploads");
-
-    qv::http::HttpServer::Parameters parameters;
-    if (argc > 1)
-        parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
-    qv::kit::Server server(std::move(application));  // owns the application from here
-    if (!server.start(parameters)) {
-        std::fprintf(stderr, "cannot listen on port %u\n", parameters.port);
-        return 1;
-    }
-    std::printf("listening on http://127.0.0.1:%u/\n", parameters.port);
-    std::fflush(stdout);
-
-    stopSignal.wait();
-    server.stop(std::chrono::seconds(10));
-    return 0;
+    qv::kit::Server server;
+    server.router().put("/files/{name}", storeFile).streaming().maxBodyBytes(kMaxFileBytes);
+    server.router().get("/files/{name}", sendFile);
+    return server.run(argc > 1 ? argv[1] : "127.0.0.1:8181");
 }

@@ -1,4 +1,4 @@
-"""Tries the server of without_kit.cpp. Usage: without_kit.py PROGRAM"""
+"""Tries the server of polling_mode.cpp. Usage: polling_mode.py PROGRAM"""
 
 import signal
 import sys
