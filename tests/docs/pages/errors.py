@@ -15,14 +15,14 @@ STRING = r'"((?:[^"\\]|\\.)*)"'
 # Statements that produce error texts, each up to its end.
 STATEMENTS = (
     re.compile(r"qvLogObject\(qvLogObject::k(?:Warning|Error)[^;]*;"),
-    re.compile(r"\bLogError\([^;]*;"),
+    re.compile(r"\bLog(?:Error|OfRoute)\([^;]*;"),
     re.compile(r"\bset(?:Device|Parse)Error\([^;]*;"),
     re.compile(r"\brefusal\([^;{]*[;)]"),
     re.compile(r"\bRefusal\{[^;]*;"),
     re.compile(r"\breplyError\([^;]*;"),
     re.compile(r"\b(?:failWith|abandon)\([^;]*;"),
     re.compile(r"\bfprintf\(stderr,[^;]*;"),
-    re.compile(r"\bthrow std::\w+\([^;]*;"),
+    re.compile(r"\bthrow (?:std::)?\w+\([^;]*;"),
 )
 # Texts that other functions put together: reasons of aborted and refused requests and of refused endpoints.
 PARTS = (
@@ -33,12 +33,15 @@ PARTS = (
     re.compile(r"\brefuse\((?!const)[^;]*;"),
     re.compile(r"\bconstexpr const char\* kNotContiguous = [^;]*;"),
     re.compile(r"return \"(?:cannot test|ServerOptions::strictRequests)[^;]*;"),
-    re.compile(r"mFailureReason = \"[^;]*;"),
+    re.compile(r"mFailureReason = [^;]*\"[^;]*;"),
+    re.compile(r"\bfail\((?!const)[^;]*;"),
+    re.compile(r"return \"ServerOptions::[^;]*;"),
 )
 PARTS_FILES = ("src/streaming/AbortReason.h", "src/listener/Endpoint.cpp",
                "src/request/AddressSet.cpp", "src/request/AllowedHosts.cpp",
                "src/server/EventServer.cpp", "src/server/HttpServer.cpp",
-               "src/request/StrictRequest.cpp", "src/server/StrictPositions.cpp")
+               "src/request/StrictRequest.cpp", "src/server/StrictPositions.cpp",
+               "kit/src/ResponseHead.cpp", "kit/src/RouteTable.cpp", "kit/src/ServerCore.cpp")
 
 # Texts in these statements that are not errors.
 NO_COMPLAINTS = {", with flags 0x"}

@@ -88,10 +88,23 @@ NOT_FOR_USERS = {
     "src/websocket/WebSocket.cpp kServerHeaderBytes": "the protocol's",
     "src/websocket/WebSocket.cpp kMinFrameBytes": "the protocol's",
     "src/websocket/WebSocket.cpp kMaskBytes": "the protocol's",
-    "kit/src/Request.cpp kNoContent": "a status",
-    "kit/src/Request.cpp kNotModified": "a status",
-    "kit/src/Router.cpp kMethodBits": "how many methods there are bits for",
-    "kit/src/Server.cpp kStateLookMs": "interval of checks during a start",
+    "kit/src/Exchange.cpp kNoContent": "a status",
+    "kit/src/Exchange.cpp kNotModified": "a status",
+    "kit/src/Exchange.cpp kBadRequest": "a status",
+    "kit/src/Exchange.cpp kNotFound": "a status",
+    "kit/src/Exchange.cpp kMethodNotAllowed": "a status",
+    "kit/src/Exchange.cpp kContentTooLarge": "a status",
+    "kit/src/Exchange.cpp kServerError": "a status",
+    "kit/src/Exchange.cpp kNotImplemented": "a status",
+    "kit/src/Exchange.cpp kUnavailable": "a status",
+    "kit/src/Exchange.cpp kMinStatus": "a status",
+    "kit/src/Exchange.cpp kMaxStatus": "a status",
+    "kit/src/Exchange.cpp kPieceBytes": "how much is read or written at once",
+    "kit/src/RouteTable.h kMethods": "how many methods there are bits for",
+    "kit/src/ServerCore.cpp kMaxWorkers": "checked range of an option",
+    "kit/src/StreamQueue.cpp kMaxKeptBytes": "memory of an empty queue",
+    "kit/include/Wendrel/kit/DeferredResponse.h startStream(queueBytes)": "that of kDefaultQueueBytes",
+    "kit/include/Wendrel/kit/DeferredResponse.h setDeadline(status)": "a status",
     "kit/src/WebSocketHub.cpp kStateIntervalMs": "interval of checks during a close",
     "kit/websocket/Buffer.h kMinCapacityBytes": "where a buffer begins to grow",
     "kit/websocket/Connection.cpp kMaxTurnBytes": "how long others wait for a connection",
@@ -230,7 +243,8 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|WebSocketOptions|EngineOptions)\s*\{(.*?)\n\s*\};", re.S)
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|WebSocketOptions|EngineOptions)"
+                    r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
 ROW = re.compile(r"\[`([\w:]+?)(?:\((\w+)\))?`\]\(\.\./([^)]+)\)")
@@ -387,17 +401,18 @@ def try_broken(page, files):
             ("src/server/ResponseQueue.cpp", "0x1fffffff", "0x1ffffffe"),
             ("kit/src/WebSocketHub.cpp", "kWatchInterval(50)", "kWatchInterval(60)"),
             ("kit/src/WebSocketHub.cpp", "kKeepAliveProbes = 4", "kKeepAliveProbes = 5"),
-            ("kit/src/Deadline.h", "hours(24 * 365)", "hours(24 * 366)"),
-            ("kit/include/Wendrel/kit/Server.h", "limit = std::chrono::seconds(10)",
-             "limit = std::chrono::seconds(11)"),
-            ("kit/include/Wendrel/kit/Application.h", "workers = 16", "workers = 17"),
+            ("kit/src/Exchange.cpp", "kMaxBodyOfRefusalBytes = 65536", "kMaxBodyOfRefusalBytes = 65537"),
+            ("kit/include/Wendrel/kit/DeferredResponse.h", "kDefaultQueueBytes = 65536",
+             "kDefaultQueueBytes = 65537"),
+            ("kit/include/Wendrel/kit/Server.h", "stopTimeout{5000}", "stopTimeout{5001}"),
+            ("kit/include/Wendrel/kit/Server.h", "workers = 16", "workers = 17"),
             ("include/Wendrel/HttpServer.h", "listenOnAllInterfaces = false",
              "listenOnAllInterfaces = true"),
             ("include/Wendrel/HttpServer.h", "uint16_t port = 8181;",
              "uint16_t port = 8181;\n        uint32_t mostUploads = 5;"),
-            ("kit/src/Request.cpp", "constexpr uint32_t kNoContent",
-             "constexpr double kNewFactor = 2;\nconstexpr uint32_t kNoContent"),
-            ("kit/src/Router.cpp", "constexpr int kMethodBits = 10;", "")):
+            ("kit/src/Exchange.cpp", "constexpr int kNoContent",
+             "constexpr double kNewFactor = 2;\nconstexpr int kNoContent"),
+            ("kit/src/RouteTable.h", "static constexpr size_t kMethods = 10;", "")):
         if not list(complaints(page, with_change(path, old, new), NOT_FOR_USERS)):
             silent.append(f"not detected: '{new}' instead of '{old}' in {path}")
     for old, new in (("4096 bytes", "4097 bytes"), ("1000 ms", "1000 bytes"),

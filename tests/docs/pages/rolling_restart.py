@@ -19,7 +19,7 @@ from support import Proxy, find_program
 
 
 def run(name, program, rounds, way):
-    instances = {server: Instance(lambda port: [program, port]) for server in ("application", "second")}
+    instances = {server: Instance(lambda port: [program, f"127.0.0.1:{port}"]) for server in ("application", "second")}
     try:
         return run_with(name, instances, rounds, way)
     finally:
