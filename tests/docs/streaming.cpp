@@ -57,7 +57,7 @@ public:
 
     void start()
     {
-        // The stream keeps the callback, and so this object, until it is finished or gone.
+        // The stream keeps the callback, and so this object, until the stream has ended.
         mStream.onWritable([self = shared_from_this()] { self->writeMore(); });
         writeMore();
     }

@@ -133,6 +133,8 @@ ALLOWED = [
     Allowed("journal", "*", r"(?i)systemd|journald|journalctl", "the name of systemd's log"),
     Allowed("blank", "*", r"\[:blank:\]|target=.?_blank|noblank|blank=", "a name of a language or tool"),
     Allowed("gone", "*", r"(?i)\b410\b|HTTP_GONE|\bGone\b.*status", "the reason phrase of status 410"),
+    Allowed("gone", "*", r"[a-z]Gone\b|\bmGone|\bGone\b|[a-z]Gone[A-Z]",
+            "names of the kit: no byte can reach the client of a request any more"),
 ]
 
 ADVICE = {VAGUE: VAGUE_ADVICE, **{term.name: term.instead for term in TERMS}}
