@@ -245,7 +245,9 @@ class ProgramsTest(StepsTest):
                 ("bytes=99-99", 206, content[99:], "bytes 99-99/100"),
                 ("bytes=0-100000", 206, content, "bytes 0-99/100"),
                 ("bytes=100-", 416, b'{"error":"Range Not Satisfiable","status":416}', "bytes */100"),
-                ("bytes=-5", 200, content, None), ("lines=1-2", 200, content, None))
+                ("bytes=-5", 200, content, None), ("lines=1-2", 200, content, None),
+                ("bytes=7-6", 200, content, None), ("bytes=1-2,4-5", 200, content, None),
+                ("bytes=1", 200, content, None), ("bytes=99999999999999999999-", 200, content, None))
         for wanted, status, expected, shown in rows:
             with self.subTest(wanted):
                 got, body, response = server.ask("GET", "/files/a", headers={"Range": wanted})

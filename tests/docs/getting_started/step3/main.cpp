@@ -2,14 +2,16 @@
 
 #include <Wendrel/kit/Server.h>
 
+#include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,9 +26,10 @@ constexpr uint64_t kMaxFileBytes = 16UL * 1024 * 1024;  // 16 MiB
 // The name comes from the client: it must neither leave the directory nor be a hidden file.
 std::string pathOf(Request& request)
 {
-    static const std::regex allowed("[A-Za-z0-9_-][A-Za-z0-9_.-]*");
+    constexpr const char* kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                     "0123456789-_.";
     const std::string& name = request.pathParameter("name");
-    if (!std::regex_match(name, allowed))
+    if (name[0] == '.' || name.find_first_not_of(kAllowed) != std::string::npos)
         throw HttpError(400, "This name is not allowed.");
     return "uploads/" + name;
 }
@@ -72,6 +75,23 @@ void storeFile(Request& request)
     request.reply(std::to_string(total) + " bytes stored\n");
 }
 
+// Reads "bytes=FIRST-LAST" and "bytes=FIRST-". False for all else: the whole file is sent then.
+bool readRange(std::string_view text, uint64_t& first, uint64_t& last)
+{
+    constexpr std::string_view kUnit = "bytes=";
+    if (text.substr(0, kUnit.size()) != kUnit)
+        return false;
+    const char* const end = text.data() + text.size();
+    const auto begun = std::from_chars(text.data() + kUnit.size(), end, first);
+    if (begun.ec != std::errc() || begun.ptr == end || *begun.ptr != '-')
+        return false;
+    last = UINT64_MAX;
+    if (begun.ptr + 1 == end)
+        return true;
+    const auto ended = std::from_chars(begun.ptr + 1, end, last);
+    return ended.ec == std::errc() && ended.ptr == end && first <= last;
+}
+
 // GET /files/{name}
 void sendFile(Request& request)
 {
@@ -80,25 +100,22 @@ void sendFile(Request& request)
         throw HttpError(404, "There is no such file.");
     request.setHeader("Accept-Ranges", "bytes");
 
-    static const std::regex range("bytes=([0-9]{1,15})-([0-9]{0,15})");
-    std::smatch part;
-    const std::string wanted = request.header("Range");
-    if (!std::regex_match(wanted, part, range)) {
+    uint64_t first = 0;
+    uint64_t last = 0;
+    if (!readRange(request.header("Range"), first, last)) {
         request.replySource(std::move(file), ContentType::bytes());
         return;
     }
     const auto size = static_cast<uint64_t>(file->getLength());
-    const uint64_t first = std::stoull(part[1]);
-    uint64_t end = part[2].length() == 0 ? size : std::stoull(part[2]) + 1;
-    if (end > size)
-        end = size;
-    if (first >= end || !file->setRange(first, end - first)) {
+    if (first >= size) {
         request.setHeader("Content-Range", "bytes */" + std::to_string(size));
         request.replyError(416);
         return;
     }
+    last = std::min(last, size - 1);
+    file->setRange(first, last - first + 1);
     request.setHeader("Content-Range", "bytes " + std::to_string(first) + "-" +
-                                           std::to_string(end - 1) + "/" + std::to_string(size));
+                                           std::to_string(last) + "/" + std::to_string(size));
     request.replySource(206, std::move(file), ContentType::bytes());
 }
 
