@@ -347,14 +347,23 @@ class ProgramsTest(StepsTest):
         self.assertEqual(server.process.stop(), 0)
         self.assertEqual(server.process.errors, [])
 
-    def test_a_reader_without_a_message_gets_504(self):
+    def test_a_reader_without_a_message_gets_204(self):
         server = self.start(READERS)
         begin = time.monotonic()
         status, body, _ = server.ask("GET", "/next")
-        self.assertEqual((status, body), (504, b'{"error":"Gateway Timeout","status":504}'))
+        self.assertEqual((status, body), (204, b""))
         self.assertGreaterEqual(time.monotonic() - begin, DEADLINE_SECONDS - 1)
         self.assertEqual(server.ask("POST", "/messages", b"x")[1], b"0 readers\n")
         self.assertEqual(server.process.stop(), 0)
+
+    def test_readers_get_204_at_the_stop(self):
+        server = self.start(READERS)
+        readers = [self.wait_for_message(server) for _ in range(3)]
+        server.process.send(signal.SIGTERM)
+        for reader in readers:
+            response = reader.getresponse()
+            self.assertEqual((response.status, response.read()), (204, b""))
+        self.assertEqual(server.process.wait_end(), 0)
 
     # Step 5
 

@@ -2,8 +2,6 @@
 
 #include <Wendrel/kit/Server.h>
 
-#include <qvSystem/IpAddress.h>
-
 #include <algorithm>
 #include <chrono>
 #include <csignal>
