@@ -18,7 +18,7 @@ class Pool
 public:
     Pool(unsigned threads, size_t queueLimit);
 
-    // Runs what is queued, then joins the threads.
+    // Runs all queued tasks, then joins the threads.
     ~Pool();
 
     Pool(const Pool&) = delete;

@@ -103,7 +103,7 @@ void Exchange::log(std::string_view text, std::string_view detail) const noexcep
     }
 }
 
-// For what the library calls: an exception would end the process.
+// For callbacks of the library: an exception would end the process.
 template <typename Action> void Exchange::guard(const Action& action) noexcept
 {
     try {
@@ -520,7 +520,7 @@ void Exchange::setGoneCallback(std::function<void()> callback)
         callGone(callback);
 }
 
-// What the callback holds is released without the mutex.
+// The objects that the callback holds are released without the mutex.
 void Exchange::dropGoneCallback()
 {
     std::function<void()> dropped;
@@ -537,7 +537,7 @@ void Exchange::setDeadline(std::chrono::milliseconds limit, int status)
         return;
     }
     deadlines.set(*this, DeadlineQueue::Clock::now() + std::min(limit, kMaxLimit), status);
-    // Whoever has responded since has found no deadline.
+    // A response since then has found no deadline.
     if (mBy != By::Nobody)
         deadlines.remove(*this);
 }

@@ -91,7 +91,7 @@ void ResponseHead::setHeader(const std::string& name, const std::string& value)
     if (!check(name, value))
         return;
     const std::string key = keyOf(name);
-    // First what may find no memory.
+    // First the steps that may find no memory.
     HttpResponseInterface::HeaderMap made;
     if (!value.empty())
         made.emplace(key, std::make_pair(name, value));

@@ -1,4 +1,4 @@
-// What the requests of a server share.
+// The state that all requests of a server share.
 #ifndef WENDREL_KIT_SRC_SERVERCORE_H
 #define WENDREL_KIT_SRC_SERVERCORE_H
 

@@ -74,7 +74,7 @@ StreamWrite StreamQueue::write(std::string_view data)
             mWasFull = true;
             return StreamWrite::Full;
         }
-        // What has been sent is removed when it is at least half, so that each byte moves once.
+        // Sent bytes are removed when they are at least half, so that each byte moves once.
         if (mOffset != 0 && mOffset >= queued) {
             mBytes.erase(0, mOffset);
             mOffset = 0;

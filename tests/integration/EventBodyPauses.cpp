@@ -1,4 +1,5 @@
-// A request whose body is not read any more is told, and may go on without what it has received.
+// A request whose body is not read any more is told, and may go on without the bytes it has
+// received.
 
 #include "support/EventRun.h"
 #include "support/RawClient.h"

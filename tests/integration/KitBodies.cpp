@@ -219,7 +219,7 @@ TEST(KitBodies, BeyondTheMemoryBudgetAreRefused)
     const auto response = first.receive();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->body, "350000");
-    // What the refused one had used is free again.
+    // The memory of the refused one is free again.
     EXPECT_EQ(server.ask(withBody("PUT", "/", std::string(300000, 'c'))).body, "300000");
 }
 

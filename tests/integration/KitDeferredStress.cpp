@@ -66,7 +66,7 @@ void pause(Random& random)
 struct Ends
 {
     std::atomic<int> replies{0};  // that returned true
-    std::atomic<int> gone{0};
+    std::atomic<int> losses{0};
     std::atomic<int> destroyed{0};  // without a response, while it was open
 };
 
@@ -74,7 +74,7 @@ struct Totals
 {
     std::atomic<int> requests{0};
     std::atomic<int> replied{0};
-    std::atomic<int> gone{0};
+    std::atomic<int> losses{0};
     std::atomic<int> silent{0};  // neither: an early end that the application does not see
     std::atomic<int> wrong{0};
 };
@@ -112,9 +112,9 @@ public:
         for (const auto& ends : mEnds) {
             ++totals.requests;
             totals.replied += ends->replies;
-            totals.gone += ends->gone;
-            totals.silent += ends->replies + ends->gone == 0;
-            totals.wrong += ends->replies > 1 || ends->gone > 1;
+            totals.losses += ends->losses;
+            totals.silent += ends->replies + ends->losses == 0;
+            totals.wrong += ends->replies > 1 || ends->losses > 1;
         }
         mEnds.clear();
     }
@@ -139,7 +139,7 @@ private:
         pause(random);
         Job job{request.defer(), ends};
         if (upTo(random, 2) != 0)
-            job.later.onGone([ends] { ++ends->gone; });
+            job.later.onGone([ends] { ++ends->losses; });
         if (upTo(random, 2) == 0)
             job.later.setDeadline(milliseconds(upTo(random, 3)));
         if (upTo(random, 4) == 0) {
@@ -229,7 +229,7 @@ private:
     std::vector<std::thread> mThreads;
 };
 
-// What a response may be: whole, or none because the connection was closed.
+// A possible response: whole, or none because the connection was closed.
 bool isPossible(const RawResponse& response)
 {
     if (response.status == 200)
@@ -293,7 +293,7 @@ TEST(KitDeferredStress, EachRequestHasOneEnd)
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(model.totals.wrong, 0);
     EXPECT_GT(model.totals.replied, 0);
-    EXPECT_GT(model.totals.gone, 0);
+    EXPECT_GT(model.totals.losses, 0);
 }
 
 TEST(KitDeferredStress, AServerIsStoppedInTheMiddle)

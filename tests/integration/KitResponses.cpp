@@ -1,4 +1,4 @@
-// Responses of handlers, and what becomes of those that are wrong.
+// Responses of handlers, and those sent in place of wrong ones.
 
 #include "support/KitTestServer.h"
 

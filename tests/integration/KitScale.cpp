@@ -154,10 +154,10 @@ TEST(KitScale, SlowBodiesAndAbandonedStreamsHoldNoWorker)
     }
     ASSERT_TRUE(waitUntil([&] {
         const std::lock_guard locker(mutex);
-        size_t gone = 0;
+        size_t closed = 0;
         for (DeferredStream& stream : streams)
-            gone += stream.write(":\n\n") == qv::kit::StreamWrite::Gone;
-        return gone == kEach / 2;
+            closed += stream.write(":\n\n") == qv::kit::StreamWrite::Gone;
+        return closed == kEach / 2;
     }));
     streams.clear();
     EXPECT_TRUE(server.stop());

@@ -276,7 +276,7 @@ async function expectPushed() {
     assert.ok(asked - before <= 1, `asked ${asked - before} times: by the upload alone`)
 }
 
-test('the list is pushed and asked for when the server is gone', async () => {
+test('the list is pushed and asked for when the server has stopped', async () => {
     await expectPushed()
     await stop(server)
     await page.locator('html[data-list=polled]').waitFor()

@@ -56,7 +56,7 @@ class Transfers(ServerCase):
         for name in ("declared", "chunked"):
             self.assertEqual(sha256(self.directory / name), expected, name)
 
-    # The client sends as fast as it can: whatever the speed of the disk is, no more than a queue of fixed
+    # The client sends as fast as it can: at any speed of the disk no more than a queue of fixed
     # size waits for it.
     def test_large_file_up_in_constant_memory(self):
         self.start()

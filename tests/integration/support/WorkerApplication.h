@@ -64,7 +64,7 @@ public:
     /// From now on requests get 503. False when some are still open after the limit.
     bool drain(std::chrono::milliseconds limit);
 
-    /// Serves what is queued and joins the workers.
+    /// Serves all queued requests and joins the workers.
     void stopWorkers();
 
     size_t openCount() const;

@@ -63,7 +63,7 @@ protected:
     ~KitFailures() override { HttpBaseRequest::ClearRequestTypes(); }
 };
 
-// One request in the place of a connection: what the library calls is called by the test.
+// One request in the place of a connection: the test makes the calls of the library.
 class OneRequest
 {
 public:
@@ -122,7 +122,7 @@ private:
     std::atomic<bool> mIsAborted{false};
 };
 
-// Each has a response after `serve`, whatever fails; 200 when nothing does.
+// Each has a response after `serve`, also after a failure; 200 without one.
 Operation Responds(const char* name, const kit::Handler& handler, uint32_t status = 200,
                    const std::string& target = "/a/b")
 {

@@ -44,7 +44,8 @@ public:
     ~DeferredStream();
 
     /// Queues `data` whole or not at all; never waits. An empty queue takes data of any size;
-    /// otherwise the queue takes what fits into its limit. For HEAD the data is discarded: Taken.
+    /// otherwise the queue takes data that fits into its limit. For HEAD the data is discarded:
+    /// Taken.
     StreamWrite write(std::string_view data);
 
     /// `callback` is called each time that the queue has fallen to half of its limit after a

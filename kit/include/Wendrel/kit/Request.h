@@ -99,7 +99,7 @@ public:
     /// stop then. For HEAD and for status 204 and 304 nothing is sent, and true is returned.
     bool write(std::string_view data);
 
-    /// Sends what was written so far without waiting for 64 KiB to come together.
+    /// Sends the bytes written so far without waiting for 64 KiB to come together.
     bool flush();
 
     /// Ends the body, as the end of the handler does. A body shorter than declared is cut off by

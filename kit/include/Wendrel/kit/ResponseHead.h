@@ -68,7 +68,7 @@ public:
     /// As declared.
     int64_t contentLength() const { return mContentLength; }
 
-    /// What is wrong with the head; empty when nothing is.
+    /// The error of the head; empty when there is none.
     const std::string& error() const { return mError; }
 
     /// For the library: by ordering key, as HttpResponseInterface wants them.

@@ -28,7 +28,7 @@ class Route
 {
 public:
     /// The handler runs on the daemon thread of the connection, which serves other connections,
-    /// too: it must not wait. For what is known at once. `Request::startStream` is refused there.
+    /// too: it must not wait. For responses known at once. `Request::startStream` is refused there.
     Route& nonBlocking();
 
     /// The handler runs at once, on a worker, and reads the body while it is received. Otherwise it
