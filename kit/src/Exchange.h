@@ -42,6 +42,8 @@ public:
     };
 
     explicit Exchange(ServerCore& core);
+    // Called by `destroy` only.
+    ~Exchange() override;
 
     void retain() { ++mUsers; }
     // Any thread that holds no mutex of the request.
@@ -117,8 +119,6 @@ private:
         ResponseHead mData;
         uint32_t mStatus = 200;
     };
-
-    ~Exchange() override;
 
     HttpResponseInterface& getResponse() override { return mHead; }
     HttpWaitListener& getWaitListener() override { return *this; }

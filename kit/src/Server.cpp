@@ -201,7 +201,7 @@ std::vector<std::string> Server::urls() const
     std::vector<std::string> urls = endpoints();
     for (std::string& url : urls) {
         if (url.rfind(kUnixPrefix, 0) != 0)
-            url = "http://" + url + "/";
+            url.insert(0, "http://").append("/");
     }
     return urls;
 }
