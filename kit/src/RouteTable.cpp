@@ -152,10 +152,10 @@ Route& RouteTable::add(Method method, const std::string& pattern, Handler handle
         return route;
     }
     Target& target = targetOf(pattern, route.mParameters);
-    Route*& place = method == kAny ? target.any : target.routes[bitOf(method)];
-    if (place)
+    Route** const place = method == kAny ? &target.any : &target.routes[bitOf(method)];
+    if (*place)
         refuse(pattern, "has a handler for " + std::string(NameOf(method)) + " already");
-    place = &route;
+    *place = &route;
     return route;
 }
 

@@ -36,8 +36,7 @@ class KitTestServer
 public:
     using Setup = std::function<void(qv::kit::Router&)>;
 
-    explicit KitTestServer(const Setup& setup,
-                           const qv::kit::ServerOptions& options = kitOptions())
+    explicit KitTestServer(const Setup& setup, const qv::kit::ServerOptions& options = kitOptions())
         : mServer(options)
     {
         setup(mServer.router());
