@@ -176,12 +176,8 @@ FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
       mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
     addRoutes();
-}
-
-bool FileDrop::stop(std::chrono::milliseconds limit)
-{
-    mLive.close();
-    return mServer.stop(limit);
+    // A stop waits for responses: these would go on for as long as their clients listen.
+    mServer.onStopping([this] { mLive.close(); });
 }
 
 void FileDrop::addRoutes()

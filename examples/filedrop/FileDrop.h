@@ -9,7 +9,6 @@
 #include <Wendrel/kit/Server.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -34,12 +33,8 @@ class FileDrop
 public:
     FileDrop(std::unique_ptr<FileStore> store, const Settings& settings);
 
-    /// For its start. Its `stop` waits for listeners: use the one below.
+    /// For its start and its stop.
     qv::kit::Server& server() { return mServer; }
-
-    /// Ends listening and stops the server; running transfers have `limit`. A call from another
-    /// thread can shorten it. Returns whether no transfer was cut off.
-    bool stop(std::chrono::milliseconds limit);
 
 private:
     class UploadSlot;

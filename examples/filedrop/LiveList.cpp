@@ -37,6 +37,7 @@ LiveList::LiveList(Source source, std::atomic<uint64_t>& counter)
 LiveList::~LiveList()
 {
     close();
+    mThread.join();
 }
 
 void LiveList::add(Request& request)
@@ -77,12 +78,9 @@ void LiveList::close()
 {
     {
         const qv::qvMutexLocker locker(&mMutex);
-        if (mClosed)
-            return;
         mClosed = true;
     }
     mChanged.wakeAll();
-    mThread.join();
 }
 
 void LiveList::push()

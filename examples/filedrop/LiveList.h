@@ -36,7 +36,7 @@ public:
     /// `counter` grows by each byte sent.
     LiveList(Source source, std::atomic<uint64_t>& counter);
 
-    /// Closes.
+    /// Closes and waits for the thread.
     ~LiveList();
 
     LiveList(const LiveList&) = delete;
@@ -49,7 +49,7 @@ public:
     /// The list may have become another one. Any thread.
     void listChanged();
 
-    /// Ends all responses. Call it before the server stops, which waits for them. Once is enough.
+    /// Has the thread end all responses. Any thread; does not wait.
     void close();
 
 private:

@@ -82,13 +82,12 @@ private:
 };
 
 // Waits for running transfers; a second signal ends the wait. False when some were cut off.
-bool stop(FileDrop& fileDrop, std::chrono::seconds limit, const StopSignals& signals)
+bool stop(qv::kit::Server& server, std::chrono::seconds limit, const StopSignals& signals)
 {
-    std::future<bool> stopped =
-        std::async(std::launch::async, [&] { return fileDrop.stop(limit); });
+    std::future<bool> stopped = std::async(std::launch::async, [&] { return server.stop(limit); });
     while (stopped.wait_for(kSignalInterval) == std::future_status::timeout) {
         if (signals.take())
-            fileDrop.stop(std::chrono::milliseconds(0));
+            server.stop(std::chrono::milliseconds(0));
     }
     return stopped.get();
 }
@@ -107,7 +106,7 @@ int serve(const Options& options, std::unique_ptr<FileStore> store, const StopSi
 
     const int signal = signals.wait();
     writeLog(qv::qvLog::Notice, std::string("Stopping on ") + strsignal(signal));
-    if (!stop(fileDrop, std::chrono::seconds(options.stopLimitSeconds), signals))
+    if (!stop(fileDrop.server(), std::chrono::seconds(options.stopLimitSeconds), signals))
         writeLog(qv::qvLog::Warning, "Some transfers were cut off");
     writeLog(qv::qvLog::Notice, "Stopped");
     return 0;
