@@ -620,6 +620,7 @@ class Live(ServerCase):
         self.assertEqual(self.server.stop(), 0)
         for client in clients[1:]:
             self.assertIsNone(client.receive())
+        self.assertNotIn("cut off", "".join(self.server.errors))
         self.server = None
 
 
