@@ -288,7 +288,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 173;
+constexpr size_t kPlaces = 174;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {
