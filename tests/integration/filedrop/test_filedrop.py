@@ -23,6 +23,7 @@ from processes import LIMIT_SECONDS, SANITIZED, free_port, wait_until
 
 LARGE = 64 * MIB if SANITIZED else 1024 * MIB
 MEMORY_LIMIT = 32 * MIB
+QUIET_SECONDS = 2  # without progress: a client is held back
 SLOW = "256K"  # bytes a second of curl: 64 MiB take longer than any test waits
 
 
@@ -70,6 +71,34 @@ class Transfers(ServerCase):
                     digest.update(block)
                 self.assertIn(upload.finish(), (200, 201))
                 self.assertEqual(sha256(self.directory / "large.bin"), digest.hexdigest())
+        self.check_memory()
+
+    # Nobody reads this upload: it waits for the only worker.
+    def test_upload_without_a_reader_is_held_back(self):
+        self.start("--workers", "1")
+        first = self.upload("first", MIB)
+        first.send(bytes(1000))
+        wait_until(self.temporary, "the upload has begun")
+        size = LARGE // 4
+        second = self.upload("second", size)
+        second.socket.settimeout(QUIET_SECONDS)
+        sent = 0
+        try:
+            while sent < size:
+                sent += second.socket.send(bytes(min(MIB, size - sent)))
+        except TimeoutError:
+            pass
+        self.assertLess(sent, size, "nothing holds the client back")
+        self.check_memory()
+        first.send(bytes(MIB - 1000))
+        self.assertEqual(first.finish(), 201)
+        second.socket.settimeout(LIMIT_SECONDS)
+        while sent < size:
+            part = min(MIB, size - sent)
+            second.send(bytes(part))
+            sent += part
+        self.assertEqual(second.finish(), 201)
+        self.assertEqual((self.directory / "second").stat().st_size, size)
         self.check_memory()
 
     def test_fifty_parallel_downloads_in_bounded_memory(self):
@@ -609,6 +638,7 @@ class Live(ServerCase):
         response = self.curl("/live", "-I")
         self.assertEqual(response.status, 200)
         self.assertEqual(response.headers["content-type"], "text/event-stream")
+        wait_until(lambda: any("HEAD /live 200 0 bytes" in line for line in self.server.errors), "its line in the log")
         wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
 
     def test_stop_ends_open_connections(self):
