@@ -862,13 +862,24 @@ void Connection::notify(const Notice& notice)
     if (!mStrand->add(notice))
         return;
     if (!mIsExecutorRefused) {
-        if (mOptions->executor([self = shared_from_this()] { self->runStrand(); }))
+        if (submit())
             return;
         mIsExecutorRefused = true;
         mStrand->discardMessages();
         fail(closecode::kTryAgainLater, "the server is busy");
     }
     runStrand();
+}
+
+// An executor that throws refuses.
+bool Connection::submit()
+{
+    try {
+        return mOptions->executor([self = shared_from_this()] { self->runStrand(); });
+    } catch (const std::exception& error) {
+        logException(error.what());
+        return false;
+    }
 }
 
 void Connection::runStrand()

@@ -115,6 +115,7 @@ private:
     // The loop's thread, or the executor.
     void call(const Notice& notice);
     void callHandler(const Notice& notice);
+    bool submit();
     void runStrand();
 
     const std::shared_ptr<Loop> mLoop;

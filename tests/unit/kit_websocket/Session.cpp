@@ -677,6 +677,20 @@ TEST(Session, IsClosedWith1013WhenTheExecutorRefuses)
     EXPECT_THAT(run.recorder->events(), ElementsAre("open", "close:1013:the server is busy:lost"));
 }
 
+TEST(Session, IsClosedWith1013WhenTheExecutorThrows)
+{
+    qv::tests::CapturedLog log;
+    WebSocketOptions options = withLongTimeouts();
+    options.executor = [](const std::function<void()>&) -> bool {
+        throw std::runtime_error("no thread");
+    };
+    SessionRun run(options);
+    Peer& peer = run.open();
+    EXPECT_EQ(peer.receive(), closed(1013, "the server is busy"));
+    EXPECT_EQ(run.recorder->closed(), "close:1013:the server is busy:lost");
+    EXPECT_EQ(log.lines("exception in a WebSocket callback: no thread").size(), 1u);
+}
+
 TEST(Session, DropsItsHandlerAfterTheLastCallback)
 {
     SessionRun run(withLongTimeouts());

@@ -23,7 +23,7 @@ enum class QueuePolicy : uint8_t {
 /// A plain record, shared by all sessions of a route. The session keeps it alive.
 struct WebSocketOptions
 {
-    /// Runs a callback on another thread later; false when it cannot. May throw nothing.
+    /// Runs a callback on another thread later; false, or an exception, when it cannot.
     using Executor = std::function<bool(std::function<void()>)>;
 
     /// Largest received message, in bytes after decompression. Beyond it: closed with 1009.
