@@ -142,7 +142,10 @@ public:
         return mRange.restrict(offset, length);
     }
 
-    size_t getBlockBytes() const override { return kFileBlockBytes; }
+    size_t getBlockBytes() const override
+    {
+        return static_cast<size_t>(std::min<uint64_t>(kFileBlockBytes, mRange.getLength()));
+    }
 
 private:
     const Descriptor mDescriptor;

@@ -209,6 +209,18 @@ TEST_F(BodySourceTest, RefusesAFileThatCannotBeSent)
     EXPECT_EQ(errno, EBADF);
 }
 
+TEST_F(BodySourceTest, OfAFileNeedsNoLargerBlockThanItsRange)
+{
+    std::ofstream(mPath) << std::string(100000, 'x');
+    const auto source = BodySource::fromFile(mPath);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(source->getBlockBytes(), 65536u);
+    ASSERT_TRUE(source->setRange(0, 65535));
+    EXPECT_EQ(source->getBlockBytes(), 65535u);
+    ASSERT_TRUE(source->setRange(10, 0));
+    EXPECT_EQ(source->getBlockBytes(), 0u);
+}
+
 TEST_F(BodySourceTest, OwnsItsDescriptorAlsoWhenItIsRefused)
 {
     std::ofstream(mPath) << kText;
