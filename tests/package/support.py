@@ -58,12 +58,12 @@ def check_greeting(program, library_path=None):
     environment.pop("LD_LIBRARY_PATH", None)
     if library_path:
         environment["LD_LIBRARY_PATH"] = str(library_path)
-    process = subprocess.Popen([program, str(free_port())], stdout=subprocess.PIPE, text=True,
+    process = subprocess.Popen([program, f"127.0.0.1:{free_port()}"], stdout=subprocess.PIPE, text=True,
                                env=environment)
     try:
         url = next((line for line in process.stdout if line.startswith("http")), None)
         expect(url, f"{program} did not start")
-        with urllib.request.urlopen(url.strip(), timeout=LIMIT_SECONDS) as response:
+        with urllib.request.urlopen(url.strip() + "hello/world", timeout=LIMIT_SECONDS) as response:
             text = response.read().decode()
         process.send_signal(signal.SIGTERM)
         code = process.wait(timeout=LIMIT_SECONDS)

@@ -99,14 +99,16 @@ int main(int argc, char** argv)
     {
         qv::http::HttpServer server(std::make_unique<Application>().release());
         qv::http::HttpServer::Parameters parameters;
-        parameters.port = static_cast<uint16_t>(argc > 1 ? std::atoi(argv[1]) : 8181);
+        const std::string endpoint = argc > 1 ? argv[1] : "127.0.0.1:8181";
+        parameters.port =
+            static_cast<uint16_t>(std::atoi(endpoint.c_str() + endpoint.rfind(':') + 1));
         server.startServer(parameters);
         while (server.getState() == qv::http::HttpServer::Starting)
             qv::qvThread::msleep(1);
         if (server.getState() == qv::http::HttpServer::Running) {
             std::printf("version %s\n",
                         Wendrel::Version::GetDescStringMajorMinorReleaseRevisionDate());
-            std::printf("http://127.0.0.1:%u/hello/world\n", parameters.port);
+            std::printf("http://127.0.0.1:%u/\n", parameters.port);
             std::fflush(stdout);
             int number = 0;
             sigwait(&signals, &number);
