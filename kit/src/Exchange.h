@@ -8,6 +8,7 @@
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
+#include <Wendrel/kit/websocket/Handshake.h>
 
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
@@ -97,6 +98,10 @@ public:
     bool write(std::string_view data);
     bool flush();
     bool finish();
+    // Calls `accept` when the handshake is right.
+    static void serveWebSocket(Request& request,
+                               const std::shared_ptr<const websocket::WebSocketOptions>& options,
+                               const WebSocketHandler& accept);
     void noteDeferred() { mIsDeferred = true; }
     bool isDeferred() const { return mIsDeferred; }
 
@@ -127,6 +132,15 @@ private:
     void onBodyPaused(uint64_t queuedBytes) override;
     void onAborted(const std::string& reason) override;
     void onCompleted(int terminationCode) override;
+    void onUpgraded(std::unique_ptr<UpgradedConnection> connection) override;
+
+    // A session that is opened when the 101 has been sent.
+    struct Upgrade
+    {
+        websocket::Agreement agreement;
+        std::shared_ptr<websocket::SessionHandler> handler;
+        std::shared_ptr<const websocket::WebSocketOptions> options;
+    };
 
     // A response without a handler.
     struct Refusal
@@ -149,6 +163,7 @@ private:
     bool isSendable(By by, const Response& response);
     bool claim(By by);
     void reportClaimed(By by) const;
+    void acceptUpgrade(ResponseHead&& head, std::unique_ptr<Upgrade> upgrade);
     bool publish(std::unique_ptr<BodySource> source) noexcept;
     bool publishSource(std::unique_ptr<BodySource> source);
     void breakOff() noexcept;
@@ -168,6 +183,7 @@ private:
     bool mHasUpload = false;            // the daemon thread's until the handler runs
     bool mIsDispatched = false;         // the daemon thread's
     Head mHead;
+    std::unique_ptr<Upgrade> mUpgrade;  // set before the response is announced
 
     // The handler's thread.
     bool mIsDeferred = false;

@@ -36,6 +36,10 @@ public:
 
     Route& add(Method method, const std::string& pattern, Handler handler);
 
+    // One of the routes is for WebSockets.
+    void noteWebSocket() { mHasWebSockets = true; }
+    bool hasWebSockets() const { return mHasWebSockets; }
+
     // Routes do not change any more. Throws std::invalid_argument for options that exclude each
     // other.
     void freeze();
@@ -62,6 +66,7 @@ private:
     std::vector<std::unique_ptr<Route>> mRoutes;
     std::vector<Target*> mTargets;
     std::string mAllow;
+    bool mHasWebSockets = false;
     bool mIsFrozen = false;
 };
 

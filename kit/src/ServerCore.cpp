@@ -6,10 +6,13 @@
 #include "KitLog.h"
 #include "RouteTable.h"
 
+#include <Wendrel/UpgradedConnection.h>
 #include <Wendrel/WebSocket.h>
 
 #include <qvSystem/Rollback.h>
 
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace qv::kit
@@ -44,7 +47,11 @@ public:
     }
 
     void onRequestCompleted() override {}
-    void onServerStopped() override { mCore.callStopping(); }
+    void onServerStopped() override
+    {
+        mCore.callStopping();
+        mCore.noteStopping(true);
+    }
 
     // Polling mode only.
     void onNewWebSocket(http::WebSocket* socket) override
@@ -86,6 +93,13 @@ bool ServerCore::startThreads(const ServerOptions& options)
     Rollback started([this] { stopThreads(); });
     mDeadlines.start();
     mWorkers.start(options.workers, options.workerQueueLimit);
+    noteStopping(false);
+    if (mRouter.mTable->hasWebSockets()) {
+        websocket::EngineOptions sessions = options.webSockets;
+        if (sessions.loops == 0)
+            sessions.loops = options.threads;
+        mSessions = std::make_unique<websocket::Engine>(sessions);
+    }
     const bool serves = mServer->serve(options, sizeof(http::ServerOptions));
     if (serves)
         started.commit();
@@ -97,6 +111,7 @@ void ServerCore::stopThreads()
     mWorkers.stop();
     mDeadlines.stop();
     deleteRequests();
+    mSessions.reset();
 }
 
 bool ServerCore::start(const ServerOptions& options)
@@ -129,7 +144,7 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
         mState = State::Stopping;
     }
     // A further call shortens the time of the first one.
-    const bool drained = mServer->shutDown(deadline);
+    const bool drained = isFirst ? shutDown(deadline) : mServer->shutDown(deadline);
     // The workers go on until every request is completed.
     if (isFirst)
         stopThreads();
@@ -142,6 +157,55 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
     while (mState == State::Stopping)
         mStopped.wait(&mMutex, qvWaitCondition::kNoTimeout);
     return mHasDrained;
+}
+
+// Sessions are closed after `onStopping` has sent their last messages, and while requests end.
+bool ServerCore::shutDown(std::chrono::milliseconds deadline)
+{
+    if (!mSessions)
+        return mServer->shutDown(deadline);
+    bool areClosed = false;
+    const auto closeSessions = [&] {
+        awaitStopping();
+        areClosed = mSessions->shutDown(deadline);
+    };
+    std::thread closer;
+    try {
+        closer = std::thread(closeSessions);
+    } catch (const std::system_error&) {
+        // One after the other, then.
+    }
+    const bool drained = mServer->shutDown(deadline);
+    noteStopping(true);
+    if (closer.joinable())
+        closer.join();
+    else
+        closeSessions();
+    return drained && areClosed;
+}
+
+void ServerCore::noteStopping(bool isCalled)
+{
+    {
+        const qvMutexLocker locker(&mStoppingMutex);
+        mIsStoppingCalled = isCalled;
+    }
+    mStoppingCalled.wakeAll();
+}
+
+void ServerCore::awaitStopping()
+{
+    const qvMutexLocker locker(&mStoppingMutex);
+    while (!mIsStoppingCalled)
+        mStoppingCalled.wait(&mStoppingMutex, qvWaitCondition::kNoTimeout);
+}
+
+void ServerCore::openSession(std::unique_ptr<UpgradedConnection> connection,
+                             const websocket::Agreement& agreement,
+                             const std::shared_ptr<websocket::SessionHandler>& handler,
+                             const std::shared_ptr<const websocket::WebSocketOptions>& options)
+{
+    mSessions->open(std::move(connection), agreement, handler, options);
 }
 
 void ServerCore::close()

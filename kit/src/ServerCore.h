@@ -8,6 +8,7 @@
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/Server.h>
+#include <Wendrel/kit/websocket/Engine.h>
 
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
@@ -68,6 +69,12 @@ public:
     // Deletes those.
     void deleteRequests();
 
+    // A handshake has been accepted. Thread: the daemon's.
+    void openSession(std::unique_ptr<UpgradedConnection> connection,
+                     const websocket::Agreement& agreement,
+                     const std::shared_ptr<websocket::SessionHandler>& handler,
+                     const std::shared_ptr<const websocket::WebSocketOptions>& options);
+
 private:
     class Application;
 
@@ -76,7 +83,10 @@ private:
     bool startThreads(const ServerOptions& options);
     void stopThreads();
 
+    bool shutDown(std::chrono::milliseconds deadline);
     void callStopping() const;
+    void noteStopping(bool isCalled);
+    void awaitStopping();
 
     Router mRouter;
     std::function<void()> mStopping;  // not changed while the server runs
@@ -95,6 +105,10 @@ private:
     std::string mFailureReason QV_GUARDED_BY(mReasonMutex);
     DeadlineQueue mDeadlines;
     WorkerPool mWorkers;
+    qvMutex mStoppingMutex;
+    qvWaitCondition mStoppingCalled;
+    bool mIsStoppingCalled QV_GUARDED_BY(mStoppingMutex) = false;
+    std::unique_ptr<websocket::Engine> mSessions;  // while a server with such routes runs
     std::unique_ptr<http::HttpServer> mServer;
 };
 

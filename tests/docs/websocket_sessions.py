@@ -5,11 +5,11 @@ import socket
 import sys
 import unittest
 
-from docs_server import DocsServer
+from docs_server import KitServer
 from processes import LIMIT_SECONDS
 
-HANDSHAKE = (b"GET / HTTP/1.1\r\nHost: x\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
-             b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n")
+HANDSHAKE = (b"GET /channels/blue HTTP/1.1\r\nHost: x\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+             b"Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n")
 
 
 def text(payload):
@@ -20,12 +20,12 @@ class Sessions(unittest.TestCase):
     program = None
 
     def setUp(self):
-        self.server = DocsServer(self, self.program)
+        self.server = KitServer(self, self.program)
 
     def join(self):
         connection = socket.create_connection(("127.0.0.1", self.server.port), LIMIT_SECONDS)
         self.addCleanup(connection.close)
-        connection.sendall(HANDSHAKE)
+        connection.sendall(HANDSHAKE + b"Cookie: user=a\r\n\r\n")
         reader = connection.makefile("rb")
         self.addCleanup(reader.close)
         self.assertEqual(reader.readline(), b"HTTP/1.1 101 Switching Protocols\r\n")
@@ -46,7 +46,11 @@ class Sessions(unittest.TestCase):
         self.assertEqual(first_reader.read(), b"\x88\x02\x03\xe8")
 
     def test_other_requests_are_refused(self):
-        self.assertEqual(self.server.ask("GET", "/")[0], 426)
+        self.assertEqual(self.server.ask("GET", "/channels/blue")[0], 426)
+        connection = socket.create_connection(("127.0.0.1", self.server.port), LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        connection.sendall(HANDSHAKE + b"\r\n")
+        self.assertTrue(connection.recv(100).startswith(b"HTTP/1.1 401 "))
 
     def test_tells_its_clients_that_it_stops(self):
         connection, reader = self.join()

@@ -5,7 +5,7 @@ wendrel_test_program(integration_kit
         main.cpp
         support/ProcessCounts.cpp support/RawClient.cpp
         KitBodies.cpp KitDeferred.cpp KitDeferredStress.cpp KitResponses.cpp KitRouting.cpp
-        KitScale.cpp KitStops.cpp
+        KitScale.cpp KitStops.cpp KitWebSocketRoutes.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl)
 
 include(hello.cmake)

@@ -88,6 +88,7 @@ NOT_FOR_USERS = {
     "src/websocket/WebSocket.cpp kServerHeaderBytes": "the protocol's",
     "src/websocket/WebSocket.cpp kMinFrameBytes": "the protocol's",
     "src/websocket/WebSocket.cpp kMaskBytes": "the protocol's",
+    "kit/src/WebSocketRoute.cpp kSwitchingProtocols": "a status",
     "kit/src/Exchange.cpp kNoContent": "a status",
     "kit/src/Exchange.cpp kNotModified": "a status",
     "kit/src/Exchange.cpp kBadRequest": "a status",

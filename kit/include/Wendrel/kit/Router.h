@@ -3,6 +3,8 @@
 #define WENDREL_KIT_ROUTER_H
 
 #include <Wendrel/kit/Request.h>
+#include <Wendrel/kit/websocket/Session.h>
+#include <Wendrel/kit/websocket/WebSocketOptions.h>
 
 #include <chrono>
 #include <cstddef>
@@ -21,6 +23,12 @@ class RouteTable;
 /// at once. An HttpError that leaves it becomes its response; anything else becomes 500 and a line
 /// in the log that names the route.
 using Handler = std::function<void(Request&)>;
+
+/// Accepts a WebSocket: returns the object whose callbacks the session calls. It refuses as a
+/// Handler responds (`reply`, `replyError`, HttpError), and returns null then. Headers that it sets
+/// are sent with an acceptance, too; with `Sec-WebSocket-Protocol` it chooses one of the
+/// subprotocols that the client offers, in place of the first of `WebSocketOptions::subprotocols`.
+using WebSocketHandler = std::function<std::shared_ptr<websocket::SessionHandler>(Request&)>;
 
 /// The options of one route, set before the server is started; later changes are refused with a
 /// line in the log. Each operation returns the route.
@@ -112,6 +120,12 @@ public:
     Route& options(const std::string& pattern, Handler handler);
     /// A route for all methods but CONNECT that have no handler of their own for this pattern.
     Route& any(const std::string& pattern, Handler handler);
+
+    /// A route for WebSockets. The handshake is checked before `handler` is called: 426 without a
+    /// request for a WebSocket of version 13, 400 for a malformed one, 403 for an origin that is
+    /// not allowed. Sessions end with the server: `Server::stop` closes them with 1001.
+    Route& webSocket(const std::string& pattern, websocket::WebSocketOptions options,
+                     WebSocketHandler handler);
 
 private:
     friend class ServerCore;

@@ -5,6 +5,7 @@
 #include <Wendrel/ServerOptions.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
+#include <Wendrel/kit/websocket/Engine.h>
 
 #include <chrono>
 #include <cstddef>
@@ -29,6 +30,9 @@ struct ServerOptions : http::ServerOptions
     /// Bytes of a body that is received before its handler runs; 413 beyond it. See
     /// `Route::maxBodyBytes`.
     uint64_t maxBodyBytes = 1048576;
+    /// Threads and memory of all sessions of `Router::webSocket`; as many loops as `threads` unless
+    /// told otherwise.
+    websocket::EngineOptions webSockets;
     /// How long `run` gives running requests when it has been told to stop.
     std::chrono::milliseconds stopTimeout{5000};
 };
@@ -78,11 +82,12 @@ public:
     /// Why the last `start` returned false: "cannot listen on 127.0.0.1:80: permission denied".
     std::string failureReason() const;
 
-    /// Stops. No connection is accepted any more; running requests, deferred ones included, have
-    /// until `deadline` to get their responses. Those left are aborted then, and their `onGone`
-    /// called. Returns when all handlers have returned: true when no request was aborted. It can be
-    /// started again. A call while another one waits can shorten the time of that one, and returns
-    /// with it. Any thread but those of handlers and callbacks.
+    /// Stops. WebSocket sessions are closed with 1001, and ended at `deadline`; a further call does
+    /// not shorten their time. No connection is accepted any more; running requests, deferred ones
+    /// included, have until `deadline` to get their responses. Those left are aborted then, and
+    /// their `onGone` called. Returns when all handlers have returned: true when no request was
+    /// aborted. It can be started again. A call while another one waits can shorten the time of
+    /// that one, and returns with it. Any thread but those of handlers and callbacks.
     bool stop(std::chrono::milliseconds deadline);
 
     /// `callback` is called once at the beginning of each stop, that of `run` and of the destructor
