@@ -305,7 +305,9 @@ void DeferredStream::close()
     Exchange* const exchange = std::exchange(mExchange, nullptr);
     if (!mQueue->isFinished())
         exchange->dropGoneCallback();
-    if (mQueue->fail() && !exchange->isGone())
+    // Read before: the failure of the body ends the request.
+    const bool wasGone = exchange->isGone();
+    if (mQueue->fail() && !wasGone)
         exchange->log("the stream was destroyed before finish");
     mQueue.reset();
     exchange->release();
