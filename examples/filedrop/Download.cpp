@@ -14,7 +14,7 @@ Download::Download(std::unique_ptr<qv::BodySource> content, int status, AccessLi
 
 Download::~Download()
 {
-    mLine.write(mStatus, mSentBytes == static_cast<uint64_t>(getLength()), mSentBytes);
+    mLine.write(mStatus, mSentBytes == static_cast<uint64_t>(mContent->getLength()), mSentBytes);
 }
 
 qv::BodyRead Download::read(uint64_t offset, char* buffer, size_t size)

@@ -267,11 +267,10 @@ void Exchange::dispatch()
         return;
     if (mRoute->mResponseTimeout.count() > 0)
         setDeadline(mRoute->mResponseTimeout, kUnavailable);
-    retain();
     if (mRoute->mIsNonBlocking) {
+        retain();
         serve();
     } else if (!mCore.workers().submit(*this)) {
-        release();
         refuseBusy();
     }
 }

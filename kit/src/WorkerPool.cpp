@@ -2,6 +2,8 @@
 
 #include "WorkerPool.h"
 
+#include "Exchange.h"
+
 #include <qvSystem/Rollback.h>
 
 #include <utility>
@@ -38,6 +40,7 @@ bool WorkerPool::submit(Exchange& exchange)
         if (!mIsRunning || mQueue.size() >= mQueueLimit)
             return false;
         mQueue.push_back(&exchange);
+        exchange.retain();
         wakes = mWaiting > mWoken;
         if (wakes)
             ++mWoken;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <optional>
 
 namespace qv::kit::websocket
 {
@@ -80,9 +81,9 @@ void Deflater::reset()
 
 Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel)
 {
-    thread_local std::unique_ptr<Deflater> kept;
+    thread_local std::optional<Deflater> kept;
     if (!kept || !kept->hasParameters(windowBits, level, memoryLevel))
-        kept = std::make_unique<Deflater>(windowBits, level, memoryLevel);
+        kept.emplace(windowBits, level, memoryLevel);
     else
         kept->reset();
     return *kept;
