@@ -7,6 +7,7 @@
 #include "RouteTable.h"
 #include "ServerCore.h"
 
+#include <qvSystem/Rollback.h>
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
@@ -267,10 +268,11 @@ void Exchange::dispatch()
         return;
     if (mRoute->mResponseTimeout.count() > 0)
         setDeadline(mRoute->mResponseTimeout, kUnavailable);
+    retain();
     if (mRoute->mIsNonBlocking) {
-        retain();
         serve();
     } else if (!mCore.workers().submit(*this)) {
+        const Rollback retained([this] { release(); });
         refuseBusy();
     }
 }

@@ -2,8 +2,6 @@
 
 #include "WorkerPool.h"
 
-#include "Exchange.h"
-
 #include <qvSystem/Rollback.h>
 
 #include <utility>
@@ -40,7 +38,6 @@ bool WorkerPool::submit(Exchange& exchange)
         if (!mIsRunning || mQueue.size() >= mQueueLimit)
             return false;
         mQueue.push_back(&exchange);
-        exchange.retain();
         wakes = mWaiting > mWoken;
         if (wakes)
             ++mWoken;

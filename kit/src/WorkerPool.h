@@ -31,8 +31,7 @@ public:
     // Throws std::system_error when there are not so many threads to be had; none is left then.
     void start(unsigned threads, size_t queueLimit);
 
-    // Counts the request as used, for the worker. False, with nothing counted, when the queue is
-    // full or the pool does not run. Any thread.
+    // False when the queue is full or the pool does not run. Any thread.
     bool submit(Exchange& exchange);
 
     // Serves all that is queued, then joins the threads. Not from a worker.
