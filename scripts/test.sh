@@ -103,8 +103,7 @@ run_preset() {
         find build/coverage -name '*.gcda' -delete
     fi
     say "Running the tests of build/$preset"
-    # Many of them wait most of their time.
-    ctest --preset "$preset" --parallel $((2 * jobs))
+    ctest --preset "$preset" --parallel "$jobs"
 }
 
 report_coverage() {
