@@ -345,8 +345,8 @@ void Exchange::expire(int status)
 
 void Exchange::endDeferred()
 {
-    // The application has forgotten the request, unless it is a stream now.
-    if (mBy == By::Nobody)
+    // Otherwise an end of the request that another thread has begun would still call it.
+    if (mBy != By::Application)
         dropGoneCallback();
     if (!isOpen())
         return;
