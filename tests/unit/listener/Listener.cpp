@@ -403,5 +403,24 @@ TEST(ListenerRefusals, AreOverAfterTheirTime)
     EXPECT_LE(countDescriptors(), before + kRefused + 2);
 }
 
+// A peer whose bytes have not been read finds the connection reset, and may lose the response.
+TEST(ListenerDrain, ReadsOnUntilTheClientsOfTheLastResponsesHaveClosed)
+{
+    const FakeTime time;
+    std::array<int, 2> pair{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    {
+        Listener listener({}, {}, {});
+        ASSERT_EQ(::send(pair[1], "unread", 6, MSG_NOSIGNAL), 6);
+        ASSERT_EQ(::shutdown(pair[1], SHUT_WR), 0);
+        listener.keepUntilSeen(pair[0]);
+        listener.stop(600000);
+        listener.drain();
+    }
+    char byte = 0;
+    EXPECT_EQ(::recv(pair[1], &byte, 1, MSG_DONTWAIT), 0);
+    ::close(pair[1]);
+}
+
 }  // namespace
 }  // namespace qv::tests
