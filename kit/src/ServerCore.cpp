@@ -11,7 +11,7 @@
 
 #include <qvSystem/Rollback.h>
 
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -90,7 +90,10 @@ void ServerCore::serveOnWorker(Exchange& exchange)
 
 bool ServerCore::startThreads(const ServerOptions& options)
 {
-    Rollback started([this] { stopThreads(); });
+    Rollback started([this] {
+        stopThreads();
+        mSessions.reset();
+    });
     mDeadlines.start();
     mWorkers.start(options.workers, options.workerQueueLimit);
     noteStopping(false);
@@ -98,7 +101,7 @@ bool ServerCore::startThreads(const ServerOptions& options)
         websocket::EngineOptions sessions = options.webSockets;
         if (sessions.loops == 0)
             sessions.loops = options.threads;
-        mSessions = std::make_unique<websocket::Engine>(sessions);
+        mSessions = std::make_shared<websocket::Engine>(sessions);
     }
     const bool serves = mServer->serve(options, sizeof(http::ServerOptions));
     if (serves)
@@ -111,7 +114,6 @@ void ServerCore::stopThreads()
     mWorkers.stop();
     mDeadlines.stop();
     deleteRequests();
-    mSessions.reset();
 }
 
 bool ServerCore::start(const ServerOptions& options)
@@ -136,20 +138,23 @@ bool ServerCore::start(const ServerOptions& options)
 bool ServerCore::stop(std::chrono::milliseconds deadline)
 {
     bool isFirst = false;
+    std::shared_ptr<websocket::Engine> sessions;
     {
         const qvMutexLocker locker(&mMutex);
         if (mState == State::Stopped)
             return true;
         isFirst = mState == State::Started;
         mState = State::Stopping;
+        sessions = mSessions;
     }
     // A further call shortens the time of the first one.
-    const bool drained = isFirst ? shutDown(deadline) : mServer->shutDown(deadline);
+    const bool drained = shutDown(deadline, sessions);
     // The workers go on until every request is completed.
     if (isFirst)
         stopThreads();
     const qvMutexLocker locker(&mMutex);
     if (isFirst) {
+        mSessions.reset();
         mHasDrained = drained;
         mState = State::Stopped;
         mStopped.wakeAll();
@@ -160,20 +165,21 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
 }
 
 // Sessions are closed after `onStopping` has sent their last messages, and while requests end.
-bool ServerCore::shutDown(std::chrono::milliseconds deadline)
+bool ServerCore::shutDown(std::chrono::milliseconds deadline,
+                          const std::shared_ptr<websocket::Engine>& sessions)
 {
-    if (!mSessions)
+    if (!sessions)
         return mServer->shutDown(deadline);
     bool areClosed = false;
     const auto closeSessions = [&] {
         awaitStopping();
-        areClosed = mSessions->shutDown(deadline);
+        areClosed = sessions->shutDown(deadline);
     };
     std::thread closer;
     try {
         closer = std::thread(closeSessions);
-    } catch (const std::system_error&) {
-        // One after the other, then.
+    } catch (const std::exception&) {
+        // No thread or no memory: one after the other, then.
     }
     const bool drained = mServer->shutDown(deadline);
     noteStopping(true);

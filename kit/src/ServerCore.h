@@ -83,7 +83,8 @@ private:
     bool startThreads(const ServerOptions& options);
     void stopThreads();
 
-    bool shutDown(std::chrono::milliseconds deadline);
+    bool shutDown(std::chrono::milliseconds deadline,
+                  const std::shared_ptr<websocket::Engine>& sessions);
     void callStopping() const;
     void noteStopping(bool isCalled);
     void awaitStopping();
@@ -108,7 +109,8 @@ private:
     qvMutex mStoppingMutex;
     qvWaitCondition mStoppingCalled;
     bool mIsStoppingCalled QV_GUARDED_BY(mStoppingMutex) = false;
-    std::unique_ptr<websocket::Engine> mSessions;  // while a server with such routes runs
+    // While a server with such routes runs. Changed under mMutex, while no daemon runs.
+    std::shared_ptr<websocket::Engine> mSessions;
     std::unique_ptr<http::HttpServer> mServer;
 };
 

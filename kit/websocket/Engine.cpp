@@ -76,15 +76,16 @@ bool Engine::shutDown(std::chrono::milliseconds deadline)
         LogError("a WebSocket callback cannot shut its engine down");
         return false;
     }
+    const auto limited = std::clamp(deadline, std::chrono::milliseconds(0), kMaxDeadline);
+    mMembership->close();
+    // Before the lock, which the first call holds until it returns.
+    for (const auto& loop : mLoops)
+        loop->beginShutDown(Loop::nowMs() + limited.count());
+    mMembership->limitWait(std::chrono::steady_clock::now() + limited + kCallbackGrace);
     const std::lock_guard<std::mutex> lock(mShutDownMutex);
     if (std::exchange(mIsShutDown, true))
         return mWasClean;
-    const auto limited = std::clamp(deadline, std::chrono::milliseconds(0), kMaxDeadline);
-    mMembership->close();
-    for (const auto& loop : mLoops)
-        loop->beginShutDown(Loop::nowMs() + limited.count());
-    const bool isEmpty =
-        mMembership->waitUntilEmpty(std::chrono::steady_clock::now() + limited + kCallbackGrace);
+    const bool isEmpty = mMembership->waitUntilEmpty();
     for (const auto& loop : mLoops)
         loop->stop();
     mWasClean = isEmpty && mMembership->forced == 0;

@@ -65,10 +65,21 @@ void Membership::close()
     mIsClosed = true;
 }
 
-bool Membership::waitUntilEmpty(std::chrono::steady_clock::time_point limit)
+void Membership::limitWait(std::chrono::steady_clock::time_point limit)
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mWaitLimit = std::min(mWaitLimit, limit);
+    mEmpty.notify_all();
+}
+
+bool Membership::waitUntilEmpty()
 {
     std::unique_lock<std::mutex> lock(mMutex);
-    return mEmpty.wait_until(lock, limit, [this] { return mCount == 0; });
+    while (mCount != 0 && std::chrono::steady_clock::now() < mWaitLimit) {
+        const auto limit = mWaitLimit;  // changed by others meanwhile
+        mEmpty.wait_until(lock, limit);
+    }
+    return mCount == 0;
 }
 
 size_t Membership::count() const
@@ -140,7 +151,11 @@ void Loop::wake()
 
 void Loop::beginShutDown(int64_t deadlineMs)
 {
-    mDrainDeadlineMs = std::max<int64_t>(deadlineMs, 1);
+    const int64_t wanted = std::max<int64_t>(deadlineMs, 1);
+    int64_t known = mDrainDeadlineMs;
+    while ((known == 0 || wanted < known) &&
+           !mDrainDeadlineMs.compare_exchange_weak(known, wanted)) {
+    }
     wake();
 }
 

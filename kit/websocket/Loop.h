@@ -39,8 +39,10 @@ public:
     }
     void leave();
     void close();
+    // An earlier limit of a wait, also of one that goes on.
+    void limitWait(std::chrono::steady_clock::time_point limit);
     // False at the time limit.
-    bool waitUntilEmpty(std::chrono::steady_clock::time_point limit);
+    bool waitUntilEmpty();
     size_t count() const;
 
     Budget budget;
@@ -49,8 +51,10 @@ public:
 private:
     mutable std::mutex mMutex;
     std::condition_variable mEmpty;
-    size_t mCount = 0;       // under mMutex
-    bool mIsClosed = false;  // under mMutex
+    // These under mMutex.
+    std::chrono::steady_clock::time_point mWaitLimit = std::chrono::steady_clock::time_point::max();
+    size_t mCount = 0;
+    bool mIsClosed = false;
 };
 
 // Waits for descriptors, deadlines and wake-ups of its connections.
@@ -68,7 +72,8 @@ public:
     // Any thread.
     size_t load() const { return mLoad.load(std::memory_order_relaxed); }
     void adopt(const std::shared_ptr<Connection>& connection);
-    // Closes all connections; ends those that are left at `deadlineMs` of nowMs().
+    // Closes all connections; ends those that are left at `deadlineMs` of nowMs(). A further call
+    // can only make it earlier.
     void beginShutDown(int64_t deadlineMs);
     // Ends the thread. The loop stays valid for its connections.
     void stop();

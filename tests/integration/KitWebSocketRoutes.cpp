@@ -255,4 +255,26 @@ TEST(KitWebSocketRoutes, EndSessionsOfSilentClientsAtTheDeadlineOfAStop)
     EXPECT_EQ(talk->closeCode, 1006);
 }
 
+// As after a second signal: the client of the session responds to nothing.
+TEST(KitWebSocketRoutes, EndSessionsAtTheEarlierDeadlineOfAFurtherStop)
+{
+    const auto talk = std::make_shared<Talk>("a");
+    WebSocketOptions options;
+    options.closeTimeout = std::chrono::minutes(10);
+    KitTestServer server(
+        [&](Router& router) { router.webSocket("/", options, [&](Request&) { return talk; }); });
+    RawClient client(server.port());
+    ASSERT_TRUE(client.send(handshake("/") + text("x")));
+    ASSERT_TRUE(client.receiveHead());
+    EXPECT_EQ(received(client), sent(1, "a: x"));
+    bool isClean = true;
+    BackgroundCall first([&] { isClean = server.stop(2 * integration::kLimit); });
+    EXPECT_EQ(received(client).substr(2, 2), "\x03\xe9");
+    EXPECT_FALSE(server.stop(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(first.waitForEnd());
+    EXPECT_FALSE(isClean);
+    EXPECT_EQ(talk->closes, 1);
+    EXPECT_EQ(talk->closeCode, 1006);
+}
+
 }  // namespace

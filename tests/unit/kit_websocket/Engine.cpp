@@ -2,6 +2,7 @@
 
 #include "Peer.h"
 
+#include <support/BackgroundCall.h>
 #include <support/CapturedLog.h>
 
 #include <gmock/gmock.h>
@@ -81,6 +82,49 @@ TEST(Engine, EndsSessionsAtTheDeadlineOfTheShutdown)
     EXPECT_EQ(run.recorder->closed(), "close:1006:the server has shut down:lost");
     EXPECT_EQ(peer.receive(), closed(1001, "the server shuts down"));
     EXPECT_EQ(peer.receive(), "end");
+}
+
+TEST(Engine, EndsSessionsAtTheEarlierDeadlineOfAnotherCall)
+{
+    WebSocketOptions options;
+    options.closeTimeout = std::chrono::minutes(10);
+    SessionRun run(options);
+    Peer& peer = run.open();
+    bool isClean = true;
+    qv::tests::BackgroundCall first([&] { isClean = run.engine.shutDown(2 * kLimit); });
+    EXPECT_EQ(peer.receive(), closed(1001, "the server shuts down"));
+    // A later deadline changes nothing.
+    qv::tests::BackgroundCall later([&] { run.engine.shutDown(3 * kLimit); });
+    EXPECT_TRUE(later.isBlocked());
+    EXPECT_FALSE(run.engine.shutDown(milliseconds(0)));
+    EXPECT_EQ(run.recorder->closed(), "close:1006:the server has shut down:lost");
+    EXPECT_TRUE(first.waitForEnd());
+    EXPECT_TRUE(later.waitForEnd());
+    EXPECT_FALSE(isClean);
+}
+
+// Much more than the sockets hold, to a peer that begins to read after the shutdown has begun.
+TEST(Engine, SendsPendingMessagesWithinTheDeadline)
+{
+    WebSocketOptions options;
+    options.sendTimeout = options.closeTimeout = std::chrono::minutes(10);
+    options.sendQueueBytes = 8 << 20;
+    SessionRun run(options, {}, {}, 4096);
+    Peer& peer = run.open();
+    const std::string message(1 << 20, 'm');
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(run.session->sendText(message), SendResult::Queued);
+    bool isClean = false;
+    qv::tests::BackgroundCall stopping([&] { isClean = run.engine.shutDown(kLimit); });
+    ASSERT_TRUE(waitUntil([&] { return !run.session->isOpen(); }));
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(peer.receive().size(), message.size() + 3);
+    EXPECT_EQ(peer.receive(), closed(1001, "the server shuts down"));
+    peer.send(closeFrame(1001));
+    EXPECT_EQ(peer.receive(), "end");
+    peer.close();
+    EXPECT_TRUE(stopping.waitForEnd());
+    EXPECT_TRUE(isClean);
 }
 
 TEST(Engine, TakesNoConnectionAfterTheShutdown)

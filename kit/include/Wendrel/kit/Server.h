@@ -82,12 +82,12 @@ public:
     /// Why the last `start` returned false: "cannot listen on 127.0.0.1:80: permission denied".
     std::string failureReason() const;
 
-    /// Stops. WebSocket sessions are closed with 1001, and ended at `deadline`; a further call does
-    /// not shorten their time. No connection is accepted any more; running requests, deferred ones
-    /// included, have until `deadline` to get their responses. Those left are aborted then, and
-    /// their `onGone` called. Returns when all handlers have returned: true when no request was
-    /// aborted. It can be started again. A call while another one waits can shorten the time of
-    /// that one, and returns with it. Any thread but those of handlers and callbacks.
+    /// Stops. WebSocket sessions are closed with 1001, and ended at `deadline`. No connection is
+    /// accepted any more; running requests, deferred ones included, have until `deadline` to get
+    /// their responses. Those left are aborted then, and their `onGone` called. Returns when all
+    /// handlers have returned: true when no request was aborted and no session had to be ended. It
+    /// can be started again. A call while another one waits can shorten the time of that one, and
+    /// returns with it. Any thread but those of handlers and callbacks.
     bool stop(std::chrono::milliseconds deadline);
 
     /// `callback` is called once at the beginning of each stop, that of `run` and of the destructor

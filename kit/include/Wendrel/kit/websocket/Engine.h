@@ -62,7 +62,8 @@ public:
     /// Closes all sessions with the code 1001 after their messages have been sent, and those that
     /// are not closed at the deadline at once; then ends the threads. True when no session had to
     /// be ended. Waits up to a second longer for callbacks on executors. Any thread, but not in a
-    /// callback; a second call waits for the first.
+    /// callback. A call while another one waits can shorten the time of that one, and returns with
+    /// it and its result.
     bool shutDown(std::chrono::milliseconds deadline);
 
 private:
