@@ -88,7 +88,8 @@ Connection::Connection(std::shared_ptr<Loop> loop, std::shared_ptr<Membership> m
       mDeflate(agreement.deflate), mSubprotocol(agreement.subprotocol),
       mPeerAddress(socket->getPeerAddress()), mHandler(std::move(handler)),
       mSocket(std::move(socket)),
-      mParser(mOptions->maxMessageBytes, mDeflate.isEnabled, &mMembership->budget)
+      mParser(mOptions->maxMessageBytes, mDeflate.isEnabled, &mMembership->budget,
+              mDeflate.clientNoContextTakeover ? &mLoop->mInflaters : nullptr)
 {
     if (mOptions->executor)
         mStrand = std::make_unique<Strand>(mOptions->maxMessageBytes);
@@ -471,10 +472,10 @@ bool Connection::handleReceived()
         case Event::NeedsMore:
             return !isPaused();
         case Event::Text:
-            handleMessage(Opcode::Text);
+            notify({.kind = Notice::Kind::Text, .payload = payload});
             break;
         case Event::Binary:
-            handleMessage(Opcode::Binary);
+            notify({.kind = Notice::Kind::Binary, .payload = payload});
             break;
         case Event::Ping:
             put(Opcode::Pong, false, payload, false);
@@ -491,49 +492,6 @@ bool Connection::handleReceived()
         }
     }
     return false;
-}
-
-void Connection::handleMessage(Opcode opcode)
-{
-    BinaryView payload(mParser.payload(), mParser.payloadBytes());
-    if (mParser.isCompressed()) {
-        if (!inflateMessage(payload))
-            return;
-        if (opcode == Opcode::Text && !isUtf8(payload.asText())) {
-            fail(closecode::kInvalidData, "text is not UTF-8");
-            return;
-        }
-    }
-    notify({.kind = opcode == Opcode::Text ? Notice::Kind::Text : Notice::Kind::Binary,
-            .payload = payload});
-    if (mLoop->mInflated.capacity() > kMaxKeptBytes)
-        mLoop->mInflated.release();
-}
-
-bool Connection::inflateMessage(BinaryView& payload)
-{
-    std::unique_ptr<Inflater>& inflater =
-        mDeflate.clientNoContextTakeover ? mLoop->mInflater : mInflater;
-    if (!inflater)
-        inflater = std::make_unique<Inflater>();
-    else if (mDeflate.clientNoContextTakeover)
-        inflater->reset();
-    Buffer& inflated = mLoop->mInflated;
-    inflated.clear();
-    switch (inflater->decompress(payload, inflated, mOptions->maxMessageBytes)) {
-    case Inflater::Result::Whole:
-        payload = {inflated.data(), inflated.size()};
-        return true;
-    case Inflater::Result::TooLong:
-        fail(closecode::kTooBig, "message is too long");
-        return false;
-    case Inflater::Result::NoMemory:
-        fail(closecode::kTryAgainLater, "no memory for the message");
-        return false;
-    default:
-        fail(closecode::kInvalidData, "compressed message is malformed");
-        return false;
-    }
 }
 
 void Connection::handlePeerClose()
@@ -806,8 +764,7 @@ void Connection::drain()
     mState = State::Draining;
     mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
     ::shutdown(mSocket->getDescriptor(), SHUT_WR);
-    mParser.buffer().release();
-    mInflater.reset();
+    mParser.release();
     notifyClosed();
 }
 
@@ -830,7 +787,7 @@ void Connection::finish()
     mSending = {};
     notifyClosed();
     mState = State::Ended;
-    mParser.buffer().release();
+    mParser.release();
     epoll_ctl(mLoop->mEpoll, EPOLL_CTL_DEL, mSocket->getDescriptor(), nullptr);
     mSocket.reset();
     mLoop->remove(*this);

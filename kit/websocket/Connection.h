@@ -91,8 +91,6 @@ private:
     void start();
     void receive();
     bool handleReceived();
-    void handleMessage(Opcode opcode);
-    bool inflateMessage(BinaryView& payload);
     void handlePeerClose();
     void discardReceived();
     void sendNow(const uint8_t* header, size_t headerBytes, BinaryView payload);
@@ -146,8 +144,7 @@ private:
     // The loop's thread.
     std::unique_ptr<UpgradedConnection> mSocket;  // null when it has ended
     MessageParser mParser;
-    std::unique_ptr<Inflater> mInflater;  // with context
-    std::vector<OutFrame> mSending;       // taken from the queue
+    std::vector<OutFrame> mSending;  // taken from the queue
     size_t mSendingBegin = 0;
     size_t mSentOfFirst = 0;
     size_t mIndex = 0;  // in the loop's list

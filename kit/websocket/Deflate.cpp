@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <new>
 #include <optional>
+#include <utility>
 
 namespace qv::kit::websocket
 {
@@ -24,6 +26,8 @@ constexpr size_t kMaxStepBytes = 1048576;
 constexpr size_t kMaxZlibBytes = std::numeric_limits<uInt>::max();
 // Each costs a copy of the window; a sender needs one for a message.
 constexpr int kMaxFinalBlocks = 16;
+// In `data_type` of the stream.
+constexpr int kAtEndOfBlock = 128;
 // An empty block behind the data, and a header.
 constexpr size_t kFlushBytes = 16;
 
@@ -82,7 +86,7 @@ void Deflater::reset()
 Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel)
 {
     thread_local std::optional<Deflater> kept;
-    if (!kept || !kept->hasParameters(windowBits, level, memoryLevel))
+    if (!kept || !kept->isValid() || !kept->hasParameters(windowBits, level, memoryLevel))
         kept.emplace(windowBits, level, memoryLevel);
     else
         kept->reset();
@@ -137,33 +141,69 @@ Inflater::Result Inflater::inflatePart(Buffer& out, size_t maxBytes)
                 return Result::Corrupt;
             mHasEndedFinally = stream.avail_in == 0;
             if (mHasEndedFinally)
-                return Result::Whole;
+                return Result::Ok;
         } else if (result == Z_MEM_ERROR) {
             return Result::NoMemory;
         } else if (result != Z_OK && result != Z_BUF_ERROR) {
             return Result::Corrupt;
         } else if (stream.avail_out > 0) {
-            return stream.avail_in == 0 ? Result::Whole : Result::Corrupt;
+            return stream.avail_in == 0 ? Result::Ok : Result::Corrupt;
         }
     }
 }
 
-Inflater::Result Inflater::decompress(BinaryView compressed, Buffer& out, size_t maxBytes)
+void Inflater::begin()
+{
+    mFinalBlocks = 0;
+    mHasInput = false;
+    mHasEndedFinally = false;
+}
+
+Inflater::Result Inflater::feed(BinaryView compressed, Buffer& out, size_t maxBytes)
 {
     if (!mIsValid || compressed.size() > kMaxZlibBytes)
         return Result::NoMemory;
-    mFinalBlocks = 0;
+    if (compressed.empty())
+        return Result::Ok;
+    mHasInput = true;
     mHasEndedFinally = false;
     z_stream& stream = *mStream;
     stream.next_in = withoutConst(compressed.data());
     stream.avail_in = static_cast<uInt>(compressed.size());
-    const Result result = inflatePart(out, maxBytes);
-    // A final block that ends the message has no empty block for the tail to complete.
-    if (result != Result::Whole || mHasEndedFinally)
-        return result;
-    stream.next_in = withoutConst(kTail.data());
-    stream.avail_in = static_cast<uInt>(kTail.size());
     return inflatePart(out, maxBytes);
+}
+
+Inflater::Result Inflater::finish(Buffer& out, size_t maxBytes)
+{
+    // A final block that ends the message has no empty block for the tail to complete; nor has the
+    // message of a compressor that flushes twice and sends nothing.
+    if (mHasEndedFinally || !mHasInput)
+        return Result::Ok;
+    const Result result = feed({kTail.data(), kTail.size()}, out, maxBytes);
+    // The tail must not be taken for the content of a block that the message cuts off.
+    const bool isAtEndOfBlock = mHasEndedFinally || (mStream->data_type & kAtEndOfBlock) != 0;
+    return result == Result::Ok && !isAtEndOfBlock ? Result::Corrupt : result;
+}
+
+Inflater::Result Inflater::decompress(BinaryView compressed, Buffer& out, size_t maxBytes)
+{
+    begin();
+    const Result result = feed(compressed, out, maxBytes);
+    return result == Result::Ok ? finish(out, maxBytes) : result;
+}
+
+std::unique_ptr<Inflater> InflaterPool::take()
+{
+    std::unique_ptr<Inflater> taken = std::move(mKept);
+    try {
+        if (taken)
+            taken->reset();
+        else
+            taken = std::make_unique<Inflater>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return taken->isValid() ? std::move(taken) : nullptr;
 }
 
 }  // namespace qv::kit::websocket

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 struct z_stream_s;
 
@@ -34,6 +35,8 @@ public:
     Deflater& operator=(const Deflater&) = delete;
 
     bool hasParameters(int windowBits, int level, int memoryLevel) const;
+    // False without memory: it compresses nothing.
+    bool isValid() const { return mIsValid; }
 
     // Appends the compressed message, without its last four bytes. False without memory, or when it
     // would not be shorter; then `reset` before the next message.
@@ -53,11 +56,14 @@ private:
 // A compressor of the calling thread, without context. Kept until the thread ends.
 Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel);
 
-// Decompresses messages. Not thread-safe.
+// Decompresses messages as they arrive. Not thread-safe.
 class Inflater
 {
 public:
-    enum class Result : uint8_t { Whole, TooLong, Corrupt, NoMemory };
+    enum class Result : uint8_t { Ok, TooLong, Corrupt, NoMemory };
+
+    // About the memory of one with its window.
+    static constexpr size_t kBytes = 40960;
 
     // Accepts every window.
     Inflater();
@@ -65,7 +71,20 @@ public:
     Inflater(const Inflater&) = delete;
     Inflater& operator=(const Inflater&) = delete;
 
-    // Appends the message to `out`, at most `maxBytes`.
+    // False without memory: it decompresses nothing.
+    bool isValid() const { return mIsValid; }
+
+    // A message begins.
+    void begin();
+
+    // Appends the content of the next bytes of the message to `out`: all that can be known from
+    // them, and in all at most `maxBytes`, or one more when the result is TooLong.
+    Result feed(BinaryView compressed, Buffer& out, size_t maxBytes);
+
+    // The message ends.
+    Result finish(Buffer& out, size_t maxBytes);
+
+    // A whole message.
     Result decompress(BinaryView compressed, Buffer& out, size_t maxBytes);
 
     // The next message does not refer to earlier ones.
@@ -77,8 +96,21 @@ private:
 
     std::unique_ptr<z_stream_s> mStream;
     int mFinalBlocks = 0;           // of the current message
-    bool mHasEndedFinally = false;  // with its last byte
+    bool mHasInput = false;         // of the current message
+    bool mHasEndedFinally = false;  // with its last byte so far
     bool mIsValid = false;
+};
+
+// Decompressors for messages without context; keeps one for the next message. Not thread-safe.
+class InflaterPool
+{
+public:
+    // Null without memory.
+    std::unique_ptr<Inflater> take();
+    void give(std::unique_ptr<Inflater> inflater) { mKept = std::move(inflater); }
+
+private:
+    std::unique_ptr<Inflater> mKept;
 };
 
 }  // namespace qv::kit::websocket

@@ -115,9 +115,8 @@ private:
     // Shared by the connections, one of which is handled at a time.
     std::unique_ptr<uint8_t[]> mScratch;
     Buffer mOut;
-    Buffer mReusable;  // for a message in several pieces
-    Buffer mInflated;
-    std::unique_ptr<Inflater> mInflater;  // for messages without context
+    Buffer mReusable;  // for a message in several pieces, or decompressed
+    InflaterPool mInflaters;
     std::thread mThread;
 };
 

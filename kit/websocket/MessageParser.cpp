@@ -21,6 +21,7 @@ constexpr size_t kDeflateExtraBytes = 64;
 constexpr const char* kTooLong = "message is too long";
 constexpr const char* kNotUtf8 = "text is not UTF-8";
 constexpr const char* kNoMemory = "no memory for the message";
+constexpr const char* kCorrupt = "compressed message is malformed";
 
 }  // namespace
 
@@ -80,13 +81,6 @@ MessageParser::Step MessageParser::readHead()
     return beginFrame() ? Step::Go : Step::Fail;
 }
 
-size_t MessageParser::maxBytes() const
-{
-    if (!mIsCompressed)
-        return mMaxMessageBytes;
-    return mMaxMessageBytes + mMaxMessageBytes / kDeflateShare + kDeflateExtraBytes;
-}
-
 bool MessageParser::beginFrame()
 {
     mInPayload = true;
@@ -104,13 +98,64 @@ bool MessageParser::beginFrame()
         mOpcode = mHeader.opcode;
         mIsCompressed = mHeader.rsv1;
         mInMessage = true;
+        mWireBytes = 0;
         mUtf8.reset();
     }
-    if (mHeader.length > maxBytes() - mMessage.size()) {
+    if (!checkLength()) {
         fail(closecode::kTooBig, kTooLong);
         return false;
     }
+    if (mIsCompressed && !continues && !takeInflater()) {
+        fail(closecode::kTryAgainLater, kNoMemory);
+        return false;
+    }
     return true;
+}
+
+bool MessageParser::checkLength()
+{
+    if (!mIsCompressed)
+        return mHeader.length <= mMaxMessageBytes - mMessage.size();
+    const size_t limit = mMaxMessageBytes + mMaxMessageBytes / kDeflateShare + kDeflateExtraBytes;
+    if (mHeader.length > limit - mWireBytes)
+        return false;
+    mWireBytes += static_cast<size_t>(mHeader.length);
+    return true;
+}
+
+bool MessageParser::takeInflater()
+{
+    if (!mInflater) {
+        if (mBudget && !mBudget->charge(Inflater::kBytes))
+            return false;
+        mInflater = mInflaters ? mInflaters->take() : InflaterPool().take();
+        if (!mInflater) {
+            if (mBudget)
+                mBudget->credit(Inflater::kBytes);
+            return false;
+        }
+    }
+    mInflater->begin();
+    return true;
+}
+
+void MessageParser::dropInflater()
+{
+    if (!mInflater)
+        return;
+    if (mBudget)
+        mBudget->credit(Inflater::kBytes);
+    if (mInflaters)
+        mInflaters->give(std::move(mInflater));
+    mInflater.reset();
+}
+
+void MessageParser::release()
+{
+    mMessage.release();
+    if (mInflater && mBudget)
+        mBudget->credit(Inflater::kBytes);
+    mInflater.reset();
 }
 
 MessageParser::Event MessageParser::readControl()
@@ -138,7 +183,9 @@ MessageParser::Event MessageParser::readControl()
 MessageParser::Event MessageParser::readData()
 {
     const size_t part = std::min<uint64_t>(mRemaining, available());
-    const bool isText = mOpcode == Opcode::Text && !mIsCompressed;
+    if (mIsCompressed)
+        return readCompressed(part);
+    const bool isText = mOpcode == Opcode::Text;
     // Whole in the given bytes: no copy.
     if (mHeader.fin && mHeader.opcode != Opcode::Continuation && part == mHeader.length) {
         unmask(mInput, mInput, part, mHeader.mask);
@@ -161,6 +208,34 @@ MessageParser::Event MessageParser::readData()
     return mInPayload ? Event::NeedsMore : endMessage();
 }
 
+// The content is checked before the result of the decompression: the first error of the stream
+// decides, however it is split.
+MessageParser::Event MessageParser::readCompressed(size_t size)
+{
+    using Result = Inflater::Result;
+    mHeader.mask = unmask(mInput, mInput, size, mHeader.mask);
+    const BinaryView compressed(mInput, size);
+    mInput += size;
+    mRemaining -= size;
+    mInPayload = mRemaining > 0;
+    const size_t before = mMessage.size();
+    Result result = mInflater->feed(compressed, mMessage, mMaxMessageBytes);
+    if (result == Result::Ok && !mInPayload && mHeader.fin)
+        result = mInflater->finish(mMessage, mMaxMessageBytes);
+    if (mOpcode == Opcode::Text && !mUtf8.feed(mMessage.data() + before, mMessage.size() - before))
+        return fail(closecode::kInvalidData, kNotUtf8);
+    switch (result) {
+    case Result::Ok:
+        return mInPayload ? Event::NeedsMore : endMessage();
+    case Result::TooLong:
+        return fail(closecode::kTooBig, kTooLong);
+    case Result::NoMemory:
+        return fail(closecode::kTryAgainLater, kNoMemory);
+    default:
+        return fail(closecode::kInvalidData, kCorrupt);
+    }
+}
+
 // `size` unmasked bytes stand behind the message.
 bool MessageParser::collect(size_t size)
 {
@@ -168,7 +243,7 @@ bool MessageParser::collect(size_t size)
     mMessage.addSize(size);
     mRemaining -= size;
     mInPayload = mRemaining > 0;
-    if (mOpcode != Opcode::Text || mIsCompressed || mUtf8.feed(bytes, size))
+    if (mOpcode != Opcode::Text || mUtf8.feed(bytes, size))
         return true;
     fail(closecode::kInvalidData, kNotUtf8);
     return false;
@@ -183,16 +258,19 @@ MessageParser::Event MessageParser::endMessage()
     mIsDelivered = true;
     mPayload = mMessage.data();
     mPayloadBytes = mMessage.size();
+    if (mIsCompressed && mInflaters)
+        dropInflater();
     if (mOpcode == Opcode::Binary)
         return Event::Binary;
-    if (!mIsCompressed && !mUtf8.isComplete())
+    if (!mUtf8.isComplete())
         return fail(closecode::kInvalidData, kNotUtf8);
     return Event::Text;
 }
 
 uint8_t* MessageParser::directSpace(size_t& size)
 {
-    if (!mInPayload || mHeader.isControl() || mRemaining < kMinDirectBytes || mFailure)
+    if (!mInPayload || mHeader.isControl() || mIsCompressed || mRemaining < kMinDirectBytes ||
+        mFailure)
         return nullptr;
     const size_t expected = mMessage.size() + static_cast<size_t>(mRemaining);
     if (!mMessage.ensureSpace(kMinDirectBytes, expected))

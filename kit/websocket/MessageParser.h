@@ -3,17 +3,20 @@
 #define WENDREL_KIT_WEBSOCKET_MESSAGEPARSER_H
 
 #include "websocket/Buffer.h"
+#include "websocket/Deflate.h"
 #include "websocket/Frame.h"
 #include "websocket/Utf8Check.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace qv::kit::websocket
 {
 
-// Parses the frames of a client in pieces of any size. Text is checked as it arrives.
+// Parses the frames of a client in pieces of any size. Compressed messages are decompressed, and
+// text is checked, as they arrive.
 //
 // A message that lies whole in the given bytes is unmasked there and not copied; any other is
 // collected in a buffer, into which large frames can be received directly. Used by one thread.
@@ -22,10 +25,17 @@ class MessageParser
 public:
     enum class Event : uint8_t { NeedsMore, Text, Binary, Ping, Pong, Close, Failed };
 
-    // `maxMessageBytes`: of a message before decompression a little more is accepted.
-    MessageParser(size_t maxMessageBytes, bool allowsCompression, Budget* budget)
-        : mMessage(budget), mMaxMessageBytes(maxMessageBytes), mAllowsCompression(allowsCompression)
+    // `maxMessageBytes`: of a message before decompression a little more is accepted. `budget`:
+    // null or counts the memory of unfinished messages. `inflaters`: for messages without context;
+    // null when they refer to earlier ones.
+    MessageParser(size_t maxMessageBytes, bool allowsCompression, Budget* budget,
+                  InflaterPool* inflaters = nullptr)
+        : mMessage(budget), mBudget(budget), mInflaters(inflaters),
+          mMaxMessageBytes(maxMessageBytes), mAllowsCompression(allowsCompression)
     {}
+    ~MessageParser() { release(); }
+    MessageParser(const MessageParser&) = delete;
+    MessageParser& operator=(const MessageParser&) = delete;
 
     // Gives bytes, which are changed and must stay until `next` returns NeedsMore. Only after that.
     void feed(uint8_t* bytes, size_t size)
@@ -40,7 +50,7 @@ public:
     // Of the last event, until `next` is called again.
     uint8_t* payload() const { return mPayload; }
     size_t payloadBytes() const { return mPayloadBytes; }
-    // The message must be decompressed, and text checked then.
+    // The message was compressed.
     bool isCompressed() const { return mIsCompressed; }
     // After Failed.
     uint16_t failureCode() const { return mFailureCode; }
@@ -56,6 +66,8 @@ public:
     // last one has been used.
     Buffer& buffer() { return mMessage; }
     bool isInMessage() const { return mInMessage; }
+    // Gives all memory back. Nothing is parsed any more.
+    void release();
 
 private:
     enum class Step : uint8_t { Go, Wait, Fail };
@@ -63,21 +75,28 @@ private:
     Event fail(uint16_t code, const char* what);
     Step readHead();
     bool beginFrame();
+    bool checkLength();
     Event readControl();
     Event readData();
+    Event readCompressed(size_t size);
+    bool takeInflater();
+    void dropInflater();
     bool collect(size_t size);
     Event endMessage();
     size_t available() const { return static_cast<size_t>(mInputEnd - mInput); }
-    size_t maxBytes() const;
 
     uint8_t* mInput = nullptr;
     uint8_t* mInputEnd = nullptr;
     uint8_t* mPayload = nullptr;
     size_t mPayloadBytes = 0;
     Buffer mMessage;
+    Budget* const mBudget;
+    InflaterPool* const mInflaters;
+    std::unique_ptr<Inflater> mInflater;  // of the compressed message, or of all of them
     const char* mFailure = nullptr;
     const size_t mMaxMessageBytes;
     uint64_t mRemaining = 0;  // of the payload of the current frame
+    size_t mWireBytes = 0;    // announced by the frames of the compressed message
     FrameHeader mHeader;
     uint16_t mFailureCode = 0;
     Utf8Check mUtf8;

@@ -1,5 +1,5 @@
-// Frames of a WebSocket client in any split, against a slow decoder that sees all bytes at once;
-// and compressed messages, against zlib's promise to restore them.
+// Frames of a WebSocket client in any split, compressed ones too, against a slow decoder that sees
+// all bytes at once; and compressed messages, against zlib's promise to restore them.
 
 #include "support/Check.h"
 
@@ -7,6 +7,8 @@
 #include "websocket/MessageParser.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
+
+#include <zlib.h>
 
 #include <algorithm>
 #include <cstring>
@@ -21,6 +23,8 @@ using namespace qv::kit::websocket;
 using Events = std::vector<std::string>;
 
 constexpr size_t kMaxWireBytes = 200000;
+constexpr size_t kWindowBytes = 32768;
+constexpr int kMaxFinalBlocks = 16;
 
 // By the definition of UTF-8: decodes, and looks for the shortest form.
 bool isWhole(const std::string& text)
@@ -60,6 +64,57 @@ bool canBecomeWhole(const std::string& text)
         }
     }
     return false;
+}
+
+Bytef* bytesOf(std::string& text)
+{
+    return reinterpret_cast<Bytef*>(text.data());
+}
+
+// All that the bytes hold, at most one byte more than the limit. False when they are malformed.
+bool inflateAll(std::string bytes, bool isEnd, size_t limit, std::string& text)
+{
+    z_stream stream{};
+    FUZZ_CHECK(inflateInit2(&stream, -15) == Z_OK);
+    text.resize(limit + 1);
+    stream.next_out = bytesOf(text);
+    stream.avail_out = static_cast<uInt>(text.size());
+    stream.next_in = bytesOf(bytes);
+    stream.avail_in = static_cast<uInt>(bytes.size());
+    bool isValid = true;
+    std::string tail("\0\0\xff\xff", 4);
+    bool hasTail = !isEnd || bytes.empty();
+    bool isWhole = true;
+    for (int finalBlocks = 0;;) {
+        if (stream.avail_in == 0 && !hasTail) {
+            hasTail = true;
+            stream.next_in = bytesOf(tail);
+            stream.avail_in = 4;
+        }
+        if (stream.avail_in == 0)
+            break;
+        const int result = inflate(&stream, Z_SYNC_FLUSH);
+        if (stream.avail_out == 0)
+            break;
+        if (result == Z_STREAM_END) {
+            const size_t size = text.size() - stream.avail_out;
+            const size_t window = std::min(size, kWindowBytes);
+            isValid = ++finalBlocks <= kMaxFinalBlocks && inflateReset(&stream) == Z_OK &&
+                      inflateSetDictionary(&stream, bytesOf(text) + size - window,
+                                           static_cast<uInt>(window)) == Z_OK;
+            isWhole = stream.avail_in == 0;
+            if (isWhole)
+                hasTail = true;
+        } else {
+            isValid = result == Z_OK || result == Z_BUF_ERROR;
+            isWhole = (stream.data_type & 128) != 0;
+        }
+        if (!isValid)
+            break;
+    }
+    text.resize(text.size() - stream.avail_out);
+    inflateEnd(&stream);
+    return isValid && (!isEnd || isWhole);
 }
 
 class Reference
@@ -134,8 +189,14 @@ private:
         if (length > limit || mMessage.size() + length > limit)
             return fail(1009);
         mMessage += payload;
-        const bool isText = mOpcode == 1 && !mIsCompressed;
-        if (isText && !canBecomeWhole(mMessage))
+        std::string text = mMessage;
+        const bool isInflated =
+            !mIsCompressed || inflateAll(mMessage, isComplete && fin, mLimit, text);
+        if (mOpcode == 1 && !canBecomeWhole(text))
+            return fail(1007);
+        if (text.size() > mLimit)
+            return fail(1009);
+        if (!isInflated)
             return fail(1007);
         if (!isComplete)
             return false;
@@ -143,10 +204,10 @@ private:
         if (!fin)
             return true;
         mInMessage = false;
-        if (isText && !isWhole(mMessage))
+        if (mOpcode == 1 && !isWhole(text))
             return fail(1007);
         events.push_back((mIsCompressed ? "compressed " : "") +
-                         std::string(mOpcode == 1 ? "text " : "binary ") + mMessage);
+                         std::string(mOpcode == 1 ? "text " : "binary ") + text);
         return true;
     }
 
@@ -179,6 +240,24 @@ bool takeEvents(MessageParser& parser, Events& events)
     return true;
 }
 
+std::string compress(FuzzedDataProvider& input, const std::string& message)
+{
+    z_stream stream{};
+    FUZZ_CHECK(deflateInit2(&stream, input.ConsumeIntegralInRange<int>(1, 9), Z_DEFLATED, -15, 8,
+                            Z_DEFAULT_STRATEGY) == Z_OK);
+    std::string in = message;
+    std::string out(deflateBound(&stream, message.size()) + 20, '\0');
+    stream.next_in = bytesOf(in);
+    stream.avail_in = static_cast<uInt>(in.size());
+    stream.next_out = bytesOf(out);
+    stream.avail_out = static_cast<uInt>(out.size());
+    const bool isFinal = input.ConsumeBool();
+    deflate(&stream, isFinal ? Z_FINISH : Z_SYNC_FLUSH);
+    out.resize(out.size() - stream.avail_out - (isFinal ? 0 : 4));
+    deflateEnd(&stream);
+    return out;
+}
+
 std::string makeWire(FuzzedDataProvider& input)
 {
     std::string wire;
@@ -192,6 +271,8 @@ std::string makeWire(FuzzedDataProvider& input)
         std::string payload = input.ConsumeRandomLengthString(300);
         if (input.ConsumeIntegralInRange<int>(0, 15) == 0)
             payload.resize(input.ConsumeIntegralInRange<size_t>(0, 70000), 'x');
+        if (static_cast<uint8_t>(wire.back()) % 128 >= 0x40 && input.ConsumeBool())
+            payload = compress(input, payload);
         const size_t size = payload.size();
         const int lengthBytes = size > 65535 ? 8 : size > 125 ? 2 : 0;
         wire += static_cast<char>(0x80 | (lengthBytes == 8   ? 127
@@ -219,7 +300,8 @@ void tryParsing(FuzzedDataProvider& input)
     Budget budget(1 << 30);
     Events events;
     {
-        MessageParser parser(limit, allowsCompression, &budget);
+        InflaterPool inflaters;
+        MessageParser parser(limit, allowsCompression, &budget, &inflaters);
         for (size_t at = 0; at < wire.size();) {
             noise = noise * 1664525 + 1013904223;
             size_t size = std::min<size_t>(wire.size() - at, (noise >> shift) + 1);
@@ -263,7 +345,7 @@ void tryCompression(FuzzedDataProvider& input)
         }
         Buffer restored;
         const BinaryView view(compressed.data(), compressed.size());
-        FUZZ_CHECK(inflater.decompress(view, restored, message.size()) == Inflater::Result::Whole);
+        FUZZ_CHECK(inflater.decompress(view, restored, message.size()) == Inflater::Result::Ok);
         FUZZ_CHECK(BinaryView(restored.data(), restored.size()).asText() == message);
         if (!keepsContext) {
             deflater.reset();
@@ -286,7 +368,7 @@ void tryDecompression(FuzzedDataProvider& input)
     const std::string hello("\xf2\x48\xcd\xc9\xc9\x07\x00", 7);
     restored.clear();
     FUZZ_CHECK(inflater.decompress(BinaryView(std::string_view(hello)), restored, 5) ==
-               Inflater::Result::Whole);
+               Inflater::Result::Ok);
 }
 
 void tryOffers(FuzzedDataProvider& input)

@@ -117,6 +117,8 @@ NOT_FOR_USERS = {
     "kit/websocket/Deflate.cpp kMinWindowBits": "the compressor's",
     "kit/websocket/Deflate.cpp kMaxWindowBits": "the protocol's",
     "kit/websocket/Deflate.cpp kTailBytes": "the protocol's",
+    "kit/websocket/Deflate.cpp kAtEndOfBlock": "the compressor's",
+    "kit/websocket/Deflate.h kBytes": "memory of a decompressor",
     "kit/websocket/Deflate.cpp kWindowBytes": "the protocol's",
     "kit/websocket/Deflate.cpp kInflateStepBytes": "an algorithm's",
     "kit/websocket/Deflate.cpp kMaxStepBytes": "an algorithm's",

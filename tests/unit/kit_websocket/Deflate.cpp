@@ -2,6 +2,7 @@
 
 #include "websocket/Deflate.h"
 
+#include "Compressing.h"
 #include "Peer.h"
 
 #include <gmock/gmock.h>
@@ -24,35 +25,6 @@ std::string compressed(const std::string& message, int windowBits = 15)
     return {reinterpret_cast<const char*>(out.data()), out.size()};
 }
 
-// A client's compressor, which compresses anything.
-class Client
-{
-public:
-    explicit Client(bool finishes = false) : mFinishes(finishes)
-    {
-        deflateInit2(&mStream, 6, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
-    }
-    ~Client() { deflateEnd(&mStream); }
-
-    std::string compress(const std::string& message)
-    {
-        std::string out(message.size() + 100, '\0');
-        mStream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(message.data()));
-        mStream.avail_in = static_cast<uInt>(message.size());
-        mStream.next_out = reinterpret_cast<Bytef*>(out.data());
-        mStream.avail_out = static_cast<uInt>(out.size());
-        deflate(&mStream, mFinishes ? Z_FINISH : Z_SYNC_FLUSH);
-        out.resize(out.size() - mStream.avail_out);
-        if (!mFinishes)
-            out.resize(out.size() - 4);
-        return out;
-    }
-
-private:
-    z_stream mStream{};
-    const bool mFinishes;
-};
-
 // Inflates with a window of exactly `windowBits`; empty when zlib refuses.
 std::string inflated(const std::string& message, int windowBits)
 {
@@ -68,16 +40,6 @@ std::string inflated(const std::string& message, int windowBits)
     out.resize(out.size() - stream.avail_out);
     inflateEnd(&stream);
     return result == Z_OK ? out : std::string();
-}
-
-std::string words(size_t size, unsigned seed = 1)
-{
-    std::mt19937 dice(seed);
-    std::string text;
-    while (text.size() < size)
-        text += "word" + std::to_string(dice() % 1000) + ' ';
-    text.resize(size);
-    return text;
 }
 
 std::pair<Inflater::Result, std::string> decompress(Inflater& inflater, const std::string& message,
@@ -225,18 +187,19 @@ TEST(Deflater, TellsThatAMessageDoesNotShrink)
 TEST(Inflater, RestoresMessagesWithAndWithoutContext)
 {
     Inflater inflater;
-    Client client;
+    Compressing client;
     for (unsigned i = 0; i < 20; ++i) {
         const auto [result, message] = decompress(inflater, client.compress(words(3000, i % 3)));
-        EXPECT_EQ(result, Inflater::Result::Whole);
+        EXPECT_EQ(result, Inflater::Result::Ok);
         EXPECT_EQ(message, words(3000, i % 3));
     }
     for (unsigned i = 0; i < 5; ++i) {
         inflater.reset();
-        EXPECT_EQ(decompress(inflater, Client().compress(words(3000, i))).second, words(3000, i));
+        EXPECT_EQ(decompress(inflater, Compressing().compress(words(3000, i))).second,
+                  words(3000, i));
     }
     inflater.reset();
-    EXPECT_EQ(decompress(inflater, Client().compress("")).second, "");
+    EXPECT_EQ(decompress(inflater, Compressing().compress("")).second, "");
 }
 
 TEST(Inflater, AcceptsFinalBlocksAndKeepsTheWindow)
@@ -250,7 +213,7 @@ TEST(Inflater, AcceptsFinalBlocksAndKeepsTheWindow)
 
     Inflater inflater;
     const std::string text = words(3000);
-    EXPECT_EQ(decompress(inflater, Client(true).compress(text)).second, text);
+    EXPECT_EQ(decompress(inflater, Compressing(true).compress(text)).second, text);
     // The next message refers to the one before.
     z_stream stream{};
     deflateInit2(&stream, 6, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
@@ -269,7 +232,7 @@ TEST(Inflater, AcceptsFinalBlocksAndKeepsTheWindow)
 
 TEST(Inflater, LimitsTheMessageAsItIsProduced)
 {
-    const std::string bomb = Client().compress(std::string(100000000, '\0'));
+    const std::string bomb = Compressing().compress(std::string(100000000, '\0'));
     EXPECT_LT(bomb.size(), 200000u);
     for (const size_t limit : {size_t{1000}, size_t{1048576}}) {
         Inflater inflater;
@@ -279,10 +242,10 @@ TEST(Inflater, LimitsTheMessageAsItIsProduced)
         EXPECT_LE(out.capacity(), 2 * limit + 20000);
     }
     Inflater inflater;
-    EXPECT_EQ(decompress(inflater, Client().compress(words(5000)), 5000).first,
-              Inflater::Result::Whole);
+    EXPECT_EQ(decompress(inflater, Compressing().compress(words(5000)), 5000).first,
+              Inflater::Result::Ok);
     inflater.reset();
-    EXPECT_EQ(decompress(inflater, Client().compress(words(5001)), 5000).first,
+    EXPECT_EQ(decompress(inflater, Compressing().compress(words(5001)), 5000).first,
               Inflater::Result::TooLong);
 }
 
@@ -301,7 +264,7 @@ TEST(Inflater, RefusesAMessageOfManyFinalBlocks)
     for (int i = 0; i < 16; ++i)
         blocks += std::string("\x03\x00", 2);
     Inflater few;
-    EXPECT_EQ(decompress(few, blocks).first, Inflater::Result::Whole);
+    EXPECT_EQ(decompress(few, blocks).first, Inflater::Result::Ok);
     Inflater many;
     EXPECT_EQ(decompress(many, blocks + std::string("\x03\x00", 2)).first,
               Inflater::Result::Corrupt);
@@ -335,12 +298,12 @@ TEST(DeflateSession, EchoesCompressedMessages)
                 session.sendText(text);
             };
             Peer& peer = run.open();
-            Client context;
+            Compressing context;
             Inflater inflater;
             for (unsigned i = 0; i < 10; ++i) {
                 const std::string text = words(1000 + i * 4000, i % 2);
                 const std::string payload =
-                    clientNoContext ? Client().compress(text) : context.compress(text);
+                    clientNoContext ? Compressing().compress(text) : context.compress(text);
                 peer.send(rawFrame(kRsv1 | 1, payload.substr(0, 100)) + frame(Opcode::Ping, "") +
                           frame(Opcode::Continuation, payload.substr(100)));
                 EXPECT_EQ(peer.receive(), "8a:");
@@ -394,10 +357,10 @@ TEST(DeflateSession, FailsBombsCorruptMessagesAndInvalidText)
         std::string payload;
         uint16_t code;
     } rows[] = {
-        {"bomb", Client().compress(std::string(50000000, 'x')), 1009},
+        {"bomb", Compressing().compress(std::string(50000000, 'x')), 1009},
         {"corrupt", "\xff\xff\xff", 1007},
-        {"invalid text", Client().compress("text \xff"), 1007},
-        {"cut-off character", Client().compress("text \xe2\x82"), 1007},
+        {"invalid text", Compressing().compress("text \xff"), 1007},
+        {"cut-off character", Compressing().compress("text \xe2\x82"), 1007},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

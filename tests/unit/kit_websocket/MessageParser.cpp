@@ -2,6 +2,7 @@
 
 #include "websocket/MessageParser.h"
 
+#include "Compressing.h"
 #include "Support.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +14,11 @@ namespace
 {
 
 using namespace websockettests;
+using qv::kit::websocket::BinaryView;
 using qv::kit::websocket::Budget;
+using qv::kit::websocket::Buffer;
+using qv::kit::websocket::Inflater;
+using qv::kit::websocket::InflaterPool;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -252,15 +257,185 @@ TEST(MessageParser, AllowsTheFirstReservedBitOnlyInTheFirstFrameOfACompressedMes
     const auto compressed = [](const std::string& bytes) {
         return parse(bytes, kMessageLimitBytes, true);
     };
-    EXPECT_THAT(compressed(rawFrame(kFin | kRsv1 | 1, "\xff")),
-                ElementsAre("compressed text:\xff"));
-    EXPECT_THAT(compressed(rawFrame(kRsv1 | 2, "a") + frame(Opcode::Ping, "p") +
-                           frame(Opcode::Continuation, "b") + text("c")),
-                ElementsAre("ping:p", "compressed binary:ab", "text:c"));
+    const std::string hello("\xf2\x48\xcd\xc9\xc9\x07\x00", 7);
+    EXPECT_THAT(compressed(rawFrame(kFin | kRsv1 | 1, hello)),
+                ElementsAre("compressed text:Hello"));
+    EXPECT_THAT(compressed(rawFrame(kRsv1 | 2, hello.substr(0, 3)) + frame(Opcode::Ping, "p") +
+                           frame(Opcode::Continuation, "", false) +
+                           frame(Opcode::Continuation, hello.substr(3)) + text("c")),
+                ElementsAre("ping:p", "compressed binary:Hello", "text:c"));
     EXPECT_THAT(compressed(rawFrame(kRsv1 | 2, "a") + rawFrame(kFin | kRsv1, "b")),
                 ElementsAre("failed:1002"));
     EXPECT_THAT(compressed(rawFrame(kFin | kRsv1 | 9, "b")), ElementsAre("failed:1002"));
     EXPECT_THAT(compressed(rawFrame(kFin | 0x20 | 1, "b")), ElementsAre("failed:1002"));
+}
+
+// The number of bytes after which the decompressed text shows that it is invalid.
+size_t bytesUntilInvalid(const std::string& compressed, const std::string& valid)
+{
+    Inflater inflater;
+    Buffer out;
+    inflater.begin();
+    size_t count = 0;
+    while (out.size() <= valid.size() && count < compressed.size())
+        inflater.feed(BinaryView(std::string_view(compressed).substr(count++, 1)), out,
+                      SIZE_MAX / 2);
+    return count;
+}
+
+TEST(MessageParser, FailsInvalidCompressedTextAtTheByteThatTells)
+{
+    const std::string valid = words(3000);
+    const std::string payload = Compressing().compress(valid + "\xff" + words(60000, 2));
+    const size_t telling = bytesUntilInvalid(payload, valid);
+    ASSERT_LT(telling, payload.size() / 5);
+    const struct
+    {
+        const char* name;
+        std::string bytes;
+        size_t headerBytes;  // before the byte that tells
+    } rows[] = {
+        {"in one frame", rawFrame(kFin | kRsv1 | 1, payload), 8},
+        {"in the second fragment",
+         rawFrame(kRsv1 | 1, payload.substr(0, 200)) +
+             frame(Opcode::Continuation, payload.substr(200)),
+         16},
+        {"in fragments of one byte",
+         [&] {
+             std::string frames = rawFrame(kRsv1 | 1, payload.substr(0, 1));
+             for (size_t i = 1; i < payload.size(); ++i)
+                 frames += frame(Opcode::Continuation, payload.substr(i, 1), false);
+             return frames;
+         }(),
+         6 * telling},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        for (const size_t piece : {size_t{1}, row.headerBytes + telling}) {
+            Parsing parsing(kMessageLimitBytes, true);
+            parsing.feedInPieces(row.bytes.substr(0, row.headerBytes + telling - 1), piece);
+            EXPECT_THAT(parsing.events, IsEmpty());
+            parsing.feed(row.bytes.substr(row.headerBytes + telling - 1, 1));
+            EXPECT_THAT(parsing.events, ElementsAre("failed:1007"));
+        }
+    }
+}
+
+TEST(MessageParser, FailsCompressedTextThatEndsInsideACharacter)
+{
+    const std::string cut = Compressing().compress("abc" + kEuro.substr(0, 2));
+    EXPECT_THAT(parse(rawFrame(kFin | kRsv1 | 1, cut), kMessageLimitBytes, true),
+                ElementsAre("failed:1007"));
+    EXPECT_THAT(parse(rawFrame(kFin | kRsv1 | 2, cut), kMessageLimitBytes, true),
+                ElementsAre("compressed binary:abc" + kEuro.substr(0, 2)));
+}
+
+TEST(MessageParser, FailsMalformedCompressedData)
+{
+    EXPECT_THAT(parse(rawFrame(kFin | kRsv1 | 1, "\xff\xff\xff"), kMessageLimitBytes, true),
+                ElementsAre("failed:1007"));
+    // A stored block, and one with codes, of which the ends are missing.
+    const std::string stored = std::string("\x00\x64\x00\x9b\xff", 5) + "abc";
+    const std::string coded = Compressing().compress(words(3000)).substr(0, 500);
+    for (const std::string& cut : {stored, coded})
+        EXPECT_THAT(parse(rawFrame(kFin | kRsv1 | 2, cut), kMessageLimitBytes, true),
+                    ElementsAre("failed:1007"));
+}
+
+// A compressor that flushes again without a byte between makes nothing.
+TEST(MessageParser, AcceptsEmptyCompressedMessages)
+{
+    Compressing context;
+    const std::string text = words(1000);
+    std::string bytes = rawFrame(kFin | kRsv1 | 1, context.compress(""));
+    bytes += rawFrame(kFin | kRsv1 | 1, context.compress(text));
+    bytes += rawFrame(kFin | kRsv1 | 1, "");
+    bytes += rawFrame(kRsv1 | 2, "") + frame(Opcode::Continuation, "");
+    bytes += rawFrame(kFin | kRsv1 | 1, context.compress(text));
+    const std::string empty = "compressed text:";
+    EXPECT_THAT(parse(bytes, kMessageLimitBytes, true),
+                ElementsAre(empty, empty + text, empty, "compressed binary:", empty + text));
+}
+
+TEST(MessageParser, LimitsACompressedMessageBeforeItsFrameIsComplete)
+{
+    const std::string bomb =
+        rawFrame(kRsv1 | 2, Compressing().compress(std::string(10000000, '\0')));
+    ASSERT_LT(bomb.size(), 20000u);
+    Parsing parsing(100000, true);
+    parsing.feed(bomb.substr(0, 500));
+    EXPECT_THAT(parsing.events, ElementsAre("failed:1009"));
+    EXPECT_LE(parsing.parser.buffer().capacity(), 131072u);
+
+    const std::string exact = rawFrame(kFin | kRsv1 | 2, Compressing().compress(words(5000)));
+    EXPECT_THAT(parse(exact, 5000, true), ElementsAre("compressed binary:" + words(5000)));
+    EXPECT_THAT(parse(exact, 4999, true), ElementsAre("failed:1009"));
+}
+
+// Blocks without content, as many as the peer likes.
+TEST(MessageParser, LimitsTheCompressedBytesOfAMessage)
+{
+    std::string empty;
+    while (empty.size() < 1200)
+        empty.append("\x00\x00\x00\xff\xff", 5);
+    EXPECT_THAT(parse(rawFrame(kRsv1 | 2, empty), 1000, true), ElementsAre("failed:1009"));
+    EXPECT_THAT(parse(rawFrame(kRsv1 | 2, empty.substr(0, 600)) +
+                          frame(Opcode::Continuation, empty.substr(600)),
+                      1000, true),
+                ElementsAre("failed:1009"));
+}
+
+TEST(MessageParser, KeepsTheContextOfCompressedMessagesWithoutAPool)
+{
+    Compressing context;
+    std::string bytes;
+    std::vector<std::string> expected;
+    for (unsigned i = 0; i < 5; ++i) {
+        const std::string payload = context.compress(words(2000, i % 2));
+        bytes += rawFrame(kRsv1 | 1, payload.substr(0, payload.size() / 2)) +
+                 frame(Opcode::Continuation, payload.substr(payload.size() / 2));
+        expected.push_back("compressed text:" + words(2000, i % 2));
+    }
+    Budget budget(10000000);
+    {
+        Parsing parsing(kMessageLimitBytes, true, &budget);
+        parsing.feedInPieces(bytes, 100);
+        EXPECT_EQ(parsing.events, expected);
+        EXPECT_GE(budget.usedBytes(), size_t{Inflater::kBytes});
+    }
+    EXPECT_EQ(budget.usedBytes(), 0u);
+}
+
+// Two connections of one thread, whose messages arrive in turns.
+TEST(MessageParser, SharesDecompressorsOnlyBetweenMessages)
+{
+    Budget budget(10000000);
+    InflaterPool pool;
+    Parsing first(kMessageLimitBytes, true, &budget, &pool);
+    Parsing second(kMessageLimitBytes, true, &budget, &pool);
+    for (unsigned i = 0; i < 3; ++i) {
+        const std::string a = rawFrame(kFin | kRsv1 | 1, Compressing().compress(words(3000, i)));
+        const std::string b =
+            rawFrame(kFin | kRsv1 | 1, Compressing().compress(words(4000, i + 9)));
+        first.feed(a.substr(0, 300));
+        second.feed(b.substr(0, 200));
+        EXPECT_GE(budget.usedBytes(), 2 * size_t{Inflater::kBytes});
+        first.feed(a.substr(300));
+        second.feed(b.substr(200));
+        EXPECT_EQ(first.events.at(i), "compressed text:" + words(3000, i));
+        EXPECT_EQ(second.events.at(i), "compressed text:" + words(4000, i + 9));
+        EXPECT_EQ(budget.usedBytes(),
+                  first.parser.buffer().capacity() + second.parser.buffer().capacity());
+    }
+}
+
+TEST(MessageParser, CountsADecompressorInTheBudget)
+{
+    Budget budget(Inflater::kBytes - 1);
+    Parsing parsing(kMessageLimitBytes, true, &budget);
+    parsing.feed(rawFrame(kFin | kRsv1 | 1, Compressing().compress("abc")));
+    EXPECT_THAT(parsing.events, ElementsAre("failed:1013"));
+    EXPECT_EQ(budget.usedBytes(), 0u);
 }
 
 TEST(MessageParser, HasNoEventAfterAFailure)

@@ -62,8 +62,9 @@ class Parsing
 {
 public:
     explicit Parsing(size_t limit = kMessageLimitBytes, bool allowsCompression = false,
-                     qv::kit::websocket::Budget* budget = nullptr)
-        : parser(limit, allowsCompression, budget)
+                     qv::kit::websocket::Budget* budget = nullptr,
+                     qv::kit::websocket::InflaterPool* inflaters = nullptr)
+        : parser(limit, allowsCompression, budget, inflaters)
     {}
 
     // In memory of its own, so that a byte too far is seen.
