@@ -79,9 +79,9 @@ std::string errorText(int error)
     return strerror_r(error, buffer, sizeof buffer);
 }
 
-const std::string& usableName(const Request& request)
+std::string usableName(const Request& request)
 {
-    const std::string& name = request.pathParameter("name");
+    std::string name = request.pathParameter("name");
     const std::string refusal = refusalOfName(name);
     if (!refusal.empty())
         throw HttpError(400, refusal);
@@ -273,7 +273,7 @@ FileDrop::Outcome FileDrop::sendStatus(Request& request)
 
 FileDrop::Outcome FileDrop::sendFile(Request& request)
 {
-    const std::string& name = usableName(request);
+    const std::string name = usableName(request);
     Descriptor fd;
     FileInfo info;
     const StoreResult result = mStore->openFile(name, fd, info);
@@ -348,7 +348,7 @@ FileDrop::Outcome FileDrop::receiveFile(Request& request)
 
 FileDrop::Outcome FileDrop::storeFile(Request& request)
 {
-    const std::string& name = usableName(request);
+    const std::string name = usableName(request);
     const std::string what = "'" + name + "' cannot be stored";
     const int64_t declared = request.contentLength();
     if (mMaxUploadBytes != 0 && declared > 0 && static_cast<uint64_t>(declared) > mMaxUploadBytes)
@@ -386,7 +386,7 @@ std::unique_ptr<Upload> FileDrop::receive(Request& request, const std::string& w
 
 FileDrop::Outcome FileDrop::deleteFile(Request& request)
 {
-    const std::string& name = usableName(request);
+    const std::string name = usableName(request);
     const StoreResult result = mStore->remove(name);
     if (result != StoreResult::Done)
         throw failure(result, "'" + name + "' cannot be deleted");

@@ -2,8 +2,8 @@
 
 #include "Exchange.h"
 
+#include "ErrorBody.h"
 #include "KitLog.h"
-#include "ReasonPhrase.h"
 #include "RouteTable.h"
 #include "ServerCore.h"
 
@@ -425,12 +425,14 @@ bool Exchange::respond(By by, Response&& response)
 bool Exchange::respondError(By by, ResponseHead&& head, int status, const std::string& message)
 {
     const int sent = isError(status) ? status : kServerError;
-    const ContentType type = ContentType::json();
+    const std::string* const accept = getHeaders().findLine("accept");
+    ErrorBody body = makeErrorBody(accept ? *accept : std::string_view(), sent, message);
     Response response;
     response.head = std::move(head);
+    response.head.addHeader("Vary", "Accept");
     response.status = sent;
-    response.type = &type;
-    response.source = makeText(ErrorBody(sent, message));
+    response.type = &body.type;
+    response.source = makeText(std::move(body.text));
     return respond(by, std::move(response));
 }
 
@@ -450,10 +452,11 @@ bool Exchange::publishSource(std::unique_ptr<BodySource> source)
     bool isTaken = device.setBodySource(std::move(source));
     if (!isTaken && !device.hasDeviceError()) {
         log("the body source was refused");
+        ErrorBody body = makeErrorBody(std::string_view(), kServerError, std::string());
         ResponseHead head;
-        head.setHeader("Content-Type", ContentType::json().value());
+        head.setHeader("Content-Type", body.type.value());
         mHead.set(std::move(head), kServerError);
-        device.setBodySource(makeText(ErrorBody(kServerError, std::string())));
+        device.setBodySource(makeText(std::move(body.text)));
     }
     return device.setResponseReady() && isTaken;
 }

@@ -2,8 +2,6 @@
 
 #include "ReasonPhrase.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <array>
 
@@ -67,15 +65,6 @@ const char* ReasonPhrase(int status)
         return known.status == status || known.status == 0;
     });
     return found->text;
-}
-
-std::string ErrorBody(int status, const std::string& message)
-{
-    // Only the text is left to the JSON library: the destructor of its objects needs memory, and
-    // without any the process would end.
-    const std::string text = nlohmann::json(message.empty() ? ReasonPhrase(status) : message)
-                                 .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    return R"({"error":)" + text + R"(,"status":)" + std::to_string(status) + "}";
 }
 
 }  // namespace qv::kit

@@ -132,14 +132,14 @@ const std::string& Request::target() const
     return mExchange->getOriginalFullUrl();
 }
 
-const std::string& Request::pathParameter(std::string_view name) const
+Parameter Request::pathParameter(std::string_view name) const
 {
-    return mExchange->pathParameter(name);
+    return {Parameter::Kind::Path, name, mExchange->pathParameter(name)};
 }
 
-const std::string& Request::query(const std::string& name) const
+Parameter Request::query(const std::string& name) const
 {
-    return firstOf(mExchange->getQueryParameter(name.c_str()));
+    return {Parameter::Kind::Query, name, firstOf(mExchange->getQueryParameter(name.c_str()))};
 }
 
 const std::list<std::string>& Request::queryValues(const std::string& name) const
@@ -148,18 +148,18 @@ const std::list<std::string>& Request::queryValues(const std::string& name) cons
     return values ? *values : kNoValues;
 }
 
-const std::string& Request::header(std::string_view name) const
+Parameter Request::header(std::string_view name) const
 {
     std::string key(name);
     std::transform(key.begin(), key.end(), key.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     const std::string* const line = mExchange->getHeaders().findLine(key);
-    return line ? *line : kNothing;
+    return {Parameter::Kind::Header, name, line ? *line : kNothing};
 }
 
-const std::string& Request::cookie(const std::string& name) const
+Parameter Request::cookie(const std::string& name) const
 {
-    return firstOf(mExchange->getCookie(name.c_str()));
+    return {Parameter::Kind::Cookie, name, firstOf(mExchange->getCookie(name.c_str()))};
 }
 
 const IpAddress& Request::clientAddress() const

@@ -2,56 +2,29 @@
 
 #include <Wendrel/kit/ResponseHead.h>
 
+#include "Text.h"
+
 #include <algorithm>
-#include <cctype>
 #include <string_view>
+#include <utility>
 
 namespace qv::kit
 {
 namespace
 {
 
-constexpr std::string_view kTokenMarks = "!#$%&'*+-.^_`|~";
-
 // Separates the name from a number, so that headers of one name stay together.
 constexpr char kNumberMark = '\x01';
 
-bool isTokenByte(unsigned char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           kTokenMarks.find(static_cast<char>(c)) != std::string_view::npos;
-}
-
-bool isToken(std::string_view text)
-{
-    return !text.empty() && std::all_of(text.begin(), text.end(), isTokenByte);
-}
-
-bool isControl(unsigned char c)
-{
-    return c < ' ' || c == 0x7f;
-}
-
 bool isHeaderValue(std::string_view text)
 {
-    return std::none_of(text.begin(), text.end(),
-                        [](unsigned char c) { return isControl(c) && c != '\t'; });
-}
-
-bool isCookieValue(std::string_view text)
-{
-    constexpr std::string_view kNotAllowed = " \",;\\";
-    return std::none_of(text.begin(), text.end(), [&](unsigned char c) {
-        return isControl(c) || kNotAllowed.find(static_cast<char>(c)) != std::string_view::npos;
-    });
+    return std::none_of(text.begin(), text.end(), [](char c) { return isControl(c) && c != '\t'; });
 }
 
 // In lower case: the daemon wants "connection" before "date".
 std::string keyOf(std::string name)
 {
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return name;
+    return toLower(std::move(name));
 }
 
 bool isReserved(const std::string& key)
@@ -112,18 +85,16 @@ void ResponseHead::addHeader(const std::string& name, const std::string& value)
     mHeaders.emplace(free, std::make_pair(name, value));
 }
 
-void ResponseHead::setCookie(const std::string& name, const std::string& value,
-                             const std::string& attributes)
+void ResponseHead::setCookie(const Cookie& cookie)
 {
-    if (!isToken(name))
-        fail("the cookie name \"" + name + "\" is no token");
-    else if (!isCookieValue(value))
-        fail("the value of the cookie " + name + " has a byte that is not allowed: \"" + value +
-             "\"");
-    else if (!isHeaderValue(attributes))
-        fail("the attributes of the cookie " + name + " have a control character");
-    else
-        mCookies.insert_or_assign(name, attributes.empty() ? value : value + "; " + attributes);
+    const std::string error = cookie.error();
+    if (!error.empty()) {
+        fail(error);
+        return;
+    }
+    const std::string attributes = cookie.attributes();
+    mCookies.insert_or_assign(
+        cookie.name(), attributes.empty() ? cookie.value() : cookie.value() + "; " + attributes);
 }
 
 std::string ResponseHead::header(const std::string& name) const

@@ -20,7 +20,7 @@ namespace qv::kit
 namespace
 {
 
-constexpr const char* kErrorBody = R"({"error":"Internal Server Error","status":500})";
+constexpr const char* kErrorBody = R"({"title":"Internal Server Error","status":500})";
 constexpr unsigned kMaxWorkers = 1024;
 
 std::string whyImpossible(const ServerOptions& options)

@@ -29,8 +29,8 @@ NOTE_LIMIT_BYTES = 10000
 UPLOAD_LIMIT_BYTES = 16 * 1024 * 1024
 DEADLINE_SECONDS = 25
 MAX_MEMORY_KB = 32 * 1024
-TOO_LARGE = b'{"error":"Content Too Large","status":413}'
-NO_SUCH_NOTE = b'{"error":"There is no such note.","status":404}'
+TOO_LARGE = b'{"title":"Content Too Large","status":413}'
+NO_SUCH_NOTE = b'{"title":"Not Found","status":404,"detail":"There is no such note."}'
 
 
 class Page:
@@ -201,7 +201,7 @@ class ProgramsTest(StepsTest):
                 ("POST", "/notes", largest + b"x", {}, 413, TOO_LARGE),
                 ("POST", "/notes", [largest], chunked, 201, None),
                 ("POST", "/notes", [largest, b"x"], chunked, 413, TOO_LARGE),
-                ("POST", "/notes", b"", {}, 422, b'{"error":"A note needs a text.","status":422}'),
+                ("POST", "/notes", b"", {}, 422, b'{"title":"Unprocessable Content","status":422,"detail":"A note needs a text."}'),
                 ("GET", "/notes/7", None, {}, 404, NO_SUCH_NOTE),
                 ("DELETE", "/notes/7", None, {}, 404, NO_SUCH_NOTE),
                 ("DELETE", "/notes/1", None, {}, 204, b""))
@@ -244,7 +244,7 @@ class ProgramsTest(StepsTest):
                 ("bytes=90-", 206, content[90:], "bytes 90-99/100"),
                 ("bytes=99-99", 206, content[99:], "bytes 99-99/100"),
                 ("bytes=0-100000", 206, content, "bytes 0-99/100"),
-                ("bytes=100-", 416, b'{"error":"Range Not Satisfiable","status":416}', "bytes */100"),
+                ("bytes=100-", 416, b'{"title":"Range Not Satisfiable","status":416}', "bytes */100"),
                 ("bytes=-5", 200, content, None), ("lines=1-2", 200, content, None),
                 ("bytes=7-6", 200, content, None), ("bytes=1-2,4-5", 200, content, None),
                 ("bytes=1", 200, content, None), ("bytes=99999999999999999999-", 200, content, None))
@@ -260,7 +260,7 @@ class ProgramsTest(StepsTest):
         server = self.start(FILES)
         for name in ("..%2Fa", ".a", "%2Fa", "a%5Cb"):
             status, text, _ = server.ask("PUT", f"/files/{name}", b"x")
-            self.assertEqual((status, text), (400, b'{"error":"This name is not allowed.","status":400}'),
+            self.assertEqual((status, text), (400, b'{"title":"Bad Request","status":400,"detail":"This name is not allowed."}'),
                              name)
         for name in ("..%00", "a%00b"):
             status, text, _ = server.ask("PUT", f"/files/{name}", b"x")

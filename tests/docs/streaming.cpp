@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,7 +25,7 @@ constexpr uint64_t kNoteLimitBytes = 65536;
 
 uint64_t lastOf(Request& request)
 {
-    return std::strtoull(request.pathParameter("last").c_str(), nullptr, 10);
+    return static_cast<uint64_t>(request.pathParameter("last").asInt(std::nullopt, 0));
 }
 
 // The server reads the file while it sends it. No worker waits.

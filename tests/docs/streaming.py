@@ -38,7 +38,7 @@ class Streaming(unittest.TestCase):
     def test_no_file(self):
         self.file.unlink()
         status, body, _ = self.server.ask("GET", "/file")
-        self.assertEqual((status, body), (404, b'{"error":"There is no such file.","status":404}'))
+        self.assertEqual((status, body), (404, b'{"title":"Not Found","status":404,"detail":"There is no such file."}'))
 
     def test_a_file_that_becomes_shorter_is_cut_off(self):
         connection = self.server.connect(receive_bytes=65536)
@@ -102,7 +102,7 @@ class Streaming(unittest.TestCase):
                          (200, b"%d\n" % (2 * FILE_BYTES // 8)))
 
     def test_a_note_has_its_limit(self):
-        too_large = (413, b'{"error":"Content Too Large","status":413}')
+        too_large = (413, b'{"title":"Content Too Large","status":413}')
         largest = b"x" * NOTE_LIMIT_BYTES
         chunked = {"encode_chunked": True, "headers": {"Transfer-Encoding": "chunked"}}
         self.assertEqual(self.server.ask("POST", "/notes", b"milk")[:2], (200, b"noted: milk\n"))

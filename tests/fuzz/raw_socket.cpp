@@ -109,7 +109,7 @@ void ShowHead(Request& request)
 {
     std::string text = request.path() + '\n' + request.target() + '\n';
     for (const char* name : {"a", "b", "name"}) {
-        text += request.query(name) + '\n' + request.cookie(name) + '\n' + request.header(name);
+        text += request.query(name) + "\n" + request.cookie(name) + "\n" + request.header(name);
         for (const std::string& value : request.queryValues(name))
             text += value + '\n';
     }

@@ -85,7 +85,7 @@ TEST(KitBodies, AreReceivedUpToALimit)
                 if (row.status == 200) {
                     EXPECT_TRUE(response->body == body);
                 } else {
-                    EXPECT_EQ(response->body, R"({"error":"Content Too Large","status":413})");
+                    EXPECT_EQ(response->body, R"({"title":"Content Too Large","status":413})");
                 }
             }
         }

@@ -25,7 +25,7 @@ using qv::kit::Router;
 using qv::kit::StreamWrite;
 using std::chrono::milliseconds;
 
-constexpr const char* kUnavailable = R"({"error":"Service Unavailable","status":503})";
+constexpr const char* kUnavailable = R"({"title":"Service Unavailable","status":503})";
 
 // Gives each deferred response to the test.
 class Deferring
@@ -191,7 +191,7 @@ TEST(KitDeferred, ADeadlineRespondsAndTellsTheApplication)
     const auto response = client.receive();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, 504);
-    EXPECT_EQ(response->body, R"({"error":"Gateway Timeout","status":504})");
+    EXPECT_EQ(response->body, R"({"title":"Gateway Timeout","status":504})");
     EXPECT_EQ(response->value("X-Set"), "");
     EXPECT_TRUE(waitUntil([&] { return calls == 1; }));
     EXPECT_FALSE(later->reply("too late"));

@@ -18,13 +18,14 @@ namespace
 
 using qv::BodySource;
 using qv::kit::ContentType;
+using qv::kit::Cookie;
 using qv::kit::HttpError;
 using qv::kit::Request;
 using qv::kit::Router;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr const char* kServerError = R"({"error":"Internal Server Error","status":500})";
+constexpr const char* kServerError = R"({"title":"Internal Server Error","status":500})";
 
 std::string headRequest(const std::string& target)
 {
@@ -67,9 +68,11 @@ TEST(KitResponses, AreSentAsTheyAreGiven)
         {"/own%20type", 200, "image/png", "png"},
         {"/shared", 200, "text/html; charset=utf-8", "shared"},
         {"/source", 206, "application/octet-stream", "234"},
-        {"/error", 403, "application/json", R"({"error":"say \"no\"","status":403})"},
-        {"/phrase", 409, "application/json", R"({"error":"Conflict","status":409})"},
-        {"/wrong%20error", 500, "application/json", R"({"error":"x","status":500})"},
+        {"/error", 403, "application/problem+json",
+         R"({"title":"Forbidden","status":403,"detail":"say \"no\""})"},
+        {"/phrase", 409, "application/problem+json", R"({"title":"Conflict","status":409})"},
+        {"/wrong%20error", 500, "application/problem+json",
+         R"({"title":"Internal Server Error","status":500,"detail":"x"})"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.target);
@@ -95,9 +98,9 @@ TEST(KitResponses, HaveTheHeadersAndCookiesThatWereSet)
             request.setHeader("X-B", "removed");
             request.setHeader("X-B", "");
             request.setHeader("Links", "other");
-            request.setCookie("a", "1");
-            request.setCookie("b", "2", "Path=/; HttpOnly");
-            request.setCookie("a", "3");
+            request.setCookie(Cookie("a", "1"));
+            request.setCookie(Cookie("b", "2").httpOnly());
+            request.setCookie(Cookie("a", "3").path(""));
             request.reply("");
         });
         router.get("/reset", [](Request& request) {
@@ -150,22 +153,22 @@ TEST(KitResponses, OfAWrongUseAre500WithALineThatNamesTheRoute)
          "the header content-Length cannot be set"},
         {"/cookie",
          [](Request& r) {
-             r.setCookie("s", "a; Path=/");
+             r.setCookie(Cookie("s", "a; Path=/"));
              r.reply("x");
          },
          "the value of the cookie s has a byte that is not allowed: \"a; Path=/\""},
         {"/cookie-name",
          [](Request& r) {
-             r.setCookie("a=b", "c");
+             r.setCookie(Cookie("a=b", "c"));
              r.reply("x");
          },
          "the cookie name \"a=b\" is no token"},
-        {"/attributes",
+        {"/path",
          [](Request& r) {
-             r.setCookie("a", "b", "Path=/\r\nX: y");
+             r.setCookie(Cookie("a", "b").path("/\r\nX: y"));
              r.reply("x");
          },
-         "the attributes of the cookie a have a control character"},
+         "the path of the cookie a is not valid: \"/\r\nX: y\""},
         {"/type", [](Request& r) { r.reply("x", ContentType("a/b\nc")); },
          "the value of the header Content-Type has a control character: \"a/b\nc\""},
         {"/stream",
@@ -266,9 +269,10 @@ TEST(KitResponses, OfExceptions)
         const char* body;
         const char* line;
     } rows[] = {
-        {"/http", 418, R"({"error":"teapot","status":418})", nullptr},
-        {"/phrase", 404, R"({"error":"Not Found","status":404})", nullptr},
-        {"/status", 500, R"({"error":"fine","status":500})", nullptr},
+        {"/http", 418, R"({"title":"Error","status":418,"detail":"teapot"})", nullptr},
+        {"/phrase", 404, R"({"title":"Not Found","status":404})", nullptr},
+        {"/status", 500, R"({"title":"Internal Server Error","status":500,"detail":"fine"})",
+         nullptr},
         {"/std", 500, kServerError, "the handler failed: on purpose"},
         {"/other", 500, kServerError, "the handler failed: an exception that is no std::exception"},
         {"/after", 200, "done", "the handler failed: too late"},
@@ -404,7 +408,7 @@ TEST(KitResponses, Are503WhenTheWorkersCannotTakeTheRequest)
     const RawResponse refused = server.get("/");
     EXPECT_EQ(refused.status, 503);
     EXPECT_EQ(refused.value("Retry-After"), "1");
-    EXPECT_EQ(refused.body, R"({"error":"Service Unavailable","status":503})");
+    EXPECT_EQ(refused.body, R"({"title":"Service Unavailable","status":503})");
     EXPECT_EQ(server.get("/ping").body, "pong");
     latch.open();
     for (auto& client : clients) {
@@ -432,7 +436,7 @@ TEST(KitResponses, OfATimeoutPrecedeTheHandler)
     });
     const RawResponse response = server.get("/slow");
     EXPECT_EQ(response.status, 503);
-    EXPECT_EQ(response.body, R"({"error":"Service Unavailable","status":503})");
+    EXPECT_EQ(response.body, R"({"title":"Service Unavailable","status":503})");
     latch.open();
     EXPECT_EQ(results.pop(), false);
     EXPECT_EQ(server.get("/quick").body, "quick");

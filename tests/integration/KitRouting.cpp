@@ -66,8 +66,8 @@ TEST(KitRouting, ServesManyRequestsOnOneConnection)
             request.reply(303);
         });
     });
-    const std::string notFound = R"({"error":"Not Found","status":404})";
-    const std::string notAllowed = R"({"error":"Method Not Allowed","status":405})";
+    const std::string notFound = R"({"title":"Not Found","status":404})";
+    const std::string notAllowed = R"({"title":"Method Not Allowed","status":405})";
     const struct
     {
         std::string bytes;
@@ -201,7 +201,7 @@ TEST(KitRouting, RefusesABadRequestInJson)
     KitTestServer server([](Router& router) { router.get("/", naming("x")); });
     const RawResponse response = server.get("/%zz");
     EXPECT_EQ(response.status, 400);
-    EXPECT_EQ(response.value("Content-Type"), "application/json");
+    EXPECT_EQ(response.value("Content-Type"), "application/problem+json");
     EXPECT_THAT(response.body, HasSubstr("\"status\":400"));
 }
 

@@ -50,8 +50,8 @@ class Hello(unittest.TestCase):
         for target in ("/", "/hello", "/hello/", "/hello/a/b", "/Hello/a"):
             response, text = self.ask(connection, "GET", target)
             self.assertEqual(response.status, 404, target)
-            self.assertEqual(text, '{"error":"Not Found","status":404}')
-            self.assertEqual(response.getheader("Content-Type"), "application/json")
+            self.assertEqual(text, '{"title":"Not Found","status":404}')
+            self.assertEqual(response.getheader("Content-Type"), "application/problem+json")
 
         for method, status in (("DELETE", 405), ("OPTIONS", 204), ("POST", 405)):
             response, _ = self.ask(connection, method, "/hello/world")

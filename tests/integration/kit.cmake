@@ -4,8 +4,8 @@ wendrel_test_program(integration_kit
     SOURCES
         main.cpp
         support/ProcessCounts.cpp support/RawClient.cpp
-        KitBodies.cpp KitDeferred.cpp KitDeferredStress.cpp KitResponses.cpp KitRouting.cpp
+        KitBodies.cpp KitDeferred.cpp KitDeferredStress.cpp KitJson.cpp KitResponses.cpp KitRouting.cpp
         KitScale.cpp KitStops.cpp KitWebSocketRoutes.cpp
-    LIBRARIES Wendrel::Kit CURL::libcurl)
+    LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
 
 include(hello.cmake)

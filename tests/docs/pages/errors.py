@@ -41,7 +41,7 @@ PARTS_FILES = ("src/streaming/AbortReason.h", "src/listener/Endpoint.cpp",
                "src/request/AddressSet.cpp", "src/request/AllowedHosts.cpp",
                "src/server/EventServer.cpp", "src/server/HttpServer.cpp",
                "src/request/StrictRequest.cpp", "src/server/StrictPositions.cpp",
-               "kit/src/ResponseHead.cpp", "kit/src/RouteTable.cpp", "kit/src/ServerCore.cpp")
+               "kit/src/Cookie.cpp", "kit/src/ResponseHead.cpp", "kit/src/RouteTable.cpp", "kit/src/ServerCore.cpp")
 
 # Texts in these statements that are not errors.
 NO_COMPLAINTS = {", with flags 0x"}

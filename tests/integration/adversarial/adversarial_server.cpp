@@ -359,7 +359,7 @@ private:
 
     static uint64_t bytesAskedFor(const Request& request)
     {
-        return std::strtoull(request.pathParameter("bytes").c_str(), nullptr, 10);
+        return static_cast<uint64_t>(request.pathParameter("bytes").asInt(std::nullopt, 0));
     }
 
     static void writeBody(Request& request)

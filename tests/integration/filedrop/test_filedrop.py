@@ -269,7 +269,7 @@ class Interface(ServerCase):
         self.start()
         response = self.curl("/nothing")
         self.assertEqual(response.status, 404)
-        self.assertTrue(response.json()["error"])
+        self.assertTrue(response.json()["detail"])
         response = self.curl("/api/files", "-X", "DELETE")
         self.assertEqual(response.status, 405)
         self.assertEqual(set(response.headers["allow"].split(", ")) - {"OPTIONS"}, {"GET", "HEAD"})
@@ -318,7 +318,7 @@ class Names(ServerCase):
                     self.assertNotIn(b"secret", response.body)
                     self.assertNotIn(b"root:", response.body)
                     if method != "HEAD":
-                        self.assertTrue(response.json()["error"])
+                        self.assertTrue(response.json()["title"])
 
     def test_ways_out_of_the_directory(self):
         self.check_refused((
@@ -352,7 +352,7 @@ class Names(ServerCase):
                 self.assertEqual(self.curl(target, "-X", "DELETE").status, 404)
                 response = self.put(target, b"intruder")
                 self.assertEqual(response.status, 409, response)
-                self.assertTrue(response.json()["error"])
+                self.assertTrue(response.json()["detail"])
         listed = [file["name"] for file in self.curl("/api/files").json()["files"]]
         self.assertEqual(listed, ["inside"])
 
@@ -471,7 +471,7 @@ class Conditions(ServerCase):
                 response = self.get(f"Range: bytes={value}")
                 self.assertEqual(response.status, 416)
                 self.assertEqual(response.headers["content-range"], f"bytes */{size}")
-                self.assertTrue(response.json()["error"])
+                self.assertTrue(response.json()["detail"])
 
     def test_ranges_that_are_not_served(self):
         for value in ("bytes=0-1,5-6", "bytes=5-1", "bytes=x", "bytes=", "lines=0-1", "0-1"):
@@ -535,7 +535,7 @@ class Limits(ServerCase):
                 self.assertEqual(response.status, status, response)
                 self.assertEqual(self.names(), ["a"])
                 self.assertEqual((self.directory / "a").stat().st_size, MIB)
-        self.assertIn("1 MiB", response.json()["error"])
+        self.assertIn("1 MiB", response.json()["detail"])
 
 
 class DiskFull(ServerCase):
@@ -558,7 +558,7 @@ class DiskFull(ServerCase):
                 with self.subTest(name=name, arguments=arguments):
                     response = self.put(f"/files/{name}", os.urandom(16 * MIB), *arguments)
                     self.assertEqual(response.status, 507, response)
-                    self.assertTrue(response.json()["error"])
+                    self.assertTrue(response.json()["detail"])
                     self.assertEqual(self.names(), before)
         self.assertEqual(self.curl("/files/kept").body, kept)
         self.assertEqual(self.put("/files/small", b"fits").status, 201)
@@ -728,7 +728,7 @@ class Losses(ServerCase):
         response = self.put("/files/new", b"x")
         self.assertEqual(response.status, 503, response)
         self.assertEqual(response.headers["retry-after"], "2")
-        self.assertTrue(response.json()["error"])
+        self.assertTrue(response.json()["detail"])
         self.assertNotIn("new", self.names())
         self.assertEqual(self.curl("/").status, 200)
         self.assertEqual(len(self.curl("/files/small").body), 262144)

@@ -299,7 +299,7 @@ class Transfers(ProxyCase, filedrop.ServerCase):
         source = filedrop.make_sparse(self.work / "source", LARGE)
         response = self.curl("/files/large.bin", "-T", source)
         self.assertEqual(response.status, 413, response)
-        self.assertIn("error", response.json())
+        self.assertIn("detail", response.json())
 
     def test_an_upload_that_is_broken_off_leaves_nothing(self):
         self.start()

@@ -37,6 +37,7 @@ namespace
 
 using Access = impl::DispatchAccess;
 using kit::ContentType;
+using kit::Cookie;
 using kit::DeferredResponse;
 using kit::DeferredStream;
 using kit::Exchange;
@@ -148,7 +149,7 @@ TEST_F(KitFailures, EachRequestHasAResponse)
             [](Request& r) {
                 r.setHeader("X-A-Header-With-A-Long-Name", kLongText);
                 r.addHeader("X-A-Header-With-A-Long-Name", kLongText);
-                r.setCookie("a", std::string(40, 'c'), kLongText);
+                r.setCookie(Cookie("a", std::string(40, 'c')).path("/" + std::string(kLongText)));
                 r.reply(201, r.header("host") + r.query("q") + r.cookie("c"), ContentType::html());
             },
             201),
@@ -246,7 +247,7 @@ TEST_F(KitFailures, AHeadIsFilledWholeOrNotAtAll)
 {
     const auto make = [] {
         auto head = std::make_unique<ResponseHead>();
-        head->setCookie("known", "1");
+        head->setCookie(Cookie("known", "1"));
         head->addHeader("X-Known", "1");
         return head;
     };
@@ -263,8 +264,7 @@ TEST_F(KitFailures, AHeadIsFilledWholeOrNotAtAll)
             [](ResponseHead& h) { h.addHeader("X-Known", kLongText); }, &Contents),
         AllOrNothing(
             "ResponseHead: cookie", make,
-            [](ResponseHead& h) { h.setCookie("other", std::string(40, 'c'), kLongText); },
-            &Contents),
+            [](ResponseHead& h) { h.setCookie(Cookie("other", std::string(40, 'c'))); }, &Contents),
     });
 }
 

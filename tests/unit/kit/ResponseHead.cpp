@@ -47,8 +47,8 @@ TEST(ResponseHead, AcceptsWhatHeadersAndCookiesMayHold)
 {
     ResponseHead head;
     head.setHeader("!#$%&'*+-.^_`|~09AZaz", "tab\t, \"quoted\"; \xc3\xa4\xff");
-    head.setCookie("a!", "!#$%&'()*+-./0:<=>?@A[]^_`a{|}~", "Path=/; Expires=Thu, 01 Jan 1970");
-    head.setCookie("empty", "");
+    head.setCookie(Cookie("a!", "!#$%&'()*+-./0:<=>?@A[]^_`a{|}~"));
+    head.setCookie(Cookie("empty", ""));
     EXPECT_EQ(head.error(), "");
     EXPECT_EQ(head.headers().size(), 1u);
     EXPECT_EQ(head.cookies().size(), 2u);
@@ -73,15 +73,15 @@ TEST(ResponseHead, RefusesNamesAndValuesThatEndALine)
         const bool isMark = c > 32 && c < 127 && !isToken &&
                             std::string("\"(),/:;<=>?@[\\]{}").find(byte) == std::string::npos;
         EXPECT_EQ(name.error().empty(), isToken || isMark);
-        ResponseHead cookie;
-        cookie.setCookie("a", std::string("x") + byte);
-        const bool isRefused =
-            isControl || byte == ' ' || byte == '"' || byte == ',' || byte == ';' || byte == '\\';
-        EXPECT_EQ(cookie.error().empty(), !isRefused);
-        ResponseHead attributes;
-        attributes.setCookie("a", "x", std::string("Path=/") + byte);
-        EXPECT_EQ(attributes.error().empty(), !isControl || byte == '\t');
     }
+}
+
+TEST(ResponseHead, RefusesWrongCookies)
+{
+    ResponseHead head;
+    head.setCookie(Cookie("a", "b c"));
+    EXPECT_EQ(head.error(), Cookie("a", "b c").error());
+    EXPECT_TRUE(head.cookies().empty());
 }
 
 TEST(ResponseHead, RefusesTheHeadersOfTheLibrary)

@@ -4,6 +4,7 @@
 
 #include <Wendrel/kit/DeferredResponse.h>
 #include <Wendrel/kit/HttpError.h>
+#include <Wendrel/kit/Parameter.h>
 #include <Wendrel/kit/Responder.h>
 
 #include <qvSystem/IpAddress.h>
@@ -31,7 +32,8 @@ enum class Method : uint16_t {
 };
 
 /// One request, and its response. It is its handler's until the handler returns: keep no reference
-/// to it, `defer` instead. Every text that is returned by reference lives as long.
+/// to it, `defer` instead. Every text that is returned by reference lives as long, and the texts of
+/// parameters, headers and cookies, which convert to strings and to numbers: see Parameter.
 ///
 /// A response is one `reply...`, or `startStream`, any number of `write`, and `finish`, or `defer`.
 /// Without one the response is 500, with a line in the log that names the route.
@@ -51,20 +53,20 @@ public:
 
     /// The part of the path that `{name}` of the route stands for, decoded; the segments of
     /// `{name*}` are joined by "/". Throws std::logic_error when the route has no such parameter.
-    const std::string& pathParameter(std::string_view name) const;
+    Parameter pathParameter(std::string_view name) const;
 
     /// The first value of a parameter of the query, decoded; empty when there is none.
-    const std::string& query(const std::string& name) const;
+    Parameter query(const std::string& name) const;
 
     /// All values of a parameter of the query, in order of arrival.
     const std::list<std::string>& queryValues(const std::string& name) const;
 
     /// The value of a header as it was received; upper and lower case do not matter. The lines of a
     /// repeated header are joined by ", ". Empty when there is none.
-    const std::string& header(std::string_view name) const;
+    Parameter header(std::string_view name) const;
 
     /// The value of a cookie; empty when there is none.
-    const std::string& cookie(const std::string& name) const;
+    Parameter cookie(const std::string& name) const;
 
     /// Address and port of the client; see `ServerOptions::trustedProxies`.
     const IpAddress& clientAddress() const;
@@ -77,6 +79,12 @@ public:
     /// The whole body. In a streaming route it waits, and throws HttpError as `readAll` does, with
     /// `ServerOptions::maxBodyBytes` as the limit. Read either by this or by `readBody`.
     const std::string& body();
+
+    /// The body, read by `body`, as nlohmann::json; `json<Task>()` as a Task, which has a function
+    /// `from_json`. Throws HttpError: 415 when its type is neither application/json nor one that
+    /// ends in "+json", 400 when it is no JSON or cannot be a Value. Include
+    /// `<Wendrel/kit/Json.h>`.
+    template <typename Value = void> typename JsonOf<Value>::Type json();
 
     /// Reads up to `size` bytes, in a streaming route waiting until there are so many or the body
     /// ends. Returns how many, 0 at the end of the body. Throws HttpError: 413 beyond
@@ -114,6 +122,8 @@ public:
     [[nodiscard]] DeferredResponse defer();
 
 private:
+    const std::string& jsonText();
+
     friend class Exchange;
     explicit Request(Exchange& exchange);
     ~Request() = default;

@@ -3,6 +3,7 @@
 #define WENDREL_KIT_RESPONDER_H
 
 #include <Wendrel/BodySource.h>
+#include <Wendrel/kit/Cookie.h>
 #include <Wendrel/kit/ResponseHead.h>
 
 #include <cstdint>
@@ -14,6 +15,13 @@ namespace qv::kit
 {
 
 class Exchange;
+
+/// The type of a value as JSON: nlohmann::json without one. See `<Wendrel/kit/Json.h>`.
+template <typename Value> struct JsonOf
+{
+    using Type = Value;  ///< as given
+};
+template <> struct JsonOf<void>;
 
 /// One response: any number of `setHeader`, `addHeader` and `setCookie`, then one `reply`. For HEAD
 /// and for status 204 and 304 no body is sent, only its length.
@@ -41,11 +49,7 @@ public:
     }
 
     /// As `ResponseHead::setCookie`.
-    void setCookie(const std::string& name, const std::string& value,
-                   const std::string& attributes = std::string())
-    {
-        mHead.setCookie(name, value, attributes);
-    }
+    void setCookie(const Cookie& cookie) { mHead.setCookie(cookie); }
 
     /// As `ResponseHead::setContentLength`: bytes of a stream.
     void setContentLength(int64_t bytes) { mHead.setContentLength(bytes); }
@@ -70,9 +74,18 @@ public:
     bool reply(std::shared_ptr<const std::string> body,
                const ContentType& type = ContentType::text());
 
-    /// Responds with `{"error": message, "status": status}` as application/json. `status`: 400 to
-    /// 599; another one becomes 500. An empty message: the standard reason phrase. Headers set so
-    /// far are sent, too.
+    /// Responds with 200 and `value` as JSON: `replyJson({{"id", 7}})`. Bytes in it that are not
+    /// UTF-8 are replaced by U+FFFD. Include `<Wendrel/kit/Json.h>`.
+    template <typename Value = void> bool replyJson(const typename JsonOf<Value>::Type& value);
+
+    /// The same with a status.
+    template <typename Value = void>
+    bool replyJson(int status, const typename JsonOf<Value>::Type& value);
+
+    /// Responds with the standard reason phrase of `status` and `message`, which may be empty: as
+    /// problem details (RFC 9457), `{"title":"Not Found","status":404,"detail":message}`; as a page
+    /// for a client that prefers HTML, as browsers do; as a text for one that accepts neither.
+    /// `status`: 400 to 599; another one becomes 500. Headers set so far are sent, too.
     bool replyError(int status, const std::string& message = std::string());
 
     /// Responds with a body that the server fetches while it sends: a file, lent memory, a

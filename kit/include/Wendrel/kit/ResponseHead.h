@@ -3,6 +3,7 @@
 #define WENDREL_KIT_RESPONSEHEAD_H
 
 #include <Wendrel/HttpDevices.h>
+#include <Wendrel/kit/Cookie.h>
 
 #include <cstdint>
 #include <string>
@@ -51,12 +52,8 @@ public:
     /// Adds a header beside those of the same name. Errors as above.
     void addHeader(const std::string& name, const std::string& value);
 
-    /// Sends `Set-Cookie: name=value; attributes`, in place of a cookie of the same name.
-    /// `attributes`: "Path=/; HttpOnly; Max-Age=3600". Errors: a name that is no token; a control
-    /// character, space, quotation mark, comma, semicolon or backslash in the value; a control
-    /// character in the attributes.
-    void setCookie(const std::string& name, const std::string& value,
-                   const std::string& attributes = std::string());
+    /// Sends `cookie` in place of one of the same name. Errors: those of `Cookie::error`.
+    void setCookie(const Cookie& cookie);
 
     /// The first value of a header set so far; empty when there is none.
     std::string header(const std::string& name) const;
