@@ -346,6 +346,18 @@ TEST_F(Conformance, OfTheEndOfAConnection)
     });
 }
 
+// After `response` without a body: the next response, unless the connection ends.
+void expectTheNext(RawClient& client, const RawResponse& response)
+{
+    const auto next = client.receive();
+    if (response.values("Connection").empty()) {
+        EXPECT_TRUE(next && next->status == 200);
+    } else {
+        EXPECT_FALSE(next);
+        EXPECT_TRUE(client.isClosedByServer());
+    }
+}
+
 TEST_F(Conformance, OfResponsesWithoutABody)
 {
     for (const char* target : {"/204", "/304"}) {
@@ -358,13 +370,7 @@ TEST_F(Conformance, OfResponsesWithoutABody)
         if (response->status == 204) {
             EXPECT_THAT(response->values("Content-Length"), IsEmpty());
         }
-        const auto next = client.receive();
-        if (response->values("Connection").empty()) {
-            EXPECT_TRUE(next && next->status == 200);
-        } else {
-            EXPECT_FALSE(next);
-            EXPECT_TRUE(client.isClosedByServer());
-        }
+        expectTheNext(client, *response);
     }
 }
 
@@ -378,13 +384,7 @@ TEST_F(Conformance, OfHead)
         const auto response = client.receive(true);
         ASSERT_TRUE(response);
         EXPECT_EQ(response->status, 200);
-        const auto next = client.receive();
-        if (response->values("Connection").empty()) {
-            EXPECT_TRUE(next && next->status == 200);
-        } else {
-            EXPECT_FALSE(next);
-            EXPECT_TRUE(client.isClosedByServer());
-        }
+        expectTheNext(client, *response);
     }
 }
 

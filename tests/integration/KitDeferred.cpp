@@ -45,6 +45,20 @@ public:
     Channel<std::shared_ptr<DeferredResponse>> responses;
 };
 
+// A server, and a client whose requests wait for the test.
+struct Waiting
+{
+    std::shared_ptr<DeferredResponse> request()
+    {
+        EXPECT_TRUE(client.send(getRequest("/wait")));
+        return deferring.next();
+    }
+
+    Deferring deferring;
+    KitTestServer server{[this](Router& router) { deferring.addTo(router); }};
+    RawClient client{server.port()};
+};
+
 TEST(KitDeferred, ResponsesAreGivenByAnyThread)
 {
     Deferring deferring;
@@ -94,16 +108,12 @@ TEST(KitDeferred, ResponsesMayPrecedeTheEndOfTheHandler)
 
 TEST(KitDeferred, OneThatIsDestroyedRespondsWith500)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    deferring.next().reset();
-    EXPECT_EQ(client.receive().value_or(RawResponse()).status, 500);
+    Waiting waiting;
+    waiting.request().reset();
+    EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).status, 500);
     EXPECT_TRUE(logged("GET /wait: the deferred response was destroyed without a response"));
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    *deferring.next() = DeferredResponse();
-    EXPECT_EQ(client.receive().value_or(RawResponse()).status, 500);
+    *waiting.request() = DeferredResponse();
+    EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).status, 500);
 }
 
 TEST(KitDeferred, OnesWithoutARequestDoNothing)
@@ -163,32 +173,26 @@ TEST(KitDeferred, OnGoneIsCalledOnceBeforeAndAfter)
 
 TEST(KitDeferred, OnGoneIsNotCalledAfterAWholeResponse)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     auto token = std::make_shared<int>(0);
     const std::weak_ptr<int> held = token;
     later->onGone([token] { ++*token; });
     token.reset();
     EXPECT_TRUE(later->reply("whole"));
     EXPECT_TRUE(held.expired());
-    EXPECT_EQ(client.receive().value_or(RawResponse()).body, "whole");
+    EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).body, "whole");
 }
 
 TEST(KitDeferred, ADeadlineRespondsAndTellsTheApplication)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     std::atomic<int> calls{0};
     later->onGone([&] { ++calls; });
     later->setDeadline(std::chrono::minutes(10));
     later->setDeadline(milliseconds(20), 504);
-    const auto response = client.receive();
+    const auto response = waiting.client.receive();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->status, 504);
     EXPECT_EQ(response->body, R"({"title":"Gateway Timeout","status":504})");
@@ -197,24 +201,21 @@ TEST(KitDeferred, ADeadlineRespondsAndTellsTheApplication)
     EXPECT_FALSE(later->reply("too late"));
     // Removed, and in time.
     for (const bool isRemoved : {true, false}) {
-        ASSERT_TRUE(client.send(getRequest("/wait")));
-        later = deferring.next();
+        later = waiting.request();
         later->setDeadline(isRemoved ? milliseconds(50) : std::chrono::minutes(10));
         if (isRemoved) {
             later->setDeadline(milliseconds(0));
             std::this_thread::sleep_for(milliseconds(100));
         }
         EXPECT_TRUE(later->reply("in time"));
-        EXPECT_EQ(client.receive().value_or(RawResponse()).body, "in time");
+        EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).body, "in time");
     }
     EXPECT_EQ(calls, 1);
 }
 
 TEST(KitDeferred, ADeadlineMayRespondWithoutABody)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
+    Waiting waiting;
     const struct
     {
         int given;
@@ -222,10 +223,9 @@ TEST(KitDeferred, ADeadlineMayRespondWithoutABody)
     } rows[] = {{204, 204}, {304, 304}, {404, 404}, {200, 500}, {101, 500}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.given);
-        ASSERT_TRUE(client.send(getRequest("/wait")));
-        auto later = deferring.next();
+        auto later = waiting.request();
         later->setDeadline(milliseconds(1), row.given);
-        const auto response = client.receive();
+        const auto response = waiting.client.receive();
         ASSERT_TRUE(response);
         EXPECT_EQ(response->status, row.sent);
         EXPECT_EQ(response->body.empty(), row.sent < 400);
@@ -322,30 +322,27 @@ TEST(KitDeferred, DeadlinesExpireInTheirOrder)
 
 TEST(KitDeferred, StreamsAreWrittenWithoutWaiting)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
+    Waiting waiting;
     for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(client.send(getRequest("/wait")));
-        auto later = deferring.next();
+        auto later = waiting.request();
         DeferredStream stream = later->startStream(ContentType("text/event-stream"));
         later.reset();
-        const auto head = client.receiveHead();
+        const auto head = waiting.client.receiveHead();
         ASSERT_TRUE(head);
         EXPECT_EQ(head->value("Content-Type"), "text/event-stream");
         EXPECT_EQ(head->value("Transfer-Encoding"), "chunked");
         EXPECT_EQ(stream.write("one"), StreamWrite::Taken);
-        EXPECT_EQ(client.receiveExactly(8), "3\r\none\r\n");
+        EXPECT_EQ(waiting.client.receiveExactly(8), "3\r\none\r\n");
         EXPECT_EQ(stream.queuedBytes(), 0u);
         EXPECT_EQ(stream.write("two"), StreamWrite::Taken);
-        EXPECT_EQ(client.receiveExactly(8), "3\r\ntwo\r\n");
+        EXPECT_EQ(waiting.client.receiveExactly(8), "3\r\ntwo\r\n");
         EXPECT_EQ(stream.write("three"), StreamWrite::Taken);
         stream.finish();
         EXPECT_EQ(stream.write("four"), StreamWrite::Gone);
         stream.finish();
-        EXPECT_EQ(client.receiveExactly(15), "5\r\nthree\r\n0\r\n\r\n");
+        EXPECT_EQ(waiting.client.receiveExactly(15), "5\r\nthree\r\n0\r\n\r\n");
     }
-    EXPECT_TRUE(server.stop());
+    EXPECT_TRUE(waiting.server.stop());
     EXPECT_TRUE(processLog->lines("GET /wait: the stream was destroyed before finish").empty());
 }
 
@@ -353,11 +350,8 @@ TEST(KitDeferred, AStreamTellsWhenItsQueueIsFullAndWhenItHasSpace)
 {
     constexpr size_t kQueueBytes = 100000;
     constexpr size_t kTotal = 30000000;  // more than the sockets take
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     DeferredStream stream = later->startStream(ContentType::bytes(), 200, kQueueBytes);
     const std::string block(10000, 's');
     size_t written = 0;
@@ -372,9 +366,9 @@ TEST(KitDeferred, AStreamTellsWhenItsQueueIsFullAndWhenItHasSpace)
     Channel<int> writable;
     stream.onWritable([&] { writable.push(1); });
     std::thread reader([&] {
-        const auto head = client.receiveHead();
+        const auto head = waiting.client.receiveHead();
         EXPECT_TRUE(head);
-        while (!client.receiveSome(1000000).empty()) {
+        while (!waiting.client.receiveSome(1000000).empty()) {
         }
     });
     while (written < kTotal) {
@@ -385,25 +379,22 @@ TEST(KitDeferred, AStreamTellsWhenItsQueueIsFullAndWhenItHasSpace)
         ASSERT_TRUE(writable.pop());
     }
     stream.finish();
-    client.finishSending();
-    EXPECT_TRUE(waitUntil([&] { return server.server().openRequests() == 0; }));
-    server.stop();
+    waiting.client.finishSending();
+    EXPECT_TRUE(waitUntil([&] { return waiting.server.server().openRequests() == 0; }));
+    waiting.server.stop();
     reader.join();
 }
 
 TEST(KitDeferred, AnEmptyQueueTakesDataOfAnySize)
 {
     constexpr size_t kBytes = 200000;
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     later->setContentLength(kBytes);
     DeferredStream stream = later->startStream(ContentType::bytes(), 200, 10);
     EXPECT_EQ(stream.write(std::string(kBytes, 'b')), StreamWrite::Taken);
     stream.finish();
-    const auto response = client.receive();
+    const auto response = waiting.client.receive();
     ASSERT_TRUE(response);
     EXPECT_EQ(response->value("Content-Length"), std::to_string(kBytes));
     EXPECT_EQ(response->body, std::string(kBytes, 'b'));
@@ -411,35 +402,29 @@ TEST(KitDeferred, AnEmptyQueueTakesDataOfAnySize)
 
 TEST(KitDeferred, AStreamIsCutOffWhenItIsDestroyed)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
+    Waiting waiting;
     {
-        auto later = deferring.next();
+        auto later = waiting.request();
         DeferredStream stream = later->startStream(ContentType::text());
         EXPECT_EQ(stream.write("begun"), StreamWrite::Taken);
-        ASSERT_TRUE(client.receiveHead());
-        EXPECT_EQ(client.receiveExactly(10), "5\r\nbegun\r\n");
+        ASSERT_TRUE(waiting.client.receiveHead());
+        EXPECT_EQ(waiting.client.receiveExactly(10), "5\r\nbegun\r\n");
     }
-    EXPECT_EQ(client.receiveToEnd(), "");
+    EXPECT_EQ(waiting.client.receiveToEnd(), "");
     EXPECT_TRUE(logged("GET /wait: the stream was destroyed before finish"));
 }
 
 TEST(KitDeferred, AStreamLearnsThatItsClientHasLeft)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     std::atomic<int> calls{0};
     later->onGone([&] { ++calls; });
     DeferredStream stream = later->startStream(ContentType::text());
     later.reset();
     EXPECT_EQ(stream.write("begun"), StreamWrite::Taken);
-    ASSERT_TRUE(client.receiveHead());
-    client.reset();
+    ASSERT_TRUE(waiting.client.receiveHead());
+    waiting.client.reset();
     // The sends decide.
     ASSERT_TRUE(waitUntil([&] { return stream.write("more") == StreamWrite::Gone; }));
     EXPECT_TRUE(waitUntil([&] { return calls == 1; }));
@@ -448,7 +433,7 @@ TEST(KitDeferred, AStreamLearnsThatItsClientHasLeft)
     stream.onGone([&] { ++callsAfter; });
     EXPECT_EQ(callsAfter, 1);
     stream = DeferredStream();
-    server.stop();
+    waiting.server.stop();
     EXPECT_TRUE(processLog->lines("GET /wait: the stream was destroyed before finish").empty());
 }
 
@@ -475,18 +460,15 @@ TEST(KitDeferred, AStreamOfHeadDiscardsItsData)
 
 TEST(KitDeferred, AStopWaitsForResponses)
 {
-    Deferring deferring;
-    KitTestServer server([&](Router& router) { deferring.addTo(router); });
-    RawClient client(server.port());
-    ASSERT_TRUE(client.send(getRequest("/wait")));
-    auto later = deferring.next();
+    Waiting waiting;
+    auto later = waiting.request();
     bool drained = false;
-    std::thread stopper([&] { drained = server.stop(); });
-    ASSERT_TRUE(waitUntil([&] { return !RawClient::accepts("127.0.0.1", server.port()); }));
+    std::thread stopper([&] { drained = waiting.server.stop(); });
+    ASSERT_TRUE(waitUntil([&] { return !RawClient::accepts("127.0.0.1", waiting.server.port()); }));
     EXPECT_TRUE(later->reply("in time"));
     stopper.join();
     EXPECT_TRUE(drained);
-    EXPECT_EQ(client.receive().value_or(RawResponse()).body, "in time");
+    EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).body, "in time");
 }
 
 TEST(KitDeferred, AStopTellsThoseThatAreLeft)
