@@ -10,7 +10,7 @@ Usage: scripts/demo.sh [--chat] [--check] [--directory DIR] [--port N] [--built 
 Installs the packages that the build needs, builds build/release and runs filedrop, a web service
 for the files of one directory, on 127.0.0.1 until Ctrl-C.
 
-  --chat           runs chat instead, behind an nginx that is configured as in deploy/nginx.conf
+  --chat           runs chat instead: rooms on a web page
   --check          uses the service once, stops it, and exits with 0 if everything was right:
                    filedrop by curl, which uploads and downloads a file of 256 MiB; chat by two
                    WebSocket clients in a room
@@ -83,7 +83,6 @@ python=/usr/bin/python3  # the interpreter that Debian's packages are for
 start_limit_seconds=60
 work=$(mktemp -d "${TMPDIR:-/tmp}/wendrel-demo.XXXXXX")
 server=
-proxy=
 
 # The exit code is that of the process, or 0 if it does not run.
 stop() {
@@ -97,13 +96,7 @@ stop_server() {
     server=
     stop "$pid"
 }
-stop_proxy() {
-    local pid=$proxy
-    proxy=
-    stop "$pid"
-}
 clean_up() {
-    stop_proxy || true
     stop_server || true
     rm -rf "$work"
 }
@@ -114,10 +107,9 @@ trap 'exit 143' TERM
 install_packages() {
     say "Installing the Debian packages that are missing"
     local options=()
-    if [[ $example == chat ]]; then
-        options=(--chat)
-    elif $check; then
+    if $check; then
         options=(--demo)
+        [[ $example == filedrop ]] || options=(--chat)
     fi
     scripts/install-deps.sh "${options[@]}"
 }
@@ -137,14 +129,14 @@ need() {
         fail "$1 is not installed; install the package $2, or run without --no-install and --built"
 }
 check_tools() {
-    if [[ $example == chat ]]; then
-        need nginx nginx-light
-        need "$python" python3
-        ! $check || "$python" -c 'import websocket' 2>/dev/null ||
-            fail "$python has no module websocket; install the package python3-websocket"
-    elif $check; then
+    $check || return 0
+    if [[ $example == filedrop ]]; then
         need curl curl
+        return 0
     fi
+    need "$python" python3
+    "$python" -c 'import websocket' 2>/dev/null ||
+        fail "$python has no module websocket; install the package python3-websocket"
 }
 
 accepts_connections() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
@@ -194,20 +186,6 @@ start_server() {
         fi
     done
     fail "cannot start $example on port ${candidates[*]}${port:+ (try another --port)}"
-}
-
-# start_proxy BACKEND_PORT: an nginx in front; sets proxy, and url to its address.
-start_proxy() {
-    if [[ -n $port ]] && accepts_connections "$port"; then
-        fail "cannot start nginx on port $port: the port is in use (try another --port)"
-    fi
-    mkfifo "$work/proxy" "$work/proxy-input"
-    # It ends with its input, hence also when this script is killed.
-    "$python" -B tests/integration/proxies/support.py nginx "$1" ${port:+"$port"} \
-        <"$work/proxy-input" >"$work/proxy" &
-    proxy=$!
-    exec 9>"$work/proxy-input"
-    wait_for_url "$work/proxy" || fail "cannot start nginx${port:+ on port $port}"
 }
 
 check_transfers() {
@@ -264,19 +242,14 @@ if [[ $example == filedrop ]]; then
         mkdir "$directory"
     fi
     say "Starting filedrop for $directory"
-    start_server ${port:+"$port"}
 else
     say "Starting chat"
-    start_server
-    printf 'chat listens at %s\n' "$url"
-    say "Starting nginx in front of it"
-    start_proxy "${url##*:}"
 fi
+start_server ${port:+"$port"}
 
 if $check; then
     if [[ $example == filedrop ]]; then check_transfers; else check_chat; fi
     say "Stopping $example"
-    stop_proxy || fail "nginx ended with an error"
     stop_server || fail "$example ended with an error"
     say "All right: $example at $url passed the check"
 else

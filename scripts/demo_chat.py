@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Two people in a room of the chat (examples/chat), behind a proxy: the check of scripts/demo.sh --chat.
+"""Two people in a room of the chat (examples/chat): the check of scripts/demo.sh --chat.
 
     demo_chat.py http://127.0.0.1:PORT
     demo_chat.py https://127.0.0.1:PORT CERTIFICATE

@@ -11,7 +11,7 @@ Installs the build dependencies on Debian 12 with apt-get. Installed packages ar
 none is missing, neither root nor the network is needed.
 
   --demo     adds curl, for scripts/demo.sh --check
-  --chat     adds the packages of scripts/demo.sh --chat; Debian starts an installed nginx on port 80
+  --chat     adds the packages of scripts/demo.sh --chat --check
   --tests    adds the packages of the tests
   --fuzz     adds the packages of scripts/fuzz.sh
   --soak     adds the packages of scripts/soak.sh
@@ -34,7 +34,7 @@ build_packages=(
     libmicrohttpd-dev libspdlog-dev libssl-dev zlib1g-dev
     nlohmann-json3-dev libcli11-dev)
 demo_packages=(curl)
-chat_packages=(nginx-light python3 python3-websocket)
+chat_packages=(python3 python3-websocket)
 test_packages=(
     libgtest-dev libgmock-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     nginx-light haproxy chromium gcovr ca-certificates openssl slowhttptest valgrind netcat-openbsd)

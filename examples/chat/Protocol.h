@@ -14,7 +14,7 @@ namespace chat
 constexpr size_t kMaxMessageBytes = 16384;  ///< of a whole text message
 constexpr size_t kMaxNameBytes = 64;        ///< of a nickname and of a room's name
 constexpr size_t kMaxTextBytes = 4000;      ///< of one line
-constexpr size_t kLargestPictureBytes = 2u << 20;
+constexpr size_t kMaxPictureBytes = 2u << 20;
 
 /// A text message of a client.
 struct ClientMessage

@@ -11,20 +11,20 @@
 namespace chat
 {
 
-std::string Rooms::join(Member& member, const std::string& name, const std::string& nickname)
+std::string Rooms::join(Session& session, const std::string& name, const std::string& nickname)
 {
     const qv::qvMutexLocker locker(&mMutex);
-    if (mPlaces.count(&member) != 0)
+    if (mPlaces.count(&session) != 0)
         return "You are in a room already.";
     Room* room = findOrMake(name);
     if (!room)
         return "There are too many rooms.";
-    if (!room->people.emplace(nickname, &member).second)
+    if (!room->people.emplace(nickname, &session).second)
         return "Somebody there is called " + nickname + " already.";
-    mPlaces[&member] = {room, nickname};
-    member.deliverText(joinedMessage(name, nickname));
+    mPlaces[&session] = {room, nickname};
+    session.sendText(joinedMessage(name, nickname));
     for (const Entry& entry : room->history)
-        deliver(member, entry);
+        send(session, entry);
     tellPeople(*room);
     return {};
 }
@@ -46,10 +46,10 @@ Rooms::Room* Rooms::findOrMake(const std::string& name)
     return &mRooms[name];
 }
 
-void Rooms::leave(Member& member)
+void Rooms::leave(Session& session)
 {
     const qv::qvMutexLocker locker(&mMutex);
-    const auto place = mPlaces.find(&member);
+    const auto place = mPlaces.find(&session);
     if (place == mPlaces.end())
         return;
     Room& room = *place->second.room;
@@ -58,27 +58,29 @@ void Rooms::leave(Member& member)
     tellPeople(room);
 }
 
-bool Rooms::say(Member& member, const std::string& text, int64_t timeMs)
+bool Rooms::say(Session& session, const std::string& text, int64_t timeMs)
 {
     const qv::qvMutexLocker locker(&mMutex);
-    const auto place = mPlaces.find(&member);
+    const auto place = mPlaces.find(&session);
     if (place == mPlaces.end())
         return false;
-    tell(*place->second.room, {lineMessage(place->second.nickname, text, timeMs), {}, nullptr});
+    const std::string line = lineMessage(place->second.nickname, text, timeMs);
+    tell(*place->second.room, {PreparedMessage::text(line), {}, {}});
     return true;
 }
 
-bool Rooms::showPicture(Member& member, const std::string& mediaType, std::string bytes,
+bool Rooms::showPicture(Session& session, const std::string& mediaType, BinaryView picture,
                         int64_t timeMs)
 {
     const qv::qvMutexLocker locker(&mMutex);
-    const auto place = mPlaces.find(&member);
+    const auto place = mPlaces.find(&session);
     if (place == mPlaces.end())
         return false;
     const std::string& from = place->second.nickname;
-    tell(*place->second.room, {pictureMessage(from, mediaType, timeMs, true),
-                               pictureMessage(from, mediaType, timeMs, false),
-                               std::make_shared<const std::string>(std::move(bytes))});
+    tell(*place->second.room,
+         {PreparedMessage::text(pictureMessage(from, mediaType, timeMs, true)),
+          PreparedMessage::binary(picture),
+          PreparedMessage::text(pictureMessage(from, mediaType, timeMs, false))});
     return true;
 }
 
@@ -94,22 +96,22 @@ size_t Rooms::getRoomCount() const
     return mRooms.size();
 }
 
-void Rooms::deliver(Member& member, const Entry& entry)
+void Rooms::send(Session& session, const Entry& entry)
 {
-    member.deliverText(entry.text);
+    session.send(entry.text);
     if (entry.picture)
-        member.deliverBinary(*entry.picture);
+        session.send(*entry.picture);
 }
 
 void Rooms::tell(Room& room, Entry entry)
 {
-    for (const auto& [nickname, member] : room.people)
-        deliver(*member, entry);
-    room.pictureBytes += entry.picture ? entry.picture->size() : 0;
+    for (const auto& [nickname, session] : room.people)
+        send(*session, entry);
+    room.pictureBytes += entry.picture ? entry.picture->payload().size() : 0;
     room.history.push_back(std::move(entry));
     if (room.history.size() > kHistoryLength) {
         const auto& oldest = room.history.front().picture;
-        room.pictureBytes -= oldest ? oldest->size() : 0;
+        room.pictureBytes -= oldest ? oldest->payload().size() : 0;
         room.history.pop_front();
     }
     dropOldPictures(room);
@@ -122,20 +124,19 @@ void Rooms::dropOldPictures(Room& room)
             return;
         if (!entry.picture)
             continue;
-        room.pictureBytes -= entry.picture->size();
-        entry.picture = nullptr;
-        entry.text = entry.textWithoutPicture;
+        room.pictureBytes -= entry.picture->payload().size();
+        entry = {*entry.textWithoutPicture, {}, {}};
     }
 }
 
 void Rooms::tellPeople(Room& room)
 {
     std::vector<std::string> nicknames;
-    for (const auto& [nickname, member] : room.people)
+    for (const auto& [nickname, session] : room.people)
         nicknames.push_back(nickname);
-    const std::string message = peopleMessage(nicknames);
-    for (const auto& [nickname, member] : room.people)
-        member->deliverText(message);
+    const PreparedMessage message = PreparedMessage::text(peopleMessage(nicknames));
+    for (const auto& [nickname, session] : room.people)
+        session->send(message);
 }
 
 }  // namespace chat

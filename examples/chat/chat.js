@@ -6,12 +6,11 @@
 const kFirstRetryMs = 1000;
 const kMaxRetryMs = 10000;
 const kJoinAgainMs = 2000;
-const kLargestPictureBytes = 2 * 1024 * 1024;
+const kMaxPictureBytes = 2 * 1024 * 1024;
 const kMaxLines = 500;
 
 const byId = (id) => document.getElementById(id);
 let socket = null;
-let everConnected = false;
 let retryMs = kFirstRetryMs;
 let place = null; // {room, nickname} once joined
 let wanted = null; // the chat room to join after connecting
@@ -40,11 +39,9 @@ function send(message) {
 
 function connect() {
   showStatus('connecting');
-  const scheme = location.protocol === 'https:' ? 'wss:' : 'ws:';
-  socket = new WebSocket(`${scheme}//${location.host}/live`);
+  socket = new WebSocket(`${location.protocol.replace('http', 'ws')}//${location.host}/live`);
   socket.binaryType = 'blob';
   socket.onopen = () => {
-    everConnected = true;
     joined = false;
     retryMs = kFirstRetryMs;
     showStatus('connected');
@@ -61,9 +58,7 @@ function connect() {
   socket.onclose = () => {
     showStatus('connecting');
     announced = null;
-    showTrouble(everConnected
-      ? 'The connection is lost. Trying again…'
-      : 'There is no connection. Browsers need the proxy of deploy/ in front of this server.');
+    showTrouble('There is no connection. Trying again…');
     setTimeout(connect, retryMs);
     retryMs = Math.min(2 * retryMs, kMaxRetryMs);
   };
@@ -153,7 +148,7 @@ function takePicture(blob) {
 function sendPicture(file) {
   if (!file)
     return;
-  if (file.size > kLargestPictureBytes)
+  if (file.size > kMaxPictureBytes)
     showTrouble('The picture is larger than 2 MiB.');
   else if (send(file))
     showTrouble('');

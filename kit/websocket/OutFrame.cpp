@@ -45,9 +45,8 @@ OutFrame MessageForms::get(const DeflateParameters& deflate, const WebSocketOpti
         }
     }
     Form form{windowBits, level, memoryLevel, {}};
-    const BinaryView payload(mPlain.bytes.get() + mPlain.size - mPayloadBytes, mPayloadBytes);
     Buffer compressed;
-    isCompressed = deflaterOfThread(windowBits, level, memoryLevel).compress(payload, compressed);
+    isCompressed = deflaterOfThread(windowBits, level, memoryLevel).compress(payload(), compressed);
     if (isCompressed)
         form.frame = makeFrame(mOpcode, true, {compressed.data(), compressed.size()}, true);
     mCompressed.push_back(form);
@@ -64,6 +63,16 @@ PreparedMessage PreparedMessage::text(std::string_view text)
 PreparedMessage PreparedMessage::binary(BinaryView bytes)
 {
     return PreparedMessage(std::make_shared<MessageForms>(Opcode::Binary, bytes));
+}
+
+bool PreparedMessage::isText() const
+{
+    return mForms->opcode() == Opcode::Text;
+}
+
+BinaryView PreparedMessage::payload() const
+{
+    return mForms->payload();
 }
 
 }  // namespace qv::kit::websocket

@@ -36,6 +36,12 @@ public:
     OutFrame get(const DeflateParameters& deflate, const WebSocketOptions& options,
                  bool& isCompressed);
 
+    Opcode opcode() const { return mOpcode; }
+    BinaryView payload() const
+    {
+        return {mPlain.bytes.get() + mPlain.size - mPayloadBytes, mPayloadBytes};
+    }
+
 private:
     struct Form
     {

@@ -7,3 +7,12 @@ endif()
 wendrel_python_tests(PREFIX chat
     SCRIPT ${CMAKE_CURRENT_LIST_DIR}/chat/test_chat.py
     ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>)
+
+if(browser_lacks)
+    message(STATUS "Test of the chat's page: left out, ${browser_lacks}")
+else()
+    wendrel_browser_tests(PREFIX chat.Page.direct
+        SCRIPT ${CMAKE_CURRENT_LIST_DIR}/proxies/chat.mjs
+        EXCEPT "^test..over TLS"  # that of a proxy
+        ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>)
+endif()

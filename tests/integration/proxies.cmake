@@ -45,7 +45,8 @@ set(proxies_environment
     WENDREL_FILEDROP=$<TARGET_FILE:wendrel-filedrop>
     WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>
     WENDREL_HELLO=$<TARGET_FILE:hello>
-    WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_echo_server>
+    WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_session_server>
+    WENDREL_POLLING_ECHO=$<TARGET_FILE:websocket_echo_server>
     WENDREL_DOCS_ECHO=$<TARGET_FILE:docs_websocket_echo>)
 
 find_python_that(proxies_python "from websocket import create_connection")

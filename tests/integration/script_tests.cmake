@@ -78,15 +78,19 @@ function(wendrel_python_tests)
     endforeach()
 endfunction()
 
-# wendrel_browser_tests(PREFIX name SCRIPT file ENVIRONMENT variable=value... [TIMEOUT seconds]):
+# wendrel_browser_tests(PREFIX name SCRIPT file ENVIRONMENT variable=value... [TIMEOUT seconds]
+#     [EXCEPT regex]):
 # the tests of a script for node, as <prefix>.<title in which _ stands for all but letters and digits>.
 function(wendrel_browser_tests)
-    cmake_parse_arguments(PARSE_ARGV 0 arg "" "PREFIX;SCRIPT;TIMEOUT" "ENVIRONMENT")
+    cmake_parse_arguments(PARSE_ARGV 0 arg "" "PREFIX;SCRIPT;TIMEOUT;EXCEPT" "ENVIRONMENT")
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 900)
     endif()
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${arg_SCRIPT})
     file(STRINGS ${arg_SCRIPT} lines REGEX "^test\\('")
+    if(arg_EXCEPT)
+        list(FILTER lines EXCLUDE REGEX "${arg_EXCEPT}")
+    endif()
     foreach(line IN LISTS lines)
         string(REGEX REPLACE "^test\\('([^']+)'.*" "\\1" title "${line}")
         string(REGEX REPLACE "[^a-z0-9A-Z]+" "_" name "${title}")

@@ -4,6 +4,7 @@
     WENDREL_CHAT=build/release/examples/chat/wendrel-chat python3 test_chat.py [Class[.test]]
 """
 
+import http.client
 import json
 import os
 import pathlib
@@ -16,7 +17,7 @@ import urllib.error
 import urllib.request
 
 sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
-from live_client import LiveClient
+from live_client import BINARY, TEXT, LiveClient
 from processes import LIMIT_SECONDS, SANITIZED, Process, free_port, wait_until
 
 SERVER = os.environ.get("WENDREL_CHAT", "wendrel-chat")
@@ -253,21 +254,35 @@ class Refusals(ChatCase):
             ("say outside", '{"type":"say","text":"x"}', "Join a room"),
             ("no text", '{"type":"say","text":"  "}', "no text"),
             ("long text", json.dumps({"type": "say", "text": "x" * 4001}), "4000 bytes"),
-            ("not UTF-8", None, "not understood"),
             ("no picture", b"GIF87", "not a PNG"),
-            ("large picture", PNG + bytes(2 * 1024 * 1024), "larger than 2 MiB"),
             ("picture outside", PNG, "Join a room"),
         ]
         for name, message, text in mistakes:
             with self.subTest(name):
-                if message is None:
-                    ann.socket.sendall(b"\x81\x8a\0\0\0\0" + b'{"a":"\xff\xfe"}')
-                else:
-                    ann.send(message)
+                ann.send(message)
                 self.check_error(ann, text)
         ann.join("one", "Ann")
         ann.ask_to_join("two", "Ann")
         self.check_error(ann, "in a room already")
+
+    def test_messages_that_end_the_connection(self):
+        bob = self.person()
+        bob.join("one", "Bob")
+        ends = [
+            ("not UTF-8", TEXT, b'{"a":"\xff\xfe"}', 1007),
+            ("large picture", BINARY, PNG + bytes(2 * 1024 * 1024), 1009),
+            ("unknown opcode", 3, b"", 1002),
+        ]
+        for name, opcode, payload, code in ends:
+            with self.subTest(name):
+                ann = self.person()
+                ann.join("one", "Ann")
+                bob.expect_people(["Ann", "Bob"])
+                ann.send_frame(opcode, payload)
+                while ann.receive() is not None:
+                    pass
+                self.assertEqual(ann.close_code, code)
+                bob.expect_people(["Bob"])
 
     def test_more_rooms_than_there_may_be(self):
         people = [self.person() for _ in range(100)]
@@ -303,11 +318,20 @@ class Pages(ChatCase):
             self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
             self.assertEqual(body, (source / file).read_bytes())
 
-    def test_browsers_without_a_proxy_are_told(self):
-        status, headers, body = self.get("/live", {"Upgrade": "websocket"})
+    def test_a_request_that_asks_for_no_websocket_is_told(self):
+        status, headers, body = self.get("/live")
         self.assertEqual(status, 426)
-        self.assertEqual(headers["Upgrade"], "WebSocket")
-        self.assertIn("proxy", json.loads(body)["error"])
+        self.assertEqual(headers["Upgrade"], "websocket")
+        self.assertIn("WebSocket", json.loads(body)["error"])
+
+    def test_pages_of_other_sites_cannot_chat(self):
+        handshake = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
+                     "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="}
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=LIMIT_SECONDS)
+        self.addCleanup(connection.close)
+        connection.request("GET", "/live", headers={**handshake, "Origin": "http://evil.test"})
+        response = connection.getresponse()
+        self.assertEqual((response.status, response.reason), (403, "Forbidden"), response.read())
 
 
 class CommandLine(unittest.TestCase):

@@ -19,11 +19,12 @@ import responses
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path += [str(HERE.parents[1] / "support"), str(HERE.parent / "proxies")]
 from processes import LIMIT_SECONDS, Process, wait_until
-from support import DEPLOY, Proxy
+from support import DEPLOY, Proxy, activate
 
 BARE_DAEMON = os.environ.get("WENDREL_BARE_DAEMON", "framing_bare_daemon")
 LIBRARY_SERVER = os.environ.get("WENDREL_LIBRARY_SERVER", "framing_library_server")
 
+POLLING = "WebSockets in polling mode"  # the mode of the back end
 POLL_INTERVAL_SECONDS = 0.003
 MAX_WORD_LENGTH = 60
 NO_END = " and a body without end"
@@ -270,7 +271,7 @@ class ProxyPath:
         self.name = name
         self.back_end = BackEnd(LIBRARY_SERVER)
         self.tap = Tap(self.back_end)
-        self.proxy = Proxy(name, self.tap.port, lambda text: change(self._with_log(text)))
+        self.proxy = Proxy(name, self.tap.port, lambda text: change(self._with_log(activate(text, POLLING))))
         self.proxy.wait_ready()
         self.port = self.proxy.port
         self.log = self.proxy.work / ("access.log" if name == "nginx" else "output")

@@ -1,4 +1,5 @@
-// The chat's page in two windows of a real browser, through a proxy configured as in deploy/.
+// The chat's page in two windows of a real browser: directly, or with WENDREL_PROXY through a proxy
+// configured as in deploy/.
 //
 //     WENDREL_PROXY=nginx WENDREL_CHAT=... CHROMIUM=/usr/bin/chromium node --test chat.mjs
 
@@ -8,7 +9,7 @@ import {
     freePort, kLimitMs, launchBrowser, start, startProxy, stop, waitUntil, watchPage,
 } from '../support/browser.mjs'
 
-const kProxy = process.env.WENDREL_PROXY ?? 'nginx'
+const kProxy = process.env.WENDREL_PROXY
 const kServer = process.env.WENDREL_CHAT ?? 'wendrel-chat'
 
 let browser
@@ -47,14 +48,16 @@ beforeEach(async () => {
     troubles = []
     backendPort = await freePort()
     await startServer()
-    await startOwnProxy()
+    url = `http://127.0.0.1:${backendPort}`
+    if (kProxy)
+        await startOwnProxy()
 })
 
 afterEach(async () => {
     for (const context of contexts)
         await context.close()
     // The proxy first: it must not connect to a stopped server.
-    const proxyCode = await stop(proxy)
+    const proxyCode = kProxy ? await stop(proxy) : 0
     assert.equal(await stop(server), 0)
     assert.equal(proxyCode, 0)
     assert.deepEqual(troubles, [], 'errors in a page, a breach of its own policy among them')

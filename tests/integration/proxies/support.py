@@ -68,8 +68,8 @@ def nginx_configuration(work, port, backend, certificate=None):
     text = adapt(text, "the user nginx runs as", "user www-data;", "")
     text = adapt(text, "address of the application", "127.0.0.1:8181", f"127.0.0.1:{backend}")
     if not certificate:
-        return adapt(text, "address to listen on", "listen 80 ", f"listen 127.0.0.1:{port} ")
-    text = activate(adapt(text, "address to listen on", "listen 80 ", "#listen 80 "), "TLS")
+        return adapt(text, "address to listen on", "listen 80;", f"listen 127.0.0.1:{port};")
+    text = activate(adapt(text, "address to listen on", "listen 80;", "#listen 80;"), "TLS")
     text = replace_one(text, "listen 443 ", f"listen 127.0.0.1:{port} ")
     text = replace_one(text, "/etc/ssl/certs/site.pem", str(certificate.certificate))
     return replace_one(text, "/etc/ssl/private/site.key", str(certificate.key))

@@ -23,7 +23,7 @@ HERE = pathlib.Path(__file__).parent
 sys.path += [str(HERE.parents[1] / "support"), str(HERE.parent / "chat")]
 import filedrop_server
 import test_chat
-from event_stream import EventStream
+from live_client import LiveClient
 from processes import LIMIT_SECONDS, SANITIZED, Process, free_port, wait_until
 
 ROUNDS = int(os.environ.get("WENDREL_STOP_ROUNDS", "6" if SANITIZED else "30"))
@@ -216,7 +216,7 @@ class Listener(Client):
     """A page that listens."""
 
     def work(self):
-        live = EventStream(self.port, LIMIT_SECONDS)
+        live = LiveClient(self.port, LIMIT_SECONDS)
         try:
             while (message := live.receive()) is not None:
                 json.loads(message)
@@ -365,7 +365,7 @@ class Chat(unittest.TestCase):
         port = free_port()
         server = Process(test_chat.SERVER, "--port", str(port))
         try:
-            server.wait_line("Chatting at")
+            server.wait_line(r"http://127\.0\.0\.1:")
             self.stop(server, port, metrics)
         finally:
             server.kill()

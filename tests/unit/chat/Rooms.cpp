@@ -8,29 +8,59 @@
 
 #include <list>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace
 {
 
 using namespace chat;
+using qv::IpAddress;
+using qv::kit::websocket::SendResult;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class Listener : public Member
+class Listener : public Session
 {
 public:
-    void deliverText(const std::string& text) override { heard.push_back(text); }
-    void deliverBinary(std::string_view bytes) override { heard.emplace_back(bytes); }
+    SendResult sendText(std::string_view text) override { return hear(text); }
+    SendResult sendBinary(BinaryView bytes) override { return hear(bytes.asText()); }
+    SendResult send(const PreparedMessage& message) override
+    {
+        return hear(message.payload().asText());
+    }
+    SendResult ping(std::string_view) override { return SendResult::Closed; }
+    bool close(uint16_t, std::string_view) override { return false; }
+    void abort() override {}
+    bool isOpen() const override { return true; }
+    size_t bufferedBytes() const override { return 0; }
+    const std::string& subprotocol() const override { return mNone; }
+    const IpAddress& peerAddress() const override { return mAddress; }
 
     // Returns and removes the messages received since the last call.
     std::vector<std::string> take() { return std::exchange(heard, {}); }
 
     std::vector<std::string> heard;
+
+private:
+    SendResult hear(std::string_view message)
+    {
+        heard.emplace_back(message);
+        return SendResult::Queued;
+    }
+
+    const std::string mNone;
+    const IpAddress mAddress;
 };
+
+BinaryView bytes(std::string_view text)
+{
+    return BinaryView(text);
+}
 
 std::string line(const std::string& from, const std::string& text)
 {
@@ -71,7 +101,7 @@ TEST(Rooms, DeliverToAllInTheRoomAndToNobodyElse)
     EXPECT_TRUE(rooms.say(ann, "hello", 1));
     EXPECT_THAT(ann.take(), ElementsAre(line("Ann", "hello")));
     EXPECT_THAT(bob.take(), ElementsAre(line("Ann", "hello")));
-    EXPECT_TRUE(rooms.showPicture(bob, "image/gif", "GIF89a", 2));
+    EXPECT_TRUE(rooms.showPicture(bob, "image/gif", bytes("GIF89a"), 2));
     EXPECT_THAT(ann.take(), ElementsAre(pictureMessage("Bob", "image/gif", 2, true), "GIF89a"));
     EXPECT_THAT(cy.take(), IsEmpty());
 }
@@ -81,7 +111,7 @@ TEST(Rooms, RefuseASecondRoomATakenNameAndWordsFromOutside)
     Rooms rooms;
     Listener ann, other;
     EXPECT_FALSE(rooms.say(ann, "hello", 1));
-    EXPECT_FALSE(rooms.showPicture(ann, "image/png", "x", 1));
+    EXPECT_FALSE(rooms.showPicture(ann, "image/png", bytes("x"), 1));
     rooms.join(ann, "one", "Ann");
     EXPECT_EQ(rooms.join(ann, "two", "Ann"), "You are in a room already.");
     EXPECT_EQ(rooms.join(other, "one", "Ann"), "Somebody there is called Ann already.");
@@ -118,15 +148,15 @@ TEST(Rooms, DropTheOldestPicturesAboveTheLimit)
     Listener ann, bob;
     rooms.join(ann, "one", "Ann");
     const std::string half(Rooms::kPictureHistoryBytes / 2, 'p');
-    rooms.showPicture(ann, "image/png", half, 1);
+    rooms.showPicture(ann, "image/png", bytes(half), 1);
     rooms.say(ann, "between", 1);
-    rooms.showPicture(ann, "image/png", half, 1);
+    rooms.showPicture(ann, "image/png", bytes(half), 1);
     rooms.join(bob, "one", "Bob");
     EXPECT_THAT(bob.take(),
                 ElementsAre(joinedMessage("one", "Bob"), png(true), half, line("Ann", "between"),
                             png(true), half, peopleMessage({"Ann", "Bob"})));
     rooms.leave(bob);
-    rooms.showPicture(ann, "image/png", "x", 1);
+    rooms.showPicture(ann, "image/png", bytes("x"), 1);
     rooms.join(bob, "one", "Bob");
     EXPECT_THAT(bob.take(),
                 ElementsAre(joinedMessage("one", "Bob"), png(false), line("Ann", "between"),
@@ -139,10 +169,10 @@ TEST(Rooms, CountPicturesThatHaveLeftTheHistoryNoLonger)
     Listener ann, bob;
     rooms.join(ann, "one", "Ann");
     const std::string whole(Rooms::kPictureHistoryBytes, 'p');
-    rooms.showPicture(ann, "image/png", whole, 1);
+    rooms.showPicture(ann, "image/png", bytes(whole), 1);
     for (int i = 0; i < 50; ++i)
         rooms.say(ann, "x", 1);
-    rooms.showPicture(ann, "image/png", whole, 1);
+    rooms.showPicture(ann, "image/png", bytes(whole), 1);
     rooms.join(bob, "one", "Bob");
     EXPECT_THAT(bob.take(), Contains(whole));
 }

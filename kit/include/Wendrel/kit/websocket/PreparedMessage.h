@@ -24,6 +24,12 @@ public:
     /// A binary message. The bytes are copied.
     static PreparedMessage binary(BinaryView bytes);
 
+    /// True for a message of text, false for a binary one.
+    bool isText() const;
+
+    /// The bytes of the message, valid as long as a handle to it exists.
+    BinaryView payload() const;
+
 private:
     friend class Connection;
     explicit PreparedMessage(std::shared_ptr<MessageForms> forms);
