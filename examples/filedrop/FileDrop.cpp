@@ -176,8 +176,6 @@ FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
       mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
     addRoutes();
-    // A stop waits for responses: these would go on for as long as their clients listen.
-    mServer.onStopping([this] { mLive.close(); });
 }
 
 void FileDrop::addRoutes()
@@ -185,7 +183,10 @@ void FileDrop::addRoutes()
     qv::kit::Router& router = mServer.router();
     router.get("/", handlerOf(&FileDrop::sendPage)).nonBlocking();
     router.get("/api/files", handlerOf(&FileDrop::sendList));
-    router.get("/live", handlerOf(&FileDrop::listen));
+    router
+        .webSocket("/live", LiveList::options(),
+                   [this](const Request& request) { return mLive.listen(request); })
+        .nonBlocking();
     router.get("/api/status", handlerOf(&FileDrop::sendStatus)).nonBlocking();
     router.get("/files/{name}", handlerOf(&FileDrop::sendFile));
     router.put("/files/{name}", handlerOf(&FileDrop::receiveFile)).streaming();
@@ -251,12 +252,6 @@ FileDrop::Outcome FileDrop::sendList(Request& request)
     return respond(request, 200, std::move(*text), ContentType::json());
 }
 
-FileDrop::Outcome FileDrop::listen(Request& request)
-{
-    mLive.add(request);
-    return {};
-}
-
 FileDrop::Outcome FileDrop::sendStatus(Request& request)
 {
     const nlohmann::json status = {
@@ -264,6 +259,7 @@ FileDrop::Outcome FileDrop::sendStatus(Request& request)
         {"uptimeSeconds", (qv::qvSystemUtils::GetTimeBaseMs() - mStartedMs) / 1000},
         {"requests", mServer.requestCount()},
         {"openRequests", mServer.openRequests()},
+        {"listeners", mLive.listenerCount()},
         {"bytesIn", mBytesIn.load()},
         {"bytesOut", mBytesOut.load()},
         {"thirdParty", qv::GetThirdPartyLibVersionInfos()},

@@ -50,7 +50,6 @@ private:
     Outcome sendPage(qv::kit::Request& request);
     std::optional<std::string> listText() const;
     Outcome sendList(qv::kit::Request& request);
-    Outcome listen(qv::kit::Request& request);
     Outcome sendStatus(qv::kit::Request& request);
     Outcome sendFile(qv::kit::Request& request);
     Outcome sendContent(qv::kit::Request& request, Descriptor fd, const FileInfo& info);

@@ -2,8 +2,10 @@
 
 #include "LiveList.h"
 
-#include <qvSystem/qvSystemUtils.h>
+#include "AccessLine.h"
 
+#include <cstddef>
+#include <string_view>
 #include <utility>
 
 namespace filedrop
@@ -13,22 +15,58 @@ namespace
 {
 
 using qv::kit::Request;
-using qv::kit::StreamWrite;
+using qv::kit::websocket::PreparedMessage;
+using qv::kit::websocket::QueuePolicy;
+using qv::kit::websocket::SendResult;
+using qv::kit::websocket::Session;
+using qv::kit::websocket::SessionHandler;
+using qv::kit::websocket::WebSocketOptions;
 
 constexpr unsigned long kPollIntervalMs = 2000;
-
-// Shorter than the time after which proxies close a silent connection.
-constexpr int64_t kHeartbeatIntervalMs = 15000;
-
-constexpr std::string_view kHeartbeat = ":\n\n";
-constexpr std::string_view kRetry = "retry: 2000\n\n";  // milliseconds
-
-qv::kit::ContentType eventStream()
-{
-    return qv::kit::ContentType("text/event-stream");
-}
+constexpr size_t kMaxMessageBytes = 1024;  // pages send nothing
+constexpr int kSwitchingProtocols = 101;
 
 }  // namespace
+
+// A page.
+class LiveList::Listener : public SessionHandler
+{
+public:
+    Listener(LiveList& list, const Request& request) : mList(list), mLine(request) {}
+
+    void onOpen(const std::shared_ptr<Session>& session) override
+    {
+        mSession = session;
+        mList.add(*this);
+    }
+
+    void onDrained(Session&) override { mList.listChanged(); }
+
+    void onClose(Session&, uint16_t, std::string_view, bool) override
+    {
+        mList.remove(*this);
+        mSession.reset();
+        mLine.write(kSwitchingProtocols, true, mSentBytes);
+    }
+
+    // Under the mutex of the list. A page that has not received the previous list yet gets the
+    // newest one afterwards.
+    void update(const PreparedMessage& message, uint64_t number)
+    {
+        if (mNumber == number || mSession->send(message) != SendResult::Queued)
+            return;
+        mNumber = number;
+        mSentBytes += message.payload().size();
+        mList.mCounter += message.payload().size();
+    }
+
+private:
+    LiveList& mList;
+    const AccessLine mLine;
+    std::shared_ptr<Session> mSession;  // from onOpen to onClose
+    uint64_t mNumber = 0;               // of the list it has
+    uint64_t mSentBytes = 0;
+};
 
 LiveList::LiveList(Source source, std::atomic<uint64_t>& counter)
     : mSource(std::move(source)), mCounter(counter), mThread(&LiveList::push, this)
@@ -36,33 +74,42 @@ LiveList::LiveList(Source source, std::atomic<uint64_t>& counter)
 
 LiveList::~LiveList()
 {
-    close();
+    {
+        const qv::qvMutexLocker locker(&mMutex);
+        mEnds = true;
+    }
+    mChanged.wakeAll();
     mThread.join();
 }
 
-void LiveList::add(Request& request)
+WebSocketOptions LiveList::options()
 {
-    AccessLine line(request);
-    if (request.method() == qv::kit::Method::Head) {
-        line.write(200, request.reply(200, std::string(), eventStream()), 0);
-        return;
-    }
-    // A proxy that collects a response before it passes it on would keep the list for itself.
-    request.setHeader("X-Accel-Buffering", "no");
-    qv::kit::DeferredResponse later = request.defer();
-    std::list<Listener> added;
-    added.push_back({later.startStream(eventStream()), std::move(line)});
-    added.back().stream.onWritable([this] { listChanged(); });
-    write(added.back(), kRetry);
+    WebSocketOptions options;
+    options.maxMessageBytes = kMaxMessageBytes;
+    options.sendQueueBytes = 1;  // a list of any size, and no second one
+    options.queuePolicy = QueuePolicy::Refuse;
+    return options;
+}
+
+std::shared_ptr<SessionHandler> LiveList::listen(const Request& request)
+{
+    return std::make_shared<Listener>(*this, request);
+}
+
+void LiveList::add(Listener& listener)
+{
     {
         const qv::qvMutexLocker locker(&mMutex);
-        if (!mClosed)
-            mNew.splice(mNew.end(), added);
+        mListeners.insert(&listener);
         mStale = true;
     }
     mChanged.wakeAll();
-    if (!added.empty())
-        end(added.front());
+}
+
+void LiveList::remove(Listener& listener)
+{
+    const qv::qvMutexLocker locker(&mMutex);
+    mListeners.erase(&listener);
 }
 
 void LiveList::listChanged()
@@ -74,96 +121,51 @@ void LiveList::listChanged()
     mChanged.wakeAll();
 }
 
-void LiveList::close()
+size_t LiveList::listenerCount() const
 {
-    {
-        const qv::qvMutexLocker locker(&mMutex);
-        mClosed = true;
-    }
-    mChanged.wakeAll();
+    const qv::qvMutexLocker locker(&mMutex);
+    return mListeners.size();
 }
 
 void LiveList::push()
 {
     while (waitUntilDue()) {
-        removeClosed();
-        if (mListeners.empty())
-            continue;
         update();
-        for (Listener& listener : mListeners)
-            send(listener);
+        sendToAll();
     }
-    for (Listener& listener : mListeners)
-        end(listener);
-    mListeners.clear();
 }
 
-// Takes new listeners over. While anybody listens, the directory is looked at now and then: others
-// may change it. False when the list has been closed.
+// While anybody listens, the directory is looked at now and then: others may change it. False at
+// the end.
 bool LiveList::waitUntilDue()
 {
     const qv::qvMutexLocker locker(&mMutex);
     // A wake-up without reason costs one look at the directory.
-    if (!mStale && !mClosed && !mListeners.empty())
+    if (!mStale && !mEnds && !mListeners.empty())
         mChanged.wait(&mMutex, kPollIntervalMs);
-    while (!mStale && !mClosed && mListeners.empty())
+    while (!mEnds && mListeners.empty())
         mChanged.wait(&mMutex, qv::qvWaitCondition::kNoTimeout);
     mStale = false;
-    mListeners.splice(mListeners.end(), mNew);
-    return !mClosed;
+    return !mEnds;
 }
 
-// JSON has no line breaks in it: the list is one line of data.
 void LiveList::update()
 {
-    const std::optional<std::string> text = mSource();
-    if (!text)
+    std::optional<std::string> text = mSource();
+    if (!text || (mMessage && *text == mText))
         return;
-    std::string event = "data: " + *text + "\n\n";
-    if (mNumber != 0 && event == mEvent)
-        return;
-    mEvent = std::move(event);
+    mText = std::move(*text);
+    mMessage = PreparedMessage::text(mText);
     ++mNumber;
 }
 
-// A listener that is slower than the changes gets the newest list when its queue has space again.
-void LiveList::send(Listener& listener)
+void LiveList::sendToAll()
 {
-    if (listener.number != mNumber) {
-        if (write(listener, mEvent))
-            listener.number = mNumber;
-    } else if (qv::qvSystemUtils::GetTimeBaseMs() - listener.writtenMs >= kHeartbeatIntervalMs) {
-        write(listener, kHeartbeat);
-    }
-}
-
-// Whether the queue has taken it.
-bool LiveList::write(Listener& listener, std::string_view event)
-{
-    if (listener.stream.write(event) != StreamWrite::Taken)
-        return false;
-    listener.writtenMs = qv::qvSystemUtils::GetTimeBaseMs();
-    listener.sentBytes += event.size();
-    mCounter += event.size();
-    return true;
-}
-
-void LiveList::removeClosed()
-{
-    for (auto listener = mListeners.begin(); listener != mListeners.end();) {
-        if (listener->stream.isGone()) {
-            end(*listener);
-            listener = mListeners.erase(listener);
-        } else {
-            ++listener;
-        }
-    }
-}
-
-void LiveList::end(Listener& listener)
-{
-    listener.stream.finish();
-    listener.line.write(200, true, listener.sentBytes);
+    if (!mMessage)
+        return;
+    const qv::qvMutexLocker locker(&mMutex);
+    for (Listener* const listener : mListeners)
+        listener->update(*mMessage, mNumber);
 }
 
 }  // namespace filedrop

@@ -27,8 +27,8 @@ std::string pageWithNonce(const std::string& nonce)
 
 std::string pagePolicy(const std::string& nonce)
 {
-    return "default-src 'none'; connect-src 'self'; img-src data:; script-src 'nonce-" + nonce +
-           "'; style-src 'nonce-" + nonce +
+    return "default-src 'none'; connect-src 'self' ws: wss:; img-src data:; script-src 'nonce-" +
+           nonce + "'; style-src 'nonce-" + nonce +
            "'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 }
 

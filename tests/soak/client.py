@@ -131,7 +131,7 @@ class Http(Connection):
         return response
 
 
-HANDSHAKE = ("Upgrade: WebSocket", "Connection: Upgrade", "Sec-WebSocket-Version: 13",
+HANDSHAKE = ("Upgrade: websocket", "Connection: Upgrade", "Sec-WebSocket-Version: 13",
              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==")
 ACCEPT = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo="
 
@@ -155,41 +155,6 @@ def frame(message):
 CLOSE_FRAME = bytes([0x88, 0x82, 1, 2, 3, 4, 0x03 ^ 1, 0xe9 ^ 2])
 
 
-class EventStream(Http):
-    """A response of server-sent events."""
-
-    @classmethod
-    async def listen(cls, port, target):
-        self = await cls.open(port)
-        try:
-            await self.send_head("GET", target)
-            response = await self.receive_head()
-            expect(response.status == 200, f"status {response.status} for an event stream")
-            expect(response.headers.get("transfer-encoding") == "chunked", "a stream with a length")
-            self.received = b""
-        except BaseException:
-            self.writer.transport.abort()
-            raise
-        return self
-
-    async def receive(self):
-        """The data of the next event; None at the end of the stream."""
-        while True:
-            event, end, rest = self.received.partition(b"\n\n")
-            if end:
-                self.received = rest
-                data = [line.removeprefix("data: ") for line in event.decode().split("\n")
-                        if line.startswith("data: ")]
-                if data:
-                    return "\n".join(data)
-                continue
-            size = int(await within(self.reader.readuntil(b"\r\n")), 16)
-            chunk = await within(self.reader.readexactly(size + 2))
-            if size == 0:
-                return None
-            self.received += chunk[:-2]
-
-
 class WebSocket(Http):
     """An upgraded connection."""
 
@@ -207,22 +172,41 @@ class WebSocket(Http):
         return self
 
     async def receive(self, seconds=LIMIT_SECONDS):
-        """The next message: text or bytes; None at the end of the connection."""
-        payload = b""
-        opcode = 0
-        last = False
+        """The next message: text or bytes; None at the end of the connection.
+
+        Responds to pings and to a close frame.
+        """
+        while True:
+            opcode, payload = await self.receive_frame(seconds)
+            if opcode is None:
+                return None
+            if opcode in (8, 9):
+                await self.respond(opcode, payload)
+            elif opcode != 10:
+                return payload.decode() if opcode == 1 else payload
+
+    async def receive_frame(self, seconds):
+        """Opcode and payload; the server sends whole messages."""
         try:
-            while not last:
-                head = await within(self.reader.readexactly(2), seconds)
-                last = bool(head[0] & 0x80)
-                opcode = opcode or head[0] & 0x0f
-                expect(head[1] < 128, "a frame of the server is masked")
-                length = head[1]
-                if length > 125:
-                    size = 2 if length == 126 else 8
-                    length = int.from_bytes(await within(self.reader.readexactly(size)), "big")
-                payload += await within(self.reader.readexactly(length))
+            head = await within(self.reader.readexactly(2), seconds)
         except asyncio.IncompleteReadError as error:
-            expect(not error.partial and not payload, "the connection ended within a frame")
-            return None
-        return payload.decode() if opcode == 1 else payload
+            expect(not error.partial, "the connection ended within a frame")
+            return None, b""
+        expect(head[0] & 0xf0 == 0x80, f"no whole message without extensions: {head!r}")
+        expect(head[1] < 128, "a frame of the server is masked")
+        length = head[1]
+        try:
+            if length > 125:
+                size = 2 if length == 126 else 8
+                length = int.from_bytes(await within(self.reader.readexactly(size)), "big")
+            return head[0] & 0x0f, await within(self.reader.readexactly(length))
+        except asyncio.IncompleteReadError:
+            expect(False, "the connection ended within a frame")
+
+    async def respond(self, opcode, payload):
+        """Sends a pong, or the close frame, with the mask 0."""
+        reply = 10 if opcode == 9 else 8
+        try:
+            await self.send(bytes([0x80 | reply, 0x80 | len(payload), 0, 0, 0, 0]) + payload)
+        except ConnectionError:
+            pass  # the connection has ended

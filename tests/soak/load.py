@@ -19,7 +19,7 @@ import sys
 import traceback
 
 from client import (
-    BLOCK, CLOSE_FRAME, Connection, EventStream, Http, WebSocket, Wrong, cancel, expect, frame, within)
+    BLOCK, CLOSE_FRAME, Connection, Http, WebSocket, Wrong, cancel, expect, frame, within)
 
 KIB = 1024
 MIB = 1024 * KIB
@@ -350,7 +350,7 @@ class Load:
             await socket.send(frame("x" * 100)[:self.random.randrange(1, 100)])
 
     async def live(self):
-        async with await EventStream.listen(self.filedrop, "/live") as stream:
+        async with await WebSocket.upgrade(self.filedrop) as stream:
             loop = asyncio.get_running_loop()
             end = loop.time() + self.random.uniform(*self.pace.stay_seconds)
             text = await stream.receive()

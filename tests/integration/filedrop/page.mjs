@@ -52,7 +52,7 @@ beforeEach(async () => {
     page = await context.newPage()
     troubles = []
     // A refused request shows up on the console too; it is the page that has to explain it.
-    watchPage(page, troubles, /^Failed to load resource/)
+    watchPage(page, troubles, /^Failed to load resource|^WebSocket connection to .* failed/)
 })
 
 afterEach(async () => {
@@ -290,22 +290,22 @@ test('the list is pushed through a proxy and asked for again without it', { skip
 })
 
 test('a page that is hidden keeps no connection', async () => {
-    const openRequests = async () => (await (await fetch(url + '/api/status')).json()).openRequests
+    const listeners = async () => (await (await fetch(url + '/api/status')).json()).listeners
     await open()
     await page.locator('html[data-list=pushed]').waitFor()
-    assert.equal(await openRequests(), 2)
+    assert.equal(await listeners(), 1)
     await page.evaluate(() => {
         Object.defineProperty(document, 'hidden', { value: true, configurable: true })
         document.dispatchEvent(new Event('visibilitychange'))
     })
-    await waitUntil(async () => await openRequests() === 1, 'the stream ends')
+    await waitUntil(async () => await listeners() === 0, 'the connection ends')
     fs.writeFileSync(path.join(directory, 'a'), 'one')
     await page.evaluate(() => {
         delete document.hidden
         document.dispatchEvent(new Event('visibilitychange'))
     })
     await fileRow('a').waitFor()
-    await waitUntil(async () => await openRequests() === 2, 'the stream is open again')
+    await waitUntil(async () => await listeners() === 1, 'the connection is open again')
 })
 
 test('everything can be reached with the keyboard', async () => {

@@ -17,8 +17,8 @@ import subprocess
 import sys
 
 sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
-from event_stream import EventStream
 from filedrop_server import (MIB, SERVER, TEMPORARY_PREFIX, Server, ServerCase, main, make_sparse, sha256)
+from live_client import LiveClient
 from processes import LIMIT_SECONDS, SANITIZED, free_port, wait_until
 
 LARGE = 64 * MIB if SANITIZED else 1024 * MIB
@@ -567,7 +567,7 @@ class DiskFull(ServerCase):
 
 class Live(ServerCase):
     def connect(self):
-        client = EventStream(self.server.port, LIMIT_SECONDS)
+        client = LiveClient(self.server.port, LIMIT_SECONDS)
         self.addCleanup(client.close)
         return client
 
@@ -631,15 +631,29 @@ class Live(ServerCase):
         self.start()
         for _ in range(20):
             self.connect().close()
-        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+        wait_until(lambda: self.status()["listeners"] == 0, "no listener is left")
+        wait_until(lambda: sum("GET /live 101 " in line for line in self.server.errors) == 20,
+                   "their lines in the log")
 
-    def test_head_ends_at_once(self):
+    def test_a_request_that_asks_for_no_websocket_is_told(self):
         self.start()
-        response = self.curl("/live", "-I")
-        self.assertEqual(response.status, 200)
-        self.assertEqual(response.headers["content-type"], "text/event-stream")
-        wait_until(lambda: any("HEAD /live 200 0 bytes" in line for line in self.server.errors), "its line in the log")
-        wait_until(lambda: self.status()["openRequests"] == 1, "no request is left")
+        response = self.curl("/live")
+        self.assertEqual(response.status, 426, response)
+        self.assertEqual(response.headers["upgrade"], "websocket")
+
+    def test_pages_of_other_sites_get_no_list(self):
+        self.start()
+        handshake = ("-H", "Upgrade: websocket", "-H", "Connection: Upgrade", "-H", "Sec-WebSocket-Version: 13",
+                     "-H", "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==", "-H", "Origin: http://evil.test")
+        self.assertEqual(self.curl("/live", *handshake).status, 403)
+
+    def test_a_page_that_sends_is_disconnected(self):
+        self.start()
+        client = self.connect()
+        self.assertEqual(self.names(client), [])
+        client.send("x" * 1025)
+        self.assertIsNone(client.receive())
+        self.assertEqual(client.close_code, 1009)
 
     def test_stop_ends_open_connections(self):
         self.start()

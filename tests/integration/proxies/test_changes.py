@@ -15,9 +15,9 @@ import unittest
 
 sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
 import filedrop_server as filedrop
-from event_stream import EventStream
 from filedrop_server import MIB, SERVER
 from instances import Instance, Load, admin_of, second_instance
+from live_client import LiveClient
 from processes import LIMIT_SECONDS, wait_until
 from support import Proxy, find_program
 
@@ -54,7 +54,7 @@ class Reload(filedrop.ServerCase):
         upload.send(b"1" * MIB)
         wait_until(self.temporary, "the upload has begun")
         download = self.download("large")
-        live = EventStream(self.proxy.port, LIMIT_SECONDS)
+        live = LiveClient(self.proxy.port, LIMIT_SECONDS)
         self.addCleanup(live.close)
         self.assertIn("small", self.names_in_message(live))
         with Load(self.proxy.port, "/files/small", self.small, repeats=True) as load:

@@ -36,7 +36,7 @@ TEST(Page, CarriesTheNonceInStyleAndScriptAlone)
 TEST(Page, AllowsOnlyWhatCarriesTheNonce)
 {
     EXPECT_EQ(pagePolicy("5ecret"),
-              "default-src 'none'; connect-src 'self'; img-src data:; script-src "
+              "default-src 'none'; connect-src 'self' ws: wss:; img-src data:; script-src "
               "'nonce-5ecret'; "
               "style-src 'nonce-5ecret'; base-uri 'none'; form-action 'none'; "
               "frame-ancestors 'none'");
