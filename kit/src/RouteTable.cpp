@@ -159,7 +159,7 @@ Route& RouteTable::add(Method method, const std::string& pattern, Handler handle
     return route;
 }
 
-void RouteTable::freeze()
+void RouteTable::freeze(const websocket::WebSocketOptions::Executor& workers)
 {
     if (mIsFrozen)
         return;
@@ -167,6 +167,12 @@ void RouteTable::freeze()
         if (route->mIsStreaming && route->mIsNonBlocking)
             throw std::invalid_argument("the route " + route->name() +
                                         " is both streaming and nonBlocking");
+        if (!route->mHasCallbacksOnWorkers)
+            continue;
+        if (!route->mSessionOptions)
+            throw std::invalid_argument("the route " + route->name() +
+                                        " has callbacksOnWorkers, but no WebSocket");
+        route->mSessionOptions->executor = workers;
     }
     for (Target* const target : mTargets)
         target->allow = listMethods([&](Method method) { return isAllowed(*target, method); });
@@ -226,6 +232,13 @@ Route& Route::streaming()
 {
     if (mayChange())
         mIsStreaming = true;
+    return *this;
+}
+
+Route& Route::callbacksOnWorkers()
+{
+    if (mayChange())
+        mHasCallbacksOnWorkers = true;
     return *this;
 }
 

@@ -40,9 +40,9 @@ public:
     void noteWebSocket() { mHasWebSockets = true; }
     bool hasWebSockets() const { return mHasWebSockets; }
 
-    // Routes do not change any more. Throws std::invalid_argument for options that exclude each
-    // other.
-    void freeze();
+    // Routes do not change any more. `workers` runs the callbacks of sessions whose route says so.
+    // Throws std::invalid_argument for options that exclude each other.
+    void freeze(const websocket::WebSocketOptions::Executor& workers);
 
     // Null when no pattern fits.
     const Target* find(const std::vector<std::string>& path) const;

@@ -122,7 +122,8 @@ bool ServerCore::start(const ServerOptions& options)
     std::string failure =
         mState == State::Stopped ? whyImpossible(options) : "the server is not stopped";
     if (failure.empty()) {
-        mRouter.mTable->freeze();
+        mRouter.mTable->freeze(
+            [this](std::function<void()> task) { return mWorkers.run(std::move(task)); });
         mMaxBodyBytes = options.maxBodyBytes;
         if (startThreads(options))
             mState = State::Started;

@@ -32,7 +32,7 @@ void checkOffered(const HttpBaseRequest& request, const std::string& subprotocol
 Route& Router::webSocket(const std::string& pattern, websocket::WebSocketOptions options,
                          WebSocketHandler handler)
 {
-    const auto shared = std::make_shared<const websocket::WebSocketOptions>(std::move(options));
+    const auto shared = std::make_shared<websocket::WebSocketOptions>(std::move(options));
     Handler serve;
     if (handler) {
         serve = [shared, accept = std::move(handler)](Request& request) {
@@ -40,6 +40,7 @@ Route& Router::webSocket(const std::string& pattern, websocket::WebSocketOptions
         };
     }
     Route& route = mTable->add(Method::Get, pattern, std::move(serve));
+    route.mSessionOptions = shared;
     mTable->noteWebSocket();
     return route;
 }

@@ -1,4 +1,4 @@
-// Workers share one queue; a thread is woken only when one waits that nobody has woken yet.
+// Workers share the queues; a thread is woken only when one waits that nobody has woken yet.
 
 #include "WorkerPool.h"
 
@@ -38,13 +38,35 @@ bool WorkerPool::submit(Exchange& exchange)
         if (!mIsRunning || mQueue.size() >= mQueueLimit)
             return false;
         mQueue.push_back(&exchange);
-        wakes = mWaiting > mWoken;
-        if (wakes)
-            ++mWoken;
+        wakes = noteWaking();
     }
     if (wakes)
         mQueued.wakeOne();
     return true;
+}
+
+bool WorkerPool::run(std::function<void()> task)
+{
+    bool wakes = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (!mIsRunning)
+            return false;
+        mTasks.push_back(std::move(task));
+        wakes = noteWaking();
+    }
+    if (wakes)
+        mQueued.wakeOne();
+    return true;
+}
+
+// Whether a thread is to be woken.
+bool WorkerPool::noteWaking()
+{
+    const bool wakes = mWaiting > mWoken;
+    if (wakes)
+        ++mWoken;
+    return wakes;
 }
 
 void WorkerPool::stop()
@@ -61,26 +83,40 @@ void WorkerPool::stop()
 
 void WorkerPool::work()
 {
-    while (Exchange* const exchange = take())
-        mServe(*exchange);
+    for (;;) {
+        const Job job = take();
+        if (job.exchange)
+            mServe(*job.exchange);
+        else if (job.task)
+            job.task();
+        else
+            return;
+    }
 }
 
-// Null when the pool stops.
-Exchange* WorkerPool::take()
+WorkerPool::Job WorkerPool::take()
 {
     const qvMutexLocker locker(&mMutex);
-    while (mQueue.empty()) {
+    while (mQueue.empty() && mTasks.empty()) {
         if (!mIsRunning)
-            return nullptr;
+            return {};
         ++mWaiting;
         mQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
         --mWaiting;
         if (mWoken != 0)
             --mWoken;
     }
-    Exchange* const exchange = mQueue.front();
-    mQueue.pop_front();
-    return exchange;
+    Job job;
+    if (mQueue.empty() || (mIsTaskNext && !mTasks.empty())) {
+        job.task = std::move(mTasks.front());
+        mTasks.pop_front();
+        mIsTaskNext = false;
+    } else {
+        job.exchange = mQueue.front();
+        mQueue.pop_front();
+        mIsTaskNext = true;
+    }
+    return job;
 }
 
 }  // namespace qv::kit

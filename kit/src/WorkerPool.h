@@ -17,7 +17,7 @@ namespace qv::kit
 
 class Exchange;
 
-// A fixed number of threads with one bounded queue of requests.
+// A fixed number of threads with one bounded queue of requests, and one of tasks. They take turns.
 class WorkerPool
 {
 public:
@@ -34,17 +34,31 @@ public:
     // False when the queue is full or the pool does not run. Any thread.
     bool submit(Exchange& exchange);
 
+    // Runs `task`, which must not throw, on a worker. Without a limit: whoever submits tasks keeps
+    // their number limited. False when the pool does not run. Any thread.
+    bool run(std::function<void()> task);
+
     // Serves all that is queued, then joins the threads. Not from a worker.
     void stop();
 
 private:
+    // One of them, or neither when the pool stops.
+    struct Job
+    {
+        Exchange* exchange = nullptr;
+        std::function<void()> task;
+    };
+
+    bool noteWaking() QV_REQUIRES(mMutex);
     void work();
-    Exchange* take();
+    Job take();
 
     const Serve mServe;
     qvMutex mMutex;
     qvWaitCondition mQueued;
     std::deque<Exchange*> mQueue QV_GUARDED_BY(mMutex);
+    std::deque<std::function<void()>> mTasks QV_GUARDED_BY(mMutex);
+    bool mIsTaskNext QV_GUARDED_BY(mMutex) = false;  // when there is a request, too
     size_t mQueueLimit QV_GUARDED_BY(mMutex) = 0;
     size_t mWaiting QV_GUARDED_BY(mMutex) = 0;  // threads
     size_t mWoken QV_GUARDED_BY(mMutex) = 0;    // of those that wait

@@ -34,6 +34,8 @@ constexpr size_t kMaxTakenBytes = 262144;
 // Memory that a loop keeps for the next message.
 constexpr size_t kMaxKeptBytes = 4194304;
 constexpr size_t kMaxKeptFrames = 16;
+// Callbacks of one task of the executor.
+constexpr size_t kMaxNoticesAtOnce = 16;
 
 // The connection whose callback runs on this thread, when it is the thread of its loop.
 thread_local const Connection* tCurrent = nullptr;
@@ -839,11 +841,18 @@ bool Connection::submit()
     }
 }
 
+// Other tasks of the executor get their turn, unless it refuses to continue later.
 void Connection::runStrand()
 {
-    if (!mStrand->run([this](const Notice& notice) { call(notice); }))
-        return;
-    begin();  // receives again
+    const auto callOne = [this](const Notice& notice) { call(notice); };
+    Strand::Result result = Strand::Result::HasMore;
+    while (result == Strand::Result::HasMore) {
+        result = mStrand->run(callOne, kMaxNoticesAtOnce);
+        if (result == Strand::Result::HasMore && submit())
+            return;
+    }
+    if (result == Strand::Result::HasSpace)
+        begin();  // receives again
 }
 
 // The boundary to the application's code.

@@ -31,16 +31,18 @@ bool Strand::add(const Notice& notice)
     return !std::exchange(mIsRunning, true);
 }
 
-bool Strand::run(const Call& call)
+Strand::Result Strand::run(const Call& call, size_t maxNotices)
 {
-    for (;;) {
+    for (size_t ran = 0;; ++ran) {
         Stored stored;
         {
             const std::lock_guard<std::mutex> lock(mMutex);
             if (mNotices.empty()) {
                 mIsRunning = false;
-                return std::exchange(mWasFull, false);
+                return std::exchange(mWasFull, false) ? Result::HasSpace : Result::Empty;
             }
+            if (ran == maxNotices)
+                return Result::HasMore;
             stored = std::move(mNotices.front());
             mNotices.pop_front();
             mBytes -= kNoticeBytes + stored.payload.size();

@@ -35,11 +35,17 @@ public:
     // Full at `maxBytes`.
     explicit Strand(size_t maxBytes) : mMaxBytes(maxBytes) {}
 
+    enum class Result : uint8_t {
+        Empty,
+        HasSpace,  // empty, after the queue was full
+        HasMore    // submit another task that calls `run`
+    };
+
     // True: submit a task that calls `run`.
     bool add(const Notice& notice);
 
-    // Runs all notices. True: the queue was full, and is not any more.
-    bool run(const Call& call);
+    // Runs as many notices, in order. Not called while it runs.
+    Result run(const Call& call, size_t maxNotices);
 
     // The executor has refused the task: only Open and Close are kept. Then `run`.
     void discardMessages();

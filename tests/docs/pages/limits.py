@@ -169,6 +169,7 @@ NOT_FOR_USERS = {
     "kit/websocket/Handshake.cpp kWrongMethod": "a status",
     "kit/websocket/Handshake.cpp kUpgradeRequired": "a status",
     "kit/websocket/Handshake.cpp kKeyCharacters": "the protocol's",
+    "kit/websocket/Connection.cpp kMaxNoticesAtOnce": "how long others wait for a worker",
     "kit/websocket/Handshake.cpp kKeyDigits": "the protocol's",
     "kit/websocket/Handshake.cpp kVersion": "the protocol's",
     "kit/websocket/Loop.cpp kMaxEvents": "events fetched at once",

@@ -73,7 +73,7 @@ public:
     {
         mCore.router().get("/a/{name}", handler).nonBlocking();
         mCore.router().get("/worker", handler);
-        const_cast<kit::RouteTable&>(mCore.routes()).freeze();
+        const_cast<kit::RouteTable&>(mCore.routes()).freeze({});
         mExchange = &mCore.create();
         base().setHttpMethod("GET");
         base().setOriginalFullUrl(std::string(target));

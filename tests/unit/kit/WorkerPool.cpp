@@ -8,7 +8,9 @@
 #include <atomic>
 #include <cstdint>
 #include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace qv::kit
 {
@@ -67,6 +69,28 @@ TEST(WorkerPool, RefusesWhatItsQueueCannotHold)
     EXPECT_EQ(served, 3);
 }
 
+TEST(WorkerPool, RequestsAndTasksTakeTurns)
+{
+    std::vector<std::string> order;
+    Latch latch;
+    Channel<int> running;
+    WorkerPool pool([&](Exchange& e) { order.push_back("r" + std::to_string(numberOf(e))); });
+    pool.start(1, 100);
+    EXPECT_TRUE(pool.run([&] {
+        running.push(1);
+        latch.wait();
+    }));
+    ASSERT_TRUE(running.pop());
+    for (uintptr_t i = 1; i <= 3; ++i)
+        EXPECT_TRUE(pool.run([&order, i] { order.push_back("t" + std::to_string(i)); }));
+    for (uintptr_t i = 1; i <= 3; ++i)
+        EXPECT_TRUE(pool.submit(exchange(i)));
+    latch.open();
+    pool.stop();
+    EXPECT_EQ(order, (std::vector<std::string>{"r1", "t1", "r2", "t2", "r3", "t3"}));
+    EXPECT_FALSE(pool.run([] { ADD_FAILURE() << "the pool is stopped"; }));
+}
+
 // A thread that is not woken would leave the others alone with all the work.
 TEST(WorkerPool, WakesAsManyThreadsAsThereAreRequests)
 {
@@ -81,6 +105,24 @@ TEST(WorkerPool, WakesAsManyThreadsAsThereAreRequests)
         pool.start(kThreads, 100);
         for (uintptr_t i = 1; i <= kThreads; ++i)
             EXPECT_TRUE(pool.submit(exchange(i)));
+        EXPECT_TRUE(waitUntil([&] { return running == kThreads; }));
+        latch.open();
+    }
+}
+
+TEST(WorkerPool, WakesAsManyThreadsAsThereAreTasks)
+{
+    constexpr int kThreads = 8;
+    for (int round = 0; round < 20; ++round) {
+        Latch latch;
+        std::atomic<int> running{0};
+        WorkerPool pool([](Exchange&) {});
+        pool.start(kThreads, 100);
+        for (int i = 0; i < kThreads; ++i)
+            EXPECT_TRUE(pool.run([&] {
+                ++running;
+                latch.wait();
+            }));
         EXPECT_TRUE(waitUntil([&] { return running == kThreads; }));
         latch.open();
     }

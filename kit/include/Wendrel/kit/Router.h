@@ -44,6 +44,12 @@ public:
     /// together with `nonBlocking`.
     Route& streaming();
 
+    /// For `Router::webSocket`: the callbacks of the sessions run on workers, where they may wait,
+    /// in place of `WebSocketOptions::executor`. Those of one session are called in order and never
+    /// two at once; a callback that waits delays no other session as long as a worker is free.
+    /// Sessions and requests take turns. A message is copied once.
+    Route& callbacksOnWorkers();
+
     /// Bytes of a body; 413 beyond it. By default `ServerOptions::maxBodyBytes`, for a streaming
     /// route no limit.
     Route& maxBodyBytes(uint64_t bytes);
@@ -82,6 +88,8 @@ private:
     bool mHasMaxBodyBytes = false;
     bool mIsNonBlocking = false;
     bool mIsStreaming = false;
+    bool mHasCallbacksOnWorkers = false;
+    std::shared_ptr<websocket::WebSocketOptions> mSessionOptions;  // null: no WebSocket
     const bool* mIsFrozen = nullptr;
 };
 
@@ -123,7 +131,9 @@ public:
 
     /// A route for WebSockets. The handshake is checked before `handler` is called: 426 without a
     /// request for a WebSocket of version 13, 400 for a malformed one, 403 for an origin that is
-    /// not allowed. Sessions end with the server: `Server::stop` closes them with 1001.
+    /// not allowed. Callbacks run on event loops, where they must not wait; see
+    /// `Route::callbacksOnWorkers`. Sessions end with the server: `Server::stop` closes them with
+    /// 1001.
     Route& webSocket(const std::string& pattern, websocket::WebSocketOptions options,
                      WebSocketHandler handler);
 
