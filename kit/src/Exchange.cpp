@@ -3,6 +3,7 @@
 #include "Exchange.h"
 
 #include "ErrorBody.h"
+#include "FormReader.h"
 #include "KitLog.h"
 #include "RouteTable.h"
 #include "ServerCore.h"
@@ -305,6 +306,7 @@ void Exchange::callHandler() noexcept
         }
     });
     std::string().swap(mBody);
+    mForm.reset();
     // A deferred response may wait for long.
     if (mIsDeferred && !mRoute->mIsStreaming && mHasUpload)
         getReceiveDevice().discardReceived();
@@ -569,6 +571,13 @@ const std::string& Exchange::body()
         mHasBody = true;
     }
     return mBody;
+}
+
+const Form& Exchange::form(std::string_view contentType, const FormLimits& limits)
+{
+    if (!mForm)
+        mForm = std::make_unique<const Form>(FormReader::read(contentType, body(), limits));
+    return *mForm;
 }
 
 size_t Exchange::readBody(char* buffer, size_t size)

@@ -91,6 +91,7 @@ public:
     // The handler's thread.
     const std::string& pathParameter(std::string_view name);
     const std::string& body();
+    const Form& form(std::string_view contentType, const FormLimits& limits);
     size_t readBody(char* buffer, size_t size);
     std::string readAll(uint64_t limitBytes);
     int64_t declaredBodyBytes() const;
@@ -194,6 +195,7 @@ private:
     uint64_t mWrittenBytes = 0;
     uint64_t mReadBytes = 0;
     std::string mBody;
+    std::unique_ptr<const Form> mForm;
     std::string mRest;  // of the path
 
     qvMutex mGoneMutex;

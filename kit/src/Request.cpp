@@ -3,6 +3,7 @@
 #include <Wendrel/kit/Request.h>
 
 #include "Exchange.h"
+#include "FormReader.h"
 #include "StreamQueue.h"
 
 #include <algorithm>
@@ -175,6 +176,17 @@ int64_t Request::contentLength() const
 const std::string& Request::body()
 {
     return mExchange->body();
+}
+
+const Form& Request::form(const FormLimits& limits)
+{
+    return mExchange->form(header("Content-Type"), limits);
+}
+
+void Request::readParts(const std::function<void(Part&)>& take, const FormLimits& limits)
+{
+    const auto source = [this](char* buffer, size_t size) { return readBody(buffer, size); };
+    FormReader::readParts(header("Content-Type"), source, take, limits);
 }
 
 size_t Request::readBody(char* buffer, size_t size)

@@ -111,6 +111,17 @@ NOT_FOR_USERS = {
     "kit/src/Json.cpp kUnsupportedType": "a status",
     "kit/src/Accept.cpp kFullWeight": "the protocol's",
     "kit/src/Accept.cpp kMaxDigits": "the protocol's",
+    "kit/src/Form.cpp kBadRequest": "a status",
+    "kit/src/Form.cpp kContentTooLarge": "a status",
+    "kit/src/Form.cpp kUnsupportedType": "a status",
+    "kit/src/Form.cpp kInsufficientStorage": "a status",
+    "kit/src/Form.cpp kBlockBytes": "how much is read or written at once",
+    "kit/src/Form.cpp kMaxBoundaryBytes": "the protocol's",
+    "kit/src/Form.cpp kFlags": "the system's",
+    "kit/src/Form.cpp kMode": "the system's",
+    "kit/src/MultipartReader.cpp kBadRequest": "a status",
+    "kit/src/MultipartReader.cpp kPieceBytes": "how much is read at once",
+    "kit/src/FileName.cpp kMaxExtensionBytes": "of an extension that is kept when a name is shortened",
     "kit/src/RouteTable.h kMethods": "how many methods there are bits for",
     "kit/src/ServerCore.cpp kMaxWorkers": "checked range of an option",
     "kit/src/StreamQueue.cpp kMaxKeptBytes": "memory of an empty queue",
@@ -257,7 +268,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|WebSocketOptions|EngineOptions)"
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|FormLimits|WebSocketOptions|EngineOptions)"
                     r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
@@ -369,7 +380,7 @@ def key_of(name, argument, file):
     if argument:
         return f"{file} {parts[-1]}({argument})"
     if len(parts) > 1 and parts[-2] in (
-            "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions"):
+            "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

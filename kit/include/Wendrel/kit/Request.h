@@ -3,6 +3,7 @@
 #define WENDREL_KIT_REQUEST_H
 
 #include <Wendrel/kit/DeferredResponse.h>
+#include <Wendrel/kit/Form.h>
 #include <Wendrel/kit/HttpError.h>
 #include <Wendrel/kit/Parameter.h>
 #include <Wendrel/kit/Responder.h>
@@ -11,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <string>
 #include <string_view>
@@ -85,6 +87,16 @@ public:
     /// ends in "+json", 400 when it is no JSON or cannot be a Value. Include
     /// `<Wendrel/kit/Json.h>`.
     template <typename Value = void> typename JsonOf<Value>::Type json();
+
+    /// The body, read by `body`, as a form of either encoding: application/x-www-form-urlencoded or
+    /// multipart/form-data. It lives as long as the request; a further call returns the same form.
+    /// Throws HttpError: 415 for another type, 400 for a malformed form, 413 beyond a limit.
+    const Form& form(const FormLimits& limits = FormLimits());
+
+    /// Reads a form of the type multipart/form-data in constant memory: calls `take` with each
+    /// field and file in the order of the form. For a streaming route, in which it waits. Throws as
+    /// `form` and `readBody` do, and passes exceptions of `take` on.
+    void readParts(const std::function<void(Part&)>& take, const FormLimits& limits = FormLimits());
 
     /// Reads up to `size` bytes, in a streaming route waiting until there are so many or the body
     /// ends. Returns how many, 0 at the end of the body. Throws HttpError: 413 beyond
