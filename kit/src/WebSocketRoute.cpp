@@ -32,6 +32,8 @@ void checkOffered(const HttpBaseRequest& request, const std::string& subprotocol
 Route& Router::webSocket(const std::string& pattern, websocket::WebSocketOptions options,
                          WebSocketHandler handler)
 {
+    if (options.name.empty())
+        options.name = "GET " + pattern;
     const auto shared = std::make_shared<websocket::WebSocketOptions>(std::move(options));
     Handler serve;
     if (handler) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include <netinet/in.h>
@@ -37,17 +38,13 @@ constexpr size_t kMaxKeptFrames = 16;
 // Callbacks of one task of the executor.
 constexpr size_t kMaxNoticesAtOnce = 16;
 
+constexpr const char* kQueueIsFull = "the send queue is full";
+constexpr std::string_view kException = "exception in a WebSocket callback: ";
+constexpr std::string_view kEnded = "a WebSocket session was ended: ";
+constexpr const char* kUnknownException = "unknown exception";
+
 // The connection whose callback runs on this thread, when it is the thread of its loop.
 thread_local const Connection* tCurrent = nullptr;
-
-Buffer& compressedOfThread()
-{
-    thread_local Buffer buffer;
-    buffer.clear();
-    if (buffer.capacity() > kMaxKeptBytes)
-        buffer.release();
-    return buffer;
-}
 
 ssize_t sendParts(int descriptor, iovec* parts, size_t count)
 {
@@ -129,27 +126,42 @@ SendResult Connection::sendWithContext(Opcode opcode, BinaryView payload)
     bool isWakeNeeded = false;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        const size_t charged = payload.size() + kMaxServerHeaderBytes;
+        size_t charged = payload.size() + kMaxServerHeaderBytes;
         const SendResult result = makeSpace(charged);
         if (result != SendResult::Queued)
             return result;
-        if (!mDeflater) {
-            mDeflater =
-                std::make_unique<Deflater>(mDeflate.serverMaxWindowBits, mOptions->compressionLevel,
-                                           mOptions->compressionMemoryLevel);
+        try {
+            OutFrame frame = compressWithContext(opcode, payload);
+            mMembership->budget.credit(charged - frame.size);
+            charged = frame.size;
+            isWakeNeeded = push(std::move(frame));
+        } catch (...) {
+            mMembership->budget.credit(charged);
+            // The message that the compressor knows is not sent.
+            if (mDeflater)
+                mDeflater->reset();
+            throw;
         }
-        Buffer& compressed = compressedOfThread();
-        const bool isShorter = mDeflater->compress(payload, compressed);
-        if (isShorter)
-            payload = {compressed.data(), compressed.size()};
-        else
-            mDeflater->reset();
-        OutFrame frame = makeFrame(opcode, isShorter, payload, false);
-        mMembership->budget.credit(charged - frame.size);
-        isWakeNeeded = push(std::move(frame));
     }
     wakeIf(isWakeNeeded);
     return SendResult::Queued;
+}
+
+// Under mMutex.
+OutFrame Connection::compressWithContext(Opcode opcode, BinaryView payload)
+{
+    if (!mDeflater || !mDeflater->isValid()) {
+        mDeflater =
+            std::make_unique<Deflater>(mDeflate.serverMaxWindowBits, mOptions->compressionLevel,
+                                       mOptions->compressionMemoryLevel);
+    }
+    Buffer& compressed = compressedOfThread();
+    const bool isShorter = mDeflater->compress(payload, compressed);
+    if (isShorter)
+        payload = {compressed.data(), compressed.size()};
+    else
+        mDeflater->reset();
+    return makeFrame(opcode, isShorter, payload, false);
 }
 
 SendResult Connection::send(const PreparedMessage& message)
@@ -165,7 +177,7 @@ SendResult Connection::send(const PreparedMessage& message)
         // The peer's window has the shared message now, this compressor has not.
         if (isCompressed && mDeflater)
             mDeflater->reset();
-        isWakeNeeded = push(std::move(frame));
+        isWakeNeeded = pushCharged(std::move(frame));
     }
     wakeIf(isWakeNeeded);
     return SendResult::Queued;
@@ -182,18 +194,15 @@ SendResult Connection::put(Opcode opcode, bool rsv1, BinaryView payload, bool is
         return enqueue(makeFrame(opcode, rsv1, payload, isDroppable));
     uint8_t header[kMaxServerHeaderBytes];
     const size_t headerSize = writeFrameHeader(header, opcode, rsv1, payload.size());
+    bool isFirst = false;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (mIsCloseQueued)
             return SendResult::Closed;
-        const bool isFirst = mQueueBegin == mQueue.size() && mSending.empty();
-        if (!isFirst) {
-            const SendResult result = makeSpace(headerSize + payload.size());
-            if (result == SendResult::Queued)
-                push(makeFrame(opcode, rsv1, payload, isDroppable));
-            return result;
-        }
+        isFirst = mQueueBegin == mQueue.size() && mSending.empty();
     }
+    if (!isFirst)
+        return enqueue(makeFrame(opcode, rsv1, payload, isDroppable));
     sendNow(header, headerSize, payload);
     return SendResult::Queued;
 }
@@ -206,7 +215,7 @@ SendResult Connection::enqueue(OutFrame frame)
         const SendResult result = makeSpace(frame.size);
         if (result != SendResult::Queued)
             return result;
-        isWakeNeeded = push(std::move(frame));
+        isWakeNeeded = pushCharged(std::move(frame));
     }
     wakeIf(isWakeNeeded);
     return SendResult::Queued;
@@ -263,16 +272,17 @@ void Connection::dropFrame(OutFrame& frame)
 }
 
 // The messages that wait are dropped, so that the close frame leaves soon. Under mMutex.
-void Connection::overflow()
+void Connection::overflow() noexcept
 {
     for (size_t i = mQueueBegin; i < mQueue.size(); ++i)
         dropFrame(mQueue[i]);
-    const std::string payload =
-        makeClosePayload(closecode::kTryAgainLater, "the send queue is full");
-    OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
-    mMembership->budget.chargeAlways(frame.size);
-    wakeIf(push(std::move(frame)));
     mIsOverflown = true;
+    try {
+        wakeIf(pushClose(closecode::kTryAgainLater, kQueueIsFull));
+    } catch (const std::bad_alloc&) {
+        mIsAborted = true;
+        wakeIf(schedule());
+    }
     mIsCloseQueued = true;
 }
 
@@ -283,15 +293,12 @@ bool Connection::close(uint16_t code, std::string_view reason)
 
 bool Connection::queueClose(uint16_t code, std::string_view reason)
 {
-    const std::string payload = makeClosePayload(code, reason);
     bool isWakeNeeded = false;
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (mIsCloseQueued)
             return false;
-        OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
-        mMembership->budget.chargeAlways(frame.size);
-        isWakeNeeded = push(std::move(frame));
+        isWakeNeeded = pushClose(code, reason);
         mIsCloseQueued = true;
     }
     wakeIf(isWakeNeeded);
@@ -315,7 +322,7 @@ size_t Connection::bufferedBytes() const
     return mBufferedBytes + (tCurrent == this ? mLoop->mOut.size() : 0);
 }
 
-void Connection::begin()
+void Connection::begin() noexcept
 {
     bool isWakeNeeded = false;
     {
@@ -328,14 +335,37 @@ void Connection::begin()
 // A frame whose bytes have been charged. True: wake the loop. Under mMutex.
 bool Connection::push(OutFrame frame)
 {
-    mBufferedBytes += frame.size;
-    mDroppableBytes += frame.isDroppable ? frame.size : 0;
+    const size_t size = frame.size;
+    const size_t droppable = frame.isDroppable ? size : 0;
     mQueue.push_back(std::move(frame));
+    mBufferedBytes += size;
+    mDroppableBytes += droppable;
     return schedule();
 }
 
+// The same; gives the charge back when there is no memory. Under mMutex.
+bool Connection::pushCharged(OutFrame frame)
+{
+    const size_t size = frame.size;
+    try {
+        return push(std::move(frame));
+    } catch (...) {
+        mMembership->budget.credit(size);
+        throw;
+    }
+}
+
+// The close frame may exceed the budget. Under mMutex.
+bool Connection::pushClose(uint16_t code, std::string_view reason)
+{
+    const std::string payload = makeClosePayload(code, reason);
+    OutFrame frame = makeFrame(Opcode::Close, false, BinaryView(payload), false);
+    mMembership->budget.chargeAlways(frame.size);
+    return pushCharged(std::move(frame));
+}
+
 // Nothing is pushed after the end: the loop may have ended. Under mMutex.
-bool Connection::schedule()
+bool Connection::schedule() noexcept
 {
     if (mHasEnded || mIsScheduled)
         return false;
@@ -344,28 +374,43 @@ bool Connection::schedule()
     return mLoop->push(*this);
 }
 
-void Connection::wakeIf(bool isNeeded)
+void Connection::wakeIf(bool isNeeded) noexcept
 {
     if (isNeeded)
         mLoop->wake();
 }
 
-std::shared_ptr<Connection> Connection::takeScheduled()
+std::shared_ptr<Connection> Connection::takeScheduled() noexcept
 {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsScheduled = false;
     return std::move(mSelf);
 }
 
+// One turn on the loop. What goes wrong in it, for want of memory, ends this connection only.
+template <typename Turn> void Connection::perform(Turn turn) noexcept
+{
+    try {
+        turn();
+        return;
+    } catch (const std::exception& error) {
+        logOfSession(*mOptions, kEnded, error.what());
+    } catch (...) {
+        logOfSession(*mOptions, kEnded, kUnknownException);
+    }
+    tCurrent = nullptr;
+    lose("no memory");
+}
+
 void Connection::start()
 {
+    mLoop->add(shared_from_this());
     mState = State::Open;
     mReceivedMs = mPingedMs = mLoop->mNowMs;
     const int descriptor = mSocket->getDescriptor();
     const int on = 1;
     // Fails for a Unix socket, which needs it not.
     ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    mLoop->add(shared_from_this());
     epoll_event event{};
     mEvents = event.events = EPOLLIN;
     event.data.ptr = this;
@@ -385,7 +430,12 @@ void Connection::start()
     settle();
 }
 
-void Connection::onReady()
+void Connection::onReady() noexcept
+{
+    perform([this] { ready(); });
+}
+
+void Connection::ready()
 {
     if (mState == State::Ended)
         return;
@@ -403,21 +453,23 @@ void Connection::onReady()
     if (isAborted)
         lose("aborted by the application");
     else if (isOverflown)
-        fail(closecode::kTryAgainLater, "the send queue is full");
+        fail(closecode::kTryAgainLater, kQueueIsFull);
     settle();
 }
 
-void Connection::onEvents(uint32_t events)
+void Connection::onEvents(uint32_t events) noexcept
 {
-    if ((events & EPOLLOUT) != 0)
-        mIsBlocked = false;
-    if (mState == State::Draining || mHasFailed)
-        discardReceived();
-    else if ((events & EPOLLIN) != 0)
-        receive();
-    else if ((events & (EPOLLERR | EPOLLHUP)) != 0)
-        lose("the connection was reset");
-    settle();
+    perform([this, events] {
+        if ((events & EPOLLOUT) != 0)
+            mIsBlocked = false;
+        if (mState == State::Draining || mHasFailed)
+            discardReceived();
+        else if ((events & EPOLLIN) != 0)
+            receive();
+        else if ((events & (EPOLLERR | EPOLLHUP)) != 0)
+            lose("the connection was reset");
+        settle();
+    });
 }
 
 // One reception is enough, unless it has filled the memory: epoll reports the rest again.
@@ -503,9 +555,9 @@ void Connection::handlePeerClose()
         fail(status.failure, "close frame is malformed");
         return;
     }
+    mPeerReason = status.reason;
     mHasPeerClose = true;
     mCloseCode = status.code;
-    mCloseReason = status.reason;
     queueClose(status.code, {});
 }
 
@@ -555,20 +607,31 @@ void Connection::sendOut(BinaryView more)
     if (result < 0 && !isFull)
         mIsLost = true;
     const size_t sent = result > 0 ? static_cast<size_t>(result) : 0;
-    if (sent < total && !mIsLost) {
-        const size_t ofOut = std::min(sent, out.size());
-        const size_t ofMore = sent - ofOut;
-        auto bytes = std::make_shared_for_overwrite<uint8_t[]>(total - sent);
+    if (sent < total && !mIsLost)
+        keepUnsent(out, more, sent);
+    out.clear();
+}
+
+// Without memory the connection is lost: part of a frame has been sent.
+void Connection::keepUnsent(Buffer& out, BinaryView more, size_t sent)
+{
+    const size_t ofOut = std::min(sent, out.size());
+    const size_t ofMore = sent - ofOut;
+    const size_t size = out.size() + more.size() - sent;
+    try {
+        auto bytes = std::make_shared_for_overwrite<uint8_t[]>(size);
         std::copy(out.data() + ofOut, out.data() + out.size(), bytes.get());
         std::copy(more.begin() + ofMore, more.end(), bytes.get() + (out.size() - ofOut));
-        // The bytes are counted, even if they exceed the budget: part of the frame has been sent.
-        mMembership->budget.chargeAlways(total - sent);
-        mBufferedBytes += total - sent;
-        mSending.push_back({std::move(bytes), total - sent, false});
-        mIsBlocked = mHadToWait = true;
-        mProgressMs = mLoop->mNowMs;
+        mSending.push_back({std::move(bytes), size, false});
+    } catch (const std::bad_alloc&) {
+        lose("no memory to send");
+        return;
     }
-    out.clear();
+    // The bytes are counted, even if they exceed the budget.
+    mMembership->budget.chargeAlways(size);
+    mBufferedBytes += size;
+    mIsBlocked = mHadToWait = true;
+    mProgressMs = mLoop->mNowMs;
 }
 
 // Moves frames from the queue to those that are being sent.
@@ -681,7 +744,8 @@ void Connection::updateEvents()
     epoll_event event{};
     event.events = events;
     event.data.ptr = this;
-    epoll_ctl(mLoop->mEpoll, EPOLL_CTL_MOD, mSocket->getDescriptor(), &event);
+    if (epoll_ctl(mLoop->mEpoll, EPOLL_CTL_MOD, mSocket->getDescriptor(), &event) != 0)
+        lose("no memory to watch the connection");
 }
 
 void Connection::updateTimer()
@@ -705,7 +769,12 @@ void Connection::updateTimer()
         mLoop->mTimers.set(*this, first);
 }
 
-void Connection::onTimer()
+void Connection::onTimer() noexcept
+{
+    perform([this] { checkDeadlines(); });
+}
+
+void Connection::checkDeadlines()
 {
     const int64_t now = mLoop->mNowMs;
     const auto isOver = [now](int64_t fromMs, std::chrono::milliseconds after) {
@@ -725,17 +794,16 @@ void Connection::onTimer()
     settle();
 }
 
-void Connection::closeForShutDown()
+void Connection::closeForShutDown() noexcept
 {
-    queueClose(closecode::kGoingAway, "the server shuts down");
+    perform([this] { queueClose(closecode::kGoingAway, "the server shuts down"); });
 }
 
-void Connection::endByDeadline()
+void Connection::endByDeadline() noexcept
 {
     if (mState != State::Draining)
         mMembership->forced.fetch_add(1, std::memory_order_relaxed);
     lose("the server has shut down");
-    settle();
 }
 
 // The close frame follows the messages that wait. Nothing more is received.
@@ -745,13 +813,13 @@ void Connection::fail(uint16_t code, const char* reason)
         return;
     mHasFailed = true;
     mCloseCode = code;
-    mCloseReason = reason;
+    mFailure = reason;
     mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
     queueClose(code, reason);
 }
 
 // `settle` ends the connection; until then a callback may run.
-void Connection::lose(const char* reason)
+void Connection::lose(const char* reason) noexcept
 {
     mIsLost = true;
     if (*mLoss == 0)
@@ -770,7 +838,7 @@ void Connection::drain()
     notifyClosed();
 }
 
-void Connection::finish()
+void Connection::finish() noexcept
 {
     if (mState == State::Ended)
         return;
@@ -796,14 +864,15 @@ void Connection::finish()
     leaveHalf();
 }
 
-void Connection::notifyClosed()
+// Needs no memory. The texts stay until the connection is destroyed.
+void Connection::notifyClosed() noexcept
 {
     if (std::exchange(mIsNotified, true))
         return;
     Notice notice{.kind = Notice::Kind::Close};
     if (mHasPeerClose || mHasFailed) {
         notice.code = mCloseCode;
-        notice.payload = BinaryView(mCloseReason);
+        notice.payload = BinaryView(mHasFailed ? std::string_view(mFailure) : mPeerReason);
         notice.isClean = mHasPeerClose && !mHasFailed && mState == State::Draining;
     } else {
         notice.code = closecode::kAbnormal;
@@ -825,24 +894,27 @@ void Connection::notify(const Notice& notice)
             return;
         mIsExecutorRefused = true;
         mStrand->discardMessages();
-        fail(closecode::kTryAgainLater, "the server is busy");
     }
     runStrand();
+    if (!mIsNotified)
+        fail(closecode::kTryAgainLater, "the server is busy");
 }
 
 // An executor that throws refuses.
-bool Connection::submit()
+bool Connection::submit() noexcept
 {
     try {
         return mOptions->executor([self = shared_from_this()] { self->runStrand(); });
     } catch (const std::exception& error) {
-        logException(error.what());
-        return false;
+        logOfSession(*mOptions, kException, error.what());
+    } catch (...) {
+        logOfSession(*mOptions, kException, kUnknownException);
     }
+    return false;
 }
 
 // Other tasks of the executor get their turn, unless it refuses to continue later.
-void Connection::runStrand()
+void Connection::runStrand() noexcept
 {
     const auto callOne = [this](const Notice& notice) { call(notice); };
     Strand::Result result = Strand::Result::HasMore;
@@ -856,21 +928,29 @@ void Connection::runStrand()
 }
 
 // The boundary to the application's code.
-void Connection::call(const Notice& notice)
+void Connection::call(const Notice& notice) noexcept
 {
     try {
         callHandler(notice);
     } catch (const std::exception& error) {
-        logException(error.what());
-        close(closecode::kInternalError, "internal error");
+        handleException(error.what());
     } catch (...) {
-        logException("unknown exception");
-        close(closecode::kInternalError, "internal error");
+        handleException(kUnknownException);
     }
     if (notice.kind != Notice::Kind::Close)
         return;
     mHandler.reset();
     leaveHalf();
+}
+
+void Connection::handleException(const char* what) noexcept
+{
+    logOfSession(*mOptions, kException, what);
+    try {
+        close(closecode::kInternalError, "internal error");
+    } catch (...) {
+        abort();  // no memory for a close frame
+    }
 }
 
 void Connection::callHandler(const Notice& notice)
@@ -897,7 +977,7 @@ void Connection::callHandler(const Notice& notice)
     }
 }
 
-void Connection::leaveHalf()
+void Connection::leaveHalf() noexcept
 {
     if (--mHalves == 0)
         mMembership->leave();

@@ -51,15 +51,15 @@ public:
     const std::string& subprotocol() const override { return mSubprotocol; }
     const IpAddress& peerAddress() const override { return mPeerAddress; }
     // Pushes itself to its loop, which calls `onReady`.
-    void begin();
+    void begin() noexcept;
 
-    // The loop's thread.
-    std::shared_ptr<Connection> takeScheduled();
-    void onEvents(uint32_t events);
-    void onReady();
-    void onTimer();
-    void closeForShutDown();
-    void endByDeadline();
+    // The loop's thread. Without memory they end the connection.
+    std::shared_ptr<Connection> takeScheduled() noexcept;
+    void onEvents(uint32_t events) noexcept;
+    void onReady() noexcept;
+    void onTimer() noexcept;
+    void closeForShutDown() noexcept;
+    void endByDeadline() noexcept;
 
 private:
     friend class Loop;
@@ -75,46 +75,53 @@ private:
     // Any thread.
     SendResult sendMessage(Opcode opcode, BinaryView payload);
     SendResult sendWithContext(Opcode opcode, BinaryView payload);
+    OutFrame compressWithContext(Opcode opcode, BinaryView payload);
     SendResult put(Opcode opcode, bool rsv1, BinaryView payload, bool isDroppable);
     SendResult enqueue(OutFrame frame);
     SendResult makeSpace(size_t bytes);
     bool dropOldest(size_t bytes);
     void dropFrame(OutFrame& frame);
-    void overflow();
+    void overflow() noexcept;
     bool queueClose(uint16_t code, std::string_view reason);
     bool push(OutFrame frame);
-    bool schedule();
-    void wakeIf(bool isNeeded);
-    void afterCallbacks();
+    bool pushCharged(OutFrame frame);
+    bool pushClose(uint16_t code, std::string_view reason);
+    bool schedule() noexcept;
+    void wakeIf(bool isNeeded) noexcept;
 
     // The loop's thread.
+    template <typename Turn> void perform(Turn turn) noexcept;
     void start();
+    void ready();
+    void checkDeadlines();
     void receive();
     bool handleReceived();
     void handlePeerClose();
     void discardReceived();
     void sendNow(const uint8_t* header, size_t headerBytes, BinaryView payload);
     void sendOut(BinaryView more);
+    void keepUnsent(Buffer& out, BinaryView more, size_t sent);
     void flush();
     bool takeQueued();
     void removeSent(size_t bytes);
     void settle();
     void fail(uint16_t code, const char* reason);
-    void lose(const char* reason);
+    void lose(const char* reason) noexcept;
     void drain();
-    void finish();
+    void finish() noexcept;
     bool isReceiving() const { return mState == State::Open || mState == State::CloseSent; }
     bool isPaused() const;
     void updateEvents();
     void updateTimer();
     void notify(const Notice& notice);
-    void notifyClosed();
-    void leaveHalf();
+    void notifyClosed() noexcept;
+    void leaveHalf() noexcept;
     // The loop's thread, or the executor.
-    void call(const Notice& notice);
+    void call(const Notice& notice) noexcept;
     void callHandler(const Notice& notice);
-    bool submit();
-    void runStrand();
+    void handleException(const char* what) noexcept;
+    bool submit() noexcept;
+    void runStrand() noexcept;
 
     const std::shared_ptr<Loop> mLoop;
     const std::shared_ptr<Membership> mMembership;
@@ -147,15 +154,19 @@ private:
     std::vector<OutFrame> mSending;  // taken from the queue
     size_t mSendingBegin = 0;
     size_t mSentOfFirst = 0;
-    size_t mIndex = 0;  // in the loop's list
+    // In the loop's list.
+    std::shared_ptr<Connection> mHeld;
+    Connection* mPrevious = nullptr;
+    Connection* mNext = nullptr;
     int64_t mReceivedMs = 0;
     int64_t mPingedMs = 0;
     int64_t mProgressMs = 0;       // of sending
     int64_t mCloseDeadlineMs = 0;  // 0: none
     const char* mLoss = "";        // why the connection was lost
-    std::string mCloseReason;
-    uint16_t mCloseCode = 0;  // of the peer's close frame, or of the failure
-    uint32_t mEvents = 0;     // that epoll reports
+    const char* mFailure = "";     // why the server has failed it
+    std::string mPeerReason;       // of the peer's close frame
+    uint16_t mCloseCode = 0;       // likewise, or of the failure
+    uint32_t mEvents = 0;          // that epoll reports
     State mState = State::New;
     bool mIsBlocked = false;  // the socket takes no more
     bool mHadToWait = false;  // since the last onDrained

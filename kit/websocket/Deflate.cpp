@@ -26,10 +26,24 @@ constexpr size_t kMaxStepBytes = 1048576;
 constexpr size_t kMaxZlibBytes = std::numeric_limits<uInt>::max();
 // Each costs a copy of the window; a sender needs one for a message.
 constexpr int kMaxFinalBlocks = 16;
+// Memory that a thread keeps for the next message.
+constexpr size_t kMaxKeptBytes = 4194304;
 // In `data_type` of the stream.
 constexpr int kAtEndOfBlock = 128;
 // An empty block behind the data, and a header.
 constexpr size_t kFlushBytes = 16;
+
+struct OfThread
+{
+    std::optional<Deflater> deflater;
+    Buffer compressed;
+};
+
+OfThread& ofThread()
+{
+    thread_local OfThread kept;
+    return kept;
+}
 
 Bytef* withoutConst(const uint8_t* bytes)
 {
@@ -85,12 +99,26 @@ void Deflater::reset()
 
 Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel)
 {
-    thread_local std::optional<Deflater> kept;
+    std::optional<Deflater>& kept = ofThread().deflater;
     if (!kept || !kept->isValid() || !kept->hasParameters(windowBits, level, memoryLevel))
         kept.emplace(windowBits, level, memoryLevel);
     else
         kept->reset();
     return *kept;
+}
+
+Buffer& compressedOfThread()
+{
+    Buffer& compressed = ofThread().compressed;
+    compressed.clear();
+    if (compressed.capacity() > kMaxKeptBytes)
+        compressed.release();
+    return compressed;
+}
+
+void prepareThread()
+{
+    ofThread();
 }
 
 Inflater::Inflater() : mStream(std::make_unique<z_stream>())

@@ -56,6 +56,13 @@ private:
 // A compressor of the calling thread, without context. Kept until the thread ends.
 Deflater& deflaterOfThread(int windowBits, int level, int memoryLevel);
 
+// Empty memory of the calling thread for a compressed message. Kept until the thread ends.
+Buffer& compressedOfThread();
+
+// Makes both, without content. On a thread that must outlive the lack of memory it is called first:
+// the C library ends the process when it cannot register an object of a thread.
+void prepareThread();
+
 // Decompresses messages as they arrive. Not thread-safe.
 class Inflater
 {

@@ -31,9 +31,17 @@ void SessionHandler::onPong(Session&, BinaryView) {}
 void SessionHandler::onDrained(Session&) {}
 void SessionHandler::onClose(Session&, uint16_t, std::string_view, bool) {}
 
-void logException(const char* what)
+void logOfSession(const WebSocketOptions& options, std::string_view text,
+                  std::string_view detail) noexcept
 {
-    LogError(std::string("exception in a WebSocket callback: ") + what);
+    try {
+        std::string line;
+        if (!options.name.empty())
+            line.append(options.name).append(": ");
+        LogError(line.append(text).append(detail));
+    } catch (...) {
+        // No memory, or a sink that throws: the session is more important than the line.
+    }
 }
 
 Engine::Engine(const EngineOptions& options)

@@ -4,6 +4,8 @@
 
 #include "websocket/Connection.h"
 
+#include <qvSystem/qvThread.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -88,6 +90,12 @@ size_t Membership::count() const
     return mCount;
 }
 
+Descriptor::~Descriptor()
+{
+    if (mDescriptor != -1)
+        ::close(mDescriptor);
+}
+
 Loop::Loop(std::shared_ptr<Membership> membership)
     : mMembership(std::move(membership)), mEpoll(epoll_create1(EPOLL_CLOEXEC)),
       mWakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), mNowMs(nowMs()), mTimers(mNowMs),
@@ -97,25 +105,16 @@ Loop::Loop(std::shared_ptr<Membership> membership)
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = nullptr;
-    try {
-        require(mEpoll != -1 && mWakeUp != -1, "cannot make an event loop");
-        require(epoll_ctl(mEpoll, EPOLL_CTL_ADD, mWakeUp, &event) == 0,
-                "cannot make an event loop");
-        const BlockedSignals blocked;
-        mThread = std::thread([this] { run(); });
-    } catch (...) {
-        ::close(mEpoll);
-        ::close(mWakeUp);
-        throw;
-    }
+    require(mEpoll != -1 && mWakeUp != -1, "cannot make an event loop");
+    require(epoll_ctl(mEpoll, EPOLL_CTL_ADD, mWakeUp, &event) == 0, "cannot make an event loop");
+    const BlockedSignals blocked;
+    mThread = std::thread([this] { run(); });
     pthread_setname_np(mThread.native_handle(), "websocket");
 }
 
 Loop::~Loop()
 {
     stop();
-    ::close(mEpoll);
-    ::close(mWakeUp);
 }
 
 int64_t Loop::nowMs()
@@ -180,7 +179,7 @@ int Loop::timeoutMs() const
     const int64_t now = nowMs();
     int64_t timeout = mTimers.timeoutMs(now);
     const int64_t deadline = mDrainDeadlineMs;
-    if (deadline != 0 && !mConnections.empty()) {
+    if (deadline != 0 && mFirst) {
         const int64_t left = std::max<int64_t>(0, deadline - now);
         timeout = timeout < 0 ? left : std::min(timeout, left);
     }
@@ -190,6 +189,8 @@ int Loop::timeoutMs() const
 void Loop::run()
 {
     tLoop = this;
+    prepareThread();
+    qvThread::CurrentThreadId();  // for log lines; an object of the thread, too
     std::array<epoll_event, kMaxEvents> events;
     while (!mStops) {
         const int count = epoll_wait(mEpoll, events.data(), kMaxEvents, timeoutMs());
@@ -207,7 +208,7 @@ void Loop::run()
         mTimers.expire(mNowMs, [](TimerNode& node) { static_cast<Connection&>(node).onTimer(); });
         if (mDrainDeadlineMs != 0)
             beginDraining();
-        mEnded.clear();
+        destroyEnded();
     }
     endAll();
 }
@@ -236,11 +237,14 @@ void Loop::beginDraining()
 {
     if (!mIsDraining) {
         mIsDraining = true;
-        for (const auto& connection : mConnections)
+        for (Connection* connection = mFirst; connection;) {
+            Connection* const next = connection->mNext;
             connection->closeForShutDown();
+            connection = next;
+        }
         handleReady();
     }
-    if (mConnections.empty() || mNowMs < mDrainDeadlineMs)
+    if (!mFirst || mNowMs < mDrainDeadlineMs)
         return;
     endAll();
 }
@@ -248,29 +252,38 @@ void Loop::beginDraining()
 void Loop::endAll()
 {
     handleReady();
-    while (!mConnections.empty()) {
-        const std::shared_ptr<Connection> connection = mConnections.back();
-        connection->endByDeadline();
-    }
+    while (mFirst)
+        mFirst->endByDeadline();
     handleReady();
-    mEnded.clear();
+    destroyEnded();
 }
 
-void Loop::add(std::shared_ptr<Connection> connection)
+void Loop::destroyEnded()
 {
-    connection->mIndex = mConnections.size();
-    mConnections.push_back(std::move(connection));
+    while (mFirstEnded) {
+        const std::shared_ptr<Connection> ended = std::move(mFirstEnded->mHeld);
+        mFirstEnded = ended->mNext;
+    }
 }
 
-void Loop::remove(Connection& connection)
+void Loop::add(std::shared_ptr<Connection> connection) noexcept
+{
+    Connection& added = *connection;
+    added.mHeld = std::move(connection);
+    added.mNext = mFirst;
+    if (mFirst)
+        mFirst->mPrevious = &added;
+    mFirst = &added;
+}
+
+void Loop::remove(Connection& connection) noexcept
 {
     mTimers.remove(connection);
-    mEnded.push_back(std::move(mConnections[connection.mIndex]));
-    if (connection.mIndex + 1 != mConnections.size()) {
-        mConnections[connection.mIndex] = std::move(mConnections.back());
-        mConnections[connection.mIndex]->mIndex = connection.mIndex;
-    }
-    mConnections.pop_back();
+    (connection.mPrevious ? connection.mPrevious->mNext : mFirst) = connection.mNext;
+    if (connection.mNext)
+        connection.mNext->mPrevious = connection.mPrevious;
+    connection.mNext = mFirstEnded;
+    mFirstEnded = &connection;
     mLoad.fetch_sub(1, std::memory_order_relaxed);
 }
 

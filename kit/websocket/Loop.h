@@ -14,12 +14,25 @@
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace qv::kit::websocket
 {
 
 class Connection;
+
+// Closes its descriptor.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    operator int() const { return mDescriptor; }
+
+private:
+    const int mDescriptor;
+};
 
 // Shared by the sessions of an engine. Any thread.
 class Membership
@@ -57,7 +70,8 @@ private:
     bool mIsClosed = false;
 };
 
-// Waits for descriptors, deadlines and wake-ups of its connections.
+// Waits for descriptors, deadlines and wake-ups of its connections. Its own work needs no memory,
+// so that it goes on when there is none.
 //
 // A connection with work from another thread is pushed to a list without a lock; the first of a
 // round also writes to the eventfd. Everything without a comment is used by the loop's thread.
@@ -91,17 +105,17 @@ private:
     static constexpr size_t kScratchBytes = 65536;
 
     void run();
-    void handleEvents(int count);
     void handleReady();
     void beginDraining();
     void endAll();
+    void destroyEnded();
     int timeoutMs() const;
-    void add(std::shared_ptr<Connection> connection);
-    void remove(Connection& connection);
+    void add(std::shared_ptr<Connection> connection) noexcept;
+    void remove(Connection& connection) noexcept;
 
     const std::shared_ptr<Membership> mMembership;
-    int mEpoll = -1;
-    int mWakeUp = -1;
+    const Descriptor mEpoll;
+    const Descriptor mWakeUp;
     std::atomic<Connection*> mReady{nullptr};  // any thread pushes, the loop takes all
     std::atomic<size_t> mLoad{0};
     std::atomic<int64_t> mDrainDeadlineMs{0};  // 0: not shutting down
@@ -109,8 +123,8 @@ private:
 
     int64_t mNowMs;
     bool mIsDraining = false;
-    std::vector<std::shared_ptr<Connection>> mConnections;
-    std::vector<std::shared_ptr<Connection>> mEnded;  // destroyed after the events of a round
+    Connection* mFirst = nullptr;       // a list, which owns its elements
+    Connection* mFirstEnded = nullptr;  // likewise: destroyed after the events of a round
     TimerWheel mTimers;
     // Shared by the connections, one of which is handled at a time.
     std::unique_ptr<uint8_t[]> mScratch;

@@ -2,7 +2,6 @@
 
 #include "websocket/Strand.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace qv::kit::websocket
@@ -13,22 +12,42 @@ namespace
 // Counted for each notice besides its payload.
 constexpr size_t kNoticeBytes = 96;
 
-bool isMessage(Notice::Kind kind)
-{
-    return kind != Notice::Kind::Open && kind != Notice::Kind::Close;
-}
-
 }  // namespace
 
 bool Strand::add(const Notice& notice)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (mIsRefused && isMessage(notice.kind))
-        return false;
-    mNotices.push_back({notice, std::string(notice.payload.asText())});
-    mBytes += kNoticeBytes + notice.payload.size();
-    mWasFull = mWasFull || mBytes >= mMaxBytes;
+    if (notice.kind == Notice::Kind::Open) {
+        mHasOpen = true;
+    } else if (notice.kind == Notice::Kind::Close) {
+        mClose = notice;
+        mHasClose = true;
+    } else {
+        if (mIsRefused)
+            return false;
+        mNotices.push_back({notice, std::string(notice.payload.asText())});
+        mBytes += kNoticeBytes + notice.payload.size();
+        mWasFull = mWasFull || mBytes >= mMaxBytes;
+    }
     return !std::exchange(mIsRunning, true);
+}
+
+// Under mMutex.
+bool Strand::takeNext(Stored& stored)
+{
+    if (std::exchange(mHasOpen, false)) {
+        stored.notice = {.kind = Notice::Kind::Open};
+    } else if (!mNotices.empty()) {
+        stored = std::move(mNotices.front());
+        mNotices.pop_front();
+        mBytes -= kNoticeBytes + stored.payload.size();
+        stored.notice.payload = BinaryView(stored.payload);
+    } else if (std::exchange(mHasClose, false)) {
+        stored.notice = mClose;
+    } else {
+        return false;
+    }
+    return true;
 }
 
 Strand::Result Strand::run(const Call& call, size_t maxNotices)
@@ -37,35 +56,26 @@ Strand::Result Strand::run(const Call& call, size_t maxNotices)
         Stored stored;
         {
             const std::lock_guard<std::mutex> lock(mMutex);
-            if (mNotices.empty()) {
+            if (ran == maxNotices && (mHasOpen || mHasClose || !mNotices.empty()))
+                return Result::HasMore;
+            if (!takeNext(stored)) {
                 mIsRunning = false;
                 return std::exchange(mWasFull, false) ? Result::HasSpace : Result::Empty;
             }
-            if (ran == maxNotices)
-                return Result::HasMore;
-            stored = std::move(mNotices.front());
-            mNotices.pop_front();
-            mBytes -= kNoticeBytes + stored.payload.size();
         }
-        stored.notice.payload = BinaryView(stored.payload);
         call(stored.notice);
     }
 }
 
-void Strand::discardMessages()
+void Strand::discardMessages() noexcept
 {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsRefused = true;
-    const auto removed = [this](const Stored& stored) {
-        if (!isMessage(stored.notice.kind))
-            return false;
-        mBytes -= kNoticeBytes + stored.payload.size();
-        return true;
-    };
-    mNotices.erase(std::remove_if(mNotices.begin(), mNotices.end(), removed), mNotices.end());
+    mNotices.clear();
+    mBytes = 0;
 }
 
-bool Strand::isFull() const
+bool Strand::isFull() const noexcept
 {
     const std::lock_guard<std::mutex> lock(mMutex);
     return mWasFull;

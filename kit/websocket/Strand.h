@@ -20,13 +20,14 @@ struct Notice
 {
     enum class Kind : uint8_t { Open, Text, Binary, Pong, Drained, Close };
 
-    Kind kind;
+    Kind kind = Kind::Open;
     bool isClean = false;
     uint16_t code = 0;
     BinaryView payload = {};  // the message, or the reason
 };
 
-// Queues notices for an executor. Notices are added by the loop's thread.
+// Queues notices for an executor. Notices are added by the loop's thread. Those of the first and
+// the last callback need no memory.
 class Strand
 {
 public:
@@ -41,17 +42,18 @@ public:
         HasMore    // submit another task that calls `run`
     };
 
-    // True: submit a task that calls `run`.
+    // True: submit a task that calls `run`. The payload is copied, but for the last notice: that
+    // one must stay.
     bool add(const Notice& notice);
 
     // Runs as many notices, in order. Not called while it runs.
     Result run(const Call& call, size_t maxNotices);
 
     // The executor has refused the task: only Open and Close are kept. Then `run`.
-    void discardMessages();
+    void discardMessages() noexcept;
 
     // The queue is full: receive nothing more.
-    bool isFull() const;
+    bool isFull() const noexcept;
 
 private:
     struct Stored
@@ -60,9 +62,14 @@ private:
         std::string payload;
     };
 
+    bool takeNext(Stored& stored);
+
     const size_t mMaxBytes;
     mutable std::mutex mMutex;
     std::deque<Stored> mNotices;  // these under mMutex
+    Notice mClose;
+    bool mHasOpen = false;
+    bool mHasClose = false;
     size_t mBytes = 0;
     bool mIsRunning = false;  // a task is queued or runs
     bool mIsRefused = false;

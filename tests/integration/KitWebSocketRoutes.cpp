@@ -9,6 +9,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -173,6 +174,25 @@ TEST(KitWebSocketRoutes, RespondAsUsualWhenTheHandlerRefuses)
     EXPECT_EQ(server.ask(handshake("/throw")).status, 403);
     EXPECT_EQ(server.ask(handshake("/nothing")).status, 500);
     EXPECT_TRUE(integration::processLog->waitForLine("GET /{way}: the handler has not responded"));
+}
+
+TEST(KitWebSocketRoutes, LogExceptionsOfCallbacksWithTheRoute)
+{
+    class Throwing : public SessionHandler
+    {
+        void onText(Session&, std::string_view) override { throw std::runtime_error("not found"); }
+    };
+    KitTestServer server([&](Router& router) {
+        router.webSocket("/{channel}", {}, [](Request&) { return std::make_shared<Throwing>(); });
+    });
+    RawClient client(server.port());
+    ASSERT_TRUE(client.send(handshake("/blue") + text("x")));
+    ASSERT_TRUE(client.receiveHead());
+    EXPECT_EQ(received(client), sent(8, "\x03\xf3internal error"));
+    EXPECT_TRUE(
+        integration::logged("GET /{channel}: exception in a WebSocket callback: not found"));
+    ASSERT_TRUE(client.send(frame(8, "\x03\xf3")));
+    EXPECT_TRUE(client.isClosedByServer());
 }
 
 TEST(KitWebSocketRoutes, LetTheHandlerChooseTheSubprotocol)

@@ -27,7 +27,8 @@ enum class SendResult : uint8_t {
 /// An open WebSocket connection. Made by `Engine::open`; the application may keep it as long as it
 /// likes, also after `onClose`, and after the engine has been destroyed.
 ///
-/// All operations may be called on any thread, also inside callbacks, and none of them waits.
+/// All operations may be called on any thread, also inside callbacks, and none of them waits. Those
+/// that send throw `std::bad_alloc` without memory; then nothing of the message is sent.
 class Session
 {
 public:

@@ -73,6 +73,10 @@ struct WebSocketOptions
     /// Where the callbacks of a session run, one at a time and in order; on its event loop when
     /// empty. If it returns false, the session is closed with 1013, and `onClose` runs on the loop.
     Executor executor;
+
+    /// Begins the log lines of the sessions. `Router::webSocket` sets it to the pattern of the
+    /// route, such as "GET /channels/{channel}", when it is empty.
+    std::string name;
 };
 
 }  // namespace qv::kit::websocket
