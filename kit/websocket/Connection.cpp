@@ -236,13 +236,23 @@ SendResult Connection::makeSpace(size_t bytes)
     case QueuePolicy::DropNewest:
         return SendResult::Dropped;
     case QueuePolicy::Refuse:
-        return SendResult::Full;
+        return refuse();
     case QueuePolicy::DropOldest:
         return dropOldest(bytes) ? SendResult::Queued : SendResult::Dropped;
     default:
         overflow();
         return SendResult::Closed;
     }
+}
+
+// The caller waits for `onDrained`, even if the loop then sends everything without blocking. When
+// nothing waits the budget is exhausted, and the next turn tells: a caller that tries again at once
+// would keep the loop busy. Under mMutex.
+SendResult Connection::refuse() noexcept
+{
+    if (!mOwesDrained.exchange(true) && mBufferedBytes != 0)
+        wakeIf(schedule());
+    return SendResult::Full;
 }
 
 // Nothing is dropped when that would not be enough. Under mMutex.
@@ -710,7 +720,7 @@ void Connection::settle()
     }
     if (mState == State::CloseSent && (mHasPeerClose || mHasFailed)) {
         drain();
-    } else if (isAllSent && mHadToWait && mState == State::Open) {
+    } else if (isAllSent && mState == State::Open && isDrainedAwaited()) {
         mHadToWait = false;
         tCurrent = this;
         notify({.kind = Notice::Kind::Drained});
@@ -720,6 +730,13 @@ void Connection::settle()
     }
     updateEvents();
     updateTimer();
+}
+
+// A caller that is told Full from now on is owed another call; another turn follows for it.
+bool Connection::isDrainedAwaited() noexcept
+{
+    const bool isOwed = mOwesDrained.exchange(false);
+    return isOwed || mHadToWait;
 }
 
 bool Connection::isPaused() const

@@ -79,6 +79,7 @@ private:
     SendResult put(Opcode opcode, bool rsv1, BinaryView payload, bool isDroppable);
     SendResult enqueue(OutFrame frame);
     SendResult makeSpace(size_t bytes);
+    SendResult refuse() noexcept;
     bool dropOldest(size_t bytes);
     void dropFrame(OutFrame& frame);
     void overflow() noexcept;
@@ -110,6 +111,7 @@ private:
     void drain();
     void finish() noexcept;
     bool isReceiving() const { return mState == State::Open || mState == State::CloseSent; }
+    bool isDrainedAwaited() noexcept;
     bool isPaused() const;
     void updateEvents();
     void updateTimer();
@@ -141,6 +143,7 @@ private:
     std::unique_ptr<Deflater> mDeflater;  // with context; under mMutex
     std::atomic<size_t> mBufferedBytes{0};
     std::atomic<bool> mIsCloseQueued{false};  // changed under mMutex: nothing is queued after it
+    std::atomic<bool> mOwesDrained{false};    // set under mMutex: a caller was told Full
     bool mIsOverflown = false;                // under mMutex
     bool mIsAborted = false;                  // under mMutex
     bool mHasEnded = false;                   // under mMutex: the loop does not know it any more

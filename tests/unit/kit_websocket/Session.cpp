@@ -3,6 +3,7 @@
 #include "Peer.h"
 
 #include <support/CapturedLog.h>
+#include <support/Waiting.h>
 
 #include <gmock/gmock.h>
 
@@ -409,6 +410,29 @@ TEST(Session, TellsTheCallerThatTheQueueIsFull)
         EXPECT_EQ(run.peer->receive()[3], first);
     EXPECT_EQ(run.recorder->event(2), "drained");
     EXPECT_EQ(run.session->bufferedBytes(), 0u);
+}
+
+// The loop is busy while another thread fills the queue, and sends it without waiting for the peer.
+TEST(Session, CallsOnDrainedAfterFullThoughThePeerTakesEverythingAtOnce)
+{
+    WebSocketOptions options = withLongTimeouts();
+    options.sendQueueBytes = 1000;
+    options.queuePolicy = QueuePolicy::Refuse;
+    SessionRun run(options);
+    qv::tests::Latch isFull;
+    run.recorder->whenText = [&](Session&, std::string_view) { isFull.wait(); };
+    Peer& peer = run.open();
+    peer.send(frame(Opcode::Text, "wait"));
+    EXPECT_EQ(run.recorder->event(2), "text:wait");
+    const std::string message(400, 'm');
+    EXPECT_EQ(run.session->sendText(message), SendResult::Queued);
+    EXPECT_EQ(run.session->sendText(message), SendResult::Queued);
+    EXPECT_EQ(run.session->sendText(message), SendResult::Full);
+    isFull.open();
+    EXPECT_EQ(run.recorder->event(3), "drained");
+    EXPECT_EQ(run.session->sendText(message), SendResult::Queued);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(peer.receive(), "81:" + message);
 }
 
 TEST(Session, DropsTheNewestMessageOfAFullQueue)
