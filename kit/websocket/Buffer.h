@@ -77,10 +77,13 @@ public:
         return true;
     }
 
+    // Most of the memory is unused.
+    bool isOversized() const { return mCapacity > kMinCapacityBytes && mCapacity / 4 > mSize; }
+
     // Gives unused memory back when most of it is unused.
     void shrink()
     {
-        if (mCapacity > kMinCapacityBytes && mCapacity / 4 > mSize)
+        if (isOversized())
             setCapacity(std::max(mSize, kMinCapacityBytes));
     }
 

@@ -35,6 +35,9 @@ constexpr size_t kMaxTakenBytes = 262144;
 // Memory that a loop keeps for the next message.
 constexpr size_t kMaxKeptBytes = 4194304;
 constexpr size_t kMaxKeptFrames = 16;
+// Unused memory of an unfinished message is given back after this time: most messages are complete
+// before, and memory that is given back and taken again costs more than a copy.
+constexpr int64_t kShrinkDelayMs = 100;
 // Callbacks of one task of the executor.
 constexpr size_t kMaxNoticesAtOnce = 16;
 
@@ -512,9 +515,11 @@ void Connection::receive()
         lose("the connection was reset");
     tCurrent = nullptr;
     if (mParser.isInMessage()) {
-        mParser.buffer().shrink();
+        if (mShrinkMs == 0 && mParser.buffer().isOversized())
+            mShrinkMs = mLoop->mNowMs + kShrinkDelayMs;
         return;
     }
+    mShrinkMs = 0;
     // The loop keeps the larger one of its buffer and that of the message.
     Buffer& own = mParser.buffer();
     own.clear();
@@ -776,6 +781,8 @@ void Connection::updateTimer()
     };
     if (mCloseDeadlineMs != 0)
         first = mCloseDeadlineMs;
+    if (mShrinkMs != 0)
+        first = std::min(first, mShrinkMs);
     if (mIsBlocked)
         add(mProgressMs, mOptions->sendTimeout);
     if (mState == State::Open && (mEvents & EPOLLIN) != 0) {
@@ -797,6 +804,10 @@ void Connection::checkDeadlines()
     const auto isOver = [now](int64_t fromMs, std::chrono::milliseconds after) {
         return after.count() > 0 && now >= fromMs + after.count();
     };
+    if (mShrinkMs != 0 && now >= mShrinkMs) {
+        mShrinkMs = 0;
+        mParser.buffer().shrink();
+    }
     const bool isListening = mState == State::Open && (mEvents & EPOLLIN) != 0;
     if (mCloseDeadlineMs != 0 && now >= mCloseDeadlineMs)
         lose("the close handshake took too long");

@@ -165,6 +165,7 @@ private:
     int64_t mPingedMs = 0;
     int64_t mProgressMs = 0;       // of sending
     int64_t mCloseDeadlineMs = 0;  // 0: none
+    int64_t mShrinkMs = 0;         // likewise: when the parser's buffer is to be shrunk
     const char* mLoss = "";        // why the connection was lost
     const char* mFailure = "";     // why the server has failed it
     std::string mPeerReason;       // of the peer's close frame

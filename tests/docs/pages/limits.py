@@ -135,6 +135,7 @@ NOT_FOR_USERS = {
     "kit/websocket/Connection.cpp kMaxFramesAtOnce": "how much is collected for one call",
     "kit/websocket/Connection.cpp kMaxTakenBytes": "how much is collected for one call",
     "kit/websocket/Connection.cpp kMaxKeptFrames": "memory kept; some bytes",
+    "kit/websocket/Connection.cpp kShrinkDelayMs": "memory kept for a moment",
     "kit/websocket/Deflate.cpp kMinWindowBits": "the compressor's",
     "kit/websocket/Deflate.cpp kMaxWindowBits": "the protocol's",
     "kit/websocket/Deflate.cpp kTailBytes": "the protocol's",
