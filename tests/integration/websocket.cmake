@@ -74,8 +74,27 @@ endif()
 if(websocket_python)
     websocket_session_tests(Python ${websocket_python} ${websocket_tests_dir}/python_client.py)
 endif()
+foreach(package Websockets Aiohttp)
+    string(TOLOWER ${package} module)
+    find_python_that(${module}_python "import ${module}, websocket")
+    if(${module}_python)
+        websocket_session_tests(${package} ${${module}_python}
+            ${websocket_tests_dir}/async_client.py ${module})
+    else()
+        message(STATUS "Tests of WebSocket sessions with python3-${module}: left out, it is missing")
+    endif()
+endforeach()
 if(EXISTS ${chromium})
     websocket_session_tests(Browser)
 else()
     message(STATUS "Tests of WebSocket sessions with a browser: left out, there is no ${chromium}")
 endif()
+
+# Generated cases of the protocol.
+foreach(class Framing Control Fragmentation Unicode Close Limits Deflate)
+    wendrel_python_tests(PREFIX websocket_conformance
+        SCRIPT ${websocket_tests_dir}/conformance.py
+        CLASS ${class}
+        TIMEOUT 900
+        ENVIRONMENT WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_session_server>)
+endforeach()

@@ -82,6 +82,26 @@ class Python(SessionCase):
         self.check_connections()
 
 
+class Websockets(SessionCase):
+    """Debian's python3-websockets."""
+
+    def test_echoes_messages_of_all_sizes(self):
+        self.check_messages(1000)  # compressed
+
+    def test_echoes_on_200_connections_at_once(self):
+        self.check_connections()
+
+
+class Aiohttp(SessionCase):
+    """Debian's python3-aiohttp."""
+
+    def test_echoes_messages_of_all_sizes(self):
+        self.check_messages(1000)  # compressed
+
+    def test_echoes_on_200_connections_at_once(self):
+        self.check_connections()
+
+
 class Browser(SessionCase):
     """Chromium, without a proxy."""
 

@@ -115,9 +115,9 @@ class EchoCase(unittest.TestCase):
         print(client.output[-1], end="", file=sys.stderr)
         return tuple(map(int, COUNTS.match(client.output[-1]).groups()))
 
-    def check_messages(self):
-        counts = self.check_client(self.start_client("messages", MESSAGES))
-        self.assertEqual(counts[0], MESSAGES)
+    def check_messages(self, count=MESSAGES):
+        counts = self.check_client(self.start_client("messages", count))
+        self.assertEqual(counts[0], count)
         self.assertEqual(counts[2], 1)
         self.check_left_as_found(*counts)
 
