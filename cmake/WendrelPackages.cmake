@@ -42,7 +42,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libwendrel-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
-These are the headers, the kit (worker pool, router, WebSocket hub; a static
+These are the headers, the kit (worker pool, router, WebSockets; a static
 library), and what CMake and pkg-config need to find them.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libwendrel3.0 (= ${wendrel_debian_version}), libssl-dev, zlib1g-dev")

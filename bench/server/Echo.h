@@ -1,8 +1,8 @@
-// An upgraded connection that echoes messages.
+// A WebSocket of polling mode that echoes messages.
 #ifndef BENCH_SERVER_ECHO_H
 #define BENCH_SERVER_ECHO_H
 
-#include <Wendrel/kit/WebSocketHub.h>
+#include <Wendrel/WebSocket.h>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,11 +15,11 @@
 namespace bench
 {
 
-class Echo : public qv::kit::HubConnection
+class Echo : public qv::http::WebSocket
 {
 public:
     // Sends small pieces at once, as an interactive application would.
-    explicit Echo(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded))
+    explicit Echo(qv::http::WebSocket&& upgraded) : WebSocket(std::move(upgraded))
     {
         const int on = 1;
         ::setsockopt(getSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

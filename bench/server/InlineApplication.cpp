@@ -11,8 +11,10 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace bench
 {
@@ -46,9 +48,11 @@ public:
 
 InlineApplication::InlineApplication(const Options& options)
     : mLends(!options.polling), mUsesPool(options.mode == Mode::Worker),
-      mHub({.workers = options.workers}), mPool(options.workers, kMaxConnections)
+      mPool(options.workers, kMaxConnections)
 {
-    if (options.webSocket && !options.polling)
+    if (options.webSocket && options.polling)
+        mPollingEcho.startThreads(options.workers);
+    else if (options.webSocket)
         mWebSocketEcho = std::make_unique<WebSocketEcho>(options, mPool);
 }
 
@@ -102,13 +106,14 @@ size_t InlineApplication::releaseWaiting()
 
 void InlineApplication::onNewWebSocket(qv::http::WebSocket* socket)
 {
-    mHub.adopt<Echo>(socket);
+    const std::unique_ptr<qv::http::WebSocket> upgraded(socket);
+    std::unique_ptr<qv::http::WebSocket> echo = std::make_unique<Echo>(std::move(*upgraded));
+    mPollingEcho.addWebSocket(echo);
 }
 
 // The connections must be closed while the daemon is still there to close them.
 void InlineApplication::onServerStopped()
 {
-    mHub.close(kLastWordsLimit);
     if (mWebSocketEcho)
         mWebSocketEcho->shutDown(kLastWordsLimit);
 }
@@ -126,6 +131,9 @@ bool serveInline(const Options& options)
     if (!startServer(server, options))
         return false;
     stopSignal.wait();
+    // A worker of the library's WebSocket threads that holds a connection does not end.
+    if (options.webSocket && options.polling)
+        std::_Exit(0);
     shutDownServer(server, options);
     server.stopServer(true);
     return true;

@@ -8,7 +8,7 @@
 #include "support/Options.h"
 
 #include <Wendrel/HttpServer.h>
-#include <Wendrel/kit/WebSocketHub.h>
+#include <Wendrel/WebSocket.h>
 
 #include <cstddef>
 #include <memory>
@@ -42,9 +42,9 @@ private:
     RequestBins mBins;
     std::mutex mMutex;
     std::vector<InlineRequest*> mWaiting;  // under mMutex; not served, so not deleted either
-    qv::kit::WebSocketHub mHub;
-    Pool mPool;                                     // its threads use requests
+    Pool mPool;                            // its threads use requests
     std::unique_ptr<WebSocketEcho> mWebSocketEcho;  // null: polling mode, or not wanted
+    qv::http::WebSocketThread mPollingEcho;         // started in polling mode, if wanted
 };
 
 // Serves until the process is told to stop; false when it could not listen.

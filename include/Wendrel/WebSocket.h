@@ -41,8 +41,8 @@ class WebSocketThread;
 /// fill. The object must outlive every call of `writeMessage`: take it out of the
 /// application's own lists in the destructor of the derived class.
 ///
-/// Frames are handled as described in docs/websocket.md: no control frames, no size limits, no
-/// end of stream. Ignore SIGPIPE: sending on a closed connection raises it.
+/// Frames are handled as described in docs/websocket-polling-mode.md: no control frames, no size
+/// limits, no end of stream. Ignore SIGPIPE: sending on a closed connection raises it.
 class WENDREL_EXPORT WebSocket
 {
 public:
@@ -222,7 +222,7 @@ public:
     /// Ends the threads. With `wait` it returns when they have ended, or after 2147483647 ms
     /// (24 days) for each: a worker does not end while it has a connection, be it one that it is
     /// handling at this moment or one that it has closed and got no other for. So stop with
-    /// idle workers only, see docs/websocket.md; the kit's hub does.
+    /// idle workers only, see docs/websocket-polling-mode.md.
     void stopThreads(bool wait) QV_EXCLUDES(lock);
 
 protected:

@@ -1,14 +1,13 @@
-// The server of docs/websocket.md: echoes every message until SIGINT or SIGTERM.
+// The server of docs/websocket-polling-mode.md: echoes every message until SIGINT or SIGTERM.
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
-#include <Wendrel/kit/WebSocketHub.h>
 
 #include <qvSystem/qvThread.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -23,10 +22,10 @@
 using qv::HttpBaseRequest;
 using qv::http::HttpServer;
 
-class Echo : public qv::kit::HubConnection
+class Echo : public qv::http::WebSocket
 {
 public:
-    explicit Echo(qv::http::WebSocket&& upgraded) : HubConnection(std::move(upgraded)) {}
+    explicit Echo(qv::http::WebSocket&& upgraded) : WebSocket(std::move(upgraded)) {}
 
     void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
     {
@@ -62,9 +61,16 @@ private:
 class EchoApplication : public qv::http::HttpServerImpl
 {
 public:
-    void onNewWebSocket(qv::http::WebSocket* socket) override { mHub.adopt<Echo>(socket); }
+    EchoApplication() { mWebSockets.startThreads(4); }
 
-    void onServerStopped() override { mHub.close(std::chrono::seconds(1)); }
+    void onNewWebSocket(qv::http::WebSocket* socket) override
+    {
+        const std::unique_ptr<qv::http::WebSocket> upgraded(socket);
+        std::unique_ptr<qv::http::WebSocket> echo = std::make_unique<Echo>(std::move(*upgraded));
+        mWebSockets.addWebSocket(echo);
+    }
+
+    void onServerStopped() override {}
 
     HttpBaseRequest* createRequest() override
     {
@@ -84,7 +90,7 @@ public:
 private:
     std::mutex mMutex;
     std::list<std::unique_ptr<NotFound>> mRequests;  // deleted when they are completed
-    qv::kit::WebSocketHub mHub;
+    qv::http::WebSocketThread mWebSockets;
 };
 
 int main(int argc, char** argv)
@@ -101,7 +107,6 @@ int main(int argc, char** argv)
         parameters.port = static_cast<uint16_t>(std::atoi(argv[1]));
     parameters.allowWebSocket = true;
     qv::initializeWendrel();
-    int status = 1;
     {
         HttpServer server(new EchoApplication);  // deletes it
         server.startServer(parameters);
@@ -112,10 +117,9 @@ int main(int argc, char** argv)
             std::fflush(stdout);
             int number = 0;
             sigwait(&signals, &number);
-            server.stopServer(true);
-            status = 0;
+            std::_Exit(0);  // a worker that holds a connection would not end
         }
     }
     qv::terminateWendrel();
-    return status;
+    return 1;
 }

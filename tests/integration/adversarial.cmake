@@ -21,7 +21,7 @@ add_executable(integration_adversarial
     adversarial/SlowHttpTest.cpp adversarial/WebSocketAbuse.cpp)
 set_target_properties(integration_adversarial PROPERTIES CXX_EXTENSIONS OFF)
 target_link_libraries(integration_adversarial PRIVATE
-    wendrel_build Wendrel::Kit CURL::libcurl wendrel_test_support GTest::gmock GTest::gtest)
+    wendrel_build Wendrel::Kit CURL::libcurl wendrel_test_support ZLIB::ZLIB GTest::gmock GTest::gtest)
 target_compile_definitions(integration_adversarial PRIVATE
     WENDREL_ADVERSARIAL_SERVER="$<TARGET_FILE:adversarial_server>"
     WENDREL_SLOWHTTPTEST="$<$<BOOL:${SLOWHTTPTEST_PROGRAM}>:${SLOWHTTPTEST_PROGRAM}>")
@@ -30,7 +30,7 @@ add_dependencies(integration_adversarial adversarial_server)
 gtest_discover_tests(integration_adversarial TEST_PREFIX integration_adversarial. DISCOVERY_TIMEOUT 600
     PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
         ENVIRONMENT WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor})
-# Event-driven mode has no WebSockets, and limits of its own in place of the others' findings.
+# Event-driven mode has limits of its own in place of the others' findings.
 gtest_discover_tests(integration_adversarial TEST_PREFIX event_driven.adversarial. DISCOVERY_TIMEOUT 600
     TEST_FILTER "Aborts.*Deleted:Aborts.AreCompletedOnce*:Churn.*:HeaderBombs.*:LogLines.*"
     PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial

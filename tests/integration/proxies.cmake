@@ -34,10 +34,10 @@ if(NOT TARGET wendrel-filedrop OR NOT TARGET wendrel-chat)
     return()
 endif()
 
-# The server that docs/websocket.md shows.
+# The server that docs/websocket-polling-mode.md shows.
 add_executable(docs_websocket_echo ${CMAKE_CURRENT_LIST_DIR}/../docs/websocket_echo.cpp)
 set_target_properties(docs_websocket_echo PROPERTIES CXX_EXTENSIONS OFF)
-target_link_libraries(docs_websocket_echo PRIVATE wendrel_build Wendrel::Kit)
+target_link_libraries(docs_websocket_echo PRIVATE wendrel_build Wendrel::Wendrel)
 
 set(proxies_tests_dir ${CMAKE_CURRENT_LIST_DIR}/proxies)
 set(proxies_environment

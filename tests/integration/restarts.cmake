@@ -12,7 +12,7 @@ wendrel_test_program(integration_restart
     SOURCES
         main.cpp
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
-        restarts/Clients.cpp restarts/HubRestarts.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
+        restarts/Clients.cpp restarts/KitRestarts.cpp restarts/LibraryRestarts.cpp
         restarts/LibraryServer.cpp restarts/ProcessState.cpp restarts/Restarts.cpp restarts/Round.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl
     TIMEOUT 1800 SERIAL)

@@ -13,10 +13,10 @@ import urllib.parse
 
 # Files that the HTML must contain.
 MUST_HAVE = ("classqv_1_1http_1_1HttpServer.html", "classqv_1_1kit_1_1Request.html",
-             "classqv_1_1qvLog.html", "classqv_1_1Url.html", "classqv_1_1kit_1_1WebSocketHub.html",
+             "classqv_1_1qvLog.html", "classqv_1_1Url.html", "classqv_1_1kit_1_1websocket_1_1Session.html",
              "classqv_1_1kit_1_1DeferredResponse.html", "page-docs-polling-mode.html",
              "page-docs-limits-and-defaults.html", "page-docs-troubleshooting.html",
-             "page-docs-request-lifecycle.html", "page-docs-websocket.html", "page-security.html",
+             "page-docs-request-lifecycle.html", "page-docs-websocket.html", "page-docs-websocket-polling-mode.html", "page-security.html",
              "request.svg", "index.html")
 
 

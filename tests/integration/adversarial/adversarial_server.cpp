@@ -2,10 +2,10 @@
 // told from those of its clients: of the kit in event-driven mode, otherwise on the library's own
 // classes in polling mode.
 //
-// Arguments, all as name=number: threads, workers, queue, timeout (ms), websocket (0 or 1),
-// hubworkers, unsent (ms), sendbuffer (bytes, of upgraded sockets), events (1: event-driven mode);
-// and log=path for a log in a file (without it, lines are only counted). Prints "port=N". Obeys
-// orders on standard input, a line each:
+// Arguments, all as name=number: threads, workers, queue, timeout (ms), websocket (0 or 1; polling
+// mode), events (1: event-driven mode, which echoes messages on /), and for its sessions unsent
+// (ms) and budget (bytes); and log=path for a log in a file (without it, lines are only counted).
+// Prints "port=N". Obeys orders on standard input, a line each:
 //   metrics   gives unused memory back to the system and prints numbers
 //   endings   prints how requests of polling mode ended: their number, then "count kind: error" a
 //             line each
@@ -15,17 +15,16 @@
 #include "../support/WorkerApplication.h"
 
 #include <Wendrel/kit/Server.h>
-#include <Wendrel/kit/WebSocketHub.h>
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/WebSocket.h>
 #include <Wendrel/Wendrel.h>
 #include <qvSystem/qvLog.h>
 #include <support/Ports.h>
 
 #include <malloc.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -52,6 +51,8 @@ namespace
 
 using qv::HttpBaseRequest;
 using qv::kit::Request;
+using qv::kit::websocket::BinaryView;
+using qv::kit::websocket::Session;
 using std::chrono::milliseconds;
 
 constexpr size_t kPieceBytes = 65536;
@@ -60,6 +61,8 @@ constexpr unsigned kMaxKitWorkers = 1024;
 constexpr unsigned kQueueLimit = 2048;
 constexpr unsigned kThreads = 2;
 constexpr unsigned kTimeoutMs = 60000;
+constexpr unsigned kUnsentMs = 30000;
+constexpr unsigned kBudgetBytes = 256u << 20;
 constexpr uint64_t kUploadLimitBytes = 1u << 30;
 
 class Arguments
@@ -195,49 +198,16 @@ public:
     virtual uint64_t messages() const { return 0; }
 };
 
-// Echoes; "flood" requests a large message first.
-class Echo : public qv::kit::HubConnection
+class PollingApplication : public integration::WorkerApplication
 {
 public:
-    Echo(qv::http::WebSocket&& upgraded, std::atomic<uint64_t>& messages, int sendBuffer)
-        : HubConnection(std::move(upgraded)), mMessages(messages)
-    {
-        if (sendBuffer > 0)
-            ::setsockopt(getSocket(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
-    }
-
-    void onMessageReceived(std::vector<uint8_t>& received, bool isBinary) override
-    {
-        constexpr size_t kFloodBytes = 1u << 20;
-        ++mMessages;
-        const std::string_view bytes(reinterpret_cast<const char*>(received.data()),
-                                     received.size());
-        if (bytes == "flood")
-            sendBinary(std::string(kFloodBytes, 'f'));
-        else if (isBinary)
-            sendBinary(bytes);
-        else
-            sendText(bytes);
-    }
-
-private:
-    std::atomic<uint64_t>& mMessages;
-};
-
-class HubApplication : public integration::WorkerApplication
-{
-public:
-    HubApplication(const Arguments& arguments, RequestRecord& record)
+    PollingApplication(const Arguments& arguments, RequestRecord& record)
         : WorkerApplication(arguments.number("workers", kWorkers),
                             arguments.number("queue", kQueueLimit)),
-          mRecord(record), mSendBuffer(static_cast<int>(arguments.number("sendbuffer", 0))),
-          mHub(hubOptions(arguments))
+          mRecord(record)
     {}
 
-    ~HubApplication() override { stopWorkers(); }
-
-    size_t connections() const { return mHub.getCount(); }
-    uint64_t messages() const { return mMessages; }
+    ~PollingApplication() override { stopWorkers(); }
 
 protected:
     std::unique_ptr<integration::WorkerRequest> newRequest() override
@@ -247,24 +217,12 @@ protected:
 
     void onNewWebSocket(qv::http::WebSocket* socket) override
     {
-        mHub.adopt<Echo>(socket, mMessages, mSendBuffer);
+        const std::unique_ptr<qv::http::WebSocket> refused(socket);
+        refused->markForDeletion();
     }
-
-    void onServerStopped() override { mHub.close(milliseconds(0)); }
 
 private:
-    static qv::kit::WebSocketHub::Options hubOptions(const Arguments& arguments)
-    {
-        qv::kit::WebSocketHub::Options options;
-        options.workers = arguments.number("hubworkers", options.workers);
-        options.unsentLimit = milliseconds(arguments.number("unsent", 60000));
-        return options;
-    }
-
     RequestRecord& mRecord;
-    const int mSendBuffer;
-    std::atomic<uint64_t> mMessages{0};
-    qv::kit::WebSocketHub mHub;
 };
 
 class PollingTarget : public Target
@@ -285,7 +243,7 @@ public:
     // A server that has failed cannot be started again.
     bool start(uint16_t port) override
     {
-        mApplication = new HubApplication(mArguments, mRecord);
+        mApplication = new PollingApplication(mArguments, mRecord);
         mServer = std::make_unique<qv::http::HttpServer>(mApplication);
         qv::http::HttpServer::Parameters parameters;
         parameters.port = port;
@@ -311,15 +269,38 @@ public:
         return mServer ? mApplication->requestCount() : mRequests;
     }
     uint64_t deletedCount() const override { return mRecord.deleted; }
-    size_t connections() const override { return mApplication->connections(); }
-    uint64_t messages() const override { return mApplication->messages(); }
 
 private:
     const Arguments& mArguments;
     RequestRecord& mRecord;
-    HubApplication* mApplication = nullptr;  // the server's
+    PollingApplication* mApplication = nullptr;  // the server's
     std::unique_ptr<qv::http::HttpServer> mServer;
     uint64_t mRequests = 0;
+};
+
+// Echoes; "flood" requests a large message.
+class Echo : public qv::kit::websocket::SessionHandler
+{
+public:
+    void onOpen(const std::shared_ptr<Session>&) override { ++connections; }
+    void onText(Session& session, std::string_view text) override
+    {
+        constexpr size_t kFloodBytes = 1u << 20;
+        ++messages;
+        if (text == "flood")
+            session.sendBinary(BinaryView(std::string(kFloodBytes, 'f')));
+        else
+            session.sendText(text);
+    }
+    void onBinary(Session& session, BinaryView bytes) override
+    {
+        ++messages;
+        session.sendBinary(bytes);
+    }
+    void onClose(Session&, uint16_t, std::string_view, bool) override { --connections; }
+
+    std::atomic<size_t> connections{0};
+    std::atomic<uint64_t> messages{0};
 };
 
 // With the limits of polling mode, where they are the same.
@@ -329,6 +310,9 @@ public:
     KitTarget(const Arguments& arguments, RequestRecord& record) : mServer(optionsOf(arguments))
     {
         addRoutes(mServer.router(), record);
+        qv::kit::websocket::WebSocketOptions sessions;
+        sessions.sendTimeout = milliseconds(arguments.number("unsent", kUnsentMs));
+        mServer.router().webSocket("/", sessions, [this](Request&) { return mEcho; });
     }
 
     bool start(uint16_t port) override
@@ -340,6 +324,8 @@ public:
     size_t openCount() const override { return mServer.openRequests(); }
     uint64_t requestCount() const override { return mServer.requestCount(); }
     uint64_t deletedCount() const override { return requestCount() - openCount(); }
+    size_t connections() const override { return mEcho->connections; }
+    uint64_t messages() const override { return mEcho->messages; }
 
 private:
     static qv::kit::ServerOptions optionsOf(const Arguments& arguments)
@@ -352,6 +338,7 @@ private:
         options.threads = arguments.number("threads", kThreads);
         options.maxConnections = kMaxConnections;
         options.connectionMemoryBytes = kConnectionMemoryBytes;
+        options.webSockets.memoryBudgetBytes = arguments.number("budget", kBudgetBytes);
         options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
             milliseconds(arguments.number("timeout", kTimeoutMs));
         return options;
@@ -408,6 +395,7 @@ private:
         });
     }
 
+    const std::shared_ptr<Echo> mEcho = std::make_shared<Echo>();
     qv::kit::Server mServer;
 };
 

@@ -202,8 +202,9 @@ void talk(Round& round, uint32_t dice)
         ++round.echoes;
     }
     ++round.quiet;
-    if (!client.raw().receiveToEnd().empty())
+    if (client.receive())
         round.addError("a message that nobody has asked for");
+    client.raw().receiveToEnd();
     --round.quiet;
 }
 

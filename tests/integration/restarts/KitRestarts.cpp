@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -21,6 +24,8 @@ namespace
 
 using qv::kit::ContentType;
 using qv::kit::Request;
+using qv::kit::websocket::BinaryView;
+using qv::kit::websocket::Session;
 
 constexpr size_t kPieceBytes = 30000;
 
@@ -79,6 +84,19 @@ void addRoutes(qv::kit::Router& router, Round& round)
     router.put("/upload/{id}", handler(takeUpload));
 }
 
+// Echoes on the event loops, or on the workers.
+class Echo : public qv::kit::websocket::SessionHandler
+{
+public:
+    void onOpen(const std::shared_ptr<Session>&) override { ++opened; }
+    void onText(Session& session, std::string_view text) override { session.sendText(text); }
+    void onBinary(Session& session, BinaryView bytes) override { session.sendBinary(bytes); }
+    void onClose(Session&, uint16_t, std::string_view, bool) override { ++closed; }
+
+    std::atomic<uint64_t> opened{0};
+    std::atomic<uint64_t> closed{0};
+};
+
 }  // namespace
 
 void runKitServer(Round& round, Clients& clients, KitEnding ending)
@@ -100,6 +118,31 @@ void runKitServer(Round& round, Clients& clients, KitEnding ending)
     EXPECT_TRUE(hasDrained || ending != KitEnding::Drained);
     EXPECT_EQ(server.openRequests(), 0u);
     round.noteCreated(server.requestCount());
+}
+
+void runSessionServer(Round& round, Clients& clients, SessionEnding ending)
+{
+    const auto echo = std::make_shared<Echo>();
+    {
+        qv::kit::ServerOptions options;
+        options.listen = {"127.0.0.1:" + std::to_string(round.port)};
+        options.threads = 2;
+        qv::kit::Server server(options);
+        addRoutes(server.router(), round);
+        auto& route = server.router().webSocket("/", {}, [echo](Request&) { return echo; });
+        if (round.number % 2 == 1)
+            route.callbacksOnWorkers();
+        ASSERT_TRUE(server.start()) << server.failureReason();
+        clients.begin(round);
+        waitForLoad(round);
+        round.askStop();
+        if (ending != SessionEnding::Destroyed) {
+            server.stop(ending == SessionEnding::Stopped ? kLimit : std::chrono::milliseconds(0));
+            round.noteCreated(server.requestCount());
+        }
+    }
+    EXPECT_GT(echo->opened, 0u);
+    EXPECT_EQ(echo->closed, echo->opened);
 }
 
 }  // namespace integration

@@ -34,16 +34,15 @@ namespace integration
 namespace
 {
 
-// Two of three servers are driven by the library alone; the third is one of the kit or has a hub,
-// in turn.
+// Two of three servers are driven by the library alone; the third is one of the kit, with WebSocket
+// sessions or without, in turn.
 constexpr unsigned kRoundsPerOther = 3;
 
 // In polling mode, a worker that waits for the rest of an upload takes a second to notice that it
 // has ended.
 constexpr unsigned kRoundsPerHalfUpload = 16;
 
-// A hub whose workers are busy takes half a second to close.
-constexpr unsigned kHubsPerTalk = 2;
+constexpr unsigned kSessionServersPerTalk = 2;
 
 // Limits of growth until the end. A leak in each round would be far above them.
 constexpr uint64_t kAllowedAllocated = 16384;
@@ -204,7 +203,7 @@ public:
         mLibrary.print("restart_library");
         mDrained.print("restart_kit_drained");
         mKit.print("restart_kit_cut_off");
-        mHub.print("restart_hub");
+        mSessions.print("restart_sessions");
         mWatch.finish();
     }
 
@@ -220,7 +219,7 @@ private:
     Totals& runOther(Round& round)
     {
         const unsigned turn = round.number / kRoundsPerOther;
-        return turn % 2 == 0 ? runKit(round, turn / 2) : runHub(round, turn / 2);
+        return turn % 2 == 0 ? runKit(round, turn / 2) : runSessions(round, turn / 2);
     }
 
     Totals& runKit(Round& round, unsigned turn)
@@ -230,13 +229,13 @@ private:
         return ending == KitEnding::Drained ? mDrained : mKit;
     }
 
-    Totals& runHub(Round& round, unsigned turn)
+    Totals& runSessions(Round& round, unsigned turn)
     {
         round.hasWebSockets = true;
-        round.talksOn = turn % kHubsPerTalk == 0;
-        const unsigned endingTurn = turn / kHubsPerTalk;
-        runHubServer(round, mClients, static_cast<HubEnding>(endingTurn % kHubEndings));
-        return mHub;
+        round.talksOn = turn % kSessionServersPerTalk == 0;
+        const unsigned endingTurn = turn / kSessionServersPerTalk;
+        runSessionServer(round, mClients, static_cast<SessionEnding>(endingTurn % kSessionEndings));
+        return mSessions;
     }
 
     Clients mClients;
@@ -246,7 +245,7 @@ private:
     Totals mLibrary;
     Totals mDrained;
     Totals mKit;
-    Totals mHub;
+    Totals mSessions;
 };
 
 }  // namespace

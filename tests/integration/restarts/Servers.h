@@ -21,11 +21,11 @@ constexpr unsigned kKitEndings = 3;
 
 void runKitServer(Round& round, Clients& clients, KitEnding ending);
 
-/// How a server with a hub ends.
-enum class HubEnding { Stopped, Destroyed };
-constexpr unsigned kHubEndings = 2;
+/// How a server of the kit with WebSocket sessions ends.
+enum class SessionEnding { Stopped, StoppedAtOnce, Destroyed };
+constexpr unsigned kSessionEndings = 3;
 
-void runHubServer(Round& round, Clients& clients, HubEnding ending);
+void runSessionServer(Round& round, Clients& clients, SessionEnding ending);
 
 /// Waits until the load of the round is on its way: a number of responses that differs from round
 /// to round, streams, and messages on WebSockets if there are any.

@@ -18,6 +18,7 @@ namespace integration
 constexpr uint8_t kLastText = 0x81;
 constexpr uint8_t kLastBinary = 0x82;
 constexpr uint8_t kCloseFrame = 0x88;
+constexpr uint8_t kPongFrame = 0x8a;
 
 /// A client's frame. The first byte holds the fin bit and the opcode.
 inline std::string maskedFrame(uint8_t firstByte, std::string_view payload)
@@ -91,17 +92,27 @@ public:
     bool sendBinary(std::string_view bytes) { return mRaw.send(maskedFrame(kLastBinary, bytes)); }
     bool sendClose() { return mRaw.send(maskedFrame(kCloseFrame, "")); }
 
-    /// The next whole message; none when the connection ended or the limit passed before its end.
+    /// The next whole message; none when the connection ended or the limit passed before its end,
+    /// and at a close frame. Responds to that and to pings, which polling mode does not send.
     std::optional<Message> receive()
     {
         constexpr uint8_t kFinBit = 0x80;
         constexpr uint8_t kOpcodeBits = 0x0f;
         constexpr uint8_t kBinary = 2;
+        constexpr uint8_t kPingFrame = 0x89;
         Message message;
         for (;;) {
             const std::optional<Frame> frame = receiveFrame(mRaw);
             if (!frame)
                 return std::nullopt;
+            if (frame->first == kPingFrame) {
+                mRaw.send(maskedFrame(kPongFrame, frame->payload));
+                continue;
+            }
+            if (frame->first == kCloseFrame) {
+                mRaw.send(maskedFrame(kCloseFrame, frame->payload.substr(0, 2)));
+                return std::nullopt;
+            }
             if ((frame->first & kOpcodeBits) != 0)
                 message.isBinary = (frame->first & kOpcodeBits) == kBinary;
             message.bytes += frame->payload;

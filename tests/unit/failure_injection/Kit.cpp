@@ -4,7 +4,6 @@
 #include "support/CapturedLog.h"
 #include "support/FakeTime.h"
 #include "support/TestRequest.h"
-#include "websocket/Support.h"
 
 #include "Exchange.h"
 #include "RouteTable.h"
@@ -18,12 +17,10 @@
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/Wendrel.h>
 #include <Wendrel/kit/Server.h>
-#include <Wendrel/kit/WebSocketHub.h>
 
 #include <support/Waiting.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -41,13 +38,10 @@ using kit::Cookie;
 using kit::DeferredResponse;
 using kit::DeferredStream;
 using kit::Exchange;
-using kit::HubConnection;
 using kit::Request;
 using kit::ResponseHead;
 using kit::StreamWrite;
-using kit::WebSocketHub;
 using kit::WorkerPool;
-using testing::SizeIs;
 
 class CountingRecord : public impl::ConnectionRecord
 {
@@ -301,121 +295,6 @@ TEST(KitServerFailures, AServerIsMadeWholeOrNotAtAll)
                          server.reset();
                          EXPECT_FALSE(IsWendrelInitialized());
                      }}});
-}
-
-// Upgraded connections.
-
-struct Ends
-{
-    std::atomic<int> made{0};
-    std::atomic<int> closed{0};
-    std::atomic<int> destroyed{0};
-};
-
-class Joined : public HubConnection
-{
-public:
-    Joined(http::WebSocket&& upgraded, Ends& ends, const std::string& text)
-        : HubConnection(std::move(upgraded)), mText(text + kLongText), mEnds(ends)
-    {
-        ++mEnds.made;
-    }
-    ~Joined() override { ++mEnds.destroyed; }
-
-protected:
-    void onClosed() override { ++mEnds.closed; }
-
-private:
-    std::string mText;
-    Ends& mEnds;
-};
-
-class UpgradedSocket
-{
-public:
-    // For a hub, which takes ownership.
-    WebSocket* make()
-    {
-        return new WebSocket(mEnds.server(),
-                             reinterpret_cast<MHD_UpgradeResponseHandle*>(&mHandle));
-    }
-
-private:
-    SocketPair mEnds;
-    char mHandle = 0;
-};
-
-constexpr const char* kRefusedLine = "cannot start the threads of the WebSockets: "
-                                     "Resource temporarily unavailable: a connection was refused";
-
-TEST(WebSocketHubFailures, AConnectionComesIntoTheHubOrIsClosedAndToldSo)
-{
-    FailEachCallOf({{"WebSocketHub: adopt", [](Attempt& attempt) {
-                         CapturedLog log;
-                         RecordingDaemon daemon;
-                         UpgradedSocket sockets[2];
-                         Ends ends;
-                         WebSocketHub::Options options;
-                         options.workers = 1;
-                         {
-                             WebSocketHub hub(options);
-                             WebSocket* const first = sockets[0].make();
-                             const bool done =
-                                 attempt([&] { hub.adopt<Joined>(first, ends, kLongText); });
-                             EXPECT_EQ(done, !attempt.hasLackedMemory());
-                             const bool isRefused = attempt.hasFailed(Failing::ThreadStart);
-                             EXPECT_THAT(log.lines(), SizeIs(isRefused ? 1 : 0));
-                             if (isRefused) {
-                                 EXPECT_EQ(log.lines().at(0).message, kRefusedLine);
-                             }
-                             const size_t open = done && !isRefused ? 1 : 0;
-                             EXPECT_EQ(hub.getCount(), open);
-                             EXPECT_THAT(daemon.closedHandles(), SizeIs(1 - open));
-                             hub.adopt<Joined>(sockets[1].make(), ends, kLongText);
-                             EXPECT_EQ(hub.getCount(), open + 1);
-                             EXPECT_TRUE(hub.close(std::chrono::milliseconds(0)));
-                         }
-                         EXPECT_THAT(daemon.closedHandles(), SizeIs(2));
-                         EXPECT_EQ(ends.closed, ends.made);
-                         EXPECT_EQ(ends.destroyed, ends.made);
-                     }}});
-}
-
-TEST(WebSocketHubFailures, APollThreadThatCannotBeRestartedIsRestartedLater)
-{
-    CapturedLog log;
-    const auto isLogged = [&](const std::string& text) {
-        for (const auto& line : log.lines()) {
-            if (line.message == text)
-                return true;
-        }
-        return false;
-    };
-    RecordingDaemon daemon;
-    UpgradedSocket sockets[2];
-    Ends ends;
-    WebSocketHub hub;
-    ScriptedSockets faulty;
-    hub.adopt<Joined>(sockets[0].make(), ends, kLongText);
-    {
-        const NoThreads none;
-        faulty.failFrom(ScriptedSockets::Poll, faulty.count(ScriptedSockets::Poll), EINVAL);
-        EXPECT_TRUE(waitUntil([&] { return ends.closed == 1; }));
-        hub.adopt<Joined>(sockets[1].make(), ends, kLongText);
-        EXPECT_TRUE(waitUntil([&] {
-            return isLogged("cannot restart the poll thread of the WebSockets: "
-                            "Resource temporarily unavailable: trying again");
-        }));
-        faulty.passThrough();
-    }
-    EXPECT_TRUE(waitUntil([&] {
-        return isLogged("The poll thread of the WebSockets had ended and was started again");
-    }));
-    EXPECT_EQ(hub.getCount(), 1u);
-    EXPECT_TRUE(hub.close(std::chrono::milliseconds(0)));
-    EXPECT_EQ(ends.closed, 2);
-    EXPECT_EQ(ends.destroyed, 2);
-    EXPECT_THAT(daemon.closedHandles(), SizeIs(2));
 }
 
 }  // namespace
