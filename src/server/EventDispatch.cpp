@@ -20,6 +20,7 @@
 #include "server/ResponseQueue.h"
 #include "server/StrictPositions.h"
 #include "server/TargetForm.h"
+#include "server/logging/DaemonLog.h"
 #include "server/logging/LogObject.h"
 #include "streaming/AbortReason.h"
 #include "streaming/DaemonThread.h"
@@ -80,10 +81,17 @@ bool mustClose(const EventDaemon& daemon, const Connection& record)
     return daemon.getListener().isDraining() || record.isPeerClosed;
 }
 
+// The daemon closes the connection.
+MHD_Result endConnection()
+{
+    ExpectAbort(true);
+    return MHD_NO;
+}
+
 MHD_Result endAborted(HttpBaseRequest& request, Connection& record)
 {
     ReportAbort(request, record, record.getAbortReason());
-    return MHD_NO;
+    return endConnection();
 }
 
 // The application may still work for the request; its response is discarded.
@@ -426,6 +434,7 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
 {
     auto& daemon = *static_cast<EventDaemon*>(closure);
     auto& context = *static_cast<ConnectionContext*>(*slot);
+    ExpectAbort(false);
     Connection* const record = ConnectionOf(connection);
     if (!record) {
         *uploadSize = 0;
@@ -433,7 +442,7 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
     }
     if (!context.request) {
         if (record->phase == Phase::Ended || daemon.getListener().isStopping())
-            return MHD_NO;
+            return endConnection();
         if (daemon.getSettings().strictRequests) {
             const Refusal refusal = CheckHead({connection, url, method, version, context.uri});
             if (refusal.status != 0)

@@ -16,7 +16,9 @@ void ForgetRequestLine(const MHD_Connection* connection);
 
 // External logger of a daemon; `closure` is the EventDaemon. The daemon says that it lacks memory,
 // but not for which connection: when the one of the last request line has fewer arguments than the
-// line, the 431 is sent here.
+// line, the 431 is sent here: no callback of this connection follows. The daemon writes the line on
+// its thread while it parses the head, without a lock, and the MHD_ functions that look at the
+// connection take none. Lines that may come under its locks are not looked into.
 void LogOfEventDaemon(void* closure, const char* format, va_list arguments);
 
 }  // namespace qv::impl

@@ -26,8 +26,10 @@ constexpr std::string_view kTrailing("\0\t\n\r ", 5);
 // Of an option that the kind of socket does not have; the reason follows.
 constexpr std::string_view kOptionFormat = "Setting %s option to %s state failed: %s";
 constexpr std::string_view kPushFormat = "Failed to push the data from buffers to the network.";
+constexpr std::string_view kAbortLine = "Application reported internal error, closing connection.";
 
 thread_local bool tHasDroppedOption = false;
+thread_local bool tExpectsAbort = false;
 
 bool startsWith(const char* text, std::string_view start)
 {
@@ -47,6 +49,17 @@ bool isUnsupportedOption(const char* format, va_list arguments)
     return reason == SystemError(EOPNOTSUPP).toString();
 }
 
+// Only after an expected abort: it formats the message once more.
+bool isAbortLine(const char* format, va_list arguments)
+{
+    char buffer[kAbortLine.size() + 1];
+    va_list copied;
+    va_copy(copied, arguments);
+    const int formatted = std::vsnprintf(buffer, sizeof buffer, format, copied);
+    va_end(copied);
+    return formatted >= 0 && std::string_view(buffer) == kAbortLine;
+}
+
 }  // namespace
 
 void LogDaemonMessage(void*, const char* format, va_list arguments)
@@ -63,10 +76,19 @@ void LogDaemonMessage(void*, const char* format, va_list arguments)
 // The line about the push follows, although the bytes have been sent.
 void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
 {
+    if (tExpectsAbort && isAbortLine(format, arguments)) {
+        tExpectsAbort = false;
+        return;
+    }
     const bool isBehindOption = std::exchange(tHasDroppedOption, false);
     tHasDroppedOption = isUnsupportedOption(format, arguments);
     if (!tHasDroppedOption && !(isBehindOption && startsWith(format, kPushFormat)))
         LogDaemonMessage(closure, format, arguments);
+}
+
+void ExpectAbort(bool isExpected)
+{
+    tExpectsAbort = isExpected;
 }
 
 }  // namespace qv::impl

@@ -7,12 +7,18 @@
 namespace qv::impl
 {
 
-// External logger of the daemon. May run under the daemon's own locks: calls no MHD_ function.
+// External logger of the daemon. May run under the daemon's own locks: calls no MHD_ function, nor
+// does the one below.
 void LogDaemonMessage(void* closure, const char* format, va_list arguments);
 
 // The same for event-driven mode, without the lines that the daemon writes for each response on a
-// Unix socket, which has no options of TCP.
+// Unix socket, which has no options of TCP, and without the line that an expected abort follows.
 void LogEventDaemonMessage(void* closure, const char* format, va_list arguments);
+
+// Whether the access handler of the calling thread returns MHD_NO in order to end a request: the
+// daemon's line about an internal error that follows is not one. Set to false by each call of the
+// handler.
+void ExpectAbort(bool isExpected);
 
 }  // namespace qv::impl
 

@@ -224,6 +224,35 @@ TEST(EventDaemonLog, WritesAPushBehindAnotherLine)
     EXPECT_THAT(log.lines(), SizeIs(3));
 }
 
+constexpr const char* kInternalError = "Application reported internal error, closing connection.";
+
+TEST(EventDaemonLog, DropsTheLineOfAnExpectedAbortOnce)
+{
+    for (const bool isArgument : {false, true}) {
+        const CapturedLog log;
+        const auto report = [&] {
+            isArgument ? LogEvent("%s\n", kInternalError) : LogEvent(kInternalError);
+        };
+        impl::ExpectAbort(true);
+        LogEvent("Another\n");
+        LogEvent("Application reported\n");
+        report();
+        EXPECT_THAT(log.lines(), SizeIs(2));
+        report();
+        EXPECT_THAT(log.lines(), SizeIs(3));
+    }
+}
+
+TEST(EventDaemonLog, WritesTheLineOfAnInternalErrorThatIsNoExpectedAbort)
+{
+    const CapturedLog log;
+    impl::ExpectAbort(true);
+    std::thread([] { LogEvent(kInternalError); }).join();  // of another thread
+    impl::ExpectAbort(false);                              // of another call
+    LogEvent(kInternalError);
+    EXPECT_THAT(log.lines(), SizeIs(2));
+}
+
 }  // namespace
 
 }  // namespace qv::tests
