@@ -135,8 +135,9 @@ public:
     /// device in error. Waits, once, without limit, while more than 256 KiB are ready and
     /// not yet sent; a lost connection ends the wait. The wait never ends when the daemon does
     /// not fetch the body to its end: write nothing for HEAD and for status 204 and 304, and
-    /// not more than the declared length. In event-driven mode a write that would wait on a daemon
-    /// thread is refused instead, with a line in the log. Thread: the request's worker.
+    /// not more than the declared length. In event-driven mode a body that is not sent (HEAD, 204,
+    /// 304) is discarded and only counted in place of a wait, and a write that would wait on a
+    /// daemon thread is refused, with a line in the log. Thread: the request's worker.
     uint64_t writeBytes(const char* data, size_t len) override;
 
     /// Hands everything written so far to the daemon, also a chunk of less than 64 KiB.
@@ -197,6 +198,8 @@ private:
 
     bool mayWrite() const;
     bool wouldHandOver(size_t len, int64_t nowMs) const;
+    bool isToHead() const;
+    bool discardUnread(Queue::iterator end, uint64_t bytes) QV_REQUIRES(*mMutex);
     void resume() QV_REQUIRES(*mMutex);
     const char* takeSource(std::unique_ptr<BodySource>& source);
     void handOver(Queue::iterator end, uint64_t bytes);
@@ -221,6 +224,8 @@ private:
     bool mSourceResumed QV_GUARDED_BY(*mMutex);  // and has not been read since
     std::unique_ptr<BodySource> mSource QV_GUARDED_BY(*mMutex);  // used by the daemon thread
     std::shared_ptr<impl::BodySignal> mSourceSignal QV_GUARDED_BY(*mMutex);
+    bool mBodyUnread QV_GUARDED_BY(*mMutex);          // the daemon has queued a head only
+    uint64_t mDiscardedBytes QV_GUARDED_BY(*mMutex);  // of a body that is not sent
 };
 
 /// The head of a response: status, declared length, headers and cookies. Derive from it.

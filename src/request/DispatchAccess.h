@@ -111,7 +111,13 @@ struct DispatchAccess
     // Of a paused feed: it may go on as soon as the budget has free memory.
     static void awaitMemory(HttpReceiveDevice& d);
 
+    // Bytes of a complete body that has been discarded in place of a wait; 0 of any other. The
+    // mutex is held.
+    static uint64_t countedBytes(const HttpResponseDevice& d);
+
     // Any thread; these take the device's mutex. The request is not completed.
+    // The daemon never fetches the body: nobody waits for it.
+    static void leaveBodyUnread(HttpResponseDevice& d);
     static void resumeSource(HttpResponseDevice& d);
     // False when the feed does not wait for memory.
     static bool continueWaiting(HttpReceiveDevice& d);

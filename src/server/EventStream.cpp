@@ -106,6 +106,19 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
     }
 }
 
+// The body has been counted, or its length is declared.
+uint64_t lengthOfUnread(HttpResponseDevice& device, HttpResponseInterface& head)
+{
+    {
+        const qvMutexLocker locker(&DispatchAccess::mutex(device));
+        const uint64_t counted = DispatchAccess::countedBytes(device);
+        if (counted != 0 && DispatchAccess::isCompleted(device))
+            return counted;
+    }
+    const int64_t declared = head.getContentLength();
+    return declared < 0 ? MHD_SIZE_UNKNOWN : static_cast<uint64_t>(declared);
+}
+
 ssize_t readNothing(void*, uint64_t, char*, size_t)
 {
     return MHD_CONTENT_READER_END_WITH_ERROR;
@@ -177,12 +190,13 @@ ssize_t ReadEventContent(void* closure, uint64_t, char* buffer, size_t size)
 Decision DecideEvent(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body)
 {
     auto& state = DispatchAccess::responseState(device);
-    if (state != DispatchAccess::kReady || !DispatchAccess::source(device) ||
-        device.hasDeviceError())
+    const bool hasSource = DispatchAccess::source(device) != nullptr;
+    const bool isCounted = DispatchAccess::countedBytes(device) != 0;
+    if (state != DispatchAccess::kReady || !(hasSource || isCounted) || device.hasDeviceError())
         return Decide(device, request, body);
     DispatchAccess::bodyPending(request) = false;
     state = DispatchAccess::kStreamed;
-    return Decision::Source;
+    return hasSource ? Decision::Source : Decision::Stream;
 }
 
 bool IsWithoutBody(const HttpBaseRequest& request, uint32_t status)
@@ -194,11 +208,10 @@ bool IsWithoutBody(const HttpBaseRequest& request, uint32_t status)
 MHD_Result QueueHeadOnly(HttpBaseRequest& request, MHD_Connection* connection, bool close)
 {
     HttpResponseInterface& head = request.getResponse();
-    const int64_t length = head.getContentLength();
-    return QueueResponse(
-        request, head, connection,
-        makeHeadOnly(length < 0 ? MHD_SIZE_UNKNOWN : static_cast<uint64_t>(length)),
-        {nullptr, close});
+    HttpResponseDevice& device = request.getResponseDevice();
+    DispatchAccess::leaveBodyUnread(device);
+    return QueueResponse(request, head, connection, makeHeadOnly(lengthOfUnread(device, head)),
+                         {nullptr, close});
 }
 
 MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,

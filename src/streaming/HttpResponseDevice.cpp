@@ -50,7 +50,8 @@ HttpResponseDevice::HttpResponseDevice(HttpBaseRequest& request)
       mReadyBytes(0), mFillBytes(0), mLastHandOverMs(qvSystemUtils::GetTimeBaseMs()),
       mSendOffset(0), mSentBytes(0), mMutex(std::make_unique<qvMutex>()),
       mSpaceFreed(std::make_unique<qvWaitCondition>()), mCompleted(false), mTakenWhole(false),
-      mFlushRequested(false), mSuspended(false), mSourceResumed(false)
+      mFlushRequested(false), mSuspended(false), mSourceResumed(false), mBodyUnread(false),
+      mDiscardedBytes(0)
 {}
 
 // Nobody else uses the device.
@@ -83,7 +84,7 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
         return 0;
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     if (mReadyBytes > kReadyLimitBytes && impl::DaemonThread::isCurrent() &&
-        impl::DispatchAccess::record(*mRequest) && wouldHandOver(len, nowMs)) {
+        impl::DispatchAccess::record(*mRequest) && !isToHead() && wouldHandOver(len, nowMs)) {
         impl::DaemonThread::logRefusal("HttpResponseDevice::writeBytes");
         return 0;
     }
@@ -121,6 +122,27 @@ bool HttpResponseDevice::wouldHandOver(size_t len, int64_t nowMs) const
     return len >= space;
 }
 
+// Of event-driven mode: the daemon never fetches the body.
+bool HttpResponseDevice::isToHead() const
+{
+    return mRequest->getRequestType() == HttpBaseRequest::HEAD &&
+           impl::DispatchAccess::record(*mRequest);
+}
+
+// In place of a wait for a reader that never comes: the chunks before `end` and everything ready is
+// only counted. False when there is a reader, or still space.
+bool HttpResponseDevice::discardUnread(Queue::iterator end, uint64_t bytes)
+{
+    if ((mReadyBytes <= kReadyLimitBytes && mDiscardedBytes == 0) || !(mBodyUnread || isToHead()))
+        return false;
+    mReadyQueue.splice(mReadyQueue.end(), mFillQueue, mFillQueue.begin(), end);
+    impl::FreeChunks(mReadyQueue);
+    mDiscardedBytes += bytes + mReadyBytes;
+    mReadyBytes = 0;
+    mFillBytes -= bytes;
+    return true;
+}
+
 // Moves the fill queue's chunks before `end` to the daemon's side; no byte is copied.
 void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
 {
@@ -129,6 +151,8 @@ void HttpResponseDevice::handOver(Queue::iterator end, uint64_t bytes)
     if (mReadyBytes > kReadyLimitBytes && impl::DispatchAccess::record(*mRequest))
         impl::DispatchAccess::liftQueueLimit(mRequest->getReceiveDevice());
     qvMutexLocker locker(mMutex.get());
+    if (discardUnread(end, bytes))
+        return;
     // Required: one wait only. After it the chunks go over even above the limit. A connection
     // lost since the caller looked will wake nobody again, hence the second look.
     if (mReadyBytes > kReadyLimitBytes && !hasDeviceError())
@@ -324,6 +348,19 @@ void HttpResponseDevice::setConnectionLost(const std::string& reason)
     // memory for the text.
     mSpaceFreed->wakeAll();
     setDeviceError("Http response device : " + reason);
+}
+
+void impl::DispatchAccess::leaveBodyUnread(HttpResponseDevice& device)
+{
+    const qvMutexLocker locker(device.mMutex.get());
+    device.mBodyUnread = true;
+    device.mSpaceFreed->wakeAll();
+}
+
+uint64_t
+impl::DispatchAccess::countedBytes(const HttpResponseDevice& device) QV_NO_THREAD_SAFETY_ANALYSIS
+{
+    return device.mDiscardedBytes == 0 ? 0 : device.mDiscardedBytes + device.mReadyBytes;
 }
 
 void impl::DispatchAccess::resume(HttpResponseDevice& device)

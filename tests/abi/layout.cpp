@@ -166,6 +166,8 @@ WENDREL_PLACE(qv::HttpResponseDevice, mSuspended, 235);
 WENDREL_PLACE(qv::HttpResponseDevice, mSourceResumed, 236);
 WENDREL_PLACE(qv::HttpResponseDevice, mSource, 240);
 WENDREL_PLACE(qv::HttpResponseDevice, mSourceSignal, 248);
+WENDREL_PLACE(qv::HttpResponseDevice, mBodyUnread, 264);
+WENDREL_PLACE(qv::HttpResponseDevice, mDiscardedBytes, 272);
 WENDREL_PLACE(qv::HttpResponseDevice, readBytes, 2);
 WENDREL_PLACE(qv::HttpResponseDevice, writeBytes, 3);
 WENDREL_PLACE(qv::HttpResponseDevice, atEnd, 4);
@@ -271,7 +273,7 @@ static_assert(sizeof(qv::HttpBaseRequest) == 680);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 296);
-static_assert(sizeof(qv::HttpResponseDevice) == 264);
+static_assert(sizeof(qv::HttpResponseDevice) == 280);
 static_assert(sizeof(qv::BodySource) == 8);
 static_assert(sizeof(qv::BodyResumer) == 16);
 static_assert(sizeof(qv::BodyRead) == 16);
@@ -288,7 +290,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 174;
+constexpr size_t kPlaces = 176;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {
