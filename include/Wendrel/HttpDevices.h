@@ -82,13 +82,20 @@ public:
     /// takes the device's mutex.
     void discardReceived();
 
+    /// Moves up to `len` bytes that have been received to `buf`, the newest chunk included, and
+    /// returns how many; never waits. `atEnd()` is true after the last one. For readers that
+    /// `HttpBaseRequest::onBodyReceived` notifies. One reader at a time, on any thread; takes the
+    /// device's mutex.
+    uint64_t readReceived(char* buf, size_t len);
+
 private:
     friend struct impl::DispatchAccess;
 
     using Chunk = std::vector<char>;
 
     void keepAliveStep();
-    uint64_t takeFromQueue(char* buf, uint64_t wanted) QV_REQUIRES(mMutex);
+    uint64_t takeFromQueue(char* buf, uint64_t wanted, bool leavesNewest) QV_REQUIRES(mMutex);
+    uint64_t take(char* buf, uint64_t wanted, bool leavesNewest) QV_REQUIRES(mMutex);
     uint64_t readLocked(char* buf, uint64_t len, int64_t idleSinceMs) QV_REQUIRES(mMutex);
     bool mayNotWait();
     void continueFeed() QV_REQUIRES(mMutex);

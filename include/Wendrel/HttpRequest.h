@@ -118,6 +118,12 @@ public:
     /// unless overridden. Thread: the daemon's, without a lock: it must not wait.
     virtual void onBodyPaused(uint64_t queuedBytes);
 
+    /// More of the body has been received: `HttpReceiveDevice::readReceived` has data. Not called
+    /// for data that is discarded, nor at the end of the body: see `onBodyComplete`. Event-driven
+    /// mode only. Does nothing unless overridden. Thread: the daemon's, without a lock: it must not
+    /// wait.
+    virtual void onBodyReceived();
+
     // Methods. The conversions to text may be called from any thread.
 
     /// Method name to value; filled while the library is initialised. Read it only then.

@@ -12,6 +12,7 @@
 #include <qvSystem/qvThread.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <new>
 #include <stdexcept>
@@ -74,6 +75,7 @@ Exchange::Exchange(ServerCore& core) : mCore(core)
 
 Exchange::~Exchange()
 {
+    delete mDelivery.load();
     mCore.release();
 }
 
@@ -210,6 +212,7 @@ void Exchange::onBodyComplete()
         else if (mRoute && !mIsDispatched && isOpen())
             dispatch();
     });
+    continueDelivery();
 }
 
 // The handler waits for the whole body, which cannot be received.
@@ -288,7 +291,8 @@ void Exchange::serve()
 
 void Exchange::callHandler() noexcept
 {
-    guard([this] {
+    bool isEnded = false;
+    guard([&] {
         try {
             {
                 Request request(*this);
@@ -296,15 +300,18 @@ void Exchange::callHandler() noexcept
             }
             endHandler();
         } catch (const HttpError& error) {
-            fail(isError(error.status()) ? error.status() : kServerError, error.what());
+            fail(error);
         } catch (const std::exception& error) {
             log("the handler failed: ", error.what());
-            fail(kServerError, std::string());
+            fail(HttpError(kServerError));
         } catch (...) {
             log("the handler failed: ", kOtherException);
-            fail(kServerError, std::string());
+            fail(HttpError(kServerError));
         }
+        isEnded = true;
     });
+    if (!isEnded && mIsStream)
+        abandonStream("no memory");
     std::string().swap(mBody);
     mForm.reset();
     // A deferred response may wait for long.
@@ -320,16 +327,124 @@ void Exchange::endHandler()
         finish();
     } else if (!mIsDeferred && isOpen()) {
         log("the handler has not responded");
-        fail(kServerError, std::string());
+        fail(HttpError(kServerError));
     }
 }
 
-void Exchange::fail(int status, const std::string& message)
+void Exchange::fail(const HttpError& error)
 {
     if (mIsStream)
         abandonStream("handler failed");
     else if (!mIsDeferred)
-        respondError(By::Server, ResponseHead(), status, message);
+        respondError(By::Server, error.head(), error.status(), error.what());
+}
+
+void Exchange::deliverBody(std::function<void(std::string_view)> onPiece,
+                           std::function<void()> onComplete)
+{
+    if (!mRoute->mIsStreaming)
+        throw std::logic_error("onBody in a route that is not streaming");
+    auto delivery = std::make_unique<BodyDelivery>(std::make_shared<BodyDelivery::Callbacks>(
+        BodyDelivery::Callbacks{std::move(onPiece), std::move(onComplete)}));
+    BodyDelivery* none = nullptr;
+    if (!mDelivery.compare_exchange_strong(none, delivery.get()))
+        throw std::logic_error("onBody after another onBody");
+    static_cast<void>(delivery.release());
+    // A response since then has found no callbacks.
+    if (isOpen())
+        continueDelivery();
+    else
+        dropCallbacks(false);
+}
+
+void Exchange::continueDelivery() noexcept
+{
+    BodyDelivery* const delivery = mDelivery;
+    if (delivery && delivery->notify())
+        queueTurn();
+}
+
+// Without memory for it the request ends.
+void Exchange::queueTurn() noexcept
+{
+    bool isQueued = false;
+    retain();
+    guard([&] {
+        isQueued = mCore.workers().run([this] {
+            takeTurn();
+            release();
+        });
+    });
+    if (isQueued)
+        return;
+    dropCallbacks(false);
+    if (mBy == By::Server)
+        becomeGone();
+    release();
+}
+
+// One piece for each turn: uploads that are faster than their callbacks share the workers.
+void Exchange::takeTurn() noexcept
+{
+    BodyDelivery& delivery = *mDelivery;
+    // Until the end of the turn: they may hold the deferred response.
+    const BodyDelivery::Pointer callbacks = delivery.callbacks();
+    bool hasMore = false;
+    guard([&] {
+        constexpr const char* kWhat = "the callback onBody failed: ";
+        try {
+            hasMore = callbacks && isOpen() && deliverPiece(*callbacks);
+        } catch (const HttpError& error) {
+            failDelivery(error);
+        } catch (const std::exception& error) {
+            log(kWhat, error.what());
+            failDelivery(HttpError(kServerError));
+        } catch (...) {
+            log(kWhat, kOtherException);
+            failDelivery(HttpError(kServerError));
+        }
+    });
+    if (delivery.endTurn(hasMore))
+        queueTurn();
+}
+
+// Whether there may be another piece already.
+bool Exchange::deliverPiece(const BodyDelivery::Callbacks& callbacks)
+{
+    HttpReceiveDevice& device = getReceiveDevice();
+    std::array<char, kPieceBytes> piece;
+    const size_t size = device.readReceived(piece.data(), piece.size());
+    mReadBytes += size;
+    if (mReadBytes > bodyLimit())
+        throw HttpError(kContentTooLarge);
+    if (size != 0 && callbacks.onPiece)
+        callbacks.onPiece({piece.data(), size});
+    if (!device.atEnd() || device.hasDeviceError())
+        return size == piece.size();
+    static_cast<void>(mDelivery.load()->take());
+    if (isOpen() && callbacks.onComplete)
+        callbacks.onComplete();
+    return false;
+}
+
+void Exchange::failDelivery(const HttpError& error)
+{
+    if (respondError(By::Server, error.head(), error.status(), error.what()))
+        becomeGone();
+    dropCallbacks(false);
+}
+
+// The callbacks are destroyed at the end: they may hold the deferred response.
+void Exchange::dropCallbacks(bool isGoneDropped)
+{
+    std::function<void()> onGone;
+    BodyDelivery::Pointer body;
+    if (BodyDelivery* const delivery = mDelivery)
+        body = delivery->take();
+    if (isGoneDropped) {
+        const qvMutexLocker locker(&mGoneMutex);
+        onGone.swap(mGoneCallback);
+    }
 }
 
 void Exchange::expire(int status)
@@ -347,9 +462,9 @@ void Exchange::expire(int status)
 
 void Exchange::endDeferred()
 {
-    // Otherwise an end of the request that another thread has begun would still call it.
+    // Otherwise an end of the request that another thread has begun would still call them.
     if (mBy != By::Application)
-        dropGoneCallback();
+        dropCallbacks(true);
     if (!isOpen())
         return;
     guard([this] {
@@ -419,8 +534,8 @@ bool Exchange::respond(By by, Response&& response)
     mHead.set(std::move(response.head), response.status);
     const bool isSent = publish(std::move(response.source));
     // Of a deferred response: nobody else calls this for the application.
-    if (by == By::Application && mIsDeferred && !response.isStream)
-        dropGoneCallback();
+    if (by == By::Application && mIsDeferred)
+        dropCallbacks(!response.isStream);
     return isSent;
 }
 
@@ -500,6 +615,7 @@ void Exchange::becomeGone()
     }
     if (callback)
         callGone(callback);
+    dropCallbacks(false);
 }
 
 void Exchange::callGone(const std::function<void()>& callback) const noexcept

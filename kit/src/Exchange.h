@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_SRC_EXCHANGE_H
 #define WENDREL_KIT_SRC_EXCHANGE_H
 
+#include "BodyDelivery.h"
 #include "DeadlineQueue.h"
 
 #include <Wendrel/HttpDevices.h>
@@ -85,6 +86,8 @@ public:
     // Any thread.
     void setGoneCallback(std::function<void()> callback);
     void dropGoneCallback();
+    void deliverBody(std::function<void(std::string_view)> onPiece,
+                     std::function<void()> onComplete);
     bool isGone() const { return mIsGone; }
     void setDeadline(std::chrono::milliseconds limit, int status);
 
@@ -131,6 +134,7 @@ private:
     void onWaitingForData() override {}
     void onBodyComplete() override;
     void onBodyPaused(uint64_t queuedBytes) override;
+    void onBodyReceived() override { continueDelivery(); }
     void onAborted(const std::string& reason) override;
     void onCompleted(int terminationCode) override;
     void onUpgraded(std::unique_ptr<UpgradedConnection> connection) override;
@@ -170,7 +174,13 @@ private:
     void breakOff() noexcept;
     void callHandler() noexcept;
     void endHandler();
-    void fail(int status, const std::string& message);
+    void fail(const HttpError& error);
+    void continueDelivery() noexcept;
+    void queueTurn() noexcept;
+    void takeTurn() noexcept;
+    bool deliverPiece(const BodyDelivery::Callbacks& callbacks);
+    void failDelivery(const HttpError& error);
+    void dropCallbacks(bool isGoneDropped);
     void abandonStream(const char* why);
     void becomeGone();
     void callGone(const std::function<void()>& callback) const noexcept;
@@ -186,7 +196,9 @@ private:
     Head mHead;
     std::unique_ptr<Upgrade> mUpgrade;  // set before the response is announced
 
-    // The handler's thread.
+    std::atomic<BodyDelivery*> mDelivery{nullptr};  // set once, owned
+
+    // The handler's thread, and that of a turn.
     bool mIsDeferred = false;
     bool mHasBody = false;
     bool mIsStream = false;  // a worker writes the response

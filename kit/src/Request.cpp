@@ -279,6 +279,13 @@ void DeferredResponse::onGone(std::function<void()> callback)
         mExchange->setGoneCallback(std::move(callback));
 }
 
+void DeferredResponse::onBody(std::function<void(std::string_view)> onPiece,
+                              std::function<void()> onComplete)
+{
+    if (isOpen())
+        mExchange->deliverBody(std::move(onPiece), std::move(onComplete));
+}
+
 void DeferredResponse::setDeadline(std::chrono::milliseconds limit, int status)
 {
     if (isOpen())

@@ -51,6 +51,8 @@ void HttpBaseRequest::onUpgraded(std::unique_ptr<UpgradedConnection>) {}
 
 void HttpBaseRequest::onBodyPaused(uint64_t) {}
 
+void HttpBaseRequest::onBodyReceived() {}
+
 void HttpBaseRequest::setParseError(std::string&& message)
 {
     mHasParseError = true;

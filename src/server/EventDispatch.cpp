@@ -310,6 +310,8 @@ MHD_Result feedBody(HttpBaseRequest& request, Connection& record, const char* da
     }
     if (isRefused && !record.isAborted)
         refuseUpload(record);
+    if (!isDiscarded && !record.isAborted)
+        request.onBodyReceived();
     if (pausedBytes != 0)
         request.onBodyPaused(pausedBytes);
     return record.isAborted ? endAborted(request, record) : MHD_YES;

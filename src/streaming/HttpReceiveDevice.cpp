@@ -151,13 +151,8 @@ uint64_t HttpReceiveDevice::readLocked(char* buf, uint64_t len, int64_t idleSinc
             mDataArrived.wait(&mMutex, kWaitIntervalMs);
             mWantedBytes = 0;
         }
-        const uint64_t taken = takeFromQueue(buf + copied, len - copied);
+        const uint64_t taken = take(buf + copied, len - copied, true);
         copied += taken;
-        mReceivedBytes += taken;
-        mQueuedBytes -= taken;
-        creditBudget(taken);
-        if (mFeedPaused)
-            continueFeedIfFree();
         if (taken == 0 && isIdleTooLong(idleSinceMs)) {
             setDeviceError("Wait too long without incoming data");
             break;
@@ -183,12 +178,35 @@ bool HttpReceiveDevice::mayNotWait()
     return true;
 }
 
-// While data comes the newest chunk of the feed is left alone: it may still be growing.
-uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted)
+uint64_t HttpReceiveDevice::readReceived(char* buf, size_t len)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (mAtEnd || hasDeviceError())
+        return 0;
+    const uint64_t taken = take(buf, len, false);
+    if (mFeedEnded && mQueue.empty())
+        mAtEnd = true;
+    return taken;
+}
+
+uint64_t HttpReceiveDevice::take(char* buf, uint64_t wanted, bool leavesNewest)
+{
+    const uint64_t taken = takeFromQueue(buf, wanted, leavesNewest);
+    mReceivedBytes += taken;
+    mQueuedBytes -= taken;
+    creditBudget(taken);
+    if (mFeedPaused)
+        continueFeedIfFree();
+    return taken;
+}
+
+// A reader that waits leaves the newest chunk of the feed alone while data comes: it may still be
+// growing.
+uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted, bool leavesNewest)
 {
     uint64_t taken = 0;
     while (taken < wanted && !mQueue.empty()) {
-        if (!mFeedEnded && !mFeedPaused && std::next(mQueue.begin()) == mQueue.end())
+        if (leavesNewest && !mFeedEnded && !mFeedPaused && std::next(mQueue.begin()) == mQueue.end())
             break;
         const Chunk& front = mQueue.front();
         const uint64_t part = std::min<uint64_t>(front.size() - mReadOffset, wanted - taken);

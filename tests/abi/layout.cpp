@@ -119,6 +119,7 @@ WENDREL_PLACE(qv::HttpBaseRequest, onBodyComplete, 5);
 WENDREL_PLACE(qv::HttpBaseRequest, onAborted, 6);
 WENDREL_PLACE(qv::HttpBaseRequest, onUpgraded, 7);
 WENDREL_PLACE(qv::HttpBaseRequest, onBodyPaused, 8);
+WENDREL_PLACE(qv::HttpBaseRequest, onBodyReceived, 9);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
 
@@ -290,7 +291,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 176;
+constexpr size_t kPlaces = 177;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -109,7 +109,7 @@ TEST(BodyThatIsNotSent, IsTakenOnTheDaemonThread)
     std::atomic<bool> isTaken{false};
     EventRun run(
         [&](EventRequest& request) {
-            request.workerThreadStartHandling(qvThread::CurrentThreadId());
+            request.workerThreadStartHandling(qv::qvThread::CurrentThreadId());
             isTaken = writePieces(request);
             request.getResponseDevice().endSending();
             request.getResponseDevice().setResponseReady();

@@ -108,6 +108,20 @@ public:
     /// exception that leaves it is logged with the route.
     void onGone(std::function<void()> callback);
 
+    /// Delivers the body of a `streaming` route without holding a worker while the client is slow.
+    /// `onPiece` is called with each piece of the body as it arrives, at most 65536 bytes that live
+    /// until it returns; `onComplete` once, after the last piece. The next piece follows when the
+    /// call has returned: until then the client is not read beyond `uploadQueueBytes`. Pieces begin
+    /// behind what the handler has read itself; it reads nothing afterwards. Throws
+    /// std::logic_error in a route that is not streaming, and the second time.
+    ///
+    /// Thread: a worker, any of them, one call at a time; it may wait, and holds the worker then.
+    /// Neither is called after a response, after `onGone`, and once this object is destroyed. Both
+    /// are destroyed then, or after `onComplete`: they may hold this object. An HttpError that
+    /// leaves them, anything else (500, logged with the route), and a body beyond
+    /// `Route::maxBodyBytes` (413) become the response; `onGone` is called.
+    void onBody(std::function<void(std::string_view)> onPiece, std::function<void()> onComplete);
+
     /// Without a response within `limit` from now, the response is that of `replyError(status)`,
     /// or an empty one with status 204 or 304, and `onGone` is called. It replaces the deadline
     /// before; a limit that is not positive removes it. A stream that has been started in time has
