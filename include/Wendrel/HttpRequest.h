@@ -234,6 +234,11 @@ public:
     /// When the response was queued, in milliseconds of the monotonic clock; -1 before.
     int64_t getResponseStartMs() const { return mResponseStartMs; }
 
+    /// The status of the response that has been given to the daemon, or that the server has sent by
+    /// itself: 408, 421, 500, 503; 0 when the request ended without one. In `onCompleted` and after
+    /// it; event-driven mode only.
+    uint32_t getResponseStatus() const { return mResponseStatus; }
+
     /// Bytes of the response headers, as the library counts them (cookies not included).
     uint64_t getResponseHeadBytes() const { return mResponseHeadBytes; }
 
@@ -271,7 +276,8 @@ private:
     bool mHasParseError;
     bool mCompleted;  // changed under the response device's mutex
     impl::ConnectionRecord*
-        mRecord;  // of event-driven mode; set before the application sees the request
+        mRecord;               // of event-driven mode; set before the application sees the request
+    uint32_t mResponseStatus;  // set before the completion
 };
 
 }  // namespace qv

@@ -5,6 +5,7 @@
 #include <Wendrel/Export.h>
 #include <Wendrel/ServerOptions.h>
 
+#include <qvSystem/IpAddress.h>
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 #include <qvSystem/qvSystemUtils.h>
@@ -33,6 +34,17 @@ namespace http
 {
 
 class WebSocket;
+
+/// A request that the application has not seen; see `HttpServerImpl::onRequestRefused`. The values
+/// are valid during the call.
+struct RefusedRequest
+{
+    const std::string& method;       ///< as received; empty when the head was not complete
+    const std::string& target;       ///< as received
+    const IpAddress& clientAddress;  ///< of the peer
+    uint32_t status;                 ///< that the server has sent; 0: none, or the daemon's own
+    const std::string& reason;       ///< of the end, as of `onAborted`; may be empty
+};
 
 /// The application interface. Derive from it and pass a new object to HttpServer, which owns and
 /// deletes it.
@@ -76,6 +88,12 @@ public:
     /// device held: delete nothing, and take no lock that another thread holds while it calls a
     /// request or a response device.
     virtual void onRequestCompleted() = 0;
+
+    /// A request whose request line has been received has ended without `createRequest`: it was
+    /// refused by the server (`strictRequests`, `allowedHosts`, timeout of the head) or by the
+    /// daemon, or its head was not received whole. Called once for each. Event-driven mode only.
+    /// Does nothing unless overridden. Thread: the daemon's, without a lock: it must not wait.
+    virtual void onRequestRefused(const RefusedRequest& request);
 
     /// The body of each status 500 that the library sends by itself.
     const std::string& getErrorBody() const { return mErrorBody; }

@@ -68,9 +68,11 @@ void Exchange::Head::set(ResponseHead&& head, int status)
     mStatus = static_cast<uint32_t>(status);
 }
 
-Exchange::Exchange(ServerCore& core) : mCore(core)
+Exchange::Exchange(ServerCore& core) : mCore(core), mIsReported(core.reportsRequests())
 {
     mCore.retain();
+    if (mIsReported)
+        mBegan = std::chrono::steady_clock::now();
 }
 
 Exchange::~Exchange()
@@ -589,8 +591,11 @@ void Exchange::breakOff() noexcept
     }
 }
 
-void Exchange::onAborted(const std::string&)
+void Exchange::onAborted(const std::string& reason)
 {
+    // The reasons are short enough for a text without an allocation.
+    if (mIsReported)
+        mAbortReason = reason;
     claim(By::Aborted);
     becomeGone();
 }
@@ -598,9 +603,45 @@ void Exchange::onAborted(const std::string&)
 // With the mutex of the response device held.
 void Exchange::onCompleted(int)
 {
+    using std::chrono::duration_cast;
+    using std::chrono::microseconds;
     mCore.completed();
-    if (--mUsers == 0)
-        mCore.deleteLater(*this);
+    if (mIsReported) {
+        mDuration = duration_cast<microseconds>(std::chrono::steady_clock::now() - mBegan);
+        mCore.endLater(*this);
+    } else if (--mUsers == 0) {
+        mCore.endLater(*this);
+    }
+}
+
+void Exchange::end(Exchange& exchange)
+{
+    if (!exchange.mIsReported) {
+        destroy(exchange);
+        return;
+    }
+    try {
+        exchange.report();
+    } catch (const std::bad_alloc&) {
+        // The request is not reported.
+    }
+    exchange.release();
+}
+
+void Exchange::report() const
+{
+    CompletedRequest over;
+    over.method = RequestTypeToString(getRequestType());
+    over.target = getOriginalFullUrl();
+    if (mRoute)
+        over.route = mRoute->name();
+    over.clientAddress = getClientAddress();
+    over.status = getResponseStatus();
+    over.sentBytes = getResponseDevice().getSentBytes();
+    over.receivedBytes = getReceiveDevice().getReceivedBytes();
+    over.duration = mDuration;
+    over.abortReason = mAbortReason;
+    mCore.report(over);
 }
 
 void Exchange::becomeGone()

@@ -52,6 +52,10 @@ public:
     void release();
     // Waits for the mutex under which the request has been completed. Any thread.
     static void destroy(Exchange& exchange);
+    // The daemon has completed the request: tells the application, or only deletes it. Any thread.
+    static void end(Exchange& exchange);
+    // Whether the application is told.
+    bool isReported() const { return mIsReported; }
 
     ServerCore& core() { return mCore; }
     std::string routeName() const;
@@ -181,6 +185,7 @@ private:
     bool deliverPiece(const BodyDelivery::Callbacks& callbacks);
     void failDelivery(const HttpError& error);
     void dropCallbacks(bool isGoneDropped);
+    void report() const;
     void abandonStream(const char* why);
     void becomeGone();
     void callGone(const std::function<void()>& callback) const noexcept;
@@ -216,6 +221,12 @@ private:
     // Guarded by the mutex of the deadlines; the flag is also looked at without.
     std::atomic<bool> mHasDeadline{false};
     DeadlineQueue::Entries::iterator mDeadline;
+
+    // Set before the completion, by the daemon thread.
+    const bool mIsReported;
+    std::string mAbortReason;
+    std::chrono::steady_clock::time_point mBegan;
+    std::chrono::microseconds mDuration{0};
 
     Exchange* mNextOver = nullptr;
 };

@@ -12,6 +12,7 @@
 #include <qvSystem/Rollback.h>
 
 #include <exception>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -22,6 +23,9 @@ namespace
 
 constexpr const char* kErrorBody = R"({"title":"Internal Server Error","status":500})";
 constexpr unsigned kMaxWorkers = 1024;
+
+// Completed requests that wait for the callback of the application.
+constexpr size_t kMaxUnreported = 1024;
 
 std::string whyImpossible(const ServerOptions& options)
 {
@@ -47,6 +51,24 @@ public:
     }
 
     void onRequestCompleted() override {}
+
+    void onRequestRefused(const http::RefusedRequest& request) override
+    {
+        if (!mCore.reportsRequests())
+            return;
+        try {
+            CompletedRequest over;
+            over.method = request.method;
+            over.target = request.target;
+            over.clientAddress = request.clientAddress;
+            over.status = request.status;
+            over.abortReason = request.reason;
+            mCore.endRefused(std::move(over));
+        } catch (const std::bad_alloc&) {
+            // The request is not reported.
+        }
+    }
+
     void onServerStopped() override
     {
         mCore.callStopping();
@@ -65,7 +87,7 @@ private:
 };
 
 ServerCore::ServerCore()
-    : mDeadlines([this] { deleteRequests(); }), mWorkers([](Exchange& e) { serveOnWorker(e); })
+    : mDeadlines([this] { endRequests(); }), mWorkers([](Exchange& e) { serveOnWorker(e); })
 {
     auto application = std::make_unique<Application>(*this);
     mServer = std::make_unique<http::HttpServer>(application.get());
@@ -85,7 +107,7 @@ void ServerCore::serveOnWorker(Exchange& exchange)
     ServerCore& core = exchange.core();
     exchange.serve();
     // The worker is one of the core: it is still there.
-    core.deleteRequests();
+    core.endRequests();
 }
 
 bool ServerCore::startThreads(const ServerOptions& options)
@@ -113,7 +135,7 @@ void ServerCore::stopThreads()
 {
     mWorkers.stop();
     mDeadlines.stop();
-    deleteRequests();
+    endRequests();
 }
 
 bool ServerCore::start(const ServerOptions& options)
@@ -125,6 +147,7 @@ bool ServerCore::start(const ServerOptions& options)
         mRouter.mTable->freeze(
             [this](std::function<void()> task) { return mWorkers.run(std::move(task)); });
         mMaxBodyBytes = options.maxBodyBytes;
+        mOnCompleted = options.onCompleted;
         if (startThreads(options))
             mState = State::Started;
         else
@@ -244,13 +267,18 @@ void ServerCore::callStopping() const
 Exchange& ServerCore::create()
 {
     ++mRequestCount;
+    // The application is slower than the requests: their threads help.
+    if (mUnreported.load(std::memory_order_relaxed) > kMaxUnreported)
+        endRequests();
     auto* const exchange = new Exchange(*this);
     ++mOpenRequests;
     return *exchange;
 }
 
-void ServerCore::deleteLater(Exchange& exchange)
+void ServerCore::endLater(Exchange& exchange)
 {
+    if (exchange.isReported())
+        ++mUnreported;
     Exchange* first = mOver.load(std::memory_order_relaxed);
     do {
         exchange.mNextOver = first;
@@ -259,13 +287,65 @@ void ServerCore::deleteLater(Exchange& exchange)
     mDeadlines.requestDeletion();
 }
 
-void ServerCore::deleteRequests()
+void ServerCore::endRefused(CompletedRequest&& request)
 {
+    {
+        const qvMutexLocker locker(&mRefusedMutex);
+        mRefused.push_back(std::move(request));
+        ++mUnreported;
+    }
+    if (mUnreported.load(std::memory_order_relaxed) > kMaxUnreported)
+        endRequests();
+    else
+        mDeadlines.requestDeletion();
+}
+
+void ServerCore::endRequests()
+{
+    if (mUnreported.load(std::memory_order_relaxed) != 0)
+        reportRefused();
     if (!mOver.load(std::memory_order_relaxed))
         return;
     Exchange* exchange = mOver.exchange(nullptr, std::memory_order_acquire);
-    while (exchange)
-        Exchange::destroy(*std::exchange(exchange, exchange->mNextOver));
+    // In order of their ends.
+    if (reportsRequests()) {
+        Exchange* last = nullptr;
+        while (exchange) {
+            Exchange* const next = std::exchange(exchange->mNextOver, last);
+            last = std::exchange(exchange, next);
+        }
+        exchange = last;
+    }
+    while (exchange) {
+        Exchange& over = *std::exchange(exchange, exchange->mNextOver);
+        if (over.isReported())
+            --mUnreported;
+        Exchange::end(over);
+    }
+}
+
+void ServerCore::reportRefused()
+{
+    std::vector<CompletedRequest> refused;
+    {
+        const qvMutexLocker locker(&mRefusedMutex);
+        refused.swap(mRefused);
+    }
+    mUnreported -= refused.size();
+    for (const CompletedRequest& request : refused)
+        report(request);
+}
+
+void ServerCore::report(const CompletedRequest& request) const noexcept
+{
+    constexpr const char* kWhat = "the callback onCompleted failed: ";
+    try {
+        mOnCompleted(request);
+    } catch (const std::exception& error) {
+        LogOfRoute("server", kWhat, error.what());
+    } catch (...) {
+        LogOfRoute("server", kWhat, "an exception that is no std::exception");
+    }
 }
 
 }  // namespace qv::kit

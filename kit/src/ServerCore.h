@@ -22,6 +22,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace qv::kit
 {
@@ -64,10 +65,17 @@ public:
     Exchange& create();
     // The daemon has completed a request. Under the mutex of its response device.
     void completed() { --mOpenRequests; }
-    // Deletes the request when no mutex is held any more. Thread: the daemon's.
-    void deleteLater(Exchange& exchange);
-    // Deletes those.
-    void deleteRequests();
+    // Whether completed requests are told to the application. Not changed while the server runs.
+    bool reportsRequests() const { return static_cast<bool>(mOnCompleted); }
+    // Ends the request, which the daemon has completed, when no mutex is held any more. Thread: the
+    // daemon's.
+    void endLater(Exchange& exchange);
+    // The application has not seen the request. Thread: the daemon's.
+    void endRefused(CompletedRequest&& request);
+    // Ends those.
+    void endRequests();
+    // Calls the application, without a lock.
+    void report(const CompletedRequest& request) const noexcept;
 
     // A handshake has been accepted. Thread: the daemon's.
     void openSession(std::unique_ptr<UpgradedConnection> connection,
@@ -85,6 +93,7 @@ private:
 
     bool shutDown(std::chrono::milliseconds deadline,
                   const std::shared_ptr<websocket::Engine>& sessions);
+    void reportRefused();
     void callStopping() const;
     void noteStopping(bool isCalled);
     void awaitStopping();
@@ -94,7 +103,11 @@ private:
     std::atomic<size_t> mUsers{1};
     std::atomic<uint64_t> mRequestCount{0};
     std::atomic<size_t> mOpenRequests{0};
-    std::atomic<Exchange*> mOver{nullptr};  // requests to be deleted
+    std::atomic<Exchange*> mOver{nullptr};                      // requests to be ended
+    std::atomic<size_t> mUnreported{0};                         // of those, and of the refused ones
+    std::function<void(const CompletedRequest&)> mOnCompleted;  // not changed while the server runs
+    qvMutex mRefusedMutex;
+    std::vector<CompletedRequest> mRefused QV_GUARDED_BY(mRefusedMutex);  // to be reported
     std::atomic<uint64_t> mMaxBodyBytes{0};
     enum class State : uint8_t { Stopped, Started, Stopping };
 

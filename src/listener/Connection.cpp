@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <utility>
 
 namespace qv::impl
@@ -28,6 +29,16 @@ namespace
 {
 
 constexpr uint64_t kMsPerSecond = 1000;
+
+// Of a response with the three digits behind "HTTP/1.1 ".
+uint32_t statusOf(const std::string& response)
+{
+    constexpr size_t kStatusAt = 9;
+    uint32_t status = 0;
+    if (response.size() > kStatusAt)
+        std::from_chars(response.data() + kStatusAt, response.data() + response.size(), status);
+    return status;
+}
 
 int64_t afterMs(int64_t nowMs, int64_t limitMs)
 {
@@ -256,6 +267,7 @@ void Connection::refuse(const std::string& response)
     const qvMutexLocker locker(&mMutex);
     if (!isOurs())
         return;
+    writtenStatus = statusOf(response);
     send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     isShutDown = true;
     shutdown(mDescriptor, SHUT_RDWR);
@@ -266,6 +278,7 @@ int Connection::endWith(const std::string& response)
     const qvMutexLocker locker(&mMutex);
     if (!isOurs())
         return -1;
+    writtenStatus = statusOf(response);
     send(mDescriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     isShutDown = true;
     shutdown(mDescriptor, SHUT_WR);

@@ -165,6 +165,27 @@ public:
     // The response is sent without reading the body. Daemon thread.
     bool isBodyUnread = false;
 
+    // The status of the response to the request in progress, as the daemon has it; 0 without.
+    // Daemon thread.
+    uint32_t queuedStatus = 0;
+
+    // The status of the last response of the connection, which is written by hand; 0 without. Set
+    // once, after the connection has been claimed.
+    std::atomic<uint32_t> writtenStatus{0};
+
+    // Daemon thread.
+    uint32_t getResponseStatus() const
+    {
+        return writtenStatus != 0 ? writtenStatus.load() : queuedStatus;
+    }
+
+    // Of a head that is refused: its method. Daemon thread.
+    std::string refusedMethod;
+
+    // The target of the request that has begun and is not completed; null between requests, and
+    // once the application has its connection. Daemon thread.
+    const std::string* openTarget = nullptr;
+
     // A duplicate of the descriptor, to be read from until the peer has seen the response, when it
     // has sent or sends more than has been read; otherwise -1. Daemon thread, before `close`.
     int keepUntilSeen();

@@ -43,6 +43,8 @@ struct DispatchAccess
     static int64_t& lastKeepAliveMs(HttpBaseRequest& r) { return r.mLastKeepAliveMs; }
     static uint32_t& keepAliveIntervalMs(HttpBaseRequest& r) { return r.mKeepAliveIntervalMs; }
 
+    static uint32_t& responseStatus(HttpBaseRequest& r) { return r.mResponseStatus; }
+
     static ConnectionRecord*& record(HttpBaseRequest& r) { return r.mRecord; }
 
     static qvMutex& mutex(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS { return d.mMutex; }

@@ -29,7 +29,8 @@ HttpBaseRequest::HttpBaseRequest()
     : mConnection(nullptr), mAuxIndex(-1), mReceiveDurationMs(0), mResponseStartMs(-1),
       mRequestHeadBytes(0), mResponseHeadBytes(0), mLastKeepAliveMs(impl::kTimeNotSet),
       mAuxTimeMs(impl::kTimeNotSet), mKeepAliveIntervalMs(0), mBodyPending(false),
-      mRequestType(UNKNOWN_HTTP_METHOD), mHasParseError(false), mCompleted(false), mRecord(nullptr)
+      mRequestType(UNKNOWN_HTTP_METHOD), mHasParseError(false), mCompleted(false), mRecord(nullptr),
+      mResponseStatus(0)
 {
     mReceiveDevice = std::make_unique<HttpReceiveDevice>(*this);
     mResponseDevice = std::make_unique<HttpResponseDevice>(*this);

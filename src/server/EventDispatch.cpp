@@ -107,6 +107,7 @@ void discardResponse(HttpBaseRequest& request, Connection& record, const char* r
 MHD_Result respondLate(HttpBaseRequest& request, Connection& record, MHD_Connection* connection)
 {
     discardResponse(request, record, kTimeoutReached);
+    record.queuedStatus = MHD_HTTP_SERVICE_UNAVAILABLE;
     return respondEmpty(connection, MHD_HTTP_SERVICE_UNAVAILABLE, kRetryAfterSeconds);
 }
 
@@ -114,6 +115,7 @@ MHD_Result upgrade(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
                    Connection& record)
 {
     const unsigned status = QueueUpgrade(daemon, connection, request, record);
+    record.queuedStatus = status == 0 ? MHD_HTTP_SWITCHING_PROTOCOLS : status;
     if (status == 0)
         return MHD_YES;
     discardResponse(request, record, kUpgradeRefused);
@@ -138,6 +140,8 @@ MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* 
         DispatchAccess::endSource(request.getResponseDevice());
         return upgrade(daemon, connection, request, record);
     }
+    record.queuedStatus =
+        decision == Decision::Error ? MHD_HTTP_INTERNAL_SERVER_ERROR : head.getStatusCode();
     const bool close = mustClose(daemon, record);
     if (decision == Decision::Source)
         return QueueSource(request, record, connection, close);
@@ -202,6 +206,7 @@ IpAddress clientAddressOf(const EventDaemon::Settings& settings, MHD_Connection*
 // the first call.
 MHD_Result refuseHead(const Refusal& refusal, MHD_Connection* connection, Connection& record)
 {
+    record.queuedStatus = refusal.status;
     qvLogObject(qvLogObject::kInformation)
         << "Refused a request of " << record.getPeer().address.toString() << " with "
         << refusal.status << ": " << refusal.reason;
@@ -218,12 +223,15 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     if (!IsHostAllowed(settings.allowedHosts, connection, context.uri)) {
         record.setPhase(Phase::Responding, kNoDeadline);
         record.isBodyUnread = true;
+        record.queuedStatus = MHD_HTTP_MISDIRECTED_REQUEST;
+        record.refusedMethod = method;
         return RefuseHost(connection);
     }
     const uint64_t declared = declaredBytes(connection);
     http::HttpServerImpl& application = daemon.getServer().getImpl();
     HttpBaseRequest& request = *application.createRequest();
     context.request = &request;
+    record.openTarget = nullptr;
     fill(request, connection, method, clientAddressOf(settings, connection, record), context);
     DispatchAccess::record(request) = &record;
     {
@@ -380,6 +388,18 @@ MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
     return queueDecided(decision, daemon, connection, request, record, body);
 }
 
+// Of a request that the application has not seen.
+void reportRefused(EventDaemon& daemon, Connection& record, MHD_RequestTerminationCode code)
+{
+    const std::string* const target = std::exchange(record.openTarget, nullptr);
+    if (!target)
+        return;
+    const char* const reason = AbortReason(code);
+    daemon.getServer().getImpl().onRequestRefused(
+        {record.refusedMethod, *target, record.getPeer().address, record.getResponseStatus(),
+         reason ? reason : std::string()});
+}
+
 }  // namespace
 
 Connection* ConnectionOf(MHD_Connection* connection)
@@ -400,11 +420,17 @@ void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string
 void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
 {
     DaemonThread::mark();
-    if (Connection* const record = ConnectionOf(connection))
+    Connection* const record = ConnectionOf(connection);
+    if (record)
         record->beginHead(qvSystemUtils::GetTimeBaseMs());
     if (uri)
         NoteRequestLine(connection, uri);
-    return ContextRegistry::Add(uri ? uri : "", connection);
+    ConnectionContext* const context = ContextRegistry::Add(uri ? uri : "", connection);
+    if (record) {
+        record->openTarget = &context->uri;
+        record->queuedStatus = 0;
+    }
+    return context;
 }
 
 void NotifyConnection(void* closure, MHD_Connection* connection, void** socketContext,
@@ -422,6 +448,8 @@ void NotifyConnection(void* closure, MHD_Connection* connection, void** socketCo
     if (!known)
         return;
     const ConnectionTable::Pointer record = known->shared_from_this();
+    // The daemon does not complete a request whose head it forgets.
+    reportRefused(daemon, *record, MHD_REQUEST_TERMINATED_WITH_ERROR);
     if (const int kept = record->keepUntilSeen(); kept >= 0)
         daemon.getListener().keepUntilSeen(kept);
     const int descriptor = record->close();
@@ -443,12 +471,15 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
         return MHD_YES;
     }
     if (!context.request) {
+        record->refusedMethod.clear();
         if (record->phase == Phase::Ended || daemon.getListener().isStopping())
             return endConnection();
         if (daemon.getSettings().strictRequests) {
             const Refusal refusal = CheckHead({connection, url, method, version, context.uri});
-            if (refusal.status != 0)
+            if (refusal.status != 0) {
+                record->refusedMethod = method;
                 return refuseHead(refusal, connection, *record);
+            }
         }
         return beginRequest(daemon, connection, method, version, *record, context);
     }
@@ -475,6 +506,9 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
         }
         endUpload(request);
         DispatchAccess::endSource(request.getResponseDevice());
+        DispatchAccess::responseStatus(request) = record->getResponseStatus();
+    } else if (record) {
+        reportRefused(daemon, *record, code);
     }
     // The daemon completes the request of an upgraded connection with its own mutex held, under
     // which no mutex of a request or connection is taken.

@@ -99,6 +99,7 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
     }
     record.endRequest(qvSystemUtils::GetTimeBaseMs());
     record.progress.isUpgraded = true;
+    DispatchAccess::responseStatus(request) = MHD_HTTP_SWITCHING_PROTOCOLS;
     CompleteRequest(&daemon.getServer(), request, code);
     MHD_upgrade_action(handle, MHD_UPGRADE_ACTION_CLOSE);
 }

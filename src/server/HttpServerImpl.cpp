@@ -35,6 +35,8 @@ HttpServerImpl::Callback HttpServerImpl::GetLogFunction()
     return reinterpret_cast<Callback>(&impl::LogDaemonMessage);
 }
 
+void HttpServerImpl::onRequestRefused(const RefusedRequest&) {}
+
 void HttpServerImpl::setErrorBody(std::string body)
 {
     mErrorBody = std::move(body);

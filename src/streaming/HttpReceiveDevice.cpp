@@ -206,7 +206,8 @@ uint64_t HttpReceiveDevice::takeFromQueue(char* buf, uint64_t wanted, bool leave
 {
     uint64_t taken = 0;
     while (taken < wanted && !mQueue.empty()) {
-        if (leavesNewest && !mFeedEnded && !mFeedPaused && std::next(mQueue.begin()) == mQueue.end())
+        if (leavesNewest && !mFeedEnded && !mFeedPaused &&
+            std::next(mQueue.begin()) == mQueue.end())
             break;
         const Chunk& front = mQueue.front();
         const uint64_t part = std::min<uint64_t>(front.size() - mReadOffset, wanted - taken);

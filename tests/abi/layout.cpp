@@ -86,6 +86,7 @@ WENDREL_PLACE(qv::http::HttpServerImpl, handleRequest, 3);
 WENDREL_PLACE(qv::http::HttpServerImpl, onNewWebSocket, 4);
 WENDREL_PLACE(qv::http::HttpServerImpl, onServerStopped, 5);
 WENDREL_PLACE(qv::http::HttpServerImpl, onRequestCompleted, 6);
+WENDREL_PLACE(qv::http::HttpServerImpl, onRequestRefused, 7);
 
 WENDREL_PLACE(qv::HttpBaseRequest, mConnection, 8);
 WENDREL_PLACE(qv::HttpBaseRequest, mAuxIndex, 16);
@@ -112,6 +113,7 @@ WENDREL_PLACE(qv::HttpBaseRequest, mRequestType, 662);
 WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 664);
 WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 665);
 WENDREL_PLACE(qv::HttpBaseRequest, mRecord, 672);
+WENDREL_PLACE(qv::HttpBaseRequest, mResponseStatus, 680);
 WENDREL_PLACE(qv::HttpBaseRequest, getResponse, 2);
 WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
 WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
@@ -270,7 +272,7 @@ WENDREL_PLACE(qv::http::HttpServer::Parameters, listenOnAllInterfaces, 20);
 
 static_assert(sizeof(qv::http::HttpServer) == 312);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
-static_assert(sizeof(qv::HttpBaseRequest) == 680);
+static_assert(sizeof(qv::HttpBaseRequest) == 688);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 296);
@@ -291,7 +293,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 177;
+constexpr size_t kPlaces = 179;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -6,6 +6,7 @@
 #include <qvSystem/qvSystemUtils.h>
 #include <qvSystem/qvThread.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
@@ -13,6 +14,7 @@
 #include <string>
 
 using qv::qvLog;
+using qv::kit::CompletedRequest;
 using qv::kit::Request;
 
 namespace
@@ -70,6 +72,18 @@ std::unique_ptr<qvLog> makeLog(const std::string& path, int level)
     return log;
 }
 
+// One line for each request: "127.0.0.1 GET /order/tea 500 46 bytes 1 ms". Any thread.
+void logRequest(const CompletedRequest& request)
+{
+    const std::string outcome =
+        request.abortReason.empty() ? std::to_string(request.status) : request.abortReason;
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(request.duration);
+    writeLog(qvLog::Debug, request.clientAddress.toString() + " " + request.method + " " +
+                               request.target + " " + outcome + " " +
+                               std::to_string(request.sentBytes) + " bytes " +
+                               std::to_string(ms.count()) + " ms");
+}
+
 void addRoutes(qv::kit::Router& router)
 {
     router.get("/", [](Request& request) {
@@ -96,6 +110,7 @@ int main(int argc, char** argv)
         return 1;
 
     qv::kit::Server server;
+    server.options().onCompleted = logRequest;
     addRoutes(server.router());
     return server.run(argv[1]);
 }

@@ -59,6 +59,20 @@ class Logging(unittest.TestCase):
         self.assertRegex(self.log.read_text(),
                          rf"(?m)^{TIME} debug \[shop\] \d+ somebody looks at the page$")
 
+    def test_each_request_has_its_line(self):
+        server = self.start("debug")
+        server.ask("GET", "/")
+        server.ask("GET", "/order/tea?n=1")
+        self.send(server, b"GET /bad HTTP/1.1\r\n\r\n")
+        self.assertEqual(server.process.stop(), 0)
+        # In no order.
+        lines = re.findall(rf"(?m)^{TIME} debug \[shop\] \d+ (127.*)$", self.log.read_text())
+        lines.sort()
+        self.assertRegex(lines[1], r"\A127\.0\.0\.1 GET / 200 18 bytes \d+ ms\Z")
+        self.assertRegex(lines[2], r"\A127\.0\.0\.1 GET /order/tea\?n=1 500 46 bytes \d+ ms\Z")
+        self.assertRegex(lines[0], r"\A127\.0\.0\.1  /bad WriteError 0 bytes 0 ms\Z")
+        self.assertEqual(len(lines), 3)
+
     def test_escapes_cannot_be_forged(self):
         server = self.start("error")
         # Control characters do not come as far as a line.

@@ -7,11 +7,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 using qv::BodySource;
 using qv::kit::ContentType;
+using qv::kit::DeferredResponse;
 using qv::kit::DeferredStream;
 using qv::kit::HttpError;
 using qv::kit::Request;
@@ -94,6 +96,24 @@ void countLines(Request& request)
     request.reply(std::to_string(lines) + "\n");
 }
 
+// The same without a worker while the client is slow. The callbacks keep the count, and the
+// response.
+void countLinesLater(Request& request)
+{
+    struct Count
+    {
+        DeferredResponse later;
+        int64_t lines = 0;
+    };
+    auto count = std::make_shared<Count>();
+    count->later = request.defer();
+    count->later.onBody(
+        [count](std::string_view piece) {
+            count->lines += std::count(piece.begin(), piece.end(), '\n');
+        },
+        [count] { count->later.reply(std::to_string(count->lines) + "\n"); });
+}
+
 // The body has been received when the handler is called.
 void takeNote(Request& request)
 {
@@ -116,6 +136,7 @@ int main(int argc, char** argv)
     router.get("/numbers/{last}", sendNumbers);
     router.get("/numbers-later/{last}", sendNumbersLater);
     router.post("/lines", countLines).streaming();
+    router.post("/lines-later", countLinesLater).streaming();
     router.post("/notes", takeNote).maxBodyBytes(kNoteLimitBytes);
     return server.run();
 }

@@ -82,6 +82,12 @@ class Streaming(unittest.TestCase):
         for sender in senders:
             reset(sender)
 
+    def test_slow_uploads_to_callbacks_hold_no_worker(self):
+        senders = [self.server.begin_upload("POST", "/lines-later", 3, b"\n") for _ in range(20)]
+        self.assertEqual(self.server.ask("POST", "/lines", b"\n")[:2], (200, b"1\n"))
+        for sender in senders:
+            reset(sender)
+
     def test_the_handler_returns_when_the_client_disconnects(self):
         """The server has 4 workers: waiting for 5 closed connections, none would be free."""
         for _ in range(5):
@@ -95,11 +101,12 @@ class Streaming(unittest.TestCase):
     def test_lines_are_counted(self):
         rows = ((b"", b"0\n"), (b"\n", b"1\n"), (b"a\nb", b"1\n"),
                 (self.content, b"%d\n" % (FILE_BYTES // 8)))
-        for body, expected in rows:
-            self.assertEqual(self.server.ask("POST", "/lines", body)[:2], (200, expected))
-        self.assertEqual(self.server.ask("POST", "/lines", [self.content] * 2, encode_chunked=True,
-                                         headers={"Transfer-Encoding": "chunked"})[:2],
-                         (200, b"%d\n" % (2 * FILE_BYTES // 8)))
+        chunked = {"encode_chunked": True, "headers": {"Transfer-Encoding": "chunked"}}
+        for target in ("/lines", "/lines-later"):
+            for body, expected in rows:
+                self.assertEqual(self.server.ask("POST", target, body)[:2], (200, expected))
+            self.assertEqual(self.server.ask("POST", target, [self.content] * 2, **chunked)[:2],
+                             (200, b"%d\n" % (2 * FILE_BYTES // 8)))
 
     def test_a_note_has_its_limit(self):
         too_large = (413, b'{"title":"Content Too Large","status":413}')

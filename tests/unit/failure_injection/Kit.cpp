@@ -83,7 +83,7 @@ public:
             Access::completed(base()) = true;
             base().onCompleted(0);
         }
-        mCore.deleteRequests();
+        mCore.endRequests();
         mCore.close();
         mCore.release();
     }

@@ -3,6 +3,7 @@
 #define WENDREL_KIT_SERVER_H
 
 #include <Wendrel/ServerOptions.h>
+#include <Wendrel/kit/CompletedRequest.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/websocket/Engine.h>
@@ -35,6 +36,12 @@ struct ServerOptions : http::ServerOptions
     websocket::EngineOptions webSockets;
     /// How long `run` gives running requests when it has been told to stop.
     std::chrono::milliseconds stopTimeout{5000};
+    /// Called once for each request whose request line has been received, also for those that the
+    /// server refused, that were aborted and that became WebSockets; at most 20 ms after the end of
+    /// the response, or as soon as a thread is free, and before `stop` returns. Thread: a worker,
+    /// or one of the server; several at once, without a lock. Requests that end faster than it
+    /// returns are held back. An exception that leaves it is logged. Empty: none.
+    std::function<void(const CompletedRequest&)> onCompleted;
 };
 
 /// Owns routes, threads and connections: the one object that an application makes.
