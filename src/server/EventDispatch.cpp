@@ -32,6 +32,7 @@
 
 #include <charconv>
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -260,6 +261,22 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     return declared == 0 ? MHD_YES : respondEarly(daemon, connection, request, record);
 }
 
+MHD_Result handleHead(EventDaemon& daemon, const DaemonHead& head, Connection& record,
+                      ConnectionContext& context)
+{
+    record.refusedMethod.clear();
+    if (record.phase == Phase::Ended || daemon.getListener().isStopping())
+        return endConnection();
+    if (daemon.getSettings().strictRequests) {
+        const Refusal refusal = CheckHead(head);
+        if (refusal.status != 0) {
+            record.refusedMethod = head.method;
+            return refuseHead(refusal, head.connection, record);
+        }
+    }
+    return beginRequest(daemon, head.connection, head.method, head.version, record, context);
+}
+
 // The daemon takes no response in the call of a piece. When the listener has claimed the connection
 // it ends the request itself.
 void refuseUpload(Connection& record)
@@ -388,6 +405,15 @@ MHD_Result respond(EventDaemon& daemon, MHD_Connection* connection, HttpBaseRequ
     return queueDecided(decision, daemon, connection, request, record, body);
 }
 
+// There is no memory for the request: it ends without a response.
+MHD_Result endWithoutMemory(Connection* record, HttpBaseRequest* request)
+{
+    if (!record || !request)
+        return MHD_NO;
+    record->abortRequest(kMemoryExhausted, false);
+    return endAborted(*request, *record);
+}
+
 // Of a request that the application has not seen.
 void reportRefused(EventDaemon& daemon, Connection& record, MHD_RequestTerminationCode code)
 {
@@ -417,6 +443,7 @@ void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string
     request.onAborted(reason);
 }
 
+// Without memory there is no context: the access handler ends the request.
 void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
 {
     DaemonThread::mark();
@@ -425,7 +452,12 @@ void* OpenEventContext(void*, const char* uri, MHD_Connection* connection)
         record->beginHead(qvSystemUtils::GetTimeBaseMs());
     if (uri)
         NoteRequestLine(connection, uri);
-    ConnectionContext* const context = ContextRegistry::Add(uri ? uri : "", connection);
+    ConnectionContext* context = nullptr;
+    try {
+        context = ContextRegistry::Add(uri ? uri : "", connection);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
     if (record) {
         record->openTarget = &context->uri;
         record->queuedStatus = 0;
@@ -463,30 +495,26 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
                              size_t* uploadSize, void** slot)
 {
     auto& daemon = *static_cast<EventDaemon*>(closure);
-    auto& context = *static_cast<ConnectionContext*>(*slot);
+    auto* const context = static_cast<ConnectionContext*>(*slot);
     ExpectAbort(false);
     Connection* const record = ConnectionOf(connection);
     if (!record) {
         *uploadSize = 0;
         return MHD_YES;
     }
-    if (!context.request) {
-        record->refusedMethod.clear();
-        if (record->phase == Phase::Ended || daemon.getListener().isStopping())
-            return endConnection();
-        if (daemon.getSettings().strictRequests) {
-            const Refusal refusal = CheckHead({connection, url, method, version, context.uri});
-            if (refusal.status != 0) {
-                record->refusedMethod = method;
-                return refuseHead(refusal, connection, *record);
-            }
-        }
-        return beginRequest(daemon, connection, method, version, *record, context);
+    if (!context)
+        return MHD_NO;
+    // The daemon's frames are those of C: an exception would end the process.
+    try {
+        if (!context->request)
+            return handleHead(daemon, {connection, url, method, version, context->uri}, *record,
+                              *context);
+        if (*uploadSize != 0)
+            return feedBody(*context->request, *record, uploadData, uploadSize);
+        return respond(daemon, connection, *context->request, *record, *context);
+    } catch (const std::bad_alloc&) {
+        return endWithoutMemory(record, context->request);
     }
-    HttpBaseRequest& request = *context.request;
-    if (*uploadSize != 0)
-        return feedBody(request, *record, uploadData, uploadSize);
-    return respond(daemon, connection, request, *record, context);
 }
 
 void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slot,
@@ -512,13 +540,15 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
     }
     // The daemon completes the request of an upgraded connection with its own mutex held, under
     // which no mutex of a request or connection is taken.
-    if (record && record->progress.isUpgraded) {
-        RequestCompleted(&daemon.getServer(), connection, slot, code);
-        return;
-    }
-    if (record)
+    if (record && !record->progress.isUpgraded)
         record->endRequest(qvSystemUtils::GetTimeBaseMs());
-    RequestCompleted(&daemon.getServer(), connection, slot, code);
+    try {
+        RequestCompleted(&daemon.getServer(), connection, slot, code);
+    } catch (const std::bad_alloc&) {
+        // Of the text of an error, which comes last: the device is in error already.
+    }
+    if (record && record->progress.isUpgraded)
+        return;
     // The daemon may have missed the report of the end.
     if (record && (record->isPeerClosed || daemon.getListener().isDraining()))
         record->shutDown(SHUT_RD);

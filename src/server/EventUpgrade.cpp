@@ -21,12 +21,15 @@
 #include <qvSystem/qvSystemUtils.h>
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <list>
 #include <memory>
+#include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace qv::impl
@@ -75,6 +78,20 @@ void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
     ReportAbort(request, record, record.getAbortReason());
 }
 
+// Takes the descriptor over. Null without memory: the connection is closed.
+std::unique_ptr<UpgradedConnection> makeUpgraded(int descriptor, std::string_view received,
+                                                 const HttpBaseRequest& request, Connection& record)
+{
+    try {
+        auto place = std::make_shared<ConnectionPlace>(std::move(record.place));
+        return std::make_unique<UpgradedConnection>(descriptor, std::string(received),
+                                                    request.getClientAddress(), std::move(place));
+    } catch (const std::bad_alloc&) {
+        close(descriptor);
+        return nullptr;
+    }
+}
+
 // Upgrade handler; `closure` is the EventDaemon, `slot` the ConnectionContext. The daemon completes
 // the context under its own mutex when it closes its descriptor: the request is completed here.
 void handOn(void* closure, MHD_Connection* connection, void* slot, const char* extraBytes,
@@ -88,13 +105,14 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
     daemon.getListener().unwatch(socket);
     const int descriptor = record.detach(daemon.getReplacement());
     auto code = MHD_REQUEST_TERMINATED_COMPLETED_OK;
-    if (descriptor >= 0) {
+    std::unique_ptr<UpgradedConnection> upgraded;
+    if (descriptor >= 0)
+        upgraded = makeUpgraded(descriptor, {extraBytes, extraSize}, request, record);
+    if (upgraded) {
         endBodyOfUpgrade(request);
-        request.onUpgraded(std::make_unique<UpgradedConnection>(
-            descriptor, std::string(extraBytes, extraSize), request.getClientAddress(),
-            std::make_shared<ConnectionPlace>(std::move(record.place))));
+        request.onUpgraded(std::move(upgraded));
     } else {
-        abortUpgrade(request, record, -descriptor);
+        abortUpgrade(request, record, descriptor < 0 ? -descriptor : ENOMEM);
         code = MHD_REQUEST_TERMINATED_WITH_ERROR;
     }
     record.endRequest(qvSystemUtils::GetTimeBaseMs());

@@ -10,3 +10,12 @@ wendrel_test_program(integration_kit
     LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
 
 include(hello.cmake)
+
+# Allocations of the server that fail: the program replaces operator new.
+wendrel_test_program(integration_kit_failures
+    SOURCES
+        main.cpp
+        support/FailingMemory.cpp support/Pattern.cpp support/ProcessCounts.cpp
+        support/RawClient.cpp
+        KitFailures.cpp
+    LIBRARIES Wendrel::Kit CURL::libcurl)

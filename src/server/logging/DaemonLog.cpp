@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -82,8 +83,13 @@ void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
     }
     const bool isBehindOption = std::exchange(tHasDroppedOption, false);
     tHasDroppedOption = isUnsupportedOption(format, arguments);
-    if (!tHasDroppedOption && !(isBehindOption && startsWith(format, kPushFormat)))
+    if (tHasDroppedOption || (isBehindOption && startsWith(format, kPushFormat)))
+        return;
+    try {
         LogDaemonMessage(closure, format, arguments);
+    } catch (const std::bad_alloc&) {
+        // The line is lost; the daemon's frames are those of C.
+    }
 }
 
 void ExpectAbort(bool isExpected)

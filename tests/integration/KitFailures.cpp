@@ -1,0 +1,210 @@
+// A running server of the kit while memory runs out: each allocation of a request fails once, the
+// first, the second, and so on up to a request without; then all from each of them on. Every
+// request has a response or the end of its connection, and the server goes on.
+
+#include "support/FailingMemory.h"
+#include "support/KitTestServer.h"
+#include "support/Pattern.h"
+#include "support/ProcessCounts.h"
+
+#include <Wendrel/BodySource.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+namespace integration
+{
+namespace
+{
+
+using qv::BodySource;
+using qv::kit::CompletedRequest;
+using qv::kit::ContentType;
+using qv::kit::DeferredResponse;
+using qv::kit::DeferredStream;
+using qv::kit::HttpError;
+using qv::kit::Request;
+using qv::kit::Router;
+
+constexpr size_t kBodyBytes = 100000;
+
+void deliver(Request& request)
+{
+    auto later = std::make_shared<DeferredResponse>(request.defer());
+    auto size = std::make_shared<size_t>(0);
+    later->onBody([size](std::string_view piece) { *size += piece.size(); },
+                  [size, later] { later->reply(std::to_string(*size)); });
+}
+
+void streamLater(Request& request)
+{
+    DeferredStream stream = request.defer().startStream(ContentType::text());
+    for (int i = 0; i < 10; ++i)
+        stream.write(std::string_view("0123456789"));
+    stream.finish();
+}
+
+void stream(Request& request)
+{
+    request.setHeader("X-Stream", "yes");
+    if (!request.startStream())
+        return;
+    const std::string piece(10000, 's');
+    for (int i = 0; i < 10; ++i)
+        request.write(piece);
+}
+
+void addRoutes(Router& router)
+{
+    router.get("/inline/{name}", [](Request& r) { r.reply(r.pathParameter("name")); })
+        .nonBlocking();
+    router.get("/worker", [](Request& request) {
+        request.setHeader("X-Long", std::string(100, 'x'));
+        request.reply(request.query("a") + request.header("user-agent") + request.cookie("c"));
+    });
+    router.put("/buffered", [](Request& r) { r.reply(std::to_string(r.body().size())); });
+    router
+        .put("/streaming",
+             [](Request& r) { r.reply(std::to_string(r.readAll(kBodyBytes).size())); })
+        .streaming();
+    router.put("/delivered", deliver).streaming();
+    router.get("/later", [](Request& request) {
+        auto later = request.defer();
+        later.onGone([] {});
+        later.setDeadline(std::chrono::minutes(1));
+        later.reply("later");
+    });
+    router.get("/stream-later", streamLater);
+    router.get("/stream", stream);
+    router.get("/source", [](Request& request) {
+        request.replySource(BodySource::fromString(std::make_shared<const std::string>("source")),
+                            ContentType::bytes());
+    });
+    router.get("/error", [](Request&) { throw HttpError(409, std::string(100, 'e')); });
+    router.get("/limited", [](Request& request) { request.reply("ok"); })
+        .responseTimeout(std::chrono::minutes(1));
+}
+
+struct Part
+{
+    const char* name;
+    std::string bytes;
+    int status;
+};
+
+std::vector<Part> makeParts()
+{
+    const std::string body = pattern(kBodyBytes);
+    return {
+        {"inline", getRequest("/inline/a-name-that-needs-memory-of-its-own"), 200},
+        {"worker",
+         getRequest("/worker?a=" + std::string(50, 'a'),
+                    "User-Agent: " + std::string(50, 'u') +
+                        "\r\nCookie: c=" + std::string(50, 'c') + "\r\n"),
+         200},
+        {"HEAD", "HEAD /worker HTTP/1.1\r\nHost: x\r\n\r\n", 200},
+        {"buffered body", withBody("PUT", "/buffered", body), 200},
+        {"streaming body", withBody("PUT", "/streaming", body), 200},
+        {"delivered body", withBody("PUT", "/delivered", body), 200},
+        {"chunked body", chunkedHead("PUT", "/delivered") + chunk(body) + "0\r\n\r\n", 200},
+        {"deferred", getRequest("/later"), 200},
+        {"deferred stream", getRequest("/stream-later"), 200},
+        {"stream", getRequest("/stream"), 200},
+        {"source", getRequest("/source"), 200},
+        {"HttpError", getRequest("/error"), 409},
+        {"limited", getRequest("/limited"), 200},
+        {"no route", getRequest("/missing"), 404},
+        {"strict", "GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n", 400},
+        {"target", getRequest("/%00"), 400},
+        {"half a body", headOf("PUT", "/delivered", 10) + "12345", 0},
+    };
+}
+
+// Allocations until one request is over. Memory of the logs is not the server's.
+class KitFailures : public testing::Test
+{
+protected:
+    KitFailures()
+    {
+        exemptThisThread();
+        auto options = kitOptions(2);
+        options.threads = 1;
+        options.onCompleted = [this](const CompletedRequest&) { ++mCompleted; };
+        mServer = std::make_unique<KitTestServer>(addRoutes, options);
+    }
+
+    // What a client of this part gets: a status, 0 for the end of the connection.
+    int ask(const Part& part) const
+    {
+        RawClient client(mServer->port());
+        client.send(part.bytes);
+        if (part.status == 0)
+            client.finishSending();
+        const auto response = client.receive(part.bytes.compare(0, 5, "HEAD ") == 0);
+        if (response)
+            return response->status;
+        // Neither a response nor the end would be a request that is forgotten.
+        EXPECT_EQ(client.receiveToEnd(), "");
+        return 0;
+    }
+
+    bool isIdle() const
+    {
+        return waitUntil([&] { return mServer->server().openRequests() == 0; });
+    }
+
+    void failEach(bool fromThenOn)
+    {
+        for (const Part& part : makeParts()) {
+            SCOPED_TRACE(part.name);
+            ASSERT_EQ(ask(part), part.status);
+            const size_t descriptors = countDescriptors();
+            size_t number = 1;
+            for (;; ++number) {
+                SCOPED_TRACE("allocation " + std::to_string(number));
+                bool hasFailed = false;
+                {
+                    const FailNthAllocation failing(number, fromThenOn);
+                    const int status = ask(part);
+                    hasFailed = failing.hasFailed();
+                    EXPECT_TRUE(hasFailed || status == part.status) << status;
+                    EXPECT_TRUE(status == part.status || status == 0 || status == 500 ||
+                                status == 503)
+                        << status;
+                }
+                ASSERT_TRUE(isIdle());
+                ASSERT_EQ(mServer->get("/inline/a").body, "a");
+                if (!hasFailed)
+                    break;
+                ASSERT_LT(number, 1000u);
+            }
+            EXPECT_TRUE(waitUntil([&] { return countDescriptors() <= descriptors; }));
+            std::printf("%-16s %4zu failing allocations\n", part.name, number - 1);
+            EXPECT_GT(number, 1u);
+        }
+        EXPECT_TRUE(mServer->stop());
+        EXPECT_GT(mCompleted, 0);
+    }
+
+    std::atomic<int> mCompleted{0};
+    std::unique_ptr<KitTestServer> mServer;
+};
+
+TEST_F(KitFailures, OneAllocationFails)
+{
+    failEach(false);
+}
+
+TEST_F(KitFailures, AllAllocationsFailFromOneOn)
+{
+    failEach(true);
+}
+
+}  // namespace
+}  // namespace integration
