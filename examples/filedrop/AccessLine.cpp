@@ -4,28 +4,23 @@
 
 #include "Log.h"
 
-#include <Wendrel/HttpRequest.h>
-#include <qvSystem/IpAddress.h>
 #include <qvSystem/qvLog.h>
-#include <qvSystem/qvSystemUtils.h>
+
+#include <chrono>
+#include <string>
 
 namespace filedrop
 {
 
-AccessLine::AccessLine(const qv::kit::Request& request)
-    : mRequest(request.clientAddress().toString() + " " +
-               qv::HttpBaseRequest::RequestTypeToString(
-                   static_cast<qv::HttpBaseRequest::RequestType>(request.method())) +
-               " " + request.target()),
-      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs())
-{}
-
-void AccessLine::write(int status, bool isSent, uint64_t bytes) const
+void writeAccessLine(const qv::kit::CompletedRequest& request)
 {
-    writeLog(qv::qvLog::Information,
-             mRequest + " " + (isSent ? std::to_string(status) : "lost") + " " +
-                 std::to_string(bytes) + " bytes " +
-                 std::to_string(qv::qvSystemUtils::GetTimeBaseMs() - mStartedMs) + " ms");
+    const std::string outcome =
+        request.abortReason.empty() ? std::to_string(request.status) : request.abortReason;
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(request.duration);
+    writeLog(qv::qvLog::Information, request.clientAddress.toString() + " " + request.method + " " +
+                                         request.target + " " + outcome + " " +
+                                         std::to_string(request.sentBytes) + " bytes " +
+                                         std::to_string(ms.count()) + " ms");
 }
 
 }  // namespace filedrop

@@ -2,28 +2,14 @@
 #ifndef FILEDROP_ACCESSLINE_H
 #define FILEDROP_ACCESSLINE_H
 
-#include <Wendrel/kit/Request.h>
-
-#include <cstdint>
-#include <string>
+#include <Wendrel/kit/CompletedRequest.h>
 
 namespace filedrop
 {
 
-/// The part of the line that is known before the response.
-class AccessLine
-{
-public:
-    explicit AccessLine(const qv::kit::Request& request);
-
-    /// Writes "127.0.0.1 GET /files/a 200 1000 bytes 3 ms"; without `isSent` "lost" takes the
-    /// place of the status. `bytes`: of the body. Any thread.
-    void write(int status, bool isSent, uint64_t bytes) const;
-
-private:
-    std::string mRequest;
-    int64_t mStartedMs;
-};
+/// Writes "127.0.0.1 GET /files/a 200 1000 bytes 3 ms"; the reason takes the place of the status of
+/// a request that was aborted. The bytes are those of the response's body. Any thread.
+void writeAccessLine(const qv::kit::CompletedRequest& request);
 
 }  // namespace filedrop
 

@@ -162,19 +162,12 @@ private:
     const bool mTaken;
 };
 
-// For the line in the log.
-struct FileDrop::Outcome
-{
-    int status = 0;  // 0: the line is written when the response ends
-    bool isSent = true;
-    uint64_t bytes = 0;
-};
-
 FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
     : mStore(std::move(store)), mMaxUploadBytes(settings.maxUploadBytes),
       mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.server.workers)),
       mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
+    mServer.options().onCompleted = &writeAccessLine;
     addRoutes();
 }
 
@@ -184,8 +177,7 @@ void FileDrop::addRoutes()
     router.get("/", handlerOf(&FileDrop::sendPage)).nonBlocking();
     router.get("/api/files", handlerOf(&FileDrop::sendList));
     router
-        .webSocket("/live", LiveList::options(),
-                   [this](const Request& request) { return mLive.listen(request); })
+        .webSocket("/live", LiveList::options(), [this](const Request&) { return mLive.listen(); })
         .nonBlocking();
     router.get("/api/status", handlerOf(&FileDrop::sendStatus)).nonBlocking();
     router.get("/files/{name}", handlerOf(&FileDrop::sendFile));
@@ -201,31 +193,26 @@ qv::kit::Handler FileDrop::handlerOf(Handler handler)
 
 void FileDrop::serve(Handler handler, Request& request)
 {
-    const AccessLine line(request);
     setCommonHeaders(request);
-    Outcome outcome;
     try {
-        outcome = (this->*handler)(request);
+        (this->*handler)(request);
     } catch (const HttpError& error) {
-        outcome = {error.status(), request.replyError(error.status(), error.what())};
+        request.replyError(error.status(), error.what());
     }
-    if (outcome.status != 0)
-        line.write(outcome.status, outcome.isSent, outcome.bytes);
 }
 
-FileDrop::Outcome FileDrop::respond(Request& request, int status, std::string body,
-                                    const ContentType& type)
+void FileDrop::respond(Request& request, int status, std::string body, const ContentType& type)
 {
-    const uint64_t bytes = request.method() == Method::Head ? 0 : body.size();
-    mBytesOut += bytes;
-    return {status, request.reply(status, std::move(body), type), bytes};
+    if (request.method() != Method::Head)
+        mBytesOut += body.size();
+    request.reply(status, std::move(body), type);
 }
 
-FileDrop::Outcome FileDrop::sendPage(Request& request)
+void FileDrop::sendPage(Request& request)
 {
     const std::string nonce = makeNonce();
     request.setHeader("Content-Security-Policy", pagePolicy(nonce));
-    return respond(request, 200, pageWithNonce(nonce), ContentType::html());
+    respond(request, 200, pageWithNonce(nonce), ContentType::html());
 }
 
 // None when the directory cannot be read.
@@ -244,15 +231,15 @@ std::optional<std::string> FileDrop::listText() const
     return nlohmann::json({{"files", std::move(list)}}).dump();
 }
 
-FileDrop::Outcome FileDrop::sendList(Request& request)
+void FileDrop::sendList(Request& request)
 {
     std::optional<std::string> text = listText();
     if (!text)
         throw failure(StoreResult::Failed, "the directory cannot be read");
-    return respond(request, 200, std::move(*text), ContentType::json());
+    respond(request, 200, std::move(*text), ContentType::json());
 }
 
-FileDrop::Outcome FileDrop::sendStatus(Request& request)
+void FileDrop::sendStatus(Request& request)
 {
     const nlohmann::json status = {
         {"version", Wendrel::Version::GetDescStringMajorMinorReleaseRevision(false, false)},
@@ -264,10 +251,10 @@ FileDrop::Outcome FileDrop::sendStatus(Request& request)
         {"bytesOut", mBytesOut.load()},
         {"thirdParty", qv::GetThirdPartyLibVersionInfos()},
     };
-    return respond(request, 200, status.dump(), ContentType::json());
+    respond(request, 200, status.dump(), ContentType::json());
 }
 
-FileDrop::Outcome FileDrop::sendFile(Request& request)
+void FileDrop::sendFile(Request& request)
 {
     const std::string name = usableName(request);
     Descriptor fd;
@@ -275,10 +262,10 @@ FileDrop::Outcome FileDrop::sendFile(Request& request)
     const StoreResult result = mStore->openFile(name, fd, info);
     if (result != StoreResult::Done)
         throw failure(result, "'" + name + "' cannot be opened");
-    return sendContent(request, std::move(fd), info);
+    sendContent(request, std::move(fd), info);
 }
 
-FileDrop::Outcome FileDrop::sendContent(Request& request, Descriptor fd, const FileInfo& info)
+void FileDrop::sendContent(Request& request, Descriptor fd, const FileInfo& info)
 {
     const Validators validators = {
         makeETag(info.inode, info.size, info.modifiedSeconds, info.modifiedNanoseconds),
@@ -290,7 +277,8 @@ FileDrop::Outcome FileDrop::sendContent(Request& request, Descriptor fd, const F
     request.setHeader("Accept-Ranges", "bytes");
     if (isNotModified(conditions, validators, nowSeconds())) {
         request.setContentLength(static_cast<int64_t>(info.size));
-        return {304, request.reply(304)};
+        request.reply(304);
+        return;
     }
     ByteRange range = chooseRange(conditions, validators, info.size, nowSeconds());
     const std::string total = std::to_string(info.size);
@@ -303,11 +291,11 @@ FileDrop::Outcome FileDrop::sendContent(Request& request, Descriptor fd, const F
     if (range.kind == ByteRange::Part)
         request.setHeader("Content-Range", "bytes " + std::to_string(range.first) + "-" +
                                                std::to_string(range.last) + "/" + total);
-    return sendBytes(request, std::move(fd), info, range);
+    sendBytes(request, std::move(fd), info, range);
 }
 
-FileDrop::Outcome FileDrop::sendBytes(Request& request, Descriptor fd, const FileInfo& info,
-                                      const ByteRange& range)
+void FileDrop::sendBytes(Request& request, Descriptor fd, const FileInfo& info,
+                         const ByteRange& range)
 {
     const bool isPart = range.kind == ByteRange::Part;
     const int status = isPart ? 206 : 200;
@@ -318,16 +306,12 @@ FileDrop::Outcome FileDrop::sendBytes(Request& request, Descriptor fd, const Fil
                : qv::BodySource::fromDescriptor(fd.release());
     if (!content)
         throw failure(StoreResult::Failed, "'" + info.name + "' cannot be sent");
-    if (request.method() == Method::Head)
-        return {status, request.replySource(status, std::move(content), type)};
-    request.replySource(
-        status,
-        std::make_unique<Download>(std::move(content), status, AccessLine(request), mBytesOut),
-        type);
-    return {};
+    if (request.method() != Method::Head)
+        content = std::make_unique<Download>(std::move(content), mBytesOut);
+    request.replySource(status, std::move(content), type);
 }
 
-FileDrop::Outcome FileDrop::receiveFile(Request& request)
+void FileDrop::receiveFile(Request& request)
 {
     const UploadSlot slot(mFreeSlots);
     if (!slot.isTaken()) {
@@ -335,14 +319,14 @@ FileDrop::Outcome FileDrop::receiveFile(Request& request)
         throw HttpError(503, kBusy);
     }
     try {
-        return storeFile(request);
+        storeFile(request);
     } catch (const HttpError&) {
         discardRest(request);
         throw;
     }
 }
 
-FileDrop::Outcome FileDrop::storeFile(Request& request)
+void FileDrop::storeFile(Request& request)
 {
     const std::string name = usableName(request);
     const std::string what = "'" + name + "' cannot be stored";
@@ -358,7 +342,7 @@ FileDrop::Outcome FileDrop::storeFile(Request& request)
         request.setHeader("Location", request.target().substr(0, request.target().find('?')));
     mLive.listChanged();
     const nlohmann::json stored = {{"name", name}, {"size", upload->size()}};
-    return respond(request, isNew ? 201 : 200, stored.dump(), ContentType::json());
+    respond(request, isNew ? 201 : 200, stored.dump(), ContentType::json());
 }
 
 // When this throws, nothing is left of the upload.
@@ -380,18 +364,18 @@ std::unique_ptr<Upload> FileDrop::receive(Request& request, const std::string& w
     return upload;
 }
 
-FileDrop::Outcome FileDrop::deleteFile(Request& request)
+void FileDrop::deleteFile(Request& request)
 {
     const std::string name = usableName(request);
     const StoreResult result = mStore->remove(name);
     if (result != StoreResult::Done)
         throw failure(result, "'" + name + "' cannot be deleted");
     mLive.listChanged();
-    return {204, request.reply(204)};
+    request.reply(204);
 }
 
 // Instead of the server's own response, which has none of the common headers.
-FileDrop::Outcome FileDrop::refuseOther(Request&)
+void FileDrop::refuseOther(Request&)
 {
     throw HttpError(404, "There is no such page.");
 }

@@ -38,28 +38,27 @@ public:
 
 private:
     class UploadSlot;
-    struct Outcome;
-    using Handler = Outcome (FileDrop::*)(qv::kit::Request&);
+    using Handler = void (FileDrop::*)(qv::kit::Request&);
 
     void addRoutes();
     qv::kit::Handler handlerOf(Handler handler);
     void serve(Handler handler, qv::kit::Request& request);
-    Outcome respond(qv::kit::Request& request, int status, std::string body,
-                    const qv::kit::ContentType& type);
+    void respond(qv::kit::Request& request, int status, std::string body,
+                 const qv::kit::ContentType& type);
 
-    Outcome sendPage(qv::kit::Request& request);
+    void sendPage(qv::kit::Request& request);
     std::optional<std::string> listText() const;
-    Outcome sendList(qv::kit::Request& request);
-    Outcome sendStatus(qv::kit::Request& request);
-    Outcome sendFile(qv::kit::Request& request);
-    Outcome sendContent(qv::kit::Request& request, Descriptor fd, const FileInfo& info);
-    Outcome sendBytes(qv::kit::Request& request, Descriptor fd, const FileInfo& info,
-                      const ByteRange& range);
-    Outcome receiveFile(qv::kit::Request& request);
-    Outcome storeFile(qv::kit::Request& request);
+    void sendList(qv::kit::Request& request);
+    void sendStatus(qv::kit::Request& request);
+    void sendFile(qv::kit::Request& request);
+    void sendContent(qv::kit::Request& request, Descriptor fd, const FileInfo& info);
+    void sendBytes(qv::kit::Request& request, Descriptor fd, const FileInfo& info,
+                   const ByteRange& range);
+    void receiveFile(qv::kit::Request& request);
+    void storeFile(qv::kit::Request& request);
     std::unique_ptr<Upload> receive(qv::kit::Request& request, const std::string& what);
-    Outcome deleteFile(qv::kit::Request& request);
-    Outcome refuseOther(qv::kit::Request& request);
+    void deleteFile(qv::kit::Request& request);
+    void refuseOther(qv::kit::Request& request);
 
     const std::unique_ptr<FileStore> mStore;
     const uint64_t mMaxUploadBytes;

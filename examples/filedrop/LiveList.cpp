@@ -2,8 +2,6 @@
 
 #include "LiveList.h"
 
-#include "AccessLine.h"
-
 #include <cstddef>
 #include <string_view>
 #include <utility>
@@ -14,7 +12,6 @@ namespace filedrop
 namespace
 {
 
-using qv::kit::Request;
 using qv::kit::websocket::PreparedMessage;
 using qv::kit::websocket::QueuePolicy;
 using qv::kit::websocket::SendResult;
@@ -24,7 +21,6 @@ using qv::kit::websocket::WebSocketOptions;
 
 constexpr unsigned long kPollIntervalMs = 2000;
 constexpr size_t kMaxMessageBytes = 1024;  // pages send nothing
-constexpr int kSwitchingProtocols = 101;
 
 }  // namespace
 
@@ -32,7 +28,7 @@ constexpr int kSwitchingProtocols = 101;
 class LiveList::Listener : public SessionHandler
 {
 public:
-    Listener(LiveList& list, const Request& request) : mList(list), mLine(request) {}
+    explicit Listener(LiveList& list) : mList(list) {}
 
     void onOpen(const std::shared_ptr<Session>& session) override
     {
@@ -46,7 +42,6 @@ public:
     {
         mList.remove(*this);
         mSession.reset();
-        mLine.write(kSwitchingProtocols, true, mSentBytes);
     }
 
     // Under the mutex of the list. A page that has not received the previous list yet gets the
@@ -56,16 +51,13 @@ public:
         if (mNumber == number || mSession->send(message) != SendResult::Queued)
             return;
         mNumber = number;
-        mSentBytes += message.payload().size();
         mList.mCounter += message.payload().size();
     }
 
 private:
     LiveList& mList;
-    const AccessLine mLine;
     std::shared_ptr<Session> mSession;  // from onOpen to onClose
     uint64_t mNumber = 0;               // of the list it has
-    uint64_t mSentBytes = 0;
 };
 
 LiveList::LiveList(Source source, std::atomic<uint64_t>& counter)
@@ -91,9 +83,9 @@ WebSocketOptions LiveList::options()
     return options;
 }
 
-std::shared_ptr<SessionHandler> LiveList::listen(const Request& request)
+std::shared_ptr<SessionHandler> LiveList::listen()
 {
-    return std::make_shared<Listener>(*this, request);
+    return std::make_shared<Listener>(*this);
 }
 
 void LiveList::add(Listener& listener)

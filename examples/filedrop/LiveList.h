@@ -2,7 +2,6 @@
 #ifndef FILEDROP_LIVELIST_H
 #define FILEDROP_LIVELIST_H
 
-#include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/websocket/PreparedMessage.h>
 #include <Wendrel/kit/websocket/Session.h>
 #include <Wendrel/kit/websocket/WebSocketOptions.h>
@@ -46,8 +45,8 @@ public:
     /// Those of the sessions.
     static qv::kit::websocket::WebSocketOptions options();
 
-    /// The callbacks for the session that `request` asks for. Any thread.
-    std::shared_ptr<qv::kit::websocket::SessionHandler> listen(const qv::kit::Request& request);
+    /// The callbacks for a session. Any thread.
+    std::shared_ptr<qv::kit::websocket::SessionHandler> listen();
 
     /// The list may have become another one. Any thread.
     void listChanged();
