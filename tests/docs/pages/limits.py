@@ -122,6 +122,9 @@ NOT_FOR_USERS = {
     "kit/src/MultipartReader.cpp kBadRequest": "a status",
     "kit/src/MultipartReader.cpp kPieceBytes": "how much is read at once",
     "kit/src/FileName.cpp kMaxExtensionBytes": "of an extension that is kept when a name is shortened",
+    "kit/src/EventStream.cpp kUnavailable": "a status",
+    "kit/src/EventStream.cpp kRetryAfterSeconds": "told with the rows of 503",
+    "kit/include/Wendrel/kit/EventStream.h EventStreamOptions::slowClient": "one of two; see the row of the queue",
     "kit/src/RouteTable.h kMethods": "how many methods there are bits for",
     "kit/src/ServerCore.cpp kMaxWorkers": "checked range of an option",
     "kit/src/StreamQueue.cpp kMaxKeptBytes": "memory of an empty queue",
@@ -268,7 +271,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|FormLimits|WebSocketOptions|EngineOptions)"
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|EventStreamOptions|FormLimits|WebSocketOptions|EngineOptions)"
                     r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
@@ -380,7 +383,8 @@ def key_of(name, argument, file):
     if argument:
         return f"{file} {parts[-1]}({argument})"
     if len(parts) > 1 and parts[-2] in (
-            "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits"):
+            "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits",
+            "EventStreamOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

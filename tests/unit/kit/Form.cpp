@@ -213,7 +213,7 @@ TEST(Form, NamesFiles)
             << row.parameters;
 }
 
-TEST(Form, NeutralisesHostileNames)
+TEST(Form, NeutralisesDangerousNames)
 {
     const struct
     {

@@ -1,0 +1,351 @@
+// Topics of server-sent events. A topic is shared with the callbacks of its streams, which may end
+// on other threads.
+
+#include <Wendrel/kit/EventStream.h>
+
+#include "EventText.h"
+
+#include <qvSystem/ThreadSafety.h>
+#include <qvSystem/qvMutex.h>
+#include <qvSystem/qvWaitCondition.h>
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qv::kit
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr int kUnavailable = 503;
+constexpr const char* kRetryAfterSeconds = "1";
+constexpr std::string_view kComment = ":\n\n";
+
+// Differs from that of an earlier process.
+std::string makeEpoch()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+}  // namespace
+
+class EventStream::Topic : public std::enable_shared_from_this<Topic>
+{
+public:
+    explicit Topic(const EventStreamOptions& options) : mOptions(options), mEpoch(makeEpoch()) {}
+
+    void subscribe(DeferredStream stream, const std::string& lastId);
+    void publish(std::string_view event, std::string_view data, std::string_view id);
+    void close();
+    size_t subscribers() const;
+    bool isClosed() const;
+    size_t queueBytes() const { return mOptions.queueBytes; }
+
+    // Sends a comment when it is due. The time of the next one.
+    Clock::time_point beat();
+
+private:
+    using Streams = std::map<uint64_t, DeferredStream>;
+
+    struct Event
+    {
+        std::string id;
+        std::string text;
+    };
+
+    std::string textBehind(const std::string& lastId) const QV_REQUIRES(mMutex);
+    void keep(Event&& event) QV_REQUIRES(mMutex);
+    std::vector<DeferredStream> send(std::string_view text, bool isEvent) QV_REQUIRES(mMutex);
+    void remove(uint64_t key);
+
+    const EventStreamOptions mOptions;
+    const std::string mEpoch;
+    mutable qvMutex mMutex;
+    Streams mStreams QV_GUARDED_BY(mMutex);
+    std::deque<Event> mHistory QV_GUARDED_BY(mMutex);
+    size_t mHistoryBytes QV_GUARDED_BY(mMutex) = 0;
+    uint64_t mLastKey QV_GUARDED_BY(mMutex) = 0;
+    uint64_t mLastNumber QV_GUARDED_BY(mMutex) = 0;
+    Clock::time_point mLastSent QV_GUARDED_BY(mMutex) = Clock::now();
+    bool mIsClosed QV_GUARDED_BY(mMutex) = false;
+};
+
+// The thread of all heartbeats of the process, while there is a topic.
+class EventStream::Heart
+{
+public:
+    static std::shared_ptr<Heart> get();
+
+    Heart() : mThread(&Heart::run, this) {}
+
+    ~Heart()
+    {
+        {
+            const qvMutexLocker locker(&mMutex);
+            mIsStopping = true;
+        }
+        mChanged.wakeAll();
+        mThread.join();
+    }
+
+    Heart(const Heart&) = delete;
+    Heart& operator=(const Heart&) = delete;
+
+    void add(const std::shared_ptr<Topic>& topic, Clock::time_point when)
+    {
+        {
+            const qvMutexLocker locker(&mMutex);
+            mBeats.emplace(when, topic);
+        }
+        mChanged.wakeAll();
+    }
+
+private:
+    void run();
+    std::shared_ptr<Topic> takeDue() QV_REQUIRES(mMutex);
+
+    qvMutex mMutex;
+    qvWaitCondition mChanged;
+    std::multimap<Clock::time_point, std::weak_ptr<Topic>> mBeats QV_GUARDED_BY(mMutex);
+    bool mIsStopping QV_GUARDED_BY(mMutex) = false;
+    std::thread mThread;  // last: it uses all above
+};
+
+std::shared_ptr<EventStream::Heart> EventStream::Heart::get()
+{
+    static qvMutex mutex;
+    static std::weak_ptr<Heart> heart;
+    const qvMutexLocker locker(&mutex);
+    std::shared_ptr<Heart> shared = heart.lock();
+    if (!shared)
+        heart = shared = std::make_shared<Heart>();
+    return shared;
+}
+
+// Null when none is due, or the topic has been destroyed.
+std::shared_ptr<EventStream::Topic> EventStream::Heart::takeDue()
+{
+    if (mBeats.empty() || mBeats.begin()->first > Clock::now())
+        return nullptr;
+    std::shared_ptr<Topic> topic = mBeats.begin()->second.lock();
+    mBeats.erase(mBeats.begin());
+    return topic;
+}
+
+void EventStream::Heart::run()
+{
+    for (;;) {
+        std::shared_ptr<Topic> topic;
+        {
+            const qvMutexLocker locker(&mMutex);
+            if (mIsStopping)
+                return;
+            topic = takeDue();
+            if (!topic) {
+                unsigned long waitMs = qvWaitCondition::kNoTimeout;
+                if (!mBeats.empty()) {
+                    const auto left =
+                        std::chrono::ceil<milliseconds>(mBeats.begin()->first - Clock::now());
+                    waitMs = static_cast<unsigned long>(std::max<int64_t>(left.count(), 0));
+                }
+                if (waitMs > 0)
+                    mChanged.wait(&mMutex, waitMs);
+                continue;
+            }
+        }
+        add(topic, topic->beat());
+    }
+}
+
+// Not found: the whole history, which is newer than any event that has left it.
+std::string EventStream::Topic::textBehind(const std::string& lastId) const
+{
+    auto event = std::find_if(mHistory.rbegin(), mHistory.rend(), [&](const Event& kept) {
+                     return kept.id == lastId;
+                 }).base();
+    if (event == mHistory.begin() && lastId.empty())
+        event = mHistory.end();
+    std::string text;
+    for (; event != mHistory.end(); ++event)
+        text += event->text;
+    return text;
+}
+
+void EventStream::Topic::subscribe(DeferredStream stream, const std::string& lastId)
+{
+    uint64_t key = 0;
+    {
+        const qvMutexLocker locker(&mMutex);
+        key = ++mLastKey;
+    }
+    // Before the stream is shared: it may have ended already. The callback finds it then, or
+    // `isGone` below is true.
+    stream.onGone([topic = weak_from_this(), key] {
+        if (const auto self = topic.lock())
+            self->remove(key);
+    });
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (stream.isGone())
+            return;
+        if (!mIsClosed) {
+            std::string text(kComment);
+            if (mOptions.retry.count() > 0)
+                text += "retry: " + std::to_string(mOptions.retry.count()) + "\n\n";
+            stream.write(text + textBehind(lastId));
+            mStreams.emplace(key, std::move(stream));
+            return;
+        }
+    }
+    stream.finish();
+}
+
+void EventStream::Topic::remove(uint64_t key)
+{
+    Streams removed;  // destroyed without the mutex
+    const qvMutexLocker locker(&mMutex);
+    auto node = mStreams.extract(key);
+    if (!node.empty())
+        removed.insert(std::move(node));
+}
+
+void EventStream::Topic::keep(Event&& event)
+{
+    mHistoryBytes += event.text.size();
+    mHistory.push_back(std::move(event));
+    while (mHistory.size() > mOptions.historyEvents ||
+           (mHistoryBytes > mOptions.historyBytes && !mHistory.empty())) {
+        mHistoryBytes -= mHistory.front().text.size();
+        mHistory.pop_front();
+    }
+}
+
+// The streams that end.
+std::vector<DeferredStream> EventStream::Topic::send(std::string_view text, bool isEvent)
+{
+    std::vector<DeferredStream> ended;
+    mLastSent = Clock::now();
+    for (auto entry = mStreams.begin(); entry != mStreams.end();) {
+        const StreamWrite outcome = entry->second.write(text);
+        const bool isSlow = outcome == StreamWrite::Full && isEvent &&
+                            mOptions.slowClient == SlowClient::Disconnect;
+        // Gone: its callback removes it.
+        if (!isSlow) {
+            ++entry;
+            continue;
+        }
+        ended.push_back(std::move(entry->second));
+        entry = mStreams.erase(entry);
+    }
+    return ended;
+}
+
+void EventStream::Topic::publish(std::string_view event, std::string_view data, std::string_view id)
+{
+    std::vector<DeferredStream> ended;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mIsClosed)
+            return;
+        Event made;
+        made.id = id.empty() ? mEpoch + "-" + std::to_string(mLastNumber + 1) : std::string(id);
+        made.text = makeEventText(event, data, made.id);
+        ++mLastNumber;
+        ended = send(made.text, true);
+        keep(std::move(made));
+    }
+    for (DeferredStream& stream : ended)
+        stream.finish();
+}
+
+Clock::time_point EventStream::Topic::beat()
+{
+    const qvMutexLocker locker(&mMutex);
+    const Clock::time_point due = mLastSent + mOptions.heartbeat;
+    if (due > Clock::now())
+        return due;
+    send(kComment, false);
+    return mLastSent + mOptions.heartbeat;
+}
+
+void EventStream::Topic::close()
+{
+    Streams ended;
+    {
+        const qvMutexLocker locker(&mMutex);
+        mIsClosed = true;
+        ended.swap(mStreams);
+    }
+    for (auto& [key, stream] : ended)
+        stream.finish();
+}
+
+size_t EventStream::Topic::subscribers() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mStreams.size();
+}
+
+bool EventStream::Topic::isClosed() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mIsClosed;
+}
+
+EventStream::EventStream(const EventStreamOptions& options)
+    : mHeart(options.heartbeat.count() > 0 ? Heart::get() : nullptr),
+      mTopic(std::make_shared<Topic>(options))
+{
+    if (mHeart)
+        mHeart->add(mTopic, Clock::now() + options.heartbeat);
+}
+
+EventStream::~EventStream()
+{
+    close();
+}
+
+void EventStream::subscribe(Request& request)
+{
+    if (mTopic->isClosed()) {
+        request.setHeader("Retry-After", kRetryAfterSeconds);
+        request.replyError(kUnavailable);
+        return;
+    }
+    const ContentType type("text/event-stream");
+    // For proxies: do not keep it, do not collect it.
+    request.setHeader("Cache-Control", "no-store");
+    request.setHeader("X-Accel-Buffering", "no");
+    if (request.method() == Method::Head) {
+        request.reply(200, std::string(), type);
+        return;
+    }
+    const std::string lastId = request.header("Last-Event-ID");
+    DeferredStream stream = request.defer().startStream(type, 200, mTopic->queueBytes());
+    mTopic->subscribe(std::move(stream), lastId);
+}
+
+void EventStream::publish(std::string_view event, std::string_view data, std::string_view id)
+{
+    mTopic->publish(event, data, id);
+}
+
+void EventStream::close()
+{
+    mTopic->close();
+}
+
+size_t EventStream::subscribers() const
+{
+    return mTopic->subscribers();
+}
+
+}  // namespace qv::kit
