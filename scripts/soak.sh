@@ -4,7 +4,7 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/soak.sh --minutes N [--output DIR] [--no-install] [--help]
+Usage: scripts/soak.sh --minutes N [--kit] [--output DIR] [--no-install] [--help]
 
 Builds the preset release in build/release, starts filedrop and chat on free ports of 127.0.0.1
 and drives a mixed load: small requests, large transfers compared by SHA-256, aborts at random
@@ -13,6 +13,8 @@ descriptors, threads and processor time of both, and the latency of another clie
 Exit code 0: passed, 1: failed, with the reasons.
 
   --minutes N   duration of the load; up to 2: with shorter slow clients and smaller files
+  --kit         instead of the examples, a server of the kit with a route for each kind of request
+                and response, and clients that end them in every place; tables, no plot
   --output DIR  directory of tables (CSV), plot (soak.svg) and summary (default: build/soak)
   --no-install  no Debian packages are installed
   --help        this text
@@ -36,6 +38,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 minutes=
 output=build/soak
 install=true
+kit=false
 while (($# > 0)); do
     case "$1" in
         --minutes)
@@ -50,6 +53,7 @@ while (($# > 0)); do
             shift
             ;;
         --no-install) install=false ;;
+        --kit) kit=true ;;
         --help)
             usage
             exit 0
@@ -63,6 +67,15 @@ done
 
 if $install; then
     scripts/install-deps.sh --soak
+fi
+
+if $kit; then
+    say "Building the server in build/release"
+    cmake --preset release -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON >/dev/null
+    cmake --build --preset release --parallel "$(nproc)" --target soak_every_kind
+    say "Load for $minutes minutes; tables go to $output"
+    exec python3 -B tests/soak/kit_soak.py --minutes "$minutes" --output "$output" \
+        --server build/release/tests/soak/soak_every_kind
 fi
 
 say "Building filedrop and chat in build/release"
