@@ -120,7 +120,7 @@ WebSocketOptions sessionOptions()
 
 void addRoutes(Router& router)
 {
-    const auto chat = std::make_shared<Chat>();
+    auto chat = std::make_shared<Chat>();
     addPage(router, "/", kPage, ContentType::html());
     addPage(router, "/chat.js", kScript, ContentType("text/javascript; charset=utf-8"));
     addPage(router, "/chat.css", kStyle, ContentType("text/css; charset=utf-8"));
