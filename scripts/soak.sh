@@ -4,7 +4,7 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/soak.sh --minutes N [--kit] [--output DIR] [--no-install] [--help]
+Usage: scripts/soak.sh --minutes N [--kit | --sessions] [--output DIR] [--no-install] [--help]
 
 Builds the preset release in build/release, starts filedrop and chat on free ports of 127.0.0.1
 and drives a mixed load: small requests, large transfers compared by SHA-256, aborts at random
@@ -16,6 +16,7 @@ Exit code 0: passed, 1: failed, with the reasons.
   --kit         instead of the examples, a server of the kit with a route for each kind of request
                 and response, and clients that end them in every place; tables, no plot
   --output DIR  directory of tables (CSV), plot (soak.svg) and summary (default: build/soak)
+  --sessions    instead: 9500 WebSocket sessions that come and go, on a server that echoes
   --no-install  no Debian packages are installed
   --help        this text
 
@@ -39,6 +40,7 @@ minutes=
 output=build/soak
 install=true
 kit=false
+sessions=false
 while (($# > 0)); do
     case "$1" in
         --minutes)
@@ -54,6 +56,7 @@ while (($# > 0)); do
             ;;
         --no-install) install=false ;;
         --kit) kit=true ;;
+        --sessions) sessions=true ;;
         --help)
             usage
             exit 0
@@ -76,6 +79,14 @@ if $kit; then
     say "Load for $minutes minutes; tables go to $output"
     exec python3 -B tests/soak/kit_soak.py --minutes "$minutes" --output "$output" \
         --server build/release/tests/soak/soak_every_kind
+fi
+if $sessions; then
+    say "Building the server in build/release"
+    cmake --preset release -DWENDREL_BUILD_TESTS=ON >/dev/null
+    cmake --build --preset release --parallel "$(nproc)" --target websocket_session_server
+    exec python3 -B tests/soak/sessions.py --connections 9500 \
+        --seconds "$(python3 -c 'import sys; print(60 * float(sys.argv[1]))' "$minutes")" \
+        --server build/release/tests/integration/websocket_session_server
 fi
 
 say "Building filedrop and chat in build/release"
