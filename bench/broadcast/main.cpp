@@ -180,6 +180,8 @@ void measure(size_t connections, size_t bytes, size_t rounds, unsigned loops)
     websocket::Engine engine({loops});
     const auto handler = std::make_shared<Echo>();
     const auto options = std::make_shared<websocket::WebSocketOptions>();
+    // The clients respond to nothing.
+    options->pingInterval = options->silenceTimeout = std::chrono::milliseconds(0);
     const size_t before = heapBytes();
     std::vector<std::shared_ptr<websocket::Session>> sessions;
     sessions.reserve(connections);
