@@ -4,6 +4,7 @@
 #include <Wendrel/kit/CookieSigner.h>
 
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
@@ -62,8 +63,10 @@ std::string signatureOf(const std::string& key, std::string_view name, std::stri
     const auto* const made = HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
                                   reinterpret_cast<const unsigned char*>(input.data()),
                                   input.size(), digest.data(), &size);
-    if (!made || size != kDigestBytes)
+    if (!made || size != kDigestBytes) {
+        ERR_clear_error();
         throw std::bad_alloc();
+    }
     return encoded({reinterpret_cast<const char*>(digest.data()), digest.size()});
 }
 

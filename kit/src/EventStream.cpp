@@ -12,9 +12,9 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <new>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace qv::kit
 {
@@ -50,7 +50,7 @@ public:
     size_t queueBytes() const { return mOptions.queueBytes; }
 
     // Sends a comment when it is due. The time of the next one.
-    Clock::time_point beat();
+    Clock::time_point beat() noexcept;
 
 private:
     using Streams = std::map<uint64_t, DeferredStream>;
@@ -62,8 +62,9 @@ private:
     };
 
     std::string textBehind(const std::string& lastId) const QV_REQUIRES(mMutex);
-    void keep(Event&& event) QV_REQUIRES(mMutex);
-    std::vector<DeferredStream> send(std::string_view text, bool isEvent) QV_REQUIRES(mMutex);
+    void forgetOld() QV_REQUIRES(mMutex);
+    Streams send(std::string_view text, bool isEvent) noexcept QV_REQUIRES(mMutex);
+    static void finish(Streams& streams);
     void remove(uint64_t key);
 
     const EventStreamOptions mOptions;
@@ -110,7 +111,6 @@ public:
 
 private:
     void run();
-    std::shared_ptr<Topic> takeDue() QV_REQUIRES(mMutex);
 
     qvMutex mMutex;
     qvWaitCondition mChanged;
@@ -130,38 +130,29 @@ std::shared_ptr<EventStream::Heart> EventStream::Heart::get()
     return shared;
 }
 
-// Null when none is due, or the topic has been destroyed.
-std::shared_ptr<EventStream::Topic> EventStream::Heart::takeDue()
-{
-    if (mBeats.empty() || mBeats.begin()->first > Clock::now())
-        return nullptr;
-    std::shared_ptr<Topic> topic = mBeats.begin()->second.lock();
-    mBeats.erase(mBeats.begin());
-    return topic;
-}
-
+// Entries are moved, not made: there may be no memory.
 void EventStream::Heart::run()
 {
-    for (;;) {
-        std::shared_ptr<Topic> topic;
-        {
-            const qvMutexLocker locker(&mMutex);
-            if (mIsStopping)
-                return;
-            topic = takeDue();
-            if (!topic) {
-                unsigned long waitMs = qvWaitCondition::kNoTimeout;
-                if (!mBeats.empty()) {
-                    const auto left =
-                        std::chrono::ceil<milliseconds>(mBeats.begin()->first - Clock::now());
-                    waitMs = static_cast<unsigned long>(std::max<int64_t>(left.count(), 0));
-                }
-                if (waitMs > 0)
-                    mChanged.wait(&mMutex, waitMs);
-                continue;
-            }
+    qvMutexLocker locker(&mMutex);
+    while (!mIsStopping) {
+        if (mBeats.empty()) {
+            mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
+            continue;
         }
-        add(topic, topic->beat());
+        const auto left =
+            std::chrono::ceil<milliseconds>(mBeats.begin()->first - Clock::now()).count();
+        if (left > 0) {
+            mChanged.wait(&mMutex, static_cast<unsigned long>(left));
+            continue;
+        }
+        auto entry = mBeats.extract(mBeats.begin());
+        const std::shared_ptr<Topic> topic = entry.mapped().lock();
+        if (!topic)
+            continue;
+        locker.unlock();
+        entry.key() = topic->beat();
+        locker.relock();
+        mBeats.insert(std::move(entry));
     }
 }
 
@@ -217,10 +208,8 @@ void EventStream::Topic::remove(uint64_t key)
         removed.insert(std::move(node));
 }
 
-void EventStream::Topic::keep(Event&& event)
+void EventStream::Topic::forgetOld()
 {
-    mHistoryBytes += event.text.size();
-    mHistory.push_back(std::move(event));
     while (mHistory.size() > mOptions.historyEvents ||
            (mHistoryBytes > mOptions.historyBytes && !mHistory.empty())) {
         mHistoryBytes -= mHistory.front().text.size();
@@ -228,29 +217,39 @@ void EventStream::Topic::keep(Event&& event)
     }
 }
 
-// The streams that end.
-std::vector<DeferredStream> EventStream::Topic::send(std::string_view text, bool isEvent)
+// The streams that end. A client for which there is no memory is a slow one: it gets the event from
+// the history when it comes back.
+EventStream::Topic::Streams EventStream::Topic::send(std::string_view text, bool isEvent) noexcept
 {
-    std::vector<DeferredStream> ended;
+    Streams ended;
     mLastSent = Clock::now();
     for (auto entry = mStreams.begin(); entry != mStreams.end();) {
-        const StreamWrite outcome = entry->second.write(text);
+        const auto stream = entry++;
+        StreamWrite outcome = StreamWrite::Full;
+        bool hasMemory = true;
+        try {
+            outcome = stream->second.write(text);
+        } catch (const std::bad_alloc&) {
+            hasMemory = false;
+        }
+        // Gone: its callback removes it.
         const bool isSlow = outcome == StreamWrite::Full && isEvent &&
                             mOptions.slowClient == SlowClient::Disconnect;
-        // Gone: its callback removes it.
-        if (!isSlow) {
-            ++entry;
-            continue;
-        }
-        ended.push_back(std::move(entry->second));
-        entry = mStreams.erase(entry);
+        if (isSlow || !hasMemory)
+            ended.insert(mStreams.extract(stream));
     }
     return ended;
 }
 
+void EventStream::Topic::finish(Streams& streams)
+{
+    for (auto& [key, stream] : streams)
+        stream.finish();
+}
+
 void EventStream::Topic::publish(std::string_view event, std::string_view data, std::string_view id)
 {
-    std::vector<DeferredStream> ended;
+    Streams ended;
     {
         const qvMutexLocker locker(&mMutex);
         if (mIsClosed)
@@ -258,22 +257,30 @@ void EventStream::Topic::publish(std::string_view event, std::string_view data, 
         Event made;
         made.id = id.empty() ? mEpoch + "-" + std::to_string(mLastNumber + 1) : std::string(id);
         made.text = makeEventText(event, data, made.id);
+        // Kept first: nobody gets an event that the history does not have.
+        mHistory.push_back(std::move(made));
         ++mLastNumber;
-        ended = send(made.text, true);
-        keep(std::move(made));
+        ended = send(mHistory.back().text, true);
+        mHistoryBytes += mHistory.back().text.size();
+        forgetOld();
     }
-    for (DeferredStream& stream : ended)
-        stream.finish();
+    finish(ended);
 }
 
-Clock::time_point EventStream::Topic::beat()
+Clock::time_point EventStream::Topic::beat() noexcept
 {
-    const qvMutexLocker locker(&mMutex);
-    const Clock::time_point due = mLastSent + mOptions.heartbeat;
-    if (due > Clock::now())
-        return due;
-    send(kComment, false);
-    return mLastSent + mOptions.heartbeat;
+    Streams ended;
+    Clock::time_point next;
+    {
+        const qvMutexLocker locker(&mMutex);
+        next = mLastSent + mOptions.heartbeat;
+        if (next <= Clock::now()) {
+            ended = send(kComment, false);
+            next = mLastSent + mOptions.heartbeat;
+        }
+    }
+    finish(ended);
+    return next;
 }
 
 void EventStream::Topic::close()
@@ -284,8 +291,7 @@ void EventStream::Topic::close()
         mIsClosed = true;
         ended.swap(mStreams);
     }
-    for (auto& [key, stream] : ended)
-        stream.finish();
+    finish(ended);
 }
 
 size_t EventStream::Topic::subscribers() const

@@ -45,6 +45,13 @@ std::string partHead(const std::string& parameters)
     return "--b0\r\nContent-Disposition: form-data; " + parameters + "\r\n\r\n";
 }
 
+// The sanitizers keep freed memory.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kCountsMemory = false;
+#else
+constexpr bool kCountsMemory = true;
+#endif
+
 // Memory of this process.
 int64_t residentKiB()
 {
@@ -158,7 +165,9 @@ TEST(KitForms, AreStreamedToFilesInConstantMemory)
     const int64_t before = residentKiB();
     EXPECT_EQ(upload(64), std::to_string(64 * piece.size()));
     EXPECT_EQ(std::filesystem::file_size(path), 64 * piece.size());
-    EXPECT_LT(residentKiB() - before, 8 * 1024);
+    if (kCountsMemory) {
+        EXPECT_LT(residentKiB() - before, 8 * 1024);
+    }
 }
 
 // Of a million fields or parts the first thousand are read.
@@ -196,7 +205,10 @@ TEST(KitForms, RefuseBombs)
         ASSERT_TRUE(response.has_value());
         EXPECT_EQ(response->status, 413);
         // The body itself, where it is received whole.
-        EXPECT_LT(residentKiB() - before, static_cast<int64_t>(4 * row.body.size() / 1024 + 16384));
+        const auto limit = static_cast<int64_t>(4 * row.body.size() / 1024 + 16384);
+        if (kCountsMemory) {
+            EXPECT_LT(residentKiB() - before, limit);
+        }
     }
     std::string thousand;
     for (size_t i = 0; i < FormLimits().maxFields; ++i)

@@ -6,6 +6,7 @@
 #include "support/TestRequest.h"
 
 #include "Exchange.h"
+#include "FormReader.h"
 #include "RouteTable.h"
 #include "ServerCore.h"
 #include "StreamQueue.h"
@@ -16,6 +17,7 @@
 
 #include <Wendrel/HttpServer.h>
 #include <Wendrel/Wendrel.h>
+#include <Wendrel/kit/EventStream.h>
 #include <Wendrel/kit/Server.h>
 
 #include <support/Waiting.h>
@@ -212,6 +214,68 @@ TEST_F(KitFailures, AnAbortIsToldWhateverFails)
         }
         EXPECT_FALSE(later.reply(kLongText));
     });
+}
+
+// Forms and events.
+
+kit::EventStreamOptions WithoutHeartbeat()
+{
+    kit::EventStreamOptions options;
+    options.heartbeat = std::chrono::milliseconds(0);
+    return options;
+}
+
+TEST_F(KitFailures, EventsAreKeptAndSentOrNotPublished)
+{
+    FailEachCallOf({
+        Responds("events: subscribe, publish",
+                 [](Request& r) {
+                     kit::EventStream events(WithoutHeartbeat());
+                     events.publish("first", kLongText);
+                     events.subscribe(r);
+                     events.publish("second", kLongText, kLongText);
+                 }),
+    });
+    bool isDisconnected = false;
+    FailEachCall("events: publish to a client", [&](Attempt& attempt) {
+        kit::EventStream events(WithoutHeartbeat());
+        OneRequest one([&](Request& r) { events.subscribe(r); });
+        one.serve();
+        EXPECT_EQ(events.subscribers(), 1u);
+        const std::string data(3000, 'd');
+        const bool isPublished = attempt([&] { events.publish("e", data, "1"); });
+        // A client that could not get the event has to come back for it.
+        EXPECT_EQ(events.subscribers(), isPublished && attempt.hasFailed() ? 0u : 1u);
+        isDisconnected = isDisconnected || events.subscribers() == 0;
+    });
+    EXPECT_TRUE(isDisconnected);
+}
+
+TEST_F(KitFailures, AFormIsReadOrNotRead)
+{
+    const std::string value = "value=" + std::string(100, 'v');
+    const std::string multipart = "--b\r\nContent-Disposition: form-data; name=\"" + value +
+                                  "\"; filename=\"" + value + "\"\r\n\r\n" + value +
+                                  "\r\n--b--\r\n";
+    const struct
+    {
+        const char* name;
+        const char* type;
+        const std::string& body;
+    } rows[] = {
+        {"form: encoded", "application/x-www-form-urlencoded", value},
+        {"form: multipart", "multipart/form-data; boundary=b", multipart},
+    };
+    for (const auto& row : rows) {
+        FailEachCall(row.name, [&](Attempt& attempt) {
+            size_t found = 0;
+            const bool isRead = attempt([&] {
+                const kit::Form form = kit::FormReader::read(row.type, row.body, {});
+                found = form.fields().size() + form.files().size();
+            });
+            EXPECT_EQ(found, isRead ? 1u : 0u);
+        });
+    }
 }
 
 TEST_F(KitFailures, AWriteIsQueuedWholeOrNotAtAll)
