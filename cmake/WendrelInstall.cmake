@@ -59,7 +59,7 @@ file(RELATIVE_PATH wendrel_pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 set(wendrel_pc_needs "")
 if(wendrel_static)
     string(CONCAT wendrel_pc_needs "Libs.private: -lqvOpenSSL -lQuenby -lOstrand -lqvSystem "
-        "-lmicrohttpd -lcrypto -lspdlog -lfmt -pthread\n")
+        "-lmicrohttpd -lssl -lcrypto -lspdlog -lfmt -pthread\n")
 endif()
 foreach(name wendrel wendrel-kit)
     configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)

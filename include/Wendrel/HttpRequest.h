@@ -25,6 +25,7 @@ class HttpReceiveDevice;
 class HttpResponseDevice;
 class HttpResponseInterface;
 class UpgradedConnection;
+struct TlsConnection;
 
 namespace impl
 {
@@ -242,6 +243,14 @@ public:
     /// Bytes of the response headers, as the library counts them (cookies not included).
     uint64_t getResponseHeadBytes() const { return mResponseHeadBytes; }
 
+    /// Whether the request has come over TLS to this server. A proxy that decrypts before it does
+    /// not count.
+    bool isSecure() const { return mTls != nullptr; }
+
+    /// The TLS of the connection; null when it has none. Include <Wendrel/TlsConnection.h>. Lives
+    /// as long as the request.
+    const TlsConnection* getTls() const { return mTls.get(); }
+
 protected:
     /// Has `callback` called while the worker waits for the body, at most once every
     /// `intervalMs` milliseconds and never more often than once a second after the first.
@@ -278,6 +287,7 @@ private:
     impl::ConnectionRecord*
         mRecord;               // of event-driven mode; set before the application sees the request
     uint32_t mResponseStatus;  // set before the completion
+    std::shared_ptr<const TlsConnection> mTls;  // as mRecord
 };
 
 }  // namespace qv

@@ -212,6 +212,17 @@ public:
     /// and false.
     bool shutDown(std::chrono::milliseconds deadline);
 
+    /// Reads the certificates, keys, OCSP responses and authorities of `ServerOptions::tls` again.
+    /// True when all of them are used from now on for new connections; open ones go on. Otherwise
+    /// nothing changes, the reason is in the log, and in `reason` unless that is null: a file that
+    /// cannot be read or used, or a server that does not serve secure endpoints. Blocks for the
+    /// time of the reading. Any thread but the daemon's.
+    bool reloadCertificates(std::string* reason = nullptr);
+
+    /// The endpoints as URLs: "http://127.0.0.1:8181/", "https://[::1]:8443/"; a Unix socket as its
+    /// endpoint. In the order of `getEndpoints`. Any thread.
+    std::vector<std::string> getUrls() const;
+
 protected:
     /// The server thread.
     void run() override;
@@ -229,6 +240,7 @@ private:
     std::vector<std::string> mEndpoints QV_GUARDED_BY(mMutex);
     std::string mFailureReason QV_GUARDED_BY(mMutex);
     bool mHasDrained QV_GUARDED_BY(mMutex) = false;
+    std::vector<std::string> mUrls QV_GUARDED_BY(mMutex);
 };
 
 }  // namespace http

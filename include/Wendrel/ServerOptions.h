@@ -3,6 +3,7 @@
 #define WENDREL_SERVEROPTIONS_H
 
 #include <Wendrel/Export.h>
+#include <Wendrel/TlsOptions.h>
 
 #include <qvSystem/qvSystemUtils.h>
 
@@ -104,6 +105,16 @@ struct WENDREL_EXPORT ServerOptions
     /// have freed memory; one whose writer waits for the end of the upload is ended with 503.
     /// 0: no limit.
     uint64_t memoryBudgetBytes = 268435456;
+
+    /// Endpoints that serve HTTPS; empty: none. Their connections are decrypted in this process.
+    std::vector<TlsOptions> tls;
+
+    /// Entries of `listen` whose requests are responded to with 308 and the same target on
+    /// `https://` and the host of the request; a request without a valid host gets 400.
+    std::vector<std::string> redirectToHttps;
+
+    /// Port of these redirections.
+    uint16_t httpsPort = 443;
 };
 
 }  // namespace http

@@ -6,6 +6,7 @@
 #include <Wendrel/HttpRequest.h>
 
 #include "listener/ConnectionTable.h"
+#include "listener/TlsHop.h"
 #include "request/DispatchAccess.h"
 
 #include <qvSystem/qvSystemUtils.h>
@@ -249,6 +250,9 @@ void Connection::shutDown(int how)
     if (!isOurs())
         return;
     (how == SHUT_RDWR ? isShutDown : isReadingShutDown) = true;
+    // Bytes of the client that have arrived come first.
+    if (hop && how == SHUT_RD && !hop->endReading())
+        return;
     shutdown(mDescriptor, how);
 }
 
@@ -319,6 +323,8 @@ int Connection::detach(int replacement)
     }
     mIsDetached = true;
     mRequest = nullptr;
+    if (hop)
+        hop->release();
     return descriptor;
 }
 

@@ -27,6 +27,7 @@ namespace qv::impl
 {
 
 class ConnectionTable;
+class TlsHop;
 
 struct Peer
 {
@@ -69,6 +70,15 @@ public:
     // Given up when the daemon closes the connection, unless an upgrade has moved it on. Set by the
     // listener before the daemon has the connection, then the daemon thread's.
     ConnectionPlace place;
+
+    // The decrypting side of a secure connection, whose client does not have the daemon's
+    // descriptor; null for others. Set as `place`, and not changed.
+    std::shared_ptr<TlsHop> hop;
+    size_t tlsIndex = 0;   // of the TLS of its endpoint
+    int64_t placedMs = 0;  // when the handshake had ended
+
+    // Each request is responded to with the same target on https. Set as `hop`.
+    bool redirectsToHttps = false;
 
     // Changed by the daemon thread. The listener changes it to Ended only.
     std::atomic<Phase> phase{Phase::Head};

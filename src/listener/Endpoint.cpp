@@ -339,8 +339,8 @@ ListeningSocket::ListeningSocket(int descriptor, std::string name, bool isShared
 
 ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
     : mDescriptor(std::exchange(other.mDescriptor, -1)), mName(std::move(other.mName)),
-      mIsShared(other.mIsShared), mPath(std::exchange(other.mPath, std::string())),
-      mDevice(other.mDevice), mInode(other.mInode)
+      mIsShared(other.mIsShared), mRole(other.mRole),
+      mPath(std::exchange(other.mPath, std::string())), mDevice(other.mDevice), mInode(other.mInode)
 {}
 
 ListeningSocket::~ListeningSocket()

@@ -2,6 +2,7 @@
 #ifndef WENDREL_LISTENER_ENDPOINT_H
 #define WENDREL_LISTENER_ENDPOINT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -44,6 +45,16 @@ public:
 
     bool isShared() const { return mIsShared; }
 
+    // How its connections are served.
+    struct Role
+    {
+        static constexpr size_t kPlain = ~size_t{0};
+        size_t tls = kPlain;            // index of its TLS
+        bool redirectsToHttps = false;  // every request
+    };
+    void setRole(const Role& role) { mRole = role; }
+    const Role& getRole() const { return mRole; }
+
     // The destructor removes the file at `path` when it is still the one that is there now.
     void removeFileAtEnd(const std::string& path);
 
@@ -51,6 +62,7 @@ private:
     int mDescriptor;
     std::string mName;
     bool mIsShared;
+    Role mRole;
     std::string mPath;
     dev_t mDevice = 0;
     ino_t mInode = 0;

@@ -50,6 +50,7 @@ constexpr int kDrainStepMs = 5;
 constexpr unsigned long kMemoryPauseMs = 10;
 constexpr int64_t kIdleGraceMs = 50;  // of a drain, for requests that are on their way
 constexpr int kMaxProbeSeconds = 32767;
+constexpr int kPairBufferBytes = 65536;  // of each direction; the kernel doubles it
 
 constexpr char kTimeoutResponse[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\n"
                                     "Content-Length: 0\r\n\r\n";
@@ -200,11 +201,15 @@ Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
         if (!watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN))
             fail("epoll_ctl");
     }
+    if (mLimits.tls)
+        mHandshakes = std::make_unique<TlsHandshakes>(static_cast<TlsHandshakeSink&>(*this),
+                                                      mLimits.handshakeThreads);
     opened.commit();
 }
 
 Listener::~Listener()
 {
+    mHandshakes.reset();
     takeUnseen(0);
     for (const Refused& refused : mRefused)
         close(refused.descriptor);
@@ -253,6 +258,9 @@ size_t Listener::getCount() const
     size_t count = mUndecided.size();
     for (ConnectionSink* sink : mSinks)
         count += sink->getTable().getCount();
+    // In the order in which a connection passes: it is never missing.
+    if (mHandshakes)
+        count += mHandshakes->getCount() + mSecuredCount + mLimits.tls->getUnfinished();
     return count;
 }
 
@@ -301,6 +309,8 @@ void Listener::handleEvents(int timeoutMs)
             acceptFrom(static_cast<size_t>(key & ~kListenFlag), nowMs);
     }
     continueAccepting(nowMs);
+    if (mHandshakes)
+        takeSecured(nowMs);
     takeUnseen(nowMs);
     closeRefused(nowMs);
     closeExpiredUndecided(nowMs);
@@ -373,17 +383,18 @@ void Listener::remindOfPeers(int64_t nowMs)
 void Listener::acceptFrom(size_t index, int64_t nowMs)
 {
     for (int i = 0; i < kMaxAcceptsAtOnce; ++i) {
-        if (!acceptOne(mSockets[index].getDescriptor(), nowMs))
+        if (!acceptOne(mSockets[index], nowMs))
             return;
     }
 }
 
 // False when there is none to accept now.
-bool Listener::acceptOne(int listening, int64_t nowMs)
+bool Listener::acceptOne(const ListeningSocket& socket, int64_t nowMs)
 {
-    Accepted accepted{-1, nowMs, {}, sizeof accepted.address};
-    accepted.descriptor = accept4(listening, reinterpret_cast<sockaddr*>(&accepted.address),
-                                  &accepted.bytes, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    Accepted accepted{-1, nowMs, {}, sizeof accepted.address, socket.getRole()};
+    accepted.descriptor =
+        accept4(socket.getDescriptor(), reinterpret_cast<sockaddr*>(&accepted.address),
+                &accepted.bytes, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (accepted.descriptor < 0) {
         const int error = errno;
         if (isOutOfResources(error))
@@ -395,7 +406,7 @@ bool Listener::acceptOne(int listening, int64_t nowMs)
     unmapAddress(accepted.address, accepted.bytes);
     Rollback opened([&accepted] { close(accepted.descriptor); });
     if (mPlaces->getCount() + mUndecided.size() >= mLimits.maxConnections)
-        refuse(accepted.descriptor, nowMs);
+        refuse(accepted, peerAt(ToNetworkAddress(plainAddress(accepted.address)), false), nowMs);
     else if (!isTrustedProxy(accepted))
         admit(accepted, peerAt(ToNetworkAddress(plainAddress(accepted.address)), false), nowMs);
     else if (const ProxyHeader header = peekHeader(accepted.descriptor);
@@ -505,8 +516,80 @@ void Listener::admit(const Accepted& accepted, const Peer& peer, int64_t nowMs)
 {
     ConnectionPlace counted = mPlaces->take(peer.host);
     if (!counted)
-        return refuse(accepted.descriptor, nowMs);
-    place(accepted, peer, std::move(counted), nowMs);
+        refuse(accepted, peer, nowMs);
+    else if (accepted.role.tls == ListeningSocket::Role::kPlain)
+        place(accepted, peer, std::move(counted), nowMs);
+    else
+        startHandshake(accepted, peer, std::move(counted));
+}
+
+// Without a place it ends in 503.
+void Listener::startHandshake(const Accepted& accepted, const Peer& peer, ConnectionPlace counted)
+{
+    const TlsEngine& tls = *mLimits.tls;
+    const int one = 1;
+    setsockopt(accepted.descriptor, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    TlsArrival arrival;
+    arrival.descriptor = accepted.descriptor;
+    arrival.acceptedMs = accepted.acceptedMs;
+    for (const int64_t limitMs : {tls.getHandshakeMs(accepted.role.tls), mLimits.headMs}) {
+        if (limitMs != 0)
+            arrival.deadlineMs = std::min(arrival.deadlineMs, accepted.acceptedMs + limitMs);
+    }
+    arrival.address = accepted.address;
+    arrival.bytes = accepted.bytes;
+    arrival.peer = peer;
+    arrival.role = accepted.role;
+    arrival.place = std::move(counted);
+    arrival.context = tls.getContext(accepted.role.tls);
+    mHandshakes->start(std::move(arrival));
+}
+
+// Called by the threads of the handshakes.
+void Listener::secured(TlsArrived&& arrived)
+{
+    {
+        const qvMutexLocker locker(&mMutex);
+        mSecured.push_back(std::move(arrived));
+        ++mSecuredCount;
+    }
+    wake();
+}
+
+void Listener::takeSecured(int64_t nowMs)
+{
+    std::vector<TlsArrived> secured;
+    {
+        const qvMutexLocker locker(&mMutex);
+        secured.swap(mSecured);
+    }
+    const Rollback taken([this, count = secured.size()] { mSecuredCount -= count; });
+    for (TlsArrived& arrived : secured)
+        placeSecured(arrived, nowMs);
+}
+
+// The daemon gets the decrypted side; the peer of that is watched in place of the client.
+void Listener::placeSecured(TlsArrived& arrived, int64_t nowMs)
+{
+    std::array<int, 2> pair{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair.data()) != 0)
+        return;  // closes the connection
+    Rollback opened([&pair] {
+        close(pair[0]);
+        close(pair[1]);
+    });
+    for (const int descriptor : pair)
+        setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &kPairBufferBytes, sizeof kPairBufferBytes);
+    const size_t index = chooseSink();
+    TlsRelay& relay = mLimits.tls->getRelay(index);
+    const auto hop = std::make_shared<TlsHop>(relay, std::move(arrived.session), pair[0]);
+    opened.commit();
+    Rollback ours([&pair] { close(pair[1]); });
+    relay.add(hop);
+    const TlsArrival& arrival = arrived.arrival;
+    placeAt(index, {pair[1], arrival.acceptedMs, arrival.address, arrival.bytes, arrival.role},
+            arrival.peer, std::move(arrived.arrival.place), hop, nowMs);
+    ours.commit();
 }
 
 // The daemon with the fewest connections. One with a multiple of 128 is avoided: when all of them
@@ -525,12 +608,17 @@ size_t Listener::chooseSink() const
     return index;
 }
 
-// Every connection passes here, admitted and behind its PROXY header. The place of TLS is before
-// this: `accepted` is the decrypted side then, and its peer is watched by the TLS side.
 void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
                      int64_t nowMs)
 {
-    const size_t index = chooseSink();
+    placeAt(chooseSink(), accepted, peer, std::move(counted), nullptr, nowMs);
+}
+
+// Every connection passes here, admitted, behind its PROXY header and its handshake: that of a
+// secure connection is the daemon's end of the pair.
+void Listener::placeAt(size_t index, const Accepted& accepted, const Peer& peer,
+                       ConnectionPlace counted, std::shared_ptr<TlsHop> hop, int64_t nowMs)
+{
     ConnectionSink& sink = *mSinks[index];
     const int descriptor = accepted.descriptor;
     // Before the daemon has it: afterwards the descriptor may be closed at any time. The end of a
@@ -540,8 +628,13 @@ void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace
                EPOLLRDHUP | EPOLLONESHOT))
         return refuse(descriptor, nowMs);
     ConnectionTable::Pointer abandoned;
-    sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned)->place =
-        std::move(counted);
+    const ConnectionTable::Pointer added =
+        sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned);
+    added->place = std::move(counted);
+    added->hop = std::move(hop);
+    added->tlsIndex = accepted.role.tls;
+    added->placedMs = nowMs;
+    added->redirectsToHttps = accepted.role.redirectsToHttps;
     if (abandoned)
         connectionClosed(*abandoned);
     if (sink.serve(descriptor, plainAddress(accepted.address), accepted.bytes))
@@ -556,6 +649,15 @@ void Listener::connectionClosed(Connection& connection)
     connection.place.giveUp();
     if (isDraining())
         wake();
+}
+
+// A client of a secure endpoint gets the response after its handshake.
+void Listener::refuse(const Accepted& accepted, const Peer& peer, int64_t nowMs)
+{
+    if (accepted.role.tls == ListeningSocket::Role::kPlain)
+        refuse(accepted.descriptor, nowMs);
+    else
+        startHandshake(accepted, peer, ConnectionPlace());
 }
 
 // Closing at once would reset the connection and destroy the response when the client has sent its
@@ -776,7 +878,10 @@ void Listener::drain()
     const int64_t closedMs = qvSystemUtils::GetTimeBaseMs();
     const int64_t untilMs = std::min(mDrainDeadlineMs.load(), closedMs + kDrainLingerMs);
     takeUnseen(closedMs);
-    while (!mRefused.empty() && qvSystemUtils::GetTimeBaseMs() < untilMs)
+    const auto hasUnseen = [this] {
+        return !mRefused.empty() || (mLimits.tls && mLimits.tls->getDiscarding() != 0);
+    };
+    while (hasUnseen() && qvSystemUtils::GetTimeBaseMs() < untilMs)
         attempt([this] { handleEvents(kDrainStepMs); });
 }
 
@@ -788,7 +893,7 @@ void Listener::acceptQueued()
             continue;
         const auto acceptNext = [&] {
             const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
-            return nowMs < mDrainDeadlineMs && acceptOne(socket.getDescriptor(), nowMs);
+            return nowMs < mDrainDeadlineMs && acceptOne(socket, nowMs);
         };
         do {
             while (acceptNext()) {
@@ -806,10 +911,14 @@ void Listener::endIdleConnections()
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     for (auto next = mUndecided.begin(); next != mUndecided.end();)
         continueUndecided(next++->descriptor, true, nowMs);
+    if (mHandshakes)
+        mHandshakes->closeSilent();
     for (ConnectionSink* sink : mSinks) {
         for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
             const Phase phase = connection->phase;
-            if (phase == Phase::Idle || phase == Phase::Head)
+            // The first request of a client comes behind its handshake.
+            const bool isNew = connection->hop && nowMs - connection->placedMs < kIdleGraceMs;
+            if ((phase == Phase::Idle || phase == Phase::Head) && !isNew)
                 connection->shutDown(SHUT_RD);
         }
     }
@@ -827,6 +936,12 @@ void Listener::abortAll()
             connection->abortRequest(kDaemonShutdown, false);
             connection->shutDown(SHUT_RDWR);
         }
+    }
+    // Behind the reasons of the aborts.
+    if (mHandshakes) {
+        mHasAborted = mHasAborted || mLimits.tls->getFlushing() != 0;
+        mHandshakes->closeAll();
+        mLimits.tls->closeAll();
     }
 }
 

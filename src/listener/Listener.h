@@ -5,6 +5,8 @@
 #include "listener/ConnectionPlaces.h"
 #include "listener/ConnectionTable.h"
 #include "listener/Endpoint.h"
+#include "listener/TlsEngine.h"
+#include "listener/TlsHandshakes.h"
 #include "request/AddressSet.h"
 #include "request/MemoryBudget.h"
 
@@ -46,7 +48,7 @@ public:
     virtual void stopNudging() = 0;
 };
 
-class Listener
+class Listener : private TlsHandshakeSink
 {
 public:
     struct Limits
@@ -59,6 +61,8 @@ public:
         AddressSet trustedProxies;
         std::shared_ptr<MemoryBudget> memoryBudget;  // null: none
         uint64_t uploadPieceBytes = 0;               // a resumed upload takes about so many
+        std::shared_ptr<TlsEngine> tls;              // null: no secure endpoint
+        size_t handshakeThreads = 1;
     };
 
     // The daemon waits for one more event when exactly so many are ready, or a multiple.
@@ -74,10 +78,11 @@ public:
     // Connections that are over and open for a moment, so that the client receives the response.
     static constexpr size_t kMaxRefused = 256;
 
-    // Opens its epoll set and takes the sockets over; throws std::system_error without descriptors.
+    // Opens its epoll set and takes the sockets over; throws std::system_error without descriptors
+    // or threads.
     Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
              std::vector<ConnectionSink*> sinks);
-    ~Listener();
+    ~Listener() override;
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
@@ -105,10 +110,13 @@ public:
 
     // Takes over a descriptor of a connection that the daemon closes before it has read all that
     // its client sends: a reset would destroy the response. Called by daemon threads.
-    void keepUntilSeen(int descriptor);
+    void keepUntilSeen(int descriptor) override;
 
     // Watches for the peer's end of a connection, and stops to. Called by the daemon thread.
     void unwatch(int descriptor);
+
+    // The TLS of the secure endpoints; null without one. Any thread.
+    const std::shared_ptr<TlsEngine>& getTls() const { return mLimits.tls; }
 
 private:
     struct Refused
@@ -124,6 +132,7 @@ private:
         int64_t acceptedMs;
         sockaddr_storage address;
         socklen_t bytes;  // of the address
+        ListeningSocket::Role role;
     };
 
     // Connections of trusted proxies whose first bytes do not tell yet whether a PROXY header
@@ -136,18 +145,25 @@ private:
     void handleEvents(int timeoutMs);
     void handlePeer(uint64_t key, uint32_t events);
     void acceptFrom(size_t index, int64_t nowMs);
-    bool acceptOne(int listening, int64_t nowMs);
+    bool acceptOne(const ListeningSocket& socket, int64_t nowMs);
     bool isTrustedProxy(const Accepted& accepted) const;
     void admitFromProxy(const Accepted& accepted, const ProxyHeader& header, int64_t nowMs);
     void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
     size_t chooseSink() const;
     void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted, int64_t nowMs);
+    void placeAt(size_t index, const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
+                 std::shared_ptr<TlsHop> hop, int64_t nowMs);
+    void startHandshake(const Accepted& accepted, const Peer& peer, ConnectionPlace counted);
+    void secured(TlsArrived&& arrived) override;
+    void takeSecured(int64_t nowMs);
+    void placeSecured(TlsArrived& arrived, int64_t nowMs);
     void awaitHeader(const Accepted& accepted);
     void continueUndecided(int descriptor, bool hasEnded, int64_t nowMs);
     void closeUndecided(int descriptor);
     void closeExpiredUndecided(int64_t nowMs);
     void closeAllUndecided();
     void reportMalformed(const Accepted& accepted);
+    void refuse(const Accepted& accepted, const Peer& peer, int64_t nowMs);
     void refuse(int descriptor, int64_t nowMs);
     void linger(int descriptor, int64_t untilMs);
     void takeUnseen(int64_t nowMs);
@@ -177,7 +193,9 @@ private:
     const std::shared_ptr<ConnectionPlaces> mPlaces;
 
     qvMutex mMutex;
-    std::vector<int> mUnseen QV_GUARDED_BY(mMutex);  // from `keepUntilSeen`
+    std::vector<int> mUnseen QV_GUARDED_BY(mMutex);          // from `keepUntilSeen`
+    std::vector<TlsArrived> mSecured QV_GUARDED_BY(mMutex);  // from `secured`
+    std::atomic<size_t> mSecuredCount{0};                    // of them, and those being placed
 
     // Listener thread.
     std::deque<Refused> mRefused;
@@ -193,6 +211,8 @@ private:
     bool mReportedLimit = false;
     bool mReportedMalformed = false;
     bool mHasAborted = false;
+
+    std::unique_ptr<TlsHandshakes> mHandshakes;  // its threads use the others: ends first
 };
 
 }  // namespace qv::impl

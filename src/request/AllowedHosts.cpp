@@ -109,6 +109,12 @@ bool AllowedHosts::contains(std::string_view authority) const
     return !host.empty() && std::any_of(mEntries.begin(), mEntries.end(), isHost);
 }
 
+std::string GetAuthorityHost(std::string_view authority)
+{
+    std::optional<uint16_t> port;
+    return parseAuthority(Trimmed(authority), port);
+}
+
 std::optional<std::string_view> GetTargetAuthority(std::string_view target)
 {
     const size_t scheme = target.find(kSchemeEnd);

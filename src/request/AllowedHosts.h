@@ -39,6 +39,10 @@ private:
 // The authority of a target in absolute form ("http://example.com/page"); none for other forms.
 std::optional<std::string_view> GetTargetAuthority(std::string_view target);
 
+// The host of an authority in lower case, without its port and with the brackets of an IPv6
+// address; empty when the authority is none.
+std::string GetAuthorityHost(std::string_view authority);
+
 }  // namespace qv::impl
 
 #endif

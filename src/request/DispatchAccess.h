@@ -47,6 +47,8 @@ struct DispatchAccess
 
     static ConnectionRecord*& record(HttpBaseRequest& r) { return r.mRecord; }
 
+    static std::shared_ptr<const TlsConnection>& tls(HttpBaseRequest& r) { return r.mTls; }
+
     static qvMutex& mutex(HttpReceiveDevice& d) QV_NO_THREAD_SAFETY_ANALYSIS { return d.mMutex; }
 
     static qvMutex& mutex(HttpResponseDevice& d) { return *d.mMutex; }

@@ -16,6 +16,7 @@ namespace
 {
 
 constexpr char kMisdirectedBody[] = "Misdirected Request";
+constexpr uint16_t kHttpsPort = 443;
 constexpr const char* kForwardedFor = "X-Forwarded-For";
 
 struct Lines
@@ -40,6 +41,27 @@ HeaderLines linesOf(MHD_Connection* connection, const char* name)
     return std::move(lines.values);
 }
 
+// A target in absolute form has a host of its own, and its path behind it. Empty without a valid
+// host.
+std::string httpsUrlOf(uint16_t port, MHD_Connection* connection, const std::string& target)
+{
+    std::string host;
+    std::string path = target;
+    if (const auto authority = GetTargetAuthority(target)) {
+        host = GetAuthorityHost(*authority);
+        const auto end = static_cast<size_t>(authority->data() - target.data()) + authority->size();
+        path = target.substr(end, target.find('#', end) - end);
+    } else if (const HeaderLines values = linesOf(connection, MHD_HTTP_HEADER_HOST);
+               values.size() == 1) {
+        host = GetAuthorityHost(values.front());
+    }
+    if (host.empty())
+        return host;
+    if (path.empty() || path.front() != '/')
+        path.insert(0, 1, '/');
+    return "https://" + host + (port == kHttpsPort ? "" : ":" + std::to_string(port)) + path;
+}
+
 }  // namespace
 
 bool IsHostAllowed(const AllowedHosts& hosts, MHD_Connection* connection, const std::string& target)
@@ -62,6 +84,23 @@ MHD_Result RefuseHost(MHD_Connection* connection)
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     }
     return QueueAndDestroy(connection, MHD_HTTP_MISDIRECTED_REQUEST, response);
+}
+
+MHD_Result RedirectToHttps(uint16_t port, MHD_Connection* connection, const std::string& target,
+                           unsigned& status)
+{
+    status = MHD_HTTP_BAD_REQUEST;
+    MHD_Response* const response =
+        MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+    if (!response)
+        return MHD_NO;
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    const std::string url = httpsUrlOf(port, connection, target);
+    // Not with a target that would end the header.
+    if (!url.empty() &&
+        MHD_add_response_header(response, MHD_HTTP_HEADER_LOCATION, url.c_str()) == MHD_YES)
+        status = MHD_HTTP_PERMANENT_REDIRECT;
+    return QueueAndDestroy(connection, status, response);
 }
 
 IpAddress FindClientAddress(const AddressSet& trusted, MHD_Connection* connection,

@@ -9,6 +9,7 @@
 
 #include <microhttpd.h>
 
+#include <cstdint>
 #include <string>
 
 namespace qv::impl
@@ -21,6 +22,11 @@ bool IsHostAllowed(const AllowedHosts& hosts, MHD_Connection* connection,
 
 // Queues status 421. The daemon closes the connection after it.
 MHD_Result RefuseHost(MHD_Connection* connection);
+
+// Queues `status`: 308 with the same target on https and `port`, 400 without a valid host. The
+// daemon closes the connection after it.
+MHD_Result RedirectToHttps(uint16_t port, MHD_Connection* connection, const std::string& target,
+                           unsigned& status);
 
 // The client's address as the headers of a trusted proxy tell it; `peer` when they do not.
 // X-Forwarded-For counts when it is present: most proxies write it, and pass a Forwarded header of

@@ -92,7 +92,7 @@ MHD_Result respond(http::HttpServer& server, MHD_Connection* connection, HttpBas
     }
     throttle.reset();
     return QueueDecided(decision, server.getImpl(), connection, request, head, body,
-                        {&ReadContent, false});
+                        {&ReadContent, nullptr});
 }
 
 }  // namespace

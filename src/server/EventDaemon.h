@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 struct MHD_Daemon;
 
@@ -37,6 +39,8 @@ public:
         AllowedHosts allowedHosts;
         bool strictRequests = false;
         std::shared_ptr<MemoryBudget> memoryBudget;  // null: no limit
+        uint16_t httpsPort = 0;                      // of redirections
+        std::vector<std::string> strictTransport;    // of each TLS; empty: none
     };
 
     EventDaemon(http::HttpServer& server, const Settings& settings, const ConnectionLimits& limits);

@@ -8,6 +8,7 @@
 #include <Wendrel/HttpServer.h>
 
 #include "listener/Connection.h"
+#include "listener/TlsHop.h"
 #include "request/ContextRegistry.h"
 #include "request/DispatchAccess.h"
 #include "server/Admission.h"
@@ -89,6 +90,17 @@ MHD_Result endConnection()
     return MHD_NO;
 }
 
+ExtraHeaders extraHeaders(const EventDaemon& daemon, const Connection& record)
+{
+    ExtraHeaders extra;
+    extra.close = mustClose(daemon, record);
+    if (record.hop) {
+        const std::string& value = daemon.getSettings().strictTransport[record.tlsIndex];
+        extra.strictTransport = value.empty() ? nullptr : value.c_str();
+    }
+    return extra;
+}
+
 MHD_Result endAborted(HttpBaseRequest& request, Connection& record)
 {
     ReportAbort(request, record, record.getAbortReason());
@@ -143,17 +155,17 @@ MHD_Result queueDecided(Decision decision, EventDaemon& daemon, MHD_Connection* 
     }
     record.queuedStatus =
         decision == Decision::Error ? MHD_HTTP_INTERNAL_SERVER_ERROR : head.getStatusCode();
-    const bool close = mustClose(daemon, record);
+    const ExtraHeaders extra = extraHeaders(daemon, record);
     if (decision == Decision::Source)
-        return QueueSource(request, record, connection, close);
+        return QueueSource(request, record, connection, extra);
     if (decision == Decision::Stream) {
         if (IsWithoutBody(request, head.getStatusCode()))
-            return QueueHeadOnly(request, connection, close);
+            return QueueHeadOnly(request, connection, extra);
         record.progress.isLengthKnown = head.getContentLength() >= 0;
         record.progress.isChunked = !record.progress.isHttp10 && !record.progress.isLengthKnown;
     }
     return QueueDecided(decision, daemon.getServer().getImpl(), connection, request, head, body,
-                        {&ReadEventContent, close});
+                        {&ReadEventContent, &extra});
 }
 
 // A response that is complete before the body of its request has been received is sent in place of
@@ -228,6 +240,12 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
         record.refusedMethod = method;
         return RefuseHost(connection);
     }
+    if (record.redirectsToHttps) {
+        record.setPhase(Phase::Responding, kNoDeadline);
+        record.isBodyUnread = true;
+        record.refusedMethod = method;
+        return RedirectToHttps(settings.httpsPort, connection, context.uri, record.queuedStatus);
+    }
     const uint64_t declared = declaredBytes(connection);
     http::HttpServerImpl& application = daemon.getServer().getImpl();
     HttpBaseRequest& request = *application.createRequest();
@@ -235,6 +253,8 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
     record.openTarget = nullptr;
     fill(request, connection, method, clientAddressOf(settings, connection, record), context);
     DispatchAccess::record(request) = &record;
+    if (record.hop)
+        DispatchAccess::tls(request) = record.hop->getInfo();
     {
         HttpReceiveDevice& device = request.getReceiveDevice();
         const qvMutexLocker locker(&DispatchAccess::mutex(device));

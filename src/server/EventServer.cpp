@@ -2,6 +2,7 @@
 
 #include "server/EventServer.h"
 
+#include "server/SecureEndpoints.h"
 #include "server/StrictPositions.h"
 #include "server/logging/LogObject.h"
 
@@ -30,6 +31,13 @@ constexpr milliseconds kMaxTimeout = std::chrono::hours(24);
 constexpr rlim_t kOtherDescriptors = 128;
 constexpr rlim_t kDescriptorsOfDaemon = 5;
 constexpr rlim_t kMinConnections = 16;
+constexpr const char* kUnixPrefix = "unix:";
+
+// The client's socket and the pair of a secure connection; the event loops of a relay and of its
+// share of the handshakes.
+constexpr rlim_t kDescriptorsOfSecure = 3;
+constexpr rlim_t kDescriptorsOfRelay = 4;
+constexpr size_t kMaxHandshakeThreads = 4;
 
 template <typename Field>
 void readField(const ServerOptions& from, size_t recordBytes, Field ServerOptions::*field,
@@ -107,9 +115,14 @@ std::string checkSets(const ServerOptions& options)
 // As many connections as the process may have descriptors for.
 size_t limitConnections(const ServerOptions& options)
 {
-    const rlim_t others =
+    const bool isSecure = !options.tls.empty();
+    const rlim_t ofConnection = isSecure ? kDescriptorsOfSecure : 1;
+    rlim_t others =
         kOtherDescriptors + Listener::kMaxRefused + options.threads * kDescriptorsOfDaemon;
-    const rlim_t wanted = options.maxConnections + others;
+    if (isSecure)
+        others += TlsHandshakes::kMaxHandshakes +
+                  options.threads * (kDescriptorsOfRelay + TlsRelay::kMaxDiscarding);
+    const rlim_t wanted = options.maxConnections * ofConnection + others;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)
         return options.maxConnections;
@@ -118,8 +131,9 @@ size_t limitConnections(const ServerOptions& options)
     getrlimit(RLIMIT_NOFILE, &limit);
     if (limit.rlim_cur >= wanted)
         return options.maxConnections;
+    const rlim_t left = limit.rlim_cur > others ? limit.rlim_cur - others : 0;
     const rlim_t possible =
-        std::max(limit.rlim_cur > others ? limit.rlim_cur - others : 0, kMinConnections);
+        std::min<rlim_t>(options.maxConnections, std::max(left / ofConnection, kMinConnections));
     qvLogObject(qvLogObject::kWarning)
         << "at most " << possible << " connections instead of " << options.maxConnections
         << ": the process may have " << limit.rlim_cur << " descriptors (RLIMIT_NOFILE)";
@@ -142,12 +156,25 @@ std::string openEndpoints(const ServerOptions& options, std::vector<ListeningSoc
     std::string failure;
     for (const std::string& text : options.listen) {
         const Endpoint endpoint = ParseEndpoint(text, failure);
+        const size_t before = sockets.size();
         if (failure.empty())
             failure = OpenEndpoint(endpoint, sockets);
         if (!failure.empty())
             break;
+        for (size_t i = before; i < sockets.size(); ++i)
+            sockets[i].setRole(RoleOf(options, text));
     }
     return failure;
+}
+
+// A Unix socket has none.
+std::string urlOf(const ListeningSocket& socket)
+{
+    const std::string& name = socket.getName();
+    if (name.rfind(kUnixPrefix, 0) == 0)
+        return name;
+    const bool isPlain = socket.getRole().tls == ListeningSocket::Role::kPlain;
+    return (isPlain ? "http://" : "https://") + name + '/';
 }
 
 }  // namespace
@@ -162,7 +189,8 @@ ServerOptions ReadOptions(const ServerOptions& options, size_t recordBytes)
          &Options::idleTimeout, &Options::bodyTimeout, &Options::minBodyBytesPerSecond,
          &Options::sendTimeout, &Options::responseTimeout, &Options::uploadQueueBytes,
          &Options::halfClosedClients, &Options::trustedProxies, &Options::allowedHosts,
-         &Options::strictRequests, &Options::memoryBudgetBytes);
+         &Options::strictRequests, &Options::memoryBudgetBytes, &Options::tls,
+         &Options::redirectToHttps, &Options::httpsPort);
     return known;
 }
 
@@ -180,6 +208,7 @@ std::string CheckOptions(const ServerOptions& options)
         checkTimeout("sendTimeout", options.sendTimeout),
         checkTimeout("responseTimeout", options.responseTimeout),
         checkSets(options),
+        CheckSecureEndpoints(options),
     };
     for (const std::string& why : checks) {
         if (!why.empty())
@@ -199,6 +228,9 @@ bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& op
     ofDaemon.allowedHosts = hostsOf(options, checked);
     ofDaemon.strictRequests = options.strictRequests;
     ofDaemon.memoryBudget = mMemoryBudget;
+    ofDaemon.httpsPort = options.httpsPort;
+    for (const http::TlsOptions& tls : options.tls)
+        ofDaemon.strictTransport.push_back(StrictTransportOf(tls));
     for (uint32_t i = 0; i < options.threads; ++i) {
         mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
         if (!mDaemons.back()->start())
@@ -216,12 +248,19 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
     if (!failure.empty())
         return nullptr;
     std::unique_ptr<EventServer> made(new EventServer);
+    if (!options.tls.empty())
+        made->mTls =
+            TlsEngine::Open(options.tls, options.threads, options.halfClosedClients, failure);
+    if (!failure.empty())
+        return nullptr;
     std::vector<ListeningSocket> sockets;
     failure = openEndpoints(options, sockets);
     if (!failure.empty())
         return nullptr;
-    for (const ListeningSocket& socket : sockets)
+    for (const ListeningSocket& socket : sockets) {
         made->mEndpoints.push_back(socket.getName());
+        made->mUrls.push_back(urlOf(socket));
+    }
     Listener::Limits ofListener;
     ofListener.maxConnections = limitConnections(options);
     ofListener.maxConnectionsPerAddress = options.maxConnectionsPerAddress;
@@ -233,6 +272,8 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
         made->mMemoryBudget = std::make_shared<MemoryBudget>(options.memoryBudgetBytes);
     ofListener.memoryBudget = made->mMemoryBudget;
     ofListener.uploadPieceBytes = options.connectionMemoryBytes / 2;
+    ofListener.tls = made->mTls;
+    ofListener.handshakeThreads = std::min<size_t>(options.threads, kMaxHandshakeThreads);
     if (!made->startDaemons(server, options)) {
         failure = "cannot start a thread for connections";
         return nullptr;
@@ -256,6 +297,11 @@ std::unique_ptr<EventServer> EventServer::Open(http::HttpServer& server,
 EventServer::~EventServer()
 {
     mDaemons.clear();
+}
+
+std::string EventServer::reloadCertificates()
+{
+    return mTls ? mTls->reload() : "the server has no secure endpoint";
 }
 
 }  // namespace qv::impl

@@ -34,7 +34,11 @@ public:
     EventServer& operator=(const EventServer&) = delete;
 
     const std::vector<std::string>& getEndpoints() const { return mEndpoints; }
+    const std::vector<std::string>& getUrls() const { return mUrls; }
     Listener& getListener() { return *mListener; }
+
+    // Why nothing has changed; empty on success. Any thread.
+    std::string reloadCertificates();
 
 private:
     EventServer() = default;
@@ -44,6 +48,8 @@ private:
     std::shared_ptr<MemoryBudget> mMemoryBudget;  // null: no limit
 
     std::vector<std::string> mEndpoints;
+    std::vector<std::string> mUrls;
+    std::shared_ptr<TlsEngine> mTls;  // null: no secure endpoint
     std::vector<std::unique_ptr<EventDaemon>> mDaemons;
     std::unique_ptr<Listener> mListener;
 };

@@ -205,17 +205,18 @@ bool IsWithoutBody(const HttpBaseRequest& request, uint32_t status)
            status == MHD_HTTP_NOT_MODIFIED;
 }
 
-MHD_Result QueueHeadOnly(HttpBaseRequest& request, MHD_Connection* connection, bool close)
+MHD_Result QueueHeadOnly(HttpBaseRequest& request, MHD_Connection* connection,
+                         const ExtraHeaders& extra)
 {
     HttpResponseInterface& head = request.getResponse();
     HttpResponseDevice& device = request.getResponseDevice();
     DispatchAccess::leaveBodyUnread(device);
     return QueueResponse(request, head, connection, makeHeadOnly(lengthOfUnread(device, head)),
-                         {nullptr, close});
+                         {nullptr, &extra});
 }
 
 MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connection* connection,
-                       bool close)
+                       const ExtraHeaders& extra)
 {
     HttpResponseDevice& device = request.getResponseDevice();
     HttpResponseInterface& head = request.getResponse();
@@ -239,7 +240,7 @@ MHD_Result QueueSource(HttpBaseRequest& request, Connection& record, MHD_Connect
         response = MHD_create_response_from_callback(length, std::clamp<uint64_t>(length, 1, block),
                                                      &readSource, &request, nullptr);
     }
-    return QueueResponse(request, head, connection, response, {nullptr, close});
+    return QueueResponse(request, head, connection, response, {nullptr, &extra});
 }
 
 }  // namespace qv::impl

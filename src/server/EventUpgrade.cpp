@@ -69,6 +69,21 @@ void endBodyOfUpgrade(HttpBaseRequest& request)
         device.setConnectionLost(kUpgraded);
 }
 
+// The event loop of a secure connection lives as long as its place.
+struct SecurePlace
+{
+    std::shared_ptr<TlsEngine> tls;
+    ConnectionPlace place;  // given up first
+};
+
+std::shared_ptr<void> makePlace(const EventDaemon& daemon, Connection& record)
+{
+    if (!record.hop)
+        return std::make_shared<ConnectionPlace>(std::move(record.place));
+    return std::make_shared<SecurePlace>(
+        SecurePlace{daemon.getListener().getTls(), std::move(record.place)});
+}
+
 void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
 {
     if (error != ECANCELED)
@@ -79,11 +94,12 @@ void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
 }
 
 // Takes the descriptor over. Null without memory: the connection is closed.
-std::unique_ptr<UpgradedConnection> makeUpgraded(int descriptor, std::string_view received,
+std::unique_ptr<UpgradedConnection> makeUpgraded(const EventDaemon& daemon, int descriptor,
+                                                 std::string_view received,
                                                  const HttpBaseRequest& request, Connection& record)
 {
     try {
-        auto place = std::make_shared<ConnectionPlace>(std::move(record.place));
+        std::shared_ptr<void> place = makePlace(daemon, record);
         return std::make_unique<UpgradedConnection>(descriptor, std::string(received),
                                                     request.getClientAddress(), std::move(place));
     } catch (const std::bad_alloc&) {
@@ -107,7 +123,7 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
     auto code = MHD_REQUEST_TERMINATED_COMPLETED_OK;
     std::unique_ptr<UpgradedConnection> upgraded;
     if (descriptor >= 0)
-        upgraded = makeUpgraded(descriptor, {extraBytes, extraSize}, request, record);
+        upgraded = makeUpgraded(daemon, descriptor, {extraBytes, extraSize}, request, record);
     if (upgraded) {
         endBodyOfUpgrade(request);
         request.onUpgraded(std::move(upgraded));

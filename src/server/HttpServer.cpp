@@ -221,6 +221,7 @@ bool HttpServer::serve(const ServerOptions& options, size_t recordBytes)
     }
     starting.commit();
     mEndpoints = mEventServer->getEndpoints();
+    mUrls = mEventServer->getUrls();
     mState = Running;
     for (const std::string& endpoint : mEndpoints)
         qvLogObject(qvLogObject::kInformation, "httpserver") << "Serving on " << endpoint;
@@ -252,6 +253,29 @@ std::vector<std::string> HttpServer::getEndpoints() const
 {
     const qvMutexLocker locker(&mMutex);
     return mEndpoints;
+}
+
+std::vector<std::string> HttpServer::getUrls() const
+{
+    const qvMutexLocker locker(&mMutex);
+    return mUrls;
+}
+
+bool HttpServer::reloadCertificates(std::string* reason)
+{
+    std::string why;
+    {
+        const qvMutexLocker locker(&mMutex);
+        why = mEventServer ? mEventServer->reloadCertificates() : "the server is not running";
+    }
+    if (why.empty())
+        qvLogObject(qvLogObject::kInformation, "httpserver") << "Certificates reloaded";
+    else
+        qvLogObject(qvLogObject::kWarning, "httpserver")
+            << "Certificates not reloaded: " << why << "; those in use stay";
+    if (reason)
+        *reason = why;
+    return why.empty();
 }
 
 bool HttpServer::waitUntilRunning(std::chrono::milliseconds limit) const

@@ -14,6 +14,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -28,6 +29,7 @@ constexpr size_t kWholeBodyLimitBytes = 0x1fffffff;
 constexpr size_t kStreamBlockBytes = 65536;
 constexpr uint64_t kHeaderOverheadBytes = 3;
 constexpr const char* kCookieHeader = "Set-cookie";
+constexpr const char* kStrictTransportHeader = "Strict-Transport-Security";
 
 MHD_Result emitHeader(HttpBaseRequest& request, MHD_Response* response, const std::string& name,
                       const std::string& value)
@@ -50,6 +52,22 @@ void emitHead(HttpBaseRequest& request, HttpResponseInterface& head, MHD_Respons
     for (const auto& [key, header] : head.getHeaders())
         emitHeader(request, response, header.first, header.second);
     emitCookies(head, response);
+}
+
+bool hasStrictTransport(HttpResponseInterface& head)
+{
+    const auto& headers = head.getHeaders();
+    return std::any_of(headers.begin(), headers.end(), [](const auto& entry) {
+        return strcasecmp(entry.second.first.c_str(), kStrictTransportHeader) == 0;
+    });
+}
+
+void emitExtra(const ExtraHeaders& extra, HttpResponseInterface& head, MHD_Response* response)
+{
+    if (extra.close)
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    if (extra.strictTransport && !hasStrictTransport(head))
+        MHD_add_response_header(response, kStrictTransportHeader, extra.strictTransport);
 }
 
 // The daemon adds "Connection: Upgrade"; there is no body.
@@ -101,8 +119,8 @@ MHD_Result QueueResponse(HttpBaseRequest& request, HttpResponseInterface& head,
     std::unique_ptr<MHD_Response, void (*)(MHD_Response*)> held(response, &MHD_destroy_response);
     DispatchAccess::responseStartMs(request) = qvSystemUtils::GetTimeBaseMs();
     emitHead(request, head, response);
-    if (options.close)
-        MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    if (options.extra)
+        emitExtra(*options.extra, head, response);
     const uint32_t status = head.getStatusCode();
     return QueueAndDestroy(connection, status, held.release());
 }

@@ -28,11 +28,18 @@ enum class Decision : uint8_t { Wait, Queued, Error, Whole, Stream, Source };
 // device's mutex is held.
 Decision Decide(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body);
 
+// Headers beside those of the application.
+struct ExtraHeaders
+{
+    bool close = false;                     // the connection is closed after the response
+    const char* strictTransport = nullptr;  // null: none
+};
+
 // How a response is sent.
 struct SendOptions
 {
     MHD_ContentReaderCallback reader;  // of a stream; its closure is the HttpBaseRequest
-    bool close;                        // the connection is closed after it
+    const ExtraHeaders* extra;         // null: none
 };
 
 // Queues the head of the application as the response to an upgrade, without the headers that the

@@ -78,6 +78,7 @@ WENDREL_PLACE(qv::http::HttpServer, mEventServer, 240);
 WENDREL_PLACE(qv::http::HttpServer, mEndpoints, 248);
 WENDREL_PLACE(qv::http::HttpServer, mFailureReason, 272);
 WENDREL_PLACE(qv::http::HttpServer, mHasDrained, 304);
+WENDREL_PLACE(qv::http::HttpServer, mUrls, 312);
 WENDREL_PLACE(qv::http::HttpServer, run, 2);
 
 WENDREL_PLACE(qv::http::HttpServerImpl, mErrorBody, 8);
@@ -114,6 +115,7 @@ WENDREL_PLACE(qv::HttpBaseRequest, mHasParseError, 664);
 WENDREL_PLACE(qv::HttpBaseRequest, mCompleted, 665);
 WENDREL_PLACE(qv::HttpBaseRequest, mRecord, 672);
 WENDREL_PLACE(qv::HttpBaseRequest, mResponseStatus, 680);
+WENDREL_PLACE(qv::HttpBaseRequest, mTls, 688);
 WENDREL_PLACE(qv::HttpBaseRequest, getResponse, 2);
 WENDREL_PLACE(qv::HttpBaseRequest, getWaitListener, 3);
 WENDREL_PLACE(qv::HttpBaseRequest, onCompleted, 4);
@@ -270,9 +272,9 @@ WENDREL_PLACE(qv::http::HttpServer::Parameters, listenOnAllInterfaces, 20);
 
 // Entries 0 and 1 of a table are the destructor's, unless the class has other operations before it.
 
-static_assert(sizeof(qv::http::HttpServer) == 312);
+static_assert(sizeof(qv::http::HttpServer) == 336);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
-static_assert(sizeof(qv::HttpBaseRequest) == 688);
+static_assert(sizeof(qv::HttpBaseRequest) == 704);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 296);
@@ -293,7 +295,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 179;
+constexpr size_t kPlaces = 181;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -234,6 +234,28 @@ NOT_FOR_USERS = {
     "src/listener/Listener.h kFullBatch": "events that the daemon fetches at once",
     "src/listener/Listener.h kFullBatchNudgeMs": "as kNudgeMs",
     "src/listener/Listener.h kNudgeMs": "bound of a wait of the daemon, see the page of event-driven mode",
+    "kit/src/CertificateWatch.cpp kNsPerSecond": "a unit",
+    "src/listener/Endpoint.h kPlain": "means: none",
+    "include/Wendrel/TlsOptions.h TlsOptions::minimumVersion": "a version, in the table without its number",
+    "include/Wendrel/TlsOptions.h TlsOptions::clientCertificates": "in the table in words",
+    "src/listener/TlsContext.cpp kOptions": "of OpenSSL",
+    "src/listener/TlsContext.cpp kModes": "of OpenSSL",
+    "src/listener/TlsFirstBytes.h kMaxFirstBytes": "the protocol's",
+    "src/listener/TlsHandshakes.cpp kMaxEvents": "events fetched at once",
+    "src/listener/TlsHandshakes.cpp kSweepMs": "interval of checks",
+    "src/listener/TlsHandshakes.cpp kNoTimeout": "means: none",
+    "src/listener/TlsHop.cpp kMaxReadsAtOnce": "divides the reading of ended connections",
+    "src/listener/TlsHop.h kTurnBytes": "how long other connections wait",
+    "src/listener/TlsHop.h kBufferBytes": "of a thread",
+    "src/listener/TlsRelay.cpp kMaxEvents": "events fetched at once",
+    "src/listener/TlsRelay.cpp kSweepMs": "interval of checks",
+    "src/listener/TlsRelay.cpp kNoTimeout": "means: none",
+    "src/listener/TlsRelay.cpp kPairBit": "a mark",
+    "src/listener/TlsTicketKeys.h kMaxKeys": "as many as kTicketSeconds needs",
+    "src/server/Admission.cpp kHttpsPort": "the protocol's",
+    "src/server/EventServer.cpp kDescriptorsOfSecure": "counts of our own",
+    "src/server/EventServer.cpp kDescriptorsOfRelay": "counts of our own",
+    "src/server/SecureEndpoints.cpp kMaxTimeout": "as that of other timeouts",
     "src/listener/ProxyHeader.cpp kMaxPortDigits": "the protocol's",
     "src/listener/ProxyHeader.cpp kVersionPosition": "the protocol's",
     "src/listener/ProxyHeader.cpp kFamilyPosition": "the protocol's",
@@ -271,7 +293,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|EventStreamOptions|FormLimits|WebSocketOptions|EngineOptions)"
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|TlsOptions|EventStreamOptions|FormLimits|WebSocketOptions|EngineOptions)"
                     r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
@@ -384,7 +406,7 @@ def key_of(name, argument, file):
         return f"{file} {parts[-1]}({argument})"
     if len(parts) > 1 and parts[-2] in (
             "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits",
-            "EventStreamOptions"):
+            "EventStreamOptions", "TlsOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

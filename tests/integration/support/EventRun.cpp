@@ -2,6 +2,9 @@
 
 #include "EventRun.h"
 
+#include "Certificates.h"
+#include "TestMode.h"
+
 #include <Wendrel/Wendrel.h>
 
 #include <qvSystem/qvThread.h>
@@ -223,6 +226,8 @@ EventRun::EventRun(Handler handler, ServerOptions options)
     qv::initializeWendrel();
     if (options.listen == ServerOptions().listen)
         options.listen = {"127.0.0.1:0"};
+    if (isSecure() && options.tls.empty())
+        options.tls.push_back(localhostTls());
     mApplication = new Application(std::move(handler));
     mServer = std::make_unique<HttpServer>(mApplication);
     if (!mServer->serve(options)) {

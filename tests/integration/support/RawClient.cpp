@@ -2,6 +2,7 @@
 
 #include "RawClient.h"
 
+#include "TestMode.h"
 #include "Waiting.h"
 
 #include <arpa/inet.h>
@@ -116,6 +117,16 @@ RawClient::RawClient(uint16_t port) : mDescriptor(connectTo("127.0.0.1", port))
 {
     if (mDescriptor < 0)
         throw std::runtime_error("cannot connect to port " + std::to_string(port));
+    if (integration::isSecure())
+        mTls = std::make_unique<TlsEnd>(mDescriptor);
+}
+
+RawClient::RawClient(uint16_t port, const TlsEnd::Prepare& prepare)
+    : mDescriptor(connectTo("127.0.0.1", port))
+{
+    if (mDescriptor < 0)
+        throw std::runtime_error("cannot connect to port " + std::to_string(port));
+    mTls = std::make_unique<TlsEnd>(mDescriptor, prepare);
 }
 
 RawClient::RawClient(Connected connected) : mDescriptor(connected.descriptor)
@@ -123,6 +134,8 @@ RawClient::RawClient(Connected connected) : mDescriptor(connected.descriptor)
     if (mDescriptor < 0)
         throw std::runtime_error("not connected");
     setLimits(mDescriptor);
+    if (integration::isSecure())
+        mTls = std::make_unique<TlsEnd>(mDescriptor);
 }
 
 RawClient::~RawClient()
@@ -142,12 +155,18 @@ bool RawClient::accepts(const char* address, uint16_t port)
 bool RawClient::send(std::string_view bytes)
 {
     while (!bytes.empty()) {
-        const ssize_t sent = ::send(mDescriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t sent = mTls ? mTls->send(bytes.data(), bytes.size())
+                                  : ::send(mDescriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (sent <= 0)
             return false;
         bytes.remove_prefix(static_cast<size_t>(sent));
     }
     return true;
+}
+
+ssize_t RawClient::receivePiece(char* bytes, size_t size)
+{
+    return mTls ? mTls->receive(bytes, size) : ::recv(mDescriptor, bytes, size, 0);
 }
 
 bool RawClient::fill()
@@ -157,7 +176,7 @@ bool RawClient::fill()
     std::array<char, kReadBytes> piece;
     ssize_t got = 0;
     do {
-        got = ::recv(mDescriptor, piece.data(), piece.size(), 0);
+        got = receivePiece(piece.data(), piece.size());
     } while (got < 0 && errno == EINTR);
     if (got <= 0) {
         // A limit that has passed is no end of the connection.
@@ -299,6 +318,8 @@ bool RawClient::waitUntilTaken() const
 
 void RawClient::finishSending()
 {
+    if (mTls)
+        mTls->finishSending();
     ::shutdown(mDescriptor, SHUT_WR);
 }
 
@@ -306,15 +327,28 @@ void RawClient::reset()
 {
     const linger atOnce{1, 0};
     ::setsockopt(mDescriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    mTls.reset();
     close();
 }
 
 void RawClient::close()
 {
+    if (mTls) {
+        mTls->finishSending();
+        // Unread tickets would reset the connection.
+        std::array<char, kReadBytes> unread;
+        ::recv(mDescriptor, unread.data(), unread.size(), MSG_DONTWAIT);
+    }
+    mTls.reset();
     if (mDescriptor >= 0)
         ::close(mDescriptor);
     mDescriptor = -1;
     mEnded = true;
+}
+
+int connectPlain(uint16_t port)
+{
+    return connectTo("127.0.0.1", port);
 }
 
 std::string getRequest(const std::string& target, const std::string& headerLines)

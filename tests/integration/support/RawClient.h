@@ -2,8 +2,11 @@
 #ifndef WENDREL_TESTS_INTEGRATION_RAWCLIENT_H
 #define WENDREL_TESTS_INTEGRATION_RAWCLIENT_H
 
+#include "TlsEnd.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,7 +31,8 @@ struct RawResponse
     std::string value(std::string_view name) const;
 };
 
-/// One connection to a port of 127.0.0.1. No operation waits longer than the limit.
+/// One connection to a port of 127.0.0.1, over TLS in secure mode. No operation waits longer than
+/// the limit.
 class RawClient
 {
 public:
@@ -40,6 +44,18 @@ public:
         int descriptor;
     };
     explicit RawClient(Connected connected);
+
+    /// A connection over TLS, in any mode; `isSecure` tells whether the handshake has succeeded.
+    RawClient(uint16_t port, const TlsEnd::Prepare& prepare);
+
+    /// Whether TLS is open.
+    bool isSecure() const { return mTls && mTls->isOpen(); }
+
+    /// The session; null without TLS.
+    SSL* session() const { return mTls ? mTls->session() : nullptr; }
+
+    int descriptor() const { return mDescriptor; }
+
     ~RawClient();
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
@@ -73,7 +89,7 @@ public:
     /// For a server in this process or another one of this machine.
     bool waitUntilTaken() const;
 
-    /// No more bytes will be sent.
+    /// No more bytes will be sent. Over TLS: after a close_notify.
     void finishSending();
 
     /// Ends the connection at once; the server sees a reset.
@@ -88,10 +104,16 @@ private:
     bool receiveBody(RawResponse& response);
     bool receiveChunks(RawResponse& response);
 
+    ssize_t receivePiece(char* bytes, size_t size);
+
     int mDescriptor = -1;
+    std::unique_ptr<TlsEnd> mTls;  // null: a plain connection
     bool mEnded = false;
     std::string mBuffer;  // received, not yet handed out
 };
+
+/// A socket connected to a port of 127.0.0.1; -1 without one.
+int connectPlain(uint16_t port);
 
 /// "GET TARGET HTTP/1.1" with a Host and the given header lines, each ending in CR LF.
 std::string getRequest(const std::string& target, const std::string& headerLines = "");

@@ -3,6 +3,7 @@
 
 #include "TestServer.h"
 
+#include "Certificates.h"
 #include "Pattern.h"
 
 #include <Wendrel/Wendrel.h>
@@ -259,6 +260,8 @@ void TestServer::serveEventDriven(Behaviour behaviour, const TestServerOptions& 
     mServer = std::make_unique<HttpServer>(mApplication);
     qv::http::ServerOptions served = options.eventDriven;
     served.listen = {"127.0.0.1:0"};
+    if (isSecure())
+        served.tls.push_back(localhostTls());
     served.threads = options.threadPoolSize;
     const std::chrono::milliseconds timeout(options.connectionTimeoutMs);
     served.headTimeout = served.idleTimeout = served.bodyTimeout = served.responseTimeout = timeout;

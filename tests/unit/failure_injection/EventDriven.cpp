@@ -85,7 +85,7 @@ TEST(SourceFailures, LentMemoryIsReleasedWhenAnyCallFails)
             EXPECT_TRUE(request.getResponseDevice().setBodySource(BodySource::fromString(text)));
             MHD_Result result = MHD_NO;
             const bool done = attempt(
-                [&] { result = impl::QueueSource(request, *record, &daemon.connection(), false); });
+                [&] { result = impl::QueueSource(request, *record, &daemon.connection(), {}); });
             EXPECT_EQ(done && result == MHD_YES, !attempt.hasFailed());
         }
         EXPECT_EQ(text.use_count(), 1);

@@ -10,6 +10,17 @@
 #include <functional>
 #include <string>
 
+namespace qv::http
+{
+
+// Those of these tests.
+static bool operator==(const TlsOptions& one, const TlsOptions& other)
+{
+    return one.endpoints == other.endpoints;
+}
+
+}  // namespace qv::http
+
 namespace
 {
 
@@ -149,6 +160,10 @@ ServerOptions differentEverywhere()
     options.allowedHosts = {"localhost"};
     options.strictRequests = !options.strictRequests;
     options.memoryBudgetBytes += 1;
+    options.tls.emplace_back();
+    options.tls.back().endpoints = {"[::1]:80"};
+    options.redirectToHttps = {"unix:/run/app.sock"};
+    options.httpsPort += 1;
     return options;
 }
 
@@ -179,6 +194,9 @@ template <typename Check> void forEachField(Check check)
     field("allowedHosts", &Options::allowedHosts);
     field("strictRequests", &Options::strictRequests);
     field("memoryBudgetBytes", &Options::memoryBudgetBytes);
+    field("tls", &Options::tls);
+    field("redirectToHttps", &Options::redirectToHttps);
+    field("httpsPort", &Options::httpsPort);
 }
 
 TEST(ReadOptions, TakesTheFieldsThatTheCallerKnowsAndDefaultsForTheRest)

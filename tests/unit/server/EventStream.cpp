@@ -48,7 +48,7 @@ protected:
             const qvMutexLocker locker(&Access::mutex(device));
             EXPECT_EQ(impl::DecideEvent(device, request, body), impl::Decision::Source);
         }
-        EXPECT_EQ(impl::QueueSource(request, *record, &connection, false), MHD_YES);
+        EXPECT_EQ(impl::QueueSource(request, *record, &connection, {}), MHD_YES);
         return daemon.response(daemon.responseCount() - 1);
     }
 
@@ -130,7 +130,7 @@ TEST_F(EventStream, GetsBlocksThatFitTheSource)
         Access::record(each) = record.get();
         record->progress.isHttp10 = row.isHttp10;
         ASSERT_TRUE(each.getResponseDevice().setBodySource(row.make()));
-        EXPECT_EQ(impl::QueueSource(each, *record, &connection, false), MHD_YES);
+        EXPECT_EQ(impl::QueueSource(each, *record, &connection, {}), MHD_YES);
         const MHD_Response& response = daemon.response(daemon.responseCount() - 1);
         EXPECT_EQ(response.kind, MHD_Response::Callback);
         EXPECT_EQ(response.size, row.size);

@@ -1,0 +1,417 @@
+// Each thread has its own epoll set and its own share of the limit. Connections are watched
+// edge-triggered: every step goes on until it would block.
+
+#include "listener/TlsHandshakes.h"
+
+#include "listener/TlsFirstBytes.h"
+#include "server/logging/LogObject.h"
+
+#include <qvSystem/Rollback.h>
+#include <qvSystem/qvSystemUtils.h>
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace qv::impl
+{
+namespace
+{
+
+constexpr const char* kThreadName = "TlsHandshake";
+constexpr int kMaxEvents = 64;
+constexpr int kSweepMs = 100;
+constexpr int64_t kReportMs = 10000;
+constexpr int kNiceness = 5;  // above the threads that serve requests
+constexpr unsigned long kNoTimeout = std::numeric_limits<unsigned long>::max();
+
+constexpr std::string_view kPlainHttpBody =
+    "This port serves HTTPS only: use https:// in place of http://.\n";
+
+std::string plainHttpResponse()
+{
+    return "HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\nConnection: close\r\n"
+           "Content-Length: " +
+           std::to_string(kPlainHttpBody.size()) + "\r\n\r\n" + std::string(kPlainHttpBody);
+}
+
+bool hasReceived(int descriptor)
+{
+    int bytes = 0;
+    return ioctl(descriptor, FIONREAD, &bytes) == 0 && bytes != 0;
+}
+
+}  // namespace
+
+class TlsHandshakes::Thread : private qvThread
+{
+public:
+    Thread(TlsHandshakeSink& sink, std::atomic<size_t>& count, size_t limit);
+    ~Thread() override;
+
+    void start(TlsArrival&& arrival);
+    void closeSome(bool onlySilent);
+
+private:
+    struct Pending
+    {
+        TlsArrival arrival;
+        std::unique_ptr<TlsSession> session;  // null until the first bytes have come
+        std::list<Pending>::iterator position;
+        bool isOver = false;
+    };
+    using List = std::list<Pending>;
+
+    void run() override;
+    void takeRequests();
+    void add(TlsArrival&& arrival);
+    void proceed(Pending& pending);
+    bool begin(Pending& pending);
+    void finish(Pending& pending);
+    void refuse(Pending& pending);
+    void respondPlain(Pending& pending);
+    void fail(Pending& pending, const std::string& why);
+    void note(const IpAddress& peer, const std::string& why);
+    void keepOrClose(int descriptor, bool keep);
+    void remove(Pending& pending);
+    void closeExpired(int64_t nowMs);
+    void closeClosing(bool onlySilent);
+    void report(int64_t nowMs);
+    void wake() { eventfd_write(mWake, 1); }
+
+    TlsHandshakeSink& mSink;
+    std::atomic<size_t>& mCount;
+    const size_t mLimit;
+    int mEpoll = -1;
+    int mWake = -1;
+    std::atomic<bool> mIsStopping{false};
+
+    qvMutex mMutex;
+    std::deque<TlsArrival> mArrivals QV_GUARDED_BY(mMutex);
+    bool mMustCloseSilent QV_GUARDED_BY(mMutex) = false;
+    bool mMustCloseAll QV_GUARDED_BY(mMutex) = false;
+
+    // This thread.
+    List mPending;  // the oldest first
+    List mRemoved;  // until their events have been handled
+    uint64_t mFailures = 0;
+    std::string mLastFailure;
+    int64_t mReportedMs = 0;
+};
+
+TlsHandshakes::Thread::Thread(TlsHandshakeSink& sink, std::atomic<size_t>& count, size_t limit)
+    : mSink(sink), mCount(count), mLimit(limit)
+{
+    Rollback opened([this] {
+        if (mWake >= 0)
+            close(mWake);
+        if (mEpoll >= 0)
+            close(mEpoll);
+    });
+    mEpoll = epoll_create1(EPOLL_CLOEXEC);
+    mWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (mEpoll < 0 || mWake < 0 || epoll_ctl(mEpoll, EPOLL_CTL_ADD, mWake, &event) != 0)
+        throw std::system_error(errno, std::system_category(), "epoll");
+    startThread(kThreadName);
+    opened.commit();
+}
+
+TlsHandshakes::Thread::~Thread()
+{
+    mIsStopping = true;
+    wake();
+    waitThread(kNoTimeout);
+    for (const TlsArrival& arrival : mArrivals)
+        close(arrival.descriptor);
+    close(mWake);
+    close(mEpoll);
+}
+
+// The count first: the connection is never missing in it.
+void TlsHandshakes::Thread::start(TlsArrival&& arrival)
+{
+    ++mCount;
+    Rollback counted([this] { --mCount; });
+    {
+        const qvMutexLocker locker(&mMutex);
+        mArrivals.push_back(std::move(arrival));
+    }
+    counted.commit();
+    wake();
+}
+
+void TlsHandshakes::Thread::closeSome(bool onlySilent)
+{
+    {
+        const qvMutexLocker locker(&mMutex);
+        (onlySilent ? mMustCloseSilent : mMustCloseAll) = true;
+    }
+    wake();
+}
+
+// SIGPIPE: OpenSSL writes to sockets whose peers may have closed them.
+void TlsHandshakes::Thread::run()
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)),
+                getpriority(PRIO_PROCESS, 0) + kNiceness);
+    std::array<epoll_event, kMaxEvents> events;
+    while (!mIsStopping) {
+        const int timeout = mPending.empty() && mFailures == 0 ? -1 : kSweepMs;
+        const int count = epoll_wait(mEpoll, events.data(), kMaxEvents, timeout);
+        for (int i = 0; i < count; ++i) {
+            auto* const pending = static_cast<Pending*>(events[static_cast<size_t>(i)].data.ptr);
+            if (!pending) {
+                eventfd_t wakes = 0;
+                eventfd_read(mWake, &wakes);
+            } else if (!pending->isOver) {
+                proceed(*pending);
+            }
+        }
+        mRemoved.clear();
+        takeRequests();
+        const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
+        closeExpired(nowMs);
+        mRemoved.clear();
+        report(nowMs);
+    }
+    while (!mPending.empty())
+        fail(mPending.front(), std::string());
+    mRemoved.clear();
+}
+
+void TlsHandshakes::Thread::takeRequests()
+{
+    std::deque<TlsArrival> arrivals;
+    bool mustCloseSilent = false;
+    bool mustCloseAll = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        arrivals.swap(mArrivals);
+        mustCloseSilent = std::exchange(mMustCloseSilent, false);
+        mustCloseAll = std::exchange(mMustCloseAll, false);
+    }
+    for (TlsArrival& arrival : arrivals)
+        add(std::move(arrival));
+    if (mustCloseAll || mustCloseSilent)
+        closeClosing(!mustCloseAll);
+}
+
+void TlsHandshakes::Thread::add(TlsArrival&& arrival)
+{
+    if (mPending.size() >= mLimit)
+        fail(mPending.front(), "too many handshakes at a time");
+    const int descriptor = arrival.descriptor;
+    try {
+        mPending.emplace_back();
+    } catch (const std::bad_alloc&) {
+        close(descriptor);
+        --mCount;
+        return;
+    }
+    Pending& pending = mPending.back();
+    pending.arrival = std::move(arrival);
+    pending.position = std::prev(mPending.end());
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    event.data.ptr = &pending;
+    if (epoll_ctl(mEpoll, EPOLL_CTL_ADD, descriptor, &event) != 0)
+        fail(pending, "cannot watch the connection");
+}
+
+void TlsHandshakes::Thread::proceed(Pending& pending)
+{
+    try {
+        if (!pending.session && !begin(pending))
+            return;
+        switch (pending.session->handshake()) {
+        case TlsSession::Result::Done:
+            finish(pending);
+            break;
+        case TlsSession::Result::WantsRead:
+        case TlsSession::Result::WantsWrite:
+            break;
+        default:
+            fail(pending, pending.session->getFailure());
+        }
+    } catch (const std::bad_alloc&) {
+        fail(pending, "out of memory");
+    }
+}
+
+// True when a handshake has begun.
+bool TlsHandshakes::Thread::begin(Pending& pending)
+{
+    std::array<char, kMaxFirstBytes> bytes;
+    const int descriptor = pending.arrival.descriptor;
+    const ssize_t count = recv(descriptor, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return false;
+    if (count <= 0) {
+        fail(pending, std::string());
+        return false;
+    }
+    switch (ClassifyFirstBytes({bytes.data(), static_cast<size_t>(count)})) {
+    case TlsFirstBytes::Incomplete:
+        return false;
+    case TlsFirstBytes::PlainHttp:
+        respondPlain(pending);
+        return false;
+    case TlsFirstBytes::Other:
+        fail(pending, "the connection does not begin with a handshake");
+        return false;
+    default:
+        pending.session = std::make_unique<TlsSession>(pending.arrival.context, descriptor);
+        pending.arrival.descriptor = -1;
+        return true;
+    }
+}
+
+void TlsHandshakes::Thread::finish(Pending& pending)
+{
+    if (!pending.arrival.place) {
+        refuse(pending);
+        return;
+    }
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, pending.session->getDescriptor(), nullptr);
+    mSink.secured({std::move(pending.arrival), std::move(pending.session)});
+    remove(pending);
+}
+
+// There is no place for the connection.
+void TlsHandshakes::Thread::refuse(Pending& pending)
+{
+    size_t written = 0;
+    pending.session->write(kUnavailableResponse, std::strlen(kUnavailableResponse), written);
+    pending.session->sendCloseNotify();
+    keepOrClose(pending.session->releaseDescriptor(), true);
+    remove(pending);
+}
+
+void TlsHandshakes::Thread::respondPlain(Pending& pending)
+{
+    const int descriptor = std::exchange(pending.arrival.descriptor, -1);
+    const std::string response = plainHttpResponse();
+    send(descriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    keepOrClose(descriptor, true);
+    remove(pending);
+}
+
+void TlsHandshakes::Thread::note(const IpAddress& peer, const std::string& why)
+{
+    ++mFailures;
+    try {
+        mLastFailure = (peer.isValid() ? peer.toStringWithPort() : "a Unix socket") + ": " + why;
+    } catch (const std::bad_alloc&) {
+        // The line has the failure before.
+    }
+}
+
+// OpenSSL has sent the alert. A reset would destroy it when the client has sent more.
+void TlsHandshakes::Thread::fail(Pending& pending, const std::string& why)
+{
+    if (!why.empty())
+        note(pending.arrival.peer.address, why);
+    const bool hasBegun = pending.session != nullptr;
+    const int descriptor = hasBegun ? pending.session->releaseDescriptor()
+                                    : std::exchange(pending.arrival.descriptor, -1);
+    keepOrClose(descriptor, hasBegun && hasReceived(descriptor));
+    remove(pending);
+}
+
+void TlsHandshakes::Thread::keepOrClose(int descriptor, bool keep)
+{
+    if (descriptor < 0)
+        return;
+    if (!keep) {
+        close(descriptor);
+        return;
+    }
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, descriptor, nullptr);
+    shutdown(descriptor, SHUT_WR);
+    mSink.keepUntilSeen(descriptor);
+}
+
+void TlsHandshakes::Thread::remove(Pending& pending)
+{
+    pending.isOver = true;
+    pending.arrival.place.giveUp();
+    pending.session.reset();
+    mRemoved.splice(mRemoved.end(), mPending, pending.position);
+    --mCount;
+}
+
+void TlsHandshakes::Thread::closeExpired(int64_t nowMs)
+{
+    for (auto next = mPending.begin(); next != mPending.end();) {
+        Pending& pending = *next++;
+        if (nowMs >= pending.arrival.deadlineMs)
+            fail(pending, pending.session ? "timeout" : std::string());
+    }
+}
+
+void TlsHandshakes::Thread::closeClosing(bool onlySilent)
+{
+    for (auto next = mPending.begin(); next != mPending.end();) {
+        Pending& pending = *next++;
+        if (!onlySilent || (!pending.session && !hasReceived(pending.arrival.descriptor)))
+            fail(pending, std::string());
+    }
+}
+
+// One line for many: anybody can make a handshake fail.
+void TlsHandshakes::Thread::report(int64_t nowMs)
+{
+    if (mFailures == 0 || (mReportedMs != 0 && nowMs - mReportedMs < kReportMs))
+        return;
+    mReportedMs = nowMs;
+    qvLogObject(qvLogObject::kInformation)
+        << "TLS handshakes failed: " << mFailures << ", the last one with " << mLastFailure;
+    mFailures = 0;
+}
+
+TlsHandshakes::TlsHandshakes(TlsHandshakeSink& sink, size_t threads)
+{
+    for (size_t i = 0; i < threads; ++i)
+        mThreads.push_back(std::make_unique<Thread>(sink, mCount, kMaxHandshakes / threads));
+}
+
+TlsHandshakes::~TlsHandshakes() = default;
+
+void TlsHandshakes::start(TlsArrival&& arrival)
+{
+    mThreads[mTurn++ % mThreads.size()]->start(std::move(arrival));
+}
+
+void TlsHandshakes::closeSilent()
+{
+    for (const auto& thread : mThreads)
+        thread->closeSome(true);
+}
+
+void TlsHandshakes::closeAll()
+{
+    for (const auto& thread : mThreads)
+        thread->closeSome(false);
+}
+
+}  // namespace qv::impl

@@ -1,0 +1,121 @@
+// A secure connection between its client and its daemon: decrypts in one direction, encrypts in the
+// other.
+#ifndef WENDREL_LISTENER_TLSHOP_H
+#define WENDREL_LISTENER_TLSHOP_H
+
+#include "listener/TlsSession.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qv::impl
+{
+
+class TlsRelay;
+
+// The daemon has one end of a socket pair; the hop has the other one and the session. An end of the
+// client (close_notify) becomes an end of the pair when all bytes before it have been forwarded; a
+// connection that is reset or cut off closes the pair at once. An end of the daemon becomes a
+// close_notify when the last record has been sent.
+class TlsHop : public std::enable_shared_from_this<TlsHop>
+{
+public:
+    // Bytes that one direction forwards before other connections have their turn.
+    static constexpr size_t kTurnBytes = 262144;
+
+    // Least size of the buffer of `proceed`.
+    static constexpr size_t kBufferBytes = 65536;
+
+    // Takes over `pair`, which is non-blocking.
+    TlsHop(TlsRelay& relay, std::unique_ptr<TlsSession> session, int pair);
+    ~TlsHop();
+    TlsHop(const TlsHop&) = delete;
+    TlsHop& operator=(const TlsHop&) = delete;
+
+    const std::shared_ptr<const TlsConnection>& getInfo() const { return mInfo; }
+
+    // Has the bytes that have arrived forwarded, and then the direction to the daemon ended. True
+    // when it has ended. Any thread.
+    bool endReading() noexcept;
+
+    // The connection has been upgraded: it is not the server's any more. Any thread.
+    void release();
+
+private:
+    friend class TlsRelay;
+
+    enum class State : uint8_t {
+        Forwarding,
+        Discarding,  // everything is sent; reads on until the client has seen it
+        Over
+    };
+
+    // Below: relay thread.
+    State proceed(std::vector<char>& buffer, bool halfClosedClients);
+    bool noteEvents(bool halfClosedClients);
+    bool pumpUp(std::vector<char>& buffer);
+    bool decrypt(std::vector<char>& buffer, size_t& filled);
+    void forward(const char* bytes, size_t size);
+    size_t sendToPair(const char* bytes, size_t size);
+    bool flushUp();
+    void endUp();
+    bool pumpDown(std::vector<char>& buffer);
+    bool encrypt(const char* bytes, size_t size);
+    bool flushDown();
+    bool endDown();
+    State discard(std::vector<char>& buffer);
+    void closePair();
+    void end();
+    uint32_t wantedOfClient() const;
+    uint32_t wantedOfPair() const;
+    bool isFlushing() const { return mIsPairEnded && !mIsDownOver; }
+
+    TlsRelay& mRelay;
+    std::unique_ptr<TlsSession> mSession;  // null at the end
+    const std::shared_ptr<const TlsConnection> mInfo;
+
+    std::atomic<bool> mIsUpOver{false};
+    std::atomic<bool> mIsEndWanted{false};
+    std::atomic<bool> mIsReleased{false};
+
+    int mPair;
+    std::string mUp;     // decrypted, not taken by the daemon's socket yet
+    size_t mUpSent = 0;  // of it
+    std::string mDown;   // not encrypted yet
+    size_t mDownSent = 0;
+    uint64_t mDiscardedBytes = 0;
+    int64_t mDiscardUntilMs = 0;
+    uint32_t mClientEvents = 0;  // reported and not handled
+    uint32_t mPairEvents = 0;
+    uint32_t mClientMask = 0;  // asked for
+    uint32_t mPairMask = 0;
+    bool mMayRead = true;          // from the session: its bytes are not reported
+    bool mHasSeenEnd = false;      // of the client's direction, behind bytes that are not read
+    bool mIsUpClosing = false;     // the client has ended; mUp comes first
+    bool mReadWantsWrite = false;  // OpenSSL has to send before it reads on
+    bool mIsDownBlocked = false;   // the client's socket is full
+    bool mIsPairEnded = false;     // nothing more comes from the daemon
+    bool mIsPairClosed = false;    // nor is anything taken
+    bool mIsPairReadable = false;
+    bool mIsDownOver = false;  // close_notify has been sent
+    bool mHasMore = false;     // its turn was over first
+
+    // Of the relay.
+    std::shared_ptr<TlsHop> mNextRemoved;
+    bool mIsQueued = false;
+    bool mIsWatchingClient = false;
+    bool mIsWatchingPair = false;
+    bool mIsPairWatchOver = false;
+    std::atomic<bool> mIsCounted{true};  // among the unfinished
+    bool mIsCountedFlushing = false;
+    bool mIsCountedDiscarding = false;
+    State mState = State::Forwarding;
+};
+
+}  // namespace qv::impl
+
+#endif
