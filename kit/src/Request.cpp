@@ -168,6 +168,16 @@ const IpAddress& Request::clientAddress() const
     return mExchange->getClientAddress();
 }
 
+bool Request::isSecure() const
+{
+    return mExchange->isSecure();
+}
+
+const TlsConnection* Request::tls() const
+{
+    return mExchange->getTls();
+}
+
 int64_t Request::contentLength() const
 {
     return mExchange->declaredBodyBytes();

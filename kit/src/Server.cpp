@@ -2,6 +2,7 @@
 
 #include <Wendrel/kit/Server.h>
 
+#include "CertificateWatch.h"
 #include "ServerCore.h"
 
 #include <Wendrel/Wendrel.h>
@@ -26,10 +27,13 @@ namespace
 {
 
 constexpr std::array<int, 2> kStopSignals{SIGINT, SIGTERM};
-constexpr const char* kUnixPrefix = "unix:";
+constexpr int kCertificateCheckMs = 2000;
 
 // Readable after the first signal, until the last run has ended.
 std::atomic<int> sStopDescriptor{-1};
+
+// How often certificates were to be reloaded.
+std::atomic<uint32_t> sReloads{0};
 
 extern "C" void wendrelKitStop(int)
 {
@@ -38,6 +42,45 @@ extern "C" void wendrelKitStop(int)
     static_cast<void>(!write(sStopDescriptor, &one, sizeof one));
     errno = error;
 }
+
+// The wait that it interrupts looks at the count.
+extern "C" void wendrelKitReload(int)
+{
+    ++sReloads;
+}
+
+// Handles SIGHUP while there is one.
+class ReloadSignal
+{
+public:
+    ReloadSignal()
+    {
+        const std::lock_guard<std::mutex> locker(sMutex);
+        if (sCount++ != 0)
+            return;
+        struct sigaction action
+        {};
+        action.sa_handler = &wendrelKitReload;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGHUP, &action, &sBefore);
+    }
+
+    ~ReloadSignal()
+    {
+        const std::lock_guard<std::mutex> locker(sMutex);
+        if (--sCount == 0)
+            sigaction(SIGHUP, &sBefore, nullptr);
+    }
+
+    ReloadSignal(const ReloadSignal&) = delete;
+    ReloadSignal& operator=(const ReloadSignal&) = delete;
+
+private:
+    static inline std::mutex sMutex;
+    static inline int sCount = 0;
+    static inline struct sigaction sBefore;
+};
 
 // Handles the signals while there is one; any number at a time.
 class StopSignals
@@ -63,11 +106,11 @@ public:
 
     static bool isValid() { return sStopDescriptor >= 0; }
 
-    static void wait()
+    // True after a signal, false after the limit or an interruption. -1: no limit.
+    static bool wait(int limitMs)
     {
         pollfd entry{sStopDescriptor, POLLIN, 0};
-        while (poll(&entry, 1, -1) < 0 && errno == EINTR) {
-        }
+        return poll(&entry, 1, limitMs) > 0;
     }
 
 private:
@@ -154,10 +197,34 @@ int Server::run()
         for (const std::string& url : urls())
             std::cout << url << '\n';
         std::cout << std::flush;
-        StopSignals::wait();
+        waitForEnd();
     }
     stop(mOptions.stopTimeout);
     return 0;
+}
+
+// A thread other than this one may have got SIGHUP: the count is looked at with the files.
+void Server::waitForEnd()
+{
+    CertificateWatch files(mOptions.tls);
+    if (mOptions.tls.empty()) {
+        while (!StopSignals::wait(-1)) {
+        }
+        return;
+    }
+    const ReloadSignal signal;
+    uint32_t reloads = sReloads;
+    while (!StopSignals::wait(kCertificateCheckMs)) {
+        const uint32_t now = sReloads;
+        const bool isAsked = now != std::exchange(reloads, now);
+        if (files.hasChanged() || isAsked)
+            reloadCertificates();
+    }
+}
+
+bool Server::reloadCertificates(std::string* reason)
+{
+    return mCore->httpServer().reloadCertificates(reason);
 }
 
 bool Server::start(const std::string& endpoint)
@@ -198,12 +265,7 @@ std::vector<std::string> Server::endpoints() const
 
 std::vector<std::string> Server::urls() const
 {
-    std::vector<std::string> urls = endpoints();
-    for (std::string& url : urls) {
-        if (url.rfind(kUnixPrefix, 0) != 0)
-            url.insert(0, "http://").append("/");
-    }
-    return urls;
+    return mCore->httpServer().getUrls();
 }
 
 uint64_t Server::requestCount() const

@@ -49,7 +49,7 @@ public:
     // Nothing serves any more; the server's owner does not use it again.
     void close();
     std::string failureReason() const;
-    const http::HttpServer& httpServer() const { return *mServer; }
+    http::HttpServer& httpServer() const { return *mServer; }
 
     void setStopping(std::function<void()> callback) { mStopping = std::move(callback); }
 

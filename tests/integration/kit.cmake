@@ -5,7 +5,7 @@ wendrel_test_program(integration_kit
         main.cpp
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
         KitBodies.cpp KitCompleted.cpp KitDeferred.cpp KitDeferredStress.cpp KitEvents.cpp KitForms.cpp
-        KitJson.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitUploads.cpp
+        KitJson.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitTls.cpp KitUploads.cpp
         KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
 

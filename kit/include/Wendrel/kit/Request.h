@@ -17,6 +17,11 @@
 #include <string>
 #include <string_view>
 
+namespace qv
+{
+struct TlsConnection;
+}
+
 namespace qv::kit
 {
 
@@ -72,6 +77,12 @@ public:
 
     /// Address and port of the client; see `ServerOptions::trustedProxies`.
     const IpAddress& clientAddress() const;
+
+    /// Whether the request has come over TLS to this server; see `HttpBaseRequest::isSecure`.
+    bool isSecure() const;
+
+    /// The TLS of the connection; null when it has none. Include <Wendrel/TlsConnection.h>.
+    const TlsConnection* tls() const;
 
     /// The length that the client declared for its body; -1 when it declared none.
     int64_t contentLength() const;

@@ -73,6 +73,9 @@ public:
     /// or to standard error why it cannot listen. Returns the exit status of the program: 0, or 1
     /// when it could not listen. The signals are handled by this call alone while it runs; a second
     /// signal ends the process.
+    ///
+    /// With secure endpoints the certificates are reloaded after SIGHUP, and within about 4 s after
+    /// one of their files has changed; see `reloadCertificates`.
     int run(const std::string& endpoint);
 
     /// The same with the endpoints of the options.
@@ -109,7 +112,8 @@ public:
     /// The endpoints as they are bound: "127.0.0.1:8181". Any thread.
     std::vector<std::string> endpoints() const;
 
-    /// The same as URLs: "http://127.0.0.1:8181/"; a Unix socket as its endpoint. Any thread.
+    /// The same as URLs: "http://127.0.0.1:8181/", "https://[::1]:8443/"; a Unix socket as its
+    /// endpoint. Any thread.
     std::vector<std::string> urls() const;
 
     /// Requests so far. Any thread.
@@ -119,7 +123,12 @@ public:
     /// included. Any thread.
     size_t openRequests() const;
 
+    /// As `HttpServer::reloadCertificates`. Any thread but those of handlers and callbacks.
+    bool reloadCertificates(std::string* reason = nullptr);
+
 private:
+    void waitForEnd();
+
     ServerOptions mOptions;
     ServerCore* mCore;  // counted
 };
