@@ -4,13 +4,14 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/demo.sh [--chat] [--check] [--directory DIR] [--port N] [--built DIR]
+Usage: scripts/demo.sh [--chat] [--tls] [--check] [--directory DIR] [--port N] [--built DIR]
                        [--no-install] [--help]
 
 Installs the packages that the build needs, builds build/release and runs filedrop, a web service
 for the files of one directory, on 127.0.0.1 until Ctrl-C.
 
   --chat           runs chat instead: rooms on a web page
+  --tls            serves HTTPS with a certificate that is made for this run and signed by itself
   --check          uses the service once, stops it, and exits with 0 if everything was right:
                    filedrop by curl, which uploads and downloads a file of 256 MiB; chat by two
                    WebSocket clients in a room
@@ -33,6 +34,7 @@ fail() {
 
 example=filedrop
 check=false
+tls=false
 install=true
 build=true
 directory=
@@ -42,6 +44,7 @@ while (($# > 0)); do
     case "$1" in
         --chat) example=chat ;;
         --check) check=true ;;
+        --tls) tls=true ;;
         --directory | --port | --built)
             (($# > 1)) || fail "$1 needs a value; see --help"
             case "$1" in
@@ -129,6 +132,7 @@ need() {
         fail "$1 is not installed; install the package $2, or run without --no-install and --built"
 }
 check_tools() {
+    if $tls; then need openssl openssl; fi
     $check || return 0
     if [[ $example == filedrop ]]; then
         need curl curl
@@ -147,7 +151,7 @@ wait_for_url() {
     local line output
     exec {output}<"$1"
     while read -r -t "$start_limit_seconds" line <&"$output"; do
-        if [[ $line =~ http://127\.0\.0\.1:[0-9]+ ]]; then
+        if [[ $line =~ https?://127\.0\.0\.1:[0-9]+ ]]; then
             url=${BASH_REMATCH[0]}
             # The descriptor stays open: the process may print more.
             return 0
@@ -162,6 +166,9 @@ start_program() {
     local fifo=$work/server-$1 options=(--port "$1")
     if [[ $example == filedrop ]]; then
         options+=(--directory "$directory")
+    fi
+    if $tls; then
+        options+=(--tls-certificate "$certificate" --tls-key "$work/key.pem")
     fi
     mkfifo "$fifo"
     "$program" "${options[@]}" >"$fifo" &
@@ -188,6 +195,14 @@ start_server() {
     fail "cannot start $example on port ${candidates[*]}${port:+ (try another --port)}"
 }
 
+# Throw-away, for the address of this host alone.
+make_certificate() {
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
+        -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
+        -keyout "$work/key.pem" -out "$certificate" 2>"$work/openssl.log" ||
+        fail "openssl made no certificate: $(cat "$work/openssl.log")"
+}
+
 check_transfers() {
     local size=$((256 * 1024 * 1024)) name=wendrel-demo-check.bin
     local source=$work/source.bin copy=$work/copy.bin
@@ -197,9 +212,9 @@ check_transfers() {
     say "Making a file of $size bytes"
     head -c "$size" /dev/urandom >"$source"
     say "Uploading it to $url/files/$name"
-    up=$(curl -sS --noproxy '*' -T "$source" -o "$work/response" -w "$format" "$url/files/$name")
+    up=$(curl "${curl_options[@]}" -T "$source" -o "$work/response" -w "$format" "$url/files/$name")
     say "Downloading it again"
-    down=$(curl -sS --noproxy '*' -o "$copy" -w "$format" "$url/files/$name")
+    down=$(curl "${curl_options[@]}" -o "$copy" -w "$format" "$url/files/$name")
 
     sent=$(sha256sum <"$source" | cut -d' ' -f1)
     received=$(sha256sum <"$copy" | cut -d' ' -f1)
@@ -212,7 +227,7 @@ check_transfers() {
     [[ $(stat -c %s "$copy") == "$size" ]] || fail "the file came back with another size"
     [[ $sent == "$received" ]] || fail "the file came back with other bytes"
 
-    curl -sS --noproxy '*' --fail -o /dev/null -X DELETE "$url/files/$name" ||
+    curl "${curl_options[@]}" --fail -o /dev/null -X DELETE "$url/files/$name" ||
         fail "the file could not be deleted"
 }
 
@@ -227,7 +242,9 @@ report() {
 
 check_chat() {
     say "Letting two clients talk at $url"
-    "$python" -B scripts/demo_chat.py "$url" || fail "chat did not pass the check"
+    local arguments=("$url")
+    if $tls; then arguments+=("$certificate"); fi
+    "$python" -B scripts/demo_chat.py "${arguments[@]}" || fail "chat did not pass the check"
 }
 
 if $install; then install_packages; fi
@@ -236,6 +253,12 @@ if $build; then build_program; fi
 check_tools
 
 url=
+certificate=$work/certificate.pem
+curl_options=(-sS --noproxy '*')
+if $tls; then
+    make_certificate
+    curl_options+=(--cacert "$certificate")
+fi
 if [[ $example == filedrop ]]; then
     if [[ -z $directory ]]; then
         directory=$work/files

@@ -53,6 +53,11 @@ qv::http::ServerOptions servingOptions(const Options& options)
     if (options.port != 0)
         serving.listen = {"127.0.0.1:" + std::to_string(options.port)};
     serving.threads = options.threads;
+    if (!options.tlsCertificate.empty()) {
+        qv::http::TlsOptions tls;
+        tls.certificates.push_back({options.tlsCertificate, options.tlsKey, "", ""});
+        serving.tls.push_back(tls);
+    }
     serving.maxConnections = kMaxConnections;
     return serving;
 }

@@ -52,6 +52,16 @@ bool parseOptions(int argc, char** argv, const Program& program, Options& option
         app.add_flag("--deflate", options.deflate, "Accept compression of WebSocket messages")
             ->needs(app.get_option("--websocket"))
             ->excludes(polling);
+        CLI::Option* const certificate =
+            app.add_option("--tls-certificate", options.tlsCertificate,
+                           "Serve HTTPS with the certificate chain in this file (PEM)")
+                ->type_name("FILE")
+                ->excludes(polling);
+        CLI::Option* const key =
+            app.add_option("--tls-key", options.tlsKey, "Private key of the certificate (PEM)")
+                ->type_name("FILE")
+                ->needs(certificate);
+        certificate->needs(key);
     } else {
         port->required();
     }

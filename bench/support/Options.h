@@ -25,6 +25,8 @@ struct Options
     bool polling = false;             // this library only
     std::vector<std::string> listen;  // this library only; in place of the port
     bool deflate = false;             // this library only; WebSockets of event-driven mode
+    std::string tlsCertificate;       // this library only; empty: plain
+    std::string tlsKey;
     bool suspend = false;             // the bare daemon only
 };
 
@@ -33,7 +35,7 @@ struct Program
 {
     std::string name;
     std::string about;
-    bool hasEndpoints = false;  // --listen, --polling and --deflate
+    bool hasEndpoints = false;  // --listen, --polling, --deflate and --tls-...
     bool canSuspend = false;    // --suspend
     bool hasKit = false;        // --mode kit
 };

@@ -18,6 +18,7 @@ struct Options
 {
     uint16_t port = 8181;
     bool allInterfaces = false;
+    qv::http::TlsCertificate tls;
 };
 
 // False: the process must exit with `exitCode`; the message has been printed.
@@ -31,6 +32,15 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
         ->check(CLI::Range(1, 65535));
     app.add_flag("--all-interfaces", options.allInterfaces,
                  "Listen on every network of this machine, not on 127.0.0.1 alone");
+    CLI::Option* const certificate =
+        app.add_option("--tls-certificate", options.tls.chain,
+                       "Serve HTTPS with the certificate chain in this file (PEM)")
+            ->option_text("FILE");
+    CLI::Option* const key =
+        app.add_option("--tls-key", options.tls.key, "Private key of the certificate (PEM)")
+            ->option_text("FILE")
+            ->needs(certificate);
+    certificate->needs(key);
     app.set_version_flag(
         "--version", std::string("wendrel-chat ") +
                          Wendrel::Version::GetDescStringMajorMinorReleaseRevision(false, false));
@@ -58,5 +68,9 @@ int main(int argc, char** argv)
     log.install();
     qv::kit::Server server;
     chat::addRoutes(server.router());
+    if (!options.tls.chain.empty()) {
+        server.options().tls.emplace_back();
+        server.options().tls.back().certificates.push_back(options.tls);
+    }
     return server.run((options.allInterfaces ? "*:" : "127.0.0.1:") + std::to_string(options.port));
 }

@@ -52,6 +52,7 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
     bool allInterfaces = false;
     std::vector<std::string> endpoints;
     std::string maxUpload = "0";
+    qv::http::TlsCertificate tls;
 
     CLI::App app("Serves one directory as a web page on which everyone can upload, download and "
                  "delete files.",
@@ -69,6 +70,15 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
                        "Endpoint in place of the port, such as [::1]:8181 or unix:/PATH; may be "
                        "given several times")
             ->option_text("ENDPOINT");
+    CLI::Option* const certificate =
+        app.add_option("--tls-certificate", tls.chain,
+                       "Serve HTTPS with the certificate chain in this file (PEM)")
+            ->option_text("FILE");
+    CLI::Option* const key =
+        app.add_option("--tls-key", tls.key, "Private key of the certificate (PEM)")
+            ->option_text("FILE")
+            ->needs(certificate);
+    certificate->needs(key);
     app.add_option("--threads", server.threads, "Threads that serve connections")
         ->type_name("NUMBER")
         ->check(CLI::Range(1u, kMaxThreads));
@@ -104,6 +114,10 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
     if (endpoints.empty())
         endpoints = {(allInterfaces ? "*:" : "127.0.0.1:") + std::to_string(port)};
     server.listen = endpoints;
+    if (!tls.chain.empty()) {
+        server.tls.emplace_back();
+        server.tls.back().certificates.push_back(tls);
+    }
     options.settings.maxUploadBytes = parseByteSize(maxUpload).value_or(0);
     return true;
 }
