@@ -11,7 +11,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string_view>
@@ -121,7 +120,7 @@ std::string readCertificates(const std::string& name, const std::string& content
             if (!certificate)
                 return Place{name, line}.toString() +
                        "the certificate cannot be decoded: " + TakeTlsError();
-            const std::string why = checkUse(certificate.get(), {name, line});
+            std::string why = checkUse(certificate.get(), {name, line});
             if (!why.empty())
                 return why;
             read.push_back(std::move(certificate));
@@ -146,7 +145,7 @@ int givePassword(char* buffer, int size, int, void* closure)
     const size_t bytes = password.text.size();
     if (bytes == 0 || bytes > static_cast<size_t>(size))
         return -1;
-    std::memcpy(buffer, password.text.data(), bytes);
+    std::copy(password.text.begin(), password.text.end(), buffer);
     return static_cast<int>(bytes);
 }
 

@@ -95,7 +95,7 @@ TlsContext::Load(const TlsOptions& options, std::shared_ptr<TlsTicketKeys> keys,
     for (size_t i = 0; i < options.certificates.size(); ++i) {
         why = loaded->add(options, i, authorities);
         if (!why.empty()) {
-            why = "certificates[" + std::to_string(i) + "]: " + why;
+            why.insert(0, "certificates[" + std::to_string(i) + "]: ");
             return nullptr;
         }
     }

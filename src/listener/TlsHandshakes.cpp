@@ -10,7 +10,6 @@
 #include <qvSystem/qvSystemUtils.h>
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -21,6 +20,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <limits>
 #include <new>

@@ -7,7 +7,6 @@
 #include <qvSystem/qvSystemUtils.h>
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <limits>
 #include <new>
 #include <system_error>
@@ -143,6 +143,7 @@ void TlsRelay::noteEvents(const epoll_event* events, int count)
 {
     for (int i = 0; i < count; ++i) {
         const uint64_t key = events[i].data.u64;
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the lowest bit tells the sockets apart.
         auto* const hop = reinterpret_cast<TlsHop*>(key & ~kPairBit);
         if (!hop) {
             eventfd_t wakes = 0;
@@ -313,15 +314,15 @@ void TlsRelay::closeExpired(int64_t nowMs)
 }
 
 // Closes both sockets now, although another thread may hold the hop. Without memory, too.
-void TlsRelay::remove(const std::shared_ptr<TlsHop>& hop)
+void TlsRelay::remove(std::shared_ptr<TlsHop> hop)
 {
-    const std::shared_ptr<TlsHop> held = hop;
-    if (held->mState == TlsHop::State::Over && !held->mSession)
+    TlsHop& removed = *hop;
+    if (removed.mState == TlsHop::State::Over && !removed.mSession)
         return;
-    held->end();
-    count(*held);
-    mHops.erase(held.get());
-    held->mNextRemoved = std::exchange(mRemoved, held);
+    removed.end();
+    count(removed);
+    mHops.erase(&removed);
+    removed.mNextRemoved = std::exchange(mRemoved, std::move(hop));
 }
 
 }  // namespace qv::impl

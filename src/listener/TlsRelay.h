@@ -70,7 +70,7 @@ private:
     void count(TlsHop& hop);
     void startDiscarding(const std::shared_ptr<TlsHop>& hop);
     void closeExpired(int64_t nowMs);
-    void remove(const std::shared_ptr<TlsHop>& hop);
+    void remove(std::shared_ptr<TlsHop> hop);
     void wake();
 
     const bool mHalfClosedClients;
