@@ -27,7 +27,7 @@ struct Options
     bool deflate = false;             // this library only; WebSockets of event-driven mode
     std::string tlsCertificate;       // this library only; empty: plain
     std::string tlsKey;
-    bool suspend = false;             // the bare daemon only
+    bool suspend = false;  // the bare daemon only
 };
 
 // A server, as its help describes it.
