@@ -475,7 +475,7 @@ void Connection::onEvents(uint32_t events) noexcept
     perform([this, events] {
         if ((events & EPOLLOUT) != 0)
             mIsBlocked = false;
-        if (mState == State::Draining || mHasFailed)
+        if (mState == State::Draining || mHasFailed || mHasPeerClose)
             discardReceived();
         else if ((events & EPOLLIN) != 0)
             receive();
@@ -556,7 +556,7 @@ bool Connection::handleReceived()
             handlePeerClose();
             break;
         case Event::Failed:
-            fail(mParser.failureCode(), mParser.failure());
+            handleViolation(mParser.failureCode(), mParser.failure());
             break;
         }
     }
@@ -567,13 +567,28 @@ void Connection::handlePeerClose()
 {
     const CloseStatus status = readClosePayload(mParser.payload(), mParser.payloadBytes());
     if (status.failure != 0) {
-        fail(status.failure, "close frame is malformed");
+        handleViolation(status.failure, "close frame is malformed");
         return;
     }
     mPeerReason = status.reason;
     mHasPeerClose = true;
     mCloseCode = status.code;
-    queueClose(status.code, {});
+    closeAfterCallbacks(status.code, {});
+}
+
+void Connection::handleViolation(uint16_t code, const char* reason)
+{
+    if (noteFailure(code, reason))
+        closeAfterCallbacks(code, reason);
+}
+
+// The messages before the end are responded to, even if their callbacks run later.
+void Connection::closeAfterCallbacks(uint16_t code, std::string_view reason)
+{
+    if (mStrand && !mIsExecutorRefused)
+        notify({.kind = Notice::Kind::End, .code = code, .payload = BinaryView(reason)});
+    if (!mStrand || mIsExecutorRefused)
+        queueClose(code, reason);
 }
 
 // The peer may send until it has received the close frame.
@@ -834,16 +849,23 @@ void Connection::endByDeadline() noexcept
     lose("the server has shut down");
 }
 
-// The close frame follows the messages that wait. Nothing more is received.
-void Connection::fail(uint16_t code, const char* reason)
+// Nothing more is received. False when the connection has ended already.
+bool Connection::noteFailure(uint16_t code, const char* reason)
 {
     if (mHasFailed || mState == State::Draining || mState == State::Ended)
-        return;
+        return false;
     mHasFailed = true;
     mCloseCode = code;
     mFailure = reason;
     mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
-    queueClose(code, reason);
+    return true;
+}
+
+// The close frame follows the messages that wait.
+void Connection::fail(uint16_t code, const char* reason)
+{
+    if (noteFailure(code, reason))
+        queueClose(code, reason);
 }
 
 // `settle` ends the connection; until then a callback may run.
@@ -998,6 +1020,9 @@ void Connection::callHandler(const Notice& notice)
         break;
     case Notice::Kind::Drained:
         mHandler->onDrained(*this);
+        break;
+    case Notice::Kind::End:
+        queueClose(notice.code, notice.payload.asText());
         break;
     case Notice::Kind::Close:
         mHandler->onClose(*this, notice.code, notice.payload.asText(), notice.isClean);

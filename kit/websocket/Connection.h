@@ -98,6 +98,8 @@ private:
     void receive();
     bool handleReceived();
     void handlePeerClose();
+    void handleViolation(uint16_t code, const char* reason);
+    void closeAfterCallbacks(uint16_t code, std::string_view reason);
     void discardReceived();
     void sendNow(const uint8_t* header, size_t headerBytes, BinaryView payload);
     void sendOut(BinaryView more);
@@ -106,6 +108,7 @@ private:
     bool takeQueued();
     void removeSent(size_t bytes);
     void settle();
+    bool noteFailure(uint16_t code, const char* reason);
     void fail(uint16_t code, const char* reason);
     void lose(const char* reason) noexcept;
     void drain();

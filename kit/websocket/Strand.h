@@ -18,7 +18,15 @@ namespace qv::kit::websocket
 // A callback to be called.
 struct Notice
 {
-    enum class Kind : uint8_t { Open, Text, Binary, Pong, Drained, Close };
+    enum class Kind : uint8_t {
+        Open,
+        Text,
+        Binary,
+        Pong,
+        Drained,
+        End,  // no callback: the close frame with `code` and the reason is queued
+        Close
+    };
 
     Kind kind = Kind::Open;
     bool isClean = false;

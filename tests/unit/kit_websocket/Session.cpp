@@ -647,6 +647,57 @@ TEST(Session, RunsCallbacksOnTheExecutorOneAtATime)
         thread.join();
 }
 
+// The callbacks may run long after the peer has ended.
+TEST(Session, RespondsOnTheExecutorBeforeItsCloseFrame)
+{
+    const struct
+    {
+        std::string end;
+        std::string closeFrame;
+        const char* onClose;
+    } rows[] = {{closeFrame(1000), closed(1000, ""), "close:1000::clean"},
+                {frame(Opcode::Text, "\xff"), closed(1007, "text is not UTF-8"),
+                 "close:1007:text is not UTF-8:lost"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.onClose);
+        std::mutex mutex;
+        std::vector<std::function<void()>> tasks;
+        WebSocketOptions options = withLongTimeouts();
+        options.executor = [&](std::function<void()> task) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            tasks.push_back(std::move(task));
+            return true;
+        };
+        SessionRun run(options);
+        run.recorder->whenText = [](Session& session, std::string_view text) {
+            EXPECT_EQ(session.sendText(text), SendResult::Queued);
+        };
+        Peer& peer = run.open();
+        peer.send(frame(Opcode::Text, "one") + frame(Opcode::Text, "two") + row.end);
+        EXPECT_EQ(peer.receive(std::chrono::milliseconds(100)), "nothing");
+        std::thread executing([&] {
+            EXPECT_TRUE(waitUntil([&] {
+                std::vector<std::function<void()>> taken;
+                {
+                    const std::lock_guard<std::mutex> lock(mutex);
+                    taken.swap(tasks);
+                }
+                for (const auto& task : taken)
+                    task();
+                const std::vector<std::string> events = run.recorder->events();
+                return !events.empty() && events.back().rfind("close:", 0) == 0;
+            }));
+        });
+        EXPECT_EQ(peer.receive(), "81:one");
+        EXPECT_EQ(peer.receive(), "81:two");
+        EXPECT_EQ(peer.receive(), row.closeFrame);
+        EXPECT_EQ(peer.receive(), "end");
+        peer.close();
+        EXPECT_EQ(run.recorder->closed(), row.onClose);
+        executing.join();
+    }
+}
+
 TEST(Session, IsNotReadWhileTheExecutorLagsBehind)
 {
     std::mutex mutex;
