@@ -109,8 +109,8 @@ struct WENDREL_EXPORT ServerOptions
     /// Endpoints that serve HTTPS; empty: none. Their connections are decrypted in this process.
     std::vector<TlsOptions> tls;
 
-    /// Entries of `listen` whose requests are responded to with 308 and the same target on
-    /// `https://` and the host of the request; a request without a valid host gets 400.
+    /// Entries of `listen` whose requests are responded to with 308, to the same target over HTTPS
+    /// at the host of the request; a request without a valid host gets 400.
     std::vector<std::string> redirectToHttps;
 
     /// Port of these redirections.
