@@ -187,7 +187,8 @@ int TlsContext::chooseProtocol(SSL*, const unsigned char** chosen, unsigned char
                                const unsigned char* offered, unsigned int offeredSize, void*)
 {
     for (const std::string_view protocol : kProtocols) {
-        for (unsigned int i = 0; i + 1 + offered[i] <= offeredSize; i += 1U + offered[i]) {
+        for (unsigned int i = 0; i < offeredSize && offered[i] < offeredSize - i;
+             i += 1U + offered[i]) {
             if (offered[i] != protocol.size() ||
                 std::memcmp(offered + i + 1, protocol.data(), protocol.size()) != 0)
                 continue;
