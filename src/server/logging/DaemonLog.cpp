@@ -82,10 +82,10 @@ void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
         return;
     }
     const bool isBehindOption = std::exchange(tHasDroppedOption, false);
-    tHasDroppedOption = isUnsupportedOption(format, arguments);
-    if (tHasDroppedOption || (isBehindOption && startsWith(format, kPushFormat)))
-        return;
     try {
+        tHasDroppedOption = isUnsupportedOption(format, arguments);
+        if (tHasDroppedOption || (isBehindOption && startsWith(format, kPushFormat)))
+            return;
         LogDaemonMessage(closure, format, arguments);
     } catch (const std::bad_alloc&) {
         // The line is lost; the daemon's frames are those of C.
