@@ -85,8 +85,8 @@ private:
     void finish(Pending& pending);
     void refuse(Pending& pending);
     void respondPlain(Pending& pending);
-    void fail(Pending& pending, const std::string& why);
-    void note(const IpAddress& peer, const std::string& why);
+    void fail(Pending& pending, std::string_view why);
+    void note(const IpAddress& peer, std::string_view why);
     void keepOrClose(int descriptor, bool keep);
     void remove(Pending& pending);
     void closeExpired(int64_t nowMs);
@@ -102,7 +102,7 @@ private:
     std::atomic<bool> mIsStopping{false};
 
     qvMutex mMutex;
-    std::deque<TlsArrival> mArrivals QV_GUARDED_BY(mMutex);
+    std::vector<TlsArrival> mArrivals QV_GUARDED_BY(mMutex);
     bool mMustCloseSilent QV_GUARDED_BY(mMutex) = false;
     bool mMustCloseAll QV_GUARDED_BY(mMutex) = false;
 
@@ -195,13 +195,13 @@ void TlsHandshakes::Thread::run()
         report(nowMs);
     }
     while (!mPending.empty())
-        fail(mPending.front(), std::string());
+        fail(mPending.front(), {});
     mRemoved.clear();
 }
 
 void TlsHandshakes::Thread::takeRequests()
 {
-    std::deque<TlsArrival> arrivals;
+    std::vector<TlsArrival> arrivals;  // an empty one needs no memory
     bool mustCloseSilent = false;
     bool mustCloseAll = false;
     {
@@ -267,7 +267,7 @@ bool TlsHandshakes::Thread::begin(Pending& pending)
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return false;
     if (count <= 0) {
-        fail(pending, std::string());
+        fail(pending, {});
         return false;
     }
     switch (ClassifyFirstBytes({bytes.data(), static_cast<size_t>(count)})) {
@@ -309,25 +309,27 @@ void TlsHandshakes::Thread::refuse(Pending& pending)
 
 void TlsHandshakes::Thread::respondPlain(Pending& pending)
 {
-    const int descriptor = std::exchange(pending.arrival.descriptor, -1);
     const std::string response = plainHttpResponse();
+    const int descriptor = std::exchange(pending.arrival.descriptor, -1);
     send(descriptor, response.data(), response.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     keepOrClose(descriptor, true);
     remove(pending);
 }
 
-void TlsHandshakes::Thread::note(const IpAddress& peer, const std::string& why)
+void TlsHandshakes::Thread::note(const IpAddress& peer, std::string_view why)
 {
     ++mFailures;
     try {
-        mLastFailure = (peer.isValid() ? peer.toStringWithPort() : "a Unix socket") + ": " + why;
+        mLastFailure = (peer.isValid() ? peer.toStringWithPort() : "a Unix socket") + ": ";
+        mLastFailure += why;
     } catch (const std::bad_alloc&) {
-        // The line has the failure before.
+        // The line has the failure before, or less of this one.
     }
 }
 
-// OpenSSL has sent the alert. A reset would destroy it when the client has sent more.
-void TlsHandshakes::Thread::fail(Pending& pending, const std::string& why)
+// Without memory, too. OpenSSL has sent the alert. A reset would destroy it when the client has
+// sent more.
+void TlsHandshakes::Thread::fail(Pending& pending, std::string_view why)
 {
     if (!why.empty())
         note(pending.arrival.peer.address, why);
@@ -365,7 +367,7 @@ void TlsHandshakes::Thread::closeExpired(int64_t nowMs)
     for (auto next = mPending.begin(); next != mPending.end();) {
         Pending& pending = *next++;
         if (nowMs >= pending.arrival.deadlineMs)
-            fail(pending, pending.session ? "timeout" : std::string());
+            fail(pending, pending.session ? "timeout" : std::string_view());
     }
 }
 
@@ -374,7 +376,7 @@ void TlsHandshakes::Thread::closeClosing(bool onlySilent)
     for (auto next = mPending.begin(); next != mPending.end();) {
         Pending& pending = *next++;
         if (!onlySilent || (!pending.session && !hasReceived(pending.arrival.descriptor)))
-            fail(pending, std::string());
+            fail(pending, {});
     }
 }
 
@@ -384,9 +386,13 @@ void TlsHandshakes::Thread::report(int64_t nowMs)
     if (mFailures == 0 || (mReportedMs != 0 && nowMs - mReportedMs < kReportMs))
         return;
     mReportedMs = nowMs;
-    qvLogObject(qvLogObject::kInformation)
-        << "TLS handshakes failed: " << mFailures << ", the last one with " << mLastFailure;
-    mFailures = 0;
+    try {
+        qvLogObject(qvLogObject::kInformation)
+            << "TLS handshakes failed: " << mFailures << ", the last one with " << mLastFailure;
+        mFailures = 0;
+    } catch (const std::bad_alloc&) {
+        // The next line counts these, too.
+    }
 }
 
 TlsHandshakes::TlsHandshakes(TlsHandshakeSink& sink, size_t threads)
