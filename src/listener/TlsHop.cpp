@@ -251,7 +251,8 @@ bool TlsHop::encrypt(const char* bytes, size_t size)
         sent += count;
         if (result == Result::Done)
             continue;
-        if (result != Result::WantsWrite && result != Result::WantsRead)
+        // Half a message of a handshake: there is no renegotiation, and no write waits for one.
+        if (result != Result::WantsWrite)
             return false;
         mDown.assign(bytes + sent, size - sent);
         mDownSent = 0;
@@ -271,7 +272,7 @@ bool TlsHop::flushDown()
         if (result == Result::Done)
             continue;
         mIsDownBlocked = true;
-        return result == Result::WantsWrite || result == Result::WantsRead;
+        return result == Result::WantsWrite;
     }
     if (!mDown.empty()) {
         mDown = std::string();
@@ -288,7 +289,7 @@ bool TlsHop::endDown()
         shutdown(mSession->getDescriptor(), SHUT_WR);
         mIsDownOver = true;
     }
-    return result == Result::Done || result == Result::WantsWrite || result == Result::WantsRead;
+    return result == Result::Done || result == Result::WantsWrite;
 }
 
 // A reset would destroy bytes that the client has not received yet.
