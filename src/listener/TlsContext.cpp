@@ -41,7 +41,6 @@ constexpr uint64_t kModes =
     SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER;
 
 constexpr std::string_view kProtocols[] = {"http/1.1", "http/1.0"};
-constexpr unsigned char kSessionContext[] = "wendrel";
 
 bool setClientCertificates(SSL_CTX* context, ClientCertificates wanted,
                            const std::vector<CertificatePointer>& authorities)
@@ -58,6 +57,26 @@ bool setClientCertificates(SSL_CTX* context, ClientCertificates wanted,
         wanted == ClientCertificates::Required ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : 0;
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER | required, nullptr);
     return true;
+}
+
+// A ticket holds the result of the check of the client: it is for endpoints with the same one.
+bool makeSessionContext(ClientCertificates wanted,
+                        const std::vector<CertificatePointer>& authorities,
+                        std::array<unsigned char, SSL_MAX_SID_CTX_LENGTH>& made)
+{
+    std::string bytes(1, static_cast<char>(wanted));
+    for (const CertificatePointer& authority : authorities) {
+        unsigned char* encoded = nullptr;
+        const int size = i2d_X509(authority.get(), &encoded);
+        if (size < 0)
+            return false;
+        const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owned(
+            encoded, [](unsigned char* memory) { OPENSSL_free(memory); });
+        bytes.append(reinterpret_cast<const char*>(encoded), static_cast<size_t>(size));
+    }
+    unsigned int size = 0;
+    return EVP_Digest(bytes.data(), bytes.size(), made.data(), &size, EVP_sha256(), nullptr) == 1 &&
+           size == made.size();
 }
 
 bool setCertificate(SSL_CTX* context, TlsKeyPair& pair)
@@ -91,6 +110,10 @@ TlsContext::Load(const TlsOptions& options, std::shared_ptr<TlsTicketKeys> keys,
         return nullptr;
     }
     std::shared_ptr<TlsContext> loaded(new TlsContext);
+    if (!makeSessionContext(options.clientCertificates, authorities, loaded->mSessionContext)) {
+        why = "cannot identify the authorities: " + TakeTlsError();
+        return nullptr;
+    }
     loaded->mKeys = options.sessionTickets ? std::move(keys) : nullptr;
     for (size_t i = 0; i < options.certificates.size(); ++i) {
         why = loaded->add(options, i, authorities);
@@ -145,7 +168,8 @@ void TlsContext::configure(SSL_CTX* context, const TlsOptions& options)
     SSL_CTX_set_tlsext_servername_arg(context, this);
     // Sessions are kept by the clients, in tickets.
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_session_id_context(context, kSessionContext, sizeof kSessionContext - 1);
+    SSL_CTX_set_session_id_context(context, mSessionContext.data(),
+                                   static_cast<unsigned int>(mSessionContext.size()));
     SSL_CTX_set_timeout(context, TlsTicketKeys::kTicketSeconds);
     if (mKeys) {
         SSL_CTX_set_tlsext_ticket_key_evp_cb(context, &chooseTicketKey);

@@ -7,6 +7,7 @@
 #include "listener/TlsPointers.h"
 #include "listener/TlsTicketKeys.h"
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,7 @@ private:
                                EVP_CIPHER_CTX* cipher, EVP_MAC_CTX* digest, int isNew);
 
     std::shared_ptr<TlsTicketKeys> mKeys;
+    std::array<unsigned char, SSL_MAX_SID_CTX_LENGTH> mSessionContext{};
     std::vector<std::unique_ptr<Certificate>> mCertificates;
 };
 

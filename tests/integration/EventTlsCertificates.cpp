@@ -16,6 +16,10 @@
 #include <openssl/ocsp.h>
 #include <openssl/pem.h>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -305,6 +309,58 @@ TEST_F(Clients, AreRefusedWithoutACertificateThatIsRequired)
     EXPECT_EQ(askAs(run.port(), nullptr), "refused");
     EXPECT_EQ(askAs(run.port(), &localhostCertificate()), "refused");
     EXPECT_THAT(askAs(run.port(), &mSigned), MatchesRegex("CN=probe\\|[0-9a-f]{64}\\|full"));
+}
+
+// The session of one endpoint, at another one of the same server.
+TEST_F(Clients, AreNotCheckedByAnotherEndpointInPlaceOfTheirOwn)
+{
+    const TestCertificate other = makeCertificate({"other", {}, -3600, 86400, true});
+    TlsOptions open = localhostTls();
+    TlsOptions required = wanting(ClientCertificates::Required);
+    TlsOptions ofOthers = required;
+    ofOthers.clientAuthorities = other.certificate;
+    ServerOptions options = onOneThread();
+    options.listen = {"127.0.0.1:0", "127.0.0.2:0", "127.0.0.3:0"};
+    open.endpoints = {"127.0.0.1:0"};
+    required.endpoints = {"127.0.0.2:0"};
+    ofOthers.endpoints = {"127.0.0.3:0"};
+    options.tls = {open, required, ofOthers};
+    EventRun run(&respondWithClient, options);
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        SSL_SESSION* session = nullptr;
+        const auto connect = [&](const char* host, size_t endpoint) {
+            const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_port = htons(run.portOf(endpoint));
+            EXPECT_EQ(::inet_pton(AF_INET, host, &address.sin_addr), 1);
+            EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address),
+                      0);
+            integration::TlsEnd end(descriptor, [&](SSL_CTX*, SSL* made) {
+                SSL_set_max_proto_version(made, version);
+                if (session)
+                    SSL_set_session(made, session);
+            });
+            const std::string request = getRequest("/");
+            std::string response;
+            char bytes[4096];
+            if (end.isOpen() && end.send(request.data(), request.size()) > 0) {
+                const ssize_t count = end.receive(bytes, sizeof bytes);
+                response.assign(bytes, count > 0 ? static_cast<size_t>(count) : 0);
+            }
+            if (!session && !response.empty())
+                session = SSL_get1_session(end.session());
+            end.finishSending();  // OpenSSL resumes no session that was cut off
+            ::close(descriptor);
+            return response;
+        };
+        EXPECT_THAT(connect("127.0.0.1", 0), HasSubstr("full"));
+        ASSERT_TRUE(session);
+        EXPECT_THAT(connect("127.0.0.1", 0), HasSubstr("resumed"));
+        EXPECT_EQ(connect("127.0.0.2", 1), "");
+        EXPECT_EQ(connect("127.0.0.3", 2), "");
+        SSL_SESSION_free(session);
+    }
 }
 
 class CertificateFiles : public testing::Test
