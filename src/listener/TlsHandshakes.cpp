@@ -344,11 +344,12 @@ void TlsHandshakes::Thread::keepOrClose(int descriptor, bool keep)
 {
     if (descriptor < 0)
         return;
+    // A child of the application may hold it: closing would not end its events.
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, descriptor, nullptr);
     if (!keep) {
         close(descriptor);
         return;
     }
-    epoll_ctl(mEpoll, EPOLL_CTL_DEL, descriptor, nullptr);
     shutdown(descriptor, SHUT_WR);
     mSink.keepUntilSeen(descriptor);
 }

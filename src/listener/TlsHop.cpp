@@ -49,6 +49,8 @@ void TlsHop::end()
     mState = State::Over;
     mIsUpOver = true;
     closePair();
+    if (mSession)
+        mRelay.unwatch(mSession->getDescriptor());
     mSession.reset();
 }
 
@@ -57,6 +59,7 @@ void TlsHop::closePair()
 {
     if (mPair < 0)
         return;
+    mRelay.unwatch(mPair);
     shutdown(mPair, SHUT_RDWR);
     char bytes[4096];
     while (recv(mPair, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {

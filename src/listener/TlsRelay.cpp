@@ -269,6 +269,12 @@ bool TlsRelay::watchPair(TlsHop& hop)
                   keyOf(hop) | kPairBit);
 }
 
+// A child of the application may hold the descriptor: closing it would not end its events.
+void TlsRelay::unwatch(int descriptor)
+{
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
 void TlsRelay::count(TlsHop& hop)
 {
     const bool isCounted = hop.mState == TlsHop::State::Forwarding && !hop.mIsReleased;

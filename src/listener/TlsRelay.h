@@ -66,6 +66,7 @@ private:
     void proceed(const std::shared_ptr<TlsHop>& hop);
     bool watch(TlsHop& hop);
     bool watchPair(TlsHop& hop);
+    void unwatch(int descriptor);
     bool change(int operation, int descriptor, uint32_t events, uint64_t key);
     void count(TlsHop& hop);
     void startDiscarding(const std::shared_ptr<TlsHop>& hop);
