@@ -27,9 +27,9 @@ size_t lengthOf(char lead)
 // Control characters of both sets, and those that change the direction of a text.
 bool isInvisible(std::string_view character)
 {
-    constexpr std::array<std::string_view, 11> kDirections{"\u200e", "\u200f", "\u202a", "\u202b",
-                                                           "\u202c", "\u202d", "\u202e", "\u2066",
-                                                           "\u2067", "\u2068", "\u2069"};
+    constexpr std::array<std::string_view, 12> kDirections{"\u061c", "\u200e", "\u200f", "\u202a",
+                                                           "\u202b", "\u202c", "\u202d", "\u202e",
+                                                           "\u2066", "\u2067", "\u2068", "\u2069"};
     if (character.size() == 1)
         return isControl(character.front());
     if (character.size() == 2 && character[0] == '\xc2' && character[1] <= '\x9f')
@@ -93,13 +93,14 @@ std::string safeFileName(std::string_view name)
     constexpr std::string_view kEnds = ". ";
     name.remove_prefix(name.find_last_of("/\\") + 1);
     std::string text = visible(name);
-    shorten(text);
     text.erase(0, std::min(text.find_first_not_of(kEnds), text.size()));
     text.erase(text.find_last_not_of(kEnds) + 1);
     if (text.empty())
         return kNoName;
     if (isDevice(text))
         text.insert(0, "_");
+    shorten(text);
+    text.erase(text.find_last_not_of(kEnds) + 1);
     return text;
 }
 

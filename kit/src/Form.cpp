@@ -291,11 +291,10 @@ size_t Part::read(char* buffer, size_t size)
 std::string Part::text(uint64_t limitBytes)
 {
     std::string text;
+    std::array<char, kBlockBytes> block;
     for (;;) {
-        const size_t have = text.size();
-        text.resize(have + kBlockBytes);
-        const size_t got = read(text.data() + have, kBlockBytes);
-        text.resize(have + got);
+        const size_t got = read(block.data(), block.size());
+        text.append(block.data(), got);
         if (text.size() > limitBytes)
             refuseLarge("the form field \"" + mName + "\" is longer than " +
                         std::to_string(limitBytes) + " bytes");

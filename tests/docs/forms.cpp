@@ -43,7 +43,7 @@ void upload(Request& request, const std::string& directory)
     std::string album;
     std::string text;
     request.readParts([&](Part& part) {
-        if (part.isFile())
+        if (part.isFile() && !part.fileNameAsSent().empty())
             text += part.fileName() + ": " +
                     std::to_string(part.saveTo(directory + "/" + part.fileName(), kMaxFileBytes)) +
                     "\n";

@@ -268,6 +268,16 @@ TEST(Form, ShortensNamesAtTheEndOfACharacter)
     for (int i = 0; i < 100; ++i)
         euros += "\xe2\x82\xac";
     EXPECT_EQ(nameOf(euros + ".txt"), euros.substr(0, 249) + ".txt");
+    EXPECT_EQ(nameOf("con." + std::string(251, 'x')), "_con." + std::string(250, 'x'));
+}
+
+// A thousand fields of one byte must not take the memory of a thousand blocks.
+TEST(Form, KeepsNoMoreMemoryThanItsFieldsHave)
+{
+    const Form form =
+        FormReader::read(kMultipart, Field("n", "7") + File("filename=\"x\"", "1") + kEnd, {});
+    EXPECT_LT(form.fields().front().value.capacity(), 100u);
+    EXPECT_LT(form.files().front().content.capacity(), 100u);
 }
 
 TEST(Form, TakesNoFileForAFieldWithoutOne)

@@ -76,7 +76,8 @@ public:
     /// The name of the field.
     const std::string& name() const { return mName; }
 
-    /// Whether the client calls it a file.
+    /// Whether the client calls it a file. A field without a chosen file is one with an empty
+    /// `fileNameAsSent` and no content.
     bool isFile() const { return mIsFile; }
 
     /// The name of the file, fit to be used in a directory: the last segment of a path, as UTF-8,
