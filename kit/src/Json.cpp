@@ -16,6 +16,9 @@ namespace
 constexpr int kBadRequest = 400;
 constexpr int kUnsupportedType = 415;
 
+// Of an error of the JSON library, which repeats what the client has sent.
+constexpr size_t kMaxErrorBytes = 200;
+
 // Arrays and objects within each other: copying and writing a value calls itself for each.
 constexpr size_t kMaxJsonDepth = 128;
 
@@ -59,6 +62,9 @@ const std::string& Request::jsonText()
     if (!isJson(header("Content-Type")))
         throw HttpError(kUnsupportedType, "the body must be of the type application/json");
     const std::string& text = body();
+    // The JSON library takes it for the end of the text.
+    if (const size_t nul = text.find('\0'); nul != std::string::npos)
+        impl::refuseJson(text, nul + 1);
     if (isTooDeep(text))
         throw HttpError(kBadRequest,
                         "the body has arrays or objects within each other, more than " +
@@ -85,6 +91,10 @@ void refuseJson(std::string_view error)
     // "[json.exception.out_of_range.403] key 'name' not found"
     if (!error.empty() && error.front() == '[')
         error.remove_prefix(std::min(error.find("] ") + 2, error.size()));
+    size_t end = std::min(error.size(), kMaxErrorBytes);
+    while (end > 0 && end < error.size() && !beginsCharacter(error[end]))
+        --end;
+    error = error.substr(0, end);
     throw HttpError(kBadRequest, "the JSON of the body is not as expected: " + std::string(error));
 }
 

@@ -111,6 +111,7 @@ TEST(KitJson, ThatIsWrongIs400WithItsPlace)
         {"/echo", "{\"a\": 1,\n \"b\": x}", "the body is no JSON: line 2, column 7"},
         {"/echo", "[\"\xc3\xa4\xc3\xb6\", x]", "the body is no JSON: line 1, column 8"},
         {"/echo", "[1] 2", "the body is no JSON: line 1, column 5"},
+        {"/echo", std::string("[1]\0 2", 6), "the body is no JSON: line 1, column 4"},
         {"/echo", "[1e999]",
          "the JSON of the body is not as expected: number overflow parsing '1e999'"},
         {"/task", "{}", "the JSON of the body is not as expected: key 'title' not found"},
@@ -122,6 +123,16 @@ TEST(KitJson, ThatIsWrongIs400WithItsPlace)
         EXPECT_EQ(response.status, 400) << row.body;
         EXPECT_EQ(json::parse(response.body)["detail"], row.detail) << row.body;
     }
+}
+
+TEST(KitJson, IsNotRepeatedWholeByAnError)
+{
+    KitTestServer server(&addRoutes);
+    const RawResponse response =
+        server.ask(post("/echo", "application/json", "[1" + std::string(100000, '0') + "e999]"));
+    EXPECT_EQ(response.status, 400);
+    EXPECT_LT(response.body.size(), 400u);
+    EXPECT_THAT(response.body, ::testing::HasSubstr("number overflow parsing '1000"));
 }
 
 TEST(KitJson, IsRefusedWhenItIsNestedTooDeep)
