@@ -116,8 +116,10 @@ template <typename Action> void Exchange::guard(const Action& action) noexcept
         action();
     } catch (...) {
         // There is no memory.
-        if (claim(By::Server))
+        if (claim(By::Server)) {
             breakOff();
+            becomeGone();
+        }
     }
 }
 
@@ -380,8 +382,6 @@ void Exchange::queueTurn() noexcept
     if (isQueued)
         return;
     dropCallbacks(false);
-    if (mBy == By::Server)
-        becomeGone();
     release();
 }
 
@@ -756,14 +756,13 @@ std::string Exchange::readAll(uint64_t limitBytes)
         static_cast<uint64_t>(declared) - mReadBytes > limitBytes)
         throw HttpError(kContentTooLarge);
     std::string text;
+    std::array<char, kPieceBytes> piece;
     for (;;) {
-        const size_t have = text.size();
-        text.resize(have + kPieceBytes);
-        const size_t got = readBody(text.data() + have, kPieceBytes);
-        text.resize(have + got);
+        const size_t got = readBody(piece.data(), piece.size());
+        text.append(piece.data(), got);
         if (text.size() > limitBytes)
             throw HttpError(kContentTooLarge);
-        if (got != kPieceBytes)
+        if (got != piece.size())
             return text;
     }
 }

@@ -277,8 +277,12 @@ DeferredStream DeferredResponse::startStream(const ContentType& type, int status
     response.type = &type;
     response.source = StreamQueue::makeSource(queue, *mExchange);
     response.isStream = true;
-    if (!mExchange->respond(By::Application, std::move(response)))
+    if (!mExchange->respond(By::Application, std::move(response))) {
+        // The end of a source that is not sent tells nothing about the response.
+        if (response.source)
+            queue->disown();
         return DeferredStream();
+    }
     mExchange->retain();
     return DeferredStream(mExchange, std::move(queue));
 }

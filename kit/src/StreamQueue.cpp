@@ -30,7 +30,7 @@ public:
     {
         mQueue->close();
         // The body has been sent; otherwise the callback is called.
-        if (!mExchange.getResponseDevice().hasDeviceError())
+        if (!mQueue->isDisowned() && !mExchange.getResponseDevice().hasDeviceError())
             mExchange.dropGoneCallback();
     }
 

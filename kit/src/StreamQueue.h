@@ -29,6 +29,10 @@ public:
     static std::unique_ptr<BodySource> makeSource(const std::shared_ptr<StreamQueue>& queue,
                                                   Exchange& exchange);
 
+    // The source has not become that of the response. Before it is destroyed, on its thread.
+    void disown() { mIsDisowned = true; }
+    bool isDisowned() const { return mIsDisowned; }
+
     // The application.
     StreamWrite write(std::string_view data);
     void onWritable(std::function<void()> callback);
@@ -55,6 +59,7 @@ private:
     const size_t mLimitBytes;
     const bool mIsDiscarded;
     const BodyResumer mResumer;
+    bool mIsDisowned = false;
     mutable qvMutex mMutex;
     std::string mBytes QV_GUARDED_BY(mMutex);
     size_t mOffset QV_GUARDED_BY(mMutex) = 0;        // of the first byte that is not sent

@@ -414,6 +414,21 @@ TEST(KitDeferred, AStreamIsCutOffWhenItIsDestroyed)
     EXPECT_TRUE(logged("GET /wait: the stream was destroyed before finish"));
 }
 
+TEST(KitDeferred, AStreamKeepsItsCallbackWhenAnotherOneIsRefused)
+{
+    Waiting waiting;
+    auto later = waiting.request();
+    std::atomic<int> calls{0};
+    later->onGone([&] { ++calls; });
+    DeferredStream stream = later->startStream(ContentType::text());
+    EXPECT_EQ(stream.write("begun"), StreamWrite::Taken);
+    ASSERT_TRUE(waiting.client.receiveHead());
+    EXPECT_EQ(later->startStream(ContentType::text()).write("more"), StreamWrite::Gone);
+    waiting.client.reset();
+    ASSERT_TRUE(waitUntil([&] { return stream.write("more") == StreamWrite::Gone; }));
+    EXPECT_TRUE(waitUntil([&] { return calls == 1; }));
+}
+
 TEST(KitDeferred, AStreamLearnsThatItsClientHasLeft)
 {
     Waiting waiting;

@@ -101,7 +101,8 @@ public:
     /// `callback` is called once when no response can reach the client any more although none, or
     /// not all of it, has been sent: the client has closed the connection, the deadline has passed,
     /// or the server stops; at once when that has happened already. It replaces the one before. It
-    /// is destroyed, uncalled, when the response has been sent whole.
+    /// is destroyed, uncalled, when `reply...` has been called in time, or a stream has been sent
+    /// whole.
     ///
     /// Thread: the daemon's, one of the server, or the caller's; it must not wait. No lock is held,
     /// and `isOpen` is false: it may use or destroy this object if the application guards it. An
@@ -116,9 +117,10 @@ public:
     /// std::logic_error in a route that is not streaming, and the second time.
     ///
     /// Thread: a worker, any of them, one call at a time; it may wait, and holds the worker then.
-    /// Neither is called after a response, after `onGone`, and once this object is destroyed. Both
-    /// are destroyed then, or after `onComplete`: they may hold this object. An HttpError that
-    /// leaves them, anything else (500, logged with the route), and a body beyond
+    /// Neither is called after a response, after `onGone`, and once this object is destroyed, but
+    /// for a call that is under way on its worker at that moment: let the callbacks own what they
+    /// use. Both are destroyed then, or after `onComplete`: they may hold this object. An HttpError
+    /// that leaves them, anything else (500, logged with the route), and a body beyond
     /// `Route::maxBodyBytes` (413) become the response; `onGone` is called.
     void onBody(std::function<void(std::string_view)> onPiece, std::function<void()> onComplete);
 
