@@ -39,8 +39,9 @@ struct ServerOptions : http::ServerOptions
     /// Called once for each request whose request line has been received, also for those that the
     /// server refused, that were aborted and that became WebSockets; at most 20 ms after the end of
     /// the response, or as soon as a thread is free, and before `stop` returns. Thread: a worker,
-    /// or one of the server; several at once, without a lock. Requests that end faster than it
-    /// returns are held back. An exception that leaves it is logged. Empty: none.
+    /// or one of the server, whose deadlines wait for it; several at once, without a lock. It must
+    /// not take a lock that a handler holds while it waits for a client. Requests that end faster
+    /// than it returns are held back. An exception that leaves it is logged. Empty: none.
     std::function<void(const CompletedRequest&)> onCompleted;
 };
 
