@@ -210,13 +210,17 @@ void Exchange::beginBody()
 
 void Exchange::onBodyComplete()
 {
+    // Of a streaming route.
+    if (mIsDispatched) {
+        continueDelivery();
+        return;
+    }
     guard([this] {
         if (mRefusal)
             refuse(By::Server, std::move(*mRefusal));
-        else if (mRoute && !mIsDispatched && isOpen())
+        else if (mRoute && isOpen())
             dispatch();
     });
-    continueDelivery();
 }
 
 // The handler waits for the whole body, which cannot be received.
