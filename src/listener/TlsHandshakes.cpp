@@ -73,6 +73,7 @@ private:
         TlsArrival arrival;
         std::unique_ptr<TlsSession> session;  // null until the first bytes have come
         std::list<Pending>::iterator position;
+        bool hasEnded = false;  // the client sends no more
         bool isOver = false;
     };
     using List = std::list<Pending>;
@@ -179,11 +180,13 @@ void TlsHandshakes::Thread::run()
         const int timeout = mPending.empty() && mFailures == 0 ? -1 : kSweepMs;
         const int count = epoll_wait(mEpoll, events.data(), kMaxEvents, timeout);
         for (int i = 0; i < count; ++i) {
+            const uint32_t reported = events[static_cast<size_t>(i)].events;
             auto* const pending = static_cast<Pending*>(events[static_cast<size_t>(i)].data.ptr);
             if (!pending) {
                 eventfd_t wakes = 0;
                 eventfd_read(mWake, &wakes);
             } else if (!pending->isOver) {
+                pending->hasEnded = pending->hasEnded || (reported & EPOLLRDHUP) != 0;
                 proceed(*pending);
             }
         }
@@ -272,6 +275,8 @@ bool TlsHandshakes::Thread::begin(Pending& pending)
     }
     switch (ClassifyFirstBytes({bytes.data(), static_cast<size_t>(count)})) {
     case TlsFirstBytes::Incomplete:
+        if (pending.hasEnded)
+            fail(pending, {});
         return false;
     case TlsFirstBytes::PlainHttp:
         respondPlain(pending);

@@ -71,8 +71,8 @@ bool TlsHop::endReading() noexcept
 {
     if (mIsUpOver)
         return true;
-    if (!mIsEndWanted.exchange(true))
-        mRelay.proceedLater(shared_from_this());
+    if (!mIsEndWanted.exchange(true) && !mRelay.proceedLater(shared_from_this()))
+        mIsEndWanted = false;
     return false;
 }
 
@@ -88,13 +88,15 @@ TlsHop::State TlsHop::proceed(std::vector<char>& buffer, bool halfClosedClients)
     if (mState == State::Discarding)
         return discard(buffer);
     mHasMore = false;
-    if (!noteEvents(halfClosedClients) || !pumpUp(buffer) || !pumpDown(buffer))
+    if (!noteEvents(halfClosedClients) || !pumpUp(buffer) || mHasFailed || !pumpDown(buffer))
         return mState = State::Over;
     if (mIsDownOver && (mIsUpOver || mIsPairClosed)) {
         closePair();
         mSession->endTls();
         mIsUpOver = true;
         mState = State::Discarding;
+        if (mIsClientHungUp)
+            return discard(buffer);
     }
     return mState;
 }
@@ -104,8 +106,11 @@ bool TlsHop::noteEvents(bool halfClosedClients)
 {
     const uint32_t ofClient = std::exchange(mClientEvents, 0);
     const uint32_t ofPair = std::exchange(mPairEvents, 0);
-    if ((ofClient & EPOLLERR) != 0 || ((ofClient & EPOLLHUP) != 0 && mIsDownOver))
+    if ((ofClient & EPOLLERR) != 0 || ((ofClient & EPOLLHUP) != 0 && mIsUpOver))
         return false;
+    // Both directions have ended; bytes of the client may wait. Reported without end.
+    if ((ofClient & EPOLLHUP) != 0)
+        mIsClientHungUp = true;
     mMayRead = mMayRead || mIsEndWanted || (ofClient & (EPOLLIN | EPOLLHUP)) != 0 ||
                ((ofClient & EPOLLOUT) != 0 && mReadWantsWrite);
     if ((ofPair & (EPOLLHUP | EPOLLERR)) != 0)
@@ -114,7 +119,7 @@ bool TlsHop::noteEvents(bool halfClosedClients)
     // The bytes behind which it has ended are not read while the daemon is behind.
     if ((ofClient & EPOLLRDHUP) != 0) {
         mHasSeenEnd = true;
-        if (!mUp.empty() && !halfClosedClients)
+        if (!mUp.empty() && !halfClosedClients && !mIsReleased)
             endUp();
     }
     return true;
@@ -134,9 +139,10 @@ bool TlsHop::pumpUp(std::vector<char>& buffer)
             break;
         } else {
             size_t filled = 0;
-            if (!decrypt(buffer, filled))
-                return false;
+            const bool isOpen = decrypt(buffer, filled);
             forward(buffer.data(), filled);
+            if (!isOpen)
+                return false;
             moved += filled;
         }
     }
@@ -157,7 +163,7 @@ bool TlsHop::decrypt(std::vector<char>& buffer, size_t& filled)
     mReadWantsWrite = result == Result::WantsWrite;
     mIsUpClosing = result == Result::Closed || (result == Result::WantsRead && mIsEndWanted);
     // Level-triggered: more bytes of the client are reported again.
-    mMayRead = result == Result::Done && (hasReceived || mIsEndWanted);
+    mMayRead = result == Result::Done && (hasReceived || mIsEndWanted || mIsClientHungUp);
     return result != Result::Failed;
 }
 
@@ -207,7 +213,7 @@ void TlsHop::endUp()
     mIsUpClosing = false;
     // Before the end: a thread that sees it may shut down the daemon's side.
     mIsUpOver = true;
-    shutdown(mPair, SHUT_WR);
+    mHasFailed = shutdown(mPair, SHUT_WR) != 0;
 }
 
 bool TlsHop::pumpDown(std::vector<char>& buffer)

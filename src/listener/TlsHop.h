@@ -102,12 +102,15 @@ private:
     bool mIsPairClosed = false;    // nor is anything taken
     bool mIsPairReadable = false;
     bool mIsDownOver = false;  // close_notify has been sent
-    bool mHasMore = false;     // its turn was over first
+    bool mIsClientHungUp = false;
+    bool mHasFailed = false;  // the daemon cannot be told the client's end
+    bool mHasMore = false;    // its turn was over first
 
     // Of the relay.
     std::shared_ptr<TlsHop> mNextRemoved;
     bool mIsQueued = false;
     bool mIsWatchingClient = false;
+    bool mIsClientWatchOver = false;
     bool mIsWatchingPair = false;
     bool mIsPairWatchOver = false;
     std::atomic<bool> mIsCounted{true};  // among the unfinished

@@ -82,15 +82,16 @@ void TlsRelay::add(const std::shared_ptr<TlsHop>& hop)
     wake();
 }
 
-void TlsRelay::proceedLater(std::shared_ptr<TlsHop> hop) noexcept
+bool TlsRelay::proceedLater(std::shared_ptr<TlsHop> hop) noexcept
 {
     try {
         const qvMutexLocker locker(&mMutex);
         mRequests.push_back(std::move(hop));
     } catch (const std::bad_alloc&) {
-        return;
+        return false;
     }
     wake();
+    return true;
 }
 
 void TlsRelay::closeAll()
@@ -154,7 +155,8 @@ void TlsRelay::noteEvents(const epoll_event* events, int count)
         try {
             queue(hop->shared_from_this());
         } catch (const std::bad_alloc&) {
-            // Level-triggered events are reported again.
+            // Level-triggered events would be reported without end.
+            remove(hop->shared_from_this());
         }
     }
 }
@@ -241,6 +243,14 @@ bool TlsRelay::change(int operation, int descriptor, uint32_t events, uint64_t k
 // False when the system cannot watch more sockets.
 bool TlsRelay::watch(TlsHop& hop)
 {
+    if (hop.mIsClientWatchOver)
+        return watchPair(hop);
+    if (hop.mIsClientHungUp) {
+        hop.mIsClientWatchOver = true;
+        if (hop.mIsWatchingClient)
+            unwatch(hop.mSession->getDescriptor());
+        return watchPair(hop);
+    }
     const uint32_t ofClient = hop.wantedOfClient();
     const bool isKnown = std::exchange(hop.mIsWatchingClient, true);
     if (isKnown && hop.mClientMask == ofClient)

@@ -39,8 +39,8 @@ public:
     // Takes over a new connection. Any thread.
     void add(const std::shared_ptr<TlsHop>& hop);
 
-    // `proceed` is called soon. Without memory it is not. Any thread.
-    void proceedLater(std::shared_ptr<TlsHop> hop) noexcept;
+    // `proceed` is called soon. False without memory. Any thread.
+    bool proceedLater(std::shared_ptr<TlsHop> hop) noexcept;
 
     // Closes all connections that are not released. Any thread.
     void closeAll();

@@ -313,6 +313,17 @@ TEST(Handshake, ThatIsNotFinishedEndsAtItsLimit)
     }
 }
 
+TEST(Handshake, OfAClientThatEndsWithinItsFirstBytesEnds)
+{
+    ServerOptions options = secureOptions();
+    options.tls.front().handshakeTimeout = std::chrono::minutes(10);
+    EventRun run(&parkAllButPings, options);
+    const auto client = plainClient(run.port());
+    client->send("GE");
+    client->finishSending();
+    EXPECT_TRUE(client->isClosedByServer());
+}
+
 // Each of them holds a place until its limit; a client that goes on is served meanwhile.
 TEST(Handshake, OfManySilentClientsHoldsNobodyUp)
 {
@@ -460,6 +471,50 @@ TEST(SecureUpgrade, HandsOnADecryptedConnection)
     upgraded.reset();
     EXPECT_EQ(client.receiveExactly(3), "bye");
     EXPECT_TRUE(hasEndedWell(client));
+}
+
+// The application has ended its direction, and is behind with reading when the client ends.
+TEST(SecureUpgrade, GetsTheBytesBehindItsOwnEnd)
+{
+    std::unique_ptr<qv::UpgradedConnection> upgraded;
+    std::atomic<bool> isUpgraded{false};
+    const std::string large = pattern(400000);
+    EventRun run(
+        [&](EventRequest& request) {
+            request.takeUpgraded = [&](std::unique_ptr<qv::UpgradedConnection> connection) {
+                upgraded = std::move(connection);
+                isUpgraded = true;
+            };
+            request.response.statusCode = 101;
+            request.response.headers["upgrade"] = {"Upgrade", "echo"};
+            request.respondHere(101, "");
+        },
+        secureOptions());
+    RawClient client = secureClient(run.port());
+    ASSERT_TRUE(client.send(getRequest("/", "Connection: Upgrade\r\nUpgrade: echo\r\n")));
+    ASSERT_THAT(client.receiveHead(), Optional(Field(&RawResponse::status, 101)));
+    ASSERT_TRUE(waitUntil([&] { return isUpgraded.load(); }));
+    const int descriptor = upgraded->getDescriptor();
+    ASSERT_EQ(::shutdown(descriptor, SHUT_WR), 0);
+    EXPECT_TRUE(hasEndedWell(client));
+    ASSERT_TRUE(client.send(large));
+    client.finishSending();
+    ASSERT_EQ(::shutdown(client.descriptor(), SHUT_WR), 0);
+    // The hop sees the end while the pair is full.
+    std::this_thread::sleep_for(milliseconds(100));
+    std::string received = upgraded->takeReceivedBytes();
+    for (;;) {
+        pollfd readable{descriptor, POLLIN, 0};
+        ASSERT_EQ(::poll(&readable, 1, 60000), 1);
+        char bytes[65536];
+        const ssize_t got = ::recv(descriptor, bytes, sizeof bytes, 0);
+        if (got <= 0)
+            break;
+        received.append(bytes, static_cast<size_t>(got));
+    }
+    EXPECT_EQ(received.size(), large.size());
+    EXPECT_TRUE(received == large);
+    upgraded.reset();
 }
 
 }  // namespace
