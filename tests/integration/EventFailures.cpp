@@ -7,6 +7,7 @@
 #include "support/Pattern.h"
 #include "support/ProcessCounts.h"
 #include "support/RawClient.h"
+#include "support/TestMode.h"
 #include "support/Waiting.h"
 
 #include <Wendrel/BodySource.h>
@@ -38,6 +39,7 @@ using integration::EventRequest;
 using integration::EventRun;
 using integration::FailNth;
 using integration::getRequest;
+using integration::isSecure;
 using integration::kLimit;
 using integration::nameOf;
 using integration::onOneThread;
@@ -408,6 +410,14 @@ class EventFailuresOfCall : public EventFailures, public testing::WithParamInter
 TEST_P(EventFailuresOfCall, AreToldOrEndOneConnection)
 {
     failEach(GetParam(), onTwoThreads(), kRequests);
+}
+
+// Of a secure connection.
+TEST_F(EventFailures, OfTheSocketPairEndOneConnection)
+{
+    if (!isSecure())
+        GTEST_SKIP() << "without TLS a connection has no pair";
+    failEach(SystemCall::SocketPair, onTwoThreads(), kRequests);
 }
 
 INSTANTIATE_TEST_SUITE_P(, EventFailuresOfCall, testing::ValuesIn(kAllCalls), [](const auto& call) {

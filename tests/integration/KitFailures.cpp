@@ -33,6 +33,7 @@ using qv::kit::Request;
 using qv::kit::Router;
 
 constexpr size_t kBodyBytes = 100000;
+constexpr size_t kMaxAllocations = 10000;  // of a request, and of its handshake
 
 void deliver(Request& request)
 {
@@ -159,9 +160,9 @@ protected:
         return waitUntil([&] { return mServer->server().openRequests() == 0; });
     }
 
-    void failEach(bool fromThenOn)
+    void failEach(bool fromThenOn, const std::vector<Part>& parts = makeParts())
     {
-        for (const Part& part : makeParts()) {
+        for (const Part& part : parts) {
             SCOPED_TRACE(part.name);
             ASSERT_EQ(ask(part), part.status);
             const size_t descriptors = countDescriptors();
@@ -182,7 +183,7 @@ protected:
                 ASSERT_EQ(mServer->get("/inline/a").body, "a");
                 if (!hasFailed)
                     break;
-                ASSERT_LT(number, 1000u);
+                ASSERT_LT(number, kMaxAllocations);
             }
             EXPECT_TRUE(waitUntil([&] { return countDescriptors() <= descriptors; }));
             std::printf("%-16s %4zu failing allocations\n", part.name, number - 1);
@@ -204,6 +205,25 @@ TEST_F(KitFailures, OneAllocationFails)
 TEST_F(KitFailures, AllAllocationsFailFromOneOn)
 {
     failEach(true);
+}
+
+// The handshake, and the records of a request and its response.
+TEST_F(KitFailures, OneAllocationOfOpenSslFails)
+{
+    if (!isSecure())
+        GTEST_SKIP() << "without TLS";
+    ASSERT_TRUE(countOpenSsl(true));
+    failEach(false, {makeParts()[1]});
+    countOpenSsl(false);
+}
+
+TEST_F(KitFailures, AllAllocationsOfOpenSslFailFromOneOn)
+{
+    if (!isSecure())
+        GTEST_SKIP() << "without TLS";
+    ASSERT_TRUE(countOpenSsl(true));
+    failEach(true, {makeParts()[1]});
+    countOpenSsl(false);
 }
 
 }  // namespace

@@ -8,6 +8,12 @@ wendrel_test_program(integration_kit
         KitJson.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitTls.cpp KitUploads.cpp
         KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
+# WebSocket sessions over TLS.
+gtest_discover_tests(integration_kit
+    TEST_PREFIX secure.
+    TEST_FILTER "KitWebSocket*"
+    DISCOVERY_TIMEOUT 120
+    PROPERTIES TIMEOUT 900 ENVIRONMENT "WENDREL_TEST_MODE=secure")
 
 include(hello.cmake)
 
@@ -19,3 +25,8 @@ wendrel_test_program(integration_kit_failures
         support/RawClient.cpp
         KitFailures.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl)
+# The same over TLS: OpenSSL's allocations fail, too.
+gtest_discover_tests(integration_kit_failures
+    TEST_PREFIX secure.
+    DISCOVERY_TIMEOUT 120
+    PROPERTIES TIMEOUT 900 ENVIRONMENT "WENDREL_TEST_MODE=secure")

@@ -2,6 +2,8 @@
 
 #include "FailingMemory.h"
 
+#include <openssl/crypto.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -16,6 +18,7 @@ constinit thread_local bool tIsExempt = false;
 std::atomic<size_t> gNumber{0};  // 0: none fails
 std::atomic<bool> gFromThenOn{false};
 std::atomic<size_t> gCalls{0};
+std::atomic<bool> gCountsOpenSsl{false};
 
 bool failsNow()
 {
@@ -26,7 +29,32 @@ bool failsNow()
     return gFromThenOn ? call >= number : call == number;
 }
 
+void* allocateForOpenSsl(size_t size, const char*, int)
+{
+    return gCountsOpenSsl && failsNow() ? nullptr : std::malloc(size);
+}
+
+void* reallocateForOpenSsl(void* memory, size_t size, const char*, int)
+{
+    return gCountsOpenSsl && failsNow() ? nullptr : std::realloc(memory, size);
+}
+
+void freeForOpenSsl(void* memory, const char*, int)
+{
+    std::free(memory);
+}
+
+// Before the first allocation of OpenSSL.
+const bool kReplacesOpenSsl =
+    ::CRYPTO_set_mem_functions(&allocateForOpenSsl, &reallocateForOpenSsl, &freeForOpenSsl) == 1;
+
 }  // namespace
+
+bool countOpenSsl(bool isCounted)
+{
+    gCountsOpenSsl = isCounted;
+    return kReplacesOpenSsl;
+}
 
 void exemptThisThread()
 {

@@ -2,8 +2,10 @@
 #ifndef WENDREL_TESTS_INTEGRATION_KITTESTSERVER_H
 #define WENDREL_TESTS_INTEGRATION_KITTESTSERVER_H
 
+#include "Certificates.h"
 #include "ProcessLog.h"
 #include "RawClient.h"
+#include "TestMode.h"
 #include "Waiting.h"
 
 #include <Wendrel/kit/Server.h>
@@ -39,6 +41,8 @@ public:
     explicit KitTestServer(const Setup& setup, const qv::kit::ServerOptions& options = kitOptions())
         : mServer(options)
     {
+        if (isSecure() && options.tls.empty())
+            mServer.options().tls.push_back(localhostTls());
         setup(mServer.router());
         if (!mServer.start())
             throw std::runtime_error(mServer.failureReason());
