@@ -3,6 +3,7 @@
 #include "DeadlineQueue.h"
 
 #include "Exchange.h"
+#include "StreamQueue.h"
 
 #include <algorithm>
 #include <ctime>
@@ -15,6 +16,9 @@ namespace
 
 // Requests that end within this time are deleted together.
 constexpr std::chrono::milliseconds kDeletionIntervalMs(20);
+
+// Between two looks at the memory budget, while a stream waits for it.
+constexpr std::chrono::milliseconds kMemoryIntervalMs(64);
 
 timespec toTimespec(DeadlineQueue::Clock::time_point when)
 {
@@ -59,6 +63,7 @@ void DeadlineQueue::stop()
         for (const auto& [when, entry] : mEntries)
             entry.exchange->mHasDeadline = false;
         left.swap(mEntries);
+        mWaiting.clear();
     }
     for (const auto& [when, entry] : left)
         entry.exchange->release();
@@ -112,7 +117,41 @@ void DeadlineQueue::wake()
 DeadlineQueue::Clock::time_point DeadlineQueue::nextWakeUp()
 {
     const qvMutexLocker locker(&mMutex);
-    return mEntries.empty() ? Clock::time_point::max() : mEntries.begin()->first;
+    const auto deadline = mEntries.empty() ? Clock::time_point::max() : mEntries.begin()->first;
+    return mWaiting.empty() ? deadline : std::min(deadline, mNextOffer);
+}
+
+void DeadlineQueue::awaitMemory(const std::shared_ptr<StreamQueue>& queue)
+{
+    bool isFirst = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        isFirst = mWaiting.empty();
+        mWaiting.emplace_back(queue);
+        if (isFirst)
+            mNextOffer = Clock::now() + kMemoryIntervalMs;
+    }
+    if (isFirst)
+        wake();
+}
+
+// In turn: those that still wait come before those that begin to.
+void DeadlineQueue::offerMemory(Clock::time_point now)
+{
+    Queues waiting;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mWaiting.empty() || now < mNextOffer)
+            return;
+        waiting.swap(mWaiting);
+    }
+    waiting.remove_if([](const std::weak_ptr<StreamQueue>& entry) {
+        const std::shared_ptr<StreamQueue> queue = entry.lock();
+        return !queue || queue->offerMemory();
+    });
+    const qvMutexLocker locker(&mMutex);
+    mWaiting.splice(mWaiting.begin(), waiting);
+    mNextOffer = now + kMemoryIntervalMs;
 }
 
 void DeadlineQueue::run()
@@ -128,6 +167,7 @@ void DeadlineQueue::run()
         }
         const Clock::time_point now = Clock::now();
         expire(now);
+        offerMemory(now);
         if (deletion <= now) {
             deletion = Clock::time_point::max();
             mIsDeletionRequested = false;

@@ -10,15 +10,19 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <list>
 #include <map>
+#include <memory>
 #include <thread>
 
 namespace qv::kit
 {
 
 class Exchange;
+class StreamQueue;
 
-// One thread for all deadlines of a server; it also deletes requests that nobody else deletes.
+// One thread for all deadlines of a server; it also deletes requests that nobody else deletes, and
+// offers free memory to the streams that wait for it.
 class DeadlineQueue
 {
 public:
@@ -52,8 +56,14 @@ public:
     // Any thread, also one that must not wait.
     void requestDeletion();
 
+    // Offers memory to the queue until it has taken it or is deleted. Any thread.
+    void awaitMemory(const std::shared_ptr<StreamQueue>& queue);
+
 private:
+    using Queues = std::list<std::weak_ptr<StreamQueue>>;
+
     void run();
+    void offerMemory(Clock::time_point now);
     void expire(Clock::time_point now);
     Clock::time_point nextWakeUp();
     void wake();
@@ -61,6 +71,8 @@ private:
     const std::function<void()> mDeleteRequests;
     qvMutex mMutex;
     Entries mEntries QV_GUARDED_BY(mMutex);
+    Queues mWaiting QV_GUARDED_BY(mMutex);  // for memory
+    Clock::time_point mNextOffer QV_GUARDED_BY(mMutex);
     sem_t mWake{};
     std::atomic<bool> mIsDeletionRequested{false};
     std::atomic<bool> mIsStopping{false};

@@ -61,7 +61,7 @@ private:
         std::string text;
     };
 
-    std::string textBehind(const std::string& lastId) const QV_REQUIRES(mMutex);
+    bool appendReplay(const std::string& lastId, std::string& text) const QV_REQUIRES(mMutex);
     void forgetOld() QV_REQUIRES(mMutex);
     Streams send(std::string_view text, bool isEvent) noexcept QV_REQUIRES(mMutex);
     static void finish(Streams& streams);
@@ -156,18 +156,23 @@ void EventStream::Heart::run()
     }
 }
 
-// Not found: the whole history, which is newer than any event that has left it.
-std::string EventStream::Topic::textBehind(const std::string& lastId) const
+// The events behind the last one. Not found: the whole history, which is newer than any event that
+// has left it. False when it is more than a queue holds; then the first of them, at least one.
+bool EventStream::Topic::appendReplay(const std::string& lastId, std::string& text) const
 {
     auto event = std::find_if(mHistory.rbegin(), mHistory.rend(), [&](const Event& kept) {
                      return kept.id == lastId;
                  }).base();
     if (event == mHistory.begin() && lastId.empty())
         event = mHistory.end();
-    std::string text;
-    for (; event != mHistory.end(); ++event)
+    const size_t headBytes = text.size();
+    for (; event != mHistory.end(); ++event) {
+        const size_t replayed = text.size() - headBytes;
+        if (replayed != 0 && replayed + event->text.size() > mOptions.queueBytes)
+            return false;
         text += event->text;
-    return text;
+    }
+    return true;
 }
 
 void EventStream::Topic::subscribe(DeferredStream stream, const std::string& lastId)
@@ -191,9 +196,13 @@ void EventStream::Topic::subscribe(DeferredStream stream, const std::string& las
             std::string text(kComment);
             if (mOptions.retry.count() > 0)
                 text += "retry: " + std::to_string(mOptions.retry.count()) + "\n\n";
-            stream.write(text + textBehind(lastId));
-            mStreams.emplace(key, std::move(stream));
-            return;
+            // Without space or memory for all missed events the stream ends: the client comes back
+            // for the others.
+            const bool isWhole = appendReplay(lastId, text);
+            if (stream.write(text) != StreamWrite::Full && isWhole) {
+                mStreams.emplace(key, std::move(stream));
+                return;
+            }
         }
     }
     stream.finish();

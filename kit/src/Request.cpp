@@ -4,7 +4,10 @@
 
 #include "Exchange.h"
 #include "FormReader.h"
+#include "ServerCore.h"
 #include "StreamQueue.h"
+
+#include <qvSystem/Rollback.h>
 
 #include <algorithm>
 #include <cctype>
@@ -24,6 +27,15 @@ const std::list<std::string> kNoValues;
 const std::string& firstOf(const std::list<std::string>* values)
 {
     return values ? values->front() : kNothing;
+}
+
+void awaitMemory(Exchange& exchange, const std::shared_ptr<StreamQueue>& queue)
+{
+    if (!queue->startWaitingForMemory())
+        return;
+    Rollback waiting([&queue] { queue->cancelWaitingForMemory(); });
+    exchange.core().deadlines().awaitMemory(queue);
+    waiting.commit();
 }
 
 }  // namespace
@@ -269,8 +281,9 @@ DeferredStream DeferredResponse::startStream(const ContentType& type, int status
 {
     if (!mExchange)
         return DeferredStream();
-    auto queue = std::make_shared<StreamQueue>(mExchange->routeName(), queueBytes,
-                                               mExchange->hasNoBody(status));
+    auto queue =
+        std::make_shared<StreamQueue>(mExchange->routeName(), queueBytes,
+                                      mExchange->hasNoBody(status), MemoryAccount::of(*mExchange));
     Exchange::Response response;
     response.head = std::move(mHead);
     response.status = status;
@@ -348,13 +361,25 @@ void DeferredStream::close()
 
 StreamWrite DeferredStream::write(std::string_view data)
 {
-    return mExchange && !mExchange->isGone() ? mQueue->write(data) : StreamWrite::Gone;
+    if (!mExchange || mExchange->isGone())
+        return StreamWrite::Gone;
+    const StreamWrite outcome = mQueue->write(data);
+    if (outcome == StreamWrite::Full)
+        awaitMemory(*mExchange, mQueue);
+    return outcome;
 }
 
 void DeferredStream::onWritable(std::function<void()> callback)
 {
-    if (mExchange)
-        mQueue->onWritable(std::move(callback));
+    if (!mExchange)
+        return;
+    // The callback may destroy this object.
+    Exchange& exchange = *mExchange;
+    const std::shared_ptr<StreamQueue> queue = mQueue;
+    exchange.retain();
+    const Rollback used([&exchange] { exchange.release(); });
+    queue->onWritable(std::move(callback));
+    awaitMemory(exchange, queue);
 }
 
 void DeferredStream::onGone(std::function<void()> callback)

@@ -5,6 +5,8 @@
 #include "Exchange.h"
 #include "KitLog.h"
 
+#include <qvSystem/Rollback.h>
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -44,9 +46,16 @@ private:
 
 }  // namespace
 
-StreamQueue::StreamQueue(std::string route, size_t limitBytes, bool isDiscarded)
-    : mRoute(std::move(route)), mLimitBytes(limitBytes), mIsDiscarded(isDiscarded)
+StreamQueue::StreamQueue(std::string route, size_t limitBytes, bool isDiscarded,
+                         MemoryAccount memory)
+    : mRoute(std::move(route)), mLimitBytes(limitBytes), mIsDiscarded(isDiscarded),
+      mMemory(std::move(memory))
 {}
+
+StreamQueue::~StreamQueue()
+{
+    mMemory.credit(mBytes.size() - mOffset);
+}
 
 std::unique_ptr<BodySource> StreamQueue::makeSource(const std::shared_ptr<StreamQueue>& queue,
                                                     Exchange& exchange)
@@ -74,12 +83,19 @@ StreamWrite StreamQueue::write(std::string_view data)
             mWasFull = true;
             return StreamWrite::Full;
         }
+        if (!mMemory.charge(data.size())) {
+            mWasFull = true;
+            mNeededBytes = data.size();
+            return StreamWrite::Full;
+        }
+        Rollback charged([this, data] { mMemory.credit(data.size()); });
         // Sent bytes are removed when they are at least half, so that each byte moves once.
         if (mOffset != 0 && mOffset >= queued) {
             mBytes.erase(0, mOffset);
             mOffset = 0;
         }
         mBytes.append(data);
+        charged.commit();
         resumes = !data.empty() && std::exchange(mIsWaiting, false);
     }
     if (resumes)
@@ -89,7 +105,44 @@ StreamWrite StreamQueue::write(std::string_view data)
 
 bool StreamQueue::mayWriteAgain() const
 {
-    return mWasFull && !mIsClosed && !mIsFinished && queuedLocked() <= mLimitBytes / 2;
+    return mWasFull && mNeededBytes == 0 && !mIsClosed && !mIsFinished &&
+           queuedLocked() <= mLimitBytes / 2;
+}
+
+bool StreamQueue::startWaitingForMemory()
+{
+    const qvMutexLocker locker(&mMutex);
+    if (mNeededBytes == 0 || !mOnWritable || mIsOffered || mIsClosed || mIsFinished)
+        return false;
+    mIsOffered = true;
+    return true;
+}
+
+void StreamQueue::cancelWaitingForMemory()
+{
+    const qvMutexLocker locker(&mMutex);
+    mIsOffered = false;
+}
+
+// More than the limit of the queue may never be free: the application learns it by its write.
+bool StreamQueue::offerMemory()
+{
+    Callback writable;
+    {
+        const qvMutexLocker locker(&mMutex);
+        const bool isOver = mIsClosed || mIsFinished;
+        if (!isOver && !mMemory.hasSpace(std::min(mNeededBytes, mLimitBytes)))
+            return false;
+        mNeededBytes = 0;
+        mIsOffered = false;
+        if (mOnWritable && mayWriteAgain()) {
+            mWasFull = false;
+            writable = mOnWritable;
+        }
+    }
+    if (writable)
+        call(writable);
+    return true;
 }
 
 void StreamQueue::onWritable(std::function<void()> callback)
@@ -124,8 +177,10 @@ void StreamQueue::finish()
     mResumer.resume();
 }
 
+// The queued bytes are never sent, and the daemon may not read for a long time.
 bool StreamQueue::fail()
 {
+    std::string released;
     Callback dropped;
     {
         const qvMutexLocker locker(&mMutex);
@@ -133,6 +188,7 @@ bool StreamQueue::fail()
             return false;
         mIsFinished = true;
         mHasFailed = true;
+        released = releaseLocked();
         dropped.swap(mOnWritable);
         mIsWaiting = false;
     }
@@ -158,9 +214,15 @@ void StreamQueue::close()
     Callback dropped;  // destroyed without the mutex
     const qvMutexLocker locker(&mMutex);
     mIsClosed = true;
-    mOffset = 0;
-    released.swap(mBytes);
+    released = releaseLocked();
     dropped.swap(mOnWritable);
+}
+
+std::string StreamQueue::releaseLocked()
+{
+    mMemory.credit(queuedLocked());
+    mOffset = 0;
+    return std::exchange(mBytes, std::string());
 }
 
 bool StreamQueue::isClosed() const
@@ -198,6 +260,7 @@ BodyRead StreamQueue::takeLocked(char* buffer, size_t size)
     }
     std::memcpy(buffer, mBytes.data() + mOffset, part);
     mOffset += part;
+    mMemory.credit(part);
     if (mOffset == mBytes.size()) {
         mOffset = 0;
         if (mBytes.capacity() > kMaxKeptBytes)

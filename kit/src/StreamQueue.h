@@ -3,6 +3,7 @@
 #define WENDREL_KIT_SRC_STREAMQUEUE_H
 
 #include <Wendrel/BodySource.h>
+#include <Wendrel/MemoryAccount.h>
 #include <Wendrel/kit/DeferredResponse.h>
 
 #include <qvSystem/ThreadSafety.h>
@@ -22,7 +23,12 @@ class StreamQueue
 {
 public:
     // `isDiscarded`: the response has no body.
-    StreamQueue(std::string route, size_t limitBytes, bool isDiscarded);
+    // `memory` is charged for the queued bytes.
+    StreamQueue(std::string route, size_t limitBytes, bool isDiscarded,
+                MemoryAccount memory = MemoryAccount());
+    ~StreamQueue();
+    StreamQueue(const StreamQueue&) = delete;
+    StreamQueue& operator=(const StreamQueue&) = delete;
 
     // The source of the response of `exchange`. Once; the source closes the queue when it is
     // destroyed.
@@ -42,6 +48,12 @@ public:
     bool isFinished() const;
     size_t queuedBytes() const;
 
+    // A write has been refused because of the memory, and the application waits for it. True once:
+    // the caller calls `offerMemory` again and again until it returns true.
+    bool startWaitingForMemory();
+    void cancelWaitingForMemory();
+    bool offerMemory();
+
     // No byte is sent any more; the queue is emptied.
     void close();
     bool isClosed() const;
@@ -53,12 +65,14 @@ private:
     BodyRead takeLocked(char* buffer, size_t size) QV_REQUIRES(mMutex);
     bool mayWriteAgain() const QV_REQUIRES(mMutex);
     size_t queuedLocked() const QV_REQUIRES(mMutex) { return mBytes.size() - mOffset; }
+    std::string releaseLocked() QV_REQUIRES(mMutex);
     void call(const Callback& callback) const;
 
     const std::string mRoute;
     const size_t mLimitBytes;
     const bool mIsDiscarded;
     const BodyResumer mResumer;
+    const MemoryAccount mMemory;
     bool mIsDisowned = false;
     mutable qvMutex mMutex;
     std::string mBytes QV_GUARDED_BY(mMutex);
@@ -68,6 +82,8 @@ private:
     bool mIsClosed QV_GUARDED_BY(mMutex) = false;
     bool mIsWaiting QV_GUARDED_BY(mMutex) = false;  // the source waits to be resumed
     bool mWasFull QV_GUARDED_BY(mMutex) = false;    // since `onWritable` was last called
+    size_t mNeededBytes QV_GUARDED_BY(mMutex) = 0;  // not free at the last write; 0: they were
+    bool mIsOffered QV_GUARDED_BY(mMutex) = false;  // `offerMemory` will be called
     Callback mOnWritable QV_GUARDED_BY(mMutex);
 };
 

@@ -52,6 +52,11 @@ Connection::Connection(ConnectionTable& table, int descriptor, const Peer& peer)
     : mTable(table), mPeer(peer), mDescriptor(descriptor)
 {}
 
+std::shared_ptr<MemoryBudget> Connection::getMemoryBudget() const
+{
+    return mTable.getLimits().memoryBudget;
+}
+
 void Connection::suspend()
 {
     mTable.countSuspended();

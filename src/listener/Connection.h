@@ -106,6 +106,7 @@ public:
     void resume() override;
     void continueUpload() override;
     void discardUpload() override;
+    std::shared_ptr<MemoryBudget> getMemoryBudget() const override;
 
     // Daemon thread: the phases of a request, with their deadlines. `beginHead` and `beginRequest`
     // return false when the listener has claimed the connection. A request that has begun is

@@ -19,6 +19,8 @@
 namespace qv::impl
 {
 
+class MemoryBudget;
+
 // Milliseconds; 0: none.
 struct ConnectionLimits
 {
@@ -27,6 +29,7 @@ struct ConnectionLimits
     int64_t bodyMs = 0;  // of silence; also the time before the rate counts
     uint64_t minBodyBytesPerSecond = 0;
     int64_t responseMs = 0;
+    std::shared_ptr<MemoryBudget> memoryBudget = nullptr;  // that the applications' queues share
 };
 
 // Its lock is taken for each connection and when a deadline comes closer than the visit of the

@@ -2,8 +2,12 @@
 #ifndef WENDREL_REQUEST_CONNECTIONRECORD_H
 #define WENDREL_REQUEST_CONNECTIONRECORD_H
 
+#include <memory>
+
 namespace qv::impl
 {
+
+class MemoryBudget;
 
 // The first two operations are called once for each suspension, by any thread, with the mutex held
 // under which the connection was suspended: it cannot be closed meanwhile.
@@ -22,6 +26,9 @@ public:
     // each request, by any thread, with the response device's mutex held and the request not
     // completed.
     virtual void discardUpload() = 0;
+
+    // Of the server; null without a limit. Any thread, while the connection exists.
+    virtual std::shared_ptr<MemoryBudget> getMemoryBudget() const { return nullptr; }
 };
 
 }  // namespace qv::impl

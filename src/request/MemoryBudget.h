@@ -21,6 +21,17 @@ public:
     void charge(uint64_t bytes) { mUsedBytes += bytes; }
     void credit(uint64_t bytes) { mUsedBytes -= bytes; }
 
+    // False, and nothing charged, when the bytes are not free. Others never see them charged then.
+    bool chargeIfFree(uint64_t bytes)
+    {
+        uint64_t used = mUsedBytes;
+        do {
+            if (bytes != 0 && (used > mLimitBytes || bytes > mLimitBytes - used))
+                return false;
+        } while (!mUsedBytes.compare_exchange_weak(used, used + bytes));
+        return true;
+    }
+
     uint64_t getUsedBytes() const { return mUsedBytes; }
     bool isExceeded() const { return mUsedBytes > mLimitBytes; }
 

@@ -231,8 +231,10 @@ bool EventServer::startDaemons(http::HttpServer& server, const ServerOptions& op
     ofDaemon.httpsPort = options.httpsPort;
     for (const http::TlsOptions& tls : options.tls)
         ofDaemon.strictTransport.push_back(StrictTransportOf(tls));
+    ConnectionLimits ofConnection = limitsOf(options);
+    ofConnection.memoryBudget = mMemoryBudget;
     for (uint32_t i = 0; i < options.threads; ++i) {
-        mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, limitsOf(options)));
+        mDaemons.push_back(std::make_unique<EventDaemon>(server, ofDaemon, ofConnection));
         if (!mDaemons.back()->start())
             return false;
     }

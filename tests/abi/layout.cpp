@@ -6,6 +6,7 @@
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/HttpServer.h>
+#include <Wendrel/MemoryAccount.h>
 #include <Wendrel/UpgradedConnection.h>
 #include <Wendrel/WebSocket.h>
 
@@ -126,6 +127,8 @@ WENDREL_PLACE(qv::HttpBaseRequest, onBodyPaused, 8);
 WENDREL_PLACE(qv::HttpBaseRequest, onBodyReceived, 9);
 
 WENDREL_PLACE(qv::HttpWaitListener, onWaitingForData, 2);
+
+WENDREL_PLACE(qv::MemoryAccount, mBudget, 0);
 
 WENDREL_PLACE(qv::UpgradedConnection, mDescriptor, 0);
 WENDREL_PLACE(qv::UpgradedConnection, mReceivedBytes, 8);
@@ -276,6 +279,7 @@ static_assert(sizeof(qv::http::HttpServer) == 336);
 static_assert(sizeof(qv::http::HttpServerImpl) == 40);
 static_assert(sizeof(qv::HttpBaseRequest) == 704);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
+static_assert(sizeof(qv::MemoryAccount) == 16);
 static_assert(sizeof(qv::UpgradedConnection) == 80);
 static_assert(sizeof(qv::HttpReceiveDevice) == 296);
 static_assert(sizeof(qv::HttpResponseDevice) == 280);
@@ -295,7 +299,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 181;
+constexpr size_t kPlaces = 182;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

@@ -208,6 +208,32 @@ TEST(KitEvents, KeepABoundedHistory)
     EXPECT_EQ(count(late->until("data: end\n"), "data: "), 1u);
 }
 
+// A client that does not read costs its queue, not the history.
+TEST(KitEvents, AreReplayedInPartsThatTheQueueHolds)
+{
+    EventStreamOptions options = quiet();
+    options.queueBytes = 1000;
+    EventServer run(options);
+    for (const size_t bytes : {400, 400, 400, 2000, 10})
+        run.events().publish("", std::string(bytes, 'x'));
+    std::string last = "unknown";
+    size_t received = 0;
+    // The last part is whole: its stream goes on.
+    for (const size_t events : {2, 1, 1}) {
+        EventClient client(run.server().port(), "Last-Event-ID: " + last + "\r\n");
+        const std::string part = client.toEnd();
+        EXPECT_EQ(count(part, "data: "), events);
+        const size_t id = part.rfind("id: ") + 4;
+        last = part.substr(id, part.find('\n', id) - id);
+        received += events;
+    }
+    EXPECT_EQ(run.events().subscribers(), 0u);
+    EXPECT_EQ(received, 4u);
+    EventClient client(run.server().port(), "Last-Event-ID: " + last + "\r\n");
+    EXPECT_THAT(client.until("data: xxxxxxxxxx\n"), Not(HasSubstr("<end>")));
+    EXPECT_EQ(run.events().subscribers(), 1u);
+}
+
 TEST(KitEvents, HaveNumbersOfTheirOwn)
 {
     EventServer run(quiet());

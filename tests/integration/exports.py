@@ -23,6 +23,7 @@ CLASSES = {
         "qv::HttpResponseDevice",
         "qv::HttpResponseInterface",
         "qv::HttpWaitListener",
+        "qv::MemoryAccount",
         "qv::UpgradedConnection",
         "qv::http::HttpServer",
         "qv::http::HttpServerImpl",

@@ -205,6 +205,7 @@ NOT_FOR_USERS = {
     "platform/qvOpenSSL/src/Base64.cpp kPieceBytes": "an algorithm's",
     "platform/qvSystem/include/qvSystem/qvWaitCondition.h kNoTimeout": "means: none",
     "include/Wendrel/HttpServer.h serve(recordBytes)": "size of a record",
+    "kit/src/StreamQueue.h StreamQueue(memory)": "means: no budget",
     "include/Wendrel/BodySource.h kToEnd": "means: to the end",
     "include/Wendrel/BodySource.h setRange(length)": "means: to the end",
     "include/Wendrel/BodySource.h fromDescriptor(length)": "means: to the end",

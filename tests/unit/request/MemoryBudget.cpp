@@ -3,6 +3,8 @@
 
 #include "request/MemoryBudget.h"
 
+#include <Wendrel/MemoryAccount.h>
+
 #include "support/TestRequest.h"
 
 #include "request/ConnectionRecord.h"
@@ -12,8 +14,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace qv::tests
 {
@@ -40,12 +46,67 @@ TEST(MemoryBudget, IsExceededBeyondItsLimit)
     EXPECT_EQ(budget.getUsedBytes(), 0u);
 }
 
+TEST(MemoryBudget, TakesChargesThatFit)
+{
+    const struct
+    {
+        const char* name;
+        uint64_t used;
+        uint64_t bytes;
+        bool isTaken;
+    } rows[] = {
+        {"all of it", 0, 10, true},
+        {"one byte more", 0, 11, false},
+        {"the rest", 7, 3, true},
+        {"more than the rest", 7, 4, false},
+        {"one byte of none", 10, 1, false},
+        {"nothing of none", 10, 0, true},
+        {"nothing beyond the limit", 20, 0, true},
+        {"one byte beyond the limit", 20, 1, false},
+        {"so much that the sum overflows", 7, UINT64_MAX, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        MemoryBudget budget(10);
+        budget.charge(row.used);
+        EXPECT_EQ(budget.chargeIfFree(row.bytes), row.isTaken);
+        EXPECT_EQ(budget.getUsedBytes(), row.used + (row.isTaken ? row.bytes : 0));
+    }
+}
+
+TEST(MemoryBudget, IsNotExceededByChargesOfSeveralThreads)
+{
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 20000;
+    MemoryBudget budget(kThreads - 1);
+    std::atomic<bool> wasExceeded{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                if (!budget.chargeIfFree(1))
+                    continue;
+                if (budget.isExceeded())
+                    wasExceeded = true;
+                budget.credit(1);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_FALSE(wasExceeded);
+    EXPECT_EQ(budget.getUsedBytes(), 0u);
+}
+
 class Connected : public impl::ConnectionRecord
 {
 public:
     void resume() override {}
     void continueUpload() override { ++continued; }
     void discardUpload() override {}
+    std::shared_ptr<MemoryBudget> getMemoryBudget() const override { return budget; }
+
+    std::shared_ptr<MemoryBudget> budget;
 
     int continued = 0;
 };
@@ -181,6 +242,46 @@ TEST_F(BudgetedUpload, CreditsEachByteOnce)
     EXPECT_EQ(budget->getUsedBytes(), 7u);
     request.reset();
     EXPECT_EQ(budget->getUsedBytes(), 7u);
+}
+
+TEST(MemoryAccount, OfARequestIsTheBudgetOfItsServer)
+{
+    Connected connection;
+    connection.budget = std::make_shared<MemoryBudget>(10);
+    WorkerRequest request;
+    DispatchAccess::record(request) = &connection;
+    const MemoryAccount account = MemoryAccount::of(request);
+    EXPECT_TRUE(account.hasSpace(10));
+    EXPECT_FALSE(account.hasSpace(11));
+    EXPECT_TRUE(account.charge(6));
+    EXPECT_FALSE(account.charge(5));
+    EXPECT_EQ(connection.budget->getUsedBytes(), 6u);
+    account.credit(2);
+    EXPECT_EQ(connection.budget->getUsedBytes(), 4u);
+    // A handle keeps the budget: it may outlive the server.
+    connection.budget.reset();
+    EXPECT_TRUE(account.charge(6));
+    EXPECT_FALSE(account.hasSpace(1));
+}
+
+TEST(MemoryAccount, TakesEverythingWithoutABudget)
+{
+    Connected connection;
+    WorkerRequest request;
+    const auto takesAll = [](const MemoryAccount& account) {
+        const bool takes = account.hasSpace(UINT64_MAX) && account.charge(UINT64_MAX);
+        account.credit(UINT64_MAX);
+        return takes;
+    };
+    EXPECT_TRUE(takesAll(MemoryAccount()));
+    EXPECT_TRUE(takesAll(MemoryAccount::of(request)));  // polling mode
+    DispatchAccess::record(request) = &connection;
+    EXPECT_TRUE(takesAll(MemoryAccount::of(request)));  // no limit
+    connection.budget = std::make_shared<MemoryBudget>(10);
+    EXPECT_FALSE(takesAll(MemoryAccount::of(request)));
+    DispatchAccess::completed(request) = true;
+    EXPECT_TRUE(takesAll(MemoryAccount::of(request)));
+    DispatchAccess::completed(request) = false;
 }
 
 }  // namespace

@@ -18,7 +18,8 @@ class StreamQueue;
 /// The outcome of `DeferredStream::write`.
 enum class StreamWrite {
     Taken,  ///< queued
-    Full,   ///< nothing queued: the client is slower than the application; see `onWritable`
+    Full,   ///< nothing queued: the client is slower than the application, or the memory budget is
+            ///< used up; see `onWritable`
     Gone    ///< nothing queued: no byte reaches the client any more
 };
 
@@ -44,14 +45,17 @@ public:
     ~DeferredStream();
 
     /// Queues `data` whole or not at all; never waits. An empty queue takes data of any size;
-    /// otherwise the queue takes data that fits into its limit. For HEAD the data is discarded:
-    /// Taken.
+    /// otherwise the queue takes data that fits into its limit. Queued bytes of all streams count
+    /// within `ServerOptions::memoryBudgetBytes`: data for which it has no free memory is refused
+    /// with Full, also by an empty queue. For HEAD the data is discarded: Taken.
     StreamWrite write(std::string_view data);
 
     /// `callback` is called each time that the queue has fallen to half of its limit after a
-    /// `write` that returned Full; at once when that has happened already. It may write. It
-    /// replaces the one before. Thread: the daemon's, or the caller's; it must not wait. An
-    /// exception that leaves it is logged with the route.
+    /// `write` that returned Full; at once when that has happened already. When the memory budget
+    /// was the reason, also as soon as it has free memory for that data, or for a queue up to its
+    /// limit; looked at every 64 ms. It may write. It replaces the one before. Thread: the
+    /// daemon's, one of the server, or the caller's; it must not wait. An exception that leaves it
+    /// is logged with the route.
     void onWritable(std::function<void()> callback);
 
     /// As `DeferredResponse::onGone`.

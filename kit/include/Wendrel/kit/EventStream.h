@@ -14,7 +14,7 @@
 namespace qv::kit
 {
 
-/// The treatment of a client whose queue has no space for an event.
+/// The treatment of a client whose queue, or the server's memory budget, has no space for an event.
 enum class SlowClient : uint8_t {
     Disconnect,  ///< its stream ends; it comes back and gets the missed events from the history
     Skip         ///< it does not get the event
@@ -56,7 +56,9 @@ public:
 
     /// Responds to `request` with the stream, for a handler of GET. A client that comes back with
     /// `Last-Event-ID` first gets the events behind that one, or the whole history when the event
-    /// is no longer, or not yet, in it. After `close`: 503.
+    /// is no longer, or not yet, in it. When they are more than `queueBytes`, the stream ends
+    /// behind the first of them, at least one; when the memory budget has no space, it ends without
+    /// any. The client comes back for the others. After `close`: 503.
     void subscribe(Request& request);
 
     /// Sends an event to all who listen. `event`: the name that a page listens to; empty:
