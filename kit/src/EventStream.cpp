@@ -27,6 +27,7 @@ using std::chrono::milliseconds;
 constexpr int kUnavailable = 503;
 constexpr const char* kRetryAfterSeconds = "1";
 constexpr std::string_view kComment = ":\n\n";
+constexpr milliseconds kMaxHeartbeat = std::chrono::hours(24 * 365);  // times stay in their range
 
 // Differs from that of an earlier process.
 std::string makeEpoch()
@@ -35,12 +36,20 @@ std::string makeEpoch()
     return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
+EventStreamOptions limited(EventStreamOptions options)
+{
+    options.heartbeat = std::min(options.heartbeat, kMaxHeartbeat);
+    return options;
+}
+
 }  // namespace
 
 class EventStream::Topic : public std::enable_shared_from_this<Topic>
 {
 public:
-    explicit Topic(const EventStreamOptions& options) : mOptions(options), mEpoch(makeEpoch()) {}
+    explicit Topic(const EventStreamOptions& options)
+        : mOptions(limited(options)), mEpoch(makeEpoch())
+    {}
 
     void subscribe(DeferredStream stream, const std::string& lastId);
     void publish(std::string_view event, std::string_view data, std::string_view id);
@@ -48,6 +57,7 @@ public:
     size_t subscribers() const;
     bool isClosed() const;
     size_t queueBytes() const { return mOptions.queueBytes; }
+    std::chrono::milliseconds heartbeat() const { return mOptions.heartbeat; }
 
     // Sends a comment when it is due. The time of the next one.
     Clock::time_point beat() noexcept;
@@ -320,7 +330,7 @@ EventStream::EventStream(const EventStreamOptions& options)
       mTopic(std::make_shared<Topic>(options))
 {
     if (mHeart)
-        mHeart->add(mTopic, Clock::now() + options.heartbeat);
+        mHeart->add(mTopic, Clock::now() + mTopic->heartbeat());
 }
 
 EventStream::~EventStream()
