@@ -19,6 +19,7 @@
 #include <csignal>
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 namespace qv::kit
@@ -148,6 +149,23 @@ private:
     static inline struct sigaction sPipeBefore;
 };
 
+void waitForEnd()
+{
+    while (!StopSignals::wait(-1)) {
+    }
+}
+
+// A thread other than this one may have got SIGHUP: the count is looked at with the files.
+void waitForEndReloading(Server& server, CertificateWatch& files, uint32_t reloads)
+{
+    while (!StopSignals::wait(kCertificateCheckMs)) {
+        const uint32_t now = sReloads;
+        const bool isAsked = now != std::exchange(reloads, now);
+        if (files.hasChanged() || isAsked)
+            server.reloadCertificates();
+    }
+}
+
 }  // namespace
 
 Server::Server() : Server(ServerOptions()) {}
@@ -185,6 +203,12 @@ int Server::run(const std::string& endpoint)
 
 int Server::run()
 {
+    // Before the files are read, and until the server has stopped: SIGHUP would end the process.
+    CertificateWatch files(mOptions.tls);
+    const uint32_t reloads = sReloads;
+    std::optional<ReloadSignal> signal;
+    if (!mOptions.tls.empty())
+        signal.emplace();
     {
         // Before the server accepts connections: a signal from then on is not lost.
         const StopSignals signals;
@@ -197,29 +221,13 @@ int Server::run()
         for (const std::string& url : urls())
             std::cout << url << '\n';
         std::cout << std::flush;
-        waitForEnd();
+        if (signal)
+            waitForEndReloading(*this, files, reloads);
+        else
+            waitForEnd();
     }
     stop(mOptions.stopTimeout);
     return 0;
-}
-
-// A thread other than this one may have got SIGHUP: the count is looked at with the files.
-void Server::waitForEnd()
-{
-    CertificateWatch files(mOptions.tls);
-    if (mOptions.tls.empty()) {
-        while (!StopSignals::wait(-1)) {
-        }
-        return;
-    }
-    const ReloadSignal signal;
-    uint32_t reloads = sReloads;
-    while (!StopSignals::wait(kCertificateCheckMs)) {
-        const uint32_t now = sReloads;
-        const bool isAsked = now != std::exchange(reloads, now);
-        if (files.hasChanged() || isAsked)
-            reloadCertificates();
-    }
 }
 
 bool Server::reloadCertificates(std::string* reason)

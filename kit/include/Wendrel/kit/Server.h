@@ -128,8 +128,6 @@ public:
     bool reloadCertificates(std::string* reason = nullptr);
 
 private:
-    void waitForEnd();
-
     ServerOptions mOptions;
     ServerCore* mCore;  // counted
 };
