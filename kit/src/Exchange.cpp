@@ -368,21 +368,17 @@ void Exchange::deliverBody(std::function<void(std::string_view)> onPiece,
 void Exchange::continueDelivery() noexcept
 {
     BodyDelivery* const delivery = mDelivery;
-    if (delivery && delivery->notify())
+    if (delivery && delivery->notify()) {
+        retain();
         queueTurn();
+    }
 }
 
-// Without memory for it the request ends.
+// Releases the request when the turns are over. Without memory for one the request ends.
 void Exchange::queueTurn() noexcept
 {
     bool isQueued = false;
-    retain();
-    guard([&] {
-        isQueued = mCore.workers().run([this] {
-            takeTurn();
-            release();
-        });
-    });
+    guard([&] { isQueued = mCore.workers().run([this] { takeTurn(); }); });
     if (isQueued)
         return;
     dropCallbacks(false);
@@ -412,6 +408,8 @@ void Exchange::takeTurn() noexcept
     });
     if (delivery.endTurn(hasMore))
         queueTurn();
+    else
+        release();
 }
 
 // Whether there may be another piece already.
