@@ -71,7 +71,7 @@ bool makeSessionContext(ClientCertificates wanted,
         if (size < 0)
             return false;
         const std::unique_ptr<unsigned char, void (*)(unsigned char*)> owned(
-            encoded, [](unsigned char* memory) { OPENSSL_free(memory); });
+            encoded, [](unsigned char* memory) { CRYPTO_free(memory, "", 0); });
         bytes.append(reinterpret_cast<const char*>(encoded), static_cast<size_t>(size));
     }
     unsigned int size = 0;
