@@ -228,7 +228,7 @@ int TlsContext::chooseProtocol(SSL*, const unsigned char** chosen, unsigned char
 int TlsContext::giveOcspResponse(SSL* session, void* closure)
 {
     const std::string& response = static_cast<const Certificate*>(closure)->ocspResponse;
-    void* const copied = OPENSSL_memdup(response.data(), response.size());
+    void* const copied = CRYPTO_memdup(response.data(), response.size(), "", 0);
     if (!copied)
         return SSL_TLSEXT_ERR_NOACK;
     SSL_set_tlsext_status_ocsp_resp(session, copied, static_cast<long>(response.size()));
