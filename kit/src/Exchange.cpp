@@ -252,7 +252,7 @@ void Exchange::refuse(By by, Refusal&& refusal)
     response.head = std::move(refusal.head);
     response.status = refusal.status;
     response.source = makeText(std::string());
-    respond(by, std::move(response));
+    respond(by, response);
 }
 
 void Exchange::refuseAfterBody(Refusal&& refusal)
@@ -512,7 +512,7 @@ bool Exchange::isSendable(By by, const Response& response)
     return false;
 }
 
-bool Exchange::respond(By by, Response&& response)
+bool Exchange::respond(By by, Response& response)
 {
     if (response.type && *response.type->value().c_str() != '\0') {
         // The type that is used unless another one is given does not replace a header.
@@ -554,7 +554,7 @@ bool Exchange::respondError(By by, ResponseHead&& head, int status, const std::s
     response.status = sent;
     response.type = &body.type;
     response.source = makeText(std::move(body.text));
-    return respond(by, std::move(response));
+    return respond(by, response);
 }
 
 bool Exchange::publish(std::unique_ptr<BodySource> source) noexcept
@@ -783,7 +783,7 @@ bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int sta
     response.isStream = true;
     response.source = makeNoBody();
     if (isDiscarded) {
-        if (!respond(By::Application, std::move(response)))
+        if (!respond(By::Application, response))
             return false;
         mIsStream = mIsStreamDiscarded = true;
         return true;

@@ -69,7 +69,6 @@ public:
     // The thread of the deadlines.
     void expire(int status);
 
-    // The response. Any thread. False when there is one, or none can be sent.
     struct Response
     {
         ResponseHead head;
@@ -78,7 +77,9 @@ public:
         std::unique_ptr<BodySource> source;
         bool isStream = false;  // the application writes it later
     };
-    bool respond(By by, Response&& response);
+    // Any thread. False when there is a response already, or none can be sent. The source is taken
+    // out of `response` unless another response is the one to be sent.
+    bool respond(By by, Response& response);
     bool respondError(By by, ResponseHead&& head, int status, const std::string& message);
     bool isOpen() const { return mBy == By::Nobody && !getResponseDevice().hasDeviceError(); }
     bool hasNoBody(int status) const;

@@ -91,7 +91,7 @@ bool Responder::replyText(int status, std::shared_ptr<const std::string> body,
     response.status = status;
     response.type = type;
     response.source = BodySource::fromString(std::move(body));
-    return exchange->respond(By::Application, std::move(response));
+    return exchange->respond(By::Application, response);
 }
 
 bool Responder::replyError(int status, const std::string& message)
@@ -115,7 +115,7 @@ bool Responder::replySource(int status, std::unique_ptr<BodySource> source, cons
     response.status = status;
     response.type = &type;
     response.source = std::move(source);
-    return exchange->respond(By::Application, std::move(response));
+    return exchange->respond(By::Application, response);
 }
 
 bool Responder::isOpen() const
@@ -290,7 +290,7 @@ DeferredStream DeferredResponse::startStream(const ContentType& type, int status
     response.type = &type;
     response.source = StreamQueue::makeSource(queue, *mExchange);
     response.isStream = true;
-    if (!mExchange->respond(By::Application, std::move(response))) {
+    if (!mExchange->respond(By::Application, response)) {
         // The end of a source that is not sent tells nothing about the response.
         if (response.source)
             queue->disown();

@@ -892,7 +892,7 @@ void Connection::finish() noexcept
 {
     if (mState == State::Ended)
         return;
-    const std::shared_ptr<Connection> held = shared_from_this();
+    const std::shared_ptr<Connection> held = weak_from_this().lock();
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         mIsCloseQueued = true;
