@@ -198,7 +198,7 @@ MessageParser::Event MessageParser::readData()
             return fail(closecode::kInvalidData, kNotUtf8);
         return mOpcode == Opcode::Text ? Event::Text : Event::Binary;
     }
-    if (!mMessage.ensureSpace(part, mMessage.size() + mRemaining))
+    if (!mMessage.ensureSpace(part, expectedBytes()))
         return fail(closecode::kTryAgainLater, kNoMemory);
     uint8_t* const end = mMessage.data() + mMessage.size();
     mHeader.mask = unmask(end, mInput, part, mHeader.mask);
@@ -234,6 +234,12 @@ MessageParser::Event MessageParser::readCompressed(size_t size)
     default:
         return fail(closecode::kInvalidData, kCorrupt);
     }
+}
+
+// Unless its last frame has begun, more fragments follow: each would move the whole message.
+size_t MessageParser::expectedBytes() const
+{
+    return mHeader.fin ? mMessage.size() + static_cast<size_t>(mRemaining) : mMaxMessageBytes;
 }
 
 // `size` unmasked bytes stand behind the message.
@@ -272,8 +278,7 @@ uint8_t* MessageParser::directSpace(size_t& size)
     if (!mInPayload || mHeader.isControl() || mIsCompressed || mRemaining < kMinDirectBytes ||
         mFailure)
         return nullptr;
-    const size_t expected = mMessage.size() + static_cast<size_t>(mRemaining);
-    if (!mMessage.ensureSpace(kMinDirectBytes, expected))
+    if (!mMessage.ensureSpace(kMinDirectBytes, expectedBytes()))
         return nullptr;
     size = std::min(
         {mMessage.capacity() - mMessage.size(), static_cast<size_t>(mRemaining), kMaxDirectBytes});

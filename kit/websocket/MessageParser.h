@@ -81,6 +81,7 @@ private:
     Event readCompressed(size_t size);
     bool takeInflater();
     void dropInflater();
+    size_t expectedBytes() const;
     bool collect(size_t size);
     Event endMessage();
     size_t available() const { return static_cast<size_t>(mInputEnd - mInput); }

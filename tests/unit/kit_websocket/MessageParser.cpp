@@ -239,6 +239,26 @@ TEST(MessageParser, FailsInvalidTextThatIsReceivedDirectly)
     EXPECT_EQ(parsing.parser.directSpace(space), nullptr);
 }
 
+TEST(MessageParser, MovesAMessageOfManyFragmentsSeldom)
+{
+    constexpr size_t kBytes = 1 << 20;
+    for (const size_t size : {1, 64, 4096, 65536}) {
+        SCOPED_TRACE(size);
+        Parsing parsing(kBytes);
+        size_t growths = 0;
+        for (size_t sent = 0; sent < kBytes; sent += size) {
+            const size_t before = parsing.parser.buffer().capacity();
+            parsing.feed(frame(sent == 0 ? Opcode::Text : Opcode::Continuation,
+                               std::string(size, 'x'), sent + size == kBytes));
+            if (parsing.parser.buffer().capacity() != before)
+                ++growths;
+        }
+        EXPECT_EQ(parsing.events.size(), 1u);
+        EXPECT_LE(parsing.parser.buffer().capacity(), kBytes);
+        EXPECT_LE(growths, 10u);
+    }
+}
+
 TEST(MessageParser, CountsItsMemoryInTheBudget)
 {
     Budget budget(100000);
