@@ -19,17 +19,23 @@ class Budget
 public:
     explicit Budget(uint64_t limitBytes) : mLimitBytes(limitBytes) {}
 
-    // False, and nothing is counted, when the limit would be exceeded.
+    // False, and nothing is counted, when the limit would be exceeded. Others never see refused
+    // bytes counted: theirs are taken if they fit.
     bool charge(uint64_t bytes)
     {
-        if (mUsedBytes.fetch_add(bytes, std::memory_order_relaxed) + bytes <= mLimitBytes)
-            return true;
-        credit(bytes);
-        return false;
+        uint64_t used = usedBytes();
+        do {
+            if (bytes != 0 && (used > mLimitBytes || bytes > mLimitBytes - used))
+                return false;
+        } while (!mUsedBytes.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
+        return true;
     }
     void chargeAlways(uint64_t bytes) { mUsedBytes.fetch_add(bytes, std::memory_order_relaxed); }
     void credit(uint64_t bytes) { mUsedBytes.fetch_sub(bytes, std::memory_order_relaxed); }
     uint64_t usedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
+    // Whether `charge` would succeed, and whether it could while nothing else is counted.
+    bool hasSpace(uint64_t bytes) const { return usedBytes() + bytes <= mLimitBytes; }
+    bool canEverTake(uint64_t bytes) const { return bytes <= mLimitBytes; }
 
 private:
     const uint64_t mLimitBytes;

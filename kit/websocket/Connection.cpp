@@ -38,6 +38,11 @@ constexpr size_t kMaxKeptFrames = 16;
 // Unused memory of an unfinished message is given back after this time: most messages are complete
 // before, and memory that is given back and taken again costs more than a copy.
 constexpr int64_t kShrinkDelayMs = 100;
+// Smaller messages do not depend on the budget while nothing else waits: otherwise peers that do
+// not read would make the server close all others.
+constexpr size_t kMaxUnbudgetedBytes = 4096;
+// Until a refused message is tried again for which the budget had no space.
+constexpr int64_t kBudgetRetryMs = 64;
 // Callbacks of one task of the executor.
 constexpr size_t kMaxNoticesAtOnce = 16;
 
@@ -229,17 +234,19 @@ SendResult Connection::makeSpace(size_t bytes)
 {
     if (mIsCloseQueued)
         return SendResult::Closed;
-    const auto fits = [this, bytes] {
-        const size_t buffered = mBufferedBytes;
-        return buffered == 0 || buffered + bytes <= mOptions->sendQueueBytes;
-    };
-    if (fits() && mMembership->budget.charge(bytes))
+    Budget& budget = mMembership->budget;
+    const size_t buffered = mBufferedBytes;
+    if ((buffered == 0 || buffered + bytes <= mOptions->sendQueueBytes) && budget.charge(bytes))
         return SendResult::Queued;
+    if (buffered == 0 && bytes <= kMaxUnbudgetedBytes) {
+        budget.chargeAlways(bytes);
+        return SendResult::Queued;
+    }
     switch (mOptions->queuePolicy) {
     case QueuePolicy::DropNewest:
         return SendResult::Dropped;
     case QueuePolicy::Refuse:
-        return refuse();
+        return refuse(bytes);
     case QueuePolicy::DropOldest:
         return dropOldest(bytes) ? SendResult::Queued : SendResult::Dropped;
     default:
@@ -248,47 +255,62 @@ SendResult Connection::makeSpace(size_t bytes)
     }
 }
 
-// The caller waits for `onDrained`, even if the loop then sends everything without blocking. When
-// nothing waits the budget is exhausted, and the next turn tells: a caller that tries again at once
-// would keep the loop busy. Under mMutex.
-SendResult Connection::refuse() noexcept
+// The caller waits for `onDrained`, even if the loop then sends everything without blocking, or has
+// nothing to send. Under mMutex.
+SendResult Connection::refuse(size_t bytes) noexcept
 {
-    if (!mOwesDrained.exchange(true) && mBufferedBytes != 0)
+    if (bytes > kMaxUnbudgetedBytes && !mMembership->budget.canEverTake(bytes))
+        return SendResult::Dropped;
+    const size_t refused = mRefusedBytes;
+    if (refused == 0 || bytes < refused)
+        mRefusedBytes = bytes;
+    if (refused == 0)
         wakeIf(schedule());
     return SendResult::Full;
 }
 
-// Nothing is dropped when that would not be enough. Under mMutex.
+// Nothing is dropped when that would not be enough: the charges of dropped frames serve the new
+// one, and what they lack is charged before. Under mMutex.
 bool Connection::dropOldest(size_t bytes)
 {
     const size_t limit = mOptions->sendQueueBytes;
     const size_t kept = mBufferedBytes - mDroppableBytes;
     if (kept != 0 && kept + bytes > limit)
         return false;
-    for (size_t i = mQueueBegin; i < mQueue.size() && mBufferedBytes + bytes > limit; ++i)
-        dropFrame(mQueue[i]);
+    Budget& budget = mMembership->budget;
+    size_t charged = bytes - std::min(bytes, mDroppableBytes);
+    if (!budget.charge(charged))
+        return false;
+    if (budget.charge(bytes - charged))
+        charged = bytes;
+    for (size_t i = mQueueBegin;
+         i < mQueue.size() && (charged < bytes || mBufferedBytes + bytes > limit); ++i)
+        charged += dropFrame(mQueue[i], bytes - charged);
     while (mQueueBegin < mQueue.size() && mQueue[mQueueBegin].size == 0)
         ++mQueueBegin;
     compact(mQueue, mQueueBegin);
-    return mMembership->budget.charge(bytes);
+    return true;
 }
 
-// Leaves an empty frame, unless the frame must be sent. Under mMutex.
-void Connection::dropFrame(OutFrame& frame)
+// Leaves an empty frame, unless the frame must be sent. Up to `wantedBytes` of its bytes stay
+// charged; returns how many. Under mMutex.
+size_t Connection::dropFrame(OutFrame& frame, size_t wantedBytes)
 {
     if (!frame.isDroppable)
-        return;
+        return 0;
+    const size_t kept = std::min(frame.size, wantedBytes);
     mBufferedBytes -= frame.size;
     mDroppableBytes -= frame.size;
-    mMembership->budget.credit(frame.size);
+    mMembership->budget.credit(frame.size - kept);
     frame = {};
+    return kept;
 }
 
 // The messages that wait are dropped, so that the close frame leaves soon. Under mMutex.
 void Connection::overflow() noexcept
 {
     for (size_t i = mQueueBegin; i < mQueue.size(); ++i)
-        dropFrame(mQueue[i]);
+        dropFrame(mQueue[i], 0);
     mIsOverflown = true;
     try {
         wakeIf(pushClose(closecode::kTryAgainLater, kQueueIsFull));
@@ -718,17 +740,21 @@ void Connection::removeSent(size_t bytes)
     compact(mSending, mSendingBegin);
 }
 
+// False when the connection is lost.
+bool Connection::sendWaiting()
+{
+    sendOut({});
+    flush();
+    if (mIsLost)
+        lose("the connection was reset");
+    return !mIsLost;
+}
+
 // After each turn: sends, moves on to the next state, and adjusts events and deadlines.
 void Connection::settle()
 {
-    if (mState == State::Ended)
+    if (mState == State::Ended || !sendWaiting())
         return;
-    sendOut({});
-    flush();
-    if (mIsLost) {
-        lose("the connection was reset");
-        return;
-    }
     // The flag is set after the bytes of the close frame have been counted: read in this order, it
     // is never seen without them.
     const bool isCloseQueued = mIsCloseQueued;
@@ -738,25 +764,37 @@ void Connection::settle()
         if (mCloseDeadlineMs == 0)
             mCloseDeadlineMs = mLoop->mNowMs + mOptions->closeTimeout.count();
     }
-    if (mState == State::CloseSent && (mHasPeerClose || mHasFailed)) {
+    if (mState == State::CloseSent && (mHasPeerClose || mHasFailed))
         drain();
-    } else if (isAllSent && mState == State::Open && isDrainedAwaited()) {
-        mHadToWait = false;
-        tCurrent = this;
-        notify({.kind = Notice::Kind::Drained});
-        tCurrent = nullptr;
-        settle();
+    else if (isAllSent && mState == State::Open && isDrainedAwaited() && !notifyDrained())
         return;
-    }
     updateEvents();
     updateTimer();
 }
 
-// A caller that is told Full from now on is owed another call; another turn follows for it.
+// After a refused message also the budget must have space for it: `updateTimer` sets the time to
+// look again. A caller that is told Full from now on is owed another call; another turn follows for
+// it.
 bool Connection::isDrainedAwaited() noexcept
 {
-    const bool isOwed = mOwesDrained.exchange(false);
-    return isOwed || mHadToWait;
+    if (mRefusedBytes == 0)
+        return mHadToWait;
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mRefusedBytes > kMaxUnbudgetedBytes && !mMembership->budget.hasSpace(mRefusedBytes))
+        return false;
+    mRefusedBytes = 0;
+    return true;
+}
+
+// Once in a turn: a callback that always finds a reason for another call would keep the loop. The
+// frames that it queues have scheduled another turn. False when the connection is lost.
+bool Connection::notifyDrained()
+{
+    mHadToWait = false;
+    tCurrent = this;
+    notify({.kind = Notice::Kind::Drained});
+    tCurrent = nullptr;
+    return sendWaiting();
 }
 
 bool Connection::isPaused() const
@@ -798,6 +836,8 @@ void Connection::updateTimer()
         first = mCloseDeadlineMs;
     if (mShrinkMs != 0)
         first = std::min(first, mShrinkMs);
+    if (mRefusedBytes != 0 && mState == State::Open && mBufferedBytes == 0)
+        first = std::min(first, mLoop->mNowMs + kBudgetRetryMs);
     if (mIsBlocked)
         add(mProgressMs, mOptions->sendTimeout);
     if (mState == State::Open && (mEvents & EPOLLIN) != 0) {

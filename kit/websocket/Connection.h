@@ -79,9 +79,9 @@ private:
     SendResult put(Opcode opcode, bool rsv1, BinaryView payload, bool isDroppable);
     SendResult enqueue(OutFrame frame);
     SendResult makeSpace(size_t bytes);
-    SendResult refuse() noexcept;
+    SendResult refuse(size_t bytes) noexcept;
     bool dropOldest(size_t bytes);
-    void dropFrame(OutFrame& frame);
+    size_t dropFrame(OutFrame& frame, size_t wantedBytes);
     void overflow() noexcept;
     bool queueClose(uint16_t code, std::string_view reason);
     bool push(OutFrame frame);
@@ -107,6 +107,7 @@ private:
     void flush();
     bool takeQueued();
     void removeSent(size_t bytes);
+    bool sendWaiting();
     void settle();
     bool noteFailure(uint16_t code, const char* reason);
     void fail(uint16_t code, const char* reason);
@@ -115,6 +116,7 @@ private:
     void finish() noexcept;
     bool isReceiving() const { return mState == State::Open || mState == State::CloseSent; }
     bool isDrainedAwaited() noexcept;
+    bool notifyDrained();
     bool isPaused() const;
     void updateEvents();
     void updateTimer();
@@ -146,13 +148,14 @@ private:
     std::unique_ptr<Deflater> mDeflater;  // with context; under mMutex
     std::atomic<size_t> mBufferedBytes{0};
     std::atomic<bool> mIsCloseQueued{false};  // changed under mMutex: nothing is queued after it
-    std::atomic<bool> mOwesDrained{false};    // set under mMutex: a caller was told Full
-    bool mIsOverflown = false;                // under mMutex
-    bool mIsAborted = false;                  // under mMutex
-    bool mHasEnded = false;                   // under mMutex: the loop does not know it any more
-    bool mIsScheduled = false;                // under mMutex: it is in the list of its loop
-    std::shared_ptr<Connection> mSelf;        // under mMutex: while it is in that list
-    Connection* mNextReady = nullptr;         // of the list
+    // Changed under mMutex: of the smallest message that was refused since the last onDrained.
+    std::atomic<size_t> mRefusedBytes{0};
+    bool mIsOverflown = false;          // under mMutex
+    bool mIsAborted = false;            // under mMutex
+    bool mHasEnded = false;             // under mMutex: the loop does not know it any more
+    bool mIsScheduled = false;          // under mMutex: it is in the list of its loop
+    std::shared_ptr<Connection> mSelf;  // under mMutex: while it is in that list
+    Connection* mNextReady = nullptr;   // of the list
 
     // The loop's thread.
     std::unique_ptr<UpgradedConnection> mSocket;  // null when it has ended

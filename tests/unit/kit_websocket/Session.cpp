@@ -484,14 +484,155 @@ TEST(Session, ClosesWith1013WhenTheQueueIsFull)
     EXPECT_EQ(run.recorder->closed(), "close:1013:the send queue is full:lost");
 }
 
+constexpr size_t kSmallBudgetBytes = 12000;
+
+// A first session, whose peer is returned, holds most of that budget with an unfinished message of
+// 8000 bytes; then the session of the run is opened.
+std::unique_ptr<Peer> useUpBudget(SessionRun& run)
+{
+    run.open();
+    std::unique_ptr<Peer> holder = std::move(run.peer);
+    holder->send(frame(Opcode::Text, std::string(8000, 'x'), false) + frame(Opcode::Ping, "p"));
+    EXPECT_EQ(holder->receive(), "8a:p");
+    run.open();
+    EXPECT_EQ(run.recorder->event(2), "open");
+    return holder;
+}
+
 TEST(Session, TreatsAnExhaustedBudgetAsAFullQueue)
 {
-    SessionRun run(smallQueue(QueuePolicy::Refuse), {}, {}, 4096, {1, 1000});
+    const struct
+    {
+        QueuePolicy policy;
+        SendResult result;
+    } rows[] = {{QueuePolicy::Refuse, SendResult::Full},
+                {QueuePolicy::DropNewest, SendResult::Dropped},
+                {QueuePolicy::DropOldest, SendResult::Dropped},
+                {QueuePolicy::Close, SendResult::Closed}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(static_cast<int>(row.policy));
+        SessionRun run(smallQueue(row.policy), {}, {}, 4096, {1, kSmallBudgetBytes});
+        const std::unique_ptr<Peer> holder = useUpBudget(run);
+        EXPECT_EQ(run.session->sendText(std::string(5000, 'x')), row.result);
+    }
+}
+
+// Otherwise a few peers that do not read would make the server close all others.
+TEST(Session, AcceptsASmallMessageWhileNothingWaitsThoughTheBudgetIsExhausted)
+{
+    SessionRun run(smallQueue(QueuePolicy::Close), {}, {}, 4096, {1, kSmallBudgetBytes});
+    const std::unique_ptr<Peer> holder = useUpBudget(run);
+    const std::string small(4092, 's');
+    EXPECT_EQ(run.session->sendText(small), SendResult::Queued);
+    EXPECT_EQ(run.peer->receive(), "81:" + small);
+    ASSERT_TRUE(waitUntil([&] { return run.session->bufferedBytes() == 0; }));
+    EXPECT_EQ(run.session->sendText(small + 'x'), SendResult::Closed);
+}
+
+// A callback that tries again at once would otherwise be called without end.
+TEST(Session, CallsOnDrainedAfterFullWhenTheBudgetHasSpaceAgain)
+{
+    SessionRun run(smallQueue(QueuePolicy::Refuse), {}, {}, 4096, {1, kSmallBudgetBytes});
+    const std::string message(5000, 'm');
+    std::atomic<int> refused{0};
+    run.recorder->whenDrained = [&](Session& session) {
+        std::thread([&] { refused += session.sendText(message) != SendResult::Queued; }).join();
+    };
+    std::unique_ptr<Peer> holder = useUpBudget(run);
+    Peer& peer = *run.peer;
+    EXPECT_EQ(run.session->sendText(message), SendResult::Full);
+    // Turns of the loop meanwhile.
+    for (int i = 0; i < 3; ++i) {
+        peer.send(frame(Opcode::Ping, "p"));
+        EXPECT_EQ(peer.receive(), "8a:p");
+    }
+    EXPECT_EQ(peer.receive(milliseconds(300)), "nothing");
+    EXPECT_THAT(run.recorder->events(), ElementsAre("open", "open"));
+    // Nothing but the budget wakes the session.
+    holder.reset();
+    EXPECT_EQ(peer.receive(), "81:" + message);
+    EXPECT_EQ(refused, 0);
+}
+
+// Otherwise a callback that always fills the queue of a fast peer would keep the loop.
+TEST(Session, CallsOnDrainedOnceInATurn)
+{
+    SessionRun run(smallQueue(QueuePolicy::Refuse));
+    constexpr int kMaxCalls = 100000;
+    int calls = 0;
+    bool isHandledBetween = false;
+    const std::string large(2000000, 'm');
+    const auto fill = [&](Session& session) {
+        std::thread([&] {
+            EXPECT_EQ(session.sendText("a"), SendResult::Queued);
+            EXPECT_EQ(session.sendText(large), SendResult::Full);
+        }).join();
+    };
+    run.recorder->whenText = [&](Session& session, std::string_view text) {
+        isHandledBetween = text == "between";
+        if (text == "begin")
+            fill(session);
+    };
+    run.recorder->whenDrained = [&](Session& session) {
+        if (calls++ == 0)
+            run.peer->send(frame(Opcode::Text, "between"));
+        if (!isHandledBetween && calls < kMaxCalls)
+            fill(session);
+    };
+    run.open().send(frame(Opcode::Text, "begin"));
+    std::thread receiving([&] {
+        while (run.peer->receive() == "81:a") {
+        }
+    });
+    EXPECT_TRUE(waitUntil([&] {
+        const auto events = run.recorder->events();
+        return std::find(events.begin(), events.end(), "text:between") != events.end();
+    }));
+    run.session->abort();
+    receiving.join();
+    EXPECT_LT(calls, kMaxCalls);
+}
+
+TEST(Session, DropsAMessageThatExceedsTheWholeBudget)
+{
+    SessionRun run(smallQueue(QueuePolicy::Refuse), {}, {}, 0, {1, kSmallBudgetBytes});
     run.open();
-    const std::string large(2000, 'x');
-    EXPECT_EQ(run.session->sendText(large), SendResult::Full);
-    EXPECT_EQ(run.session->sendText("small"), SendResult::Queued);
-    EXPECT_EQ(run.peer->receive(), "81:small");
+    const std::string text(kSmallBudgetBytes - 3, 'x');
+    EXPECT_EQ(run.session->send(PreparedMessage::text(text)), SendResult::Dropped);
+    EXPECT_EQ(run.session->sendText(text), SendResult::Dropped);
+    EXPECT_EQ(run.session->sendText(text.substr(1)), SendResult::Queued);
+    EXPECT_EQ(run.peer->receive(), "81:" + text.substr(1));
+    EXPECT_THAT(run.recorder->events(), ElementsAre("open"));
+}
+
+// Two sessions whose peers read nothing, with 50000 bytes of the budget left.
+TEST(Session, DropsOldMessagesOnlyWhenTheNewOneThenFits)
+{
+    constexpr size_t kBudgetBytes = 4000000;
+    constexpr size_t kFreeBytes = 50000;
+    constexpr size_t kOldBytes = 100000;
+    constexpr size_t kHeaderBytes = 10;
+    WebSocketOptions options = smallQueue(QueuePolicy::DropOldest);
+    options.sendQueueBytes = 3000000;
+    SessionRun run(options, {}, {}, 4096, {1, kBudgetBytes});
+    const auto send = [](Session& session, size_t size, char first) {
+        return session.sendBinary(BinaryView(std::string_view(std::string(size, first))));
+    };
+    block(run);
+    const std::shared_ptr<Session> other = run.session;
+    const std::unique_ptr<Peer> otherPeer = std::move(run.peer);
+    block(run);
+    ASSERT_EQ(send(*run.session, kOldBytes, 'o'), SendResult::Queued);
+    const size_t used = run.session->bufferedBytes() + other->bufferedBytes();
+    ASSERT_EQ(send(*other, kBudgetBytes - kFreeBytes - used - kHeaderBytes, 'h'),
+              SendResult::Queued);
+    const size_t buffered = run.session->bufferedBytes();
+    const size_t space = options.sendQueueBytes - buffered;
+    EXPECT_EQ(send(*run.session, space + kFreeBytes, 'x'), SendResult::Dropped);
+    EXPECT_EQ(run.session->bufferedBytes(), buffered);
+    EXPECT_EQ(send(*run.session, kOldBytes + kFreeBytes, 'n'), SendResult::Queued);
+    EXPECT_EQ(run.session->bufferedBytes(), buffered + kFreeBytes);
+    EXPECT_EQ(rest(run), "n");
 }
 
 TEST(Session, ClosesWith1013WhenAMessageExceedsTheBudget)

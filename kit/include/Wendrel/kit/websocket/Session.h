@@ -19,7 +19,8 @@ namespace qv::kit::websocket
 /// Result of sending a message.
 enum class SendResult : uint8_t {
     Queued,   ///< it will be sent after all messages accepted before it
-    Dropped,  ///< the send queue is full: `QueuePolicy::DropNewest` or `DropOldest`
+    Dropped,  ///< the send queue is full: `QueuePolicy::DropNewest` or `DropOldest`; or the message
+              ///< is larger than `EngineOptions::memoryBudgetBytes`, and would never fit
     Full,     ///< the send queue is full: `QueuePolicy::Refuse`; try again in `onDrained`
     Closed    ///< the session is closed or being closed
 };
@@ -96,7 +97,10 @@ public:
     /// A pong has been received. `payload` is valid during the call.
     virtual void onPong(Session& session, BinaryView payload);
 
-    /// All messages have been sent, after some had to wait for the peer.
+    /// All messages have been sent, after some had to wait for the peer or one was refused
+    /// (`SendResult::Full`). After a refusal the memory budget also has space for the smallest
+    /// refused message: it is looked at every 64 to 128 ms. Others may use that space first; a
+    /// message that is refused again is followed by another call.
     virtual void onDrained(Session& session);
 
     /// The last callback of a session, called exactly once. `code` and `reason` are those of the
