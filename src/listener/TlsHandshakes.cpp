@@ -26,6 +26,7 @@
 #include <new>
 #include <string_view>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 
 namespace qv::impl
@@ -39,6 +40,10 @@ constexpr int kSweepMs = 100;
 constexpr int64_t kReportMs = 10000;
 constexpr int kNiceness = 5;  // above the threads that serve requests
 constexpr unsigned long kNoTimeout = std::numeric_limits<unsigned long>::max();
+
+constexpr uint64_t kWakeNumber = 0;
+
+constexpr std::string_view kTooMany = "too many handshakes at a time";
 
 constexpr std::string_view kPlainHttpBody =
     "This port serves HTTPS only: use https:// in place of http://.\n";
@@ -72,14 +77,15 @@ private:
     {
         TlsArrival arrival;
         std::unique_ptr<TlsSession> session;  // null until the first bytes have come
+        uint64_t number = 0;
         std::list<Pending>::iterator position;
         bool hasEnded = false;  // the client sends no more
-        bool isOver = false;
     };
     using List = std::list<Pending>;
 
     void run() override;
     void takeRequests();
+    bool makeSpace(const TlsArrival& arrival);
     void add(TlsArrival&& arrival);
     void proceed(Pending& pending);
     bool begin(Pending& pending);
@@ -109,7 +115,9 @@ private:
 
     // This thread.
     List mPending;  // the oldest first
-    List mRemoved;  // until their events have been handled
+    // By the number that their events have: one may still come when its connection is over.
+    std::unordered_map<uint64_t, Pending*> mPendingOf;
+    uint64_t mLastNumber = kWakeNumber;
     uint64_t mFailures = 0;
     std::string mLastFailure;
     int64_t mReportedMs = 0;
@@ -128,6 +136,7 @@ TlsHandshakes::Thread::Thread(TlsHandshakeSink& sink, std::atomic<size_t>& count
     mWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     epoll_event event{};
     event.events = EPOLLIN;
+    event.data.u64 = kWakeNumber;
     if (mEpoll < 0 || mWake < 0 || epoll_ctl(mEpoll, EPOLL_CTL_ADD, mWake, &event) != 0)
         throw std::system_error(errno, std::system_category(), "epoll");
     startThread(kThreadName);
@@ -180,26 +189,24 @@ void TlsHandshakes::Thread::run()
         const int timeout = mPending.empty() && mFailures == 0 ? -1 : kSweepMs;
         const int count = epoll_wait(mEpoll, events.data(), kMaxEvents, timeout);
         for (int i = 0; i < count; ++i) {
-            const uint32_t reported = events[static_cast<size_t>(i)].events;
-            auto* const pending = static_cast<Pending*>(events[static_cast<size_t>(i)].data.ptr);
-            if (!pending) {
+            const epoll_event& event = events[static_cast<size_t>(i)];
+            if (event.data.u64 == kWakeNumber) {
                 eventfd_t wakes = 0;
                 eventfd_read(mWake, &wakes);
-            } else if (!pending->isOver) {
-                pending->hasEnded = pending->hasEnded || (reported & EPOLLRDHUP) != 0;
-                proceed(*pending);
+            } else if (const auto found = mPendingOf.find(event.data.u64);
+                       found != mPendingOf.end()) {
+                Pending& pending = *found->second;
+                pending.hasEnded = pending.hasEnded || (event.events & EPOLLRDHUP) != 0;
+                proceed(pending);
             }
         }
-        mRemoved.clear();
         takeRequests();
         const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
         closeExpired(nowMs);
-        mRemoved.clear();
         report(nowMs);
     }
     while (!mPending.empty())
         fail(mPending.front(), {});
-    mRemoved.clear();
 }
 
 void TlsHandshakes::Thread::takeRequests()
@@ -219,24 +226,48 @@ void TlsHandshakes::Thread::takeRequests()
         closeClosing(!mustCloseAll);
 }
 
+// Ends one of those in progress for `arrival`: the oldest without a place, which would get 503, or
+// the oldest. False when `arrival` is to be closed itself.
+bool TlsHandshakes::Thread::makeSpace(const TlsArrival& arrival)
+{
+    if (mPending.size() < mLimit)
+        return true;
+    const auto isRefused = [](const Pending& pending) { return !pending.arrival.place; };
+    auto ended = std::find_if(mPending.begin(), mPending.end(), isRefused);
+    if (ended == mPending.end() && !arrival.place)
+        return false;
+    if (ended == mPending.end())
+        ended = mPending.begin();
+    fail(*ended, kTooMany);
+    return true;
+}
+
 void TlsHandshakes::Thread::add(TlsArrival&& arrival)
 {
-    if (mPending.size() >= mLimit)
-        fail(mPending.front(), "too many handshakes at a time");
     const int descriptor = arrival.descriptor;
+    if (!makeSpace(arrival)) {
+        note(arrival.peer.address, kTooMany);
+        close(descriptor);
+        --mCount;
+        return;
+    }
+    List added;
     try {
-        mPending.emplace_back();
+        added.emplace_back();
+        mPendingOf[++mLastNumber] = &added.front();
     } catch (const std::bad_alloc&) {
         close(descriptor);
         --mCount;
         return;
     }
+    mPending.splice(mPending.end(), added);
     Pending& pending = mPending.back();
     pending.arrival = std::move(arrival);
+    pending.number = mLastNumber;
     pending.position = std::prev(mPending.end());
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-    event.data.ptr = &pending;
+    event.data.u64 = pending.number;
     if (epoll_ctl(mEpoll, EPOLL_CTL_ADD, descriptor, &event) != 0)
         fail(pending, "cannot watch the connection");
 }
@@ -361,10 +392,8 @@ void TlsHandshakes::Thread::keepOrClose(int descriptor, bool keep)
 
 void TlsHandshakes::Thread::remove(Pending& pending)
 {
-    pending.isOver = true;
-    pending.arrival.place.giveUp();
-    pending.session.reset();
-    mRemoved.splice(mRemoved.end(), mPending, pending.position);
+    mPendingOf.erase(pending.number);
+    mPending.erase(pending.position);
     --mCount;
 }
 

@@ -61,7 +61,8 @@ public:
 class TlsHandshakes
 {
 public:
-    // Handshakes in progress, of all threads together. Beyond: the oldest is closed.
+    // Handshakes in progress, of all threads together. Beyond: the oldest of a connection that will
+    // be refused is closed, or else the oldest of all.
     static constexpr size_t kMaxHandshakes = 1024;
 
     // Throws std::system_error without descriptors or threads.
