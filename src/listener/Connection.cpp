@@ -261,6 +261,14 @@ void Connection::shutDown(int how)
     shutdown(mDescriptor, how);
 }
 
+// The hop learns it before the end of the daemon's side.
+void Connection::cut()
+{
+    if (hop)
+        hop->cutDown();
+    shutDown(SHUT_RDWR);
+}
+
 void Connection::watch(int epoll, uint64_t key, uint32_t events)
 {
     epoll_event event{};
@@ -303,6 +311,17 @@ int Connection::keepUntilSeen()
         return -1;
     shutdown(mDescriptor, SHUT_WR);
     return fcntl(mDescriptor, F_DUPFD_CLOEXEC, 0);
+}
+
+// The descriptor is not closed meanwhile: its daemon's thread would.
+TlsDelivered Connection::deliver(TlsDelivery&& delivery)
+{
+    int descriptor = -1;
+    {
+        const qvMutexLocker locker(&mMutex);
+        descriptor = mDescriptor;
+    }
+    return hop->deliver(std::move(delivery), descriptor);
 }
 
 bool Connection::isClosed()

@@ -4,6 +4,7 @@
 
 #include "listener/ConnectionPlaces.h"
 #include "listener/DeadlineWheel.h"
+#include "listener/TlsDelivery.h"
 #include "request/ConnectionRecord.h"
 
 #include <qvSystem/IpAddress.h>
@@ -70,6 +71,10 @@ public:
     // Given up when the daemon closes the connection, unless an upgrade has moved it on. Set by the
     // listener before the daemon has the connection, then the daemon thread's.
     ConnectionPlace place;
+
+    // The same of a secure connection, in place of `place`: also its hop holds it. The daemon
+    // thread's once the daemon has the connection.
+    std::shared_ptr<ConnectionPlace> sharedPlace;
 
     // The decrypting side of a secure connection, whose client does not have the daemon's
     // descriptor; null for others. Set as `place`, and not changed.
@@ -155,6 +160,9 @@ public:
     // Shuts the socket down (SHUT_RD, SHUT_RDWR), if it is still open. Any thread.
     void shutDown(int how);
 
+    // Shuts it down within a response, which its client must not take for whole. Any thread.
+    void cut();
+
     // Changes the events that an epoll set reports of the socket, if it is still open. Listener
     // thread.
     void watch(int epoll, uint64_t key, uint32_t events);
@@ -203,6 +211,9 @@ public:
 
     // The daemon closes the descriptor after this. Daemon thread. Returns the descriptor.
     int close();
+
+    // Of a secure connection, whose daemon has sent a response: see TlsHop. Daemon thread.
+    TlsDelivered deliver(TlsDelivery&& delivery);
 
     // Whether `close` or `detach` has been called. Any thread.
     bool isClosed();

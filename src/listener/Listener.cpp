@@ -328,9 +328,11 @@ void Listener::handlePeer(uint64_t key, uint32_t events)
         mSinks[key >> kSinkShift]->getTable().find(descriptor);
     if (!connection || connection->isShutDown)
         return;
-    // The daemon has shut down the other direction after the response.
+    // The daemon has shut down the other direction after the response. A hop whose client is lost
+    // looks the same.
     if ((events & EPOLLERR) == 0 && connection->isPeerClosed &&
-        connection->phase == Phase::Responding)
+        connection->phase == Phase::Responding &&
+        !(connection->hop && connection->hop->hasLostClient()))
         return;
     if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
         connection->abortRequest(kWriteError, false);
@@ -572,8 +574,10 @@ void Listener::takeSecured(int64_t nowMs)
 void Listener::placeSecured(TlsArrived& arrived, int64_t nowMs)
 {
     std::array<int, 2> pair{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair.data()) != 0)
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair.data()) != 0) {
+        reportExhausted("cannot serve a secure connection: ", mReportedPair);
         return;  // closes the connection
+    }
     Rollback opened([&pair] {
         close(pair[0]);
         close(pair[1]);
@@ -582,13 +586,14 @@ void Listener::placeSecured(TlsArrived& arrived, int64_t nowMs)
         setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &kPairBufferBytes, sizeof kPairBufferBytes);
     const size_t index = chooseSink();
     TlsRelay& relay = mLimits.tls->getRelay(index);
-    const auto hop = std::make_shared<TlsHop>(relay, std::move(arrived.session), pair[0]);
+    const TlsArrival& arrival = arrived.arrival;
+    const auto place = std::make_shared<ConnectionPlace>(std::move(arrived.arrival.place));
+    const auto hop = std::make_shared<TlsHop>(relay, std::move(arrived.session), pair[0], place);
     opened.commit();
     Rollback ours([&pair] { close(pair[1]); });
     relay.add(hop);
-    const TlsArrival& arrival = arrived.arrival;
     placeAt(index, {pair[1], arrival.acceptedMs, arrival.address, arrival.bytes, arrival.role},
-            arrival.peer, std::move(arrived.arrival.place), hop, nowMs);
+            arrival.peer, Place{{}, place, hop}, nowMs);
     ours.commit();
 }
 
@@ -611,13 +616,13 @@ size_t Listener::chooseSink() const
 void Listener::place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
                      int64_t nowMs)
 {
-    placeAt(chooseSink(), accepted, peer, std::move(counted), nullptr, nowMs);
+    placeAt(chooseSink(), accepted, peer, Place{std::move(counted), nullptr, nullptr}, nowMs);
 }
 
 // Every connection passes here, admitted, behind its PROXY header and its handshake: that of a
 // secure connection is the daemon's end of the pair.
-void Listener::placeAt(size_t index, const Accepted& accepted, const Peer& peer,
-                       ConnectionPlace counted, std::shared_ptr<TlsHop> hop, int64_t nowMs)
+void Listener::placeAt(size_t index, const Accepted& accepted, const Peer& peer, Place place,
+                       int64_t nowMs)
 {
     ConnectionSink& sink = *mSinks[index];
     const int descriptor = accepted.descriptor;
@@ -630,8 +635,9 @@ void Listener::placeAt(size_t index, const Accepted& accepted, const Peer& peer,
     ConnectionTable::Pointer abandoned;
     const ConnectionTable::Pointer added =
         sink.getTable().add(descriptor, peer, accepted.acceptedMs, abandoned);
-    added->place = std::move(counted);
-    added->hop = std::move(hop);
+    added->place = std::move(place.own);
+    added->sharedPlace = std::move(place.shared);
+    added->hop = std::move(place.hop);
     added->tlsIndex = accepted.role.tls;
     added->placedMs = nowMs;
     added->redirectsToHttps = accepted.role.redirectsToHttps;
@@ -647,6 +653,7 @@ void Listener::placeAt(size_t index, const Accepted& accepted, const Peer& peer,
 void Listener::connectionClosed(Connection& connection)
 {
     connection.place.giveUp();
+    connection.sharedPlace.reset();
     if (isDraining())
         wake();
 }
@@ -728,12 +735,19 @@ void Listener::closeRefused(int64_t nowMs)
     mRefused.erase(std::remove_if(mRefused.begin(), mRefused.end(), isOver), mRefused.end());
 }
 
+// Of errno; once.
+void Listener::reportExhausted(const char* what, bool& hasReported)
+{
+    const int error = errno;
+    if (!std::exchange(hasReported, true))
+        qvLogObject(qvLogObject::kWarning) << what << SystemError(error).toString();
+}
+
 // The listening sockets are always ready without descriptors to accept with.
 void Listener::pauseAccepting(int64_t nowMs)
 {
-    if (mContinueAcceptingMs == kNoDeadline && !std::exchange(mReportedLimit, true))
-        qvLogObject(qvLogObject::kWarning)
-            << "cannot accept connections: " << SystemError(errno).toString();
+    if (mContinueAcceptingMs == kNoDeadline)
+        reportExhausted("cannot accept connections: ", mReportedLimit);
     mContinueAcceptingMs = nowMs + kAcceptPauseMs;
     for (const ListeningSocket& socket : mSockets)
         unwatch(socket.getDescriptor());
@@ -879,7 +893,7 @@ void Listener::drain()
     const int64_t untilMs = std::min(mDrainDeadlineMs.load(), closedMs + kDrainLingerMs);
     takeUnseen(closedMs);
     const auto hasUnseen = [this] {
-        return !mRefused.empty() || (mLimits.tls && mLimits.tls->getDiscarding() != 0);
+        return !mRefused.empty() || (mLimits.tls && mLimits.tls->getUnseen() != 0);
     };
     while (hasUnseen() && qvSystemUtils::GetTimeBaseMs() < untilMs)
         attempt([this] { handleEvents(kDrainStepMs); });
@@ -934,7 +948,10 @@ void Listener::abortAll()
             if (phase == Phase::Body || phase == Phase::Working || phase == Phase::Responding)
                 mHasAborted = true;
             connection->abortRequest(kDaemonShutdown, false);
-            connection->shutDown(SHUT_RDWR);
+            if (phase == Phase::Responding)
+                connection->cut();
+            else
+                connection->shutDown(SHUT_RDWR);
         }
     }
     // Behind the reasons of the aborts.

@@ -135,6 +135,14 @@ private:
         ListeningSocket::Role role;
     };
 
+    // Where a connection counts, and its hop: of a secure connection it is shared with that.
+    struct Place
+    {
+        ConnectionPlace own;
+        std::shared_ptr<ConnectionPlace> shared;
+        std::shared_ptr<TlsHop> hop;
+    };
+
     // Connections of trusted proxies whose first bytes do not tell yet whether a PROXY header
     // comes, in order of acceptance.
     using Undecided = std::list<Accepted>;
@@ -151,8 +159,8 @@ private:
     void admit(const Accepted& accepted, const Peer& peer, int64_t nowMs);
     size_t chooseSink() const;
     void place(const Accepted& accepted, const Peer& peer, ConnectionPlace counted, int64_t nowMs);
-    void placeAt(size_t index, const Accepted& accepted, const Peer& peer, ConnectionPlace counted,
-                 std::shared_ptr<TlsHop> hop, int64_t nowMs);
+    void placeAt(size_t index, const Accepted& accepted, const Peer& peer, Place place,
+                 int64_t nowMs);
     void startHandshake(const Accepted& accepted, const Peer& peer, ConnectionPlace counted);
     void secured(TlsArrived&& arrived) override;
     void takeSecured(int64_t nowMs);
@@ -169,6 +177,7 @@ private:
     void takeUnseen(int64_t nowMs);
     void endBody(Connection& connection, int64_t nowMs);
     void closeRefused(int64_t nowMs);
+    static void reportExhausted(const char* what, bool& hasReported);
     void pauseAccepting(int64_t nowMs);
     void continueAccepting(int64_t nowMs);
     void endReading(Connection& connection);
@@ -209,6 +218,7 @@ private:
     int64_t mNextUploadsMs = 0;
     size_t mUploadTurn = 0;
     bool mReportedLimit = false;
+    bool mReportedPair = false;
     bool mReportedMalformed = false;
     bool mHasAborted = false;
 

@@ -68,11 +68,10 @@ size_t TlsEngine::getFlushing() const
         [](size_t sum, const auto& relay) { return sum + relay->getFlushing(); });
 }
 
-size_t TlsEngine::getDiscarding() const
+size_t TlsEngine::getUnseen() const
 {
-    return std::accumulate(
-        mRelays.begin(), mRelays.end(), size_t{0},
-        [](size_t sum, const auto& relay) { return sum + relay->getDiscarding(); });
+    return std::accumulate(mRelays.begin(), mRelays.end(), size_t{0},
+                           [](size_t sum, const auto& relay) { return sum + relay->getUnseen(); });
 }
 
 void TlsEngine::closeAll()

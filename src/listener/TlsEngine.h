@@ -44,7 +44,7 @@ public:
     // Of all relays. Any thread.
     size_t getUnfinished() const;
     size_t getFlushing() const;
-    size_t getDiscarding() const;
+    size_t getUnseen() const;
     void closeAll();
 
 private:

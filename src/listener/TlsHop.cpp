@@ -3,14 +3,19 @@
 
 #include "listener/TlsHop.h"
 
+#include "listener/Connection.h"
 #include "listener/TlsRelay.h"
 
+#include <linux/sockios.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <new>
 #include <utility>
 
 namespace qv::impl
@@ -20,7 +25,6 @@ namespace
 
 using Result = TlsSession::Result;
 
-constexpr uint64_t kMaxDiscardedBytes = 1048576;
 constexpr int kMaxReadsAtOnce = 16;
 
 bool mustWait(int error)
@@ -30,8 +34,10 @@ bool mustWait(int error)
 
 }  // namespace
 
-TlsHop::TlsHop(TlsRelay& relay, std::unique_ptr<TlsSession> session, int pair)
-    : mRelay(relay), mSession(std::move(session)), mInfo(mSession->describe()), mPair(pair)
+TlsHop::TlsHop(TlsRelay& relay, std::unique_ptr<TlsSession> session, int pair,
+               std::shared_ptr<ConnectionPlace> place)
+    : mRelay(relay), mSession(std::move(session)), mInfo(mSession->describe()),
+      mPlace(std::move(place)), mPair(pair)
 {
     ++mRelay.mUnfinished;
 }
@@ -48,23 +54,110 @@ void TlsHop::end()
 {
     mState = State::Over;
     mIsUpOver = true;
-    closePair();
+    // Before the end of the pair, at which the listener looks at it.
+    if (!mIsPairEnded)
+        mHasLostClient = true;
+    const bool hasLost = closePair() || mHandedBytes < mTakenBytes;
     if (mSession)
         mRelay.unwatch(mSession->getDescriptor());
     mSession.reset();
+    mPlace.reset();
+    endDeliveries(hasLost);
 }
 
-// A pair that is closed with unread bytes is reported to the daemon as an error.
-void TlsHop::closePair()
+// A pair that is closed with unread bytes is reported to the daemon as an error. True when there
+// were some.
+bool TlsHop::closePair()
 {
     if (mPair < 0)
-        return;
+        return false;
     mRelay.unwatch(mPair);
     shutdown(mPair, SHUT_RDWR);
+    bool hasLost = false;
     char bytes[4096];
-    while (recv(mPair, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
-    }
+    while (recv(mPair, bytes, sizeof bytes, MSG_DONTWAIT) > 0)
+        hasLost = true;
     close(std::exchange(mPair, -1));
+    return hasLost;
+}
+
+// The daemon's bytes are in the pair before the delivery is queued. Those that the relay has not
+// read then make it proceed; without any it may have proceeded before.
+TlsDelivered TlsHop::deliver(TlsDelivery&& delivery, int descriptor)
+{
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (mIsClosed)
+            return mHasLost ? TlsDelivered::Lost : TlsDelivered::Sent;
+        if (mDeliveryCount >= kMaxDeliveries)
+            return TlsDelivered::Sent;
+        try {
+            mNewDeliveries.push_back(std::move(delivery));
+        } catch (const std::bad_alloc&) {
+            return TlsDelivered::Sent;
+        }
+        ++mDeliveryCount;
+        mHasNewDeliveries = true;
+    }
+    int unreadBytes = 0;
+    if (ioctl(descriptor, SIOCOUTQ, &unreadBytes) != 0 || unreadBytes == 0)
+        mRelay.proceedLater(shared_from_this());
+    return TlsDelivered::Later;
+}
+
+// Marked with the bytes that the pair holds now: later ones belong to the next response.
+void TlsHop::takeDeliveries()
+{
+    if (!mHasNewDeliveries)
+        return;
+    const size_t known = mDeliveries.size();
+    {
+        const qvMutexLocker locker(&mMutex);
+        mDeliveries.reserve(known + mNewDeliveries.size());
+        std::move(mNewDeliveries.begin(), mNewDeliveries.end(), std::back_inserter(mDeliveries));
+        mNewDeliveries.clear();
+        mHasNewDeliveries = false;
+    }
+    int unreadBytes = 0;
+    ioctl(mPair, FIONREAD, &unreadBytes);
+    for (size_t i = known; i < mDeliveries.size(); ++i)
+        mDeliveries[i].endBytes = mTakenBytes + static_cast<uint64_t>(unreadBytes);
+}
+
+void TlsHop::completeDeliveries()
+{
+    if (mIsDownOver) {
+        endDeliveries(false);
+        return;
+    }
+    takeDeliveries();
+    const auto isUnsent = [this](const TlsDelivery& delivery) {
+        return delivery.endBytes > mHandedBytes;
+    };
+    const auto end = std::find_if(mDeliveries.begin(), mDeliveries.end(), isUnsent);
+    for (auto next = mDeliveries.begin(); next != end; ++next)
+        next->complete(*next, true);
+    mDeliveryCount -= static_cast<size_t>(end - mDeliveries.begin());
+    mDeliveries.erase(mDeliveries.begin(), end);
+}
+
+// Completes all, and takes no more. Without memory, too.
+void TlsHop::endDeliveries(bool hasLost)
+{
+    std::vector<TlsDelivery> over;
+    {
+        const qvMutexLocker locker(&mMutex);
+        over.swap(mNewDeliveries);
+        mHasNewDeliveries = false;
+        if (!std::exchange(mIsClosed, true))
+            mHasLost = hasLost;
+    }
+    for (const TlsDelivery& delivery : mDeliveries)
+        delivery.complete(delivery, !hasLost || delivery.endBytes <= mHandedBytes);
+    for (const TlsDelivery& delivery : over)
+        delivery.complete(delivery, !hasLost);
+    mDeliveryCount -= mDeliveries.size() + over.size();
+    mDeliveries.clear();
 }
 
 bool TlsHop::endReading() noexcept
@@ -79,11 +172,24 @@ bool TlsHop::endReading() noexcept
 void TlsHop::release()
 {
     mIsReleased = true;
-    if (mIsCounted.exchange(false))
+    // The relay completes those of earlier requests, and counts then.
+    if (mDeliveryCount == 0 && mIsCounted.exchange(false))
         --mRelay.mUnfinished;
 }
 
+bool TlsHop::isUnfinished() const
+{
+    return (mState == State::Forwarding && !mIsDownOver && !mIsReleased) || mDeliveryCount != 0;
+}
+
 TlsHop::State TlsHop::proceed(std::vector<char>& buffer, bool halfClosedClients)
+{
+    if (move(buffer, halfClosedClients) != State::Over)
+        completeDeliveries();
+    return mState;
+}
+
+TlsHop::State TlsHop::move(std::vector<char>& buffer, bool halfClosedClients)
 {
     if (mState == State::Discarding)
         return discard(buffer);
@@ -224,7 +330,7 @@ bool TlsHop::pumpDown(std::vector<char>& buffer)
         if (!flushDown())
             return false;
         if (mIsDownBlocked)
-            return true;
+            return !(mIsPairClosed && mustCut());
         if (mIsPairEnded)
             return endDown();
         if (!mIsPairReadable)
@@ -242,6 +348,7 @@ bool TlsHop::pumpDown(std::vector<char>& buffer)
         if (mIsPairEnded)
             continue;
         moved += static_cast<size_t>(count);
+        mTakenBytes += static_cast<uint64_t>(count);
         // Level-triggered: more bytes of the daemon are reported again, except behind its end.
         mIsPairReadable = mIsPairClosed || static_cast<size_t>(count) == buffer.size();
         if (!encrypt(buffer.data(), static_cast<size_t>(count)))
@@ -258,6 +365,7 @@ bool TlsHop::encrypt(const char* bytes, size_t size)
         size_t count = 0;
         const Result result = mSession->write(bytes + sent, size - sent, count);
         sent += count;
+        mHandedBytes += count;
         if (result == Result::Done)
             continue;
         // Half a message of a handshake: there is no renegotiation, and no write waits for one.
@@ -278,6 +386,7 @@ bool TlsHop::flushDown()
         const Result result =
             mSession->write(mDown.data() + mDownSent, mDown.size() - mDownSent, count);
         mDownSent += count;
+        mHandedBytes += count;
         if (result == Result::Done)
             continue;
         mIsDownBlocked = true;
@@ -290,8 +399,20 @@ bool TlsHop::flushDown()
     return true;
 }
 
+// The daemon has ended within a response: the client would take a part of a body without a length
+// for all of it.
+bool TlsHop::mustCut()
+{
+    if (!mIsCut)
+        return false;
+    mSession->resetAtEnd();
+    return true;
+}
+
 bool TlsHop::endDown()
 {
+    if (mustCut())
+        return false;
     const Result result = mSession->sendCloseNotify();
     mIsDownBlocked = result != Result::Done;
     if (result == Result::Done) {

@@ -124,7 +124,10 @@ void TlsRelay::run()
         while (mRemoved)
             mRemoved = std::exchange(mRemoved->mNextRemoved, nullptr);
     }
-    mHops.clear();
+    while (!mHops.empty())
+        remove(mHops.begin()->second);
+    while (mRemoved)
+        mRemoved = std::exchange(mRemoved->mNextRemoved, nullptr);
 }
 
 // The last bytes of connections that the application has closed leave first.
@@ -172,14 +175,13 @@ void TlsRelay::queue(const std::shared_ptr<TlsHop>& hop)
 // New hops, and those that another thread has asked to proceed.
 void TlsRelay::takeRequests()
 {
-    std::vector<std::shared_ptr<TlsHop>> requests;
     bool mustCloseAll = false;
     {
         const qvMutexLocker locker(&mMutex);
-        requests.swap(mRequests);
+        mTaken.swap(mRequests);
         mustCloseAll = std::exchange(mMustCloseAll, false);
     }
-    for (const std::shared_ptr<TlsHop>& hop : requests) {
+    for (const std::shared_ptr<TlsHop>& hop : mTaken) {
         if (hop->mState == TlsHop::State::Over)
             continue;
         try {
@@ -189,24 +191,30 @@ void TlsRelay::takeRequests()
             remove(hop);
         }
     }
+    mTaken.clear();
     if (!mustCloseAll)
         return;
     for (auto next = mHops.begin(); next != mHops.end();) {
         const std::shared_ptr<TlsHop> hop = (next++)->second;
-        if (!hop->mIsReleased)
+        if (!hop->mIsReleased) {
             remove(hop);
+        } else {
+            // Those of its requests before the upgrade.
+            hop->endDeliveries(true);
+            count(*hop);
+        }
     }
 }
 
 void TlsRelay::proceedQueued()
 {
-    std::vector<std::shared_ptr<TlsHop>> queued;
-    queued.swap(mQueued);
-    for (const std::shared_ptr<TlsHop>& hop : queued) {
+    mProceeding.swap(mQueued);
+    for (const std::shared_ptr<TlsHop>& hop : mProceeding) {
         hop->mIsQueued = false;
         if (hop->mState != TlsHop::State::Over)
             proceed(hop);
     }
+    mProceeding.clear();
 }
 
 // A connection for which there is no memory is closed.
@@ -287,16 +295,17 @@ void TlsRelay::unwatch(int descriptor)
 
 void TlsRelay::count(TlsHop& hop)
 {
-    const bool isCounted = hop.mState == TlsHop::State::Forwarding && !hop.mIsReleased;
+    const bool isCounted = hop.isUnfinished();
     const bool isFlushing = isCounted && hop.isFlushing();
-    const bool isDiscarding = hop.mState == TlsHop::State::Discarding;
-    const auto note = [](bool& noted, bool is, std::atomic<size_t>& number) {
+    const bool isOpen = hop.mState != TlsHop::State::Over;
+    const auto note = [](bool& noted, bool is, auto& number) {
         if (std::exchange(noted, is) != is)
             number += is ? size_t{1} : ~size_t{0};
     };
     note(hop.mIsCountedFlushing, isFlushing, mFlushing);
+    note(hop.mIsCountedDiscarding, hop.mState == TlsHop::State::Discarding, mDiscardingCount);
     // Before it is not unfinished any more: a connection is always one of both.
-    note(hop.mIsCountedDiscarding, isDiscarding, mDiscardingCount);
+    note(hop.mIsCountedUnseen, isOpen && hop.mIsDownOver && !hop.mIsReleased, mUnseen);
     if (!isCounted && hop.mIsCounted.exchange(false))
         --mUnfinished;
 }

@@ -45,14 +45,15 @@ public:
     // Closes all connections that are not released. Any thread.
     void closeAll();
 
-    // Connections that are not released and not sent to their end. Any thread, no lock, as below.
+    // Connections that are not released and not sent to their end, or whose requests are not
+    // completed. Any thread, no lock, as below.
     size_t getUnfinished() const { return mUnfinished; }
 
     // Of these, those whose daemon has closed them.
     size_t getFlushing() const { return mFlushing; }
 
-    // Connections whose clients have not seen their end.
-    size_t getDiscarding() const { return mDiscardingCount; }
+    // Connections that are sent to their end, which their clients have not seen.
+    size_t getUnseen() const { return mUnseen; }
 
 private:
     friend class TlsHop;
@@ -79,7 +80,7 @@ private:
     int mWake = -1;
     std::atomic<size_t> mUnfinished{0};
     std::atomic<size_t> mFlushing{0};
-    std::atomic<size_t> mDiscardingCount{0};
+    std::atomic<size_t> mUnseen{0};
     std::atomic<bool> mIsStopping{false};
 
     qvMutex mMutex;
@@ -88,7 +89,10 @@ private:
 
     // The thread of the relay.
     std::unordered_map<TlsHop*, std::shared_ptr<TlsHop>> mHops;
+    std::vector<std::shared_ptr<TlsHop>> mTaken;  // of `mRequests`
     std::vector<std::shared_ptr<TlsHop>> mQueued;
+    std::vector<std::shared_ptr<TlsHop>> mProceeding;  // of `mQueued`
+    size_t mDiscardingCount = 0;
     std::shared_ptr<TlsHop> mRemoved;  // with those behind it; until their events have been handled
     std::deque<std::weak_ptr<TlsHop>> mDiscarding;  // the oldest first
     std::vector<char> mBuffer;

@@ -4,6 +4,7 @@
 
 #include <qvSystem/SystemError.h>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,6 +64,12 @@ int TlsSession::releaseDescriptor()
 {
     endTls();
     return std::exchange(mDescriptor, -1);
+}
+
+void TlsSession::resetAtEnd()
+{
+    const linger atOnce{1, 0};
+    setsockopt(mDescriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
 }
 
 void TlsSession::endTls()

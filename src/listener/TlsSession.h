@@ -48,6 +48,10 @@ public:
     // Ends the direction to the peer, once everything is written.
     Result sendCloseNotify();
 
+    // The connection is reset when it is closed: its peer cannot take its end for that of the
+    // bytes.
+    void resetAtEnd();
+
     // Frees the memory of TLS; the descriptor stays.
     void endTls();
 

@@ -446,6 +446,37 @@ void reportRefused(EventDaemon& daemon, Connection& record, MHD_RequestTerminati
          reason ? reason : std::string()});
 }
 
+// Called on the thread of a relay, or a daemon thread.
+void completeDelivered(const TlsDelivery& delivery, bool isSent)
+{
+    HttpBaseRequest& request = *delivery.request;
+    if (!isSent) {
+        std::atomic<bool> aborted{false};
+        DispatchAccess::abort(request.getResponseDevice(), kWriteError, false, aborted);
+        DispatchAccess::abort(request.getReceiveDevice(), kWriteError);
+        if (!delivery.isAbortReported)
+            request.onAborted(kWriteError);
+    }
+    try {
+        CompleteRequest(&static_cast<EventDaemon*>(delivery.closure)->getServer(), request,
+                        isSent ? MHD_REQUEST_TERMINATED_COMPLETED_OK
+                               : MHD_REQUEST_TERMINATED_WITH_ERROR);
+    } catch (const std::bad_alloc&) {
+        // Of the text of an error, which comes last: the device is in error already.
+    }
+}
+
+// The daemon has sent the response to the hop, which completes the request when the last record has
+// left.
+void deliver(EventDaemon& daemon, Connection& record, HttpBaseRequest& request)
+{
+    const TlsDelivery delivery{&completeDelivered, &daemon, &request, record.shared_from_this(),
+                               record.progress.isAbortReported};
+    const TlsDelivered delivered = record.deliver(TlsDelivery(delivery));
+    if (delivered != TlsDelivered::Later)
+        completeDelivered(delivery, delivered == TlsDelivered::Sent);
+}
+
 }  // namespace
 
 Connection* ConnectionOf(MHD_Connection* connection)
@@ -558,6 +589,9 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
     } else if (record) {
         reportRefused(daemon, *record, code);
     }
+    HttpBaseRequest* sent = nullptr;
+    if (record && record->hop && code == MHD_REQUEST_TERMINATED_COMPLETED_OK && context)
+        sent = std::exchange(context->request, nullptr);
     // The daemon completes the request of an upgraded connection with its own mutex held, under
     // which no mutex of a request or connection is taken.
     if (record && !record->progress.isUpgraded)
@@ -567,6 +601,8 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
     } catch (const std::bad_alloc&) {
         // Of the text of an error, which comes last: the device is in error already.
     }
+    if (sent)
+        deliver(daemon, *record, *sent);
     if (record && record->progress.isUpgraded)
         return;
     // The daemon may have missed the report of the end.

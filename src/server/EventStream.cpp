@@ -23,12 +23,18 @@ namespace
 
 // The daemon does not close the connection of a reader that ends a body otherwise than by its
 // chunks or its length: it forgets the connection until another event of its thread. A send that
-// fails is handled at once.
-ssize_t endByClosing(Connection& record, char* buffer)
+// fails, on a connection that has been shut down, is handled at once.
+ssize_t sendUnsuccessfully(char* buffer)
 {
-    record.shutDown(SHUT_RDWR);
     *buffer = 0;
     return 1;
+}
+
+// The body ends before its end.
+ssize_t cutOff(Connection& record, char* buffer)
+{
+    record.cut();
+    return sendUnsuccessfully(buffer);
 }
 
 // The end of a body of unknown length.
@@ -36,8 +42,11 @@ ssize_t endBody(Connection& record, char* buffer)
 {
     if (record.progress.isChunked)
         return MHD_CONTENT_READER_END_OF_STREAM;
-    record.progress.isEndedByClosing = record.progress.isHttp10 && !record.progress.isLengthKnown;
-    return endByClosing(record, buffer);
+    if (!record.progress.isHttp10 || record.progress.isLengthKnown)
+        return cutOff(record, buffer);
+    record.progress.isEndedByClosing = true;
+    record.shutDown(SHUT_RDWR);
+    return sendUnsuccessfully(buffer);
 }
 
 bool isOver(const Connection& record, const HttpResponseDevice& device)
@@ -73,7 +82,7 @@ ssize_t failSource(Connection& record, char* buffer, const char* why, uint64_t p
 {
     qvLogObject(qvLogObject::kWarning)
         << "body source failed: " << why << " after " << position << " bytes";
-    return endByClosing(record, buffer);
+    return cutOff(record, buffer);
 }
 
 // Content reader of a body from a source; `closure` is the HttpBaseRequest.
@@ -83,7 +92,7 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
     auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
     HttpResponseDevice& device = request.getResponseDevice();
     if (isOver(record, device))
-        return endByClosing(record, buffer);
+        return cutOff(record, buffer);
     BodySource& source = *DispatchAccess::source(device);
     const BodyRead part = source.read(position, buffer, size);
     switch (part.state) {
@@ -102,7 +111,7 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
             return failSource(record, buffer, "it ended too early,", position);
         return endBody(record, buffer);
     default:
-        return endByClosing(record, buffer);
+        return cutOff(record, buffer);
     }
 }
 
@@ -175,7 +184,7 @@ ssize_t ReadEventContent(void* closure, uint64_t, char* buffer, size_t size)
     auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
     HttpResponseDevice& device = request.getResponseDevice();
     if (isOver(record, device))
-        return endByClosing(record, buffer);
+        return cutOff(record, buffer);
     bool ended = false;
     bool endedToo = false;
     const size_t copied = device.sendChunksThreadSafe(buffer, size, ended, endedToo);

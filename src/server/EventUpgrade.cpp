@@ -73,7 +73,7 @@ void endBodyOfUpgrade(HttpBaseRequest& request)
 struct SecurePlace
 {
     std::shared_ptr<TlsEngine> tls;
-    ConnectionPlace place;  // given up first
+    std::shared_ptr<ConnectionPlace> place;  // given up first
 };
 
 std::shared_ptr<void> makePlace(const EventDaemon& daemon, Connection& record)
@@ -81,7 +81,7 @@ std::shared_ptr<void> makePlace(const EventDaemon& daemon, Connection& record)
     if (!record.hop)
         return std::make_shared<ConnectionPlace>(std::move(record.place));
     return std::make_shared<SecurePlace>(
-        SecurePlace{daemon.getListener().getTls(), std::move(record.place)});
+        SecurePlace{daemon.getListener().getTls(), std::move(record.sharedPlace)});
 }
 
 void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)

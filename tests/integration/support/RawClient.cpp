@@ -138,6 +138,15 @@ RawClient::RawClient(Connected connected) : mDescriptor(connected.descriptor)
         mTls = std::make_unique<TlsEnd>(mDescriptor);
 }
 
+RawClient::RawClient(Connected connected, const TlsEnd::Prepare& prepare)
+    : mDescriptor(connected.descriptor)
+{
+    if (mDescriptor < 0)
+        throw std::runtime_error("not connected");
+    setLimits(mDescriptor);
+    mTls = std::make_unique<TlsEnd>(mDescriptor, prepare);
+}
+
 RawClient::~RawClient()
 {
     close();

@@ -45,6 +45,9 @@ public:
     };
     explicit RawClient(Connected connected);
 
+    /// The same over TLS, in any mode.
+    RawClient(Connected connected, const TlsEnd::Prepare& prepare);
+
     /// A connection over TLS, in any mode; `isSecure` tells whether the handshake has succeeded.
     RawClient(uint16_t port, const TlsEnd::Prepare& prepare);
 
