@@ -50,7 +50,7 @@ CertificateWatch::States CertificateWatch::look() const
         State state;
         if (stat(path.c_str(), &found) == 0)
             state = {found.st_dev, found.st_ino, found.st_size,
-                     found.st_mtim.tv_sec * kNsPerSecond + found.st_mtim.tv_nsec};
+                     found.st_ctim.tv_sec * kNsPerSecond + found.st_ctim.tv_nsec};
         states.push_back(state);
     }
     return states;

@@ -20,8 +20,6 @@ public:
     // Notes the files as they are now.
     explicit CertificateWatch(const std::vector<http::TlsOptions>& tls);
 
-    bool isEmpty() const { return mPaths.empty(); }
-
     // True once after a change, when the files have been the same for two calls: a job that writes
     // several files is not disturbed.
     bool hasChanged();
@@ -32,7 +30,7 @@ private:
         dev_t device = 0;
         ino_t number = 0;
         off_t bytes = 0;
-        int64_t changedNs = 0;
+        int64_t changedNs = 0;  // also by a change of its owner or its mode
 
         bool operator==(const State& other) const;
     };
