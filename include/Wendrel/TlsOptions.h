@@ -70,8 +70,8 @@ struct WENDREL_EXPORT TlsOptions
     /// Certificates of the authorities in PEM: a path or the text itself.
     std::string clientAuthorities;
 
-    /// Seconds of the header `Strict-Transport-Security: max-age=...` that each response gets
-    /// unless the application has set one. 0: none.
+    /// Seconds of the header `Strict-Transport-Security: max-age=...` that each response of the
+    /// application gets unless it has one. 0: none.
     uint32_t strictTransportSeconds = 0;
 };
 
