@@ -245,6 +245,8 @@ NOT_FOR_USERS = {
     "src/listener/TlsHandshakes.cpp kMaxEvents": "events fetched at once",
     "src/listener/TlsHandshakes.cpp kSweepMs": "interval of checks",
     "src/listener/TlsHandshakes.cpp kNoTimeout": "means: none",
+    "src/listener/TlsDelivery.h kNotMarked": "no position yet",
+    "src/listener/TlsHandshakes.cpp kWakeNumber": "tells events apart",
     "src/listener/TlsHop.cpp kMaxReadsAtOnce": "divides the reading of ended connections",
     "src/listener/TlsHop.h kTurnBytes": "how long other connections wait",
     "src/listener/TlsHop.h kBufferBytes": "of a thread",
