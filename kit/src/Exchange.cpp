@@ -2,11 +2,13 @@
 
 #include "Exchange.h"
 
-#include "ErrorBody.h"
 #include "FormReader.h"
+#include "HookTable.h"
 #include "KitLog.h"
 #include "RouteTable.h"
 #include "ServerCore.h"
+
+#include <Wendrel/kit/Middleware.h>
 
 #include <qvSystem/Rollback.h>
 #include <qvSystem/qvThread.h>
@@ -127,11 +129,162 @@ void Exchange::begin()
 {
     guard([this] {
         Refusal refusal;
-        if (findRoute(refusal))
+        const bool isRouted = findRoute(refusal);
+        if (!mCore.hooks().before.empty() && !hasParseError())
+            beginWithHooks(isRouted, std::move(refusal));
+        else if (isRouted)
             beginBody();
         else
             refuseAfterBody(std::move(refusal));
     });
+}
+
+void Exchange::beginWithHooks(bool isRouted, Refusal&& refusal)
+{
+    const HookRun run = runHooks(false);
+    if (run == HookRun::Ended) {
+        mIsDispatched = true;
+        return;
+    }
+    const bool needsWorker = run == HookRun::NeedsWorker;
+    if (isRouted) {
+        beginBody();
+    } else if (needsWorker) {
+        mHasUpload = hasUpload();
+        mRefusal = std::make_unique<Refusal>(std::move(refusal));
+    } else {
+        refuseAfterBody(std::move(refusal));
+    }
+    // The hooks do not wait for the body. Without one they run right before the handler.
+    if (!needsWorker || !mHasUpload || mIsDispatched || !isOpen())
+        return;
+    mHooked->isBeforeBody = true;
+    submit();
+}
+
+// The hooks that are left, up to one that responds, or needs a worker.
+Exchange::HookRun Exchange::runHooks(bool isOnWorker)
+{
+    const std::vector<HookTable::Before>& hooks = mCore.hooks().before;
+    const std::string& path = getUrl().path();
+    const auto isMatching = [&](const HookTable::Before& each) {
+        return each.prefix.matches(path);
+    };
+    if (!mHooked) {
+        const auto first = std::find_if(hooks.begin(), hooks.end(), isMatching);
+        if (first == hooks.end())
+            return HookRun::Passed;
+        mHooked = std::make_unique<Hooked>();
+        mHooked->next = static_cast<size_t>(first - hooks.begin());
+    }
+    HookRun run = HookRun::Ended;
+    mHooked->isRunning = true;
+    const Rollback running([this] { mHooked->isRunning = false; });
+    callApplication("the hook failed: ", [&] {
+        Request request(*this);
+        request.mHead = std::move(mHooked->head);
+        for (size_t& at = mHooked->next; at < hooks.size(); ++at) {
+            if (!isMatching(hooks[at]))
+                continue;
+            if (!isOnWorker && hooks[at].thread == HookThread::Worker) {
+                mHooked->isPending = true;
+                break;
+            }
+            hooks[at].hook(request);
+            if (mIsDeferred || !isOpen())
+                return;
+        }
+        mHooked->head = std::move(request.mHead);
+        run = !isOnWorker && mHooked->isPending ? HookRun::NeedsWorker : HookRun::Passed;
+    });
+    return run;
+}
+
+// A worker.
+void Exchange::serveWithHooks() noexcept
+{
+    guard([this] {
+        if (runHooks(true) != HookRun::Passed)
+            return;
+        mHooked->isPending = false;
+        if (mRefusal) {
+            refuse(By::Server, std::move(*mRefusal));
+        } else if (!mHooked->isBeforeBody) {
+            callHandler();
+        } else if (mHooked->arrive(Hooked::kHooksPassed)) {
+            startClock();
+            callHandler();
+        }
+    });
+}
+
+// The body has not been received, and there may be no route.
+void Exchange::refuseInHook() const
+{
+    if (mHooked && mHooked->isRunning)
+        throw std::logic_error("a hook neither reads the body nor starts a stream");
+}
+
+// Of a response that has been claimed. False: it is 500.
+bool Exchange::callAfterHooks(ResponseHead& head, int status) noexcept
+{
+    constexpr const char* kWhat = "the hook after the handler failed: ";
+    const std::vector<HookTable::After>& hooks = mCore.hooks().after;
+    if (hooks.empty())
+        return true;
+    try {
+        const Request request(*this);
+        const std::string_view path = hasParseError() ? std::string_view() : getUrl().path();
+        const int64_t length = head.contentLength();
+        for (const HookTable::After& each : hooks) {
+            if (each.prefix.matches(path))
+                each.hook(request, status, head);
+        }
+        head.setContentLength(length);
+        if (head.error().empty())
+            return true;
+        log(head.error());
+    } catch (const std::exception& error) {
+        log(kWhat, error.what());
+    } catch (...) {
+        log(kWhat, kOtherException);
+    }
+    return false;
+}
+
+void Exchange::callErrorHook(int status, const std::string& message, ErrorBody& body) noexcept
+{
+    constexpr const char* kWhat = "the hook onError failed: ";
+    try {
+        const Request request(*this);
+        ErrorResponse response{status, message, body.text, body.type};
+        mCore.hooks().onError(request, response);
+        ResponseHead checked;
+        checked.setHeader("Content-Type", response.type.value());
+        if (checked.error().empty())
+            body = {std::move(response.body), std::move(response.type)};
+        else
+            log(kWhat, checked.error());
+    } catch (const std::exception& error) {
+        log(kWhat, error.what());
+    } catch (...) {
+        log(kWhat, kOtherException);
+    }
+}
+
+void Exchange::attach(const std::type_info& type, std::shared_ptr<const void> value)
+{
+    const qvMutexLocker locker(&mGoneMutex);
+    mAttached.emplace_back(&type, std::move(value));
+}
+
+// The newest of the type.
+const void* Exchange::findAttached(const std::type_info& type) const
+{
+    const qvMutexLocker locker(&mGoneMutex);
+    const auto found = std::find_if(mAttached.rbegin(), mAttached.rend(),
+                                    [&](const Attached& each) { return *each.first == type; });
+    return found == mAttached.rend() ? nullptr : found->second.get();
 }
 
 bool Exchange::findRoute(Refusal& refusal)
@@ -215,10 +368,13 @@ void Exchange::onBodyComplete()
         continueDelivery();
         return;
     }
+    // The worker goes on when the hooks have passed.
+    if (mHooked && mHooked->isBeforeBody && !mHooked->arrive(Hooked::kBodyComplete))
+        return;
     guard([this] {
-        if (mRefusal)
+        if (mRefusal && !hasPendingHooks())
             refuse(By::Server, std::move(*mRefusal));
-        else if (mRoute && isOpen())
+        else if ((mRoute || hasPendingHooks()) && isOpen())
             dispatch();
     });
 }
@@ -229,6 +385,9 @@ void Exchange::onBodyPaused(uint64_t queuedBytes)
     if (mIsDispatched || !isOpen())
         return;
     getReceiveDevice().discardReceived();
+    // A worker refuses it.
+    if (!mRoute && mHooked && mHooked->isBeforeBody)
+        return;
     guard([&] {
         if (mRefusal) {
             refuse(By::Server, std::move(*mRefusal));
@@ -278,12 +437,25 @@ void Exchange::dispatch()
     mIsDispatched = true;
     if (!isOpen())
         return;
-    if (mRoute->mResponseTimeout.count() > 0)
-        setDeadline(mRoute->mResponseTimeout, kUnavailable);
-    retain();
-    if (mRoute->mIsNonBlocking) {
+    startClock();
+    if (hasPendingHooks() || !mRoute->mIsNonBlocking) {
+        submit();
+    } else {
+        retain();
         serve();
-    } else if (!mCore.workers().submit(*this)) {
+    }
+}
+
+void Exchange::startClock()
+{
+    if (mRoute && mRoute->mResponseTimeout.count() > 0)
+        setDeadline(mRoute->mResponseTimeout, kUnavailable);
+}
+
+void Exchange::submit()
+{
+    retain();
+    if (!mCore.workers().submit(*this)) {
         const Rollback retained([this] { release(); });
         refuseBusy();
     }
@@ -292,30 +464,44 @@ void Exchange::dispatch()
 // The one place where a handler is called.
 void Exchange::serve()
 {
-    if (isOpen())
-        callHandler();
+    if (isOpen()) {
+        if (hasPendingHooks())
+            serveWithHooks();
+        else
+            callHandler();
+    }
     release();
+}
+
+// For functions of the application that respond.
+template <typename Action> void Exchange::callApplication(const char* failure, const Action& action)
+{
+    try {
+        action();
+    } catch (const HttpError& error) {
+        fail(error);
+    } catch (const std::exception& error) {
+        log(failure, error.what());
+        fail(HttpError(kServerError));
+    } catch (...) {
+        log(failure, kOtherException);
+        fail(HttpError(kServerError));
+    }
 }
 
 void Exchange::callHandler() noexcept
 {
     bool isEnded = false;
     guard([&] {
-        try {
+        callApplication("the handler failed: ", [this] {
             {
                 Request request(*this);
+                if (mHooked)
+                    request.mHead = std::move(mHooked->head);
                 mRoute->mHandler(request);
             }
             endHandler();
-        } catch (const HttpError& error) {
-            fail(error);
-        } catch (const std::exception& error) {
-            log("the handler failed: ", error.what());
-            fail(HttpError(kServerError));
-        } catch (...) {
-            log("the handler failed: ", kOtherException);
-            fail(HttpError(kServerError));
-        }
+        });
         isEnded = true;
     });
     if (!isEnded && mIsStream)
@@ -350,7 +536,7 @@ void Exchange::fail(const HttpError& error)
 void Exchange::deliverBody(std::function<void(std::string_view)> onPiece,
                            std::function<void()> onComplete)
 {
-    if (!mRoute->mIsStreaming)
+    if (!mRoute || !mRoute->mIsStreaming)
         throw std::logic_error("onBody in a route that is not streaming");
     auto delivery = std::make_unique<BodyDelivery>(std::make_shared<BodyDelivery::Callbacks>(
         BodyDelivery::Callbacks{std::move(onPiece), std::move(onComplete)}));
@@ -535,8 +721,13 @@ bool Exchange::respond(By by, Response& response)
         reportClaimed(by);
         return false;
     }
-    mHead.set(std::move(response.head), response.status);
-    const bool isSent = publish(std::move(response.source));
+    bool isSent = callAfterHooks(response.head, response.status);
+    if (isSent) {
+        mHead.set(std::move(response.head), response.status);
+        isSent = publish(std::move(response.source));
+    } else {
+        publishFailure();
+    }
     // Of a deferred response: nobody else calls this for the application.
     if (by == By::Application && mIsDeferred)
         dropCallbacks(!response.isStream);
@@ -545,16 +736,36 @@ bool Exchange::respond(By by, Response& response)
 
 bool Exchange::respondError(By by, ResponseHead&& head, int status, const std::string& message)
 {
+    Response response = makeError(std::move(head), status, message);
+    return respond(by, response);
+}
+
+Exchange::Response Exchange::makeError(ResponseHead&& head, int status, const std::string& message)
+{
     const int sent = isError(status) ? status : kServerError;
     const std::string* const accept = getHeaders().findLine("accept");
     ErrorBody body = makeErrorBody(accept ? *accept : std::string_view(), sent, message);
+    if (mCore.hooks().onError)
+        callErrorHook(sent, message, body);
     Response response;
     response.head = std::move(head);
     response.head.addHeader("Vary", "Accept");
+    response.head.setHeader("Content-Type", body.type.value());
     response.status = sent;
-    response.type = &body.type;
     response.source = makeText(std::move(body.text));
-    return respond(by, response);
+    return response;
+}
+
+// In place of a response that has been claimed.
+void Exchange::publishFailure() noexcept
+{
+    try {
+        Response response = makeError(ResponseHead(), kServerError, std::string());
+        mHead.set(std::move(response.head), response.status);
+        publishSource(std::move(response.source));
+    } catch (...) {
+        breakOff();
+    }
 }
 
 bool Exchange::publish(std::unique_ptr<BodySource> source) noexcept
@@ -643,6 +854,11 @@ void Exchange::report() const
     over.receivedBytes = getReceiveDevice().getReceivedBytes();
     over.duration = mDuration;
     over.abortReason = mAbortReason;
+    if (const auto* const id = static_cast<const RequestId*>(findAttached(typeid(RequestId))))
+        over.requestId = id->text;
+    const void* const user = findAttached(typeid(AuthenticatedUser));
+    if (user)
+        over.user = static_cast<const AuthenticatedUser*>(user)->name;
     mCore.report(over);
 }
 
@@ -709,15 +925,20 @@ void Exchange::setDeadline(std::chrono::milliseconds limit, int status)
 
 const std::string& Exchange::pathParameter(std::string_view name)
 {
+    if (!mRoute)
+        throw std::logic_error("no route: no path parameter \"" + std::string(name) + "\"");
     for (const Route::Parameter& parameter : mRoute->mParameters) {
         if (parameter.name != name)
             continue;
         const std::vector<std::string>& path = getUrl().pathSegments();
         if (!parameter.isRest)
             return path[parameter.segment];
-        mRest.clear();
-        for (size_t at = parameter.segment; at < path.size(); ++at)
-            mRest.append(at == parameter.segment ? "" : "/").append(path[at]);
+        std::call_once(mRestMade, [&] {
+            std::string rest;
+            for (size_t at = parameter.segment; at < path.size(); ++at)
+                rest.append(at == parameter.segment ? "" : "/").append(path[at]);
+            mRest = std::move(rest);
+        });
         return mRest;
     }
     throw std::logic_error("the route has no path parameter \"" + std::string(name) + "\"");
@@ -725,6 +946,7 @@ const std::string& Exchange::pathParameter(std::string_view name)
 
 const std::string& Exchange::body()
 {
+    refuseInHook();
     if (!mHasBody) {
         mBody = readAll(mRoute->mHasMaxBodyBytes ? mRoute->mMaxBodyBytes : mCore.maxBodyBytes());
         mHasBody = true;
@@ -741,6 +963,7 @@ const Form& Exchange::form(std::string_view contentType, const FormLimits& limit
 
 size_t Exchange::readBody(char* buffer, size_t size)
 {
+    refuseInHook();
     HttpReceiveDevice& device = getReceiveDevice();
     const size_t got = device.readBytes(buffer, size);
     if (got != size && device.hasDeviceError())
@@ -771,6 +994,7 @@ std::string Exchange::readAll(uint64_t limitBytes)
 
 bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int status)
 {
+    refuseInHook();
     if (mRoute->mIsNonBlocking) {
         log("startStream refused: the route is nonBlocking");
         return false;
@@ -795,6 +1019,10 @@ bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int sta
     const std::string thread = qvThread::CurrentThreadId();
     if (!claim(By::Application)) {
         reportClaimed(By::Application);
+        return false;
+    }
+    if (!callAfterHooks(response.head, status)) {
+        publishFailure();
         return false;
     }
     mIsStream = true;

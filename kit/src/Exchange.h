@@ -4,6 +4,7 @@
 
 #include "BodyDelivery.h"
 #include "DeadlineQueue.h"
+#include "ErrorBody.h"
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
@@ -21,8 +22,12 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace qv::kit
 {
@@ -111,6 +116,8 @@ public:
     static void serveWebSocket(Request& request,
                                const std::shared_ptr<const websocket::WebSocketOptions>& options,
                                const WebSocketHandler& accept);
+    void attach(const std::type_info& type, std::shared_ptr<const void> value);
+    const void* findAttached(const std::type_info& type) const;
     void noteDeferred() { mIsDeferred = true; }
     bool isDeferred() const { return mIsDeferred; }
 
@@ -160,7 +167,37 @@ private:
         std::string message;
     };
 
+    // Of a request with a hook before its handler. Used by the daemon until a worker runs hooks,
+    // and again when both have arrived.
+    struct Hooked
+    {
+        static constexpr uint8_t kHooksPassed = 1;
+        static constexpr uint8_t kBodyComplete = 2;
+
+        // True for the last of both, which goes on with the request.
+        bool arrive(uint8_t part) { return arrived.fetch_or(part) != 0; }
+
+        size_t next = 0;            // hook
+        bool isPending = false;     // hooks are left for a worker
+        bool isBeforeBody = false;  // which runs them while the body is received
+        bool isRunning = false;
+        std::atomic<uint8_t> arrived{0};
+        ResponseHead head;  // for the handler
+    };
+
+    enum class HookRun : uint8_t { Passed, Ended, NeedsWorker };
+
     bool findRoute(Refusal& refusal);
+    HookRun runHooks(bool isOnWorker);
+    void beginWithHooks(bool isRouted, Refusal&& refusal);
+    void serveWithHooks() noexcept;
+    bool hasPendingHooks() const { return mHooked && mHooked->isPending; }
+    void refuseInHook() const;
+    bool callAfterHooks(ResponseHead& head, int status) noexcept;
+    void callErrorHook(int status, const std::string& message, ErrorBody& body) noexcept;
+    template <typename Action> void callApplication(const char* failure, const Action& action);
+    void submit();
+    void startClock();
     void beginBody();
     void refuse(By by, Refusal&& refusal);
     void refuseAfterBody(Refusal&& refusal);
@@ -171,11 +208,13 @@ private:
     template <typename Action> void guard(const Action& action) noexcept;
 
     bool isSendable(By by, const Response& response);
+    Response makeError(ResponseHead&& head, int status, const std::string& message);
     bool claim(By by);
     void reportClaimed(By by) const;
     void acceptUpgrade(ResponseHead&& head, std::unique_ptr<Upgrade> upgrade);
     bool publish(std::unique_ptr<BodySource> source) noexcept;
     bool publishSource(std::unique_ptr<BodySource> source);
+    void publishFailure() noexcept;
     void breakOff() noexcept;
     void callHandler() noexcept;
     void endHandler();
@@ -199,6 +238,7 @@ private:
     std::unique_ptr<Refusal> mRefusal;  // that follows the body; the daemon thread's
     bool mHasUpload = false;            // the daemon thread's until the handler runs
     bool mIsDispatched = false;         // the daemon thread's
+    std::unique_ptr<Hooked> mHooked;    // set by the daemon thread; null: no hook
     Head mHead;
     std::unique_ptr<Upgrade> mUpgrade;  // set before the response is announced
 
@@ -214,10 +254,15 @@ private:
     uint64_t mReadBytes = 0;
     std::string mBody;
     std::unique_ptr<const Form> mForm;
+    std::once_flag mRestMade;
     std::string mRest;  // of the path
 
-    qvMutex mGoneMutex;
+    mutable qvMutex mGoneMutex;
     std::function<void()> mGoneCallback QV_GUARDED_BY(mGoneMutex);
+
+    // Values are not removed: a hook of a deadline may read one while the handler goes on.
+    using Attached = std::pair<const std::type_info*, std::shared_ptr<const void>>;
+    std::vector<Attached> mAttached QV_GUARDED_BY(mGoneMutex);
 
     // Guarded by the mutex of the deadlines; the flag is also looked at without.
     std::atomic<bool> mHasDeadline{false};

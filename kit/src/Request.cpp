@@ -242,6 +242,21 @@ bool Request::finish()
     return mExchange->finish();
 }
 
+void Request::attachValue(const std::type_info& type, std::shared_ptr<const void> value)
+{
+    mExchange->attach(type, std::move(value));
+}
+
+const void* Request::attachedValue(const std::type_info& type) const
+{
+    return mExchange->findAttached(type);
+}
+
+void Request::refuseMissing(const std::type_info& type)
+{
+    throw std::logic_error(std::string("no hook has attached a value of the type ") + type.name());
+}
+
 DeferredResponse Request::defer()
 {
     if (mIsHandedOn || mExchange->hasResponse())

@@ -2,6 +2,7 @@
 
 #include "RouteTable.h"
 
+#include "HookTable.h"
 #include "KitLog.h"
 
 #include <algorithm>
@@ -258,7 +259,7 @@ Route& Route::responseTimeout(std::chrono::milliseconds limit)
     return *this;
 }
 
-Router::Router() : mTable(std::make_unique<RouteTable>()) {}
+Router::Router() : mTable(std::make_unique<RouteTable>()), mHooks(std::make_unique<HookTable>()) {}
 
 Router::~Router() = default;
 
@@ -300,6 +301,45 @@ Route& Router::options(const std::string& pattern, Handler handler)
 Route& Router::any(const std::string& pattern, Handler handler)
 {
     return mTable->add(RouteTable::kAny, pattern, std::move(handler));
+}
+
+// Requests read the hooks without a lock.
+bool Router::mayHook(const char* what) const
+{
+    if (mTable->isFrozen())
+        LogOfRoute(what, "not added: the server has been started");
+    return !mTable->isFrozen();
+}
+
+void Router::before(const std::string& prefix, Hook hook, HookThread thread)
+{
+    PathPrefix paths(prefix);
+    if (hook && mayHook("a hook before handlers"))
+        mHooks->before.push_back({std::move(paths), std::move(hook), thread});
+}
+
+void Router::after(const std::string& prefix, AfterHook hook)
+{
+    PathPrefix paths(prefix);
+    if (hook && mayHook("a hook after handlers"))
+        mHooks->after.push_back({std::move(paths), std::move(hook)});
+}
+
+void Router::use(const std::string& prefix, Middleware middleware)
+{
+    before(prefix, std::move(middleware.before), middleware.thread);
+    after(prefix, std::move(middleware.after));
+}
+
+void Router::onError(ErrorHook hook)
+{
+    if (mayHook("a hook for errors"))
+        mHooks->onError = std::move(hook);
+}
+
+RouteGroup Router::group(const std::string& prefix)
+{
+    return {*this, prefix};
 }
 
 }  // namespace qv::kit

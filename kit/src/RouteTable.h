@@ -43,6 +43,7 @@ public:
     // Routes do not change any more. `workers` runs the callbacks of sessions whose route says so.
     // Throws std::invalid_argument for options that exclude each other.
     void freeze(const websocket::WebSocketOptions::Executor& workers);
+    bool isFrozen() const { return mIsFrozen; }
 
     // Null when no pattern fits.
     const Target* find(const std::vector<std::string>& path) const;

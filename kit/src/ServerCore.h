@@ -55,6 +55,7 @@ public:
 
     // The requests.
     const RouteTable& routes() const { return *mRouter.mTable; }
+    const HookTable& hooks() const { return *mRouter.mHooks; }
     DeadlineQueue& deadlines() { return mDeadlines; }
     WorkerPool& workers() { return mWorkers; }
     uint64_t maxBodyBytes() const { return mMaxBodyBytes; }

@@ -82,6 +82,10 @@ void Exchange::acceptUpgrade(ResponseHead&& head, std::unique_ptr<Upgrade> upgra
         reportClaimed(By::Application);
         return;
     }
+    if (!callAfterHooks(head, kSwitchingProtocols)) {
+        publishFailure();
+        return;
+    }
     mUpgrade = std::move(upgrade);
     mHead.set(std::move(head), kSwitchingProtocols);
     try {

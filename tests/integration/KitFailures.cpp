@@ -8,6 +8,7 @@
 #include "support/ProcessCounts.h"
 
 #include <Wendrel/BodySource.h>
+#include <Wendrel/kit/Middleware.h>
 
 #include <atomic>
 #include <cstdint>
@@ -23,16 +24,11 @@ namespace integration
 namespace
 {
 
+using namespace qv::kit;
 using qv::BodySource;
-using qv::kit::CompletedRequest;
-using qv::kit::ContentType;
-using qv::kit::DeferredResponse;
-using qv::kit::DeferredStream;
-using qv::kit::HttpError;
-using qv::kit::Request;
-using qv::kit::Router;
 
 constexpr size_t kBodyBytes = 100000;
+constexpr const char* kLogin = "Authorization: Basic YW5uOnNlY3JldA==\r\n";
 constexpr size_t kMaxAllocations = 10000;  // of a request, and of its handshake
 
 void deliver(Request& request)
@@ -59,6 +55,23 @@ void stream(Request& request)
     const std::string piece(10000, 's');
     for (int i = 0; i < 10; ++i)
         request.write(piece);
+}
+
+// A request is refused when a hook has no memory, and never served without it.
+void addHooks(Router& router)
+{
+    auto group = router.group("/hooked");
+    group.use(requestId());
+    group.use(securityHeaders());
+    group.use(basicAuthentication("realm", {{"ann", "secret"}}));
+    group.use(rateLimit({1e9, 1e9, 16, nullptr}));
+    group.before([](Request& request) { request.setHeader("X-Hook", std::string(100, 'h')); });
+    group.get("/worker", [](Request& r) { r.reply(r.attached<AuthenticatedUser>().name); });
+    group.put("/buffered", [](Request& r) { r.reply(std::to_string(r.body().size())); });
+    router.onError([](const Request& request, ErrorResponse& response) {
+        if (request.path() == "/error")
+            response.body += std::string(100, 'e');
+    });
 }
 
 void addRoutes(Router& router)
@@ -90,6 +103,7 @@ void addRoutes(Router& router)
     router.get("/error", [](Request&) { throw HttpError(409, std::string(100, 'e')); });
     router.get("/limited", [](Request& request) { request.reply("ok"); })
         .responseTimeout(std::chrono::minutes(1));
+    addHooks(router);
 }
 
 struct Part
@@ -120,6 +134,10 @@ std::vector<Part> makeParts()
         {"source", getRequest("/source"), 200},
         {"HttpError", getRequest("/error"), 409},
         {"limited", getRequest("/limited"), 200},
+        {"hooks", getRequest("/hooked/worker", kLogin), 200},
+        {"hooks of an upload", headOf("PUT", "/hooked/buffered", body.size(), kLogin) + body, 200},
+        {"hooks without a route", getRequest("/hooked/missing", kLogin), 404},
+        {"hooks that refuse", getRequest("/hooked/worker"), 401},
         {"no route", getRequest("/missing"), 404},
         {"strict", "GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n", 400},
         {"target", getRequest("/%00"), 400},

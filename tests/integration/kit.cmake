@@ -5,7 +5,7 @@ wendrel_test_program(integration_kit
         main.cpp
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
         KitBodies.cpp KitCompleted.cpp KitDeferred.cpp KitDeferredStress.cpp KitEvents.cpp KitForms.cpp
-        KitJson.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitStreamMemory.cpp KitTls.cpp
+        KitHooks.cpp KitJson.cpp KitMiddleware.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitStreamMemory.cpp KitTls.cpp
         KitUploads.cpp KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
 # WebSocket sessions over TLS.

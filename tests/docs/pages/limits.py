@@ -101,6 +101,19 @@ NOT_FOR_USERS = {
     "kit/src/Exchange.cpp kUnavailable": "a status",
     "kit/src/Exchange.cpp kMinStatus": "a status",
     "kit/src/Exchange.cpp kMaxStatus": "a status",
+    "kit/include/Wendrel/kit/Middleware.h securityHeaders(headers)": "told in the page",
+    "kit/include/Wendrel/kit/Router.h before(thread)": "one of two",
+    "kit/src/Exchange.h kHooksPassed": "a state",
+    "kit/src/Exchange.h kBodyComplete": "a state",
+    "kit/src/Middleware.cpp kNoContent": "a status",
+    "kit/src/Middleware.cpp kBadRequest": "a status",
+    "kit/src/Middleware.cpp kUnauthorized": "a status",
+    "kit/src/Middleware.cpp kForbidden": "a status",
+    "kit/src/Middleware.cpp kTooManyRequests": "a status",
+    "kit/src/Middleware.cpp kRandomIdBytes": "half of the digits of an identifier",
+    "kit/src/RateLimiter.cpp kNetworkBytes": "told with the row of rateLimit",
+    "kit/src/RateLimiter.cpp kMappedBytes": "the protocol's",
+    "kit/src/RateLimiter.h kShards": "where a thread looks",
     "kit/src/Parameter.cpp kBadRequest": "a status",
     "kit/src/Parameter.cpp kMaxQuotedBytes": "of a value in the text of an error",
     "kit/include/Wendrel/kit/Parameter.h asText(maxBytes)": "means: none",
@@ -296,7 +309,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|TlsOptions|EventStreamOptions|FormLimits|WebSocketOptions|EngineOptions)"
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|TlsOptions|EventStreamOptions|RateLimitOptions|CorsOptions|FormLimits|WebSocketOptions|EngineOptions)"
                     r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
@@ -409,7 +422,7 @@ def key_of(name, argument, file):
         return f"{file} {parts[-1]}({argument})"
     if len(parts) > 1 and parts[-2] in (
             "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits",
-            "EventStreamOptions", "TlsOptions"):
+            "EventStreamOptions", "TlsOptions", "RateLimitOptions", "CorsOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

@@ -71,10 +71,11 @@ private:
 };
 
 /// A request with a body of `length` bytes, which follows.
-inline std::string headOf(const std::string& method, const std::string& target, size_t length)
+inline std::string headOf(const std::string& method, const std::string& target, size_t length,
+                          const std::string& headerLines = "")
 {
-    return method + " " + target +
-           " HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+    return method + " " + target + " HTTP/1.1\r\nHost: x\r\n" + headerLines +
+           "Content-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
 inline std::string withBody(const std::string& method, const std::string& target,

@@ -36,6 +36,10 @@ struct CompletedRequest
     /// "ReadError", "TimeoutReached", "DaemonShutdown", "BodyDiscarded", "MemoryExhausted",
     /// "UpgradeRefused". Empty when the response was sent whole.
     std::string abortReason;
+    /// The identifier that `requestId` of `<Wendrel/kit/Middleware.h>` has given; empty without.
+    std::string requestId;
+    /// The user that has logged in by one of the authentications there; empty without.
+    std::string user;
 };
 
 }  // namespace qv::kit

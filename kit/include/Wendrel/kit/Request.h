@@ -14,8 +14,11 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <typeinfo>
+#include <utility>
 
 namespace qv
 {
@@ -144,7 +147,35 @@ public:
     /// std::logic_error after a response or another `defer`.
     [[nodiscard]] DeferredResponse defer();
 
+    // Values that hooks hand to handlers.
+
+    /// Keeps `value` until the request has ended, in place of one of the same type: the user that a
+    /// hook has found. For hooks and the handler, before the response or `defer`. Hooks that run
+    /// after it read it.
+    template <typename Value> void attach(Value value)
+    {
+        attachValue(typeid(Value), std::make_shared<Value>(std::move(value)));
+    }
+
+    /// The value of this type that was given to `attach`. Throws std::logic_error without one.
+    template <typename Value> const Value& attached() const
+    {
+        const Value* const found = findAttached<Value>();
+        if (!found)
+            refuseMissing(typeid(Value));
+        return *found;
+    }
+
+    /// The same; null without one.
+    template <typename Value> const Value* findAttached() const
+    {
+        return static_cast<const Value*>(attachedValue(typeid(Value)));
+    }
+
 private:
+    void attachValue(const std::type_info& type, std::shared_ptr<const void> value);
+    const void* attachedValue(const std::type_info& type) const;
+    [[noreturn]] static void refuseMissing(const std::type_info& type);
     const std::string& jsonText();
 
     friend class Exchange;

@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_ROUTER_H
 #define WENDREL_KIT_ROUTER_H
 
+#include <Wendrel/kit/Hooks.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/websocket/Session.h>
 #include <Wendrel/kit/websocket/WebSocketOptions.h>
@@ -12,12 +13,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qv::kit
 {
 
+class RouteGroup;
 class RouteTable;
+struct HookTable;
 
 /// Responds to a request. Called on a worker, unless the route says otherwise, by several threads
 /// at once. An HttpError that leaves it becomes its response; anything else becomes 500 and a line
@@ -137,9 +141,106 @@ public:
     Route& webSocket(const std::string& pattern, websocket::WebSocketOptions options,
                      WebSocketHandler handler);
 
+    /// `hook` runs before the handlers of all paths that begin with the segments of `prefix`: "/"
+    /// for all, "/admin" for "/admin" and "/admin/users", not for "/administration"; `{name}`
+    /// stands for any segment. Paths without a route, and OPTIONS, are included; requests that are
+    /// malformed are not. Hooks run in the order in which they are added. A malformed prefix throws
+    /// std::invalid_argument.
+    void before(const std::string& prefix, Hook hook, HookThread thread = HookThread::Worker);
+
+    /// `hook` runs before the head of each response to a path below `prefix` is sent; one for "/"
+    /// also for malformed requests, whose path is empty. Otherwise as above.
+    void after(const std::string& prefix, AfterHook hook);
+
+    /// Both hooks of `middleware`.
+    void use(const std::string& prefix, Middleware middleware);
+
+    /// `hook` may replace the body of each error that the kit makes: of `replyError`, of an
+    /// HttpError and of its own 400, 404, 405, 413, 500, 501 and 503. It replaces the one before.
+    void onError(ErrorHook hook);
+
+    /// Routes and hooks below `prefix`.
+    RouteGroup group(const std::string& prefix);
+
 private:
     friend class ServerCore;
+    bool mayHook(const char* what) const;
+
     std::unique_ptr<RouteTable> mTable;
+    std::unique_ptr<HookTable> mHooks;
+};
+
+/// Routes with a common prefix and hooks of their own. A plain value, which refers to its router;
+/// each operation is that of the router, with the prefix before the pattern. The pattern "/" is
+/// the prefix itself.
+class RouteGroup
+{
+public:
+    /// As `Router::group`.
+    RouteGroup(Router& router, std::string prefix) : mRouter(&router), mPrefix(std::move(prefix))
+    {
+        while (!mPrefix.empty() && mPrefix.back() == '/')
+            mPrefix.pop_back();
+    }
+
+    /// As `Router::get`.
+    Route& get(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->get(below(pattern), std::move(handler));
+    }
+    /// As `Router::post`.
+    Route& post(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->post(below(pattern), std::move(handler));
+    }
+    /// As `Router::put`.
+    Route& put(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->put(below(pattern), std::move(handler));
+    }
+    /// As `Router::del`.
+    Route& del(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->del(below(pattern), std::move(handler));
+    }
+    /// As `Router::patch`.
+    Route& patch(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->patch(below(pattern), std::move(handler));
+    }
+    /// As `Router::any`.
+    Route& any(const std::string& pattern, Handler handler) const
+    {
+        return mRouter->any(below(pattern), std::move(handler));
+    }
+    /// As `Router::webSocket`.
+    Route& webSocket(const std::string& pattern, websocket::WebSocketOptions options,
+                     WebSocketHandler handler) const
+    {
+        return mRouter->webSocket(below(pattern), std::move(options), std::move(handler));
+    }
+
+    /// As `Router::before`, for the paths of the group.
+    void before(Hook hook, HookThread thread = HookThread::Worker) const
+    {
+        mRouter->before(below("/"), std::move(hook), thread);
+    }
+    /// As `Router::after`, for the paths of the group.
+    void after(AfterHook hook) const { mRouter->after(below("/"), std::move(hook)); }
+    /// As `Router::use`, for the paths of the group.
+    void use(Middleware middleware) const { mRouter->use(below("/"), std::move(middleware)); }
+
+    /// A group within the group.
+    RouteGroup group(const std::string& prefix) const { return {*mRouter, below(prefix)}; }
+
+private:
+    std::string below(const std::string& pattern) const
+    {
+        return pattern == "/" && !mPrefix.empty() ? mPrefix : mPrefix + pattern;
+    }
+
+    Router* mRouter;
+    std::string mPrefix;  // without a slash at its end
 };
 
 }  // namespace qv::kit

@@ -1,0 +1,88 @@
+// Token buckets: filled when they are looked at, and forgotten when there are too many.
+
+#include "RateLimiter.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+namespace qv::kit
+{
+namespace
+{
+
+constexpr size_t kNetworkBytes = 8;
+constexpr size_t kMappedBytes = 12;
+constexpr double kMaxWaitSeconds = 86400;
+
+}  // namespace
+
+RateLimiter::RateLimiter(double perSecond, double burst, size_t maxClients)
+    : mPerSecond(perSecond), mBurst(burst), mMaxOfShard((maxClients + kShards - 1) / kShards)
+{}
+
+std::chrono::seconds RateLimiter::take(const std::string& key, Clock::time_point now)
+{
+    Shard& shard = mShards[std::hash<std::string>()(key) % kShards];
+    const qvMutexLocker locker(&shard.mutex);
+    Bucket& bucket = bucketOf(shard, key, now);
+    // Threads may have looked at the clock in another order than they come here.
+    const double seconds = std::chrono::duration<double>(now - bucket.filled).count();
+    if (seconds > 0) {
+        bucket.tokens = std::min(mBurst, bucket.tokens + seconds * mPerSecond);
+        bucket.filled = now;
+    }
+    if (bucket.tokens >= 1) {
+        bucket.tokens -= 1;
+        return std::chrono::seconds(0);
+    }
+    const double wait = std::min(std::ceil((1 - bucket.tokens) / mPerSecond), kMaxWaitSeconds);
+    return std::chrono::seconds(std::max<int64_t>(static_cast<int64_t>(wait), 1));
+}
+
+RateLimiter::Bucket& RateLimiter::bucketOf(Shard& shard, const std::string& key,
+                                           Clock::time_point now) const
+{
+    const auto found = shard.table.find(key);
+    if (found != shard.table.end()) {
+        shard.buckets.splice(shard.buckets.begin(), shard.buckets, found->second);
+        return *found->second;
+    }
+    std::list<Bucket> made;
+    made.push_back({key, mBurst, now});
+    shard.table.emplace(made.front().key, made.begin());
+    shard.buckets.splice(shard.buckets.begin(), made);
+    if (shard.buckets.size() > mMaxOfShard) {
+        shard.table.erase(shard.buckets.back().key);
+        shard.buckets.pop_back();
+    }
+    return shard.buckets.front();
+}
+
+size_t RateLimiter::size() const
+{
+    size_t sum = 0;
+    for (const Shard& shard : mShards) {
+        const qvMutexLocker locker(&shard.mutex);
+        sum += shard.buckets.size();
+    }
+    return sum;
+}
+
+std::string RateLimiter::keyOf(const IpAddress& address)
+{
+    std::string text = address.toString();
+    in6_addr v6{};
+    if (address.getFamily() != IpAddress::Family::V6 || inet_pton(AF_INET6, text.c_str(), &v6) != 1)
+        return text;
+    const auto* const bytes = reinterpret_cast<const char*>(v6.s6_addr);
+    if (!IN6_IS_ADDR_V4MAPPED(&v6))
+        return {bytes, kNetworkBytes};
+    std::array<char, INET_ADDRSTRLEN> v4{};
+    return inet_ntop(AF_INET, bytes + kMappedBytes, v4.data(), v4.size());
+}
+
+}  // namespace qv::kit
