@@ -4,13 +4,11 @@
 
 #include "AccessLine.h"
 #include "ByteSize.h"
-#include "Download.h"
 #include "FileName.h"
-#include "HttpText.h"
+#include "IsoTime.h"
 #include "Log.h"
 #include "Page.h"
 
-#include <Wendrel/BodySource.h>
 #include <Wendrel/Wendrel.h>
 #include <qvSystem/LibInitCounter.h>
 #include <qvSystem/qvLog.h>
@@ -33,7 +31,6 @@ namespace
 
 using qv::kit::ContentType;
 using qv::kit::HttpError;
-using qv::kit::Method;
 using qv::kit::Request;
 
 constexpr const char* kPolicy = "default-src 'none'; frame-ancestors 'none'";
@@ -47,30 +44,6 @@ constexpr uint32_t kWorkersPerFreeOne = 8;
 int64_t slotsOf(uint32_t workers)
 {
     return std::max<int64_t>(1, workers - std::max(1u, workers / kWorkersPerFreeOne));
-}
-
-std::optional<std::string> presentHeader(const Request& request, const char* name)
-{
-    const std::string& value = request.header(name);
-    return value.empty() ? std::nullopt : std::make_optional(value);
-}
-
-Conditions conditionsOf(const Request& request)
-{
-    Conditions conditions;
-    conditions.ifNoneMatch = presentHeader(request, "if-none-match");
-    conditions.ifModifiedSince = presentHeader(request, "if-modified-since");
-    // A range has a meaning for GET alone.
-    if (request.method() == Method::Get) {
-        conditions.ifRange = presentHeader(request, "if-range");
-        conditions.range = presentHeader(request, "range");
-    }
-    return conditions;
-}
-
-int64_t nowSeconds()
-{
-    return qv::qvSystemUtils::GetMSecElapsedSinceEpoch() / 1000;
 }
 
 std::string errorText(int error)
@@ -167,7 +140,10 @@ FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
       mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.server.workers)),
       mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
-    mServer.options().onCompleted = &writeAccessLine;
+    mServer.options().onCompleted = [this](const qv::kit::CompletedRequest& request) {
+        mBytesOut += request.sentBytes;
+        writeAccessLine(request);
+    };
     addRoutes();
 }
 
@@ -201,18 +177,11 @@ void FileDrop::serve(Handler handler, Request& request)
     }
 }
 
-void FileDrop::respond(Request& request, int status, std::string body, const ContentType& type)
-{
-    if (request.method() != Method::Head)
-        mBytesOut += body.size();
-    request.reply(status, std::move(body), type);
-}
-
 void FileDrop::sendPage(Request& request)
 {
     const std::string nonce = makeNonce();
     request.setHeader("Content-Security-Policy", pagePolicy(nonce));
-    respond(request, 200, pageWithNonce(nonce), ContentType::html());
+    request.reply(pageWithNonce(nonce), ContentType::html());
 }
 
 // None when the directory cannot be read.
@@ -236,7 +205,7 @@ void FileDrop::sendList(Request& request)
     std::optional<std::string> text = listText();
     if (!text)
         throw failure(StoreResult::Failed, "the directory cannot be read");
-    respond(request, 200, std::move(*text), ContentType::json());
+    request.reply(std::move(*text), ContentType::json());
 }
 
 void FileDrop::sendStatus(Request& request)
@@ -251,7 +220,7 @@ void FileDrop::sendStatus(Request& request)
         {"bytesOut", mBytesOut.load()},
         {"thirdParty", qv::GetThirdPartyLibVersionInfos()},
     };
-    respond(request, 200, status.dump(), ContentType::json());
+    request.reply(status.dump(), ContentType::json());
 }
 
 void FileDrop::sendFile(Request& request)
@@ -262,53 +231,13 @@ void FileDrop::sendFile(Request& request)
     const StoreResult result = mStore->openFile(name, fd, info);
     if (result != StoreResult::Done)
         throw failure(result, "'" + name + "' cannot be opened");
-    sendContent(request, std::move(fd), info);
-}
-
-void FileDrop::sendContent(Request& request, Descriptor fd, const FileInfo& info)
-{
-    const Validators validators = {
-        makeETag(info.inode, info.size, info.modifiedSeconds, info.modifiedNanoseconds),
-        info.modifiedSeconds};
-    const Conditions conditions = conditionsOf(request);
-    request.setHeader("ETag", validators.etag);
-    request.setHeader("Last-Modified", formatHttpDate(info.modifiedSeconds));
-    request.setHeader("Cache-Control", "no-cache");
-    request.setHeader("Accept-Ranges", "bytes");
-    if (isNotModified(conditions, validators, nowSeconds())) {
-        request.setContentLength(static_cast<int64_t>(info.size));
-        request.reply(304);
-        return;
-    }
-    ByteRange range = chooseRange(conditions, validators, info.size, nowSeconds());
-    const std::string total = std::to_string(info.size);
-    if (range.kind == ByteRange::Unsatisfiable) {
-        request.setHeader("Content-Range", "bytes */" + total);
-        throw HttpError(416, "The file ends before that range.");
-    }
-    request.setHeader("Content-Disposition", attachment(info.name));
+    qv::kit::FileOptions options;
+    options.downloadName = name;
+    options.cacheControl = "no-cache";
+    // An upload replaces a file as a whole.
+    options.tag = qv::kit::FileTag::Strong;
     request.setHeader("Content-Security-Policy", kFilePolicy);
-    if (range.kind == ByteRange::Part)
-        request.setHeader("Content-Range", "bytes " + std::to_string(range.first) + "-" +
-                                               std::to_string(range.last) + "/" + total);
-    sendBytes(request, std::move(fd), info, range);
-}
-
-void FileDrop::sendBytes(Request& request, Descriptor fd, const FileInfo& info,
-                         const ByteRange& range)
-{
-    const bool isPart = range.kind == ByteRange::Part;
-    const int status = isPart ? 206 : 200;
-    const ContentType type(mediaType(info.name));
-    std::unique_ptr<qv::BodySource> content =
-        isPart ? qv::BodySource::fromDescriptor(fd.release(), range.first,
-                                                range.last - range.first + 1)
-               : qv::BodySource::fromDescriptor(fd.release());
-    if (!content)
-        throw failure(StoreResult::Failed, "'" + info.name + "' cannot be sent");
-    if (request.method() != Method::Head)
-        content = std::make_unique<Download>(std::move(content), mBytesOut);
-    request.replySource(status, std::move(content), type);
+    request.replyOpenFile(fd.release(), name, options);
 }
 
 void FileDrop::receiveFile(Request& request)
@@ -342,7 +271,7 @@ void FileDrop::storeFile(Request& request)
         request.setHeader("Location", request.target().substr(0, request.target().find('?')));
     mLive.listChanged();
     const nlohmann::json stored = {{"name", name}, {"size", upload->size()}};
-    respond(request, isNew ? 201 : 200, stored.dump(), ContentType::json());
+    request.reply(isNew ? 201 : 200, stored.dump(), ContentType::json());
 }
 
 // When this throws, nothing is left of the upload.

@@ -2,7 +2,6 @@
 #ifndef FILEDROP_FILEDROP_H
 #define FILEDROP_FILEDROP_H
 
-#include "Conditional.h"
 #include "FileStore.h"
 #include "LiveList.h"
 
@@ -43,17 +42,12 @@ private:
     void addRoutes();
     qv::kit::Handler handlerOf(Handler handler);
     void serve(Handler handler, qv::kit::Request& request);
-    void respond(qv::kit::Request& request, int status, std::string body,
-                 const qv::kit::ContentType& type);
 
     void sendPage(qv::kit::Request& request);
     std::optional<std::string> listText() const;
     void sendList(qv::kit::Request& request);
     void sendStatus(qv::kit::Request& request);
     void sendFile(qv::kit::Request& request);
-    void sendContent(qv::kit::Request& request, Descriptor fd, const FileInfo& info);
-    void sendBytes(qv::kit::Request& request, Descriptor fd, const FileInfo& info,
-                   const ByteRange& range);
     void receiveFile(qv::kit::Request& request);
     void storeFile(qv::kit::Request& request);
     std::unique_ptr<Upload> receive(qv::kit::Request& request, const std::string& what);

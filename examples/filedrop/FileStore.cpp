@@ -60,7 +60,6 @@ FileInfo infoOf(const std::string& name, const struct stat& status)
     FileInfo info;
     info.name = name;
     info.size = static_cast<uint64_t>(status.st_size);
-    info.inode = status.st_ino;
     info.modifiedSeconds = status.st_mtim.tv_sec;
     info.modifiedNanoseconds = status.st_mtim.tv_nsec;
     return info;

@@ -36,7 +36,6 @@ struct FileInfo
 {
     std::string name;
     uint64_t size = 0;
-    uint64_t inode = 0;
     int64_t modifiedSeconds = 0;  ///< since 1970
     int64_t modifiedNanoseconds = 0;
 };

@@ -3,9 +3,8 @@
 #include "ErrorBody.h"
 
 #include "Accept.h"
+#include "Markup.h"
 #include "ReasonPhrase.h"
-
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 
@@ -15,37 +14,6 @@ namespace
 {
 
 constexpr const char* kProblem = "application/problem+json";
-
-// Only the texts are left to the JSON library: the destructor of its objects needs memory, and
-// without any the process would end.
-std::string quoted(const std::string& text)
-{
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-std::string escaped(std::string_view text)
-{
-    std::string html;
-    for (const char c : text) {
-        switch (c) {
-        case '&':
-            html += "&amp;";
-            break;
-        case '<':
-            html += "&lt;";
-            break;
-        case '>':
-            html += "&gt;";
-            break;
-        case '"':
-            html += "&quot;";
-            break;
-        default:
-            html += c;
-        }
-    }
-    return html;
-}
 
 std::string titleOf(int status)
 {
@@ -57,7 +25,7 @@ std::string makeProblem(int status, const std::string& message)
     std::string text = R"({"title":")" + std::string(ReasonPhrase(status)) + R"(","status":)" +
                        std::to_string(status);
     if (!message.empty())
-        text += R"(,"detail":)" + quoted(message);
+        text += R"(,"detail":)" + jsonText(message);
     return text + "}";
 }
 
@@ -68,7 +36,7 @@ std::string makePage(int status, const std::string& message)
         "<!DOCTYPE html>\n<html lang=\"en\">\n<head><meta charset=\"utf-8\"><title>" + title +
         "</title></head>\n<body>\n<h1>" + title + "</h1>\n";
     if (!message.empty())
-        page += "<p>" + escaped(message) + "</p>\n";
+        page += "<p>" + htmlText(message) + "</p>\n";
     return page + "</body>\n</html>\n";
 }
 

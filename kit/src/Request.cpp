@@ -3,6 +3,7 @@
 #include <Wendrel/kit/Request.h>
 
 #include "Exchange.h"
+#include "FileResponse.h"
 #include "FormReader.h"
 #include "ServerCore.h"
 #include "StreamQueue.h"
@@ -116,6 +117,22 @@ bool Responder::replySource(int status, std::unique_ptr<BodySource> source, cons
     response.type = &type;
     response.source = std::move(source);
     return exchange->respond(By::Application, response);
+}
+
+bool Responder::replyFile(const std::string& path, const FileOptions& options)
+{
+    Exchange* const exchange = responding();
+    return exchange &&
+           respondFile(*exchange, std::move(mHead), openFile(path),
+                       std::string_view(path).substr(path.rfind('/') + 1), options,
+                       [&](const char* extension) { return openFile(path + extension); });
+}
+
+bool Responder::replyOpenFile(int descriptor, const std::string& name, const FileOptions& options)
+{
+    FileDescriptor file(descriptor);
+    Exchange* const exchange = responding();
+    return exchange && respondFile(*exchange, std::move(mHead), std::move(file), name, options);
 }
 
 bool Responder::isOpen() const

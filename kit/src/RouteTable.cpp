@@ -2,6 +2,7 @@
 
 #include "RouteTable.h"
 
+#include "Directory.h"
 #include "HookTable.h"
 #include "KitLog.h"
 
@@ -296,6 +297,17 @@ Route& Router::head(const std::string& pattern, Handler handler)
 Route& Router::options(const std::string& pattern, Handler handler)
 {
     return mTable->add(Method::Options, pattern, std::move(handler));
+}
+
+Route& Router::directory(const std::string& prefix, const std::string& path,
+                         const DirectoryOptions& options)
+{
+    std::string pattern = prefix;
+    if (!pattern.empty() && pattern.back() == '/')
+        pattern.pop_back();
+    const auto segments = static_cast<size_t>(std::count(pattern.begin(), pattern.end(), '/'));
+    const auto directory = std::make_shared<const Directory>(path, options, segments);
+    return get(pattern + "/{path*}", [directory](Request& request) { directory->serve(request); });
 }
 
 Route& Router::any(const std::string& pattern, Handler handler)

@@ -63,6 +63,25 @@ inline std::string_view trimmed(std::string_view text)
     return text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
 }
 
+// Bytes for which `isPlain` is false as "%XX".
+template <typename IsPlain>
+std::string percentEncoded(std::string_view text, const IsPlain& isPlain)
+{
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    std::string out;
+    for (const char c : text) {
+        if (isPlain(c)) {
+            out += c;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        out += '%';
+        out += kDigits[byte >> 4];
+        out += kDigits[byte & 0xf];
+    }
+    return out;
+}
+
 }  // namespace qv::kit
 
 #endif

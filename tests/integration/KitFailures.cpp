@@ -100,6 +100,8 @@ void addRoutes(Router& router)
         request.replySource(BodySource::fromString(std::make_shared<const std::string>("source")),
                             ContentType::bytes());
     });
+    router.get("/file", [](Request& request) { request.replyFile("/proc/self/exe"); });
+    router.directory("/headers", "/usr/include");
     router.get("/error", [](Request&) { throw HttpError(409, std::string(100, 'e')); });
     router.get("/limited", [](Request& request) { request.reply("ok"); })
         .responseTimeout(std::chrono::minutes(1));
@@ -132,6 +134,10 @@ std::vector<Part> makeParts()
         {"deferred stream", getRequest("/stream-later"), 200},
         {"stream", getRequest("/stream"), 200},
         {"source", getRequest("/source"), 200},
+        {"file", getRequest("/file", "Range: bytes=1000-1999, 5000-5999\r\n"), 206},
+        {"file in one range", getRequest("/file", "Range: bytes=1000-1999\r\n"), 206},
+        {"directory", getRequest("/headers/stdio.h", "Accept-Encoding: gzip\r\n"), 200},
+        {"redirection", getRequest("/headers/linux"), 301},
         {"HttpError", getRequest("/error"), 409},
         {"limited", getRequest("/limited"), 200},
         {"hooks", getRequest("/hooked/worker", kLogin), 200},

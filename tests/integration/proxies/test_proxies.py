@@ -228,7 +228,9 @@ class Transfers(ProxyCase, filedrop.ServerCase):
             client.sendall(b"GET /files/large.bin HTTP/1.1\r\nHost: site.test\r\n\r\n")
             self.assertTrue(client.recv(65536).startswith(b"HTTP/1.1 200"))
             # The client reads no more: the buffers between client and server fill up.
-            self.assertLess(self.wait_until_sending_stalls(), UNFETCHED // 2)
+            read = self.wait_until_reading_stalls()
+            self.assertGreater(read, 65536)
+            self.assertLess(read, UNFETCHED // 2)
         wait_until(lambda: self.server_status()["openRequests"] == 1, "the server notices the end")
 
     def test_a_large_download(self):
@@ -239,14 +241,15 @@ class Transfers(ProxyCase, filedrop.ServerCase):
         self.assertEqual((response.status, response.headers["content-length"]), (200, str(LARGE)), response)
         self.assertEqual(filedrop.sha256(target), filedrop.sha256(source))
 
-    def wait_until_sending_stalls(self):
-        """How many bytes the server has written when it writes no more."""
+    def wait_until_reading_stalls(self):
+        """How many bytes the server has read, of files, when it reads no more."""
+        counters = pathlib.Path(f"/proc/{self.server.pid}/io")
         seen = []
 
         def stalled():
-            seen.append(self.server_status()["bytesOut"])
+            seen.append(int(counters.read_text().split()[1]))
             time.sleep(0.05)  # between two looks
-            return len(seen) > 20 and seen[-1] - seen[-20] < 65536  # the status itself counts too
+            return len(seen) > 20 and seen[-1] - seen[-20] < 65536  # other files count, too
 
         wait_until(stalled, "the server waits for the client")
         return seen[-1]

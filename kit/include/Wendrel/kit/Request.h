@@ -178,6 +178,7 @@ private:
     [[noreturn]] static void refuseMissing(const std::type_info& type);
     const std::string& jsonText();
 
+    friend class Directory;
     friend class Exchange;
     explicit Request(Exchange& exchange);
     ~Request() = default;

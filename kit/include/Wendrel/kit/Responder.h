@@ -4,6 +4,7 @@
 
 #include <Wendrel/BodySource.h>
 #include <Wendrel/kit/Cookie.h>
+#include <Wendrel/kit/Files.h>
 #include <Wendrel/kit/ResponseHead.h>
 
 #include <cstdint>
@@ -94,6 +95,21 @@ public:
 
     /// The same with a status.
     bool replySource(int status, std::unique_ptr<BodySource> source, const ContentType& type);
+
+    /// Responds with the file at `path`: 200, or what the conditions and the ranges of the request
+    /// make of it, as RFC 9110 has them in sections 13 and 14: 206, also with several ranges, 304,
+    /// 412 and 416. 404 without such a regular file, 403 when it must not be read, 500 with a line
+    /// in the log for any other error. Headers set so far are sent, too.
+    ///
+    /// The file is opened at once, and read by the daemon thread as the client takes it. It is sent
+    /// in the length that it has now; the connection is closed when it becomes shorter.
+    bool replyFile(const std::string& path, const FileOptions& options = FileOptions());
+
+    /// The same with a file that is open for reading, named `name`: `replyOpenFile(openat(...))`.
+    /// A negative `descriptor` becomes the response that `errno` stands for; any other is owned,
+    /// also when this returns false. Its position is not used.
+    bool replyOpenFile(int descriptor, const std::string& name,
+                       const FileOptions& options = FileOptions());
 
     /// Whether a response can still be sent: false once there is one, when the client has closed
     /// the connection and when a deadline has passed. Any thread.

@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_ROUTER_H
 #define WENDREL_KIT_ROUTER_H
 
+#include <Wendrel/kit/Files.h>
 #include <Wendrel/kit/Hooks.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/websocket/Session.h>
@@ -133,6 +134,15 @@ public:
     /// A route for all methods but CONNECT that have no handler of their own for this pattern.
     Route& any(const std::string& pattern, Handler handler);
 
+    /// A route for GET and HEAD that serves the files below the directory `path`: those of
+    /// "/static" at "/static/...", of "/" at all paths without another route. Each file is sent as
+    /// `Responder::replyFile` does. A path of a directory without a slash at its end is redirected
+    /// to the one with it (301). Nothing outside of the directory is served, by no encoding and no
+    /// symbolic link. Throws std::system_error when `path` is no directory; it may be replaced by
+    /// another one later.
+    Route& directory(const std::string& prefix, const std::string& path,
+                     const DirectoryOptions& options = DirectoryOptions());
+
     /// A route for WebSockets. The handshake is checked before `handler` is called: 426 without a
     /// request for a WebSocket of version 13, 400 for a malformed one, 403 for an origin that is
     /// not allowed. Callbacks run on event loops, where they must not wait; see
@@ -212,6 +222,12 @@ public:
     Route& any(const std::string& pattern, Handler handler) const
     {
         return mRouter->any(below(pattern), std::move(handler));
+    }
+    /// As `Router::directory`.
+    Route& directory(const std::string& prefix, const std::string& path,
+                     const DirectoryOptions& options = DirectoryOptions()) const
+    {
+        return mRouter->directory(below(prefix), path, options);
     }
     /// As `Router::webSocket`.
     Route& webSocket(const std::string& pattern, websocket::WebSocketOptions options,

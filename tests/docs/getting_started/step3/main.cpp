@@ -2,21 +2,18 @@
 
 #include <Wendrel/kit/Server.h>
 
-#include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-using qv::BodySource;
 using qv::kit::ContentType;
+using qv::kit::FileOptions;
 using qv::kit::HttpError;
 using qv::kit::Request;
 
@@ -75,48 +72,12 @@ void storeFile(Request& request)
     request.reply(std::to_string(total) + " bytes stored\n");
 }
 
-// Reads "bytes=FIRST-LAST" and "bytes=FIRST-". False for all else: the whole file is sent then.
-bool readRange(std::string_view text, uint64_t& first, uint64_t& last)
-{
-    constexpr std::string_view kUnit = "bytes=";
-    if (text.substr(0, kUnit.size()) != kUnit)
-        return false;
-    const char* const end = text.data() + text.size();
-    const auto begun = std::from_chars(text.data() + kUnit.size(), end, first);
-    if (begun.ec != std::errc() || begun.ptr == end || *begun.ptr != '-')
-        return false;
-    last = UINT64_MAX;
-    if (begun.ptr + 1 == end)
-        return true;
-    const auto ended = std::from_chars(begun.ptr + 1, end, last);
-    return ended.ec == std::errc() && ended.ptr == end && first <= last;
-}
-
-// GET /files/{name}
+// GET /files/{name}. As bytes: a page that somebody has uploaded is not shown.
 void sendFile(Request& request)
 {
-    std::unique_ptr<BodySource> file = BodySource::fromFile(pathOf(request));
-    if (!file)
-        throw HttpError(404, "There is no such file.");
-    request.setHeader("Accept-Ranges", "bytes");
-
-    uint64_t first = 0;
-    uint64_t last = 0;
-    if (!readRange(request.header("Range"), first, last)) {
-        request.replySource(std::move(file), ContentType::bytes());
-        return;
-    }
-    const auto size = static_cast<uint64_t>(file->getLength());
-    if (first >= size) {
-        request.setHeader("Content-Range", "bytes */" + std::to_string(size));
-        request.replyError(416);
-        return;
-    }
-    last = std::min(last, size - 1);
-    file->setRange(first, last - first + 1);
-    request.setHeader("Content-Range", "bytes " + std::to_string(first) + "-" +
-                                           std::to_string(last) + "/" + std::to_string(size));
-    request.replySource(206, std::move(file), ContentType::bytes());
+    FileOptions options;
+    options.type = ContentType::bytes().value();
+    request.replyFile(pathOf(request), options);
 }
 
 int main(int argc, char** argv)

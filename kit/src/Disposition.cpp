@@ -1,0 +1,57 @@
+// The name of a download, for old clients and for new ones.
+
+#include "Disposition.h"
+
+#include "Text.h"
+#include "websocket/Utf8Check.h"
+
+namespace qv::kit
+{
+namespace
+{
+
+// Characters that filename* allows without percent-encoding.
+bool isPlainInExtendedValue(char c)
+{
+    constexpr std::string_view kMarks = "!#$&+-.^_`|~";
+    return isLetterOrDigit(c) || kMarks.find(c) != kMarks.npos;
+}
+
+std::string usable(std::string_view name)
+{
+    const bool isUtf8 = websocket::isUtf8(name);
+    std::string text(name);
+    for (char& c : text) {
+        if (isControl(c) || c == '/' || (!isUtf8 && static_cast<unsigned char>(c) >= 0x80))
+            c = '_';
+    }
+    return text;
+}
+
+// For clients that do not know filename*: each character outside ASCII becomes one "_", and so do
+// those that clients are known to read in more than one way.
+std::string asciiFallback(const std::string& name)
+{
+    std::string out;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if ((byte & 0xc0) == 0x80)
+            continue;
+        out += byte >= 0x80 || c == '"' || c == '\\' || c == '%' ? '_' : c;
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string attachment(std::string_view name)
+{
+    const std::string text = usable(name);
+    const std::string fallback = asciiFallback(text);
+    std::string value = "attachment; filename=\"" + fallback + "\"";
+    if (fallback != text)
+        value += "; filename*=UTF-8''" + percentEncoded(text, &isPlainInExtendedValue);
+    return value;
+}
+
+}  // namespace qv::kit
