@@ -99,7 +99,7 @@ Connection::Connection(std::shared_ptr<Loop> loop, std::shared_ptr<Membership> m
               mDeflate.clientNoContextTakeover ? &mLoop->mInflaters : nullptr)
 {
     if (mOptions->executor)
-        mStrand = std::make_unique<Strand>(mOptions->maxMessageBytes);
+        mStrand = std::make_unique<Strand>(mOptions->maxMessageBytes, mMembership->budget);
 }
 
 Connection::~Connection() = default;

@@ -25,9 +25,14 @@ bool Strand::add(const Notice& notice)
     } else {
         if (mIsRefused)
             return false;
+        const size_t bytes = kNoticeBytes + notice.payload.size();
         mNotices.push_back({notice, std::string(notice.payload.asText())});
-        mBytes += kNoticeBytes + notice.payload.size();
-        mWasFull = mWasFull || mBytes >= mMaxBytes;
+        // It has been received already.
+        const bool isWithinBudget = mBudget.charge(bytes);
+        if (!isWithinBudget)
+            mBudget.chargeAlways(bytes);
+        mBytes += bytes;
+        mWasFull = mWasFull || mBytes >= mMaxBytes || !isWithinBudget;
     }
     return !std::exchange(mIsRunning, true);
 }
@@ -40,7 +45,9 @@ bool Strand::takeNext(Stored& stored)
     } else if (!mNotices.empty()) {
         stored = std::move(mNotices.front());
         mNotices.pop_front();
-        mBytes -= kNoticeBytes + stored.payload.size();
+        const size_t bytes = kNoticeBytes + stored.payload.size();
+        mBytes -= bytes;
+        mBudget.credit(bytes);
         stored.notice.payload = BinaryView(stored.payload);
     } else if (std::exchange(mHasClose, false)) {
         stored.notice = mClose;
@@ -72,7 +79,7 @@ void Strand::discardMessages() noexcept
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsRefused = true;
     mNotices.clear();
-    mBytes = 0;
+    mBudget.credit(std::exchange(mBytes, 0));
 }
 
 bool Strand::isFull() const noexcept

@@ -2,6 +2,8 @@
 #ifndef WENDREL_KIT_WEBSOCKET_STRAND_H
 #define WENDREL_KIT_WEBSOCKET_STRAND_H
 
+#include "websocket/Buffer.h"
+
 #include <Wendrel/kit/websocket/Session.h>
 #include <Wendrel/kit/websocket/WebSocketOptions.h>
 
@@ -41,8 +43,11 @@ class Strand
 public:
     using Call = std::function<void(const Notice&)>;
 
-    // Full at `maxBytes`.
-    explicit Strand(size_t maxBytes) : mMaxBytes(maxBytes) {}
+    // Full at `maxBytes`, or when the notices exceed the budget, which outlives it.
+    Strand(size_t maxBytes, Budget& budget) : mMaxBytes(maxBytes), mBudget(budget) {}
+    ~Strand() { mBudget.credit(mBytes); }
+    Strand(const Strand&) = delete;
+    Strand& operator=(const Strand&) = delete;
 
     enum class Result : uint8_t {
         Empty,
@@ -73,12 +78,13 @@ private:
     bool takeNext(Stored& stored);
 
     const size_t mMaxBytes;
+    Budget& mBudget;
     mutable std::mutex mMutex;
     std::deque<Stored> mNotices;  // these under mMutex
     Notice mClose;
     bool mHasOpen = false;
     bool mHasClose = false;
-    size_t mBytes = 0;
+    size_t mBytes = 0;        // of them, which are charged
     bool mIsRunning = false;  // a task is queued or runs
     bool mIsRefused = false;
     bool mWasFull = false;

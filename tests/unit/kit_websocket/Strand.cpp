@@ -31,7 +31,8 @@ protected:
             maxNotices);
     }
 
-    Strand strand{1000};
+    Budget budget{5000};
+    Strand strand{1000, budget};
     std::vector<std::string> heard;
 };
 
@@ -69,6 +70,39 @@ TEST_F(StrandRun, TellsThatItHasSpaceAgain)
     EXPECT_TRUE(strand.isFull());
     EXPECT_EQ(run(1), Strand::Result::HasSpace);
     EXPECT_FALSE(strand.isFull());
+}
+
+TEST_F(StrandRun, CountsQueuedMessagesInTheBudget)
+{
+    strand.add(text(std::string(600, 'x')));
+    strand.add(text(std::string(200, 'y')));
+    const uint64_t used = budget.usedBytes();
+    EXPECT_GE(used, 800u);
+    EXPECT_EQ(run(1), Strand::Result::HasMore);
+    EXPECT_LE(budget.usedBytes(), used - 600);
+    EXPECT_EQ(run(1), Strand::Result::Empty);
+    EXPECT_EQ(budget.usedBytes(), 0u);
+    strand.add(text("z"));
+    strand.discardMessages();
+    EXPECT_EQ(budget.usedBytes(), 0u);
+    {
+        Strand dropped(1000, budget);
+        dropped.add(text("z"));
+        EXPECT_GT(budget.usedBytes(), 0u);
+    }
+    EXPECT_EQ(budget.usedBytes(), 0u);
+}
+
+// The message has been received; nothing more is, until it has been handled.
+TEST_F(StrandRun, IsFullBeyondTheBudget)
+{
+    budget.chargeAlways(5000);
+    strand.add(text("a"));
+    EXPECT_TRUE(strand.isFull());
+    EXPECT_GT(budget.usedBytes(), 5000u);
+    EXPECT_EQ(run(10), Strand::Result::HasSpace);
+    EXPECT_THAT(heard, ElementsAre("a"));
+    EXPECT_EQ(budget.usedBytes(), 5000u);
 }
 
 TEST_F(StrandRun, KeepsTheFirstAndTheLastNoticeWhenTheExecutorRefuses)

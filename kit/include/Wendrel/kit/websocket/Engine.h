@@ -29,10 +29,11 @@ struct EngineOptions
 {
     /// Event loops, one thread each; 0: the number of processors.
     unsigned loops = 0;
-    /// Queued bytes and unfinished received messages of all sessions together. Beyond it messages
-    /// are treated as if the queue of their session was full, but for messages of up to 4096 bytes,
-    /// with their frame, while nothing else waits; and a session that receives a message larger
-    /// than its buffer is closed with 1013.
+    /// Queued bytes, unfinished received messages, and received messages that wait for an executor,
+    /// of all sessions together. Beyond it messages are treated as if the queue of their session
+    /// was full, but for messages of up to 4096 bytes, with their frame, while nothing else waits;
+    /// a session that receives a message larger than its buffer is closed with 1013; and one with
+    /// messages that wait for the executor is not read until they are handled.
     uint64_t memoryBudgetBytes = 268435456;
 };
 
