@@ -31,10 +31,10 @@ void LogOfRoute(const std::string& route, std::string_view text, std::string_vie
 {
     try {
         std::string line = route;
-        line.append(": ").append(text).append(detail);
+        line.append(route.empty() ? "" : ": ").append(text).append(detail);
         LogError(line);
     } catch (...) {
-        // No memory, or a sink that throws: the request is more important than the line.
+        // No memory, or a sink that throws: the request or session is more important than the line.
     }
 }
 

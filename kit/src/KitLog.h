@@ -11,8 +11,8 @@ namespace qv::kit
 // One line at level error, category "kit": to the installed log, otherwise to standard error.
 void LogError(const std::string& message);
 
-// The same as "ROUTE: text", where there may be no memory and where nothing may be thrown: a line
-// that cannot be written is lost.
+// The same as "ROUTE: text", or "text" without a route, where there may be no memory and where
+// nothing may be thrown: a line that cannot be written is lost.
 void LogOfRoute(const std::string& route, std::string_view text,
                 std::string_view detail = std::string_view()) noexcept;
 

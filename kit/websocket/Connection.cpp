@@ -2,7 +2,7 @@
 
 #include "websocket/Connection.h"
 
-#include "websocket/Log.h"
+#include "src/KitLog.h"
 
 #include <algorithm>
 #include <array>
@@ -429,9 +429,9 @@ template <typename Turn> void Connection::perform(Turn turn) noexcept
         turn();
         return;
     } catch (const std::exception& error) {
-        logOfSession(*mOptions, kEnded, error.what());
+        LogOfRoute(mOptions->name, kEnded, error.what());
     } catch (...) {
-        logOfSession(*mOptions, kEnded, kUnknownException);
+        LogOfRoute(mOptions->name, kEnded, kUnknownException);
     }
     tCurrent = nullptr;
     lose("no memory");
@@ -996,9 +996,9 @@ bool Connection::submit() noexcept
     try {
         return mOptions->executor([self = shared_from_this()] { self->runStrand(); });
     } catch (const std::exception& error) {
-        logOfSession(*mOptions, kException, error.what());
+        LogOfRoute(mOptions->name, kException, error.what());
     } catch (...) {
-        logOfSession(*mOptions, kException, kUnknownException);
+        LogOfRoute(mOptions->name, kException, kUnknownException);
     }
     return false;
 }
@@ -1035,7 +1035,7 @@ void Connection::call(const Notice& notice) noexcept
 
 void Connection::handleException(const char* what) noexcept
 {
-    logOfSession(*mOptions, kException, what);
+    LogOfRoute(mOptions->name, kException, what);
     try {
         close(closecode::kInternalError, "internal error");
     } catch (...) {

@@ -2,7 +2,7 @@
 
 #include "websocket/Deflate.h"
 
-#include "websocket/Text.h"
+#include "src/Text.h"
 
 #include <algorithm>
 #include <string_view>
@@ -41,11 +41,11 @@ bool splitParts(std::string_view text, std::vector<std::string_view>& parts)
         else if (text[i] == '"')
             isQuoted = !isQuoted;
         else if (text[i] == ';' && !isQuoted) {
-            parts.push_back(trim(text.substr(begin, i - begin)));
+            parts.push_back(trimmed(text.substr(begin, i - begin)));
             begin = i + 1;
         }
     }
-    parts.push_back(trim(text.substr(begin)));
+    parts.push_back(trimmed(text.substr(begin)));
     return !isQuoted;
 }
 
@@ -68,13 +68,13 @@ bool readValue(std::string_view text, std::string& value)
 bool readParameter(std::string_view text, Parameter& parameter)
 {
     const size_t equals = text.find('=');
-    parameter.name = trim(text.substr(0, equals));
+    parameter.name = trimmed(text.substr(0, equals));
     if (!isToken(parameter.name))
         return false;
     if (equals == std::string_view::npos)
         return true;
     parameter.value.emplace();
-    return readValue(trim(text.substr(equals + 1)), *parameter.value);
+    return readValue(trimmed(text.substr(equals + 1)), *parameter.value);
 }
 
 bool readOffer(std::string_view text, Offer& offer)
@@ -170,7 +170,7 @@ std::optional<DeflateParameters> negotiateDeflate(const std::list<std::string>& 
 {
     std::optional<DeflateParameters> agreed(std::in_place);
     for (const std::string& text : offers) {
-        if (trim(text).empty())
+        if (trimmed(text).empty())
             continue;
         Offer offer;
         if (!readOffer(text, offer))

@@ -4,13 +4,11 @@
 
 #include "src/KitLog.h"
 #include "websocket/Connection.h"
-#include "websocket/Log.h"
 #include "websocket/Loop.h"
 
 #include <qvSystem/qvSystemUtils.h>
 
 #include <algorithm>
-#include <string>
 #include <utility>
 
 namespace qv::kit::websocket
@@ -30,19 +28,6 @@ void SessionHandler::onBinary(Session&, BinaryView) {}
 void SessionHandler::onPong(Session&, BinaryView) {}
 void SessionHandler::onDrained(Session&) {}
 void SessionHandler::onClose(Session&, uint16_t, std::string_view, bool) {}
-
-void logOfSession(const WebSocketOptions& options, std::string_view text,
-                  std::string_view detail) noexcept
-{
-    try {
-        std::string line;
-        if (!options.name.empty())
-            line.append(options.name).append(": ");
-        LogError(line.append(text).append(detail));
-    } catch (...) {
-        // No memory, or a sink that throws: the session is more important than the line.
-    }
-}
 
 Engine::Engine(const EngineOptions& options)
     : mMembership(std::make_shared<Membership>(options.memoryBudgetBytes))

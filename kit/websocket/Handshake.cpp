@@ -2,8 +2,8 @@
 
 #include <Wendrel/kit/websocket/Handshake.h>
 
+#include "src/Text.h"
 #include "websocket/Deflate.h"
-#include "websocket/Text.h"
 
 #include <Wendrel/HttpRequest.h>
 #include <Wendrel/WebSocket.h>
@@ -47,7 +47,7 @@ bool hasElement(const HttpBaseRequest& request, const char* header, std::string_
 {
     const auto* const values = request.getHeader(header);
     return values && std::any_of(values->begin(), values->end(), [element](const auto& value) {
-               return equalsIgnoringCase(trim(value), element);
+               return equalsIgnoringCase(trimmed(value), element);
            });
 }
 
@@ -55,7 +55,7 @@ bool hasElement(const HttpBaseRequest& request, const char* header, std::string_
 std::string_view onlyLine(const HttpBaseRequest& request, const char* header)
 {
     const std::string* const line = request.getHeaders().findLine(header);
-    return line ? trim(*line) : std::string_view();
+    return line ? trimmed(*line) : std::string_view();
 }
 
 bool isKey(std::string_view key)
@@ -147,8 +147,8 @@ std::vector<std::string> offeredSubprotocols(const HttpBaseRequest& request)
     std::vector<std::string> offered;
     if (const auto* const values = request.getHeader("sec-websocket-protocol")) {
         for (const std::string& value : *values) {
-            if (isToken(trim(value)))
-                offered.emplace_back(trim(value));
+            if (isToken(trimmed(value)))
+                offered.emplace_back(trimmed(value));
         }
     }
     return offered;
