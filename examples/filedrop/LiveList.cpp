@@ -3,6 +3,7 @@
 #include "LiveList.h"
 
 #include <cstddef>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -122,8 +123,12 @@ size_t LiveList::listenerCount() const
 void LiveList::push()
 {
     while (waitUntilDue()) {
-        update();
-        sendToAll();
+        try {
+            update();
+            sendToAll();
+        } catch (const std::bad_alloc&) {
+            // The next look sends the list to the pages that do not have it.
+        }
     }
 }
 
@@ -146,8 +151,8 @@ void LiveList::update()
     std::optional<std::string> text = mSource();
     if (!text || (mMessage && *text == mText))
         return;
+    mMessage = PreparedMessage::text(*text);
     mText = std::move(*text);
-    mMessage = PreparedMessage::text(mText);
     ++mNumber;
 }
 

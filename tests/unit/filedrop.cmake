@@ -5,4 +5,5 @@ if(TARGET filedrop_objects)
     wendrel_test_program(unit_filedrop
         SOURCES ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${filedrop_tests}
         LIBRARIES filedrop_objects)
+    target_include_directories(unit_filedrop PRIVATE ${CMAKE_CURRENT_LIST_DIR})
 endif()
