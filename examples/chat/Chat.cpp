@@ -74,8 +74,8 @@ public:
 
     void onClose(Session& session, uint16_t, std::string_view, bool) override
     {
-        mRooms.leave(session);
         --mConnections;
+        mRooms.leave(session);
     }
 
     void sendStatus(Request& request) const

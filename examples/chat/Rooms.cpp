@@ -19,9 +19,12 @@ std::string Rooms::join(Session& session, const std::string& name, const std::st
     Room* room = findOrMake(name);
     if (!room)
         return "There are too many rooms.";
+    // Its memory is taken before the session is in the room: without it, the session is in none.
+    std::map<Session*, Place> place;
+    place.emplace(&session, Place{room, nickname});
     if (!room->people.emplace(nickname, &session).second)
         return "Somebody there is called " + nickname + " already.";
-    mPlaces[&session] = {room, nickname};
+    mPlaces.merge(place);
     session.sendText(joinedMessage(name, nickname));
     for (const Entry& entry : room->history)
         send(session, entry);

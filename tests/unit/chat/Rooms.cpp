@@ -4,11 +4,18 @@
 
 #include "Protocol.h"
 
+#include "support/FakeSession.h"
+
+#include <FailingMemory.h>
+
 #include <gmock/gmock.h>
 
 #include <list>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -16,45 +23,22 @@ namespace
 {
 
 using namespace chat;
-using qv::IpAddress;
-using qv::kit::websocket::SendResult;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-class Listener : public Session
+class Listener : public qv::tests::FakeSession
 {
 public:
-    SendResult sendText(std::string_view text) override { return hear(text); }
-    SendResult sendBinary(BinaryView bytes) override { return hear(bytes.asText()); }
-    SendResult send(const PreparedMessage& message) override
-    {
-        return hear(message.payload().asText());
-    }
-    SendResult ping(std::string_view) override { return SendResult::Closed; }
-    bool close(uint16_t, std::string_view) override { return false; }
-    void abort() override {}
-    bool isOpen() const override { return true; }
-    size_t bufferedBytes() const override { return 0; }
-    const std::string& subprotocol() const override { return mNone; }
-    const IpAddress& peerAddress() const override { return mAddress; }
-
     // Returns and removes the messages received since the last call.
     std::vector<std::string> take() { return std::exchange(heard, {}); }
 
     std::vector<std::string> heard;
 
 private:
-    SendResult hear(std::string_view message)
-    {
-        heard.emplace_back(message);
-        return SendResult::Queued;
-    }
-
-    const std::string mNone;
-    const IpAddress mAddress;
+    void hear(std::string_view message) override { heard.emplace_back(message); }
 };
 
 BinaryView bytes(std::string_view text)
@@ -192,6 +176,37 @@ TEST(Rooms, GiveUpAnEmptyRoomForANewOneAtTheLimit)
     EXPECT_EQ(rooms.join(late, "another", "x"), "");
     EXPECT_EQ(rooms.getRoomCount(), Rooms::kMaxRooms);
     EXPECT_EQ(rooms.getPeopleCount(), Rooms::kMaxRooms);
+}
+
+// A session whose callback throws is closed: it leaves, and is destroyed.
+TEST(Rooms, KeepNothingOfASessionThatFindsNoMemoryToJoin)
+{
+    integration::exemptThisThread();
+    const std::string nickname = "a nickname that needs memory";
+    bool isIn = false;
+    for (size_t number = 1; !isIn; ++number) {
+        SCOPED_TRACE(number);
+        Rooms rooms;
+        auto first = std::make_unique<Listener>();
+        bool hasThrown = false;
+        std::thread([&] {
+            const integration::FailNthAllocation failing(number, false);
+            try {
+                rooms.join(*first, "room", nickname);
+            } catch (const std::bad_alloc&) {
+                hasThrown = true;
+            }
+        }).join();
+        ASSERT_TRUE(hasThrown);
+        // Then the message to it has failed.
+        isIn = rooms.getPeopleCount() == 1;
+        EXPECT_TRUE(number > 3 || !isIn);
+        rooms.leave(*first);
+        first.reset();
+        Listener second;
+        EXPECT_EQ(rooms.join(second, "room", nickname), "");
+        EXPECT_EQ(rooms.getPeopleCount(), 1u);
+    }
 }
 
 }  // namespace
