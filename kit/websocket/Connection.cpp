@@ -458,6 +458,7 @@ void Connection::start()
     } else if (!received.empty()) {
         mParser.feed(reinterpret_cast<uint8_t*>(received.data()), received.size());
         handleReceived();
+        endReceiving();
     }
     tCurrent = nullptr;
     if (mLoop->mIsDraining)
@@ -489,6 +490,8 @@ void Connection::ready()
         lose("aborted by the application");
     else if (isOverflown)
         fail(closecode::kTryAgainLater, kQueueIsFull);
+    if (hasInputToHandle())
+        receive();
     settle();
 }
 
@@ -507,12 +510,35 @@ void Connection::onEvents(uint32_t events) noexcept
     });
 }
 
-// One reception is enough, unless it has filled the memory: epoll reports the rest again.
 void Connection::receive()
 {
     if (!mParser.isInMessage())
         mParser.buffer().swap(mLoop->mReusable);
+    mParser.beginTurn();
     tCurrent = this;
+    if (!mParser.isPaused() || handleReceived())
+        receiveMore();
+    endReceiving();
+    tCurrent = nullptr;
+    if (mParser.isInMessage()) {
+        if (mShrinkMs == 0 && mParser.buffer().isOversized())
+            mShrinkMs = mLoop->mNowMs + kShrinkDelayMs;
+        return;
+    }
+    mShrinkMs = 0;
+    // The loop keeps the larger one of its buffer and that of the message.
+    Buffer& own = mParser.buffer();
+    own.clear();
+    if (own.capacity() > mLoop->mReusable.capacity())
+        own.swap(mLoop->mReusable);
+    own.release();
+    if (mLoop->mReusable.capacity() > kMaxKeptBytes)
+        mLoop->mReusable.release();
+}
+
+// One reception is enough, unless it has filled the memory: epoll reports the rest again.
+void Connection::receiveMore()
+{
     size_t size = 0;
     ssize_t received = 0;
     for (size_t turn = 0; turn < kMaxTurnBytes; turn += size) {
@@ -535,21 +561,13 @@ void Connection::receive()
         lose("the peer has closed the connection");
     else if (received < 0 && errno != EAGAIN && errno != EINTR)
         lose("the connection was reset");
-    tCurrent = nullptr;
-    if (mParser.isInMessage()) {
-        if (mShrinkMs == 0 && mParser.buffer().isOversized())
-            mShrinkMs = mLoop->mNowMs + kShrinkDelayMs;
-        return;
-    }
-    mShrinkMs = 0;
-    // The loop keeps the larger one of its buffer and that of the message.
-    Buffer& own = mParser.buffer();
-    own.clear();
-    if (own.capacity() > mLoop->mReusable.capacity())
-        own.swap(mLoop->mReusable);
-    own.release();
-    if (mLoop->mReusable.capacity() > kMaxKeptBytes)
-        mLoop->mReusable.release();
+}
+
+// The memory of the input is another connection's then.
+void Connection::endReceiving()
+{
+    if (!mParser.endTurn())
+        handleViolation(closecode::kTryAgainLater, "no memory for the message");
 }
 
 // False when nothing more is to be received now.
@@ -580,6 +598,8 @@ bool Connection::handleReceived()
         case Event::Failed:
             handleViolation(mParser.failureCode(), mParser.failure());
             break;
+        case Event::Paused:
+            return false;
         }
     }
     return false;
@@ -770,6 +790,8 @@ void Connection::settle()
         return;
     updateEvents();
     updateTimer();
+    if (hasInputToHandle())
+        begin();  // in the next turn
 }
 
 // After a refused message also the budget must have space for it: `updateTimer` sets the time to
@@ -801,7 +823,19 @@ bool Connection::isPaused() const
 {
     if (mState == State::Draining || mHasFailed)
         return false;
+    return mParser.isPaused() || isHeldBack();
+}
+
+// By messages that the peer or the executor has not taken.
+bool Connection::isHeldBack() const
+{
     return mBufferedBytes > mOptions->sendQueueBytes / 2 || (mStrand && mStrand->isFull());
+}
+
+// Input that has been received in an earlier turn.
+bool Connection::hasInputToHandle() const
+{
+    return mParser.isPaused() && isReceiving() && !mHasFailed && !isHeldBack();
 }
 
 void Connection::updateEvents()

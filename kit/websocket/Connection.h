@@ -96,7 +96,9 @@ private:
     void ready();
     void checkDeadlines();
     void receive();
+    void receiveMore();
     bool handleReceived();
+    void endReceiving();
     void handlePeerClose();
     void handleViolation(uint16_t code, const char* reason);
     void closeAfterCallbacks(uint16_t code, std::string_view reason);
@@ -117,7 +119,9 @@ private:
     bool isReceiving() const { return mState == State::Open || mState == State::CloseSent; }
     bool isDrainedAwaited() noexcept;
     bool notifyDrained();
+    bool isHeldBack() const;
     bool isPaused() const;
+    bool hasInputToHandle() const;
     void updateEvents();
     void updateTimer();
     void notify(const Notice& notice);

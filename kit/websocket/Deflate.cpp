@@ -142,6 +142,7 @@ void Inflater::reset()
 bool Inflater::restart()
 {
     std::array<Bytef, kWindowBytes> window;
+    mWorkBytes += 2 * kWindowBytes;
     uInt size = 0;
     return inflateGetDictionary(mStream.get(), window.data(), &size) == Z_OK &&
            inflateReset(mStream.get()) == Z_OK &&
@@ -162,6 +163,7 @@ Inflater::Result Inflater::inflatePart(Buffer& out, size_t maxBytes)
         stream.avail_out = static_cast<uInt>(space);
         const int result = inflate(&stream, Z_SYNC_FLUSH);
         out.addSize(space - stream.avail_out);
+        mWorkBytes += space - stream.avail_out;
         if (out.size() > maxBytes)
             return Result::TooLong;
         if (result == Z_STREAM_END) {

@@ -97,11 +97,15 @@ public:
     // The next message does not refer to earlier ones.
     void reset();
 
+    // Bytes produced and moved since the last call: a measure of processor time.
+    size_t takeWorkBytes() { return std::exchange(mWorkBytes, 0); }
+
 private:
     bool restart();
     Result inflatePart(Buffer& out, size_t maxBytes);
 
     std::unique_ptr<z_stream_s> mStream;
+    size_t mWorkBytes = 0;
     int mFinalBlocks = 0;           // of the current message
     bool mHasInput = false;         // of the current message
     bool mHasEndedFinally = false;  // with its last byte so far

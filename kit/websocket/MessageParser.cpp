@@ -14,6 +14,9 @@ namespace
 constexpr size_t kMinDirectBytes = 16384;
 // A single reception does not exceed it, so that other connections get their turn.
 constexpr size_t kMaxDirectBytes = 1048576;
+// Decompressed at once, to 1 MiB at most, and in a turn before others get theirs.
+constexpr size_t kInflatedPartBytes = 1024;
+constexpr size_t kMaxTurnWorkBytes = 1048576;
 // Compressed data that cannot be compressed is longer than the message.
 constexpr size_t kDeflateShare = 1000;
 constexpr size_t kDeflateExtraBytes = 64;
@@ -37,6 +40,7 @@ MessageParser::Event MessageParser::next()
 {
     if (mFailure)
         return Event::Failed;
+    mIsPaused = false;
     if (mIsDelivered) {
         mMessage.clear();
         mIsDelivered = false;
@@ -50,7 +54,7 @@ MessageParser::Event MessageParser::next()
         const bool isControl = mHeader.isControl();
         const Event event = isControl ? readControl() : readData();
         // A fragment that is not the last one is followed by other frames.
-        if (event != Event::NeedsMore || mInPayload)
+        if (event != Event::NeedsMore || (mInPayload && available() == 0))
             return event;
     }
 }
@@ -150,9 +154,26 @@ void MessageParser::dropInflater()
     mInflater.reset();
 }
 
+bool MessageParser::endTurn()
+{
+    if (!mIsPaused) {
+        if (mRest.capacity() != 0)
+            mRest.release();
+        return true;
+    }
+    if (mRest.size() != 0)
+        return true;  // it is there already
+    if (!mRest.append(mInput, available()))
+        return false;
+    feed(mRest.data(), mRest.size());
+    return true;
+}
+
 void MessageParser::release()
 {
     mMessage.release();
+    mRest.release();
+    mIsPaused = false;
     if (mInflater && mBudget)
         mBudget->credit(Inflater::kBytes);
     mInflater.reset();
@@ -184,7 +205,7 @@ MessageParser::Event MessageParser::readData()
 {
     const size_t part = std::min<uint64_t>(mRemaining, available());
     if (mIsCompressed)
-        return readCompressed(part);
+        return readCompressed(std::min(part, kInflatedPartBytes));
     const bool isText = mOpcode == Opcode::Text;
     // Whole in the given bytes: no copy.
     if (mHeader.fin && mHeader.opcode != Opcode::Continuation && part == mHeader.length) {
@@ -213,6 +234,9 @@ MessageParser::Event MessageParser::readData()
 MessageParser::Event MessageParser::readCompressed(size_t size)
 {
     using Result = Inflater::Result;
+    mIsPaused = size > 0 && mWorkBytes >= kMaxTurnWorkBytes;
+    if (mIsPaused)
+        return Event::Paused;
     mHeader.mask = unmask(mInput, mInput, size, mHeader.mask);
     const BinaryView compressed(mInput, size);
     mInput += size;
@@ -222,6 +246,7 @@ MessageParser::Event MessageParser::readCompressed(size_t size)
     Result result = mInflater->feed(compressed, mMessage, mMaxMessageBytes);
     if (result == Result::Ok && !mInPayload && mHeader.fin)
         result = mInflater->finish(mMessage, mMaxMessageBytes);
+    mWorkBytes += mInflater->takeWorkBytes();
     if (mOpcode == Opcode::Text && !mUtf8.feed(mMessage.data() + before, mMessage.size() - before))
         return fail(closecode::kInvalidData, kNotUtf8);
     switch (result) {

@@ -23,21 +23,23 @@ namespace qv::kit::websocket
 class MessageParser
 {
 public:
-    enum class Event : uint8_t { NeedsMore, Text, Binary, Ping, Pong, Close, Failed };
+    // Paused: enough has been decompressed in this turn, and input is left.
+    enum class Event : uint8_t { NeedsMore, Text, Binary, Ping, Pong, Close, Failed, Paused };
 
     // `maxMessageBytes`: of a message before decompression a little more is accepted. `budget`:
     // null or counts the memory of unfinished messages. `inflaters`: for messages without context;
     // null when they refer to earlier ones.
     MessageParser(size_t maxMessageBytes, bool allowsCompression, Budget* budget,
                   InflaterPool* inflaters = nullptr)
-        : mMessage(budget), mBudget(budget), mInflaters(inflaters),
+        : mMessage(budget), mBudget(budget), mInflaters(inflaters), mRest(budget),
           mMaxMessageBytes(maxMessageBytes), mAllowsCompression(allowsCompression)
     {}
     ~MessageParser() { release(); }
     MessageParser(const MessageParser&) = delete;
     MessageParser& operator=(const MessageParser&) = delete;
 
-    // Gives bytes, which are changed and must stay until `next` returns NeedsMore. Only after that.
+    // Gives bytes, which are changed and must stay until `next` returns NeedsMore, or the turn
+    // ends. Only after NeedsMore.
     void feed(uint8_t* bytes, size_t size)
     {
         mInput = bytes;
@@ -46,6 +48,13 @@ public:
 
     // The next event. After Failed there is none but Failed.
     Event next();
+
+    // A client's few bytes may be decompressed to very many: in each turn a certain number, then
+    // `next` returns Paused until another turn begins.
+    void beginTurn() { mWorkBytes = 0; }
+    // Copies the input that is left after Paused. False without memory for it.
+    bool endTurn();
+    bool isPaused() const { return mIsPaused; }
 
     // Of the last event, until `next` is called again.
     uint8_t* payload() const { return mPayload; }
@@ -93,10 +102,12 @@ private:
     Buffer mMessage;
     Budget* const mBudget;
     InflaterPool* const mInflaters;
+    Buffer mRest;                         // of the input, after Paused
     std::unique_ptr<Inflater> mInflater;  // of the compressed message, or of all of them
     const char* mFailure = nullptr;
     const size_t mMaxMessageBytes;
     uint64_t mRemaining = 0;  // of the payload of the current frame
+    size_t mWorkBytes = 0;    // of decompression, in this turn
     size_t mWireBytes = 0;    // announced by the frames of the compressed message
     FrameHeader mHeader;
     uint16_t mFailureCode = 0;
@@ -106,6 +117,7 @@ private:
     bool mInPayload = false;
     bool mInMessage = false;  // the first frame has begun, the last one has not ended
     bool mIsCompressed = false;
+    bool mIsPaused = false;
     bool mIsDelivered = false;  // the buffer holds a message that `next` has returned
     uint8_t mHeadFill = 0;
     uint8_t mControlFill = 0;

@@ -226,6 +226,14 @@ bool takeEvents(MessageParser& parser, Events& events)
 {
     using Event = MessageParser::Event;
     for (Event event = parser.next(); event != Event::NeedsMore; event = parser.next()) {
+        if (event == Event::Paused) {
+            if (!parser.endTurn()) {
+                events.push_back("failed 1013");
+                return false;
+            }
+            parser.beginTurn();
+            continue;
+        }
         if (event == Event::Failed) {
             events.push_back("failed " + std::to_string(parser.failureCode()));
             return false;
@@ -237,6 +245,7 @@ bool takeEvents(MessageParser& parser, Events& events)
             std::string(names[static_cast<size_t>(event)]) +
             std::string(reinterpret_cast<const char*>(parser.payload()), parser.payloadBytes()));
     }
+    parser.endTurn();  // gives the memory of the input back
     return true;
 }
 

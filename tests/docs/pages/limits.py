@@ -178,6 +178,8 @@ NOT_FOR_USERS = {
     "kit/websocket/Deflate.cpp kMaxStepBytes": "an algorithm's",
     "kit/websocket/Deflate.cpp kMaxZlibBytes": "the compressor's",
     "kit/websocket/Deflate.cpp kFlushBytes": "the compressor's",
+    "kit/websocket/MessageParser.cpp kInflatedPartBytes": "an algorithm's",
+    "kit/websocket/MessageParser.cpp kMaxTurnWorkBytes": "how long others wait for a connection",
     "kit/websocket/DeflateOffers.cpp kMinWindowBits": "the protocol's",
     "kit/websocket/DeflateOffers.cpp kMaxWindowBits": "the protocol's",
     "kit/websocket/DeflateOffers.cpp kMinOwnWindowBits": "the compressor's",

@@ -372,4 +372,64 @@ TEST(DeflateSession, FailsBombsCorruptMessagesAndInvalidText)
     }
 }
 
+// One loop; each message is a turn's worth of decompression.
+TEST(DeflateSession, HandlesMessagesOfOthersBetweenBombs)
+{
+    constexpr int kBombs = 12;
+    WebSocketOptions options;
+    options.maxMessageBytes = 2 << 20;
+    SessionRun run(options, deflating(true, true));
+    std::unique_ptr<Peer> other;
+    bool isSent = false;
+    run.recorder->whenBinary = [&](Session&, BinaryView bytes) {
+        EXPECT_EQ(bytes.size(), size_t{2} << 20);
+        if (!std::exchange(isSent, true))
+            other->send(frame(Opcode::Text, "other"));  // to the same loop
+    };
+    run.open();
+    other = std::move(run.peer);
+    Peer& peer = run.open();
+    EXPECT_EQ(run.recorder->event(2), "open");
+    std::string bytes;
+    for (int i = 0; i < kBombs; ++i)
+        bytes += rawFrame(kFin | kRsv1 | 2, Compressing().compress(std::string(2 << 20, '\0')));
+    ASSERT_LT(bytes.size(), 65536u) << "they are received at once";
+    peer.send(bytes + frame(Opcode::Text, "end"));
+    std::vector<std::string> order;
+    ASSERT_TRUE(waitUntil([&] {
+        order = run.recorder->events();
+        return order.size() == kBombs + 4;
+    }));
+    EXPECT_EQ(order.back(), "text:end");
+    const auto at = std::find(order.begin(), order.end(), "text:other");
+    ASSERT_NE(at, order.end());
+    EXPECT_LE(std::count_if(order.begin(), at, [](const auto& e) { return e[0] == 'b'; }),
+              kBombs / 2);
+}
+
+// The input of a session waits while its peer takes nothing.
+TEST(DeflateSession, HandlesTheRestOfItsInputWhenItsPeerReadsAgain)
+{
+    constexpr int kMessages = 20;
+    WebSocketOptions options;
+    options.sendQueueBytes = 5 << 20;
+    options.minDeflateBytes = SIZE_MAX;
+    SessionRun run(options, deflating(true, true), {}, 4096);
+    const std::string message(1000000, 'm');
+    run.recorder->whenBinary = [](Session& session, BinaryView bytes) {
+        session.sendBinary(bytes);
+    };
+    Peer& peer = run.open();
+    std::string bytes;
+    for (int i = 0; i < kMessages; ++i)
+        bytes += rawFrame(kFin | kRsv1 | 2, Compressing().compress(message));
+    peer.send(bytes + closeFrame(1000));
+    EXPECT_TRUE(waitUntil([&] { return run.session->bufferedBytes() > 1 << 20; }));
+    EXPECT_LE(run.session->bufferedBytes(), size_t{5} << 20);
+    for (int i = 0; i < kMessages; ++i)
+        ASSERT_TRUE(peer.receive() == "82:" + message) << i;
+    EXPECT_EQ(peer.receive(), closed(1000));
+    EXPECT_EQ(run.recorder->closed(), "close:1000::clean");
+}
+
 }  // namespace

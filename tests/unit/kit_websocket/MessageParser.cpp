@@ -458,6 +458,80 @@ TEST(MessageParser, CountsADecompressorInTheBudget)
     EXPECT_EQ(budget.usedBytes(), 0u);
 }
 
+// A few bytes that are decompressed to many: others get their turn between.
+TEST(MessageParser, PausesBetweenPartsOfABomb)
+{
+    constexpr size_t kBombBytes = 8 << 20;
+    constexpr size_t kMaxStepBytes = 2200000;
+    Budget budget(100000000);
+    const std::string zeros(kBombBytes, '\0');
+    const std::string bytes = rawFrame(kFin | kRsv1 | 2, Compressing().compress(zeros)) +
+                              rawFrame(kFin | kRsv1 | 1, Compressing().compress("after"));
+    {
+        MessageParser parser(2 * kBombBytes, true, &budget);
+        {
+            std::string input = bytes;
+            parser.feed(reinterpret_cast<uint8_t*>(input.data()), input.size());
+            EXPECT_EQ(parser.next(), MessageParser::Event::Paused);
+            EXPECT_EQ(parser.next(), MessageParser::Event::Paused) << "until another turn begins";
+            const uint64_t used = budget.usedBytes();
+            EXPECT_TRUE(parser.endTurn());
+            EXPECT_GT(budget.usedBytes(), used);
+        }
+        int turns = 1;
+        size_t inflated = parser.buffer().size();
+        for (;; ++turns) {
+            EXPECT_TRUE(parser.isPaused());
+            parser.beginTurn();
+            const MessageParser::Event event = parser.next();
+            EXPECT_LE(parser.buffer().size() - inflated, kMaxStepBytes);
+            inflated = parser.buffer().size();
+            if (event != MessageParser::Event::Paused) {
+                EXPECT_EQ(event, MessageParser::Event::Binary);
+                break;
+            }
+            EXPECT_TRUE(parser.endTurn());
+        }
+        EXPECT_GE(turns, 4);
+        EXPECT_TRUE(std::string(reinterpret_cast<char*>(parser.payload()), parser.payloadBytes()) ==
+                    zeros);
+        parser.beginTurn();
+        EXPECT_EQ(parser.next(), MessageParser::Event::Text);
+        EXPECT_EQ(parser.next(), MessageParser::Event::NeedsMore);
+        EXPECT_FALSE(parser.isPaused());
+        EXPECT_TRUE(parser.endTurn());
+    }
+    EXPECT_EQ(budget.usedBytes(), 0u);
+}
+
+TEST(MessageParser, PausesBetweenManySmallBombs)
+{
+    std::string bytes;
+    for (int i = 0; i < 10; ++i)
+        bytes += rawFrame(kFin | kRsv1 | 2, Compressing().compress(std::string(1000000, 'x')));
+    Parsing parsing(kMessageLimitBytes, true);
+    parsing.feed(bytes);
+    EXPECT_EQ(parsing.events.size(), 10u);
+    EXPECT_GE(parsing.pauses, 4);
+}
+
+// Each restart of the stream moves its window.
+TEST(MessageParser, PausesBetweenFinalBlocks)
+{
+    std::string bytes;
+    for (int i = 0; i < 10; ++i) {
+        std::string message;
+        for (int k = 0; k < 16; ++k)
+            message += Compressing(true).compress("x");
+        bytes += rawFrame(kFin | kRsv1 | 2, message);
+    }
+    Parsing parsing(kMessageLimitBytes, true);
+    parsing.feed(bytes);
+    EXPECT_EQ(parsing.events,
+              std::vector<std::string>(10, "compressed binary:" + std::string(16, 'x')));
+    EXPECT_GE(parsing.pauses, 4);
+}
+
 TEST(MessageParser, HasNoEventAfterAFailure)
 {
     Parsing parsing;

@@ -96,6 +96,7 @@ public:
 
     MessageParser parser;
     std::vector<std::string> events;
+    int pauses = 0;
 
 private:
     void take()
@@ -105,6 +106,12 @@ private:
             const Event event = parser.next();
             if (event == Event::NeedsMore)
                 return;
+            if (event == Event::Paused) {
+                ++pauses;
+                parser.endTurn();
+                parser.beginTurn();
+                continue;
+            }
             if (event == Event::Failed) {
                 events.push_back("failed:" + std::to_string(parser.failureCode()));
                 return;
