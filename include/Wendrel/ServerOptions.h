@@ -28,7 +28,8 @@ struct WENDREL_EXPORT ServerOptions
     /// - `unix:/path`, `unix:/path,mode=660`: a Unix socket with these mode bits (600 unless
     ///   given). The socket file of a server that is not running any more is replaced;
     /// - `fd:3`: an inherited listening socket, which stays open in this process after the stop;
-    /// - `systemd`: every socket that the service manager has passed.
+    /// - `systemd`: every socket that the service manager has passed;
+    /// - `systemd:web`: those of them that the service manager calls so (`FileDescriptorName=`).
     ///
     /// Port 0 is chosen by the system: `HttpServer::getEndpoints` tells it.
     std::vector<std::string> listen{"127.0.0.1:8181"};

@@ -15,6 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -33,6 +34,7 @@ namespace
 constexpr std::string_view kUnixPrefix = "unix:";
 constexpr std::string_view kDescriptorPrefix = "fd:";
 constexpr std::string_view kSystemdName = "systemd";
+constexpr std::string_view kSystemdPrefix = "systemd:";
 constexpr std::string_view kModeOption = ",mode=";
 constexpr std::string_view kAnyHost = "*";
 
@@ -102,11 +104,23 @@ std::string parseDescriptor(std::string_view rest, Endpoint& endpoint)
     return std::string();
 }
 
+// The characters that the service manager allows.
+std::string parseSystemd(std::string_view name, Endpoint& endpoint)
+{
+    const auto isForbidden = [](char c) { return c <= ' ' || c > '~' || c == ':'; };
+    if (name.empty() || std::any_of(name.begin(), name.end(), isForbidden))
+        return "no name of a socket after \"systemd:\"";
+    endpoint.kind = Endpoint::Kind::Systemd;
+    endpoint.socketName = name;
+    return std::string();
+}
+
 std::string parseTcp(std::string_view text, Endpoint& endpoint)
 {
     const size_t colon = text.rfind(':');
     if (colon == std::string_view::npos)
-        return "no port; use host:port, [IPv6 address]:port, *:port, unix:/path, fd:N or systemd";
+        return "no port; use host:port, [IPv6 address]:port, *:port, unix:/path, fd:N, systemd or "
+               "systemd:NAME";
     const std::optional<uint16_t> port = ParsePort(text.substr(colon + 1));
     if (!port)
         return "the port is not a number of at most 65535";
@@ -293,6 +307,14 @@ std::string openDescriptor(const std::string& where, int descriptor,
     return std::string();
 }
 
+// The name of each passed socket; the manager separates them by colons.
+std::string_view takePassedName(std::string_view& names)
+{
+    const std::string_view name = names.substr(0, names.find(':'));
+    names.remove_prefix(std::min(name.size() + 1, names.size()));
+    return name;
+}
+
 std::string openPassedDescriptors(const Endpoint& endpoint, std::vector<ListeningSocket>& sockets)
 {
     const char* const process = std::getenv("LISTEN_PID");
@@ -303,13 +325,22 @@ std::string openPassedDescriptors(const Endpoint& endpoint, std::vector<Listenin
         processNumber != getpid() || !parseNumber(std::string_view(count), passed) || passed < 1)
         return cannotListen(endpoint.text, "no sockets were passed to this process "
                                            "(LISTEN_PID, LISTEN_FDS)");
+    const char* const listed = std::getenv("LISTEN_FDNAMES");
+    std::string_view names = listed ? listed : "";
+    const size_t before = sockets.size();
     for (int i = 0; i < passed; ++i) {
         const int descriptor = kFirstPassedDescriptor + i;
+        const std::string_view name = takePassedName(names);
+        if (!endpoint.socketName.empty() && name != endpoint.socketName)
+            continue;
         std::string why =
             openDescriptor("systemd socket " + std::to_string(descriptor), descriptor, sockets);
         if (!why.empty())
             return why;
     }
+    if (sockets.size() == before)
+        return cannotListen(endpoint.text, "no socket of this name was passed to this process "
+                                           "(LISTEN_FDNAMES)");
     return std::string();
 }
 
@@ -323,6 +354,8 @@ Endpoint ParseEndpoint(const std::string& text, std::string& error)
     std::string why;
     if (view == kSystemdName)
         endpoint.kind = Endpoint::Kind::Systemd;
+    else if (startsWith(view, kSystemdPrefix))
+        why = parseSystemd(view.substr(kSystemdPrefix.size()), endpoint);
     else if (startsWith(view, kUnixPrefix))
         why = parseUnix(view.substr(kUnixPrefix.size()), endpoint);
     else if (startsWith(view, kDescriptorPrefix))

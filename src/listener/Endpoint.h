@@ -17,12 +17,13 @@ struct Endpoint
     enum class Kind : uint8_t { Tcp, Unix, Descriptor, Systemd };
 
     Kind kind = Kind::Tcp;
-    std::string text;     // as given
-    std::string host;     // Tcp: address or name; "*": every address of the machine
-    uint16_t port = 0;    // Tcp; 0: chosen by the system
-    std::string path;     // Unix
-    mode_t mode = 0600;   // Unix
-    int descriptor = -1;  // Descriptor
+    std::string text;        // as given
+    std::string host;        // Tcp: address or name; "*": every address of the machine
+    uint16_t port = 0;       // Tcp; 0: chosen by the system
+    std::string path;        // Unix
+    mode_t mode = 0600;      // Unix
+    int descriptor = -1;     // Descriptor
+    std::string socketName;  // Systemd; empty: all sockets
 };
 
 // Parses `text`; an empty `error` means success. Opens nothing.

@@ -262,7 +262,7 @@ TEST_F(Endpoints, ThatCannotBeOpenedAreNamedWithTheReason)
     EXPECT_EQ(failureOf({"fd:1000000"}), "cannot listen on fd:1000000: bad file descriptor");
     EXPECT_EQ(failureOf({"nowhere"}),
               "ServerOptions::listen: \"nowhere\": no port; use host:port, [IPv6 address]:port, "
-              "*:port, unix:/path, fd:N or systemd");
+              "*:port, unix:/path, fd:N, systemd or systemd:NAME");
     EXPECT_EQ(failureOf({"systemd"}), "cannot listen on systemd: no sockets were passed to this "
                                       "process (LISTEN_PID, LISTEN_FDS)");
 

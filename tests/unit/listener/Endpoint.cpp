@@ -99,21 +99,26 @@ TEST(Endpoint, OfAnInheritedSocketHasItsDescriptor)
     }
 }
 
-TEST(Endpoint, OfTheServiceManagerIsOneWord)
+TEST(Endpoint, OfTheServiceManagerIsOneWordAndPerhapsAName)
 {
     std::string error = "of an earlier text";
     EXPECT_EQ(ParseEndpoint("systemd", error).kind, Kind::Systemd);
+    EXPECT_EQ(ParseEndpoint("systemd", error).socketName, "");
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(ParseEndpoint("systemd:web-1.socket", error).kind, Kind::Systemd);
+    EXPECT_EQ(ParseEndpoint("systemd:web-1.socket", error).socketName, "web-1.socket");
     EXPECT_EQ(error, "");
 }
 
 TEST(Endpoint, ThatIsWrongIsNamedWithItsError)
 {
-    const char* const noPort =
-        "no port; use host:port, [IPv6 address]:port, *:port, unix:/path, fd:N or systemd";
+    const char* const noPort = "no port; use host:port, [IPv6 address]:port, *:port, unix:/path, "
+                               "fd:N, systemd or systemd:NAME";
     const char* const badPort = "the port is not a number of at most 65535";
     const char* const badMode = "the mode is not an octal number of at most 777";
     const char* const notAbsolute = "the path does not begin with \"/\"";
     const char* const noDescriptor = "no descriptor number after \"fd:\"";
+    const char* const noName = "no name of a socket after \"systemd:\"";
     const char* const noBrackets = "an IPv6 address stands in brackets: [address]:port";
     const char* const notV6 = "no IPv6 address between the brackets";
     const char* const noHost = "no host before the port; use *:port for every address";
@@ -139,7 +144,10 @@ TEST(Endpoint, ThatIsWrongIsNamedWithItsError)
         {"127.0.0.1:0x50", badPort},
         {"[::1]", badPort},
         {"[::1]:", badPort},
-        {"systemd:", badPort},
+        {"systemd:", noName},
+        {"systemd:a b", noName},
+        {"systemd:a:b", noName},
+        {"systemd:\xc3\xa4", noName},
         {":8181", noHost},
         {"::1:8181", noBrackets},
         {"[::1:8181", noBrackets},

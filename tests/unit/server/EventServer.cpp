@@ -51,7 +51,7 @@ TEST(CheckOptions, RefusesAFieldBeyondItsLimitsAndNamesIt)
              o.listen = {"127.0.0.1:0", "nowhere"};
          },
          "ServerOptions::listen: \"nowhere\": no port; use host:port, [IPv6 address]:port, "
-         "*:port, unix:/path, fd:N or systemd"},
+         "*:port, unix:/path, fd:N, systemd or systemd:NAME"},
         {"no thread", [](ServerOptions& o) { o.threads = 0; },
          "ServerOptions::threads: 0 is not between 1 and 1024"},
         {"one thread", [](ServerOptions& o) { o.threads = 1; }, ""},
