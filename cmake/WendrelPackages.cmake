@@ -91,7 +91,7 @@ execute_process(COMMAND ${GZIP_PROGRAM} -9nfk ${PROJECT_BINARY_DIR}/packaging/ch
     COMMAND_ERROR_IS_FATAL ANY)
 # Debian has its manual pages compressed. They are installed by then: the examples come before.
 install(CODE "
-    file(GLOB pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man1/*.1\")
+    file(GLOB pages \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man?/*.?\")
     if(pages)
         execute_process(COMMAND ${GZIP_PROGRAM} -9nf \${pages} COMMAND_ERROR_IS_FATAL ANY)
     endif()" COMPONENT examples)

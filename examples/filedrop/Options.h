@@ -4,7 +4,6 @@
 
 #include "FileDrop.h"
 
-#include <cstdint>
 #include <string>
 
 namespace filedrop
@@ -15,7 +14,6 @@ struct Options
     std::string directory = ".";
     std::string logFile;  ///< empty: standard error
     std::string logLevel = "information";
-    uint32_t stopLimitSeconds = 10;
     Settings settings;
 };
 

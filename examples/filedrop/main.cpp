@@ -5,6 +5,7 @@
 #include "Log.h"
 #include "Options.h"
 
+#include <Wendrel/kit/ServiceManager.h>
 #include <qvSystem/qvLog.h>
 
 #include <chrono>
@@ -48,7 +49,7 @@ bool startLog(const Options& options, qv::qvLog& log, std::string& error)
     return true;
 }
 
-// SIGINT and SIGTERM, taken one by one.
+// SIGINT, SIGTERM and SIGHUP, taken one by one.
 class StopSignals
 {
 public:
@@ -58,6 +59,7 @@ public:
         sigemptyset(&mSignals);
         sigaddset(&mSignals, SIGINT);
         sigaddset(&mSignals, SIGTERM);
+        sigaddset(&mSignals, SIGHUP);
         pthread_sigmask(SIG_BLOCK, &mSignals, nullptr);
         std::signal(SIGPIPE, SIG_IGN);
     }
@@ -70,11 +72,12 @@ public:
         return number;
     }
 
-    // Takes one that has come; false when there is none.
+    // Takes one that has come and ends the program; false when there is none.
     bool take() const
     {
         const timespec noTime{};
-        return sigtimedwait(&mSignals, nullptr, &noTime) > 0;
+        const int number = sigtimedwait(&mSignals, nullptr, &noTime);
+        return number == SIGINT || number == SIGTERM;
     }
 
 private:
@@ -82,7 +85,7 @@ private:
 };
 
 // Waits for running transfers; a second signal ends the wait. False when some were cut off.
-bool stop(qv::kit::Server& server, std::chrono::seconds limit, const StopSignals& signals)
+bool stop(qv::kit::Server& server, std::chrono::milliseconds limit, const StopSignals& signals)
 {
     std::future<bool> stopped = std::async(std::launch::async, [&] { return server.stop(limit); });
     while (stopped.wait_for(kSignalInterval) == std::future_status::timeout) {
@@ -104,9 +107,17 @@ int serve(const Options& options, std::unique_ptr<FileStore> store, const StopSi
     for (const std::string& url : fileDrop.server().urls())
         std::cout << "Serving '" << options.directory << "' at " << url << std::endl;
 
-    const int signal = signals.wait();
+    qv::kit::ServiceManager manager(fileDrop.server());
+    manager.ready();
+    int signal = 0;
+    while ((signal = signals.wait()) == SIGHUP) {
+        manager.reloading();
+        fileDrop.server().reloadCertificates();
+        manager.ready();
+    }
+    manager.stopping();
     writeLog(qv::qvLog::Notice, std::string("Stopping on ") + strsignal(signal));
-    if (!stop(fileDrop.server(), std::chrono::seconds(options.stopLimitSeconds), signals))
+    if (!stop(fileDrop.server(), options.settings.server.stopTimeout, signals))
         writeLog(qv::qvLog::Warning, "Some transfers were cut off");
     writeLog(qv::qvLog::Notice, "Stopped");
     return 0;

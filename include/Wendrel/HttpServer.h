@@ -223,6 +223,17 @@ public:
     /// endpoint. In the order of `getEndpoints`. Any thread.
     std::vector<std::string> getUrls() const;
 
+    /// Why `serve` would refuse `options` before it opens anything; empty when it would not. Files
+    /// of certificates are not read. `recordBytes` as for `serve`. Any thread.
+    static std::string checkOptions(const ServerOptions& options,
+                                    size_t recordBytes = sizeof(ServerOptions));
+
+    /// For a watchdog: rounds in which the listener thread and every daemon thread have done a turn
+    /// of their loops. A call that finds the last round complete begins the next one: called every
+    /// few seconds, the number grows with each call unless a thread hangs. 0 while it does not
+    /// serve in event-driven mode. Any thread; it does not wait for those threads.
+    uint64_t countTurns();
+
 protected:
     /// The server thread.
     void run() override;

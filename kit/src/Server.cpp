@@ -1,6 +1,7 @@
 // A server from start to clean stop, and the signals that end a program.
 
 #include <Wendrel/kit/Server.h>
+#include <Wendrel/kit/ServiceManager.h>
 
 #include "CertificateWatch.h"
 #include "ServerCore.h"
@@ -156,13 +157,18 @@ void waitForEnd()
 }
 
 // A thread other than this one may have got SIGHUP: the count is looked at with the files.
-void waitForEndReloading(Server& server, CertificateWatch& files, uint32_t reloads)
+void waitForEndReloading(Server& server, ServiceManager& manager, CertificateWatch& files,
+                         uint32_t reloads)
 {
     while (!StopSignals::wait(kCertificateCheckMs)) {
         const uint32_t now = sReloads;
         const bool isAsked = now != std::exchange(reloads, now);
-        if (files.hasChanged() || isAsked)
+        if (!files.hasChanged() && !isAsked)
+            continue;
+        manager.reloading();
+        if (!server.options().tls.empty())
             server.reloadCertificates();
+        manager.ready();
     }
 }
 
@@ -207,8 +213,9 @@ int Server::run()
     CertificateWatch files(mOptions.tls);
     const uint32_t reloads = sReloads;
     std::optional<ReloadSignal> signal;
-    if (!mOptions.tls.empty())
+    if (!mOptions.tls.empty() || ServiceManager::isPresent())
         signal.emplace();
+    ServiceManager manager(*this);
     {
         // Before the server accepts connections: a signal from then on is not lost.
         const StopSignals signals;
@@ -221,13 +228,20 @@ int Server::run()
         for (const std::string& url : urls())
             std::cout << url << '\n';
         std::cout << std::flush;
+        manager.ready();
         if (signal)
-            waitForEndReloading(*this, files, reloads);
+            waitForEndReloading(*this, manager, files, reloads);
         else
             waitForEnd();
     }
+    manager.stopping();
     stop(mOptions.stopTimeout);
     return 0;
+}
+
+uint64_t Server::countTurns()
+{
+    return mCore->countTurns();
 }
 
 bool Server::reloadCertificates(std::string* reason)

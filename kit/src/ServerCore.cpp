@@ -11,6 +11,7 @@
 
 #include <qvSystem/Rollback.h>
 
+#include <algorithm>
 #include <exception>
 #include <new>
 #include <thread>
@@ -26,14 +27,6 @@ constexpr unsigned kMaxWorkers = 1024;
 
 // Completed requests that wait for the callback of the application.
 constexpr size_t kMaxUnreported = 1024;
-
-std::string whyImpossible(const ServerOptions& options)
-{
-    if (options.workers == 0 || options.workers > kMaxWorkers)
-        return "ServerOptions::workers: " + std::to_string(options.workers) +
-               " is not between 1 and " + std::to_string(kMaxWorkers);
-    return std::string();
-}
 
 }  // namespace
 
@@ -95,6 +88,14 @@ ServerCore::ServerCore()
 }
 
 ServerCore::~ServerCore() = default;
+
+std::string ServerCore::whyImpossible(const ServerOptions& options)
+{
+    if (options.workers == 0 || options.workers > kMaxWorkers)
+        return "ServerOptions::workers: " + std::to_string(options.workers) +
+               " is not between 1 and " + std::to_string(kMaxWorkers);
+    return std::string();
+}
 
 void ServerCore::release()
 {
@@ -242,6 +243,26 @@ void ServerCore::close()
 {
     stop(std::chrono::milliseconds(0));
     mServer.reset();
+}
+
+// The workers and the threads of the library are asked once for each round.
+uint64_t ServerCore::countTurns()
+{
+    const uint64_t ofThreads = mServer->countTurns();
+    const qvMutexLocker locker(&mTurnMutex);
+    if (mWorkerTurn && *mWorkerTurn && ofThreads > mTurnsOfThreads) {
+        ++mTurns;
+        mTurnsOfThreads = ofThreads;
+        mWorkerTurn.reset();
+    }
+    // A server that has been started again counts from 0.
+    mTurnsOfThreads = std::min(mTurnsOfThreads, ofThreads);
+    if (!mWorkerTurn) {
+        auto turn = std::make_shared<std::atomic<bool>>(false);
+        if (mWorkers.run([turn] { *turn = true; }))
+            mWorkerTurn = std::move(turn);
+    }
+    return mTurns;
 }
 
 std::string ServerCore::failureReason() const

@@ -42,6 +42,10 @@ public:
     void retain() { ++mUsers; }
     void release();
 
+    // Why a server with these options cannot be started, but for the fields of the library; empty
+    // when it can.
+    static std::string whyImpossible(const ServerOptions& options);
+
     // The server's owner.
     Router& router() { return mRouter; }
     bool start(const ServerOptions& options);
@@ -50,6 +54,9 @@ public:
     void close();
     std::string failureReason() const;
     http::HttpServer& httpServer() const { return *mServer; }
+
+    // See `Server::countTurns`. Any thread.
+    uint64_t countTurns();
 
     void setStopping(std::function<void()> callback) { mStopping = std::move(callback); }
 
@@ -120,6 +127,10 @@ private:
     std::string mFailureReason QV_GUARDED_BY(mReasonMutex);
     DeadlineQueue mDeadlines;
     WorkerPool mWorkers;
+    qvMutex mTurnMutex;
+    uint64_t mTurns QV_GUARDED_BY(mTurnMutex) = 0;           // complete rounds
+    uint64_t mTurnsOfThreads QV_GUARDED_BY(mTurnMutex) = 0;  // of the library, in the last one
+    std::shared_ptr<std::atomic<bool>> mWorkerTurn QV_GUARDED_BY(mTurnMutex);  // null: not asked
     qvMutex mStoppingMutex;
     qvWaitCondition mStoppingCalled;
     bool mIsStoppingCalled QV_GUARDED_BY(mStoppingMutex) = false;

@@ -247,6 +247,35 @@ void Listener::stop(int64_t limitMs)
     wake();
 }
 
+uint64_t Listener::countTurns()
+{
+    uint64_t asked = mAskedTurn;
+    if (mTurn < asked || !haveSinksTurned(asked))
+        return asked - 1;
+    // Another caller may begin it at the same time.
+    if (mAskedTurn.compare_exchange_strong(asked, asked + 1)) {
+        wake();
+        return asked;
+    }
+    return asked - 1;
+}
+
+bool Listener::haveSinksTurned(uint64_t turn) const
+{
+    return std::all_of(mSinks.begin(), mSinks.end(),
+                       [turn](const ConnectionSink* sink) { return sink->getTurn() >= turn; });
+}
+
+void Listener::takeTurn()
+{
+    const uint64_t asked = mAskedTurn;
+    if (mTurn == asked)
+        return;
+    for (ConnectionSink* sink : mSinks)
+        sink->askForTurn(asked);
+    mTurn = asked;
+}
+
 void Listener::run()
 {
     while (!isDraining())
@@ -316,6 +345,7 @@ void Listener::handleEvents(int timeoutMs)
     closeExpiredUndecided(nowMs);
     remindOfPeers(nowMs);
     handleDeadlines(nowMs);
+    takeTurn();
     nudgeSinks(nowMs);
     continueUploads(nowMs);
 }
@@ -833,7 +863,8 @@ void Listener::nudgeSinks(int64_t nowMs)
         const uint64_t requests = table.getRequestCount();
         const bool isActive = std::exchange(mRequestCounts[i], requests) != requests;
         if (served < kNudgeConnections) {
-            mSinks[i]->stopNudging();
+            if (mSinks[i]->getTurn() >= mTurn)
+                mSinks[i]->stopNudging();
             continue;
         }
         mSinks[i]->nudge();

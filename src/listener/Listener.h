@@ -46,6 +46,10 @@ public:
 
     // It has fewer: frees what `nudge` uses.
     virtual void stopNudging() = 0;
+
+    // Has the daemon's thread repeat `turn`, and returns the last number that it has repeated.
+    virtual void askForTurn(uint64_t turn) = 0;
+    virtual uint64_t getTurn() const = 0;
 };
 
 class Listener : private TlsHandshakeSink
@@ -101,6 +105,10 @@ public:
 
     // The time of the drain is over: requests are refused. Any thread, no lock.
     bool isStopping() const { return mIsStopping; }
+
+    // Rounds in which the listener thread and the thread of each sink have done something. A call
+    // that finds the last round complete begins the next one. Any thread.
+    uint64_t countTurns();
 
     // Whether every request had its response when `drain` returned.
     bool hasDrained() const { return !mHasAborted; }
@@ -185,6 +193,8 @@ private:
     void handleDeadlines(int64_t nowMs);
     void handleDeadline(Connection& connection, int64_t nowMs);
     void nudgeSinks(int64_t nowMs);
+    bool haveSinksTurned(uint64_t turn) const;
+    void takeTurn();
     void continueUploads(int64_t nowMs);
     void acceptQueued();
     void endIdleConnections();
@@ -198,6 +208,8 @@ private:
     int mWake = -1;
     std::atomic<int64_t> mDrainDeadlineMs{kNoDeadline};
     std::atomic<bool> mIsStopping{false};
+    std::atomic<uint64_t> mAskedTurn{0};
+    std::atomic<uint64_t> mTurn{0};  // written by the listener thread
 
     const std::shared_ptr<ConnectionPlaces> mPlaces;
 

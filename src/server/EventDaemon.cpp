@@ -107,6 +107,13 @@ void EventDaemon::nudge()
         stopNudging();
 }
 
+// A daemon that has not read so many nudges that no more can be sent is not awake.
+void EventDaemon::askForTurn(uint64_t turn)
+{
+    mAskedTurn = turn;
+    nudge();
+}
+
 // The daemon closes its end.
 void EventDaemon::stopNudging()
 {

@@ -8,6 +8,7 @@
 #include "request/AllowedHosts.h"
 #include "request/MemoryBudget.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,6 +64,11 @@ public:
     bool serve(int descriptor, const sockaddr* address, size_t bytes) override;
     void nudge() override;
     void stopNudging() override;
+    void askForTurn(uint64_t turn) override;
+    uint64_t getTurn() const override { return mTurn; }
+
+    // A nudge has reached the application's side of the daemon's thread. Its thread.
+    void takeTurn() { mTurn = mAskedTurn.load(); }
 
     // A socket that is never used: the daemon's descriptor of an upgraded connection becomes a
     // duplicate of it.
@@ -83,6 +89,8 @@ private:
     MHD_Daemon* mDaemon = nullptr;
     int mReplacement = -1;
     int mNudge = -1;  // our end of a connection that is no client's; listener thread
+    std::atomic<uint64_t> mAskedTurn{0};
+    std::atomic<uint64_t> mTurn{0};
 };
 
 }  // namespace qv::impl

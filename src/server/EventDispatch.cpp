@@ -550,6 +550,7 @@ MHD_Result HandleEventAccess(void* closure, MHD_Connection* connection, const ch
     ExpectAbort(false);
     Connection* const record = ConnectionOf(connection);
     if (!record) {
+        daemon.takeTurn();
         *uploadSize = 0;
         return MHD_YES;
     }

@@ -261,6 +261,17 @@ std::vector<std::string> HttpServer::getUrls() const
     return mUrls;
 }
 
+std::string HttpServer::checkOptions(const ServerOptions& options, size_t recordBytes)
+{
+    return impl::CheckOptions(impl::ReadOptions(options, recordBytes));
+}
+
+uint64_t HttpServer::countTurns()
+{
+    const qvMutexLocker locker(&mMutex);
+    return mEventServer ? mEventServer->getListener().countTurns() : 0;
+}
+
 bool HttpServer::reloadCertificates(std::string* reason)
 {
     std::string why;

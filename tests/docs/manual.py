@@ -1,8 +1,9 @@
-"""Holds a manual page against --help of its program, and has groff format it without a warning.
+"""Holds a manual page, and that of the options of all servers, against --help of its program, and has groff
+format both without a warning.
 
-    manual.py PROGRAM PAGE
-    manual.py --broken PROGRAM PAGE    also changes the page in several ways, each of which has to be
-                                       noticed
+    manual.py PROGRAM PAGE SERVER_PAGE
+    manual.py --broken PROGRAM PAGE SERVER_PAGE    also changes the pages in several ways, each of which
+                                                   has to be noticed
 """
 
 import os
@@ -20,6 +21,8 @@ PAGE_OPTION = re.compile(r"^\.It Fl (?:(\w) , )?-([\w-]+)(?: Ar ([A-Z]+))?$", re
 SYNOPSIS_OPTION = re.compile(r"^\.(?:Op )?Fl -([\w-]+)(?: Ar ([A-Z]+))?(?: \| Fl -([\w-]+))?$", re.MULTILINE)
 # The default depends on the machine.
 MACHINE_DEFAULTS = {"threads"}
+# The default depends on the program.
+PROGRAM_DEFAULTS = {"workers", "stop-timeout"}
 
 
 def section(page, name):
@@ -31,7 +34,7 @@ def described_options(page):
     """Name to short name, value and text of each option."""
     description = section(page, "DESCRIPTION")
     matches = list(PAGE_OPTION.finditer(description))
-    ends = [match.start() for match in matches[1:]] + [description.find("\n.El")]
+    ends = [match.start() for match in matches[1:]] + [description.rfind("\n.El")]
     return {match[2]: (match[1], match[3], description[match.end():end])
             for match, end in zip(matches, ends)}
 
@@ -45,14 +48,17 @@ def complaints_about_option(option, described):
         yield f"--{name} takes {option['value']}, the page says {value}"
     if option["least"] and f"from {option['least']} to {option['most']}" not in text:
         yield f"--{name}: the page does not say 'from {option['least']} to {option['most']}'"
-    default = None if name in MACHINE_DEFAULTS else option["default"]
+    default = None if name in MACHINE_DEFAULTS | PROGRAM_DEFAULTS else option["default"]
     if default and not re.search(rf"^\.Ql (?:\\&)?{re.escape(default)}(?: |$)", text, re.MULTILINE):
         yield f"--{name}: the page does not say that the default is {default}"
 
 
-def complaints_of(help_text, page):
+def complaints_of(help_text, page, server_page):
     options = {match["name"]: match for match in HELP_OPTION.finditer(help_text)}
-    described = described_options(page)
+    own, of_server = described_options(page), described_options(server_page)
+    described = {**own, **of_server}
+    for name in sorted(set(own) & set(of_server)):
+        yield f"--{name} is in both pages"
     if set(re.findall(r"--([\w-]+)", help_text)) - set(options):
         yield "an option of --help was not understood"
     for name in sorted(set(options) - set(described)):
@@ -66,7 +72,7 @@ def complaints_of(help_text, page):
         synopsis[first] = value or None
         if second:
             synopsis[second] = None
-    if synopsis != {name: match["value"] for name, match in options.items()}:
+    if synopsis != {name: match["value"] for name, match in options.items() if name not in of_server}:
         yield f"the synopsis has {synopsis}"
 
 
@@ -80,29 +86,32 @@ def layout_complaints(page):
     return done.stderr.splitlines()
 
 
-def changed_pages(page):
-    yield "an option left out", re.sub(r"^\.It Fl -port .*?(?=^\.It)", "", page, flags=re.M | re.S)
-    yield "an option too many", page.replace(".It Fl -version", ".It Fl -verbose\nMore.\n.It Fl -version")
-    yield "another value", page.replace(".It Fl -port Ar NUMBER", ".It Fl -port Ar PORT")
-    yield "another default", page.replace(".Ql 8181", ".Ql 8080")
-    yield "another range", page.replace("to 65535", "to 65536")
-    yield "a synopsis without an option", page.replace(".Op Fl -all-interfaces\n", "")
-    yield "no short name", page.replace(".It Fl h , -help", ".It Fl -help")
+def changed_pages(page, server_page):
+    for name, old, new in (
+            ("an option left out", re.search(r"^\.It Fl -port .*?(?=^\.It)", server_page, re.M | re.S)[0], ""),
+            ("an option too many", ".It Fl -version", ".It Fl -verbose\nMore.\n.It Fl -version"),
+            ("another value", ".It Fl -port Ar NUMBER", ".It Fl -port Ar PORT"),
+            ("another default", ".Ql 10000 .", ".Ql 10001 ."),
+            ("a synopsis without an option", ".Fl -help | Fl -version", ".Fl -help"),
+            ("no short name", ".It Fl h , -help", ".It Fl -help")):
+        yield name, page.replace(old, new), server_page.replace(old, new)
 
 
 def main():
     broken = sys.argv[1] == "--broken"
-    program, path = sys.argv[-2:]
+    program, *paths = sys.argv[-3:]
     help_text = subprocess.run([program, "--help"], check=True, capture_output=True, text=True,
                                env={**os.environ, "COLUMNS": "80"}).stdout
-    page = pathlib.Path(path).read_text()
-    complaints = [*complaints_of(help_text, page), *layout_complaints(path)]
+    pages = [pathlib.Path(path).read_text() for path in paths]
+    complaints = [*complaints_of(help_text, *pages)]
+    for path in paths:
+        complaints += layout_complaints(path)
     if broken:
-        for name, changed in changed_pages(page):
-            if changed == page or not list(complaints_of(help_text, changed)):
+        for name, *changed in changed_pages(*pages):
+            if changed == pages or not list(complaints_of(help_text, *changed)):
                 complaints.append(f"not noticed: {name}")
-    count = len(described_options(page))
-    print("\n".join(complaints) or f"{path}: {count} options as in --help")
+    count = sum(len(described_options(page)) for page in pages)
+    print("\n".join(complaints) or f"{paths[0]}: {count} options as in --help")
     return 1 if complaints else 0
 
 

@@ -22,6 +22,11 @@ else()
         PROPERTIES RUN_SERIAL ON)
 endif()
 
+# filedrop as a service of systemd. WENDREL_SERVICE_RESTARTS changes how often it is restarted.
+wendrel_python_tests(PREFIX service
+    SCRIPT ${CMAKE_CURRENT_LIST_DIR}/service/test_service.py
+    ENVIRONMENT ${filedrop_environment})
+
 if(browser_lacks)
     message(STATUS "Test of filedrop's page: left out, ${browser_lacks}")
 else()

@@ -6,7 +6,7 @@ wendrel_test_program(integration_kit
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
         KitBodies.cpp KitCompleted.cpp KitDeferred.cpp KitDeferredStress.cpp KitDirectories.cpp KitEvents.cpp KitFiles.cpp
         KitForms.cpp KitHooks.cpp KitJson.cpp KitMiddleware.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp KitStreamMemory.cpp KitTls.cpp
-        KitUploads.cpp KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
+        KitTurns.cpp KitUploads.cpp KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
     LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
 # WebSocket sessions over TLS.
 gtest_discover_tests(integration_kit

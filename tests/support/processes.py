@@ -48,10 +48,10 @@ def free_port():
 class Process:
     """A process whose lines are read as they come."""
 
-    def __init__(self, *command, limit=LIMIT_SECONDS):
+    def __init__(self, *command, limit=LIMIT_SECONDS, **more):
         self.limit = limit
         self.process = subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **more)
         self.pid = self.process.pid
         self.lines = queue.Queue()
         self.output = []

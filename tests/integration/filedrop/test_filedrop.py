@@ -820,7 +820,8 @@ class Process(ServerCase):
 
     def test_impossible_endpoint(self):
         done = self.run_server("--directory", self.directory, "--listen", "nowhere")
-        self.check_one_line(done, "nowhere")
+        self.assertEqual((done.returncode, done.stdout), (1, ""), done)
+        self.assertIn("--listen: \"nowhere\": no port", done.stderr)
 
     def test_unusable_directories(self):
         file = self.work / "file"
@@ -850,13 +851,13 @@ class Process(ServerCase):
         done = self.run_server("--help")
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         for option in ("--directory", "--port", "--all-interfaces", "--listen", "--threads", "--workers",
-                       "--max-upload", "--log-file", "--log-level", "--stop-limit", "--version", "--help"):
+                       "--max-upload", "--log-file", "--log-level", "--stop-timeout", "--version", "--help"):
             self.assertIn(option, done.stdout)
 
     def test_mistakes_on_the_command_line(self):
         for arguments in (("--port", "0"), ("--port", "65536"), ("--port", "x"), ("--threads", "0"),
                           ("--workers", "0"), ("--max-upload", "lots"), ("--log-level", "loud"),
-                          ("--stop-limit", "-1"), ("--unknown",), ("extra",),
+                          ("--stop-timeout", "-1s"), ("--unknown",), ("extra",),
                           ("--listen", "127.0.0.1:0", "--port", "8181"),
                           ("--listen", "127.0.0.1:0", "--all-interfaces")):
             with self.subTest(arguments=arguments):
@@ -874,7 +875,7 @@ class Process(ServerCase):
                 self.server = None
 
     def test_download_is_finished_after_sigterm(self):
-        self.start("--stop-limit", str(LIMIT_SECONDS))
+        self.start("--stop-timeout", f"{LIMIT_SECONDS}s")
         content = os.urandom(16 * MIB)
         (self.directory / "a").write_bytes(content)
         download = self.download("a")
@@ -885,7 +886,7 @@ class Process(ServerCase):
         self.server = None
 
     def test_upload_is_finished_after_sigterm(self):
-        self.start("--stop-limit", str(LIMIT_SECONDS))
+        self.start("--stop-timeout", f"{LIMIT_SECONDS}s")
         content = os.urandom(4 * MIB)
         upload = self.upload("a", len(content))
         upload.send(content[:MIB])
@@ -899,7 +900,7 @@ class Process(ServerCase):
         self.assertTrue((self.directory / "a").read_bytes() == content)
 
     def test_transfers_that_take_too_long_are_cut_off(self):
-        self.start("--stop-limit", "1")
+        self.start("--stop-timeout", "1s")
         make_sparse(self.directory / "a", 64 * MIB)
         download = self.download("a")
         upload = self.upload("b", MIB)
@@ -913,7 +914,7 @@ class Process(ServerCase):
         self.assertEqual(self.names(), ["a"])
 
     def test_second_signal_stops_at_once(self):
-        self.start("--stop-limit", "86400")
+        self.start("--stop-timeout", "24h")
         make_sparse(self.directory / "a", 64 * MIB)
         self.download("a")
         self.server.send(signal.SIGTERM)

@@ -132,7 +132,7 @@ class RollingUploads(filedrop.ServerCase):
             directory = self.work / server
             directory.mkdir()
             instance = Instance(lambda port, directory=directory: (
-                SERVER, "--directory", directory, "--port", port, "--stop-limit", 2 * LIMIT_SECONDS))
+                SERVER, "--directory", directory, "--port", port, "--stop-timeout", f"{2 * LIMIT_SECONDS}s"))
             self.addCleanup(instance.process.kill)
             self.instances[server] = instance
         first, second = (instance.port for instance in self.instances.values())

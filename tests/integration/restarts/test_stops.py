@@ -227,7 +227,7 @@ class Listener(Client):
 
 
 class FileDrop(unittest.TestCase):
-    """Running transfers may go on for --stop-limit seconds; the remaining ones are aborted then."""
+    """Running transfers may go on for --stop-timeout; the remaining ones are aborted then."""
 
     def test_stop_in_the_middle_of_transfers(self):
         metrics = Metrics("stop_filedrop")
@@ -243,7 +243,7 @@ class FileDrop(unittest.TestCase):
             served = work / "served"
             served.mkdir()
             (served / "large").write_bytes(PATTERN)
-            server = filedrop_server.Server(served, "--stop-limit", str(stop_limit))
+            server = filedrop_server.Server(served, "--stop-timeout", f"{stop_limit}s")
             try:
                 server.wait_ready()
                 self.stop(server, served, metrics, finishes, stop_limit)

@@ -64,6 +64,13 @@ public:
     void nudge() override { ++nudges; }
     void stopNudging() override { ++stops; }
 
+    void askForTurn(uint64_t number) override
+    {
+        if (!hanging)
+            turn = number;
+    }
+    uint64_t getTurn() const override { return turn; }
+
     // Records without a connection. Before the listener runs.
     void add(size_t count)
     {
@@ -86,6 +93,8 @@ public:
     std::atomic<size_t> served{0};
     std::atomic<size_t> nudges{0};
     std::atomic<size_t> stops{0};
+    std::atomic<bool> hanging{false};
+    std::atomic<uint64_t> turn{0};
 
 private:
     ConnectionTable mTable{{}, 0};
@@ -205,6 +214,41 @@ private:
     std::unique_ptr<Listener> mListener;
     std::thread mThread;
 };
+
+// Turns.
+
+TEST(ListenerTurns, RoundIsCompleteWhenTheThreadAndEachSinkHaveTurned)
+{
+    ListenerRun run(1, 2);
+    EXPECT_EQ(run.listener().countTurns(), 0u);
+    EXPECT_TRUE(waitUntil([&] { return run.listener().countTurns() >= 3; }));
+    EXPECT_GE(run.sink(0).turn, 3u);
+    EXPECT_GE(run.sink(1).turn, 3u);
+}
+
+TEST(ListenerTurns, NoRoundIsCompleteWhileOneSinkHangs)
+{
+    ListenerRun run(1, 2);
+    run.sink(1).hanging = true;
+    EXPECT_EQ(run.listener().countTurns(), 0u);
+    EXPECT_TRUE(waitUntil([&] { return run.sink(0).turn == 1; }));
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(run.listener().countTurns(), 0u);
+    EXPECT_EQ(run.sink(0).turn, 1u);
+    run.sink(1).turn = 1;
+    run.sink(1).hanging = false;
+    EXPECT_TRUE(waitUntil([&] { return run.listener().countTurns() >= 2; }));
+}
+
+TEST(ListenerTurns, NoRoundIsCompleteWhileTheThreadDoesNotRun)
+{
+    FakeSink sink;
+    Listener::Limits limits;
+    Listener listener(limits, {}, {&sink});
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(listener.countTurns(), 0u);
+    EXPECT_EQ(sink.turn, 0u);
+}
 
 size_t countDescriptors()
 {

@@ -76,7 +76,9 @@ public:
     /// signal ends the process.
     ///
     /// With secure endpoints the certificates are reloaded after SIGHUP, and within about 4 s after
-    /// one of their files has changed; see `reloadCertificates`.
+    /// one of their files has changed; see `reloadCertificates`. A service manager that has started
+    /// the process is told when the server serves, reloads and stops: see ServiceManager. SIGHUP is
+    /// ignored then without secure endpoints.
     int run(const std::string& endpoint);
 
     /// The same with the endpoints of the options.
@@ -126,6 +128,11 @@ public:
 
     /// As `HttpServer::reloadCertificates`. Any thread but those of handlers and callbacks.
     bool reloadCertificates(std::string* reason = nullptr);
+
+    /// For a watchdog: as `HttpServer::countTurns`, and a worker has taken a task in each round.
+    /// While all workers are occupied by handlers that wait, no round is completed: the limit of
+    /// the watchdog must be above the time of the slowest handler. Any thread.
+    uint64_t countTurns();
 
 private:
     ServerOptions mOptions;

@@ -1,0 +1,160 @@
+/// Options of a server from the command line and from a file. Needs the headers of CLI11 (Debian:
+/// libcli11-dev).
+#ifndef WENDREL_KIT_CONFIGURATION_H
+#define WENDREL_KIT_CONFIGURATION_H
+
+#include <Wendrel/kit/ServerSettings.h>
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv::kit
+{
+
+/// Adds to `app` an option for each field of `options` that is a value, and `--config FILE` for a
+/// file with any options of `app`, those of the application included: see
+/// docs/configuration.md. Options of the command line override those of the file. Present values
+/// are the defaults. A value that `Server::start` would refuse, an unknown option in the file and a
+/// file that cannot be read are errors of `CLI::App::parse`, which name option, file and line.
+///
+/// `options` outlives `app`, or its last `parse`: `addServerOptions(app, server.options())`.
+void addServerOptions(CLI::App& app, ServerOptions& options);
+
+/// An option of the application whose value is a size: "512", "64K", "10M", "2G" or "1T", of 1024
+/// each, with "B" or "iB" behind it or not. Its default is the present value of `bytes`.
+CLI::Option* addSizeOption(CLI::App& app, const std::string& name, uint64_t& bytes,
+                           const std::string& help);
+
+/// An option of the application whose value is a duration: "0", "250ms", "30s", "5m", "12h" or
+/// "7d". Its default is the present value of `duration`.
+CLI::Option* addDurationOption(CLI::App& app, const std::string& name,
+                               std::chrono::milliseconds& duration, const std::string& help);
+
+namespace impl
+{
+
+/// A file of options whose errors have a line.
+class LocatedConfig : public CLI::ConfigTOML
+{
+public:
+    /// `app` outlives this.
+    explicit LocatedConfig(CLI::App& app) : mOptions(app) {}
+
+    /// Stores the options of the application; returns those of its subcommands.
+    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
+    {
+        const std::string text{std::istreambuf_iterator<char>(input), {}};
+        std::istringstream lines(text);
+        std::vector<CLI::ConfigItem> others;
+        std::set<std::string> taken;
+        for (CLI::ConfigItem& item : CLI::ConfigTOML::from_config(lines)) {
+            if (!item.parents.empty())
+                others.push_back(std::move(item));
+            else
+                take(item, text, taken.insert(item.name).second);
+        }
+        return others;
+    }
+
+private:
+    void take(const CLI::ConfigItem& item, const std::string& text, bool isFirst) const
+    {
+        CLI::Option* const option = mOptions.get_option_no_throw("--" + item.name);
+        try {
+            if (!option || !option->get_configurable())
+                throw CLI::ConfigError("there is no option '" + item.name + "'");
+            if (!isFirst)
+                throw CLI::ConfigError("'" + item.name + "' stands in the file twice");
+            if (!option->empty())
+                return;  // given on the command line
+            if (option->get_expected_min() == 0) {
+                option->add_result(option->get_flag_value(item.name, to_flag(item)));
+            } else {
+                option->add_result(item.inputs);
+                option->run_callback();
+            }
+        } catch (const CLI::ParseError& error) {
+            throw CLI::ConfigError(mOptions.get_config_ptr()->as<std::string>() + ", line " +
+                                   std::to_string(lineOfKey(text, item.name)) + ": " +
+                                   error.what());
+        }
+    }
+
+    CLI::App& mOptions;
+};
+
+}  // namespace impl
+
+inline void addServerOptions(CLI::App& app, ServerOptions& options)
+{
+    std::map<std::string, std::string> needed;
+    for (ServerSetting& setting : serverSettings(options)) {
+        const auto store = [name = setting.name,
+                            set = setting.set](const std::vector<std::string>& values) {
+            if (const std::string why = set(values); !why.empty())
+                throw CLI::ValidationError(name, why);
+        };
+        CLI::Option* option = nullptr;
+        if (setting.value.empty())
+            option = app.add_flag_function(
+                setting.name, [store](int64_t count) { store({count > 0 ? "true" : "false"}); },
+                setting.help);
+        else
+            option =
+                app.add_option_function<std::vector<std::string>>(setting.name, store, setting.help)
+                    ->expected(1, setting.isList ? CLI::detail::expected_max_vector_size : 1)
+                    ->allow_extra_args(false)
+                    ->option_text(setting.value +
+                                  (setting.fallback.empty() ? "" : "=" + setting.fallback));
+        option->group(setting.group);
+        if (!setting.needed.empty())
+            needed[setting.name] = setting.needed;
+    }
+    for (const auto& [name, other] : needed)
+        app.get_option(name)->needs(app.get_option(other));
+    app.get_formatter()->column_width(42);
+    app.config_formatter(std::make_shared<impl::LocatedConfig>(app));
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.set_config("--config", "", "Read further options from this file (TOML or INI)")
+        ->option_text("FILE");
+}
+
+inline CLI::Option* addSizeOption(CLI::App& app, const std::string& name, uint64_t& bytes,
+                                  const std::string& help)
+{
+    const auto store = [name, &bytes](const std::string& text) {
+        if (const std::string why = readSize(text, bytes); !why.empty())
+            throw CLI::ValidationError(name, why);
+    };
+    return app.add_option_function<std::string>(name, store, help)
+        ->type_name("SIZE")
+        ->default_str(sizeText(bytes));
+}
+
+inline CLI::Option* addDurationOption(CLI::App& app, const std::string& name,
+                                      std::chrono::milliseconds& duration, const std::string& help)
+{
+    const auto store = [name, &duration](const std::string& text) {
+        if (const std::string why = readDuration(text, duration); !why.empty())
+            throw CLI::ValidationError(name, why);
+    };
+    return app.add_option_function<std::string>(name, store, help)
+        ->type_name("DURATION")
+        ->default_str(durationText(duration));
+}
+
+}  // namespace qv::kit
+
+#endif
