@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION web)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "libwendrel3.0 (= ${wendrel_debian_version})")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS
-    "libwendrel-dev (= ${wendrel_debian_version}), libcli11-dev, nlohmann-json3-dev")
+    "libwendrel-dev (= ${wendrel_debian_version}), libcli11-dev, nlohmann-json3-dev, libsqlite3-dev")
 set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "An HTTP/1.1 server for the process of a C++ application, on GNU libmicrohttpd.
 
 These are a file server and a chat, ready to run, with their manual pages, and

@@ -4,18 +4,19 @@ import os
 import socket
 
 HANDSHAKE = ("GET {target} HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-             "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n")
+             "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n{headers}\r\n")
 
 TEXT, BINARY, CLOSE, PING, PONG = 1, 2, 8, 9, 10
 
 
 class LiveClient:
-    def __init__(self, port, limit_seconds, target="/live"):
+    def __init__(self, port, limit_seconds, target="/live", headers=""):
+        """`headers`: further lines, each with its end."""
         self.close_code = None  # of the server's close frame
         self.has_sent_close = False
         self.socket = socket.create_connection(("127.0.0.1", port), limit_seconds)
         self.file = self.socket.makefile("rb")
-        self.socket.sendall(HANDSHAKE.format(target=target).encode())
+        self.socket.sendall(HANDSHAKE.format(target=target, headers=headers).encode())
         head = b""
         while not head.endswith(b"\r\n\r\n"):
             line = self.file.readline()
