@@ -9,6 +9,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import socket
 import ssl
 import subprocess
@@ -17,9 +18,10 @@ import tempfile
 import unittest
 
 sys.path.append(str(pathlib.Path(__file__).parents[2] / "support"))
-from processes import LIMIT_SECONDS, Process, free_port
+from processes import LIMIT_SECONDS, Process, free_port, wait_until
 
 SERVER = os.environ.get("WENDREL_CHAT", "wendrel-chat")
+FILEDROP = os.environ.get("WENDREL_FILEDROP", "wendrel-filedrop")
 REQUEST = b"GET /chat.css HTTP/1.1\r\nHost: localhost\r\n\r\n"
 LAST_REQUEST = b"GET /chat.css HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"
 NODE_CLIENT = """
@@ -55,18 +57,23 @@ class SecureCase(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.directory = pathlib.Path(directory.name)
         self.certificate = self.directory / "certificate.pem"
-        key = self.directory / "key.pem"
+        self.key = self.directory / "key.pem"
+        self.make_certificate()
+        self.port = free_port()
+        self.url = f"https://127.0.0.1:{self.port}/chat.css"
+        self.server = Process(*self.command(), "--tls-certificate", str(self.certificate), "--tls-key", str(self.key))
+        self.addCleanup(self.stop)
+        self.server.wait_line(rf".*https://127\.0\.0\.1:{self.port}/")
+
+    def command(self):
+        return SERVER, "--port", str(self.port)
+
+    def make_certificate(self):
         subprocess.run(
             ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
              "-days", "90", "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
-             "-keyout", key, "-out", self.certificate],
+             "-keyout", self.key, "-out", self.certificate],
             check=True, capture_output=True, timeout=LIMIT_SECONDS)
-        self.port = free_port()
-        self.url = f"https://127.0.0.1:{self.port}/chat.css"
-        self.server = Process(SERVER, "--port", str(self.port), "--tls-certificate", str(self.certificate),
-                              "--tls-key", str(key))
-        self.addCleanup(self.stop)
-        self.server.wait_line(rf"https://127\.0\.0\.1:{self.port}/")
 
     def stop(self):
         code = self.server.stop()
@@ -222,6 +229,24 @@ class Gnutls(SecureCase):
         code, output = self.run_gnutls("--priority", "LEGACY:-VERS-ALL:+VERS-TLS1.1")
         self.assertNotEqual(code, 0)
         self.assertNotIn("HTTP/1.1", output)
+
+
+class Reload(SecureCase):
+    def served(self):
+        return ssl.get_server_certificate(("127.0.0.1", self.port), timeout=LIMIT_SECONDS).strip()
+
+    def test_of_the_files_follows_sighup(self):
+        first = self.certificate.read_text().strip()
+        self.assertEqual(self.served(), first)
+        self.make_certificate()
+        self.server.send(signal.SIGHUP)
+        wait_until(lambda: self.served() == self.certificate.read_text().strip(), "the new certificate")
+        self.assertNotEqual(self.served(), first)
+
+
+class ReloadOfFiledrop(Reload):
+    def command(self):
+        return FILEDROP, "--directory", str(self.directory), "--port", str(self.port)
 
 
 class Sslscan(SecureCase):
