@@ -5,17 +5,15 @@
 #include "Board.h"
 #include "Page.h"
 
-#include <Wendrel/BodySource.h>
 #include <Wendrel/kit/Configuration.h>
 #include <Wendrel/kit/Json.h>
+#include <Wendrel/kit/Middleware.h>
 
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 
-#include <cctype>
 #include <exception>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,11 +24,8 @@ namespace taskboard
 namespace
 {
 
-using qv::BodySource;
 using qv::kit::ContentType;
 using qv::kit::Cookie;
-using qv::kit::Handler;
-using qv::kit::HttpError;
 using qv::kit::Request;
 using qv::kit::Router;
 using qv::kit::websocket::WebSocketOptions;
@@ -67,33 +62,11 @@ int64_t idOf(const Request& request)
     return request.pathParameter("id").asInt(std::nullopt, 1);
 }
 
-// A file name in a header: any other byte is percent-encoded (RFC 8187).
-std::string attachmentNamed(const std::string& name)
+// The user of a request that the hook below has let in.
+struct User
 {
-    constexpr const char* kDigits = "0123456789ABCDEF";
-    std::string encoded;
-    for (const char c : name) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x80 && (std::isalnum(byte) != 0 || c == '-' || c == '.' || c == '_'))
-            encoded += c;
-        else
-            encoded.append({'%', kDigits[byte >> 4], kDigits[byte & 0xf]});
-    }
-    return "attachment; filename*=UTF-8''" + encoded;
-}
-
-void sendFile(Request& request, Board& board)
-{
-    const auto [name, path] = board.file(idOf(request));
-    std::unique_ptr<BodySource> content = BodySource::fromFile(path);
-    if (!content)
-        throw HttpError(404, "The file is missing.");
-    // Never shown as a page of this site, whatever its bytes are.
-    request.setHeader("Content-Disposition", attachmentNamed(name));
-    request.setHeader("X-Content-Type-Options", "nosniff");
-    request.setHeader("Content-Security-Policy", "sandbox");
-    request.replySource(std::move(content), ContentType::bytes());
-}
+    std::string name;
+};
 
 void addSessionRoutes(Router& router, Accounts& accounts)
 {
@@ -110,59 +83,66 @@ void addSessionRoutes(Router& router, Accounts& accounts)
         request.setCookie(Cookie::expired(Accounts::kCookie));
         request.reply(204);
     });
-    router.get("/api/session", [&accounts](Request& request) {
-        request.replyJson({{"user", accounts.userOf(request)}});
+    // Guesses of passwords.
+    qv::kit::RateLimitOptions guesses;
+    guesses.perSecond = 0.5;
+    router.use("/api/login", qv::kit::rateLimit(guesses));
+    router.use("/", qv::kit::securityHeaders());
+
+    const auto letUsersIn = [&accounts](Request& request) {
+        request.attach(User{accounts.userOf(request)});
+    };
+    for (const char* prefix : {"/api/session", "/api/tasks", "/api/files", "/live", "/events"})
+        router.before(prefix, letUsersIn, qv::kit::HookThread::Daemon);
+    router.get("/api/session", [](Request& request) {
+        request.replyJson({{"user", request.attached<User>().name}});
     });
 }
 
-void addBoardRoutes(Router& router, Accounts& accounts, Board& board, const uint64_t& maxFileBytes)
+void addBoardRoutes(Router& router, Board& board, const uint64_t& maxFileBytes)
 {
-    // All of these are for users only.
-    const auto forUsers = [&accounts](const Handler& handler) -> Handler {
-        return [&accounts, handler](Request& request) {
-            accounts.userOf(request);
-            handler(request);
-        };
-    };
-    router.get("/api/tasks", forUsers([&](Request& request) {
-                   const std::string_view state =
-                       request.query("state").asOneOf({"open", "doing", "done"}, "");
-                   const int64_t page = request.query("page").asInt(1, 1, 1000);
-                   request.replyJson({{"tasks", board.tasks(std::string(state), page)}});
-               }));
-    router.post("/api/tasks", forUsers([&](Request& request) {
-                    const int64_t id =
-                        board.add(accounts.userOf(request), request.json<TaskFields>());
-                    request.setHeader("Location", "/api/tasks/" + std::to_string(id));
-                    request.replyJson(201, {{"id", id}});
-                }));
+    router.get("/api/tasks", [&](Request& request) {
+        const std::string_view state =
+            request.query("state").asOneOf({"open", "doing", "done"}, "");
+        const int64_t page = request.query("page").asInt(1, 1, 1000);
+        request.replyJson({{"tasks", board.tasks(std::string(state), page)}});
+    });
+    router.post("/api/tasks", [&](Request& request) {
+        const int64_t id = board.add(request.attached<User>().name, request.json<TaskFields>());
+        request.setHeader("Location", "/api/tasks/" + std::to_string(id));
+        request.replyJson(201, {{"id", id}});
+    });
     router.get("/api/tasks/{id}",
-               forUsers([&](Request& request) { request.replyJson(board.task(idOf(request))); }));
-    router.patch("/api/tasks/{id}", forUsers([&](Request& request) {
-                     board.change(idOf(request), request.json<TaskFields>());
-                     request.reply(204);
-                 }));
-    router.del("/api/tasks/{id}", forUsers([&](Request& request) {
-                   board.remove(idOf(request));
-                   request.reply(204);
-               }));
+               [&](Request& request) { request.replyJson(board.task(idOf(request))); });
+    router.patch("/api/tasks/{id}", [&](Request& request) {
+        board.change(idOf(request), request.json<TaskFields>());
+        request.reply(204);
+    });
+    router.del("/api/tasks/{id}", [&](Request& request) {
+        board.remove(idOf(request));
+        request.reply(204);
+    });
     router
-        .post("/api/tasks/{id}/files", forUsers([&](Request& request) {
+        .post("/api/tasks/{id}/files",
+              [&](Request& request) {
                   request.readParts([&](qv::kit::Part& part) {
                       if (part.isFile() && !part.fileNameAsSent().empty())
                           board.attach(idOf(request), part, maxFileBytes);
                   });
                   request.reply(204);
-              }))
+              })
         .streaming();
-    router.get("/api/files/{id}", forUsers([&](Request& request) { sendFile(request, board); }));
+    router.get("/api/files/{id}", [&](Request& request) {
+        const auto [name, path] = board.file(idOf(request));
+        qv::kit::FileOptions options;
+        options.downloadName = name;  // never shown as a page of this site
+        options.type = "application/octet-stream";
+        request.replyFile(path, options);
+    });
 
     // Changes: a page listens to the WebSocket, and where that is blocked to events.
-    router.webSocket("/live", WebSocketOptions(), [&](Request& request) {
-        accounts.userOf(request);
-        return board.listen();
-    });
-    router.get("/events", forUsers([&](Request& request) { board.events().subscribe(request); }));
+    router.webSocket("/live", WebSocketOptions(), [&](Request&) { return board.listen(); });
+    router.get("/events", [&](Request& request) { board.events().subscribe(request); });
 }
 
 int run(int argc, char** argv)
@@ -192,7 +172,7 @@ int run(int argc, char** argv)
     }
     Board board(database, directory + "/files");
     addSessionRoutes(server.router(), accounts);
-    addBoardRoutes(server.router(), accounts, board, maxFileBytes);
+    addBoardRoutes(server.router(), board, maxFileBytes);
     server.onStopping([&] { board.events().close(); });
     return server.run();
 }

@@ -131,6 +131,7 @@ ALLOWED = [
     Allowed("room", "tests/integration/restarts/*", "", "the rooms of a chat"),
     Allowed("room", "*", r"(?i)\bchat\b|\bRooms\.(cpp|h)\b", "the rooms of a chat"),
     Allowed("journal", "*", r"(?i)systemd|journald|journalctl", "the name of systemd's log"),
+    Allowed("journal", "*", r"PRAGMA journal_mode", "the name of an option of SQLite"),
     Allowed("blank", "*", r"\[:blank:\]|target=.?_blank|noblank|blank=", "a name of a language or tool"),
     Allowed("gone", "*", r"(?i)\b410\b|HTTP_GONE|\bGone\b.*status", "the reason phrase of status 410"),
     Allowed("gone", "*", r"[a-z]Gone\b|\bmGone|\bGone\b|[a-z]Gone[A-Z]",

@@ -9,6 +9,7 @@ import http.client
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -18,7 +19,7 @@ import unittest
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.append(str(HERE.parents[1] / "support"))
 from live_client import LiveClient
-from processes import LIMIT_SECONDS, Process, free_port, wait_until
+from processes import LIMIT_SECONDS, Process, free_port
 
 PROGRAM = os.environ.get("WENDREL_TASKBOARD", "wendrel-taskboard")
 PASSWORD = "correct horse, battery"
@@ -119,6 +120,10 @@ class Login(unittest.TestCase):
                 self.assertEqual((status, value["detail"]), (401, "Name or password are wrong."))
                 self.assertIsNone(response.getheader("Set-Cookie"))
 
+    def test_guesses_are_limited(self):
+        statuses = {self.board.log_in("ann", "wrong")[0] for _ in range(40)}
+        self.assertEqual(statuses, {401, 429})
+
     def test_malformed_logins_are_the_clients_errors(self):
         for value in ("[]", "7", '{"name": "ann"}', '{"name": 1, "password": 2}', "{"):
             with self.subTest(value):
@@ -202,8 +207,11 @@ class Tasks(unittest.TestCase):
         self.assertEqual((file["name"], file["bytes"]), ("Jahres bericht ä.pdf", len(CONTENT)))
         status, body, response = self.board.ask("GET", f"/api/files/{file['id']}")
         self.assertEqual((status, body), (200, CONTENT))
-        self.assertEqual(response.getheader("Content-Disposition"),
-                         "attachment; filename*=UTF-8''Jahres%20bericht%20%C3%A4.pdf")
+        disposition = response.getheader("Content-Disposition")
+        self.assertTrue(disposition.startswith("attachment;"), disposition)
+        self.assertIn("filename*=UTF-8''Jahres%20bericht%20%C3%A4.pdf", disposition)
+        self.assertEqual(response.getheader("Content-Type"), "application/octet-stream")
+        self.assertEqual(self.board.curl(f"/api/files/{file['id']}", "-r", "1000-1999"), (206, CONTENT[1000:2000]))
         self.assertEqual(response.getheader("X-Content-Type-Options"), "nosniff")
         self.assertEqual(self.board.ask("DELETE", f"/api/tasks/{task}")[0], 204)
         self.assertEqual(self.board.ask("GET", f"/api/files/{file['id']}")[0], 404)
@@ -266,6 +274,23 @@ class Tasks(unittest.TestCase):
 
 
 class Program(unittest.TestCase):
+    def test_commands_of_getting_started(self):
+        page = (HERE.parents[2] / "docs/getting-started.md").read_text()
+        section = page.partition("## A whole application")[2].partition("\n## ")[0]
+        start, commands = re.findall(r"```console\n(.*?)```", section, re.S)
+        self.assertIn("--add-user ann", start)
+        board = Board(self)
+        board.add_user("ann", "a long password")
+        count = 0
+        for command, expected in re.findall(r"^\$ (.*)\n((?:[^$].*\n)*)", commands, re.M):
+            done = subprocess.run(["bash", "-o", "pipefail", "-c", command.replace(":8181", f":{board.port}")],
+                                  cwd=board.directory, capture_output=True, text=True, timeout=LIMIT_SECONDS,
+                                  check=False)
+            self.assertEqual((done.returncode, done.stdout.strip(), done.stderr), (0, expected.strip(), ""), command)
+            count += 1
+        self.assertEqual(count, 7)
+        board.stop()
+
     def test_missing_directory_is_an_error(self):
         done = subprocess.run([PROGRAM, "--data", "/nonexistent"], capture_output=True, text=True,
                               timeout=LIMIT_SECONDS, check=False)
