@@ -79,10 +79,7 @@ void shorten(std::string& name)
     std::string extension;
     if (dot != std::string::npos && name.size() - dot <= kMaxExtensionBytes)
         extension = name.substr(dot);
-    size_t end = kMaxNameBytes - extension.size();
-    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xc0) == 0x80)
-        --end;
-    name.resize(end);
+    name.resize(cutUtf8(name, kMaxNameBytes - extension.size()).size());
     name += extension;
 }
 

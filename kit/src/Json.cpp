@@ -50,11 +50,6 @@ bool isTooDeep(std::string_view text)
     return false;
 }
 
-bool beginsCharacter(char c)
-{
-    return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-}
-
 }  // namespace
 
 const std::string& Request::jsonText()
@@ -81,7 +76,8 @@ void refuseJson(std::string_view text, size_t position)
         text.substr(0, std::min(position == 0 ? 0 : position - 1, text.size()));
     const auto line = std::count(before.begin(), before.end(), '\n') + 1;
     const std::string_view row = before.substr(before.rfind('\n') + 1);
-    const auto column = std::count_if(row.begin(), row.end(), beginsCharacter) + 1;
+    const auto column =
+        row.size() - static_cast<size_t>(std::count_if(row.begin(), row.end(), isContinuation)) + 1;
     throw HttpError(kBadRequest, "the body is no JSON: line " + std::to_string(line) + ", column " +
                                      std::to_string(column));
 }
@@ -91,11 +87,8 @@ void refuseJson(std::string_view error)
     // "[json.exception.out_of_range.403] key 'name' not found"
     if (!error.empty() && error.front() == '[')
         error.remove_prefix(std::min(error.find("] ") + 2, error.size()));
-    size_t end = std::min(error.size(), kMaxErrorBytes);
-    while (end > 0 && end < error.size() && !beginsCharacter(error[end]))
-        --end;
-    error = error.substr(0, end);
-    throw HttpError(kBadRequest, "the JSON of the body is not as expected: " + std::string(error));
+    throw HttpError(kBadRequest, "the JSON of the body is not as expected: " +
+                                     std::string(cutUtf8(error, kMaxErrorBytes)));
 }
 
 }  // namespace impl

@@ -7,6 +7,8 @@
 
 #include <Wendrel/kit/HttpError.h>
 
+#include <qvSystem/Rollback.h>
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -43,8 +45,10 @@ bool MultipartReader::fill()
     mAt = 0;
     const size_t have = mBuffer.size();
     mBuffer.resize(have + kPieceBytes);
-    const size_t got = mSource(mBuffer.data() + have, kPieceBytes);
-    mBuffer.resize(have + got);
+    size_t got = 0;
+    // Also when the source throws.
+    const Rollback grown([&] { mBuffer.resize(have + got); });
+    got = mSource(mBuffer.data() + have, kPieceBytes);
     return got > 0;
 }
 

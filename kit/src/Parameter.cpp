@@ -2,6 +2,8 @@
 
 #include <Wendrel/kit/Parameter.h>
 
+#include "Text.h"
+
 #include <Wendrel/kit/HttpError.h>
 
 #include <algorithm>
@@ -45,15 +47,8 @@ const char* nameOf(Parameter::Kind kind)
 // In quotation marks; a long text ends between two characters.
 std::string quoted(std::string_view text)
 {
-    if (text.size() <= kMaxQuotedBytes)
-        return '"' + std::string(text) + '"';
-    constexpr auto isContinuation = [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
-    };
-    size_t end = kMaxQuotedBytes;
-    while (end > 0 && isContinuation(text[end]))
-        --end;
-    return '"' + std::string(text.substr(0, end)) + "...\"";
+    const std::string_view shown = cutUtf8(text, kMaxQuotedBytes);
+    return '"' + std::string(shown) + (shown.size() == text.size() ? "\"" : "...\"");
 }
 
 template <typename Number> std::string textOf(Number number)
@@ -66,9 +61,11 @@ template <typename Number> std::string textOf(Number number)
 // "from 1 to 1000", "at least 1" or "at most 1000".
 template <typename Number> std::string rangeText(Number min, Number max)
 {
-    if (max == std::numeric_limits<Number>::max())
+    const bool hasMin = min != std::numeric_limits<Number>::lowest();
+    const bool hasMax = max != std::numeric_limits<Number>::max();
+    if (hasMin && !hasMax)
         return "at least " + textOf(min);
-    if (min == std::numeric_limits<Number>::lowest())
+    if (hasMax && !hasMin)
         return "at most " + textOf(max);
     return "from " + textOf(min) + " to " + textOf(max);
 }

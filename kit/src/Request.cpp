@@ -7,11 +7,11 @@
 #include "FormReader.h"
 #include "ServerCore.h"
 #include "StreamQueue.h"
+#include "Text.h"
 
 #include <qvSystem/Rollback.h>
 
 #include <algorithm>
-#include <cctype>
 #include <stdexcept>
 #include <utility>
 
@@ -180,10 +180,7 @@ const std::list<std::string>& Request::queryValues(const std::string& name) cons
 
 Parameter Request::header(std::string_view name) const
 {
-    std::string key(name);
-    std::transform(key.begin(), key.end(), key.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    const std::string* const line = mExchange->getHeaders().findLine(key);
+    const std::string* const line = mExchange->getHeaders().findLine(toLower(std::string(name)));
     return {Parameter::Kind::Header, name, line ? *line : kNothing};
 }
 

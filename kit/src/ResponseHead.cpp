@@ -16,6 +16,9 @@ namespace
 // Separates the name from a number, so that headers of one name stay together.
 constexpr char kNumberMark = '\x01';
 
+// Numbers of one length are sorted like their texts.
+constexpr int kFirstNumber = 1000000;
+
 bool isHeaderValue(std::string_view text)
 {
     return std::none_of(text.begin(), text.end(), [](char c) { return isControl(c) && c != '\t'; });
@@ -80,7 +83,7 @@ void ResponseHead::addHeader(const std::string& name, const std::string& value)
         return;
     const std::string key = keyOf(name);
     std::string free = key;
-    for (int number = 0; mHeaders.count(free) != 0; ++number)
+    for (int number = kFirstNumber; mHeaders.count(free) != 0; ++number)
         free = key + kNumberMark + std::to_string(number);
     mHeaders.emplace(free, std::make_pair(name, value));
 }

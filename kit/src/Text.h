@@ -53,6 +53,22 @@ inline bool isToken(std::string_view text)
     return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
 }
 
+// A byte inside a character of UTF-8.
+inline bool isContinuation(char c)
+{
+    return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+}
+
+// At most `maxBytes`, without a part of a character at the end.
+inline std::string_view cutUtf8(std::string_view text, size_t maxBytes)
+{
+    if (text.size() <= maxBytes)
+        return text;
+    while (maxBytes > 0 && isContinuation(text[maxBytes]))
+        --maxBytes;
+    return text.substr(0, maxBytes);
+}
+
 // Without spaces and tabs at both ends.
 inline std::string_view trimmed(std::string_view text)
 {

@@ -2,6 +2,7 @@
 
 #include "websocket/Frame.h"
 
+#include "src/Text.h"
 #include "websocket/Utf8Check.h"
 
 #include <bit>
@@ -140,15 +141,9 @@ std::string makeClosePayload(uint16_t code, std::string_view reason)
     std::string payload;
     if (code == closecode::kNoStatus)
         return payload;
-    if (reason.size() > kMaxReasonBytes) {
-        size_t size = kMaxReasonBytes;
-        while (size > 0 && (static_cast<uint8_t>(reason[size]) & 0xc0) == 0x80)
-            --size;
-        reason = reason.substr(0, size);
-    }
     payload.push_back(static_cast<char>(code >> kBitsOfByte));
     payload.push_back(static_cast<char>(code & 0xff));
-    return payload.append(reason);
+    return payload.append(cutUtf8(reason, kMaxReasonBytes));
 }
 
 CloseStatus readClosePayload(const uint8_t* bytes, size_t size)

@@ -20,6 +20,7 @@ FOLDERS = ("include", "src", "kit", "platform")
 # Constants without effect for users, with the reason.
 NOT_FOR_USERS = {
     "src/server/logging/LogObject.h kInformation": "a level's number, see qvLog::Level",
+    "kit/src/ResponseHead.cpp kFirstNumber": "makes numbers sort like their texts",
     "src/server/logging/LogObject.h kWarning": "a level's number",
     "src/server/logging/LogObject.h kError": "a level's number",
     "src/server/logging/LogObject.h kDiscard": "marks a statement that logs nothing",

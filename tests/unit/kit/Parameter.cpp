@@ -112,7 +112,10 @@ TEST(Parameter, RefusesNumbersOutOfRange)
     for (const std::string text :
          {"9223372036854775808", "-9223372036854775809", "99999999999999999999999999"}) {
         SCOPED_TRACE(text);
-        EXPECT_NE(RefusalOf([&] { Of(text).asInt(); }).find("must be"), std::string::npos);
+        EXPECT_EQ(RefusalOf([&] { Of(text).asInt(); }),
+                  "the query parameter \"n\" must be from -9223372036854775808 to "
+                  "9223372036854775807: \"" +
+                      text + "\"");
     }
 }
 
@@ -165,7 +168,9 @@ TEST(Parameter, IsANumber)
     }
     EXPECT_EQ(RefusalOf([] { Of("1.5").asDouble(0, 0, 1); }),
               "the query parameter \"n\" must be from 0 to 1: \"1.5\"");
-    EXPECT_NE(RefusalOf([] { Of("1e400").asDouble(); }).find("must be"), std::string::npos);
+    EXPECT_EQ(RefusalOf([] { Of("1e400").asDouble(); }),
+              "the query parameter \"n\" must be from -1.7976931348623157e+308 to "
+              "1.7976931348623157e+308: \"1e400\"");
 }
 
 TEST(Parameter, IsASwitch)

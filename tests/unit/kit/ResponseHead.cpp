@@ -31,8 +31,13 @@ TEST(ResponseHead, IsEmptyAtFirst)
 TEST(ResponseHead, KeepsHeadersOfOneNameTogether)
 {
     ResponseHead head;
-    for (int i = 0; i < 12; ++i)
-        head.addHeader(i % 2 ? "link" : "Link", std::to_string(i));
+    std::string inOrder;
+    for (int i = 0; i < 12; ++i) {
+        const char* const name = i % 2 ? "link" : "Link";
+        head.addHeader(name, std::to_string(i));
+        inOrder += std::string(name) + ": " + std::to_string(i) + '\n';
+    }
+    EXPECT_EQ(Contents(head), inOrder);
     head.setHeader("Link-To", "other");
     head.setHeader("Lin", "other");
     EXPECT_EQ(head.header("LINK"), "0");
