@@ -38,7 +38,6 @@ constexpr int kMinStatus = 200;
 constexpr int kMaxStatus = 599;
 
 constexpr const char* kRetryAfterSeconds = "1";
-constexpr const char* kOtherException = "an exception that is no std::exception";
 constexpr size_t kPieceBytes = 65536;
 
 // A body up to this size is received before a request without a route is refused: the connection
@@ -627,14 +626,11 @@ void Exchange::failDelivery(const HttpError& error)
 // The callbacks are destroyed at the end: they may hold the deferred response.
 void Exchange::dropCallbacks(bool isGoneDropped)
 {
-    std::function<void()> onGone;
     BodyDelivery::Pointer body;
     if (BodyDelivery* const delivery = mDelivery)
         body = delivery->take();
-    if (isGoneDropped) {
-        const qvMutexLocker locker(&mGoneMutex);
-        onGone.swap(mGoneCallback);
-    }
+    if (isGoneDropped)
+        dropGoneCallback();
 }
 
 void Exchange::expire(int status)
@@ -698,15 +694,19 @@ bool Exchange::isSendable(By by, const Response& response)
     return false;
 }
 
+void Exchange::Response::setType()
+{
+    if (!type || type->value().empty())
+        return;
+    // The type that is used unless another one is given does not replace a header.
+    static const std::string defaultType = ContentType::text().value();
+    if (type->value() != defaultType || head.header("Content-Type").empty())
+        head.setHeader("Content-Type", type->value());
+}
+
 bool Exchange::respond(By by, Response& response)
 {
-    if (response.type && *response.type->value().c_str() != '\0') {
-        // The type that is used unless another one is given does not replace a header.
-        static const std::string defaultType = ContentType::text().value();
-        const std::string& type = response.type->value();
-        if (type != defaultType || response.head.header("Content-Type").empty())
-            response.head.setHeader("Content-Type", type);
-    }
+    response.setType();
     if (!isSendable(by, response))
         return false;
     if (!response.isStream) {
@@ -879,19 +879,17 @@ void Exchange::becomeGone()
 
 void Exchange::callGone(const std::function<void()>& callback) const noexcept
 {
-    try {
-        callback();
-    } catch (const std::exception& error) {
-        log("the callback onGone failed: ", error.what());
-    } catch (...) {
-        log("the callback onGone failed: ", kOtherException);
-    }
+    callLogged("the callback onGone failed: ", callback,
+               [this](const char* text, std::string_view detail) { log(text, detail); });
 }
 
 void Exchange::setGoneCallback(std::function<void()> callback)
 {
     {
         const qvMutexLocker locker(&mGoneMutex);
+        // It may hold the response that holds this request.
+        if (mIsGoneDropped)
+            return;
         if (!mIsGone) {
             callback.swap(mGoneCallback);
             return;
@@ -906,6 +904,7 @@ void Exchange::dropGoneCallback()
 {
     std::function<void()> dropped;
     const qvMutexLocker locker(&mGoneMutex);
+    mIsGoneDropped = true;
     dropped.swap(mGoneCallback);
 }
 
@@ -1012,8 +1011,7 @@ bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int sta
         mIsStream = mIsStreamDiscarded = true;
         return true;
     }
-    if (!type.value().empty())
-        response.head.setHeader("Content-Type", type.value());
+    response.setType();
     if (!isSendable(By::Application, response))
         return false;
     const std::string thread = qvThread::CurrentThreadId();

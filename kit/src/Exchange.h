@@ -81,6 +81,8 @@ public:
         const ContentType* type = nullptr;
         std::unique_ptr<BodySource> source;
         bool isStream = false;  // the application writes it later
+
+        void setType();
     };
     // Any thread. False when there is a response already, or none can be sent. The source is taken
     // out of `response` unless another response is the one to be sent.
@@ -119,7 +121,6 @@ public:
     void attach(const std::type_info& type, std::shared_ptr<const void> value);
     const void* findAttached(const std::type_info& type) const;
     void noteDeferred() { mIsDeferred = true; }
-    bool isDeferred() const { return mIsDeferred; }
 
 private:
     friend class DeadlineQueue;
@@ -259,6 +260,7 @@ private:
 
     mutable qvMutex mGoneMutex;
     std::function<void()> mGoneCallback QV_GUARDED_BY(mGoneMutex);
+    bool mIsGoneDropped QV_GUARDED_BY(mGoneMutex) = false;  // it is never called
 
     // Values are not removed: a hook of a deadline may read one while the handler goes on.
     using Attached = std::pair<const std::type_info*, std::shared_ptr<const void>>;

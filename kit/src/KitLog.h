@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_KITLOG_H
 #define WENDREL_KIT_KITLOG_H
 
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,21 @@ void LogError(const std::string& message);
 // nothing may be thrown: a line that cannot be written is lost.
 void LogOfRoute(const std::string& route, std::string_view text,
                 std::string_view detail = std::string_view()) noexcept;
+
+constexpr const char* kOtherException = "an exception that is no std::exception";
+
+// Calls the application; after an exception `log(failure, its text)`, which must not throw.
+template <typename Call, typename Log>
+void callLogged(const char* failure, const Call& call, const Log& log) noexcept
+{
+    try {
+        call();
+    } catch (const std::exception& error) {
+        log(failure, error.what());
+    } catch (...) {
+        log(failure, kOtherException);
+    }
+}
 
 }  // namespace qv::kit
 

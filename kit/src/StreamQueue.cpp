@@ -88,6 +88,7 @@ StreamWrite StreamQueue::write(std::string_view data)
             mNeededBytes = data.size();
             return StreamWrite::Full;
         }
+        mNeededBytes = 0;
         Rollback charged([this, data] { mMemory.credit(data.size()); });
         // Sent bytes are removed when they are at least half, so that each byte moves once.
         if (mOffset != 0 && mOffset >= queued) {
@@ -154,6 +155,9 @@ void StreamQueue::onWritable(std::function<void()> callback)
     bool isDue = false;
     {
         const qvMutexLocker locker(&mMutex);
+        // It is never called again, and may hold the stream that holds this queue.
+        if (mIsClosed || mIsFinished)
+            return;
         mOnWritable.swap(replaced);
         isDue = kept && mayWriteAgain();
         if (isDue)
@@ -273,14 +277,9 @@ BodyRead StreamQueue::takeLocked(char* buffer, size_t size)
 
 void StreamQueue::call(const Callback& callback) const
 {
-    try {
-        (*callback)();
-    } catch (const std::exception& error) {
-        LogOfRoute(mRoute, "the callback onWritable failed: ", error.what());
-    } catch (...) {
-        LogOfRoute(mRoute,
-                   "the callback onWritable failed: ", "an exception that is no std::exception");
-    }
+    callLogged(
+        "the callback onWritable failed: ", *callback,
+        [this](const char* text, std::string_view detail) { LogOfRoute(mRoute, text, detail); });
 }
 
 }  // namespace qv::kit

@@ -181,6 +181,10 @@ TEST(KitDeferred, OnGoneIsNotCalledAfterAWholeResponse)
     token.reset();
     EXPECT_TRUE(later->reply("whole"));
     EXPECT_TRUE(held.expired());
+    // It would be kept as long as the response that it may hold.
+    token = std::make_shared<int>(0);
+    later->onGone([token] { ++*token; });
+    EXPECT_EQ(token.use_count(), 1);
     EXPECT_EQ(waiting.client.receive().value_or(RawResponse()).body, "whole");
 }
 

@@ -296,6 +296,36 @@ TEST(KitResponses, OfExceptions)
     EXPECT_TRUE(!cut || cut->status == 500);
 }
 
+TEST(KitResponses, HaveTheTypeOfTheirBody)
+{
+    KitTestServer server([](Router& router) {
+        router.get("/stream", [](Request& request) {
+            request.setHeader("Content-Type", "text/csv");
+            request.startStream();
+            request.write("a,b");
+        });
+        router.get("/error", [](Request& request) {
+            request.setHeader("Content-Type", "application/json");
+            request.replyError(404, "none");
+        });
+    });
+    EXPECT_EQ(server.get("/stream").value("Content-Type"), "text/csv");
+    EXPECT_EQ(server.ask(headRequest("/stream")).value("Content-Type"), "text/csv");
+    const struct
+    {
+        const char* accept;
+        const char* type;
+    } rows[] = {{"*/*", "application/problem+json"},
+                {"text/plain", "text/plain; charset=utf-8"},
+                {"text/html", "text/html; charset=utf-8"}};
+    for (const auto& row : rows) {
+        const RawResponse response = server.ask(std::string("GET /error HTTP/1.1\r\nHost: x\r\n") +
+                                                "Accept: " + row.accept + "\r\n\r\n");
+        EXPECT_EQ(response.status, 404);
+        EXPECT_EQ(response.value("Content-Type"), row.type);
+    }
+}
+
 TEST(KitResponses, StreamWithAndWithoutADeclaredLength)
 {
     KitTestServer server([](Router& router) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 namespace qv::kit
@@ -90,6 +91,22 @@ TEST(StreamQueue, CallsOnWritableAtOnceWhenThereIsSpace)
     queue.close();
     queue.onWritable([&] { ++calls; });
     EXPECT_EQ(calls, 1);
+}
+
+TEST(StreamQueue, KeepsNoCallbackAfterItsEnd)
+{
+    const auto token = std::make_shared<int>(0);
+    StreamQueue finished("GET /", kLimit, false);
+    finished.onWritable([token] {});
+    EXPECT_EQ(token.use_count(), 2);
+    finished.finish();
+    EXPECT_EQ(token.use_count(), 1);
+    finished.onWritable([token] {});
+    EXPECT_EQ(token.use_count(), 1);
+    StreamQueue closed("GET /", kLimit, false);
+    closed.close();
+    closed.onWritable([token] {});
+    EXPECT_EQ(token.use_count(), 1);
 }
 
 }  // namespace
