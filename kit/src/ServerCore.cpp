@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -22,11 +23,17 @@ namespace qv::kit
 namespace
 {
 
-constexpr const char* kErrorBody = R"({"title":"Internal Server Error","status":500})";
+// The library sends it without a Content-Type.
+constexpr const char* kErrorBody = "500 Internal Server Error\n";
 constexpr unsigned kMaxWorkers = 1024;
 
 // Completed requests that wait for the callback of the application.
 constexpr size_t kMaxUnreported = 1024;
+
+void logOfServer(const char* text, std::string_view detail) noexcept
+{
+    LogOfRoute("server", text, detail);
+}
 
 }  // namespace
 
@@ -139,19 +146,30 @@ void ServerCore::stopThreads()
     endRequests();
 }
 
+// Why the routes are impossible.
+std::string ServerCore::freezeRoutes()
+{
+    try {
+        mRouter.mTable->freeze(
+            [this](std::function<void()> task) { return mWorkers.run(std::move(task)); });
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+    return std::string();
+}
+
 bool ServerCore::start(const ServerOptions& options)
 {
     const qvMutexLocker locker(&mMutex);
     std::string failure =
         mState == State::Stopped ? whyImpossible(options) : "the server is not stopped";
     if (failure.empty()) {
-        mRouter.mTable->freeze(
-            [this](std::function<void()> task) { return mWorkers.run(std::move(task)); });
         mMaxBodyBytes = options.maxBodyBytes;
         mOnCompleted = options.onCompleted;
-        if (startThreads(options))
+        failure = freezeRoutes();
+        if (failure.empty() && startThreads(options))
             mState = State::Started;
-        else
+        else if (failure.empty())
             failure = mServer->getFailureReason();
     }
     const bool isStarted = failure.empty();
@@ -170,6 +188,7 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
             return true;
         isFirst = mState == State::Started;
         mState = State::Stopping;
+        ++mShutDowns;
         sessions = mSessions;
     }
     // A further call shortens the time of the first one.
@@ -178,7 +197,12 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
     if (isFirst)
         stopThreads();
     const qvMutexLocker locker(&mMutex);
+    --mShutDowns;
+    mStopped.wakeAll();
     if (isFirst) {
+        // A late one must not meet the next start.
+        while (mShutDowns != 0)
+            mStopped.wait(&mMutex, qvWaitCondition::kNoTimeout);
         mSessions.reset();
         mHasDrained = drained;
         mState = State::Stopped;
@@ -274,15 +298,8 @@ std::string ServerCore::failureReason() const
 // Thread: the listener's.
 void ServerCore::callStopping() const
 {
-    constexpr const char* kWhat = "the callback onStopping failed: ";
-    try {
-        if (mStopping)
-            mStopping();
-    } catch (const std::exception& error) {
-        LogOfRoute("server", kWhat, error.what());
-    } catch (...) {
-        LogOfRoute("server", kWhat, "an exception that is no std::exception");
-    }
+    if (mStopping)
+        callLogged("the callback onStopping failed: ", mStopping, logOfServer);
 }
 
 Exchange& ServerCore::create()
@@ -360,14 +377,8 @@ void ServerCore::reportRefused()
 
 void ServerCore::report(const CompletedRequest& request) const noexcept
 {
-    constexpr const char* kWhat = "the callback onCompleted failed: ";
-    try {
-        mOnCompleted(request);
-    } catch (const std::exception& error) {
-        LogOfRoute("server", kWhat, error.what());
-    } catch (...) {
-        LogOfRoute("server", kWhat, "an exception that is no std::exception");
-    }
+    callLogged(
+        "the callback onCompleted failed: ", [&] { mOnCompleted(request); }, logOfServer);
 }
 
 }  // namespace qv::kit

@@ -96,6 +96,7 @@ private:
 
     ~ServerCore();
     static void serveOnWorker(Exchange& exchange);
+    std::string freezeRoutes();
     bool startThreads(const ServerOptions& options);
     void stopThreads();
 
@@ -122,6 +123,7 @@ private:
     qvMutex mMutex;  // held by start, and by stop while it does not wait
     qvWaitCondition mStopped;
     State mState QV_GUARDED_BY(mMutex) = State::Stopped;
+    unsigned mShutDowns QV_GUARDED_BY(mMutex) = 0;  // threads in `stop`
     bool mHasDrained QV_GUARDED_BY(mMutex) = true;  // the last stop
     mutable qvMutex mReasonMutex;
     std::string mFailureReason QV_GUARDED_BY(mReasonMutex);

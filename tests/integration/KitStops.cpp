@@ -11,6 +11,8 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace integration
 {
@@ -90,6 +92,28 @@ TEST_F(KitStops, AServerThatWasShortenedStartsAgain)
     first.get();
     ASSERT_TRUE(mServer.server().start()) << mServer.server().failureReason();
     EXPECT_TRUE(mServer.stop());
+}
+
+// A late call belongs to the stop before, or stops the server as any call does.
+TEST(KitStopsAndStarts, LeaveAServerThatRunsOrCanBeStarted)
+{
+    constexpr int kRounds = 100;
+    qv::kit::Server server(kitOptions(1));
+    server.router().get("/", [](Request& request) { request.reply("served"); });
+    ASSERT_TRUE(server.start()) << server.failureReason();
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<std::thread> others;
+        for (int i = 0; i < 3; ++i)
+            others.emplace_back([&] { server.stop(milliseconds(0)); });
+        server.stop(milliseconds(0));
+        server.start();
+        for (std::thread& other : others)
+            other.join();
+        if (!server.isRunning()) {
+            ASSERT_TRUE(server.start()) << server.failureReason() << ", round " << round;
+        }
+    }
+    EXPECT_TRUE(server.stop(kLimit));
 }
 
 }  // namespace

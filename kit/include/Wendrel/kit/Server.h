@@ -71,8 +71,8 @@ public:
 
     /// Serves `endpoint` ("127.0.0.1:8181"; see `ServerOptions::listen`) until SIGINT or
     /// SIGTERM, then stops within `ServerOptions::stopTimeout`. Prints the URLs to standard output,
-    /// or to standard error why it cannot listen. Returns the exit status of the program: 0, or 1
-    /// when it could not listen. The signals are handled by this call alone while it runs; a second
+    /// or to standard error why it could not start. Returns the exit status of the program: 0, or 1
+    /// when it could not start. The signals are handled by this call alone while it runs; a second
     /// signal ends the process.
     ///
     /// With secure endpoints the certificates are reloaded after SIGHUP, and within about 4 s after
@@ -86,7 +86,8 @@ public:
 
     /// Starts, and returns when the server accepts connections: for a program with a main loop and
     /// signals of its own. False when it could not: `failureReason` tells why, and it can be tried
-    /// again. Throws std::system_error when the system has no threads to give.
+    /// again. Routes whose settings exclude each other are a reason, too. Throws
+    /// std::system_error when the system has no threads to give.
     bool start(const std::string& endpoint);
 
     /// The same with the endpoints of the options.
