@@ -31,7 +31,8 @@ namespace
 constexpr std::array<int, 2> kStopSignals{SIGINT, SIGTERM};
 constexpr int kCertificateCheckMs = 2000;
 
-// Readable after the first signal, until the last run has ended.
+// Readable after the first signal. Never closed: a handler may still be writing on another thread
+// when the last run has ended.
 std::atomic<int> sStopDescriptor{-1};
 
 // How often certificates were to be reloaded.
@@ -118,9 +119,12 @@ public:
 private:
     static void install()
     {
-        sStopDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (!isValid())
+            sStopDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         if (!isValid())
             return;
+        uint64_t ofEarlierRuns = 0;
+        static_cast<void>(!read(sStopDescriptor, &ofEarlierRuns, sizeof ofEarlierRuns));
         struct sigaction action
         {};
         action.sa_handler = &wendrelKitStop;
@@ -141,7 +145,6 @@ private:
         for (size_t i = 0; i < kStopSignals.size(); ++i)
             sigaction(kStopSignals[i], &sBefore[i], nullptr);
         sigaction(SIGPIPE, &sPipeBefore, nullptr);
-        close(sStopDescriptor.exchange(-1));
     }
 
     static inline std::mutex sMutex;
