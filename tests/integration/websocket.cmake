@@ -98,3 +98,14 @@ foreach(class Framing Control Fragmentation Unicode Close Limits Deflate)
         TIMEOUT 900
         ENVIRONMENT WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_session_server>)
 endforeach()
+# Many messages of each size, fewer of them in instrumented builds.
+set(websocket_messages 1000)
+if(WENDREL_SANITIZE)
+    set(websocket_messages 30)
+endif()
+wendrel_python_tests(PREFIX websocket_conformance
+    SCRIPT ${websocket_tests_dir}/conformance.py
+    CLASS Volume
+    TIMEOUT 1800
+    ENVIRONMENT WENDREL_ECHO_SERVER=$<TARGET_FILE:websocket_session_server>
+        WENDREL_CONFORMANCE_MESSAGES=${websocket_messages})

@@ -6,7 +6,7 @@ this file and zlib as references.
         python3 conformance.py [Class[.test]]
 
 WENDREL_ECHO_URL=127.0.0.1:8181/ws tests a server that runs already; WENDREL_CONFORMANCE_MESSAGES
-sets the messages of each compressed conversation (default 40).
+sets the messages of each compressed conversation (default 40, and 1000 of Volume).
 """
 
 import base64
@@ -27,9 +27,11 @@ from processes import Process
 
 LIMIT_SECONDS = 120
 MESSAGES = int(os.environ.get("WENDREL_CONFORMANCE_MESSAGES", "40"))
+MANY_MESSAGES = int(os.environ.get("WENDREL_CONFORMANCE_MESSAGES", "1000"))
 MAGIC = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
 CONTINUATION, TEXT, BINARY, CLOSE, PING, PONG = 0, 1, 2, 8, 9, 10
 FIN, RSV1, RSV2, RSV3 = 0x80, 0x40, 0x20, 0x10
+SIZES = (16, 64, 256, 1024, 4096, 8192, 16384, 32768, 65536, 131072)  # of compressed messages
 TAIL = b"\0\0\xff\xff"
 
 
@@ -466,7 +468,7 @@ def json_text(size):
     return "".join(words).encode()[:size].decode(errors="ignore").encode()
 
 
-class Deflate(Conformance):
+class Conversation(Conformance):
     def converse(self, offer, sizes, count, fragment_bytes=None):
         with Client(self.address, offer) as client:
             agreed = Compression(client.headers["sec-websocket-extensions"])
@@ -488,10 +490,10 @@ class Deflate(Conformance):
             client.send(close_frame(1000))
             self.assertEqual(client.receive_all(), [(FIN | CLOSE, b"\x03\xe8")])
 
-    SIZES = (16, 64, 256, 1024, 4096, 8192, 16384, 32768, 65536, 131072)
 
+class Deflate(Conversation):
     def test_messages_of_every_size(self):
-        for size in self.SIZES:
+        for size in SIZES:
             with self.subTest(size=size):
                 self.converse("permessage-deflate", (size, 1024), MESSAGES)
 
@@ -616,6 +618,27 @@ class Deflate(Conformance):
         for data in (final, final + b"\0"):
             self.exchange(frame(TEXT, data, rsv=RSV1) * 2 + close_frame(1000),
                           [echo(TEXT, "final block")] * 2, extensions="permessage-deflate")
+
+
+class Volume(Conversation):
+    """Many messages of each size, for each set of parameters."""
+
+    OFFERS = tuple(
+        f"permessage-deflate{takeover}{bits}"
+        for takeover in ("", "; client_no_context_takeover; server_no_context_takeover")
+        for bits in ("", "; client_max_window_bits=9; server_max_window_bits=9",
+                     "; client_max_window_bits=15; server_max_window_bits=15"))
+
+    def test_many_messages_of_every_size(self):
+        for offer in self.OFFERS:
+            with self.subTest(offer=offer):
+                self.converse(offer, SIZES, MANY_MESSAGES)
+
+    def test_many_messages_in_fragments(self):
+        for offer in self.OFFERS:
+            for part in (256, 1024, 4096, 32768):
+                with self.subTest(offer=offer, part=part):
+                    self.converse(offer, (SIZES[-1],), MANY_MESSAGES // 4, part)
 
 
 if __name__ == "__main__":
