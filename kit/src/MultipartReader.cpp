@@ -114,10 +114,22 @@ bool MultipartReader::next(Head& head)
         refuse("there is a text behind a delimiter");
     takeHead(head);
     mIsAtEnd = false;
-    mDataEnd = mAt;
-    // An empty part: its delimiter begins with the line end of its head.
-    findEnd();
+    beginData();
     return true;
+}
+
+// A part may have no data, not even an empty line before it: the line end that has been taken for
+// that line begins the delimiter.
+void MultipartReader::beginData()
+{
+    mAt -= kLineEnd.size();
+    need(mDelimiter.size());
+    mIsEndFound = mBuffer.compare(mAt, mDelimiter.size(), mDelimiter) == 0;
+    if (!mIsEndFound)
+        mAt += kLineEnd.size();
+    mDataEnd = mAt;
+    if (!mIsEndFound)
+        findEnd();
 }
 
 // Without its end.

@@ -35,6 +35,7 @@ public:
 private:
     bool fill();
     void findEnd();
+    void beginData();
     void need(size_t bytes);
     std::string takeLine();
     void takeHead(Head& head);

@@ -140,6 +140,20 @@ TEST(Form, ReadsPartsInPiecesOfEverySize)
     }
 }
 
+// The empty line before the data may be missing with the data.
+TEST(Form, FindsADelimiterRightBehindAHead)
+{
+    const std::string head = "--b0\r\nContent-Disposition: form-data; name=a\r\n\r\n";
+    const std::string body = head + Field("b", "2") + head + kEnd;
+    for (size_t piece = 1; piece <= body.size(); ++piece)
+        ASSERT_EQ(ReadInPieces(body, piece), "a=\nb=2\na=\n") << piece;
+    // Data that only begins like one.
+    EXPECT_EQ(Read(kMultipart, head + "--b\r\n" + kEnd), "a=--b\n");
+    EXPECT_EQ(Read(kMultipart, head.substr(0, head.size() - 2)), "400 the form is malformed: it "
+                                                                 "ends within the head of a part");
+    EXPECT_EQ(Read(kMultipart, head + "--b"), "400 the form is malformed: it ends too early");
+}
+
 TEST(Form, RefusesBodiesThatEndEarly)
 {
     const std::string body = Field("a", "1") + File("filename=\"x\"", "2") + kEnd;
