@@ -104,8 +104,7 @@ void DeadlineQueue::remove(Exchange& exchange)
 
 void DeadlineQueue::requestDeletion()
 {
-    if (!mIsDeletionRequested.load(std::memory_order_relaxed) &&
-        !mIsDeletionRequested.exchange(true))
+    if (!mIsDeletionRequested && !mIsDeletionRequested.exchange(true))
         wake();
 }
 

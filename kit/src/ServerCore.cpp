@@ -321,8 +321,7 @@ void ServerCore::endLater(Exchange& exchange)
     Exchange* first = mOver.load(std::memory_order_relaxed);
     do {
         exchange.mNextOver = first;
-    } while (!mOver.compare_exchange_weak(first, &exchange, std::memory_order_release,
-                                          std::memory_order_relaxed));
+    } while (!mOver.compare_exchange_weak(first, &exchange));
     mDeadlines.requestDeletion();
 }
 
@@ -339,11 +338,14 @@ void ServerCore::endRefused(CompletedRequest&& request)
         mDeadlines.requestDeletion();
 }
 
+// Sequentially consistent, as the additions and the flag of `DeadlineQueue::requestDeletion`: the
+// thread of the deadlines clears the flag and then looks here. Either it finds the addition, or the
+// flag that is looked at after the addition is clear.
 void ServerCore::endRequests()
 {
-    if (mUnreported.load(std::memory_order_relaxed) != 0)
+    if (mUnreported != 0)
         reportRefused();
-    if (!mOver.load(std::memory_order_relaxed))
+    if (!mOver.load())
         return;
     Exchange* exchange = mOver.exchange(nullptr, std::memory_order_acquire);
     // In order of their ends.
