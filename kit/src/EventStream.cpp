@@ -95,16 +95,17 @@ class EventStream::Heart
 public:
     static std::shared_ptr<Heart> get();
 
-    Heart() : mThread(&Heart::run, this) {}
+    Heart() : mThread([beats = mBeats] { beats->run(); }) {}
 
+    // The last event stream may be destroyed by the thread itself, which ends a stream whose
+    // objects hold it.
     ~Heart()
     {
-        {
-            const qvMutexLocker locker(&mMutex);
-            mIsStopping = true;
-        }
-        mChanged.wakeAll();
-        mThread.join();
+        mBeats->stop();
+        if (mThread.get_id() == std::this_thread::get_id())
+            mThread.detach();
+        else
+            mThread.join();
     }
 
     Heart(const Heart&) = delete;
@@ -112,21 +113,43 @@ public:
 
     void add(const std::shared_ptr<Topic>& topic, Clock::time_point when)
     {
-        {
-            const qvMutexLocker locker(&mMutex);
-            mBeats.emplace(when, topic);
-        }
-        mChanged.wakeAll();
+        mBeats->add(topic, when);
     }
 
 private:
-    void run();
+    // Shared with the thread.
+    class Beats
+    {
+    public:
+        void add(const std::shared_ptr<Topic>& topic, Clock::time_point when)
+        {
+            {
+                const qvMutexLocker locker(&mMutex);
+                mEntries.emplace(when, topic);
+            }
+            mChanged.wakeAll();
+        }
 
-    qvMutex mMutex;
-    qvWaitCondition mChanged;
-    std::multimap<Clock::time_point, std::weak_ptr<Topic>> mBeats QV_GUARDED_BY(mMutex);
-    bool mIsStopping QV_GUARDED_BY(mMutex) = false;
-    std::thread mThread;  // last: it uses all above
+        void stop()
+        {
+            {
+                const qvMutexLocker locker(&mMutex);
+                mIsStopping = true;
+            }
+            mChanged.wakeAll();
+        }
+
+        void run();
+
+    private:
+        qvMutex mMutex;
+        qvWaitCondition mChanged;
+        std::multimap<Clock::time_point, std::weak_ptr<Topic>> mEntries QV_GUARDED_BY(mMutex);
+        bool mIsStopping QV_GUARDED_BY(mMutex) = false;
+    };
+
+    const std::shared_ptr<Beats> mBeats = std::make_shared<Beats>();
+    std::thread mThread;
 };
 
 std::shared_ptr<EventStream::Heart> EventStream::Heart::get()
@@ -141,28 +164,28 @@ std::shared_ptr<EventStream::Heart> EventStream::Heart::get()
 }
 
 // Entries are moved, not made: there may be no memory.
-void EventStream::Heart::run()
+void EventStream::Heart::Beats::run()
 {
     qvMutexLocker locker(&mMutex);
     while (!mIsStopping) {
-        if (mBeats.empty()) {
+        if (mEntries.empty()) {
             mChanged.wait(&mMutex, qvWaitCondition::kNoTimeout);
             continue;
         }
         const auto left =
-            std::chrono::ceil<milliseconds>(mBeats.begin()->first - Clock::now()).count();
+            std::chrono::ceil<milliseconds>(mEntries.begin()->first - Clock::now()).count();
         if (left > 0) {
             mChanged.wait(&mMutex, static_cast<unsigned long>(left));
             continue;
         }
-        auto entry = mBeats.extract(mBeats.begin());
+        auto entry = mEntries.extract(mEntries.begin());
         const std::shared_ptr<Topic> topic = entry.mapped().lock();
         if (!topic)
             continue;
         locker.unlock();
         entry.key() = topic->beat();
         locker.relock();
-        mBeats.insert(std::move(entry));
+        mEntries.insert(std::move(entry));
     }
 }
 
