@@ -98,6 +98,11 @@ public:
     std::atomic<bool> isShutDown{false};
     std::atomic<bool> isReadingShutDown{false};
 
+    // Of the connections that `ConnectionTable::takeExpired` returns: the next one, and whether it
+    // is one of them. Listener thread.
+    std::shared_ptr<Connection> nextExpired;
+    bool isExpired = false;
+
     // The request in progress is to be ended without its response. Set by the listener.
     std::atomic<bool> isAborted{false};
 

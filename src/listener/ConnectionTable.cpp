@@ -63,30 +63,42 @@ void ConnectionTable::arm(Connection& connection, int64_t deadlineMs)
         mWheel.set(connection, std::min<int64_t>(deadlineMs, connection.deadlineMs));
 }
 
-void ConnectionTable::takeExpired(int64_t nowMs, int64_t repeatMs, std::vector<Pointer>& expired)
+ConnectionTable::Pointer ConnectionTable::takeExpired(int64_t nowMs, int64_t repeatMs)
 {
+    Pointer first;
+    Pointer* last = &first;
     const qvMutexLocker locker(&mMutex);
-    for (;;) {
-        // Before the wheel is changed: without memory the entry stays where it is.
-        expired.emplace_back();
-        DeadlineWheel::Entry* const entry = mWheel.takeDue(nowMs);
-        if (!entry)
-            break;
+    while (DeadlineWheel::Entry* const entry = mWheel.takeDue(nowMs)) {
         auto& connection = static_cast<Connection&>(*entry);
         const int64_t deadlineMs = connection.deadlineMs;
-        int64_t visitMs = deadlineMs;
-        if (deadlineMs <= nowMs) {
-            expired.back() = connection.shared_from_this();
-            visitMs = nowMs + repeatMs;
-        } else {
-            expired.pop_back();
-        }
+        const bool isExpired = deadlineMs <= nowMs;
+        const int64_t visitMs = isExpired ? nowMs + repeatMs : deadlineMs;
         mWheel.set(connection, visitMs);
         // Also one that has passed already: the thread that arms it may have been interrupted.
         if (const int64_t latest = connection.deadlineMs; latest != deadlineMs && latest < visitMs)
             mWheel.set(connection, latest);
+        if (isExpired && !std::exchange(connection.isExpired, true)) {
+            *last = connection.shared_from_this();
+            last = &connection.nextExpired;
+        }
     }
-    expired.pop_back();
+    return first;
+}
+
+ConnectionTable::Pointer ConnectionTable::takeNextExpired(Connection& connection)
+{
+    connection.isExpired = false;
+    return std::move(connection.nextExpired);
+}
+
+ConnectionTable::Pointer ConnectionTable::next(int& descriptor) const
+{
+    const qvMutexLocker locker(&mMutex);
+    const auto found = mConnections.upper_bound(descriptor);
+    if (found == mConnections.end())
+        return nullptr;
+    descriptor = found->first;
+    return found->second;
 }
 
 std::vector<ConnectionTable::Pointer> ConnectionTable::getAll() const

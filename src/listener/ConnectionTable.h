@@ -12,8 +12,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 namespace qv::impl
@@ -56,8 +56,14 @@ public:
     // Sets the deadline of a connection. Any thread.
     void arm(Connection& connection, int64_t deadlineMs);
 
-    // Appends the connections whose deadline has passed. They are visited again after `repeatMs`.
-    void takeExpired(int64_t nowMs, int64_t repeatMs, std::vector<Pointer>& expired);
+    // The first of the connections whose deadline has passed, which are visited again after
+    // `repeatMs`; null when there is none. `takeNextExpired` has the others. Needs no memory.
+    Pointer takeExpired(int64_t nowMs, int64_t repeatMs);
+    static Pointer takeNextExpired(Connection& connection);
+
+    // The connection with the lowest descriptor above `descriptor`, which is set to it; null when
+    // there is none. Needs no memory.
+    Pointer next(int& descriptor) const;
 
     // All connections of this moment.
     std::vector<Pointer> getAll() const;
@@ -82,7 +88,7 @@ public:
 private:
     const ConnectionLimits mLimits;
     mutable qvMutex mMutex;
-    std::unordered_map<int, Pointer> mConnections QV_GUARDED_BY(mMutex);
+    std::map<int, Pointer> mConnections QV_GUARDED_BY(mMutex);
     DeadlineWheel mWheel QV_GUARDED_BY(mMutex);
     std::atomic<size_t> mCount{0};
     std::atomic<size_t> mSuspended{0};

@@ -326,10 +326,12 @@ void Listener::handleEvents(int timeoutMs)
             eventfd_read(mWake, &wakes);
         } else if ((key & kUndecidedFlag) != 0) {
             const uint32_t reported = events[static_cast<size_t>(i)].events;
-            continueUndecided(static_cast<int>(key & kDescriptorMask),
-                              (reported & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0, nowMs);
+            attempt([&] {
+                continueUndecided(static_cast<int>(key & kDescriptorMask),
+                                  (reported & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0, nowMs);
+            });
         } else if ((key & kListenFlag) == 0) {
-            handlePeer(key, events[static_cast<size_t>(i)].events);
+            attempt([&] { handlePeer(key, events[static_cast<size_t>(i)].events); });
         }
     }
     for (int i = 0; i < count; ++i) {
@@ -377,12 +379,15 @@ void Listener::handlePeer(uint64_t key, uint32_t events)
     // served.
     if (connection->isReadingShutDown)
         return;
+    // Without memory it is reported again.
+    Rollback reported([&] { connection->watch(mEpoll, key, EPOLLRDHUP | EPOLLONESHOT); });
+    mClosedByPeer.push_back(connection);
+    reported.commit();
     connection->isPeerClosed = true;
     const Phase phase = connection->phase;
     if (phase == Phase::Working && !mLimits.halfClosedClients)
         connection->abortRequest(kClientAbort, true);
     endReading(*connection);
-    mClosedByPeer.push_back(connection);
 }
 
 // The peer has shut down its sending side. The daemon does not look at a paused upload.
@@ -796,11 +801,14 @@ void Listener::continueAccepting(int64_t nowMs)
 
 void Listener::handleDeadlines(int64_t nowMs)
 {
-    std::vector<ConnectionTable::Pointer> expired;
-    for (ConnectionSink* sink : mSinks)
-        sink->getTable().takeExpired(nowMs, kRepeatMs, expired);
-    for (const ConnectionTable::Pointer& connection : expired)
-        handleDeadline(*connection, nowMs);
+    for (ConnectionSink* sink : mSinks) {
+        auto connection = sink->getTable().takeExpired(nowMs, kRepeatMs);
+        while (connection) {
+            auto next = ConnectionTable::takeNextExpired(*connection);
+            attempt([&] { handleDeadline(*connection, nowMs); });
+            connection = std::move(next);
+        }
+    }
 }
 
 // The phase may change at any time: a response is written only after it has been claimed.
@@ -959,7 +967,7 @@ void Listener::endIdleConnections()
     if (mHandshakes)
         mHandshakes->closeSilent();
     for (ConnectionSink* sink : mSinks) {
-        for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
+        for (int descriptor = -1; const auto connection = sink->getTable().next(descriptor);) {
             const Phase phase = connection->phase;
             // The first request of a client comes behind its handshake.
             const bool isNew = connection->hop && nowMs - connection->placedMs < kIdleGraceMs;
@@ -974,7 +982,7 @@ void Listener::abortAll()
     using Phase = Connection::Phase;
     closeAllUndecided();
     for (ConnectionSink* sink : mSinks) {
-        for (const ConnectionTable::Pointer& connection : sink->getTable().getAll()) {
+        for (int descriptor = -1; const auto connection = sink->getTable().next(descriptor);) {
             const Phase phase = connection->phase;
             if (phase == Phase::Body || phase == Phase::Working || phase == Phase::Responding)
                 mHasAborted = true;

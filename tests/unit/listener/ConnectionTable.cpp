@@ -56,7 +56,9 @@ Pointer add(ConnectionTable& table, int descriptor, int64_t nowMs = kStartMs)
 std::vector<Pointer> takeExpired(ConnectionTable& table, int64_t nowMs)
 {
     std::vector<Pointer> expired;
-    table.takeExpired(nowMs, kRepeatMs, expired);
+    for (Pointer connection = table.takeExpired(nowMs, kRepeatMs); connection;
+         connection = ConnectionTable::takeNextExpired(*expired.back()))
+        expired.push_back(std::move(connection));
     return expired;
 }
 
@@ -96,6 +98,24 @@ TEST(ConnectionTable, ReplacesAnAbandonedConnection)
     EXPECT_FALSE(table.remove(3, *old));
     EXPECT_FALSE(old->isInWheel());
     EXPECT_THAT(takeExpired(table, kStartMs + 1000 + 100 + kSlotMs), ElementsAre(fresh));
+}
+
+TEST(ConnectionTable, IsWalkedInOrderWhileItChanges)
+{
+    ConnectionTable table(ConnectionLimits(), kStartMs);
+    int descriptor = -1;
+    EXPECT_EQ(table.next(descriptor), nullptr);
+    EXPECT_EQ(descriptor, -1);
+    const Pointer last = add(table, 9);
+    const Pointer first = add(table, 0);
+    const Pointer removed = add(table, 4);
+    EXPECT_EQ(table.next(descriptor), first);
+    EXPECT_EQ(descriptor, 0);
+    EXPECT_TRUE(table.remove(0, *first));
+    EXPECT_TRUE(table.remove(4, *removed));
+    EXPECT_EQ(table.next(descriptor), last);
+    EXPECT_EQ(descriptor, 9);
+    EXPECT_EQ(table.next(descriptor), nullptr);
 }
 
 TEST(ConnectionTable, GivesANewConnectionTheTimeOfItsHead)
@@ -196,11 +216,8 @@ TEST(ConnectionTable, LosesNoDeadlineThatIsArmedDuringAVisit)
     std::atomic<bool> ended{false};
 
     std::thread visitor([&] {
-        std::vector<Pointer> expired;
         while (!ended) {
-            expired.clear();
-            table.takeExpired(nowMs, kRepeatMs, expired);
-            for (const Pointer& connection : expired) {
+            for (const Pointer& connection : takeExpired(table, nowMs)) {
                 const size_t i = places.at(connection.get());
                 table.arm(*connection, kNoDeadline);
                 reported[i] = armed[i].load();
