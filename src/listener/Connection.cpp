@@ -146,7 +146,6 @@ bool Connection::beginRequest(HttpBaseRequest& request, MHD_Connection* handle, 
 {
     mTable.countRequest();
     setPhase(next, kNoDeadline);
-    progress = Progress();
     mHandle = handle;
     const qvMutexLocker locker(&mMutex);
     isAborted = false;
@@ -161,7 +160,9 @@ void Connection::endRequest(int64_t nowMs)
     {
         const qvMutexLocker locker(&mMutex);
         mRequest = nullptr;
+        mAbortReason.clear();
     }
+    progress = Progress();
     setPhase(Phase::Idle, afterMs(nowMs, mTable.getLimits().idleMs));
 }
 

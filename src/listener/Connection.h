@@ -153,7 +153,7 @@ public:
     // has read more of it. Any thread.
     bool isUploadPaused();
 
-    // Daemon thread, after it has seen `isAborted`.
+    // Of the request in progress; empty unless it has been aborted. Daemon thread.
     std::string getAbortReason();
 
     // Listener thread: the daemon thread sees `isResponseLate`, unless the deadline has moved.

@@ -119,6 +119,9 @@ struct DispatchAccess
     // mutex is held.
     static uint64_t countedBytes(const HttpResponseDevice& d);
 
+    // Puts the device in error, also without memory for the whole text. The mutex is held.
+    static void loseConnection(HttpResponseDevice& d, const std::string& reason);
+
     // Any thread; these take the device's mutex. The request is not completed.
     // The daemon never fetches the body: nobody waits for it.
     static void leaveBodyUnread(HttpResponseDevice& d);

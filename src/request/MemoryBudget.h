@@ -9,7 +9,7 @@
 namespace qv::impl
 {
 
-// Counts bytes; nobody is refused or woken by it. Any thread, no lock. A queue charges what it
+// Counts bytes; nobody is woken by it. Any thread, no lock. A queue charges what it
 // takes and credits each byte once. Queues may outlive the server: they share the ownership.
 class MemoryBudget
 {

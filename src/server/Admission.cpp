@@ -90,12 +90,12 @@ MHD_Result RedirectToHttps(uint16_t port, MHD_Connection* connection, const std:
                            unsigned& status)
 {
     status = MHD_HTTP_BAD_REQUEST;
+    const std::string url = httpsUrlOf(port, connection, target);
     MHD_Response* const response =
         MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
     if (!response)
         return MHD_NO;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
-    const std::string url = httpsUrlOf(port, connection, target);
     // Not with a target that would end the header.
     if (!url.empty() &&
         MHD_add_response_header(response, MHD_HTTP_HEADER_LOCATION, url.c_str()) == MHD_YES)

@@ -107,12 +107,18 @@ MHD_Result endAborted(HttpBaseRequest& request, Connection& record)
     return endConnection();
 }
 
-// The application may still work for the request; its response is discarded.
-void discardResponse(HttpBaseRequest& request, Connection& record, const char* reason)
+// Nobody waits for the devices any more.
+void abortDevices(HttpBaseRequest& request, const std::string& reason)
 {
     std::atomic<bool> aborted{false};
     DispatchAccess::abort(request.getResponseDevice(), reason, false, aborted);
     DispatchAccess::abort(request.getReceiveDevice(), reason);
+}
+
+// The application may still work for the request; its response is discarded.
+void discardResponse(HttpBaseRequest& request, Connection& record, const char* reason)
+{
+    abortDevices(request, reason);
     record.setPhase(Phase::Responding, kNoDeadline);
     ReportAbort(request, record, reason);
 }
@@ -217,15 +223,21 @@ IpAddress clientAddressOf(const EventDaemon::Settings& settings, MHD_Connection*
 
 // The application does not see the request. The daemon closes the connection after a response to
 // the first call.
-MHD_Result refuseHead(const Refusal& refusal, MHD_Connection* connection, Connection& record)
+void beginRefusal(Connection& record, const char* method, unsigned status)
 {
-    record.queuedStatus = refusal.status;
+    record.setPhase(Phase::Responding, kNoDeadline);
+    record.isBodyUnread = true;
+    record.queuedStatus = status;
+    record.refusedMethod = method;
+}
+
+MHD_Result refuseHead(const Refusal& refusal, const DaemonHead& head, Connection& record)
+{
+    beginRefusal(record, head.method, refusal.status);
     qvLogObject(qvLogObject::kInformation)
         << "Refused a request of " << record.getPeer().address.toString() << " with "
         << refusal.status << ": " << refusal.reason;
-    record.setPhase(Phase::Responding, kNoDeadline);
-    record.isBodyUnread = true;
-    return respondEmpty(connection, refusal.status, nullptr);
+    return respondEmpty(head.connection, refusal.status, nullptr);
 }
 
 // The first call: the head is complete, the body has not been read.
@@ -234,16 +246,11 @@ MHD_Result beginRequest(EventDaemon& daemon, MHD_Connection* connection, const c
 {
     const EventDaemon::Settings& settings = daemon.getSettings();
     if (!IsHostAllowed(settings.allowedHosts, connection, context.uri)) {
-        record.setPhase(Phase::Responding, kNoDeadline);
-        record.isBodyUnread = true;
-        record.queuedStatus = MHD_HTTP_MISDIRECTED_REQUEST;
-        record.refusedMethod = method;
+        beginRefusal(record, method, MHD_HTTP_MISDIRECTED_REQUEST);
         return RefuseHost(connection);
     }
     if (record.redirectsToHttps) {
-        record.setPhase(Phase::Responding, kNoDeadline);
-        record.isBodyUnread = true;
-        record.refusedMethod = method;
+        beginRefusal(record, method, 0);
         return RedirectToHttps(settings.httpsPort, connection, context.uri, record.queuedStatus);
     }
     const uint64_t declared = declaredBytes(connection);
@@ -289,10 +296,8 @@ MHD_Result handleHead(EventDaemon& daemon, const DaemonHead& head, Connection& r
         return endConnection();
     if (daemon.getSettings().strictRequests) {
         const Refusal refusal = CheckHead(head);
-        if (refusal.status != 0) {
-            record.refusedMethod = head.method;
-            return refuseHead(refusal, head.connection, record);
-        }
+        if (refusal.status != 0)
+            return refuseHead(refusal, head, record);
     }
     return beginRequest(daemon, head.connection, head.method, head.version, record, context);
 }
@@ -430,8 +435,8 @@ MHD_Result endWithoutMemory(Connection* record, HttpBaseRequest* request)
 {
     if (!record || !request)
         return MHD_NO;
-    record->abortRequest(kMemoryExhausted, false);
-    return endAborted(*request, *record);
+    AbortRequest(*request, *record, kMemoryExhausted);
+    return endConnection();
 }
 
 // Of a request that the application has not seen.
@@ -492,6 +497,17 @@ void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string
         return;
     record.progress.isAbortReported = true;
     request.onAborted(reason);
+}
+
+void AbortRequest(HttpBaseRequest& request, Connection& record, const char* reason)
+{
+    record.abortRequest(reason, false);
+    std::string known = record.getAbortReason();
+    if (known.empty()) {
+        known = reason;
+        abortDevices(request, known);
+    }
+    ReportAbort(request, record, known);
 }
 
 // Without memory there is no context: the access handler ends the request.
@@ -581,8 +597,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
             code = MHD_REQUEST_TERMINATED_COMPLETED_OK;
         if (code != MHD_REQUEST_TERMINATED_COMPLETED_OK) {
             const char* const reason = AbortReason(code);
-            record->abortRequest(reason ? reason : kWriteError, false);
-            ReportAbort(request, *record, record->getAbortReason());
+            AbortRequest(request, *record, reason ? reason : kWriteError);
         }
         endUpload(request);
         DispatchAccess::endSource(request.getResponseDevice());
@@ -600,7 +615,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
     try {
         RequestCompleted(&daemon.getServer(), connection, slot, code);
     } catch (const std::bad_alloc&) {
-        // Of the text of an error, which comes last: the device is in error already.
+        // Of the application: the request is completed.
     }
     if (sent)
         deliver(daemon, *record, *sent);

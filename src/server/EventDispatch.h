@@ -23,6 +23,11 @@ Connection* ConnectionOf(MHD_Connection* connection);
 // nothing waits for them. Daemon thread.
 void ReportAbort(HttpBaseRequest& request, Connection& record, const std::string& reason);
 
+// Ends a request without its response, and tells it; `reason` unless it has been aborted for
+// another one. The connection may have begun or ended to know the request. Needs no memory. Daemon
+// thread.
+void AbortRequest(HttpBaseRequest& request, Connection& record, const char* reason);
+
 // Of all four `closure` is the EventDaemon, except for OpenEventContext, which has none.
 
 // URI-log callback: the request line has been received.

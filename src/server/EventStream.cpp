@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace qv::impl
@@ -85,11 +86,9 @@ ssize_t failSource(Connection& record, char* buffer, const char* why, uint64_t p
     return cutOff(record, buffer);
 }
 
-// Content reader of a body from a source; `closure` is the HttpBaseRequest.
-ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
+ssize_t readFromSource(HttpBaseRequest& request, Connection& record, uint64_t position,
+                       char* buffer, size_t size)
 {
-    auto& request = *static_cast<HttpBaseRequest*>(closure);
-    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
     HttpResponseDevice& device = request.getResponseDevice();
     if (isOver(record, device))
         return cutOff(record, buffer);
@@ -112,6 +111,19 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
         return endBody(record, buffer);
     default:
         return cutOff(record, buffer);
+    }
+}
+
+// Content reader of a body from a source; `closure` is the HttpBaseRequest.
+ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
+{
+    auto& request = *static_cast<HttpBaseRequest*>(closure);
+    auto& record = static_cast<Connection&>(*DispatchAccess::record(request));
+    // The daemon's frames are those of C: an exception would end the process.
+    try {
+        return readFromSource(request, record, position, buffer, size);
+    } catch (const std::bad_alloc&) {
+        return endByClosing(record, buffer);
     }
 }
 

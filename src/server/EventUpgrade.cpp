@@ -60,13 +60,23 @@ const char* whyNot(const HttpBaseRequest& request, const Connection& record)
     return nullptr;
 }
 
+// Called from the daemon's frames, which are those of C: an exception would end the process.
+template <typename Step> void attempt(const Step& step)
+{
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        // The rest of the step is left out.
+    }
+}
+
 // A writer of a body, which nobody sends, would wait for ever.
 void endBodyOfUpgrade(HttpBaseRequest& request)
 {
     HttpResponseDevice& device = request.getResponseDevice();
     const qvMutexLocker locker(&DispatchAccess::mutex(device));
     if (!DispatchAccess::isCompleted(device))
-        device.setConnectionLost(kUpgraded);
+        DispatchAccess::loseConnection(device, kUpgraded);
 }
 
 // The event loop of a secure connection lives as long as its place.
@@ -86,11 +96,12 @@ std::shared_ptr<void> makePlace(const EventDaemon& daemon, Connection& record)
 
 void abortUpgrade(HttpBaseRequest& request, Connection& record, int error)
 {
-    if (error != ECANCELED)
-        qvLogObject(qvLogObject::kWarning)
-            << "cannot hand on an upgraded connection: " << SystemError(error).toString();
-    record.abortRequest(kWriteError, false);
-    ReportAbort(request, record, record.getAbortReason());
+    attempt([error] {
+        if (error != ECANCELED)
+            qvLogObject(qvLogObject::kWarning)
+                << "cannot hand on an upgraded connection: " << SystemError(error).toString();
+    });
+    AbortRequest(request, record, kWriteError);
 }
 
 // Takes the descriptor over. Null without memory: the connection is closed.
@@ -126,7 +137,7 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
         upgraded = makeUpgraded(daemon, descriptor, {extraBytes, extraSize}, request, record);
     if (upgraded) {
         endBodyOfUpgrade(request);
-        request.onUpgraded(std::move(upgraded));
+        attempt([&] { request.onUpgraded(std::move(upgraded)); });
     } else {
         abortUpgrade(request, record, descriptor < 0 ? -descriptor : ENOMEM);
         code = MHD_REQUEST_TERMINATED_WITH_ERROR;
@@ -134,7 +145,7 @@ void handOn(void* closure, MHD_Connection* connection, void* slot, const char* e
     record.endRequest(qvSystemUtils::GetTimeBaseMs());
     record.progress.isUpgraded = true;
     DispatchAccess::responseStatus(request) = MHD_HTTP_SWITCHING_PROTOCOLS;
-    CompleteRequest(&daemon.getServer(), request, code);
+    attempt([&] { CompleteRequest(&daemon.getServer(), request, code); });
     MHD_upgrade_action(handle, MHD_UPGRADE_ACTION_CLOSE);
 }
 

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cmath>
 #include <ios>
+#include <new>
 #include <system_error>
 
 namespace qv::http
@@ -209,10 +210,12 @@ bool HttpServer::serve(const ServerOptions& options, size_t recordBytes)
         impl::EventServer::Open(*this, impl::ReadOptions(options, recordBytes), mFailureReason);
     if (!mEventServer)
         return false;
-    mStopRequested = false;
-    mHasDrained = false;
     // The new thread waits for the lock.
     Rollback starting([this] { mEventServer.reset(); });
+    mEndpoints = mEventServer->getEndpoints();
+    mUrls = mEventServer->getUrls();
+    mStopRequested = false;
+    mHasDrained = false;
     try {
         startThread(kListenerThreadName);
     } catch (const std::system_error& error) {
@@ -220,11 +223,13 @@ bool HttpServer::serve(const ServerOptions& options, size_t recordBytes)
         return false;
     }
     starting.commit();
-    mEndpoints = mEventServer->getEndpoints();
-    mUrls = mEventServer->getUrls();
     mState = Running;
-    for (const std::string& endpoint : mEndpoints)
-        qvLogObject(qvLogObject::kInformation, "httpserver") << "Serving on " << endpoint;
+    try {
+        for (const std::string& endpoint : mEndpoints)
+            qvLogObject(qvLogObject::kInformation, "httpserver") << "Serving on " << endpoint;
+    } catch (const std::bad_alloc&) {
+        // The server runs without the line.
+    }
     return true;
 }
 

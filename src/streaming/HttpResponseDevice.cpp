@@ -84,7 +84,8 @@ uint64_t HttpResponseDevice::writeBytes(const char* data, size_t len)
         return 0;
     const int64_t nowMs = qvSystemUtils::GetTimeBaseMs();
     if (mReadyBytes > kReadyLimitBytes && impl::DaemonThread::isCurrent() &&
-        impl::DispatchAccess::record(*mRequest) && !isToHead() && wouldHandOver(len, nowMs)) {
+        impl::DispatchAccess::record(*mRequest) &&
+        mRequest->getRequestType() != HttpBaseRequest::HEAD && wouldHandOver(len, nowMs)) {
         impl::DaemonThread::logRefusal("HttpResponseDevice::writeBytes");
         return 0;
     }
@@ -385,13 +386,18 @@ bool impl::DispatchAccess::abort(HttpResponseDevice& device, const std::string& 
     // Before the connection is resumed, and before a daemon thread that suspends it has the mutex.
     aborted = true;
     device.resume();
+    loseConnection(device, reason);
+    return true;
+}
+
+void impl::DispatchAccess::loseConnection(HttpResponseDevice& device, const std::string& reason)
+{
     try {
         device.setConnectionLost(reason);
     } catch (const std::bad_alloc&) {
         // The reasons are short enough for a text without an allocation.
         device.setDeviceError(reason);
     }
-    return true;
 }
 
 void impl::DispatchAccess::resumeSource(HttpResponseDevice& device)

@@ -85,7 +85,7 @@ void CompleteRequest(void* closure, HttpBaseRequest& request, MHD_RequestTermina
     static_cast<http::HttpServer*>(closure)->getImpl().onRequestCompleted();
     request.onCompleted(static_cast<int>(code));
     if (const char* reason = AbortReason(code))
-        device.setConnectionLost(reason);
+        DispatchAccess::loseConnection(device, reason);
 }
 
 }  // namespace qv::impl

@@ -6,6 +6,7 @@
 #include "support/KitTestServer.h"
 #include "support/Pattern.h"
 #include "support/ProcessCounts.h"
+#include "support/SessionFrames.h"
 
 #include <Wendrel/BodySource.h>
 #include <Wendrel/kit/Middleware.h>
@@ -30,6 +31,7 @@ using qv::BodySource;
 constexpr size_t kBodyBytes = 100000;
 constexpr const char* kLogin = "Authorization: Basic YW5uOnNlY3JldA==\r\n";
 constexpr size_t kMaxAllocations = 10000;  // of a request, and of its handshake
+constexpr int kSwitchingProtocols = 101;
 
 void deliver(Request& request)
 {
@@ -105,6 +107,7 @@ void addRoutes(Router& router)
     router.get("/error", [](Request&) { throw HttpError(409, std::string(100, 'e')); });
     router.get("/limited", [](Request& request) { request.reply("ok"); })
         .responseTimeout(std::chrono::minutes(1));
+    router.webSocket("/socket", {}, [](Request&) { return std::make_shared<websocket::SessionHandler>(); });
     addHooks(router);
 }
 
@@ -147,6 +150,7 @@ std::vector<Part> makeParts()
         {"no route", getRequest("/missing"), 404},
         {"strict", "GET / HTTP/1.1\r\nHost: x\r\nHost: x\r\n\r\n", 400},
         {"target", getRequest("/%00"), 400},
+        {"upgrade", sessionHandshake("/socket"), kSwitchingProtocols},
         {"half a body", headOf("PUT", "/delivered", 10) + "12345", 0},
     };
 }
@@ -171,12 +175,24 @@ protected:
         client.send(part.bytes);
         if (part.status == 0)
             client.finishSending();
+        if (part.status == kSwitchingProtocols)
+            return upgrade(client);
         const auto response = client.receive(part.bytes.compare(0, 5, "HEAD ") == 0);
         if (response)
             return response->status;
         // Neither a response nor the end would be a request that is forgotten.
         EXPECT_EQ(client.receiveToEnd(), "");
         return 0;
+    }
+
+    // A session, or a connection without one, ends with its client.
+    static int upgrade(RawClient& client)
+    {
+        const auto head = client.receiveHead();
+        client.finishSending();
+        client.receiveToEnd();
+        EXPECT_TRUE(client.isClosedByServer());
+        return head ? head->status : 0;
     }
 
     bool isIdle() const

@@ -490,13 +490,17 @@ TEST(StreamCallbackFailures, ACompletedRequestIsCompletedWhateverComesOutOfTheCa
                 const bool done = attempt([&] {
                     impl::RequestCompleted(callbacks.server.get(), &connection, &slot, row.code);
                 });
-                EXPECT_EQ(done, !attempt.hasFailed());
+                // The text of the error becomes shorter; only the application's exceptions pass.
+                EXPECT_TRUE(done || (row.needsMemory && attempt.hasFailed()));
                 EXPECT_EQ(slot, nullptr);
                 // Takes the lock, which is free.
                 EXPECT_TRUE(request.isCompleted());
                 EXPECT_EQ(Access::connection(request), nullptr);
                 EXPECT_EQ(callbacks.application->completed, 1);
-                EXPECT_EQ(request.getResponseDevice().getDeviceErrorMsg(), done ? row.text : "");
+                const std::string error = request.getResponseDevice().getDeviceErrorMsg();
+                const std::string text = done ? row.text : "";
+                const bool isShort = error == text.substr(text.rfind(' ') + 1);
+                EXPECT_TRUE(error == text || (attempt.hasFailed() && isShort)) << error;
             },
             canFail ? Points::Some : Points::None);
     }
