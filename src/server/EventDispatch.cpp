@@ -445,7 +445,10 @@ void reportRefused(EventDaemon& daemon, Connection& record, MHD_RequestTerminati
     const std::string* const target = std::exchange(record.openTarget, nullptr);
     if (!target)
         return;
-    const char* const reason = AbortReason(code);
+    const char* reason = AbortReason(code);
+    // The listener has responded; the daemon finds the connection shut down.
+    if (const uint32_t written = record.writtenStatus; written != 0)
+        reason = written == MHD_HTTP_REQUEST_TIMEOUT ? kTimeoutReached : nullptr;
     daemon.getServer().getImpl().onRequestRefused(
         {record.refusedMethod, *target, record.getPeer().address, record.getResponseStatus(),
          reason ? reason : std::string()});

@@ -123,7 +123,7 @@ ssize_t readSource(void* closure, uint64_t position, char* buffer, size_t size)
     try {
         return readFromSource(request, record, position, buffer, size);
     } catch (const std::bad_alloc&) {
-        return endByClosing(record, buffer);
+        return cutOff(record, buffer);
     }
 }
 

@@ -107,7 +107,8 @@ void addRoutes(Router& router)
     router.get("/error", [](Request&) { throw HttpError(409, std::string(100, 'e')); });
     router.get("/limited", [](Request& request) { request.reply("ok"); })
         .responseTimeout(std::chrono::minutes(1));
-    router.webSocket("/socket", {}, [](Request&) { return std::make_shared<websocket::SessionHandler>(); });
+    router.webSocket("/socket", {},
+                     [](Request&) { return std::make_shared<websocket::SessionHandler>(); });
     addHooks(router);
 }
 

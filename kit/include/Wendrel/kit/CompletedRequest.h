@@ -34,7 +34,8 @@ struct CompletedRequest
     std::chrono::microseconds duration{0};
     /// Why the request ended before its response was sent: "ClientAbort", "WriteError",
     /// "ReadError", "TimeoutReached", "DaemonShutdown", "BodyDiscarded", "MemoryExhausted",
-    /// "UpgradeRefused". Empty when the response was sent whole.
+    /// "UpgradeRefused". Empty when the response was sent whole, unless that is the server's own
+    /// 408 ("TimeoutReached") or 503 in place of the handler's.
     std::string abortReason;
     /// The identifier that `requestId` of `<Wendrel/kit/Middleware.h>` has given; empty without.
     std::string requestId;
