@@ -159,7 +159,8 @@ void Connection::endRequest(int64_t nowMs)
 {
     {
         const qvMutexLocker locker(&mMutex);
-        mRequest = nullptr;
+        if (std::exchange(mRequest, nullptr))
+            mTable.countEnd();
         mAbortReason.clear();
     }
     progress = Progress();
@@ -348,6 +349,7 @@ int Connection::detach(int replacement)
     }
     mIsDetached = true;
     mRequest = nullptr;
+    mTable.countEnd();
     if (hop)
         hop->release();
     return descriptor;

@@ -81,7 +81,12 @@ public:
     // Requests so far.
     uint64_t getRequestCount() const { return mRequests; }
 
+    // Whether a request is in progress whose connection is not suspended. A request that begins or
+    // ends meanwhile may be missed.
+    bool isBusy() const { return mRequests - mEnded > mSuspended; }
+
     void countRequest() { mRequests.fetch_add(1, std::memory_order_relaxed); }
+    void countEnd() { mEnded.fetch_add(1, std::memory_order_relaxed); }
     void countSuspended() { ++mSuspended; }
     void countResumed() { --mSuspended; }
 
@@ -93,6 +98,7 @@ private:
     std::atomic<size_t> mCount{0};
     std::atomic<size_t> mSuspended{0};
     std::atomic<uint64_t> mRequests{0};
+    std::atomic<uint64_t> mEnded{0};
 };
 
 }  // namespace qv::impl

@@ -183,7 +183,7 @@ Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
       mPlaces(std::make_shared<ConnectionPlaces>(limits.maxConnections,
                                                  limits.maxConnectionsPerAddress))
 {
-    mRequestCounts.resize(mSinks.size());
+    mNudged.resize(mSinks.size());
     Rollback opened([this] {
         if (mWake >= 0)
             close(mWake);
@@ -305,9 +305,9 @@ int Listener::waitMs(int64_t nowMs) const
         atMost(DeadlineWheel::kSlotMs);
     if (mContinueAcceptingMs != kNoDeadline)
         atMost(mContinueAcceptingMs - nowMs);
-    for (ConnectionSink* sink : mSinks) {
-        if (sink->getTable().getCount() >= kNudgeConnections)
-            atMost(mNextNudgeMs - nowMs);
+    for (size_t i = 0; i < mSinks.size(); ++i) {
+        if (mSinks[i]->getTable().getCount() >= kNudgeConnections)
+            atMost(mNudged[i].nextMs - nowMs);
     }
     return static_cast<int>(wait);
 }
@@ -862,14 +862,15 @@ void Listener::endBody(Connection& connection, int64_t nowMs)
 
 void Listener::nudgeSinks(int64_t nowMs)
 {
-    if (nowMs < mNextNudgeMs)
-        return;
-    mNextNudgeMs = nowMs + kNudgeMs;
     for (size_t i = 0; i < mSinks.size(); ++i) {
+        Nudged& nudged = mNudged[i];
+        if (nowMs < nudged.nextMs)
+            continue;
         const ConnectionTable& table = mSinks[i]->getTable();
         const size_t served = table.getServedCount();
         const uint64_t requests = table.getRequestCount();
-        const bool isActive = std::exchange(mRequestCounts[i], requests) != requests;
+        const bool hasBegun = std::exchange(nudged.requests, requests) != requests;
+        nudged.nextMs = nowMs + (hasBegun || table.isBusy() ? kNudgeMs : kIdleNudgeMs);
         if (served < kNudgeConnections) {
             if (mSinks[i]->getTurn() >= mTurn)
                 mSinks[i]->stopNudging();
@@ -877,8 +878,8 @@ void Listener::nudgeSinks(int64_t nowMs)
         }
         mSinks[i]->nudge();
         // The nudge is an event as well.
-        if (isActive && (served % kFullBatch == 0 || (served + 1) % kFullBatch == 0))
-            mNextNudgeMs = nowMs + kFullBatchNudgeMs;
+        if (hasBegun && (served % kFullBatch == 0 || (served + 1) % kFullBatch == 0))
+            nudged.nextMs = nowMs + kFullBatchNudgeMs;
     }
 }
 

@@ -40,8 +40,8 @@ public:
     // Takes the ownership of the descriptor, also when it fails.
     virtual bool serve(int descriptor, const sockaddr* address, size_t bytes) = 0;
 
-    // Ends a wait of the daemon for one more event; called every kNudgeMs while it has at least
-    // kNudgeConnections.
+    // Ends a wait of the daemon for one more event; called every kNudgeMs, or kIdleNudgeMs, while
+    // it has at least kNudgeConnections.
     virtual void nudge() = 0;
 
     // It has fewer: frees what `nudge` uses.
@@ -75,6 +75,9 @@ public:
     // From so many connections on its wait is ended every kNudgeMs: it has events of its own, too.
     static constexpr size_t kNudgeConnections = 126;
     static constexpr int64_t kNudgeMs = 10;
+
+    // The same for a daemon that works for no request and has not since the last time.
+    static constexpr int64_t kIdleNudgeMs = DeadlineWheel::kSlotMs;
 
     // The same for a daemon with a multiple of kFullBatch that has requests.
     static constexpr int64_t kFullBatchNudgeMs = 1;
@@ -225,8 +228,12 @@ private:
     std::vector<ConnectionTable::Pointer> mClosedByPeer;        // and not yet by the daemon
     int64_t mNextReminderMs = 0;
     int64_t mContinueAcceptingMs = kNoDeadline;
-    int64_t mNextNudgeMs = 0;
-    std::vector<uint64_t> mRequestCounts;  // of each sink, at the last nudge
+    struct Nudged
+    {
+        int64_t nextMs = 0;
+        uint64_t requests = 0;  // at the last time
+    };
+    std::vector<Nudged> mNudged;  // of each sink
     int64_t mNextUploadsMs = 0;
     size_t mUploadTurn = 0;
     bool mReportedLimit = false;

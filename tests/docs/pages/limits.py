@@ -272,6 +272,7 @@ NOT_FOR_USERS = {
     "src/listener/Listener.h kNudgeConnections": "the daemon's",
     "src/listener/Listener.h kFullBatch": "events that the daemon fetches at once",
     "src/listener/Listener.h kFullBatchNudgeMs": "as kNudgeMs",
+    "src/listener/Listener.h kIdleNudgeMs": "as kNudgeMs",
     "src/listener/Listener.h kNudgeMs": "bound of a wait of the daemon, see the page of event-driven mode",
     "kit/src/CertificateWatch.cpp kNsPerSecond": "a unit",
     "src/listener/Endpoint.h kPlain": "means: none",

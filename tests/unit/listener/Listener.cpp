@@ -277,8 +277,9 @@ TEST(ListenerNudges, ComeInTheIntervalOfTheConnectionsThatCanHaveAnEvent)
         {"two full batches with the nudge", 255, 0, true, 1},
         {"two full batches", 256, 0, true, 1},
         {"one more than two", 257, 0, true, 10},
-        {"a full batch without requests", 128, 0, false, 10},
-        {"a full batch with the nudge, without requests", 127, 0, false, 10},
+        {"without requests", 126, 0, false, 64},
+        {"a full batch without requests", 128, 0, false, 64},
+        {"a full batch with the nudge, without requests", 127, 0, false, 64},
         {"suspended down to the least", 127, 1, true, 10},
         {"suspended below the least", 127, 2, true, kNever},
         {"suspended down to a full batch", 130, 2, true, 1},
@@ -291,6 +292,8 @@ TEST(ListenerNudges, ComeInTheIntervalOfTheConnectionsThatCanHaveAnEvent)
             made.sink().add(row.connections);
             for (size_t i = 0; i < row.suspended; ++i)
                 made.sink().getTable().countSuspended();
+            if (row.isActive)
+                made.sink().getTable().countRequest();
         });
         FakeSink& sink = run.sink();
         run.pass(0);
@@ -301,24 +304,49 @@ TEST(ListenerNudges, ComeInTheIntervalOfTheConnectionsThatCanHaveAnEvent)
             EXPECT_EQ(sink.stops, stops + 1);
             continue;
         }
-        const size_t begun = sink.nudges;
-        EXPECT_EQ(begun, 1u);
-        if (row.isActive)
-            sink.getTable().countRequest();
         // The request is seen at the nudge, and decides on the time of the next one.
-        run.pass(10);
-        EXPECT_EQ(sink.nudges, begun + 1);
+        EXPECT_EQ(sink.nudges, 1u);
         run.pass(row.intervalMs - 1);
-        EXPECT_EQ(sink.nudges, begun + 1);
+        EXPECT_EQ(sink.nudges, 1u);
+        if (row.isActive)
+            sink.getTable().countEnd();
         run.pass(1);
-        EXPECT_EQ(sink.nudges, begun + 2);
-        // No request since: the usual interval.
-        run.pass(9);
-        EXPECT_EQ(sink.nudges, begun + 2);
+        EXPECT_EQ(sink.nudges, 2u);
+        // No request since.
+        run.pass(63);
+        EXPECT_EQ(sink.nudges, 2u);
         run.pass(1);
-        EXPECT_EQ(sink.nudges, begun + 3);
+        EXPECT_EQ(sink.nudges, 3u);
         EXPECT_EQ(sink.stops, 0u);
     }
+}
+
+TEST(ListenerNudges, ComeMoreOftenWhileARequestIsInProgress)
+{
+    ListenerRun run(0, 1, [](ListenerRun& made) {
+        made.sink().add(130);
+        made.sink().getTable().countRequest();
+    });
+    const auto passUntilNudged = [&run] {
+        const size_t known = run.sink().nudges;
+        int64_t passed = 0;
+        for (; run.sink().nudges == known && passed < 100; ++passed)
+            run.pass(1);
+        return passed;
+    };
+    run.pass(0);
+    EXPECT_EQ(passUntilNudged(), 10);
+    EXPECT_EQ(passUntilNudged(), 10);
+    // It waits for the application.
+    run.sink().getTable().countSuspended();
+    EXPECT_EQ(passUntilNudged(), 10);
+    EXPECT_EQ(passUntilNudged(), 64);
+    run.sink().getTable().countResumed();
+    EXPECT_EQ(passUntilNudged(), 64);
+    EXPECT_EQ(passUntilNudged(), 10);
+    run.sink().getTable().countEnd();
+    EXPECT_EQ(passUntilNudged(), 10);
+    EXPECT_EQ(passUntilNudged(), 64);
 }
 
 TEST(ListenerNudges, StopWithTheConnections)
@@ -331,7 +359,7 @@ TEST(ListenerNudges, StopWithTheConnections)
     EXPECT_EQ(run.sink(0).stops, 0u);
     run.sink(0).remove();
     const size_t nudges[] = {run.sink(0).nudges, run.sink(1).nudges};
-    run.pass(10);
+    run.pass(64);
     EXPECT_EQ(run.sink(0).nudges, nudges[0]);
     EXPECT_EQ(run.sink(0).stops, 1u);
     EXPECT_EQ(run.sink(1).nudges, nudges[1] + 1);
@@ -344,7 +372,7 @@ TEST(ListenerNudges, ComeByThemselves)
     ListenerRun run(0, 1, [](ListenerRun& made) { made.sink().add(126); });
     for (size_t i = 0; i < 5; ++i) {
         const size_t known = run.sink().nudges;
-        run.time().advanceMs(10);
+        run.time().advanceMs(64);
         EXPECT_TRUE(waitUntil([&] { return run.sink().nudges > known; }));
     }
 }
