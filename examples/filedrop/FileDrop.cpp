@@ -2,7 +2,6 @@
 
 #include "FileDrop.h"
 
-#include "AccessLine.h"
 #include "ByteSize.h"
 #include "FileName.h"
 #include "IsoTime.h"
@@ -20,6 +19,8 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -142,8 +143,9 @@ FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
 {
     mServer.options().onCompleted = [this](const qv::kit::CompletedRequest& request) {
         mBytesOut += request.sentBytes;
-        writeAccessLine(request);
     };
+    mServer.logAccess(
+        [](std::string_view line) { writeLog(qv::qvLog::Information, std::string(line)); });
     addRoutes();
 }
 

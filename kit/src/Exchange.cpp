@@ -854,6 +854,10 @@ void Exchange::report() const
     over.receivedBytes = getReceiveDevice().getReceivedBytes();
     over.duration = mDuration;
     over.abortReason = mAbortReason;
+    if (const std::string* const line = getHeaders().findLine("referer"))
+        over.referer = *line;
+    if (const std::string* const line = getHeaders().findLine("user-agent"))
+        over.userAgent = *line;
     if (const auto* const id = static_cast<const RequestId*>(findAttached(typeid(RequestId))))
         over.requestId = id->text;
     const void* const user = findAttached(typeid(AuthenticatedUser));

@@ -169,6 +169,8 @@ void waitForEndReloading(Server& server, ServiceManager& manager, CertificateWat
         if (!files.hasChanged() && !isAsked)
             continue;
         manager.reloading();
+        if (isAsked)
+            server.reopenAccessLog();
         if (!server.options().tls.empty())
             server.reloadCertificates();
         manager.ready();
@@ -216,7 +218,7 @@ int Server::run()
     CertificateWatch files(mOptions.tls);
     const uint32_t reloads = sReloads;
     std::optional<ReloadSignal> signal;
-    if (!mOptions.tls.empty() || ServiceManager::isPresent())
+    if (!mOptions.tls.empty() || mCore->accessLog() || ServiceManager::isPresent())
         signal.emplace();
     ServiceManager manager(*this);
     {
@@ -245,6 +247,28 @@ int Server::run()
 uint64_t Server::countTurns()
 {
     return mCore->countTurns();
+}
+
+void Server::logAccess(const std::string& path, AccessLog format)
+{
+    mCore->setAccessLog(std::make_unique<AccessWriter>(path, format));
+}
+
+void Server::logAccess(std::function<void(std::string_view line)> sink, AccessLog format)
+{
+    mCore->setAccessLog(std::make_unique<AccessWriter>(std::move(sink), format));
+}
+
+void Server::reopenAccessLog()
+{
+    if (AccessWriter* const log = mCore->accessLog())
+        log->reopen();
+}
+
+uint64_t Server::lostAccessLines() const
+{
+    const AccessWriter* const log = mCore->accessLog();
+    return log ? log->lostLines() : 0;
 }
 
 bool Server::reloadCertificates(std::string* reason)

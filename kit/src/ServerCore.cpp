@@ -144,6 +144,8 @@ void ServerCore::stopThreads()
     mWorkers.stop();
     mDeadlines.stop();
     endRequests();
+    if (mAccessLog)
+        mAccessLog->stop();
 }
 
 // Why the routes are impossible.
@@ -166,7 +168,10 @@ bool ServerCore::start(const ServerOptions& options)
     if (failure.empty()) {
         mMaxBodyBytes = options.maxBodyBytes;
         mOnCompleted = options.onCompleted;
+        mReportsRequests = mOnCompleted || mAccessLog;
         failure = freezeRoutes();
+        if (failure.empty() && mAccessLog)
+            failure = mAccessLog->start();
         if (failure.empty() && startThreads(options))
             mState = State::Started;
         else if (failure.empty())
@@ -261,6 +266,15 @@ void ServerCore::openSession(std::unique_ptr<UpgradedConnection> connection,
                              const std::shared_ptr<const websocket::WebSocketOptions>& options)
 {
     mSessions->open(std::move(connection), agreement, handler, options);
+}
+
+void ServerCore::setAccessLog(std::unique_ptr<AccessWriter> log)
+{
+    const qvMutexLocker locker(&mMutex);
+    if (mState == State::Stopped)
+        mAccessLog = std::move(log);
+    else
+        LogOfRoute("server", "the access log is not changed: the server has been started");
 }
 
 void ServerCore::close()
@@ -379,6 +393,10 @@ void ServerCore::reportRefused()
 
 void ServerCore::report(const CompletedRequest& request) const noexcept
 {
+    if (mAccessLog)
+        mAccessLog->write(request);
+    if (!mOnCompleted)
+        return;
     callLogged(
         "the callback onCompleted failed: ", [&] { mOnCompleted(request); }, logOfServer);
 }

@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_SRC_SERVERCORE_H
 #define WENDREL_KIT_SRC_SERVERCORE_H
 
+#include "AccessWriter.h"
 #include "DeadlineQueue.h"
 #include "WorkerPool.h"
 
@@ -58,6 +59,10 @@ public:
     // See `Server::countTurns`. Any thread.
     uint64_t countTurns();
 
+    void setAccessLog(std::unique_ptr<AccessWriter> log);
+    // Any thread, as the following. Null: none.
+    AccessWriter* accessLog() const { return mAccessLog.get(); }
+
     void setStopping(std::function<void()> callback) { mStopping = std::move(callback); }
 
     // The requests.
@@ -74,7 +79,7 @@ public:
     // The daemon has completed a request. Under the mutex of its response device.
     void completed() { --mOpenRequests; }
     // Whether completed requests are told to the application. Not changed while the server runs.
-    bool reportsRequests() const { return static_cast<bool>(mOnCompleted); }
+    bool reportsRequests() const { return mReportsRequests; }
     // Ends the request, which the daemon has completed, when no mutex is held any more. Thread: the
     // daemon's.
     void endLater(Exchange& exchange);
@@ -115,6 +120,8 @@ private:
     std::atomic<Exchange*> mOver{nullptr};                      // requests to be ended
     std::atomic<size_t> mUnreported{0};                         // of those, and of the refused ones
     std::function<void(const CompletedRequest&)> mOnCompleted;  // not changed while the server runs
+    std::unique_ptr<AccessWriter> mAccessLog;                   // the same; null: none
+    bool mReportsRequests = false;                              // the same
     qvMutex mRefusedMutex;
     std::vector<CompletedRequest> mRefused QV_GUARDED_BY(mRefusedMutex);  // to be reported
     std::atomic<uint64_t> mMaxBodyBytes{0};

@@ -166,7 +166,9 @@ protected:
         auto options = kitOptions(2);
         options.threads = 1;
         options.onCompleted = [this](const CompletedRequest&) { ++mCompleted; };
-        mServer = std::make_unique<KitTestServer>(addRoutes, options);
+        mServer = std::make_unique<KitTestServer>(addRoutes, options, [](Server& server) {
+            server.logAccess([](std::string_view) {}, AccessLog::Json);
+        });
     }
 
     // What a client of this part gets: a status, 0 for the end of the connection.

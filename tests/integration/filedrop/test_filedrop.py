@@ -648,7 +648,7 @@ class Live(ServerCase):
         for _ in range(20):
             self.connect().close()
         wait_until(lambda: self.status()["listeners"] == 0, "no listener is left")
-        wait_until(lambda: sum("GET /live 101 " in line for line in self.server.errors) == 20,
+        wait_until(lambda: sum('"GET /live HTTP/1.1" 101 ' in line for line in self.server.errors) == 20,
                    "their lines in the log")
 
     def test_a_request_that_asks_for_no_websocket_is_told(self):
@@ -936,7 +936,7 @@ class Process(ServerCase):
         self.assertEqual(server.stop(), 0)
         self.assertEqual(server.errors, [])
         # A line is written after its response: that of a later request may come first.
-        lines = re.findall(r"(PUT|GET) (.+) (\d+) \d+ bytes", log.read_text())
+        lines = re.findall(r'"(PUT|GET) (.+) HTTP/1\.1" (\d+) \d+ "', log.read_text())
         self.assertCountEqual(lines, [("PUT", "/files/a", "201"), ("GET", "/files/a", "200"),
                                       ("GET", "/files/x%5cn2026%20forged", "404")])
 

@@ -38,9 +38,12 @@ class KitTestServer
 public:
     using Setup = std::function<void(qv::kit::Router&)>;
 
-    explicit KitTestServer(const Setup& setup, const qv::kit::ServerOptions& options = kitOptions())
+    explicit KitTestServer(const Setup& setup, const qv::kit::ServerOptions& options = kitOptions(),
+                           const std::function<void(qv::kit::Server&)>& prepare = nullptr)
         : mServer(options)
     {
+        if (prepare)
+            prepare(mServer);
         if (isSecure() && options.tls.empty())
             mServer.options().tls.push_back(localhostTls());
         setup(mServer.router());

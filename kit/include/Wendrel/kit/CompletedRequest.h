@@ -41,6 +41,10 @@ struct CompletedRequest
     std::string requestId;
     /// The user that has logged in by one of the authentications there; empty without.
     std::string user;
+    /// Headers of the request; empty without, and when no handler could see the request.
+    std::string referer;
+    /// As above.
+    std::string userAgent;
 };
 
 }  // namespace qv::kit

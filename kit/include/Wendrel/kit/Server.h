@@ -3,6 +3,7 @@
 #define WENDREL_KIT_SERVER_H
 
 #include <Wendrel/ServerOptions.h>
+#include <Wendrel/kit/AccessLog.h>
 #include <Wendrel/kit/CompletedRequest.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qv::kit
@@ -76,9 +78,10 @@ public:
     /// signal ends the process.
     ///
     /// With secure endpoints the certificates are reloaded after SIGHUP, and within about 4 s after
-    /// one of their files has changed; see `reloadCertificates`. A service manager that has started
-    /// the process is told when the server serves, reloads and stops: see ServiceManager. SIGHUP is
-    /// ignored then without secure endpoints.
+    /// one of their files has changed; see `reloadCertificates`. A file of `logAccess` is opened
+    /// again after SIGHUP. A service manager that has started the process is told when the server
+    /// serves, reloads and stops: see ServiceManager. SIGHUP is ignored then without secure
+    /// endpoints and access log.
     int run(const std::string& endpoint);
 
     /// The same with the endpoints of the options.
@@ -134,6 +137,24 @@ public:
     /// While all workers are occupied by handlers that wait, no round is completed: the limit of
     /// the watchdog must be above the time of the slowest handler. Any thread.
     uint64_t countTurns();
+
+    /// Appends a line for each request that has ended, those of `ServerOptions::onCompleted`, to
+    /// the file `path`, which is made with the mode 640. Every field is escaped. A thread of its
+    /// own writes; of lines beyond 4 MiB that wait for it each is lost, counted and told in the
+    /// log. Set it before the server is started, which fails when the file cannot be opened.
+    void logAccess(const std::string& path, AccessLog format = AccessLog::Combined);
+
+    /// The same with a function that gets each line, without its end. Thread: that of the log, one
+    /// call at a time. A line during which it throws counts as lost.
+    void logAccess(std::function<void(std::string_view line)> sink,
+                   AccessLog format = AccessLog::Combined);
+
+    /// Opens the file of the access log again, which has been renamed. `run` does it after SIGHUP.
+    /// Any thread.
+    void reopenAccessLog();
+
+    /// Lines of the access log that were lost so far. Any thread.
+    uint64_t lostAccessLines() const;
 
 private:
     ServerOptions mOptions;
