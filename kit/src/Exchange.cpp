@@ -72,7 +72,7 @@ void Exchange::Head::set(ResponseHead&& head, int status)
 Exchange::Exchange(ServerCore& core) : mCore(core), mIsReported(core.reportsRequests())
 {
     mCore.retain();
-    if (mIsReported)
+    if (mIsReported || mCore.metrics())
         mBegan = std::chrono::steady_clock::now();
 }
 
@@ -807,7 +807,7 @@ void Exchange::breakOff() noexcept
 void Exchange::onAborted(const std::string& reason)
 {
     // The reasons are short enough for a text without an allocation.
-    if (mIsReported)
+    if (mIsReported || mCore.metrics())
         mAbortReason = reason;
     claim(By::Aborted);
     becomeGone();
@@ -819,8 +819,15 @@ void Exchange::onCompleted(int)
     using std::chrono::duration_cast;
     using std::chrono::microseconds;
     mCore.completed();
-    if (mIsReported) {
+    Metrics* const metrics = mCore.metrics();
+    if (mIsReported || metrics)
         mDuration = duration_cast<microseconds>(std::chrono::steady_clock::now() - mBegan);
+    if (metrics) {
+        metrics->count({mRoute ? mRoute->mNumber : 0, getResponseStatus(), mDuration,
+                        getResponseDevice().getSentBytes(), getReceiveDevice().getReceivedBytes(),
+                        mAbortReason});
+    }
+    if (mIsReported) {
         mCore.endLater(*this);
     } else if (--mUsers == 0) {
         mCore.endLater(*this);

@@ -149,6 +149,7 @@ Route& RouteTable::add(Method method, const std::string& pattern, Handler handle
     mRoutes.push_back(std::unique_ptr<Route>(new Route(std::move(name), std::move(handler))));
     Route& route = *mRoutes.back();
     route.mIsFrozen = &mIsFrozen;
+    route.mNumber = mRoutes.size();
     if (mIsFrozen) {
         LogOfRoute(route.name(), "not added: the server has been started");
         return route;
@@ -202,6 +203,14 @@ const RouteTable::Target* RouteTable::find(const Node& node, const std::vector<s
             return found;
     }
     return node.rest.get();
+}
+
+std::vector<std::string> RouteTable::names() const
+{
+    std::vector<std::string> names;
+    for (const auto& route : mRoutes)
+        names.push_back(route->name());
+    return names;
 }
 
 const RouteTable::Target* RouteTable::find(const std::vector<std::string>& path) const

@@ -45,6 +45,9 @@ public:
     void freeze(const websocket::WebSocketOptions::Executor& workers);
     bool isFrozen() const { return mIsFrozen; }
 
+    // In the order of their numbers.
+    std::vector<std::string> names() const;
+
     // Null when no pattern fits.
     const Target* find(const std::vector<std::string>& path) const;
 

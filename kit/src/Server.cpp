@@ -21,6 +21,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 namespace qv::kit
@@ -30,6 +31,9 @@ namespace
 
 constexpr std::array<int, 2> kStopSignals{SIGINT, SIGTERM};
 constexpr int kCertificateCheckMs = 2000;
+constexpr int kOk = 200;
+constexpr int kUnavailable = 503;
+constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 
 // Readable after the first signal. Never closed: a handler may still be writing on another thread
 // when the last run has ended.
@@ -238,6 +242,9 @@ int Server::run()
             waitForEndReloading(*this, manager, files, reloads);
         else
             waitForEnd();
+        // A second signal ends the process.
+        mCore->beginDraining();
+        std::this_thread::sleep_for(mOptions.stopDelay);
     }
     manager.stopping();
     stop(mOptions.stopTimeout);
@@ -269,6 +276,34 @@ uint64_t Server::lostAccessLines() const
 {
     const AccessWriter* const log = mCore->accessLog();
     return log ? log->lostLines() : 0;
+}
+
+Route& Server::metrics(const std::string& pattern)
+{
+    mCore->enableMetrics();
+    ServerCore* const core = mCore;
+    return router().get(pattern, [core](Request& request) {
+        request.setHeader("Cache-Control", "no-store");
+        request.reply(core->metricsText(), ContentType(kMetricsType));
+    });
+}
+
+void Server::health(const std::string& alive, const std::string& ready)
+{
+    ServerCore* const core = mCore;
+    const auto respond = [](Request& request, bool isWell) {
+        request.setHeader("Cache-Control", "no-store");
+        request.reply(isWell ? kOk : kUnavailable, isWell ? "ok\n" : "not ready\n");
+    };
+    router().get(alive, [respond](Request& request) { respond(request, true); }).nonBlocking();
+    router()
+        .get(ready, [core, respond](Request& request) { respond(request, core->isReady()); })
+        .nonBlocking();
+}
+
+void Server::setReady(bool isReady)
+{
+    mCore->setReady(isReady);
 }
 
 bool Server::reloadCertificates(std::string* reason)

@@ -54,6 +54,8 @@ public:
 
     void onRequestRefused(const http::RefusedRequest& request) override
     {
+        if (Metrics* const metrics = mCore.metrics())
+            metrics->countRefused(request.status, request.reason);
         if (!mCore.reportsRequests())
             return;
         try {
@@ -170,6 +172,9 @@ bool ServerCore::start(const ServerOptions& options)
         mOnCompleted = options.onCompleted;
         mReportsRequests = mOnCompleted || mAccessLog;
         failure = freezeRoutes();
+        if (failure.empty() && mMetrics)
+            mMetrics->start(options.threads, mRouter.mTable->names());
+        mIsDraining = false;
         if (failure.empty() && mAccessLog)
             failure = mAccessLog->start();
         if (failure.empty() && startThreads(options))
@@ -194,6 +199,7 @@ bool ServerCore::stop(std::chrono::milliseconds deadline)
         isFirst = mState == State::Started;
         mState = State::Stopping;
         ++mShutDowns;
+        mIsDraining = true;
         sessions = mSessions;
     }
     // A further call shortens the time of the first one.
@@ -266,6 +272,33 @@ void ServerCore::openSession(std::unique_ptr<UpgradedConnection> connection,
                              const std::shared_ptr<const websocket::WebSocketOptions>& options)
 {
     mSessions->open(std::move(connection), agreement, handler, options);
+}
+
+void ServerCore::enableMetrics()
+{
+    const qvMutexLocker locker(&mMutex);
+    if (!mMetrics && mState == State::Stopped && !mRouter.mTable->isFrozen())
+        mMetrics = std::make_unique<Metrics>();
+}
+
+std::string ServerCore::metricsText()
+{
+    std::string text = mMetrics->text();
+    const auto add = [&](const char* name, const char* type, const char* help, uint64_t value) {
+        Metrics::describe(text, name, type, help);
+        Metrics::append(text, name, "", value);
+    };
+    add("wendrel_requests_open", "gauge", "Requests that are received or served.", mOpenRequests);
+    const auto [requests, tasks] = mWorkers.queueLengths();
+    constexpr const char* kQueue = "wendrel_worker_queue_length";
+    Metrics::describe(text, kQueue, "gauge", "Requests and callbacks that wait for a worker.");
+    Metrics::append(text, kQueue, "queue=\"requests\"", requests);
+    Metrics::append(text, kQueue, "queue=\"tasks\"", tasks);
+    add("wendrel_websocket_sessions", "gauge", "Open WebSocket sessions.",
+        mSessions ? mSessions->sessionCount() : 0);
+    add("wendrel_access_log_lines_lost_total", "counter", "Lines of the access log.",
+        mAccessLog ? mAccessLog->lostLines() : 0);
+    return text;
 }
 
 void ServerCore::setAccessLog(std::unique_ptr<AccessWriter> log)

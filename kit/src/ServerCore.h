@@ -4,6 +4,7 @@
 
 #include "AccessWriter.h"
 #include "DeadlineQueue.h"
+#include "Metrics.h"
 #include "WorkerPool.h"
 
 #include <Wendrel/HttpServer.h>
@@ -63,6 +64,18 @@ public:
     // Any thread, as the following. Null: none.
     AccessWriter* accessLog() const { return mAccessLog.get(); }
 
+    // Before the start. Counts from then on.
+    void enableMetrics();
+    // Null: nothing is counted. Not changed while the server runs.
+    Metrics* metrics() const { return mMetrics.get(); }
+    // Thread: a worker.
+    std::string metricsText();
+
+    // Any thread.
+    void setReady(bool isReady) { mIsReady = isReady; }
+    void beginDraining() { mIsDraining = true; }
+    bool isReady() const { return mIsReady && !mIsDraining; }
+
     void setStopping(std::function<void()> callback) { mStopping = std::move(callback); }
 
     // The requests.
@@ -120,8 +133,11 @@ private:
     std::atomic<Exchange*> mOver{nullptr};                      // requests to be ended
     std::atomic<size_t> mUnreported{0};                         // of those, and of the refused ones
     std::function<void(const CompletedRequest&)> mOnCompleted;  // not changed while the server runs
-    std::unique_ptr<AccessWriter> mAccessLog;                   // the same; null: none
-    bool mReportsRequests = false;                              // the same
+    std::unique_ptr<Metrics> mMetrics;                          // the same
+    std::atomic<bool> mIsReady{true};
+    std::atomic<bool> mIsDraining{false};
+    std::unique_ptr<AccessWriter> mAccessLog;  // the same; null: none
+    bool mReportsRequests = false;             // the same
     qvMutex mRefusedMutex;
     std::vector<CompletedRequest> mRefused QV_GUARDED_BY(mRefusedMutex);  // to be reported
     std::atomic<uint64_t> mMaxBodyBytes{0};

@@ -60,6 +60,12 @@ bool WorkerPool::run(std::function<void()> task)
     return true;
 }
 
+std::pair<size_t, size_t> WorkerPool::queueLengths()
+{
+    const qvMutexLocker locker(&mMutex);
+    return {mQueue.size(), mTasks.size()};
+}
+
 // Whether a thread is to be woken.
 bool WorkerPool::noteWaking()
 {

@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace qv::kit
@@ -37,6 +38,9 @@ public:
     // Runs `task`, which must not throw, on a worker. Without a limit: whoever submits tasks keeps
     // their number limited. False when the pool does not run. Any thread.
     bool run(std::function<void()> task);
+
+    // Requests, and tasks, that wait.
+    std::pair<size_t, size_t> queueLengths();
 
     // Serves all that is queued, then joins the threads. Not from a worker.
     void stop();

@@ -94,6 +94,7 @@ private:
     bool mIsNonBlocking = false;
     bool mIsStreaming = false;
     bool mHasCallbacksOnWorkers = false;
+    size_t mNumber = 0;  // from 1 on, in the order of the routes
     std::shared_ptr<websocket::WebSocketOptions> mSessionOptions;  // null: no WebSocket
     const bool* mIsFrozen = nullptr;
 };

@@ -38,6 +38,9 @@ struct ServerOptions : http::ServerOptions
     websocket::EngineOptions webSockets;
     /// How long `run` gives running requests when it has been told to stop.
     std::chrono::milliseconds stopTimeout{5000};
+    /// How long `run` goes on serving when it has been told to stop, with 503 at the path for
+    /// readiness of `Server::health`.
+    std::chrono::milliseconds stopDelay{0};
     /// Called once for each request whose request line has been received, also for those that the
     /// server refused, that were aborted and that became WebSockets; at most 20 ms after the end of
     /// the response, or as soon as a thread is free, and before `stop` returns. Thread: a worker,
@@ -155,6 +158,17 @@ public:
 
     /// Lines of the access log that were lost so far. Any thread.
     uint64_t lostAccessLines() const;
+
+    /// Counts requests, and adds a route for GET with the counters in the text format of
+    /// Prometheus. Call it before the server is started; otherwise nothing is counted.
+    Route& metrics(const std::string& pattern = "/metrics");
+
+    /// Adds routes for GET: `alive` responds with 200, `ready` with 200, or with 503 after
+    /// `setReady(false)` and from the beginning of a stop on.
+    void health(const std::string& alive = "/healthz", const std::string& ready = "/readyz");
+
+    /// Whether the server wants requests, for `health`; at first it does. Any thread.
+    void setReady(bool isReady);
 
 private:
     ServerOptions mOptions;
