@@ -91,8 +91,9 @@ public:
 
     /// The daemon has finished with this request and will not use it again. Does nothing unless
     /// overridden. `terminationCode`: the MHD_RequestTerminationCode, 0 when the response was sent
-    /// whole. Thread: the daemon's, right after `HttpServerImpl::onRequestCompleted`, with the
-    /// response device's mutex held: delete nothing here, and call nothing that takes that mutex.
+    /// whole. Thread: the daemon's, of a secure connection also the one that encrypts, right after
+    /// `HttpServerImpl::onRequestCompleted`, with the response device's mutex held: delete nothing
+    /// here, and call nothing that takes that mutex.
     virtual void onCompleted(int terminationCode);
 
     /// The whole body has been received; for a request without a body right after
@@ -103,7 +104,7 @@ public:
     /// The request ends without its response having been sent: the peer closed the connection, a
     /// deadline has passed or the server shuts down. Called once, before `onCompleted`; both
     /// devices are in error with `reason` already. Event-driven mode only. Does nothing unless
-    /// overridden. Thread: the daemon's, without a lock: it must not wait.
+    /// overridden. Thread: that of `onCompleted`, without a lock: it must not wait.
     virtual void onAborted(const std::string& reason);
 
     /// Takes the connection after the response with the status 101 has been sent, right before

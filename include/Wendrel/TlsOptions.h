@@ -4,6 +4,7 @@
 
 #include <Wendrel/Export.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -14,9 +15,10 @@ namespace qv
 namespace http
 {
 
-/// A certificate with its private key; a plain value. A field that begins with "-----BEGIN" is the
-/// text itself, any other is the path of a file, which `HttpServer::reloadCertificates` reads
-/// again.
+/// A certificate with its private key; a plain value, of which later versions use the reserved
+/// fields and append none: applications have its size compiled in. A field that begins with
+/// "-----BEGIN" is the text itself, any other is the path of a file, which
+/// `HttpServer::reloadCertificates` reads again.
 struct WENDREL_EXPORT TlsCertificate
 {
     /// The certificate, then those of its issuers, in PEM. Refused when one of them has expired.
@@ -30,6 +32,10 @@ struct WENDREL_EXPORT TlsCertificate
 
     /// File with the OCSP response (DER) that is sent to clients that ask for one. Empty: none.
     std::string ocspResponse;
+
+    /// Leave them empty; the start fails otherwise.
+    std::array<std::string, 2> reservedTexts{};
+    std::array<uint64_t, 2> reservedNumbers{};
 };
 
 /// Oldest version of TLS.
@@ -42,7 +48,7 @@ enum class ClientCertificates : uint8_t {
     Required    ///< a connection without a valid one is not served
 };
 
-/// TLS of one or several endpoints; a plain value.
+/// TLS of one or several endpoints; a plain value, with reserved fields as TlsCertificate.
 struct WENDREL_EXPORT TlsOptions
 {
     /// Entries of `ServerOptions::listen` that serve HTTPS only. Empty: all that no other record
@@ -73,6 +79,11 @@ struct WENDREL_EXPORT TlsOptions
     /// Seconds of the header `Strict-Transport-Security: max-age=...` that each response of the
     /// application gets unless it has one. 0: none.
     uint32_t strictTransportSeconds = 0;
+
+    /// Leave them empty; the start fails otherwise.
+    std::array<std::vector<std::string>, 2> reservedLists{};
+    std::array<std::string, 2> reservedTexts{};
+    std::array<uint64_t, 4> reservedNumbers{};
 };
 
 }  // namespace http

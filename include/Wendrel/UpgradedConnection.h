@@ -6,6 +6,7 @@
 
 #include <qvSystem/IpAddress.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -62,11 +63,23 @@ public:
     /// taken before. Any thread may destroy it, also after the server has been destroyed.
     [[nodiscard]] std::shared_ptr<void> takePlace();
 
+    /// As the first constructor. `isCutOff` is read by the operation of that name; null: never.
+    UpgradedConnection(int descriptor, std::string receivedBytes, const IpAddress& peerAddress,
+                       std::shared_ptr<void> place,
+                       std::shared_ptr<const std::atomic<bool>> isCutOff);
+
+    /// Over TLS the descriptor has no error to report: ask here at the end of the stream.
+    /// True when the peer's connection has ended without a close_notify, so that bytes that it has
+    /// sent may be missing; false for plain connections, where the read fails after a reset. Also
+    /// after the descriptor was taken. Any thread.
+    bool isCutOff() const { return mIsCutOff && *mIsCutOff; }
+
 private:
     int mDescriptor;
     std::string mReceivedBytes;
     IpAddress mPeerAddress;
     std::shared_ptr<void> mPlace;
+    std::shared_ptr<const std::atomic<bool>> mIsCutOff;
 };
 
 }  // namespace qv

@@ -53,6 +53,8 @@ TlsHop::~TlsHop()
 void TlsHop::end()
 {
     mState = State::Over;
+    // Before the end of the pair, which the application sees.
+    mIsCutOff = mIsCutOff || !mIsUpOver;
     mIsUpOver = true;
     // Before the end of the pair, at which the listener looks at it.
     if (!mIsPairEnded)

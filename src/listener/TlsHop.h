@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qv::impl
@@ -59,6 +60,13 @@ public:
     // The client's connection has ended in another way than with close_notify, before the daemon's.
     // Any thread.
     bool hasLostClient() const { return mHasLostClient; }
+
+    // Whether the client's direction has ended without a close_notify. Outlives the connection.
+    static std::shared_ptr<const std::atomic<bool>> CutOff(std::shared_ptr<TlsHop> hop)
+    {
+        const std::atomic<bool>* const isCutOff = &hop->mIsCutOff;
+        return {std::move(hop), isCutOff};
+    }
 
     // Completes the delivery once everything that the daemon has sent has been handed to the
     // client's socket. `descriptor`: the daemon's end. Daemon thread. Sent at once without memory.
@@ -114,6 +122,7 @@ private:
     std::atomic<bool> mIsReleased{false};
     std::atomic<bool> mIsCut{false};
     std::atomic<bool> mHasLostClient{false};
+    std::atomic<bool> mIsCutOff{false};
 
     qvMutex mMutex;
     std::vector<TlsDelivery> mNewDeliveries QV_GUARDED_BY(mMutex);

@@ -11,13 +11,21 @@ namespace qv
 
 UpgradedConnection::UpgradedConnection(int descriptor, std::string receivedBytes,
                                        const IpAddress& peerAddress, std::shared_ptr<void> place)
+    : UpgradedConnection(descriptor, std::move(receivedBytes), peerAddress, std::move(place),
+                         nullptr)
+{}
+
+UpgradedConnection::UpgradedConnection(int descriptor, std::string receivedBytes,
+                                       const IpAddress& peerAddress, std::shared_ptr<void> place,
+                                       std::shared_ptr<const std::atomic<bool>> isCutOff)
     : mDescriptor(descriptor), mReceivedBytes(std::move(receivedBytes)), mPeerAddress(peerAddress),
-      mPlace(std::move(place))
+      mPlace(std::move(place)), mIsCutOff(std::move(isCutOff))
 {}
 
 UpgradedConnection::UpgradedConnection(UpgradedConnection&& other) noexcept
     : mDescriptor(other.takeDescriptor()), mReceivedBytes(other.takeReceivedBytes()),
-      mPeerAddress(other.mPeerAddress), mPlace(other.takePlace())
+      mPeerAddress(other.mPeerAddress), mPlace(other.takePlace()),
+      mIsCutOff(std::move(other.mIsCutOff))
 {}
 
 UpgradedConnection& UpgradedConnection::operator=(UpgradedConnection&& other) noexcept
@@ -27,6 +35,7 @@ UpgradedConnection& UpgradedConnection::operator=(UpgradedConnection&& other) no
     std::swap(mReceivedBytes, taken.mReceivedBytes);
     std::swap(mPeerAddress, taken.mPeerAddress);
     std::swap(mPlace, taken.mPlace);
+    std::swap(mIsCutOff, taken.mIsCutOff);
     return *this;
 }
 

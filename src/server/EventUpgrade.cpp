@@ -8,6 +8,7 @@
 #include <Wendrel/UpgradedConnection.h>
 
 #include "listener/Connection.h"
+#include "listener/TlsHop.h"
 #include "request/ConnectionContext.h"
 #include "request/DispatchAccess.h"
 #include "server/EventDaemon.h"
@@ -111,8 +112,9 @@ std::unique_ptr<UpgradedConnection> makeUpgraded(const EventDaemon& daemon, int 
 {
     try {
         std::shared_ptr<void> place = makePlace(daemon, record);
-        return std::make_unique<UpgradedConnection>(descriptor, std::string(received),
-                                                    request.getClientAddress(), std::move(place));
+        return std::make_unique<UpgradedConnection>(
+            descriptor, std::string(received), request.getClientAddress(), std::move(place),
+            record.hop ? TlsHop::CutOff(record.hop) : nullptr);
     } catch (const std::bad_alloc&) {
         close(descriptor);
         return nullptr;

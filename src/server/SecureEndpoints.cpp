@@ -36,8 +36,25 @@ std::string checkKnown(const ServerOptions& options, const std::vector<std::stri
     return std::string();
 }
 
+// A program that was built with a later version sets them, and they would be ignored.
+template <typename... Fields> bool areUnused(const Fields&... fields)
+{
+    return ((fields == Fields()) && ...);
+}
+
+bool areReservedUnused(const TlsOptions& tls)
+{
+    return areUnused(tls.reservedLists, tls.reservedTexts, tls.reservedNumbers) &&
+           std::all_of(tls.certificates.begin(), tls.certificates.end(),
+                       [](const http::TlsCertificate& certificate) {
+                           return areUnused(certificate.reservedTexts, certificate.reservedNumbers);
+                       });
+}
+
 std::string checkRecord(const TlsOptions& tls, size_t index)
 {
+    if (!areReservedUnused(tls))
+        return fieldOf(index, "reserved") + "set by a program for a later version of the library";
     const int64_t limitMs = tls.handshakeTimeout.count();
     if (tls.certificates.empty())
         return fieldOf(index, "certificates") + "no certificate";

@@ -134,6 +134,7 @@ WENDREL_PLACE(qv::UpgradedConnection, mDescriptor, 0);
 WENDREL_PLACE(qv::UpgradedConnection, mReceivedBytes, 8);
 WENDREL_PLACE(qv::UpgradedConnection, mPeerAddress, 40);
 WENDREL_PLACE(qv::UpgradedConnection, mPlace, 64);
+WENDREL_PLACE(qv::UpgradedConnection, mIsCutOff, 80);
 
 WENDREL_PLACE(qv::HttpReceiveDevice, mMutex, 88);
 WENDREL_PLACE(qv::HttpReceiveDevice, mDataArrived, 128);
@@ -280,7 +281,10 @@ static_assert(sizeof(qv::http::HttpServerImpl) == 40);
 static_assert(sizeof(qv::HttpBaseRequest) == 704);
 static_assert(sizeof(qv::HttpWaitListener) == 8);
 static_assert(sizeof(qv::MemoryAccount) == 16);
-static_assert(sizeof(qv::UpgradedConnection) == 80);
+static_assert(sizeof(qv::UpgradedConnection) == 96);
+// Elements of vectors.
+static_assert(sizeof(qv::http::TlsCertificate) == 208);
+static_assert(sizeof(qv::http::TlsOptions) == 256);
 static_assert(sizeof(qv::HttpReceiveDevice) == 296);
 static_assert(sizeof(qv::HttpResponseDevice) == 280);
 static_assert(sizeof(qv::BodySource) == 8);
@@ -299,7 +303,7 @@ static_assert(sizeof(qv::Url) == 224);
 static_assert(sizeof(qv::http::HttpHeaders) == 96);
 static_assert(sizeof(qv::http::HttpServer::Parameters) == 24);
 
-constexpr size_t kPlaces = 182;
+constexpr size_t kPlaces = 183;
 
 TEST(Layout, EveryMemberAndVirtualOperationIsInItsPlace)
 {

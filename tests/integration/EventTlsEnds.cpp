@@ -302,6 +302,48 @@ TEST(SecureShutDown, WaitsBrieflyForAClientThatHasNotSeenItsResponse)
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(4));
 }
 
+// The end of the pair is the same for the application.
+TEST(SecureUpgraded, ConnectionTellsWhetherItWasCutOff)
+{
+    const struct
+    {
+        const char* name;
+        void (*end)(RawClient&);
+        bool isCutOff;
+    } rows[] = {
+        {"close_notify", [](RawClient& c) { c.finishSending(); }, false},
+        {"no close_notify", [](RawClient& c) { ::shutdown(c.descriptor(), SHUT_WR); }, true},
+        {"a reset", [](RawClient& c) { c.reset(); }, true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::unique_ptr<qv::UpgradedConnection> upgraded;
+        std::atomic<bool> isUpgraded{false};
+        EventRun run(
+            [&](EventRequest& request) {
+                request.takeUpgraded = [&](std::unique_ptr<qv::UpgradedConnection> connection) {
+                    upgraded = std::move(connection);
+                    isUpgraded = true;
+                };
+                request.response.headers["upgrade"] = {"Upgrade", "echo"};
+                request.respondHere(101, "");
+            },
+            secureOptions());
+        RawClient client = secureClient(run.port());
+        ASSERT_TRUE(client.send(getRequest("/", "Connection: Upgrade\r\nUpgrade: echo\r\n")));
+        EXPECT_THAT(client.receiveHead(), Optional(Field(&RawResponse::status, 101)));
+        ASSERT_TRUE(waitUntil([&] { return isUpgraded.load(); }));
+        EXPECT_FALSE(upgraded->isCutOff());
+        row.end(client);
+        pollfd readable{upgraded->getDescriptor(), POLLIN, 0};
+        ASSERT_EQ(::poll(&readable, 1, 60000), 1);
+        char byte = 0;
+        EXPECT_EQ(::recv(upgraded->getDescriptor(), &byte, 1, 0), 0);
+        EXPECT_EQ(upgraded->isCutOff(), row.isCutOff);
+        const qv::UpgradedConnection moved(std::move(*upgraded));
+        EXPECT_EQ(moved.isCutOff(), row.isCutOff);
+    }
+}
+
 // Connections without a place get 503 after their handshake: they are closed first.
 TEST(Handshakes, OfRefusedConnectionsDriveOutNoOther)
 {
