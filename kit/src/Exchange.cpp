@@ -167,7 +167,7 @@ Exchange::HookRun Exchange::runHooks(bool isOnWorker)
     const std::vector<HookTable::Before>& hooks = mCore.hooks().before;
     const std::string& path = getUrl().path();
     const auto isMatching = [&](const HookTable::Before& each) {
-        return each.prefix.matches(path);
+        return each.prefix.matches(path, getUrl().pathSegments());
     };
     if (!mHooked) {
         const auto first = std::find_if(hooks.begin(), hooks.end(), isMatching);
@@ -233,10 +233,13 @@ bool Exchange::callAfterHooks(ResponseHead& head, int status) noexcept
         return true;
     try {
         const Request request(*this);
-        const std::string_view path = hasParseError() ? std::string_view() : getUrl().path();
+        static const std::vector<std::string> kNoSegments;
+        const bool hasPath = !hasParseError();
+        const std::string_view path = hasPath ? getUrl().path() : std::string_view();
+        const std::vector<std::string>& segments = hasPath ? getUrl().pathSegments() : kNoSegments;
         const int64_t length = head.contentLength();
         for (const HookTable::After& each : hooks) {
-            if (each.prefix.matches(path))
+            if (each.prefix.matches(path, segments))
                 each.hook(request, status, head);
         }
         head.setContentLength(length);

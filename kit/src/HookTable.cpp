@@ -2,6 +2,7 @@
 
 #include "HookTable.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace qv::kit
@@ -52,7 +53,21 @@ PathPrefix::PathPrefix(const std::string& pattern)
     }
 }
 
-bool PathPrefix::matches(std::string_view path) const
+bool PathPrefix::matches(std::string_view path, const std::vector<std::string>& segments) const
+{
+    return matchesPath(path) || matchesSegments(segments);
+}
+
+bool PathPrefix::matchesSegments(const std::vector<std::string>& segments) const
+{
+    return mSegments.size() <= segments.size() &&
+           std::equal(mSegments.begin(), mSegments.end(), segments.begin(),
+                      [](const std::string& wanted, const std::string& segment) {
+                          return wanted.empty() ? !segment.empty() : segment == wanted;
+                      });
+}
+
+bool PathPrefix::matchesPath(std::string_view path) const
 {
     for (const std::string& wanted : mSegments) {
         const std::string_view segment = takeSegment(path);

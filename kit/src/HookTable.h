@@ -18,13 +18,17 @@ public:
     // Throws std::invalid_argument for a malformed one.
     explicit PathPrefix(const std::string& pattern);
 
-    // `path` is decoded. An encoded slash separates, and empty segments do not count: a path that a
-    // handler could read as one below the prefix has its hooks.
-    bool matches(std::string_view path) const;
+    // `path` is decoded, and so are its `segments`. Both readings count: that of routes, where an
+    // encoded slash belongs to its segment, and that of a handler that takes the path apart, where
+    // it separates and empty segments are nothing.
+    bool matches(std::string_view path, const std::vector<std::string>& segments) const;
 
     bool isRoot() const { return mSegments.empty(); }
 
 private:
+    bool matchesPath(std::string_view path) const;
+    bool matchesSegments(const std::vector<std::string>& segments) const;
+
     std::vector<std::string> mSegments;  // empty: any
 };
 

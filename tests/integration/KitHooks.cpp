@@ -427,6 +427,36 @@ TEST(KitHooks, ForErrorsReplaceTheBody)
     EXPECT_TRUE(logged("GET /a: the hook onError failed: on purpose"));
 }
 
+TEST(KitHooks, RunForASegmentWithAnEncodedSlash)
+{
+    KitTestServer server([](Router& router) {
+        const Hook refusing = [](Request&) { throw HttpError(401); };
+        router.before("/teams/{id}", refusing, HookThread::Daemon);
+        router.before("/{tenant}/admin", refusing);
+        const auto open = [](Request& request) { request.reply("open"); };
+        router.get("/teams/{id}", open);
+        router.get("/{tenant}/admin/users", open);
+    });
+    for (const char* target :
+         {"/teams/7", "/teams/%2F", "/teams/%2f%2f", "/x/admin/users", "/x%2Fy/admin/users",
+          "/%2F/admin/users", "/%2f/%61dmin/users", "/x/%61dmin/users"})
+        EXPECT_EQ(server.get(target).status, 401) << target;
+}
+
+TEST(KitHooks, OfAGroupNeedPathsBelowIt)
+{
+    KitTestServer server([](Router& router) {
+        const auto open = [](Request& request) { request.reply("open"); };
+        const auto admin = router.group("/admin");
+        EXPECT_THROW(admin.get("users", open), std::invalid_argument);
+        EXPECT_THROW(admin.get("", open), std::invalid_argument);
+        EXPECT_THROW(admin.group("in"), std::invalid_argument);
+        EXPECT_THROW(admin.directory("static", "/"), std::invalid_argument);
+        EXPECT_THROW(router.group("admin"), std::invalid_argument);
+    });
+    EXPECT_EQ(server.get("/adminusers").status, 404);
+}
+
 TEST(KitHooks, OfAGroupServeItsRoutesOnly)
 {
     KitTestServer server([](Router& router) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace qv::kit
 {
@@ -39,7 +41,30 @@ TEST(PathPrefix, MatchesWholeSegments)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.prefix) + " " + row.path);
-        EXPECT_EQ(PathPrefix(row.prefix).matches(row.path), row.matches);
+        EXPECT_EQ(PathPrefix(row.prefix).matches(row.path, {}), row.matches);
+    }
+}
+
+TEST(PathPrefix, MatchesTheSegmentsOfRoutes)
+{
+    const struct
+    {
+        const char* prefix;
+        const char* path;
+        std::vector<std::string> segments;
+        bool matches;
+    } rows[] = {
+        {"/teams/{id}", "/teams//", {"teams", "/"}, true},
+        {"/{tenant}/admin", "/x/y/admin/users", {"x/y", "admin", "users"}, true},
+        {"/{tenant}/admin", "///admin/users", {"/", "admin", "users"}, true},
+        {"/{tenant}/admin", "/x/y/public", {"x/y", "public"}, false},
+        {"/teams/{id}", "/teams/", {"teams", ""}, false},
+        {"/teams/{id}", "/teams", {"teams"}, false},
+        {"/admin", "/a/admin", {"a/admin"}, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.prefix) + " " + row.path);
+        EXPECT_EQ(PathPrefix(row.prefix).matches(row.path, row.segments), row.matches);
     }
 }
 

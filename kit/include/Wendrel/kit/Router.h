@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -190,6 +191,8 @@ public:
     /// As `Router::group`.
     RouteGroup(Router& router, std::string prefix) : mRouter(&router), mPrefix(std::move(prefix))
     {
+        if (!mPrefix.empty() && mPrefix.front() != '/')
+            throw std::invalid_argument("the prefix \"" + mPrefix + "\" does not begin with /");
         while (!mPrefix.empty() && mPrefix.back() == '/')
             mPrefix.pop_back();
     }
@@ -251,8 +254,11 @@ public:
     RouteGroup group(const std::string& prefix) const { return {*mRouter, below(prefix)}; }
 
 private:
+    // Otherwise "/admin" and "users" were a path beside those of the group, without its hooks.
     std::string below(const std::string& pattern) const
     {
+        if (pattern.empty() || pattern.front() != '/')
+            throw std::invalid_argument("the pattern \"" + pattern + "\" does not begin with /");
         return pattern == "/" && !mPrefix.empty() ? mPrefix : mPrefix + pattern;
     }
 
