@@ -186,6 +186,9 @@ public:
         if (mAllowsAll && mOptions.credentials)
             refuse("cors", "credentials for every origin; list the origins");
         for (const std::string& origin : mOptions.origins) {
+            // Any page can give itself the origin null: a frame in a sandbox.
+            if (origin == "null" && mOptions.credentials)
+                refuse("cors", "credentials for the origin null");
             if (!mAllowsAll && !isOrigin(origin) && origin != "null")
                 refuse("cors", "\"" + origin + "\" is no origin such as https://example.com");
         }
@@ -212,11 +215,13 @@ public:
 
     void after(const Request& request, ResponseHead& head) const
     {
-        if (!mAllowsAll)
-            head.addHeader("Vary", "Origin");
         const std::string& origin = request.header("Origin");
-        if (origin.empty() || !isAllowed(origin))
-            return;
+        // For all origins the response is the same to all, as caches take it to be.
+        if (!mAllowsAll) {
+            head.addHeader("Vary", "Origin");
+            if (origin.empty() || !isAllowed(origin))
+                return;
+        }
         head.setHeader("Access-Control-Allow-Origin", mAllowsAll ? kAny : origin);
         if (mOptions.credentials)
             head.setHeader("Access-Control-Allow-Credentials", "true");

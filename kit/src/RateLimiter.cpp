@@ -21,7 +21,7 @@ constexpr double kMaxWaitSeconds = 86400;
 }  // namespace
 
 RateLimiter::RateLimiter(double perSecond, double burst, size_t maxClients)
-    : mPerSecond(perSecond), mBurst(burst), mMaxOfShard((maxClients + kShards - 1) / kShards)
+    : mPerSecond(perSecond), mBurst(burst), mMaxOfShard(std::max<size_t>(maxClients / kShards, 1))
 {}
 
 std::chrono::seconds RateLimiter::take(const std::string& key, Clock::time_point now)
@@ -74,6 +74,9 @@ size_t RateLimiter::size() const
 
 std::string RateLimiter::keyOf(const IpAddress& address)
 {
+    // All clients of Unix sockets are one.
+    if (!address.isValid())
+        return "unix";
     std::string text = address.toString();
     in6_addr v6{};
     if (address.getFamily() != IpAddress::Family::V6 || inet_pton(AF_INET6, text.c_str(), &v6) != 1)

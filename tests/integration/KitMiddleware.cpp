@@ -194,6 +194,8 @@ TEST(KitMiddleware, CorsForAllHasNoCredentials)
     const RawResponse read = server.ask(getRequest("/a", "Origin: https://any\r\n"));
     EXPECT_EQ(read.value("Access-Control-Allow-Origin"), "*");
     EXPECT_THAT(read.values("Vary"), IsEmpty());
+    // A cache may give it to a page.
+    EXPECT_EQ(server.get("/a").value("Access-Control-Allow-Origin"), "*");
 }
 
 TEST(KitMiddleware, CorsRefusesImpossibleOptions)
@@ -201,6 +203,8 @@ TEST(KitMiddleware, CorsRefusesImpossibleOptions)
     CorsOptions all;
     all.origins = {"*"};
     all.credentials = true;
+    EXPECT_THROW(cors(all), std::invalid_argument);
+    all.origins = {"https://a", "null"};
     EXPECT_THROW(cors(all), std::invalid_argument);
     for (const char* origin : {"example.com", "https://example.com/", "*", "", "https://a b"}) {
         SCOPED_TRACE(origin);

@@ -63,6 +63,9 @@ TEST(RateLimiter, ForgetsTheClientThatHasAskedLeastRecently)
     EXPECT_EQ(limiter.size(), 16u);
     EXPECT_GT(limiter.take("9999", kNow), seconds(0));
     EXPECT_EQ(limiter.take("0", kNow), seconds(0));
+    RateLimiter boundless(1, 1, SIZE_MAX);
+    EXPECT_EQ(boundless.take("a", kNow), seconds(0));
+    EXPECT_EQ(boundless.take("a", kNow), seconds(1));
 }
 
 TEST(RateLimiter, CountsTheNetworkOfAnIpv6Address)
@@ -75,7 +78,7 @@ TEST(RateLimiter, CountsTheNetworkOfAnIpv6Address)
     EXPECT_EQ(key("2001:db8:1:2::1"), key("2001:db8:1:2:ffff:ffff:ffff:ffff"));
     EXPECT_NE(key("2001:db8:1:2::1"), key("2001:db8:1:3::1"));
     EXPECT_EQ(key("::ffff:192.0.2.1"), "192.0.2.1");
-    EXPECT_EQ(RateLimiter::keyOf(IpAddress()), "");
+    EXPECT_EQ(RateLimiter::keyOf(IpAddress()), "unix");
 }
 
 }  // namespace

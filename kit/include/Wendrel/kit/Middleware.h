@@ -60,6 +60,7 @@ Middleware bearerAuthentication(const std::string& realm, CheckToken check);
 struct CorsOptions
 {
     /// Origins whose pages may read responses: "https://example.com", or "*" alone for all.
+    /// "null" is the origin of any page in a sandboxed frame, and not together with `credentials`.
     std::vector<std::string> origins;
     /// Methods of requests that are asked for beforehand.
     std::vector<std::string> methods{"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE"};
