@@ -12,6 +12,8 @@
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 
+#include <sys/stat.h>
+
 #include <exception>
 #include <iostream>
 #include <optional>
@@ -162,11 +164,14 @@ int run(int argc, char** argv)
     qv::kit::addServerOptions(app, server.options());
     CLI11_PARSE(app, argc, argv);
 
+    // The database has the key of the sessions.
+    umask(S_IRWXG | S_IRWXO);
     Database database(directory + "/tasks.sqlite");
     Accounts accounts(database);
     if (!newUser.empty()) {
         std::string password;
-        std::getline(std::cin, password);
+        if (!std::getline(std::cin, password) || password.empty())
+            throw std::runtime_error("no password on standard input");
         accounts.setPassword(newUser, password);
         return 0;
     }

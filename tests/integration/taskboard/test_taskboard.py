@@ -146,6 +146,16 @@ class Login(unittest.TestCase):
         self.assertEqual(self.board.log_in()[0], 401)
         self.assertEqual(self.board.log_in("ann", "another")[0], 200)
 
+    def test_empty_password_is_refused(self):
+        done = subprocess.run([PROGRAM, "--data", str(self.board.directory), "--add-user", "ann"], stdin=subprocess.DEVNULL,
+                              text=True, capture_output=True, timeout=LIMIT_SECONDS, check=False)
+        self.assertEqual((done.returncode, done.stderr), (1, "wendrel-taskboard: no password on standard input\n"))
+        self.assertEqual(self.board.log_in()[0], 200)
+
+    def test_others_cannot_read_the_database(self):
+        for path in self.board.directory.glob("tasks.sqlite*"):
+            self.assertEqual(path.stat().st_mode & 0o077, 0, path)
+
     def test_passwords_are_not_stored(self):
         self.assertEqual(self.board.log_in()[0], 200)
         for path in self.board.directory.glob("tasks.sqlite*"):
