@@ -330,6 +330,8 @@ std::string openPassedDescriptors(const Endpoint& endpoint, std::vector<Listenin
     const size_t before = sockets.size();
     for (int i = 0; i < passed; ++i) {
         const int descriptor = kFirstPassedDescriptor + i;
+        // A child of the application must not hold it.
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
         const std::string_view name = takePassedName(names);
         if (!endpoint.socketName.empty() && name != endpoint.socketName)
             continue;
