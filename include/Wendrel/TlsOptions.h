@@ -33,8 +33,9 @@ struct WENDREL_EXPORT TlsCertificate
     /// File with the OCSP response (DER) that is sent to clients that ask for one. Empty: none.
     std::string ocspResponse;
 
-    /// Leave them empty; the start fails otherwise.
+    /// For later fields. Leave them empty; the start fails otherwise.
     std::array<std::string, 2> reservedTexts{};
+    /// For later fields. Leave them 0; the start fails otherwise.
     std::array<uint64_t, 2> reservedNumbers{};
 };
 
@@ -80,9 +81,11 @@ struct WENDREL_EXPORT TlsOptions
     /// application gets unless it has one. 0: none.
     uint32_t strictTransportSeconds = 0;
 
-    /// Leave them empty; the start fails otherwise.
+    /// For later fields. Leave them empty; the start fails otherwise.
     std::array<std::vector<std::string>, 2> reservedLists{};
+    /// For later fields. Leave them empty; the start fails otherwise.
     std::array<std::string, 2> reservedTexts{};
+    /// For later fields. Leave them 0; the start fails otherwise.
     std::array<uint64_t, 4> reservedNumbers{};
 };
 
