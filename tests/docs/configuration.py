@@ -14,7 +14,8 @@ from docs_server import DocsServer
 from processes import LIMIT_SECONDS
 
 # Fields that are no values of an option, with the reason.
-NOT_OPTIONS = {"onCompleted": "a function"}
+NOT_OPTIONS = {"onCompleted": "a function", "stopDelay": "belongs to the application's own path for readiness",
+               "reservedLists": "unused", "reservedTexts": "unused", "reservedNumbers": "unused"}
 
 
 class GreetServer(DocsServer):
