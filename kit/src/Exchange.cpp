@@ -830,11 +830,9 @@ void Exchange::onCompleted(int)
                         getResponseDevice().getSentBytes(), getReceiveDevice().getReceivedBytes(),
                         mAbortReason});
     }
-    if (mIsReported) {
+    // The report uses the request until its end.
+    if (mIsReported || --mUsers == 0)
         mCore.endLater(*this);
-    } else if (--mUsers == 0) {
-        mCore.endLater(*this);
-    }
 }
 
 void Exchange::end(Exchange& exchange)
