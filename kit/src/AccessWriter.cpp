@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 namespace qv::kit
@@ -98,6 +99,11 @@ void AccessWriter::reopen()
 
 void AccessWriter::run()
 {
+    // A pipe whose reader has left is an error of the write, not the end of the process.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     bool isStopping = false;
     while (!isStopping) {
         std::string lines;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -93,6 +94,20 @@ TEST_F(AccessWriterFile, TellsWhyItCannotBeOpened)
     AccessWriter writer(fifo, AccessLog::Combined);
     EXPECT_EQ(writer.start(),
               "cannot write the access log " + fifo + ": No such device or address");
+}
+
+TEST_F(AccessWriterFile, LosesTheLinesOfAPipeWhoseReaderHasLeft)
+{
+    const std::string fifo = mDirectory + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    AccessWriter writer(fifo, AccessLog::Combined);
+    ASSERT_EQ(writer.start(), "");
+    close(reader);
+    writer.write(requestOf("/"));
+    writer.stop();
+    EXPECT_EQ(writer.lostLines(), 1u);
 }
 
 TEST_F(AccessWriterFile, KeepsTheOldFileWhenTheNewOneCannotBeOpened)
