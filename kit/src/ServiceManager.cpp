@@ -25,6 +25,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -185,8 +186,13 @@ void ServiceManager::ready()
 
 void ServiceManager::reloading()
 {
-    if (isPresent())
+    if (!isPresent())
+        return;
+    try {
         notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonicUs()));
+    } catch (const std::bad_alloc&) {
+        // The manager is not told.
+    }
 }
 
 void ServiceManager::stopping()
@@ -198,8 +204,13 @@ void ServiceManager::stopping()
 
 void ServiceManager::status(std::string_view line)
 {
-    if (isPresent())
+    if (!isPresent())
+        return;
+    try {
         notify("STATUS=" + std::string(line.substr(0, line.find('\n'))));
+    } catch (const std::bad_alloc&) {
+        // The manager is not told.
+    }
 }
 
 }  // namespace qv::kit
