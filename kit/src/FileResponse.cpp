@@ -143,7 +143,8 @@ Validators validatorsOf(const struct stat& status, FileTag tag, int64_t nowSecon
 void setHeaders(ResponseHead& head, const Validators& validators, const FileOptions& options,
                 int64_t nowSeconds)
 {
-    head.setHeader("ETag", validators.etag);
+    if (!validators.etag.empty())
+        head.setHeader("ETag", validators.etag);
     // Never a time that is still to come.
     head.setHeader("Last-Modified",
                    formatHttpDate(std::min(validators.modifiedSeconds, nowSeconds)));
@@ -209,7 +210,8 @@ bool respondFile(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file,
     if (!S_ISREG(status.st_mode))
         return respondFailure(exchange, std::move(head), name, ENOENT);
     std::string_view coding;
-    if (options.precompressed && openSibling) {
+    // What the handler has coded has no siblings.
+    if (options.precompressed && openSibling && head.header("Content-Encoding").empty()) {
         head.addHeader("Vary", "Accept-Encoding");
         coding = chooseSibling(exchange, openSibling, file, status);
     }
@@ -232,7 +234,8 @@ bool respondFile(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file,
                                      "the file has no such bytes, or the ranges are too many");
     }
     setHeaders(head, validators, options, now);
-    head.setHeader("Content-Encoding", std::string(coding));
+    if (!coding.empty())
+        head.setHeader("Content-Encoding", std::string(coding));
     if (!options.downloadName.empty())
         head.setHeader("Content-Disposition", attachment(options.downloadName));
     const std::string type = options.type.empty() ? mediaType(name) : options.type;

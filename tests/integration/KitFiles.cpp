@@ -77,6 +77,13 @@ protected:
                 later->replyFile(path, options());
             });
         });
+        router.get("/coded/{name}", [this](Request& request) {
+            request.setHeader("Content-Encoding", "gzip");
+            request.setHeader("ETag", "\"own\"");
+            FileOptions options;
+            options.tag = FileTag::None;
+            request.replyFile(mDirectory / request.pathParameter("name"), options);
+        });
         router.get("/open/{name}", [this](Request& request) {
             const std::string path = mDirectory / request.pathParameter("name");
             request.replyOpenFile(open(path.c_str(), O_RDONLY | O_CLOEXEC), "a.png", options());
@@ -155,6 +162,15 @@ TEST_F(KitFiles, TakeTheirOptions)
     options.type = "text/plain\r\nX-Evil: 1";
     setOptions(options);
     EXPECT_EQ(get("/old.txt").status, 500);
+}
+
+TEST_F(KitFiles, KeepTheHeadersOfTheHandler)
+{
+    writeFile(mDirectory / "old.txt.zst", "other");
+    const RawResponse response = get("/coded/old.txt", "Accept-Encoding: zstd, gzip\r\n");
+    EXPECT_EQ(response.value("Content-Encoding"), "gzip");
+    EXPECT_EQ(response.value("ETag"), "\"own\"");
+    EXPECT_EQ(response.body, mContent);
 }
 
 TEST_F(KitFiles, HaveTagsOfEachKind)
