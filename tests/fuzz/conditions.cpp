@@ -5,6 +5,7 @@
 
 #include "Conditional.h"
 #include "HttpDate.h"
+#include "Text.h"
 
 #include <cstdint>
 #include <string>
@@ -32,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         conditions.ifRange = header;
         conditions.range = "bytes=0-0";
         const bool isPart = chooseRanges(conditions, file, 10, kNow).kind == ByteRanges::Parts;
-        FUZZ_CHECK(!isPart || isNamed || parseHttpDate(header, kNow) || !header.empty());
+        FUZZ_CHECK(!isPart || isNamed || parseHttpDate(trimmed(header), kNow));
     }
     if (const auto seconds = parseHttpDate(header, kNow))
         FUZZ_CHECK(parseHttpDate(formatHttpDate(*seconds), kNow) == seconds);
