@@ -210,7 +210,7 @@ bool respondFile(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file,
     if (!S_ISREG(status.st_mode))
         return respondFailure(exchange, std::move(head), name, ENOENT);
     std::string_view coding;
-    // What the handler has coded has no siblings.
+    // A file that the handler has coded has no siblings.
     if (options.precompressed && openSibling && head.header("Content-Encoding").empty()) {
         head.addHeader("Vary", "Accept-Encoding");
         coding = chooseSibling(exchange, openSibling, file, status);
