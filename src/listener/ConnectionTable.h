@@ -8,6 +8,8 @@
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -85,12 +87,33 @@ public:
     // ends meanwhile may be missed.
     bool isBusy() const { return mRequests - mEnded > mSuspended; }
 
-    void countRequest() { mRequests.fetch_add(1, std::memory_order_relaxed); }
+    // Nothing was to be done at the listener's last look: the first request, or connection that is
+    // resumed, ends the rest by an event for `wake`, which is set before there are connections.
+    void setWake(int eventDescriptor) { mWake = eventDescriptor; }
+    void setResting(bool isResting) { mIsResting = isResting; }
+    bool isResting() const { return mIsResting; }
+
+    // Counted first: either this thread sees the rest, or the listener the request.
+    void countRequest()
+    {
+        ++mRequests;
+        endRest();
+    }
     void countEnd() { mEnded.fetch_add(1, std::memory_order_relaxed); }
     void countSuspended() { ++mSuspended; }
-    void countResumed() { --mSuspended; }
+    void countResumed()
+    {
+        --mSuspended;
+        endRest();
+    }
 
 private:
+    void endRest()
+    {
+        if (mIsResting && mIsResting.exchange(false))
+            eventfd_write(mWake, 1);
+    }
+
     const ConnectionLimits mLimits;
     mutable qvMutex mMutex;
     std::map<int, Pointer> mConnections QV_GUARDED_BY(mMutex);
@@ -99,6 +122,8 @@ private:
     std::atomic<size_t> mSuspended{0};
     std::atomic<uint64_t> mRequests{0};
     std::atomic<uint64_t> mEnded{0};
+    std::atomic<bool> mIsResting{false};
+    int mWake = -1;
 };
 
 }  // namespace qv::impl

@@ -196,6 +196,8 @@ Listener::Listener(const Limits& limits, std::vector<ListeningSocket> sockets,
     mWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (mWake < 0 || !watch(mWake, kWakeKey, EPOLLIN))
         fail("eventfd");
+    for (ConnectionSink* const sink : mSinks)
+        sink->getTable().setWake(mWake);
     for (size_t i = 0; i < mSockets.size(); ++i) {
         setTimeouts(mSockets[i].getDescriptor(), mLimits.sendMs);
         if (!watch(mSockets[i].getDescriptor(), kListenFlag | i, EPOLLIN))
@@ -864,13 +866,23 @@ void Listener::nudgeSinks(int64_t nowMs)
 {
     for (size_t i = 0; i < mSinks.size(); ++i) {
         Nudged& nudged = mNudged[i];
+        ConnectionTable& table = mSinks[i]->getTable();
+        // The first event after a rest may be one of many.
+        if (nudged.isResting && !table.isResting()) {
+            nudged.isResting = false;
+            nudged.nextMs = std::min(nudged.nextMs, nowMs + kNudgeMs);
+        }
         if (nowMs < nudged.nextMs)
             continue;
-        const ConnectionTable& table = mSinks[i]->getTable();
+        // Before the look: an event during it ends the rest.
+        table.setResting(true);
         const size_t served = table.getServedCount();
         const uint64_t requests = table.getRequestCount();
         const bool hasBegun = std::exchange(nudged.requests, requests) != requests;
-        nudged.nextMs = nowMs + (hasBegun || table.isBusy() ? kNudgeMs : kIdleNudgeMs);
+        nudged.isResting = !hasBegun && !table.isBusy();
+        if (!nudged.isResting)
+            table.setResting(false);
+        nudged.nextMs = nowMs + (nudged.isResting ? kIdleNudgeMs : kNudgeMs);
         if (served < kNudgeConnections) {
             if (mSinks[i]->getTurn() >= mTurn)
                 mSinks[i]->stopNudging();

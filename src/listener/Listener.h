@@ -232,6 +232,7 @@ private:
     {
         int64_t nextMs = 0;
         uint64_t requests = 0;  // at the last time
+        bool isResting = false;
     };
     std::vector<Nudged> mNudged;  // of each sink
     int64_t mNextUploadsMs = 0;
