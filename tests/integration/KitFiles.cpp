@@ -72,7 +72,9 @@ protected:
         router.post("/{name}", serve);
         router.get("/later/{name}", [this](Request& request) {
             auto later = std::make_shared<DeferredResponse>(request.defer());
-            mThreads.emplace_back([this, later, path = mDirectory / request.pathParameter("name")] {
+            const std::string path = mDirectory / request.pathParameter("name");
+            const std::lock_guard<std::mutex> locker(mMutex);
+            mThreads.emplace_back([this, later, path] {
                 later->setHeader("X-Later", "yes");
                 later->replyFile(path, options());
             });
