@@ -25,7 +25,7 @@ public:
     {
         uint64_t used = usedBytes();
         do {
-            if (bytes != 0 && (used > mLimitBytes || bytes > mLimitBytes - used))
+            if (!fits(bytes, used))
                 return false;
         } while (!mUsedBytes.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
         return true;
@@ -34,10 +34,15 @@ public:
     void credit(uint64_t bytes) { mUsedBytes.fetch_sub(bytes, std::memory_order_relaxed); }
     uint64_t usedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
     // Whether `charge` would succeed, and whether it could while nothing else is counted.
-    bool hasSpace(uint64_t bytes) const { return usedBytes() + bytes <= mLimitBytes; }
+    bool hasSpace(uint64_t bytes) const { return fits(bytes, usedBytes()); }
     bool canEverTake(uint64_t bytes) const { return bytes <= mLimitBytes; }
 
 private:
+    bool fits(uint64_t bytes, uint64_t used) const
+    {
+        return bytes == 0 || (used <= mLimitBytes && bytes <= mLimitBytes - used);
+    }
+
     const uint64_t mLimitBytes;
     std::atomic<uint64_t> mUsedBytes{0};
 };

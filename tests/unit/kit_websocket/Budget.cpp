@@ -34,6 +34,7 @@ TEST(Budget, TakesChargesThatFit)
         SCOPED_TRACE(row.name);
         Budget budget(10);
         budget.chargeAlways(row.used);
+        EXPECT_EQ(budget.hasSpace(row.bytes), row.isTaken);
         EXPECT_EQ(budget.charge(row.bytes), row.isTaken);
         EXPECT_EQ(budget.usedBytes(), row.used + (row.isTaken ? row.bytes : 0));
     }
