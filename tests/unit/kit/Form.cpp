@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
+#include <string_view>
 
 namespace qv::kit
 {
@@ -152,6 +154,42 @@ TEST(Form, FindsADelimiterRightBehindAHead)
     EXPECT_EQ(Read(kMultipart, head.substr(0, head.size() - 2)), "400 the form is malformed: it "
                                                                  "ends within the head of a part");
     EXPECT_EQ(Read(kMultipart, head + "--b"), "400 the form is malformed: it ends too early");
+}
+
+// The application may catch the error of a part and read on.
+TEST(Form, HasNoBytesThatItsSourceHasNotGiven)
+{
+    const std::string value(1000, 'v');
+    const std::string body = Field("a", value) + kEnd;
+    const size_t first = body.size() - 500;
+    size_t calls = 0;
+    MultipartReader reader("b0", [&](char* buffer, size_t) {
+        const size_t call = calls++;
+        if (call == 1)
+            throw HttpError(400, "on purpose");
+        const std::string_view part = call == 0   ? std::string_view(body).substr(0, first)
+                                      : call == 2 ? std::string_view(body).substr(first)
+                                                  : std::string_view();
+        std::memcpy(buffer, part.data(), part.size());
+        return part.size();
+    });
+    MultipartReader::Head head;
+    ASSERT_TRUE(reader.next(head));
+    std::string content;
+    size_t errors = 0;
+    for (bool isOver = false; !isOver;) {
+        std::array<char, 100> piece;
+        try {
+            const size_t got = reader.read(piece.data(), piece.size());
+            content.append(piece.data(), got);
+            isOver = got == 0;
+        } catch (const HttpError&) {
+            ++errors;
+        }
+    }
+    EXPECT_EQ(errors, 1u);
+    EXPECT_EQ(content, value);
+    EXPECT_FALSE(reader.next(head));
 }
 
 TEST(Form, RefusesBodiesThatEndEarly)
