@@ -19,6 +19,7 @@
 #include <array>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -349,6 +350,30 @@ TEST(ListenerNudges, ComeSoonAfterTheFirstEventOfARest)
         run.pass(10);
         EXPECT_EQ(sink.nudges, known + 1);
     }
+}
+
+// The events that wait in all descriptors of the process for events.
+size_t waitingEvents()
+{
+    size_t sum = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+        std::ifstream file(entry.path());
+        for (std::string word; file >> word;) {
+            if (word == "eventfd-count:" && file >> word)
+                sum += std::stoul(word, nullptr, 16);
+        }
+    }
+    return sum;
+}
+
+TEST(ConnectionTableRest, EndsWithAnEventForTheListener)
+{
+    FakeSink sink;
+    const Listener listener(Listener::Limits(), {}, {&sink});
+    const size_t before = waitingEvents();
+    sink.getTable().setResting(true);
+    sink.getTable().countResumed();
+    EXPECT_EQ(waitingEvents(), before + 1);
 }
 
 TEST(ConnectionTableRest, IsEndedByOneEvent)
