@@ -303,6 +303,9 @@ class Activation(unittest.TestCase):
                 process, port = self.activate(listens)
                 for _ in range(3):
                     self.assertEqual(Client(port).ask("GET", "/api/status")[0], 200)
+                # A child of the service does not get the socket.
+                flags = pathlib.Path(f"/proc/{process.pid}/fdinfo/3").read_text().split()
+                self.assertTrue(int(flags[flags.index("flags:") + 1], 8) & os.O_CLOEXEC, flags)
                 self.assertEqual(process.stop(), 0)
 
     def test_name_that_was_not_passed_is_an_error(self):
