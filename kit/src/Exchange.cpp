@@ -143,6 +143,8 @@ void Exchange::beginWithHooks(bool isRouted, Refusal&& refusal)
     const HookRun run = runHooks(false);
     if (run == HookRun::Ended) {
         mIsDispatched = true;
+        if (mIsDeferred && !hasUpload())
+            startClock();
         return;
     }
     const bool needsWorker = run == HookRun::NeedsWorker;
@@ -208,10 +210,7 @@ void Exchange::serveWithHooks() noexcept
         mHooked->isPending = false;
         if (mRefusal) {
             refuse(By::Server, std::move(*mRefusal));
-        } else if (!mHooked->isBeforeBody) {
-            callHandler();
-        } else if (mHooked->arrive(Hooked::kHooksPassed)) {
-            startClock();
+        } else if ((!mHooked->isBeforeBody || mHooked->arrive(Hooked::kHooksPassed)) && isOpen()) {
             callHandler();
         }
     });
@@ -370,9 +369,12 @@ void Exchange::onBodyComplete()
         continueDelivery();
         return;
     }
-    // The worker goes on when the hooks have passed.
-    if (mHooked && mHooked->isBeforeBody && !mHooked->arrive(Hooked::kBodyComplete))
-        return;
+    // The worker goes on when the hooks have passed, for which the limit holds, too.
+    if (mHooked && mHooked->isBeforeBody) {
+        guard([this] { startClock(); });
+        if (!mHooked->arrive(Hooked::kBodyComplete))
+            return;
+    }
     guard([this] {
         if (mRefusal && !hasPendingHooks())
             refuse(By::Server, std::move(*mRefusal));

@@ -427,6 +427,33 @@ TEST(KitHooks, ForErrorsReplaceTheBody)
     EXPECT_TRUE(logged("GET /a: the hook onError failed: on purpose"));
 }
 
+TEST(KitHooks, AreWithinTheLimitOfTheResponse)
+{
+    Channel<int> leave;
+    std::atomic<bool> isHandled{false};
+    std::vector<std::shared_ptr<DeferredResponse>> kept;
+    KitTestServer server([&](Router& router) {
+        router.before("/slow", [&](Request&) { leave.pop(); });
+        router.before(
+            "/kept",
+            [&](Request& request) {
+                kept.push_back(std::make_shared<DeferredResponse>(request.defer()));
+            },
+            HookThread::Daemon);
+        const auto handle = [&](Request& request) {
+            isHandled = true;
+            request.reply("late");
+        };
+        router.put("/slow", handle).responseTimeout(std::chrono::milliseconds(20));
+        router.get("/kept", handle).responseTimeout(std::chrono::milliseconds(20));
+    });
+    EXPECT_EQ(server.ask(withBody("PUT", "/slow", "body")).status, 503);
+    EXPECT_EQ(server.get("/kept").status, 503);
+    leave.push(1);
+    EXPECT_TRUE(server.stop());
+    EXPECT_FALSE(isHandled);
+}
+
 TEST(KitHooks, RunForASegmentWithAnEncodedSlash)
 {
     KitTestServer server([](Router& router) {
