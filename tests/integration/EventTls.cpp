@@ -431,6 +431,19 @@ TEST(SecureShutDown, LeavesNoDescriptorAndNoThread)
     EXPECT_TRUE(waitUntil([&] { return integration::countThreads() == threads; }));
 }
 
+// Gives the connection of the request away.
+void upgrade(EventRequest& request, std::unique_ptr<qv::UpgradedConnection>& upgraded,
+             std::atomic<bool>& isUpgraded)
+{
+    request.takeUpgraded = [&](std::unique_ptr<qv::UpgradedConnection> connection) {
+        upgraded = std::move(connection);
+        isUpgraded = true;
+    };
+    request.response.statusCode = 101;
+    request.response.headers["upgrade"] = {"Upgrade", "echo"};
+    request.respondHere(101, "");
+}
+
 // The connection goes on after its server has been destroyed, as long as its place is kept.
 TEST(SecureUpgrade, HandsOnADecryptedConnection)
 {
@@ -438,16 +451,7 @@ TEST(SecureUpgrade, HandsOnADecryptedConnection)
     std::atomic<bool> isUpgraded{false};
     const std::string large = pattern(1000000);
     auto run = std::make_unique<EventRun>(
-        [&](EventRequest& request) {
-            request.takeUpgraded = [&](std::unique_ptr<qv::UpgradedConnection> connection) {
-                upgraded = std::move(connection);
-                isUpgraded = true;
-            };
-            request.response.statusCode = 101;
-            request.response.headers["upgrade"] = {"Upgrade", "echo"};
-            request.respondHere(101, "");
-        },
-        secureOptions());
+        [&](EventRequest& request) { upgrade(request, upgraded, isUpgraded); }, secureOptions());
     RawClient client = secureClient(run->port());
     ASSERT_TRUE(client.send(getRequest("/", "Connection: Upgrade\r\nUpgrade: echo\r\n") + "first"));
     EXPECT_THAT(client.receiveHead(), Optional(Field(&RawResponse::status, 101)));
@@ -479,17 +483,8 @@ TEST(SecureUpgrade, GetsTheBytesBehindItsOwnEnd)
     std::unique_ptr<qv::UpgradedConnection> upgraded;
     std::atomic<bool> isUpgraded{false};
     const std::string large = pattern(400000);
-    EventRun run(
-        [&](EventRequest& request) {
-            request.takeUpgraded = [&](std::unique_ptr<qv::UpgradedConnection> connection) {
-                upgraded = std::move(connection);
-                isUpgraded = true;
-            };
-            request.response.statusCode = 101;
-            request.response.headers["upgrade"] = {"Upgrade", "echo"};
-            request.respondHere(101, "");
-        },
-        secureOptions());
+    EventRun run([&](EventRequest& request) { upgrade(request, upgraded, isUpgraded); },
+                 secureOptions());
     RawClient client = secureClient(run.port());
     ASSERT_TRUE(client.send(getRequest("/", "Connection: Upgrade\r\nUpgrade: echo\r\n")));
     ASSERT_THAT(client.receiveHead(), Optional(Field(&RawResponse::status, 101)));
