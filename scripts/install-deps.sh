@@ -31,7 +31,7 @@ fail() {
 
 build_packages=(
     build-essential cmake ninja-build pkg-config git
-    libmicrohttpd-dev libspdlog-dev libssl-dev zlib1g-dev
+    libmicrohttpd-dev libspdlog-dev libssl-dev zlib1g-dev libzstd-dev
     nlohmann-json3-dev libcli11-dev)
 demo_packages=(curl)
 chat_packages=(python3 python3-websocket)

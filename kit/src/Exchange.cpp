@@ -49,13 +49,6 @@ bool isError(int status)
     return status >= kBadRequest && status <= kMaxStatus;
 }
 
-// A body whose length only the head knows, or nobody: it is not sent.
-std::unique_ptr<BodySource> makeNoBody()
-{
-    return BodySource::fromCallback([](uint64_t, char*, size_t) { return BodyRead{BodyRead::End}; },
-                                    BodyResumer());
-}
-
 std::unique_ptr<BodySource> makeText(std::string&& text)
 {
     return BodySource::fromString(std::make_shared<const std::string>(std::move(text)));
@@ -512,6 +505,7 @@ void Exchange::callHandler() noexcept
         abandonStream("no memory");
     std::string().swap(mBody);
     mForm.reset();
+    mCompressor.reset();
     // A deferred response may wait for long.
     if (mIsDeferred && !mRoute->mIsStreaming && mHasUpload)
         getReceiveDevice().discardReceived();
@@ -664,6 +658,13 @@ void Exchange::endDeferred()
     });
 }
 
+// A body whose length only the head knows, or nobody: it is not sent.
+std::unique_ptr<BodySource> Exchange::makeNoBody()
+{
+    return BodySource::fromCallback([](uint64_t, char*, size_t) { return BodyRead{BodyRead::End}; },
+                                    BodyResumer());
+}
+
 bool Exchange::hasNoBody(int status) const
 {
     return getRequestType() == HEAD || status == kNoContent || status == kNotModified;
@@ -714,6 +715,7 @@ bool Exchange::respond(By by, Response& response)
     response.setType();
     if (!isSendable(by, response))
         return false;
+    encode(response);
     if (!response.isStream) {
         const bool isForHead = hasNoBody(response.status) && response.source->getLength() == 0 &&
                                response.head.contentLength() >= 0;
@@ -1028,6 +1030,7 @@ bool Exchange::startStream(ResponseHead&& head, const ContentType& type, int sta
     response.setType();
     if (!isSendable(By::Application, response))
         return false;
+    beginCoding(response.head, status);
     const std::string thread = qvThread::CurrentThreadId();
     if (!claim(By::Application)) {
         reportClaimed(By::Application);
@@ -1058,8 +1061,12 @@ bool Exchange::write(std::string_view data)
     // In pieces, each of which waits for space: data of any size takes constant memory.
     while (!data.empty()) {
         const size_t piece = std::min(data.size(), kPieceBytes);
-        if (device.writeBytes(data.data(), piece) != piece)
+        if (mCompressor) {
+            if (!writeCoded(data.substr(0, piece), Compressor::Step::Continue))
+                return false;
+        } else if (device.writeBytes(data.data(), piece) != piece) {
             return false;
+        }
         mWrittenBytes += piece;
         data.remove_prefix(piece);
     }
@@ -1070,6 +1077,8 @@ bool Exchange::flush()
 {
     HttpResponseDevice& device = getResponseDevice();
     if (!mIsStream || mIsStreamEnded)
+        return false;
+    if (mCompressor && !writeCoded({}, Compressor::Step::Flush))
         return false;
     if (!mIsStreamDiscarded)
         device.flush();
@@ -1089,6 +1098,8 @@ bool Exchange::finish()
             abandonStream("body too short");
             return false;
         }
+        if (mCompressor && !writeCoded({}, Compressor::Step::End))
+            return false;
         device.endSending();
     }
     mIsStreamEnded = true;

@@ -3,6 +3,7 @@
 #define WENDREL_KIT_SRC_EXCHANGE_H
 
 #include "BodyDelivery.h"
+#include "Compressor.h"
 #include "DeadlineQueue.h"
 #include "ErrorBody.h"
 
@@ -81,6 +82,8 @@ public:
         const ContentType* type = nullptr;
         std::unique_ptr<BodySource> source;
         bool isStream = false;  // the application writes it later
+        bool isFile = false;    // a whole file
+        bool isKnown = false;   // the client has it: 304, with the head of this response
 
         void setType();
     };
@@ -208,6 +211,19 @@ private:
     uint64_t bodyLimit() const;
     template <typename Action> void guard(const Action& action) noexcept;
 
+    const CompressionOptions* compression() const;
+    Coding codingFor(ResponseHead& head, int status, int64_t length) const;
+    Coding codingFor(Response& response) const;
+    bool isKnown(const Response& response) const;
+    bool isHeadOnly(const Response& response) const;
+    bool isCodedWhole(const Response& response) const;
+    void encode(Response& response);
+    void applyCoding(Response& response, Coding coding);
+    void becomeNotModified(Response& response) const;
+    void fitNotModified(ResponseHead& head) const;
+    static std::unique_ptr<BodySource> makeNoBody();
+    void beginCoding(ResponseHead& head, int status);
+    bool writeCoded(std::string_view data, Compressor::Step step);
     bool isSendable(By by, const Response& response);
     Response makeError(ResponseHead&& head, int status, const std::string& message);
     bool claim(By by);
@@ -253,6 +269,7 @@ private:
     bool mIsStreamDiscarded = false;
     uint64_t mWrittenBytes = 0;
     uint64_t mReadBytes = 0;
+    std::unique_ptr<Compressor> mCompressor;  // of a stream; null: none
     std::string mBody;
     std::unique_ptr<const Form> mForm;
     std::once_flag mRestMade;

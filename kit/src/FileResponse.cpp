@@ -34,7 +34,6 @@ using By = Exchange::By;
 
 constexpr int kOk = 200;
 constexpr int kPartial = 206;
-constexpr int kNotModified = 304;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kPreconditionFailed = 412;
@@ -161,21 +160,13 @@ std::unique_ptr<BodySource> makeSource(FileDescriptor&& file, const ByteRange& r
     return BodySource::fromDescriptor(file.release(), range.first, range.last - range.first + 1);
 }
 
-bool respondNotModified(Exchange& exchange, ResponseHead&& head, uint64_t size)
-{
-    Exchange::Response response;
-    response.head = std::move(head);
-    response.status = kNotModified;
-    response.head.setContentLength(static_cast<int64_t>(size));
-    response.source = BodySource::fromString(nullptr);
-    return exchange.respond(By::Application, response);
-}
-
 bool respondContent(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file, uint64_t size,
-                    const ByteRanges& ranges, const std::string& type)
+                    const ByteRanges& ranges, const std::string& type, bool isKnown)
 {
     Exchange::Response response;
-    response.status = ranges.kind == ByteRanges::Whole ? kOk : kPartial;
+    response.isFile = ranges.kind == ByteRanges::Whole;
+    response.isKnown = isKnown;
+    response.status = response.isFile ? kOk : kPartial;
     ContentType sent(type);
     if (ranges.kind == ByteRanges::Whole) {
         response.source = BodySource::fromDescriptor(file.release(), 0, size);
@@ -223,11 +214,9 @@ bool respondFile(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file,
     if (condition == Condition::Failed)
         return exchange.respondError(By::Application, std::move(head), kPreconditionFailed,
                                      std::string());
-    if (condition == Condition::NotModified) {
-        setHeaders(head, validators, options, now);
-        return respondNotModified(exchange, std::move(head), size);
-    }
-    const ByteRanges ranges = chooseRanges(conditions, validators, size, now);
+    const bool isKnown = condition == Condition::NotModified;
+    const ByteRanges ranges = isKnown ? ByteRanges{ByteRanges::Whole, {}}
+                                      : chooseRanges(conditions, validators, size, now);
     if (ranges.kind == ByteRanges::Unsatisfiable) {
         head.setHeader("Content-Range", "bytes */" + std::to_string(size));
         return exchange.respondError(By::Application, std::move(head), kRangeNotSatisfiable,
@@ -236,11 +225,11 @@ bool respondFile(Exchange& exchange, ResponseHead&& head, FileDescriptor&& file,
     setHeaders(head, validators, options, now);
     if (!coding.empty())
         head.setHeader("Content-Encoding", std::string(coding));
-    if (!options.downloadName.empty())
+    if (!options.downloadName.empty() && !isKnown)
         head.setHeader("Content-Disposition", attachment(options.downloadName));
     const std::string type = options.type.empty() ? mediaType(name) : options.type;
     head.setHeader("Content-Type", type);
-    return respondContent(exchange, std::move(head), std::move(file), size, ranges, type);
+    return respondContent(exchange, std::move(head), std::move(file), size, ranges, type, isKnown);
 }
 
 }  // namespace qv::kit

@@ -269,6 +269,13 @@ Route& Route::responseTimeout(std::chrono::milliseconds limit)
     return *this;
 }
 
+Route& Route::compression(const CompressionOptions& options)
+{
+    if (mayChange())
+        mCompression = std::make_shared<const CompressionOptions>(options);
+    return *this;
+}
+
 Router::Router() : mTable(std::make_unique<RouteTable>()), mHooks(std::make_unique<HookTable>()) {}
 
 Router::~Router() = default;

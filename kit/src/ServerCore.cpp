@@ -170,6 +170,7 @@ bool ServerCore::start(const ServerOptions& options)
     if (failure.empty()) {
         mMaxBodyBytes = options.maxBodyBytes;
         mOnCompleted = options.onCompleted;
+        mCompression = options.compression;
         mReportsRequests = mOnCompleted || mAccessLog;
         failure = freezeRoutes();
         if (failure.empty() && mMetrics)

@@ -84,6 +84,7 @@ public:
     DeadlineQueue& deadlines() { return mDeadlines; }
     WorkerPool& workers() { return mWorkers; }
     uint64_t maxBodyBytes() const { return mMaxBodyBytes; }
+    const CompressionOptions& compression() const { return mCompression; }
     uint64_t requestCount() const { return mRequestCount; }
     size_t openRequests() const { return mOpenRequests; }
 
@@ -141,6 +142,7 @@ private:
     qvMutex mRefusedMutex;
     std::vector<CompletedRequest> mRefused QV_GUARDED_BY(mRefusedMutex);  // to be reported
     std::atomic<uint64_t> mMaxBodyBytes{0};
+    CompressionOptions mCompression;  // not changed while the server runs
     enum class State : uint8_t { Stopped, Started, Stopping };
 
     qvMutex mMutex;  // held by start, and by stop while it does not wait

@@ -300,6 +300,20 @@ public:
             std::string(), any);
     }
 
+    void compression()
+    {
+        add("--compression", "BOOL", "Compress responses by zstd or gzip",
+            mOptions.compression.enabled ? "true" : "false",
+            [](ServerOptions& options, const Values& values) {
+                return readBool(values.back(), options.compression.enabled);
+            });
+        add("--compression-min-size", "SIZE", "Bodies that are compressed have so many bytes",
+            sizeText(mOptions.compression.minBytes),
+            [](ServerOptions& options, const Values& values) {
+                return readSize(values.back(), options.compression.minBytes);
+            });
+    }
+
     void tls()
     {
         using http::ClientCertificates;
@@ -441,6 +455,7 @@ std::vector<ServerSetting> serverSettings(ServerOptions& options)
     settings.boolean<&Options::strictRequests>("--strict-requests", "Refuse ambiguous requests");
     settings.boolean<&Options::halfClosedClients>(
         "--half-closed-clients", "Serve clients that shut down their sending side");
+    settings.compression();
 
     settings.group("Memory");
     settings.size<&Options::maxBodyBytes>("--max-body",

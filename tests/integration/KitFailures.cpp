@@ -98,6 +98,12 @@ void addRoutes(Router& router)
     });
     router.get("/stream-later", streamLater);
     router.get("/stream", stream);
+    CompressionOptions compression;
+    compression.enabled = true;
+    router.get("/compressed", [](Request& r) { r.reply(std::string(kBodyBytes, 'c')); })
+        .compression(compression);
+    router.get("/compressed-stream", stream).compression(compression);
+    router.get("/compressed-later", streamLater).compression(compression);
     router.get("/source", [](Request& request) {
         request.replySource(BodySource::fromString(std::make_shared<const std::string>("source")),
                             ContentType::bytes());
@@ -137,6 +143,9 @@ std::vector<Part> makeParts()
         {"deferred", getRequest("/later"), 200},
         {"deferred stream", getRequest("/stream-later"), 200},
         {"stream", getRequest("/stream"), 200},
+        {"compressed", getRequest("/compressed", "Accept-Encoding: gzip\r\n"), 200},
+        {"compressed stream", getRequest("/compressed-stream", "Accept-Encoding: zstd\r\n"), 200},
+        {"compressed later", getRequest("/compressed-later", "Accept-Encoding: gzip\r\n"), 200},
         {"source", getRequest("/source"), 200},
         {"file", getRequest("/file", "Range: bytes=1000-1999, 5000-5999\r\n"), 206},
         {"file in one range", getRequest("/file", "Range: bytes=1000-1999\r\n"), 206},

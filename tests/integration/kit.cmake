@@ -4,12 +4,12 @@ wendrel_test_program(integration_kit
     SOURCES
         main.cpp
         support/Pattern.cpp support/ProcessCounts.cpp support/RawClient.cpp
-        KitAccessLog.cpp KitBodies.cpp KitCompleted.cpp KitDeferred.cpp KitDeferredStress.cpp
+        KitAccessLog.cpp KitBodies.cpp KitCompleted.cpp KitCompression.cpp KitDeferred.cpp KitDeferredStress.cpp
         KitDirectories.cpp KitEvents.cpp KitFiles.cpp KitForms.cpp KitHooks.cpp KitJson.cpp
         KitMiddleware.cpp KitResponses.cpp KitRouting.cpp KitScale.cpp KitStops.cpp
         KitStreamMemory.cpp KitTls.cpp
         KitTurns.cpp KitUploads.cpp KitWebSocketRoutes.cpp KitWebSocketWorkers.cpp
-    LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json)
+    LIBRARIES Wendrel::Kit CURL::libcurl nlohmann_json::nlohmann_json ZLIB::ZLIB)
 # WebSocket sessions over TLS.
 gtest_discover_tests(integration_kit
     TEST_PREFIX secure.

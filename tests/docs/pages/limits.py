@@ -145,12 +145,22 @@ NOT_FOR_USERS = {
     "kit/src/Form.cpp kMode": "the system's",
     "kit/src/Beneath.cpp kReadFlags": "the system's",
     "kit/src/Beneath.cpp kMaxAttempts": "of a path that is renamed meanwhile; then name by name",
+    "kit/src/Compressor.cpp kGzipWrapper": "the compressor's",
+    "kit/src/Compressor.cpp kGzipMemoryLevel": "the compressor's",
+    "kit/src/Compressor.cpp kMinStepBytes": "the compressor's",
+    "kit/src/Compressor.cpp kMaxPiece": "the compressor's",
+    "kit/src/Compressor.cpp kMaxTakenBytes": "how long others wait for a response",
+    "kit/src/ResponseCoding.cpp kOk": "a status",
+    "kit/src/ResponseCoding.cpp kNonAuthoritative": "a status",
+    "kit/src/ResponseCoding.cpp kPartial": "a status",
+    "kit/src/ResponseCoding.cpp kNotModified": "a status",
+    "kit/src/ResponseCoding.cpp kMinError": "a status",
+    "kit/src/ResponseCoding.cpp kBlockBytes": "how much is written at once",
     "kit/src/Conditional.cpp kLargest": "an algorithm's",
     "kit/src/Directory.cpp kMovedPermanently": "a status",
     "kit/src/Directory.cpp kNotFound": "a status",
     "kit/src/FileResponse.cpp kOk": "a status",
     "kit/src/FileResponse.cpp kPartial": "a status",
-    "kit/src/FileResponse.cpp kNotModified": "a status",
     "kit/src/FileResponse.cpp kForbidden": "a status",
     "kit/src/FileResponse.cpp kNotFound": "a status",
     "kit/src/FileResponse.cpp kPreconditionFailed": "a status",
@@ -345,7 +355,7 @@ NOT_FOR_USERS = {
 TEXTS = re.compile(r"string|\bchar\b|auto|std::array|Method|State\b")
 CONSTANT = re.compile(r"\b(?:constexpr|const)\s+([\w:<>,\s*&]*?)\s*\b(k[A-Z]\w*)\s*"
                       r"(?:=\s*([^;]*)|\(([^;()]*)\)|\{([^;{}]*)\})\s*;")
-STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|TlsOptions|EventStreamOptions|RateLimitOptions|CorsOptions|FormLimits|WebSocketOptions|EngineOptions)"
+STRUCT = re.compile(r"\bstruct\s+(?:\w+\s+)?(Parameters|Options|ServerOptions|TlsOptions|EventStreamOptions|CompressionOptions|RateLimitOptions|CorsOptions|FormLimits|WebSocketOptions|EngineOptions)"
                     r"(?:\s*:\s*[\w:]+)?\s*\{(.*?)\n\s*\};", re.S)
 MEMBER = re.compile(r"^\s*([\w:]+(?:\s[\w:]+)*?)\s+(\w+)\s*(?:=\s*|\{)([^;{}]+)\}?;", re.M)
 DEFAULT = re.compile(r"\b(\w+)\([^;{}()]*?\b([\w:]+)\s+(\w+)\s*=\s*((?:[^,;(){}]|\([^()]*\))+)\)")
@@ -458,7 +468,7 @@ def key_of(name, argument, file):
         return f"{file} {parts[-1]}({argument})"
     if len(parts) > 1 and parts[-2] in (
             "Parameters", "Options", "ServerOptions", "WebSocketOptions", "EngineOptions", "FormLimits",
-            "EventStreamOptions", "TlsOptions", "RateLimitOptions", "CorsOptions"):
+            "EventStreamOptions", "CompressionOptions", "TlsOptions", "RateLimitOptions", "CorsOptions"):
         return f"{file} {'::'.join(parts[-2:])}"
     return f"{file} {parts[-1]}"
 

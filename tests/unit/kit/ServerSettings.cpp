@@ -176,7 +176,11 @@ TEST(ServerSettings, EachOptionIsStored)
                              "--strict-requests",
                              "off",
                              "--half-closed-clients",
-                             "true"}),
+                             "true",
+                             "--compression",
+                             "on",
+                             "--compression-min-size",
+                             "2K"}),
               "");
     EXPECT_EQ(options.listen, (std::vector<std::string>{"unix:/tmp/a", "[::1]:0", "systemd:web"}));
     EXPECT_EQ(options.threads, 3U);
@@ -190,6 +194,8 @@ TEST(ServerSettings, EachOptionIsStored)
     EXPECT_EQ(options.allowedHosts, (std::vector<std::string>{"[::1]", "*.example.com"}));
     EXPECT_FALSE(options.strictRequests);
     EXPECT_TRUE(options.halfClosedClients);
+    EXPECT_TRUE(options.compression.enabled);
+    EXPECT_EQ(options.compression.minBytes, 2048U);
 }
 
 TEST(ServerSettings, EachLimitIsStored)

@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_ROUTER_H
 #define WENDREL_KIT_ROUTER_H
 
+#include <Wendrel/kit/Compression.h>
 #include <Wendrel/kit/Files.h>
 #include <Wendrel/kit/Hooks.h>
 #include <Wendrel/kit/Request.h>
@@ -65,6 +66,9 @@ public:
     /// `ServerOptions::responseTimeout`.
     Route& responseTimeout(std::chrono::milliseconds limit);
 
+    /// Compression of the responses, in place of `ServerOptions::compression`.
+    Route& compression(const CompressionOptions& options);
+
     /// Method and pattern: "GET /files/{name}".
     const std::string& name() const { return mName; }
 
@@ -97,6 +101,7 @@ private:
     bool mHasCallbacksOnWorkers = false;
     size_t mNumber = 0;  // from 1 on, in the order of the routes
     std::shared_ptr<websocket::WebSocketOptions> mSessionOptions;  // null: no WebSocket
+    std::shared_ptr<const CompressionOptions> mCompression;        // null: that of the server
     const bool* mIsFrozen = nullptr;
 };
 

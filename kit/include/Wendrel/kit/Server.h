@@ -5,6 +5,7 @@
 #include <Wendrel/ServerOptions.h>
 #include <Wendrel/kit/AccessLog.h>
 #include <Wendrel/kit/CompletedRequest.h>
+#include <Wendrel/kit/Compression.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/websocket/Engine.h>
@@ -48,6 +49,8 @@ struct ServerOptions : http::ServerOptions
     /// not take a lock that a handler holds while it waits for a client. Requests that end faster
     /// than it returns are held back. An exception that leaves it is logged. Empty: none.
     std::function<void(const CompletedRequest&)> onCompleted;
+    /// Compression of responses; off by default.
+    CompressionOptions compression;
 };
 
 /// Owns routes, threads and connections: the one object that an application makes.
