@@ -5,6 +5,7 @@
 """
 
 import http.client
+import json
 import os
 import pathlib
 import re
@@ -81,12 +82,12 @@ class SecureCase(unittest.TestCase):
         self.assertEqual(code, 0, log)
         self.assertNotIn("Sanitizer", log)
 
-    def run_client(self, *command, bytes_in=b""):
+    def run_client(self, *command, bytes_in=b"", limit=LIMIT_SECONDS):
         """Exit code and output of a program that must end by itself."""
         if shutil.which(command[0]) is None:
             self.skipTest(f"{command[0]} is not installed")
         done = subprocess.run(command, input=bytes_in, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              timeout=LIMIT_SECONDS, cwd=self.directory)
+                              timeout=limit, cwd=self.directory)
         return done.returncode, done.stdout.decode(errors="replace")
 
     def run_openssl(self, *options, bytes_in=LAST_REQUEST):
@@ -269,6 +270,32 @@ class Sslscan(SecureCase):
         groups = re.findall(r"^TLSv1\.\d\s+(\d+) bits\s", output, re.M)
         self.assertGreaterEqual(len(groups), 2, output)
         self.assertGreaterEqual(min(map(int, groups)), 112)
+
+
+class Testssl(SecureCase):
+    LIMIT_SECONDS = 600
+    # Protocols, ciphers, forward secrecy, choices of the server and its certificate, headers, and all
+    # known attacks. Left out: the simulation of clients, and each cipher for itself.
+    SECTIONS = ("-p", "-s", "-f", "-P", "-S", "-h", "-U")
+    SEVERE = ("MEDIUM", "HIGH", "CRITICAL", "WARN", "FATAL")
+    # Of a certificate that no authority has issued, nobody can be asked whether it was revoked; and the
+    # scanner's own OpenSSL has no engines.
+    KNOWN = {"cert_revocation", "engine_problem"}
+    EXPECTED = {"TLS1_2": "OK", "TLS1_3": "OK", "SSLv2": "OK", "SSLv3": "OK", "TLS1": "INFO", "heartbleed": "OK",
+                "CCS": "OK", "ROBOT": "OK", "secure_client_renego": "OK", "CRIME_TLS": "OK", "LUCKY13": "OK"}
+
+    def test_finds_nothing_of_severity_medium_or_worse(self):
+        found = self.directory / "found.json"
+        _, output = self.run_client(
+            "testssl", *self.SECTIONS, "--quiet", "--color", "0", "--warnings", "off", "--nodns", "none",
+            "--add-ca", str(self.certificate), "--jsonfile", str(found), f"127.0.0.1:{self.port}",
+            limit=self.LIMIT_SECONDS)
+        findings = json.loads(found.read_text())
+        severities = {finding["id"]: finding["severity"] for finding in findings}
+        severe = {finding["id"]: finding["finding"] for finding in findings if finding["severity"] in self.SEVERE}
+        self.assertEqual(set(severe), self.KNOWN, severe)
+        # It has looked.
+        self.assertEqual({name: severities.get(name) for name in self.EXPECTED}, self.EXPECTED, output)
 
 
 if __name__ == "__main__":
