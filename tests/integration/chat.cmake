@@ -15,4 +15,8 @@ else()
         SCRIPT ${CMAKE_CURRENT_LIST_DIR}/proxies/chat.mjs
         EXCEPT "^test..over TLS"  # that of a proxy
         ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat>)
+    wendrel_browser_tests(PREFIX chat.Page.secure
+        SCRIPT ${CMAKE_CURRENT_LIST_DIR}/proxies/chat.mjs
+        EXCEPT "^test..over TLS"
+        ENVIRONMENT WENDREL_CHAT=$<TARGET_FILE:wendrel-chat> WENDREL_TLS=1)
 endif()

@@ -33,4 +33,8 @@ else()
     wendrel_browser_tests(PREFIX filedrop.Page
         SCRIPT ${filedrop_tests_dir}/page.mjs
         ENVIRONMENT ${filedrop_environment})
+    wendrel_browser_tests(PREFIX filedrop.Page.secure
+        SCRIPT ${filedrop_tests_dir}/page.mjs
+        EXCEPT "through a proxy"
+        ENVIRONMENT ${filedrop_environment} WENDREL_TLS=1)
 endif()

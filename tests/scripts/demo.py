@@ -58,19 +58,31 @@ class Checks(DemoCase):
         self.check_nothing_remains(process.pid)
         return process.returncode, output, error
 
-    def test_filedrop(self):
-        code, output, error = self.run_demo("--check", "--built", BUILD)
+    def check_filedrop(self, scheme, *options):
+        code, output, error = self.run_demo("--check", "--built", BUILD, *options)
         self.assertEqual(code, 0, output + error)
         self.assertIn("downloaded  268435456 bytes", output)
-        self.assertRegex(output, r"All right: filedrop at http://127\.0\.0\.1:\d+ passed the check")
+        self.assertRegex(output, rf"All right: filedrop at {scheme}://127\.0\.0\.1:\d+ passed the check")
 
-    def test_chat(self):
+    def test_filedrop(self):
+        self.check_filedrop("http")
+
+    def test_filedrop_over_tls(self):
+        self.check_filedrop("https", "--tls")
+
+    def check_chat(self, scheme, *options):
         port = free_port()
-        code, output, error = self.run_demo("--chat", "--check", "--built", BUILD, "--port", str(port))
+        code, output, error = self.run_demo("--chat", "--check", "--built", BUILD, "--port", str(port), *options)
         self.assertEqual(code, 0, output + error)
         for text in ("GET /chat.js: 200", "Bob got them all, in order", "Ada got it",
-                     f"All right: chat at http://127.0.0.1:{port} passed the check"):
+                     f"All right: chat at {scheme}://127.0.0.1:{port} passed the check"):
             self.assertIn(text, output)
+
+    def test_chat(self):
+        self.check_chat("http")
+
+    def test_chat_over_tls(self):
+        self.check_chat("https", "--tls")
 
     def test_refusals(self):
         with socket.create_server(("127.0.0.1", 0)) as taken:

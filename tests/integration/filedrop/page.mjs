@@ -1,4 +1,4 @@
-// filedrop's page in a real browser.
+// filedrop's page in a real browser; with WENDREL_TLS=1 over HTTPS.
 //
 //     WENDREL_FILEDROP=... CHROMIUM=/usr/bin/chromium node --test page.mjs
 
@@ -9,10 +9,11 @@ import os from 'node:os'
 import path from 'node:path'
 import { after, afterEach, before, beforeEach, test } from 'node:test'
 import {
-    freePort, kLimitMs, launchBrowser, start, startProxy, stop, waitUntil, watchPage,
+    freePort, kLimitMs, kScheme, launchBrowser, makeTlsOptions, start, startProxy, stop, waitUntil, watchPage,
 } from '../support/browser.mjs'
 
 const kServer = process.env.WENDREL_FILEDROP ?? 'wendrel-filedrop'
+const kTlsOptions = makeTlsOptions()
 
 let browser
 let context
@@ -26,8 +27,9 @@ let begun = 0
 
 async function startServer({ port, options = [] } = {}) {
     port ??= await freePort()
-    url = `http://127.0.0.1:${port}`
-    const started = start(kServer, ['--directory', directory, '--port', String(port), ...options], url)
+    url = `${kScheme}://127.0.0.1:${port}`
+    const started = start(kServer,
+        ['--directory', directory, '--port', String(port), ...kTlsOptions, ...options], url)
     server = started.process
     await started.ready
 }
@@ -47,7 +49,7 @@ beforeEach(async () => {
     directory = path.join(work, 'served')
     fs.mkdirSync(directory)
     await startServer()
-    context = await browser.newContext({ acceptDownloads: true })
+    context = await browser.newContext({ acceptDownloads: true, ignoreHTTPSErrors: true })
     context.setDefaultTimeout(kLimitMs)
     page = await context.newPage()
     troubles = []
@@ -290,7 +292,7 @@ test('the list is pushed through a proxy and asked for again without it', { skip
 })
 
 test('a page that is hidden keeps no connection', async () => {
-    const listeners = async () => (await (await fetch(url + '/api/status')).json()).listeners
+    const listeners = async () => (await (await context.request.get(url + '/api/status')).json()).listeners
     await open()
     await page.locator('html[data-list=pushed]').waitFor()
     assert.equal(await listeners(), 1)

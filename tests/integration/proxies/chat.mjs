@@ -1,16 +1,17 @@
-// The chat's page in two windows of a real browser: directly, or with WENDREL_PROXY through a proxy
-// configured as in deploy/.
+// The chat's page in two windows of a real browser: directly, with WENDREL_TLS=1 over HTTPS, or with
+// WENDREL_PROXY through a proxy configured as in deploy/.
 //
 //     WENDREL_PROXY=nginx WENDREL_CHAT=... CHROMIUM=/usr/bin/chromium node --test chat.mjs
 
 import assert from 'node:assert/strict'
 import { after, afterEach, before, beforeEach, test } from 'node:test'
 import {
-    freePort, kLimitMs, launchBrowser, start, startProxy, stop, waitUntil, watchPage,
+    freePort, kLimitMs, kScheme, launchBrowser, makeTlsOptions, start, startProxy, stop, waitUntil, watchPage,
 } from '../support/browser.mjs'
 
 const kProxy = process.env.WENDREL_PROXY
 const kServer = process.env.WENDREL_CHAT ?? 'wendrel-chat'
+const kTlsOptions = makeTlsOptions()
 
 let browser
 let server
@@ -22,7 +23,8 @@ let troubles
 let begun = 0
 
 async function startServer() {
-    const started = start(kServer, ['--port', String(backendPort)], /http:\/\/127\.0\.0\.1:\d+\//)
+    const started = start(kServer, ['--port', String(backendPort), ...kTlsOptions],
+        `${kScheme}://127.0.0.1:${backendPort}/`)
     server = started.process
     await started.ready
 }
@@ -48,7 +50,7 @@ beforeEach(async () => {
     troubles = []
     backendPort = await freePort()
     await startServer()
-    url = `http://127.0.0.1:${backendPort}`
+    url = `${kScheme}://127.0.0.1:${backendPort}`
     if (kProxy)
         await startOwnProxy()
 })

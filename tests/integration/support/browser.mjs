@@ -1,10 +1,13 @@
 // Shared parts of the tests of pages in a real browser.
 
 import assert from 'node:assert/strict'
-import { spawn } from 'node:child_process'
+import { execFileSync, spawn } from 'node:child_process'
 import { once } from 'node:events'
+import fs from 'node:fs'
 import { createRequire } from 'node:module'
 import net from 'node:net'
+import os from 'node:os'
+import path from 'node:path'
 import { setTimeout } from 'node:timers/promises'
 import { fileURLToPath } from 'node:url'
 
@@ -16,6 +19,22 @@ const kPython = process.env.WENDREL_PYTHON ?? 'python3'
 const kProxyScript = fileURLToPath(new URL('../proxies/support.py', import.meta.url))
 
 export const kLimitMs = 120000
+
+// With WENDREL_TLS=1 the servers are secure, with a certificate that is signed by itself.
+export const kScheme = process.env.WENDREL_TLS === '1' ? 'https' : 'http'
+
+// The options of an example for that.
+export function makeTlsOptions() {
+    if (kScheme === 'http')
+        return []
+    const directory = fs.mkdtempSync(path.join(os.tmpdir(), 'certificate-'))
+    process.on('exit', () => fs.rmSync(directory, { recursive: true }))
+    const [certificate, key] = ['certificate.pem', 'key.pem'].map((name) => path.join(directory, name))
+    execFileSync('openssl', ['req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
+        '-days', '2', '-subj', '/CN=127.0.0.1', '-addext', 'subjectAltName=IP:127.0.0.1',
+        '-keyout', key, '-out', certificate], { stdio: 'pipe', timeout: kLimitMs })
+    return ['--tls-certificate', certificate, '--tls-key', key]
+}
 
 export function launchBrowser() {
     return chromium.launch({
