@@ -38,7 +38,7 @@ chat_packages=(python3 python3-websocket)
 test_packages=(
     libgtest-dev libgmock-dev libsqlite3-dev libcurl4-openssl-dev libboost1.81-dev curl python3 python3-websocket
     python3-websockets python3-aiohttp gnutls-bin sslscan testssl.sh
-    systemd nginx-light haproxy chromium gcovr ca-certificates openssl slowhttptest valgrind netcat-openbsd)
+    systemd nginx-light haproxy chromium firefox-esr gcovr ca-certificates openssl slowhttptest valgrind netcat-openbsd)
 # Static analysis of sources and binaries.
 analysis_packages=(clang clang-format clang-tidy cppcheck shellcheck codespell abigail-tools)
 docs_packages=(doxygen graphviz)
