@@ -44,7 +44,7 @@ analysis_packages=(clang clang-format clang-tidy cppcheck shellcheck codespell a
 docs_packages=(doxygen graphviz)
 packages_packages=(dpkg-dev fakeroot lintian xz-utils)
 fuzz_packages=(clang libclang-rt-14-dev libfuzzer-14-dev)
-soak_packages=(python3 gnuplot-nox)
+soak_packages=(python3 gnuplot-nox openssl)
 bench_packages=(
     python3 gnuplot-nox curl wrk valgrind
     libboost1.81-dev libcivetweb-dev libbenchmark-dev libwebsockets-dev)

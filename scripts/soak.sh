@@ -4,7 +4,7 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/soak.sh --minutes N [--kit | --sessions] [--output DIR] [--no-install] [--help]
+Usage: scripts/soak.sh --minutes N [--kit [--tls] | --sessions] [--output DIR] [--no-install] [--help]
 
 Builds the preset release in build/release, starts filedrop and chat on free ports of 127.0.0.1
 and drives a mixed load: small requests, large transfers compared by SHA-256, aborts at random
@@ -15,6 +15,7 @@ Exit code 0: passed, 1: failed, with the reasons.
   --minutes N   duration of the load; up to 2: with shorter slow clients and smaller files
   --kit         instead of the examples, a server of the kit with a route for each kind of request
                 and response, and clients that end them in every place; tables, no plot
+  --tls         with --kit: half of the clients over TLS, at a secure endpoint of the same server
   --output DIR  directory of tables (CSV), plot (soak.svg) and summary (default: build/soak)
   --sessions    instead: 9500 WebSocket sessions that come and go, on a server that echoes
   --no-install  no Debian packages are installed
@@ -40,6 +41,7 @@ minutes=
 output=build/soak
 install=true
 kit=false
+tls=false
 sessions=false
 while (($# > 0)); do
     case "$1" in
@@ -56,6 +58,7 @@ while (($# > 0)); do
             ;;
         --no-install) install=false ;;
         --kit) kit=true ;;
+        --tls) tls=true ;;
         --sessions) sessions=true ;;
         --help)
             usage
@@ -68,6 +71,8 @@ done
 [[ $minutes =~ ^[0-9]+([.][0-9]+)?$ && $minutes =~ [1-9] ]] ||
     fail "--minutes must be given, with a number above 0; see --help"
 
+$kit || ! $tls || fail "--tls is for --kit"
+
 if $install; then
     scripts/install-deps.sh --soak
 fi
@@ -77,8 +82,10 @@ if $kit; then
     cmake --preset release -DWENDREL_BUILD_TESTS=ON -DWENDREL_BUILD_EXAMPLES=ON >/dev/null
     cmake --build --preset release --parallel "$(nproc)" --target soak_every_kind
     say "Load for $minutes minutes; tables go to $output"
+    options=()
+    if $tls; then options=(--tls); fi
     exec python3 -B tests/soak/kit_soak.py --minutes "$minutes" --output "$output" \
-        --server build/release/tests/soak/soak_every_kind
+        --server build/release/tests/soak/soak_every_kind "${options[@]}"
 fi
 if $sessions; then
     say "Building the server in build/release"

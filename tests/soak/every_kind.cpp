@@ -169,10 +169,11 @@ void addRoutes(qv::kit::Router& router, Responder& responder, const std::string&
 
 int main(int argc, char** argv)
 {
-    if (argc != 4 || std::strcmp(argv[1], "--port") != 0) {
-        std::fprintf(stderr, "usage: soak_every_kind --port N FILE\n");
+    if ((argc != 4 && argc != 7) || std::strcmp(argv[1], "--port") != 0) {
+        std::fprintf(stderr, "usage: soak_every_kind --port N FILE [SECURE_PORT CHAIN KEY]\n");
         return 2;
     }
+    const std::string host = "127.0.0.1:";
     Responder responder;
     std::atomic<uint64_t> completed{0};
     qv::kit::ServerOptions options;
@@ -181,6 +182,14 @@ int main(int argc, char** argv)
     options.bodyTimeout = std::chrono::seconds(2);
     options.idleTimeout = std::chrono::seconds(5);
     options.onCompleted = [&](const qv::kit::CompletedRequest&) { ++completed; };
+    options.listen = {host + argv[2]};
+    if (argc == 7) {
+        options.listen.push_back(host + argv[4]);
+        qv::http::TlsOptions tls;
+        tls.endpoints = {options.listen.back()};
+        tls.certificates.push_back({argv[5], argv[6], "", ""});
+        options.tls.push_back(std::move(tls));
+    }
     qv::kit::Server server(options);
     addRoutes(server.router(), responder, argv[3]);
     server.router()
@@ -191,5 +200,5 @@ int main(int argc, char** argv)
                                std::to_string(completed));
              })
         .nonBlocking();
-    return server.run(std::string("127.0.0.1:") + argv[2]);
+    return server.run();
 }

@@ -14,7 +14,9 @@ import random
 import shutil
 import signal
 import socket
+import ssl
 import struct
+import subprocess
 import sys
 import tempfile
 import threading
@@ -42,11 +44,13 @@ class Wrong(Exception):
 
 
 class Connection:
-    """A client that knows as much of HTTP as it needs."""
+    """A client that knows as much of HTTP as it needs; over TLS with a context for it."""
 
-    def __init__(self, port, chance):
+    def __init__(self, port, chance, context=None):
         self.chance = chance
         self.socket = socket.create_connection(("127.0.0.1", port), LIMIT_SECONDS)
+        if context:
+            self.socket = context.wrap_socket(self.socket, server_hostname="127.0.0.1")
         self.file = self.socket.makefile("rb")
 
     def __enter__(self):
@@ -216,8 +220,8 @@ OPERATIONS = {
 class Load:
     """Threads of clients until `stop`."""
 
-    def __init__(self, port, seed):
-        self.port = port
+    def __init__(self, port, seed, secure_port=None, context=None):
+        self.places = [(port, None)] + ([(secure_port, context)] if context else [])
         self.done = collections.Counter()
         self.failed = collections.Counter()
         self.failures = []
@@ -226,26 +230,38 @@ class Load:
         self.threads = [threading.Thread(target=self.run, args=(random.Random(f"{seed} {i}"),))
                         for i in range(CLIENTS)]
 
-    def once(self, name, chance):
+    def once(self, name, chance, place):
+        port, context = place
+        shown = f"{name} over TLS" if context else name
         try:
-            with Connection(self.port, chance) as client:
+            with Connection(port, chance, context) as client:
                 OPERATIONS[name](client)
             with self.lock:
-                self.done[name] += 1
+                self.done[shown] += 1
         except (Wrong, OSError, ValueError, KeyError) as error:
             with self.lock:
-                self.failed[name] += 1
-                self.failures.append(f"{name}: {error!r}")
+                self.failed[shown] += 1
+                self.failures.append(f"{shown}: {error!r}")
 
     def run(self, chance):
         names = [name for name in OPERATIONS if name != "slow"]
         while not self.ends.is_set():
-            self.once("slow" if chance.random() < 0.01 else chance.choice(names), chance)
+            self.once("slow" if chance.random() < 0.01 else chance.choice(names), chance,
+                      chance.choice(self.places))
 
     def stop(self):
         self.ends.set()
         for thread in self.threads:
             thread.join(LIMIT_SECONDS)
+
+
+def make_certificate(directory):
+    """A certificate for 127.0.0.1 that is signed by itself, its key, and a client's context for it."""
+    chain, key = directory / "chain.pem", directory / "key.pem"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                    "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                    "-keyout", key, "-out", chain], check=True, capture_output=True, timeout=LIMIT_SECONDS)
+    return chain, key, ssl.create_default_context(cafile=chain)
 
 
 def status(port):
@@ -273,14 +289,20 @@ def run(arguments, work, tables, complaints):
     seconds = arguments.seconds or 60 * arguments.minutes
     content = work / "file"
     content.write_bytes(os.urandom(FILE_BYTES))
-    server = Server("kit", [str(arguments.server), "--port", str(free_port()), str(content)],
-                    arguments.output, dict(os.environ))
+    command = [str(arguments.server), "--port", str(free_port()), str(content)]
+    secure = {}
+    if arguments.tls:
+        chain, key, context = make_certificate(work)
+        secure = {"secure_port": free_port(), "context": context}
+        command += [str(secure["secure_port"]), str(chain), str(key)]
+    server = Server("kit", command, arguments.output, dict(os.environ))
     phases = {"before": {}, "after": {}, "drain_seconds": DRAIN_SECONDS}
     try:
         server.wait_ready()
-        load = Load(server.port, arguments.seed)
+        load = Load(server.port, arguments.seed, **secure)
         for name in OPERATIONS:
-            load.once(name, random.Random(name))
+            for place in load.places:
+                load.once(name, random.Random(name), place)
         if load.failures:
             raise RunFailed("even before the load: " + "; ".join(load.failures))
         phases["before"]["kit"] = wait_idle(server)
@@ -303,7 +325,7 @@ def run(arguments, work, tables, complaints):
         # Completed ones include those that no handler has seen; only this one is open.
         if opened != 1 or completed < begun - 1:
             complaints.append(f"{opened} open, {begun} begun and {completed} completed requests")
-        for name in sorted(OPERATIONS):
+        for name in sorted(load.done | load.failed):
             tables.add("operations", seconds=0, operation=name, done=load.done[name],
                        failed=load.failed[name])
         print(f"{sum(load.done.values())} operations of {len(load.done)} kinds, "
@@ -324,6 +346,7 @@ def main():
     length.add_argument("--minutes", type=float, help="how long the load lasts")
     length.add_argument("--seconds", type=float, help="the same, in seconds")
     parser.add_argument("--output", type=pathlib.Path, required=True, help="directory of the tables")
+    parser.add_argument("--tls", action="store_true", help="half of the clients over TLS, at an endpoint of its own")
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 30))
     arguments = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
