@@ -6,6 +6,7 @@
 #include "support/FailingSystem.h"
 #include "support/Pattern.h"
 #include "support/ProcessCounts.h"
+#include "support/ProcessLog.h"
 #include "support/RawClient.h"
 #include "support/TestMode.h"
 #include "support/Waiting.h"
@@ -418,6 +419,25 @@ TEST_F(EventFailures, OfTheSocketPairEndOneConnection)
     if (!isSecure())
         GTEST_SKIP() << "without TLS a connection has no pair";
     failEach(SystemCall::SocketPair, onTwoThreads(), kRequests);
+}
+
+// One line for all of them: any client could fill the log.
+TEST_F(EventFailures, OfTheSocketPairAreLoggedOnce)
+{
+    if (!isSecure())
+        GTEST_SKIP() << "without TLS a connection has no pair";
+    const std::string line = "cannot serve a secure connection: Too many open files";
+    EventRun run([](EventRequest& request) { request.respondHere(200, "pong"); }, onOneThread());
+    for (int i = 0; i < 3; ++i) {
+        const FailNth failing(SystemCall::SocketPair, 1);
+        RawClient client(run.port());
+        EXPECT_TRUE(client.isClosedByServer());
+        EXPECT_TRUE(failing.hasFailed());
+        EXPECT_TRUE(integration::processLog->waitForLine(line));
+    }
+    EXPECT_EQ(integration::processLog->lines(line).size(), 1u);
+    RawClient client(run.port());
+    EXPECT_TRUE(isServed(client, "/"));
 }
 
 INSTANTIATE_TEST_SUITE_P(, EventFailuresOfCall, testing::ValuesIn(kAllCalls), [](const auto& call) {
