@@ -17,6 +17,7 @@ add_executable(integration_adversarial
     support/RawClient.cpp support/TestServer.cpp support/Pattern.cpp
     adversarial/Crowd.cpp adversarial/Metrics.cpp adversarial/ServerProcess.cpp
     adversarial/Aborts.cpp adversarial/Churn.cpp adversarial/ConnectionLimit.cpp adversarial/HeaderBombs.cpp adversarial/LogLines.cpp
+    adversarial/SecureClients.cpp
     adversarial/SlowClients.cpp
     adversarial/SlowHttpTest.cpp adversarial/WebSocketAbuse.cpp)
 set_target_properties(integration_adversarial PROPERTIES CXX_EXTENSIONS OFF)
@@ -24,14 +25,16 @@ target_link_libraries(integration_adversarial PRIVATE
     wendrel_build Wendrel::Kit CURL::libcurl wendrel_test_support ZLIB::ZLIB GTest::gmock GTest::gtest)
 target_compile_definitions(integration_adversarial PRIVATE
     WENDREL_ADVERSARIAL_SERVER="$<TARGET_FILE:adversarial_server>"
+    WENDREL_ADVERSARIAL_DEFAULT_DIVISOR=${adversarial_divisor}
     WENDREL_SLOWHTTPTEST="$<$<BOOL:${SLOWHTTPTEST_PROGRAM}>:${SLOWHTTPTEST_PROGRAM}>")
 add_dependencies(integration_adversarial adversarial_server)
 # Not two at once: each takes thousands of sockets and both cores.
 gtest_discover_tests(integration_adversarial TEST_PREFIX integration_adversarial. DISCOVERY_TIMEOUT 600
-    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
-        ENVIRONMENT WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor})
+    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial)
 # Event-driven mode has limits of its own in place of the others' findings.
 gtest_discover_tests(integration_adversarial TEST_PREFIX event_driven.adversarial. DISCOVERY_TIMEOUT 600
     TEST_FILTER "Aborts.*Deleted:Aborts.AreCompletedOnce*:Churn.*:HeaderBombs.*:LogLines.*"
-    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial
-        ENVIRONMENT "WENDREL_ADVERSARIAL_DIVISOR=${adversarial_divisor};WENDREL_TEST_MODE=event-driven")
+    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial ENVIRONMENT "WENDREL_TEST_MODE=event-driven")
+gtest_discover_tests(integration_adversarial TEST_PREFIX secure.adversarial. DISCOVERY_TIMEOUT 600
+    TEST_FILTER "SecureClients.*"
+    PROPERTIES TIMEOUT 1800 RESOURCE_LOCK adversarial ENVIRONMENT "WENDREL_TEST_MODE=secure")

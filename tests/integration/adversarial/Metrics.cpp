@@ -24,7 +24,7 @@ const bool kSanitized = false;
 size_t scaled(size_t full)
 {
     const char* text = std::getenv("WENDREL_ADVERSARIAL_DIVISOR");
-    const long divisor = text ? std::atol(text) : 1;
+    const long divisor = text ? std::atol(text) : WENDREL_ADVERSARIAL_DEFAULT_DIVISOR;
     return std::max<size_t>(1, full / static_cast<size_t>(std::max(1L, divisor)));
 }
 

@@ -70,6 +70,8 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
     words.insert(words.end(), arguments.begin(), arguments.end());
     if (integration::isEventDriven())
         words.emplace_back("events=1");
+    if (integration::isSecure())
+        words.emplace_back("secure=1");
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());

@@ -3,15 +3,17 @@
 // classes in polling mode.
 //
 // Arguments, all as name=number: threads, workers, queue, timeout (ms), websocket (0 or 1; polling
-// mode), events (1: event-driven mode, which echoes messages on /), and for its sessions unsent
-// (ms) and budget (bytes); and log=path for a log in a file (without it, lines are only counted).
-// Prints "port=N". Obeys orders on standard input, a line each:
+// mode), events (1: event-driven mode, which echoes messages on /), and for it secure (1: over
+// TLS), handshake (ms) and places (connections), and for its sessions unsent (ms) and budget
+// (bytes); and log=path for a log in a file (without it, lines are only counted). Prints "port=N".
+// Obeys orders on standard input, a line each:
 //   metrics   gives unused memory back to the system and prints numbers
 //   endings   prints how requests of polling mode ended: their number, then "count kind: error" a
 //             line each
 //   release   lets those requests go on that ask for /hold
 //   stop N    stops within N ms, prints numbers, and ends the process
 
+#include "../support/Certificates.h"
 #include "../support/WorkerApplication.h"
 
 #include <Wendrel/kit/Server.h>
@@ -114,8 +116,9 @@ struct RequestRecord
     }
 
     std::atomic<uint64_t> holding{0};
-    std::atomic<uint64_t> deleted{0};  // of polling mode
-    std::mutex mutex;                  // guards all below
+    std::atomic<uint64_t> deleted{0};    // of polling mode
+    std::atomic<uint64_t> completed{0};  // of secure endpoints
+    std::mutex mutex;                    // guards all below
     std::condition_variable released;
     bool isReleased = false;
     std::map<std::string, uint64_t> endings;
@@ -307,7 +310,8 @@ public:
 class KitTarget : public Target
 {
 public:
-    KitTarget(const Arguments& arguments, RequestRecord& record) : mServer(optionsOf(arguments))
+    KitTarget(const Arguments& arguments, RequestRecord& record)
+        : mServer(optionsOf(arguments, record))
     {
         addRoutes(mServer.router(), record);
         qv::kit::websocket::WebSocketOptions sessions;
@@ -328,7 +332,7 @@ public:
     uint64_t messages() const override { return mEcho->messages; }
 
 private:
-    static qv::kit::ServerOptions optionsOf(const Arguments& arguments)
+    static qv::kit::ServerOptions optionsOf(const Arguments& arguments, RequestRecord& record)
     {
         constexpr uint32_t kMaxConnections = 1020;
         constexpr size_t kConnectionMemoryBytes = 262144;
@@ -336,11 +340,20 @@ private:
         options.workers = std::min(arguments.number("workers", kWorkers), kMaxKitWorkers);
         options.workerQueueLimit = arguments.number("queue", kQueueLimit);
         options.threads = arguments.number("threads", kThreads);
-        options.maxConnections = kMaxConnections;
+        options.maxConnections = arguments.number("places", kMaxConnections);
         options.connectionMemoryBytes = kConnectionMemoryBytes;
         options.webSockets.memoryBudgetBytes = arguments.number("budget", kBudgetBytes);
         options.headTimeout = options.idleTimeout = options.bodyTimeout = options.sendTimeout =
             milliseconds(arguments.number("timeout", kTimeoutMs));
+        if (arguments.number("secure", 0) != 0) {
+            constexpr unsigned kHandshakeMs = 10000;
+            options.tls.push_back(integration::localhostTls());
+            options.onCompleted = [&record](const qv::kit::CompletedRequest&) {
+                ++record.completed;
+            };
+            options.tls.front().handshakeTimeout =
+                milliseconds(arguments.number("handshake", kHandshakeMs));
+        }
         return options;
     }
 
@@ -445,10 +458,11 @@ public:
     {
         if (order == "metrics")
             std::printf("metrics open=%zu requests=%llu holding=%llu connections=%zu "
-                        "messages=%llu heap=%zu lines=%llu\n",
+                        "messages=%llu heap=%zu lines=%llu completed=%llu\n",
                         mTarget->openCount(), number(mTarget->requestCount()),
                         number(mRecord.holding), mTarget->connections(),
-                        number(mTarget->messages()), heapBytes(), number(mLogLines));
+                        number(mTarget->messages()), heapBytes(), number(mLogLines),
+                        number(mRecord.completed));
         else if (order == "endings")
             printEndings();
         else if (order == "release")
