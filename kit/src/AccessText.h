@@ -11,10 +11,10 @@
 namespace qv::kit
 {
 
-// The line of a request that has ended at `now`, without its end. ASCII without control characters,
-// for any bytes of the request: nothing in it can end a field or the line.
-std::string accessLine(const CompletedRequest& request, AccessLog format,
-                       std::chrono::system_clock::time_point now);
+// Appends the line of a request that has ended at `now`, without its end. ASCII without control
+// characters, for any bytes of the request: nothing in it can end a field or the line.
+void appendAccessLine(std::string& line, const CompletedRequest& request, AccessLog format,
+                      std::chrono::system_clock::time_point now);
 
 }  // namespace qv::kit
 

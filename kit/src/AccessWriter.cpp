@@ -26,6 +26,12 @@ constexpr const char* kName = "access log";
 constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr mode_t kMode = 0640;
 
+// Lines of this time are written together when requests follow one another.
+constexpr unsigned long kBatchIntervalMs = 20;
+
+// Lines of so many bytes do not wait for its end.
+constexpr size_t kMaxBatchBytes = 262144;
+
 uint64_t countLines(std::string_view lines)
 {
     return static_cast<uint64_t>(std::count(lines.begin(), lines.end(), '\n'));
@@ -72,20 +78,37 @@ void AccessWriter::stop()
 void AccessWriter::write(const CompletedRequest& request) noexcept
 {
     try {
-        std::string line = accessLine(request, mFormat, std::chrono::system_clock::now());
+        // Keeps its memory from line to line.
+        static thread_local std::string line;
+        line.clear();
+        if (line.capacity() > kMaxBatchBytes)
+            line.shrink_to_fit();
+        appendAccessLine(line, request, mFormat, std::chrono::system_clock::now());
         line += '\n';
-        const qvMutexLocker locker(&mMutex);
-        if (mQueue.size() + line.size() <= kMaxQueueBytes) {
-            const bool wasEmpty = mQueue.empty();
-            mQueue += line;
-            if (wasEmpty)
-                mQueued.wakeOne();
+        if (enqueue(line))
             return;
-        }
     } catch (...) {
         // No memory: the line is lost.
     }
     ++mLost;
+}
+
+// False when the queue is full.
+bool AccessWriter::enqueue(std::string_view line)
+{
+    bool wakes = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        const size_t before = mQueue.size();
+        if (before + line.size() > kMaxQueueBytes)
+            return false;
+        mQueue += line;
+        wakes = std::exchange(mIsAwaited, false) ||
+                (before < kMaxBatchBytes && mQueue.size() >= kMaxBatchBytes);
+    }
+    if (wakes)
+        mQueued.wakeOne();
+    return true;
 }
 
 void AccessWriter::reopen()
@@ -104,23 +127,38 @@ void AccessWriter::run()
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-    bool isStopping = false;
-    while (!isStopping) {
-        std::string lines;
-        bool isReopening = false;
-        {
-            const qvMutexLocker locker(&mMutex);
-            while (mQueue.empty() && !mIsStopping && !mIsReopening)
-                mQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
-            lines.swap(mQueue);
-            isReopening = std::exchange(mIsReopening, false);
-            isStopping = mIsStopping;
-        }
-        if (isReopening && !mSink)
-            reopenFile();
-        writeLines(lines);
-        tellLost();
+    std::string lines;
+    while (takeLines(lines)) {
     }
+}
+
+// Writes the next lines; false after the last ones. The memory of both texts is used again.
+bool AccessWriter::takeLines(std::string& lines)
+{
+    const bool follows = !lines.empty();
+    lines.clear();
+    if (lines.capacity() > kMaxBatchBytes)
+        lines.shrink_to_fit();
+    bool isReopening = false;
+    bool isStopping = false;
+    {
+        const qvMutexLocker locker(&mMutex);
+        if (follows && !mIsStopping && !mIsReopening && mQueue.size() < kMaxBatchBytes)
+            mQueued.wait(&mMutex, kBatchIntervalMs);
+        while (mQueue.empty() && !mIsStopping && !mIsReopening) {
+            mIsAwaited = true;
+            mQueued.wait(&mMutex, qvWaitCondition::kNoTimeout);
+        }
+        mIsAwaited = false;
+        lines.swap(mQueue);
+        isReopening = std::exchange(mIsReopening, false);
+        isStopping = mIsStopping;
+    }
+    if (isReopening && !mSink)
+        reopenFile();
+    writeLines(lines);
+    tellLost();
+    return !isStopping;
 }
 
 bool AccessWriter::openFile(std::string& why)

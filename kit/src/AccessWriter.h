@@ -50,6 +50,8 @@ public:
 
 private:
     void run();
+    bool enqueue(std::string_view line);
+    bool takeLines(std::string& lines);
     bool openFile(std::string& why);
     void closeFile();
     void reopenFile() noexcept;
@@ -66,6 +68,7 @@ private:
     qvMutex mMutex;
     qvWaitCondition mQueued;
     std::string mQueue QV_GUARDED_BY(mMutex);
+    bool mIsAwaited QV_GUARDED_BY(mMutex) = false;  // the thread sleeps until a line comes
     bool mIsReopening QV_GUARDED_BY(mMutex) = false;
     bool mIsStopping QV_GUARDED_BY(mMutex) = false;
 

@@ -353,9 +353,9 @@ void ServerCore::callStopping() const
 Exchange& ServerCore::create()
 {
     ++mRequestCount;
-    // The memory of finished requests is used for this one. With a callback for them the threads
-    // of the connections only help when it is slower than the requests.
-    if (!reportsRequests() || mUnreported.load(std::memory_order_relaxed) > kMaxUnreported)
+    // The memory of finished requests is used for this one. With a callback for them, which may
+    // wait, the threads of the connections only help when it is slower than the requests.
+    if (!mOnCompleted || mUnreported.load(std::memory_order_relaxed) > kMaxUnreported)
         endRequests();
     auto* const exchange = new Exchange(*this);
     ++mOpenRequests;

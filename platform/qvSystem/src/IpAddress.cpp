@@ -5,7 +5,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <charconv>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <tuple>
 
 namespace qv
@@ -51,8 +54,20 @@ std::string IpAddress::toString() const
 {
     if (!isValid())
         return std::string();
-    char text[INET6_ADDRSTRLEN];
-    inet_ntop(mFamily == Family::V4 ? AF_INET : AF_INET6, mBytes.data(), text, sizeof text);
+    if (mFamily == Family::V6) {
+        char text[INET6_ADDRSTRLEN];
+        inet_ntop(AF_INET6, mBytes.data(), text, sizeof text);
+        return text;
+    }
+    // Most addresses are these. Without inet_ntop, which prints them by a format.
+    std::string text;
+    for (size_t i = 0; i < sizeof(in_addr); ++i) {
+        char number[3];
+        char* const end = std::to_chars(number, std::end(number), mBytes[i]).ptr;
+        if (i != 0)
+            text += '.';
+        text.append(number, end);
+    }
     return text;
 }
 

@@ -35,6 +35,14 @@ CompletedRequest usual()
     return request;
 }
 
+std::string accessLine(const CompletedRequest& request, AccessLog format,
+                       std::chrono::system_clock::time_point now)
+{
+    std::string line;
+    appendAccessLine(line, request, format, now);
+    return line;
+}
+
 TEST(AccessText, TellsARequestInTheCombinedForm)
 {
     EXPECT_EQ(accessLine(usual(), AccessLog::Combined, kNow),
@@ -62,6 +70,37 @@ TEST(AccessText, TellsARequestAsJson)
     EXPECT_TRUE(nlohmann::json::parse(accessLine(CompletedRequest(), AccessLog::Json, kNow))
                     .at("status")
                     .is_null());
+}
+
+// Its text is kept from line to line.
+TEST(AccessText, TellsTheSecondOfEachRequest)
+{
+    const struct
+    {
+        AccessLog format;
+        microseconds after;
+        const char* time;
+    } rows[] = {
+        {AccessLog::Combined, microseconds(0), "[14/Nov/2023:22:13:20 +0000]"},
+        {AccessLog::Json, microseconds(0), "2023-11-14T22:13:20.000000Z"},
+        {AccessLog::Json, microseconds(999999), "2023-11-14T22:13:20.999999Z"},
+        {AccessLog::Combined, microseconds(999999), "[14/Nov/2023:22:13:20 +0000]"},
+        {AccessLog::Combined, microseconds(1000000), "[14/Nov/2023:22:13:21 +0000]"},
+        {AccessLog::Combined, microseconds(-1), "[14/Nov/2023:22:13:19 +0000]"},
+        {AccessLog::Json, microseconds(-1), "2023-11-14T22:13:19.999999Z"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.time);
+        const std::string line = accessLine(CompletedRequest(), row.format, kNow + row.after);
+        EXPECT_NE(line.find(row.time), std::string::npos) << line;
+    }
+}
+
+TEST(AccessText, IsAppended)
+{
+    std::string line = "before ";
+    appendAccessLine(line, usual(), AccessLog::Combined, kNow);
+    EXPECT_EQ(line.compare(0, 19, "before 2001:db8::1 "), 0) << line;
 }
 
 // Each byte in each text.

@@ -8,12 +8,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 namespace qv::kit
@@ -163,6 +166,48 @@ TEST(AccessWriter, LosesLinesBeyondTheQueueAndNoOthers)
     writer.stop();
     EXPECT_EQ(sizes.size(), kLines - lost);
     EXPECT_EQ(writer.lostLines(), lost + 1);
+}
+
+// The line before the pause wakes the thread, one behind it again.
+TEST(AccessWriter, WritesEachLineOfARequestNowAndThen)
+{
+    tests::Channel<std::string> lines;
+    AccessWriter writer([&](std::string_view line) { lines.push(std::string(line)); },
+                        AccessLog::Combined);
+    ASSERT_EQ(writer.start(), "");
+    for (int i = 0; i < 200; ++i) {
+        const std::string target = "/" + std::to_string(i);
+        writer.write(requestOf(target));
+        const std::string line = lines.pop().value_or("");
+        ASSERT_NE(line.find(target + " "), std::string::npos) << line;
+    }
+}
+
+TEST(AccessWriter, KeepsTheOrderOfEachThread)
+{
+    constexpr int kThreads = 4;
+    constexpr int kLines = 5000;
+    std::vector<std::string> lines;
+    AccessWriter writer([&](std::string_view line) { lines.emplace_back(line); },
+                        AccessLog::Combined);
+    ASSERT_EQ(writer.start(), "");
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int i = 0; i < kLines; ++i)
+                writer.write(requestOf("/" + std::to_string(thread) + "/" + std::to_string(i)));
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    writer.stop();
+    ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
+    std::array<int, kThreads> next{};
+    for (const std::string& line : lines) {
+        const size_t at = line.find("GET /") + 5;
+        const auto thread = static_cast<size_t>(line.at(at) - '0');
+        EXPECT_EQ(std::stoi(line.substr(at + 2)), next.at(thread)++) << line;
+    }
 }
 
 }  // namespace

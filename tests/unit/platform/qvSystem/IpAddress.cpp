@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <set>
+#include <string>
 #include <vector>
 
 namespace qv::tests
@@ -54,6 +55,16 @@ TEST(IpAddress, IsTakenFromAnIPv4SocketAddress)
     EXPECT_EQ(address.getPort(), 8080);
     EXPECT_EQ(address.toString(), "192.168.7.254");
     EXPECT_EQ(address.toStringWithPort(), "192.168.7.254:8080");
+}
+
+TEST(IpAddress, WritesEachByteOfAnIPv4Address)
+{
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        const std::string number = std::to_string(byte);
+        for (const std::string& text : {number + ".0.0.0", "255." + number + ".255.255",
+                                        "1.22." + number + ".4", "127.0.0." + number})
+            EXPECT_EQ(FromV4(text.c_str(), 1).toString(), text);
+    }
 }
 
 TEST(IpAddress, IsTakenFromAnIPv6SocketAddress)
