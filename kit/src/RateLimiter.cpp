@@ -4,10 +4,13 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <new>
 
 namespace qv::kit
 {
@@ -17,6 +20,21 @@ namespace
 constexpr size_t kNetworkBytes = 8;
 constexpr size_t kMappedBytes = 12;
 constexpr double kMaxWaitSeconds = 86400;
+constexpr size_t kDigestBytes = 32;
+
+// Longer than any key that is kept as it is: it is none of them.
+std::string digestOf(const std::string& key)
+{
+    std::string digest(RateLimiter::kMaxKeyBytes + 1, '\0');
+    unsigned size = 0;
+    if (EVP_Digest(key.data(), key.size(), reinterpret_cast<unsigned char*>(digest.data()), &size,
+                   EVP_sha256(), nullptr) != 1 ||
+        size != kDigestBytes) {
+        ERR_clear_error();
+        throw std::bad_alloc();
+    }
+    return digest;
+}
 
 }  // namespace
 
@@ -25,6 +43,11 @@ RateLimiter::RateLimiter(double perSecond, double burst, size_t maxClients)
 {}
 
 std::chrono::seconds RateLimiter::take(const std::string& key, Clock::time_point now)
+{
+    return key.size() <= kMaxKeyBytes ? takeShort(key, now) : takeShort(digestOf(key), now);
+}
+
+std::chrono::seconds RateLimiter::takeShort(const std::string& key, Clock::time_point now)
 {
     Shard& shard = mShards[std::hash<std::string>()(key) % kShards];
     const qvMutexLocker locker(&shard.mutex);

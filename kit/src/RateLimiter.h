@@ -26,13 +26,16 @@ public:
 
     RateLimiter(double perSecond, double burst, size_t maxClients);
 
-    // 0: the request is allowed. Otherwise when the next one is.
+    // 0: the request is allowed. Otherwise when the next one is. Of a long key a digest is kept.
     std::chrono::seconds take(const std::string& key, Clock::time_point now);
 
     size_t size() const;
 
     // An IPv4 address, also a mapped one, or the network of an IPv6 address.
     static std::string keyOf(const IpAddress& address);
+
+    // Bytes of a key that is kept as it is.
+    static constexpr size_t kMaxKeyBytes = 64;
 
 private:
     static constexpr size_t kShards = 16;
@@ -53,6 +56,7 @@ private:
             table QV_GUARDED_BY(mutex);
     };
 
+    std::chrono::seconds takeShort(const std::string& key, Clock::time_point now);
     Bucket& bucketOf(Shard& shard, const std::string& key, Clock::time_point now) const
         QV_REQUIRES(shard.mutex);
 

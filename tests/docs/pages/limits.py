@@ -108,6 +108,8 @@ NOT_FOR_USERS = {
     "kit/src/Exchange.h kBodyComplete": "a state",
     "kit/src/AccessText.cpp kMicrosecondsPerSecond": "a unit",
     "kit/src/AccessText.cpp kFirstYear": "the system's",
+    "kit/src/AccessText.cpp kByteValues": "how many bytes there are",
+    "kit/src/RateLimiter.cpp kDigestBytes": "of SHA-256",
     "kit/src/AccessWriter.cpp kFlags": "the system's",
     "kit/src/AccessWriter.cpp kMode": "told at logAccess",
     "kit/include/Wendrel/kit/Server.h logAccess(format)": "one of two",

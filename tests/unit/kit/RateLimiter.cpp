@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <chrono>
 #include <string>
 
@@ -66,6 +68,34 @@ TEST(RateLimiter, ForgetsTheClientThatHasAskedLeastRecently)
     RateLimiter boundless(1, 1, SIZE_MAX);
     EXPECT_EQ(boundless.take("a", kNow), seconds(0));
     EXPECT_EQ(boundless.take("a", kNow), seconds(1));
+}
+
+TEST(RateLimiter, TellsLongKeysApart)
+{
+    RateLimiter limiter(1, 1, 1000);
+    for (const size_t size : {63U, 64U, 65U, 66U, 1048576U}) {
+        SCOPED_TRACE(size);
+        const std::string key(size, 'k');
+        std::string other = key;
+        other.back() = 'o';
+        EXPECT_EQ(limiter.take(key, kNow), seconds(0));
+        EXPECT_EQ(limiter.take(other, kNow), seconds(0));
+        EXPECT_EQ(limiter.take(key, kNow), seconds(1));
+        EXPECT_EQ(limiter.take(other, kNow), seconds(1));
+    }
+}
+
+TEST(RateLimiter, KeepsNoLongKey)
+{
+    constexpr size_t kClients = 64;
+    constexpr size_t kKeyBytes = 1048576;
+    const auto before = mallinfo2();
+    RateLimiter limiter(1, 1, 1000);
+    for (size_t i = 0; i < kClients; ++i)
+        limiter.take(std::string(kKeyBytes, 'k') + std::to_string(i), kNow);
+    EXPECT_EQ(limiter.size(), kClients);
+    const auto after = mallinfo2();
+    EXPECT_LT(after.uordblks + after.hblkhd, before.uordblks + before.hblkhd + kKeyBytes);
 }
 
 TEST(RateLimiter, CountsTheNetworkOfAnIpv6Address)

@@ -90,8 +90,8 @@ struct RateLimitOptions
     double burst = 20;
     /// Clients that are kept; beyond it the one that has asked least recently is forgotten.
     size_t maxClients = 65536;
-    /// Counts for this key in place of the address; an empty key is not limited. Thread: the
-    /// daemon's; it must not wait.
+    /// Counts for this key in place of the address; an empty key is not limited. Of a key of more
+    /// than 64 bytes its SHA-256 digest is kept. Thread: the daemon's; it must not wait.
     std::function<std::string(const Request&)> key;
 };
 
