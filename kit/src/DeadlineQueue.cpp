@@ -69,11 +69,13 @@ void DeadlineQueue::stop()
         entry.exchange->release();
 }
 
-void DeadlineQueue::set(Exchange& exchange, Clock::time_point when, int status)
+void DeadlineQueue::set(Exchange& exchange, Clock::time_point when, int status, By by)
 {
     bool isFirst = false;
     {
         const qvMutexLocker locker(&mMutex);
+        if (by == By::Route && exchange.mHasOwnDeadline)
+            return;
         const auto made = mEntries.emplace(when, Entry{&exchange, status});
         if (exchange.mHasDeadline)
             mEntries.erase(exchange.mDeadline);
@@ -81,10 +83,20 @@ void DeadlineQueue::set(Exchange& exchange, Clock::time_point when, int status)
             exchange.retain();
         exchange.mDeadline = made;
         exchange.mHasDeadline = true;
+        exchange.mHasOwnDeadline = by == By::Application;
         isFirst = exchange.mDeadline == mEntries.begin();
     }
     if (isFirst)
         wake();
+}
+
+void DeadlineQueue::setNone(Exchange& exchange)
+{
+    {
+        const qvMutexLocker locker(&mMutex);
+        exchange.mHasOwnDeadline = true;
+    }
+    remove(exchange);
 }
 
 void DeadlineQueue::remove(Exchange& exchange)

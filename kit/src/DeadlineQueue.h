@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
@@ -35,6 +36,10 @@ public:
     };
     using Entries = std::multimap<Clock::time_point, Entry>;
 
+    // Who sets a deadline. That of the application replaces the one of the route, and not the other
+    // way round.
+    enum class By : uint8_t { Application, Route };
+
     // `deleteRequests` is called by the thread some time after `requestDeletion`.
     explicit DeadlineQueue(std::function<void()> deleteRequests);
     ~DeadlineQueue();
@@ -48,7 +53,10 @@ public:
     void stop();
 
     // In place of the deadline that the request has. Any thread.
-    void set(Exchange& exchange, Clock::time_point when, int status);
+    void set(Exchange& exchange, Clock::time_point when, int status, By by);
+
+    // By the application, for good. Any thread.
+    void setNone(Exchange& exchange);
 
     // Any thread. Does nothing without a deadline, or when it is expiring.
     void remove(Exchange& exchange);

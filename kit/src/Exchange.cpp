@@ -136,7 +136,8 @@ void Exchange::beginWithHooks(bool isRouted, Refusal&& refusal)
     const HookRun run = runHooks(false);
     if (run == HookRun::Ended) {
         mIsDispatched = true;
-        if (mIsDeferred && !hasUpload())
+        mHooked->awaitsBody = mIsDeferred && hasUpload() && !(mRoute && mRoute->mIsStreaming);
+        if (mIsDeferred && !mHooked->awaitsBody)
             startClock();
         return;
     }
@@ -357,8 +358,10 @@ void Exchange::beginBody()
 
 void Exchange::onBodyComplete()
 {
-    // Of a streaming route.
+    // Of a streaming route, or deferred by a hook.
     if (mIsDispatched) {
+        if (mHooked && mHooked->awaitsBody)
+            guard([this] { startClock(); });
         continueDelivery();
         return;
     }
@@ -379,6 +382,9 @@ void Exchange::onBodyComplete()
 // The handler waits for the whole body, which cannot be received.
 void Exchange::onBodyPaused(uint64_t queuedBytes)
 {
+    // Nobody reads the body of a request that a hook has deferred.
+    if (mIsDispatched && mHooked && mHooked->awaitsBody)
+        getReceiveDevice().discardReceived();
     if (mIsDispatched || !isOpen())
         return;
     getReceiveDevice().discardReceived();
@@ -446,7 +452,7 @@ void Exchange::dispatch()
 void Exchange::startClock()
 {
     if (mRoute && mRoute->mResponseTimeout.count() > 0)
-        setDeadline(mRoute->mResponseTimeout, kUnavailable);
+        setDeadline(mRoute->mResponseTimeout, kUnavailable, DeadlineQueue::By::Route);
 }
 
 void Exchange::submit()
@@ -924,15 +930,15 @@ void Exchange::dropGoneCallback()
     dropped.swap(mGoneCallback);
 }
 
-void Exchange::setDeadline(std::chrono::milliseconds limit, int status)
+void Exchange::setDeadline(std::chrono::milliseconds limit, int status, DeadlineQueue::By by)
 {
     constexpr std::chrono::milliseconds kMaxLimit = std::chrono::hours(24 * 365);
     DeadlineQueue& deadlines = mCore.deadlines();
     if (limit.count() <= 0) {
-        deadlines.remove(*this);
+        deadlines.setNone(*this);
         return;
     }
-    deadlines.set(*this, DeadlineQueue::Clock::now() + std::min(limit, kMaxLimit), status);
+    deadlines.set(*this, DeadlineQueue::Clock::now() + std::min(limit, kMaxLimit), status, by);
     // A response since then has found no deadline.
     if (mBy != By::Nobody)
         deadlines.remove(*this);

@@ -104,7 +104,7 @@ public:
     void deliverBody(std::function<void(std::string_view)> onPiece,
                      std::function<void()> onComplete);
     bool isGone() const { return mIsGone; }
-    void setDeadline(std::chrono::milliseconds limit, int status);
+    void setDeadline(std::chrono::milliseconds limit, int status, DeadlineQueue::By by);
 
     // The handler's thread.
     const std::string& pathParameter(std::string_view name);
@@ -185,6 +185,7 @@ private:
         bool isPending = false;     // hooks are left for a worker
         bool isBeforeBody = false;  // which runs them while the body is received
         bool isRunning = false;
+        bool awaitsBody = false;  // deferred: the limit of the response begins with its end
         std::atomic<uint8_t> arrived{0};
         ResponseHead head;  // for the handler
     };
@@ -285,6 +286,7 @@ private:
 
     // Guarded by the mutex of the deadlines; the flag is also looked at without.
     std::atomic<bool> mHasDeadline{false};
+    bool mHasOwnDeadline = false;  // the application has set or removed it
     DeadlineQueue::Entries::iterator mDeadline;
 
     // Set before the completion, by the daemon thread.

@@ -345,7 +345,7 @@ void DeferredResponse::onBody(std::function<void(std::string_view)> onPiece,
 void DeferredResponse::setDeadline(std::chrono::milliseconds limit, int status)
 {
     if (isOpen())
-        mExchange->setDeadline(limit, status);
+        mExchange->setDeadline(limit, status, DeadlineQueue::By::Application);
 }
 
 DeferredStream::DeferredStream() : mExchange(nullptr) {}

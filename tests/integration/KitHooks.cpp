@@ -454,6 +454,111 @@ TEST(KitHooks, AreWithinTheLimitOfTheResponse)
     EXPECT_FALSE(isHandled);
 }
 
+// Of a daemon's hook that defers: from the end of the body, however large it is. Of a streaming
+// route: from its head.
+TEST(KitHooks, ThatDeferAreWithinTheLimitOfTheResponse)
+{
+    Channel<std::shared_ptr<DeferredResponse>> kept;
+    auto options = kitOptions(1);
+    options.uploadQueueBytes = 4096;
+    KitTestServer server(
+        [&](Router& router) {
+            router.before(
+                "/",
+                [&](Request& request) {
+                    kept.push(std::make_shared<DeferredResponse>(request.defer()));
+                },
+                HookThread::Daemon);
+            const auto handle = [](Request& request) { request.reply("late"); };
+            router.put("/whole", handle).responseTimeout(std::chrono::milliseconds(20));
+            router.put("/stream", handle)
+                .streaming()
+                .responseTimeout(std::chrono::milliseconds(20));
+        },
+        options);
+    EXPECT_EQ(server.ask(withBody("PUT", "/whole", "body")).status, 503);
+    EXPECT_EQ(server.ask(withBody("PUT", "/whole", pattern(1 << 20))).status, 503);
+    EXPECT_EQ(server.ask(chunkedHead("PUT", "/whole") + chunk("body") + chunk("")).status, 503);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(kept.pop());
+    RawClient slow(server.port());
+    ASSERT_TRUE(slow.send(headOf("PUT", "/stream", 4) + "bo"));
+    const auto later = kept.pop();
+    ASSERT_TRUE(later);
+    EXPECT_TRUE(waitUntil([&] { return !(*later)->isOpen(); }));
+    ASSERT_TRUE(slow.send("dy"));
+    const auto response = slow.receive();
+    ASSERT_TRUE(response);
+    EXPECT_EQ(response->status, 503);
+}
+
+TEST(KitHooks, ThatDeferMaySetAnotherLimit)
+{
+    Channel<std::shared_ptr<DeferredResponse>> kept;
+    KitTestServer server([&](Router& router) {
+        router.before(
+            "/",
+            [&](Request& request) {
+                auto later = std::make_shared<DeferredResponse>(request.defer());
+                if (request.path() == "/own")
+                    later->setDeadline(std::chrono::milliseconds(40), 504);
+                else if (request.path() == "/none")
+                    later->setDeadline(std::chrono::milliseconds(0));
+                kept.push(later);
+            },
+            HookThread::Daemon);
+        const auto handle = [](Request&) {};
+        for (const char* path : {"/own", "/none", "/usual"})
+            router.put(path, handle).responseTimeout(std::chrono::milliseconds(20));
+    });
+    for (const char* body : {"", "body"}) {
+        SCOPED_TRACE(body);
+        EXPECT_EQ(server.ask(withBody("PUT", "/own", body)).status, 504);
+        kept.pop();
+        RawClient waiting(server.port());
+        ASSERT_TRUE(waiting.send(withBody("PUT", "/none", body)));
+        const auto none = kept.pop();
+        ASSERT_TRUE(none);
+        // Its limit has passed before this one.
+        EXPECT_EQ(server.ask(withBody("PUT", "/usual", body)).status, 503);
+        kept.pop();
+        EXPECT_TRUE((*none)->reply("at last"));
+        const auto response = waiting.receive();
+        ASSERT_TRUE(response);
+        EXPECT_EQ(response->body, "at last");
+    }
+}
+
+TEST(KitHooks, ThatDeferTakeTheBodyOfAStreamingRoute)
+{
+    const auto receive = [](Request& request) {
+        auto later = std::make_shared<DeferredResponse>(request.defer());
+        auto text = std::make_shared<std::string>();
+        later->onBody([text](std::string_view piece) { text->append(piece); },
+                      [later, text] { later->reply(*text); });
+    };
+    KitTestServer server([&](Router& router) {
+        router.before("/daemon", receive, HookThread::Daemon);
+        router.before("/worker", receive, HookThread::Worker);
+        const auto handle = [](Request& request) { request.reply("handler"); };
+        for (const std::string path : {"/daemon", "/worker"}) {
+            router.put(path + "/stream", handle).streaming();
+            router.put(path + "/whole", handle);
+        }
+    });
+    const std::string body = pattern(1 << 20);
+    for (const std::string path : {"/daemon", "/worker"}) {
+        SCOPED_TRACE(path);
+        EXPECT_TRUE(server.ask(withBody("PUT", path + "/stream", body)).body == body);
+        EXPECT_EQ(server.ask(withBody("PUT", path + "/stream", "")).body, "");
+        EXPECT_EQ(server.ask(withBody("PUT", path + "/whole", "body")).status, 500);
+        EXPECT_TRUE(logged("PUT " + path +
+                           "/whole: the hook failed: onBody in a route that is not "
+                           "streaming"));
+        EXPECT_EQ(server.ask(withBody("PUT", path + "/none", "body")).status, 500);
+    }
+}
+
 TEST(KitHooks, RunForASegmentWithAnEncodedSlash)
 {
     KitTestServer server([](Router& router) {
