@@ -72,11 +72,12 @@ public:
         return number;
     }
 
-    // Takes one that has come and ends the program; false when there is none.
-    bool take() const
+    // Waits so long for one that ends the program; false when none has come.
+    bool take(std::chrono::milliseconds limit) const
     {
-        const timespec noTime{};
-        const int number = sigtimedwait(&mSignals, nullptr, &noTime);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+        const timespec time{seconds.count(), std::chrono::nanoseconds(limit - seconds).count()};
+        const int number = sigtimedwait(&mSignals, nullptr, &time);
         return number == SIGINT || number == SIGTERM;
     }
 
@@ -89,7 +90,7 @@ bool stop(qv::kit::Server& server, std::chrono::milliseconds limit, const StopSi
 {
     std::future<bool> stopped = std::async(std::launch::async, [&] { return server.stop(limit); });
     while (stopped.wait_for(kSignalInterval) == std::future_status::timeout) {
-        if (signals.take())
+        if (signals.take(std::chrono::milliseconds(0)))
             server.stop(std::chrono::milliseconds(0));
     }
     return stopped.get();
@@ -115,6 +116,8 @@ int serve(const Options& options, std::unique_ptr<FileStore> store, const StopSi
         fileDrop.server().reloadCertificates();
         manager.ready();
     }
+    if (options.settings.server.stopDelay.count() > 0)
+        signals.take(options.settings.server.stopDelay);
     manager.stopping();
     writeLog(qv::qvLog::Notice, std::string("Stopping on ") + strsignal(signal));
     if (!stop(fileDrop.server(), options.settings.server.stopTimeout, signals))

@@ -192,12 +192,16 @@ public:
         setting.fallback = std::move(fallback);
         setting.set = [&options = mOptions, store = std::move(store),
                        isWhole](const Values& values) {
-            // By itself, so that an error is told where its option stands.
-            ServerOptions alone;
-            std::string why = store(alone, values);
-            if (why.empty() && isWhole)
-                why = whyImpossible(alone);
-            return why.empty() ? store(options, values) : why;
+            if (isWhole) {
+                // By itself, so that an error is told where its option stands.
+                ServerOptions alone;
+                std::string why = store(alone, values);
+                if (why.empty())
+                    why = whyImpossible(alone);
+                if (!why.empty())
+                    return why;
+            }
+            return store(options, values);
         };
         mSettings.push_back(std::move(setting));
         return mSettings.back();
@@ -294,10 +298,12 @@ public:
             fallback, listen)
             .isList = true;
         add("--port", "NUMBER", "The TCP port 1 to 65535, in place of --listen", std::string(),
-            port);
+            port)
+            .excluded = "--listen";
         add("--all-interfaces", "",
             "With --port: listen on every network of this machine, not on 127.0.0.1 alone",
-            std::string(), any);
+            std::string(), any)
+            .excluded = "--listen";
     }
 
     void compression()
@@ -440,6 +446,8 @@ std::vector<ServerSetting> serverSettings(ServerOptions& options)
         });
     settings.duration<&Options::stopTimeout>(
         "--stop-timeout", "How long running requests may go on after SIGINT or SIGTERM");
+    settings.duration<&Options::stopDelay>("--stop-delay",
+                                           "How long connections are accepted before that");
 
     settings.group("Clients");
     settings.number<&Options::maxConnections>("--max-connections",

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -161,6 +164,8 @@ TEST(ServerSettings, EachOptionIsStored)
                              "2",
                              "--stop-timeout",
                              "1m",
+                             "--stop-delay",
+                             "250ms",
                              "--max-connections",
                              "99",
                              "--max-connections-per-address",
@@ -188,6 +193,7 @@ TEST(ServerSettings, EachOptionIsStored)
     EXPECT_EQ(options.workerQueueLimit, 11U);
     EXPECT_EQ(options.webSockets.loops, 2U);
     EXPECT_EQ(options.stopTimeout, seconds(60));
+    EXPECT_EQ(options.stopDelay, milliseconds(250));
     EXPECT_EQ(options.maxConnections, 99U);
     EXPECT_EQ(options.maxConnectionsPerAddress, 8U);
     EXPECT_EQ(options.trustedProxies, (std::vector<std::string>{"10.0.0.0/8", "unix"}));
@@ -374,6 +380,47 @@ TEST(ServerSettings, FileMayHaveSwitches)
     Program program("all-interfaces = true\nport = 80\n");
     EXPECT_EQ(program.parse({}), "");
     EXPECT_EQ(program.options.listen, std::vector<std::string>{"*:80"});
+}
+
+// However the endpoint is spelt.
+TEST(ServerSettings, TheCommandLineReplacesTheEndpointsOfAFile)
+{
+    const struct
+    {
+        const char* file;
+        std::vector<std::string> arguments;
+        std::vector<std::string> endpoints;
+    } rows[] = {
+        {"listen = [\"unix:/a\", \"unix:/b\"]\n", {"--listen", "unix:/c"}, {"unix:/c"}},
+        {"listen = [\"unix:/a\", \"unix:/b\"]\n", {"--port", "80"}, {"127.0.0.1:80"}},
+        {"listen = \"unix:/a\"\n", {"--all-interfaces"}, {"*:8181"}},
+        {"port = 80\n", {"--listen", "unix:/c"}, {"unix:/c"}},
+        {"all-interfaces = true\nport = 80\n", {"--listen", "unix:/c"}, {"unix:/c"}},
+        {"port = 80\n", {"--port", "81"}, {"127.0.0.1:81"}},
+        {"port = 80\n", {"--all-interfaces"}, {"*:80"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.file + row.arguments.front());
+        Program program(row.file);
+        EXPECT_EQ(program.parse(row.arguments), "");
+        EXPECT_EQ(program.options.listen, row.endpoints);
+    }
+}
+
+// A pipe gives its bytes once.
+TEST(ServerSettings, ThePasswordIsReadOnce)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(write(ends[1], "secret\n", 7), 7);
+    close(ends[1]);
+    Program program;
+    EXPECT_EQ(program.parse({"--tls-certificate", "a", "--tls-key", "b", "--tls-key-password-file",
+                             "/proc/self/fd/" + std::to_string(ends[0])}),
+              "");
+    close(ends[0]);
+    ASSERT_EQ(program.options.tls.size(), 1U);
+    EXPECT_EQ(program.options.tls.front().certificates.at(0).password, "secret");
 }
 
 TEST(ServerSettings, ErrorsOfAFileNameItsLine)

@@ -25,9 +25,10 @@ namespace qv::kit
 
 /// Adds to `app` an option for each field of `options` that is a value, and `--config FILE` for a
 /// file with any options of `app`, those of the application included: see
-/// docs/configuration.md. Options of the command line override those of the file. Present values
-/// are the defaults. A value that `Server::start` would refuse, an unknown option in the file and a
-/// file that cannot be read are errors of `CLI::App::parse`, which name option, file and line.
+/// docs/configuration.md. Options of the command line override those of the file, `--port` and
+/// `--all-interfaces` also its `listen`, and the other way round. Present values are the defaults.
+/// A value that `Server::start` would refuse, an unknown option in the file and a file that cannot
+/// be read are errors of `CLI::App::parse`, which name option, file and line.
 ///
 /// `options` outlives `app`, or its last `parse`: `addServerOptions(app, server.options())`.
 void addServerOptions(CLI::App& app, ServerOptions& options);
@@ -49,8 +50,11 @@ namespace impl
 class LocatedConfig : public CLI::ConfigTOML
 {
 public:
+    /// Options of which the command line has one replace the other one of a file.
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+
     /// `app` outlives this.
-    explicit LocatedConfig(CLI::App& app) : mOptions(app) {}
+    LocatedConfig(CLI::App& app, Pairs pairs) : mOptions(app), mPairs(std::move(pairs)) {}
 
     /// Stores the options of the application; returns those of its subcommands.
     std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
@@ -59,17 +63,36 @@ public:
         std::istringstream lines(text);
         std::vector<CLI::ConfigItem> others;
         std::set<std::string> taken;
+        const std::set<std::string> replaced = replacedOptions();
         for (CLI::ConfigItem& item : CLI::ConfigTOML::from_config(lines)) {
             if (!item.parents.empty())
                 others.push_back(std::move(item));
             else
-                take(item, text, taken.insert(item.name).second);
+                take(item, text, taken.insert(item.name).second, replaced);
         }
         return others;
     }
 
 private:
-    void take(const CLI::ConfigItem& item, const std::string& text, bool isFirst) const
+    // By the command line.
+    std::set<std::string> replacedOptions() const
+    {
+        std::set<std::string> replaced;
+        for (const CLI::Option* const option : mOptions.get_options()) {
+            if (!option->empty())
+                replaced.insert(option->get_name());
+        }
+        for (const auto& [name, other] : mPairs) {
+            if (!mOptions.get_option(name)->empty())
+                replaced.insert(other);
+            if (!mOptions.get_option(other)->empty())
+                replaced.insert(name);
+        }
+        return replaced;
+    }
+
+    void take(const CLI::ConfigItem& item, const std::string& text, bool isFirst,
+              const std::set<std::string>& replaced) const
     {
         CLI::Option* const option = mOptions.get_option_no_throw("--" + item.name);
         try {
@@ -77,8 +100,8 @@ private:
                 throw CLI::ConfigError("there is no option '" + item.name + "'");
             if (!isFirst)
                 throw CLI::ConfigError("'" + item.name + "' stands in the file twice");
-            if (!option->empty())
-                return;  // given on the command line
+            if (replaced.count(option->get_name()) != 0)
+                return;
             if (option->get_expected_min() == 0) {
                 option->add_result(option->get_flag_value(item.name, to_flag(item)));
             } else {
@@ -93,6 +116,7 @@ private:
     }
 
     CLI::App& mOptions;
+    const Pairs mPairs;
 };
 
 }  // namespace impl
@@ -100,6 +124,7 @@ private:
 inline void addServerOptions(CLI::App& app, ServerOptions& options)
 {
     std::map<std::string, std::string> needed;
+    impl::LocatedConfig::Pairs pairs;
     for (ServerSetting& setting : serverSettings(options)) {
         const auto store = [name = setting.name,
                             set = setting.set](const std::vector<std::string>& values) {
@@ -121,11 +146,13 @@ inline void addServerOptions(CLI::App& app, ServerOptions& options)
         option->group(setting.group);
         if (!setting.needed.empty())
             needed[setting.name] = setting.needed;
+        if (!setting.excluded.empty())
+            pairs.emplace_back(setting.name, setting.excluded);
     }
     for (const auto& [name, other] : needed)
         app.get_option(name)->needs(app.get_option(other));
     app.get_formatter()->column_width(42);
-    app.config_formatter(std::make_shared<impl::LocatedConfig>(app));
+    app.config_formatter(std::make_shared<impl::LocatedConfig>(app, std::move(pairs)));
     app.allow_config_extras(CLI::config_extras_mode::error);
     app.set_config("--config", "", "Read further options from this file (TOML or INI)")
         ->option_text("FILE");

@@ -29,6 +29,10 @@ struct ServerSetting
     /// Stores the values, at least one, of which an option that is no list takes the last. Returns
     /// why that is not possible: "'x' is no whole number"; empty on success.
     std::function<std::string(const std::vector<std::string>&)> set;
+
+    /// An option that must not be given as well; empty: none. One on the command line replaces the
+    /// other one of a file.
+    std::string excluded;
 };
 
 /// All of them, with the values of `options` as defaults. `options` outlives them.
