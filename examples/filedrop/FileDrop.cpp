@@ -36,16 +36,7 @@ using qv::kit::Request;
 
 constexpr const char* kPolicy = "default-src 'none'; frame-ancestors 'none'";
 constexpr const char* kFilePolicy = "default-src 'none'; frame-ancestors 'none'; sandbox";
-constexpr const char* kBusy = "The server is busy with other uploads. Try again in a moment.";
-
-constexpr size_t kBlockBytes = 65536;
 constexpr uint64_t kMaxDiscardedBytes = 64u << 20;
-constexpr uint32_t kWorkersPerFreeOne = 8;
-
-int64_t slotsOf(uint32_t workers)
-{
-    return std::max<int64_t>(1, workers - std::max(1u, workers / kWorkersPerFreeOne));
-}
 
 std::string errorText(int error)
 {
@@ -88,24 +79,6 @@ HttpError failure(StoreResult result, const std::string& what)
     }
 }
 
-// Many clients read no response before they have sent everything: without this they would find the
-// connection closed instead of the reason.
-void discardRest(Request& request)
-{
-    try {
-        std::vector<char> block(kBlockBytes);
-        uint64_t discarded = 0;
-        while (discarded < kMaxDiscardedBytes) {
-            const size_t got = request.readBody(block.data(), block.size());
-            if (got == 0)
-                return;
-            discarded += got;
-        }
-    } catch (const HttpError&) {
-        // The connection is closed: nobody waits for the reason.
-    }
-}
-
 void setCommonHeaders(Request& request)
 {
     request.setHeader("X-Content-Type-Options", "nosniff");
@@ -117,28 +90,108 @@ void setCommonHeaders(Request& request)
 
 }  // namespace
 
-// The right to keep a worker for as long as an upload lasts.
-class FileDrop::UploadSlot
+// An upload while it is received, in pieces, by any worker. Its callbacks own it: it is destroyed
+// after the response, or when the client has left.
+class FileDrop::Reception
 {
 public:
-    explicit UploadSlot(std::atomic<int64_t>& freeSlots)
-        : mFreeSlots(freeSlots), mTaken(--freeSlots >= 0)
-    {}
+    Reception(FileDrop& fileDrop, Request& request)
+        : mFileDrop(fileDrop), mTarget(request.target()), mLater(request.defer())
+    {
+        attempt([&] { begin(request); });
+    }
 
-    ~UploadSlot() { ++mFreeSlots; }
-    UploadSlot(const UploadSlot&) = delete;
-    UploadSlot& operator=(const UploadSlot&) = delete;
+    qv::kit::DeferredResponse& response() { return mLater; }
 
-    bool isTaken() const { return mTaken; }
+    // Many clients read no response before they have sent everything: without this they would find
+    // the connection closed instead of the reason.
+    void take(std::string_view piece)
+    {
+        if (!mRefusal) {
+            attempt([&] { store(piece); });
+            return;
+        }
+        mDiscardedBytes += piece.size();
+        if (mDiscardedBytes >= kMaxDiscardedBytes)
+            refuse();
+    }
+
+    void complete()
+    {
+        if (!mRefusal)
+            attempt([&] { commit(); });
+        if (mRefusal)
+            refuse();
+    }
 
 private:
-    std::atomic<int64_t>& mFreeSlots;
-    const bool mTaken;
+    // After an error nothing is left of the upload.
+    template <typename Action> void attempt(const Action& action)
+    {
+        try {
+            action();
+        } catch (const HttpError& error) {
+            mRefusal = error;
+            mUpload.reset();
+        }
+    }
+
+    void refuse() { mLater.replyError(mRefusal->status(), mRefusal->what()); }
+
+    void begin(const Request& request)
+    {
+        mName = usableName(request);
+        mWhat = "'" + mName + "' cannot be stored";
+        checkSize(static_cast<uint64_t>(std::max<int64_t>(request.contentLength(), 0)));
+        mUpload = mFileDrop.mStore->beginUpload();
+        if (!mUpload)
+            throw failure(errno == ENOSPC || errno == EDQUOT ? StoreResult::NoSpace
+                                                             : StoreResult::Failed,
+                          mWhat);
+    }
+
+    void checkSize(uint64_t bytes) const
+    {
+        const uint64_t limit = mFileDrop.mMaxUploadBytes;
+        if (limit != 0 && bytes > limit)
+            throw tooLarge(limit);
+    }
+
+    void store(std::string_view piece)
+    {
+        mFileDrop.mBytesIn += piece.size();
+        checkSize(mUpload->size() + piece.size());
+        const StoreResult result = mUpload->write(piece.data(), piece.size());
+        if (result != StoreResult::Done)
+            throw failure(result, mWhat);
+    }
+
+    void commit()
+    {
+        const StoreResult result = mUpload->commit(mName);
+        if (result != StoreResult::Done && result != StoreResult::Replaced)
+            throw failure(result, mWhat);
+        const bool isNew = result == StoreResult::Done;
+        if (isNew)
+            mLater.setHeader("Location", mTarget.substr(0, mTarget.find('?')));
+        mFileDrop.mLive.listChanged();
+        const nlohmann::json stored = {{"name", mName}, {"size", mUpload->size()}};
+        mLater.reply(isNew ? 201 : 200, stored.dump(), ContentType::json());
+    }
+
+    FileDrop& mFileDrop;
+    const std::string mTarget;
+    std::string mName;
+    std::string mWhat;  // for the log
+    std::unique_ptr<Upload> mUpload;
+    std::optional<HttpError> mRefusal;
+    uint64_t mDiscardedBytes = 0;
+    qv::kit::DeferredResponse mLater;
 };
 
 FileDrop::FileDrop(std::unique_ptr<FileStore> store, const Settings& settings)
     : mStore(std::move(store)), mMaxUploadBytes(settings.maxUploadBytes),
-      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()), mFreeSlots(slotsOf(settings.server.workers)),
+      mStartedMs(qv::qvSystemUtils::GetTimeBaseMs()),
       mLive([this] { return listText(); }, mBytesOut), mServer(settings.server)
 {
     mServer.options().onCompleted = [this](const qv::kit::CompletedRequest& request) {
@@ -244,55 +297,9 @@ void FileDrop::sendFile(Request& request)
 
 void FileDrop::receiveFile(Request& request)
 {
-    const UploadSlot slot(mFreeSlots);
-    if (!slot.isTaken()) {
-        request.setHeader("Retry-After", "2");
-        throw HttpError(503, kBusy);
-    }
-    try {
-        storeFile(request);
-    } catch (const HttpError&) {
-        discardRest(request);
-        throw;
-    }
-}
-
-void FileDrop::storeFile(Request& request)
-{
-    const std::string name = usableName(request);
-    const std::string what = "'" + name + "' cannot be stored";
-    const int64_t declared = request.contentLength();
-    if (mMaxUploadBytes != 0 && declared > 0 && static_cast<uint64_t>(declared) > mMaxUploadBytes)
-        throw tooLarge(mMaxUploadBytes);
-    const std::unique_ptr<Upload> upload = receive(request, what);
-    const StoreResult result = upload->commit(name);
-    if (result != StoreResult::Done && result != StoreResult::Replaced)
-        throw failure(result, what);
-    const bool isNew = result == StoreResult::Done;
-    if (isNew)
-        request.setHeader("Location", request.target().substr(0, request.target().find('?')));
-    mLive.listChanged();
-    const nlohmann::json stored = {{"name", name}, {"size", upload->size()}};
-    request.reply(isNew ? 201 : 200, stored.dump(), ContentType::json());
-}
-
-// When this throws, nothing is left of the upload.
-std::unique_ptr<Upload> FileDrop::receive(Request& request, const std::string& what)
-{
-    std::unique_ptr<Upload> upload = mStore->beginUpload();
-    if (!upload)
-        throw failure(
-            errno == ENOSPC || errno == EDQUOT ? StoreResult::NoSpace : StoreResult::Failed, what);
-    std::vector<char> block(kBlockBytes);
-    while (const size_t got = request.readBody(block.data(), block.size())) {
-        mBytesIn += got;
-        if (mMaxUploadBytes != 0 && upload->size() + got > mMaxUploadBytes)
-            throw tooLarge(mMaxUploadBytes);
-        const StoreResult result = upload->write(block.data(), got);
-        if (result != StoreResult::Done)
-            throw failure(result, what);
-    }
-    return upload;
+    const auto reception = std::make_shared<Reception>(*this, request);
+    reception->response().onBody([reception](std::string_view piece) { reception->take(piece); },
+                                 [reception] { reception->complete(); });
 }
 
 void FileDrop::deleteFile(Request& request)

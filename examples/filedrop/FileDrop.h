@@ -24,9 +24,7 @@ struct Settings
 
 /// Serves one directory.
 ///
-/// An upload keeps its worker until it ends; downloads and listeners keep none. An eighth of the
-/// workers, at least one, is reserved for other requests: the page stays available. Further uploads
-/// get 503 at once.
+/// Neither a transfer nor a listener occupies a worker while its client is slow.
 class FileDrop
 {
 public:
@@ -36,7 +34,7 @@ public:
     qv::kit::Server& server() { return mServer; }
 
 private:
-    class UploadSlot;
+    class Reception;
     using Handler = void (FileDrop::*)(qv::kit::Request&);
 
     void addRoutes();
@@ -49,8 +47,6 @@ private:
     void sendStatus(qv::kit::Request& request);
     void sendFile(qv::kit::Request& request);
     void receiveFile(qv::kit::Request& request);
-    void storeFile(qv::kit::Request& request);
-    std::unique_ptr<Upload> receive(qv::kit::Request& request, const std::string& what);
     void deleteFile(qv::kit::Request& request);
     void refuseOther(qv::kit::Request& request);
 
@@ -59,7 +55,6 @@ private:
     const int64_t mStartedMs;
     std::atomic<uint64_t> mBytesIn{0};
     std::atomic<uint64_t> mBytesOut{0};
-    std::atomic<int64_t> mFreeSlots;
     LiveList mLive;
     qv::kit::Server mServer;  // last: its threads use all above
 };
