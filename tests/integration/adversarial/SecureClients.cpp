@@ -169,10 +169,10 @@ TEST_F(SecureClients, ThatStopAfterTheirFirstMessageEndByTheirDeadline)
 TEST_F(SecureClients, ThatDoNotReadHoldAFewRequestsEach)
 {
     constexpr double kMaxHeld = 64;  // of a connection
-    constexpr size_t kRequests = 10000;
+    constexpr size_t kRequests = 30000;
     constexpr int kSteadyCount = 5;
     constexpr size_t kMaxConnectionBytes = 1u << 20;
-    const size_t connections = scaled(50);
+    const size_t connections = scaled(10);
     ServerProcess server({"threads=2", "workers=16", "timeout=120000"});
     serve(server.port(), 200);
     const Footprint before = server.quietFootprint();
@@ -189,7 +189,7 @@ TEST_F(SecureClients, ThatDoNotReadHoldAFewRequestsEach)
     const Report idle = server.metrics();
     std::string requests;
     for (size_t i = 0; i < kRequests; ++i)
-        requests += integration::getRequest("/buffered/1000");
+        requests += integration::getRequest("/buffered/150");
     std::vector<size_t> sent(connections);
     uint64_t taken = 0;
     int steady = 0;
@@ -232,7 +232,8 @@ TEST_F(SecureClients, ThatDoNotReadHoldAFewRequestsEach)
         client->reset();
     EXPECT_TRUE(integration::waitUntil([&] {
         const Report now = server.metrics();
-        return now.at("requests") == now.at("completed");
+        // Heads that were cut off are completed, too.
+        return now.at("completed") >= now.at("requests");
     }));
     server.expectAsBefore(before, kToleratedBytes);
     server.stop(kLimit);
