@@ -19,8 +19,8 @@ constexpr milliseconds kLimit = std::chrono::minutes(4);
 /// True in a build with sanitizers, where memory and times say nothing about the library.
 extern const bool kSanitized;
 
-/// `full` divided by the environment's WENDREL_ADVERSARIAL_DIVISOR, at least 1. Without it: by 1, in
-/// a build with sanitizers by 10.
+/// `full` divided by the environment's WENDREL_ADVERSARIAL_DIVISOR, at least 1. Without it: by 1,
+/// in a build with sanitizers by 10.
 size_t scaled(size_t full);
 
 /// Prints "metric: <case>.<name> <value> <unit>", the case being the running test, and adds the
