@@ -282,10 +282,13 @@ Route& Server::metrics(const std::string& pattern)
 {
     mCore->enableMetrics();
     ServerCore* const core = mCore;
-    return router().get(pattern, [core](Request& request) {
-        request.setHeader("Cache-Control", "no-store");
-        request.reply(core->metricsText(), ContentType(kMetricsType));
-    });
+    return router()
+        .get(pattern,
+             [core](Request& request) {
+                 request.setHeader("Cache-Control", "no-store");
+                 request.reply(core->metricsText(), ContentType(kMetricsType));
+             })
+        .nonBlocking();
 }
 
 void Server::health(const std::string& alive, const std::string& ready)

@@ -115,7 +115,7 @@ public:
                     request.reply("pong");
                 });
             },
-            kitOptions(workers));
+            kitOptions(workers), [](qv::kit::Server& server) { server.metrics(); });
     }
 
     KitTestServer& server() { return *mServer; }
@@ -243,7 +243,12 @@ TEST(KitWebSocketWorkers, AFloodOfMessagesLetsRequestsHaveTheirTurn)
     EXPECT_EQ(receiveFrame(flood), serverFrame(10, ""));
     RawClient asker(sessions.server().port());
     ASSERT_TRUE(asker.send(integration::getRequest("/ping/worker")));
-    ASSERT_TRUE(waitUntil([&] { return sessions.server().server().openRequests() == 1; }));
+    ASSERT_TRUE(waitUntil([&] {
+        return sessions.server()
+                   .get("/metrics")
+                   .body.find("wendrel_worker_queue_length{queue=\"requests\"} 1\n") !=
+               std::string::npos;
+    }));
     latch.open();
     EXPECT_TRUE(asker.receive());
     EXPECT_LT(sessions.handledBeforePing, kMessages);

@@ -162,8 +162,9 @@ public:
     /// Lines of the access log that were lost so far. Any thread.
     uint64_t lostAccessLines() const;
 
-    /// Counts requests, and adds a route for GET with the counters in the text format of
-    /// Prometheus. Call it before the server is started; otherwise nothing is counted.
+    /// Counts requests, and adds a `nonBlocking` route for GET with the counters in the text format
+    /// of Prometheus: it responds while all workers are busy. Call it before the server is started;
+    /// otherwise nothing is counted.
     Route& metrics(const std::string& pattern = "/metrics");
 
     /// Adds routes for GET: `alive` responds with 200, `ready` with 200, or with 503 after
