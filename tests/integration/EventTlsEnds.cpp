@@ -351,6 +351,7 @@ TEST(Handshakes, OfRefusedConnectionsDriveOutNoOther)
     constexpr size_t kRefused = 600;
     ServerOptions options = secureOptions();
     options.maxConnections = kPlaces;
+    options.tls.front().handshakeTimeout = std::chrono::minutes(10);
     EventRun run(&respond, options);
     const auto connectSilent = [&] {
         return std::make_unique<RawClient>(
