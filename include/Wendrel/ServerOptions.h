@@ -101,10 +101,10 @@ struct WENDREL_EXPORT ServerOptions
     /// with a daemon for which this is not possible.
     bool strictRequests = true;
 
-    /// Bytes of all bodies of this server together that have been received and not read. Beyond it
-    /// an upload is not read until its worker has read everything received, or until other requests
-    /// have freed memory; one whose writer waits for the end of the upload is ended with 503.
-    /// 0: no limit.
+    /// Bytes of all bodies of this server together that have been received and not read, and what a
+    /// `MemoryAccount` has been charged for. Beyond it an upload is not read until its worker has
+    /// read everything received, or until other requests have freed memory; one whose writer waits
+    /// for the end of the upload is ended with 503. 0: no limit.
     uint64_t memoryBudgetBytes = 268435456;
 
     /// Endpoints that serve HTTPS; empty: none. Their connections are decrypted in this process.

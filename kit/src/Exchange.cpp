@@ -40,6 +40,9 @@ constexpr int kMaxStatus = 599;
 constexpr const char* kRetryAfterSeconds = "1";
 constexpr size_t kPieceBytes = 65536;
 
+// A smaller body of a response is not counted: the memory of its connection is larger.
+constexpr size_t kMinHeldBytes = 16384;
+
 // A body up to this size is received before a request without a route is refused: the connection
 // can be used again.
 constexpr int64_t kMaxBodyOfRefusalBytes = 65536;
@@ -399,7 +402,7 @@ void Exchange::onBodyPaused(uint64_t queuedBytes)
             refusal.status = kContentTooLarge;
             refuse(By::Server, std::move(refusal));
         } else {
-            refuseBusy();
+            refuseBusy(By::Server);
         }
     });
 }
@@ -427,12 +430,12 @@ void Exchange::refuseAfterBody(Refusal&& refusal)
         refuse(By::Server, std::move(refusal));
 }
 
-void Exchange::refuseBusy()
+void Exchange::refuseBusy(By by)
 {
     Refusal refusal;
     refusal.status = kUnavailable;
     refusal.head.setHeader("Retry-After", kRetryAfterSeconds);
-    refuse(By::Server, std::move(refusal));
+    refuse(by, std::move(refusal));
 }
 
 void Exchange::dispatch()
@@ -460,7 +463,7 @@ void Exchange::submit()
     retain();
     if (!mCore.workers().submit(*this)) {
         const Rollback retained([this] { release(); });
-        refuseBusy();
+        refuseBusy(By::Server);
     }
 }
 
@@ -509,8 +512,7 @@ void Exchange::callHandler() noexcept
     });
     if (!isEnded && mIsStream)
         abandonStream("no memory");
-    std::string().swap(mBody);
-    mForm.reset();
+    dropBody();
     mCompressor.reset();
     // A deferred response may wait for long.
     if (mIsDeferred && !mRoute->mIsStreaming && mHasUpload)
@@ -747,6 +749,30 @@ bool Exchange::respond(By by, Response& response)
     return isSent;
 }
 
+// One that is larger than the free memory, but begins within it, is sent: it is there already.
+std::shared_ptr<const std::string> Exchange::holdReply(std::string&& body)
+{
+    struct Held
+    {
+        ~Held() { memory.credit(heldBytes); }
+        std::string text;
+        MemoryAccount memory;
+        uint64_t heldBytes = 0;
+    };
+    if (body.size() < kMinHeldBytes)
+        return std::make_shared<const std::string>(std::move(body));
+    const auto held = std::make_shared<Held>();
+    held->memory = MemoryAccount::of(*this);
+    if (!held->memory.hasSpace(1)) {
+        refuseBusy(By::Application);
+        return nullptr;
+    }
+    held->memory.chargeAlways(body.size());
+    held->heldBytes = body.size();
+    held->text = std::move(body);
+    return {held, &held->text};
+}
+
 bool Exchange::respondError(By by, ResponseHead&& head, int status, const std::string& message)
 {
     Response response = makeError(std::move(head), status, message);
@@ -969,7 +995,9 @@ const std::string& Exchange::body()
 {
     refuseInHook();
     if (!mHasBody) {
-        mBody = readAll(mRoute->mHasMaxBodyBytes ? mRoute->mMaxBodyBytes : mCore.maxBodyBytes());
+        const uint64_t limit =
+            mRoute->mHasMaxBodyBytes ? mRoute->mMaxBodyBytes : mCore.maxBodyBytes();
+        mBody = readAll(limit, true);
         mHasBody = true;
     }
     return mBody;
@@ -977,9 +1005,32 @@ const std::string& Exchange::body()
 
 const Form& Exchange::form(std::string_view contentType, const FormLimits& limits)
 {
-    if (!mForm)
-        mForm = std::make_unique<const Form>(FormReader::read(contentType, body(), limits));
+    if (!mForm) {
+        const std::string& text = body();
+        holdBody(text.size());
+        mForm = std::make_unique<const Form>(FormReader::read(contentType, text, limits));
+    }
     return *mForm;
+}
+
+// Bytes that have been received within the budget stay in it. New ones of a slow client are refused
+// when it is used up.
+void Exchange::holdBody(uint64_t bytes)
+{
+    if (mHeldBytes == 0)
+        mMemory = MemoryAccount::of(*this);
+    if (mRoute->mIsStreaming && !mMemory.hasSpace(std::min<uint64_t>(bytes, 1)))
+        throw HttpError(HttpError(kUnavailable).setHeader("Retry-After", kRetryAfterSeconds));
+    mMemory.chargeAlways(bytes);
+    mHeldBytes += bytes;
+}
+
+void Exchange::dropBody()
+{
+    std::string().swap(mBody);
+    mForm.reset();
+    if (mHeldBytes != 0)
+        mMemory.credit(std::exchange(mHeldBytes, 0));
 }
 
 size_t Exchange::readBody(char* buffer, size_t size)
@@ -995,7 +1046,7 @@ size_t Exchange::readBody(char* buffer, size_t size)
     return got;
 }
 
-std::string Exchange::readAll(uint64_t limitBytes)
+std::string Exchange::readAll(uint64_t limitBytes, bool isHeld)
 {
     const int64_t declared = declaredBodyBytes();
     if (declared > 0 && static_cast<uint64_t>(declared) > mReadBytes &&
@@ -1005,6 +1056,8 @@ std::string Exchange::readAll(uint64_t limitBytes)
     std::array<char, kPieceBytes> piece;
     for (;;) {
         const size_t got = readBody(piece.data(), piece.size());
+        if (isHeld)
+            holdBody(got);
         text.append(piece.data(), got);
         if (text.size() > limitBytes)
             throw HttpError(kContentTooLarge);

@@ -9,6 +9,7 @@
 
 #include <Wendrel/HttpDevices.h>
 #include <Wendrel/HttpRequest.h>
+#include <Wendrel/MemoryAccount.h>
 #include <Wendrel/kit/Request.h>
 #include <Wendrel/kit/Router.h>
 #include <Wendrel/kit/websocket/Handshake.h>
@@ -111,7 +112,7 @@ public:
     const std::string& body();
     const Form& form(std::string_view contentType, const FormLimits& limits);
     size_t readBody(char* buffer, size_t size);
-    std::string readAll(uint64_t limitBytes);
+    std::string readAll(uint64_t limitBytes) { return readAll(limitBytes, false); }
     int64_t declaredBodyBytes() const;
     bool startStream(ResponseHead&& head, const ContentType& type, int status);
     bool write(std::string_view data);
@@ -123,6 +124,9 @@ public:
                                const WebSocketHandler& accept);
     void attach(const std::type_info& type, std::shared_ptr<const void> value);
     const void* findAttached(const std::type_info& type) const;
+    // A body of one response, counted within the memory budget until it is destroyed. Null when the
+    // budget is used up: the request has been refused with 503.
+    std::shared_ptr<const std::string> holdReply(std::string&& body);
     void noteDeferred() { mIsDeferred = true; }
 
 private:
@@ -206,7 +210,7 @@ private:
     void beginBody();
     void refuse(By by, Refusal&& refusal);
     void refuseAfterBody(Refusal&& refusal);
-    void refuseBusy();
+    void refuseBusy(By by);
     void dispatch();
     bool hasUpload() const;
     uint64_t bodyLimit() const;
@@ -241,6 +245,9 @@ private:
     void queueTurn() noexcept;
     void takeTurn() noexcept;
     bool deliverPiece(const BodyDelivery::Callbacks& callbacks);
+    void holdBody(uint64_t bytes);
+    void dropBody();
+    std::string readAll(uint64_t limitBytes, bool isHeld);
     void failDelivery(const HttpError& error);
     void dropCallbacks(bool isGoneDropped);
     void report() const;
@@ -273,6 +280,8 @@ private:
     std::unique_ptr<Compressor> mCompressor;  // of a stream; null: none
     std::string mBody;
     std::unique_ptr<const Form> mForm;
+    MemoryAccount mMemory;  // counts both
+    uint64_t mHeldBytes = 0;
     std::once_flag mRestMade;
     std::string mRest;  // of the path
 

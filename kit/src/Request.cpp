@@ -68,7 +68,11 @@ bool Responder::reply(std::string body, const ContentType& type)
 
 bool Responder::reply(int status, std::string body, const ContentType& type)
 {
-    return replyText(status, std::make_shared<const std::string>(std::move(body)), &type);
+    Exchange* const exchange = responding();
+    if (!exchange)
+        return false;
+    auto held = exchange->holdReply(std::move(body));
+    return held && replyText(status, std::move(held), &type);
 }
 
 bool Responder::reply(int status)

@@ -267,11 +267,13 @@ void ServerCore::awaitStopping()
         mStoppingCalled.wait(&mStoppingMutex, qvWaitCondition::kNoTimeout);
 }
 
-void ServerCore::openSession(std::unique_ptr<UpgradedConnection> connection,
+void ServerCore::openSession(const MemoryAccount& memory,
+                             std::unique_ptr<UpgradedConnection> connection,
                              const websocket::Agreement& agreement,
                              const std::shared_ptr<websocket::SessionHandler>& handler,
                              const std::shared_ptr<const websocket::WebSocketOptions>& options)
 {
+    mSessions->shareMemory(memory);
     mSessions->open(std::move(connection), agreement, handler, options);
 }
 

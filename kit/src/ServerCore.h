@@ -104,8 +104,8 @@ public:
     // Calls the application, without a lock.
     void report(const CompletedRequest& request) const noexcept;
 
-    // A handshake has been accepted. Thread: the daemon's.
-    void openSession(std::unique_ptr<UpgradedConnection> connection,
+    // A handshake has been accepted. `memory` is the server's. Thread: the daemon's.
+    void openSession(const MemoryAccount& memory, std::unique_ptr<UpgradedConnection> connection,
                      const websocket::Agreement& agreement,
                      const std::shared_ptr<websocket::SessionHandler>& handler,
                      const std::shared_ptr<const websocket::WebSocketOptions>& options);

@@ -100,8 +100,8 @@ void Exchange::acceptUpgrade(ResponseHead&& head, std::unique_ptr<Upgrade> upgra
 void Exchange::onUpgraded(std::unique_ptr<UpgradedConnection> connection)
 {
     try {
-        mCore.openSession(std::move(connection), mUpgrade->agreement, mUpgrade->handler,
-                          mUpgrade->options);
+        mCore.openSession(MemoryAccount::of(*this), std::move(connection), mUpgrade->agreement,
+                          mUpgrade->handler, mUpgrade->options);
     } catch (const std::exception& error) {
         log("the WebSocket session was not opened: ", error.what());
     }

@@ -2,8 +2,9 @@
 #ifndef WENDREL_KIT_WEBSOCKET_BUFFER_H
 #define WENDREL_KIT_WEBSOCKET_BUFFER_H
 
+#include <Wendrel/MemoryAccount.h>
+
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -13,38 +14,48 @@
 namespace qv::kit::websocket
 {
 
-// Counts bytes of all sessions. Any thread, no lock.
+// Counts bytes of all sessions within a limit of their own, and within that of a server. Any
+// thread, no lock.
 class Budget
 {
 public:
-    explicit Budget(uint64_t limitBytes) : mLimitBytes(limitBytes) {}
+    explicit Budget(uint64_t limitBytes) : mOwn(limitBytes) {}
 
-    // False, and nothing is counted, when the limit would be exceeded. Others never see refused
-    // bytes counted: theirs are taken if they fit.
+    // They are counted there as well. Before anything is counted.
+    void share(const MemoryAccount& memory) { mShared = memory; }
+
+    // False, and nothing is counted, when one of the limits would be exceeded. Others may see bytes
+    // counted in the shared budget that are refused by the own one, which is rarely the smaller.
     bool charge(uint64_t bytes)
     {
-        uint64_t used = usedBytes();
-        do {
-            if (!fits(bytes, used))
-                return false;
-        } while (!mUsedBytes.compare_exchange_weak(used, used + bytes, std::memory_order_relaxed));
-        return true;
+        if (!mShared.charge(bytes))
+            return false;
+        if (mOwn.charge(bytes))
+            return true;
+        mShared.credit(bytes);
+        return false;
     }
-    void chargeAlways(uint64_t bytes) { mUsedBytes.fetch_add(bytes, std::memory_order_relaxed); }
-    void credit(uint64_t bytes) { mUsedBytes.fetch_sub(bytes, std::memory_order_relaxed); }
-    uint64_t usedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
+    void chargeAlways(uint64_t bytes)
+    {
+        mShared.chargeAlways(bytes);
+        mOwn.chargeAlways(bytes);
+    }
+    void credit(uint64_t bytes)
+    {
+        mShared.credit(bytes);
+        mOwn.credit(bytes);
+    }
+    uint64_t usedBytes() const { return mOwn.getUsedBytes(); }
     // Whether `charge` would succeed, and whether it could while nothing else is counted.
-    bool hasSpace(uint64_t bytes) const { return fits(bytes, usedBytes()); }
-    bool canEverTake(uint64_t bytes) const { return bytes <= mLimitBytes; }
+    bool hasSpace(uint64_t bytes) const { return mOwn.hasSpace(bytes) && mShared.hasSpace(bytes); }
+    bool canEverTake(uint64_t bytes) const
+    {
+        return bytes <= mOwn.getLimitBytes() && bytes <= mShared.getLimitBytes();
+    }
 
 private:
-    bool fits(uint64_t bytes, uint64_t used) const
-    {
-        return bytes == 0 || (used <= mLimitBytes && bytes <= mLimitBytes - used);
-    }
-
-    const uint64_t mLimitBytes;
-    std::atomic<uint64_t> mUsedBytes{0};
+    const MemoryAccount mOwn;
+    MemoryAccount mShared;
 };
 
 // Contiguous bytes that grow as they arrive, never ahead of a length that was only announced. Not

@@ -58,6 +58,11 @@ std::shared_ptr<Session> Engine::open(std::unique_ptr<UpgradedConnection> connec
     return session;
 }
 
+void Engine::shareMemory(const MemoryAccount& memory)
+{
+    mMembership->share(memory);
+}
+
 size_t Engine::sessionCount() const
 {
     return mMembership->count();

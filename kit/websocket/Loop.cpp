@@ -54,6 +54,14 @@ private:
 
 }  // namespace
 
+// Every session that counts anything has joined after a call, under the same mutex.
+void Membership::share(const MemoryAccount& memory)
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (!std::exchange(mIsShared, true))
+        budget.share(memory);
+}
+
 void Membership::leave()
 {
     const std::lock_guard<std::mutex> lock(mMutex);

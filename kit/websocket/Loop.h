@@ -50,6 +50,8 @@ public:
         begin();
         return true;
     }
+    // The first call counts: the budget is part of that of `memory`.
+    void share(const MemoryAccount& memory);
     void leave();
     void close();
     // An earlier limit of a wait, also of one that goes on.
@@ -68,6 +70,7 @@ private:
     std::chrono::steady_clock::time_point mWaitLimit = std::chrono::steady_clock::time_point::max();
     size_t mCount = 0;
     bool mIsClosed = false;
+    bool mIsShared = false;
 };
 
 // Waits for descriptors, deadlines and wake-ups of its connections. Its own work needs no memory,

@@ -6,12 +6,18 @@
 #include "request/DispatchAccess.h"
 #include "request/MemoryBudget.h"
 
+#include <limits>
+
 namespace qv
 {
 
 using impl::DispatchAccess;
 
 MemoryAccount::MemoryAccount() = default;
+
+MemoryAccount::MemoryAccount(uint64_t limitBytes)
+    : mBudget(std::make_shared<impl::MemoryBudget>(limitBytes))
+{}
 
 // The connection may be deleted once the request is completed, which takes the mutex.
 MemoryAccount MemoryAccount::of(HttpBaseRequest& request)
@@ -29,6 +35,12 @@ bool MemoryAccount::charge(uint64_t bytes) const
     return !mBudget || mBudget->chargeIfFree(bytes);
 }
 
+void MemoryAccount::chargeAlways(uint64_t bytes) const
+{
+    if (mBudget)
+        mBudget->charge(bytes);
+}
+
 void MemoryAccount::credit(uint64_t bytes) const
 {
     if (mBudget)
@@ -38,6 +50,16 @@ void MemoryAccount::credit(uint64_t bytes) const
 bool MemoryAccount::hasSpace(uint64_t bytes) const
 {
     return !mBudget || bytes <= mBudget->getFreeBytes();
+}
+
+uint64_t MemoryAccount::getUsedBytes() const
+{
+    return mBudget ? mBudget->getUsedBytes() : 0;
+}
+
+uint64_t MemoryAccount::getLimitBytes() const
+{
+    return mBudget ? mBudget->getLimitBytes() : std::numeric_limits<uint64_t>::max();
 }
 
 }  // namespace qv

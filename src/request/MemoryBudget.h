@@ -32,6 +32,7 @@ public:
         return true;
     }
 
+    uint64_t getLimitBytes() const { return mLimitBytes; }
     uint64_t getUsedBytes() const { return mUsedBytes; }
     bool isExceeded() const { return mUsedBytes > mLimitBytes; }
 

@@ -90,6 +90,8 @@ void addRoutes(Router& router)
              [](Request& r) { r.reply(std::to_string(r.readAll(kBodyBytes).size())); })
         .streaming();
     router.put("/delivered", deliver).streaming();
+    router.get("/large", [](Request& r) { r.reply(std::string(100000, 'l')); });
+    router.put("/form", [](Request& r) { r.reply(r.form().field("a").asText()); });
     router.get("/later", [](Request& request) {
         auto later = request.defer();
         later.onGone([] {});
@@ -140,6 +142,11 @@ std::vector<Part> makeParts()
         {"streaming body", withBody("PUT", "/streaming", body), 200},
         {"delivered body", withBody("PUT", "/delivered", body), 200},
         {"chunked body", chunkedHead("PUT", "/delivered") + chunk(body) + "0\r\n\r\n", 200},
+        {"large text", getRequest("/large"), 200},
+        {"form",
+         headOf("PUT", "/form", 6, "Content-Type: application/x-www-form-urlencoded\r\n") +
+             "a=form",
+         200},
         {"deferred", getRequest("/later"), 200},
         {"deferred stream", getRequest("/stream-later"), 200},
         {"stream", getRequest("/stream"), 200},

@@ -1,8 +1,12 @@
-// The queues of deferred streams and event streams within the memory budget of the server.
+// The memory that clients make the kit hold, within the memory budget of the server: queues of
+// streams and sessions, bodies that are read whole, and large responses.
 
 #include "support/KitTestServer.h"
+#include "support/SessionFrames.h"
 
 #include <Wendrel/kit/EventStream.h>
+
+#include <support/TemporaryDirectory.h>
 
 #include <atomic>
 #include <chrono>
@@ -11,6 +15,9 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace integration
 {
@@ -26,20 +33,35 @@ using qv::kit::Request;
 using qv::kit::Router;
 using qv::kit::SlowClient;
 using qv::kit::StreamWrite;
+using qv::kit::websocket::SendResult;
+using qv::kit::websocket::Session;
 
 constexpr size_t kBudgetBytes = 400000;
 constexpr size_t kBlockBytes = 10000;
 constexpr size_t kQueueBytes = 100000000;  // never reached
-constexpr std::chrono::milliseconds kQuiet(300);
+constexpr const char* kSocketName = "app.sock";
+
+class Opening : public qv::kit::websocket::SessionHandler
+{
+public:
+    explicit Opening(Channel<std::shared_ptr<Session>>& opened) : mOpened(opened) {}
+    void onOpen(const std::shared_ptr<Session>& session) override { mOpened.push(session); }
+
+private:
+    Channel<std::shared_ptr<Session>>& mOpened;
+};
 
 // Streams of clients that read when the test reads.
 struct Streaming
 {
     explicit Streaming(const EventStreamOptions& events = {}) : topic(events) {}
 
-    static qv::kit::ServerOptions options()
+    // On one thread for all connections.
+    qv::kit::ServerOptions options() const
     {
         auto options = kitOptions(2);
+        options.threads = 1;
+        options.listen.push_back("unix:" + (directory / kSocketName));
         options.memoryBudgetBytes = kBudgetBytes;
         return options;
     }
@@ -53,24 +75,31 @@ struct Streaming
                      : DeferredStream();
     }
 
-    // Writes to a client that does not read until the budget is used up but for a block.
+    // A client over a Unix socket, whose space changes only when one of the two ends uses it.
+    RawClient::Connected connectUnix() const
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string path = directory / kSocketName;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(::connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return {descriptor};
+    }
+
+    // Writes to a client that does not read until the budget is used up but for a block, and the
+    // socket is full: the thread of the connections takes no byte in two turns that it has made.
     size_t useUp(DeferredStream& stream)
     {
         const std::string block(kBlockBytes, 'b');
         size_t written = 0;
-        size_t seen = 0;
-        auto since = std::chrono::steady_clock::now();
         EXPECT_TRUE(waitUntil([&] {
             while (stream.write(block) == StreamWrite::Taken)
                 written += block.size();
-            // The sockets are full: the daemon thread has not taken a byte for a while.
-            const auto now = std::chrono::steady_clock::now();
-            const bool isQuiet =
-                seen == written && stream.queuedBytes() > kBudgetBytes - kBlockBytes;
-            if (!isQuiet)
-                since = now;
-            seen = written;
-            return now - since > kQuiet;
+            const size_t queued = stream.queuedBytes();
+            EXPECT_EQ(server.get("/turn").status, 404);
+            EXPECT_EQ(server.get("/turn").status, 404);
+            return queued > kBudgetBytes - kBlockBytes && stream.queuedBytes() == queued;
         }));
         EXPECT_LE(stream.queuedBytes(), kBudgetBytes);
         return written;
@@ -81,8 +110,11 @@ struct Streaming
         return waitUntil([&] { return server.server().openRequests() == 0; });
     }
 
+    const qv::tests::TemporaryDirectory directory;
     EventStream topic;
     Channel<std::shared_ptr<DeferredResponse>> responses;
+    Channel<std::shared_ptr<Session>> sessions;
+    Latch reading;  // of the handlers of bodies
     KitTestServer server{
         [this](Router& router) {
             const auto wait = [this](Request& request) {
@@ -93,6 +125,27 @@ struct Streaming
             router.put("/", [](Request& request) {
                 request.reply(std::to_string(request.body().size()));
             });
+            const auto hold = [this](Request& request) {
+                const size_t size = request.body().size();
+                reading.wait();
+                request.reply(std::to_string(size));
+            };
+            router.put("/held", hold);
+            router.put("/held/streaming", hold).streaming();
+            router.put("/held/form", [this](Request& request) {
+                const size_t size = request.form().field("a").asText().size();
+                reading.wait();
+                request.reply(std::to_string(size));
+            });
+            router.get("/text/{bytes}", [](Request& request) {
+                request.reply(
+                    std::string(static_cast<size_t>(request.pathParameter("bytes").asInt()), 't'));
+            });
+            qv::kit::websocket::WebSocketOptions dropping;
+            dropping.queuePolicy = qv::kit::websocket::QueuePolicy::DropNewest;
+            dropping.sendQueueBytes = kQueueBytes;
+            router.webSocket("/session", dropping,
+                             [this](Request&) { return std::make_shared<Opening>(sessions); });
             router.get("/events", [this](Request& request) { topic.subscribe(request); });
         },
         options()};
@@ -124,7 +177,7 @@ TEST(KitStreamMemory, IsFreeAgainAfterEachEndOfAStream)
     };
     for (const std::string end : {"read", "destroyed", "left", "head"}) {
         SCOPED_TRACE(end);
-        RawClient client(run.server.port());
+        RawClient client(run.connectUnix());
         DeferredStream stream = run.start(client, end == "head" ? "HEAD" : "GET");
         if (end == "head") {
             EXPECT_EQ(stream.write(std::string(2 * kBudgetBytes, 'h')), StreamWrite::Taken);
@@ -147,7 +200,7 @@ TEST(KitStreamMemory, IsFreeAgainAfterEachEndOfAStream)
 TEST(KitStreamMemory, AStreamWithoutMemoryIsToldWhenThereIsSome)
 {
     Streaming run;
-    RawClient slow(run.server.port());
+    RawClient slow(run.connectUnix());
     DeferredStream first = run.start(slow);
     run.useUp(first);
     const std::string data(2 * kBlockBytes, 'd');
@@ -183,7 +236,7 @@ TEST(KitStreamMemory, AStreamWithoutMemoryIsToldWhenThereIsSome)
 TEST(KitStreamMemory, AStreamMayEndWhileItWaitsForMemory)
 {
     Streaming run;
-    RawClient slow(run.server.port());
+    RawClient slow(run.connectUnix());
     DeferredStream first = run.start(slow);
     run.useUp(first);
     auto alive = std::make_shared<int>();
@@ -215,7 +268,7 @@ TEST(KitStreamMemory, AStreamMayEndWhileItWaitsForMemory)
 TEST(KitStreamMemory, IsSharedWithUploads)
 {
     Streaming run;
-    RawClient slow(run.server.port());
+    RawClient slow(run.connectUnix());
     DeferredStream stream = run.start(slow);
     run.useUp(stream);
     const std::string upload = withBody("PUT", "/", std::string(3 * kBlockBytes, 'u'));
@@ -277,7 +330,7 @@ TEST(KitStreamMemory, EndsTheEventStreamOfASlowClient)
 TEST(KitStreamMemory, LeavesEventsOut)
 {
     Streaming run(unlimited(SlowClient::Skip));
-    RawClient hog(run.server.port());
+    RawClient hog(run.connectUnix());
     DeferredStream stream = run.start(hog);
     RawClient client(run.server.port());
     ASSERT_TRUE(client.send(getRequest("/events")));
@@ -301,7 +354,7 @@ TEST(KitStreamMemory, EndsAnEventStreamThatCannotBeReplayed)
         Streaming run(unlimited(policy));
         run.topic.publish("", "first", "n1");
         run.topic.publish("", std::string(3 * kBlockBytes, 'x'), "n2");
-        RawClient hog(run.server.port());
+        RawClient hog(run.connectUnix());
         DeferredStream stream = run.start(hog);
         run.useUp(stream);
         const std::string again = getRequest("/events", "Last-Event-ID: n1\r\n");
@@ -318,6 +371,142 @@ TEST(KitStreamMemory, EndsAnEventStreamThatCannotBeReplayed)
         ASSERT_TRUE(client.receiveHead());
         EXPECT_EQ(receiveEvents(client, "id: n2\n").find("<closed>"), std::string::npos);
     }
+}
+
+// Up to the last byte.
+void useUpAll(DeferredStream& stream, Streaming& run)
+{
+    run.useUp(stream);
+    const size_t queued = stream.queuedBytes();
+    EXPECT_EQ(stream.write(std::string(kBudgetBytes - queued, 'b')), StreamWrite::Taken);
+}
+
+// Bytes of the budget that are free: a stream takes no more.
+bool isFree(DeferredStream& stream, size_t bytes)
+{
+    return stream.write(std::string(bytes, 'f')) == StreamWrite::Taken;
+}
+
+// The body itself, and once more for its fields.
+TEST(KitMemory, HoldsABodyUntilItsHandlerReturns)
+{
+    constexpr size_t kBodyBytes = kBudgetBytes / 2 - 20000;
+    const struct
+    {
+        const char* name;
+        std::string target;
+        size_t heldBytes;
+    } rows[] = {{"body", "/held", kBodyBytes},
+                {"streamed body", "/held/streaming", kBodyBytes},
+                {"form", "/held/form", 2 * kBodyBytes}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Streaming run;
+        RawClient client(run.server.port());
+        ASSERT_TRUE(client.send("PUT " + row.target +
+                                " HTTP/1.1\r\nHost: x\r\n"
+                                "Content-Type: application/x-www-form-urlencoded\r\n"
+                                "Content-Length: " +
+                                std::to_string(kBodyBytes) +
+                                "\r\n\r\na=" + std::string(kBodyBytes - 2, 'x')));
+        ASSERT_TRUE(run.reading.waitForArrivals(1));
+        {
+            RawClient slow(run.server.port());
+            DeferredStream stream = run.start(slow);
+            EXPECT_FALSE(isFree(stream, kBudgetBytes - row.heldBytes + 1));
+            EXPECT_TRUE(isFree(stream, kBudgetBytes - row.heldBytes));
+            stream.finish();
+            EXPECT_TRUE(slow.receive());
+        }
+        run.reading.open();
+        const auto response = client.receive();
+        ASSERT_TRUE(response);
+        EXPECT_EQ(response->status, 200);
+        RawClient after(run.server.port());
+        DeferredStream stream = run.start(after);
+        EXPECT_TRUE(waitUntil([&] { return isFree(stream, kBudgetBytes); }));
+    }
+}
+
+TEST(KitMemory, RefusesWhatASlowClientWouldMakeItHold)
+{
+    Streaming run;
+    RawClient hog(run.connectUnix());
+    DeferredStream stream = run.start(hog);
+    useUpAll(stream, run);
+    run.reading.open();
+    const std::string requests[] = {getRequest("/text/16384"),
+                                    withBody("PUT", "/held/streaming", "x")};
+    for (const std::string& request : requests) {
+        const RawResponse response = run.server.ask(request);
+        EXPECT_EQ(response.status, 503);
+        EXPECT_EQ(response.value("Retry-After"), "1");
+    }
+    EXPECT_EQ(run.server.get("/text/16383").body.size(), 16383u);
+    EXPECT_EQ(run.server.ask(withBody("PUT", "/held/streaming", "")).status, 200);
+    hog.close();
+    ASSERT_TRUE(waitUntil([&] { return stream.isGone() && stream.queuedBytes() == 0; }));
+    EXPECT_EQ(run.server.get("/text/16384").body.size(), 16384u);
+    // One that begins within the free memory is sent.
+    EXPECT_EQ(run.server.get("/text/1000000").body.size(), 1000000u);
+}
+
+// The callbacks, too, are destroyed with a refusal: they may hold the deferred response.
+TEST(KitMemory, EndsADeferredResponseThatItRefuses)
+{
+    Streaming run;
+    RawClient hog(run.connectUnix());
+    DeferredStream stream = run.start(hog);
+    useUpAll(stream, run);
+    RawClient client(run.server.port());
+    ASSERT_TRUE(client.send(getRequest("/wait")));
+    auto later = run.responses.pop().value_or(nullptr);
+    ASSERT_TRUE(later);
+    const std::weak_ptr<DeferredResponse> alive = later;
+    later->onGone([later] {});
+    EXPECT_FALSE(later->reply(std::string(16384, 't')));
+    later.reset();
+    EXPECT_TRUE(alive.expired());
+    EXPECT_EQ(client.receive().value_or(RawResponse()).status, 503);
+}
+
+TEST(KitMemory, HoldsATextUntilItHasBeenSent)
+{
+    constexpr size_t kTextBytes = 3000000;  // more than the buffers of a Unix socket
+    Streaming run;
+    RawClient slow(run.connectUnix());
+    ASSERT_TRUE(slow.send(getRequest("/text/" + std::to_string(kTextBytes))));
+    ASSERT_TRUE(slow.receiveHead());
+    RawClient client(run.server.port());
+    DeferredStream stream = run.start(client);
+    EXPECT_FALSE(isFree(stream, 1));
+    EXPECT_EQ(slow.receiveExactly(kTextBytes).size(), kTextBytes);
+    EXPECT_TRUE(waitUntil([&] { return isFree(stream, kBudgetBytes); }));
+}
+
+TEST(KitMemory, HoldsTheQueuesOfSessions)
+{
+    constexpr size_t kMessageBytes = 50000;
+    Streaming run;
+    RawClient slow(run.connectUnix());
+    ASSERT_TRUE(slow.send(sessionHandshake("/session")));
+    ASSERT_TRUE(slow.receiveHead());
+    const std::shared_ptr<Session> session = run.sessions.pop().value_or(nullptr);
+    ASSERT_TRUE(session);
+    // Policy DropNewest: more than the socket takes.
+    const std::string message(kMessageBytes, 'm');
+    SendResult result = SendResult::Queued;
+    ASSERT_TRUE(waitUntil([&] {
+        result = session->sendText(message);
+        return result != SendResult::Queued && session->bufferedBytes() > kMessageBytes;
+    }));
+    EXPECT_EQ(result, SendResult::Dropped);
+    EXPECT_LE(session->bufferedBytes(), kBudgetBytes);
+    RawClient client(run.server.port());
+    DeferredStream stream = run.start(client);
+    EXPECT_FALSE(isFree(stream, kBudgetBytes - kMessageBytes));
+    slow.reset();
+    EXPECT_TRUE(waitUntil([&] { return isFree(stream, kBudgetBytes); }));
 }
 
 }  // namespace

@@ -62,5 +62,43 @@ TEST(Budget, RefusesNothingThatFitsWhileAnotherThreadIsRefused)
     EXPECT_EQ(budget.usedBytes(), 0u);
 }
 
+TEST(Budget, CountsInASharedBudgetToo)
+{
+    const struct
+    {
+        const char* name;
+        uint64_t own;
+        uint64_t shared;
+        uint64_t usedByOthers;
+        bool isTaken;
+        bool isEverTaken;
+    } rows[] = {
+        {"all of both", 10, 10, 0, true, true},
+        {"more than the own one", 9, 20, 0, false, false},
+        {"more than the shared one", 20, 9, 0, false, false},
+        {"used up by others", 20, 20, 11, false, true},
+        {"the rest of others", 20, 20, 10, true, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const MemoryAccount shared(row.shared);
+        shared.chargeAlways(row.usedByOthers);
+        Budget budget(row.own);
+        budget.share(shared);
+        EXPECT_EQ(budget.canEverTake(10), row.isEverTaken);
+        EXPECT_EQ(budget.hasSpace(10), row.isTaken);
+        EXPECT_EQ(budget.charge(10), row.isTaken);
+        const uint64_t taken = row.isTaken ? 10 : 0;
+        EXPECT_EQ(budget.usedBytes(), taken);
+        EXPECT_EQ(shared.getUsedBytes(), row.usedByOthers + taken);
+        budget.credit(taken);
+        budget.chargeAlways(30);
+        EXPECT_EQ(budget.usedBytes(), 30u);
+        EXPECT_EQ(shared.getUsedBytes(), row.usedByOthers + 30);
+        budget.credit(30);
+        EXPECT_EQ(shared.getUsedBytes(), row.usedByOthers);
+    }
+}
+
 }  // namespace
 }  // namespace qv::kit::websocket

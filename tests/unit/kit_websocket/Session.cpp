@@ -2,6 +2,8 @@
 
 #include "Peer.h"
 
+#include <Wendrel/MemoryAccount.h>
+
 #include <support/CapturedLog.h>
 #include <support/Waiting.h>
 
@@ -486,6 +488,18 @@ TEST(Session, ClosesWith1013WhenTheQueueIsFull)
 
 constexpr size_t kSmallBudgetBytes = 12000;
 
+// The budget of the sessions, or one that they share with others.
+struct SmallBudget : SessionRun
+{
+    SmallBudget(bool isShared, QueuePolicy policy, int bufferBytes = 4096)
+        : SessionRun(smallQueue(policy), {}, {}, bufferBytes,
+                     {1, isShared ? UINT64_MAX : kSmallBudgetBytes})
+    {
+        if (isShared)
+            engine.shareMemory(qv::MemoryAccount(kSmallBudgetBytes));
+    }
+};
+
 // A first session, whose peer is returned, holds most of that budget with an unfinished message of
 // 8000 bytes; then the session of the run is opened.
 std::unique_ptr<Peer> useUpBudget(SessionRun& run)
@@ -511,9 +525,12 @@ TEST(Session, TreatsAnExhaustedBudgetAsAFullQueue)
                 {QueuePolicy::Close, SendResult::Closed}};
     for (const auto& row : rows) {
         SCOPED_TRACE(static_cast<int>(row.policy));
-        SessionRun run(smallQueue(row.policy), {}, {}, 4096, {1, kSmallBudgetBytes});
-        const std::unique_ptr<Peer> holder = useUpBudget(run);
-        EXPECT_EQ(run.session->sendText(std::string(5000, 'x')), row.result);
+        for (const bool isShared : {false, true}) {
+            SCOPED_TRACE(isShared);
+            SmallBudget run(isShared, row.policy);
+            const std::unique_ptr<Peer> holder = useUpBudget(run);
+            EXPECT_EQ(run.session->sendText(std::string(5000, 'x')), row.result);
+        }
     }
 }
 
@@ -530,9 +547,9 @@ TEST(Session, AcceptsASmallMessageWhileNothingWaitsThoughTheBudgetIsExhausted)
 }
 
 // A callback that tries again at once would otherwise be called without end.
-TEST(Session, CallsOnDrainedAfterFullWhenTheBudgetHasSpaceAgain)
+void callOnDrainedAfterFull(bool isShared)
 {
-    SessionRun run(smallQueue(QueuePolicy::Refuse), {}, {}, 4096, {1, kSmallBudgetBytes});
+    SmallBudget run(isShared, QueuePolicy::Refuse);
     const std::string message(5000, 'm');
     std::atomic<int> refused{0};
     run.recorder->whenDrained = [&](Session& session) {
@@ -552,6 +569,16 @@ TEST(Session, CallsOnDrainedAfterFullWhenTheBudgetHasSpaceAgain)
     holder.reset();
     EXPECT_EQ(peer.receive(), "81:" + message);
     EXPECT_EQ(refused, 0);
+}
+
+TEST(Session, CallsOnDrainedAfterFullWhenTheBudgetHasSpaceAgain)
+{
+    callOnDrainedAfterFull(false);
+}
+
+TEST(Session, CallsOnDrainedAfterFullWhenTheSharedBudgetHasSpaceAgain)
+{
+    callOnDrainedAfterFull(true);
 }
 
 // Otherwise a callback that always fills the queue of a fast peer would keep the loop.
@@ -595,14 +622,17 @@ TEST(Session, CallsOnDrainedOnceInATurn)
 
 TEST(Session, DropsAMessageThatExceedsTheWholeBudget)
 {
-    SessionRun run(smallQueue(QueuePolicy::Refuse), {}, {}, 0, {1, kSmallBudgetBytes});
-    run.open();
-    const std::string text(kSmallBudgetBytes - 3, 'x');
-    EXPECT_EQ(run.session->send(PreparedMessage::text(text)), SendResult::Dropped);
-    EXPECT_EQ(run.session->sendText(text), SendResult::Dropped);
-    EXPECT_EQ(run.session->sendText(text.substr(1)), SendResult::Queued);
-    EXPECT_EQ(run.peer->receive(), "81:" + text.substr(1));
-    EXPECT_THAT(run.recorder->events(), ElementsAre("open"));
+    for (const bool isShared : {false, true}) {
+        SCOPED_TRACE(isShared);
+        SmallBudget run(isShared, QueuePolicy::Refuse, 0);
+        run.open();
+        const std::string text(kSmallBudgetBytes - 3, 'x');
+        EXPECT_EQ(run.session->send(PreparedMessage::text(text)), SendResult::Dropped);
+        EXPECT_EQ(run.session->sendText(text), SendResult::Dropped);
+        EXPECT_EQ(run.session->sendText(text.substr(1)), SendResult::Queued);
+        EXPECT_EQ(run.peer->receive(), "81:" + text.substr(1));
+        EXPECT_THAT(run.recorder->events(), ElementsAre("open"));
+    }
 }
 
 // Two sessions whose peers read nothing, with 50000 bytes of the budget left.

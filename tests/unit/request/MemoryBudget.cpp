@@ -264,14 +264,30 @@ TEST(MemoryAccount, OfARequestIsTheBudgetOfItsServer)
     EXPECT_FALSE(account.hasSpace(1));
 }
 
+TEST(MemoryAccount, OfALimitIsShared)
+{
+    const MemoryAccount account(10);
+    const MemoryAccount copy = account;
+    EXPECT_EQ(copy.getLimitBytes(), 10u);
+    EXPECT_TRUE(account.charge(7));
+    EXPECT_FALSE(copy.charge(4));
+    copy.chargeAlways(4);
+    EXPECT_EQ(account.getUsedBytes(), 11u);
+    EXPECT_FALSE(account.hasSpace(1));
+    copy.credit(11);
+    EXPECT_TRUE(account.hasSpace(10));
+    EXPECT_FALSE(MemoryAccount(0).charge(1));
+}
+
 TEST(MemoryAccount, TakesEverythingWithoutABudget)
 {
     Connected connection;
     WorkerRequest request;
     const auto takesAll = [](const MemoryAccount& account) {
         const bool takes = account.hasSpace(UINT64_MAX) && account.charge(UINT64_MAX);
+        account.chargeAlways(1);
         account.credit(UINT64_MAX);
-        return takes;
+        return takes && account.getUsedBytes() == 0 && account.getLimitBytes() == UINT64_MAX;
     };
     EXPECT_TRUE(takesAll(MemoryAccount()));
     EXPECT_TRUE(takesAll(MemoryAccount::of(request)));  // polling mode

@@ -15,8 +15,9 @@
 
 namespace qv
 {
+class MemoryAccount;
 class UpgradedConnection;
-}
+}  // namespace qv
 
 namespace qv::kit::websocket
 {
@@ -34,6 +35,7 @@ struct EngineOptions
     /// was full, but for messages of up to 4096 bytes, with their frame, while nothing else waits;
     /// a session that receives a message larger than its buffer is closed with 1013; and one with
     /// messages that wait for the executor is not read until they are handled.
+    /// The sessions of a `kit::Server` are counted in its `ServerOptions::memoryBudgetBytes`, too.
     uint64_t memoryBudgetBytes = 268435456;
 };
 
@@ -67,6 +69,10 @@ public:
     /// callback. A call while another one waits can shorten the time of that one, and returns with
     /// it and its result.
     bool shutDown(std::chrono::milliseconds deadline);
+
+    /// The queues and unfinished messages of all sessions are counted in the budget of `memory`,
+    /// too. Before the first `open`; a further call does nothing. Any thread.
+    void shareMemory(const MemoryAccount& memory);
 
 private:
     std::vector<std::shared_ptr<Loop>> mLoops;

@@ -20,7 +20,7 @@ namespace qv::kit::websocket
 enum class SendResult : uint8_t {
     Queued,   ///< it will be sent after all messages accepted before it
     Dropped,  ///< the send queue is full: `QueuePolicy::DropNewest` or `DropOldest`; or the message
-              ///< is larger than `EngineOptions::memoryBudgetBytes`, and would never fit
+              ///< is larger than a whole memory budget, and would never fit
     Full,     ///< the send queue is full: `QueuePolicy::Refuse`; try again in `onDrained`
     Closed    ///< the session is closed or being closed
 };
