@@ -526,13 +526,14 @@ void Connection::receive()
         return;
     }
     mShrinkMs = 0;
-    // The loop keeps the larger one of its buffer and that of the message.
+    // The loop keeps the larger one of its buffer and that of the message, unless others need it.
     Buffer& own = mParser.buffer();
     own.clear();
     if (own.capacity() > mLoop->mReusable.capacity())
         own.swap(mLoop->mReusable);
     own.release();
-    if (mLoop->mReusable.capacity() > kMaxKeptBytes)
+    const size_t kept = mLoop->mReusable.capacity();
+    if (kept > kMaxKeptBytes || !mMembership->budget.hasSpace(kept))
         mLoop->mReusable.release();
 }
 

@@ -509,5 +509,27 @@ TEST(KitMemory, HoldsTheQueuesOfSessions)
     EXPECT_TRUE(waitUntil([&] { return isFree(stream, kBudgetBytes); }));
 }
 
+// A whole message with a length of 8 bytes; the mask is 0.
+std::string longMessage(size_t size)
+{
+    std::string frame = "\x81\xff";
+    for (int shift = 56; shift >= 0; shift -= 8)
+        frame += static_cast<char>(size >> shift);
+    return frame + std::string(4, '\0') + std::string(size, 'm');
+}
+
+// A loop that kept its buffer would take the memory from all others.
+TEST(KitMemory, IsFreeAgainAfterALargeMessage)
+{
+    Streaming run;
+    RawClient sender(run.server.port());
+    ASSERT_TRUE(isUpgraded(sender, "/session"));
+    ASSERT_TRUE(sender.send(longMessage(kBudgetBytes * 3 / 4) + clientFrame(9, "p")));
+    EXPECT_EQ(receiveFrame(sender), serverFrame(10, "p"));
+    RawClient client(run.server.port());
+    DeferredStream stream = run.start(client);
+    EXPECT_TRUE(waitUntil([&] { return isFree(stream, kBudgetBytes); }));
+}
+
 }  // namespace
 }  // namespace integration
