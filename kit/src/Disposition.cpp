@@ -2,8 +2,8 @@
 
 #include "Disposition.h"
 
+#include "FileName.h"
 #include "Text.h"
-#include "websocket/Utf8Check.h"
 
 namespace qv::kit
 {
@@ -17,19 +17,8 @@ bool isPlainInExtendedValue(char c)
     return isLetterOrDigit(c) || kMarks.find(c) != kMarks.npos;
 }
 
-std::string usable(std::string_view name)
-{
-    const bool isUtf8 = websocket::isUtf8(name);
-    std::string text(name);
-    for (char& c : text) {
-        if (isControl(c) || c == '/' || (!isUtf8 && static_cast<unsigned char>(c) >= 0x80))
-            c = '_';
-    }
-    return text;
-}
-
-// For clients that do not know filename*: each character outside ASCII becomes one "_", and so do
-// those that clients are known to read in more than one way.
+// For clients that do not know filename*: each character outside ASCII becomes one "_", and so does
+// "%", which they are known to read in more than one way.
 std::string asciiFallback(const std::string& name)
 {
     std::string out;
@@ -37,7 +26,7 @@ std::string asciiFallback(const std::string& name)
         const auto byte = static_cast<unsigned char>(c);
         if ((byte & 0xc0) == 0x80)
             continue;
-        out += byte >= 0x80 || c == '"' || c == '\\' || c == '%' ? '_' : c;
+        out += byte >= 0x80 || c == '%' ? '_' : c;
     }
     return out;
 }
@@ -46,7 +35,7 @@ std::string asciiFallback(const std::string& name)
 
 std::string attachment(std::string_view name)
 {
-    const std::string text = usable(name);
+    const std::string text = safeFileName(name);
     const std::string fallback = asciiFallback(text);
     std::string value = "attachment; filename=\"" + fallback + "\"";
     if (fallback != text)

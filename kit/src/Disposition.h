@@ -9,7 +9,7 @@ namespace qv::kit
 {
 
 // The value of Content-Disposition (RFC 6266) that makes clients save a body as `name`, which may
-// have any bytes: control characters and slashes become "_", as do bytes that are not UTF-8.
+// have any bytes: safeFileName makes it harmless.
 std::string attachment(std::string_view name);
 
 }  // namespace qv::kit
