@@ -30,6 +30,8 @@ constexpr milliseconds kMaxTimeout = std::chrono::hours(24);
 // Descriptors for the application itself, and of each daemon.
 constexpr rlim_t kOtherDescriptors = 128;
 constexpr rlim_t kDescriptorsOfDaemon = 5;
+// A file that is being sent.
+constexpr rlim_t kDescriptorsOfResponse = 1;
 constexpr rlim_t kMinConnections = 16;
 constexpr const char* kUnixPrefix = "unix:";
 
@@ -112,7 +114,8 @@ std::string checkSets(const ServerOptions& options)
     return why;
 }
 
-// As many connections as the process may have descriptors for.
+// As many connections as the process may have descriptors for. The limit is raised for files that
+// they receive, too; without these a server that sends none would lose half of its connections.
 size_t limitConnections(const ServerOptions& options)
 {
     const bool isSecure = !options.tls.empty();
@@ -122,14 +125,15 @@ size_t limitConnections(const ServerOptions& options)
     if (isSecure)
         others += TlsHandshakes::kMaxHandshakes +
                   options.threads * (kDescriptorsOfRelay + TlsRelay::kMaxDiscarding);
-    const rlim_t wanted = options.maxConnections * ofConnection + others;
+    const rlim_t needed = options.maxConnections * ofConnection + others;
+    const rlim_t wanted = needed + options.maxConnections * kDescriptorsOfResponse;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted)
         return options.maxConnections;
     limit.rlim_cur = std::min(wanted, limit.rlim_max);
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur >= wanted)
+    if (limit.rlim_cur >= needed)
         return options.maxConnections;
     const rlim_t left = limit.rlim_cur > others ? limit.rlim_cur - others : 0;
     const rlim_t possible =
