@@ -23,6 +23,7 @@ namespace
 
 // A pipe without a writer must not be waited for.
 constexpr int kReadFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+constexpr int kDirectoryFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr int kMaxLinks = 40;
 constexpr int kMaxAttempts = 8;
 
@@ -35,7 +36,8 @@ FileDescriptor failed(int error)
 class Walk
 {
 public:
-    Walk(int root, const std::string& path, SymbolicLinks links) : mRoot(root), mLinks(links)
+    Walk(int root, const std::string& path, SymbolicLinks links, int flags)
+        : mRoot(root), mLinks(links), mFlags(flags)
     {
         push(path);
     }
@@ -64,11 +66,11 @@ public:
                 return FileDescriptor();
             else if (!S_ISLNK(status.st_mode))
                 // It may have been replaced by a link since.
-                return mRest.empty() ? FileDescriptor(
-                                           openat(current(), name.c_str(), kReadFlags | O_NOFOLLOW))
-                                     : failed(ENOTDIR);
+                return mRest.empty()
+                           ? FileDescriptor(openat(current(), name.c_str(), mFlags | O_NOFOLLOW))
+                           : failed(ENOTDIR);
         }
-        return FileDescriptor(openat(current(), ".", kReadFlags));
+        return FileDescriptor(openat(current(), ".", mFlags));
     }
 
 private:
@@ -104,17 +106,23 @@ private:
 
     const int mRoot;
     const SymbolicLinks mLinks;
+    const int mFlags;
     std::vector<FileDescriptor> mDirectories;  // from the root on
     std::vector<std::string> mRest;            // the next name is the last
     int mFollowed = 0;
 };
 
-}  // namespace
+FileDescriptor walkWith(int flags, int root, const std::string& path, SymbolicLinks links)
+{
+    if (path.size() >= PATH_MAX)
+        return failed(ENAMETOOLONG);
+    return Walk(root, path, links, flags).run();
+}
 
-FileDescriptor openBeneath(int root, const std::string& path, SymbolicLinks links)
+FileDescriptor openWith(int flags, int root, const std::string& path, SymbolicLinks links)
 {
     open_how how{};
-    how.flags = kReadFlags;
+    how.flags = static_cast<uint64_t>(flags);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     if (links == SymbolicLinks::Refuse)
         how.resolve |= RESOLVE_NO_SYMLINKS;
@@ -131,14 +139,24 @@ FileDescriptor openBeneath(int root, const std::string& path, SymbolicLinks link
             break;
         return file;
     }
-    return walkBeneath(root, path, links);
+    return walkWith(flags, root, path, links);
+}
+
+}  // namespace
+
+FileDescriptor openBeneath(int root, const std::string& path, SymbolicLinks links)
+{
+    return openWith(kReadFlags, root, path, links);
+}
+
+FileDescriptor openDirectoryBeneath(int root, const std::string& path, SymbolicLinks links)
+{
+    return openWith(kDirectoryFlags, root, path, links);
 }
 
 FileDescriptor walkBeneath(int root, const std::string& path, SymbolicLinks links)
 {
-    if (path.size() >= PATH_MAX)
-        return failed(ENAMETOOLONG);
-    return Walk(root, path, links).run();
+    return walkWith(kReadFlags, root, path, links);
 }
 
 }  // namespace qv::kit

@@ -16,7 +16,10 @@ namespace qv::kit
 // link leads out of `root`.
 FileDescriptor openBeneath(int root, const std::string& path, SymbolicLinks links);
 
-// The same by one step for each name, where the system has no openat2, or forbids it.
+// The same for a directory, of which nothing is read: the permission to search it is enough.
+FileDescriptor openDirectoryBeneath(int root, const std::string& path, SymbolicLinks links);
+
+// As openBeneath, by one step for each name, where the system has no openat2, or forbids it.
 FileDescriptor walkBeneath(int root, const std::string& path, SymbolicLinks links);
 
 }  // namespace qv::kit

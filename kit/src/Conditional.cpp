@@ -6,6 +6,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <limits>
@@ -164,12 +165,16 @@ bool rangeStillHolds(std::string_view header, const Validators& file, int64_t no
 
 }  // namespace
 
-std::string makeETag(uint64_t inode, uint64_t size, int64_t seconds, int64_t nanoseconds)
+std::string makeETag(uint64_t inode, uint64_t size, const timespec& modified,
+                     const timespec& changed)
 {
-    char text[96];
-    std::snprintf(text, sizeof text, "\"%" PRIx64 "-%" PRIx64 "-%" PRIx64 ".%" PRIx64 "\"", inode,
-                  size, static_cast<uint64_t>(seconds), static_cast<uint64_t>(nanoseconds));
-    return text;
+    const auto number = [](auto value) { return static_cast<uint64_t>(value); };
+    std::array<char, 128> text{};
+    std::snprintf(text.data(), text.size(),
+                  "\"%" PRIx64 "-%" PRIx64 "-%" PRIx64 ".%" PRIx64 "-%" PRIx64 ".%" PRIx64 "\"",
+                  inode, size, number(modified.tv_sec), number(modified.tv_nsec),
+                  number(changed.tv_sec), number(changed.tv_nsec));
+    return text.data();
 }
 
 bool namesETag(std::string_view header, std::string_view etag, bool isStrongComparison)

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,8 +60,10 @@ constexpr size_t kMaxRanges = 64;
 // of its clock: its tag and date are no strong validators.
 constexpr int64_t kSettledSeconds = 2;
 
-// An entity tag that differs whenever the content of the file may differ.
-std::string makeETag(uint64_t inode, uint64_t size, int64_t seconds, int64_t nanoseconds);
+// An entity tag that differs whenever the content of the file may differ. The time of the change is
+// the system's: nobody sets it back.
+std::string makeETag(uint64_t inode, uint64_t size, const timespec& modified,
+                     const timespec& changed);
 
 // Whether the list `header` names the tag, or is "*". Weak tags match by weak comparison only.
 bool namesETag(std::string_view header, std::string_view etag, bool isStrongComparison);

@@ -24,6 +24,7 @@ namespace
 {
 
 constexpr int kMovedPermanently = 301;
+constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 
 bool isRegular(const FileDescriptor& file)
@@ -65,6 +66,7 @@ bool wantsJson(std::string_view accept)
 // Below the directory.
 struct Directory::Place
 {
+    int root;               // the directory itself
     std::string path;       // names joined by slashes
     bool hasSlash = false;  // at its end
 };
@@ -73,17 +75,24 @@ Directory::Directory(const std::string& path, const DirectoryOptions& options,
                      size_t prefixSegments)
     : mPath(std::filesystem::absolute(path)), mOptions(options), mPrefixSegments(prefixSegments)
 {
-    static_cast<void>(openRoot());
+    if (!openRoot().isOpen())
+        failToServe();
 }
 
 // For each request: the directory may be replaced by another one.
 FileDescriptor Directory::openRoot() const
 {
-    FileDescriptor root(open(mPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!root.isOpen())
-        throw std::system_error(errno, std::generic_category(),
-                                "cannot serve the directory " + mPath);
-    return root;
+    return FileDescriptor(open(mPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+void Directory::failToServe() const
+{
+    throw std::system_error(errno, std::generic_category(), "cannot serve the directory " + mPath);
+}
+
+FileDescriptor Directory::openAt(const Place& place, const std::string& path) const
+{
+    return openBeneath(place.root, path, mOptions.links);
 }
 
 bool Directory::isServed(std::string_view name) const
@@ -113,25 +122,51 @@ bool Directory::resolve(const Request& request, Place& place) const
 
 void Directory::serve(Request& request) const
 {
-    Place place;
+    const FileDescriptor root = openRoot();
+    if (!root.isOpen()) {
+        if (!isExhausted(errno))
+            failToServe();
+        respondFailure(*request.mExchange, std::move(request.mHead), mPath, errno);
+        return;
+    }
+    Place place{root.get(), std::string()};
     if (!resolve(request, place)) {
         request.replyError(kNotFound);
         return;
     }
-    FileDescriptor file = openBeneath(openRoot().get(), place.path, mOptions.links);
-    if (!isDirectory(file)) {
-        if (file.isOpen() && place.hasSlash)
-            request.replyError(kNotFound);
-        else
-            serveFile(request, place, std::move(file));
-    } else if (!place.hasSlash) {
+    FileDescriptor file = openAt(place, place.path);
+    if (!file.isOpen() && errno == EACCES) {
+        // The names in it are not to be known; its files may be.
+        const FileDescriptor closed = openDirectoryBeneath(place.root, place.path, mOptions.links);
+        errno = EACCES;
+        if (closed.isOpen()) {
+            serveDirectory(request, place, FileDescriptor());
+            return;
+        }
+    }
+    if (isDirectory(file))
+        serveDirectory(request, place, std::move(file));
+    else if (file.isOpen() && place.hasSlash)
+        request.replyError(kNotFound);
+    else
+        serveFile(request, place, std::move(file));
+}
+
+// A directory that is not open must not be read.
+void Directory::serveDirectory(Request& request, const Place& place,
+                               FileDescriptor&& directory) const
+{
+    if (!place.hasSlash) {
         request.setHeader("Location", withSlash(request.target()));
         request.reply(kMovedPermanently);
-    } else if (!serveIndex(request, place)) {
-        if (mOptions.listing)
-            serveListing(request, place, std::move(file));
-        else
-            request.replyError(kNotFound);
+    } else if (serveIndex(request, place)) {
+        return;
+    } else if (!mOptions.listing) {
+        request.replyError(kNotFound);
+    } else if (!directory.isOpen()) {
+        request.replyError(kForbidden);
+    } else {
+        serveListing(request, place, std::move(directory));
     }
 }
 
@@ -144,7 +179,7 @@ void Directory::serveFile(Request& request, const Place& place, FileDescriptor&&
     options.tag = mOptions.tag;
     options.precompressed = mOptions.precompressed;
     const auto openSibling = [&](const char* extension) {
-        return openBeneath(openRoot().get(), place.path + extension, mOptions.links);
+        return openAt(place, place.path + extension);
     };
     errno = error;
     respondFile(*request.mExchange, std::move(request.mHead), std::move(file), name, options,
@@ -154,10 +189,10 @@ void Directory::serveFile(Request& request, const Place& place, FileDescriptor&&
 bool Directory::serveIndex(Request& request, const Place& place) const
 {
     for (const std::string& name : mOptions.index) {
-        Place index;
-        index.path = join(place.path, name);
-        FileDescriptor file = openBeneath(openRoot().get(), index.path, mOptions.links);
-        if (!isRegular(file))
+        const Place index{place.root, join(place.path, name)};
+        FileDescriptor file = openAt(index, index.path);
+        const bool isNone = file.isOpen() ? !isRegular(file) : isMissing(errno);
+        if (isNone)
             continue;
         serveFile(request, index, std::move(file));
         return true;
@@ -169,13 +204,9 @@ void Directory::serveListing(Request& request, const Place& place, FileDescripto
 {
     const Listing listing = readListing(
         std::move(directory), [this](const std::string& name) { return isServed(name); },
-        [&](const std::string& name) {
-            return openBeneath(openRoot().get(), join(place.path, name), mOptions.links);
-        });
+        [&](const std::string& name) { return openAt(place, join(place.path, name)); });
     request.addHeader("Vary", "Accept");
-    if (request.mHead.header("Cache-Control").empty())
-        request.setHeader("Cache-Control",
-                          mOptions.cacheControl.empty() ? "no-cache" : mOptions.cacheControl);
+    setCacheControl(request.mHead, mOptions.cacheControl);
     const std::string& accept = request.header("Accept");
     if (wantsJson(accept))
         request.reply(listingJson(listing), ContentType::json());

@@ -29,8 +29,11 @@ private:
     struct Place;
 
     FileDescriptor openRoot() const;
+    [[noreturn]] void failToServe() const;
+    FileDescriptor openAt(const Place& place, const std::string& path) const;
     bool isServed(std::string_view name) const;
     bool resolve(const Request& request, Place& place) const;
+    void serveDirectory(Request& request, const Place& place, FileDescriptor&& directory) const;
     bool serveIndex(Request& request, const Place& place) const;
     void serveFile(Request& request, const Place& place, FileDescriptor&& file) const;
     void serveListing(Request& request, const Place& place, FileDescriptor&& directory) const;

@@ -23,6 +23,7 @@
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 namespace qv::kit
@@ -39,29 +40,8 @@ constexpr int kNotFound = 404;
 constexpr int kPreconditionFailed = 412;
 constexpr int kRangeNotSatisfiable = 416;
 constexpr int kServerError = 500;
-
-bool respondFailure(Exchange& exchange, ResponseHead&& head, std::string_view name, int error)
-{
-    int status = kServerError;
-    switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-    case EISDIR:
-    case ELOOP:
-    case EXDEV:
-    case ENAMETOOLONG:
-    case ENXIO:
-        status = kNotFound;
-        break;
-    case EACCES:
-        status = kForbidden;
-        break;
-    default:
-        exchange.log("cannot open the file " + std::string(name) + ": ",
-                     SystemError(error).toString());
-    }
-    return exchange.respondError(By::Application, std::move(head), status, std::string());
-}
+constexpr int kUnavailable = 503;
+constexpr const char* kRetryAfterSeconds = "1";
 
 std::optional<std::string_view> lineOf(const Exchange& exchange, const char* name)
 {
@@ -96,6 +76,11 @@ struct Coding
 // In order of preference.
 constexpr std::array<Coding, 3> kCodings{{{"zstd", ".zst"}, {"br", ".br"}, {"gzip", ".gz"}}};
 
+bool isEarlier(const timespec& left, const timespec& right)
+{
+    return std::tie(left.tv_sec, left.tv_nsec) < std::tie(right.tv_sec, right.tv_nsec);
+}
+
 // Replaces the file by the sibling that the client wants most; returns its coding, "" for none.
 std::string_view chooseSibling(const Exchange& exchange, const OpenSibling& open,
                                FileDescriptor& file, struct stat& status)
@@ -116,7 +101,7 @@ std::string_view chooseSibling(const Exchange& exchange, const OpenSibling& open
         {};
         if (!sibling.isOpen() || fstat(sibling.get(), &its) != 0 || !S_ISREG(its.st_mode))
             continue;
-        if (its.st_mtim.tv_sec < status.st_mtim.tv_sec)
+        if (isEarlier(its.st_mtim, status.st_mtim))
             continue;
         file = std::move(sibling);
         status = its;
@@ -132,9 +117,13 @@ Validators validatorsOf(const struct stat& status, FileTag tag, int64_t nowSecon
     if (tag == FileTag::None)
         return validators;
     const bool isSettled = nowSeconds - validators.modifiedSeconds >= kSettledSeconds;
-    validators.etag = makeETag(status.st_ino, static_cast<uint64_t>(status.st_size),
-                               status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
-    if (tag == FileTag::Weak || (tag == FileTag::Automatic && !isSettled))
+    validators.etag = makeETag(status.st_ino, static_cast<uint64_t>(status.st_size), status.st_mtim,
+                               status.st_ctim);
+    const bool isUnsettled = tag == FileTag::Automatic && !isSettled;
+    // Otherwise weak comparison would find it in the tag of a state that has followed.
+    if (isUnsettled)
+        validators.etag.insert(validators.etag.size() - 1, "-new");
+    if (tag == FileTag::Weak || isUnsettled)
         validators.etag.insert(0, "W/");
     return validators;
 }
@@ -148,10 +137,7 @@ void setHeaders(ResponseHead& head, const Validators& validators, const FileOpti
     head.setHeader("Last-Modified",
                    formatHttpDate(std::min(validators.modifiedSeconds, nowSeconds)));
     head.setHeader("Accept-Ranges", "bytes");
-    if (!options.cacheControl.empty())
-        head.setHeader("Cache-Control", options.cacheControl);
-    else if (head.header("Cache-Control").empty())
-        head.setHeader("Cache-Control", "no-cache");
+    setCacheControl(head, options.cacheControl);
 }
 
 // Null when the file cannot be read any more.
@@ -185,6 +171,52 @@ bool respondContent(Exchange& exchange, ResponseHead&& head, FileDescriptor&& fi
 }
 
 }  // namespace
+
+bool isMissing(int error)
+{
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+    case EISDIR:
+    case ELOOP:
+    case EXDEV:
+    case ENAMETOOLONG:
+    case ENXIO:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isExhausted(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+bool respondFailure(Exchange& exchange, ResponseHead&& head, std::string_view name, int error)
+{
+    int status = kServerError;
+    if (isMissing(error))
+        status = kNotFound;
+    else if (error == EACCES)
+        status = kForbidden;
+    else
+        exchange.log("cannot open the file " + std::string(name) + ": ",
+                     SystemError(error).toString());
+    if (isExhausted(error)) {
+        status = kUnavailable;
+        head.setHeader("Retry-After", kRetryAfterSeconds);
+    }
+    return exchange.respondError(By::Application, std::move(head), status, std::string());
+}
+
+void setCacheControl(ResponseHead& head, const std::string& value)
+{
+    if (!value.empty())
+        head.setHeader("Cache-Control", value);
+    else if (head.header("Cache-Control").empty())
+        head.setHeader("Cache-Control", "no-cache");
+}
 
 FileDescriptor openFile(const std::string& path)
 {

@@ -19,6 +19,18 @@ class Exchange;
 // Opens a file for reading without waiting for the writer of a pipe.
 FileDescriptor openFile(const std::string& path);
 
+// Whether there is no file of that name, by the `errno` of its opening: 404.
+bool isMissing(int error);
+
+// Whether the process has no descriptor or no memory for it at the moment: 503.
+bool isExhausted(int error);
+
+// The response that `error`, the `errno` of an opening, stands for.
+bool respondFailure(Exchange& exchange, ResponseHead&& head, std::string_view name, int error);
+
+// "no-cache" when neither `value` nor the handler says anything.
+void setCacheControl(ResponseHead& head, const std::string& value);
+
 // Opens the file whose name has `extension` behind that of another one.
 using OpenSibling = std::function<FileDescriptor(const char* extension)>;
 

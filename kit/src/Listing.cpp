@@ -50,17 +50,6 @@ std::string isoTime(int64_t seconds)
     return text.data();
 }
 
-// A page is UTF-8 whatever the names are.
-std::string shown(const std::string& name)
-{
-    if (websocket::isUtf8(name))
-        return htmlText(name);
-    std::string text;
-    for (const char c : name)
-        text += static_cast<unsigned char>(c) < 0x80 ? std::string(1, c) : "\xef\xbf\xbd";
-    return htmlText(text);
-}
-
 std::string rowOf(const std::string& href, const std::string& name, const std::string& bytes,
                   const std::string& time)
 {
@@ -79,11 +68,13 @@ Listing readListing(FileDescriptor&& directory,
         fail();
     const int descriptor = directory.release();
     Listing listing;
+    size_t examined = 0;
     for (errno = 0; const dirent* const entry = readdir(stream.get()); errno = 0) {
         const std::string name = entry->d_name;
-        if (!isServed(name))
+        // A target that is not UTF-8 is refused.
+        if (!websocket::isUtf8(name) || !isServed(name))
             continue;
-        if (listing.entries.size() == kMaxListedNames) {
+        if (examined++ == kMaxListedNames) {
             listing.isCut = true;
             break;
         }
@@ -112,7 +103,7 @@ Listing readListing(FileDescriptor&& directory,
 
 std::string listingPage(const Listing& listing, const std::string& path, bool isRoot)
 {
-    const std::string title = "Index of " + shown(path);
+    const std::string title = "Index of " + htmlText(path);
     std::string page =
         "<!DOCTYPE html>\n<html lang=\"en\">\n<head><meta charset=\"utf-8\"><title>" + title +
         "</title></head>\n<body>\n<h1>" + title +
@@ -123,7 +114,7 @@ std::string listingPage(const Listing& listing, const std::string& path, bool is
         const char* const slash = entry.isDirectory ? "/" : "";
         // A name with a colon would be a scheme otherwise.
         page += rowOf("./" + percentEncoded(entry.name, &isPlainInPath) + slash,
-                      shown(entry.name) + slash,
+                      htmlText(entry.name) + slash,
                       entry.isDirectory ? std::string() : std::to_string(entry.bytes),
                       isoTime(entry.modifiedSeconds));
     }

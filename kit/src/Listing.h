@@ -27,11 +27,11 @@ struct Listing
     bool isCut = false;          // at the limit
 };
 
-// Names of a directory; more are not listed.
+// Names of a directory that are looked at; more are not listed.
 constexpr size_t kMaxListedNames = 10000;
 
-// The regular files and directories in `directory` whose names `isServed` accepts. Symbolic links
-// are opened by `open`. Throws std::system_error when it cannot be read.
+// The regular files and directories in `directory` whose names are UTF-8 and `isServed` accepts.
+// Symbolic links are opened by `open`. Throws std::system_error when it cannot be read.
 Listing readListing(FileDescriptor&& directory,
                     const std::function<bool(const std::string& name)>& isServed,
                     const std::function<FileDescriptor(const std::string& name)>& open);

@@ -3,6 +3,8 @@
 #include "support/KitTestServer.h"
 #include "support/ProcessCounts.h"
 
+#include <support/Capabilities.h>
+#include <support/Descriptors.h>
 #include <support/TemporaryDirectory.h>
 
 #include <nlohmann/json.hpp>
@@ -27,6 +29,7 @@ namespace
 namespace fs = std::filesystem;
 
 using qv::kit::DirectoryOptions;
+using qv::kit::HookThread;
 using qv::kit::Request;
 using qv::kit::Router;
 using qv::kit::SymbolicLinks;
@@ -293,7 +296,9 @@ TEST_F(KitDirectories, AreListedWhenTold)
     EXPECT_THAT(page.body,
                 HasSubstr("<a href=\"./%3Cb%3E%26%22%27.txt\">&lt;b&gt;&amp;&quot;'.txt</a>"));
     EXPECT_THAT(page.body, HasSubstr("<a href=\"./javascript:alert(1)\">javascript:alert(1)</a>"));
-    EXPECT_THAT(page.body, HasSubstr("<a href=\"./bad%FF\">bad\xef\xbf\xbd</a>"));
+    // A target that is not UTF-8 is refused.
+    EXPECT_EQ(get("/bad%FF").status, 400);
+    EXPECT_THAT(page.body, Not(HasSubstr("bad")));
     EXPECT_THAT(page.body, HasSubstr("<a href=\"./sub/\">sub/</a>"));
     EXPECT_THAT(page.body, Not(HasSubstr("../")));
     EXPECT_THAT(get("/sub/").body, HasSubstr("<a href=\"../\">../</a>"));
@@ -303,11 +308,11 @@ TEST_F(KitDirectories, AreListedWhenTold)
     std::vector<std::string> names;
     for (const auto& entry : list["entries"])
         names.push_back(entry["name"]);
-    EXPECT_THAT(names, ElementsAre("<b>&\"'.txt", "a b.txt", "app.js", "bad\xef\xbf\xbd",
-                                   "index.html", "javascript:alert(1)", "link", "sub"));
+    EXPECT_THAT(names, ElementsAre("<b>&\"'.txt", "a b.txt", "app.js", "index.html",
+                                   "javascript:alert(1)", "link", "sub"));
     EXPECT_EQ(list["complete"], true);
     EXPECT_EQ(list["entries"][2]["size"], 2);
-    EXPECT_EQ(list["entries"][7]["type"], "directory");
+    EXPECT_EQ(list["entries"][6]["type"], "directory");
     const RawResponse browser = get("/", "Accept: text/html,application/xhtml+xml,*/*;q=0.8\r\n");
     EXPECT_EQ(browser.value("Content-Type"), "text/html; charset=utf-8");
 }
@@ -325,6 +330,97 @@ TEST_F(KitDirectories, AreListedUpToALimit)
     EXPECT_EQ(list["entries"].size(), 10000u);
     EXPECT_EQ(list["complete"], false);
     EXPECT_THAT(get("/many/").body, HasSubstr("There are more names."));
+    // Those that are not listed take time, too.
+    for (int i = 0; i < 5000; ++i) {
+        fs::remove(mDirectory / ("www/many/" + std::to_string(i)));
+        ASSERT_EQ(mkfifo((mDirectory / ("www/many/" + std::to_string(i))).c_str(), 0600), 0);
+    }
+    const RawResponse mixed = get("/many/", "Accept: application/json\r\n");
+    EXPECT_EQ(nlohmann::json::parse(mixed.body)["complete"], false);
+}
+
+TEST_F(KitDirectories, AreListedWithTheirCacheControl)
+{
+    DirectoryOptions options;
+    options.listing = true;
+    options.index.clear();
+    start(options);
+    EXPECT_EQ(get("/sub/").value("Cache-Control"), "no-cache");
+    options.cacheControl = "max-age=1";
+    mServer = std::make_unique<KitTestServer>([&](Router& router) {
+        router.before(
+            "/", [](Request& request) { request.setHeader("Cache-Control", "private"); },
+            HookThread::Daemon);
+        router.directory("/", mDirectory / "www", options);
+        options.cacheControl.clear();
+        router.directory("/other/", mDirectory / "www", options);
+    });
+    for (const char* target : {"/sub/", "/app.js"})
+        EXPECT_EQ(get(target).value("Cache-Control"), "max-age=1");
+    for (const char* target : {"/other/sub/", "/other/app.js"})
+        EXPECT_EQ(get(target).value("Cache-Control"), "private");
+}
+
+// Its names would be told in place of it.
+TEST_F(KitDirectories, AreNotListedInPlaceOfAnIndexThatMustNotBeRead)
+{
+    const qv::tests::PermissionsCount permissions;
+    DirectoryOptions options;
+    options.index = {"none.html", "index.html"};
+    options.listing = true;
+    start(options);
+    EXPECT_EQ(shown("/sub/"), "200 <p>sub</p>");
+    fs::permissions(mDirectory / "www/sub/index.html", fs::perms::none);
+    EXPECT_EQ(shown("/sub/"), "403");
+    // There is none.
+    fs::remove(mDirectory / "www/sub/index.html");
+    fs::create_directory(mDirectory / "www/sub/index.html");
+    EXPECT_EQ(get("/sub/").status, 200);
+    EXPECT_THAT(get("/sub/").body, HasSubstr("inner/"));
+}
+
+// Mode 0711: who does not know its names gets nothing.
+TEST_F(KitDirectories, ServeFilesOfDirectoriesThatMayOnlyBeSearched)
+{
+    const qv::tests::PermissionsCount permissions;
+    start();
+    for (const char* name : {"www", "www/sub", "www/sub/inner"})
+        fs::permissions(mDirectory / name, fs::perms::owner_exec);
+    EXPECT_EQ(shown("/"), "200 <p>root</p>");
+    EXPECT_EQ(shown("/sub/"), "200 <p>sub</p>");
+    EXPECT_EQ(shown("/sub"), "301 ./sub/");
+    EXPECT_EQ(shown("/sub/inner/x.txt"), "200 x");
+    EXPECT_EQ(shown("/sub/inner/"), "404");
+    DirectoryOptions options;
+    options.listing = true;
+    start(options);
+    EXPECT_EQ(shown("/sub/"), "200 <p>sub</p>");
+    EXPECT_EQ(shown("/sub/inner/"), "403");
+    for (const char* name : {"www", "www/sub", "www/sub/inner"})
+        fs::permissions(mDirectory / name, fs::perms::owner_all);
+    EXPECT_EQ(get("/sub/inner/").status, 200);
+}
+
+TEST_F(KitDirectories, WithoutADescriptorAreUnavailable)
+{
+    start();
+    RawClient client(mServer->port());
+    client.send(getRequest("/app.js"));
+    EXPECT_EQ(client.receive().value_or(RawResponse()).body, "0;");
+    // The directory itself, and the file in it.
+    for (const rlim_t left : {0, 1}) {
+        SCOPED_TRACE(left);
+        RawResponse response;
+        {
+            const qv::tests::NoDescriptors none(left);
+            client.send(getRequest("/app.js"));
+            response = client.receive().value_or(RawResponse());
+        }
+        EXPECT_EQ(response.status, 503);
+        EXPECT_EQ(response.value("Retry-After"), "1");
+    }
+    client.send(getRequest("/app.js"));
+    EXPECT_EQ(client.receive().value_or(RawResponse()).body, "0;");
 }
 
 class KitPrecompressed : public KitDirectories
@@ -342,6 +438,15 @@ protected:
         fs::last_write_time(mDirectory / "www/stale.txt.gz",
                             fs::last_write_time(mDirectory / "www/stale.txt") -
                                 std::chrono::hours(1));
+        write("www/nanosecond.txt", "new");
+        write("www/nanosecond.txt.gz", "old");
+        fs::last_write_time(mDirectory / "www/nanosecond.txt.gz",
+                            fs::last_write_time(mDirectory / "www/nanosecond.txt") -
+                                std::chrono::nanoseconds(1));
+        write("www/equal.txt", "new");
+        write("www/equal.txt.gz", "same");
+        fs::last_write_time(mDirectory / "www/equal.txt.gz",
+                            fs::last_write_time(mDirectory / "www/equal.txt"));
         fs::create_directory(mDirectory / "www/index.html.gz");
     }
 };
@@ -375,6 +480,8 @@ TEST_F(KitPrecompressed, IsChosenByTheClient)
         {"br, gzip", "/only.css", "gzip", "gzip of css"},
         {"br", "/only.css", "", "identity"},
         {"gzip", "/stale.txt", "", "new"},
+        {"gzip", "/nanosecond.txt", "", "new"},
+        {"gzip", "/equal.txt", "gzip", "same"},
         {"gzip", "/", "", "<p>root</p>"},
     };
     for (const auto& row : rows) {

@@ -11,9 +11,13 @@
 #include <Wendrel/BodySource.h>
 #include <Wendrel/kit/Middleware.h>
 
+#include <support/TemporaryDirectory.h>
+
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -158,6 +162,9 @@ std::vector<Part> makeParts()
         {"file in one range", getRequest("/file", "Range: bytes=1000-1999\r\n"), 206},
         {"directory", getRequest("/headers/stdio.h", "Accept-Encoding: gzip\r\n"), 200},
         {"redirection", getRequest("/headers/linux"), 301},
+        {"sibling", getRequest("/files/a.txt", "Accept-Encoding: gzip\r\n"), 200},
+        {"listing", getRequest("/files/"), 200},
+        {"listing as JSON", getRequest("/files/", "Accept: application/json\r\n"), 200},
         {"HttpError", getRequest("/error"), 409},
         {"limited", getRequest("/limited"), 200},
         {"hooks", getRequest("/hooked/worker", kLogin), 200},
@@ -182,7 +189,16 @@ protected:
         auto options = kitOptions(2);
         options.threads = 1;
         options.onCompleted = [this](const CompletedRequest&) { ++mCompleted; };
-        mServer = std::make_unique<KitTestServer>(addRoutes, options, [](Server& server) {
+        for (const char* name : {"a.txt", "a.txt.gz", "a longer name, for which memory is needed"})
+            std::ofstream(mDirectory / name) << name;
+        std::filesystem::create_symlink("a.txt", mDirectory / "link");
+        const auto addAll = [this](Router& router) {
+            addRoutes(router);
+            DirectoryOptions listed;
+            listed.listing = true;
+            router.directory("/files", mDirectory.path(), listed);
+        };
+        mServer = std::make_unique<KitTestServer>(addAll, options, [](Server& server) {
             server.logAccess([](std::string_view) {}, AccessLog::Json);
         });
     }
@@ -252,6 +268,7 @@ protected:
         EXPECT_GT(mCompleted, 0);
     }
 
+    qv::tests::TemporaryDirectory mDirectory;
     std::atomic<int> mCompleted{0};
     std::unique_ptr<KitTestServer> mServer;
 };

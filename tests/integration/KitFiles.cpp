@@ -3,13 +3,14 @@
 #include "support/KitTestServer.h"
 #include "support/Pattern.h"
 
+#include <support/Capabilities.h>
+#include <support/Descriptors.h>
 #include <support/TemporaryDirectory.h>
 
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -352,11 +353,61 @@ TEST_F(KitFiles, ThatAreNoneAreNotFound)
         EXPECT_EQ(get(target).status, 404);
     }
     EXPECT_EQ(get("/" + std::string(300, 'x')).status, 404);
-    if (geteuid() == 0)
-        return;  // may read everything
+}
+
+TEST_F(KitFiles, ThatMustNotBeReadAreForbidden)
+{
+    const qv::tests::PermissionsCount permissions;
+    const KitTestServer server([this](Router& router) { addRoutes(router); });
     writeFile(mDirectory / "locked", "x");
+    EXPECT_EQ(server.get("/locked").status, 200);
     std::filesystem::permissions(mDirectory / "locked", std::filesystem::perms::none);
-    EXPECT_EQ(get("/locked").status, 403);
+    EXPECT_EQ(server.get("/locked").status, 403);
+}
+
+// A client may come again when others have their files.
+TEST_F(KitFiles, WithoutADescriptorAreUnavailable)
+{
+    RawClient client(mServer->port());
+    client.send(getRequest("/old.txt"));
+    EXPECT_EQ(client.receive().value_or(RawResponse()).status, 200);
+    RawResponse response;
+    {
+        const qv::tests::NoDescriptors none;
+        client.send(getRequest("/old.txt"));
+        response = client.receive().value_or(RawResponse());
+    }
+    EXPECT_EQ(response.status, 503);
+    EXPECT_EQ(response.value("Retry-After"), "1");
+    EXPECT_TRUE(logged("GET /{name}: cannot open the file old.txt: Too many open files"));
+    client.send(getRequest("/old.txt"));
+    EXPECT_EQ(client.receive().value_or(RawResponse()).status, 200);
+}
+
+// Archives, and tools that copy, set the time of a modification back.
+TEST_F(KitFiles, ThatAreWrittenAgainWithTheirOldTimeHaveAnotherTag)
+{
+    writeFile(mDirectory / "old.txt", std::string(kBytes, 'x'));
+    setModified(mDirectory / "old.txt", kModified);
+    const RawResponse response = get("/old.txt", "If-None-Match: " + mTag + "\r\n");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.value("Last-Modified"), kModifiedText);
+    EXPECT_THAT(response.value("ETag"), StartsWith("\""));
+    EXPECT_EQ(get("/old.txt", "Range: bytes=0-0\r\nIf-Range: " + mTag + "\r\n").status, 200);
+}
+
+// The file may have been changed once more within the same tick of the clock.
+TEST_F(KitFiles, AreSentAgainWhenTheirTagBecomesStrong)
+{
+    writeFile(mDirectory / "new.txt", "new");
+    setModified(mDirectory / "new.txt", time(nullptr));
+    const std::string first = get("/new.txt").value("ETag");
+    ASSERT_THAT(first, StartsWith("W/\""));
+    EXPECT_EQ(get("/new.txt", "If-None-Match: " + first + "\r\n").status, 304);
+    ASSERT_TRUE(waitUntil([&] { return get("/new.txt").value("ETag")[0] == '"'; }));
+    const RawResponse response = get("/new.txt", "If-None-Match: " + first + "\r\n");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.body, "new");
 }
 
 TEST_F(KitFiles, AreSentByDeferredResponsesAndFromDescriptors)

@@ -2,6 +2,7 @@
 
 #include "Beneath.h"
 
+#include <support/Capabilities.h>
 #include <support/TemporaryDirectory.h>
 
 #include <gtest/gtest.h>
@@ -162,6 +163,47 @@ TEST_F(Beneath, OpensWithoutOpenat2)
             check(&openBeneath);
         }).join();
     }
+}
+
+// The permission to read it is not needed.
+TEST_F(Beneath, OpensDirectoriesForTheirFilesAlone)
+{
+    const qv::tests::PermissionsCount permissions;
+    fs::permissions(mDirectory / "root/a/b", fs::perms::owner_exec);
+    const auto checkDirectories = [&] {
+        const auto open = [&](const char* path, SymbolicLinks links) {
+            return openDirectoryBeneath(mRoot.get(), path, links);
+        };
+        for (const char* path : {"", "a", "a/b", "to-directory"}) {
+            SCOPED_TRACE(path);
+            EXPECT_TRUE(open(path, SymbolicLinks::Within).isOpen());
+        }
+        EXPECT_FALSE(openBeneath(mRoot.get(), "a/b", SymbolicLinks::Within).isOpen());
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_EQ(read(&openBeneath, "a/b/deep", SymbolicLinks::Within), "deep");
+        const struct
+        {
+            const char* path;
+            SymbolicLinks links;
+            int error;
+        } rows[] = {
+            {"file", SymbolicLinks::Within, ENOTDIR},
+            {"missing", SymbolicLinks::Within, ENOENT},
+            {"parent", SymbolicLinks::Within, EXDEV},
+            {"to-directory", SymbolicLinks::Refuse, ELOOP},
+        };
+        for (const auto& row : rows) {
+            SCOPED_TRACE(row.path);
+            EXPECT_FALSE(open(row.path, row.links).isOpen());
+            EXPECT_EQ(errno, row.error);
+        }
+    };
+    checkDirectories();
+    std::thread([&] {
+        ASSERT_TRUE(forbidOpenat2(ENOSYS));
+        checkDirectories();
+    }).join();
+    fs::permissions(mDirectory / "root/a/b", fs::perms::owner_all);
 }
 
 // A reader of a pipe without a writer would wait.

@@ -35,12 +35,21 @@ std::string shown(const ByteRanges& ranges)
 
 TEST(Conditional, MakesATagThatChangesWithEachProperty)
 {
-    const std::string tag = makeETag(0x1f, 10, 784887151, 5);
-    EXPECT_EQ(tag, "\"1f-a-2ec86d6f.5\"");
-    EXPECT_NE(tag, makeETag(0x20, 10, 784887151, 5));
-    EXPECT_NE(tag, makeETag(0x1f, 11, 784887151, 5));
-    EXPECT_NE(tag, makeETag(0x1f, 10, 784887152, 5));
-    EXPECT_NE(tag, makeETag(0x1f, 10, 784887151, 6));
+    const timespec modified{784887151, 5};
+    const timespec changed{784887160, 7};
+    const std::string tag = makeETag(0x1f, 10, modified, changed);
+    EXPECT_EQ(tag, "\"1f-a-2ec86d6f.5-2ec86d78.7\"");
+    EXPECT_NE(tag, makeETag(0x20, 10, modified, changed));
+    EXPECT_NE(tag, makeETag(0x1f, 11, modified, changed));
+    EXPECT_NE(tag, makeETag(0x1f, 10, {784887152, 5}, changed));
+    EXPECT_NE(tag, makeETag(0x1f, 10, {784887151, 6}, changed));
+    EXPECT_NE(tag, makeETag(0x1f, 10, modified, {784887161, 7}));
+    EXPECT_NE(tag, makeETag(0x1f, 10, modified, {784887160, 8}));
+    constexpr int64_t kLargest = INT64_MAX;
+    const timespec latest{kLargest, 999999999};
+    EXPECT_EQ(makeETag(UINT64_MAX, UINT64_MAX, latest, latest),
+              "\"ffffffffffffffff-ffffffffffffffff-7fffffffffffffff.3b9ac9ff"
+              "-7fffffffffffffff.3b9ac9ff\"");
 }
 
 TEST(Conditional, FindsItsTagInAList)

@@ -9,9 +9,10 @@
 namespace qv::kit
 {
 
-/// The header `ETag` of a file, made of its inode, size and time of modification.
+/// The header `ETag` of a file, made of its inode, size and times of modification and of change.
 enum class FileTag : uint8_t {
-    Automatic,  ///< strong, but weak within 2 s of a modification, which the next may look like
+    Automatic,  ///< strong; another one, weak, within 2 s of a modification: the next may look
+                ///< alike
     Strong,     ///< for files that are replaced, never changed
     Weak,       ///< for files whose bytes may change and mean the same
     None        ///< dates only
@@ -24,8 +25,8 @@ struct FileOptions
     /// kit, others from that of shared-mime-info (/usr/share/mime/globs2) if it is installed;
     /// "application/octet-stream" otherwise.
     std::string type;
-    /// Clients save the file under this name (`Content-Disposition: attachment`). Empty: they show
-    /// it.
+    /// Clients save the file under this name (`Content-Disposition: attachment`), made harmless as
+    /// `Part::fileName` is. Empty: they show it.
     std::string downloadName;
     /// The header `Cache-Control`; empty: as set, "no-cache" without one. With that a client asks
     /// before each use, and gets 304 while the file is the same.
@@ -33,8 +34,9 @@ struct FileOptions
     /// See FileTag.
     FileTag tag = FileTag::Automatic;
     /// A sibling with the further extension ".zst", ".br" or ".gz" is sent in place of the file
-    /// when the client accepts its coding, and it is no older. `Vary: Accept-Encoding` is sent with
-    /// each response then. Not for `Responder::replyOpenFile`.
+    /// when the client accepts its coding, and it has not been modified earlier, to the nanosecond.
+    /// `Vary: Accept-Encoding` is sent with each response for a file that exists then. Not for
+    /// `Responder::replyOpenFile`.
     bool precompressed = false;
 };
 
@@ -47,10 +49,13 @@ enum class SymbolicLinks : uint8_t {
 /// Options of `Router::directory`. A plain value.
 struct DirectoryOptions
 {
-    /// Files that stand for their directory; the first that exists is sent.
+    /// Files that stand for their directory; the first that exists is sent. 403 when the server
+    /// must not read that one.
     std::vector<std::string> index{"index.html"};
-    /// A directory without one of them is listed, as a page or as JSON, as the client prefers; 404
-    /// otherwise. At most 10000 names.
+    /// A directory without one of them is listed: as JSON for a client that prefers
+    /// application/json, as a page for others. At most 10000 names are looked at, and names that
+    /// are not UTF-8 left out, because no target can have them. 403 for a directory that the server
+    /// must not read. False: 404.
     bool listing = false;
     /// Serves names that begin with a dot, too.
     bool hidden = false;
@@ -58,7 +63,7 @@ struct DirectoryOptions
     SymbolicLinks links = SymbolicLinks::Within;
     /// As in FileOptions.
     bool precompressed = true;
-    /// As in FileOptions.
+    /// As in FileOptions, for listings too.
     std::string cacheControl;
     /// As in FileOptions.
     FileTag tag = FileTag::Automatic;
