@@ -13,7 +13,7 @@
 
 #include <qvSystem/qvSystemUtils.h>
 
-#include <memory>
+#include <utility>
 
 namespace qv::impl
 {
@@ -64,12 +64,13 @@ ssize_t ReadContent(void* closure, uint64_t, char* buffer, size_t size)
 
 void RequestCompleted(void* closure, MHD_Connection*, void** slot, MHD_RequestTerminationCode code)
 {
-    const std::unique_ptr<ConnectionContext, void (*)(ConnectionContext*)> context(
-        static_cast<ConnectionContext*>(*slot), &ContextRegistry::Remove);
-    *slot = nullptr;
-    if (!context || !context->request)
+    auto* const context = static_cast<ConnectionContext*>(std::exchange(*slot, nullptr));
+    if (!context)
         return;
-    CompleteRequest(closure, *context->request, code);
+    HttpBaseRequest* const request = context->request;
+    ContextRegistry::Remove(context);
+    if (request)
+        CompleteRequest(closure, *request, code);
 }
 
 void CompleteRequest(void* closure, HttpBaseRequest& request, MHD_RequestTerminationCode code)
