@@ -16,8 +16,10 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -615,6 +617,54 @@ TEST_F(HttpServer, IsNeverSeenStoppedWithoutAStopRequest)
     }
     observer.join();
     EXPECT_EQ(wrong, 0);
+}
+
+// Traps the calling thread after each of its instructions, or ends that.
+void setTrapFlag(bool on)
+{
+    constexpr unsigned long long kTrapFlag = 0x100;
+    const unsigned long long flags = __builtin_ia32_readeflags_u64() & ~kTrapFlag;
+    __builtin_ia32_writeeflags_u64(on ? flags | kTrapFlag : flags);
+}
+
+// The states in which the instructions of a thread leave a server, without repetitions.
+struct SeenStates
+{
+    const http::HttpServer* server = nullptr;
+    std::array<std::pair<int, bool>, 16> states;  // and whether a stop is requested
+    size_t count = 0;
+
+    // In a signal handler: without memory.
+    void look()
+    {
+        const std::pair<int, bool> now(server->getState(), server->isStopRequested());
+        if (count < states.size() && (count == 0 || states[count - 1] != now))
+            states[count++] = now;
+    }
+};
+SeenStates sSeen;
+
+// Any thread may look at both without the lock, after any instruction.
+TEST_F(HttpServer, RequiredIsStartingBeforeTheStopRequestIsWithdrawn)
+{
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer delays signals, or sees the instructions of its own";
+#endif
+    server->stopServer(false);
+    sSeen = {server.get(), {}, 0};
+    struct sigaction step
+    {};
+    struct sigaction before
+    {};
+    step.sa_handler = [](int) { sSeen.look(); };
+    ASSERT_EQ(sigaction(SIGTRAP, &step, &before), 0);
+    tBeforeStartThread = [] { setTrapFlag(false); };
+    setTrapFlag(true);
+    server->startServer({});
+    sigaction(SIGTRAP, &before, nullptr);
+    EXPECT_THAT(std::vector(sSeen.states.begin(), sSeen.states.begin() + sSeen.count),
+                ElementsAre(std::pair(0, true), std::pair(1, true), std::pair(1, false)));
+    server->stopServer(true);
 }
 
 TEST_F(HttpServer, IgnoresASecondStart)
