@@ -56,12 +56,14 @@ if(wendrel_month LESS 1 OR wendrel_month GREATER 12)
     message(FATAL_ERROR "WENDREL_BUILD_MONTH must lie between 1 and 12")
 endif()
 
-# A build after a new commit, or after a checkout of another one, configures again.
-wendrel_git(wendrel_head_log "" rev-parse --git-path logs/HEAD)
-if(wendrel_head_log)
-    get_filename_component(wendrel_head_log "${wendrel_head_log}" ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
-    if(EXISTS "${wendrel_head_log}")
+# A build after a new commit, or after a checkout of another one, configures again: the log of HEAD
+# grows then, and where git keeps none, HEAD or its branch changes.
+wendrel_git(wendrel_branch "HEAD" symbolic-ref -q HEAD)
+foreach(file IN ITEMS logs/HEAD HEAD ${wendrel_branch} packed-refs)
+    wendrel_git(path "" rev-parse --git-path ${file})
+    get_filename_component(path "${path}" ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
+    if(EXISTS "${path}" AND NOT IS_DIRECTORY "${path}")
         set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-            "${wendrel_head_log}")
+            "${path}")
     endif()
-endif()
+endforeach()

@@ -77,7 +77,15 @@ class VersionStamp(unittest.TestCase):
         self.assertEqual(self.stamp("COMMIT_ID"), "0" * 16)
 
     def test_stamps_a_new_commit_without_configuring_by_hand(self):
+        for has_log in ("true", "false"):
+            with self.subTest(log_of_head=has_log):
+                shutil.rmtree(self.source / ".git", ignore_errors=True)
+                shutil.rmtree(self.build, ignore_errors=True)
+                self.check_new_commit(has_log)
+
+    def check_new_commit(self, has_log):
         self.git("init", "--quiet")
+        self.git("config", "core.logAllRefUpdates", has_log)
         self.commit()
         self.assertEqual(self.configure().returncode, 0)
         self.assertEqual(self.stamp("REVISION"), "1")
