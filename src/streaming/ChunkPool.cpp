@@ -20,6 +20,10 @@ size_t firstSlotOfThisThread(size_t groupSlots)
     return tFirst;
 }
 
+// The group in which the calling thread has found its last chunk. The daemon gives the chunks of
+// responses that workers have taken, so that a worker finds them in the group of the daemon.
+[[gnu::tls_model("initial-exec")]] thread_local size_t tTakesFrom = 0;
+
 }  // namespace
 
 ChunkPool::User::User()
@@ -45,9 +49,13 @@ ChunkPool::Chunk ChunkPool::take(size_t capacity)
 {
     Chunk chunk;
     if (mBytes != 0) {
-        const size_t first = firstSlotOfThisThread(kGroupSlots);
+        if (tTakesFrom == 0)
+            tTakesFrom = firstSlotOfThisThread(kGroupSlots);
+        const size_t first = tTakesFrom;
         for (size_t i = 0; i < kMaxChunks; ++i) {
             if (takeFrom(slotAt(first + i), capacity, chunk)) {
+                if (i >= kGroupSlots)
+                    tTakesFrom = first + i - i % kGroupSlots;
                 chunk.clear();
                 return chunk;
             }

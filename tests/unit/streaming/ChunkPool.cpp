@@ -86,6 +86,23 @@ TEST(ChunkPool, UsesFreedChunksAgainWithoutTheirBytes)
     FreeChunks(queue);
 }
 
+// As a worker does, whose chunks the daemon's thread gives.
+TEST(ChunkPool, LooksFirstWhereTheThreadHasFoundTheLastOne)
+{
+    const ChunkPool::User user;
+    std::thread([] {
+        Queue given = wholeChunks(2);
+        Queue own = wholeChunks(1);
+        const auto places = placesOf(given);
+        std::thread([&given] { FreeChunks(given); }).join();
+        Queue taken = wholeChunks(1);
+        FreeChunks(own);
+        append(taken, std::string(kMinChunkBytes, 'y'));
+        EXPECT_EQ(placesOf(taken), places);
+        FreeChunks(taken);
+    }).join();
+}
+
 TEST(ChunkPool, UsesAFreedChunkForOneOfItsCapacityOnly)
 {
     const ChunkPool::User user;
