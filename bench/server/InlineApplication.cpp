@@ -64,7 +64,7 @@ qv::HttpBaseRequest* InlineApplication::createRequest()
 void InlineApplication::handleRequest(qv::HttpBaseRequest* base)
 {
     auto* request = static_cast<InlineRequest*>(base);
-    const Question question = request->getQuestion();
+    const Question& question = request->findQuestion();
     if (question.page == Page::WebSocket && mWebSocketEcho)
         mWebSocketEcho->serve(*request);
     else if (question.page == Page::Wait)
@@ -74,8 +74,8 @@ void InlineApplication::handleRequest(qv::HttpBaseRequest* base)
     else if (question.page == Page::Release)
         request->serveText(std::to_string(releaseWaiting()));
     else if (!mUsesPool && !mustWait(question, *request))
-        request->serve(question);
-    else if (!mPool.submit([request, question] { request->serve(question); }))
+        request->serve();
+    else if (!mPool.submit([request] { request->serve(); }))
         request->serve(Question{});
 }
 
@@ -116,11 +116,6 @@ void InlineApplication::onServerStopped()
 {
     if (mWebSocketEcho)
         mWebSocketEcho->shutDown(kLastWordsLimit);
-}
-
-void InlineApplication::onRequestCompleted()
-{
-    mBins.completed();
 }
 
 bool serveInline(const Options& options)

@@ -31,7 +31,7 @@ private:
     void handleRequest(qv::HttpBaseRequest* request) override;
     void onNewWebSocket(qv::http::WebSocket* socket) override;
     void onServerStopped() override;
-    void onRequestCompleted() override;
+    void onRequestCompleted() override {}
 
     void addWaiting(InlineRequest* request);
     size_t countWaiting();

@@ -36,6 +36,20 @@ const qv::HttpResponseInterface::CookieMap kNoCookies;
 
 }  // namespace
 
+void RequestBin::add(InlineRequest& request)
+{
+    request.mNext = mAdded.load(std::memory_order_relaxed);
+    while (!mAdded.compare_exchange_weak(request.mNext, &request, std::memory_order_release)) {
+    }
+}
+
+InlineRequest* RequestBin::take()
+{
+    if (!mTaken && mAdded.load(std::memory_order_relaxed))
+        mTaken = mAdded.exchange(nullptr, std::memory_order_acquire);
+    return mTaken ? std::exchange(mTaken, mTaken->mNext) : nullptr;
+}
+
 void InlineHead::set(uint32_t status, int64_t contentLength)
 {
     mStatus = status;
@@ -60,6 +74,12 @@ const qv::HttpResponseInterface::HeaderMap& InlineHead::getHeaders()
 std::string InlineHead::describe()
 {
     return std::to_string(mStatus);
+}
+
+const Question& InlineRequest::findQuestion()
+{
+    mQuestion = getQuestion();
+    return mQuestion;
 }
 
 Question InlineRequest::getQuestion() const

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace bench
 {
@@ -37,20 +38,40 @@ private:
     std::unique_ptr<HeaderMap> mHeaders;  // null: the usual one
 };
 
+class InlineRequest;
+
+// The completed requests of one daemon thread, which deletes them.
+class RequestBin
+{
+public:
+    // Any thread: that of a relay completes the secure ones.
+    void add(InlineRequest& request);
+
+    // The one that was added last; null when there is none. Daemon thread.
+    InlineRequest* take();
+
+    std::vector<InlineRequest*> inUse;  // taken, and not over. Daemon thread
+
+private:
+    std::atomic<InlineRequest*> mAdded{nullptr};
+    InlineRequest* mTaken = nullptr;
+};
+
 // Served by one call of `serve` on any thread, which does not use it afterwards.
 class InlineRequest : public qv::HttpBaseRequest, private qv::HttpWaitListener
 {
 public:
     // `lends`: large bodies are sent without a copy, which needs event-driven mode.
-    explicit InlineRequest(bool lends) : mLends(lends) {}
+    InlineRequest(RequestBin& bin, bool lends) : mBin(bin), mLends(lends) {}
 
-    // The requested page.
-    Question getQuestion() const;
+    // The requested page. Daemon thread.
+    const Question& findQuestion();
 
     // Whether the head announces a body.
     bool hasBody() const;
 
-    // Serves the request completely.
+    // Serves the request completely, or with another page.
+    void serve() { serve(mQuestion); }
     void serve(const Question& question);
 
     // Serves the request with `text`.
@@ -66,7 +87,7 @@ public:
     void refuse(uint32_t status, const std::string& reason,
                 qv::HttpResponseInterface::HeaderMap headers);
 
-    // Served, and the daemon is done with it, too: may be deleted. Any thread but inside the
+    // Served, and the daemon has completed it, too: may be deleted. Any thread but inside the
     // callback that completes it.
     bool isOver() const { return mServed.load(std::memory_order_acquire) && isCompleted(); }
 
@@ -74,6 +95,9 @@ public:
     qv::HttpWaitListener& getWaitListener() override { return *this; }
 
 private:
+    friend class RequestBin;
+
+    Question getQuestion() const;
     void reply(uint32_t status, const std::string& body);
     void replyBig();
     void stream(uint64_t bytes);
@@ -82,9 +106,13 @@ private:
     void echo();
     uint64_t readBody(const std::function<void(const char*, size_t)>& take);
     void onWaitingForData() override;
+    void onCompleted(int) override { mBin.add(*this); }
     void onUpgraded(std::unique_ptr<qv::UpgradedConnection> connection) override;
 
+    RequestBin& mBin;
+    InlineRequest* mNext = nullptr;  // in the bin
     const bool mLends;
+    Question mQuestion;
     InlineHead mHead;
     TakeUpgraded mTakeUpgraded;
     std::atomic<bool> mServed{false};

@@ -1,51 +1,46 @@
-// Owns and deletes requests served by daemon threads.
+// Makes and deletes requests.
 
 #include "server/RequestBins.h"
 
+#include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace bench
 {
-namespace
+
+RequestBins::~RequestBins()
 {
-
-constexpr size_t kMinBatchSize = 8;
-
-}  // namespace
-
-RequestBins::Bin& RequestBins::binOfThisThread()
-{
-    thread_local Bin* bin = nullptr;
-    if (!bin) {
-        const std::lock_guard locker(mMutex);
-        bin = &mBins.emplace_back();
+    for (RequestBin& bin : mBins) {
+        while (InlineRequest* const request = bin.take())
+            delete request;
+        for (InlineRequest* const request : bin.inUse)
+            delete request;
     }
-    return *bin;
 }
 
 InlineRequest* RequestBins::create(bool lends)
 {
-    Bin& bin = binOfThisThread();
-    // At least half of the requests are deleted then, unless a worker still uses them.
-    if (bin.completions >= kMinBatchSize && bin.completions >= bin.requests.size() / 2)
-        sweep(bin);
-    return bin.requests.emplace_back(std::make_unique<InlineRequest>(lends)).get();
-}
-
-void RequestBins::completed()
-{
-    ++binOfThisThread().completions;
-}
-
-void RequestBins::sweep(Bin& bin)
-{
-    bin.completions = 0;
-    size_t kept = 0;
-    for (std::unique_ptr<InlineRequest>& request : bin.requests) {
-        if (!request->isOver())
-            std::swap(bin.requests[kept++], request);
+    thread_local RequestBin* bin = nullptr;
+    if (!bin) {
+        const std::lock_guard locker(mMutex);
+        bin = &mBins.emplace_back();
     }
-    bin.requests.resize(kept);
+    deleteOver(*bin);
+    return std::make_unique<InlineRequest>(*bin, lends).release();
+}
+
+// A worker may still use a request that is completed.
+void RequestBins::deleteOver(RequestBin& bin)
+{
+    while (InlineRequest* const request = bin.take())
+        bin.inUse.push_back(request);
+    std::erase_if(bin.inUse, [](InlineRequest* request) {
+        if (!request->isOver())
+            return false;
+        delete request;
+        return true;
+    });
 }
 
 }  // namespace bench
