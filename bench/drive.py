@@ -9,6 +9,7 @@ import select
 import signal
 import socket
 import subprocess
+import time
 
 START_LIMIT_SECONDS = 30
 END_LIMIT_SECONDS = 30
@@ -30,6 +31,35 @@ class Measured:
     cpu_seconds: float | None = None  # of the server, for 100,000 requests or messages
 
 
+@dataclasses.dataclass
+class Check:
+    """A measurement with its goal: at most `limit`, or at least, if it is a minimum."""
+
+    name: str
+    value: float
+    limit: float
+    is_minimum: bool = False
+
+
+@dataclasses.dataclass(frozen=True)
+class Certificate:
+    """Of a server of HTTPS: files in PEM."""
+
+    file: pathlib.Path
+    key: pathlib.Path
+
+    def options(self):
+        return ["--tls-certificate", self.file, "--tls-key", self.key]
+
+
+def make_certificate(folder):
+    made = Certificate(pathlib.Path(folder) / "certificate.pem", pathlib.Path(folder) / "key.pem")
+    run_client(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                "-nodes", "-days", "2", "-subj", "/CN=localhost", "-keyout", str(made.key), "-out",
+                str(made.file)], None, START_LIMIT_SECONDS)
+    return made
+
+
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -43,12 +73,16 @@ def pinned(command, core):
 class Server:
     """A listening server process; stopped at the end of the block."""
 
-    def __init__(self, build, name, options, core):
+    def __init__(self, build, name, options, core, certificate=None):
         self.port = free_port()
+        self.origin = f"{'https' if certificate else 'http'}://127.0.0.1:{self.port}"
         program = build / name / f"wendrel-bench-{name}"
-        command = [str(program), "--port", str(self.port), *map(str, options)]
+        secure = certificate.options() if certificate else []
+        command = [str(program), "--port", str(self.port), *map(str, [*options, *secure])]
         self.process = subprocess.Popen(pinned(command, core), stdout=subprocess.PIPE, text=True)
         self.name = name
+        self.status = None  # after the end
+        self.is_checked = True
 
     def __enter__(self):
         with contextlib.ExitStack() as on_failure:
@@ -64,9 +98,9 @@ class Server:
         return self.process.stdout.readline() if ready else ""
 
     def __exit__(self, *_):
-        status = self.end()
-        if status != 0:
-            raise Failed(f"{self.name} ended with {status}")
+        self.status = self.end()
+        if self.is_checked and self.status != 0:
+            raise Failed(f"{self.name} ended with {self.status}")
 
     def end(self):
         if self.process.poll() is None:
@@ -113,7 +147,7 @@ def milliseconds(text):
 def wrk(server, path, connections, seconds, core):
     """Requests on persistent connections, one at a time on each."""
     command = ["wrk", "-t1", f"-c{connections}", f"-d{seconds}s", "--latency",
-               f"http://127.0.0.1:{server.port}{path}"]
+               server.origin + path]
     before = server.cpu_seconds()
     text = run_client(command, core, seconds + 60)
     used = server.cpu_seconds() - before
@@ -127,8 +161,8 @@ def wrk(server, path, connections, seconds, core):
 
 
 def curl_rate(server, arguments, core, size):
-    command = ["curl", "--silent", "--show-error", "--fail", "--max-time", "300", "--output",
-               "/dev/null", "--write-out", "%{time_total} %{size_download} %{size_upload}",
+    command = ["curl", "--silent", "--show-error", "--fail", "--insecure", "--max-time", "300",
+               "--output", "/dev/null", "--write-out", "%{time_total} %{size_download} %{size_upload}",
                *arguments]
     text = run_client(command, core, 320)
     seconds, down, up = map(float, text.split())
@@ -138,19 +172,19 @@ def curl_rate(server, arguments, core, size):
 
 
 def stream(server, size, core):
-    return curl_rate(server, [f"http://127.0.0.1:{server.port}/stream?bytes={size}"], core, size)
+    return curl_rate(server, [f"{server.origin}/stream?bytes={size}"], core, size)
 
 
 def upload(server, file, core):
     return curl_rate(server, ["--request", "POST", "--header", "Expect:", "--upload-file",
-                              str(file), f"http://127.0.0.1:{server.port}/upload"],
+                              str(file), f"{server.origin}/upload"],
                      core, file.stat().st_size)
 
 
 def websockets(build, server, connections, size, seconds, core, path):
     command = [str(build / "client" / "wendrel-bench-websocket-client"), "--port", str(server.port),
                "--connections", str(connections), "--bytes", str(size), "--seconds", str(seconds),
-               "--path", path]
+               "--path", path, *(["--tls"] if server.origin.startswith("https") else [])]
     before = server.cpu_seconds()
     result = json.loads(run_client(command, core, seconds * 3 + 60))
     used = server.cpu_seconds() - before
@@ -159,3 +193,20 @@ def websockets(build, server, connections, size, seconds, core, path):
     # The warm-up, another fifth, uses processor time as well.
     return Measured(result["per_second"], result["p50_us"] / 1000, result["p99_us"] / 1000,
                     used / (result["messages"] * 1.2) * 100_000)
+
+
+def handshakes(server, seconds, core, resumes):
+    """Connections of one client, one after the other, each with a handshake and a request."""
+    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{server.port}", "-www", "/hello",
+               "-time", str(seconds), "-reuse" if resumes else "-new"]
+    before = server.cpu_seconds()
+    began = time.monotonic()
+    text = run_client(command, core, seconds + 60)
+    elapsed = time.monotonic() - began
+    used = server.cpu_seconds() - before
+    found = re.search(r"(\d+) connections in \d+ real seconds, (\d+) bytes", text)
+    count = int(found[1])
+    resumed = re.search(r"^[*r]+$", text, re.M)[0].count("r")  # a mark for each
+    if found[2] == "0" or resumed != (count if resumes else 0):
+        raise Failed(f"{server.name}: {resumed} of {count} handshakes resumed, {found[2]} bytes each")
+    return Measured(count / elapsed, cpu_seconds=used / count * 100_000)

@@ -9,13 +9,18 @@ import subprocess
 import tempfile
 
 FLOOR = "bare"
-TITLES = {"event": "event-driven mode", "polling": "polling mode", "bare": "bare daemon",
-          "suspend": "bare daemon, suspending", "civetweb": "civetweb", "beast": "Boost.Beast",
+TITLES = {"event": "event-driven mode", "kit": "the kit", "polling": "polling mode",
+          "bare": "bare daemon", "suspend": "bare daemon, suspending", "civetweb": "civetweb", "beast": "Boost.Beast",
           "libwebsockets": "libwebsockets"}
-COLOURS = {"event": "#1f5fa8", "polling": "#9cc0e6", "bare": "#8a8a8a", "suspend": "#bdbdbd",
-           "civetweb": "#c05a00", "beast": "#5a8f3c",
+COLOURS = {"event": "#1f5fa8", "kit": "#2f9e9e", "polling": "#9cc0e6", "bare": "#8a8a8a",
+           "suspend": "#bdbdbd", "civetweb": "#c05a00", "beast": "#5a8f3c",
            "libwebsockets": "#8a4fa0"}
 FIELDS = {"rate": "rate", "cpu_seconds": "processor time", "p99_ms": "p99"}
+# The label and the factor of each field of many connections.
+CROWD_FIELDS = {"ping_p99_ms": ("p99 of another client, ms", 1),
+                "core_share": ("share of a core, %", 100),
+                "response_seconds": ("event to last response, s", 1),
+                "bytes_each": ("kB each", 0.001)}
 BEGIN = "<!-- results: written by bench/run.sh -->"
 END = "<!-- end of results -->"
 MEBIBYTE = 1 << 20
@@ -59,15 +64,9 @@ def at_most(name, value, limit):
 
 
 def targets_of(crowd):
-    if crowd.max_ping_p99_ms is None:
-        return
-    yield at_most(f"{crowd.name}: p99 of another client, ms", crowd.ping_p99_ms,
-                  crowd.max_ping_p99_ms)
-    yield at_most(f"{crowd.name}: share of a core, %", crowd.core_share * 100, 1)
-    if crowd.response_seconds is not None:
-        yield at_most(f"{crowd.name}: event to last response, s", crowd.response_seconds, 0.5)
-    if crowd.max_bytes_each is not None:
-        yield at_most(f"{crowd.name}: kB each", crowd.bytes_each / 1000, crowd.max_bytes_each / 1000)
+    for field, limit in crowd.maxima.items():
+        label, factor = CROWD_FIELDS[field]
+        yield at_most(f"{crowd.name}: {label}", getattr(crowd, field) * factor, limit * factor)
 
 
 @dataclasses.dataclass
@@ -75,10 +74,11 @@ class Result:
     found: dict  # {(row, placement): {server: [Measured]}}
     used: list
     crowds: list
+    checks: list
     small: list
     rounds: int
     seconds: int
-    minutes: float
+    minutes: float = 0
 
     def targets(self):
         for (row, placement), measurements in self.found.items():
@@ -97,6 +97,8 @@ class Result:
 
         for crowd in self.crowds:
             yield from targets_of(crowd)
+        for check in self.checks:
+            yield (at_least if check.is_minimum else at_most)(check.name, check.value, check.limit)
 
     def targets_of_microbenchmarks(self):
         benchmarks = {benchmark.name: benchmark for benchmark in self.small}
@@ -108,6 +110,11 @@ class Result:
             yield at_least("WebSocket/Unmask/1024: rate, ratio to memcpy",
                         benchmarks["WebSocket/Unmask/1024"].bytes_per_second
                         / benchmarks["WebSocket/memcpy/1024"].bytes_per_second, 0.8)
+        for level in (6, 8):
+            if f"compressJson/{level}" in benchmarks:
+                yield at_least(f"deflate of 10 KiB of JSON, level {level}: rate, to Boost.Beast",
+                               benchmarks[f"compressJsonWithBeast/{level}"].nanoseconds
+                               / benchmarks[f"compressJson/{level}"].nanoseconds, 1)
         if "Log/disabled" in benchmarks:
             spent = benchmarks["Log/disabled"].nanoseconds
             yield Target("Log/disabled: ns", "≤ 5", f"{spent:.1f}", spent <= 5)
@@ -115,7 +122,8 @@ class Result:
     def machine(self):
         cpu = re.search(r"Model name:\s*(.*)", run("lscpu"))
         packages = [f"{name} {version(name)}" for name in (
-            "libmicrohttpd12", "libcivetweb-dev", "libboost1.81-dev", "wrk", "curl", "g++-12")]
+            "libmicrohttpd12", "libcivetweb-dev", "libboost1.81-dev", "libssl3", "wrk", "curl",
+            "g++-12")]
         return (f"{cpu[1].strip() if cpu else platform.machine()}, {run('nproc').strip()} "
                 f"processors, Linux {platform.release()}; {', '.join(packages)}; "
                 f"commit {run('git', 'rev-parse', '--short=12', 'HEAD').strip()}. "
@@ -131,7 +139,9 @@ class Result:
                 if not measured:
                     continue
                 rates = [each.rate for each in measured]
-                compared = f"{ratio(measurements, name, FLOOR, 'rate'):.2f}" if name != FLOOR else ""
+                compared = ""
+                if name != FLOOR and FLOOR in measurements:
+                    compared = f"{ratio(measurements, name, FLOOR, 'rate'):.2f}"
                 lines.append(
                     f"| {row.name} | {TITLES[name]} | {number(median(rates))} {row.unit} | "
                     f"{number(min(rates))}–{number(max(rates))} | "
@@ -180,6 +190,7 @@ class Result:
                                       for name, measured in measurements.items()}}
                          for (row, placement), measurements in self.found.items()],
                 "memory": [dataclasses.asdict(used) for used in self.used],
+                "checks": [dataclasses.asdict(check) for check in self.checks],
                 "connections": [dataclasses.asdict(crowd) for crowd in self.crowds],
                 "microbenchmarks": [dataclasses.asdict(benchmark) for benchmark in self.small],
                 "targets": [dataclasses.asdict(target) for target in self.targets()]}
@@ -188,7 +199,7 @@ class Result:
         """One chart for the rows that share a unit and an order of magnitude."""
         charts = {}
         for (row, placement), measurements in self.found.items():
-            if placement == HELD_ON:
+            if placement == HELD_ON and not row.is_secure:
                 charts.setdefault(chart_name(row), []).append((row, measurements))
         return [draw_chart(folder / f"{name.replace(' ', '-')}.svg", name, rows)
                 for name, rows in charts.items()]
@@ -234,7 +245,7 @@ def draw_chart(file, name, rows):
             for place, (_, measurements) in enumerate(rows):
                 rates = [each.rate for each in measurements.get(server, [])]
                 if rates:
-                    x = place + (position - (len(COLOURS) - 1) / 2) * 0.14
+                    x = place + (position - (len(COLOURS) - 1) / 2) * 0.12
                     lines.append(f"{x:.3f} {median(rates):.6g} {min(rates):.6g} {max(rates):.6g}\n")
             if lines:
                 points.write_text("".join(lines))
@@ -246,7 +257,7 @@ def draw_chart(file, name, rows):
         script = "\n".join([
             'set terminal svg size 760,340 dynamic background "#ffffff" font "sans-serif,13"',
             f'set output "{file}"', f'set title "{name}, server and client on one core"',
-            f'set ylabel "{rows[0][0].unit}"', "set yrange [0:*]", "set boxwidth 0.125",
+            f'set ylabel "{rows[0][0].unit}"', "set yrange [0:*]", "set boxwidth 0.105",
             f"set xrange [-0.6:{len(rows) - 0.4}]", f"set xtics ({tics}) nomirror scale 0",
             "set ytics nomirror", 'set format y "%.1s%c"', "set grid y lc rgb '#dddddd' lt 1",
             "set border 3 lc rgb '#444444'", "set key outside right top Left reverse",

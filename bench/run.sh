@@ -9,7 +9,8 @@ Usage: bench/run.sh [--quick] [--rounds N] [--seconds N] [--only PATTERN]... [--
                     [--help]
 
 Builds the servers in build/bench and drives each of them with the same clients: wrk for small and
-large responses, curl for streams and uploads, a WebSocket client of Boost.Beast. The servers
+large responses, curl for streams and uploads, openssl for handshakes, a WebSocket client of
+Boost.Beast. The servers
 alternate in every round, so that other load of the machine affects all of them. All listen on
 127.0.0.1.
 
@@ -19,14 +20,14 @@ of the rounds' ratios). Rows "one core" have server and client on the same proce
 least, and the targets apply to them. Exit code 0: measured, 1: failure; a missed target is reported
 and does not fail the run.
 
-  --quick         3 minutes: 3 short rounds, one core only, no memory rows
+  --quick         3 minutes: 2 short rounds, one core and only servers with a target, no memory rows
   --rounds N      how many rounds (default: 5)
   --seconds N     how long a measurement lasts (default: 2)
   --only PATTERN  only rows whose name matches, such as 'hello*'; may be given several times
   --no-micro      without the microbenchmarks
   --no-memory     without the 4 GiB stream to a slow reader and the 1 GiB upload
   --no-connections
-                  without the rows of many connections, waiting and idle
+                  without the rows of many connections, of handshakes beside requests and of stops
   --write         write tables and charts into docs/performance.md and docs/performance/
   --output DIR    directory of measurements, tables and charts (default: build/bench/results)
   --no-install    no Debian packages are installed

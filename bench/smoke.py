@@ -8,14 +8,22 @@ import hashlib
 import http.client
 import json
 import os
+import pathlib
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 
+import connections
+import drive
+import extremes
+import run as table
+
 LIMIT_SECONDS = 60
+ROWS_LIMIT_SECONDS = 900
 PIECE = bytes(ord("a") + i % 26 for i in range(65536))
 
 
@@ -85,11 +93,11 @@ class Server(unittest.TestCase):
         for target in *not_found, "/hello/", "/nothing", "/stream", "/stream?bytes=x", "/slow?ms=":
             self.assertEqual(ask("GET", target)[0], 404, target)
 
-    def check_echo(self, port, path="/echo"):
+    def check_echo(self, port, path="/echo", *options):
         for arguments in ["--bytes", "64"], ["--bytes", "200000", "--text", "--connections", "4"]:
             client = subprocess.run(
                 [os.environ["BENCH_CLIENT"], "--port", str(port), "--path", path,
-                 "--seconds", "0.3", *arguments],
+                 "--seconds", "0.3", *arguments, *options],
                 stdout=subprocess.PIPE, text=True, timeout=LIMIT_SECONDS)
             counts = json.loads(client.stdout)
             self.assertEqual((client.returncode, counts["errors"]), (0, 0), counts)
@@ -227,6 +235,48 @@ class Server(unittest.TestCase):
 
     def test_beast_worker(self):
         self.check("BENCH_BEAST", "worker")
+
+
+    def test_beast_secure(self):
+        self.check_secure("BENCH_BEAST", "/echo")
+
+    def test_server_secure(self):
+        self.check_secure("BENCH_SERVER", "/ws")
+
+    def check_secure(self, program, path):
+        with tempfile.TemporaryDirectory() as folder:
+            certificate = drive.make_certificate(folder)
+            port = free_port()
+            process = self.start(program, "--port", str(port), "--websocket",
+                                 *map(str, certificate.options()))
+            self.assertEqual(process.stdout.readline(), f"listening on 127.0.0.1:{port}\n")
+            for page, size in ("hello", 13), ("stream?bytes=3000000", 3000000):
+                run = subprocess.run(["curl", "--silent", "--fail", "--cacert", certificate.file,
+                                      f"https://localhost:{port}/{page}"], stdout=subprocess.PIPE,
+                                     timeout=LIMIT_SECONDS)
+                self.assertEqual((run.returncode, len(run.stdout)), (0, size))
+            self.check_echo(port, path, "--tls")
+            self.end(process)
+
+
+class Rows(unittest.TestCase):
+    def test_measures_each_row(self):
+        with tempfile.TemporaryDirectory() as folder:
+            build = pathlib.Path(os.environ["BENCH_SERVER"]).parent.parent
+            done = subprocess.run([sys.executable, "-B", pathlib.Path(table.__file__), "--smoke",
+                                   "--build", build, "--output", folder],
+                                  capture_output=True, text=True, timeout=ROWS_LIMIT_SECONDS)
+            self.assertEqual(done.returncode, 0, done.stdout[-2000:] + done.stderr[-2000:])
+            result = json.loads((pathlib.Path(folder) / "measurements.json").read_text())
+        targets = [target["name"] for target in result["targets"]]
+        for names in [row.name for row in table.rows()], \
+                [name for name in connections.rows(None, None, None) if "polling" not in name], \
+                extremes.rows(None, None, None), ["deflate of 10 KiB of JSON"]:
+            for name in names:
+                self.assertTrue([each for each in targets if each.startswith(name)], name)
+        for row in result["rows"]:
+            for server, measured in row["servers"].items():
+                self.assertGreater(measured[0]["rate"], 0, (row["row"], server))
 
 
 class CommandLine(unittest.TestCase):

@@ -11,6 +11,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -37,10 +38,11 @@ constexpr unsigned kHttp11 = 11;
 constexpr size_t kMaxMessageBytes = 67108864;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-class Session
+// `Stream`: a socket, with TLS or without.
+template <typename Stream> class Session
 {
 public:
-    Session(Socket socket, Service service) : mSocket(std::move(socket)), mService(service) {}
+    Session(Stream socket, Service service) : mSocket(std::move(socket)), mService(service) {}
 
     Awaitable<void> serve();
 
@@ -56,7 +58,7 @@ private:
     Awaitable<void> fromWorker();
     Awaitable<void> echo(const Request& request);
 
-    Socket mSocket;
+    Stream mSocket;
     const Service mService;
     beast::flat_buffer mBuffer;
 };
@@ -71,17 +73,29 @@ Question questionOf(const http::request<http::buffer_body>& request)
                          [query](const char* name) { return findArgument(query, name); });
 }
 
-Awaitable<void> Session::serve()
+Awaitable<void> end(Socket& socket)
 {
     beast::error_code ignored;
-    mSocket.set_option(Tcp::no_delay(true), ignored);
-    while (co_await serveRequest()) {
-    }
-    mSocket.shutdown(Tcp::socket::shutdown_send, ignored);
+    socket.shutdown(Tcp::socket::shutdown_send, ignored);
+    co_return;
+}
+
+Awaitable<void> end(SecureSocket& socket)
+{
+    co_await socket.async_shutdown(kAwaitTuple);
+}
+
+template <typename Stream> Awaitable<void> Session<Stream>::serve()
+{
+    // GCC 12 breaks the frame of a template that awaits in the condition of a loop.
+    bool goesOn = true;
+    while (goesOn)
+        goesOn = co_await serveRequest();
+    co_await end(mSocket);
 }
 
 // False when there will be no other.
-Awaitable<bool> Session::serveRequest()
+template <typename Stream> Awaitable<bool> Session<Stream>::serveRequest()
 {
     Parser parser;
     parser.body_limit(boost::none);
@@ -101,7 +115,8 @@ Awaitable<bool> Session::serveRequest()
 }
 
 // Reads the body into the same buffer; false when it was aborted.
-Awaitable<bool> Session::readUpload(Parser& parser, uint64_t& bytes)
+template <typename Stream>
+Awaitable<bool> Session<Stream>::readUpload(Parser& parser, uint64_t& bytes)
 {
     const auto expected = parser.get().find(http::field::expect);
     if (expected != parser.get().end() && beast::iequals(expected->value(), "100-continue"))
@@ -120,8 +135,9 @@ Awaitable<bool> Session::readUpload(Parser& parser, uint64_t& bytes)
     co_return true;
 }
 
-Awaitable<bool> Session::respond(const Request& request, const Question& question,
-                                 uint64_t uploaded)
+template <typename Stream>
+Awaitable<bool> Session<Stream>::respond(const Request& request, const Question& question,
+                                         uint64_t uploaded)
 {
     co_await toWorker();
     switch (question.page) {
@@ -143,7 +159,9 @@ Awaitable<bool> Session::respond(const Request& request, const Question& questio
 }
 
 // Starts on the responding thread and continues on the thread of the connection.
-Awaitable<bool> Session::reply(const Request& request, http::status status, const std::string& body)
+template <typename Stream>
+Awaitable<bool> Session<Stream>::reply(const Request& request, http::status status,
+                                       const std::string& body)
 {
     WholeResponse response(status, kHttp11);
     response.keep_alive(request.keep_alive());
@@ -155,7 +173,8 @@ Awaitable<bool> Session::reply(const Request& request, http::status status, cons
     co_return !error && !response.need_eof();
 }
 
-Awaitable<bool> Session::stream(const Request& request, uint64_t bytes)
+template <typename Stream>
+Awaitable<bool> Session<Stream>::stream(const Request& request, uint64_t bytes)
 {
     StreamResponse response(http::status::ok, kHttp11);
     response.keep_alive(request.keep_alive());
@@ -179,21 +198,21 @@ Awaitable<bool> Session::stream(const Request& request, uint64_t bytes)
     co_return !response.need_eof();
 }
 
-Awaitable<void> Session::toWorker()
+template <typename Stream> Awaitable<void> Session<Stream>::toWorker()
 {
     if (mService.workers)
         co_await asio::post(asio::bind_executor(mService.workers->get_executor(), kAwait));
 }
 
-Awaitable<void> Session::fromWorker()
+template <typename Stream> Awaitable<void> Session<Stream>::fromWorker()
 {
     if (mService.workers)
         co_await asio::post(mSocket.get_executor(), kAwait);
 }
 
-Awaitable<void> Session::echo(const Request& request)
+template <typename Stream> Awaitable<void> Session<Stream>::echo(const Request& request)
 {
-    websocket::stream<Socket> connection(std::move(mSocket));
+    websocket::stream<Stream&> connection(mSocket);
     connection.read_message_max(kMaxMessageBytes);
     connection.auto_fragment(false);
     // Only the head of the request matters to the handshake.
@@ -214,12 +233,31 @@ Awaitable<void> Session::echo(const Request& request)
     }
 }
 
+Awaitable<void> servePlain(Socket socket, Service service)
+{
+    Session<Socket> session(std::move(socket), service);
+    co_await session.serve();
+}
+
+Awaitable<void> serveSecure(Socket socket, Service service)
+{
+    SecureSocket secure(std::move(socket), *service.tls);
+    const auto [failed] =
+        co_await secure.async_handshake(asio::ssl::stream_base::server, kAwaitTuple);
+    if (failed)
+        co_return;
+    Session<SecureSocket> session(std::move(secure), service);
+    co_await session.serve();
+}
+
 }  // namespace
 
 Awaitable<void> serveConnection(Socket socket, Service service)
 {
-    Session session(std::move(socket), service);
-    co_await session.serve();
+    beast::error_code ignored;
+    socket.set_option(Tcp::no_delay(true), ignored);
+    return service.tls ? serveSecure(std::move(socket), service)
+                       : servePlain(std::move(socket), service);
 }
 
 }  // namespace bench

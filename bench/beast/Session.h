@@ -11,6 +11,7 @@ struct Service
 {
     asio::thread_pool* workers;  // serves requests; null: the reading thread does
     bool webSocket;
+    asio::ssl::context* tls;  // null: plain
 };
 
 // Serves a connection until it ends. A connection does one thing at a time, so that it needs no

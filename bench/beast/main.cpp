@@ -21,6 +21,18 @@ constexpr const char* kAbout =
     "worker: a pool of --workers threads does; for a stream it is asked for each piece. Messages\n"
     "of WebSockets are echoed where they are received in both.";
 
+// The suites of the library, in its order: they differ in speed.
+constexpr const char* kSuites =
+    "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256";
+
+void setUp(boost::asio::ssl::context& tls, const bench::Options& options)
+{
+    tls.use_certificate_chain_file(options.tlsCertificate);
+    tls.use_private_key_file(options.tlsKey, boost::asio::ssl::context::pem);
+    SSL_CTX_set_ciphersuites(tls.native_handle(), kSuites);
+    SSL_CTX_set_options(tls.native_handle(), SSL_OP_CIPHER_SERVER_PREFERENCE);
+}
+
 void serve(const bench::Options& options, bench::StopSignal& stopSignal)
 {
     namespace asio = boost::asio;
@@ -29,7 +41,11 @@ void serve(const bench::Options& options, bench::StopSignal& stopSignal)
     std::unique_ptr<asio::thread_pool> workers;  // its remaining tasks use the context
     if (options.mode == bench::Mode::Worker)
         workers = std::make_unique<asio::thread_pool>(options.workers);
-    const bench::Service service{workers.get(), options.webSocket};
+    asio::ssl::context tls(asio::ssl::context::tls_server);
+    const bool isSecure = !options.tlsCertificate.empty();
+    if (isSecure)
+        setUp(tls, options);
+    const bench::Service service{workers.get(), options.webSocket, isSecure ? &tls : nullptr};
     asio::co_spawn(context.get_executor(), bench::acceptConnections(std::move(acceptor), service),
                    asio::detached);
     std::vector<std::thread> threads;
@@ -52,7 +68,8 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    if (!bench::parseOptions(argc, argv, {"wendrel-bench-beast", kAbout}, options, exitCode))
+    const bench::Program program{.name = "wendrel-bench-beast", .about = kAbout, .hasTls = true};
+    if (!bench::parseOptions(argc, argv, program, options, exitCode))
         return exitCode;
     bench::StopSignal stopSignal;  // before any thread
     try {

@@ -42,10 +42,37 @@ void spellUpgrade(websocket::request_type& request)
     request.set(http::field::connection, "Upgrade");
 }
 
+template <typename Stream> Stream makeStream(asio::io_context& context);
+
+template <> Socket makeStream(asio::io_context& context)
+{
+    return Socket(context.get_executor());
+}
+
+// Certificates are not checked.
+template <> SecureSocket makeStream(asio::io_context& context)
+{
+    static asio::ssl::context tls(asio::ssl::context::tls_client);
+    return SecureSocket(context.get_executor(), tls);
+}
+
+Awaitable<beast::error_code> shakeHands(Socket&)
+{
+    co_return beast::error_code();
+}
+
+Awaitable<beast::error_code> shakeHands(SecureSocket& socket)
+{
+    const auto [failed] =
+        co_await socket.async_handshake(asio::ssl::stream_base::client, kAwaitTuple);
+    co_return failed;
+}
+
 }  // namespace
 
-Connection::Connection(asio::io_context& context, const Options& options, Tally& tally)
-    : mOptions(options), mTally(tally), mSocket(context.get_executor()),
+template <typename Stream>
+Connection<Stream>::Connection(asio::io_context& context, const Options& options, Tally& tally)
+    : mOptions(options), mTally(tally), mSocket(makeStream<Stream>(context)),
       mMessage(makeMessage(options.bytes))
 {
     mSocket.set_option(websocket::stream_base::decorator(&spellUpgrade));
@@ -55,16 +82,21 @@ Connection::Connection(asio::io_context& context, const Options& options, Tally&
     mSocket.read_message_max(options.bytes + 1);
 }
 
-Awaitable<bool> Connection::open()
+template <typename Stream> Awaitable<bool> Connection<Stream>::open()
 {
     const Tcp::endpoint server(asio::ip::address_v4::loopback(), mOptions.port);
-    const auto [notConnected] = co_await mSocket.next_layer().async_connect(server, kAwaitTuple);
+    const auto [notConnected] =
+        co_await beast::get_lowest_layer(mSocket).async_connect(server, kAwaitTuple);
     if (notConnected) {
         mTally.addError("connect: " + notConnected.message());
         co_return false;
     }
     beast::error_code ignored;
-    mSocket.next_layer().set_option(Tcp::no_delay(true), ignored);
+    beast::get_lowest_layer(mSocket).set_option(Tcp::no_delay(true), ignored);
+    if (const beast::error_code failed = co_await shakeHands(mSocket.next_layer())) {
+        mTally.addError("TLS: " + failed.message());
+        co_return false;
+    }
     // Complete only when all of the 101 has been read.
     const auto [refused] =
         co_await mSocket.async_handshake("127.0.0.1", mOptions.path, kAwaitTuple);
@@ -75,7 +107,7 @@ Awaitable<bool> Connection::open()
     co_return true;
 }
 
-Awaitable<void> Connection::run(Period period)
+template <typename Stream> Awaitable<void> Connection<Stream>::run(Period period)
 {
     Clock::time_point sentAt = Clock::now();
     while (sentAt < period.end) {
@@ -90,7 +122,7 @@ Awaitable<void> Connection::run(Period period)
     co_await mSocket.async_close(websocket::close_code::normal, kAwaitTuple);
 }
 
-Awaitable<bool> Connection::exchange()
+template <typename Stream> Awaitable<bool> Connection<Stream>::exchange()
 {
     if (!mMessage.empty())
         mMessage.front() = static_cast<char>('A' + mSent % kAlphabetLetters);
@@ -111,7 +143,7 @@ Awaitable<bool> Connection::exchange()
     co_return good;
 }
 
-bool Connection::checkEcho(size_t received)
+template <typename Stream> bool Connection<Stream>::checkEcho(size_t received)
 {
     if (received != mMessage.size() || mSocket.got_text() != mOptions.text) {
         mTally.addError("an echo of " + std::to_string(received) + " bytes or of another kind");
@@ -127,10 +159,13 @@ bool Connection::checkEcho(size_t received)
     return true;
 }
 
-void Connection::cancel()
+template <typename Stream> void Connection<Stream>::cancel()
 {
     beast::error_code ignored;
-    mSocket.next_layer().close(ignored);
+    beast::get_lowest_layer(mSocket).close(ignored);
 }
+
+template class Connection<Socket>;
+template class Connection<SecureSocket>;
 
 }  // namespace bench::client

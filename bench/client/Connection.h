@@ -10,7 +10,9 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
 
 #include <cstdint>
 #include <string>
@@ -28,7 +30,11 @@ struct Period
 using Executor = boost::asio::io_context::executor_type;
 template <typename Result> using Awaitable = boost::asio::awaitable<Result, Executor>;
 
-class Connection
+using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
+using SecureSocket = boost::beast::ssl_stream<Socket>;
+
+// `Stream`: a socket, with TLS or without.
+template <typename Stream> class Connection
 {
 public:
     Connection(boost::asio::io_context& context, const Options& options, Tally& tally);
@@ -43,8 +49,7 @@ public:
     void cancel();
 
 private:
-    using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
-    using WebSocket = boost::beast::websocket::stream<Socket>;
+    using WebSocket = boost::beast::websocket::stream<Stream>;
 
     Awaitable<bool> exchange();
     bool checkEcho(size_t received);

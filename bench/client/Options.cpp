@@ -44,6 +44,7 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
         ->type_name("NUMBER")
         ->check(CLI::Range(1U, kMaxConnections));
     app.add_option("--path", options.path, "What to ask for")->type_name("PATH");
+    app.add_flag("--tls", options.tls, "Use TLS; the certificate is not checked");
     app.add_flag("--text", options.text, "Send text instead of binary messages");
     try {
         app.parse(argc, argv);

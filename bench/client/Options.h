@@ -18,6 +18,7 @@ struct Options
     unsigned threads = 1;
     std::string path = "/echo";
     bool text = false;
+    bool tls = false;
 };
 
 // False: the process must exit with `exitCode`; the message has been printed.

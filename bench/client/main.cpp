@@ -26,7 +26,8 @@ constexpr double kWarmUpPart = 0.2;
 // For all to connect, and after the end for the last echoes.
 constexpr std::chrono::seconds kTimeout(10);
 
-Awaitable<void> openInto(Connection& connection, std::vector<Connection*>& open)
+template <typename Stream>
+Awaitable<void> openInto(Connection<Stream>& connection, std::vector<Connection<Stream>*>& open)
 {
     const bool isOpen = co_await connection.open();
     if (isOpen)
@@ -34,7 +35,7 @@ Awaitable<void> openInto(Connection& connection, std::vector<Connection*>& open)
 }
 
 // The connections of one thread.
-class Group
+template <typename Stream> class Group
 {
 public:
     Group(const Options& options, size_t connections)
@@ -46,14 +47,14 @@ public:
     // Returns when all are open or have failed.
     void open()
     {
-        for (Connection& connection : mConnections)
+        for (Connection<Stream>& connection : mConnections)
             boost::asio::co_spawn(mContext, openInto(connection, mOpen), boost::asio::detached);
         runUntil(Clock::now() + kTimeout, "opening the connections");
     }
 
     void run(Period period)
     {
-        for (Connection* connection : mOpen)
+        for (Connection<Stream>* connection : mOpen)
             boost::asio::co_spawn(mContext, connection->run(period), boost::asio::detached);
         runUntil(period.end + kTimeout, "waiting for echoes");
     }
@@ -69,21 +70,22 @@ private:
         if (mContext.stopped())
             return;
         mTally.addError(std::string(what) + " took too long");
-        for (Connection& connection : mConnections)
+        for (Connection<Stream>& connection : mConnections)
             connection.cancel();
         mContext.run();
     }
 
     boost::asio::io_context mContext{1};
     Tally mTally;
-    std::list<Connection> mConnections;
-    std::vector<Connection*> mOpen;
+    std::list<Connection<Stream>> mConnections;
+    std::vector<Connection<Stream>*> mOpen;
 };
 
-template <typename Action> void onThreads(std::list<Group>& groups, Action action)
+template <typename Stream, typename Action>
+void onThreads(std::list<Group<Stream>>& groups, Action action)
 {
     std::vector<std::thread> threads;
-    for (Group& group : groups)
+    for (Group<Stream>& group : groups)
         threads.emplace_back([&group, action] { action(group); });
     for (std::thread& thread : threads)
         thread.join();
@@ -98,6 +100,22 @@ Period periodFromNow(double seconds)
     return {begin, begin + duration(seconds)};
 }
 
+template <typename Stream> Tally measure(const Options& options)
+{
+    std::list<Group<Stream>> groups;
+    for (unsigned i = 0; i < options.threads; ++i)
+        groups.emplace_back(options, (options.connections + i) / options.threads);
+
+    onThreads(groups, [](Group<Stream>& group) { group.open(); });
+    const Period period = periodFromNow(options.seconds);
+    onThreads(groups, [period](Group<Stream>& group) { group.run(period); });
+
+    Tally all;
+    for (const Group<Stream>& group : groups)
+        all.merge(group.getTally());
+    return all;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -106,17 +124,7 @@ int main(int argc, char** argv)
     int exitCode = 0;
     if (!parseOptions(argc, argv, options, exitCode))
         return exitCode;
-    std::list<Group> groups;
-    for (unsigned i = 0; i < options.threads; ++i)
-        groups.emplace_back(options, (options.connections + i) / options.threads);
-
-    onThreads(groups, [](Group& group) { group.open(); });
-    const Period period = periodFromNow(options.seconds);
-    onThreads(groups, [period](Group& group) { group.run(period); });
-
-    Tally all;
-    for (const Group& group : groups)
-        all.merge(group.getTally());
+    Tally all = options.tls ? measure<SecureSocket>(options) : measure<Socket>(options);
     std::cout << all.report(options.seconds) << std::endl;
     return all.isGood() ? 0 : 1;
 }

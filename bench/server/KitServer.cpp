@@ -27,12 +27,14 @@ namespace
 
 using qv::kit::ContentType;
 using qv::kit::DeferredResponse;
+using qv::kit::DeferredStream;
 using qv::kit::Request;
+using qv::kit::StreamWrite;
 
 constexpr int kNotFoundStatus = 404;
 constexpr uint64_t kSlowBytesPerMicrosecond = 20;
 constexpr uint64_t kMaxEchoBytes = 67108864;
-constexpr std::chrono::milliseconds kStopLimit(2000);
+constexpr int kFirstPieces = 64;
 
 const ContentType kType(kContentType);
 
@@ -117,7 +119,27 @@ private:
     std::vector<DeferredResponse> mResponses;  // under mMutex
 };
 
-void addRoutes(qv::kit::Router& router, Waiting& waiting)
+// Streams that begin and go on for ever, without a thread: clients have left some.
+class Streams
+{
+public:
+    void start(Request& request)
+    {
+        DeferredStream stream = request.defer().startStream(kType);
+        for (int i = 0; i < kFirstPieces && stream.write(streamPiece()) == StreamWrite::Taken;
+             ++i) {
+        }
+        const std::lock_guard locker(mMutex);
+        std::erase_if(mStreams, [](const DeferredStream& begun) { return begun.isGone(); });
+        mStreams.push_back(std::move(stream));
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<DeferredStream> mStreams;  // under mMutex
+};
+
+void addRoutes(qv::kit::Router& router, Waiting& waiting, Streams& streams)
 {
     router.get("/hello", [](Request& request) { request.reply(kHello, kType); });
     router.get("/ping", [](Request& request) { request.reply(kHello, kType); }).nonBlocking();
@@ -132,6 +154,7 @@ void addRoutes(qv::kit::Router& router, Waiting& waiting)
         router.any(path, [](Request& request) { request.reply(request.body(), kType); })
             .maxBodyBytes(kMaxEchoBytes);
     router.get("/wait", [&](Request& request) { waiting.add(request.defer()); }).nonBlocking();
+    router.get("/events", [&](Request& request) { streams.start(request); });
     router.get("/waiting",
                [&](Request& request) { request.reply(std::to_string(waiting.count())); });
     router.get("/release",
@@ -147,8 +170,9 @@ bool serveWithKit(const Options& options)
     static_cast<qv::http::ServerOptions&>(serving) = servingOptions(options);
     serving.workers = options.workers;
     Waiting waiting;
+    Streams streams;
     qv::kit::Server server(serving);
-    addRoutes(server.router(), waiting);
+    addRoutes(server.router(), waiting, streams);
     if (!server.start()) {
         std::cerr << "wendrel-bench-server: " << server.failureReason() << std::endl;
         return false;
@@ -156,7 +180,7 @@ bool serveWithKit(const Options& options)
     for (const std::string& endpoint : server.endpoints())
         std::cout << "listening on " << endpoint << std::endl;
     stopSignal.wait();
-    server.stop(kStopLimit);
+    server.stop(std::chrono::milliseconds(options.stopLimitMs));
     return true;
 }
 

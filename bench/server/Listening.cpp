@@ -16,7 +16,6 @@ namespace
 // More than the clients of any row.
 constexpr uint32_t kMaxConnections = 20000;
 constexpr std::chrono::seconds kStartLimit(10);
-constexpr std::chrono::milliseconds kStopLimit(2000);
 
 bool startPolling(qv::http::HttpServer& server, const Options& options)
 {
@@ -70,7 +69,7 @@ bool startServer(qv::http::HttpServer& server, const Options& options)
 void shutDownServer(qv::http::HttpServer& server, const Options& options)
 {
     if (!options.polling)
-        server.shutDown(kStopLimit);
+        server.shutDown(std::chrono::milliseconds(options.stopLimitMs));
 }
 
 }  // namespace bench

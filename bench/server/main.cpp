@@ -28,8 +28,11 @@ int main(int argc, char** argv)
 {
     bench::Options options;
     int exitCode = 0;
-    const bench::Program program{
-        .name = "wendrel-bench-server", .about = kAbout, .hasEndpoints = true, .hasKit = true};
+    const bench::Program program{.name = "wendrel-bench-server",
+                                 .about = kAbout,
+                                 .hasEndpoints = true,
+                                 .hasTls = true,
+                                 .hasKit = true};
     if (!bench::parseOptions(argc, argv, program, options, exitCode))
         return exitCode;
     // Clients that break off are no news here.

@@ -18,6 +18,21 @@ constexpr const char* kPages =
     "Serves on 127.0.0.1: GET /hello, GET /big, GET /stream?bytes=N, GET /slow?ms=N, POST /upload\n"
     "and, with --websocket, an echo on any path. Ends on SIGTERM and SIGINT.\n";
 
+void addTls(CLI::App& app, Options& options)
+{
+    CLI::Option* const certificate =
+        app.add_option("--tls-certificate", options.tlsCertificate,
+                       "Serve HTTPS with the certificate chain in this file (PEM)")
+            ->type_name("FILE");
+    CLI::Option* const key =
+        app.add_option("--tls-key", options.tlsKey, "Private key of the certificate (PEM)")
+            ->type_name("FILE")
+            ->needs(certificate);
+    certificate->needs(key);
+    if (CLI::Option* const polling = app.get_option_no_throw("--polling"))
+        certificate->excludes(polling);
+}
+
 }  // namespace
 
 bool parseOptions(int argc, char** argv, const Program& program, Options& options, int& exitCode)
@@ -49,22 +64,18 @@ bool parseOptions(int argc, char** argv, const Program& program, Options& option
             ->type_name("ENDPOINT")
             ->excludes(polling)
             ->excludes(port);
+        app.add_option("--stop-limit", options.stopLimitMs,
+                       "Milliseconds for the requests in progress when it is stopped")
+            ->type_name("NUMBER")
+            ->excludes(polling);
         app.add_flag("--deflate", options.deflate, "Accept compression of WebSocket messages")
             ->needs(app.get_option("--websocket"))
             ->excludes(polling);
-        CLI::Option* const certificate =
-            app.add_option("--tls-certificate", options.tlsCertificate,
-                           "Serve HTTPS with the certificate chain in this file (PEM)")
-                ->type_name("FILE")
-                ->excludes(polling);
-        CLI::Option* const key =
-            app.add_option("--tls-key", options.tlsKey, "Private key of the certificate (PEM)")
-                ->type_name("FILE")
-                ->needs(certificate);
-        certificate->needs(key);
     } else {
         port->required();
     }
+    if (program.hasTls)
+        addTls(app, options);
     if (program.canSuspend)
         app.add_flag("--suspend", options.suspend,
                      "Suspend connections that wait for a worker; 32 KiB of memory for each");

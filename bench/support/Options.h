@@ -24,8 +24,9 @@ struct Options
     bool webSocket = false;
     bool polling = false;             // this library only
     std::vector<std::string> listen;  // this library only; in place of the port
+    unsigned stopLimitMs = 2000;      // this library only; event-driven mode
     bool deflate = false;             // this library only; WebSockets of event-driven mode
-    std::string tlsCertificate;       // this library only; empty: plain
+    std::string tlsCertificate;       // empty: plain
     std::string tlsKey;
     bool suspend = false;  // the bare daemon only
 };
@@ -35,7 +36,8 @@ struct Program
 {
     std::string name;
     std::string about;
-    bool hasEndpoints = false;  // --listen, --polling, --deflate and --tls-...
+    bool hasEndpoints = false;  // --listen, --polling, --stop-limit, --deflate
+    bool hasTls = false;        // --tls-certificate and --tls-key
     bool canSuspend = false;    // --suspend
     bool hasKit = false;        // --mode kit
 };
