@@ -157,6 +157,14 @@ std::string boundaryOf(std::string_view contentType)
     refuse("its type has no valid boundary");
 }
 
+std::string multipartBoundary(std::string_view contentType)
+{
+    if (!isType(contentType, kMultipart))
+        throw HttpError(kUnsupportedType,
+                        "the body must be a form of the type multipart/form-data");
+    return boundaryOf(contentType);
+}
+
 // "UTF-8'en'%e2%82%ac": the charset, the language, the text. Empty for another charset.
 std::string extendedValue(std::string_view text)
 {
@@ -169,103 +177,24 @@ std::string extendedValue(std::string_view text)
     return decoded(text.substr(quote + 1), false);
 }
 
-class Counter
+void checkName(const FormLimits& limits, size_t nameBytes)
 {
-public:
-    explicit Counter(const FormLimits& limits) : mLimits(limits) {}
+    if (nameBytes > limits.maxNameBytes)
+        refuseLarge("the form has a field whose name is longer than " +
+                    std::to_string(limits.maxNameBytes) + " bytes");
+}
 
-    void add(size_t nameBytes)
-    {
-        if (++mFields > mLimits.maxFields)
-            refuseLarge("the form has more than " + std::to_string(mLimits.maxFields) + " fields");
-        checkName(mLimits, nameBytes);
-    }
-
-    static void checkName(const FormLimits& limits, size_t nameBytes)
-    {
-        if (nameBytes > limits.maxNameBytes)
-            refuseLarge("the form has a field whose name is longer than " +
-                        std::to_string(limits.maxNameBytes) + " bytes");
-    }
-
-private:
-    const FormLimits& mLimits;
-    size_t mFields = 0;
-};
+void countField(const FormLimits& limits, size_t& fields)
+{
+    if (++fields > limits.maxFields)
+        refuseLarge("the form has more than " + std::to_string(limits.maxFields) + " fields");
+}
 
 void checkUtf8(std::string_view text, const std::string& name)
 {
     if (!websocket::isUtf8(text))
         refuse("the field \"" + name + "\" is not UTF-8");
 }
-
-// Written under a name of its own until it is complete.
-class NewFile
-{
-public:
-    explicit NewFile(const std::string& path) : mPath(path)
-    {
-        constexpr const char* kTemporaryPrefix = ".upload-";
-        constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
-        constexpr mode_t kMode = 0666;
-        static std::atomic<unsigned> count{0};
-        do {
-            mTemporary = path.substr(0, path.rfind('/') + 1) + kTemporaryPrefix +
-                         std::to_string(getpid()) + "-" + std::to_string(++count);
-            mDescriptor = open(mTemporary.c_str(), kFlags, kMode);
-        } while (mDescriptor < 0 && errno == EEXIST);
-        if (mDescriptor < 0)
-            fail();
-    }
-
-    ~NewFile()
-    {
-        if (mDescriptor >= 0)
-            close(mDescriptor);
-        if (!mIsComplete)
-            unlink(mTemporary.c_str());
-    }
-
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-
-    void write(const char* data, size_t size)
-    {
-        while (size > 0) {
-            const ssize_t written = ::write(mDescriptor, data, size);
-            if (written < 0 && errno == EINTR)
-                continue;
-            if (written < 0)
-                fail();
-            data += written;
-            size -= static_cast<size_t>(written);
-        }
-    }
-
-    void complete()
-    {
-        const int descriptor = std::exchange(mDescriptor, -1);
-        if (close(descriptor) != 0 && errno != EINTR)
-            fail();
-        if (rename(mTemporary.c_str(), mPath.c_str()) != 0)
-            fail();
-        mIsComplete = true;
-    }
-
-private:
-    [[noreturn]] void fail() const
-    {
-        const int error = errno;
-        if (error == ENOSPC || error == EDQUOT)
-            throw HttpError(kInsufficientStorage);
-        throw std::system_error(error, std::generic_category(), "cannot write " + mPath);
-    }
-
-    const std::string mPath;
-    std::string mTemporary;
-    int mDescriptor = -1;
-    bool mIsComplete = false;
-};
 
 }  // namespace
 
@@ -283,6 +212,60 @@ const FormFile* Form::file(std::string_view name) const
     return found == mFiles.end() ? nullptr : &*found;
 }
 
+NewFile::NewFile(const std::string& path) : mPath(path)
+{
+    constexpr const char* kTemporaryPrefix = ".upload-";
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+    constexpr mode_t kMode = 0666;
+    static std::atomic<unsigned> count{0};
+    do {
+        mTemporary = path.substr(0, path.rfind('/') + 1) + kTemporaryPrefix +
+                     std::to_string(getpid()) + "-" + std::to_string(++count);
+        mDescriptor = open(mTemporary.c_str(), kFlags, kMode);
+    } while (mDescriptor < 0 && errno == EEXIST);
+    if (mDescriptor < 0)
+        fail();
+}
+
+NewFile::~NewFile()
+{
+    if (mDescriptor >= 0)
+        close(mDescriptor);
+    if (!mIsComplete)
+        unlink(mTemporary.c_str());
+}
+
+void NewFile::write(std::string_view data)
+{
+    while (!data.empty()) {
+        const ssize_t written = ::write(mDescriptor, data.data(), data.size());
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            fail();
+        data.remove_prefix(static_cast<size_t>(written));
+        mBytes += static_cast<uint64_t>(written);
+    }
+}
+
+void NewFile::complete()
+{
+    const int descriptor = std::exchange(mDescriptor, -1);
+    if (close(descriptor) != 0 && errno != EINTR)
+        fail();
+    if (rename(mTemporary.c_str(), mPath.c_str()) != 0)
+        fail();
+    mIsComplete = true;
+}
+
+void NewFile::fail() const
+{
+    const int error = errno;
+    if (error == ENOSPC || error == EDQUOT)
+        throw HttpError(kInsufficientStorage);
+    throw std::system_error(error, std::generic_category(), "cannot write " + mPath);
+}
+
 size_t Part::read(char* buffer, size_t size)
 {
     return mReader.read(buffer, size);
@@ -296,7 +279,7 @@ std::string Part::text(uint64_t limitBytes)
         const size_t got = read(block.data(), block.size());
         text.append(block.data(), got);
         if (text.size() > limitBytes)
-            refuseLarge("the form field \"" + mName + "\" is longer than " +
+            refuseLarge("the form field \"" + name() + "\" is longer than " +
                         std::to_string(limitBytes) + " bytes");
         if (got == 0)
             return text;
@@ -307,19 +290,18 @@ uint64_t Part::saveTo(const std::string& path, uint64_t limitBytes)
 {
     NewFile file(path);
     std::string block(kBlockBytes, '\0');
-    uint64_t bytes = 0;
     while (const size_t got = read(block.data(), block.size())) {
-        bytes += got;
-        if (bytes > limitBytes)
-            refuseLarge("the file \"" + mFileName + "\" is longer than " +
+        if (got > limitBytes - file.size())
+            refuseLarge("the file \"" + fileName() + "\" is longer than " +
                         std::to_string(limitBytes) + " bytes");
-        file.write(block.data(), got);
+        file.write({block.data(), got});
     }
     file.complete();
-    return bytes;
+    return file.size();
 }
 
-void FormReader::describe(Part& part, const MultipartReader::Head& head, const FormLimits& limits)
+void FormReader::describe(PartHead& part, const MultipartReader::Head& head,
+                          const FormLimits& limits)
 {
     if (!isType(head.disposition, "form-data"))
         refuse("a part is no field");
@@ -342,7 +324,7 @@ void FormReader::describe(Part& part, const MultipartReader::Head& head, const F
     }
     if (!hasName)
         refuse("a part has no name");
-    Counter::checkName(limits, part.mName.size());
+    checkName(limits, part.mName.size());
     checkUtf8(part.mName, part.mName);
     if (part.mIsFile)
         part.mFileName = safeFileName(part.mFileNameAsSent);
@@ -352,14 +334,11 @@ void FormReader::describe(Part& part, const MultipartReader::Head& head, const F
 void FormReader::readParts(std::string_view contentType, MultipartReader::Source source,
                            const std::function<void(Part&)>& take, const FormLimits& limits)
 {
-    if (!isType(contentType, kMultipart))
-        throw HttpError(kUnsupportedType,
-                        "the body must be a form of the type multipart/form-data");
-    MultipartReader reader(boundaryOf(contentType), std::move(source));
+    MultipartReader reader(multipartBoundary(contentType), std::move(source));
     MultipartReader::Head head;
-    Counter fields(limits);
+    size_t fields = 0;
     while (reader.next(head)) {
-        fields.add(0);
+        countField(limits, fields);
         Part part(reader);
         describe(part, head, limits);
         take(part);
@@ -368,7 +347,7 @@ void FormReader::readParts(std::string_view contentType, MultipartReader::Source
 
 void FormReader::readEncoded(Form& form, std::string_view body, const FormLimits& limits)
 {
-    Counter fields(limits);
+    size_t fields = 0;
     while (!body.empty()) {
         const size_t end = std::min(body.find('&'), body.size());
         const std::string_view pair = body.substr(0, end);
@@ -379,7 +358,8 @@ void FormReader::readEncoded(Form& form, std::string_view body, const FormLimits
         FormField field;
         field.name = decoded(pair.substr(0, equals), true);
         field.value = decoded(pair.substr(std::min(equals + 1, pair.size())), true);
-        fields.add(field.name.size());
+        countField(limits, fields);
+        checkName(limits, field.name.size());
         checkUtf8(field.name, field.name);
         checkUtf8(field.value, field.name);
         form.mFields.push_back(std::move(field));
@@ -414,6 +394,72 @@ Form FormReader::read(std::string_view contentType, const std::string& body,
     };
     readParts(contentType, source, take, limits);
     return form;
+}
+
+PartFeed::PartFeed(std::string contentType, OnPart onPart, const FormLimits& limits)
+    : mContentType(std::move(contentType)), mOnPart(std::move(onPart)), mLimits(limits)
+{}
+
+// As much as there is of the present piece.
+size_t PartFeed::takeRest(char* buffer, size_t size)
+{
+    if (mRest.empty() && !mIsComplete)
+        throw MultipartReader::NotYet();
+    const size_t part = std::min(size, mRest.size());
+    std::memcpy(buffer, mRest.data(), part);
+    mRest.remove_prefix(part);
+    return part;
+}
+
+void PartFeed::give(std::string_view piece)
+{
+    mRest = piece;
+    run();
+}
+
+void PartFeed::complete()
+{
+    mIsComplete = true;
+    run();
+}
+
+void PartFeed::run()
+{
+    if (!mReader)
+        mReader.emplace(multipartBoundary(mContentType),
+                        [this](char* buffer, size_t size) { return takeRest(buffer, size); });
+    try {
+        while (mIsInPart ? takePart() : beginPart()) {
+        }
+    } catch (const MultipartReader::NotYet&) {
+        // Goes on with the next piece.
+    }
+}
+
+// False after the last part.
+bool PartFeed::beginPart()
+{
+    MultipartReader::Head head;
+    if (!mReader->next(head))
+        return false;
+    countField(mLimits, mFields);
+    PartHead part;
+    FormReader::describe(part, head, mLimits);
+    mTaker = mOnPart ? mOnPart(part) : PartTaker();
+    mIsInPart = true;
+    return true;
+}
+
+bool PartFeed::takePart()
+{
+    std::array<char, kBlockBytes> block;
+    const size_t got = mReader->read(block.data(), block.size());
+    mIsInPart = got != 0;
+    if (mTaker)
+        mTaker({block.data(), got});
+    if (!mIsInPart)
+        mTaker = nullptr;
+    return true;
 }
 
 }  // namespace qv::kit

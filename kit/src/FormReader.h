@@ -6,7 +6,9 @@
 
 #include <Wendrel/kit/Form.h>
 
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,8 +28,43 @@ public:
                      const FormLimits& limits);
 
 private:
-    static void describe(Part& part, const MultipartReader::Head& head, const FormLimits& limits);
+    friend class PartFeed;
+    static void describe(PartHead& part, const MultipartReader::Head& head,
+                         const FormLimits& limits);
     static void readEncoded(Form& form, std::string_view body, const FormLimits& limits);
+};
+
+// A multipart body that is given in pieces. Throws as FormReader and the callbacks do; it is not
+// used any more then.
+class PartFeed
+{
+public:
+    using OnPart = std::function<PartTaker(const PartHead&)>;
+
+    PartFeed(std::string contentType, OnPart onPart, const FormLimits& limits);
+    PartFeed(const PartFeed&) = delete;
+    PartFeed& operator=(const PartFeed&) = delete;
+
+    void give(std::string_view piece);
+
+    // After the last piece.
+    void complete();
+
+private:
+    size_t takeRest(char* buffer, size_t size);
+    void run();
+    bool beginPart();
+    bool takePart();
+
+    const std::string mContentType;
+    const OnPart mOnPart;
+    const FormLimits mLimits;
+    std::optional<MultipartReader> mReader;  // made with the first piece
+    std::string_view mRest;                  // of the present piece
+    bool mIsComplete = false;                // there are no further pieces
+    bool mIsInPart = false;
+    PartTaker mTaker;  // of that part
+    size_t mFields = 0;
 };
 
 }  // namespace qv::kit

@@ -40,9 +40,12 @@ MultipartReader::MultipartReader(std::string_view boundary, Source source)
 // False at the end of the body. Positions change.
 bool MultipartReader::fill()
 {
-    mBuffer.erase(0, mAt);
-    mDataEnd -= std::min(mDataEnd, mAt);
-    mAt = 0;
+    const size_t taken = std::min(mAt, mKept);
+    mBuffer.erase(0, taken);
+    mDataEnd -= std::min(mDataEnd, taken);
+    mAt -= taken;
+    if (mKept != npos)
+        mKept -= taken;
     const size_t have = mBuffer.size();
     mBuffer.resize(have + kPieceBytes);
     size_t got = 0;
@@ -110,12 +113,22 @@ bool MultipartReader::next(Head& head)
         mIsOver = true;
         return false;
     }
+    // The whole head again when the source has not got all of it yet.
+    mKept = mAt;
+    Rollback begun([this] { mAt = mKept; });
+    goToPart(head);
+    begun.commit();
+    mKept = npos;
+    return true;
+}
+
+void MultipartReader::goToPart(Head& head)
+{
     if (!trimmed(takeLine()).empty())
         refuse("there is a text behind a delimiter");
     takeHead(head);
-    mIsAtEnd = false;
     beginData();
-    return true;
+    mIsAtEnd = false;
 }
 
 // A part may have no data, not even an empty line before it: the line end that has been taken for

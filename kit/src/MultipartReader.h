@@ -14,8 +14,12 @@ namespace qv::kit
 class MultipartReader
 {
 public:
-    // Reads up to `size` bytes; fewer only at the end of the body.
+    // Reads up to `size` bytes, at least one unless the body has ended, or throws NotYet.
     using Source = std::function<size_t(char* buffer, size_t size)>;
+
+    // Leaves `next` or `read`, which is called again when the source has further bytes.
+    struct NotYet
+    {};
 
     // The headers of a part that matter.
     struct Head
@@ -33,6 +37,9 @@ public:
     size_t read(char* buffer, size_t size);
 
 private:
+    static constexpr size_t npos = std::string::npos;
+
+    void goToPart(Head& head);
     bool fill();
     void findEnd();
     void beginData();
@@ -44,6 +51,7 @@ private:
     const Source mSource;
     std::string mBuffer;
     size_t mAt = 0;            // of the first byte that has not been taken
+    size_t mKept = npos;       // of the first byte that `next` may take again
     size_t mDataEnd = 0;       // up to here the bytes belong to the part
     bool mIsEndFound = false;  // the delimiter is at mDataEnd
     bool mIsAtEnd = false;     // of the part

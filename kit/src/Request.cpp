@@ -346,6 +346,22 @@ void DeferredResponse::onBody(std::function<void(std::string_view)> onPiece,
         mExchange->deliverBody(std::move(onPiece), std::move(onComplete));
 }
 
+void DeferredResponse::onParts(std::function<PartTaker(const PartHead&)> onPart,
+                               std::function<void()> onComplete, const FormLimits& limits)
+{
+    if (!isOpen())
+        return;
+    const std::string* const found = mExchange->getHeaders().findLine("content-type");
+    const auto feed =
+        std::make_shared<PartFeed>(found ? *found : std::string(), std::move(onPart), limits);
+    mExchange->deliverBody([feed](std::string_view piece) { feed->give(piece); },
+                           [feed, onComplete = std::move(onComplete)] {
+                               feed->complete();
+                               if (onComplete)
+                                   onComplete();
+                           });
+}
+
 void DeferredResponse::setDeadline(std::chrono::milliseconds limit, int status)
 {
     if (isOpen())

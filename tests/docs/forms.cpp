@@ -3,12 +3,18 @@
 #include <Wendrel/kit/Server.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 using qv::kit::ContentType;
+using qv::kit::DeferredResponse;
 using qv::kit::Form;
 using qv::kit::FormFile;
+using qv::kit::NewFile;
 using qv::kit::Part;
+using qv::kit::PartHead;
+using qv::kit::PartTaker;
 using qv::kit::Request;
 
 namespace
@@ -53,6 +59,32 @@ void upload(Request& request, const std::string& directory)
     request.reply(album + "\n" + text);
 }
 
+// The same without a worker while the client is slow. The callbacks keep the response.
+void uploadLater(Request& request, const std::string& directory)
+{
+    struct Incoming
+    {
+        DeferredResponse later;
+        std::string text;
+    };
+    auto incoming = std::make_shared<Incoming>();
+    incoming->later = request.defer();
+    incoming->later.onParts(
+        [incoming, directory](const PartHead& part) -> PartTaker {
+            if (!part.isFile() || part.fileNameAsSent().empty())
+                return nullptr;
+            auto file = std::make_shared<NewFile>(directory + "/" + part.fileName());
+            return [incoming, file, name = part.fileName()](std::string_view piece) {
+                file->write(piece);
+                if (!piece.empty())
+                    return;
+                file->complete();
+                incoming->text += name + ": " + std::to_string(file->size()) + "\n";
+            };
+        },
+        [incoming] { incoming->later.reply(incoming->text); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -65,5 +97,9 @@ int main(int argc, char** argv)
     server.router()
         .post("/upload", [&](Request& request) { upload(request, directory); })
         .streaming();
+    server.router()
+        .post("/later", [&](Request& request) { uploadLater(request, directory); })
+        .streaming()
+        .maxBodyBytes(kMaxFileBytes);
     return server.run(argc > 1 ? argv[1] : "127.0.0.1:8181");
 }

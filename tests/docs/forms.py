@@ -65,6 +65,10 @@ class Forms(unittest.TestCase):
         self.assertEqual((self.store / "large.bin").read_bytes(), large.read_bytes())
         self.assertEqual(sorted(path.name for path in self.store.iterdir()),
                          ["large.bin", "small.txt"])
+        (self.store / "large.bin").unlink()
+        self.assertEqual(self.curl("/later", "-F", "album=May", "-F", f"f=@{large}", "-F", "f=@/dev/null;filename="),
+                         (200, "large.bin: 25600000\n"))
+        self.assertEqual((self.store / "large.bin").read_bytes(), large.read_bytes())
 
 
 if __name__ == "__main__":

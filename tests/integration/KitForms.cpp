@@ -8,19 +8,26 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace integration
 {
 namespace
 {
 
+using qv::kit::DeferredResponse;
 using qv::kit::Form;
 using qv::kit::FormFile;
 using qv::kit::FormLimits;
+using qv::kit::NewFile;
 using qv::kit::Part;
+using qv::kit::PartHead;
+using qv::kit::PartTaker;
 using qv::kit::Request;
 using qv::kit::Router;
 using ::testing::HasSubstr;
@@ -168,6 +175,79 @@ TEST(KitForms, AreStreamedToFilesInConstantMemory)
     if (kCountsMemory) {
         EXPECT_LT(residentKiB() - before, 8 * 1024);
     }
+}
+
+// Files of slow clients, with four workers.
+TEST(KitForms, HoldNoWorkerWhileTheClientIsSlow)
+{
+    constexpr size_t kUploads = 200;
+    qv::tests::TemporaryDirectory directory;
+    struct Incoming
+    {
+        DeferredResponse later;
+        std::string names;
+    };
+    KitTestServer server(
+        [&](Router& router) {
+            router
+                .post("/upload/{name}",
+                      [&](Request& request) {
+                          auto incoming = std::make_shared<Incoming>();
+                          const std::string path =
+                              directory / std::string(request.pathParameter("name"));
+                          incoming->later = request.defer();
+                          incoming->later.onParts(
+                              [incoming, path](const PartHead& part) -> PartTaker {
+                                  incoming->names += part.name();
+                                  if (!part.isFile())
+                                      return nullptr;
+                                  auto file = std::make_shared<NewFile>(path);
+                                  return [file](std::string_view piece) {
+                                      file->write(piece);
+                                      if (piece.empty())
+                                          file->complete();
+                                  };
+                              },
+                              [incoming] { incoming->later.reply(incoming->names); });
+                      })
+                .streaming();
+            router.get("/ping", [](Request& request) { request.reply("pong"); });
+        },
+        kitOptions(4));
+    const std::string form =
+        partHead("name=a") + "1\r\n" + partHead("name=f; filename=x") + "content\r\n--b0--\r\n";
+    std::vector<std::unique_ptr<RawClient>> slow;
+    for (size_t i = 0; i < kUploads; ++i) {
+        slow.push_back(std::make_unique<RawClient>(server.port()));
+        const std::string target = "/upload/" + std::to_string(i);
+        ASSERT_TRUE(slow.back()->send(headOfForm(target, kMultipart, form.size())));
+        // Everywhere in the form.
+        ASSERT_TRUE(slow.back()->send(form.substr(0, i % form.size())));
+    }
+    ASSERT_TRUE(waitUntil([&] { return server.server().openRequests() == kUploads; }));
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(server.get("/ping").body, "pong");
+    for (size_t i = 0; i < kUploads; ++i) {
+        ASSERT_TRUE(slow[i]->send(form.substr(i % form.size())));
+        EXPECT_EQ(slow[i]->receive().value_or(RawResponse()).body, "af") << i;
+        std::ifstream file(directory / std::to_string(i));
+        const std::string content{std::istreambuf_iterator<char>(file), {}};
+        EXPECT_EQ(content, "content");
+    }
+    // Errors of the form, and a client that leaves.
+    EXPECT_EQ(server.ask(post("/upload/e", kEncoded, "a=1")).status, 415);
+    EXPECT_EQ(server.ask(post("/upload/e", kMultipart, form.substr(0, 90))).status, 400);
+    {
+        RawClient leaving(server.port());
+        ASSERT_TRUE(leaving.send(headOfForm("/upload/e", kMultipart, form.size()) +
+                                 form.substr(0, form.size() - 12)));
+        ASSERT_TRUE(waitUntil([&] { return server.server().openRequests() == 1; }));
+    }
+    EXPECT_TRUE(waitUntil([&] { return server.server().openRequests() == 0; }));
+    EXPECT_TRUE(server.stop());
+    // Nothing is left of them.
+    const std::filesystem::directory_iterator files(std::filesystem::path(directory / "."));
+    EXPECT_EQ(std::distance(begin(files), end(files)), static_cast<long>(kUploads));
 }
 
 // Of a million fields or parts the first thousand are read.

@@ -78,6 +78,26 @@ std::string ReadInPieces(const std::string& body, size_t piece)
     });
 }
 
+// As Read for multipart bodies, given in pieces.
+std::string FeedInPieces(std::string_view body, size_t piece, const FormLimits& limits = {})
+{
+    return Outcome([&] {
+        std::string fields;
+        std::string files;
+        const auto onPart = [&](const PartHead& part) -> PartTaker {
+            std::string& text = part.isFile() ? files : fields;
+            text += part.name() +
+                    (part.isFile() ? ":" + part.fileName() + ":" + part.type() + ":" : "=");
+            return [&text](std::string_view content) { text += content.empty() ? "\n" : content; };
+        };
+        PartFeed feed(kMultipart, onPart, limits);
+        for (size_t at = 0; at < body.size(); at += piece)
+            feed.give(body.substr(at, piece));
+        feed.complete();
+        return fields + files;
+    });
+}
+
 std::string Field(const std::string& name, const std::string& value)
 {
     return "--b0\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
@@ -133,10 +153,15 @@ TEST(Form, ReadsPartsInPiecesOfEverySize)
     EXPECT_EQ(Read(kMultipart, body), contents);
     for (size_t piece = 1; piece < body.size(); ++piece)
         EXPECT_EQ(ReadInPieces(body, piece), contents) << piece;
+    for (size_t piece = 1; piece <= body.size(); ++piece)
+        EXPECT_EQ(FeedInPieces(body, piece), contents) << piece;
     // Content around the size of the reader's buffer.
     for (size_t size = 65400; size < 65700; ++size) {
         const std::string value(size, '\r');
         ASSERT_EQ(ReadInPieces(Field("a", value) + Field("b", "2") + kEnd, 65536),
+                  "a=" + value + "\nb=2\n")
+            << size;
+        ASSERT_EQ(FeedInPieces(Field("a", value) + Field("b", "2") + kEnd, 65536),
                   "a=" + value + "\nb=2\n")
             << size;
     }
@@ -200,6 +225,33 @@ TEST(Form, RefusesBodiesThatEndEarly)
                   "400 the form is malformed:")
             << size;
     EXPECT_EQ(Read(kMultipart, body.substr(0, body.size() - 2)), Read(kMultipart, body));
+    for (const size_t piece : {size_t{1}, size_t{7}, body.size()}) {
+        for (size_t size = 0; size + 2 < body.size(); ++size)
+            EXPECT_EQ(FeedInPieces(body.substr(0, size), piece).substr(0, 26),
+                      "400 the form is malformed:")
+                << size;
+    }
+}
+
+TEST(Form, RefusesPiecesBeforeTheEnd)
+{
+    FormLimits limits;
+    limits.maxFields = 1;
+    const auto none = [](const PartHead&) { return PartTaker(); };
+    PartFeed many(kMultipart, none, limits);
+    many.give(Field("a", "1"));
+    // Known when a delimiter may no longer follow the head.
+    EXPECT_THROW(many.give(Field("b", "a value")), HttpError);
+    PartFeed malformed(kMultipart, none, limits);
+    EXPECT_THROW(malformed.give("--b0 x\r\n"), HttpError);
+    PartFeed type("text/plain", none, limits);
+    EXPECT_THROW(type.give("a"), HttpError);
+    PartFeed discarded(kMultipart, none, limits);
+    discarded.give(Field("a", "1") + kEnd);
+    discarded.give("epilogue");
+    discarded.complete();
+    EXPECT_EQ(FeedInPieces(Field("a", "1") + Field("b", "2") + kEnd, 1, limits),
+              "413 the form has more than 1 fields");
 }
 
 TEST(Form, RefusesMalformedParts)

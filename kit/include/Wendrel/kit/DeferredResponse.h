@@ -2,6 +2,7 @@
 #ifndef WENDREL_KIT_DEFERREDRESPONSE_H
 #define WENDREL_KIT_DEFERREDRESPONSE_H
 
+#include <Wendrel/kit/Form.h>
 #include <Wendrel/kit/Responder.h>
 
 #include <chrono>
@@ -127,6 +128,13 @@ public:
     /// that leaves them, anything else (500, logged with the route), and a body beyond
     /// `Route::maxBodyBytes` (413) become the response; `onGone` is called.
     void onBody(std::function<void(std::string_view)> onPiece, std::function<void()> onComplete);
+
+    /// Delivers a form of the type multipart/form-data as `onBody` delivers a body, in constant
+    /// memory: calls `onPart` with each field and file in the order of the form, and the function
+    /// that it returns with the bytes of that part; then `onComplete`. Errors of the form become
+    /// the response: those of `Request::readParts`.
+    void onParts(std::function<PartTaker(const PartHead&)> onPart, std::function<void()> onComplete,
+                 const FormLimits& limits = FormLimits());
 
     /// Without a response within `limit` from now, the response is that of `replyError(status)`,
     /// or an empty one with status 204 or 304, and `onGone` is called. It replaces the deadline

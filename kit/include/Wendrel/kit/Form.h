@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -64,15 +65,10 @@ private:
     std::vector<FormFile> mFiles;
 };
 
-/// A field or file of a form while it is received; see `Request::readParts`. Bytes that its
-/// callback does not read are discarded. Operations throw HttpError: 400 when the body is malformed
-/// or cannot be received any more, 413 beyond a limit.
-class Part
+/// The head of a field or file of a form.
+class PartHead
 {
 public:
-    Part(const Part&) = delete;
-    Part& operator=(const Part&) = delete;
-
     /// The name of the field.
     const std::string& name() const { return mName; }
 
@@ -91,16 +87,33 @@ public:
     /// The type of the content as the client gives it; "text/plain" unless it does.
     const std::string& type() const { return mType; }
 
+private:
+    friend class FormReader;
+
+    std::string mName;
+    std::string mFileName;
+    std::string mFileNameAsSent;
+    std::string mType;
+    bool mIsFile = false;
+};
+
+/// A field or file of a form while it is received; see `Request::readParts`. Bytes that its
+/// callback does not read are discarded. Operations throw HttpError: 400 when the body is malformed
+/// or cannot be received any more, 413 beyond a limit.
+class Part : public PartHead
+{
+public:
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+
     /// Reads up to `size` bytes; 0 at the end of the part.
     size_t read(char* buffer, size_t size);
 
     /// The rest, of at most `limitBytes`.
     std::string text(uint64_t limitBytes = 65536);
 
-    /// Writes the rest to a file, of at most `limitBytes`, and returns how many bytes it has. The
-    /// file appears under its name when it is complete, in place of one of that name; otherwise
-    /// nothing is left. Throws HttpError 507 when the disk is full, std::system_error when the file
-    /// cannot be written. It is not flushed to the disk.
+    /// Writes the rest to a file, of at most `limitBytes`, and returns how many bytes it has. See
+    /// NewFile, whose errors it throws.
     uint64_t saveTo(const std::string& path, uint64_t limitBytes);
 
 private:
@@ -109,11 +122,42 @@ private:
     ~Part() = default;
 
     MultipartReader& mReader;
-    std::string mName;
-    std::string mFileName;
-    std::string mFileNameAsSent;
-    std::string mType;
-    bool mIsFile = false;
+};
+
+/// Takes the bytes of a part, piece by piece, and at its end an empty piece; see
+/// `DeferredResponse::onParts`. Empty: they are discarded.
+using PartTaker = std::function<void(std::string_view piece)>;
+
+/// A file that appears under its name when it is complete, in place of one of that name; until then
+/// it has a hidden name in the same directory, and destroyed before it leaves nothing. Operations
+/// throw HttpError 507 when the disk is full, std::system_error when the file cannot be written. It
+/// is not flushed to the disk. Used by one thread at a time.
+class NewFile
+{
+public:
+    /// Creates the file under its hidden name.
+    explicit NewFile(const std::string& path);
+    ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    /// Appends `data`.
+    void write(std::string_view data);
+
+    /// Bytes written.
+    uint64_t size() const { return mBytes; }
+
+    /// Gives the file its name. Nothing is written afterwards.
+    void complete();
+
+private:
+    [[noreturn]] void fail() const;
+
+    const std::string mPath;
+    std::string mTemporary;
+    uint64_t mBytes = 0;
+    int mDescriptor = -1;
+    bool mIsComplete = false;
 };
 
 }  // namespace qv::kit
