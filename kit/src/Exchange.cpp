@@ -485,6 +485,8 @@ template <typename Action> void Exchange::callApplication(const char* failure, c
     try {
         action();
     } catch (const HttpError& error) {
+        if (mIsStream)
+            log(failure, std::to_string(error.status()) + ' ' + error.what());
         fail(error);
     } catch (const std::exception& error) {
         log(failure, error.what());

@@ -20,6 +20,7 @@ struct DispatchAccess
     static constexpr uint32_t kReady = 1;
     static constexpr uint32_t kStreamed = 2;
     static constexpr uint32_t kSentWhole = 3;
+    static constexpr uint32_t kReadyInError = 4;  // event-driven mode only
 
     static MHD_Connection*& connection(HttpBaseRequest& r) { return r.mConnection; }
     static std::string& originalFullUrl(HttpBaseRequest& r) { return r.mOriginalFullUrl; }

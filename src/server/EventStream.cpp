@@ -208,9 +208,21 @@ ssize_t ReadEventContent(void* closure, uint64_t, char* buffer, size_t size)
     return 0;
 }
 
+// A stream that fails after its announcement is cut off, whether or not the daemon has seen it
+// before.
 Decision DecideEvent(HttpResponseDevice& device, HttpBaseRequest& request, std::vector<char>& body)
 {
     auto& state = DispatchAccess::responseState(device);
+    if (state == DispatchAccess::kReadyInError) {
+        state = DispatchAccess::kReady;
+        return Decide(device, request, body);
+    }
+    if (state == DispatchAccess::kReady && device.hasDeviceError() &&
+        !DispatchAccess::isCompleted(device)) {
+        DispatchAccess::bodyPending(request) = false;
+        state = DispatchAccess::kStreamed;
+        return Decision::Stream;
+    }
     const bool hasSource = DispatchAccess::source(device) != nullptr;
     const bool isCounted = DispatchAccess::countedBytes(device) != 0;
     if (state != DispatchAccess::kReady || !(hasSource || isCounted) || device.hasDeviceError())

@@ -194,7 +194,8 @@ void HttpResponseDevice::endSending()
         mCompleted = true;
         if (mResponseState == impl::DispatchAccess::kStreamed)
             resume();
-        else if (mResponseState == impl::DispatchAccess::kReady)
+        else if (mResponseState == impl::DispatchAccess::kReady ||
+                 mResponseState == impl::DispatchAccess::kReadyInError)
             discardUpload(*mRequest);
     }
     // The rest of an upload is received and discarded.
@@ -212,7 +213,8 @@ bool HttpResponseDevice::setResponseReady()
     qvMutexLocker locker(mMutex.get());
     if (mResponseState != impl::DispatchAccess::kNotReady)
         return false;
-    mResponseState = impl::DispatchAccess::kReady;
+    const bool isFailed = hasDeviceError() && impl::DispatchAccess::record(*mRequest);
+    mResponseState = isFailed ? impl::DispatchAccess::kReadyInError : impl::DispatchAccess::kReady;
     if (mCompleted)
         discardUpload(*mRequest);
     resume();

@@ -55,6 +55,7 @@ NOT_FOR_USERS = {
     "src/request/DispatchAccess.h kReady": "a state",
     "src/request/DispatchAccess.h kStreamed": "a state",
     "src/request/DispatchAccess.h kSentWhole": "a state",
+    "src/request/DispatchAccess.h kReadyInError": "a state",
     "src/request/Utf8.cpp kStateBits": "an algorithm's",
     "src/request/Utf8.cpp kStateMask": "an algorithm's",
     "src/request/Utf8.cpp kBlockBytes": "an algorithm's",
