@@ -372,12 +372,13 @@ void EventStream::subscribe(Request& request)
     // For proxies: do not keep it, do not collect it.
     request.setHeader("Cache-Control", "no-store");
     request.setHeader("X-Accel-Buffering", "no");
-    if (request.method() == Method::Head) {
-        request.reply(200, std::string(), type);
-        return;
-    }
+    const bool isHead = request.method() == Method::Head;
     const std::string lastId = request.header("Last-Event-ID");
     DeferredStream stream = request.defer().startStream(type, 200, mTopic->queueBytes());
+    if (isHead) {
+        stream.finish();
+        return;
+    }
     mTopic->subscribe(std::move(stream), lastId);
 }
 

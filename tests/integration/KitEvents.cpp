@@ -301,6 +301,22 @@ TEST(KitEvents, AreKeptAliveByComments)
     EXPECT_TRUE(waitUntil([&] { return run.events().subscribers() == 1; }));
 }
 
+// As of other streams, whose length is not known.
+TEST(KitEvents, HaveNoLengthForHead)
+{
+    EventServer run(quiet());
+    RawClient client(run.server().port());
+    ASSERT_TRUE(client.send("HEAD /events HTTP/1.1\r\nHost: x\r\n\r\n"));
+    const auto head = client.receiveHead();
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->status, 200);
+    EXPECT_EQ(head->value("Content-Type"), "text/event-stream");
+    EXPECT_EQ(head->value("Cache-Control"), "no-store");
+    EXPECT_TRUE(head->values("Content-Length").empty());
+    EXPECT_EQ(run.events().subscribers(), 0u);
+    EXPECT_TRUE(run.server().stop());
+}
+
 TEST(KitEvents, EndWithTheirTopic)
 {
     EventServer run(quiet());
