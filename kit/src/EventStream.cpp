@@ -5,9 +5,12 @@
 
 #include "EventText.h"
 
+#include <qvSystem/ForkSafety.h>
 #include <qvSystem/ThreadSafety.h>
 #include <qvSystem/qvMutex.h>
 #include <qvSystem/qvWaitCondition.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <deque>
@@ -101,6 +104,11 @@ public:
     // objects hold it.
     ~Heart()
     {
+        // A child process has no such thread, and its mutex may be held.
+        if (isOfParent()) {
+            mThread.detach();
+            return;
+        }
         mBeats->stop();
         if (mThread.get_id() == std::this_thread::get_id())
             mThread.detach();
@@ -117,6 +125,17 @@ public:
     }
 
 private:
+    struct Shared
+    {
+        qvMutex mutex;
+        std::weak_ptr<Heart> heart QV_GUARDED_BY(mutex);
+    };
+
+    static Shared& shared();
+    static void lockForFork() QV_NO_THREAD_SAFETY_ANALYSIS { shared().mutex.lock(); }
+    static void unlockAfterFork() QV_NO_THREAD_SAFETY_ANALYSIS { shared().mutex.unlock(); }
+    bool isOfParent() const { return mProcess != getpid(); }
+
     // Shared with the thread.
     class Beats
     {
@@ -148,19 +167,28 @@ private:
         bool mIsStopping QV_GUARDED_BY(mMutex) = false;
     };
 
+    const pid_t mProcess = getpid();
     const std::shared_ptr<Beats> mBeats = std::make_shared<Beats>();
     std::thread mThread;
 };
 
+// Never destroyed: a fork may come later.
+EventStream::Heart::Shared& EventStream::Heart::shared()
+{
+    static Shared& theShared = *new Shared;
+    static const bool isHeld = (holdAcrossForks<&lockForFork, &unlockAfterFork>(), true);
+    static_cast<void>(isHeld);
+    return theShared;
+}
+
 std::shared_ptr<EventStream::Heart> EventStream::Heart::get()
 {
-    static qvMutex mutex;
-    static std::weak_ptr<Heart> heart;
-    const qvMutexLocker locker(&mutex);
-    std::shared_ptr<Heart> shared = heart.lock();
-    if (!shared)
-        heart = shared = std::make_shared<Heart>();
-    return shared;
+    Shared& known = shared();
+    const qvMutexLocker locker(&known.mutex);
+    std::shared_ptr<Heart> heart = known.heart.lock();
+    if (!heart || heart->isOfParent())
+        known.heart = heart = std::make_shared<Heart>();
+    return heart;
 }
 
 // Entries are moved, not made: there may be no memory.

@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -299,6 +301,39 @@ TEST(KitEvents, AreKeptAliveByComments)
     // A client that has left is noticed without an event.
     client->raw().reset();
     EXPECT_TRUE(waitUntil([&] { return run.events().subscribers() == 1; }));
+}
+
+// Two comments after the one at the beginning.
+bool hasHeartbeats(EventServer& run)
+{
+    const auto client = run.listen();
+    return count(client->until(":\n\n\r\n3\r\n:\n\n\r\n3\r\n:\n\n"), ":\n\n") >= 3;
+}
+
+TEST(KitEvents, AreKeptAliveInAChildOfAProcessThatHasSome)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a child of several threads starts none under this sanitizer";
+#endif
+    EventStreamOptions options;
+    options.heartbeat = milliseconds(20);
+    const auto parents = std::make_unique<EventStream>(options);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        bool isRight = false;
+        {
+            EventServer run(options);
+            isRight = hasHeartbeats(run);
+        }
+        ::_exit(isRight ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EventServer run(options);
+    EXPECT_TRUE(hasHeartbeats(run));
 }
 
 // As of other streams, whose length is not known.
