@@ -39,12 +39,20 @@ constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 // when the last run has ended.
 std::atomic<int> sStopDescriptor{-1};
 
+// The process that handles the signals. A child that it forks has its handlers and its descriptor.
+std::atomic<pid_t> sStopProcess{-1};
+
 // How often certificates were to be reloaded.
 std::atomic<uint32_t> sReloads{0};
 
-extern "C" void wendrelKitStop(int)
+extern "C" void wendrelKitStop(int number)
 {
     const int error = errno;
+    // The action is the default one already; the signal is delivered when this returns.
+    if (getpid() != sStopProcess) {
+        raise(number);
+        return;
+    }
     const uint64_t one = 1;
     static_cast<void>(!write(sStopDescriptor, &one, sizeof one));
     errno = error;
@@ -96,6 +104,8 @@ public:
     StopSignals()
     {
         const std::lock_guard<std::mutex> locker(sMutex);
+        if (sStopProcess != getpid())
+            forgetParent();
         if (sCount == 0)
             install();
         ++sCount;
@@ -121,6 +131,17 @@ public:
     }
 
 private:
+    // No thread of the parent is here: nobody uses the descriptor.
+    static void forgetParent()
+    {
+        if (sCount != 0)
+            uninstall();
+        sCount = 0;
+        if (isValid())
+            close(sStopDescriptor.exchange(-1));
+        sStopProcess = getpid();
+    }
+
     static void install()
     {
         if (!isValid())

@@ -5,9 +5,12 @@
 #include <Wendrel/kit/DeferredResponse.h>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <future>
 #include <memory>
 #include <string>
@@ -92,6 +95,90 @@ TEST_F(KitStops, AServerThatWasShortenedStartsAgain)
     first.get();
     ASSERT_TRUE(mServer.server().start()) << mServer.server().failureReason();
     EXPECT_TRUE(mServer.stop());
+}
+
+// `Server::run` on a thread of its own; ended by SIGTERM.
+class KitRun : public ::testing::Test
+{
+protected:
+    void start(milliseconds stopTimeout = kLimit)
+    {
+        mServer.options().stopTimeout = stopTimeout;
+        mServer.router().get("/", [](Request& request) { request.reply("served"); });
+        mServer.router().get("/later",
+                             [this](Request& request) { mLater.push_back(request.defer()); });
+        mEnd = std::async(std::launch::async, [this] { return mServer.run(); });
+        ASSERT_TRUE(waitUntil([this] { return mServer.isRunning(); }));
+        const std::string endpoint = mServer.endpoints().front();
+        mPort = static_cast<uint16_t>(std::stoi(endpoint.substr(endpoint.rfind(':') + 1)));
+    }
+
+    // What `run` has returned; -1 after the limit.
+    int end()
+    {
+        ::kill(::getpid(), SIGTERM);
+        return mEnd.wait_for(kLimit) == std::future_status::ready ? mEnd.get() : -1;
+    }
+
+    bool isServing() const
+    {
+        RawClient client(mPort);
+        client.send(getRequest("/"));
+        const auto response = client.receive();
+        return response && response->body == "served";
+    }
+
+    std::vector<DeferredResponse> mLater;
+    qv::kit::Server mServer{kitOptions(1)};
+    uint16_t mPort = 0;
+    std::future<int> mEnd;
+};
+
+TEST_F(KitRun, IsNotEndedByASignalToAChild)
+{
+    start();
+    for (const int number : {SIGTERM, SIGINT}) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(60);
+            ::raise(number);
+            ::_exit(1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(WTERMSIG(status), number);
+    }
+    EXPECT_EQ(mEnd.wait_for(milliseconds(100)), std::future_status::timeout);
+    EXPECT_TRUE(isServing());
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(KitRun, OfAChildIsEndedByItsOwnSignal)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a child of several threads starts none under this sanitizer";
+#endif
+    start();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        qv::kit::Server server(kitOptions(1));
+        std::thread stopper([&] {
+            if (waitUntil([&] { return server.isRunning(); }))
+                ::kill(::getpid(), SIGTERM);
+        });
+        const int code = server.run();
+        stopper.join();
+        ::_exit(code);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(mEnd.wait_for(milliseconds(100)), std::future_status::timeout);
+    EXPECT_TRUE(isServing());
+    EXPECT_EQ(end(), 0);
 }
 
 // A late call belongs to the stop before, or stops the server as any call does.
