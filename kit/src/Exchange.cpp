@@ -39,6 +39,7 @@ constexpr int kMaxStatus = 599;
 
 constexpr const char* kRetryAfterSeconds = "1";
 constexpr size_t kPieceBytes = 65536;
+constexpr std::string_view kAbortedByStop = "DaemonShutdown";
 
 // A smaller body of a response is not counted: the memory of its connection is larger.
 constexpr size_t kMinHeldBytes = 16384;
@@ -850,6 +851,8 @@ void Exchange::onAborted(const std::string& reason)
     // The reasons are short enough for a text without an allocation.
     if (mIsReported || mCore.metrics())
         mAbortReason = reason;
+    if (reason == kAbortedByStop)
+        mCore.countAbortByStop();
     claim(By::Aborted);
     becomeGone();
 }

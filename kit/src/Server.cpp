@@ -4,6 +4,7 @@
 #include <Wendrel/kit/ServiceManager.h>
 
 #include "CertificateWatch.h"
+#include "KitLog.h"
 #include "ServerCore.h"
 
 #include <Wendrel/Wendrel.h>
@@ -21,6 +22,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -268,7 +270,9 @@ int Server::run()
         std::this_thread::sleep_for(mOptions.stopDelay);
     }
     manager.stopping();
-    stop(mOptions.stopTimeout);
+    if (!stop(mOptions.stopTimeout) && mCore->abortedByStop() != 0)
+        LogOfRoute("server",
+                   "requests aborted by the stop: ", std::to_string(mCore->abortedByStop()));
     return 0;
 }
 

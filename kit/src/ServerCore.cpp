@@ -176,6 +176,7 @@ bool ServerCore::start(const ServerOptions& options)
         if (failure.empty() && mMetrics)
             mMetrics->start(options.threads, mRouter.mTable->names());
         mIsDraining = false;
+        mAbortedByStop = 0;
         if (failure.empty() && mAccessLog)
             failure = mAccessLog->start();
         if (failure.empty() && startThreads(options))

@@ -92,6 +92,10 @@ public:
     Exchange& create();
     // The daemon has completed a request. Under the mutex of its response device.
     void completed() { --mOpenRequests; }
+    // The deadline of a stop has ended a request. Any thread.
+    void countAbortByStop() { ++mAbortedByStop; }
+    // Since the start.
+    uint64_t abortedByStop() const { return mAbortedByStop; }
     // Whether completed requests are told to the application. Not changed while the server runs.
     bool reportsRequests() const { return mReportsRequests; }
     // Ends the request, which the daemon has completed, when no mutex is held any more. Thread: the
@@ -131,6 +135,7 @@ private:
     std::atomic<size_t> mUsers{1};
     std::atomic<uint64_t> mRequestCount{0};
     std::atomic<size_t> mOpenRequests{0};
+    std::atomic<uint64_t> mAbortedByStop{0};
     std::atomic<Exchange*> mOver{nullptr};                      // requests to be ended
     std::atomic<size_t> mUnreported{0};                         // of those, and of the refused ones
     std::function<void(const CompletedRequest&)> mOnCompleted;  // not changed while the server runs

@@ -181,6 +181,27 @@ TEST_F(KitRun, OfAChildIsEndedByItsOwnSignal)
     EXPECT_EQ(end(), 0);
 }
 
+TEST_F(KitRun, LogsHowManyRequestsItsStopHasAborted)
+{
+    start(milliseconds(50));
+    RawClient first(mPort);
+    RawClient second(mPort);
+    for (RawClient* const client : {&first, &second})
+        ASSERT_TRUE(client->send(getRequest("/later")));
+    ASSERT_TRUE(waitUntil([this] { return mServer.openRequests() == 2; }));
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(processLog->lines("server: requests aborted by the stop: 2").size(), 1u);
+}
+
+TEST_F(KitRun, LogsNothingWhenItsStopHasAbortedNothing)
+{
+    start();
+    EXPECT_TRUE(isServing());
+    EXPECT_EQ(end(), 0);
+    for (const auto& line : processLog->lines())
+        EXPECT_EQ(line.message.find("aborted by the stop"), std::string::npos) << line.message;
+}
+
 // A late call belongs to the stop before, or stops the server as any call does.
 TEST(KitStopsAndStarts, LeaveAServerThatRunsOrCanBeStarted)
 {
