@@ -10,6 +10,8 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <locale>
+#include <sstream>
 #include <system_error>
 
 namespace qv::kit
@@ -58,14 +60,15 @@ template <typename Number> std::string textOf(Number number)
     return std::string(text.data(), end);
 }
 
-// "from 1 to 1000", "at least 1" or "at most 1000".
-template <typename Number> std::string rangeText(Number min, Number max)
+// "from 1 to 1000", or, when the number is beyond the one limit that the application has set,
+// "at least 1" or "at most 1000".
+template <typename Number> std::string rangeText(Number min, Number max, bool isBelow)
 {
     const bool hasMin = min != std::numeric_limits<Number>::lowest();
     const bool hasMax = max != std::numeric_limits<Number>::max();
-    if (hasMin && !hasMax)
+    if (isBelow && hasMin && !hasMax)
         return "at least " + textOf(min);
-    if (hasMax && !hasMin)
+    if (!isBelow && hasMax && !hasMin)
         return "at most " + textOf(max);
     return "from " + textOf(min) + " to " + textOf(max);
 }
@@ -75,6 +78,18 @@ template <typename Number> std::errc parse(const std::string& text, Number& numb
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     return stop == end ? error : std::errc::invalid_argument;
+}
+
+// Of a number that is out of the range of a double, infinity, or too close to 0, which is 0:
+// std::from_chars does not tell which.
+double roundedNumber(const std::string& text)
+{
+    std::istringstream stream(text);
+    stream.imbue(std::locale::classic());
+    double number = 0;
+    if (stream >> number)
+        return number;
+    return std::copysign(std::numeric_limits<double>::infinity(), number);
 }
 
 bool contains(const std::array<std::string_view, 4>& texts, std::string_view text)
@@ -117,8 +132,10 @@ int64_t Parameter::asInt(std::optional<int64_t> fallback, int64_t min, int64_t m
     const std::errc error = parse(mText, number);
     if (error == std::errc::invalid_argument)
         refuse("is not a whole number: " + quoted(mText));
-    if (error != std::errc() || number < min || number > max)
-        refuse("must be " + rangeText(min, max) + ": " + quoted(mText));
+    if (error != std::errc() || number < min || number > max) {
+        const bool isBelow = error == std::errc() ? number < min : mText.front() == '-';
+        refuse("must be " + rangeText(min, max, isBelow) + ": " + quoted(mText));
+    }
     return number;
 }
 
@@ -133,8 +150,10 @@ double Parameter::asDouble(std::optional<double> fallback, double min, double ma
     const std::errc error = parse(mText, number);
     if (error == std::errc::invalid_argument || !std::isfinite(number))
         refuse("is not a number: " + quoted(mText));
-    if (error != std::errc() || number < min || number > max)
-        refuse("must be " + rangeText(min, max) + ": " + quoted(mText));
+    if (error == std::errc::result_out_of_range)
+        number = roundedNumber(mText);
+    if (!std::isfinite(number) || number < min || number > max)
+        refuse("must be " + rangeText(min, max, number < min) + ": " + quoted(mText));
     return number;
 }
 

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 namespace qv::kit
@@ -60,6 +61,15 @@ TEST(Parameter, IsNeitherCopiedNorKept)
     static_assert(!std::is_move_constructible_v<Parameter>);
     static_assert(!std::is_convertible_v<Parameter&, const std::string&>);
     static_assert(std::is_convertible_v<Parameter, const std::string&>);
+}
+
+// It would have a value also where the request has none.
+TEST(Parameter, IsNoOptionalText)
+{
+    static_assert(!std::is_convertible_v<Parameter, std::optional<std::string>>);
+    static_assert(!std::is_convertible_v<Parameter, std::optional<std::string_view>>);
+    static_assert(std::is_convertible_v<Parameter, std::string>);
+    static_assert(std::is_convertible_v<Parameter, std::string_view>);
 }
 
 TEST(Parameter, IsAWholeNumber)
@@ -117,6 +127,51 @@ TEST(Parameter, RefusesNumbersOutOfRange)
                   "9223372036854775807: \"" +
                       text + "\"");
     }
+}
+
+TEST(Parameter, NamesTheLimitThatANumberIsBeyond)
+{
+    const struct
+    {
+        const char* text;
+        int64_t min;
+        int64_t max;
+        const char* range;
+    } rows[] = {
+        {"9223372036854775808", 1, INT64_MAX, "from 1 to 9223372036854775807"},
+        {"-9223372036854775809", 1, INT64_MAX, "at least 1"},
+        {"9223372036854775808", INT64_MIN, 7, "at most 7"},
+        {"-9223372036854775809", INT64_MIN, 7, "from -9223372036854775808 to 7"},
+        {"9223372036854775808", 1, 7, "from 1 to 7"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        EXPECT_EQ(RefusalOf([&] { Of(row.text).asInt(0, row.min, row.max); }),
+                  std::string("the query parameter \"n\" must be ") + row.range + ": \"" +
+                      row.text + "\"");
+    }
+    const std::string largest = "1.7976931348623157e+308";
+    EXPECT_EQ(RefusalOf([] { Of("1e400").asDouble(0, 1); }),
+              "the query parameter \"n\" must be from 1 to " + largest + ": \"1e400\"");
+    EXPECT_EQ(RefusalOf([] { Of("-1e400").asDouble(0, 1); }),
+              "the query parameter \"n\" must be at least 1: \"-1e400\"");
+    EXPECT_EQ(RefusalOf([] { Of("1e400").asDouble(0, -DBL_MAX, 7); }),
+              "the query parameter \"n\" must be at most 7: \"1e400\"");
+    EXPECT_EQ(RefusalOf([] { Of("-1e400").asDouble(0, -DBL_MAX, 7); }),
+              "the query parameter \"n\" must be from -" + largest + " to 7: \"-1e400\"");
+}
+
+TEST(Parameter, RoundsNumbersThatAreTooCloseToZero)
+{
+    for (const std::string text : {"1e-400", "-1e-400", ".5e-99999", "2.4e-324"}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(Of(text).asDouble(), 0);
+        EXPECT_EQ(Of(text).asDouble(1, 0, 1), 0);
+    }
+    EXPECT_EQ(Of("0." + std::string(400, '0') + "1").asDouble(), 0);
+    EXPECT_EQ(Of("5e-324").asDouble(), DBL_TRUE_MIN);
+    EXPECT_EQ(RefusalOf([] { Of("1e-400").asDouble(2, 1, 3); }),
+              "the query parameter \"n\" must be from 1 to 3: \"1e-400\"");
 }
 
 TEST(Parameter, NamesThatWhichIsMissing)

@@ -51,6 +51,10 @@ public:
     operator const std::string&() const&& { return mText; }
     /// The same.
     operator std::string_view() const&& { return mText; }
+    /// Would never be empty: ask `empty`.
+    operator std::optional<std::string>() && = delete;
+    /// The same.
+    operator std::optional<std::string_view>() && = delete;
 
     /// Whether there is no text.
     bool empty() const&& { return mText.empty(); }
@@ -65,7 +69,8 @@ public:
                   int64_t min = std::numeric_limits<int64_t>::min(),
                   int64_t max = std::numeric_limits<int64_t>::max()) const&&;
 
-    /// A finite number such as "-1.5e3", in every locale, from `min` to `max`, both included.
+    /// A finite number such as "-1.5e3", in every locale, from `min` to `max`, both included; the
+    /// nearest one that a double has, which is 0 for "1e-400".
     double asDouble(std::optional<double> fallback = std::nullopt,
                     double min = std::numeric_limits<double>::lowest(),
                     double max = std::numeric_limits<double>::max()) const&&;
