@@ -311,7 +311,9 @@ void FormReader::describe(PartHead& part, const MultipartReader::Head& head,
     std::string extended;
     bool hasName = false;
     while (takeParameter(rest, name, value)) {
-        if (name == "name" && !std::exchange(hasName, true))
+        if (name == "name" && std::exchange(hasName, true))
+            refuse("a part has two names");
+        if (name == "name")
             part.mName = decodedName(value);
         else if (name == "filename" && !std::exchange(part.mIsFile, true))
             part.mFileNameAsSent = decodedName(value);

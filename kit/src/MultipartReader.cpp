@@ -168,6 +168,7 @@ std::string MultipartReader::takeLine()
 void MultipartReader::takeHead(Head& head)
 {
     head = Head();
+    bool hasDisposition = false;
     size_t bytes = 0;
     for (;;) {
         const std::string line = takeLine();
@@ -181,6 +182,8 @@ void MultipartReader::takeHead(Head& head)
             refuse("a part has a line that is no header");
         const std::string name = toLower(line.substr(0, colon));
         const std::string value(trimmed(std::string_view(line).substr(colon + 1)));
+        if (name == "content-disposition" && std::exchange(hasDisposition, true))
+            refuse("a part has two headers Content-Disposition");
         if (name == "content-disposition")
             head.disposition = value;
         else if (name == "content-type")
