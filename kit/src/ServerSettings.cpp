@@ -427,6 +427,22 @@ private:
     std::vector<ServerSetting> mSettings;
 };
 
+// Of "[name]" or "[[name]]": "name."; empty for "[default]", which is none.
+std::string sectionOf(std::string_view line)
+{
+    const size_t brackets = line[1] == '[' && line[line.size() - 2] == ']' ? 2 : 1;
+    const std::string_view name = line.substr(brackets, line.size() - 2 * brackets);
+    return equalsIgnoringCase(name, "default") ? std::string() : std::string(name) + '.';
+}
+
+// Of "name = value", with or without quotation marks.
+std::string_view nameOf(std::string_view line)
+{
+    const std::string_view name = trimmed(line.substr(0, line.find('=')));
+    const bool isQuoted = name.size() > 2 && (name.front() == '"' || name.front() == '\'');
+    return isQuoted ? name.substr(1, name.size() - 2) : name;
+}
+
 }  // namespace
 
 std::vector<ServerSetting> serverSettings(ServerOptions& options)
@@ -539,15 +555,19 @@ namespace impl
 
 size_t lineOfKey(std::string_view file, std::string_view key)
 {
+    std::string section;  // with a dot behind its name
     size_t line = 0;
     while (!file.empty()) {
         ++line;
         const size_t end = std::min(file.find('\n'), file.size());
-        std::string_view name = trimmed(file.substr(0, std::min(file.find('='), end)));
-        if (name.size() > 2 && (name.front() == '"' || name.front() == '\''))
-            name = name.substr(1, name.size() - 2);
-        if (name == key)
+        const std::string_view text = trimmed(file.substr(0, end));
+        if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+            section = sectionOf(text);
+            if (section.compare(0, key.size() + 1, std::string(key) + '.') == 0)
+                return line;
+        } else if (section + std::string(nameOf(text)) == key) {
             return line;
+        }
         file.remove_prefix(std::min(end + 1, file.size()));
     }
     return 0;

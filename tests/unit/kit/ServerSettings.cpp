@@ -21,7 +21,7 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// An application with one option of its own.
+// An application with options of its own.
 class Program
 {
 public:
@@ -30,6 +30,7 @@ public:
         mReader.add_option("--own", own, "Its own")->check(CLI::Range(1, 9));
         addSizeOption(mReader, "--own-size", ownSize, "A size");
         addDurationOption(mReader, "--own-time", ownTime, "A duration");
+        mReader.add_subcommand("sub", "A subcommand")->add_option("--key", key, "Of it");
         addServerOptions(mReader, options);
         if (!file.empty())
             std::ofstream(path()) << file;
@@ -54,6 +55,7 @@ public:
 
     ServerOptions options;
     int own = 5;
+    int key = 0;
     uint64_t ownSize = 2048;
     milliseconds ownTime{90000};
 
@@ -423,6 +425,17 @@ TEST(ServerSettings, ThePasswordIsReadOnce)
     EXPECT_EQ(program.options.tls.front().certificates.at(0).password, "secret");
 }
 
+TEST(ServerSettings, FileMayHaveSectionsOfSubcommands)
+{
+    Program program("workers = 3\n[sub]\nkey = 7\n");
+    EXPECT_EQ(program.parse({}), "");
+    EXPECT_EQ(program.options.workers, 3U);
+    EXPECT_EQ(program.key, 7);
+    Program dotted("sub.key = 8\n");
+    EXPECT_EQ(dotted.parse({}), "");
+    EXPECT_EQ(dotted.key, 8);
+}
+
 TEST(ServerSettings, ErrorsOfAFileNameItsLine)
 {
     const struct
@@ -440,6 +453,13 @@ TEST(ServerSettings, ErrorsOfAFileNameItsLine)
         {"workers = 1\nthreads = 1\nworkers = 2\n", ", line 1: 'workers' stands in the file twice"},
         {"own = 10\n", ", line 1: --own: "},
         {"workers\n", ", line 1: --workers: 'true' is no whole number"},
+        {"own = 1\na.b = 3\n", ", line 2: there is no option 'a.b'"},
+        {"workers = 3\n\n[server]\nworkers = 3\n", ", line 4: there is no option 'server.workers'"},
+        {"[[a.b]]\nc = 3\n", ", line 2: there is no option 'a.b.c'"},
+        {"own = 1\n[server]\n", ", line 2: there is no section 'server'"},
+        {"[a.b]\n", ", line 1: there is no section 'a"},
+        {"[sub]\nkey = 1\nworkers = 3\n", ", line 3: there is no option 'sub.workers'"},
+        {"[sub]\nkey = 1\n[DEFAULT]\nthread = 3\n", ", line 4: there is no option 'thread'"},
         {"port = 80\nlisten = \"127.0.0.1:0\"\n",
          ", line 2: --listen: not together with --port or --all-interfaces"},
     };

@@ -64,12 +64,20 @@ public:
         std::vector<CLI::ConfigItem> others;
         std::set<std::string> taken;
         const std::set<std::string> replaced = replacedOptions();
+        std::string unknown;  // section
         for (CLI::ConfigItem& item : CLI::ConfigTOML::from_config(lines)) {
-            if (!item.parents.empty())
-                others.push_back(std::move(item));
-            else
+            const bool isSection = item.name == "++" || item.name == "--";
+            if (item.parents.empty())
                 take(item, text, taken.insert(item.name).second, replaced);
+            else if (hasOption(item, isSection))
+                others.push_back(std::move(item));
+            else if (!isSection)
+                fail(text, item.fullname(), "there is no option '" + item.fullname() + "'");
+            else
+                unknown = CLI::detail::join(item.parents, ".");
         }
+        if (!unknown.empty())
+            fail(text, unknown, "there is no section '" + unknown + "'");
         return others;
     }
 
@@ -91,6 +99,28 @@ private:
         return replaced;
     }
 
+    [[noreturn]] void fail(const std::string& text, const std::string& key,
+                           const std::string& why) const
+    {
+        throw CLI::ConfigError(mOptions.get_config_ptr()->as<std::string>() + ", line " +
+                               std::to_string(lineOfKey(text, key)) + ": " + why);
+    }
+
+    // Whether the application has the subcommand, and the subcommand the option.
+    bool hasOption(const CLI::ConfigItem& item, bool isSection) const
+    {
+        CLI::App* owner = &mOptions;
+        try {
+            for (const std::string& name : item.parents)
+                owner = owner->get_subcommand(name);
+        } catch (const CLI::OptionNotFound&) {
+            return false;
+        }
+        return isSection || owner->get_option_no_throw("--" + item.name) ||
+               (item.name.size() == 1 && owner->get_option_no_throw("-" + item.name)) ||
+               owner->get_option_no_throw(item.name);
+    }
+
     void take(const CLI::ConfigItem& item, const std::string& text, bool isFirst,
               const std::set<std::string>& replaced) const
     {
@@ -109,9 +139,7 @@ private:
                 option->run_callback();
             }
         } catch (const CLI::ParseError& error) {
-            throw CLI::ConfigError(mOptions.get_config_ptr()->as<std::string>() + ", line " +
-                                   std::to_string(lineOfKey(text, item.name)) + ": " +
-                                   error.what());
+            fail(text, item.name, error.what());
         }
     }
 

@@ -55,7 +55,8 @@ std::string durationText(std::chrono::milliseconds duration);
 namespace impl
 {
 
-/// For `<Wendrel/kit/Configuration.h>`: the line of a file in which a key stands, counted from 1.
+/// For `<Wendrel/kit/Configuration.h>`: the line of a file in which a key, "section.name" behind
+/// "[section]", or the section "section" stands, counted from 1.
 size_t lineOfKey(std::string_view file, std::string_view key);
 
 }  // namespace impl
