@@ -28,4 +28,11 @@ foreach(compiler g++ clang++)
                 ${public_directories} -x c++ ${PROJECT_SOURCE_DIR}/${header})
         set_tests_properties(${name} PROPERTIES TIMEOUT 900)
     endforeach()
+    # The compiler names the header that is missing.
+    set(name integration.header.${compiler}.missing_json)
+    add_test(NAME ${name}
+        COMMAND ${wendrel_${id}} -std=c++17 -fsyntax-only ${public_directories}
+            ${CMAKE_CURRENT_SOURCE_DIR}/json_without_header.cpp)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 900
+        PASS_REGULAR_EXPRESSION "static.assert[^\n]*include <Wendrel/kit/Json.h>")
 endforeach()

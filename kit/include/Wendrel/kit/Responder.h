@@ -20,9 +20,10 @@ class Exchange;
 /// The type of a value as JSON: nlohmann::json without one. See `<Wendrel/kit/Json.h>`.
 template <typename Value> struct JsonOf
 {
+    static_assert(!std::is_void_v<Value>, "#include <Wendrel/kit/Json.h> for JSON");
+
     using Type = Value;  ///< as given
 };
-template <> struct JsonOf<void>;
 
 /// One response: any number of `setHeader`, `addHeader` and `setCookie`, then one `reply`. For HEAD
 /// and for status 204 and 304 no body is sent, only its length.
