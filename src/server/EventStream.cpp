@@ -8,6 +8,7 @@
 
 #include "listener/Connection.h"
 #include "request/DispatchAccess.h"
+#include "server/logging/DaemonLog.h"
 #include "server/logging/LogObject.h"
 
 #include <sys/socket.h>
@@ -31,9 +32,10 @@ ssize_t sendUnsuccessfully(char* buffer)
     return 1;
 }
 
-// The body ends before its end.
+// The body ends before its end, because the client has left or by an error of the application.
 ssize_t cutOff(Connection& record, char* buffer)
 {
+    ReportUnsent(!record.isAborted);
     record.cut();
     return sendUnsuccessfully(buffer);
 }

@@ -1,6 +1,8 @@
 // Server-sent events: delivery, replay, slow clients, many clients.
 
 #include "support/KitTestServer.h"
+#include "support/ProcessLog.h"
+#include "support/Waiting.h"
 
 #include <Wendrel/kit/EventStream.h>
 
@@ -402,6 +404,23 @@ TEST(KitEvents, ReachFiveThousandWithOneWorker)
         run.events().publish("", "anybody?");
         return run.events().subscribers() == 0;
     }));
+}
+
+// The daemon sends to it once more.
+TEST(KitEvents, WriteNoWarningForAClientThatLeaves)
+{
+    processLog->clear();
+    EventServer run(quiet());
+    for (int i = 0; i < 20; ++i) {
+        run.listen();
+        EXPECT_TRUE(waitUntil([&] {
+            run.events().publish("", "x");
+            return run.events().subscribers() == 0;
+        }));
+    }
+    EXPECT_TRUE(run.server().stop());
+    for (const auto& line : processLog->lines())
+        EXPECT_THAT(line.message, Not(HasSubstr("libmicrohttpd: ")));
 }
 
 TEST(KitEvents, ArePublishedWhileClientsComeAndLeave)

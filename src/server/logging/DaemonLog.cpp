@@ -7,6 +7,7 @@
 #include <qvSystem/SystemError.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,10 +28,17 @@ constexpr std::string_view kTrailing("\0\t\n\r ", 5);
 // Of an option that the kind of socket does not have; the reason follows.
 constexpr std::string_view kOptionFormat = "Setting %s option to %s state failed: %s";
 constexpr std::string_view kPushFormat = "Failed to push the data from buffers to the network.";
+// Of a response, with a path and a reason.
+constexpr std::string_view kSendFormat = "Failed to send the ";
+constexpr std::string_view kSendFormatEnd = " for the request for `%s'. Error: %s";
+constexpr std::array<std::string_view, 3> kReasonsOfPeer{
+    "The connection was forcibly closed by remote peer",
+    "The socket is no longer available for sending", "The socket is not connected"};
 constexpr std::string_view kAbortLine = "Application reported internal error, closing connection.";
 
 thread_local bool tHasDroppedOption = false;
 thread_local bool tExpectsAbort = false;
+thread_local bool tReportsUnsent = false;
 
 bool startsWith(const char* text, std::string_view start)
 {
@@ -48,6 +56,20 @@ bool isUnsupportedOption(const char* format, va_list arguments)
     const std::string_view reason = va_arg(copied, const char*);
     va_end(copied);
     return reason == SystemError(EOPNOTSUPP).toString();
+}
+
+// A response whose client has closed the connection: its completion tells the application.
+bool isUnsentResponse(const char* format, va_list arguments)
+{
+    if (!startsWith(format, kSendFormat) ||
+        std::string_view(format).find(kSendFormatEnd) == std::string_view::npos)
+        return false;
+    va_list copied;
+    va_copy(copied, arguments);
+    va_arg(copied, const char*);  // the path
+    const std::string_view reason = va_arg(copied, const char*);
+    va_end(copied);
+    return std::find(kReasonsOfPeer.begin(), kReasonsOfPeer.end(), reason) != kReasonsOfPeer.end();
 }
 
 // Only after an expected abort: it formats the message once more.
@@ -84,7 +106,8 @@ void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
     const bool isBehindOption = std::exchange(tHasDroppedOption, false);
     try {
         tHasDroppedOption = isUnsupportedOption(format, arguments);
-        if (tHasDroppedOption || (isBehindOption && startsWith(format, kPushFormat)))
+        if (tHasDroppedOption || (isBehindOption && startsWith(format, kPushFormat)) ||
+            (isUnsentResponse(format, arguments) && !std::exchange(tReportsUnsent, false)))
             return;
         LogDaemonMessage(closure, format, arguments);
     } catch (const std::bad_alloc&) {
@@ -95,6 +118,11 @@ void LogEventDaemonMessage(void* closure, const char* format, va_list arguments)
 void ExpectAbort(bool isExpected)
 {
     tExpectsAbort = isExpected;
+}
+
+void ReportUnsent(bool isReported)
+{
+    tReportsUnsent = isReported;
 }
 
 }  // namespace qv::impl

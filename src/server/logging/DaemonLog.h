@@ -12,13 +12,18 @@ namespace qv::impl
 void LogDaemonMessage(void* closure, const char* format, va_list arguments);
 
 // The same for event-driven mode, without the lines that the daemon writes for each response on a
-// Unix socket, which has no options of TCP, and without the line that an expected abort follows.
+// Unix socket, which has no options of TCP, for each client that closes its connection while it
+// gets a response, and without the line that an expected abort follows.
 void LogEventDaemonMessage(void* closure, const char* format, va_list arguments);
 
 // Whether the access handler of the calling thread returns MHD_NO in order to end a request: the
 // daemon's line about an internal error that follows is not one. Set to false by each call of the
 // handler.
 void ExpectAbort(bool isExpected);
+
+// Whether the response that the calling thread cuts off is one that the application has failed to
+// finish: the daemon's line about it that follows is written, although the client gets nothing.
+void ReportUnsent(bool isReported);
 
 }  // namespace qv::impl
 

@@ -170,6 +170,13 @@ constexpr const char* kOption = "Setting %s option to %s state failed: %s\n";
 constexpr const char* kPush = "Failed to push the data from buffers to the network. Client may "
                               "experience some delay (usually in range 200ms - 5 sec).\n";
 
+constexpr const char* kUnsentHead =
+    "Failed to send the response headers for the request for `%s'. Error: %s\n";
+constexpr const char* kUnsentBody =
+    "Failed to send the response body for the request for `%s'. Error: %s\n";
+constexpr const char* kUnsentPiece =
+    "Failed to send the chunked response body for the request for `%s'. Error: %s\n";
+
 TEST(EventDaemonLog, DropsTheLinesOfAResponseOnASocketWithoutOptionsOfTcp)
 {
     const CapturedLog log;
@@ -179,6 +186,35 @@ TEST(EventDaemonLog, DropsTheLinesOfAResponseOnASocketWithoutOptionsOfTcp)
         LogEvent(kPush);
     }
     EXPECT_THAT(log.lines(), SizeIs(0));
+}
+
+TEST(EventDaemonLog, DropsTheLinesOfClientsThatLeaveBeforeTheirResponse)
+{
+    const CapturedLog log;
+    for (const char* reason :
+         {"The connection was forcibly closed by remote peer",
+          "The socket is no longer available for sending", "The socket is not connected"}) {
+        LogEvent(kUnsentHead, "/a", reason);
+        LogEvent(kUnsentBody, "/a", reason);
+        LogEvent(kUnsentPiece, "/a", reason);
+    }
+    EXPECT_THAT(log.lines(), SizeIs(0));
+}
+
+TEST(EventDaemonLog, WritesTheLineOfAResponseThatTheApplicationDoesNotFinish)
+{
+    constexpr const char* kReason = "The socket is no longer available for sending";
+    const CapturedLog log;
+    impl::ReportUnsent(true);
+    std::thread([] { LogEvent(kUnsentPiece, "/a", kReason); }).join();  // of another thread
+    EXPECT_THAT(log.lines(), SizeIs(0));
+    LogEvent(kUnsentPiece, "/a", kReason);
+    EXPECT_THAT(log.lines(), SizeIs(1));
+    LogEvent(kUnsentPiece, "/a", kReason);
+    impl::ReportUnsent(true);
+    impl::ReportUnsent(false);
+    LogEvent(kUnsentPiece, "/a", kReason);
+    EXPECT_THAT(log.lines(), SizeIs(1));
 }
 
 TEST(EventDaemonLog, WritesEveryOtherLineAsPollingModeDoes)
@@ -201,6 +237,12 @@ TEST(EventDaemonLog, WritesEveryOtherLineAsPollingModeDoes)
          },
          "Setting TCP_NODELAY option to ON state failed for TCP/IP socket 5: Operation not "
          "supported"},
+        {"a response that is not sent for want of memory",
+         [] { LogEvent(kUnsentPiece, "/a", "Not enough memory"); },
+         "Failed to send the chunked response body for the request for `/a'. Error: Not enough "
+         "memory"},
+        {"a format that ends otherwise", [] { LogEvent("Failed to send the text\n"); },
+         "Failed to send the text"},
         {"a push without an option before", [] { LogEvent(kPush); },
          "Failed to push the data from buffers to the network. Client may experience some delay "
          "(usually in range 200ms - 5 sec)."},
