@@ -39,7 +39,8 @@ struct CompletedRequest
     std::string abortReason;
     /// The identifier that `requestId` of `<Wendrel/kit/Middleware.h>` has given; empty without.
     std::string requestId;
-    /// The user that has logged in by one of the authentications there; empty without.
+    /// The user that has logged in by one of the authentications there, or by a hook or handler
+    /// that calls `request.attach(AuthenticatedUser{name})`; empty without.
     std::string user;
     /// Headers of the request; empty without, and when no handler could see the request.
     std::string referer;
