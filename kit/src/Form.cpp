@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -381,7 +380,7 @@ Form FormReader::read(std::string_view contentType, const std::string& body,
     std::string_view rest = body;
     const auto source = [&](char* buffer, size_t size) {
         const size_t part = std::min(size, rest.size());
-        std::memcpy(buffer, rest.data(), part);
+        rest.copy(buffer, part);
         rest.remove_prefix(part);
         return part;
     };
@@ -408,7 +407,7 @@ size_t PartFeed::takeRest(char* buffer, size_t size)
     if (mRest.empty() && !mIsComplete)
         throw MultipartReader::NotYet();
     const size_t part = std::min(size, mRest.size());
-    std::memcpy(buffer, mRest.data(), part);
+    mRest.copy(buffer, part);
     mRest.remove_prefix(part);
     return part;
 }
