@@ -45,7 +45,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "An HTTP/1.1 server for the process of 
 These are the headers, the kit (worker pool, router, WebSockets; a static
 library), and what CMake and pkg-config need to find them.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "libwendrel3.0 (= ${wendrel_debian_version}), libssl-dev, zlib1g-dev, libzstd-dev")
+    "libwendrel3.0 (= ${wendrel_debian_version}), libssl-dev, zlib1g-dev, libzstd-dev, pkg-config")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "wendrel-doc, wendrel-examples, cmake, pkg-config")
 
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME wendrel-doc)

@@ -30,7 +30,7 @@ def check_control(packages):
               "libgcc-s1"}
     expect(runtime == wanted, f"libwendrel3.0 depends on {sorted(runtime)}")
     development = field(packages["libwendrel-dev"], "Depends")
-    expect(development == f"libwendrel3.0 (= {version}), libssl-dev, zlib1g-dev, libzstd-dev",
+    expect(development == f"libwendrel3.0 (= {version}), libssl-dev, zlib1g-dev, libzstd-dev, pkg-config",
            f"libwendrel-dev depends on {development}")
     examples = names_of(field(packages["wendrel-examples"], "Depends"))
     expect("libwendrel3.0" in examples, f"wendrel-examples depends on {sorted(examples)}")
