@@ -108,7 +108,11 @@ public:
     HttpResponseDevice& device() { return base().getResponseDevice(); }
 
     // The daemon sends a response, or closes the connection after one of its own.
-    bool isAnnounced() { return Access::responseState(device()) == Access::kReady; }
+    bool isAnnounced()
+    {
+        const uint32_t state = Access::responseState(device());
+        return state == Access::kReady || state == Access::kReadyInError;
+    }
     bool isInError() { return device().hasDeviceError(); }
     uint32_t status() { return isInError() ? 0 : base().getResponse().getStatusCode(); }
 
