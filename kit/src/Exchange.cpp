@@ -462,10 +462,11 @@ void Exchange::startClock()
 void Exchange::submit()
 {
     retain();
-    if (!mCore.workers().submit(*this)) {
-        const Rollback retained([this] { release(); });
+    Rollback retained([this] { release(); });  // without memory for the queue, too
+    if (mCore.workers().submit(*this))
+        retained.commit();
+    else
         refuseBusy(By::Server);
-    }
 }
 
 // The one place where a handler is called.

@@ -26,6 +26,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -60,6 +61,16 @@ protected:
     ~KitFailures() override { HttpBaseRequest::ClearRequestTypes(); }
 };
 
+// As the daemon.
+void Complete(HttpBaseRequest& request)
+{
+    HttpResponseDevice& device = request.getResponseDevice();
+    Access::endSource(device);
+    const qvMutexLocker locker(&Access::mutex(device));
+    Access::completed(request) = true;
+    request.onCompleted(0);
+}
+
 // One request in the place of a connection: the test makes the calls of the library.
 class OneRequest
 {
@@ -76,15 +87,9 @@ public:
         Access::record(base()) = &mRecord;
     }
 
-    // As the daemon completes it.
     ~OneRequest()
     {
-        Access::endSource(device());
-        {
-            const qvMutexLocker locker(&Access::mutex(device()));
-            Access::completed(base()) = true;
-            base().onCompleted(0);
-        }
+        Complete(base());
         mCore.endRequests();
         mCore.close();
         mCore.release();
@@ -348,6 +353,44 @@ TEST_F(KitFailures, APoolStartsWholeOrNotAtAll)
                          pool.stop();
                          EXPECT_EQ(runs, 1);
                      }}});
+}
+
+// A queue takes memory for many requests at once: enough of them for each place that needs some.
+TEST_F(KitFailures, ARequestIsDeletedThatTheQueueHasNoMemoryFor)
+{
+    constexpr size_t kRequests = 70;
+    const auto run = [](Attempt& attempt) {
+        const CapturedLog log;
+        const auto value = std::make_shared<int>(0);
+        auto& core = *new kit::ServerCore;
+        core.router().get("/worker", [](Request& r) { r.reply("a"); });
+        const_cast<kit::RouteTable&>(core.routes()).freeze({});
+        core.workers().start(1, kRequests);
+        CountingRecord record;
+        std::vector<Exchange*> requests;
+        for (size_t i = 0; i < kRequests; ++i) {
+            requests.push_back(&core.create());
+            HttpBaseRequest& base = *requests.back();
+            base.setHttpMethod("GET");
+            base.setOriginalFullUrl("/worker");
+            Access::record(base) = &record;
+            requests.back()->attach(typeid(int), value);
+        }
+        EXPECT_TRUE(attempt([&] {
+            for (Exchange* const each : requests) {
+                each->begin();
+                static_cast<HttpBaseRequest*>(each)->onBodyComplete();
+            }
+        }));
+        core.workers().stop();
+        for (Exchange* const each : requests)
+            Complete(*each);
+        core.endRequests();
+        EXPECT_EQ(value.use_count(), 1);
+        core.close();
+        core.release();
+    };
+    FailEachCall("requests for a worker", run);
 }
 
 TEST(KitServerFailures, AServerIsMadeWholeOrNotAtAll)
