@@ -476,10 +476,11 @@ void completeDelivered(const TlsDelivery& delivery, bool isSent)
 
 // The daemon has sent the response to the hop, which completes the request when the last record has
 // left.
-void deliver(EventDaemon& daemon, Connection& record, HttpBaseRequest& request)
+void deliver(EventDaemon& daemon, Connection& record, HttpBaseRequest& request,
+             bool isAbortReported)
 {
     const TlsDelivery delivery{&completeDelivered, &daemon, &request, record.shared_from_this(),
-                               record.progress.isAbortReported};
+                               isAbortReported};
     const TlsDelivered delivered = record.deliver(TlsDelivery(delivery));
     if (delivered != TlsDelivered::Later)
         completeDelivered(delivery, delivered == TlsDelivered::Sent);
@@ -611,6 +612,8 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
     HttpBaseRequest* sent = nullptr;
     if (record && record->hop && code == MHD_REQUEST_TERMINATED_COMPLETED_OK && context)
         sent = std::exchange(context->request, nullptr);
+    // The end of the request forgets it.
+    const bool isAbortReported = record && record->progress.isAbortReported;
     // The daemon completes the request of an upgraded connection with its own mutex held, under
     // which no mutex of a request or connection is taken.
     if (record && !record->progress.isUpgraded)
@@ -621,7 +624,7 @@ void EventRequestCompleted(void* closure, MHD_Connection* connection, void** slo
         // Of the application: the request is completed.
     }
     if (sent)
-        deliver(daemon, *record, *sent);
+        deliver(daemon, *record, *sent, isAbortReported);
     if (record && record->progress.isUpgraded)
         return;
     // The daemon may have missed the report of the end.

@@ -76,6 +76,8 @@ void respond(EventRequest& request)
         request.respondHere(200, "pong");
     else if (target == "/large")
         request.respondHere(200, pattern(kHeldBytes));
+    else if (target == "/upgrade")
+        request.respondHere(101, "");
 }
 
 bool isServed(RawClient& client)
@@ -116,12 +118,13 @@ protected:
     }
 
     // The client has read nothing of a response when the daemon has closed its end.
-    std::unique_ptr<RawClient> connectAndHold()
+    std::unique_ptr<RawClient>
+    connectAndHold(const std::string& requests = getRequest("/large", "Connection: close\r\n"))
     {
         auto client = connect();
         EXPECT_TRUE(isServed(*client));
         const size_t descriptors = countDescriptors();
-        client->send(getRequest("/large", "Connection: close\r\n"));
+        client->send(requests);
         EXPECT_TRUE(waitUntil([&] { return countDescriptors() == descriptors - 1; }));
         return client;
     }
@@ -153,6 +156,21 @@ TEST_F(HeldResponse, IsAbortedWithItsClient)
     EXPECT_NE(large().code, 0);
     EXPECT_EQ(large().abortReason(), "WriteError");
     EXPECT_THAT(large().connectionError(), HasSubstr("WriteError"));
+}
+
+// The refusal has been reported already.
+TEST_F(HeldResponse, OfARefusedUpgradeIsAbortedOnce)
+{
+    serve(10);
+    const auto client =
+        connectAndHold(getRequest("/large") + getRequest("/upgrade", "Connection: close\r\n"));
+    EventRequest& refused = *mRun->request(2);
+    EXPECT_EQ(refused.completions, 0);
+    client->reset();
+    ASSERT_TRUE(waitUntil([&] { return refused.completions == 1; }));
+    EXPECT_NE(refused.code, 0);
+    EXPECT_EQ(refused.aborts, 1);
+    EXPECT_EQ(refused.abortReason(), "UpgradeRefused");
 }
 
 TEST_F(HeldResponse, KeepsThePlaceOfItsConnection)
