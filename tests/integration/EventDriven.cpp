@@ -395,6 +395,8 @@ TEST_F(Upload, ThatIsNotWantedIsDiscardedWhenTheResponseIsComplete)
     ASSERT_TRUE(client.send(postHead(kBytes) + pattern(100000)));
     EventRequest* const request = run.request(0);
     ASSERT_TRUE(request);
+    // A response that is complete sooner, while the head is handled, closes the connection.
+    ASSERT_TRUE(waitUntil([&] { return request->pauses == 1; }));
     BackgroundCall sender([&] { client.send(pattern(kBytes).substr(100000)); });
     request->respondHere(403, "no");
     EXPECT_THAT(client.receive(), Optional(Field(&RawResponse::status, 403)));
