@@ -406,6 +406,12 @@ private:
         router.get("/throws/{name*}", [](Request& request) {
             throw std::runtime_error("on purpose\nwith a second line, " + request.target());
         });
+        // Fails behind the head of its response.
+        router.get("/cut/{name*}", [](Request& request) {
+            request.startStream();
+            request.write("begun");
+            throw std::runtime_error("on purpose");
+        });
     }
 
     const std::shared_ptr<Echo> mEcho = std::make_shared<Echo>();
