@@ -51,7 +51,6 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 namespace
 {
 
-using qv::HttpBaseRequest;
 using qv::kit::Request;
 using qv::kit::websocket::BinaryView;
 using qv::kit::websocket::Session;
