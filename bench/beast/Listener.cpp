@@ -27,6 +27,8 @@ Acceptor listen(asio::io_context& context, uint16_t port)
     return acceptor;
 }
 
+// A coroutine outlives the arguments of its call: it needs copies.
+// cppcheck-suppress passedByValue
 Awaitable<void> acceptConnections(Acceptor acceptor, Service service)
 {
     for (;;) {
