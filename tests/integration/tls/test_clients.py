@@ -284,13 +284,22 @@ class Testssl(SecureCase):
     EXPECTED = {"TLS1_2": "OK", "TLS1_3": "OK", "SSLv2": "OK", "SSLv3": "OK", "TLS1": "INFO", "heartbleed": "OK",
                 "CCS": "OK", "ROBOT": "OK", "secure_client_renego": "OK", "CRIME_TLS": "OK", "LUCKY13": "OK"}
 
-    def test_finds_nothing_of_severity_medium_or_worse(self):
-        found = self.directory / "found.json"
+    # A busy machine may let a connection of the scanner run into one of its own time limits; it says so.
+    ATTEMPTS = 3
+
+    def scan(self, number):
+        found = self.directory / f"found-{number}.json"
         _, output = self.run_client(
             "testssl", *self.SECTIONS, "--quiet", "--color", "0", "--warnings", "off", "--nodns", "none",
             "--add-ca", str(self.certificate), "--jsonfile", str(found), f"127.0.0.1:{self.port}",
             limit=self.LIMIT_SECONDS)
-        findings = json.loads(found.read_text())
+        return json.loads(found.read_text()), output
+
+    def test_finds_nothing_of_severity_medium_or_worse(self):
+        for number in range(self.ATTEMPTS):
+            findings, output = self.scan(number)
+            if not any("connect problem" in finding["finding"] for finding in findings):
+                break
         severities = {finding["id"]: finding["severity"] for finding in findings}
         severe = {finding["id"]: finding["finding"] for finding in findings if finding["severity"] in self.SEVERE}
         self.assertEqual(set(severe), self.KNOWN, severe)
