@@ -46,7 +46,7 @@ These are the headers, the kit (worker pool, router, WebSockets; a static
 library), and what CMake and pkg-config need to find them.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libwendrel3.0 (= ${wendrel_debian_version}), libssl-dev, zlib1g-dev, libzstd-dev, pkg-config")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "wendrel-doc, wendrel-examples, cmake, pkg-config")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "wendrel-doc, wendrel-examples, cmake")
 
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME wendrel-doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
